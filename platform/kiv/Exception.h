@@ -1,0 +1,45 @@
+// The exceptions of the runtime.
+#pragma once
+
+#include <exception>
+#include <string>
+#include <utility>
+
+namespace Pindo {
+
+/// Base of every exception the platform raises.
+class Exception : public std::exception {
+ public:
+  explicit Exception(std::string message) : message_(std::move(message)) {}
+
+  /// What went wrong, for people.
+  const char* what() const noexcept override { return message_.c_str(); }
+
+ private:
+  std::string message_;
+};
+
+}  // namespace Pindo
+
+namespace Kiv {
+
+/// An operation of the runtime was asked for what it cannot do.
+class Exception : public Pindo::Exception {
+ public:
+  using Pindo::Exception::Exception;
+};
+
+/// A value or an argument was refused because it is outside what its type allows.
+class RangeException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+}  // namespace Kiv
+
+/// Refuses an argument: raises Kiv::RangeException with `text` unless `condition` holds.
+#define KIV_REQUIRE(condition, text)     \
+  do {                                   \
+    if (!(condition)) [[unlikely]]       \
+      throw ::Kiv::RangeException(text); \
+  } while (false)
