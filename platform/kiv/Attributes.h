@@ -1,0 +1,344 @@
+// The kinds of attributes an entity can have: their storage, change detection and announcement.
+//
+// The templates hold all behaviour. One macro for each kind stamps what needs the attribute's name:
+// a tag type (the id, the name, and which callback reports a change) and the uniform one-line
+// members. Setters whose arguments or refusals are an attribute's own stand beside it in the class.
+//
+// Each macro stands in the public part of a class, after its NotifieeConst, which must declare the
+// attribute's callbacks: on##Attr() for one value, on##Attr(key) and on##Attr##kivImmediate() for a
+// collection.
+#pragma once
+
+#include <concepts>
+#include <type_traits>
+#include <utility>
+
+#include "platform/kiv/Entity.h"
+#include "platform/kiv/HashMap.h"
+
+namespace Kiv {
+
+/// A value that belongs to its entity, such as a bool, an address or a name.
+template <class Tag, class T>
+class Scalar {
+ public:
+  Scalar() = default;
+  explicit Scalar(T value) : value_(std::move(value)) {}
+
+  const T& get() const noexcept { return value_; }
+  /// Stores `value` and announces it, if it differs from the stored one.
+  /// \returns true when it differed.
+  bool set(const Entity& owner, T value) {
+    if (value_ == value) return false;
+    value_ = std::move(value);
+    owner.notify<Tag>();
+    return true;
+  }
+  /// Stores `value` without a word: for constructors.
+  void setQuietly(T value) { value_ = std::move(value); }
+
+ private:
+  T value_{};
+};
+
+/// A reference to an object that somebody else owns and must keep alive as long as it is set.
+template <class Tag, class T>
+class PointerAttribute {
+ public:
+  PointerAttribute() = default;
+  explicit PointerAttribute(const Ptr<T>& object) : object_(object.get()) {}
+
+  Ptr<T> get() const noexcept { return Ptr<T>(object_); }
+  /// The object for the length of a call, without touching its count.
+  T* raw() const noexcept { return object_; }
+  bool set(const Entity& owner, const Ptr<T>& object) {
+    if (object_ == object.get()) return false;
+    object_ = object.get();
+    owner.notify<Tag>();
+    return true;
+  }
+  void setQuietly(const Ptr<T>& object) { object_ = object.get(); }
+
+ private:
+  T* object_ = nullptr;
+};
+
+namespace detail {
+
+template <class V>
+inline constexpr bool isEntityHandle = false;
+template <std::derived_from<Entity> T>
+inline constexpr bool isEntityHandle<Ptr<T>> = true;
+
+/// Tells an owned entity whose it is, or that it is nobody's. Other values have no owner.
+template <class Tag, class V>
+void adopt(const Entity& owner, const V& value) {
+  if constexpr (isEntityHandle<V>) {
+    if (value) value->parentIs(&owner, &Tag::kInfo);
+  }
+}
+template <class V>
+void disown(const V& value) {
+  if constexpr (isEntityHandle<V>) {
+    if (value) value->parentIs(nullptr, nullptr);
+  }
+}
+
+}  // namespace detail
+
+/// One object that its entity creates and owns.
+template <class Tag, class T>
+class Singleton {
+ public:
+  Singleton() = default;
+  Singleton(const Singleton&) = delete;
+  Singleton& operator=(const Singleton&) = delete;
+  ~Singleton() { detail::disown(object_); }
+
+  const Ptr<T>& get() const noexcept { return object_; }
+  bool set(const Entity& owner, Ptr<T> object) {
+    if (object_ == object) return false;
+    const Ptr<T> old = std::exchange(object_, std::move(object));
+    detail::disown(old);
+    detail::adopt<Tag>(owner, object_);
+    owner.notify<Tag>();
+    return true;
+  }
+  bool del(const Entity& owner) { return set(owner, nullptr); }
+
+ private:
+  Ptr<T> object_;
+};
+
+/// Entries by key: values, or entities (and reactors) that the collection owns.
+///
+/// What a walk's body may do to the collection is told at HashMap::Iterator.
+template <class Tag, class Key, class Value>
+class Collection {
+ public:
+  using Map = HashMap<Key, Value>;
+
+  Collection() = default;
+  Collection(const Collection&) = delete;
+  Collection& operator=(const Collection&) = delete;
+  ~Collection() { disownAll(); }
+
+  /// The entry, or an empty value. Good until the collection changes.
+  const Value& get(const Key& key) const {
+    static const Value kNone{};
+    const Value* value = map_.find(key);
+    return value == nullptr ? kNone : *value;
+  }
+  bool contains(const Key& key) const { return map_.find(key) != nullptr; }
+  const Map& map() const noexcept { return map_; }
+  Map& map() noexcept { return map_; }
+
+  /// Stores an entry and announces its key, if it is new or its value differs.
+  bool set(const Entity& owner, const Key& key, Value value) {
+    const auto [stored, added] = map_.tryEmplace(key);
+    if (!added && *stored == value) return false;
+    const Value old = std::exchange(*stored, std::move(value));
+    detail::disown(old);
+    detail::adopt<Tag>(owner, *stored);
+    owner.notify<Tag>(key);
+    return true;
+  }
+
+  /// Removes an entry and announces its key. The removed value lives until that is done.
+  bool del(const Entity& owner, const Key& key) {
+    Value* stored = map_.find(key);
+    if (stored == nullptr) return false;
+    const Key removed = key;  // `key` may be the stored one
+    const Value old = std::move(*stored);
+    map_.erase(removed);
+    detail::disown(old);
+    owner.notify<Tag>(removed);
+    return true;
+  }
+  /// Removes the entry on which `it` stands; `it` may then be advanced.
+  void del(const Entity& owner, typename Map::Iterator& it) {
+    const Key removed = it.key();
+    const Value old = std::move(it.value());
+    map_.erase(it);
+    detail::disown(old);
+    owner.notify<Tag>(removed);
+  }
+  /// Removes all entries, announcing each.
+  void delAll(const Entity& owner) {
+    if (!owner.hasNotifiees()) {
+      disownAll();
+      map_.clear();
+      return;
+    }
+    for (auto it = map_.iterator(); it; ++it) del(owner, it);
+  }
+  /// Forgets all entries without a word.
+  void dropAll() {
+    disownAll();
+    map_.clear();
+  }
+
+ private:
+  void disownAll() {
+    if constexpr (detail::isEntityHandle<Value>) {
+      for (auto it = map_.iteratorConst(); it; ++it) detail::disown(it.value());
+    }
+  }
+
+  Map map_;
+};
+
+/// A set of keys, in the form of a collection from each key to true.
+template <class Tag, class Key>
+class KeySet {
+ public:
+  using Map = HashMap<Key, Present>;
+
+  bool contains(const Key& key) const { return map_.contains(key); }
+  const Map& map() const noexcept { return map_; }
+  Map& map() noexcept { return map_; }
+
+  /// Puts `key` in or takes it out, and announces it if that changed anything.
+  bool set(const Entity& owner, const Key& key, bool present) {
+    if (!present) return del(owner, key);
+    if (!map_.insert(key)) return false;
+    owner.notify<Tag>(key);
+    return true;
+  }
+  bool del(const Entity& owner, const Key& key) {
+    const Key removed = key;  // `key` may be the stored one
+    if (!map_.erase(removed)) return false;
+    owner.notify<Tag>(removed);
+    return true;
+  }
+  void del(const Entity& owner, typename Map::Iterator& it) {
+    const Key removed = it.key();
+    map_.erase(it);
+    owner.notify<Tag>(removed);
+  }
+  void delAll(const Entity& owner) {
+    if (!owner.hasNotifiees()) {
+      map_.clear();
+      return;
+    }
+    for (auto it = map_.iterator(); it; ++it) del(owner, it);
+  }
+
+ private:
+  Map map_;
+};
+
+}  // namespace Kiv
+
+/// The tag of an attribute with one value; its change is reported by onAttr().
+#define KIV_VALUE_TAG(id, attr, Attr)                                        \
+  struct Attr##Attribute {                                                   \
+    static_assert(::Kiv::isCapitalised(#attr, #Attr));                       \
+    static constexpr ::Kiv::AttributeInfo kInfo{id, #attr};                  \
+    static void deliver(::Kiv::Notifiee& notifiee) {                         \
+      static_cast<NotifieeConst&>(notifiee).on##Attr();                      \
+    }                                                                        \
+  }
+
+/// The tag of a collection; the change of an entry is reported by onAttr(key), the announcement of
+/// the whole by onAttrkivImmediate().
+#define KIV_COLLECTION_TAG(id, attr, Attr, Key)                              \
+  struct Attr##Attribute {                                                   \
+    static_assert(::Kiv::isCapitalised(#attr, #Attr));                       \
+    static constexpr ::Kiv::AttributeInfo kInfo{id, #attr};                  \
+    static void deliver(::Kiv::Notifiee& notifiee, const Key& key) {         \
+      static_cast<NotifieeConst&>(notifiee).on##Attr(key);                   \
+    }                                                                        \
+    static void deliver(::Kiv::Notifiee& notifiee) {                         \
+      static_cast<NotifieeConst&>(notifiee).on##Attr##kivImmediate();        \
+    }                                                                        \
+  }
+
+/// A value: attr(), attrNotify(). Its setter stands beside it.
+#define KIV_SCALAR(id, attr, Attr, Type)                                     \
+  KIV_VALUE_TAG(id, attr, Attr);                                             \
+  const Type& attr() const noexcept { return attr##_.get(); }                \
+  void attr##Notify() const { this->template notify<Attr##Attribute>(); }    \
+                                                                             \
+ private:                                                                    \
+  ::Kiv::Scalar<Attr##Attribute, Type> attr##_;                              \
+                                                                             \
+ public:
+
+/// A value that anybody may set: adds attrIs(value).
+#define KIV_SETTABLE_SCALAR(id, attr, Attr, Type)                            \
+  KIV_SCALAR(id, attr, Attr, Type)                                           \
+  void attr##Is(const Type& value) { attr##_.set(*this, value); }
+
+/// A reference to an object of another owner: attr(), attrRaw(), attrIs(object).
+#define KIV_POINTER(id, attr, Attr, Type)                                    \
+  KIV_VALUE_TAG(id, attr, Attr);                                             \
+  ::Kiv::Ptr<Type> attr() const noexcept { return attr##_.get(); }           \
+  Type* attr##Raw() const noexcept { return attr##_.raw(); }                 \
+  void attr##Is(const ::Kiv::Ptr<Type>& object) { attr##_.set(*this, object); } \
+                                                                             \
+ private:                                                                    \
+  ::Kiv::PointerAttribute<Attr##Attribute, Type> attr##_;                    \
+                                                                             \
+ public:
+
+/// An owned object: attr(), attrDel(). newAttr(...) or attrIs(...) stands beside it.
+#define KIV_SINGLETON(id, attr, Attr, Type)                                  \
+  KIV_VALUE_TAG(id, attr, Attr);                                             \
+  const ::Kiv::Ptr<Type>& attr() const noexcept { return attr##_.get(); }    \
+  void attr##Del() { attr##_.del(*this); }                                   \
+                                                                             \
+ private:                                                                    \
+  ::Kiv::Singleton<Attr##Attribute, Type> attr##_;                           \
+                                                                             \
+ public:
+
+/// What can be read of a collection of values or owned entities: attr(key), attrCount(),
+/// attrIterator(), attrIteratorConst(); attrNotify(key) and attrNotify() announce an entry or the
+/// whole without a change. Setters and deletions stand beside it.
+#define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                      \
+  KIV_COLLECTION_TAG(id, attr, Attr, Key);                                   \
+  const Value& attr(const Key& key) const { return attr##_.get(key); }       \
+  size_t attr##Count() const noexcept { return attr##_.map().size(); }       \
+  auto attr##Iterator() { return attr##_.map().iterator(); }                 \
+  auto attr##IteratorConst() const { return attr##_.map().iteratorConst(); } \
+  void attr##Notify(const Key& key) const {                                  \
+    this->template notify<Attr##Attribute>(key);                             \
+  }                                                                          \
+  void attr##Notify() const { this->template notify<Attr##Attribute>(); }    \
+                                                                             \
+ private:                                                                    \
+  ::Kiv::Collection<Attr##Attribute, Key, Value> attr##_;                    \
+                                                                             \
+ public:                                                                     \
+  using Attr##Iterator = ::Kiv::HashMap<Key, Value>::Iterator;
+
+/// A collection: adds attrDel(key), attrDel(iterator) and attrDelAll(). Its setter stands beside it.
+#define KIV_COLLECTION(id, attr, Attr, Key, Value)                           \
+  KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                            \
+  bool attr##Del(const Key& key) { return attr##_.del(*this, key); }         \
+  void attr##Del(Attr##Iterator& it) { attr##_.del(*this, it); }             \
+  void attr##DelAll() { attr##_.delAll(*this); }
+
+/// A set of keys: attr(key), attrIs(key, present), newAttr(key, present) and what a collection has.
+#define KIV_SET(id, attr, Attr, Key)                                         \
+  KIV_COLLECTION_TAG(id, attr, Attr, Key);                                   \
+  using Attr##Iterator = ::Kiv::HashMap<Key, ::Kiv::Present>::Iterator;      \
+  bool attr(const Key& key) const { return attr##_.contains(key); }          \
+  size_t attr##Count() const noexcept { return attr##_.map().size(); }       \
+  auto attr##Iterator() { return attr##_.map().iterator(); }                 \
+  auto attr##IteratorConst() const { return attr##_.map().iteratorConst(); } \
+  void attr##Is(const Key& key, bool present) { attr##_.set(*this, key, present); } \
+  void new##Attr(const Key& key, bool present) { attr##Is(key, present); }   \
+  bool attr##Del(const Key& key) { return attr##_.del(*this, key); }         \
+  void attr##Del(Attr##Iterator& it) { attr##_.del(*this, it); }             \
+  void attr##DelAll() { attr##_.delAll(*this); }                             \
+  void attr##Notify(const Key& key) const {                                  \
+    this->template notify<Attr##Attribute>(key);                             \
+  }                                                                          \
+  void attr##Notify() const { this->template notify<Attr##Attribute>(); }    \
+                                                                             \
+ private:                                                                    \
+  ::Kiv::KeySet<Attr##Attribute, Key> attr##_;                               \
+                                                                             \
+ public:

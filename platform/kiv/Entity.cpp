@@ -1,0 +1,56 @@
+#include "platform/kiv/Entity.h"
+
+namespace Kiv {
+
+namespace {
+
+// The characters that may stand unencoded in a path segment ("pchar" of RFC 3986, section 3.3),
+// less ":" and "@", which would read as an authority to some.
+constexpr bool isPlain(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos;
+}
+
+void appendSegment(std::string& path, std::string_view text) {
+  static constexpr std::string_view kDigits = "0123456789ABCDEF";
+  path += '/';
+  for (const char c : text) {
+    if (isPlain(c)) {
+      path += c;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    path += '%';
+    path += kDigits[byte >> 4];
+    path += kDigits[byte & 0xf];
+  }
+}
+
+}  // namespace
+
+std::string Entity::fullName() const {
+  std::string text = parent_ == nullptr ? std::string() : parent_->fullName() + '/';
+  return text += name().view();
+}
+
+std::string Entity::uriPath() const {
+  std::string path;
+  if (parent_ != nullptr) {
+    path = parent_->uriPath();
+    appendSegment(path, parentAttr_->name);
+  }
+  appendSegment(path, name());
+  return path;
+}
+
+std::string_view Entity::parentAttr() const noexcept {
+  return parentAttr_ == nullptr ? std::string_view() : parentAttr_->name;
+}
+
+void Entity::zeroReferences() noexcept {
+  if (!hasNotifiees()) return;
+  SnapshotIterator walk(*notifiees_);
+  while (Notifiee* notifiee = walk.next()) notifiee->onZeroReferences();
+}
+
+}  // namespace Kiv

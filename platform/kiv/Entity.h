@@ -1,0 +1,124 @@
+// Entities: named objects with attributes, whose changes are announced.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/kiv/Activity.h"
+#include "platform/kiv/Attribute.h"
+#include "platform/kiv/Notifiee.h"
+#include "platform/kiv/Ptr.h"
+#include "platform/kiv/String.h"
+
+namespace Kiv {
+
+/// Base of everything that has attributes.
+///
+/// An entity that another one owns knows its owner and the attribute that holds it. The owner is
+/// not kept alive by that.
+class Entity : public Object {
+ public:
+  using Ptr = Kiv::Ptr<Entity>;
+  using PtrConst = Kiv::Ptr<const Entity>;
+
+  /// The entity's own name.
+  virtual Name name() const = 0;
+  /// The names from the outermost owner down to this entity, with "/" between them.
+  std::string fullName() const;
+  /// The road from the outermost owner down to this entity: "/NAME/ATTRIBUTE/NAME ...", with every
+  /// byte that a URI path segment may not hold percent-encoded (RFC 3986).
+  std::string uriPath() const;
+
+  const Entity* parent() const noexcept { return parent_; }
+  /// The name of the owner's attribute that holds this entity; empty without an owner.
+  std::string_view parentAttr() const noexcept;
+  /// The id of that attribute; 0 without an owner.
+  AttributeId parentAttrId() const noexcept { return parentAttr_ == nullptr ? 0 : parentAttr_->id; }
+  /// Says who owns this entity through which attribute. Null takes it back.
+  void parentIs(const Entity* parent, const AttributeInfo* attribute) noexcept {
+    parent_ = parent;
+    parentAttr_ = parent == nullptr ? nullptr : attribute;
+  }
+
+  /// Those who are told of this entity's changes. Being told is no change of the entity, so a
+  /// const one has them too.
+  NotifierList& notifierList() const {
+    if (notifiees_ == nullptr) notifiees_ = new NotifierList();
+    return *notifiees_;
+  }
+
+  /// True when a change would be announced to somebody.
+  bool hasNotifiees() const noexcept { return notifiees_ != nullptr && !notifiees_->empty(); }
+
+  /// Announces a change of the attribute with tag `Attribute`, under `key` for a collection entry.
+  ///
+  /// A callback that raises is told so itself; the others are still called.
+  template <class Attribute, class... Key>
+  void notify(const Key&... key) const {
+    if (hasNotifiees()) [[unlikely]]
+      notifyAll<Attribute>(key...);
+  }
+
+ protected:
+  Entity() = default;
+  ~Entity() override {
+    if (notifiees_ != nullptr) notifiees_->ownerIsGone();
+  }
+  void zeroReferences() noexcept override;
+  /// Forgets the notifiees: from here on nothing is announced.
+  void dropNotifiees() noexcept {
+    if (notifiees_ != nullptr) std::exchange(notifiees_, nullptr)->ownerIsGone();
+  }
+
+ private:
+  template <class Attribute, class... Key>
+  void notifyAll(const Key&... key) const;
+
+  const Entity* parent_ = nullptr;
+  const AttributeInfo* parentAttr_ = nullptr;
+  mutable NotifierList* notifiees_ = nullptr;
+};
+
+template <class Attribute, class... Key>
+void Entity::notifyAll(const Key&... key) const {
+  SnapshotIterator walk(*notifiees_);
+  while (Notifiee* notifiee = walk.next()) {
+    if (!notifiee->acceptsNotifications()) continue;
+    const auto& activity = notifiee->kivFwkActivity();
+    try {
+      if (activity && activity->queues()) {
+        activity->enqueue(
+            std::make_unique<PendingNotificationOf<Attribute, Key...>>(*notifiee, key...));
+      } else {
+        Attribute::deliver(*notifiee, key...);
+      }
+    } catch (...) {
+      if (walk.isPresent()) notifiee->onNotificationException(Attribute::kInfo.id);
+    }
+  }
+}
+
+/// An entity that keeps its name.
+class NamedEntity : public Entity {
+ public:
+  Name name() const override { return name_; }
+
+ protected:
+  explicit NamedEntity(Name name) : name_(std::move(name)) {}
+
+ private:
+  Name name_;
+};
+
+/// An entity in a trace or a message reads as its name; a null handle as "null".
+inline std::ostream& operator<<(std::ostream& os, const Entity& entity) {
+  return os << entity.name();
+}
+template <std::derived_from<Entity> T>
+std::ostream& operator<<(std::ostream& os, const Ptr<T>& entity) {
+  if (!entity) return os << "null";
+  return os << entity->name();
+}
+
+}  // namespace Kiv

@@ -1,0 +1,157 @@
+// Those who are told of changes, and the lists through which they are told.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "platform/kiv/Attribute.h"
+#include "platform/kiv/Ptr.h"
+
+namespace Kiv {
+
+class ActivityConfig;
+class Entity;
+class NotifierList;
+
+/// What all reactors have in common: one notifier, an activity, and whether they may act.
+///
+/// A type's own `NotifieeConst` derives from this through NotifieeOf and adds one callback for each
+/// attribute. A callback runs after the change that it reports.
+class Notifiee : public Object {
+ public:
+  /// Whether a notifiee keeps its notifier alive.
+  enum class Hold { kStrong, kWeak };
+
+  ~Notifiee() override;
+
+  /// True while callbacks may act: not being destroyed, not a zombie.
+  bool isLive() const noexcept { return !isDestructing() && !zombie_; }
+  /// True when a notification sent now would be delivered.
+  bool acceptsNotifications() const noexcept { return active_ && isLive(); }
+
+  bool hasNotificationActive() const noexcept { return active_; }
+  /// Switches delivery on or off without unregistering. What is missed meanwhile is lost.
+  virtual void hasNotificationActiveIs(bool active) { active_ = active; }
+
+  bool isZombie() const noexcept { return zombie_; }
+  /// Puts this reactor, and every reactor it owns, into or out of the state in which no callback
+  /// is delivered.
+  virtual void kivDoZombieReactors(bool zombie) { zombie_ = zombie; }
+
+  bool isRegisteredNotifiee() const noexcept { return registered_; }
+  /// Enters this into the notifier's list or takes it out; without a notifier nothing happens.
+  void isRegisteredNotifieeIs(bool registered);
+
+  /// The activity that delivers to this reactor; null means at once.
+  const Ptr<ActivityConfig>& kivFwkActivity() const noexcept { return activity_; }
+  /// Moves to another activity. A reactor that owns reactors passes it on to them.
+  virtual void kivFwkActivityIs(const Ptr<ActivityConfig>& activity);
+
+  /// Called by an activity that queued a notification for this reactor: delivers it.
+  virtual void handleNotification(ActivityConfig& config);
+
+  /// Offered a notification before its handler runs; true means that a reflective observer has
+  /// consumed it.
+  ///
+  /// \param value  the key or value the notification is about.
+  virtual bool kivOnAttribute(AttributeId /*id*/, const void* /*value*/) { return false; }
+
+  /// A callback for attribute `id` has raised; the exception is std::current_exception().
+  virtual void onNotificationException(AttributeId /*id*/) noexcept {}
+
+  /// The last handle to the notifier was dropped. Comes only to a notifiee that does not hold it.
+  virtual void onZeroReferences() noexcept {}
+
+ protected:
+  explicit Notifiee(Hold hold = Hold::kStrong) : hold_(hold) {}
+
+  const Entity* notifierEntity() const noexcept { return notifier_; }
+  /// Leaves the present notifier, registers with `notifier` and catches up with it.
+  void notifierEntityIs(const Entity* notifier);
+
+  /// Runs the immediate callbacks, by which the reactor catches up with a new notifier.
+  virtual void kivImmediate() {}
+
+ private:
+  friend class NotifierList;
+  friend class Tracer;
+  friend class QueueingActivity;
+
+  void notifierIsGone() noexcept;
+  void leaveNotifier() noexcept;
+
+  const Entity* notifier_ = nullptr;
+  Ptr<ActivityConfig> activity_;
+  Hold hold_;
+  bool registered_ = false;
+  bool active_ = true;
+  bool zombie_ = false;
+};
+
+/// Base of a type's `NotifieeConst`: a notifiee of one T.
+template <class T>
+class NotifieeOf : public Notifiee {
+ public:
+  /// The object watched, or null.
+  Ptr<const T> notifier() const noexcept { return Ptr<const T>(notifierRaw()); }
+  /// notifier() for the length of a call, without touching its count.
+  const T* notifierRaw() const noexcept { return static_cast<const T*>(notifierEntity()); }
+  /// Watches `notifier` in place of the present one, then runs the immediate callbacks. Null is
+  /// allowed, and watching the present one again changes nothing.
+  void notifierIs(const Ptr<const T>& notifier) { notifierEntityIs(notifier.get()); }
+
+ protected:
+  using Notifiee::Notifiee;
+};
+
+/// The notifiees of one entity.
+///
+/// May be changed while it is walked: those who leave are skipped, those who join wait for the next
+/// walk.
+class NotifierList {
+ public:
+  bool empty() const noexcept { return count_ == 0; }
+  void add(Notifiee& notifiee);
+  void remove(Notifiee& notifiee) noexcept;
+  /// The entity goes: its notifiees lose their notifier. Deletes the list when no walk is under
+  /// way, else the last walk does.
+  void ownerIsGone() noexcept;
+
+ private:
+  friend class SnapshotIterator;
+  ~NotifierList() = default;
+  void endWalk() noexcept;
+
+  std::vector<Notifiee*> slots_;  // null: left while a walk was under way
+  size_t count_ = 0;
+  unsigned walks_ = 0;
+  bool orphaned_ = false;
+};
+
+/// Walks the notifiees that a list had when the walk began and still has.
+class SnapshotIterator {
+ public:
+  explicit SnapshotIterator(NotifierList& list) : list_(list), end_(list.slots_.size()) {
+    ++list_.walks_;
+  }
+  SnapshotIterator(const SnapshotIterator&) = delete;
+  SnapshotIterator& operator=(const SnapshotIterator&) = delete;
+  ~SnapshotIterator() { list_.endWalk(); }
+
+  /// The next notifiee, or null at the end.
+  Notifiee* next() noexcept {
+    while (at_ < end_) {
+      if (Notifiee* notifiee = list_.slots_[at_++]) return notifiee;
+    }
+    return nullptr;
+  }
+  /// True while the notifiee that next() gave last has not left the list.
+  bool isPresent() const noexcept { return list_.slots_[at_ - 1] != nullptr; }
+
+ private:
+  NotifierList& list_;
+  size_t at_ = 0;
+  size_t end_;
+};
+
+}  // namespace Kiv

@@ -1,0 +1,93 @@
+#include "platform/kiv/Trace.h"
+
+#include <iostream>
+#include <mutex>
+
+namespace Kiv {
+
+namespace {
+
+TraceFacility* firstFacility = nullptr;
+std::mutex switches;
+std::ostream* coverage = nullptr;
+
+Tracer::Sink& currentSink() {
+  static Tracer::Sink sink;
+  return sink;
+}
+
+}  // namespace
+
+TraceFacility::TraceFacility(const char* name, const char* sourceModule)
+    : name_(name), sourceModule_(sourceModule), next_(std::exchange(firstFacility, this)) {}
+
+TraceFacility* TraceFacility::find(std::string_view name) noexcept {
+  TraceFacility* facility = firstFacility;
+  while (facility != nullptr && facility->name_ != name) facility = facility->next_;
+  return facility;
+}
+
+void TraceFacility::enabledIs(bool enabled) noexcept {
+  const std::lock_guard lock(switches);
+  enabled_ = enabled;
+  refresh();
+}
+
+void TraceFacility::levelIs(unsigned level, bool enabled) {
+  KIV_REQUIRE(level < kLevels, "TraceLevel::value > 9 not allowed");
+  const std::lock_guard lock(switches);
+  levels_ = enabled ? levels_ | (1U << level) : levels_ & ~(1U << level);
+  refresh();
+}
+
+void TraceFacility::refresh() noexcept {
+  const uint32_t enabled = enabled_ ? levels_ : 0;
+  enabledMask_.store(enabled, std::memory_order_relaxed);
+  buildMask_.store(coverage == nullptr ? enabled : ~uint32_t{0}, std::memory_order_relaxed);
+}
+
+void Tracer::sinkIs(Sink sink) {
+  currentSink() = std::move(sink);
+}
+
+void Tracer::coverageIs(std::ostream* stream) noexcept {
+  const std::lock_guard lock(switches);
+  coverage = stream;
+  for (auto* facility = firstFacility; facility != nullptr; facility = facility->next_) {
+    facility->refresh();
+  }
+}
+
+Name Tracer::objectName(const Notifiee& reactor) {
+  const Entity* notifier = reactor.notifierEntity();
+  return notifier == nullptr ? Name() : notifier->name();
+}
+
+std::ostream& operator<<(std::ostream& os, const TraceRecord& record) {
+  return os << record.facility << ' ' << record.level << ' ' << record.objectName << ' '
+            << record.functionName << ": " << record.message;
+}
+
+void traceHelper(const TraceFacility& handle, const Name& objectName, const std::string& message,
+                 unsigned level, bool enabled, const char* sourceModule, int line,
+                 const char* functionName) {
+  if (coverage != nullptr) {
+    *coverage << sourceModule << ':' << line << ' ' << functionName << ' ' << level << ": "
+              << message << '\n';
+  }
+  if (!enabled) return;
+  const TraceRecord record{.facility = handle.name(),
+                           .level = level,
+                           .objectName = objectName,
+                           .functionName = functionName,
+                           .message = message,
+                           .sourceModule = sourceModule,
+                           .line = line};
+  if (const auto& sink = currentSink()) {
+    sink(record);
+  } else {
+    std::cerr << record << '\n';
+  }
+}
+
+}  // namespace Kiv

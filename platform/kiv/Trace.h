@@ -1,0 +1,112 @@
+// Tracing: what the handlers say of their decisions, switched on level by level.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "platform/kiv/Entity.h"
+
+namespace Kiv {
+
+/// The trace statements of one source module, with its switches.
+///
+/// A statement is written when the facility is enabled and its level is. A disabled one costs one
+/// test. The switches may be turned by any thread.
+class TraceFacility {
+ public:
+  static constexpr unsigned kLevels = 10;
+
+  /// \param name          under which the facility is known, such as "HostRoute".
+  /// \param sourceModule  the module that its records name, such as "HostRouteSm".
+  TraceFacility(const char* name, const char* sourceModule);
+  TraceFacility(const TraceFacility&) = delete;
+  TraceFacility& operator=(const TraceFacility&) = delete;
+
+  /// The facility of this name, or null.
+  static TraceFacility* find(std::string_view name) noexcept;
+
+  const char* name() const noexcept { return name_; }
+  const char* sourceModule() const noexcept { return sourceModule_; }
+
+  /// Switches the facility as a whole; its levels keep their own switches. On at the start.
+  void enabledIs(bool enabled) noexcept;
+  /// Switches one level. All are off at the start.
+  /// \throws RangeException when there is no such level.
+  void levelIs(unsigned level, bool enabled);
+  bool isEnabled(unsigned level) const noexcept {
+    return (enabledMask_.load(std::memory_order_relaxed) >> level) & 1;
+  }
+  /// True when a statement of this level builds its message: it is enabled, or coverage is on.
+  bool builds(unsigned level) const noexcept {
+    return (buildMask_.load(std::memory_order_relaxed) >> level) & 1;
+  }
+
+ private:
+  friend class Tracer;
+  void refresh() noexcept;
+
+  const char* name_;
+  const char* sourceModule_;
+  TraceFacility* next_;
+  uint32_t levels_ = 0;
+  bool enabled_ = true;
+  std::atomic<uint32_t> enabledMask_{0};
+  std::atomic<uint32_t> buildMask_{0};
+};
+
+/// One enabled statement that was reached.
+struct TraceRecord {
+  std::string_view facility;
+  unsigned level;
+  std::string_view objectName;
+  std::string_view functionName;
+  std::string_view message;
+  std::string_view sourceModule;
+  int line;
+};
+
+/// Where trace records go, and the helpers of the trace statement.
+class Tracer {
+ public:
+  using Sink = std::function<void(const TraceRecord&)>;
+
+  /// Sends records to `sink`; an empty one restores the default, a line on standard error.
+  static void sinkIs(Sink sink);
+
+  /// While set, every statement that is reached builds its message and leaves a line on `stream`,
+  /// enabled or not. Null switches it off.
+  static void coverageIs(std::ostream* stream) noexcept;
+
+  /// The name under which a record knows the object that traces.
+  static Name objectName(const Entity& object) { return object.name(); }
+  static Name objectName(const Notifiee& reactor);
+};
+
+/// A record as one line: facility, level, object, function and message.
+std::ostream& operator<<(std::ostream& os, const TraceRecord& record);
+
+/// Hands one statement's message on: to the sink when `enabled`, and to the coverage stream.
+void traceHelper(const TraceFacility& handle, const Name& objectName, const std::string& message,
+                 unsigned level, bool enabled, const char* sourceModule, int line,
+                 const char* functionName);
+
+}  // namespace Kiv
+
+/// Traces `message`, a chain of insertions such as `"removing " << prefix`, for `object` (an entity
+/// or a reactor). The chain is not evaluated unless the statement builds.
+#define KIV_TRACE(facility, level, object, message)                                         \
+  do {                                                                                      \
+    ::Kiv::TraceFacility& kivFacility = (facility);                                         \
+    if (kivFacility.builds(level)) [[unlikely]] {                                           \
+      std::ostringstream kivMessage;                                                        \
+      kivMessage << message;                                                                \
+      ::Kiv::traceHelper(kivFacility, ::Kiv::Tracer::objectName(object), kivMessage.str(),  \
+                         (level), kivFacility.isEnabled(level), kivFacility.sourceModule(), \
+                         __LINE__, __func__);                                               \
+    }                                                                                       \
+  } while (false)
