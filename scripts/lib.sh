@@ -1,0 +1,62 @@
+# What the scripts share: the packages they need, and building a preset. Source it, do not run it.
+# shellcheck shell=bash disable=SC2034
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+# Debian 12 packages, by what they are needed for.
+buildPackages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev)
+testPackages=(libgtest-dev)
+benchPackages=(libbenchmark-dev)
+checkPackages=(clang-format-14 clang-tidy-14 python3)
+fuzzPackages=(clang-14 libclang-rt-14-dev)
+coveragePackages=(gcovr)
+
+die() {
+  echo "$(basename "$0"): $*" >&2
+  exit 1
+}
+
+isInstalled() {
+  [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+# installMissing PACKAGE...: installs those that are missing, through sudo when not root.
+installMissing() {
+  if ! command -v dpkg-query apt-get >/dev/null; then
+    echo "Not a Debian system: going on as if these, or their like, were installed: $*" >&2
+    return
+  fi
+  local missing=() package
+  for package in "$@"; do
+    isInstalled "$package" || missing+=("$package")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+
+  local asRoot=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null ||
+      die "to be installed, by root (there is no sudo here): apt-get install ${missing[*]}"
+    asRoot=(sudo)
+    # Nobody can be asked for a password without a terminal.
+    [ -t 0 ] || asRoot+=(-n)
+  fi
+  echo "Installing: ${missing[*]}"
+  local apt=("${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq
+    -o DPkg::Lock::Timeout=120 -o Dpkg::Use-Pty=0)
+  # A failed update is no reason to stop: the lists that are there may do.
+  "${apt[@]}" update </dev/null || echo "The package lists could not be brought up to date." >&2
+  "${apt[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null ||
+    die "could not install ${missing[*]}; install them by hand and run this again"
+}
+
+# buildPreset PRESET [BUILD OPTION...]: configures and builds build/PRESET.
+buildPreset() {
+  local preset=$1
+  shift
+  if ccache --show-stats >/dev/null 2>&1; then
+    export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR=$PWD
+  fi
+  export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" "$@"
+}
