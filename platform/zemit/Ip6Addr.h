@@ -1,0 +1,81 @@
+// IPv6 addresses.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "platform/kiv/Hash.h"
+#include "platform/zemit/IpAddr.h"
+#include "platform/zemit/Text.h"
+
+namespace Zemit {
+
+/// An IPv6 address. The default value is "::".
+class Ip6Addr {
+ public:
+  static constexpr uint32_t kBits = 128;
+  static constexpr size_t kMaxText = 39;
+
+  constexpr Ip6Addr() = default;
+  /// \param high, low  the first and the last 64 bits, in host byte order.
+  constexpr Ip6Addr(uint64_t high, uint64_t low)
+      : high_(std::bit_cast<Word>(high)), low_(std::bit_cast<Word>(low)) {}
+  /// Reads any text form of RFC 4291, section 2.2; a zone is refused.
+  static std::optional<Ip6Addr> parse(std::string_view text);
+
+  /// The first 64 bits, in host byte order.
+  constexpr uint64_t high() const { return std::bit_cast<uint64_t>(high_); }
+  /// The last 64 bits, in host byte order.
+  constexpr uint64_t low() const { return std::bit_cast<uint64_t>(low_); }
+  constexpr bool isZero() const { return (high() | low()) == 0; }
+  /// True for an address in fe80::/10 (RFC 4291, section 2.5.6).
+  constexpr bool isLinkLocal() const { return high() >> 54 == 0xFE80 >> 6; }
+
+  /// The first address of the subnet of length `len` that the address is in.
+  constexpr Ip6Addr subnetFirst(uint32_t len) const {
+    return {high() & highMask(len), low() & lowMask(len)};
+  }
+  /// The last address of that subnet.
+  constexpr Ip6Addr subnetLast(uint32_t len) const {
+    return {high() | ~highMask(len), low() | ~lowMask(len)};
+  }
+
+  uint32_t hash() const { return Kiv::hashWords(high(), low()); }
+  /// The hash of the address together with a number, such as its mask length.
+  uint32_t hashWith(uint32_t number) const {
+    return Kiv::hashWords(high(), low() ^ Kiv::hashWord(number));
+  }
+
+  /// Writes the canonical form of RFC 5952: "2001:db8::1", and "::ffff:10.0.0.5" for a mapped IPv4
+  /// address.
+  char* write(char* out) const;
+
+  friend constexpr bool operator==(const Ip6Addr& a, const Ip6Addr& b) {
+    return ((a.high() ^ b.high()) | (a.low() ^ b.low())) == 0;
+  }
+  friend constexpr std::strong_ordering operator<=>(const Ip6Addr& a, const Ip6Addr& b) {
+    return a.high() != b.high() ? a.high() <=> b.high() : a.low() <=> b.low();
+  }
+
+ private:
+  /// The bytes of a 64-bit number, aligned to four only: an address with a length then takes 20
+  /// bytes and not 24.
+  using Word = std::array<uint32_t, 2>;
+
+  static constexpr uint64_t highMask(uint32_t len) {
+    return leadingOnes<uint64_t>(std::min(len, 64U));
+  }
+  static constexpr uint64_t lowMask(uint32_t len) {
+    return leadingOnes<uint64_t>(std::max(len, 64U) - 64);
+  }
+
+  Word high_{};
+  Word low_{};
+};
+
+}  // namespace Zemit
