@@ -1,0 +1,132 @@
+// What all shared-memory tables have, whatever their entries: header, refusals, reports.
+#include "platform/tovan/Table.h"
+
+#include <algorithm>
+#include <string_view>
+#include <thread>
+
+namespace Tovan {
+namespace {
+
+constexpr uint64_t kMagic = 0x6e61'766f'5420'7068;
+constexpr uint64_t kVersion = 1;
+constexpr auto kLongestUpdate = std::chrono::milliseconds(250);
+constexpr auto kBetweenLooks = std::chrono::microseconds(20);
+
+constexpr uint64_t mix(uint64_t hash, uint64_t word) {
+  return Kiv::detail::fold(hash ^ word, 0x9e37'79b9'7f4a'7c15) ^ word;
+}
+
+uint64_t checksum(const TableHeader::Identity& identity) {
+  return mix(mix(identity.layout, identity.seed.add), identity.seed.multiply);
+}
+
+}  // namespace
+
+Table::Table(const TableConfig& config, const Shape& shape)
+    : shape_(shape),
+      name_(config.name),
+      readOnly_(config.access == Access::Read),
+      layout_(0),
+      memory_(config, shape.topBytes + shape.maxSegments * shape.segmentBytes) {
+  for (const char c : config.layout) layout_ = mix(layout_, static_cast<uint8_t>(c));
+  for (const uint64_t part :
+       {uint64_t{shape.keyBytes}, uint64_t{shape.valueBytes}, uint64_t{shape.slotsPerSegment},
+        uint64_t{shape.topBytes}, uint64_t{shape.segmentBytes}}) {
+    layout_ = mix(layout_, part);
+  }
+  const bool unfinished =
+      memory_.bytes() == 0 ||
+      (memory_.bytes() >= shape_.topBytes && header().magic.load(std::memory_order_acquire) == 0);
+  if (!readOnly_ && unfinished) {
+    create();
+  } else {
+    const auto what = fault();
+    if (!what.empty()) throw OpenException(titleOf(name_) + " " + what);
+    takenOver_ = !readOnly_;
+  }
+  countSlots();
+}
+
+void Table::create() {
+  memory_.clear();
+  memory_.grow(shape_.topBytes + shape_.segmentBytes);
+  auto& top = header();
+  top.version = kVersion;
+  top.identity = {.layout = layout_, .seed = Kiv::drawHashSeed()};
+  top.identityChecksum = checksum(top.identity);
+  top.bytes.store(memory_.bytes(), std::memory_order_relaxed);
+  top.buckets.store(shape_.slotsPerSegment, std::memory_order_relaxed);
+  top.magic.store(kMagic, std::memory_order_release);
+}
+
+std::string Table::fault() const {
+  memory_.refresh();
+  if (memory_.bytes() < sizeof(TableHeader)) return "is too short to be a table";
+  const auto& top = header();
+  if (top.magic.load(std::memory_order_acquire) != kMagic) return "is not a Tovan table";
+  if (top.version != kVersion) {
+    return "has version " + std::to_string(top.version) + ", known is " + std::to_string(kVersion);
+  }
+  if (top.identityChecksum != checksum(top.identity)) return "has a damaged header";
+  if (top.identity.layout != layout_) return "has another layout";
+  const uint64_t expected = top.bytes.load(std::memory_order_acquire);
+  memory_.refresh();  // it may have grown since the first look
+  if (memory_.bytes() < std::max(expected, shape_.topBytes + shape_.segmentBytes)) {
+    return "is truncated: " + std::to_string(memory_.bytes()) + " bytes of " +
+           std::to_string(expected);
+  }
+  return {};
+}
+
+void Table::validateFiles() {
+  requireWritable("validateFiles");
+  const auto what = fault();
+  if (!what.empty()) throw CorruptionDetectedException(titleOf(name_) + " " + what);
+}
+
+void Table::refuse(const char* operation) {
+  throw ReadOnlyException(std::string(operation) + " to read-only Tovan table");
+}
+
+CorruptionDetectedException Table::corrupt(const char* place, size_t index,
+                                           const char* what) const {
+  return CorruptionDetectedException(titleOf(name_) + ": " + place + " " + std::to_string(index) +
+                                     " " + what);
+}
+
+void Table::countSlots() const {
+  const size_t segments =
+      std::min((memory_.bytes() - shape_.topBytes) / shape_.segmentBytes, shape_.maxSegments);
+  slots_ = static_cast<uint32_t>(segments) * shape_.slotsPerSegment;
+}
+
+bool Table::isBackedByNow(uint32_t index) const {
+  if (!readOnly_) return false;
+  memory_.refresh();
+  if (memory_.bytes() < shape_.topBytes) return false;
+  countSlots();
+  return index < slots_;
+}
+
+void Table::addSegment() {
+  const size_t segments = slots_ / shape_.slotsPerSegment;
+  memory_.grow(shape_.topBytes + (segments + 1) * shape_.segmentBytes);
+  header().bytes.store(memory_.bytes(), std::memory_order_release);
+  countSlots();
+}
+
+bool Patience::wait() {
+  const auto now = std::chrono::steady_clock::now();
+  if (looks_ == kQuickLooks) {
+    deadline_ = now + kLongestUpdate;
+  } else if (writerIsGone_ || now > deadline_) {
+    return false;
+  }
+  // It may have finished before it went: one more look.
+  writerIsGone_ = !memory_.hasOtherWriter();
+  if (!writerIsGone_) std::this_thread::sleep_for(kBetweenLooks);
+  return true;
+}
+
+}  // namespace Tovan

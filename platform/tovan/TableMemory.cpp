@@ -1,0 +1,166 @@
+// The memory a table lives in: private or named, growing in place.
+#include "platform/tovan/TableMemory.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/tovan/Exceptions.h"
+
+namespace Tovan {
+namespace {
+
+constexpr std::string_view kFilePrefix = "hostroute-";
+constexpr const char* kSharedMemoryFolder = "/dev/shm";
+constexpr size_t kPage = 4096;
+constexpr size_t kHugePage = size_t{2} << 20;
+
+std::string fileName(std::string_view table) {
+  return std::string("/").append(kFilePrefix).append(table);
+}
+
+std::string reason(int error) {
+  return std::string(": ") + std::strerror(error);
+}
+
+constexpr size_t roundUp(size_t bytes, size_t unit) {
+  return (bytes + unit - 1) / unit * unit;
+}
+
+/// A lock of `type` on the whole file. It belongs to the open file: the kernel drops it with the
+/// last process that holds the file, however that process ends.
+struct flock wholeFile(short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+}  // namespace
+
+std::string titleOf(std::string_view table) {
+  return std::string("Tovan table \"").append(table).append("\"");
+}
+
+TableMemory::TableMemory(const TableConfig& config, size_t maxBytes)
+    : name_(config.name), reserved_(roundUp(maxBytes, kPage)) {
+  const bool embedded = config.access == Access::Embedded;
+  if (!embedded) openNamed(config);
+  // The whole of a shared table is mapped at once: pages behind the end of the file become usable
+  // when it grows. Private memory is made accessible piece by piece, to be accounted for as used.
+  const int protection = embedded                        ? PROT_NONE
+                         : config.access == Access::Read ? PROT_READ
+                                                         : PROT_READ | PROT_WRITE;
+  const int kind = embedded ? MAP_PRIVATE | MAP_ANONYMOUS : MAP_SHARED;
+  void* at = ::mmap(nullptr, reserved_, protection, kind | MAP_NORESERVE, fd_, 0);
+  if (at == MAP_FAILED) {
+    const int error = errno;
+    if (fd_ >= 0) ::close(fd_);
+    throw OpenException(titleOf(name_) + " cannot be mapped" + reason(error));
+  }
+  base_ = static_cast<std::byte*>(at);
+  if (embedded && reserved_ > kHugePage) {
+    ::madvise(base_ + kHugePage, reserved_ - kHugePage, MADV_HUGEPAGE);  // only makes it faster
+  }
+}
+
+TableMemory::~TableMemory() {
+  ::munmap(base_, reserved_);
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void TableMemory::openNamed(const TableConfig& config) {
+  if (name_.empty() || name_.find('/') != std::string::npos) {
+    throw OpenException(titleOf(name_) + " cannot be opened: not a name");
+  }
+  const bool write = config.access == Access::Write;
+  for (;;) {
+    fd_ = ::shm_open(fileName(name_).c_str(), write ? O_RDWR | O_CREAT : O_RDONLY, 0644);
+    if (fd_ < 0) {
+      throw OpenException(titleOf(name_) + (errno == ENOENT ? " does not exist"
+                                                            : " cannot be opened" + reason(errno)));
+    }
+    struct stat status {};
+    auto lock = wholeFile(F_WRLCK);
+    if (write && ::fcntl(fd_, F_OFD_SETLK, &lock) != 0) {
+      ::close(fd_);
+      throw OpenException(titleOf(name_) + " has a living writer");
+    }
+    // The last writer may have removed the name before it let the lock go.
+    if (::fstat(fd_, &status) == 0 && status.st_nlink != 0) {
+      bytes_ = static_cast<size_t>(status.st_size);
+      return;
+    }
+    ::close(fd_);
+  }
+}
+
+void TableMemory::grow(size_t bytes) {
+  if (bytes <= bytes_) return;
+  if (bytes > reserved_) {
+    throw NoSpaceException(titleOf(name_) + " has reached its largest size");
+  }
+  int error = 0;
+  if (fd_ >= 0) {
+    // Allocated now, a page that memory has no room for fails here and not when it is touched.
+    do {
+      error =
+          ::posix_fallocate(fd_, static_cast<off_t>(bytes_), static_cast<off_t>(bytes - bytes_));
+    } while (error == EINTR);
+  } else {
+    // Whole huge pages, once the table is large enough to fill them.
+    const auto base = reinterpret_cast<uintptr_t>(base_);
+    bytes = bytes < kHugePage ? roundUp(bytes, kPage) : roundUp(base + bytes, kHugePage) - base;
+    bytes = std::min(bytes, reserved_);
+    if (::mprotect(base_, bytes, PROT_READ | PROT_WRITE) != 0) error = errno;
+  }
+  if (error != 0) throw NoSpaceException(titleOf(name_) + " cannot grow" + reason(error));
+  bytes_ = bytes;
+}
+
+void TableMemory::refresh() {
+  struct stat status {};
+  if (fd_ >= 0 && ::fstat(fd_, &status) == 0) bytes_ = static_cast<size_t>(status.st_size);
+}
+
+void TableMemory::clear() {
+  if (fd_ < 0 || ::ftruncate(fd_, 0) == 0) bytes_ = 0;
+}
+
+bool TableMemory::hasOtherWriter() const {
+  auto lock = wholeFile(F_RDLCK);
+  return fd_ >= 0 && ::fcntl(fd_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+void TableMemory::remove() {
+  if (fd_ >= 0) ::shm_unlink(fileName(name_).c_str());
+}
+
+std::vector<std::string> tablesOf(std::string_view owner) {
+  std::vector<std::string> names;
+  for (const auto& file : std::filesystem::directory_iterator(kSharedMemoryFolder)) {
+    std::string name = file.path().filename();
+    if (!name.starts_with(kFilePrefix)) continue;
+    name.erase(0, kFilePrefix.size());
+    if (name.starts_with(owner) && (name.size() == owner.size() || name[owner.size()] == '.')) {
+      names.push_back(std::move(name));
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+size_t removeTablesOf(std::string_view owner) {
+  const auto names = tablesOf(owner);
+  for (const auto& name : names) ::shm_unlink(fileName(name).c_str());
+  return names.size();
+}
+
+}  // namespace Tovan

@@ -1,0 +1,72 @@
+// The memory a table lives in: private or named, growing in place.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Tovan {
+
+/// Where a table lives, and what its opener may do.
+enum class Access {
+  Embedded,  ///< a new table in this process's own memory
+  Write,     ///< the named table, created when absent, taken over when its last writer is gone
+  Read,      ///< the named table of another process
+};
+
+/// What a table is opened with.
+struct TableConfig {
+  Access access = Access::Embedded;
+  /// The name that other processes attach by, such as "leaf1.route4"; an embedded table's only
+  /// appears in messages. A table belongs to what stands before its first dot.
+  std::string name = {};
+  /// What key and value are, such as "route4/1": tables of another layout are not opened.
+  std::string layout = {};
+};
+
+/// One table's memory. Its addresses never change: all it may ever need is reserved at the start.
+class TableMemory {
+ public:
+  /// \param maxBytes  what grow() may ask for at most.
+  /// \throws OpenException when the name is malformed or absent, or another writer lives.
+  TableMemory(const TableConfig& config, size_t maxBytes);
+  TableMemory(const TableMemory&) = delete;
+  TableMemory& operator=(const TableMemory&) = delete;
+  ~TableMemory();
+
+  std::byte* base() const { return base_; }
+  /// How much of the memory is there, as of the last grow() or refresh().
+  size_t bytes() const { return bytes_; }
+
+  /// Makes at least the first `bytes` bytes usable, new ones zero.
+  /// \throws NoSpaceException, changing nothing.
+  void grow(size_t bytes);
+  /// Looks how far the writer has grown the table by now.
+  void refresh();
+  /// Gives all memory back, so that grow() starts from zeroes.
+  void clear();
+  /// Whether another process, or another object of this one, has the table open for writing.
+  bool hasOtherWriter() const;
+  /// Takes the name away: processes that are attached keep the memory, nobody finds it any more.
+  void remove();
+
+ private:
+  void openNamed(const TableConfig& config);
+
+  std::string name_;
+  int fd_ = -1;
+  std::byte* base_ = nullptr;
+  size_t reserved_ = 0;
+  size_t bytes_ = 0;
+};
+
+/// What a table is called in messages.
+std::string titleOf(std::string_view table);
+
+/// The names of the shared tables that belong to `owner`: `owner` itself and "owner.anything".
+std::vector<std::string> tablesOf(std::string_view owner);
+/// Removes the tables that belong to `owner`, readable or not, and tells how many there were.
+size_t removeTablesOf(std::string_view owner);
+
+}  // namespace Tovan

@@ -1,0 +1,157 @@
+// The map between processes: readers beside a busy writer, killed writers, full memory.
+#include <sys/resource.h>
+
+#include <chrono>
+#include <csignal>
+#include <random>
+#include <thread>
+
+#include "tests/tovan/SharedTable.h"
+
+namespace Tovan {
+namespace {
+
+using SharingTest = SharedTable;
+
+// Keys 0..999 are always there, and their values only grow. A second range comes and goes, so that
+// chains are split and slots used again under the reader.
+TEST_F(SharingTest, ReaderSeesWholeEntriesWhileTheWriterIsBusy) {
+  constexpr uint64_t kStable = 1000;
+  constexpr uint64_t kLast = 60;
+  Map table = writer();
+  for (uint64_t i = 0; i < kStable; ++i) table.set(i, Repeated(1));
+  const pid_t child = inChild([&] {
+    Map other = reader();
+    std::vector<uint64_t> last(kStable);
+    const auto check = [&](uint64_t key, const Repeated& value) {
+      if (!value.isWhole()) return false;
+      if (key >= kStable) return value.word() == key;
+      return value.word() >= std::exchange(last[key], value.word());
+    };
+    do {
+      for (uint64_t i = 0; i < kStable; ++i) {
+        const auto value = other.get(i);
+        if (!value || !check(i, *value)) return 1;
+        const auto passing = other.get(kStable + i * 7);
+        if (passing && !check(kStable + i * 7, *passing)) return 2;
+      }
+      size_t stable = 0;
+      for (const auto& [key, value] : other) {
+        if (!check(key, value)) return 3;
+        stable += key < kStable;
+      }
+      if (stable != kStable) return 4;
+    } while (last[kStable - 1] < kLast);
+    return 0;
+  });
+  for (uint64_t round = 1; round <= kLast; ++round) {
+    const uint64_t passing = kStable + round * 500;
+    for (uint64_t i = kStable; i < passing; ++i) table.set(i, Repeated(i));
+    for (uint64_t i = 0; i < kStable; ++i) table.set(i, Repeated(round));
+    for (uint64_t i = kStable; i < passing; ++i) table.erase(i);
+  }
+  EXPECT_EQ(statusOf(child), 0);
+}
+
+// The child tells what it has completed through a page of its own, before it is killed.
+TEST_F(SharingTest, KilledWriterLeavesEveryCompletedUpdate) {
+  constexpr uint64_t kKeys = 3000;
+  struct Completed {
+    std::atomic<uint64_t> begun[kKeys];
+    std::atomic<uint64_t> done[kKeys];
+  };
+  auto* completed = static_cast<Completed*>(::mmap(
+      nullptr, sizeof(Completed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  constexpr uint64_t kErased = uint64_t{1} << 63;
+  std::mt19937 random(3);
+  for (int round = 0; round < 150; ++round) {
+    const pid_t child = inChild([&] {
+      Map table = writer();
+      std::mt19937 own(static_cast<uint32_t>(round));
+      for (;;) {
+        const uint64_t key = own() % kKeys;
+        const uint64_t number = (completed->begun[key] & ~kErased) + 1;
+        const bool erase = own() % 4 == 0;
+        completed->begun[key] = erase ? number | kErased : number;
+        if (erase) {
+          table.erase(key);
+        } else {
+          table.set(key, Repeated(number));
+        }
+        completed->done[key] = completed->begun[key].load();
+      }
+      return 0;
+    });
+    std::this_thread::sleep_for(std::chrono::microseconds(1000 + random() % 4000));
+    ::kill(child, SIGKILL);
+    ASSERT_TRUE(WIFSIGNALED(statusOf(child)));
+    Map table = writer();
+    EXPECT_EQ(table.corruptions(), 0u) << table.lastCorruption();
+    for (uint64_t key = 0; key < kKeys; ++key) {
+      const auto value = table.get(key);
+      ASSERT_TRUE(!value || value->isWhole());
+      const uint64_t stands = value ? value->word() : 0;
+      const auto agrees = [&](uint64_t said) {
+        return (said & kErased) != 0 || said == 0 ? !value : stands == said;
+      };
+      ASSERT_TRUE(agrees(completed->done[key]) || agrees(completed->begun[key]))
+          << "key " << key << " has " << stands;
+      // The next round goes on from what stands there.
+      completed->done[key] = completed->begun[key] =
+          value ? stands : (completed->begun[key] | kErased);
+    }
+  }
+  ::munmap(completed, sizeof(Completed));
+}
+
+// A reader must neither hang on an entry that a dead writer left half written, nor invent one; the
+// next writer finds in the journal what was to stand there.
+TEST_F(SharingTest, ReaderIsToldOfAnUpdateThatNobodyEnds) {
+  size_t stuck = 0;
+  for (int round = 0; round < 2000 && stuck < 3; ++round) {
+    const pid_t child = inChild([&] {
+      Map table = writer();
+      for (uint64_t i = 0;; ++i) table.set(1, Repeated(i));
+      return 0;
+    });
+    std::this_thread::sleep_for(std::chrono::microseconds(1500));
+    ::kill(child, SIGKILL);
+    statusOf(child);
+    try {
+      const auto value = reader().get(1);
+      EXPECT_TRUE(!value || value->isWhole());
+    } catch (const CorruptionDetectedException& e) {
+      ++stuck;
+      EXPECT_NE(std::string(e.what()).find("in the middle of an update"), std::string::npos);
+      EXPECT_TRUE(writer().get(1)->isWhole());
+    } catch (const OpenException&) {
+      // killed before it had made the table
+    }
+  }
+  EXPECT_GT(stuck, 0u);
+}
+
+TEST_F(SharingTest, FullMemoryLosesNothing) {
+  const pid_t child = inChild([&] {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {.rlim_cur = 300000, .rlim_max = 300000};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    Map table = writer();
+    uint64_t next = 0;
+    try {
+      for (;; ++next) table.set(next, Repeated(next));
+    } catch (const NoSpaceException&) {
+    }
+    if (next < 1000 || table.size() != next || table.get(next)) return 1;
+    for (uint64_t i = 0; i < next; ++i) {
+      if (table.get(i)->word() != i || table.set(i, Repeated(i + 1))) return 2;
+    }
+    // What is freed can be used again.
+    table.erase(0);
+    return table.set(next, Repeated(next)) ? 0 : 3;
+  });
+  EXPECT_EQ(statusOf(child), 0);
+}
+
+}  // namespace
+}  // namespace Tovan

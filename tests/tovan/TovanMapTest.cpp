@@ -1,0 +1,244 @@
+// The map by itself: contents, growth, damage, refusals.
+#include <map>
+#include <random>
+#include <set>
+
+#include "tests/tovan/SharedTable.h"
+
+namespace Tovan {
+namespace {
+
+struct WideKey {
+  std::array<uint32_t, 5> words;
+  auto operator<=>(const WideKey&) const = default;
+};
+
+/// Applies random operations to a table and to a std::map, and compares all they tell.
+template <class Key, class Value, class MakeKey, class MakeValue>
+void compareWithModel(MakeKey makeKey, MakeValue makeValue) {
+  TovanMap<Key, Value> table({.name = "model"});
+  std::map<Key, Value> model;
+  std::minstd_rand random(1);
+  // The key range widens and narrows, so that the table grows, empties and fills freed slots.
+  for (const uint32_t range : {10u, 5000u, 100u, 20000u}) {
+    for (int i = 0; i < 60000; ++i) {
+      const Key key = makeKey(static_cast<uint32_t>(random() % range));
+      const auto known = model.find(key);
+      if (random() % 3 != 0) {
+        const Value value = makeValue(random());
+        EXPECT_EQ(table.set(key, value), known == model.end());
+        model[key] = value;
+      } else {
+        const auto removed = table.erase(key);
+        ASSERT_EQ(removed.has_value(), known != model.end());
+        if (removed) {
+          EXPECT_EQ(*removed, known->second);
+          model.erase(known);
+        }
+      }
+      const Key other = makeKey(static_cast<uint32_t>(random() % range));
+      const auto found = table.get(other);
+      ASSERT_EQ(found.has_value(), model.contains(other));
+      if (found) {
+        EXPECT_EQ(*found, model.at(other));
+      }
+    }
+    EXPECT_EQ(table.size(), model.size());
+    std::map<Key, Value> walked;
+    for (const auto& [key, value] : table) EXPECT_TRUE(walked.emplace(key, value).second);
+    EXPECT_EQ(walked, model);
+    EXPECT_EQ(table.validate(), 0u);
+  }
+  EXPECT_EQ(table.corruptions(), 0u);
+  table.cleanup();
+  EXPECT_EQ(table.size(), 0u);
+  EXPECT_FALSE(table.get(model.begin()->first));
+}
+
+TEST(TovanMapTest, HoldsWhatWasPutIn) {
+  compareWithModel<uint64_t, uint64_t>([](uint32_t n) { return uint64_t{n} << 32; },
+                                       [](uint64_t n) { return n; });
+  compareWithModel<uint32_t, uint16_t>([](uint32_t n) { return n; },
+                                       [](uint64_t n) { return static_cast<uint16_t>(n); });
+  using Wide = std::array<uint64_t, 5>;
+  compareWithModel<WideKey, Wide>(
+      [](uint32_t n) {
+        return WideKey{{1, 2, 3, 4, n}};
+      },
+      [](uint64_t n) {
+        return Wide{n, n, n, n, n + 1};
+      });
+}
+
+// The merge walks the route table and writes what it finds into the same table.
+TEST(TovanMapTest, WalkSurvivesWritesOfItsBody) {
+  Map table({.name = "walked"});
+  for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
+  std::multiset<uint64_t> seen;
+  for (const auto& [key, value] : table) {
+    seen.insert(key);
+    if (key % 2 == 0) table.erase(key);
+    if (key < 5000) table.set(key + 10000, value);  // grows the table under the walk
+  }
+  for (uint64_t i = 0; i < 5000; ++i) EXPECT_EQ(seen.count(i), 1u) << i;
+  EXPECT_EQ(table.size(), 2500u + 5000u);
+}
+
+class TovanMapDamageTest : public SharedTable {
+ protected:
+  /// Overwrites `count` bytes of the table from outside, at the same places for each seed.
+  void damage(uint32_t seed, int count, size_t from) {
+    const int fd = file();
+    const auto size = static_cast<size_t>(::lseek(fd, 0, SEEK_END));
+    std::mt19937 random(seed);
+    for (int i = 0; i < count; ++i) {
+      const auto at = static_cast<off_t>(from + random() % (size - from));
+      const auto byte = static_cast<char>(random());
+      ASSERT_EQ(::pwrite(fd, &byte, 1, at), 1);
+    }
+    ::close(fd);
+  }
+};
+
+// Whatever is in the memory, neither process may crash or hang, or take a wrong value for right.
+TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
+  constexpr uint64_t kEntries = 3000;
+  size_t reported = 0;
+  size_t repaired = 0;
+  for (uint32_t seed = 0; seed < 30; ++seed) {
+    Map table = writer();
+    for (uint64_t i = 0; i < kEntries; ++i) table.set(i, Repeated(i));
+    Map other = reader();
+    damage(seed, 200, sizeof(TableHeader::Identity) + 64);
+    for (uint64_t i = 0; i < kEntries; ++i) {
+      for (Map* map : {&table, &other}) {
+        try {
+          const auto value = map->get(i);
+          ASSERT_EQ(value.value_or(Repeated(i)).words, Repeated(i).words);
+        } catch (const CorruptionDetectedException& e) {
+          ++reported;
+          map->corruptionDetected(e.what());
+          EXPECT_EQ(map->lastCorruption(), e.what());
+        }
+      }
+    }
+    try {
+      for (const auto& [key, value] : other) ASSERT_EQ(value.words, Repeated(key).words);
+    } catch (const CorruptionDetectedException&) {
+      ++reported;
+    }
+    repaired += table.validate();
+    for (uint64_t i = 0; i < kEntries; ++i) table.set(i, Repeated(i));
+    EXPECT_EQ(table.size(), kEntries);
+    for (uint64_t i = 0; i < kEntries; ++i) ASSERT_TRUE(table.get(i) && other.get(i)) << i;
+    table.cleanup();
+  }
+  EXPECT_GT(reported, 0u);
+  EXPECT_GT(repaired, 0u);
+}
+
+// A writer that found a damaged entry goes on to write it anew, as if it had not been there.
+TEST_F(TovanMapDamageTest, WriterGoesOnAfterDamage) {
+  Map table = writer();
+  for (uint64_t i = 0; i < 100; ++i) table.set(i, Repeated(i));
+  damage(7, 20000, 4096);
+  for (uint64_t i = 0; i < 100; i += 2) table.set(i, Repeated(i));
+  for (uint64_t i = 1; i < 100; i += 2) {
+    EXPECT_EQ(table.erase(i).value_or(Repeated(i)).words, Repeated(i).words);
+  }
+  EXPECT_GT(table.corruptions(), 0u);
+  EXPECT_NE(table.lastCorruption().find(name), std::string::npos);
+  EXPECT_EQ(table.size(), 50u);
+}
+
+class OpenTovanMapTest : public TovanMapDamageTest {
+ protected:
+  /// The text with which opening is refused; empty when it is not.
+  template <class M = Map>
+  static std::string refusal(const TableConfig& config) {
+    try {
+      M map(config);
+    } catch (const OpenException& e) {
+      return e.what();
+    }
+    return {};
+  }
+  void expectRefusal(const std::string& what) {
+    const std::string text = "Tovan table \"" + name + "\" " + what;
+    EXPECT_EQ(refusal(config(Access::Read)), text);
+    EXPECT_EQ(refusal(config(Access::Write)), text);
+  }
+  void overwrite(size_t offset, uint64_t word) {
+    const int fd = file();
+    ASSERT_EQ(::pwrite(fd, &word, sizeof(word), static_cast<off_t>(offset)), 8);
+    ::close(fd);
+  }
+};
+
+TEST_F(OpenTovanMapTest, RefusesWhatItCannotTrust) {
+  const std::string title = "Tovan table \"" + name + "\" ";
+  EXPECT_EQ(refusal(config(Access::Read)), title + "does not exist");
+  EXPECT_EQ(refusal({.access = Access::Write, .name = "a/b"}),
+            "Tovan table \"a/b\" cannot be opened: not a name");
+  {
+    Map table = writer();
+    for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
+    EXPECT_EQ(refusal(config(Access::Write)), title + "has a living writer");
+    table.validateFiles();
+    overwrite(offsetof(TableHeader, version), 2);
+    EXPECT_THROW(table.validateFiles(), CorruptionDetectedException);
+  }
+  expectRefusal("has version 2, known is 1");
+  overwrite(offsetof(TableHeader, version), 1);
+  EXPECT_EQ((refusal<TovanMap<uint64_t, uint64_t>>(config(Access::Read))),
+            title + "has another layout");
+  auto other = config(Access::Write);
+  other.layout = "number/2";
+  EXPECT_EQ(refusal(other), title + "has another layout");
+  overwrite(offsetof(TableHeader, identity) + 8, 1);
+  expectRefusal("has a damaged header");
+  overwrite(offsetof(TableHeader, magic), 1);
+  expectRefusal("is not a Tovan table");
+
+  EXPECT_EQ(tablesOf(name), std::vector{name});
+  EXPECT_EQ(removeTablesOf(name), 1u);
+  writer().set(1, Repeated(1));
+}
+
+TEST_F(OpenTovanMapTest, RefusesATruncatedTable) {
+  {
+    Map table = writer();
+    for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
+  }
+  const int fd = file();
+  const auto size = ::lseek(fd, 0, SEEK_END);
+  ASSERT_EQ(::ftruncate(fd, size / 2), 0);
+  expectRefusal("is truncated: " + std::to_string(size / 2) + " bytes of " + std::to_string(size));
+  ASSERT_EQ(::ftruncate(fd, 10), 0);
+  expectRefusal("is too short to be a table");
+  ::close(fd);
+}
+
+TEST_F(OpenTovanMapTest, ReaderRefusesEveryChange) {
+  Map table = writer();
+  table.set(1, Repeated(1));
+  Map other = reader();
+  const auto refused = [](auto operation) {
+    try {
+      operation();
+    } catch (const ReadOnlyException& e) {
+      return std::string(e.what());
+    }
+    return std::string("nothing");
+  };
+  EXPECT_EQ(refused([&] { other.set(1, Repeated(2)); }), "write to read-only Tovan table");
+  EXPECT_EQ(refused([&] { other.erase(1); }), "remove to read-only Tovan table");
+  EXPECT_EQ(refused([&] { other.clear(); }), "remove to read-only Tovan table");
+  EXPECT_EQ(refused([&] { other.cleanup(); }), "cleanup to read-only Tovan table");
+  EXPECT_EQ(refused([&] { other.validate(); }), "validate to read-only Tovan table");
+  EXPECT_EQ(refused([&] { other.validateFiles(); }), "validateFiles to read-only Tovan table");
+  EXPECT_EQ(other.get(1)->word(), 1u);
+}
+
+}  // namespace
+}  // namespace Tovan
