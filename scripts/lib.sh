@@ -35,7 +35,7 @@ installMissing() {
   local asRoot=()
   if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null ||
-      die "to be installed, by root (there is no sudo here): apt-get install ${missing[*]}"
+      die "root must do this first, there is no sudo here: apt-get install ${missing[*]}"
     asRoot=(sudo)
     # Nobody can be asked for a password without a terminal.
     [ -t 0 ] || asRoot+=(-n)
@@ -46,7 +46,7 @@ installMissing() {
   # A failed update is no reason to stop: the lists that are there may do.
   "${apt[@]}" update </dev/null || echo "The package lists could not be brought up to date." >&2
   "${apt[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null ||
-    die "could not install ${missing[*]}; install them by hand and run this again"
+    die "could not do this: apt-get install ${missing[*]}"
 }
 
 # buildPreset PRESET [BUILD OPTION...]: configures and builds build/PRESET.
