@@ -1,0 +1,163 @@
+// The command around the conversion: where the documents come from, and what its help says.
+#include "cli/ImportCommand.h"
+
+#include <sys/wait.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/Import.h"
+
+namespace Cli {
+namespace {
+
+/// One of the documents: where the command line, a directory and the machine itself have it.
+struct Source {
+  std::optional<IpDocument> IpDocuments::*document;
+  const char* option;
+  const char* fileName;
+  const char* command;
+};
+
+// The tables' numbers are asked for (-N), because only VRF devices tell theirs by number too.
+constexpr std::array kSources{
+    Source{&IpDocuments::link, "--link", "link.json", "ip -d -j link"},
+    Source{&IpDocuments::addr, "--addr", "addr.json", "ip -j addr"},
+    Source{&IpDocuments::neigh, "--neigh", "neigh.json", "ip -j neigh"},
+    Source{&IpDocuments::route4, "--route4", "route4.json", "ip -4 -N -j route show table all"},
+    Source{&IpDocuments::route6, "--route6", "route6.json", "ip -6 -N -j route show table all"},
+    Source{&IpDocuments::nexthop, "--nexthop", "nexthop.json", "ip -j nexthop"},
+};
+
+struct Options {
+  std::string directory;
+  std::array<std::string, kSources.size()> files;
+};
+
+constexpr const char* kDescription =
+    R"(Turns what `ip -j` prints about a Linux machine into a replay on standard output.
+Without an option it runs `ip` in the present network namespace.)";
+
+constexpr const char* kFooter = R"(Imported:
+  - every interface with a layer 3 of its own. Ports of a bridge or a bond have none. It is in the
+    VRF of its master of kind vrf (which only `ip -d` tells), else in the VRF "default"; a VRF
+    device is an interface of its own VRF.
+  - addresses but for 127.0.0.0/8, ::1 and those that duplicate address detection holds back. One
+    IPv4 address of an interface is the primary one, the others are secondary. An address with
+    a peer counts as a host address.
+  - neighbours that are REACHABLE, STALE, DELAY, PROBE or PERMANENT, but no link-local ones.
+  - unicast routes of the table main (VRF "default") and of the VRFs' tables, host routes among
+    them, each with the FEC of its next hops. Of several to one prefix it is the one with the
+    lowest metric. Blackhole, unreachable and prohibit routes have FEC 0: no host is behind them.
+The kernel's local, broadcast, anycast and multicast routes follow from the addresses, and
+link-local prefixes belong to one link; these are left out in silence. What else is left out is
+told on standard error: other tables, throw routes, routes by TOS or source, next hops of the
+other family.
+
+Route types: connected_ (kernel, no gateway), staticConfig_ (static, boot), ebgp_ (BGP, IPv4),
+bgp_ (BGP, IPv6), ospfIntraArea_ (OSPF, IPv4), ospf_ (OSPF, IPv6), isisL1_, rip_, redirect_,
+kernel_ (the kernel's others, router advertisements), unknown_ (any other protocol).
+
+Examples:
+  hostroute import | hostroute replay -      the host routes of this machine
+  ip netns exec blue hostroute import        those of a network namespace
+  hostroute import --dir capture             from files, which these commands make:
+    ip -d -j link > link.json                  ip -4 -j route show table all > route4.json
+    ip -j addr > addr.json                     ip -6 -j route show table all > route6.json
+    ip -j neigh > neigh.json                   ip -j nexthop > nexthop.json  (may be missing)
+
+Exit status: 0 done, warnings or not; 2 input that cannot be had or is no JSON list.)";
+
+std::string readAll(std::FILE* file) {
+  std::string text;
+  std::array<char, 65536> buffer;
+  while (const auto size = std::fread(buffer.data(), 1, buffer.size(), file)) {
+    text.append(buffer.data(), size);
+  }
+  return text;
+}
+
+std::string readFile(const std::string& path) {
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) throw ImportError(path, std::strerror(errno));
+  auto text = readAll(file);
+  const int problem = std::ferror(file) != 0 ? errno : 0;
+  std::fclose(file);
+  if (problem != 0) throw ImportError(path, std::strerror(problem));
+  return text;
+}
+
+/// What the command prints on standard output; its complaints go where ours go.
+std::string readCommand(const std::string& command) {
+  std::FILE* pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) throw ImportError(command, std::strerror(errno));
+  auto text = readAll(pipe);
+  const int status = ::pclose(pipe);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
+    throw ImportError(command, "there is no ip command here; take the files on the machine itself");
+  }
+  if (status != 0) throw ImportError(command, "it failed");
+  return text;
+}
+
+IpDocuments readDocuments(const Options& options) {
+  bool isHere = options.directory.empty();
+  for (const auto& file : options.files) isHere = isHere && file.empty();
+  IpDocuments documents;
+  for (size_t i = 0; i < kSources.size(); ++i) {
+    const auto& source = kSources[i];
+    // Kernels before 5.3 have no nexthop objects.
+    const bool isOptional = source.document == &IpDocuments::nexthop;
+    auto& document = documents.*source.document;
+    auto path = options.files[i];
+    if (path.empty() && !options.directory.empty()) {
+      path = std::filesystem::path(options.directory) / source.fileName;
+      if (isOptional && !std::filesystem::exists(path)) continue;
+    }
+    if (!path.empty()) {
+      document = {path, readFile(path)};
+    } else if (isHere) {
+      try {
+        document = {source.command, readCommand(source.command)};
+      } catch (const ImportError&) {
+        if (!isOptional) throw;
+        std::cerr << source.command << ": warning: failed; there are no nexthop objects then\n";
+      }
+    }
+  }
+  return documents;
+}
+
+}  // namespace
+
+void addImportCommand(CLI::App& app, int& exitCode) {
+  auto* command = app.add_subcommand("import", kDescription);
+  const auto options = std::make_shared<Options>();
+  command->add_option("--dir", options->directory, "Directory with link.json, addr.json ...")
+      ->type_name("DIR");
+  for (size_t i = 0; i < kSources.size(); ++i) {
+    command
+        ->add_option(kSources[i].option, options->files[i],
+                     std::string("What `") + kSources[i].command + "` printed")
+        ->type_name("FILE");
+  }
+  command->footer(kFooter);
+  command->callback([options, &exitCode] {
+    try {
+      importReplay(readDocuments(*options), std::cout, std::cerr);
+      if (!std::cout.flush()) throw ImportError("standard output", "cannot be written");
+    } catch (const ImportError& error) {
+      std::cerr << error.what() << '\n';
+      exitCode = 2;
+    }
+  });
+}
+
+}  // namespace Cli
