@@ -3,7 +3,6 @@
 
 #include <compare>
 #include <optional>
-#include <variant>
 
 #include "platform/zemit/IpAddrWithMask.h"
 
@@ -15,28 +14,26 @@ class AnyAddrWithMask {
   static constexpr size_t kMaxText = Ip6AddrWithMask::kMaxText;
 
   constexpr AnyAddrWithMask() = default;
-  constexpr AnyAddrWithMask(const IpAddrWithMask& value) : value_(value) {}   // NOLINT
-  constexpr AnyAddrWithMask(const Ip6AddrWithMask& value) : value_(value) {}  // NOLINT
+  constexpr AnyAddrWithMask(const IpAddrWithMask& v4) : v4_(v4) {}                // NOLINT
+  constexpr AnyAddrWithMask(const Ip6AddrWithMask& v6) : isV6_(true), v6_(v6) {}  // NOLINT
 
   /// The address without its mask if it is an IPv4 one.
   constexpr std::optional<IpAddr> v4Addr() const {
-    const auto* v4 = std::get_if<IpAddrWithMask>(&value_);
-    return v4 == nullptr ? std::nullopt : std::optional(v4->addr());
+    return isV6_ ? std::nullopt : std::optional(v4_.addr());
   }
 
-  uint32_t hash() const {
-    return std::visit([](const auto& value) { return value.hash(); }, value_);
-  }
+  uint32_t hash() const { return isV6_ ? v6_.hash() : v4_.hash(); }
 
   /// Writes "10.0.0.5/24" or "2001:db8::5/64".
-  char* write(char* out) const {
-    return std::visit([out](const auto& value) { return value.write(out); }, value_);
-  }
+  char* write(char* out) const { return isV6_ ? v6_.write(out) : v4_.write(out); }
 
   friend constexpr auto operator<=>(const AnyAddrWithMask&, const AnyAddrWithMask&) = default;
 
  private:
-  std::variant<IpAddrWithMask, Ip6AddrWithMask> value_;
+  // The address of the other family has its default value.
+  bool isV6_ = false;
+  IpAddrWithMask v4_;
+  Ip6AddrWithMask v6_;
 };
 
 }  // namespace Zemit
