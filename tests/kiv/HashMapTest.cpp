@@ -1,0 +1,277 @@
+// Tests of HashMap against a model, and of what an iterator survives.
+#include "platform/kiv/HashMap.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <random>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+#include "platform/kiv/Ptr.h"
+#include "platform/kiv/String.h"
+
+namespace Kiv {
+namespace {
+
+struct Counted : Object {
+  explicit Counted(uint64_t n) : number(n) { ++living; }
+  ~Counted() override { --living; }
+  uint64_t number;
+  static inline int living = 0;
+};
+
+/// An IPv6 prefix in size.
+struct LongKey {
+  std::array<uint64_t, 3> words{};
+  uint32_t hash() const { return hashWords(words[0] ^ words[2], words[1]); }
+  friend bool operator==(const LongKey&, const LongKey&) = default;
+};
+
+/// Sends all keys to few groups, with few tags: every probe collides.
+struct PoorHash {
+  uint32_t operator()(uint64_t key) const { return static_cast<uint32_t>(key % 5) << 29; }
+};
+
+template <class K>
+K keyOf(uint64_t n) {
+  if constexpr (std::is_same_v<K, StringN>) {
+    return StringN("Ethernet" + std::to_string(n));
+  } else if constexpr (std::is_same_v<K, LongKey>) {
+    return {{n, ~n, n >> 3}};
+  } else {
+    return static_cast<K>(n);
+  }
+}
+template <class V>
+V valueOf(uint64_t n) {
+  if constexpr (std::is_same_v<V, Ptr<Counted>>) {
+    return make<Counted>(n);
+  } else if constexpr (std::is_same_v<V, std::string>) {
+    return std::string(n % 40, 'x') + std::to_string(n);
+  } else {
+    return V(n);
+  }
+}
+template <class V>
+bool isValueOf(const V& value, uint64_t n) {
+  if constexpr (std::is_same_v<V, Ptr<Counted>>) {
+    return value->number == n;
+  } else {
+    return value == valueOf<V>(n);
+  }
+}
+
+template <class M>
+class HashMapModelTest : public testing::Test {
+ protected:
+  using K = std::remove_cvref_t<decltype(std::declval<typename M::Iterator>().key())>;
+  using V = std::remove_cvref_t<decltype(std::declval<typename M::Iterator>().value())>;
+
+  /// Compares everything that can be read from the map with the model.
+  void expectSame() {
+    ASSERT_EQ(map.size(), model.size());
+    ASSERT_EQ(map.empty(), model.empty());
+    size_t walked = 0;
+    for (auto it = map.iteratorConst(); it; ++it, ++walked) {
+      const auto found = model.find(numbers.at(it.key()));
+      ASSERT_NE(found, model.end());
+      ASSERT_TRUE(isValueOf(it.value(), found->second));
+    }
+    ASSERT_EQ(walked, model.size());
+    ASSERT_EQ(map.keys().size(), model.size());
+    for (uint64_t n = 0; n < 200; ++n) ASSERT_EQ(map.contains(keyOf<K>(n)), model.contains(n));
+  }
+  void store(uint64_t n, uint64_t value) {
+    numbers.emplace(keyOf<K>(n), n);
+    const bool isNew = model.emplace(n, value).second;
+    if (value % 3 == 0) {
+      ASSERT_EQ(map.insertOrAssign(keyOf<K>(n), valueOf<V>(value)), isNew);
+      model[n] = value;
+    } else {
+      const auto [stored, added] = map.tryEmplace(keyOf<K>(n), valueOf<V>(value));
+      ASSERT_EQ(added, isNew);
+      ASSERT_TRUE(isValueOf(*stored, model[n]));
+    }
+  }
+  void eraseOnWalk(uint64_t oneIn) {
+    for (auto it = map.iterator(); it; ++it) {
+      if (random() % oneIn != 0) continue;
+      model.erase(numbers.at(it.key()));
+      map.erase(it);
+    }
+  }
+
+  struct KeyHash {
+    size_t operator()(const K& key) const { return Hash<K>()(key); }
+  };
+  M map;
+  std::unordered_map<uint64_t, uint64_t> model;      // value by number
+  std::unordered_map<K, uint64_t, KeyHash> numbers;  // of all keys ever stored
+  std::mt19937_64 random{20};
+};
+using Maps = testing::Types<HashMap<uint64_t, uint64_t>, HashMap<LongKey, std::string>,
+                            HashMap<StringN, Ptr<Counted>>, HashMap<uint64_t, uint32_t, PoorHash>>;
+TYPED_TEST_SUITE(HashMapModelTest, Maps);
+
+// Fills and drains to varying levels, so that tables grow, are cleaned of overflow, and shrink.
+TYPED_TEST(HashMapModelTest, AgreesWithAModelUnderRandomChanges) {
+  constexpr bool isPoor = std::is_same_v<TypeParam, HashMap<uint64_t, uint32_t, PoorHash>>;
+  const std::vector<uint64_t> levels = isPoor ? std::vector<uint64_t>{100, 10, 600}
+                                              : std::vector<uint64_t>{20, 9000, 40, 70000, 100};
+  for (const uint64_t level : levels) {
+    for (uint64_t i = 0; i < std::max<uint64_t>(3 * level, 20000); ++i) {
+      // Half of the numbers is present once as many are erased as stored.
+      const uint64_t n = this->random() % (2 * level);
+      if (this->random() % 2 == 0) {
+        this->store(n, this->random() >> 1);
+      } else {
+        ASSERT_EQ(this->map.erase(keyOf<typename TestFixture::K>(n)), this->model.erase(n) == 1);
+      }
+      if (this->HasFatalFailure()) return;
+    }
+    ASSERT_NO_FATAL_FAILURE(this->expectSame());
+    this->eraseOnWalk(3);
+    ASSERT_NO_FATAL_FAILURE(this->expectSame());
+  }
+  this->eraseOnWalk(1);
+  ASSERT_NO_FATAL_FAILURE(this->expectSame());
+  EXPECT_EQ(this->map.bytes(), 0u);
+  EXPECT_EQ(Counted::living, 0);
+}
+
+// A million entries and back: a table that keeps its size would make each later walk slow.
+TEST(HashMapTest, GivesMemoryBackWhenItShrinks) {
+  HashMap<uint64_t, Ptr<Counted>> map;
+  const auto shared = make<Counted>(0);
+  for (uint64_t n = 0; n < 1'000'000; ++n) map.tryEmplace(n, shared);
+  const size_t most = map.bytes();
+  for (uint64_t n = 0; n < 999'000; ++n) ASSERT_TRUE(map.erase(n));
+  for (uint64_t n = 0; n < 1'000'000; ++n) {  // replaces each element a thousand times
+    map.tryEmplace(n, shared);
+    map.erase(n + 999'000 < 1'000'000 ? n + 999'000 : n - 1'000);
+  }
+  EXPECT_EQ(map.size(), 1000u);
+  EXPECT_LT(map.bytes(), most / 100);
+  EXPECT_EQ(shared->referenceCount(), 1001);
+
+  for (uint64_t n = 0; n < 100'000; ++n) map.tryEmplace(n, shared);
+  auto moved = std::move(map);
+  EXPECT_TRUE(map.empty());  // NOLINT(bugprone-use-after-move): moved-from is empty
+  EXPECT_EQ(shared->referenceCount(), 101'001);
+  moved.clear();
+  EXPECT_EQ(shared->referenceCount(), 1);
+}
+
+// Millions of maps are empty or nearly so.
+TEST(HashMapTest, SmallMapsAreSmall) {
+  HashMap<uint32_t, Present> set;
+  EXPECT_EQ(sizeof set, sizeof(void*));
+  EXPECT_EQ(set.bytes(), 0u);
+  EXPECT_FALSE(set.contains(1));
+  EXPECT_FALSE(set.erase(1));
+  EXPECT_FALSE(set.iterator());
+  EXPECT_TRUE(set.insert(1));
+  EXPECT_FALSE(set.insert(1));
+  EXPECT_LE(set.bytes(), 40u);
+  for (uint32_t n = 2; n <= 8; ++n) set.insert(n);
+  EXPECT_LE(set.bytes(), 96u);
+  uint32_t sum = 0;
+  for (const uint32_t key : set) sum += key;
+  EXPECT_EQ(sum, 36u);
+}
+
+TEST(HashMapTest, AnIteratorFindsItsPlaceAgainAfterInsertions) {
+  HashMap<uint64_t, uint64_t> map;
+  for (uint64_t n = 0; n < 10; ++n) map.tryEmplace(n, n);
+  auto it = map.iterator();
+  const uint64_t first = it.key();
+  const uint32_t generation = map.generation();
+  // Each insertion may move the element: to larger tables, and within the one that is emptied.
+  for (uint64_t n = 100; n < 5000; ++n) {
+    map.tryEmplace(n, n);
+    ASSERT_EQ(it.value(), first);
+  }
+  EXPECT_NE(map.generation(), generation);
+  map.erase(it);
+  EXPECT_FALSE(map.contains(first));
+  size_t left = 0;
+  while (++it) ++left;
+  EXPECT_LT(left, map.size() + 1);
+
+  // Its element gone and the table changed, it has no place to go on from.
+  auto lost = map.iterator();
+  map.erase(lost.key());
+  map.tryEmplace(lost.key() + 1'000'000, 0U);
+  EXPECT_TRUE(lost);
+  EXPECT_FALSE(++lost);
+  // Only the element gone, it has.
+  auto kept = map.iterator();
+  map.erase(kept.key());
+  map.erase(kept);
+  std::set<uint64_t> seen;
+  while (++kept) seen.insert(kept.key());
+  EXPECT_EQ(seen.size(), map.size());
+  // A map that was emptied and filled again is another one, wherever its memory is.
+  auto old = map.iterator();
+  map.clear();
+  map.tryEmplace(old.key() + 1, 0U);
+  EXPECT_FALSE(++old);
+}
+
+/// Looks into the map that it is going from.
+struct Inquisitive : Object {
+  using Map = HashMap<uint64_t, Ptr<Inquisitive>>;
+  explicit Inquisitive(const Map& from) : map(from) {}
+  ~Inquisitive() override { keysSeen = map.keys(); }
+  const Map& map;
+  static inline std::vector<uint64_t> keysSeen;
+};
+
+// A destructor that reaches the map again must find it whole.
+TEST(HashMapTest, AValueMayUseTheMapWhileItIsErased) {
+  Inquisitive::Map map;
+  map.tryEmplace(1, make<Inquisitive>(map));
+  map.tryEmplace(2, make<Inquisitive>(map));
+  map.erase(1);
+  EXPECT_EQ(Inquisitive::keysSeen, std::vector<uint64_t>{2});
+  map.clear();
+  EXPECT_EQ(Inquisitive::keysSeen, std::vector<uint64_t>{});
+}
+
+TEST(HashMapTest, AReservedMapIsNotRebuilt) {
+  for (const size_t count : {3u, 15u, 16u, 1000u, 200'000u}) {
+    HashMap<uint32_t, uint32_t> map;
+    map.tryEmplace(0);
+    map.reserve(count);
+    const size_t bytes = map.bytes();
+    for (uint32_t n = 0; n < count; ++n) map.tryEmplace(n);
+    EXPECT_EQ(map.bytes(), bytes) << count;
+  }
+}
+
+// Machines without SSE2 take the other one.
+TEST(HashMapTest, BothMatchersAgree) {
+  std::mt19937 random{7};
+  for (int round = 0; round < 10000; ++round) {
+    detail::HashGroup group;
+    for (auto& byte : group.control) byte = static_cast<uint8_t>(random() % (round % 2 ? 5 : 256));
+    group.overflow = static_cast<uint8_t>(random());
+    const auto sought = static_cast<uint8_t>(random() % 5);
+    uint32_t matching = 0;
+    uint32_t full = 0;
+    for (uint32_t i = 0; i < detail::HashGroup::kSlots; ++i) {
+      matching |= uint32_t{group.control[i] == sought} << i;
+      full |= uint32_t{group.control[i] > detail::HashGroup::kNoSlot} << i;
+    }
+    EXPECT_EQ(detail::WordMatcher::matching(group, sought), matching);
+    EXPECT_EQ(detail::HashMatcher::matching(group, sought), matching);
+    EXPECT_EQ(detail::WordMatcher::full(group), full);
+    EXPECT_EQ(detail::HashMatcher::full(group), full);
+  }
+}
+
+}  // namespace
+}  // namespace Kiv
