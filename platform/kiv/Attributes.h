@@ -12,6 +12,7 @@
 #include <concepts>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "platform/kiv/Entity.h"
 #include "platform/kiv/HashMap.h"
@@ -68,9 +69,10 @@ namespace detail {
 template <class V>
 inline constexpr bool isEntityHandle = false;
 template <std::derived_from<Entity> T>
-inline constexpr bool isEntityHandle<Ptr<T>> = true;
+inline constexpr bool isEntityHandle<Ptr<T>> = !std::is_const_v<T>;
 
-/// Tells an owned entity whose it is, or that it is nobody's. Other values have no owner.
+/// Tells an owned entity whose it is, or that it is nobody's. Other values, handles to const
+/// entities among them, have no owner.
 template <class Tag, class V>
 void adopt(const Entity& owner, const V& value) {
   if constexpr (isEntityHandle<V>) {
@@ -90,6 +92,8 @@ void disown(const V& value) {
 template <class Tag, class T>
 class Singleton {
  public:
+  using Element = T;
+
   Singleton() = default;
   Singleton(const Singleton&) = delete;
   Singleton& operator=(const Singleton&) = delete;
@@ -170,7 +174,7 @@ class Collection {
       map_.clear();
       return;
     }
-    for (auto it = map_.iterator(); it; ++it) del(owner, it);
+    for (const Key& key : map_.keys()) del(owner, key);
   }
   /// Forgets all entries without a word.
   void dropAll() {
@@ -221,7 +225,7 @@ class KeySet {
       map_.clear();
       return;
     }
-    for (auto it = map_.iterator(); it; ++it) del(owner, it);
+    for (const Key& key : map_.keys()) del(owner, key);
   }
 
  private:
@@ -231,114 +235,166 @@ class KeySet {
 }  // namespace Kiv
 
 /// The tag of an attribute with one value; its change is reported by onAttr().
-#define KIV_VALUE_TAG(id, attr, Attr)                                        \
-  struct Attr##Attribute {                                                   \
-    static_assert(::Kiv::isCapitalised(#attr, #Attr));                       \
-    static constexpr ::Kiv::AttributeInfo kInfo{id, #attr};                  \
-    static void deliver(::Kiv::Notifiee& notifiee) {                         \
-      static_cast<NotifieeConst&>(notifiee).on##Attr();                      \
-    }                                                                        \
+#define KIV_VALUE_TAG(id, attr, Attr)                       \
+  struct Attr##Attribute {                                  \
+    static_assert(::Kiv::isCapitalised(#attr, #Attr));      \
+    static constexpr ::Kiv::AttributeInfo kInfo{id, #attr}; \
+    static void deliver(::Kiv::Notifiee& notifiee) {        \
+      static_cast<NotifieeConst&>(notifiee).on##Attr();     \
+    }                                                       \
   }
 
 /// The tag of a collection; the change of an entry is reported by onAttr(key), the announcement of
 /// the whole by onAttrkivImmediate().
-#define KIV_COLLECTION_TAG(id, attr, Attr, Key)                              \
-  struct Attr##Attribute {                                                   \
-    static_assert(::Kiv::isCapitalised(#attr, #Attr));                       \
-    static constexpr ::Kiv::AttributeInfo kInfo{id, #attr};                  \
-    static void deliver(::Kiv::Notifiee& notifiee, const Key& key) {         \
-      static_cast<NotifieeConst&>(notifiee).on##Attr(key);                   \
-    }                                                                        \
-    static void deliver(::Kiv::Notifiee& notifiee) {                         \
-      static_cast<NotifieeConst&>(notifiee).on##Attr##kivImmediate();        \
-    }                                                                        \
+#define KIV_COLLECTION_TAG(id, attr, Attr, Key)                       \
+  struct Attr##Attribute {                                            \
+    static_assert(::Kiv::isCapitalised(#attr, #Attr));                \
+    static constexpr ::Kiv::AttributeInfo kInfo{id, #attr};           \
+    static void deliver(::Kiv::Notifiee& notifiee, const Key& key) {  \
+      static_cast<NotifieeConst&>(notifiee).on##Attr(key);            \
+    }                                                                 \
+    static void deliver(::Kiv::Notifiee& notifiee) {                  \
+      static_cast<NotifieeConst&>(notifiee).on##Attr##kivImmediate(); \
+    }                                                                 \
   }
 
 /// A value: attr(), attrNotify(). Its setter stands beside it.
-#define KIV_SCALAR(id, attr, Attr, Type)                                     \
-  KIV_VALUE_TAG(id, attr, Attr);                                             \
-  const Type& attr() const noexcept { return attr##_.get(); }                \
-  void attr##Notify() const { this->template notify<Attr##Attribute>(); }    \
-                                                                             \
- private:                                                                    \
-  ::Kiv::Scalar<Attr##Attribute, Type> attr##_;                              \
-                                                                             \
+#define KIV_SCALAR(id, attr, Attr, Type)        \
+  KIV_VALUE_TAG(id, attr, Attr);                \
+  const Type& attr() const noexcept {           \
+    return attr##_.get();                       \
+  }                                             \
+  void attr##Notify() const {                   \
+    this->template notify<Attr##Attribute>();   \
+  }                                             \
+                                                \
+ private:                                       \
+  ::Kiv::Scalar<Attr##Attribute, Type> attr##_; \
+                                                \
  public:
 
 /// A value that anybody may set: adds attrIs(value).
-#define KIV_SETTABLE_SCALAR(id, attr, Attr, Type)                            \
-  KIV_SCALAR(id, attr, Attr, Type)                                           \
-  void attr##Is(const Type& value) { attr##_.set(*this, value); }
+#define KIV_SETTABLE_SCALAR(id, attr, Attr, Type) \
+  KIV_SCALAR(id, attr, Attr, Type)                \
+  void attr##Is(const Type& value) {              \
+    attr##_.set(*this, value);                    \
+  }
 
-/// A reference to an object of another owner: attr(), attrRaw(), attrIs(object).
-#define KIV_POINTER(id, attr, Attr, Type)                                    \
-  KIV_VALUE_TAG(id, attr, Attr);                                             \
-  ::Kiv::Ptr<Type> attr() const noexcept { return attr##_.get(); }           \
-  Type* attr##Raw() const noexcept { return attr##_.raw(); }                 \
-  void attr##Is(const ::Kiv::Ptr<Type>& object) { attr##_.set(*this, object); } \
-                                                                             \
- private:                                                                    \
-  ::Kiv::PointerAttribute<Attr##Attribute, Type> attr##_;                    \
-                                                                             \
+/// A reference to an object of another owner: attr(), attrRaw(). Its setter stands beside it.
+#define KIV_POINTER_VIEW(id, attr, Attr, Type)            \
+  KIV_VALUE_TAG(id, attr, Attr);                          \
+  ::Kiv::Ptr<Type> attr() const noexcept {                \
+    return attr##_.get();                                 \
+  }                                                       \
+  Type* attr##Raw() const noexcept {                      \
+    return attr##_.raw();                                 \
+  }                                                       \
+                                                          \
+ private:                                                 \
+  ::Kiv::PointerAttribute<Attr##Attribute, Type> attr##_; \
+                                                          \
  public:
 
-/// An owned object: attr(), attrDel(). newAttr(...) or attrIs(...) stands beside it.
-#define KIV_SINGLETON(id, attr, Attr, Type)                                  \
-  KIV_VALUE_TAG(id, attr, Attr);                                             \
-  const ::Kiv::Ptr<Type>& attr() const noexcept { return attr##_.get(); }    \
-  void attr##Del() { attr##_.del(*this); }                                   \
-                                                                             \
- private:                                                                    \
-  ::Kiv::Singleton<Attr##Attribute, Type> attr##_;                           \
-                                                                             \
+/// A reference that anybody may set: adds attrIs(object).
+#define KIV_POINTER(id, attr, Attr, Type)         \
+  KIV_POINTER_VIEW(id, attr, Attr, Type)          \
+  void attr##Is(const ::Kiv::Ptr<Type>& object) { \
+    attr##_.set(*this, object);                   \
+  }
+
+/// An owned object that anybody may read: attr(). What makes and removes it stands beside it.
+#define KIV_SINGLETON_VIEW(id, attr, Attr, Type)   \
+  KIV_VALUE_TAG(id, attr, Attr);                   \
+  const ::Kiv::Ptr<Type>& attr() const noexcept {  \
+    return attr##_.get();                          \
+  }                                                \
+                                                   \
+ private:                                          \
+  ::Kiv::Singleton<Attr##Attribute, Type> attr##_; \
+                                                   \
  public:
 
-/// What can be read of a collection of values or owned entities: attr(key), attrCount(),
-/// attrIterator(), attrIteratorConst(); attrNotify(key) and attrNotify() announce an entry or the
-/// whole without a change. Setters and deletions stand beside it.
-#define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                      \
-  KIV_COLLECTION_TAG(id, attr, Attr, Key);                                   \
-  const Value& attr(const Key& key) const { return attr##_.get(key); }       \
-  size_t attr##Count() const noexcept { return attr##_.map().size(); }       \
-  auto attr##Iterator() { return attr##_.map().iterator(); }                 \
-  auto attr##IteratorConst() const { return attr##_.map().iteratorConst(); } \
-  void attr##Notify(const Key& key) const {                                  \
-    this->template notify<Attr##Attribute>(key);                             \
-  }                                                                          \
-  void attr##Notify() const { this->template notify<Attr##Attribute>(); }    \
-                                                                             \
- private:                                                                    \
-  ::Kiv::Collection<Attr##Attribute, Key, Value> attr##_;                    \
-                                                                             \
- public:                                                                     \
-  using Attr##Iterator = ::Kiv::HashMap<Key, Value>::Iterator;
+/// An owned object: adds attrDel(). newAttr(...) or attrIs(...) stands beside it.
+#define KIV_SINGLETON(id, attr, Attr, Type) \
+  KIV_SINGLETON_VIEW(id, attr, Attr, Type)  \
+  void attr##Del() {                        \
+    attr##_.del(*this);                     \
+  }
 
-/// A collection: adds attrDel(key), attrDel(iterator) and attrDelAll(). Its setter stands beside it.
-#define KIV_COLLECTION(id, attr, Attr, Key, Value)                           \
-  KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                            \
-  bool attr##Del(const Key& key) { return attr##_.del(*this, key); }         \
-  void attr##Del(Attr##Iterator& it) { attr##_.del(*this, it); }             \
-  void attr##DelAll() { attr##_.delAll(*this); }
-
-/// A set of keys: attr(key), attrIs(key, present), newAttr(key, present) and what a collection has.
-#define KIV_SET(id, attr, Attr, Key)                                         \
-  KIV_COLLECTION_TAG(id, attr, Attr, Key);                                   \
-  using Attr##Iterator = ::Kiv::HashMap<Key, ::Kiv::Present>::Iterator;      \
-  bool attr(const Key& key) const { return attr##_.contains(key); }          \
-  size_t attr##Count() const noexcept { return attr##_.map().size(); }       \
-  auto attr##Iterator() { return attr##_.map().iterator(); }                 \
-  auto attr##IteratorConst() const { return attr##_.map().iteratorConst(); } \
-  void attr##Is(const Key& key, bool present) { attr##_.set(*this, key, present); } \
-  void new##Attr(const Key& key, bool present) { attr##Is(key, present); }   \
-  bool attr##Del(const Key& key) { return attr##_.del(*this, key); }         \
-  void attr##Del(Attr##Iterator& it) { attr##_.del(*this, it); }             \
-  void attr##DelAll() { attr##_.delAll(*this); }                             \
-  void attr##Notify(const Key& key) const {                                  \
-    this->template notify<Attr##Attribute>(key);                             \
-  }                                                                          \
-  void attr##Notify() const { this->template notify<Attr##Attribute>(); }    \
-                                                                             \
- private:                                                                    \
-  ::Kiv::KeySet<Attr##Attribute, Key> attr##_;                               \
-                                                                             \
+/// What sets and collections of values or owned entities have in common, over the storage class
+/// given last: attrCount(), attrIterator(), attrIteratorConst(), attrKeys() (a snapshot);
+/// attrNotify(key) and attrNotify() announce an entry or the whole without a change.
+#define KIV_KEYED_MEMBERS(id, attr, Attr, Key, ...)           \
+  KIV_COLLECTION_TAG(id, attr, Attr, Key);                    \
+  using Attr##Iterator = typename __VA_ARGS__::Map::Iterator; \
+  size_t attr##Count() const noexcept {                       \
+    return attr##_.map().size();                              \
+  }                                                           \
+  auto attr##Iterator() {                                     \
+    return attr##_.map().iterator();                          \
+  }                                                           \
+  auto attr##IteratorConst() const {                          \
+    return attr##_.map().iteratorConst();                     \
+  }                                                           \
+  std::vector<Key> attr##Keys() const {                       \
+    return attr##_.map().keys();                              \
+  }                                                           \
+  void attr##Notify(const Key& key) const {                   \
+    this->template notify<Attr##Attribute>(key);              \
+  }                                                           \
+  void attr##Notify() const {                                 \
+    this->template notify<Attr##Attribute>();                 \
+  }                                                           \
+                                                              \
+ private:                                                     \
+  __VA_ARGS__ attr##_;                                        \
+                                                              \
  public:
+
+/// The deletions: attrDel(key), attrDel(iterator) and attrDelAll().
+#define KIV_KEYED_DELETIONS(attr, Attr, Key) \
+  bool attr##Del(const Key& key) {           \
+    return attr##_.del(*this, key);          \
+  }                                          \
+  void attr##Del(Attr##Iterator& it) {       \
+    attr##_.del(*this, it);                  \
+  }                                          \
+  void attr##DelAll() {                      \
+    attr##_.delAll(*this);                   \
+  }
+
+/// A collection that is read by anybody and changed by its entity alone: attr(key), which gives the
+/// entry or an empty value, attrFind(key), which gives null for none, and the common members. What
+/// changes it stands beside it. What the two give is good until the collection changes.
+#define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                                  \
+  KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::Collection<Attr##Attribute, Key, Value>) \
+  const Value& attr(const Key& key) const {                                              \
+    return attr##_.get(key);                                                             \
+  }                                                                                      \
+  const Value* attr##Find(const Key& key) const {                                        \
+    return attr##_.map().find(key);                                                      \
+  }
+
+/// A collection: adds the deletions. Its setter stands beside it.
+#define KIV_COLLECTION(id, attr, Attr, Key, Value) \
+  KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)  \
+  KIV_KEYED_DELETIONS(attr, Attr, Key)
+
+/// A set of keys that is read by anybody and changed by its entity alone: attr(key) and the common
+/// members.
+#define KIV_SET_VIEW(id, attr, Attr, Key)                                     \
+  KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::KeySet<Attr##Attribute, Key>) \
+  bool attr(const Key& key) const {                                           \
+    return attr##_.contains(key);                                             \
+  }
+
+/// A set of keys: adds attrIs(key, present), newAttr(key, present) and the deletions.
+#define KIV_SET(id, attr, Attr, Key)             \
+  KIV_SET_VIEW(id, attr, Attr, Key)              \
+  KIV_KEYED_DELETIONS(attr, Attr, Key)           \
+  void attr##Is(const Key& key, bool present) {  \
+    attr##_.set(*this, key, present);            \
+  }                                              \
+  void new##Attr(const Key& key, bool present) { \
+    attr##Is(key, present);                      \
+  }

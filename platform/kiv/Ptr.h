@@ -147,5 +147,13 @@ const Ptr<T>& validPtr(const Ptr<T>& handle) {
     throw Exception("null ValidPtr");
   return handle;
 }
+/// What `object` points at.
+/// \throws Kiv::Exception "null ValidPtr" when it is null.
+template <class T>
+T& validPtr(T* object) {
+  if (object == nullptr) [[unlikely]]
+    throw Exception("null ValidPtr");
+  return *object;
+}
 
 }  // namespace Kiv

@@ -99,7 +99,11 @@ void traceHelper(const TraceFacility& handle, const Name& objectName, const std:
 
 /// Traces `message`, a chain of insertions such as `"removing " << prefix`, for `object` (an entity
 /// or a reactor). The chain is not evaluated unless the statement builds.
-#define KIV_TRACE(facility, level, object, message)                                         \
+#define KIV_TRACE(facility, level, object, message) \
+  KIV_TRACE_AS(facility, level, object, __func__, message)
+
+/// KIV_TRACE in a helper of a handler: the record names the handler, `function`.
+#define KIV_TRACE_AS(facility, level, object, function, message)                            \
   do {                                                                                      \
     ::Kiv::TraceFacility& kivFacility = (facility);                                         \
     if (kivFacility.builds(level)) [[unlikely]] {                                           \
@@ -107,6 +111,6 @@ void traceHelper(const TraceFacility& handle, const Name& objectName, const std:
       kivMessage << message;                                                                \
       ::Kiv::traceHelper(kivFacility, ::Kiv::Tracer::objectName(object), kivMessage.str(),  \
                          (level), kivFacility.isEnabled(level), kivFacility.sourceModule(), \
-                         __LINE__, __func__);                                               \
+                         __LINE__, (function));                                             \
     }                                                                                       \
   } while (false)

@@ -100,6 +100,9 @@ class BasicFec {
   size_t viaCount() const noexcept { return vias_.size(); }
   /// The via at `index`, which must be below viaCount().
   const V& via(Fib::ViaIndex index) const noexcept { return vias_[index.value()]; }
+  /// All vias, also those that no ViaIndex reaches.
+  const V* begin() const noexcept { return vias_.begin(); }
+  const V* end() const noexcept { return vias_.end(); }
   /// Adds a via at the end.
   void newVia(const V& via) { vias_.insert(vias_.end(), via); }
 

@@ -1,0 +1,87 @@
+// The neighbour tables, as the ARP and neighbour discovery agent publishes them.
+#pragma once
+
+#include "platform/arp/ArpEntryStatus.h"
+#include "platform/kiv/Attributes.h"
+#include "platform/zemit/IntfId.h"
+
+namespace Arp {
+
+/// The neighbours of one interface, IPv4 (RFC 826) and IPv6 (RFC 4861). Named by the interface.
+class ArpIntfStatus final : public Kiv::Entity {
+ public:
+  using Ptr = Kiv::Ptr<ArpIntfStatus>;
+  using PtrConst = Kiv::Ptr<const ArpIntfStatus>;
+
+  /// Derive from this to be told of changes; a new notifiee is told of all entries at once.
+  class NotifieeConst : public Kiv::NotifieeOf<ArpIntfStatus> {
+   public:
+    virtual void onArpEntry(const Zemit::IpAddr&) {}
+    virtual void onArpEntrykivImmediate() {}
+    virtual void onIp6NeighborEntry(const Zemit::Ip6Addr&) {}
+    virtual void onIp6NeighborEntrykivImmediate() {}
+
+   protected:
+    void kivImmediate() override {
+      onArpEntrykivImmediate();
+      onIp6NeighborEntrykivImmediate();
+    }
+  };
+
+  explicit ArpIntfStatus(Zemit::IntfId intfId) : intfId_(intfId) {}
+
+  Zemit::IntfId intfId() const noexcept { return intfId_; }
+  Kiv::Name name() const override { return intfId_.name(); }
+
+  /// The IPv4 neighbours.
+  KIV_COLLECTION(258, arpEntry, ArpEntry, Zemit::IpAddr, ArpEntryStatus)
+  void arpEntryIs(const ArpEntryStatus& entry) { arpEntry_.set(*this, entry.ipAddr, entry); }
+
+  /// The IPv6 neighbours.
+  KIV_COLLECTION(259, ip6NeighborEntry, Ip6NeighborEntry, Zemit::Ip6Addr, Ip6NeighborEntryStatus)
+  void ip6NeighborEntryIs(const Ip6NeighborEntryStatus& entry) {
+    ip6NeighborEntry_.set(*this, entry.ipAddr, entry);
+  }
+
+ private:
+  Zemit::IntfId intfId_;
+};
+
+/// The neighbour tables by interface name.
+class NeighborDir final : public Kiv::NamedEntity {
+ public:
+  using Ptr = Kiv::Ptr<NeighborDir>;
+  using PtrConst = Kiv::Ptr<const NeighborDir>;
+
+  /// Derive from this to be told of tables that come and go.
+  class NotifieeConst : public Kiv::NotifieeOf<NeighborDir> {
+   public:
+    virtual void onArpIntfStatus(const Kiv::Name&) {}
+    virtual void onArpIntfStatuskivImmediate() {}
+
+   protected:
+    void kivImmediate() override { onArpIntfStatuskivImmediate(); }
+  };
+
+  explicit NeighborDir(Kiv::Name name) : NamedEntity(std::move(name)) {}
+
+  /// The table of each interface.
+  KIV_COLLECTION(258, arpIntfStatus, ArpIntfStatus, Kiv::Name, ArpIntfStatus::Ptr)
+  /// Puts `table` in, in place of one that its interface may have.
+  /// \throws Kiv::RangeException when it is null.
+  void arpIntfStatusIs(const ArpIntfStatus::Ptr& table) {
+    KIV_REQUIRE(table,
+                "null _arpIntfStatus parameter to mutator for "
+                "Arp::NeighborDir::arpIntfStatus not allowed");
+    arpIntfStatus_.set(*this, table->name(), table);
+  }
+  /// Makes the interface's table unless it is there; returns it.
+  ArpIntfStatus::Ptr newArpIntfStatus(const Kiv::Name& intfName) {
+    if (const auto& present = arpIntfStatus(intfName)) return present;
+    auto added = Kiv::make<Arp::ArpIntfStatus>(Zemit::IntfId::of(intfName));
+    arpIntfStatusIs(added);
+    return added;
+  }
+};
+
+}  // namespace Arp

@@ -1,0 +1,40 @@
+// Sets of interfaces.
+#pragma once
+
+#include <algorithm>
+#include <vector>
+
+#include "platform/kiv/Ptr.h"
+#include "platform/zemit/IntfId.h"
+
+namespace Obu {
+
+/// A set of interface names, such as those through which a FEC leaves. Iterates in the order of
+/// the interface ids.
+class IntfDir final : public Kiv::Object {
+ public:
+  using Ptr = Kiv::Ptr<IntfDir>;
+  using PtrConst = Kiv::Ptr<const IntfDir>;
+
+  /// A new, empty set.
+  static Ptr IntfDirIs() { return Kiv::make<IntfDir>(); }
+
+  /// Puts an interface in.
+  void intfNameIs(const Kiv::String8& name) { intfIs(Zemit::IntfId::of(name)); }
+  void intfIs(Zemit::IntfId intf) {
+    const auto at = std::lower_bound(intfs_.begin(), intfs_.end(), intf);
+    if (at == intfs_.end() || *at != intf) intfs_.insert(at, intf);
+  }
+  bool intfName(const Kiv::String8& name) const { return contains(Zemit::IntfId::of(name)); }
+  bool contains(Zemit::IntfId intf) const {
+    return std::binary_search(intfs_.begin(), intfs_.end(), intf);
+  }
+  size_t count() const noexcept { return intfs_.size(); }
+  auto begin() const noexcept { return intfs_.begin(); }
+  auto end() const noexcept { return intfs_.end(); }
+
+ private:
+  std::vector<Zemit::IntfId> intfs_;
+};
+
+}  // namespace Obu

@@ -1,0 +1,84 @@
+// The keeper of the adjacencies that host routes refer to.
+#pragma once
+
+#include "platform/routing/HostStatus.h"
+#include "platform/tovan/ForwardingStatus.h"
+
+namespace Rovel {
+
+/// Hands out one adjacency for each distinct via set, and counts the references on it.
+///
+/// Host adjacencies live in the host-route table they are for, FIB adjacencies in the forwarding
+/// status, beside its own FECs, where readers of the route table resolve them.
+///
+/// Derive from it to keep adjacencies elsewhere.
+///
+/// \tparam H  the family's host-route table.  \tparam W  its forwarding status.
+template <class H, class W>
+class BasicAdjacencyHelper : public Kiv::NamedEntity {
+ public:
+  using HostTable = H;
+  using ViaSet = typename H::ViaSet;
+  using FecId = Tovan::Fib::FecId;
+  using Ptr = Kiv::Ptr<BasicAdjacencyHelper>;
+  using PtrConst = Kiv::Ptr<const BasicAdjacencyHelper>;
+
+  /// \param fwdStatus  where FIB adjacencies are published; null publishes them nowhere.
+  BasicAdjacencyHelper(Kiv::Name name, typename W::Ptr fwdStatus)
+      : NamedEntity(std::move(name)),
+        fwdStatus_(std::move(fwdStatus)),
+        space_(FecId{fwdStatus_ ? fwdStatus_->newAdjacencySpace() : 1} << 32) {}
+
+  /// The table's adjacency for `vias`, with one more reference.
+  virtual FecId doGetOrCreateHostAdjacency(const ViaSet& vias,
+                                           const typename HostTable::Ptr& table) {
+    return table->adjacencies().take(vias).first;
+  }
+  /// Drops one reference on an adjacency of the table.
+  virtual void doDropRefOnHostAdjacency(const typename HostTable::Ptr& table, FecId adjIndex) {
+    table->adjacencies().drop(static_cast<uint32_t>(adjIndex));
+  }
+
+  /// The FIB adjacency for `vias`, with one more reference. \throws Tovan::NoSpaceException.
+  virtual FecId doGetOrCreateFibAdjacency(const ViaSet& vias);
+  /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
+  virtual void doDropRefOnFibAdjacency(FecId fecId);
+
+  /// The FIB adjacencies handed out.
+  const AdjacencyTable<ViaSet>& fibAdjacencies() const noexcept { return fibAdjacencies_; }
+
+ private:
+  typename W::Ptr fwdStatus_;
+  FecId space_;  // what the ids of this helper's FIB adjacencies have above the index
+  AdjacencyTable<ViaSet> fibAdjacencies_;
+};
+
+template <class H, class W>
+Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::doGetOrCreateFibAdjacency(const ViaSet& vias) {
+  const auto [index, isNew] = fibAdjacencies_.take(vias);
+  const FecId fecId = space_ | index;
+  if (isNew && fwdStatus_) {
+    typename W::Fec fec(fecId);
+    for (const auto& member : vias) fec.newVia(member.via);
+    try {
+      fwdStatus_->adjacencyIs(fec);
+    } catch (...) {
+      fibAdjacencies_.drop(index);
+      throw;
+    }
+  }
+  return fecId;
+}
+
+template <class H, class W>
+void BasicAdjacencyHelper<H, W>::doDropRefOnFibAdjacency(FecId fecId) {
+  const auto index = static_cast<uint32_t>(fecId);
+  if (fecId != (space_ | index)) return;
+  if (fibAdjacencies_.drop(index) && fwdStatus_) fwdStatus_->adjacencyDel(fecId);
+}
+
+using AdjacencyHelper = BasicAdjacencyHelper<Routing::Host::Status, Tovan::Fib::ForwardingStatus>;
+using Adjacency6Helper =
+    BasicAdjacencyHelper<Routing6::Host::Status, Tovan::Fib6::ForwardingStatus>;
+
+}  // namespace Rovel

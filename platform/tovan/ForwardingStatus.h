@@ -1,0 +1,235 @@
+// The forwarding status: FECs, in shared memory.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "platform/kiv/Attributes.h"
+#include "platform/tovan/FibTypes.h"
+#include "platform/tovan/IntfNames.h"
+#include "platform/tovan/TovanMap.h"
+
+namespace Tovan {
+
+/// The FECs of one family, which other processes can attach to together with the routes that point
+/// at them.
+///
+/// FECs below kFirstAdjacency are set and announced by whoever programs the FIB. Those from there
+/// on are FIB adjacencies that an adjacency helper hands out: readers resolve them alike, but they
+/// are neither announced nor listed with the others.
+///
+/// \tparam A  the family's address.
+template <class A>
+class BasicForwardingStatus final : public Kiv::NamedEntity {
+ public:
+  using FecId = Fib::FecId;
+  using Via = BasicVia<A>;
+  using Fec = BasicFec<Via>;
+  using Ptr = Kiv::Ptr<BasicForwardingStatus>;
+  using PtrConst = Kiv::Ptr<const BasicForwardingStatus>;
+
+  /// The lowest id of a FIB adjacency.
+  static constexpr FecId kFirstAdjacency = FecId{1} << 32;
+
+  /// Derive from this to be told of changes. onFec() announces the whole collection; a new notifiee
+  /// gets it at once.
+  class NotifieeConst : public Kiv::NotifieeOf<BasicForwardingStatus> {
+   public:
+    virtual void onFec(const FecId&) {}
+    virtual void onFec() {}
+    virtual void onFeckivImmediate() { onFec(); }
+
+   protected:
+    void kivImmediate() override { onFeckivImmediate(); }
+  };
+
+  KIV_COLLECTION_TAG(258, fec, Fec, FecId);
+
+  /// \param name    the table's name; other processes know its parts as "NAME.fec4" and so on.
+  /// \param access  by default a table in this process's own memory.
+  /// \throws OpenException, NoSpaceException.
+  explicit BasicForwardingStatus(const std::string& name, Access access = Access::Embedded);
+
+  /// The FEC of this id, or one without id and vias.
+  /// \throws CorruptionDetectedException.
+  Fec fec(const FecId& id) const;
+
+  /// Stores a FEC under its id; announces it if it is new or differs.
+  /// \throws Kiv::RangeException when the id is 0 or a FIB adjacency's; NoSpaceException.
+  void fecIs(const Fec& fec);
+  /// Removes a FEC and announces that, if it is there.
+  void fecDel(const FecId& id);
+  /// The ids there are, FIB adjacencies left out, in no order. Damage is reported and ends the
+  /// list.
+  std::vector<FecId> fecKeys() const;
+  /// Announces a FEC, or the whole collection, without a change.
+  void fecNotify(const FecId& id) const { this->template notify<FecAttribute>(id); }
+  void fecNotify() const { this->template notify<FecAttribute>(); }
+
+  /// A number that no other keeper of FIB adjacencies has or had here; its adjacencies have the ids
+  /// from `number << 32` on.
+  uint32_t newAdjacencySpace() { return ++adjacencySpaces_; }
+  /// Stores or removes a FIB adjacency, without a word.
+  void adjacencyIs(const Fec& adjacency) { store(adjacency); }
+  void adjacencyDel(const FecId& id) { remove(id); }
+
+  /// Told of damage met on a look-up or walk.
+  void corruptionDetected(const std::string& message) const { fecs_.corruptionDetected(message); }
+
+ private:
+  struct RawVia {
+    A hop;
+    uint32_t intf = 0;  // a number of intfs_
+  };
+  /// A FEC with its first via. Most have no other; the others stand in moreVias_ under `change`.
+  struct Record {
+    uint32_t viaCount = 0;
+    uint32_t change = 0;
+    RawVia first{};
+  };
+  /// A further via. Those of an update are written under its own change count, and those of the
+  /// former one removed after the record has turned to them, so that neither a reader nor a writer
+  /// that takes over ever finds the vias of two updates mixed.
+  struct ViaKey {
+    FecId fec;
+    uint32_t change;
+    uint32_t index;
+  };
+
+  static constexpr bool kIsIpv4 = A::kBits == 32;
+  RawVia raw(const Via& via) { return {.hop = via.hop, .intf = intfs_.numberOf(via.intf)}; }
+  Via cooked(const RawVia& via) const { return {.hop = via.hop, .intf = intfs_.intfOf(via.intf)}; }
+  bool readVias(const Record& record, Fec& fec) const;
+  void store(const Fec& fec);
+  bool remove(const FecId& id);
+  void removeVias(const FecId& id, const Record& record);
+  void clearUp();
+
+  // Noting damage is no change of the FECs: a reader does it too.
+  mutable TovanMap<FecId, Record> fecs_;
+  TovanMap<ViaKey, RawVia> moreVias_;
+  IntfNames intfs_;
+  uint32_t adjacencySpaces_ = 0;
+};
+
+template <class A>
+BasicForwardingStatus<A>::BasicForwardingStatus(const std::string& name, Access access)
+    : NamedEntity(Kiv::Name(name)),
+      fecs_({.access = access,
+             .name = name + (kIsIpv4 ? ".fec4" : ".fec6"),
+             .layout = kIsIpv4 ? "fec4/1" : "fec6/1"}),
+      moreVias_({.access = access,
+                 .name = name + (kIsIpv4 ? ".via4" : ".via6"),
+                 .layout = kIsIpv4 ? "via4/1" : "via6/1"}),
+      intfs_(
+          {.access = access, .name = name + (kIsIpv4 ? ".intf4" : ".intf6"), .layout = "intf/1"}) {
+  if (access == Access::Write) clearUp();
+}
+
+/// Puts right what a former writer left behind half done, and passes over its adjacency spaces.
+template <class A>
+void BasicForwardingStatus<A>::clearUp() {
+  for (const auto& item : fecs_) {
+    adjacencySpaces_ = std::max(adjacencySpaces_, static_cast<uint32_t>(item.key >> 32));
+  }
+  for (const ViaKey& key : moreVias_.keys()) {
+    const auto record = fecs_.get(key.fec);
+    if (!record || record->change != key.change || key.index >= record->viaCount) {
+      moreVias_.erase(key);
+    }
+  }
+}
+
+template <class A>
+typename BasicForwardingStatus<A>::Fec BasicForwardingStatus<A>::fec(const FecId& id) const {
+  constexpr int kTries = 100;  // each miss but the last means that a new update has completed
+  for (int tries = 0; tries < kTries; ++tries) {
+    const auto record = fecs_.get(id);
+    if (!record) return {};
+    Fec fec(id);
+    if (record->viaCount != 0) fec.newVia(cooked(record->first));
+    if (record->viaCount <= 1 || readVias(*record, fec)) return fec;
+  }
+  throw CorruptionDetectedException("table " + fecs_.name() + ": FEC " + std::to_string(id) +
+                                    " lacks vias");
+}
+
+template <class A>
+bool BasicForwardingStatus<A>::readVias(const Record& record, Fec& fec) const {
+  for (uint32_t index = 1; index < record.viaCount; ++index) {
+    const auto via = moreVias_.get({.fec = fec.id(), .change = record.change, .index = index});
+    if (!via) return false;
+    fec.newVia(cooked(*via));
+  }
+  return true;
+}
+
+template <class A>
+void BasicForwardingStatus<A>::fecIs(const Fec& fec) {
+  KIV_REQUIRE(fec.id() != Fib::invalidFecId && fec.id() < kFirstAdjacency,
+              "FecId::value == 0 or >= 2^32 not allowed");
+  if (this->hasNotifiees() && this->fec(fec.id()) == fec) return;
+  store(fec);
+  this->template notify<FecAttribute>(fec.id());
+}
+
+template <class A>
+void BasicForwardingStatus<A>::fecDel(const FecId& id) {
+  if (remove(id)) this->template notify<FecAttribute>(id);
+}
+
+template <class A>
+void BasicForwardingStatus<A>::store(const Fec& fec) {
+  const auto former = fecs_.get(fec.id());
+  Record record{.viaCount = static_cast<uint32_t>(fec.viaCount()),
+                .change = former ? former->change + 1 : 0};
+  uint32_t index = 0;
+  for (const Via& via : fec) {
+    if (index == 0) {
+      record.first = raw(via);
+    } else {
+      moreVias_.set({.fec = fec.id(), .change = record.change, .index = index}, raw(via));
+    }
+    ++index;
+  }
+  fecs_.set(fec.id(), record);
+  if (former) removeVias(fec.id(), *former);
+}
+
+template <class A>
+bool BasicForwardingStatus<A>::remove(const FecId& id) {
+  const auto removed = fecs_.erase(id);
+  if (!removed) return false;
+  removeVias(id, *removed);
+  return true;
+}
+
+template <class A>
+void BasicForwardingStatus<A>::removeVias(const FecId& id, const Record& record) {
+  for (uint32_t index = 1; index < record.viaCount; ++index) {
+    moreVias_.erase({.fec = id, .change = record.change, .index = index});
+  }
+}
+
+template <class A>
+std::vector<Fib::FecId> BasicForwardingStatus<A>::fecKeys() const {
+  std::vector<FecId> ids;
+  try {
+    for (const auto& item : fecs_) {
+      if (item.key < kFirstAdjacency) ids.push_back(item.key);
+    }
+  } catch (const CorruptionDetectedException& damage) {
+    corruptionDetected(damage.what());
+  }
+  return ids;
+}
+
+namespace Fib {
+using ForwardingStatus = BasicForwardingStatus<Zemit::IpAddr>;
+}
+namespace Fib6 {
+using ForwardingStatus = BasicForwardingStatus<Zemit::Ip6Addr>;
+}
+
+}  // namespace Tovan

@@ -1,0 +1,46 @@
+// The interfaces that shared tables refer to, by name.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/tovan/TovanMap.h"
+#include "platform/zemit/IntfId.h"
+
+namespace Tovan {
+
+/// Numbers for interfaces that mean the same to every process attached to a table, and to the next
+/// writer. Number 0 is "no interface".
+class IntfNames {
+ public:
+  static constexpr size_t kMaxBytes = 127;
+
+  explicit IntfNames(const TableConfig& config);
+
+  /// The interface's number; a new interface's name is published first.
+  /// \throws Kiv::RangeException when the name is over kMaxBytes; NoSpaceException.
+  uint32_t numberOf(Zemit::IntfId intf);
+  /// The interface with this number, or none.
+  /// \throws CorruptionDetectedException.
+  Zemit::IntfId intfOf(uint32_t number) const {
+    return number < intfs_.size() ? intfs_[number] : fetch(number);
+  }
+
+  void cleanup() { names_.cleanup(); }
+
+ private:
+  struct Text {
+    std::array<char, kMaxBytes + 1> bytes;  // ends with a zero byte
+  };
+
+  Zemit::IntfId fetch(uint32_t number) const;
+  void learn(uint32_t number, Zemit::IntfId intf) const;
+
+  TovanMap<uint32_t, Text> names_;
+  mutable std::vector<Zemit::IntfId> intfs_;  // by number
+  mutable std::vector<uint32_t> numbers_;     // by the value of the interface's id; 0 is unknown
+};
+
+}  // namespace Tovan

@@ -1,0 +1,111 @@
+// The FIB's route tables, in shared memory.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/kiv/Attributes.h"
+#include "platform/tovan/FibTypes.h"
+#include "platform/tovan/RouteRecord.h"
+#include "platform/tovan/TovanMap.h"
+
+namespace Tovan {
+
+/// The routes of one VRF and family by prefix, which other processes can attach to.
+///
+/// \tparam R  the family's route.
+template <class R>
+class BasicRouteStatus final : public Kiv::NamedEntity {
+ public:
+  using Route = R;
+  using Prefix = decltype(R::key);
+  using Ptr = Kiv::Ptr<BasicRouteStatus>;
+  using PtrConst = Kiv::Ptr<const BasicRouteStatus>;
+
+  /// Derive from this to be told of changes. A callback runs after the change it reports.
+  class NotifieeConst : public Kiv::NotifieeOf<BasicRouteStatus> {
+   public:
+    virtual void onRoute(const Prefix&) {}
+    virtual void onRoutekivImmediate() {}
+
+   protected:
+    void kivImmediate() override { onRoutekivImmediate(); }
+  };
+
+  KIV_COLLECTION_TAG(258, route, Route, Prefix);
+
+  /// \param name    the table's name; other processes know the table as "NAME.route4" or
+  ///                "NAME.route6".
+  /// \param access  by default a table in this process's own memory.
+  /// \throws OpenException, NoSpaceException.
+  explicit BasicRouteStatus(const std::string& name, Access access = Access::Embedded)
+      : NamedEntity(Kiv::Name(name)),
+        map_({.access = access, .name = name + kSuffix, .layout = kLayout}) {}
+
+  /// The route with exactly this prefix, or noRoute(prefix).
+  /// \throws CorruptionDetectedException.
+  Route route(const Prefix& prefix) const {
+    const auto record = map_.get(prefix);
+    return record ? record->withKey(prefix) : noRoute<Route>(prefix);
+  }
+  /// Stores a route under its key, and announces it if it is new or differs.
+  /// \throws NoSpaceException, ReadOnlyException.
+  void routeIs(const Route& route) {
+    const Record record(route);
+    if (this->hasNotifiees() && map_.get(route.key) == record) return;
+    map_.set(route.key, record);
+    this->template notify<RouteAttribute>(route.key);
+  }
+  /// Removes a route, announces that and returns it; or noRoute(prefix).
+  /// \throws ReadOnlyException.
+  Route routeDel(const Prefix& prefix) {
+    const auto removed = map_.erase(prefix);
+    if (!removed) return noRoute<Route>(prefix);
+    this->template notify<RouteAttribute>(prefix);
+    return removed->withKey(prefix);
+  }
+  size_t routeCount() const { return map_.size(); }
+  /// Calls `visit` with each route, in no order. The body may write to the table.
+  /// \throws CorruptionDetectedException.
+  template <class Visit>
+  void forEachRoute(Visit visit) const {
+    for (const auto& item : map_) visit(item.value.withKey(item.key));
+  }
+  /// The prefixes there are, in no order. Damage is reported and ends the list.
+  std::vector<Prefix> routeKeys() const {
+    std::vector<Prefix> keys;
+    keys.reserve(map_.size());
+    try {
+      for (const auto& item : map_) keys.push_back(item.key);
+    } catch (const CorruptionDetectedException& damage) {
+      corruptionDetected(damage.what());
+    }
+    return keys;
+  }
+  /// Announces a prefix, or the whole table, without a change.
+  void routeNotify(const Prefix& prefix) const { this->template notify<RouteAttribute>(prefix); }
+  void routeNotify() const { this->template notify<RouteAttribute>(); }
+
+  /// Told of damage met on a look-up or walk.
+  void corruptionDetected(const std::string& message) const { map_.corruptionDetected(message); }
+  const TovanMap<Prefix, RouteRecord<Route>>& map() const noexcept { return map_; }
+
+ private:
+  using Record = RouteRecord<Route>;
+
+  static constexpr bool kIsIpv4 = Prefix::kMaxLen == 32;
+  static constexpr const char* kSuffix = kIsIpv4 ? ".route4" : ".route6";
+  static constexpr const char* kLayout = kIsIpv4 ? "route4/1" : "route6/1";
+
+  // Noting damage is no change of the routes: a reader does it too.
+  mutable TovanMap<Prefix, Record> map_;
+};
+
+namespace Fib {
+using RouteStatus = BasicRouteStatus<Route>;
+}
+namespace Fib6 {
+using RouteStatus = BasicRouteStatus<Route>;
+}
+
+}  // namespace Tovan
