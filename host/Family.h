@@ -1,0 +1,116 @@
+// IPv4 as the shared steps of host routing see it.
+#pragma once
+
+#include "host/RouteSm.h"
+#include "host/RouteWriter.h"
+#include "platform/kiv/Trace.h"
+
+namespace Routing::Host {
+
+/// The trace facility of the IPv4 half.
+extern Kiv::TraceFacility hostRouteTrace;
+
+/// The types, constants, words and accessors of the IPv4 half.
+struct Ipv4 {
+  using Addr = Zemit::IpAddr;
+  using Prefix = Zemit::Prefix;
+  using Route = Tovan::Fib::Route;
+  using RouteType = Routing::Fib::RouteType;
+  using RouteStatus = Tovan::Fib::RouteStatus;
+  using ForwardingStatus = Tovan::Fib::ForwardingStatus;
+  using Via = Tovan::Fib::Via;
+  using ViaSet = Rovel::ViaSet;
+  using HostTable = Status;
+  using AddrSet = Obu::AddrSet;
+  using AdjacencyHelper = Rovel::AdjacencyHelper;
+  using VirtualIpStatus = Fhrp::VirtualIpStatus;
+  using Neighbor = Arp::ArpEntryStatus;
+  using RouteSm = Host::RouteSm;
+  using RouteSmRoot = Host::RouteSmRoot;
+  using PrefixList = Host::PrefixList;
+
+  static Kiv::TraceFacility& trace() { return hostRouteTrace; }
+  static constexpr const char* kModule = "HostRouteSm";
+
+  static constexpr RouteType kInvalid = Fib::invalid_;
+  static constexpr RouteType kAttached = Fib::attached_;
+  static constexpr RovelReady::RouteType kReadyKind = RovelReady::v4Host_;
+  static constexpr bool kWriterTracesTables = false;
+  static constexpr bool kTracesFibRoute = true;
+  static constexpr bool kMergesReceiveRoutes = true;
+  static constexpr bool kTracesMergeDeletion = true;
+
+  struct Text {
+    static constexpr const char* kTypeIsValid = "routeType != Routing::Fib::invalid_";
+    static constexpr const char* kEntry = "arp entry ";
+    static constexpr const char* kSkippingEntry = "skipping ArpEntry ";
+    static constexpr const char* kHandlingAdded = "handling an added arp entry for ";
+    static constexpr const char* kNotStoring = "not storing arp entry ";
+    static constexpr const char* kNoRoutesForDeleted = "no arp routes for deleted arp entry ";
+    static constexpr const char* kEntriesLeft = " arpEntrys left";
+    static constexpr const char* kWasNone = " was None";
+    static constexpr const char* kRemovingRoute = "removing arp route for ";
+    static constexpr const char* kHostFibRoute = "/32 fib route that is associated with ";
+    static constexpr const char* kDroppingLast = "Dropping ref on last fecId: ";
+  };
+
+  static bool isOwnType(RouteType type) {
+    return type == Fib::receive_ || type == Fib::attached_ || type == Fib::receiveBcast_;
+  }
+  static bool isBgpType(RouteType type) {
+    return type == Fib::ibgp_ || type == Fib::ebgp_ || type == Fib::bgpAggregate_;
+  }
+
+  // The neighbours of a table; an IPv4 handler is given the whole entry.
+  static const Neighbor* findNeighbor(const Arp::ArpIntfStatus& table, const Addr& addr) {
+    return table.arpEntryFind(addr);
+  }
+  static auto neighbors(const Arp::ArpIntfStatus& table) { return table.arpEntryIteratorConst(); }
+  static size_t neighborCount(const Arp::ArpIntfStatus& table) { return table.arpEntryCount(); }
+  static const Neighbor& argument(const Neighbor& neighbor) { return neighbor; }
+
+  // What the root derives from neighbours.
+  static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.arpTable(); }
+  static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
+    return root.arpRoute(prefix);
+  }
+  static const AddrSet::Ptr& neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
+    return root.arpRouteIs(prefix);
+  }
+  static void neighborSetDel(RouteSmRoot& root, const Prefix& prefix) { root.arpRouteDel(prefix); }
+
+  static const VirtualIpStatus* virtualIps(const RouteSm& sm) { return sm.virtualIps(); }
+  /// Reports the VRF's host routes synchronised as of `time`, unless that was done before.
+  static void hostRoutesSyncedIs(RovelReady::VrfStatus& readiness, double time) {
+    if (readiness.v4HostRoutesSynced()) return;
+    readiness.v4HostRoutesSyncedTimeIs(time);
+    readiness.v4HostRoutesSyncedIs(true);
+  }
+
+  static Obu::IntfDir::Ptr intfs(const ForwardingStatus* fwdStatus, Tovan::Fib::FecId fecId);
+  static Route routeAbove(const Prefix& prefix, const RouteStatus* routeStatus,
+                          const Routing::Trie* trie);
+  static bool nonemptyIntersection(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
+                                   const Obu::IntfDir::Ptr& b);
+  static Obu::IntfDir::Ptr subtract(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
+                                    const Obu::IntfDir::Ptr& b);
+
+  /// Writes through the half's own writer, for a machine's VRF.
+  static void addRouteToRouteTable(const HostTable::Ptr& hostTable,
+                                   const RouteStatus::Ptr& routeTable, const Addr& ip,
+                                   Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm);
+  static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
+                              const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper) {
+    Host::removeHostRoute(ip, hostTable, addrSet, adjHelper);
+  }
+  /// The merge's first choice: writes the route of an address that is received here. Returns
+  /// whether it is.
+  static bool mergeReceiveRoute(RouteSm& sm, const Addr& ip);
+
+  // Traces that one half has, or has in another form.
+  static void traceCoveringRoute(const RouteSm&, const Prefix&, const Prefix&) {}
+  static void traceTakenFrom(const RouteSm& sm, const Addr& addr, const Prefix& above);
+  static void traceStoredVia(const RouteSm& sm, const Addr& ip, const Via& via);
+};
+
+}  // namespace Routing::Host

@@ -1,0 +1,38 @@
+// The secondary addresses of one interface.
+#pragma once
+
+#include "platform/kiv/Attributes.h"
+#include "platform/zemit/IpAddrWithMask.h"
+
+namespace Routing::Host {
+
+/// The secondary IPv4 addresses of one interface for which receive routes were written.
+class IntfAddresses final : public Kiv::Entity {
+ public:
+  using Ptr = Kiv::Ptr<IntfAddresses>;
+  using PtrConst = Kiv::Ptr<const IntfAddresses>;
+
+  /// Derive from this to be told of changes. A callback runs after the change it reports.
+  class NotifieeConst : public Kiv::NotifieeOf<IntfAddresses> {
+   public:
+    virtual void onAddrWithMask(const Zemit::IpAddrWithMask&) {}
+    virtual void onAddrWithMaskkivImmediate() {}
+
+   protected:
+    void kivImmediate() override { onAddrWithMaskkivImmediate(); }
+  };
+
+  explicit IntfAddresses(Kiv::String8 intfName) : intfName_(std::move(intfName)) {}
+
+  /// The interface: the entity's key.
+  const Kiv::String8& intfName() const noexcept { return intfName_; }
+  Kiv::Name name() const override { return intfName_; }
+
+  /// The addresses.
+  KIV_SET(258, addrWithMask, AddrWithMask, Zemit::IpAddrWithMask)
+
+ private:
+  Kiv::String8 intfName_;
+};
+
+}  // namespace Routing::Host

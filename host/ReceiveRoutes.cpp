@@ -1,0 +1,149 @@
+#include "host/ReceiveRoutes.h"
+
+#include <algorithm>
+
+#include "host/Family.h"
+
+namespace Routing::Host {
+
+namespace {
+
+/// The addresses that an interface address yields: itself, and the network and the broadcast
+/// address of a subnet that has them (RFC 3021: one of 31 bits has not).
+class YieldedAddresses {
+ public:
+  explicit YieldedAddresses(const Zemit::IpAddrWithMask& of) {
+    if (of.addr().isZero()) return;
+    addrs_[count_++] = of.addr();
+    if (of.len() > 30) return;
+    addrs_[count_++] = of.subnetAddr();
+    addrs_[count_++] = of.allOnesAddr();
+  }
+
+  const Zemit::IpAddr* begin() const { return addrs_.data(); }
+  const Zemit::IpAddr* end() const { return addrs_.data() + count_; }
+  bool contain(Zemit::IpAddr addr) const { return std::find(begin(), end(), addr) != end(); }
+
+ private:
+  std::array<Zemit::IpAddr, 3> addrs_;
+  size_t count_ = 0;
+};
+
+/// Writes one receive route, makes the interface its owner, and releases the host adjacency of the
+/// route that was replaced, which another interface or address had written.
+void writeReceiveRoute(Zemit::IpAddr ip, Tovan::Fib::FecId adjacency,
+                       Routing::Fib::RouteType routeType, const Kiv::String8& intfName,
+                       const RouteSmRoot::Ptr& root, const Obu::AddrSet::Ptr& changed) {
+  const auto& table = root->receiveTable();
+  const auto replaced = table->route(Zemit::Prefix::host(ip));
+  addRouteToRouteTable(table, nullptr, ip, adjacency, routeType, nullptr, root, L3::VrfName());
+  if (replaced.key == Zemit::Prefix::host(ip) && replaced.fecId != Tovan::Fib::invalidFecId) {
+    root->adjHelperRaw()->doDropRefOnHostAdjacency(table, replaced.fecId);
+  }
+  root->receiveAddrToIntfNameIs(ip, intfName);
+  changed->ipIs(ip, true);
+}
+
+}  // namespace
+
+void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
+                            const Zemit::IpAddrWithMask& addrWithMask, const RouteSmRoot::Ptr& root,
+                            const Obu::AddrSet::Ptr& changed) {
+  const auto name = status->name();
+  KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
+            "addActiveReceiveRoutes"
+                << "  addrMask: " << addrWithMask << " intfName: " << name);
+  for (const Zemit::IpAddr ip : YieldedAddresses(addrWithMask)) {
+    if (ip == addrWithMask.addr()) {
+      Rovel::ViaSet vias;
+      vias.newVia({.hop = {}, .intf = status->intfId()}, 1);
+      const auto adjacency = Kiv::validPtr(root->adjHelperRaw())
+                                 .doGetOrCreateHostAdjacency(vias, root->receiveTable());
+      writeReceiveRoute(ip, adjacency, Fib::receive_, name, root, changed);
+    } else {
+      writeReceiveRoute(ip, Tovan::Fib::invalidFecId, Fib::receiveBcast_, name, root, changed);
+    }
+  }
+}
+
+void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& /*status*/, const Kiv::Name& intfName,
+                         const RouteSmRoot::Ptr& root, const Obu::AddrSet::Ptr& changed) {
+  KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
+            "removeReceiveRoutes"
+                << "  intf: " << intfName);
+  // Each address leaves the record before its routes go, so that only those that remain count as
+  // overlapping.
+  if (const auto* recorded = root->intfNameToAddrWithMaskFind(intfName)) {
+    const auto primary = *recorded;
+    root->intfNameToAddrWithMaskDel(intfName);
+    removeAddrMaskFromReceiveTable(primary, intfName, changed, root);
+  }
+  if (const auto secondaries = root->intfNameToSecondaryAddrWithMask(intfName)) {
+    for (const auto& secondary : secondaries->addrWithMaskKeys()) {
+      secondaries->addrWithMaskDel(secondary);
+      removeAddrMaskFromReceiveTable(secondary, intfName, changed, root);
+    }
+    root->intfNameToSecondaryAddrWithMaskDel(intfName);
+  }
+}
+
+void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
+                                    const Kiv::Name& intfName, const Obu::AddrSet::Ptr& changed,
+                                    const RouteSmRoot::Ptr& root) {
+  KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
+            "removeAddrMaskFromReceiveTable"
+                << " remove recv route: " << addrWithMask);
+  for (const Zemit::IpAddr ip : YieldedAddresses(addrWithMask)) {
+    const auto* owner = root->receiveAddrToIntfNameFind(ip);
+    if (owner == nullptr || *owner != intfName) continue;
+    removeReceiveRoute(ip, intfName, root);
+    changed->ipIs(ip, true);
+  }
+}
+
+void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const RouteSmRoot::Ptr& root) {
+  KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
+            "void Routing::Host::removeReceiveRoute(Zemit::IpAddr, const Kiv::Name&, "
+            "const Routing::Host::RouteSmRoot::Ptr&)"
+                << " remove recv route: " << ip);
+  if (YieldedAddresses(root->intfNameToAddrWithMask(intfName)).contain(ip)) {
+    KIV_TRACE(hostRouteTrace, 8, *root, " found overlapping addr ");
+    return;
+  }
+  if (const auto secondaries = root->intfNameToSecondaryAddrWithMask(intfName)) {
+    for (auto it = secondaries->addrWithMaskIteratorConst(); it; ++it) {
+      if (!YieldedAddresses(it.key()).contain(ip)) continue;
+      KIV_TRACE(hostRouteTrace, 8, *root, " found overlapping addr ");
+      return;
+    }
+  }
+  removeHostRoute(ip, root->receiveTable(), nullptr, root->adjHelper());
+  root->receiveAddrToIntfNameDel(ip);
+}
+
+void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus::PtrConst& status) {
+  const auto root = Kiv::validPtr(Kiv::validPtr(routeSm)->root());
+  const auto name = status->name();
+  KIV_TRACE(hostRouteTrace, 8, *root,
+            "recomputeReceiveRoutes"
+                << " for interface: " << name);
+  const auto changed = Obu::AddrSet::AddrSetIs(Zemit::Prefix::null());
+  removeReceiveRoutes(status, name, root, changed);
+  const auto& primary = status->activeAddrWithMask();
+  if (primary != root->intfNameToAddrWithMask(name)) {
+    addActiveReceiveRoutes(status, primary, root, changed);
+    root->intfNameToAddrWithMaskIs(name, primary);
+  }
+  // In ascending order: of addresses that yield the same one, the last decides its type.
+  auto secondaries = status->activeSecondaryWithMaskKeys();
+  std::sort(secondaries.begin(), secondaries.end());
+  for (const auto& secondary : secondaries) {
+    const auto recorded = root->intfNameToSecondaryAddrWithMaskIs(name);
+    if (recorded->addrWithMask(secondary)) continue;
+    addActiveReceiveRoutes(status, secondary, root, changed);
+    recorded->addrWithMaskIs(secondary, true);
+  }
+  routeSm->doMerge(changed);
+}
+
+}  // namespace Routing::Host

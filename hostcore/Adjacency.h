@@ -1,0 +1,145 @@
+// Following the FECs through which FIB routes resolve.
+#pragma once
+
+#include <algorithm>
+#include <tuple>
+#include <vector>
+
+#include "hostcore/Family.h"
+#include "platform/obu/FibLookup.h"
+
+namespace HostCore {
+
+/// The steps from a change of a route's FEC, or of a FEC itself, to the host routes under it.
+template <Family F>
+class Adjacency {
+ public:
+  using Addr = typename F::Addr;
+  using Prefix = typename F::Prefix;
+  using Route = typename F::Route;
+  using AddrSetPtr = typename F::AddrSet::Ptr;
+
+  explicit Adjacency(typename F::RouteSm& sm) : sm_(sm), root_(Kiv::validPtr(sm.rootRaw())) {}
+
+  void handleAdjacency(const Route& fibRoute);
+  AddrSetPtr handleDeletedAdjacency(const Prefix& oldPrefix);
+  void handleFec(Tovan::Fib::FecId fecId);
+
+ private:
+  /// Takes the neighbours inside `prefix` from the route that covers it, with their host routes.
+  void takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr& changed);
+
+  typename F::RouteSm& sm_;
+  typename F::RouteSmRoot& root_;
+};
+
+template <Family F>
+void Adjacency<F>::handleAdjacency(const Route& fibRoute) {
+  const Prefix prefix = fibRoute.key;
+  if constexpr (F::kTracesFibRoute) {
+    KIV_TRACE(F::trace(), 7, sm_, "handling fibRoute=" << prefix);
+  }
+  const Tovan::Fib::FecId oldFec = root_.prefixToAdjacency(prefix);
+  AddrSetPtr changed;
+  if (oldFec != Tovan::Fib::invalidFecId) {
+    KIV_TRACE(
+        F::trace(), 7, sm_,
+        "removing state for old adjacency " << oldFec << " which has been removed from " << prefix);
+    changed = sm_.handleDeletedAdjacency(prefix);
+  } else {
+    changed = F::AddrSet::AddrSetIs(Prefix::null());
+  }
+  if (prefix.len() == Addr::kBits) changed->ipIs(prefix.addr(), true);
+  root_.prefixToAdjacencyDel(prefix);
+
+  auto list = root_.adjacencyToPrefix(oldFec);
+  const bool hadList = static_cast<bool>(list);
+  if (hadList) {
+    list->prefixDel(prefix);
+    if (list->prefixCount() == 0) {
+      root_.adjacencyToPrefixDel(oldFec);
+      list = nullptr;
+    }
+  }
+  Obu::IntfDir::Ptr intfs;
+  if (fibRoute.fecId == Tovan::Fib::invalidFecId) {
+    intfs = Obu::IntfDir::IntfDirIs();
+  } else {
+    KIV_TRACE(F::trace(), 7, sm_, "handling new adjacency " << fibRoute.fecId);
+    root_.prefixToAdjacencyIs(prefix, fibRoute.fecId);
+    // Deliberate, all three ways: a prefix that had no list gets none here, but when the first
+    // neighbour is filed under it; one whose old list has other prefixes is filed again in that
+    // list, so that a change of the old FEC still reaches it; only one that was the last of its
+    // list goes to the list of its new FEC.
+    if (hadList) {
+      if (!list) {
+        list = root_.adjacencyToPrefix(fibRoute.fecId);
+        if (!list) {
+          list = F::PrefixList::PrefixListIs(fibRoute.fecId);
+          root_.adjacencyToPrefixIs(list);
+        }
+      }
+      list->prefixIs(prefix, true);
+    }
+    intfs = F::intfs(sm_.forwardingStatus(), fibRoute.fecId);
+  }
+
+  takeFromCoveringRoute(prefix, changed);
+
+  const auto promoted = sm_.promoteArpEntries(intfs, fibRoute);
+  for (auto it = promoted->ipIteratorConst(); it; ++it) changed->ipIs(it.key(), true);
+  if (changed->ipCount() != 0) sm_.doMerge(changed);
+}
+
+template <Family F>
+void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr& changed) {
+  const Route above = F::routeAbove(prefix, sm_.routeStatusRaw(), root_.trieRaw());
+  F::traceCoveringRoute(sm_, prefix, above.key);
+  if (isNull(above.key)) return;
+  const auto neighbors = F::neighborSet(root_, above.key);
+  if (!neighbors) return;
+  for (const Addr& addr : neighbors->ipKeys()) {
+    if (!prefix.contains(addr)) continue;
+    F::traceTakenFrom(sm_, addr, above.key);
+    F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
+    changed->ipIs(addr, true);
+    neighbors->ipDel(addr);
+  }
+}
+
+template <Family F>
+typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldPrefix) {
+  auto result = F::AddrSet::AddrSetIs(Prefix::null());
+  const auto neighbors = F::neighborSet(root_, oldPrefix);
+  if (!neighbors) return result;
+  for (const Addr& addr : neighbors->ipKeys()) {
+    F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
+    neighbors->ipDel(addr);
+    result->ipIs(addr, true);
+  }
+  return result;
+}
+
+template <Family F>
+void Adjacency<F>::handleFec(Tovan::Fib::FecId fecId) {
+  if (!root_.adjacencyToPrefix(fecId)) return;
+  // Handling a route files its prefix again, perhaps in a new list, so the walk is over the
+  // prefixes that were there at the start and still are.
+  auto prefixes = root_.adjacencyToPrefix(fecId)->prefixKeys();
+  std::sort(prefixes.begin(), prefixes.end(), [](const Prefix& a, const Prefix& b) {
+    return std::make_tuple(a.len(), a.addr()) < std::make_tuple(b.len(), b.addr());
+  });
+  for (const Prefix& prefix : prefixes) {
+    const auto list = root_.adjacencyToPrefix(fecId);
+    if (!list || !list->prefix(prefix)) continue;
+    Route fibRoute = Obu::readRoute(sm_.routeStatusRaw(), prefix);
+    // Deliberate: a filed prefix that has left the FIB is handled as the empty route, which is the
+    // default route without a FEC. That one loses its host routes until its neighbours or its FIB
+    // route are announced again.
+    if (fibRoute.key != prefix) fibRoute = Route();
+    if (prefix.len() == Addr::kBits && F::isOwnType(fibRoute.routeType)) continue;
+    sm_.handleAdjacency(fibRoute);
+  }
+}
+
+}  // namespace HostCore

@@ -1,0 +1,179 @@
+// Following the FIB's routes.
+#pragma once
+
+#include <algorithm>
+#include <tuple>
+#include <vector>
+
+#include "hostcore/Family.h"
+#include "platform/obu/FibLookup.h"
+
+namespace HostCore {
+
+/// The prefixes of a FIB table, the shortest first, so that a neighbour that several cover ends up
+/// under the longest whatever order the table iterates in.
+template <class Table>
+auto prefixesByLength(const Table& table) {
+  auto prefixes = table.routeKeys();
+  std::sort(prefixes.begin(), prefixes.end(), [](const auto& a, const auto& b) {
+    return std::make_tuple(a.len(), a.addr()) < std::make_tuple(b.len(), b.addr());
+  });
+  return prefixes;
+}
+
+/// True when the two sets share an interface.
+inline bool intersects(const Obu::IntfDir& a, const Obu::IntfDir& b) {
+  return std::any_of(a.begin(), a.end(), [&b](Zemit::IntfId intf) { return b.contains(intf); });
+}
+
+/// The interfaces that `b` has and `a` lacks.
+inline Obu::IntfDir::Ptr lackingIn(const Obu::IntfDir& a, const Obu::IntfDir& b) {
+  auto rest = Obu::IntfDir::IntfDirIs();
+  for (const Zemit::IntfId intf : b) {
+    if (!a.contains(intf)) rest->intfIs(intf);
+  }
+  return rest;
+}
+
+/// The steps from a change of a FIB route to the tracked state and the host routes under it.
+template <Family F>
+class FibTracking {
+ public:
+  using Prefix = typename F::Prefix;
+  using Route = typename F::Route;
+
+  explicit FibTracking(typename F::RouteSm& sm) : sm_(sm) {}
+
+  void handleStatusRoute(const Prefix& prefix);
+  void handleStatusRoute();
+  void handleHostStatusRoute(const Prefix& prefix);
+  void handleHostStatusRoute();
+  void handleRoute(const Prefix& prefix, const Route& fibRoute);
+  void handleDeletedRoute(const Route& oldFibRoute);
+
+ private:
+  typename F::RouteSm& sm_;
+};
+
+template <Family F>
+void FibTracking<F>::handleStatusRoute(const Prefix& prefix) {
+  if (isNull(prefix)) {
+    KIV_TRACE(F::trace(), 0, sm_, "there is a fib route for the null prefix " << prefix);
+  }
+  // The route table's host prefixes are what this system merged into it.
+  if (prefix.len() == F::Addr::kBits) return;
+  sm_.handleRoute(prefix, Obu::readRoute(sm_.routeStatusRaw(), prefix));
+}
+
+template <Family F>
+void FibTracking<F>::handleStatusRoute() {
+  if (!sm_.initialized()) {
+    KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
+    return;
+  }
+  const auto* table = sm_.routeStatusRaw();
+  if (table == nullptr) return;
+  for (const Prefix& prefix : prefixesByLength(*table)) sm_.handleStatusRoute(prefix);
+}
+
+template <Family F>
+void FibTracking<F>::handleHostStatusRoute(const Prefix& prefix) {
+  const auto* hostStatus = sm_.hostStatusRaw();
+  sm_.handleRoute(prefix, hostStatus == nullptr ? Tovan::noRoute<typename F::Route>(prefix)
+                                                : hostStatus->route(prefix));
+}
+
+template <Family F>
+void FibTracking<F>::handleHostStatusRoute() {
+  if (!sm_.initialized()) {
+    KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
+    return;
+  }
+  const auto* hostStatus = sm_.hostStatusRaw();
+  if (hostStatus == nullptr) return;
+  for (const Prefix& prefix : prefixesByLength(*hostStatus)) sm_.handleHostStatusRoute(prefix);
+}
+
+template <Family F>
+void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
+  if (!sm_.initialized()) {
+    KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
+    return;
+  }
+  auto& root = Kiv::validPtr(sm_.rootRaw());
+  auto& trie = Kiv::validPtr(root.trieRaw());
+  const Route* tracked = root.prefixToRouteFind(prefix);
+
+  if (fibRoute.key == prefix) {
+    if (tracked != nullptr && *tracked == fibRoute) return;
+    if (tracked == nullptr) {
+      KIV_TRACE(F::trace(), 6, sm_, "oldFibRoute for " << prefix << F::Text::kWasNone);
+    } else {
+      KIV_TRACE(F::trace(), 0, sm_, "oldFibRoute for " << prefix << " was " << *tracked);
+    }
+    F::neighborSetIs(root, prefix);
+    trie.routeIs(prefix, true);
+    root.prefixToRouteIs(fibRoute);
+    if (prefix.len() != F::Addr::kBits) {
+      sm_.handleAdjacency(fibRoute);
+      return;
+    }
+    const auto mergeSet = F::AddrSet::AddrSetIs(Prefix::null());
+    mergeSet->ipIs(prefix.addr(), true);
+    sm_.doMerge(mergeSet);
+    return;
+  }
+
+  const Route old = tracked == nullptr ? Route() : *tracked;
+  trie.routeDel(prefix);
+  if (tracked != nullptr) {
+    KIV_TRACE(F::trace(), 6, sm_, "removing route " << old << " for " << prefix);
+    sm_.handleDeletedRoute(old);
+  }
+  // A prefix that was never tracked counts as one with FEC 0.
+  if (const auto list = root.adjacencyToPrefix(old.fecId)) {
+    list->prefixDel(prefix);
+    if (list->prefixCount() == 0) root.adjacencyToPrefixDel(old.fecId);
+  }
+  root.prefixToAdjacencyDel(prefix);
+  F::neighborSetDel(root, prefix);
+  root.prefixToRouteDel(prefix);
+}
+
+template <Family F>
+void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
+  KIV_TRACE(F::trace(), 7, sm_,
+            "fib route being deleted=" << oldFibRoute << " with prefix=" << oldFibRoute.key);
+  auto& root = Kiv::validPtr(sm_.rootRaw());
+  const auto mergeSet = F::AddrSet::AddrSetIs(Prefix::null());
+  if (oldFibRoute.key.len() == F::Addr::kBits) mergeSet->ipIs(oldFibRoute.key.addr(), true);
+
+  const Route above = F::routeAbove(oldFibRoute.key, sm_.routeStatusRaw(), root.trieRaw());
+  const bool covered = !isNull(above.key);
+  Obu::IntfDir::Ptr aboveIntfs;
+  Obu::IntfDir::Ptr oldIntfs;
+  bool rehome = false;
+  if (covered) {
+    aboveIntfs = F::intfs(sm_.forwardingStatus(), above.fecId);
+    oldIntfs = F::intfs(sm_.forwardingStatus(), oldFibRoute.fecId);
+    rehome = F::nonemptyIntersection(root, oldIntfs, aboveIntfs);
+  }
+
+  if (const auto neighbors = F::neighborSet(root, oldFibRoute.key)) {
+    for (const auto& addr : neighbors->ipKeys()) {
+      F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
+      neighbors->ipDel(addr);
+      if (rehome) sm_.fixupArpRoute(addr, above);
+      mergeSet->ipIs(addr, true);
+    }
+  }
+
+  if (covered) {
+    const auto newIntfs = F::subtract(root, oldIntfs, aboveIntfs);
+    const auto promoted = sm_.promoteArpEntries(newIntfs, above);
+    for (auto it = promoted->ipIteratorConst(); it; ++it) mergeSet->ipIs(it.key(), true);
+  }
+  if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
+}
+
+}  // namespace HostCore

@@ -1,0 +1,24 @@
+// Catching up when a state machine is initialized.
+#pragma once
+
+#include "hostcore/Family.h"
+
+namespace HostCore {
+
+/// The catch-up pass. Runs when `initialized` changes, deliberately in either direction: when it
+/// goes back to false the guarded steps only trace.
+template <Family F>
+void handleInitialized(typename F::RouteSm& sm) {
+  sm.handleStatusRoute();
+  sm.handleHostStatusRoute();
+  sm.handleArpEntries();
+  const auto toMerge = Kiv::validPtr(sm.rootRaw()).toMerge();
+  if (toMerge && toMerge->ipCount() != 0) {
+    KIV_TRACE(F::trace(), 8, sm, "Process ip's deferred before initialization");
+    sm.doMerge(toMerge);
+    toMerge->ipDelAll();
+  }
+  sm.setHostRouteRibReady();
+}
+
+}  // namespace HostCore

@@ -1,0 +1,91 @@
+// Looking a neighbour's address up in the FIB.
+#pragma once
+
+#include <string_view>
+
+#include "hostcore/Family.h"
+#include "platform/obu/FibLookup.h"
+
+namespace HostCore {
+
+/// True when the table's neighbours yield no host routes: those of a management port.
+inline bool skipInterface(const Arp::ArpIntfStatus& table) {
+  return table.name().pos("Management") == 0;
+}
+
+/// The look-ups that say whether a neighbour may have a host route.
+template <Family F>
+class Lookup {
+ public:
+  using Addr = typename F::Addr;
+  using Prefix = typename F::Prefix;
+  using Route = typename F::Route;
+
+  explicit Lookup(const typename F::RouteSm& sm) : sm_(sm) {}
+
+  /// The FIB route with exactly this prefix, or a record whose key is the null prefix. Host
+  /// prefixes are the host-route status' affair, all others the route table's.
+  Route doFibLookup(const Prefix& prefix) const;
+
+  /// The longest FIB prefix that covers `ip`, if its FEC leaves through the table's interface; else
+  /// the null prefix.
+  ///
+  /// Only the longest is looked at: when it leaves through another interface, a shorter one that
+  /// leaves through this one does not count.
+  Prefix checkIpAddressAgainstFib(const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const;
+
+ private:
+  const typename F::RouteSm& sm_;
+};
+
+template <Family F>
+typename F::Route Lookup<F>::doFibLookup(const Prefix& prefix) const {
+  if (prefix.len() == Addr::kBits) {
+    const auto* hostStatus = sm_.hostStatusRaw();
+    return hostStatus == nullptr ? Tovan::noRoute<typename F::Route>(prefix)
+                                 : hostStatus->route(prefix);
+  }
+  return Obu::readRoute(sm_.routeStatusRaw(), prefix);
+}
+
+template <Family F>
+typename F::Prefix Lookup<F>::checkIpAddressAgainstFib(
+    const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const {
+  if (sm_.routeStatusRaw() == nullptr) {
+    KIV_TRACE(F::trace(), 0, sm_, "routeStatus is unset");
+    return Prefix::null();
+  }
+  if (sm_.hostStatusRaw() == nullptr) {
+    KIV_TRACE(F::trace(), 0, sm_, "hostStatus is unset");
+    return Prefix::null();
+  }
+  if (!table) {
+    KIV_TRACE(F::trace(), 0, sm_, "arpIntfStatus is unset");
+    return Prefix::null();
+  }
+  const auto& trie = Kiv::validPtr(Kiv::validPtr(sm_.rootRaw()).trieRaw());
+  const Prefix longest = trie.longestMatch(hostPrefix<F>(ip));
+  if (isNull(longest)) {
+    KIV_TRACE(F::trace(), 1, sm_, "there is no route with a prefix for " << ip);
+    return longest;
+  }
+  const Route route = sm_.doFibLookup(longest);
+  if (route.key != longest) {
+    KIV_TRACE(F::trace(), 0, sm_,
+              "there is no route for "
+                  << longest << " which is a prefix that should have an associated route");
+    return Prefix::null();
+  }
+  if (route.fecId == Tovan::Fib::invalidFecId) {
+    KIV_TRACE(F::trace(), 1, sm_,
+              "there is no adjacency associated with the route for " << longest);
+    return Prefix::null();
+  }
+  if (Obu::leavesThrough(sm_.forwardingStatus(), route.fecId, table->intfId())) return longest;
+  KIV_TRACE(F::trace(), 7, sm_,
+            "the matching prefix for " << ip << " did not have a interface route on the interface "
+                                       << table->name());
+  return Prefix::null();
+}
+
+}  // namespace HostCore

@@ -1,0 +1,203 @@
+// Repairing the host routes of neighbours, and settling which host route wins.
+#pragma once
+
+#include "hostcore/Lookup.h"
+
+namespace HostCore {
+
+/// The steps that file neighbours under FIB routes and merge host routes into the route table.
+template <Family F>
+class Merge {
+ public:
+  using Addr = typename F::Addr;
+  using Prefix = typename F::Prefix;
+  using Route = typename F::Route;
+  using AddrSetPtr = typename F::AddrSet::Ptr;
+
+  explicit Merge(typename F::RouteSm& sm) : sm_(sm), root_(Kiv::validPtr(sm.rootRaw())) {}
+
+  AddrSetPtr promoteArpEntries(const Obu::IntfDir::Ptr& intfs, const Route& fibRoute);
+  void fixupArpRoute(const Addr& ip, const Route& fibRoute);
+  void doMerge(const typename F::AddrSet::PtrConst& changed);
+
+ private:
+  /// The vias through which `ip` is a neighbour on an interface of the route's FEC.
+  typename F::ViaSet neighborVias(const Addr& ip, const Route& fibRoute) const;
+  /// Files the route's prefix under its FEC.
+  void file(const Route& fibRoute);
+  /// Takes the route's prefix out of the list of its FEC.
+  void unfile(const Route& fibRoute);
+  /// Writes the host route that `ip` should have into the route table, or removes it there.
+  void mergeOne(const Addr& ip);
+
+  typename F::RouteSm& sm_;
+  typename F::RouteSmRoot& root_;
+};
+
+template <Family F>
+typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
+                                                     const Route& fibRoute) {
+  auto result = F::AddrSet::AddrSetIs(Prefix::null());
+  if (!sm_.initialized()) {
+    KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
+    return result;
+  }
+  for (const Zemit::IntfId intf : *intfs) {
+    const Kiv::Ptr<const Arp::ArpIntfStatus> table(sm_.neighborTable(intf));
+    if (!table || skipInterface(*table)) {
+      KIV_TRACE(F::trace(), 7, sm_,
+                "skipping " << intf.name() << " because it has no arpIntfStatus");
+      continue;
+    }
+    for (auto it = F::neighbors(*table); it; ++it) {
+      const Addr& addr = it.key();
+      if (isNull(sm_.checkIpAddressAgainstFib(addr, table))) {
+        KIV_TRACE(F::trace(), 7, sm_,
+                  "checkIpAddressAgainstFib returned null prefix, skipping ARP entry for address "
+                      << addr);
+        continue;
+      }
+      // Deliberate: an entry inside the route counts even when a longer route covers it. That takes
+      // its host route away when this route leaves through a gateway, until the entry is announced
+      // again.
+      if (fibRoute.key.contains(addr)) result->ipIs(addr, true);
+    }
+  }
+  for (auto it = result->ipIteratorConst(); it; ++it) sm_.fixupArpRoute(it.key(), fibRoute);
+  return result;
+}
+
+template <Family F>
+void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute) {
+  if (fibRoute.fecId == Tovan::Fib::invalidFecId) {
+    KIV_TRACE(F::trace(), 0, sm_,
+              "fib route that should be associated with " << ip << " is missing an adjacency");
+    return;
+  }
+  KIV_TRACE(F::trace(), 6, sm_, "associating " << ip << " with address set for " << fibRoute.key);
+  // All that can fail comes before the first change.
+  const auto vias = neighborVias(ip, fibRoute);
+  const auto& table = F::neighborTable(root_);
+  auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
+  const Prefix host = hostPrefix<F>(ip);
+  const Route existing = Kiv::validPtr(table)->route(host);
+  const bool exists = existing.key == host;
+  const auto neighbors = F::neighborSetIs(root_, fibRoute.key);
+
+  if (vias.empty()) {
+    KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
+    table->routeDel(host);
+    if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
+    neighbors->ipDel(ip);
+    if (neighbors->ipCount() == 0) unfile(fibRoute);
+    return;
+  }
+  neighbors->ipIs(ip, true);
+  file(fibRoute);
+  if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;
+  // The new adjacency is taken before the old one may lose its last user.
+  const auto adjacency = adjHelper.doGetOrCreateHostAdjacency(vias, table);
+  F::addRouteToRouteTable(table, nullptr, ip, adjacency, F::kAttached, sm_);
+  if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
+}
+
+template <Family F>
+typename F::ViaSet Merge<F>::neighborVias(const Addr& ip, const Route& fibRoute) const {
+  typename F::ViaSet vias;
+  const auto fec = Obu::readFec(sm_.forwardingStatus(), fibRoute.fecId);
+  for (uint32_t index = 0; index < fec.viaCount(); ++index) {
+    const typename F::Via via = fec.via(Tovan::Fib::ViaIndex(index));
+    if (!via.hop.isZero()) continue;
+    const auto* neighbors = sm_.neighborTable(via.intf);
+    if (neighbors == nullptr || F::findNeighbor(*neighbors, ip) == nullptr) continue;
+    F::traceStoredVia(sm_, ip, via);
+    vias.newVia({.hop = ip, .intf = via.intf}, 1);
+  }
+  return vias;
+}
+
+template <Family F>
+void Merge<F>::file(const Route& fibRoute) {
+  if (!root_.adjacencyToPrefix(fibRoute.fecId)) {
+    root_.adjacencyToPrefixIs(F::PrefixList::PrefixListIs(fibRoute.fecId));
+  }
+  root_.adjacencyToPrefix(fibRoute.fecId)->prefixIs(fibRoute.key, true);
+}
+
+template <Family F>
+void Merge<F>::unfile(const Route& fibRoute) {
+  const auto list = root_.adjacencyToPrefix(fibRoute.fecId);
+  if (!list) return;
+  list->prefixDel(fibRoute.key);
+  if (list->prefixCount() == 0) root_.adjacencyToPrefixDel(fibRoute.fecId);
+}
+
+template <Family F>
+void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
+  if (!sm_.initialized()) {
+    KIV_TRACE(F::trace(), 2, sm_, "skipping merge because not initialized yet");
+    const auto& toMerge = Kiv::validPtr(root_.toMerge());
+    for (auto it = changed->ipIteratorConst(); it; ++it) toMerge->ipIs(it.key(), true);
+    return;
+  }
+  auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
+  // The reference of the route about to be replaced. It is dropped only after the replacement has
+  // been written, so that a FEC never reaches a zero count while it is still in use.
+  Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
+  for (auto it = changed->ipIteratorConst(); it; ++it) {
+    const Prefix prefix = hostPrefix<F>(it.key());
+    KIV_TRACE(F::trace(), 8, sm_, " handling prefix: " << prefix);
+    if (heldFec != Tovan::Fib::invalidFecId) {
+      KIV_TRACE(F::trace(), 8, sm_,
+                " Dropping ref on fec id: "
+                    << " fecId: " << heldFec);
+      adjHelper.doDropRefOnFibAdjacency(heldFec);
+    }
+    const Route existing = Obu::readRoute(sm_.routeStatusRaw(), prefix);
+    heldFec = Tovan::Fib::invalidFecId;
+    if (existing.key == prefix && F::isOwnType(existing.routeType)) {
+      heldFec = existing.fecId;
+      KIV_TRACE(F::trace(), 8, sm_,
+                " oldFecId: " << heldFec << " routeType: " << existing.routeType);
+    }
+    mergeOne(it.key());
+  }
+  if (heldFec != Tovan::Fib::invalidFecId) {
+    KIV_TRACE(F::trace(), 8, sm_, F::Text::kDroppingLast << heldFec);
+    adjHelper.doDropRefOnFibAdjacency(heldFec);
+  }
+}
+
+template <Family F>
+void Merge<F>::mergeOne(const Addr& ip) {
+  const Prefix prefix = hostPrefix<F>(ip);
+  const auto routeTable = sm_.routeStatus();
+  if constexpr (F::kMergesReceiveRoutes) {
+    if (F::mergeReceiveRoute(sm_, ip)) return;
+  }
+  const Route fibRoute = sm_.doFibLookup(prefix);
+  if (fibRoute.key == prefix) {
+    if (fibRoute.fecId != Tovan::Fib::invalidFecId) {
+      F::addRouteToRouteTable(nullptr, routeTable, ip, fibRoute.fecId, fibRoute.routeType, sm_);
+      return;
+    }
+    KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge",
+                 F::Text::kHostFibRoute << ip << " is missing an adjacency");
+    if constexpr (F::kTracesMergeDeletion) {
+      KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge", " delete prefix from routeStatus " << prefix);
+    }
+    if (routeTable) routeTable->routeDel(prefix);
+    return;
+  }
+  const auto& table = Kiv::validPtr(F::neighborTable(root_));
+  const Route neighborRoute = table->route(prefix);
+  if (neighborRoute.key == prefix) {
+    const auto fec = Kiv::validPtr(sm_.adjHelperRaw())
+                         .doGetOrCreateFibAdjacency(table->adjIndexToViaSet(neighborRoute.fecId));
+    F::addRouteToRouteTable(nullptr, routeTable, ip, fec, F::kAttached, sm_);
+  } else if (routeTable) {
+    routeTable->routeDel(prefix);
+  }
+}
+
+}  // namespace HostCore

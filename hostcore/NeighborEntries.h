@@ -1,0 +1,190 @@
+// Neighbours that are learned and lost.
+#pragma once
+
+#include "hostcore/Lookup.h"
+
+namespace HostCore {
+
+/// The steps from a change of a neighbour table to the repair and the merge of its host routes.
+///
+/// `shown`, in what follows, is what the traces print for a neighbour.
+template <Family F>
+class NeighborEntries {
+ public:
+  using Addr = typename F::Addr;
+  using ArpTable = Arp::ArpIntfStatus::PtrConst;
+
+  explicit NeighborEntries(typename F::RouteSm& sm) : sm_(sm) {}
+
+  /// One neighbour of the reactor's table appeared, changed or went.
+  template <class Reactor, class Shown>
+  void handleArpEntry(const Reactor& reactor, const Addr& addr, const Shown& shown);
+  /// Every neighbour of the reactor's table is to be handled.
+  template <class Reactor>
+  void handleArpEntry(const Reactor& reactor);
+  /// The reactor's table was deleted.
+  template <class Reactor>
+  void handleDel(const Reactor& reactor);
+
+  /// Every neighbour of every table is to be handled.
+  void handleArpEntries();
+
+  /// Files the neighbour `addr`, learned on `table`, under the FIB route that covers it there. Does
+  /// nothing but trace when no route covers the address on that interface.
+  template <class Shown>
+  void handleAddedArpEntry(const Addr& addr, const Shown& shown, const ArpTable& table);
+  /// Repairs the host route of the neighbour `addr`, lost from `table`. A neighbour that never had
+  /// one, or whose address no route covers on that interface, is left alone.
+  template <class Shown>
+  void handleDeletedArpEntry(const Addr& addr, const Shown& shown, const ArpTable& table);
+  /// Handles the neighbours that a deleted table still has as lost.
+  void handleDeletedArpIntfStatus(const ArpTable& table);
+  /// The reactor of a table was pointed at another one: what only `former` has is lost.
+  void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
+
+ private:
+  typename F::RouteSm& sm_;
+};
+
+template <Family F>
+template <class Reactor, class Shown>
+void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr,
+                                        const Shown& shown) {
+  const ArpTable table = reactor.notifier();
+  if (skipInterface(*table)) {
+    KIV_TRACE(F::trace(), 6, reactor,
+              F::Text::kSkippingEntry << shown << " on interface " << table->name());
+    return;
+  }
+  const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
+  mergeSet->ipIs(addr, true);
+  if (const auto* entry = F::findNeighbor(*table, addr)) {
+    KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);
+    sm_.handleAddedArpEntry(F::argument(*entry), table);
+  } else {
+    KIV_TRACE(F::trace(), 7, reactor,
+              "handling a deleted arp entry for " << addr << " for " << table);
+    sm_.handleDeletedArpEntry(shown, table);
+  }
+  sm_.doMerge(mergeSet);
+}
+
+template <Family F>
+template <class Reactor>
+void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
+  const ArpTable table = reactor.notifier();
+  if (skipInterface(*table)) {
+    KIV_TRACE(F::trace(), 6, reactor, "skipping Neigh Entry on interface " << table->name());
+    return;
+  }
+  const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
+  for (auto it = F::neighbors(*table); it; ++it) {
+    sm_.handleAddedArpEntry(F::argument(it.value()), table);
+    mergeSet->ipIs(it.key(), true);
+  }
+  if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
+}
+
+template <Family F>
+template <class Reactor>
+void NeighborEntries<F>::handleDel(const Reactor& reactor) {
+  const ArpTable table = reactor.notifier();
+  if (skipInterface(*table)) {
+    KIV_TRACE(F::trace(), 6, reactor,
+              "skipping processing of deletion of interface " << table->name());
+    return;
+  }
+  sm_.handleDeletedArpIntfStatus(table);
+}
+
+template <Family F>
+void NeighborEntries<F>::handleArpEntries() {
+  if (!sm_.initialized()) {
+    KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
+    return;
+  }
+  for (auto it = sm_.arpIntfStatusIteratorConst(); it; ++it) it.value()->handleArpEntry();
+}
+
+template <Family F>
+template <class Shown>
+void NeighborEntries<F>::handleAddedArpEntry(const Addr& addr, const Shown& shown,
+                                             const ArpTable& table) {
+  const auto prefix = sm_.checkIpAddressAgainstFib(addr, table);
+  if (isNull(prefix)) {
+    KIV_TRACE(F::trace(), 7, sm_, F::Text::kNotStoring << shown << " for " << table);
+    return;
+  }
+  const auto route = sm_.doFibLookup(prefix);
+  if (route.key != prefix) {
+    KIV_TRACE(F::trace(), 0, sm_,
+              "there is no route for "
+                  << prefix << " which is a prefix that should have an associated route");
+    return;
+  }
+  sm_.fixupArpRoute(addr, route);
+}
+
+template <Family F>
+template <class Shown>
+void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& shown,
+                                               const ArpTable& table) {
+  const auto host = hostPrefix<F>(addr);
+  if (F::neighborTable(Kiv::validPtr(sm_.rootRaw()))->route(host).key != host) {
+    KIV_TRACE(F::trace(), 7, sm_, F::Text::kNoRoutesForDeleted << shown);
+    return;
+  }
+  const auto prefix = sm_.checkIpAddressAgainstFib(addr, table);
+  if (isNull(prefix)) {
+    // Deliberate: while no route covers the address here, its host route stays as it is, until a
+    // change of a route or FEC takes it up.
+    KIV_TRACE(F::trace(), 7, sm_,
+              F::Text::kEntry << shown << " on " << table
+                              << " has no corresponding fib entry: ignoring its deletion");
+    return;
+  }
+  const auto route = sm_.doFibLookup(prefix);
+  if (route.key != prefix) {
+    KIV_TRACE(F::trace(), 0, sm_,
+              "there is no route for "
+                  << prefix << " which is a prefix that should have an associated route");
+    return;
+  }
+  sm_.fixupArpRoute(addr, route);
+}
+
+template <Family F>
+void NeighborEntries<F>::handleDeletedArpIntfStatus(const ArpTable& table) {
+  if (sm_.root().isInvalid()) {
+    KIV_TRACE(
+        F::trace(), 6, sm_,
+        "RouteSm is not valid so skipping processing of deletion of interface " << table->name());
+    return;
+  }
+  const size_t count = F::neighborCount(*table);
+  if (count == 0) return;
+  KIV_TRACE(F::trace(), 7, sm_,
+            "arpIntfStatus for " << table->name() << " was deleted"
+                                 << " with " << count << F::Text::kEntriesLeft);
+  const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
+  for (auto it = F::neighbors(*table); it; ++it) {
+    sm_.handleDeletedArpEntry(F::argument(it.value()), table);
+    mergeSet->ipIs(it.key(), true);
+  }
+  sm_.doMerge(mergeSet);
+}
+
+template <Family F>
+void NeighborEntries<F>::handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former,
+                                                     const ArpTable& table) {
+  if (skipInterface(*table)) return;
+  const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
+  for (auto it = F::neighbors(former); it; ++it) {
+    if (F::findNeighbor(*table, it.key()) != nullptr) continue;
+    sm_.handleDeletedArpEntry(F::argument(it.value()), table);
+    mergeSet->ipIs(it.key(), true);
+  }
+  if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
+}
+
+}  // namespace HostCore

@@ -1,0 +1,44 @@
+// Giving way to virtual addresses.
+#pragma once
+
+#include "hostcore/Family.h"
+#include "platform/obu/FibLookup.h"
+
+namespace HostCore {
+
+/// The steps from a change of a virtual address to its host route.
+template <Family F>
+class VirtualIp {
+ public:
+  using Addr = typename F::Addr;
+  using Prefix = typename F::Prefix;
+
+  explicit VirtualIp(typename F::RouteSm& sm) : sm_(sm) {}
+
+  /// Gives `addr`, no longer virtual, back to normal processing.
+  void handleRemoved(const Addr& addr) {
+    const auto mergeSet = F::AddrSet::AddrSetIs(Prefix::null());
+    mergeSet->ipIs(addr, true);
+    sm_.doMerge(mergeSet);
+  }
+
+  /// Withdraws the attached route of `addr`, which became virtual, from the route table. A route of
+  /// another type stays.
+  ///
+  /// \param handler  the name of the handler, for its trace.
+  void handleAdded(const Addr& addr, const char* handler) {
+    const auto prefix = hostPrefix<F>(addr);
+    const auto routeTable = sm_.routeStatus();
+    const auto existing = Obu::readRoute(routeTable.get(), prefix);
+    if (existing.key != prefix || existing.routeType != F::kAttached) return;
+    KIV_TRACE_AS(F::trace(), 8, sm_, handler, "Removing host route");
+    const auto removed = routeTable->routeDel(prefix);
+    if (removed.key != prefix || !F::isOwnType(removed.routeType)) return;
+    Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(removed.fecId);
+  }
+
+ private:
+  typename F::RouteSm& sm_;
+};
+
+}  // namespace HostCore
