@@ -1,0 +1,65 @@
+// Random replays over a universe so small that routes, addresses and neighbours keep colliding.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <initializer_list>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace Golden {
+
+/// How often each kind of event comes, relative to the others; 0 leaves it out.
+struct Weights {
+  unsigned neighbor = 300;
+  unsigned neighborTable = 20;
+  unsigned fec = 120;
+  unsigned route = 250;
+  unsigned addr = 120;
+  unsigned intf = 30;
+  unsigned virtualIp = 60;
+  unsigned initialized = 25;
+  unsigned ribReady = 15;
+  unsigned startRibReadyVerification = 10;
+  unsigned notifyFecs = 2;
+  unsigned vrf = 2;
+  unsigned teardown = 1;
+  unsigned dump = 5;
+  unsigned removal = 35;  ///< percentage of events that remove instead of set
+  bool ipv4 = true;
+  bool ipv6 = true;
+  bool manyVrfs = true;  ///< false: the default VRF only
+};
+
+/// Makes one valid replay event after another; the same seed makes the same events.
+class Generator {
+ public:
+  explicit Generator(uint64_t seed, const Weights& weights = {});
+
+  nlohmann::json next();
+
+ private:
+  struct Universe;
+  using Texts = std::vector<std::string>;
+
+  uint64_t below(uint64_t limit) { return random_() % limit; }
+  bool chance(unsigned percent) { return below(100) < percent; }
+  const std::string& pick(const Texts& texts) { return texts[below(texts.size())]; }
+  const Universe& universe();
+  std::string vrf();
+  nlohmann::json random();
+  nlohmann::json route(const std::string& prefix, const Universe& of);
+  nlohmann::json fec(uint64_t id, const Universe& of);
+  nlohmann::json addr(const Universe& of);
+  /// Puts routes, FECs, interfaces and neighbours in place, so that what follows meets something.
+  void setTheScene();
+
+  std::mt19937_64 random_;
+  Weights weights_;
+  std::deque<nlohmann::json> scene_;
+};
+
+}  // namespace Golden
