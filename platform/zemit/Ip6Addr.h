@@ -2,8 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
-#include <bit>
 #include <compare>
 #include <cstdint>
 #include <optional>
@@ -23,15 +21,14 @@ class Ip6Addr {
 
   constexpr Ip6Addr() = default;
   /// \param high, low  the first and the last 64 bits, in host byte order.
-  constexpr Ip6Addr(uint64_t high, uint64_t low)
-      : high_(std::bit_cast<Word>(high)), low_(std::bit_cast<Word>(low)) {}
+  constexpr Ip6Addr(uint64_t high, uint64_t low) : high_(high), low_(low) {}
   /// Reads any text form of RFC 4291, section 2.2; a zone is refused.
   static std::optional<Ip6Addr> parse(std::string_view text);
 
   /// The first 64 bits, in host byte order.
-  constexpr uint64_t high() const { return std::bit_cast<uint64_t>(high_); }
+  constexpr uint64_t high() const { return high_; }
   /// The last 64 bits, in host byte order.
-  constexpr uint64_t low() const { return std::bit_cast<uint64_t>(low_); }
+  constexpr uint64_t low() const { return low_; }
   constexpr bool isZero() const { return (high() | low()) == 0; }
   /// True for an address in fe80::/10 (RFC 4291, section 2.5.6).
   constexpr bool isLinkLocal() const { return high() >> 54 == 0xFE80 >> 6; }
@@ -55,17 +52,11 @@ class Ip6Addr {
   /// address.
   char* write(char* out) const;
 
-  friend constexpr bool operator==(const Ip6Addr& a, const Ip6Addr& b) {
-    return ((a.high() ^ b.high()) | (a.low() ^ b.low())) == 0;
-  }
-  friend constexpr std::strong_ordering operator<=>(const Ip6Addr& a, const Ip6Addr& b) {
-    return a.high() != b.high() ? a.high() <=> b.high() : a.low() <=> b.low();
-  }
+  friend constexpr auto operator<=>(const Ip6Addr&, const Ip6Addr&) = default;
 
  private:
-  /// The bytes of a 64-bit number, aligned to four only: an address with a length then takes 20
-  /// bytes and not 24.
-  using Word = std::array<uint32_t, 2>;
+  /// Aligned to four bytes only: an address with a length then takes 20 bytes and not 24.
+  using Word [[gnu::aligned(4)]] = uint64_t;
 
   static constexpr uint64_t highMask(uint32_t len) {
     return leadingOnes<uint64_t>(std::min(len, 64U));
@@ -74,8 +65,8 @@ class Ip6Addr {
     return leadingOnes<uint64_t>(std::max(len, 64U) - 64);
   }
 
-  Word high_{};
-  Word low_{};
+  Word high_ = 0;
+  Word low_ = 0;
 };
 
 }  // namespace Zemit
