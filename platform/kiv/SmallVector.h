@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <memory>
 #include <type_traits>
-#include <utility>
 
 namespace Kiv {
 
