@@ -2,8 +2,11 @@
 
 add_library(hostroute_options INTERFACE)
 target_include_directories(hostroute_options INTERFACE ${PROJECT_SOURCE_DIR})
-target_compile_options(hostroute_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+target_compile_features(hostroute_options INTERFACE cxx_std_20)
+# Which warnings an embedding project wants is for that project to say.
+if(PROJECT_IS_TOP_LEVEL)
+  target_compile_options(hostroute_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+endif()
 
 # Adds find_package()d PACKAGES to `target`.
 function(hostroute_packages target scope)
@@ -18,6 +21,7 @@ endfunction()
 # hostroute_library(NAME FOLDER... DEPENDS TARGET... PACKAGES PACKAGE...)
 #
 # A static library of the sources of the folders; an interface library while they hold headers only.
+# Other projects link it as hostroute::NAME.
 function(hostroute_library name)
   cmake_parse_arguments(ARG "" "" "DEPENDS;PACKAGES" ${ARGN})
   set(sources)
@@ -33,6 +37,7 @@ function(hostroute_library name)
     set(scope INTERFACE)
     add_library(${name} INTERFACE)
   endif()
+  add_library(hostroute::${name} ALIAS ${name})
   target_link_libraries(${name} ${scope} hostroute_options ${ARG_DEPENDS})
   hostroute_packages(${name} ${scope} ${ARG_PACKAGES})
 endfunction()
