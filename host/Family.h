@@ -1,6 +1,7 @@
 // IPv4 as the shared steps of host routing see it.
 #pragma once
 
+#include "host/ReceiveRoutes.h"
 #include "host/RouteSm.h"
 #include "host/RouteWriter.h"
 #include "platform/kiv/Trace.h"
@@ -85,6 +86,17 @@ struct Ipv4 {
     if (readiness.v4HostRoutesSynced()) return;
     readiness.v4HostRoutesSyncedTimeIs(time);
     readiness.v4HostRoutesSyncedIs(true);
+  }
+
+  // The receive routes of interfaces.
+  static Ip::IpIntfStatus::PtrConst intfStatus(const RouteSm& sm, Zemit::IntfId intfId) {
+    if (!sm.ipStatus()) return nullptr;
+    return sm.ipStatus()->notifierRaw()->ipIntfStatus(intfId);
+  }
+  static void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
+                                  const Kiv::Name& intfName, const Kiv::Ptr<RouteSmRoot>& root,
+                                  const AddrSet::Ptr& changed) {
+    Host::removeReceiveRoutes(status, intfName, root, changed);
   }
 
   static Obu::IntfDir::Ptr intfs(const ForwardingStatus* fwdStatus, Tovan::Fib::FecId fecId);

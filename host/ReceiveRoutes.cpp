@@ -1,8 +1,10 @@
 #include "host/ReceiveRoutes.h"
 
 #include <algorithm>
+#include <array>
 
 #include "host/Family.h"
+#include "hostcore/ReceiveRoutes.h"
 
 namespace Routing::Host {
 
@@ -29,21 +31,6 @@ class YieldedAddresses {
   size_t count_ = 0;
 };
 
-/// Writes one receive route, makes the interface its owner, and releases the host adjacency of the
-/// route that was replaced, which another interface or address had written.
-void writeReceiveRoute(Zemit::IpAddr ip, Tovan::Fib::FecId adjacency,
-                       Routing::Fib::RouteType routeType, const Kiv::String8& intfName,
-                       const RouteSmRoot::Ptr& root, const Obu::AddrSet::Ptr& changed) {
-  const auto& table = root->receiveTable();
-  const auto replaced = table->route(Zemit::Prefix::host(ip));
-  addRouteToRouteTable(table, nullptr, ip, adjacency, routeType, nullptr, root, L3::VrfName());
-  if (replaced.key == Zemit::Prefix::host(ip) && replaced.fecId != Tovan::Fib::invalidFecId) {
-    root->adjHelperRaw()->doDropRefOnHostAdjacency(table, replaced.fecId);
-  }
-  root->receiveAddrToIntfNameIs(ip, intfName);
-  changed->ipIs(ip, true);
-}
-
 }  // namespace
 
 void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
@@ -54,15 +41,11 @@ void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
             "addActiveReceiveRoutes"
                 << "  addrMask: " << addrWithMask << " intfName: " << name);
   for (const Zemit::IpAddr ip : YieldedAddresses(addrWithMask)) {
-    if (ip == addrWithMask.addr()) {
-      Rovel::ViaSet vias;
-      vias.newVia({.hop = {}, .intf = status->intfId()}, 1);
-      const auto adjacency = Kiv::validPtr(root->adjHelperRaw())
-                                 .doGetOrCreateHostAdjacency(vias, root->receiveTable());
-      writeReceiveRoute(ip, adjacency, Fib::receive_, name, root, changed);
-    } else {
-      writeReceiveRoute(ip, Tovan::Fib::invalidFecId, Fib::receiveBcast_, name, root, changed);
-    }
+    const bool isOwn = ip == addrWithMask.addr();
+    const auto adjacency = isOwn ? HostCore::receiveAdjacency<Ipv4>(status->intfId(), *root)
+                                 : Tovan::Fib::invalidFecId;
+    HostCore::writeReceiveRoute<Ipv4>(ip, adjacency, isOwn ? Fib::receive_ : Fib::receiveBcast_,
+                                      name, *root, changed);
   }
 }
 
@@ -117,8 +100,7 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
       return;
     }
   }
-  removeHostRoute(ip, root->receiveTable(), nullptr, root->adjHelper());
-  root->receiveAddrToIntfNameDel(ip);
+  HostCore::eraseReceiveRoute<Ipv4>(ip, *root);
 }
 
 void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus::PtrConst& status) {

@@ -4,6 +4,7 @@
 #include "host/ReceiveRoutes.h"
 #include "hostcore/Lifecycle.h"
 #include "hostcore/NeighborEntries.h"
+#include "hostcore/ReceiveRoutes.h"
 #include "platform/kiv/Assert.h"
 
 namespace Routing::Host {
@@ -84,39 +85,11 @@ void RouteSm::kivDoZombieReactors(bool zombie) {
 }
 
 void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) const noexcept {
-  const char* what = "unknown";
-  try {
-    throw;
-  } catch (const std::exception& exception) {
-    what = exception.what();
-    KIV_TRACE(hostRouteTrace, 0, *this,
-              "exception in the notification of attribute "
-                  << id << " of " << Kiv::Tracer::objectName(reactor) << ": " << what);
-  } catch (...) {
-    KIV_TRACE(hostRouteTrace, 0, *this,
-              "exception in the notification of attribute "
-                  << id << " of " << Kiv::Tracer::objectName(reactor) << ": " << what);
-  }
-}
-
-template <class NewReactor, class... Args>
-Kiv::Ptr<NewReactor> RouteSm::newReactor(Args&&... args) const {
-  auto reactor = Kiv::make<NewReactor>(kivFwkActivity(), std::forward<Args>(args)...);
-  reactor->hasNotificationActiveIs(hasNotificationActive_);
-  return reactor;
-}
-
-template <class Slot, class Input, class... Args>
-void RouteSm::bindNew(Slot& slot, const Input& input, Args&&... args) {
-  if (!input) return;
-  const auto reactor = newReactor<typename Slot::Element>(std::forward<Args>(args)...);
-  slot.set(*this, reactor);
-  if (inputsStored_) reactor->routeSmIs(this);
-  reactor->notifierIs(input);
+  HostCore::reportException(hostRouteTrace, *this, reactor, id);
 }
 
 void RouteSm::newFwdStatus(const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus) {
-  bindNew(fwdStatus_, fwdStatus);
+  HostCore::bindNew(fwdStatus_, *this, inputsStored_, fwdStatus);
 }
 
 const Tovan::Fib::ForwardingStatus* RouteSm::forwardingStatus() const noexcept {
@@ -124,7 +97,7 @@ const Tovan::Fib::ForwardingStatus* RouteSm::forwardingStatus() const noexcept {
 }
 
 void RouteSm::newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
-  bindNew(ribReadyStatus_, ribReadyStatus, ribReadyStatus);
+  HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus, ribReadyStatus);
 }
 
 RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
@@ -132,23 +105,23 @@ RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
 }
 
 void RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
-  bindNew(seqConfig_, seqConfig);
+  HostCore::bindNew(seqConfig_, *this, inputsStored_, seqConfig);
 }
 
 void RouteSm::newIpv4SeqInfo(const Rovel::SeqInfo::Ptr& ipv4SeqInfo) {
-  bindNew(ipv4SeqInfo_, ipv4SeqInfo);
+  HostCore::bindNew(ipv4SeqInfo_, *this, inputsStored_, ipv4SeqInfo);
 }
 
 void RouteSm::newIpStatus(const Ip::Status::PtrConst& ipStatus) {
-  bindNew(ipStatus_, ipStatus);
+  HostCore::bindNew(ipStatus_, *this, inputsStored_, ipStatus);
 }
 
 void RouteSm::newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighborDirByIntfName) {
-  bindNew(neighborDirByIntfName_, neighborDirByIntfName);
+  HostCore::bindNew(neighborDirByIntfName_, *this, inputsStored_, neighborDirByIntfName);
 }
 
 void RouteSm::newVirtualIpStatus(const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus) {
-  bindNew(virtualIpStatus_, virtualIpStatus);
+  HostCore::bindNew(virtualIpStatus_, *this, inputsStored_, virtualIpStatus);
 }
 
 const Fhrp::VirtualIpStatus* RouteSm::virtualIps() const noexcept {
@@ -180,13 +153,7 @@ void RouteSm::ipIntfStatusFilterIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatu
   KIV_REQUIRE(ipIntfStatus,
               "null _ipIntfStatusFilter parameter to mutator for "
               "Routing::Host::RouteSm::ipIntfStatusFilter not allowed");
-  auto filter = ipIntfStatusFilter(ipIntfStatus->intfId());
-  if (!filter) {
-    filter = newReactor<KivIpIntfStatusFilter>();
-    ipIntfStatusFilter_.set(*this, ipIntfStatus->intfId(), filter);
-  }
-  filter->routeSmIs(this);
-  filter->ipIntfStatusIs(ipIntfStatus);
+  HostCore::bindMember(ipIntfStatusFilter_, *this, ipIntfStatus->intfId(), ipIntfStatus);
 }
 
 void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
@@ -204,27 +171,15 @@ void RouteSm::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
   KIV_REQUIRE(ipIntfStatus,
               "null _ipIntfStatus parameter to mutator for "
               "Routing::Host::RouteSm::ipIntfStatus not allowed");
-  auto reactor = this->ipIntfStatus(ipIntfStatus->intfId());
-  if (!reactor) {
-    reactor = newReactor<KivIpIntfStatus>();
-    ipIntfStatus_.set(*this, ipIntfStatus->intfId(), reactor);
-  }
-  reactor->routeSmIs(this);
-  reactor->notifierIs(ipIntfStatus);
+  HostCore::bindMember(ipIntfStatus_, *this, ipIntfStatus->intfId(), ipIntfStatus);
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
   KIV_REQUIRE(arpIntfStatus,
               "null _arpIntfStatus parameter to mutator for "
               "Routing::Host::RouteSm::arpIntfStatus not allowed");
-  auto reactor = this->arpIntfStatus(arpIntfStatus->name());
-  if (!reactor) {
-    reactor = newReactor<KivArpIntfStatus>();
-    arpIntfStatus_.set(*this, arpIntfStatus->name(), reactor);
-  }
-  const ArpTable former = reactor->notifier();
-  reactor->routeSmIs(this);
-  reactor->notifierIs(arpIntfStatus);
+  const ArpTable former =
+      HostCore::bindMember(arpIntfStatus_, *this, arpIntfStatus->name(), arpIntfStatus);
   if (former && former != arpIntfStatus) {
     HostCore::NeighborEntries<Ipv4>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
   }
@@ -253,14 +208,7 @@ void RouteSm::handleInitialized() {
 void RouteSm::handleIpIntfStatus(Zemit::IntfId intfId) {
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::handleIpIntfStatus(Zemit::IntfId)");
-  const auto& followed = vrfIpIntfStatus(intfId);
-  const Ip::IpIntfStatus::PtrConst present =
-      ipStatus() ? ipStatus()->notifierRaw()->ipIntfStatus(intfId) : nullptr;
-  if (followed && present && followed->name() == present->name()) return;
-  KIV_TRACE(hostRouteTrace, 6, *this, "removing receive routes for " << intfId.name());
-  const auto changed = Obu::AddrSet::AddrSetIs(Zemit::Prefix::null());
-  removeReceiveRoutes(present, intfId.name(), Kiv::validPtr(root()), changed);
-  doMerge(changed);
+  HostCore::handleIpIntfStatus<Ipv4>(*this, intfId);
 }
 
 void RouteSm::handleIpIntfStatus() {
@@ -277,33 +225,8 @@ bool RouteSm::isPrimaryRecvRouteChanged(const Ip::IpIntfStatus::PtrConst& ipIntf
          Kiv::validPtr(rootRaw()).intfNameToAddrWithMask(status->name());
 }
 
-void RouteSm::KivFwdStatus::onFec(const Tovan::Fib::FecId& fecId) {
-  fecId_ = fecId;
-  if (mayAct(Tovan::Fib::ForwardingStatus::FecAttribute::kInfo.id, &fecId)) {
-    routeSm()->handleFec(fecId);
-  }
-}
-
-void RouteSm::KivFwdStatus::onFec() {
-  if (mayAct()) routeSm()->handleFec();
-}
-
-void RouteSm::KivRibReadyStatus::onRibReady() {
-  const bool value = status_->ribReady();
-  if (mayAct(RovelReady::VrfStatus::RibReadyAttribute::kInfo.id, &value)) {
-    routeSm()->handleRibReady();
-  }
-}
-
-void RouteSm::KivRibReadyStatus::onStartRibReadyVerification() {
-  const bool value = status_->startRibReadyVerification();
-  if (mayAct(RovelReady::VrfStatus::StartRibReadyVerificationAttribute::kInfo.id, &value)) {
-    routeSm()->setHostRouteRibReady();
-  }
-}
-
 void RouteSm::KivIpStatus::onIpIntfStatus(const Zemit::IntfId& intfId) {
-  if (!mayAct() || notifierRaw() == nullptr) return;
+  if (!mayAct()) return;
   if (const auto& status = notifierRaw()->ipIntfStatus(intfId)) {
     routeSm()->ipIntfStatusFilterIs(status);
   } else {
@@ -312,59 +235,16 @@ void RouteSm::KivIpStatus::onIpIntfStatus(const Zemit::IntfId& intfId) {
 }
 
 void RouteSm::KivIpStatus::onIpIntfStatuskivImmediate() {
-  if (!mayAct() || notifierRaw() == nullptr) return;
-  for (const Zemit::IntfId intfId : notifierRaw()->ipIntfStatusKeys()) onIpIntfStatus(intfId);
-  for (const Zemit::IntfId intfId : routeSm()->ipIntfStatusFilterKeys()) {
-    if (!notifierRaw()->ipIntfStatus(intfId)) routeSm()->ipIntfStatusFilterDel(intfId);
-  }
-}
-
-RouteSm::KivIpIntfStatusFilter::KivIpIntfStatusFilter(const Kiv::ActivityConfig::Ptr& activity)
-    : MachineReactor(activity), l3Status_(Kiv::make<KivL3Status>(activity, *this)) {}
-
-void RouteSm::KivIpIntfStatusFilter::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& status) {
-  notifierIs(status);
-  l3Status_->notifierIs(status->l3Status());
-}
-
-void RouteSm::KivIpIntfStatusFilter::routeSmIs(RouteSm* routeSm) noexcept {
-  MachineReactor::routeSmIs(routeSm);
-  l3Status_->routeSmIs(routeSm);
-}
-
-void RouteSm::KivIpIntfStatusFilter::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) {
-  MachineReactor::kivFwkActivityIs(activity);
-  if (l3Status_) l3Status_->kivFwkActivityIs(activity);
-}
-
-void RouteSm::KivIpIntfStatusFilter::hasNotificationActiveIs(bool active) {
-  MachineReactor::hasNotificationActiveIs(active);
-  l3Status_->hasNotificationActiveIs(active);
-}
-
-void RouteSm::KivIpIntfStatusFilter::kivDoZombieReactors(bool zombie) {
-  MachineReactor::kivDoZombieReactors(zombie);
-  l3Status_->kivDoZombieReactors(zombie);
+  if (!mayAct()) return;
+  HostCore::followInterfaces(*routeSm(), notifierRaw()->ipIntfStatusKeys(),
+                             [this](auto intfId) { return notifierRaw()->ipIntfStatus(intfId); });
 }
 
 void RouteSm::KivIpIntfStatusFilter::handleVrf() {
-  const Ip::IpIntfStatus::PtrConst status = notifier();
-  const L3::VrfName& vrf = status->l3Status()->vrf();
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::KivIpIntfStatusFilter::handleVrf()"
-                << " In VRF: " << vrf);
-  if (vrf == routeSm()->vrfName()) {
-    routeSm()->vrfIpIntfStatusIs(status);
-  } else {
-    routeSm()->vrfIpIntfStatusDel(status->intfId());
-  }
-}
-
-void RouteSm::KivIpIntfStatusFilter::KivL3Status::onVrf() {
-  if (notifierRaw() == nullptr) return;
-  if (mayAct(L3::Intf::Status::VrfAttribute::kInfo.id, &notifierRaw()->vrf())) {
-    filter_.handleVrf();
-  }
+                << " In VRF: " << notifierRaw()->l3Status()->vrf());
+  applyVrf();
 }
 
 void RouteSm::KivIpIntfStatus::onActiveAddrWithMask() {
@@ -398,23 +278,6 @@ void RouteSm::KivIpIntfStatus::handleActiveSecondaryWithMask() {
   recomputeReceiveRoutes(RouteSm::Ptr(routeSm()), notifier());
 }
 
-void RouteSm::KivNeighborDirByIntfName::onArpIntfStatus(const Kiv::Name& name) {
-  if (!mayAct() || notifierRaw() == nullptr) return;
-  if (const auto& table = notifierRaw()->arpIntfStatus(name)) {
-    routeSm()->arpIntfStatusIs(table);
-  } else {
-    routeSm()->arpIntfStatusDel(name);
-  }
-}
-
-void RouteSm::KivNeighborDirByIntfName::onArpIntfStatuskivImmediate() {
-  if (!mayAct() || notifierRaw() == nullptr) return;
-  for (const Kiv::Name& name : notifierRaw()->arpIntfStatusKeys()) onArpIntfStatus(name);
-  for (const Kiv::Name& name : routeSm()->arpIntfStatusKeys()) {
-    if (!notifierRaw()->arpIntfStatus(name)) routeSm()->arpIntfStatusDel(name);
-  }
-}
-
 void RouteSm::KivArpIntfStatus::onArpEntry(const Zemit::IpAddr& addr) {
   if (mayAct()) handleArpEntry(addr);
 }
@@ -425,7 +288,7 @@ void RouteSm::KivArpIntfStatus::onArpEntrykivImmediate() {
 
 void RouteSm::KivVirtualIpStatus::onVirtualIp(const Fhrp::VrfIpWithMaskPair& pair) {
   virtualIp_ = pair;
-  if (mayAct(Fhrp::VirtualIpStatus::VirtualIpAttribute::kInfo.id, &pair)) {
+  if (mayActOn<Fhrp::VirtualIpStatus::VirtualIpAttribute>(&pair)) {
     routeSm()->handleVirtualIpStatus(pair);
   }
 }

@@ -60,31 +60,16 @@ class RouteSm final : public Kiv::Entity {
   using Reactor = HostCore::MachineReactor<Notifier, RouteSm>;
 
   /// Watches the FECs of the forwarding status.
-  class KivFwdStatus final : public Reactor<Tovan::Fib::ForwardingStatus> {
+  class KivFwdStatus final
+      : public HostCore::FwdStatusReactor<Tovan::Fib::ForwardingStatus, RouteSm> {
    public:
-    using MachineReactor::MachineReactor;
-
-    void onFec(const Tovan::Fib::FecId& fecId) override;
-    void onFec() override;
-    /// The FEC of the last notification.
-    Tovan::Fib::FecId fecId() const noexcept { return fecId_; }
-
-   private:
-    Tovan::Fib::FecId fecId_ = Tovan::Fib::invalidFecId;
+    using FwdStatusReactor::FwdStatusReactor;
   };
 
-  /// Watches the daemon's readiness record, and keeps it writable for the answers.
-  class KivRibReadyStatus final : public Reactor<RovelReady::VrfStatus> {
+  /// Watches the daemon's readiness record.
+  class KivRibReadyStatus final : public HostCore::RibReadyReactor<RouteSm> {
    public:
-    KivRibReadyStatus(const Kiv::ActivityConfig::Ptr& activity, RovelReady::VrfStatus::Ptr status)
-        : MachineReactor(activity), status_(std::move(status)) {}
-
-    void onRibReady() override;
-    void onStartRibReadyVerification() override;
-    const RovelReady::VrfStatus::Ptr& status() const noexcept { return status_; }
-
-   private:
-    RovelReady::VrfStatus::Ptr status_;
+    using RibReadyReactor::RibReadyReactor;
   };
 
   /// Holds the sequencing configuration.
@@ -109,35 +94,13 @@ class RouteSm final : public Kiv::Entity {
   };
 
   /// Follows one interface, of any VRF, and admits it while it is in this one.
-  class KivIpIntfStatusFilter final : public Reactor<Ip::IpIntfStatus> {
+  class KivIpIntfStatusFilter final
+      : public HostCore::IntfFilterReactor<Ip::IpIntfStatus, RouteSm, KivIpIntfStatusFilter> {
    public:
-    /// Watches the interface's VRF.
-    class KivL3Status final : public Reactor<L3::Intf::Status> {
-     public:
-      KivL3Status(const Kiv::ActivityConfig::Ptr& activity, KivIpIntfStatusFilter& filter)
-          : MachineReactor(activity), filter_(filter) {}
-
-      void onVrf() override;
-
-     private:
-      KivIpIntfStatusFilter& filter_;
-    };
-
-    explicit KivIpIntfStatusFilter(const Kiv::ActivityConfig::Ptr& activity);
-
-    /// Follows `status`, its layer-3 side included, in place of the present one.
-    void ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& status);
-    const Kiv::Ptr<KivL3Status>& l3Status() const noexcept { return l3Status_; }
-    void routeSmIs(RouteSm* routeSm) noexcept;
-    void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) override;
-    void hasNotificationActiveIs(bool active) override;
-    void kivDoZombieReactors(bool zombie) override;
+    using IntfFilterReactor::IntfFilterReactor;
 
     /// Admits the interface when it is in this VRF, else removes it.
     void handleVrf();
-
-   private:
-    Kiv::Ptr<KivL3Status> l3Status_;
   };
 
   /// Watches the addresses of one interface of this VRF.
@@ -156,12 +119,10 @@ class RouteSm final : public Kiv::Entity {
   };
 
   /// Watches neighbour tables come and go.
-  class KivNeighborDirByIntfName final : public Reactor<Arp::NeighborDir> {
+  class KivNeighborDirByIntfName final
+      : public HostCore::NeighborDirReactor<Arp::NeighborDir, RouteSm> {
    public:
-    using MachineReactor::MachineReactor;
-
-    void onArpIntfStatus(const Kiv::Name& name) override;
-    void onArpIntfStatuskivImmediate() override;
+    using NeighborDirReactor::NeighborDirReactor;
   };
 
   /// Watches one interface's ARP table and hands each change to the state machine.
@@ -371,13 +332,6 @@ class RouteSm final : public Kiv::Entity {
   void kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter);
   void kiv_handleArpIntfStatus(KivArpIntfStatus& reactor);
 
-  /// Makes a reactor with the machine's activity and switches.
-  template <class NewReactor, class... Args>
-  Kiv::Ptr<NewReactor> newReactor(Args&&... args) const;
-  /// Makes the reactor on an input, unless the input is null. It reaches the machine before it
-  /// catches up with the input, but not while the inputs are still being stored.
-  template <class Slot, class Input, class... Args>
-  void bindNew(Slot& slot, const Input& input, Args&&... args);
   /// Calls `visit` with every reactor the machine has, in the order of teardown.
   template <class Visit>
   void forEachReactor(Visit visit);

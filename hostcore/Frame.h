@@ -1,8 +1,14 @@
-// What the reactors of both families' state machines have in common.
+// The frame of a state machine: its reactors, and how they come, go and reach it.
 #pragma once
+
+#include <exception>
 
 #include "platform/kiv/Activity.h"
 #include "platform/kiv/Notifiee.h"
+#include "platform/kiv/Trace.h"
+#include "platform/l3/IntfStatus.h"
+#include "platform/rovel/Readiness.h"
+#include "platform/tovan/FibTypes.h"
 
 namespace HostCore {
 
@@ -26,14 +32,209 @@ class MachineReactor : public Notifier::NotifieeConst {
 
  protected:
   /// True when a callback may run its handler.
-  bool mayAct() const noexcept { return this->isLive() && routeSm_ != nullptr; }
-  /// The same for a notification that a reflective observer is offered first.
-  bool mayAct(Kiv::AttributeId id, const void* value) {
-    return !this->kivOnAttribute(id, value) && mayAct();
+  bool mayAct() const noexcept {
+    return this->isLive() && routeSm_ != nullptr && this->notifierRaw() != nullptr;
+  }
+  /// The same for the notification of `Attribute`, which a reflective observer is offered first.
+  template <class Attribute>
+  bool mayActOn(const void* value) {
+    return !this->kivOnAttribute(Attribute::kInfo.id, value) && mayAct();
   }
 
  private:
   Machine* routeSm_ = nullptr;
 };
+
+/// Watches the FECs of the forwarding status.
+template <class ForwardingStatus, class Machine>
+class FwdStatusReactor : public MachineReactor<ForwardingStatus, Machine> {
+ public:
+  using MachineReactor<ForwardingStatus, Machine>::MachineReactor;
+
+  void onFec(const Tovan::Fib::FecId& fecId) override {
+    fecId_ = fecId;
+    if (this->template mayActOn<typename ForwardingStatus::FecAttribute>(&fecId)) {
+      this->routeSm()->handleFec(fecId);
+    }
+  }
+  void onFec() override {
+    if (this->mayAct()) this->routeSm()->handleFec();
+  }
+  /// The FEC of the last notification.
+  Tovan::Fib::FecId fecId() const noexcept { return fecId_; }
+
+ private:
+  Tovan::Fib::FecId fecId_ = Tovan::Fib::invalidFecId;
+};
+
+/// Watches the daemon's readiness record, and keeps it writable for the answers.
+template <class Machine>
+class RibReadyReactor : public MachineReactor<RovelReady::VrfStatus, Machine> {
+ public:
+  RibReadyReactor(const Kiv::ActivityConfig::Ptr& activity, RovelReady::VrfStatus::Ptr status)
+      : MachineReactor<RovelReady::VrfStatus, Machine>(activity), status_(std::move(status)) {}
+
+  void onRibReady() override {
+    const bool value = status_->ribReady();
+    if (this->template mayActOn<RovelReady::VrfStatus::RibReadyAttribute>(&value)) {
+      this->routeSm()->handleRibReady();
+    }
+  }
+  void onStartRibReadyVerification() override {
+    using Attribute = RovelReady::VrfStatus::StartRibReadyVerificationAttribute;
+    const bool value = status_->startRibReadyVerification();
+    if (this->template mayActOn<Attribute>(&value)) this->routeSm()->setHostRouteRibReady();
+  }
+  const RovelReady::VrfStatus::Ptr& status() const noexcept { return status_; }
+
+ private:
+  RovelReady::VrfStatus::Ptr status_;
+};
+
+/// Watches neighbour tables come and go.
+template <class NeighborDir, class Machine>
+class NeighborDirReactor : public MachineReactor<NeighborDir, Machine> {
+ public:
+  using MachineReactor<NeighborDir, Machine>::MachineReactor;
+
+  void onArpIntfStatus(const Kiv::Name& name) override {
+    if (!this->mayAct()) return;
+    if (const auto& table = this->notifierRaw()->arpIntfStatus(name)) {
+      this->routeSm()->arpIntfStatusIs(table);
+    } else {
+      this->routeSm()->arpIntfStatusDel(name);
+    }
+  }
+  void onArpIntfStatuskivImmediate() override {
+    if (!this->mayAct()) return;
+    for (const auto& name : this->notifierRaw()->arpIntfStatusKeys()) onArpIntfStatus(name);
+    for (const auto& name : this->routeSm()->arpIntfStatusKeys()) {
+      if (!this->notifierRaw()->arpIntfStatus(name)) this->routeSm()->arpIntfStatusDel(name);
+    }
+  }
+};
+
+/// Follows one interface, of any VRF, and admits it to the machine while it is in its VRF.
+///
+/// \tparam IntfStatus  the family's status of an interface.
+/// \tparam Filter      the reactor that derives from this: its handleVrf() is called.
+template <class IntfStatus, class Machine, class Filter>
+class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
+ public:
+  using Base = MachineReactor<IntfStatus, Machine>;
+
+  /// Watches the interface's VRF.
+  class KivL3Status final : public MachineReactor<L3::Intf::Status, Machine> {
+   public:
+    KivL3Status(const Kiv::ActivityConfig::Ptr& activity, Filter& filter)
+        : MachineReactor<L3::Intf::Status, Machine>(activity), filter_(filter) {}
+
+    void onVrf() override {
+      if (!this->mayAct()) return;
+      const auto& vrf = this->notifierRaw()->vrf();
+      if (this->template mayActOn<L3::Intf::Status::VrfAttribute>(&vrf)) filter_.handleVrf();
+    }
+
+   private:
+    Filter& filter_;
+  };
+
+  explicit IntfFilterReactor(const Kiv::ActivityConfig::Ptr& activity)
+      : Base(activity), l3Status_(Kiv::make<KivL3Status>(activity, static_cast<Filter&>(*this))) {}
+
+  const Kiv::Ptr<KivL3Status>& l3Status() const noexcept { return l3Status_; }
+
+  // What is done to the filter is done to the reactor that it owns.
+  void notifierIs(const typename IntfStatus::PtrConst& status) {
+    Base::notifierIs(status);
+    l3Status_->notifierIs(status->l3Status());
+  }
+  void routeSmIs(Machine* routeSm) noexcept {
+    Base::routeSmIs(routeSm);
+    l3Status_->routeSmIs(routeSm);
+  }
+  void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) override {
+    Base::kivFwkActivityIs(activity);
+    if (l3Status_) l3Status_->kivFwkActivityIs(activity);
+  }
+  void hasNotificationActiveIs(bool active) override {
+    Base::hasNotificationActiveIs(active);
+    l3Status_->hasNotificationActiveIs(active);
+  }
+  void kivDoZombieReactors(bool zombie) override {
+    Base::kivDoZombieReactors(zombie);
+    l3Status_->kivDoZombieReactors(zombie);
+  }
+
+ protected:
+  /// Admits the interface when it is in this VRF, else removes it.
+  void applyVrf() {
+    const typename IntfStatus::PtrConst status = this->notifier();
+    if (status->l3Status()->vrf() == this->routeSm()->vrfName()) {
+      this->routeSm()->vrfIpIntfStatusIs(status);
+    } else {
+      this->routeSm()->vrfIpIntfStatusDel(status->intfId());
+    }
+  }
+
+ private:
+  Kiv::Ptr<KivL3Status> l3Status_;
+};
+
+/// Makes a reactor of `sm` on `input` in `slot`, unless the input is null. It reaches the machine
+/// before it catches up with the input, but not while the machine still stores its inputs.
+template <class Slot, class Machine, class Input, class... Args>
+void bindNew(Slot& slot, Machine& sm, bool inputsStored, const Input& input, Args&&... args) {
+  if (!input) return;
+  const auto reactor =
+      Kiv::make<typename Slot::Element>(sm.kivFwkActivity(), std::forward<Args>(args)...);
+  reactor->hasNotificationActiveIs(sm.hasNotificationActive());
+  slot.set(sm, reactor);
+  if (inputsStored) reactor->routeSmIs(&sm);
+  reactor->notifierIs(input);
+}
+
+/// Points the reactor of `key` at `input`, made first if it is not there. Returns what the reactor
+/// watched before, or null.
+template <class Collection, class Machine, class Key, class Input>
+Input bindMember(Collection& collection, Machine& sm, const Key& key, const Input& input) {
+  auto reactor = collection.get(key);
+  if (!reactor) {
+    using Reactor = typename decltype(reactor)::Element;
+    reactor = Kiv::make<Reactor>(sm.kivFwkActivity());
+    reactor->hasNotificationActiveIs(sm.hasNotificationActive());
+    collection.set(sm, key, reactor);
+  }
+  const Input former = reactor->notifier();
+  reactor->routeSmIs(&sm);
+  reactor->notifierIs(input);
+  return former;
+}
+
+/// Brings the filters of `sm` in step with the interfaces of `status`, a collection under the
+/// family's own name.
+template <class Machine, class Keys, class Find>
+void followInterfaces(Machine& sm, const Keys& present, Find find) {
+  for (const Zemit::IntfId intfId : present) sm.ipIntfStatusFilterIs(find(intfId));
+  for (const Zemit::IntfId intfId : sm.ipIntfStatusFilterKeys()) {
+    if (!find(intfId)) sm.ipIntfStatusFilterDel(intfId);
+  }
+}
+
+/// Traces the exception with which a reactor's callback has just ended.
+template <class Machine>
+void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv::Notifiee& reactor,
+                     Kiv::AttributeId id) noexcept {
+  std::string what = "unknown";
+  try {
+    throw;
+  } catch (const std::exception& exception) {
+    what = exception.what();
+  } catch (...) {
+  }
+  KIV_TRACE(facility, 0, sm,
+            "exception in the notification of attribute "
+                << id << " of " << Kiv::Tracer::objectName(reactor) << ": " << what);
+}
 
 }  // namespace HostCore

@@ -1,0 +1,43 @@
+// The prefixes that resolve through one FEC.
+#pragma once
+
+#include <string>
+
+#include "platform/kiv/Attributes.h"
+#include "platform/tovan/FibTypes.h"
+#include "platform/zemit/Prefix.h"
+
+namespace Routing6::Host {
+
+/// The IPv6 prefixes to process again when one FEC changes.
+class PrefixList final : public Kiv::Entity {
+ public:
+  using Ptr = Kiv::Ptr<PrefixList>;
+  using PtrConst = Kiv::Ptr<const PrefixList>;
+
+  /// Derive from this to be told of changes. A callback runs after the change it reports.
+  class NotifieeConst : public Kiv::NotifieeOf<PrefixList> {
+   public:
+    virtual void onPrefix(const Zemit::Ip6Prefix&) {}
+    virtual void onPrefixkivImmediate() {}
+
+   protected:
+    void kivImmediate() override { onPrefixkivImmediate(); }
+  };
+
+  explicit PrefixList(Tovan::Fib::FecId fecId) : fecId_(fecId) {}
+  /// A new, empty list.
+  static Ptr PrefixListIs(Tovan::Fib::FecId fecId) { return Kiv::make<PrefixList>(fecId); }
+
+  /// The FEC: the list's key.
+  Tovan::Fib::FecId fecId() const noexcept { return fecId_; }
+  Kiv::Name name() const override { return Kiv::Name(std::to_string(fecId_)); }
+
+  /// The prefixes.
+  KIV_SET(258, prefix, Prefix, Zemit::Ip6Prefix)
+
+ private:
+  Tovan::Fib::FecId fecId_;
+};
+
+}  // namespace Routing6::Host

@@ -1,0 +1,352 @@
+// The state machine that derives one VRF's IPv6 host routes.
+#pragma once
+
+#include "host6/RouteSmRoot.h"
+#include "hostcore/Frame.h"
+#include "platform/arp/NeighborDir.h"
+#include "platform/ip/Ip6Status.h"
+#include "platform/kiv/Attributes.h"
+#include "platform/obu/IntfDir.h"
+#include "platform/routing/SeqConfig.h"
+#include "platform/rovel/Readiness.h"
+#include "platform/rovel/SeqInfo.h"
+#include "platform/tovan/ForwardingStatus.h"
+#include "platform/tovan/RouteStatus.h"
+
+namespace Routing6::Host {
+
+/// Watches the inputs of one VRF and keeps the host routes of its root and route table in step.
+///
+/// Each reactor watches one input and calls one handler. A handler without a key walks the whole
+/// input, a keyed one handles one entry. Everything runs on the thread of the activity. The inputs,
+/// the root and the activity are lent: whoever made the machine keeps them alive as long as it
+/// lives. A null input reads as an empty table.
+///
+/// Until `initialized` is set the machine only records; then it catches up in one pass.
+class RouteSm final : public Kiv::Entity {
+ public:
+  using Ptr = Kiv::Ptr<RouteSm>;
+  using PtrConst = Kiv::Ptr<const RouteSm>;
+  using ArpTable = Arp::ArpIntfStatus::PtrConst;
+
+  /// Derive from this to be told of changes. A callback runs after the change it reports.
+  class NotifieeConst : public Kiv::NotifieeOf<RouteSm> {
+   public:
+    virtual void onKivFwkActivity() {}
+    virtual void onRouteStatus() {}
+    virtual void onFwdStatus() {}
+    virtual void onHostStatus() {}
+    virtual void onRibReadyStatus() {}
+    virtual void onSeqConfig() {}
+    virtual void onIpv6SeqInfo() {}
+    virtual void onAdjHelper() {}
+    virtual void onIpStatus() {}
+    virtual void onVrfIpIntfStatus(const Zemit::IntfId&) {}
+    virtual void onVrfIpIntfStatuskivImmediate() {}
+    virtual void onIpIntfStatusFilter(const Zemit::IntfId&) {}
+    virtual void onIpIntfStatusFilterkivImmediate() {}
+    virtual void onIpIntfStatus(const Zemit::IntfId&) {}
+    virtual void onIpIntfStatuskivImmediate() {}
+    virtual void onNeighborDirByIntfName() {}
+    virtual void onArpIntfStatus(const Kiv::Name&) {}
+    virtual void onArpIntfStatuskivImmediate() {}
+    virtual void onRoot() {}
+    virtual void onVirtualIp6Status() {}
+    virtual void onVrfName() {}
+    virtual void onInitialized() {}
+  };
+
+  template <class Notifier>
+  using Reactor = HostCore::MachineReactor<Notifier, RouteSm>;
+
+  /// Watches the FECs of the forwarding status.
+  class KivFwdStatus final
+      : public HostCore::FwdStatusReactor<Tovan::Fib6::ForwardingStatus, RouteSm> {
+   public:
+    using FwdStatusReactor::FwdStatusReactor;
+  };
+
+  /// Watches the daemon's readiness record.
+  class KivRibReadyStatus final : public HostCore::RibReadyReactor<RouteSm> {
+   public:
+    using RibReadyReactor::RibReadyReactor;
+  };
+
+  /// Holds the sequencing configuration.
+  class KivSeqConfig final : public Reactor<Routing::SeqConfig> {
+   public:
+    using MachineReactor::MachineReactor;
+  };
+
+  /// Holds the progress of the IPv6 start-up sequence.
+  class KivIpv6SeqInfo final : public Reactor<Rovel::SeqInfo> {
+   public:
+    using MachineReactor::MachineReactor;
+  };
+
+  /// Watches interfaces come and go, in whatever VRF.
+  class KivIpStatus final : public Reactor<Ip6::Status> {
+   public:
+    using MachineReactor::MachineReactor;
+
+    void onIntf(const Zemit::IntfId& intfId) override;
+    void onIntfkivImmediate() override;
+  };
+
+  /// Follows one interface, of any VRF, and admits it while it is in this one.
+  class KivIpIntfStatusFilter final
+      : public HostCore::IntfFilterReactor<Ip6::IntfStatus, RouteSm, KivIpIntfStatusFilter> {
+   public:
+    using IntfFilterReactor::IntfFilterReactor;
+
+    /// Admits the interface when it is in this VRF, else removes it.
+    void handleVrf();
+  };
+
+  /// Watches the addresses of one interface of this VRF.
+  class KivIpIntfStatus final : public Reactor<Ip6::IntfStatus> {
+   public:
+    using MachineReactor::MachineReactor;
+
+    void onAddr(const Zemit::Ip6AddrWithMask& addrWithMask) override;
+    void onAddrkivImmediate() override;
+
+    /// Rebuilds the interface's receive routes, unless the address is link-local.
+    void handleActiveAddrWithMask(const Zemit::Ip6AddrWithMask& addrWithMask);
+    void handleActiveAddrWithMask();
+  };
+
+  /// Watches neighbour tables come and go.
+  class KivNeighborDirByIntfName final
+      : public HostCore::NeighborDirReactor<Arp::NeighborDir, RouteSm> {
+   public:
+    using NeighborDirReactor::NeighborDirReactor;
+  };
+
+  /// Watches the IPv6 neighbours of one interface and hands each change to the state machine.
+  class KivArpIntfStatus final : public Reactor<Arp::ArpIntfStatus> {
+   public:
+    using MachineReactor::MachineReactor;
+
+    void onIp6NeighborEntry(const Zemit::Ip6Addr& addr) override;
+    void onIp6NeighborEntrykivImmediate() override;
+
+    /// Re-derives the host route of one neighbour that appeared, changed or went.
+    void handleArpEntry(const Zemit::Ip6Addr& addr);
+    /// Re-derives the host route of every neighbour in the table, then merges them all at once.
+    void handleArpEntry();
+    /// Withdraws the host routes of a table that was deleted with entries in it.
+    void handleDel();
+  };
+
+  /// Watches the virtual addresses of first-hop redundancy groups.
+  class KivVirtualIp6Status final : public Reactor<Routing::Fhrp::VirtualIp6Status> {
+   public:
+    using MachineReactor::MachineReactor;
+
+    void onVirtualIp(const Routing::Fhrp::VrfIpPair& pair) override;
+    void onVirtualIp() override;
+    /// The virtual address of the last notification.
+    const Routing::Fhrp::VrfIpPair& virtualIp() const noexcept { return virtualIp_; }
+
+   private:
+    Routing::Fhrp::VrfIpPair virtualIp_;
+  };
+
+  /// Binds a reactor to each input that is not null, and records what the inputs hold.
+  RouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
+          const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
+          const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
+          const RovelReady::VrfStatus::Ptr& ribReadyStatus,
+          const Routing::SeqConfig::Ptr& seqConfig, const Rovel::SeqInfo::Ptr& ipv6SeqInfo,
+          const Rovel::Adjacency6Helper::Ptr& adjHelper, const Ip6::Status::PtrConst& ipStatus,
+          const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
+          const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status,
+          const RouteSmRoot::Ptr& root, const L3::VrfName& vrfName);
+  /// Stops all reactors. The host routes that were written stay.
+  ~RouteSm() override;
+
+  /// The VRF's name.
+  Kiv::Name name() const override { return vrfName().value(); }
+
+  /// The activity that runs all reactors of this machine.
+  KIV_POINTER_VIEW(257, kivFwkActivity, KivFwkActivity, Kiv::ActivityConfig)
+  /// Moves all reactors to another activity.
+  void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig);
+
+  /// The shared-memory route table: FIB routes shorter than a host prefix are read from it, the
+  /// merged host routes are written into it.
+  KIV_POINTER(258, routeStatus, RouteStatus, Tovan::Fib6::RouteStatus)
+
+  KIV_SINGLETON(259, fwdStatus, FwdStatus, KivFwdStatus)
+  void newFwdStatus(const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus);
+  /// The forwarding status itself, or null.
+  const Tovan::Fib6::ForwardingStatus* forwardingStatus() const noexcept;
+
+  /// The daemon's FIB host routes; only read.
+  KIV_POINTER(260, hostStatus, HostStatus, const Status)
+
+  KIV_SINGLETON(261, ribReadyStatus, RibReadyStatus, KivRibReadyStatus)
+  void newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus);
+  /// The readiness record itself, or null.
+  RovelReady::VrfStatus* vrfReadiness() const noexcept;
+
+  KIV_SINGLETON(262, seqConfig, SeqConfig, KivSeqConfig)
+  void newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig);
+
+  KIV_SINGLETON(263, ipv6SeqInfo, Ipv6SeqInfo, KivIpv6SeqInfo)
+  void newIpv6SeqInfo(const Rovel::SeqInfo::Ptr& ipv6SeqInfo);
+
+  /// Keeper of the host adjacencies of the root's tables and the FIB adjacencies of the route
+  /// table.
+  KIV_POINTER(269, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
+
+  KIV_SINGLETON(272, ipStatus, IpStatus, KivIpStatus)
+  void newIpStatus(const Ip6::Status::PtrConst& ipStatus);
+
+  /// The interfaces that are in this VRF.
+  KIV_COLLECTION_VIEW(273, vrfIpIntfStatus, VrfIpIntfStatus, Zemit::IntfId,
+                      Ip6::IntfStatus::PtrConst)
+  /// Admits an interface: its receive routes are followed from now on.
+  /// \throws Kiv::RangeException when it is null.
+  void vrfIpIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
+  /// Removes an interface with its receive routes.
+  void vrfIpIntfStatusDel(Zemit::IntfId intfId);
+
+  /// A reactor for each interface of any VRF.
+  KIV_COLLECTION_VIEW(275, ipIntfStatusFilter, IpIntfStatusFilter, Zemit::IntfId,
+                      Kiv::Ptr<KivIpIntfStatusFilter>)
+  /// Makes the interface's reactor, or points it at `ipIntfStatus`.
+  /// \throws Kiv::RangeException when it is null.
+  void ipIntfStatusFilterIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
+  void ipIntfStatusFilterDel(Zemit::IntfId intfId);
+
+  /// A reactor for each interface of this VRF.
+  KIV_COLLECTION(276, ipIntfStatus, IpIntfStatus, Zemit::IntfId, Kiv::Ptr<KivIpIntfStatus>)
+  /// Makes the interface's reactor, or points it at `ipIntfStatus`.
+  /// \throws Kiv::RangeException when it is null.
+  void ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
+
+  KIV_SINGLETON(281, neighborDirByIntfName, NeighborDirByIntfName, KivNeighborDirByIntfName)
+  void newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighborDirByIntfName);
+  /// The neighbour table of an interface, as the directory has it now, or null.
+  const Arp::ArpIntfStatus* neighborTable(Zemit::IntfId intf) const;
+
+  /// A reactor for each neighbour table.
+  KIV_COLLECTION_VIEW(282, arpIntfStatus, ArpIntfStatus, Kiv::Name, Kiv::Ptr<KivArpIntfStatus>)
+  /// Makes the table's reactor, or points it at `arpIntfStatus`; entries that only the former table
+  /// had are handled as deleted.
+  /// \throws Kiv::RangeException when it is null.
+  void arpIntfStatusIs(const ArpTable& arpIntfStatus);
+  /// Removes the table's reactor, and the host routes that hang off the table.
+  void arpIntfStatusDel(const Kiv::Name& name);
+
+  /// The root that owns this machine's state.
+  KIV_POINTER(283, root, Root, RouteSmRoot)
+
+  KIV_SINGLETON(290, virtualIp6Status, VirtualIp6Status, KivVirtualIp6Status)
+  void newVirtualIp6Status(const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status);
+  /// The virtual addresses themselves, or null.
+  const Routing::Fhrp::VirtualIp6Status* virtualIps() const noexcept;
+
+  /// The VRF.
+  KIV_SCALAR(294, vrfName, VrfName, L3::VrfName)
+
+  /// Set by the daemon when the inputs are complete.
+  KIV_SCALAR(295, initialized, Initialized, bool)
+  /// On a change, in either direction, runs the catch-up pass.
+  void initializedIs(bool initialized);
+
+  /// The catch-up pass: all FIB routes, all neighbours, the deferred merge, readiness.
+  void handleInitialized();
+
+  /// Follows one prefix of the route table; host prefixes there are this system's own and ignored.
+  void handleStatusRoute(const Zemit::Ip6Prefix& prefix);
+  void handleStatusRoute();
+  /// Follows one host prefix of the host-route status.
+  void handleHostStatusRoute(const Zemit::Ip6Prefix& prefix);
+  void handleHostStatusRoute();
+  /// Follows a FIB route that appeared, changed, or (when its key is not `prefix`) went.
+  void handleRoute(const Zemit::Ip6Prefix& prefix, const Tovan::Fib6::Route& fibRoute);
+  /// Finds new cover for the neighbours of a FIB route that went.
+  void handleDeletedRoute(const Tovan::Fib6::Route& oldFibRoute);
+
+  /// Moves the neighbours concerned by a FIB route under the FEC it has now.
+  void handleAdjacency(const Tovan::Fib6::Route& fibRoute);
+  /// Withdraws the host routes derived through a prefix; returns their addresses.
+  Obu::Ip6AddrSet::Ptr handleDeletedAdjacency(const Zemit::Ip6Prefix& oldPrefix);
+  /// Processes again the routes filed under a FEC that changed.
+  void handleFec(const Tovan::Fib::FecId& fecId);
+  void handleFec();
+
+  /// Stops following an interface that left the VRF or went.
+  void handleIpIntfStatus(Zemit::IntfId intfId);
+  /// Never to be called.
+  void handleIpIntfStatus();
+
+  void handleArpEntries();
+  void handleAddedArpEntry(const Zemit::Ip6Addr& ipAddr, const ArpTable& arpIntfStatus);
+  void handleDeletedArpEntry(const Zemit::Ip6Addr& ipAddr, const ArpTable& arpIntfStatus);
+  void handleDeletedArpIntfStatus(const ArpTable& arpIntfStatus);
+
+  /// True when no receive route is written.
+  bool hasNoReceiveRoutes() const;
+
+  /// The FIB route with exactly this prefix, or a record whose key is the null prefix.
+  Tovan::Fib6::Route doFibLookup(const Zemit::Ip6Prefix& pfx) const;
+  /// The longest FIB prefix that covers `ipAddr`, if it leaves through the table's interface; else
+  /// the null prefix.
+  Zemit::Ip6Prefix checkIpAddressAgainstFib(const Zemit::Ip6Addr& ipAddr,
+                                            const ArpTable& arpIntfStatus) const;
+
+  /// Files a neighbour under a FIB route, and writes or withdraws its host route.
+  /// \throws Kiv::RangeException when the route's FEC has over 128 vias; nothing is changed then.
+  void fixupArpRoute(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute);
+  /// Files under a FIB route every neighbour inside it on `intfs`; returns their addresses.
+  Obu::Ip6AddrSet::Ptr promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
+                                         const Tovan::Fib6::Route& fibRoute);
+  /// Settles, for each address, which host route wins, and writes it into the route table.
+  void doMerge(const Obu::Ip6AddrSet::PtrConst& changedIps);
+
+  /// Gives way to a virtual address that appeared, or takes back one that went. Always true.
+  bool handleVirtualIp6Status(const Routing::Fhrp::VrfIpPair& vrfIpPair);
+  void handleVirtualIp6Status();
+
+  /// Reports the machine's own kind of routes ready, once verification has started.
+  void setHostRouteRibReady();
+  /// Merges the host prefixes of the FIB that are not BGP's, once the RIB is ready.
+  void handleRibReady();
+
+  bool hasNotificationActive() const noexcept { return hasNotificationActive_; }
+  /// Switches delivery of every reactor on or off.
+  void hasNotificationActiveIs(bool active);
+  /// Puts every reactor into or out of the state in which nothing is delivered.
+  void kivDoZombieReactors(bool zombie);
+
+  /// Traces the exception with which a reactor's callback has just ended.
+  void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) const noexcept;
+
+ private:
+  void kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter);
+  void kiv_handleArpIntfStatus(KivArpIntfStatus& reactor);
+
+  /// Calls `visit` with every reactor the machine has, in the order of teardown.
+  template <class Visit>
+  void forEachReactor(Visit visit);
+
+  bool hasNotificationActive_ = true;
+  bool inputsStored_ = false;
+};
+
+/// Makes a state machine that no root owns.
+RouteSm::Ptr routeSmFactory(
+    const Kiv::ActivityConfig::Ptr& activityConfig,
+    const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
+    const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
+    const RovelReady::VrfStatus::Ptr& ribReadyStatus, const Routing::SeqConfig::Ptr& seqConfig,
+    const Rovel::SeqInfo::Ptr& ipv6SeqInfo, const Rovel::Adjacency6Helper::Ptr& adjHelper,
+    const Ip6::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
+    const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status, const RouteSmRoot::Ptr& root,
+    const L3::VrfName& vrfName);
+
+}  // namespace Routing6::Host

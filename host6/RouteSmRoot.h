@@ -1,0 +1,178 @@
+// The root of one VRF's IPv6 host routes: all derived state that outlives its reactors.
+#pragma once
+
+#include "host6/IntfAddresses.h"
+#include "host6/PrefixList.h"
+#include "platform/interface/AllIntfStatusDir.h"
+#include "platform/kiv/Attributes.h"
+#include "platform/l3/VrfName.h"
+#include "platform/obu/AddrSet.h"
+#include "platform/routing/HostStatus.h"
+#include "platform/routing/Trie.h"
+#include "platform/routing/VirtualIpStatus.h"
+#include "platform/rovel/AdjacencyHelper.h"
+#include "platform/tovan/RouteStatus.h"
+#include "platform/zemit/IpAddrWithMask.h"
+
+namespace Arp {
+class NeighborDir;
+}
+namespace Ip6 {
+class Status;
+}
+namespace Routing {
+class SeqConfig;
+}
+namespace Rovel {
+class SeqInfo;
+}
+namespace RovelReady {
+class VrfStatus;
+}
+
+namespace Routing6::Host {
+
+class RouteSm;
+
+/// What one VRF's IPv6 host routes are derived from; outlives the state machine that fills it.
+///
+/// Three collections are read together. neighRoute and prefixToRoute have an entry for every
+/// tracked FIB prefix; neighRoute names the neighbours whose host routes hang off it.
+/// prefixToAdjacency says which FEC a prefix resolves through, adjacencyToPrefix which prefixes to
+/// process again when a FEC changes; a list that becomes empty is removed. An address is in
+/// receiveAddrToIntfName exactly while it has a route in receiveTable.
+class RouteSmRoot final : public Kiv::NamedEntity {
+ public:
+  using Ptr = Kiv::Ptr<RouteSmRoot>;
+  using PtrConst = Kiv::Ptr<const RouteSmRoot>;
+  /// An entry of neighRoute.
+  using KivNeighRoute = Obu::Ip6AddrSet;
+
+  /// Derive from this to be told of changes. A callback runs after the change it reports.
+  class NotifieeConst : public Kiv::NotifieeOf<RouteSmRoot> {
+   public:
+    virtual void onReceiveTable() {}
+    virtual void onNeighTable() {}
+    virtual void onIntfStatusDir() {}
+    virtual void onTrie() {}
+    virtual void onAdjHelper() {}
+    virtual void onNeighRoute(const Zemit::Ip6Prefix&) {}
+    virtual void onNeighRoutekivImmediate() {}
+    virtual void onPrefixToRoute(const Zemit::Ip6Prefix&) {}
+    virtual void onPrefixToRoutekivImmediate() {}
+    virtual void onPrefixToAdjacency(const Zemit::Ip6Prefix&) {}
+    virtual void onPrefixToAdjacencykivImmediate() {}
+    virtual void onAdjacencyToPrefix(const Tovan::Fib::FecId&) {}
+    virtual void onAdjacencyToPrefixkivImmediate() {}
+    virtual void onIntfNameToAddrWithMask(const Kiv::String8&) {}
+    virtual void onIntfNameToAddrWithMaskkivImmediate() {}
+    virtual void onReceiveAddrToIntfName(const Zemit::Ip6Addr&) {}
+    virtual void onReceiveAddrToIntfNamekivImmediate() {}
+    virtual void onToMerge() {}
+    virtual void onVipToMerge() {}
+    virtual void onRouteSm() {}
+    virtual void onInitialized() {}
+
+   protected:
+    using Kiv::NotifieeOf<RouteSmRoot>::NotifieeOf;
+  };
+
+  /// Makes the root with its tables, initialized.
+  explicit RouteSmRoot(Kiv::Name name);
+  /// Drops what the root owns. No adjacency reference is released: host routes stay.
+  ~RouteSmRoot() override;
+
+  /// False once the root is being destroyed.
+  bool isNondestructing() const noexcept { return !isDestructing(); }
+
+  /// The router's own addresses, with the host adjacencies they are received on.
+  KIV_SINGLETON(258, receiveTable, ReceiveTable, Status)
+  /// Makes the table of this name unless it is there; returns it.
+  const Status::Ptr& receiveTableIs(const Kiv::Name& name);
+
+  /// The host routes of neighbours, with the host adjacencies they resolve to.
+  KIV_SINGLETON(259, neighTable, NeighTable, Status)
+  const Status::Ptr& neighTableIs(const Kiv::Name& name);
+
+  /// The status of all interfaces.
+  KIV_POINTER(260, intfStatusDir, IntfStatusDir, const Interface::AllIntfStatusDir)
+
+  /// The prefixes of the tracked FIB routes. The daemon lends it; nobody else may write it.
+  KIV_POINTER(261, trie, Trie, Routing6::Trie)
+
+  /// Keeper of the adjacency references.
+  KIV_POINTER(262, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
+
+  /// For each tracked FIB prefix, the neighbours whose host routes were derived through it.
+  KIV_COLLECTION(263, neighRoute, NeighRoute, Zemit::Ip6Prefix, Obu::Ip6AddrSet::Ptr)
+  /// Makes the prefix's set unless it is there; returns it.
+  const Obu::Ip6AddrSet::Ptr& neighRouteIs(const Zemit::Ip6Prefix& prefix);
+
+  /// The last FIB route seen for each tracked prefix.
+  KIV_COLLECTION(264, prefixToRoute, PrefixToRoute, Zemit::Ip6Prefix, Tovan::Fib6::Route)
+  void prefixToRouteIs(const Tovan::Fib6::Route& route) {
+    prefixToRoute_.set(*this, route.key, route);
+  }
+
+  /// The FEC through which each tracked prefix was last seen to resolve.
+  KIV_COLLECTION(265, prefixToAdjacency, PrefixToAdjacency, Zemit::Ip6Prefix, Tovan::Fib::FecId)
+  void prefixToAdjacencyIs(const Zemit::Ip6Prefix& prefix, Tovan::Fib::FecId fecId) {
+    prefixToAdjacency_.set(*this, prefix, fecId);
+  }
+
+  /// The prefixes that resolve through each FEC.
+  KIV_COLLECTION(266, adjacencyToPrefix, AdjacencyToPrefix, Tovan::Fib::FecId, PrefixList::Ptr)
+  /// Files `list` under its own FEC, in place of any list already there.
+  /// \throws Kiv::RangeException when `list` is null.
+  void adjacencyToPrefixIs(const PrefixList::Ptr& list);
+
+  /// The addresses of each interface for which receive routes were written.
+  KIV_COLLECTION(267, intfNameToAddrWithMask, IntfNameToAddrWithMask, Kiv::String8,
+                 IntfAddresses::Ptr)
+  /// Makes the interface's entry unless it is there; returns it.
+  const IntfAddresses::Ptr& intfNameToAddrWithMaskIs(const Kiv::String8& intfName);
+
+  /// The interface that owns each receive address: the last one that wrote it.
+  KIV_COLLECTION(268, receiveAddrToIntfName, ReceiveAddrToIntfName, Zemit::Ip6Addr, Kiv::String8)
+  void receiveAddrToIntfNameIs(const Zemit::Ip6Addr& ipAddr, const Kiv::String8& intfName) {
+    receiveAddrToIntfName_.set(*this, ipAddr, intfName);
+  }
+
+  /// The addresses whose merge waits for the state machine to be initialized.
+  KIV_SINGLETON(269, toMerge, ToMerge, Obu::Ip6AddrSet)
+  /// Makes the set that `prefix` names, in place of one of another name; returns it.
+  const Obu::Ip6AddrSet::Ptr& toMergeIs(const Zemit::Ip6Prefix& prefix);
+
+  /// The counterpart of toMerge for virtual addresses. Deliberately without behaviour: it is part
+  /// of the model, and nothing makes, fills or reads it.
+  KIV_SINGLETON(270, vipToMerge, VipToMerge, Obu::Ip6AddrSet)
+  const Obu::Ip6AddrSet::Ptr& vipToMergeIs(const Zemit::Ip6Prefix& prefix);
+
+  /// The VRF's state machine.
+  KIV_SINGLETON_VIEW(271, routeSm, RouteSm, RouteSm)
+  void routeSmDel();
+  /// Makes the state machine over these inputs, each of which may be null and must outlive it; see
+  /// the constructor of RouteSm. Returns it.
+  const Kiv::Ptr<RouteSm>& newRouteSm(
+      const Kiv::ActivityConfig::Ptr& activityConfig,
+      const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
+      const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
+      const Kiv::Ptr<RovelReady::VrfStatus>& ribReadyStatus,
+      const Kiv::Ptr<Routing::SeqConfig>& seqConfig, const Kiv::Ptr<Rovel::SeqInfo>& ipv6SeqInfo,
+      const Rovel::Adjacency6Helper::Ptr& adjHelper, const Kiv::Ptr<const Ip6::Status>& ipStatus,
+      const Kiv::Ptr<const Arp::NeighborDir>& neighborDirByIntfName,
+      const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status, const Ptr& root,
+      const L3::VrfName& vrfName);
+
+  /// True once the root has its tables.
+  KIV_SCALAR(272, initialized, Initialized, bool)
+  void initializedIs(bool initialized) { initialized_.set(*this, initialized); }
+
+  /// Makes the tables. Run by the constructor.
+  void handleInitialized();
+};
+
+/// Makes the root of one VRF's IPv6 host routes.
+RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name);
+
+}  // namespace Routing6::Host

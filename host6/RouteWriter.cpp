@@ -1,0 +1,27 @@
+#include "host6/RouteWriter.h"
+
+#include "host6/Family.h"
+#include "hostcore/RouteWriter.h"
+
+namespace Routing6::Host {
+
+void addRouteToRouteTable(const Status::Ptr& hostTable,
+                          const Tovan::Fib6::RouteStatus::Ptr& routeTable, const Zemit::Ip6Addr& ip,
+                          Tovan::Fib::FecId fecId, Routing6::Fib::RouteType routeType,
+                          const Routing::Fhrp::VirtualIp6Status* virtualIp6Status,
+                          const RouteSmRoot::Ptr& root, const L3::VrfName& /*vrfName*/) {
+  HostCore::addRouteToRouteTable<Ipv6>(hostTable, routeTable, ip, fecId, routeType,
+                                       virtualIp6Status, *Kiv::validPtr(root));
+}
+
+void removeHostRoute(const Zemit::Ip6Addr& ip, const Status::Ptr& hostTable,
+                     const Obu::Ip6AddrSet::Ptr& receiveAddrSet,
+                     const Rovel::Adjacency6Helper::Ptr& adjHelper) {
+  KIV_TRACE(hostRoute6Trace, 8, HostCore::rootOf(*Kiv::validPtr(hostTable)),
+            "void Routing6::Host::removeHostRoute(const Zemit::Ip6Addr&, "
+            "Routing6::Host::Status::Ptr, Obu::Ip6AddrSet::Ptr, Rovel::Adjacency6Helper::Ptr)"
+                << ip);
+  HostCore::removeHostRoute<Ipv6>(ip, hostTable, receiveAddrSet, adjHelper);
+}
+
+}  // namespace Routing6::Host

@@ -1,0 +1,33 @@
+// RouteSm: giving way to virtual IPv6 addresses.
+#include "hostcore/VirtualIp.h"
+
+#include "host6/Family.h"
+
+namespace Routing6::Host {
+
+// Deliberate: this handler minds its own VRF's virtual addresses only, while the writer gives way
+// to those of any VRF.
+bool RouteSm::handleVirtualIp6Status(const Routing::Fhrp::VrfIpPair& vrfIpPair) {
+  if (vrfIpPair.vrfName() != vrfName()) return true;
+  const Zemit::Ip6Addr& addr = vrfIpPair.vrfIp();
+  KIV_TRACE(hostRoute6Trace, 8, *this,
+            "bool Routing6::Host::RouteSm::handleVirtualIp6Status("
+            "const Routing::Fhrp::VrfIpPair&)"
+                << " for " << vrfName() << ", " << addr);
+  const auto* status = virtualIps();
+  if (status != nullptr && status->virtualIp(vrfIpPair)) {
+    HostCore::VirtualIp<Ipv6>(*this).handleAdded(addr, __func__);
+  } else {
+    HostCore::VirtualIp<Ipv6>(*this).handleRemoved(addr);
+  }
+  return true;
+}
+
+void RouteSm::handleVirtualIp6Status() {
+  KIV_TRACE(hostRoute6Trace, 8, *this, "void Routing6::Host::RouteSm::handleVirtualIp6Status()");
+  const auto* status = virtualIps();
+  if (status == nullptr) return;
+  for (auto it = status->virtualIpIteratorConst(); it; ++it) handleVirtualIp6Status(it.key());
+}
+
+}  // namespace Routing6::Host

@@ -1,0 +1,56 @@
+// What both families do about the router's own addresses.
+#pragma once
+
+#include "hostcore/RouteWriter.h"
+
+namespace HostCore {
+
+/// Writes one receive route and makes the interface its owner, also of an address that another one
+/// owned. The host adjacency of the route that is replaced is released, after writing.
+///
+/// \param adjacency  a host adjacency of the receive table with a reference for the route, or none.
+/// \param changed    gains the address.
+template <Family F>
+void writeReceiveRoute(const typename F::Addr& ip, Tovan::Fib::FecId adjacency,
+                       typename F::RouteType routeType, const Kiv::String8& intfName,
+                       typename F::RouteSmRoot& root, const typename F::AddrSet::Ptr& changed) {
+  const auto& table = Kiv::validPtr(root.receiveTable());
+  const auto replaced = table->route(hostPrefix<F>(ip));
+  addRouteToRouteTable<F>(table, nullptr, ip, adjacency, routeType, nullptr, root);
+  if (replaced.key == hostPrefix<F>(ip) && replaced.fecId != Tovan::Fib::invalidFecId) {
+    Kiv::validPtr(root.adjHelperRaw()).doDropRefOnHostAdjacency(table, replaced.fecId);
+  }
+  root.receiveAddrToIntfNameIs(ip, intfName);
+  changed->ipIs(ip, true);
+}
+
+/// A host adjacency of the receive table for what is received on `intf`, with a reference.
+template <Family F>
+Tovan::Fib::FecId receiveAdjacency(Zemit::IntfId intf, typename F::RouteSmRoot& root) {
+  typename F::ViaSet vias;
+  vias.newVia({.hop = {}, .intf = intf}, 1);
+  return Kiv::validPtr(root.adjHelperRaw())
+      .doGetOrCreateHostAdjacency(vias, Kiv::validPtr(root.receiveTable()));
+}
+
+/// Removes one receive route and its owner.
+template <Family F>
+void eraseReceiveRoute(const typename F::Addr& ip, typename F::RouteSmRoot& root) {
+  F::removeHostRoute(ip, root.receiveTable(), nullptr, root.adjHelper());
+  root.receiveAddrToIntfNameDel(ip);
+}
+
+/// Removes the receive routes of an interface that is no longer followed in this VRF: one that the
+/// machine does not hold, or that the IP status does not have, or has under another name.
+template <Family F>
+void handleIpIntfStatus(typename F::RouteSm& sm, Zemit::IntfId intfId) {
+  const auto& followed = sm.vrfIpIntfStatus(intfId);
+  const auto present = F::intfStatus(sm, intfId);
+  if (followed && present && followed->name() == present->name()) return;
+  KIV_TRACE(F::trace(), 6, sm, "removing receive routes for " << intfId.name());
+  const auto changed = F::AddrSet::AddrSetIs(F::Prefix::null());
+  F::removeReceiveRoutes(present, intfId.name(), Kiv::validPtr(sm.root()), changed);
+  sm.doMerge(changed);
+}
+
+}  // namespace HostCore
