@@ -20,7 +20,7 @@ void removeHostRoute(const Zemit::Ip6Addr& ip, const Status::Ptr& hostTable,
   KIV_TRACE(hostRoute6Trace, 8, HostCore::rootOf(*Kiv::validPtr(hostTable)),
             "void Routing6::Host::removeHostRoute(const Zemit::Ip6Addr&, "
             "Routing6::Host::Status::Ptr, Obu::Ip6AddrSet::Ptr, Rovel::Adjacency6Helper::Ptr)"
-                << ip);
+                << ", ipAddr:" << ip);
   HostCore::removeHostRoute<Ipv6>(ip, hostTable, receiveAddrSet, adjHelper);
 }
 
