@@ -56,7 +56,7 @@ void Table::create() {
   top.identity = {.layout = layout_, .seed = Kiv::drawHashSeed()};
   top.identityChecksum = checksum(top.identity);
   top.bytes.store(memory_.bytes(), std::memory_order_relaxed);
-  top.buckets.store(shape_.slotsPerSegment, std::memory_order_relaxed);
+  top.buckets.store(shape_.buckets, std::memory_order_relaxed);
   top.magic.store(kMagic, std::memory_order_release);
 }
 

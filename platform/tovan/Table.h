@@ -28,7 +28,7 @@ struct TableHeader {
   uint64_t identityChecksum;
 
   alignas(64) std::atomic<uint64_t> bytes;  ///< how large the memory is
-  std::atomic<uint32_t> buckets;            ///< how many chains there are
+  std::atomic<uint32_t> buckets;            ///< how many buckets there are
   std::atomic<uint32_t> used;               ///< slots from here on were never used
   std::atomic<uint32_t> size;               ///< how many entries there are
 
@@ -71,6 +71,7 @@ class Table {
     uint32_t keyBytes;
     uint32_t valueBytes;
     uint32_t slotsPerSegment;
+    uint32_t buckets;  ///< of a new table
     size_t topBytes;
     size_t segmentBytes;
     size_t maxSegments;

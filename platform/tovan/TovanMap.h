@@ -7,9 +7,12 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
+#include <span>
+#include <stack>
 #include <type_traits>
 #include <vector>
 
+#include "platform/tovan/IndexLine.h"
 #include "platform/tovan/Table.h"
 
 namespace Tovan {
@@ -21,10 +24,11 @@ namespace Tovan {
 /// when it opens the table. An object is used by one thread; each process, and each further thread,
 /// opens the table anew.
 ///
-/// Entries stand in slots and never move. Slot numbers are chained by hash; the number of chains
-/// follows the number of entries, by splitting one chain at an insertion (linear hashing), so no
-/// insertion pays for growth alone. Slots and chain heads come in segments that are appended to the
-/// memory. The table does not shrink: slots of erased entries are used again.
+/// Entries stand in slots and never move. An index of cache lines leads from a key's hash to its
+/// slot; it has a line, a bucket, for every five slots or so, and spare lines for buckets that
+/// overflow. The number of buckets follows that of the entries: an insertion splits one bucket now
+/// and then (linear hashing), and none pays for growth alone. Slots and lines come in segments that
+/// are appended to the memory. The table does not shrink: slots of erased entries are used again.
 ///
 /// Whatever is read from the memory is checked before it is used: damage is reported by
 /// CorruptionDetectedException. The writer's own set() and erase() repair the table instead, report
@@ -110,27 +114,19 @@ class TovanMap : public Table {
     std::array<std::atomic<Word>, kKeyWords + kValueWords> words;
   };
 
-  /// Refers to a slot: its number plus one, and above that the top bits of its entry's hash, so
-  /// that few slots are looked at in vain. Zero ends a chain.
-  using Link = uint32_t;
-  static constexpr uint32_t kSlotBits = 24;
-  static constexpr uint32_t kSlotMask = (uint32_t{1} << kSlotBits) - 1;
-  static constexpr uint32_t kNone = kSlotMask;
-  /// Chains are two long on average at most, so a longer one is a loop.
-  static constexpr uint32_t kMaxChain = 128;
-
-  struct ChainNode {
-    std::atomic<Link> next;
-    std::atomic<uint32_t> hash;
-  };
-
+  static constexpr uint32_t kNone = Link::kMaxSlots;
   static constexpr uint32_t kSlotsPerSegment = 1024;
+  static constexpr uint32_t kBucketsPerSegment = 192;
+  static constexpr uint32_t kSparesPerSegment = 16;
+  /// With ten links in a bucket on average at most, one of more lines than this is a loop.
+  static constexpr uint32_t kMaxLines = 16;
+
   struct Segment {
-    std::array<std::atomic<Link>, kSlotsPerSegment> heads;
-    std::array<ChainNode, kSlotsPerSegment> nodes;
+    std::array<IndexLine, kBucketsPerSegment> buckets;
+    std::array<IndexLine, kSparesPerSegment> spares;
     std::array<Slot, kSlotsPerSegment> slots;
   };
-  static constexpr size_t kMaxSegments = kSlotMask / kSlotsPerSegment;
+  static constexpr size_t kMaxSegments = Link::kMaxSlots / kSlotsPerSegment;
 
   struct Top {
     TableHeader header;
@@ -145,26 +141,32 @@ class TovanMap : public Table {
   static constexpr Shape kShape = {.keyBytes = sizeof(Key),
                                    .valueBytes = sizeof(Value),
                                    .slotsPerSegment = kSlotsPerSegment,
+                                   .buckets = kBucketsPerSegment,
                                    .topBytes = kTopBytes,
                                    .segmentBytes = sizeof(Segment),
                                    .maxSegments = kMaxSegments};
 
-  /// Where a key's slot is, and the link that leads there.
+  /// A link in the index, and the slot it leads to.
   struct Place {
-    std::atomic<Link>* from;
+    IndexLine* line;
+    int place;
     uint32_t slot;
   };
 
   // Places in the memory. Indices are checked by the callers.
   Top& top() const { return *reinterpret_cast<Top*>(memory().base()); }
   Segment& segment(uint32_t index) const {
-    return reinterpret_cast<Segment*>(memory().base() + kTopBytes)[index / kSlotsPerSegment];
+    return reinterpret_cast<Segment*>(memory().base() + kTopBytes)[index];
   }
-  std::atomic<Link>& head(uint32_t bucket) const {
-    return segment(bucket).heads[bucket % kSlotsPerSegment];
+  IndexLine& bucketAt(uint32_t bucket) const {
+    return segment(bucket / kBucketsPerSegment).buckets[bucket % kBucketsPerSegment];
   }
-  ChainNode& node(uint32_t slot) const { return segment(slot).nodes[slot % kSlotsPerSegment]; }
-  Slot& slotAt(uint32_t slot) const { return segment(slot).slots[slot % kSlotsPerSegment]; }
+  IndexLine& spareAt(uint32_t spare) const {
+    return segment(spare / kSparesPerSegment).spares[spare % kSparesPerSegment];
+  }
+  Slot& slotAt(uint32_t slot) const {
+    return segment(slot / kSlotsPerSegment).slots[slot % kSlotsPerSegment];
+  }
   std::atomic<uint32_t>& version(uint32_t bucket) const {
     return header().versions[bucket % TableHeader::kVersions];
   }
@@ -188,51 +190,72 @@ class TovanMap : public Table {
   static Key keyOf(const Words& words) { return unpack<Key>(words.data()); }
   static Value valueOf(const Words& words) { return unpack<Value>(words.data() + kKeyWords); }
   static bool sameKey(const Words& a, const Words& b) {
-    return std::memcmp(a.data(), b.data(), kKeyWords * sizeof(Word)) == 0;
+    return std::equal(a.begin(), a.begin() + kKeyWords, b.begin());
+  }
+  static bool hasKey(const Slot& slot, const Words& key) {
+    uint64_t differing = 0;
+    for (size_t i = 0; i < kKeyWords; ++i) {
+      differing |= slot.words[i].load(std::memory_order_relaxed) ^ key[i];
+    }
+    return differing == 0;
   }
 
-  uint64_t fullHash(const Words& words) const;
-  static uint32_t shorten(uint64_t hash) { return static_cast<uint32_t>(hash ^ (hash >> 32)); }
-  uint32_t hashOf(const Words& words) const { return shorten(fullHash(words)); }
-  uint32_t checksumOf(uint32_t slot, const Words& words) const;
-  static Link linkTo(uint32_t slot, uint32_t hash) { return (slot + 1) | (hash & ~kSlotMask); }
-  static uint32_t slotOf(Link link) { return (link & kSlotMask) - 1; }
-  static bool mayMatch(Link link, uint32_t hash) { return ((link ^ hash) & ~kSlotMask) == 0; }
-  /// The chain of `hash` when there are `buckets` chains.
-  static uint32_t bucketOf(uint32_t hash, uint32_t buckets) {
-    const uint32_t mask = std::bit_ceil(buckets) - 1;
-    const uint32_t bucket = hash & mask;
-    return bucket < buckets ? bucket : hash & (mask >> 1);
+  uint64_t hashOf(const Words& words) const;
+  uint32_t checksumOf(uint32_t slot, uint64_t hash, const Words& words) const;
+  uint32_t checksumOf(uint32_t slot, const Words& words) const {
+    return checksumOf(slot, hashOf(words), words);
   }
+  /// The bucket of `hash` when there are `buckets` of them.
+  static uint32_t bucketOf(uint64_t hash, uint32_t buckets) {
+    const uint32_t mask = std::bit_ceil(buckets) - 1;
+    const uint32_t bucket = static_cast<uint32_t>(hash) & mask;
+    return bucket < buckets ? bucket : bucket & (mask >> 1);
+  }
+
+  /// How many buckets a table of `size` entries has.
+  static uint32_t bucketsFor(uint32_t size) {
+    const auto buckets =
+        (uint64_t{size} * kBucketsPerSegment + kSlotsPerSegment - 1) / kSlotsPerSegment;
+    return std::max(static_cast<uint32_t>(buckets), kBucketsPerSegment);
+  }
+  uint32_t segments() const { return slots() / kSlotsPerSegment; }
 
   static void load(const Slot& from, Words& words);
   bool read(uint32_t slot, Words& words) const;
-  void write(Slot& slot, uint32_t number, const Words& words) const;
-  void replace(uint32_t slot, const Words& words);
-  void insert(uint32_t hash, const Words& words);
-  void link(uint32_t slot, uint32_t hash);
-  void splitChain();
-  void unlink(const Place& place, uint32_t hash);
-  void beginChange(std::atomic<uint32_t>& version) const;
-  void endChange(std::atomic<uint32_t>& version) const;
-
-  bool lookUp(uint32_t hash, Words& words) const;
-  Place find(uint32_t hash, const Words& key) const;
-  Place findOrRepair(uint32_t hash, Words& words, bool checked);
+  template <class Visit>
+  const char* visit(uint32_t bucket, uint32_t tag, Visit visitor) const;
+  bool lookUp(uint64_t hash, Words& words) const;
+  Place find(uint64_t hash, const Words& key) const;
   uint32_t usedSlots() const;
+
+  template <class Step>
+  auto repairing(Step step);
+  static void write(Slot& slot, const Words& words, uint32_t checksum);
+  void write(uint32_t slot, uint32_t state, const Words& words, uint32_t checksum);
+  void replace(uint32_t slot, uint64_t hash, const Words& words);
+  void insert(uint64_t hash, const Words& words);
+  void link(uint32_t slot, uint64_t hash);
+  void reserveSpare();
+  uint32_t takeSpare();
+  void splitBucket();
+  void fill(uint32_t bucket, std::span<const Link> links);
+  static void beginChange(std::atomic<uint32_t>& version);
+  static void endChange(std::atomic<uint32_t>& version);
+  void free(uint32_t slot);
 
   size_t repair();
   bool settle(uint32_t slot);
-  void free(uint32_t slot);
-  void removeAll();
   void drop(uint32_t slot, const char* what);
+  void removeAll();
 
   Kiv::HashSeed seed_;
   // The writer's own: nothing that it relies on can be changed from outside.
-  uint32_t buckets_ = kSlotsPerSegment;
+  uint32_t buckets_ = kBucketsPerSegment;
   uint32_t used_ = 0;
   uint32_t size_ = 0;
-  uint32_t firstFree_ = kNone;
+  uint32_t usedSpares_ = 0;
+  std::stack<uint32_t> freeSlots_;
+  std::stack<uint32_t> freeSpares_;
 };
 
 /// Walks a table's entries, each copied as it stood at one moment.
@@ -272,7 +295,7 @@ TovanMap<Key, Value>::TovanMap(const TableConfig& config)
 // Reading.
 
 template <class Key, class Value>
-uint64_t TovanMap<Key, Value>::fullHash(const Words& words) const {
+uint64_t TovanMap<Key, Value>::hashOf(const Words& words) const {
   uint64_t hash = seed_.add;
   for (size_t i = 0; i < kKeyWords; ++i) hash = Kiv::detail::fold(hash ^ words[i], seed_.multiply);
   return hash;
@@ -280,14 +303,14 @@ uint64_t TovanMap<Key, Value>::fullHash(const Words& words) const {
 
 /// Depends on the slot too: an entry that stands in another's place is found out.
 template <class Key, class Value>
-uint32_t TovanMap<Key, Value>::checksumOf(uint32_t slot, const Words& words) const {
-  uint64_t sum = fullHash(words) + slot;
+uint32_t TovanMap<Key, Value>::checksumOf(uint32_t slot, uint64_t hash, const Words& words) const {
+  uint64_t sum = hash + slot;
   size_t i = kKeyWords;
   for (; i + 1 < words.size(); i += 2) {
     sum = Kiv::detail::fold(sum ^ words[i], seed_.multiply ^ words[i + 1]);
   }
   if (i < words.size()) sum = Kiv::detail::fold(sum ^ words[i], seed_.multiply);
-  return shorten(sum);
+  return static_cast<uint32_t>(sum ^ (sum >> 32));
 }
 
 template <class Key, class Value>
@@ -317,53 +340,68 @@ bool TovanMap<Key, Value>::read(uint32_t slot, Words& words) const {
   }
 }
 
-/// Completes `words`, which holds a key, by its value; false when the key is not there.
+/// Calls `visitor` for the links with `tag` in a bucket, for all with tag 0, until it returns true.
+/// Returns what is wrong with the bucket, or null.
 template <class Key, class Value>
-bool TovanMap<Key, Value>::lookUp(uint32_t hash, Words& words) const {
+template <class Visit>
+const char* TovanMap<Key, Value>::visit(uint32_t bucket, uint32_t tag, Visit visitor) const {
+  IndexLine* line = &bucketAt(bucket);
+  for (uint32_t lines = 1;; ++lines) {
+    for (uint64_t places = tag == 0 ? line->places() : line->placesOf(tag); places != 0;
+         places &= places - 1) {
+      const int place = std::countr_zero(places);
+      const uint32_t slot = line->at(place).slot();
+      if (!isBacked(slot)) return "has a damaged link";
+      if (visitor(Place{line, place, slot})) return nullptr;
+    }
+    const uint32_t next = line->next();
+    if (next == 0) return nullptr;
+    const uint32_t segment = (next - 1) / kSparesPerSegment;
+    if (lines == kMaxLines || segment >= kMaxSegments || !isBacked(segment * kSlotsPerSegment)) {
+      return "goes on to a wrong line";
+    }
+    line = &spareAt(next - 1);
+  }
+}
+
+/// A reader's look-up. Completes `words`, which holds a key, by its value; false when the key is
+/// not there.
+template <class Key, class Value>
+bool TovanMap<Key, Value>::lookUp(uint64_t hash, Words& words) const {
   const Words key = words;
   for (Patience patience(memory());;) {
     const uint32_t buckets = header().buckets.load(std::memory_order_acquire);
-    const char* fault = nullptr;
-    uint32_t bucket = 0;
-    uint32_t before = 0;
-    if (buckets == 0 || !isBacked(buckets - 1)) {
-      fault = "of so many is impossible";
-    } else {
-      bucket = bucketOf(hash, buckets);
-      before = version(bucket).load(std::memory_order_acquire);
-      Link link = head(bucket).load(std::memory_order_acquire);
-      for (uint32_t length = 0; link != 0 && fault == nullptr; ++length) {
-        const uint32_t slot = slotOf(link);
-        if (length == kMaxChain || !isBacked(slot)) {
-          fault = "has a damaged chain";
-        } else if (mayMatch(link, hash) && !read(slot, words)) {
-          fault = "leads to an empty slot";
-        } else if (mayMatch(link, hash) && sameKey(words, key)) {
-          return true;
-        } else {
-          link = node(slot).next.load(std::memory_order_acquire);
-        }
-      }
+    const uint32_t segment = (buckets - 1) / kBucketsPerSegment;
+    if (segment >= kMaxSegments || !isBacked(segment * kSlotsPerSegment)) {
+      throw corrupt("bucket", buckets - 1, "is outside the memory");
     }
-    // Nothing counts as found, neither the absence nor a fault, while the chain is being changed.
+    const uint32_t bucket = bucketOf(hash, buckets);
+    auto& changes = version(bucket);
+    const uint32_t before = changes.load(std::memory_order_acquire);
+    bool found = false;
+    bool empty = false;
+    const char* fault = visit(bucket, Link::tagOf(hash), [&](const Place& place) {
+      empty = !read(place.slot, words);
+      found = !empty && sameKey(words, key);
+      return empty || found;
+    });
+    if (found) return true;
+    // Neither absence nor a fault counts while the bucket is being changed.
     std::atomic_thread_fence(std::memory_order_acquire);
-    const uint32_t now = header().buckets.load(std::memory_order_relaxed);
-    const bool changing = before % 2 != 0;
-    if (!changing && (now == buckets || bucketOf(hash, now) == bucket) &&
-        version(bucket).load(std::memory_order_relaxed) == before) {
+    const bool stable = before % 2 == 0 && changes.load(std::memory_order_relaxed) == before;
+    if (stable && bucketOf(hash, header().buckets.load(std::memory_order_relaxed)) == bucket) {
+      if (empty) fault = "leads to an empty slot";
       if (fault != nullptr) throw corrupt("bucket", bucket, fault);
       return false;
     }
-    if (!patience.again()) {
-      throw corrupt("bucket", bucket, "is left in the middle of an update");
-    }
+    if (!patience.again()) throw corrupt("bucket", bucket, "is left in the middle of a change");
   }
 }
 
 template <class Key, class Value>
 std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
   Words words = pack(key);
-  const uint32_t hash = hashOf(words);
+  const uint64_t hash = hashOf(words);
   if (isReadOnly()) {
     if (!lookUp(hash, words)) return std::nullopt;
   } else {
@@ -394,176 +432,217 @@ std::vector<Key> TovanMap<Key, Value>::keys() const {
 
 /// The writer's own look-up: nothing changes meanwhile.
 template <class Key, class Value>
-typename TovanMap<Key, Value>::Place TovanMap<Key, Value>::find(uint32_t hash,
+typename TovanMap<Key, Value>::Place TovanMap<Key, Value>::find(uint64_t hash,
                                                                 const Words& key) const {
   const uint32_t bucket = bucketOf(hash, buckets_);
-  auto* from = &head(bucket);
-  for (uint32_t length = 0; length < kMaxChain; ++length) {
-    const Link link = from->load(std::memory_order_relaxed);
-    if (link == 0) return {from, kNone};
-    const uint32_t slot = slotOf(link);
-    if (slot >= used_) break;
-    if (mayMatch(link, hash)) {
-      Words words;
-      load(slotAt(slot), words);
-      if (sameKey(words, key)) return {from, slot};
-      if (!read(slot, words)) throw corrupt("bucket", bucket, "leads to an empty slot");
+  Place found{nullptr, 0, kNone};
+  const char* fault = visit(bucket, Link::tagOf(hash), [&](const Place& place) {
+    if (hasKey(slotAt(place.slot), key)) {
+      found = place;
+      return true;
     }
-    from = &node(slot).next;
-  }
-  throw corrupt("bucket", bucket, "has a damaged chain");
+    Words other;  // shows whether it is another key, or this one damaged
+    if (!read(place.slot, other)) throw corrupt("bucket", bucket, "leads to an empty slot");
+    return false;
+  });
+  if (fault != nullptr) throw corrupt("bucket", bucket, fault);
+  return found;
 }
 
-/// find() for a writer that goes on after damage, which it repairs. `checked` also looks at the
-/// entry, and completes `words` by its value.
+/// Runs `step`, and again after a repair if it finds damage: how a writer goes on after damage.
 template <class Key, class Value>
-typename TovanMap<Key, Value>::Place TovanMap<Key, Value>::findOrRepair(uint32_t hash, Words& words,
-                                                                        bool checked) {
-  const Words key = words;
-  for (bool repaired = false;; repaired = true) {
-    try {
-      const Place place = find(hash, key);
-      if (checked && place.slot != kNone && !read(place.slot, words)) {
-        throw corrupt("slot", place.slot, "is empty but in use");
-      }
-      return place;
-    } catch (const CorruptionDetectedException& e) {
-      if (repaired) throw;
-      corruptionDetected(e.what());
-      repair();
-    }
+template <class Step>
+auto TovanMap<Key, Value>::repairing(Step step) {
+  try {
+    return step();
+  } catch (const CorruptionDetectedException& e) {
+    corruptionDetected(e.what());
+    repair();
+    return step();
   }
 }
 
 template <class Key, class Value>
-void TovanMap<Key, Value>::write(Slot& slot, uint32_t number, const Words& words) const {
+void TovanMap<Key, Value>::write(Slot& slot, const Words& words, uint32_t checksum) {
   for (size_t i = 0; i < words.size(); ++i) {
     slot.words[i].store(words[i], std::memory_order_relaxed);
   }
-  slot.checksum.store(checksumOf(number, words), std::memory_order_relaxed);
+  slot.checksum.store(checksum, std::memory_order_relaxed);
 }
 
+/// Writes a slot so that readers see it before or after; `state` is kLive when it holds an entry.
 template <class Key, class Value>
-void TovanMap<Key, Value>::replace(uint32_t slot, const Words& words) {
-  top().journalSlot.store(slot, std::memory_order_relaxed);
-  write(top().journal, slot, words);
-  std::atomic_thread_fence(std::memory_order_release);
-  Slot& to = slotAt(slot);
-  const uint32_t sequence = (to.sequence.load(std::memory_order_relaxed) & ~kBusy) | kLive;
-  to.sequence.store(sequence | kBusy, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_release);
-  write(to, slot, words);
-  to.sequence.store(sequence + kChange, std::memory_order_release);
-}
-
-template <class Key, class Value>
-void TovanMap<Key, Value>::insert(uint32_t hash, const Words& words) {
-  uint32_t slot = firstFree_;
-  if (slot == kNone) {
-    if (used_ == slots()) addSegment();
-    slot = used_++;
-    header().used.store(used_, std::memory_order_release);
-  } else {
-    firstFree_ = node(slot).next.load(std::memory_order_relaxed);
-  }
+void TovanMap<Key, Value>::write(uint32_t slot, uint32_t state, const Words& words,
+                                 uint32_t checksum) {
   Slot& to = slotAt(slot);
   const uint32_t sequence = to.sequence.load(std::memory_order_relaxed) & ~(kBusy | kLive);
-  to.sequence.store(sequence | kBusy, std::memory_order_relaxed);
+  to.sequence.store(sequence | state | kBusy, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  write(to, slot, words);
+  write(to, words, checksum);
   to.sequence.store((sequence + kChange) | kLive, std::memory_order_release);
+}
 
+template <class Key, class Value>
+void TovanMap<Key, Value>::replace(uint32_t slot, uint64_t hash, const Words& words) {
+  const uint32_t checksum = checksumOf(slot, hash, words);
+  top().journalSlot.store(slot, std::memory_order_relaxed);
+  write(top().journal, words, checksum);
+  std::atomic_thread_fence(std::memory_order_release);
+  write(slot, kLive, words, checksum);
+}
+
+template <class Key, class Value>
+void TovanMap<Key, Value>::insert(uint64_t hash, const Words& words) {
+  // What may fail for lack of memory comes first.
+  reserveSpare();
+  if (freeSlots_.empty() && used_ == slots()) addSegment();
+  uint32_t slot = used_;
+  if (freeSlots_.empty()) {
+    header().used.store(++used_, std::memory_order_release);
+  } else {
+    slot = freeSlots_.top();
+    freeSlots_.pop();
+  }
+  write(slot, 0, words, checksumOf(slot, hash, words));
   link(slot, hash);
   header().size.store(++size_, std::memory_order_relaxed);
-  if (size_ > buckets_) splitChain();
+  if (bucketsFor(size_) > buckets_) splitBucket();
 }
 
-/// Puts a slot at the front of its chain.
+/// Puts a slot that holds an entry into its bucket.
 template <class Key, class Value>
-void TovanMap<Key, Value>::link(uint32_t slot, uint32_t hash) {
-  auto& first = head(bucketOf(hash, buckets_));
-  node(slot).hash.store(hash, std::memory_order_relaxed);
-  node(slot).next.store(first.load(std::memory_order_relaxed), std::memory_order_release);
-  first.store(linkTo(slot, hash), std::memory_order_release);
+void TovanMap<Key, Value>::link(uint32_t slot, uint64_t hash) {
+  IndexLine* line = &bucketAt(bucketOf(hash, buckets_));
+  while (line->placesOf(0) == 0) {
+    if (line->next() == 0) {
+      const uint32_t spare = takeSpare();
+      spareAt(spare).assign({}, 0);
+      line->setNext(spare + 1);
+    }
+    line = &spareAt(line->next() - 1);
+  }
+  line->set(std::countr_zero(line->placesOf(0)), Link(slot, hash));
+}
+
+/// Sees to it that link() finds a spare line, should it need one.
+template <class Key, class Value>
+void TovanMap<Key, Value>::reserveSpare() {
+  if (freeSpares_.empty() && usedSpares_ == segments() * kSparesPerSegment) addSegment();
 }
 
 template <class Key, class Value>
-void TovanMap<Key, Value>::beginChange(std::atomic<uint32_t>& version) const {
+uint32_t TovanMap<Key, Value>::takeSpare() {
+  if (freeSpares_.empty()) return usedSpares_++;
+  const uint32_t spare = freeSpares_.top();
+  freeSpares_.pop();
+  return spare;
+}
+
+template <class Key, class Value>
+void TovanMap<Key, Value>::beginChange(std::atomic<uint32_t>& version) {
   version.store(version.load(std::memory_order_relaxed) | 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
 }
 
 template <class Key, class Value>
-void TovanMap<Key, Value>::endChange(std::atomic<uint32_t>& version) const {
+void TovanMap<Key, Value>::endChange(std::atomic<uint32_t>& version) {
   version.store(version.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
-/// Adds a chain, made of those members of one other chain that belong there now.
+/// Adds a bucket, made of those members of one other that belong there now.
 template <class Key, class Value>
-void TovanMap<Key, Value>::splitChain() {
+void TovanMap<Key, Value>::splitBucket() {
   const uint32_t added = buckets_;
   const uint32_t split = added ^ std::bit_floor(added);
-  std::atomic<Link>* tails[] = {&head(split), &head(added)};
-  Link link = tails[0]->load(std::memory_order_relaxed);
-  beginChange(version(split));
-  for (uint32_t length = 0; link != 0; ++length) {
-    const uint32_t slot = slotOf(link);
-    if (slot >= used_ || length == kMaxChain) break;  // damaged: found by the next look-up
-    ChainNode& member = node(slot);
-    const uint32_t hash = member.hash.load(std::memory_order_relaxed);
-    auto& tail = tails[bucketOf(hash, added + 1) == added];
-    tail->store(link, std::memory_order_release);
-    tail = &member.next;
-    link = member.next.load(std::memory_order_relaxed);
+  std::array<Link, kMaxLines * IndexLine::kLinks> members;
+  size_t count = 0;
+  const char* fault = visit(split, 0, [&](const Place& place) {
+    members[count++] = place.line->at(place.place);
+    __builtin_prefetch(&slotAt(place.slot));
+    return false;
+  });
+  const auto bucket = [&](Link link) {
+    Words words;
+    load(slotAt(link.slot()), words);
+    return bucketOf(hashOf(words), added + 1);
+  };
+  const auto stay = [&](Link link) { return bucket(link) == split; };
+  const std::span<Link> all(members.data(), count);
+  const std::span<Link> moving(std::partition(all.begin(), all.end(), stay), all.end());
+  if (fault == nullptr && std::ranges::any_of(moving, [&](Link l) { return bucket(l) != added; })) {
+    fault = "has a member of another";
   }
-  tails[0]->store(0, std::memory_order_release);
-  tails[1]->store(0, std::memory_order_release);
+  if (fault != nullptr) {
+    corruptionDetected(corrupt("bucket", split, fault).what());
+    repair();
+    return;
+  }
+  auto& changes = version(split);
+  beginChange(changes);
+  for (uint32_t next = bucketAt(split).next(); next != 0; next = spareAt(next - 1).next()) {
+    freeSpares_.push(next - 1);
+  }
+  fill(added, moving);
+  fill(split, all.first(count - moving.size()));
   header().buckets.store(++buckets_, std::memory_order_release);
-  endChange(version(split));
+  endChange(changes);
+}
+
+/// Makes `links` the members of a bucket; its spare lines have been given back.
+template <class Key, class Value>
+void TovanMap<Key, Value>::fill(uint32_t bucket, std::span<const Link> links) {
+  IndexLine* line = &bucketAt(bucket);
+  for (;;) {
+    const size_t count = std::min(links.size(), IndexLine::kLinks);
+    const uint32_t next = count < links.size() ? takeSpare() + 1 : 0;
+    line->assign(links.first(count), next);
+    if (next == 0) return;
+    links = links.subspan(count);
+    line = &spareAt(next - 1);
+  }
 }
 
 template <class Key, class Value>
 std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
   requireWritable("remove");
   Words words = pack(key);
-  const uint32_t hash = hashOf(words);
-  const Place place = findOrRepair(hash, words, true);
+  const uint64_t hash = hashOf(words);
+  const Place place = repairing([&] {
+    const Place found = find(hash, pack(key));
+    if (found.slot != kNone && !read(found.slot, words)) {
+      throw corrupt("slot", found.slot, "is empty but in use");
+    }
+    return found;
+  });
   if (place.slot == kNone) return std::nullopt;
-  unlink(place, hash);
+  auto& changes = version(bucketOf(hash, buckets_));
+  beginChange(changes);
+  place.line->set(place.place, Link());
+  endChange(changes);
+  free(place.slot);
+  header().size.store(--size_, std::memory_order_relaxed);
   return valueOf(words);
 }
 
-template <class Key, class Value>
-void TovanMap<Key, Value>::unlink(const Place& place, uint32_t hash) {
-  auto& changed = version(bucketOf(hash, buckets_));
-  beginChange(changed);
-  place.from->store(node(place.slot).next.load(std::memory_order_relaxed),
-                    std::memory_order_release);
-  endChange(changed);
-  free(place.slot);
-  header().size.store(--size_, std::memory_order_relaxed);
-}
-
-/// Makes a slot that no chain leads to any more available.
+/// Makes a slot that the index does not lead to available.
 template <class Key, class Value>
 void TovanMap<Key, Value>::free(uint32_t slot) {
   auto& sequence = slotAt(slot).sequence;
   sequence.store((sequence.load(std::memory_order_relaxed) & ~(kBusy | kLive)) + kChange,
                  std::memory_order_release);
-  node(slot).next.store(firstFree_, std::memory_order_release);
-  firstFree_ = slot;
+  freeSlots_.push(slot);
 }
 
 template <class Key, class Value>
 bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
   requireWritable("write");
-  Words words = pack(key, value);
-  const uint32_t hash = hashOf(words);
-  const uint32_t slot = findOrRepair(hash, words, false).slot;
+  const Words words = pack(key, value);
+  const uint64_t hash = hashOf(words);
+  const uint32_t slot = repairing([&] { return find(hash, words).slot; });
   if (slot == kNone) {
     insert(hash, words);
   } else {
-    replace(slot, words);
+    replace(slot, hash, words);
   }
   return slot == kNone;
 }
@@ -604,30 +683,32 @@ bool TovanMap<Key, Value>::settle(uint32_t slot) {
     drop(slot, replaced ? "was left in the middle of an update" : "has a wrong checksum");
     return false;
   }
-  if (replaced) replace(slot, words);
+  if (replaced) replace(slot, hashOf(words), words);
   return true;
 }
 
-/// Settles every slot, then derives the chains and all counts from what stands in the slots.
+/// Settles every slot, then derives the index and all counts from what stands in the slots.
 template <class Key, class Value>
 size_t TovanMap<Key, Value>::repair() {
   const size_t before = corruptions();
-  for (auto& changed : header().versions) beginChange(changed);
-  for (uint32_t bucket = 0; bucket < slots(); ++bucket) {
-    head(bucket).store(0, std::memory_order_relaxed);
+  for (auto& changes : header().versions) beginChange(changes);
+  freeSlots_ = {};
+  freeSpares_ = {};
+  usedSpares_ = 0;
+  for (uint32_t bucket = 0; bucket < segments() * kBucketsPerSegment; ++bucket) fill(bucket, {});
+  for (used_ = slots(); used_ > 0; --used_) {
+    if (slotAt(used_ - 1).sequence.load(std::memory_order_relaxed) != 0) break;
   }
-  used_ = slots();
-  while (used_ > 0 && slotAt(used_ - 1).sequence.load(std::memory_order_relaxed) == 0) --used_;
-  firstFree_ = kNone;
   size_ = 0;
   for (uint32_t slot = used_; slot-- > 0;) size_ += settle(slot);
-  buckets_ = std::max(size_, kSlotsPerSegment);
+  buckets_ = bucketsFor(size_);
   for (uint32_t slot = 0; slot < used_; ++slot) {
     if ((slotAt(slot).sequence.load(std::memory_order_relaxed) & kLive) == 0) continue;
     Words words;
     load(slotAt(slot), words);
-    const uint32_t hash = hashOf(words);
+    const uint64_t hash = hashOf(words);
     if (find(hash, words).slot == kNone) {
+      reserveSpare();
       link(slot, hash);
     } else {
       --size_;
@@ -637,7 +718,7 @@ size_t TovanMap<Key, Value>::repair() {
   header().used.store(used_, std::memory_order_release);
   header().size.store(size_, std::memory_order_relaxed);
   header().buckets.store(buckets_, std::memory_order_release);
-  for (auto& changed : header().versions) endChange(changed);
+  for (auto& changes : header().versions) endChange(changes);
   return corruptions() - before;
 }
 
