@@ -432,8 +432,7 @@ std::vector<Hop> Importer::hops(const Json& route, int family) {
   }
   if (hops.empty() && !found.empty()) throw Skip(reason);
   std::ranges::sort(hops);
-  const auto repeated = std::ranges::unique(hops);
-  hops.erase(repeated.begin(), repeated.end());
+  hops.erase(std::unique(hops.begin(), hops.end()), hops.end());
   return hops;
 }
 

@@ -102,7 +102,7 @@ class QueueingActivity final : public ActivityConfig {
 template <class Attribute, class... Key>
 class PendingNotificationOf final : public PendingNotification {
  public:
-  PendingNotificationOf(Notifiee& reactor, const Key&... key)
+  explicit PendingNotificationOf(Notifiee& reactor, const Key&... key)
       : PendingNotification(reactor, Attribute::kInfo.id), key_(key...) {}
 
   void deliver(Notifiee& reactor) const override {

@@ -152,7 +152,7 @@ class Collection {
   bool del(const Entity& owner, const Key& key) {
     Value* stored = map_.find(key);
     if (stored == nullptr) return false;
-    const Key removed = key;  // `key` may be the stored one
+    const Key removed = key;  // NOLINT(performance-*): `key` may be the stored one
     const Value old = std::move(*stored);
     map_.erase(removed);
     detail::disown(old);
@@ -210,7 +210,7 @@ class KeySet {
     return true;
   }
   bool del(const Entity& owner, const Key& key) {
-    const Key removed = key;  // `key` may be the stored one
+    const Key removed = key;  // NOLINT(performance-*): `key` may be the stored one
     if (!map_.erase(removed)) return false;
     owner.notify<Tag>(removed);
     return true;

@@ -71,15 +71,13 @@ class Ptr {
   Ptr(const Ptr& other) noexcept : object_(other.object_) { retain(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   template <class U>
-  requires std::convertible_to<U*, T*> Ptr(const Ptr<U>& other)
-  noexcept  // NOLINT(google-explicit-constructor): handle conversion
-      : object_(other.isInvalid() ? invalidObject() : static_cast<T*>(other.get())) {
+  requires std::convertible_to<U*, T*> Ptr(const Ptr<U>& other)  // NOLINT: converts as pointers do
+  noexcept : object_(other.isInvalid() ? invalidObject() : static_cast<T*>(other.get())) {
     retain();
   }
   template <class U>
-  requires std::convertible_to<U*, T*> Ptr(Ptr<U>&& other)
-  noexcept  // NOLINT(google-explicit-constructor): handle conversion
-      : object_(other.isInvalid() ? invalidObject() : static_cast<T*>(other.get())) {
+  requires std::convertible_to<U*, T*> Ptr(Ptr<U>&& other)  // NOLINT: converts as pointers do
+  noexcept : object_(other.isInvalid() ? invalidObject() : static_cast<T*>(other.get())) {
     other.forget();
   }
   Ptr& operator=(Ptr other) noexcept {

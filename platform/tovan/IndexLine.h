@@ -68,7 +68,7 @@ class alignas(64) IndexLine {
     for (uint32_t i = 0; i < 4; ++i) {
       Vector links;
       std::memcpy(&links, &words_[2 * i], sizeof(links));
-      found |= (links >> Link::kTagShift == tag) & (1u << i);
+      found |= Vector(links >> Link::kTagShift == tag) & (1u << i);
     }
     std::array<uint64_t, 2> sums;
     std::memcpy(&sums, &found, sizeof(sums));
