@@ -2,12 +2,19 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/ImportCommand.h"
+#include "cli/ReplayCommand.h"
 
 int main(int argc, char** argv) {
   CLI::App app("Host routes of a switch: what they are, and why");
   app.require_subcommand(1);
   int exitCode = 0;
+  Cli::addReplayCommand(app, exitCode);
   Cli::addImportCommand(app, exitCode);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    constexpr int kMisused = 2;
+    return app.exit(error) == 0 ? 0 : kMisused;  // asking for help is no error
+  }
   return exitCode;
 }

@@ -1,0 +1,270 @@
+// A switch: the tables and the state machines of all its VRFs.
+#include "daemon/Switch.h"
+
+#include <algorithm>
+
+#include "daemon/SharedNames.h"
+#include "platform/kiv/Exception.h"
+
+namespace Daemon {
+
+Switch::Switch(Options options)
+    : options_(std::move(options)),
+      intfStatusDir_(Kiv::make<Interface::AllIntfStatusDir>("intfStatusDir")),
+      neighborDir_(Kiv::make<Arp::NeighborDir>("neighborDir")) {
+  if (!options_.sharedName.empty()) {
+    KIV_REQUIRE(isSharedName(options_.sharedName),
+                "the name of shared tables may have neither \".\" nor \"/\"");
+    removeSharedLeftovers(options_.sharedName);
+  }
+  openShared<Ipv4>();
+  openShared<Ipv6>();
+  vrf(kDefaultVrf);
+}
+
+Switch::~Switch() {
+  // While the tables are still open: nobody can have taken the names over.
+  if (!options_.sharedName.empty()) Tovan::removeTablesOf(options_.sharedName);
+}
+
+Tovan::Access Switch::access() const {
+  return options_.sharedName.empty() ? Tovan::Access::Embedded : Tovan::Access::Write;
+}
+
+template <class F>
+void Switch::openShared() {
+  const std::string name = options_.sharedName.empty() ? "forwardingStatus" : options_.sharedName;
+  std::get<SharedTables<F>>(shared_) = {
+      .forwarding = Kiv::make<typename F::ForwardingStatus>(name, access()),
+      .virtualIps = Kiv::make<typename F::VirtualIpStatus>("virtualIpStatus"),
+      .intfs = Kiv::make<typename F::IpStatus>("ipStatus")};
+}
+
+Vrf& Switch::vrf(std::string_view name) {
+  if (const auto known = vrfs_.find(name); known != vrfs_.end()) return known->second;
+  const L3::VrfName vrfName{Kiv::String(name)};
+  Vrf vrf{.name = vrfName,
+          .readiness = Kiv::make<RovelReady::VrfStatus>(vrfName),
+          .seqConfig = Kiv::make<Routing::SeqConfig>("seqConfig"),
+          .routings = {}};
+  openRouting<Ipv4>(vrf);
+  openRouting<Ipv6>(vrf);
+  Vrf& added = vrfs_.emplace(name, std::move(vrf)).first->second;
+  newMachine(added, added.routing<Ipv4>());
+  newMachine(added, added.routing<Ipv6>());
+  return added;
+}
+
+template <class F>
+void Switch::openRouting(Vrf& vrf) {
+  const Kiv::String& name = vrf.name.value();
+  const std::string tableName = options_.sharedName.empty()
+                                    ? std::string(name.view())
+                                    : sharedRouteStatusName(options_.sharedName, name);
+  vrf.readiness->newRouteStatus(F::kReadyKind);
+  HostRouting<F>& routing = vrf.routing<F>();
+  routing.routeStatus = Kiv::make<typename F::RouteStatus>(tableName, access());
+  routing.hostStatus = Kiv::make<typename F::HostTable>("hostStatus");
+  routing.seqInfo = Kiv::make<Rovel::SeqInfo>("seqInfo");
+  routing.trie = Kiv::make<typename F::Trie>();
+  routing.adjHelper = Kiv::make<typename F::AdjacencyHelper>("adjHelper", shared<F>().forwarding);
+  routing.root = F::newRoot(name);
+  routing.root->trieIs(routing.trie);
+  routing.root->adjHelperIs(routing.adjHelper);
+  routing.root->intfStatusDirIs(intfStatusDir_);
+}
+
+void Switch::newMachine(Vrf& vrf, HostRouting<Ipv4>& routing) {
+  const auto& inputs = shared<Ipv4>();
+  routing.root->newRouteSm(activity_, routing.routeStatus, inputs.forwarding, routing.hostStatus,
+                           vrf.readiness, vrf.seqConfig, routing.seqInfo, routing.adjHelper,
+                           inputs.intfs, neighborDir_, routing.root, inputs.virtualIps, vrf.name);
+}
+
+void Switch::newMachine(Vrf& vrf, HostRouting<Ipv6>& routing) {
+  const auto& inputs = shared<Ipv6>();
+  routing.root->newRouteSm(activity_, routing.routeStatus, inputs.forwarding, routing.hostStatus,
+                           vrf.readiness, vrf.seqConfig, routing.seqInfo, routing.adjHelper,
+                           inputs.intfs, neighborDir_, inputs.virtualIps, routing.root, vrf.name);
+}
+
+void Switch::setInterface(Zemit::IntfId intf, std::string_view vrf) {
+  const L3::VrfName vrfName = this->vrf(vrf).name;
+  auto& l3Status = *l3Statuses_.tryEmplace(intf).first;
+  if (!l3Status) l3Status = Kiv::make<L3::Intf::Status>(intf.name());
+  l3Status->vrfIs(vrfName);
+  intfStatusDir_->intfIs(intf, true);
+  forEachFamily(
+      [&](auto family) { family.intfIs(*shared<decltype(family)>().intfs, intf, l3Status); });
+}
+
+void Switch::removeInterface(Zemit::IntfId intf) {
+  intfStatusDir_->intfIs(intf, false);
+  forEachFamily([&](auto family) { family.intfDel(*shared<decltype(family)>().intfs, intf); });
+}
+
+void Switch::setAddress(Zemit::IntfId intf, const Zemit::IpAddrWithMask& addr, bool secondary,
+                        bool present) {
+  const Ip::IpIntfStatus::Ptr status = shared<Ipv4>().intfs->ipIntfStatus(intf);
+  if (!status) return;
+  if (secondary) {
+    status->activeSecondaryWithMaskIs(addr, present);
+  } else if (present) {
+    status->activeAddrWithMaskIs(addr);
+  } else if (status->activeAddrWithMask() == addr) {
+    status->activeAddrWithMaskIs({});
+  }
+}
+
+void Switch::setAddress(Zemit::IntfId intf, const Zemit::Ip6AddrWithMask& addr, bool present) {
+  const Ip6::IntfStatus::Ptr status = shared<Ipv6>().intfs->intf(intf);
+  if (!status) return;
+  if (present) {
+    status->addrIs(addr, {.active = true});
+  } else {
+    status->addrDel(addr);
+  }
+}
+
+template <class Addr>
+void Switch::setNeighbor(Zemit::IntfId intf, const Arp::BasicNeighborStatus<Addr>& neighbor,
+                         bool present) {
+  using F = FamilyOf<Addr>;
+  auto& index = std::get<NeighborIndex<F>>(neighborIndices_);
+  if (present) {
+    if (options_.settles) index.emplace(neighbor.ipAddr, intf);
+    F::neighborIs(*neighborDir_->newArpIntfStatus(intf.name()), neighbor);
+  } else if (const auto table = neighborDir_->arpIntfStatus(intf.name())) {
+    index.erase({neighbor.ipAddr, intf});
+    F::neighborDel(*table, neighbor.ipAddr);
+  }
+}
+
+void Switch::setNeighborTable(Zemit::IntfId intf, bool present) {
+  if (present) {
+    neighborDir_->newArpIntfStatus(intf.name());
+    return;
+  }
+  const auto table = neighborDir_->arpIntfStatus(intf.name());
+  if (table && options_.settles) {
+    forEachFamily([&](auto family) {
+      auto& index = std::get<NeighborIndex<decltype(family)>>(neighborIndices_);
+      for (auto it = family.neighbors(*table); it; ++it) index.erase({it.key(), intf});
+    });
+  }
+  neighborDir_->arpIntfStatusDel(intf.name());
+}
+
+template <class Addr>
+void Switch::setFec(const Tovan::BasicFec<Tovan::BasicVia<Addr>>& fec, bool present) {
+  using F = FamilyOf<Addr>;
+  auto& forwarding = *shared<F>().forwarding;
+  std::set<Zemit::IntfId> concerned;
+  if (options_.settles) {
+    for (const auto& via : forwarding.fec(fec.id())) concerned.insert(via.intf);
+  }
+  if (present) {
+    forwarding.fecIs(fec);
+  } else {
+    forwarding.fecDel(fec.id());
+  }
+  if (!options_.settles) return;
+  for (const auto& via : fec) concerned.insert(via.intf);
+  settleOn<F>(concerned);
+}
+
+template <class Prefix, class Type>
+void Switch::setRoute(std::string_view vrf, const Tovan::BasicRoute<Prefix, Type>& route,
+                      bool present) {
+  using F = FamilyOf<typename Prefix::Addr>;
+  const bool isHost = route.key.len() == Prefix::kMaxLen;
+  const HostRouting<F>& routing = this->vrf(vrf).template routing<F>();
+  const auto set = [&](auto& table) {
+    if (present) {
+      table.routeIs(route);
+    } else {
+      table.routeDel(route.key);
+    }
+  };
+  if (isHost) {
+    set(*routing.hostStatus);
+  } else {
+    set(*routing.routeStatus);
+  }
+  auto* machine = routing.machine();
+  if (machine == nullptr) return;
+  if (isHost) {
+    machine->handleHostStatusRoute(route.key);
+  } else {
+    machine->handleStatusRoute(route.key);
+  }
+  if (options_.settles) settleInside(routing, route.key);
+}
+
+void Switch::setVirtualIp(const Routing::Fhrp::VrfIpWithMaskPair& virtualIp, bool present) {
+  vrf(virtualIp.vrfName().value());
+  shared<Ipv4>().virtualIps->virtualIpIs(virtualIp, present);
+}
+
+void Switch::setVirtualIp(const Routing::Fhrp::VrfIpPair& virtualIp, bool present) {
+  vrf(virtualIp.vrfName().value());
+  shared<Ipv6>().virtualIps->virtualIpIs(virtualIp, present);
+}
+
+template <class F>
+void Switch::setInitialized(std::string_view vrf, bool initialized) {
+  if (auto* machine = this->vrf(vrf).template routing<F>().machine()) {
+    machine->initializedIs(initialized);
+  }
+}
+
+namespace {
+
+/// Whether the neighbour `addr` lacks its host route there.
+template <class F>
+bool isRouteless(const HostRouting<F>& routing, const typename F::Addr& addr) {
+  const auto prefix = F::Prefix::host(addr);
+  return F::neighborTable(*routing.root)->route(prefix).key != prefix;
+}
+
+}  // namespace
+
+/// Announces the neighbours inside `prefix` again that have no host route in this VRF.
+template <class F>
+void Switch::settleInside(const HostRouting<F>& routing, const typename F::Prefix& prefix) const {
+  const auto& index = std::get<NeighborIndex<F>>(neighborIndices_);
+  for (auto it = index.lower_bound({prefix.addr(), Zemit::IntfId()});
+       it != index.end() && prefix.contains(it->first); ++it) {
+    const auto& [addr, intf] = *it;
+    if (isRouteless(routing, addr)) {
+      F::neighborNotify(*neighborDir_->arpIntfStatus(intf.name()), addr);
+    }
+  }
+}
+
+/// Announces the neighbours on `intfs` again that have no host route in a VRF with a machine.
+template <class F>
+void Switch::settleOn(const std::set<Zemit::IntfId>& intfs) const {
+  for (const Zemit::IntfId intf : intfs) {
+    const auto table = neighborDir_->arpIntfStatus(intf.name());
+    if (!table) continue;
+    for (auto it = F::neighbors(*table); it; ++it) {
+      const auto lacksIt = [&](const auto& named) {
+        const auto& routing = named.second.template routing<F>();
+        return routing.machine() != nullptr && isRouteless(routing, it.key());
+      };
+      if (std::any_of(vrfs_.begin(), vrfs_.end(), lacksIt)) F::neighborNotify(*table, it.key());
+    }
+  }
+}
+
+template void Switch::setNeighbor(Zemit::IntfId, const Arp::ArpEntryStatus&, bool);
+template void Switch::setNeighbor(Zemit::IntfId, const Arp::Ip6NeighborEntryStatus&, bool);
+template void Switch::setFec(const Tovan::Fib::Fec&, bool);
+template void Switch::setFec(const Tovan::Fib6::Fec&, bool);
+template void Switch::setRoute(std::string_view, const Tovan::Fib::Route&, bool);
+template void Switch::setRoute(std::string_view, const Tovan::Fib6::Route&, bool);
+template void Switch::setInitialized<Ipv4>(std::string_view, bool);
+template void Switch::setInitialized<Ipv6>(std::string_view, bool);
+
+}  // namespace Daemon

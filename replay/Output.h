@@ -1,0 +1,42 @@
+// What a replay prints, for programs and for people.
+#pragma once
+
+#include <memory>
+#include <ostream>
+#include <string_view>
+#include <vector>
+
+#include "daemon/Switch.h"
+#include "platform/kiv/Trace.h"
+
+namespace Replay {
+
+/// Which machines a dump is about.
+struct DumpSelection {
+  std::vector<const Daemon::Vrf*> vrfs;  ///< by name
+  bool ipv4 = true;
+  bool ipv6 = true;
+};
+
+/// A form of output.
+class Output {
+ public:
+  virtual ~Output() = default;
+
+  /// Prints the state of machines, with their roots and tables.
+  virtual void dump(const Daemon::Switch& sw, const DumpSelection& selection) = 0;
+  virtual void trace(const Kiv::TraceRecord& record) = 0;
+  /// Announces what the event in line `number`, whose text is `line`, causes.
+  virtual void event(size_t number, std::string_view line) = 0;
+};
+
+/// One JSON object on each line, keys sorted, lists sorted by the JSON text of their elements.
+std::unique_ptr<Output> jsonOutput(std::ostream& os);
+/// Aligned tables; headings stand out when `coloured`.
+std::unique_ptr<Output> textOutput(std::ostream& os, bool coloured);
+
+/// The state of one machine as a JSON object, which has the one member "dump".
+template <class F>
+std::string dumpJson(const Daemon::Switch& sw, const Daemon::Vrf& vrf);
+
+}  // namespace Replay

@@ -1,0 +1,258 @@
+// The recorded inputs of a switch, fed to its state machines again.
+#include "replay/Player.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <limits>
+#include <type_traits>
+
+namespace Replay {
+namespace {
+
+using Daemon::Switch;
+
+/// What an op is called, which fields it has, and what it does.
+///
+/// All fields are read before anything is done.
+struct Op {
+  std::string_view name;
+  std::array<std::string_view, 8> fields;
+  void (*apply)(const Event& event, Switch& sw);
+};
+
+void applyIntf(const Event& event, Switch& sw) {
+  const auto intf = event.intf("name");
+  const auto vrf = event.vrf();
+  if (event.present()) {
+    sw.setInterface(intf, vrf);
+  } else {
+    sw.vrf(vrf);
+    sw.removeInterface(intf);
+  }
+}
+
+void applyAddr(const Event& event, Switch& sw) {
+  const auto intf = event.intf();
+  const bool present = event.present();
+  event.withFamilyOf("addr", [&](auto family) {
+    using F = decltype(family);
+    const auto addr =
+        event.value<typename F::AddrWithMask>("addr", "an interface address with its length");
+    if constexpr (std::is_same_v<F, Daemon::Ipv4>) {
+      sw.setAddress(intf, addr, event.flag("secondary", false), present);
+    } else {
+      if (event.has("secondary")) throw EventError("\"secondary\" is for IPv4 addresses only");
+      sw.setAddress(intf, addr, present);
+    }
+  });
+}
+
+void applyNeighbor(const Event& event, Switch& sw) {
+  const auto intf = event.intf();
+  const auto mac = event.has("mac") ? event.value<Zemit::EthAddr>("mac", "an Ethernet address")
+                                    : Zemit::EthAddr();
+  event.withFamilyOf("ip", [&](auto family) {
+    const auto ip = event.value<typename decltype(family)::Addr>("ip", "an address");
+    sw.setNeighbor(intf, typename decltype(family)::Neighbor{.ipAddr = ip, .mac = mac},
+                   event.present());
+  });
+}
+
+void applyNeighborTable(const Event& event, Switch& sw) {
+  sw.setNeighborTable(event.intf(), event.present());
+}
+
+void applyFec(const Event& event, Switch& sw) {
+  if (event.family() == 4) {
+    sw.setFec(event.fec<Daemon::Ipv4>(), event.present());
+  } else {
+    sw.setFec(event.fec<Daemon::Ipv6>(), event.present());
+  }
+}
+
+void applyRoute(const Event& event, Switch& sw) {
+  constexpr auto kMaxMetric = std::numeric_limits<Routing::RouteMetric>::max();
+  constexpr auto kMaxPreference = std::numeric_limits<Routing::RoutePreference>::max();
+  const auto metric = event.number("metric", 0, kMaxMetric, 0);
+  const auto preference = event.number("preference", 0, kMaxPreference, 1);
+  event.withFamilyOf("prefix", [&](auto family) {
+    using F = decltype(family);
+    const typename F::Route route{
+        .key = event.prefix<typename F::Prefix>("prefix"),
+        .metricPref = {.metric = static_cast<Routing::RouteMetric>(metric),
+                       .preference = static_cast<Routing::RoutePreference>(preference)},
+        .routeType = event.routeType<typename F::RouteType>("type", F::kConnected),
+        .fecId = event.number("fec", 0, Event::kMaxFecId, 0)};
+    sw.setRoute(event.vrf(), route, event.present());
+  });
+}
+
+void applyVirtualIp(const Event& event, Switch& sw) {
+  const L3::VrfName vrf{Kiv::String(event.vrf())};
+  event.withFamilyOf("addr", [&](auto family) {
+    if constexpr (std::is_same_v<decltype(family), Daemon::Ipv4>) {
+      const auto addr =
+          event.value<Zemit::IpAddrWithMask>("addr", "an IPv4 address with its length");
+      sw.setVirtualIp(Routing::Fhrp::VrfIpWithMaskPair(vrf, addr), event.present());
+    } else {
+      const auto addr = event.value<Zemit::Ip6Addr>("addr", "an IPv6 address");
+      sw.setVirtualIp(Routing::Fhrp::VrfIpPair(vrf, addr), event.present());
+    }
+  });
+}
+
+/// Calls `visit` with each family that the event names, both where it names none.
+template <class Visit>
+void forEachNamedFamily(const Event& event, Visit visit) {
+  Daemon::forEachFamily([&](auto family) {
+    if (event.concerns(family.kNumber)) visit(family);
+  });
+}
+
+void applyInitialized(const Event& event, Switch& sw) {
+  const auto vrf = event.vrf();
+  const bool value = event.flag("value");
+  forEachNamedFamily(event, [&](auto family) { sw.setInitialized<decltype(family)>(vrf, value); });
+}
+
+void applyRibReady(const Event& event, Switch& sw) {
+  sw.setRibReady(event.vrf(), event.flag("value"));
+}
+
+void applyStartRibReadyVerification(const Event& event, Switch& sw) {
+  sw.setStartRibReadyVerification(event.vrf(), event.flag("value"));
+}
+
+void applyNotifyFecs(const Event& event, Switch& sw) {
+  forEachNamedFamily(event, [&](auto family) { sw.notifyFecs<decltype(family)>(); });
+}
+
+void applyTeardown(const Event& event, Switch& sw) {
+  const auto vrf = event.vrf();
+  forEachNamedFamily(event, [&](auto family) { sw.teardown<decltype(family)>(vrf); });
+}
+
+constexpr Op kOps[] = {
+    {"vrf",
+     {"name"},
+     [](const Event& event, Switch& sw) {
+       event.string("name");
+       sw.vrf(event.vrf("name"));
+     }},
+    {"intf", {"name", "vrf", "present"}, applyIntf},
+    {"addr", {"intf", "addr", "secondary", "present"}, applyAddr},
+    {"neighbor", {"intf", "ip", "mac", "present"}, applyNeighbor},
+    {"neighborTable", {"intf", "present"}, applyNeighborTable},
+    {"fec", {"id", "family", "vias", "present"}, applyFec},
+    {"route", {"vrf", "prefix", "type", "fec", "metric", "preference", "present"}, applyRoute},
+    {"virtualIp", {"vrf", "addr", "present"}, applyVirtualIp},
+    {"initialized", {"vrf", "family", "value"}, applyInitialized},
+    {"ribReady", {"vrf", "value"}, applyRibReady},
+    {"startRibReadyVerification", {"vrf", "value"}, applyStartRibReadyVerification},
+    {"notifyFecs", {"family"}, applyNotifyFecs},
+    {"teardown", {"vrf", "family"}, applyTeardown},
+};
+
+constexpr std::string_view kDumpFields[] = {"vrf", "family"};
+
+/// Switches the levels of both families' facilities.
+void enableTraces(uint32_t levels) {
+  Daemon::forEachFamily([levels](auto family) {
+    for (unsigned level = 0; level < Kiv::TraceFacility::kLevels; ++level) {
+      family.trace().levelIs(level, (levels >> level & 1) != 0);
+    }
+  });
+}
+
+}  // namespace
+
+Player::Player(Daemon::Switch& sw, Output& output, const Options& options)
+    : sw_(sw), output_(output), options_(options) {
+  Kiv::Tracer::sinkIs([this](const Kiv::TraceRecord& record) { output_.trace(record); });
+  enableTraces(options_.traceLevels);
+}
+
+Player::~Player() {
+  enableTraces(0);
+  Kiv::Tracer::sinkIs({});
+}
+
+void Player::apply(std::string_view line) {
+  const Event event = Event::parse(line);
+  if (event.op() == "dump") return dump(event);
+  const auto* op = std::find_if(std::begin(kOps), std::end(kOps),
+                                [&](const Op& known) { return known.name == event.op(); });
+  if (op == std::end(kOps)) event.refuse("op", "an operation");
+  event.refuseOthersThan(op->fields);
+  op->apply(event, sw_);
+}
+
+void Player::dump(const Event& event) {
+  event.refuseOthersThan(kDumpFields);
+  DumpSelection selection{.vrfs = {}, .ipv4 = event.concerns(4), .ipv6 = event.concerns(6)};
+  if (event.has("vrf")) {
+    selection.vrfs.push_back(&sw_.vrf(event.vrf()));
+  } else {
+    for (const auto& [name, vrf] : sw_.vrfs()) selection.vrfs.push_back(&vrf);
+  }
+  output_.dump(sw_, selection);
+}
+
+void Player::dumpAll() {
+  DumpSelection selection;
+  for (const auto& [name, vrf] : sw_.vrfs()) selection.vrfs.push_back(&vrf);
+  output_.dump(sw_, selection);
+}
+
+Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostream& out,
+                            std::ostream& errors, const std::function<void(size_t)>& progress) {
+  constexpr size_t kProgressLines = 1 << 14;
+  Outcome outcome = Outcome::Done;
+  size_t number = 0;
+  const auto report = [&](const char* what) {
+    out.flush();
+    errors << name << ':' << number << ": error: " << what << std::endl;
+  };
+  for (std::string line;;) {
+    if (in.rdbuf()->in_avail() <= 0) out.flush();
+    if (!std::getline(in, line)) break;
+    ++number;
+    if (progress && number % kProgressLines == 0) progress(number);
+    const auto start = line.find_first_not_of(" \t\r");
+    if (start == line.npos || line[start] == '#') continue;
+    if (options_.echoes) output_.event(number, line);
+    try {
+      apply(line);
+    } catch (const EventError& error) {
+      report(error.what());
+      return Outcome::Refused;
+    } catch (const Pindo::Exception& error) {
+      // As the daemon would: the event is done as far as it went, and the next one comes.
+      report(error.what());
+      outcome = Outcome::Failed;
+    }
+  }
+  if (in.bad()) {
+    report("the rest of the input cannot be read");
+    return Outcome::Failed;
+  }
+  if (options_.dumpsAtEnd) dumpAll();
+  out.flush();
+  return outcome;
+}
+
+std::optional<uint32_t> parseTraceLevels(std::string_view text) {
+  constexpr uint32_t kAll = (uint32_t{1} << Kiv::TraceFacility::kLevels) - 1;
+  if (text == "all") return kAll;
+  uint32_t levels = 0;
+  for (;;) {
+    if (text.empty() || text[0] < '0' || text[0] > '9') return std::nullopt;
+    levels |= uint32_t{1} << (text[0] - '0');
+    if (text.size() == 1) return levels;
+    if (text[1] != ',') return std::nullopt;
+    text.remove_prefix(2);
+  }
+}
+
+}  // namespace Replay

@@ -1,0 +1,66 @@
+// The recorded inputs of a switch, fed to its state machines again.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <istream>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "daemon/Switch.h"
+#include "replay/Event.h"
+#include "replay/Output.h"
+
+namespace Replay {
+
+/// Feeds events to a switch and prints what comes of it.
+///
+/// While it lives, trace records of the enabled levels of both families go to the output.
+class Player {
+ public:
+  struct Options {
+    uint32_t traceLevels = 0;  ///< a bit for each level
+    bool echoes = false;       ///< whether to print each event's line number
+    bool dumpsAtEnd = true;    ///< whether to print the state of everything after the last event
+  };
+  /// How a run ended.
+  enum class Outcome {
+    Done,
+    Failed,   ///< an event made a machine fail, or the input could not be read to its end
+    Refused,  ///< a line was no event; the rest was not read
+  };
+
+  /// `sw` and `output` outlive the replay.
+  Player(Daemon::Switch& sw, Output& output, const Options& options);
+  Player(const Player&) = delete;
+  Player& operator=(const Player&) = delete;
+  ~Player();
+
+  /// Does what one line says. \throws EventError, having done nothing; Pindo::Exception from a
+  /// machine, which has then not done all that the event asked of it.
+  void apply(std::string_view line);
+  /// Prints the state of all machines.
+  void dumpAll();
+
+  /// Does what the lines of `in` say, and the final dump. `out` is what the output prints to: it is
+  /// flushed before an error and before waiting for more input.
+  ///
+  /// \param name      what error messages call the input.
+  /// \param progress  called every few thousand lines with the number of lines read; may be empty.
+  Outcome run(std::istream& in, const std::string& name, std::ostream& out, std::ostream& errors,
+              const std::function<void(size_t)>& progress = {});
+
+ private:
+  void dump(const Event& event);
+
+  Daemon::Switch& sw_;
+  Output& output_;
+  const Options options_;
+};
+
+/// The levels that a list such as "0,2,7" or "all" names, a bit for each.
+std::optional<uint32_t> parseTraceLevels(std::string_view text);
+
+}  // namespace Replay
