@@ -11,6 +11,8 @@ namespace {
 constexpr uint64_t kMagic = 0x6e61'766f'5420'7068;
 constexpr uint64_t kVersion = 1;
 constexpr auto kLongestUpdate = std::chrono::milliseconds(250);
+/// A table is made with so many pages, and grows by as many at least.
+constexpr size_t kFirstPages = 4;
 constexpr auto kBetweenLooks = std::chrono::microseconds(20);
 
 constexpr uint64_t mix(uint64_t hash, uint64_t word) {
@@ -28,11 +30,10 @@ Table::Table(const TableConfig& config, const Shape& shape)
       name_(config.name),
       readOnly_(config.access == Access::Read),
       layout_(0),
-      memory_(config, shape.topBytes + shape.maxSegments * shape.segmentBytes) {
+      memory_(config, shape.pagesAt + shape.maxPages * shape.pageBytes) {
   for (const char c : config.layout) layout_ = mix(layout_, static_cast<uint8_t>(c));
-  for (const uint64_t part :
-       {uint64_t{shape.keyBytes}, uint64_t{shape.valueBytes}, uint64_t{shape.slotsPerSegment},
-        uint64_t{shape.topBytes}, uint64_t{shape.segmentBytes}}) {
+  for (const uint64_t part : {uint64_t{shape.keyBytes}, uint64_t{shape.valueBytes},
+                              uint64_t{shape.pagesAt}, uint64_t{shape.pageBytes}}) {
     layout_ = mix(layout_, part);
   }
   const bool unfinished =
@@ -45,18 +46,18 @@ Table::Table(const TableConfig& config, const Shape& shape)
     if (!what.empty()) throw OpenException(titleOf(name_) + " " + what);
     takenOver_ = !readOnly_;
   }
-  countSlots();
+  countPages();
 }
 
 void Table::create() {
   memory_.clear();
-  memory_.grow(shape_.topBytes + shape_.segmentBytes);
+  memory_.provide(0, shape_.topBytes);
+  memory_.provide(shape_.pagesAt, kFirstPages * shape_.pageBytes);
   auto& top = header();
   top.version = kVersion;
   top.identity = {.layout = layout_, .seed = Kiv::drawHashSeed()};
   top.identityChecksum = checksum(top.identity);
   top.bytes.store(memory_.bytes(), std::memory_order_relaxed);
-  top.buckets.store(shape_.buckets, std::memory_order_relaxed);
   top.magic.store(kMagic, std::memory_order_release);
 }
 
@@ -72,7 +73,7 @@ std::string Table::fault() const {
   if (top.identity.layout != layout_) return "has another layout";
   const uint64_t expected = top.bytes.load(std::memory_order_acquire);
   memory_.refresh();  // it may have grown since the first look
-  if (memory_.bytes() < std::max(expected, shape_.topBytes + shape_.segmentBytes)) {
+  if (memory_.bytes() < std::max(expected, shape_.pagesAt + shape_.pageBytes)) {
     return "is truncated: " + std::to_string(memory_.bytes()) + " bytes of " +
            std::to_string(expected);
   }
@@ -95,25 +96,25 @@ CorruptionDetectedException Table::corrupt(const char* place, size_t index,
                                      " " + what);
 }
 
-void Table::countSlots() const {
-  const size_t segments =
-      std::min((memory_.bytes() - shape_.topBytes) / shape_.segmentBytes, shape_.maxSegments);
-  slots_ = static_cast<uint32_t>(segments) * shape_.slotsPerSegment;
+void Table::countPages() const {
+  const size_t bytes = std::max(memory_.bytes(), shape_.pagesAt) - shape_.pagesAt;
+  pages_ = static_cast<uint32_t>(std::min(bytes / shape_.pageBytes, shape_.maxPages));
 }
 
-bool Table::isBackedByNow(uint32_t index) const {
+bool Table::isBackedByNow(uint32_t number) const {
   if (!readOnly_) return false;
   memory_.refresh();
-  if (memory_.bytes() < shape_.topBytes) return false;
-  countSlots();
-  return index < slots_;
+  countPages();
+  return number < pages_;
 }
 
-void Table::addSegment() {
-  const size_t segments = slots_ / shape_.slotsPerSegment;
-  memory_.grow(shape_.topBytes + (segments + 1) * shape_.segmentBytes);
+void Table::addPages() {
+  // More at once would hold up the insertion that needs it.
+  const size_t bytes = std::min(pages_ * shape_.pageBytes / 8, TableMemory::kLargeRequest);
+  memory_.provide(shape_.pagesAt + pages_ * shape_.pageBytes,
+                  std::max(bytes, kFirstPages * shape_.pageBytes));
   header().bytes.store(memory_.bytes(), std::memory_order_release);
-  countSlots();
+  countPages();
 }
 
 bool Patience::wait() {

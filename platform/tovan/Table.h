@@ -20,22 +20,16 @@ struct TableHeader {
     uint64_t layout;     ///< hash of what key and value are, and of how they are laid out
     Kiv::HashSeed seed;  ///< the table's own, so that all processes find an entry in one place
   };
-  static constexpr size_t kVersions = 512;
-
   std::atomic<uint64_t> magic;  ///< stored last: a table without it was never finished
   uint64_t version;
   Identity identity;
   uint64_t identityChecksum;
 
   alignas(64) std::atomic<uint64_t> bytes;  ///< how large the memory is
-  std::atomic<uint32_t> buckets;            ///< how many buckets there are
-  std::atomic<uint32_t> used;               ///< slots from here on were never used
-  std::atomic<uint32_t> size;               ///< how many entries there are
-
-  /// Bucket b counts its changes other than insertions in versions[b % kVersions]; the count is
-  /// odd during one. A reader that finds nothing and the same even count before and after knows
-  /// that there was nothing to find.
-  alignas(64) std::atomic<uint32_t> versions[kVersions];
+  std::atomic<uint64_t> size;               ///< how many entries there are
+  /// What readers find entries by: in the low byte the number of hash bits that choose a page, and
+  /// above it a count of repairs, which is odd during one.
+  std::atomic<uint64_t> directory;
 };
 
 /// What all tables have, whatever their entries.
@@ -49,7 +43,9 @@ class Table {
   /// How many entries there are.
   size_t size() const { return header().size.load(std::memory_order_relaxed); }
   /// The memory that the table takes, in bytes, used or kept for entries to come.
-  size_t bytes() const { return memory_.bytes(); }
+  size_t bytes() const {
+    return memory_.bytes() - shape_.pagesAt + shape_.topBytes + (sizeof(uint64_t) << depth());
+  }
 
   /// Told of every inconsistency: by those who caught a CorruptionDetectedException, and by the
   /// table when it repairs itself. Counts, and keeps the message.
@@ -66,20 +62,23 @@ class Table {
   void validateFiles();
 
  protected:
-  /// How the memory is divided: a top with the header, then segments.
+  /// How the memory is divided: a top with the header, then pages.
   struct Shape {
     uint32_t keyBytes;
     uint32_t valueBytes;
-    uint32_t slotsPerSegment;
-    uint32_t buckets;  ///< of a new table
     size_t topBytes;
-    size_t segmentBytes;
-    size_t maxSegments;
+    size_t pagesAt;  ///< where the pages begin
+    size_t pageBytes;
+    size_t maxPages;
   };
 
   Table(const TableConfig& config, const Shape& shape);
   virtual ~Table() = default;
 
+  /// How many bits of a hash choose a page.
+  uint32_t depth() const {
+    return static_cast<uint8_t>(header().directory.load(std::memory_order_acquire));
+  }
   /// Whether a writer before us left the table, in whatever state.
   bool isTakenOver() const { return takenOver_; }
   TableHeader& header() const { return *reinterpret_cast<TableHeader*>(memory_.base()); }
@@ -94,20 +93,20 @@ class Table {
   /// The exception for an inconsistency at `place` `index`.
   CorruptionDetectedException corrupt(const char* place, size_t index, const char* what) const;
 
-  /// How many slots are backed by memory.
-  uint32_t slots() const { return slots_; }
-  /// Whether slot or bucket `index`, as read from the table, is backed by memory.
-  bool isBacked(uint32_t index) const { return index < slots_ || isBackedByNow(index); }
-  /// Adds at least one segment. \throws NoSpaceException, changing nothing.
-  void addSegment();
+  /// How many pages are backed by memory.
+  uint32_t pages() const { return pages_; }
+  /// Whether page `number`, as read from the table, is backed by memory.
+  bool isBacked(uint32_t number) const { return number < pages_ || isBackedByNow(number); }
+  /// Adds pages. \throws NoSpaceException, changing nothing.
+  void addPages();
 
  private:
   [[noreturn]] static void refuse(const char* operation);
   void create();
   /// What is wrong with the memory or its header; nothing if all is well.
   std::string fault() const;
-  bool isBackedByNow(uint32_t index) const;
-  void countSlots() const;
+  bool isBackedByNow(uint32_t number) const;
+  void countPages() const;
 
   const Shape shape_;
   const std::string name_;
@@ -115,7 +114,7 @@ class Table {
   bool takenOver_ = false;
   uint64_t layout_;
   mutable TableMemory memory_;
-  mutable uint32_t slots_ = 0;
+  mutable uint32_t pages_ = 0;
   size_t corruptions_ = 0;
   std::string lastCorruption_;
 };

@@ -102,27 +102,24 @@ void TableMemory::openNamed(const TableConfig& config) {
   }
 }
 
-void TableMemory::grow(size_t bytes) {
-  if (bytes <= bytes_) return;
-  if (bytes > reserved_) {
-    throw NoSpaceException(titleOf(name_) + " has reached its largest size");
-  }
+void TableMemory::provide(size_t at, size_t bytes) {
+  size_t end = at + bytes;
+  if (end > reserved_) throw NoSpaceException(titleOf(name_) + " has reached its largest size");
   int error = 0;
   if (fd_ >= 0) {
     // Allocated now, a page that memory has no room for fails here and not when it is touched.
     do {
-      error =
-          ::posix_fallocate(fd_, static_cast<off_t>(bytes_), static_cast<off_t>(bytes - bytes_));
+      error = ::posix_fallocate(fd_, static_cast<off_t>(at), static_cast<off_t>(bytes));
     } while (error == EINTR);
-  } else {
-    // Whole huge pages, once the table is large enough to fill them.
+  } else if (end > bytes_) {
+    // Whole huge pages, for a table large enough to fill them.
     const auto base = reinterpret_cast<uintptr_t>(base_);
-    bytes = bytes < kHugePage ? roundUp(bytes, kPage) : roundUp(base + bytes, kHugePage) - base;
-    bytes = std::min(bytes, reserved_);
-    if (::mprotect(base_, bytes, PROT_READ | PROT_WRITE) != 0) error = errno;
+    end = bytes < kLargeRequest ? roundUp(end, kPage) : roundUp(base + end, kHugePage) - base;
+    end = std::min(end, reserved_);
+    if (::mprotect(base_, end, PROT_READ | PROT_WRITE) != 0) error = errno;
   }
   if (error != 0) throw NoSpaceException(titleOf(name_) + " cannot grow" + reason(error));
-  bytes_ = bytes;
+  bytes_ = std::max(bytes_, end);
 }
 
 void TableMemory::refresh() {

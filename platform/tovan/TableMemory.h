@@ -28,7 +28,10 @@ struct TableConfig {
 /// One table's memory. Its addresses never change: all it may ever need is reserved at the start.
 class TableMemory {
  public:
-  /// \param maxBytes  what grow() may ask for at most.
+  /// Who asks for so much at once will ask for more.
+  static constexpr size_t kLargeRequest = size_t{64} << 10;
+
+  /// \param maxBytes  where the memory may end at most.
   /// \throws OpenException when the name is malformed or absent, or another writer lives.
   TableMemory(const TableConfig& config, size_t maxBytes);
   TableMemory(const TableMemory&) = delete;
@@ -36,15 +39,15 @@ class TableMemory {
   ~TableMemory();
 
   std::byte* base() const { return base_; }
-  /// How much of the memory is there, as of the last grow() or refresh().
+  /// Where the memory ends, as of the last provide() or refresh().
   size_t bytes() const { return bytes_; }
 
-  /// Makes at least the first `bytes` bytes usable, new ones zero.
+  /// Makes the bytes from `at` on usable, new ones zero.
   /// \throws NoSpaceException, changing nothing.
-  void grow(size_t bytes);
+  void provide(size_t at, size_t bytes);
   /// Looks how far the writer has grown the table by now.
   void refresh();
-  /// Gives all memory back, so that grow() starts from zeroes.
+  /// Gives all memory back, so that provide() starts from zeroes.
   void clear();
   /// Whether another process, or another object of this one, has the table open for writing.
   bool hasOtherWriter() const;

@@ -7,12 +7,10 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
-#include <span>
 #include <stack>
 #include <type_traits>
 #include <vector>
 
-#include "platform/tovan/IndexLine.h"
 #include "platform/tovan/Table.h"
 
 namespace Tovan {
@@ -24,11 +22,11 @@ namespace Tovan {
 /// when it opens the table. An object is used by one thread; each process, and each further thread,
 /// opens the table anew.
 ///
-/// Entries stand in slots and never move. An index of cache lines leads from a key's hash to its
-/// slot; it has a line, a bucket, for every five slots or so, and spare lines for buckets that
-/// overflow. The number of buckets follows that of the entries: an insertion splits one bucket now
-/// and then (linear hashing), and none pays for growth alone. Slots and lines come in segments that
-/// are appended to the memory. The table does not shrink: slots of erased entries are used again.
+/// Entries stand in pages of a few dozen slots, probed linearly. A directory leads from the low
+/// bits of a key's hash to its page (extendible hashing). A page that fills up is copied into two
+/// fresh ones, so no insertion pays for growth alone; only the directory, eight bytes for some
+/// twenty entries, is now and then doubled at once. The table does not shrink: pages are used
+/// again.
 ///
 /// Whatever is read from the memory is checked before it is used: damage is reported by
 /// CorruptionDetectedException. The writer's own set() and erase() repair the table instead, report
@@ -72,7 +70,7 @@ class TovanMap : public Table {
   }
 
   /// Walks the entries in no particular order. The loop's body may write to the table: each key
-  /// that was there at the start and stays is visited.
+  /// that was there at the start and still is when its turn comes is visited, and none twice.
   ///
   /// Advancing throws CorruptionDetectedException, which ends the walk.
   Iterator begin() const { return Iterator(*this); }
@@ -80,9 +78,9 @@ class TovanMap : public Table {
   /// The keys there are.
   std::vector<Key> keys() const;
 
-  /// Checks every entry, drops what is damaged and builds the chains anew. Returns how many
-  /// entries were dropped; each was reported to corruptionDetected(). Readers wait meanwhile.
-  /// \throws ReadOnlyException.
+  /// Checks every entry, drops what is damaged and builds the directory anew. Returns how many
+  /// faults were found; each was reported to corruptionDetected(). Readers that miss wait
+  /// meanwhile. \throws ReadOnlyException.
   size_t validate() {
     requireWritable("validate");
     return repair();
@@ -103,72 +101,91 @@ class TovanMap : public Table {
   /// An entry's bytes: the key, then the value, each filled up with zeroes.
   using Words = std::array<Word, kKeyWords + kValueWords>;
 
-  /// A number that changes with every change to a slot, and what state the slot is in.
+  // The low bits of a slot's sequence say what it holds, the others count its changes. A slot
+  // without any of the bits is free, and ends the search for a key.
   static constexpr uint32_t kBusy = 1;  ///< is being written
   static constexpr uint32_t kLive = 2;  ///< holds an entry; with kBusy, an entry that is replaced
-  static constexpr uint32_t kChange = 4;
+  static constexpr uint32_t kGone = 4;  ///< held an entry: a search goes on behind it
+  static constexpr uint32_t kState = kBusy | kLive | kGone;
+  static constexpr uint32_t kChange = 8;
 
   struct Slot {
     std::atomic<uint32_t> sequence;
-    std::atomic<uint32_t> checksum;
+    std::atomic<uint32_t> checksum;  ///< of the entry, never zero; zero in a free slot
     std::array<std::atomic<Word>, kKeyWords + kValueWords> words;
+
+    uint32_t state() const { return sequence.load(std::memory_order_relaxed) & kState; }
+    bool isLive() const { return (state() & kLive) != 0; }
+    void setState(uint32_t state) {
+      sequence.store((sequence.load(std::memory_order_relaxed) & ~kState) + kChange + state,
+                     std::memory_order_release);
+    }
   };
 
-  static constexpr uint32_t kNone = Link::kMaxSlots;
-  static constexpr uint32_t kSlotsPerSegment = 1024;
-  static constexpr uint32_t kBucketsPerSegment = 192;
-  static constexpr uint32_t kSparesPerSegment = 16;
-  /// With ten links in a bucket on average at most, one of more lines than this is a loop.
-  static constexpr uint32_t kMaxLines = 16;
+  /// Pages are of a size that is quickly copied.
+  static constexpr uint32_t kSlots =
+      static_cast<uint32_t>(std::bit_floor(std::clamp<size_t>(4096 / sizeof(Slot), 16, 64)));
+  /// A page with more slots that are not free is copied when another is wanted.
+  static constexpr uint32_t kMaxUsed = kSlots - kSlots / 8;
 
-  struct Segment {
-    std::array<IndexLine, kBucketsPerSegment> buckets;
-    std::array<IndexLine, kSparesPerSegment> spares;
-    std::array<Slot, kSlotsPerSegment> slots;
+  /// The entries whose hash ends in the `depth` bits of `pattern`. Of two pages for an entry, the
+  /// one of the higher serial number counts: a writer was killed while it copied the other.
+  struct alignas(64) Page {
+    std::atomic<uint32_t> serial;
+    std::atomic<uint32_t> pattern;
+    std::atomic<uint32_t> depth;
+    std::atomic<uint32_t> seal;  ///< stored last: checksum of the above; zero for an unused page
+    std::atomic<uint32_t> used;  ///< how many slots are not free
+    std::array<Slot, kSlots> slots;
   };
-  static constexpr size_t kMaxSegments = Link::kMaxSlots / kSlotsPerSegment;
+
+  static constexpr uint32_t kMaxDepth = 19;
+  static constexpr uint32_t kNone = ~uint32_t{0};
 
   struct Top {
     TableHeader header;
     /// The last replacement of a value, written before the slot: a writer that dies halfway
     /// through the slot leaves here what was to stand in it.
-    std::atomic<uint32_t> journalSlot;
+    std::atomic<uint64_t> journalOffset;
     Slot journal;
   };
-  static constexpr size_t kPage = 4096;
-  static constexpr size_t kTopBytes = (sizeof(Top) + kPage - 1) / kPage * kPage;
+  static constexpr size_t kMemoryPage = 4096;
+  static constexpr size_t kTopBytes = (sizeof(Top) + kMemoryPage - 1) / kMemoryPage * kMemoryPage;
+  static constexpr size_t kPagesAt = kTopBytes + (sizeof(uint64_t) << kMaxDepth);
 
   static constexpr Shape kShape = {.keyBytes = sizeof(Key),
                                    .valueBytes = sizeof(Value),
-                                   .slotsPerSegment = kSlotsPerSegment,
-                                   .buckets = kBucketsPerSegment,
                                    .topBytes = kTopBytes,
-                                   .segmentBytes = sizeof(Segment),
-                                   .maxSegments = kMaxSegments};
+                                   .pagesAt = kPagesAt,
+                                   .pageBytes = sizeof(Page),
+                                   .maxPages = size_t{1} << kMaxDepth};
 
-  /// A link in the index, and the slot it leads to.
-  struct Place {
-    IndexLine* line;
-    int place;
-    uint32_t slot;
+  /// An entry of the directory: a page's number plus one, and above it the page's serial number, so
+  /// that an entry which reads the same twice was the same in between.
+  class PageRef {
+   public:
+    explicit PageRef(uint64_t bits) : bits_(bits) {}
+    PageRef(uint32_t number, uint32_t serial) : bits_(uint64_t{serial} << 32 | (number + 1)) {}
+    uint64_t bits() const { return bits_; }
+    /// kNone for an empty entry.
+    uint32_t number() const { return static_cast<uint32_t>(bits_) - 1; }
+    uint32_t serial() const { return static_cast<uint32_t>(bits_ >> 32); }
+    bool operator==(const PageRef&) const = default;
+
+   private:
+    uint64_t bits_;
   };
 
   // Places in the memory. Indices are checked by the callers.
   Top& top() const { return *reinterpret_cast<Top*>(memory().base()); }
-  Segment& segment(uint32_t index) const {
-    return reinterpret_cast<Segment*>(memory().base() + kTopBytes)[index];
+  std::atomic<uint64_t>& directory(uint64_t hash, uint32_t depth) const {
+    return reinterpret_cast<std::atomic<uint64_t>*>(memory().base() + kTopBytes)[low(hash, depth)];
   }
-  IndexLine& bucketAt(uint32_t bucket) const {
-    return segment(bucket / kBucketsPerSegment).buckets[bucket % kBucketsPerSegment];
+  Page& page(uint32_t number) const {
+    return reinterpret_cast<Page*>(memory().base() + kPagesAt)[number];
   }
-  IndexLine& spareAt(uint32_t spare) const {
-    return segment(spare / kSparesPerSegment).spares[spare % kSparesPerSegment];
-  }
-  Slot& slotAt(uint32_t slot) const {
-    return segment(slot / kSlotsPerSegment).slots[slot % kSlotsPerSegment];
-  }
-  std::atomic<uint32_t>& version(uint32_t bucket) const {
-    return header().versions[bucket % TableHeader::kVersions];
+  uint64_t offsetOf(const Slot& slot) const {
+    return static_cast<uint64_t>(reinterpret_cast<const std::byte*>(&slot) - memory().base());
   }
 
   static Words pack(const Key& key) {
@@ -189,9 +206,6 @@ class TovanMap : public Table {
   }
   static Key keyOf(const Words& words) { return unpack<Key>(words.data()); }
   static Value valueOf(const Words& words) { return unpack<Value>(words.data() + kKeyWords); }
-  static bool sameKey(const Words& a, const Words& b) {
-    return std::equal(a.begin(), a.begin() + kKeyWords, b.begin());
-  }
   static bool hasKey(const Slot& slot, const Words& key) {
     uint64_t differing = 0;
     for (size_t i = 0; i < kKeyWords; ++i) {
@@ -200,65 +214,66 @@ class TovanMap : public Table {
     return differing == 0;
   }
 
-  uint64_t hashOf(const Words& words) const;
-  uint32_t checksumOf(uint32_t slot, uint64_t hash, const Words& words) const;
-  uint32_t checksumOf(uint32_t slot, const Words& words) const {
-    return checksumOf(slot, hashOf(words), words);
-  }
-  /// The bucket of `hash` when there are `buckets` of them.
-  static uint32_t bucketOf(uint64_t hash, uint32_t buckets) {
-    const uint32_t mask = std::bit_ceil(buckets) - 1;
-    const uint32_t bucket = static_cast<uint32_t>(hash) & mask;
-    return bucket < buckets ? bucket : bucket & (mask >> 1);
+  static bool sameKey(const Words& a, const Words& b) {
+    return std::equal(a.begin(), a.begin() + kKeyWords, b.begin());
   }
 
-  /// How many buckets a table of `size` entries has.
-  static uint32_t bucketsFor(uint32_t size) {
-    const auto buckets =
-        (uint64_t{size} * kBucketsPerSegment + kSlotsPerSegment - 1) / kSlotsPerSegment;
-    return std::max(static_cast<uint32_t>(buckets), kBucketsPerSegment);
+  uint64_t hashOf(const Words& words) const;
+  uint32_t checksumOf(uint64_t hash, const Words& words) const;
+  static uint32_t low(uint64_t hash, uint32_t bits) {
+    return static_cast<uint32_t>(hash) & ((uint32_t{1} << bits) - 1);
   }
-  uint32_t segments() const { return slots() / kSlotsPerSegment; }
+  /// The slot of its page at which the search for a key begins.
+  static uint32_t home(uint64_t hash) { return static_cast<uint32_t>(hash >> 32) % kSlots; }
+  uint32_t sealOf(const Page& page) const;
+  bool isSealed(const Page& page) const {
+    return page.seal.load(std::memory_order_acquire) == sealOf(page);
+  }
 
   static void load(const Slot& from, Words& words);
-  bool read(uint32_t slot, Words& words) const;
-  template <class Visit>
-  const char* visit(uint32_t bucket, uint32_t tag, Visit visitor) const;
-  bool lookUp(uint64_t hash, Words& words) const;
-  Place find(uint64_t hash, const Words& key) const;
-  uint32_t usedSlots() const;
+  bool read(const Slot& from, Words& words) const;
+  static Slot* search(Page& page, uint64_t hash, const Words& key);
+  const char* missFault(PageRef ref, uint64_t hash) const;
+  template <class Look>
+  void inPage(uint64_t hash, Look look) const;
+  bool readPage(uint32_t& pattern, std::vector<Words>& items) const;
+  PageRef refOf(uint64_t hash) const;
+  Slot* find(uint64_t hash, const Words& key) const;
+  bool refresh(Words& words) const;
 
   template <class Step>
   auto repairing(Step step);
   static void write(Slot& slot, const Words& words, uint32_t checksum);
-  void write(uint32_t slot, uint32_t state, const Words& words, uint32_t checksum);
-  void replace(uint32_t slot, uint64_t hash, const Words& words);
+  static void write(Slot& slot, uint32_t state, const Words& words, uint32_t checksum);
+  void replace(Slot& slot, uint64_t hash, const Words& words);
   void insert(uint64_t hash, const Words& words);
-  void link(uint32_t slot, uint64_t hash);
-  void reserveSpare();
-  uint32_t takeSpare();
-  void splitBucket();
-  void fill(uint32_t bucket, std::span<const Link> links);
-  static void beginChange(std::atomic<uint32_t>& version);
-  static void endChange(std::atomic<uint32_t>& version);
-  void free(uint32_t slot);
+  static bool place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words,
+                    uint32_t checksum);
+  void makeRoom(uint32_t number);
+  void rewrite(uint32_t number, bool split);
+  void deepen();
+  void provideDirectory(uint32_t depth);
+  void reservePages(size_t count);
+  uint32_t makePage(uint32_t pattern, uint32_t depth);
+  void publish(uint32_t number);
+  void freePage(uint32_t number);
+  static void freeSlots(Page& of);
+  void removeAll();
 
   size_t repair();
-  bool settle(uint32_t slot);
-  void drop(uint32_t slot, const char* what);
-  void removeAll();
+  void settle(Slot& slot);
+  bool isInOrder(Page& what) const;
 
   Kiv::HashSeed seed_;
   // The writer's own: nothing that it relies on can be changed from outside.
-  uint32_t buckets_ = kBucketsPerSegment;
-  uint32_t used_ = 0;
-  uint32_t size_ = 0;
-  uint32_t usedSpares_ = 0;
-  std::stack<uint32_t> freeSlots_;
-  std::stack<uint32_t> freeSpares_;
+  uint32_t depth_ = 0;
+  uint32_t serial_ = 0;
+  uint64_t size_ = 0;
+  uint64_t changes_ = 0;
+  std::stack<uint32_t> freePages_;
 };
 
-/// Walks a table's entries, each copied as it stood at one moment.
+/// Walks a table's entries page by page, each entry copied as it stood at one moment.
 template <class Key, class Value>
 class TovanMap<Key, Value>::Iterator {
  public:
@@ -267,29 +282,42 @@ class TovanMap<Key, Value>::Iterator {
 
   explicit Iterator(const TovanMap& map) : map_(&map) { settle(); }
 
-  Item operator*() const { return {keyOf(words_), valueOf(words_)}; }
+  Item operator*() const { return {keyOf(items_[at_]), valueOf(items_[at_])}; }
   Iterator& operator++() {
-    ++slot_;
+    ++at_;
     settle();
     return *this;
   }
   void operator++(int) { ++*this; }
-  bool operator==(std::default_sentinel_t) const { return slot_ >= map_->usedSlots(); }
+  bool operator==(std::default_sentinel_t) const { return at_ == items_.size(); }
 
  private:
+  /// Goes on to the next entry that is still there.
   void settle() {
-    while (*this != std::default_sentinel && !map_->read(slot_, words_)) ++slot_;
+    for (;;) {
+      for (; at_ < items_.size(); ++at_) {
+        if (changes_ == map_->changes_ || map_->refresh(items_[at_])) return;
+      }
+      if (!more_) return;
+      at_ = 0;
+      items_.clear();
+      changes_ = map_->changes_;
+      more_ = map_->readPage(pattern_, items_);
+    }
   }
 
   const TovanMap* map_;
-  uint32_t slot_ = 0;
-  Words words_;
+  std::vector<Words> items_;  // of the page
+  size_t at_ = 0;
+  uint64_t changes_ = 0;
+  uint32_t pattern_ = 0;  // of the next page
+  bool more_ = true;
 };
 
 template <class Key, class Value>
 TovanMap<Key, Value>::TovanMap(const TableConfig& config)
     : Table(config, kShape), seed_(header().identity.seed) {
-  if (isTakenOver()) repair();
+  if (!isReadOnly()) repair();
 }
 
 // Reading.
@@ -301,16 +329,23 @@ uint64_t TovanMap<Key, Value>::hashOf(const Words& words) const {
   return hash;
 }
 
-/// Depends on the slot too: an entry that stands in another's place is found out.
 template <class Key, class Value>
-uint32_t TovanMap<Key, Value>::checksumOf(uint32_t slot, uint64_t hash, const Words& words) const {
-  uint64_t sum = hash + slot;
+uint32_t TovanMap<Key, Value>::checksumOf(uint64_t hash, const Words& words) const {
+  uint64_t sum = hash;
   size_t i = kKeyWords;
   for (; i + 1 < words.size(); i += 2) {
     sum = Kiv::detail::fold(sum ^ words[i], seed_.multiply ^ words[i + 1]);
   }
   if (i < words.size()) sum = Kiv::detail::fold(sum ^ words[i], seed_.multiply);
-  return static_cast<uint32_t>(sum ^ (sum >> 32));
+  return static_cast<uint32_t>(sum >> 32) | 1;
+}
+
+template <class Key, class Value>
+uint32_t TovanMap<Key, Value>::sealOf(const Page& page) const {
+  const uint64_t what = uint64_t{page.pattern.load(std::memory_order_relaxed)} << 32 |
+                        page.depth.load(std::memory_order_relaxed);
+  const uint32_t serial = page.serial.load(std::memory_order_relaxed);
+  return static_cast<uint32_t>(Kiv::detail::fold(what ^ seed_.add, seed_.multiply ^ serial)) | 1;
 }
 
 template <class Key, class Value>
@@ -322,101 +357,179 @@ void TovanMap<Key, Value>::load(const Slot& from, Words& words) {
 
 /// Copies a slot's entry as it stood at one moment; false when it holds none.
 template <class Key, class Value>
-bool TovanMap<Key, Value>::read(uint32_t slot, Words& words) const {
-  const Slot& from = slotAt(slot);
+bool TovanMap<Key, Value>::read(const Slot& from, Words& words) const {
   for (Patience patience(memory());;) {
     const uint32_t sequence = from.sequence.load(std::memory_order_acquire);
     if ((sequence & kLive) == 0) return false;
     if ((sequence & kBusy) == 0) {
       load(from, words);
-      const uint32_t sum = from.checksum.load(std::memory_order_relaxed);
+      const uint32_t checksum = from.checksum.load(std::memory_order_relaxed);
       std::atomic_thread_fence(std::memory_order_acquire);
       if (from.sequence.load(std::memory_order_relaxed) == sequence) {
-        if (sum != checksumOf(slot, words)) throw corrupt("slot", slot, "has a wrong checksum");
-        return true;
+        if (checksum == checksumOf(hashOf(words), words)) return true;
+        throw corrupt("slot at byte", offsetOf(from), "has a wrong checksum");
       }
     }
-    if (!patience.again()) throw corrupt("slot", slot, "is left in the middle of an update");
+    if (!patience.again()) {
+      throw corrupt("slot at byte", offsetOf(from), "is left in the middle of an update");
+    }
   }
 }
 
-/// Calls `visitor` for the links with `tag` in a bucket, for all with tag 0, until it returns true.
-/// Returns what is wrong with the bucket, or null.
+/// The slot in which the page holds `key`, or null.
 template <class Key, class Value>
-template <class Visit>
-const char* TovanMap<Key, Value>::visit(uint32_t bucket, uint32_t tag, Visit visitor) const {
-  IndexLine* line = &bucketAt(bucket);
-  for (uint32_t lines = 1;; ++lines) {
-    for (uint64_t places = tag == 0 ? line->places() : line->placesOf(tag); places != 0;
-         places &= places - 1) {
-      const int place = std::countr_zero(places);
-      const uint32_t slot = line->at(place).slot();
-      if (!isBacked(slot)) return "has a damaged link";
-      if (visitor(Place{line, place, slot})) return nullptr;
-    }
-    const uint32_t next = line->next();
-    if (next == 0) return nullptr;
-    const uint32_t segment = (next - 1) / kSparesPerSegment;
-    if (lines == kMaxLines || segment >= kMaxSegments || !isBacked(segment * kSlotsPerSegment)) {
-      return "goes on to a wrong line";
-    }
-    line = &spareAt(next - 1);
+typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::search(Page& page, uint64_t hash,
+                                                                  const Words& key) {
+  for (uint32_t i = 0; i < kSlots; ++i) {
+    Slot& slot = page.slots[(home(hash) + i) % kSlots];
+    const uint32_t state = slot.sequence.load(std::memory_order_acquire) & kState;
+    if (hasKey(slot, key) && (state & kLive) != 0) return &slot;
+    if (state == 0) return nullptr;
   }
+  return nullptr;
 }
 
-/// A reader's look-up. Completes `words`, which holds a key, by its value; false when the key is
-/// not there.
+/// What is wrong when a page does not hold a key, or null: the page may not be the key's, and the
+/// key may have stood in a slot that is damaged.
 template <class Key, class Value>
-bool TovanMap<Key, Value>::lookUp(uint64_t hash, Words& words) const {
-  const Words key = words;
+const char* TovanMap<Key, Value>::missFault(PageRef ref, uint64_t hash) const {
+  Page& in = page(ref.number());
+  const uint32_t depth = in.depth.load(std::memory_order_relaxed);
+  if (!isSealed(in) || in.serial.load(std::memory_order_relaxed) != ref.serial() ||
+      depth > kMaxDepth || low(hash, depth) != in.pattern.load(std::memory_order_relaxed)) {
+    return "is not what the directory says";
+  }
+  for (uint32_t i = 0; i < kSlots; ++i) {
+    const Slot& slot = in.slots[(home(hash) + i) % kSlots];
+    const uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
+    Words words;
+    if ((sequence & kState) != 0) {
+      read(slot, words);
+    } else if (slot.checksum.load(std::memory_order_acquire) == 0 ||
+               slot.sequence.load(std::memory_order_relaxed) != sequence) {
+      return nullptr;
+    } else {
+      return "has an entry in a free slot";
+    }
+  }
+  return nullptr;
+}
+
+/// How readers look at the page of `hash`: calls `look` with its entry in the directory, and again
+/// for as long as the page is replaced meanwhile. `look` returns whether what it found holds in any
+/// case; else what it did not find, or found wrong, holds if nothing was replaced.
+template <class Key, class Value>
+template <class Look>
+void TovanMap<Key, Value>::inPage(uint64_t hash, Look look) const {
   for (Patience patience(memory());;) {
-    const uint32_t buckets = header().buckets.load(std::memory_order_acquire);
-    const uint32_t segment = (buckets - 1) / kBucketsPerSegment;
-    if (segment >= kMaxSegments || !isBacked(segment * kSlotsPerSegment)) {
-      throw corrupt("bucket", buckets - 1, "is outside the memory");
+    const uint64_t state = header().directory.load(std::memory_order_acquire);
+    const uint32_t bits = static_cast<uint8_t>(state);
+    if (bits > kMaxDepth) throw corrupt("directory of depth", bits, "is impossible");
+    const auto& entry = directory(hash, bits);
+    const PageRef ref(entry.load(std::memory_order_acquire));
+    const char* fault = nullptr;
+    if (!isBacked(ref.number())) {
+      fault = "is outside the memory";
+    } else if (look(ref, fault)) {
+      return;
     }
-    const uint32_t bucket = bucketOf(hash, buckets);
-    auto& changes = version(bucket);
-    const uint32_t before = changes.load(std::memory_order_acquire);
-    bool found = false;
-    bool empty = false;
-    const char* fault = visit(bucket, Link::tagOf(hash), [&](const Place& place) {
-      empty = !read(place.slot, words);
-      found = !empty && sameKey(words, key);
-      return empty || found;
-    });
-    if (found) return true;
-    // Neither absence nor a fault counts while the bucket is being changed.
     std::atomic_thread_fence(std::memory_order_acquire);
-    const bool stable = before % 2 == 0 && changes.load(std::memory_order_relaxed) == before;
-    if (stable && bucketOf(hash, header().buckets.load(std::memory_order_relaxed)) == bucket) {
-      if (empty) fault = "leads to an empty slot";
-      if (fault != nullptr) throw corrupt("bucket", bucket, fault);
-      return false;
+    const bool underRepair = (state >> 8) % 2 != 0;
+    if (!underRepair && entry.load(std::memory_order_relaxed) == ref.bits() &&
+        header().directory.load(std::memory_order_relaxed) == state) {
+      if (fault == nullptr) return;
+      throw corrupt("page", ref.number(), fault);
     }
-    if (!patience.again()) throw corrupt("bucket", bucket, "is left in the middle of a change");
+    if (!patience.again()) throw corrupt("page", ref.number(), "is left in the middle of a change");
   }
+}
+
+/// The writer's own way to the page of `hash`: nothing changes meanwhile.
+template <class Key, class Value>
+typename TovanMap<Key, Value>::PageRef TovanMap<Key, Value>::refOf(uint64_t hash) const {
+  const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));
+  if (ref.number() >= pages()) throw corrupt("page", ref.number(), "is outside the memory");
+  return ref;
+}
+
+/// The writer's look-up: the slot that holds `key`, or null.
+template <class Key, class Value>
+typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::find(uint64_t hash,
+                                                                const Words& key) const {
+  const PageRef ref = refOf(hash);
+  Slot* slot = search(page(ref.number()), hash, key);
+  if (slot == nullptr) {
+    const char* fault = missFault(ref, hash);
+    if (fault != nullptr) throw corrupt("page", ref.number(), fault);
+  }
+  return slot;
 }
 
 template <class Key, class Value>
 std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
   Words words = pack(key);
   const uint64_t hash = hashOf(words);
+  bool found = false;
   if (isReadOnly()) {
-    if (!lookUp(hash, words)) return std::nullopt;
+    inPage(hash, [&, asked = words](PageRef ref, const char*& fault) {
+      const Slot* slot = search(page(ref.number()), hash, asked);
+      if (slot == nullptr) {
+        fault = missFault(ref, hash);
+      } else {
+        // The entry may be gone by now, and another in its place.
+        found = read(*slot, words) && sameKey(words, asked);
+      }
+      return found;
+    });
   } else {
-    const uint32_t slot = find(hash, words).slot;
-    if (slot == kNone || !read(slot, words)) return std::nullopt;
+    const Slot* slot = find(hash, words);
+    found = slot != nullptr && read(*slot, words);
   }
+  if (!found) return std::nullopt;
   return valueOf(words);
 }
 
+/// Copies the entries of the page of `pattern`, and sets `pattern` to that of the next page.
+/// Returns false if this was the last.
+///
+/// The order is that of the patterns with their bits reversed. It is the same for any directory, so
+/// a walk misses nothing and repeats nothing if pages are split meanwhile.
 template <class Key, class Value>
-uint32_t TovanMap<Key, Value>::usedSlots() const {
-  if (!isReadOnly()) return used_;
-  const uint32_t used = header().used.load(std::memory_order_acquire);
-  if (used != 0 && !isBacked(used - 1)) throw corrupt("slot", used - 1, "is outside the memory");
-  return used;
+bool TovanMap<Key, Value>::readPage(uint32_t& pattern, std::vector<Words>& items) const {
+  uint32_t depth = 0;
+  inPage(pattern, [&](PageRef ref, const char*& fault) {
+    const Page& from = page(ref.number());
+    depth = from.depth.load(std::memory_order_relaxed);
+    items.clear();
+    if (!isSealed(from) || depth > kMaxDepth ||
+        low(pattern, depth) != from.pattern.load(std::memory_order_relaxed)) {
+      fault = "is not what the directory says";
+      return false;
+    }
+    // While a page is being split, its first half may stand in a page of its own already: it was
+    // that page's turn before.
+    const auto bits = static_cast<uint32_t>(std::bit_width(pattern));
+    for (const Slot& slot : from.slots) {
+      Words words;
+      if (read(slot, words) && (bits <= depth || low(hashOf(words), bits) == pattern)) {
+        items.push_back(words);
+      }
+    }
+    depth = std::max(depth, bits);
+    return false;
+  });
+  pattern = low(pattern, depth);
+  uint32_t bit = (uint32_t{1} << depth) >> 1;
+  for (; (pattern & bit) != 0; bit >>= 1) pattern ^= bit;
+  pattern |= bit;
+  return bit != 0;
+}
+
+/// Brings a copied entry up to date; false when it is gone.
+template <class Key, class Value>
+bool TovanMap<Key, Value>::refresh(Words& words) const {
+  const Slot* slot = find(hashOf(words), words);
+  return slot != nullptr && read(*slot, words);
 }
 
 template <class Key, class Value>
@@ -429,25 +542,6 @@ std::vector<Key> TovanMap<Key, Value>::keys() const {
 
 // Writing. Every step leaves what repair() can put right; an entry is in the table from the moment
 // its slot says so.
-
-/// The writer's own look-up: nothing changes meanwhile.
-template <class Key, class Value>
-typename TovanMap<Key, Value>::Place TovanMap<Key, Value>::find(uint64_t hash,
-                                                                const Words& key) const {
-  const uint32_t bucket = bucketOf(hash, buckets_);
-  Place found{nullptr, 0, kNone};
-  const char* fault = visit(bucket, Link::tagOf(hash), [&](const Place& place) {
-    if (hasKey(slotAt(place.slot), key)) {
-      found = place;
-      return true;
-    }
-    Words other;  // shows whether it is another key, or this one damaged
-    if (!read(place.slot, other)) throw corrupt("bucket", bucket, "leads to an empty slot");
-    return false;
-  });
-  if (fault != nullptr) throw corrupt("bucket", bucket, fault);
-  return found;
-}
 
 /// Runs `step`, and again after a repair if it finds damage: how a writer goes on after damage.
 template <class Key, class Value>
@@ -463,6 +557,39 @@ auto TovanMap<Key, Value>::repairing(Step step) {
 }
 
 template <class Key, class Value>
+bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
+  requireWritable("write");
+  const Words words = pack(key, value);
+  const uint64_t hash = hashOf(words);
+  Slot* slot = repairing([&] { return find(hash, words); });
+  if (slot == nullptr) {
+    insert(hash, words);
+    header().size.store(++size_, std::memory_order_relaxed);
+  } else {
+    replace(*slot, hash, words);
+  }
+  ++changes_;
+  return slot == nullptr;
+}
+
+template <class Key, class Value>
+std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
+  requireWritable("remove");
+  Words words = pack(key);
+  const uint64_t hash = hashOf(words);
+  Slot* slot = repairing([&] {
+    Slot* found = find(hash, words);
+    if (found != nullptr) read(*found, words);
+    return found;
+  });
+  if (slot == nullptr) return std::nullopt;
+  slot->setState(kGone);
+  header().size.store(--size_, std::memory_order_relaxed);
+  ++changes_;
+  return valueOf(words);
+}
+
+template <class Key, class Value>
 void TovanMap<Key, Value>::write(Slot& slot, const Words& words, uint32_t checksum) {
   for (size_t i = 0; i < words.size(); ++i) {
     slot.words[i].store(words[i], std::memory_order_relaxed);
@@ -472,20 +599,19 @@ void TovanMap<Key, Value>::write(Slot& slot, const Words& words, uint32_t checks
 
 /// Writes a slot so that readers see it before or after; `state` is kLive when it holds an entry.
 template <class Key, class Value>
-void TovanMap<Key, Value>::write(uint32_t slot, uint32_t state, const Words& words,
+void TovanMap<Key, Value>::write(Slot& slot, uint32_t state, const Words& words,
                                  uint32_t checksum) {
-  Slot& to = slotAt(slot);
-  const uint32_t sequence = to.sequence.load(std::memory_order_relaxed) & ~(kBusy | kLive);
-  to.sequence.store(sequence | state | kBusy, std::memory_order_relaxed);
+  const uint32_t sequence = slot.sequence.load(std::memory_order_relaxed) & ~kState;
+  slot.sequence.store(sequence | state | kBusy, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  write(to, words, checksum);
-  to.sequence.store((sequence + kChange) | kLive, std::memory_order_release);
+  write(slot, words, checksum);
+  slot.sequence.store((sequence + kChange) | kLive, std::memory_order_release);
 }
 
 template <class Key, class Value>
-void TovanMap<Key, Value>::replace(uint32_t slot, uint64_t hash, const Words& words) {
-  const uint32_t checksum = checksumOf(slot, hash, words);
-  top().journalSlot.store(slot, std::memory_order_relaxed);
+void TovanMap<Key, Value>::replace(Slot& slot, uint64_t hash, const Words& words) {
+  const uint32_t checksum = checksumOf(hash, words);
+  top().journalOffset.store(offsetOf(slot), std::memory_order_relaxed);
   write(top().journal, words, checksum);
   std::atomic_thread_fence(std::memory_order_release);
   write(slot, kLive, words, checksum);
@@ -493,232 +619,271 @@ void TovanMap<Key, Value>::replace(uint32_t slot, uint64_t hash, const Words& wo
 
 template <class Key, class Value>
 void TovanMap<Key, Value>::insert(uint64_t hash, const Words& words) {
+  const uint32_t checksum = checksumOf(hash, words);
+  uint32_t number = refOf(hash).number();
+  while (!place(page(number), kMaxUsed, hash, words, checksum)) {
+    makeRoom(number);
+    number = refOf(hash).number();
+  }
+}
+
+/// Writes a new entry into a page in which fewer than `maxUsed` slots are used; false when there is
+/// no room.
+template <class Key, class Value>
+bool TovanMap<Key, Value>::place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words,
+                                 uint32_t checksum) {
+  for (uint32_t i = 0; i < kSlots; ++i) {
+    Slot& slot = in.slots[(home(hash) + i) % kSlots];
+    const uint32_t state = slot.state();
+    if ((state & kLive) != 0) continue;
+    if (state == 0) {
+      const uint32_t used = in.used.load(std::memory_order_relaxed);
+      if (used >= maxUsed) return false;
+      in.used.store(used + 1, std::memory_order_relaxed);
+    }
+    write(slot, 0, words, checksum);
+    return true;
+  }
+  return false;
+}
+
+/// Copies a page so that there are free slots for its entries.
+template <class Key, class Value>
+void TovanMap<Key, Value>::makeRoom(uint32_t number) {
+  const auto& slots = page(number).slots;
+  const auto live = std::ranges::count_if(slots, [](const Slot& slot) { return slot.isLive(); });
+  rewrite(number, live > kSlots / 2);
+}
+
+/// Replaces a page by a fresh one or, with `split`, by one for each half of its entries.
+template <class Key, class Value>
+void TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
+  const Page& from = page(number);
+  const uint32_t fromDepth = from.depth.load(std::memory_order_relaxed);
+  const uint32_t depth = fromDepth + split;
   // What may fail for lack of memory comes first.
-  reserveSpare();
-  if (freeSlots_.empty() && used_ == slots()) addSegment();
-  uint32_t slot = used_;
-  if (freeSlots_.empty()) {
-    header().used.store(++used_, std::memory_order_release);
-  } else {
-    slot = freeSlots_.top();
-    freeSlots_.pop();
-  }
-  write(slot, 0, words, checksumOf(slot, hash, words));
-  link(slot, hash);
-  header().size.store(++size_, std::memory_order_relaxed);
-  if (bucketsFor(size_) > buckets_) splitBucket();
-}
-
-/// Puts a slot that holds an entry into its bucket.
-template <class Key, class Value>
-void TovanMap<Key, Value>::link(uint32_t slot, uint64_t hash) {
-  IndexLine* line = &bucketAt(bucketOf(hash, buckets_));
-  while (line->placesOf(0) == 0) {
-    if (line->next() == 0) {
-      const uint32_t spare = takeSpare();
-      spareAt(spare).assign({}, 0);
-      line->setNext(spare + 1);
+  reservePages(2);
+  if (depth > depth_) deepen();
+  for (uint32_t half = 0; half <= split; ++half) {
+    const uint32_t pattern = from.pattern.load(std::memory_order_relaxed) | half << fromDepth;
+    // A writer may have been killed when it had made the first half.
+    if (PageRef(directory(pattern, depth_).load(std::memory_order_relaxed)).number() != number) {
+      continue;
     }
-    line = &spareAt(line->next() - 1);
-  }
-  line->set(std::countr_zero(line->placesOf(0)), Link(slot, hash));
-}
-
-/// Sees to it that link() finds a spare line, should it need one.
-template <class Key, class Value>
-void TovanMap<Key, Value>::reserveSpare() {
-  if (freeSpares_.empty() && usedSpares_ == segments() * kSparesPerSegment) addSegment();
-}
-
-template <class Key, class Value>
-uint32_t TovanMap<Key, Value>::takeSpare() {
-  if (freeSpares_.empty()) return usedSpares_++;
-  const uint32_t spare = freeSpares_.top();
-  freeSpares_.pop();
-  return spare;
-}
-
-template <class Key, class Value>
-void TovanMap<Key, Value>::beginChange(std::atomic<uint32_t>& version) {
-  version.store(version.load(std::memory_order_relaxed) | 1, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_release);
-}
-
-template <class Key, class Value>
-void TovanMap<Key, Value>::endChange(std::atomic<uint32_t>& version) {
-  version.store(version.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-}
-
-/// Adds a bucket, made of those members of one other that belong there now.
-template <class Key, class Value>
-void TovanMap<Key, Value>::splitBucket() {
-  const uint32_t added = buckets_;
-  const uint32_t split = added ^ std::bit_floor(added);
-  std::array<Link, kMaxLines * IndexLine::kLinks> members;
-  size_t count = 0;
-  const char* fault = visit(split, 0, [&](const Place& place) {
-    members[count++] = place.line->at(place.place);
-    __builtin_prefetch(&slotAt(place.slot));
-    return false;
-  });
-  const auto bucket = [&](Link link) {
-    Words words;
-    load(slotAt(link.slot()), words);
-    return bucketOf(hashOf(words), added + 1);
-  };
-  const auto stay = [&](Link link) { return bucket(link) == split; };
-  const std::span<Link> all(members.data(), count);
-  const std::span<Link> moving(std::partition(all.begin(), all.end(), stay), all.end());
-  if (fault == nullptr && std::ranges::any_of(moving, [&](Link l) { return bucket(l) != added; })) {
-    fault = "has a member of another";
-  }
-  if (fault != nullptr) {
-    corruptionDetected(corrupt("bucket", split, fault).what());
-    repair();
-    return;
-  }
-  auto& changes = version(split);
-  beginChange(changes);
-  for (uint32_t next = bucketAt(split).next(); next != 0; next = spareAt(next - 1).next()) {
-    freeSpares_.push(next - 1);
-  }
-  fill(added, moving);
-  fill(split, all.first(count - moving.size()));
-  header().buckets.store(++buckets_, std::memory_order_release);
-  endChange(changes);
-}
-
-/// Makes `links` the members of a bucket; its spare lines have been given back.
-template <class Key, class Value>
-void TovanMap<Key, Value>::fill(uint32_t bucket, std::span<const Link> links) {
-  IndexLine* line = &bucketAt(bucket);
-  for (;;) {
-    const size_t count = std::min(links.size(), IndexLine::kLinks);
-    const uint32_t next = count < links.size() ? takeSpare() + 1 : 0;
-    line->assign(links.first(count), next);
-    if (next == 0) return;
-    links = links.subspan(count);
-    line = &spareAt(next - 1);
-  }
-}
-
-template <class Key, class Value>
-std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
-  requireWritable("remove");
-  Words words = pack(key);
-  const uint64_t hash = hashOf(words);
-  const Place place = repairing([&] {
-    const Place found = find(hash, pack(key));
-    if (found.slot != kNone && !read(found.slot, words)) {
-      throw corrupt("slot", found.slot, "is empty but in use");
+    const uint32_t to = makePage(pattern, depth);
+    for (const Slot& slot : from.slots) {
+      if (!slot.isLive()) continue;
+      Words words;
+      load(slot, words);
+      const uint64_t hash = hashOf(words);
+      const uint32_t checksum = slot.checksum.load(std::memory_order_relaxed);
+      if (low(hash, depth) != pattern || search(page(to), hash, words) != nullptr) continue;
+      place(page(to), kSlots, hash, words, checksum);
     }
-    return found;
-  });
-  if (place.slot == kNone) return std::nullopt;
-  auto& changes = version(bucketOf(hash, buckets_));
-  beginChange(changes);
-  place.line->set(place.place, Link());
-  endChange(changes);
-  free(place.slot);
-  header().size.store(--size_, std::memory_order_relaxed);
-  return valueOf(words);
-}
-
-/// Makes a slot that the index does not lead to available.
-template <class Key, class Value>
-void TovanMap<Key, Value>::free(uint32_t slot) {
-  auto& sequence = slotAt(slot).sequence;
-  sequence.store((sequence.load(std::memory_order_relaxed) & ~(kBusy | kLive)) + kChange,
-                 std::memory_order_release);
-  freeSlots_.push(slot);
-}
-
-template <class Key, class Value>
-bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
-  requireWritable("write");
-  const Words words = pack(key, value);
-  const uint64_t hash = hashOf(words);
-  const uint32_t slot = repairing([&] { return find(hash, words).slot; });
-  if (slot == kNone) {
-    insert(hash, words);
-  } else {
-    replace(slot, hash, words);
+    publish(to);
   }
-  return slot == kNone;
+  freePage(number);
+}
+
+/// Doubles the directory: each page is found through twice as many entries.
+template <class Key, class Value>
+void TovanMap<Key, Value>::deepen() {
+  provideDirectory(depth_ + 1);
+  const uint32_t size = uint32_t{1} << depth_;
+  for (uint32_t i = 0; i < size; ++i) {
+    directory(i + size, depth_ + 1)
+        .store(directory(i, depth_).load(std::memory_order_relaxed), std::memory_order_relaxed);
+  }
+  ++depth_;
+  auto& state = header().directory;
+  state.store(state.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+}
+
+template <class Key, class Value>
+void TovanMap<Key, Value>::provideDirectory(uint32_t depth) {
+  if (depth > kMaxDepth) throw NoSpaceException(titleOf(name()) + " has reached its largest size");
+  memory().provide(kTopBytes, sizeof(uint64_t) << depth);
+}
+
+/// Sees to it that `count` unused pages are there.
+template <class Key, class Value>
+void TovanMap<Key, Value>::reservePages(size_t count) {
+  while (freePages_.size() < count) {
+    uint32_t number = pages();
+    addPages();
+    for (; number < pages(); ++number) freePages_.push(number);
+  }
+}
+
+/// Takes an unused page; nothing leads to it yet.
+template <class Key, class Value>
+uint32_t TovanMap<Key, Value>::makePage(uint32_t pattern, uint32_t depth) {
+  const uint32_t number = freePages_.top();
+  freePages_.pop();
+  Page& made = page(number);
+  made.serial.store(++serial_, std::memory_order_relaxed);
+  made.pattern.store(pattern, std::memory_order_relaxed);
+  made.depth.store(depth, std::memory_order_relaxed);
+  made.used.store(0, std::memory_order_relaxed);
+  return number;
+}
+
+/// Puts a page that is complete into the directory.
+template <class Key, class Value>
+void TovanMap<Key, Value>::publish(uint32_t number) {
+  Page& made = page(number);
+  made.seal.store(sealOf(made), std::memory_order_release);
+  const PageRef ref(number, made.serial.load(std::memory_order_relaxed));
+  const uint32_t step = uint32_t{1} << made.depth.load(std::memory_order_relaxed);
+  uint32_t i = made.pattern.load(std::memory_order_relaxed);
+  for (; i < uint32_t{1} << depth_; i += step) {
+    directory(i, depth_).store(ref.bits(), std::memory_order_release);
+  }
+}
+
+/// Makes a page unused, its slots free.
+template <class Key, class Value>
+void TovanMap<Key, Value>::freePage(uint32_t number) {
+  page(number).seal.store(0, std::memory_order_release);
+  freeSlots(page(number));
+  freePages_.push(number);
+}
+
+template <class Key, class Value>
+void TovanMap<Key, Value>::freeSlots(Page& of) {
+  for (Slot& slot : of.slots) {
+    if (slot.state() == 0 && slot.checksum.load(std::memory_order_relaxed) == 0) continue;
+    // Not free before the checksum is zero, lest a reader takes it for a lost entry.
+    slot.setState(kGone);
+    slot.checksum.store(0, std::memory_order_release);
+    slot.setState(0);
+  }
+  of.used.store(0, std::memory_order_relaxed);
 }
 
 template <class Key, class Value>
 void TovanMap<Key, Value>::removeAll() {
-  for (uint32_t slot = 0; slot < used_; ++slot) {
-    auto& sequence = slotAt(slot).sequence;
-    sequence.store(sequence.load(std::memory_order_relaxed) & ~(kBusy | kLive),
-                   std::memory_order_release);
-  }
-  repair();
+  for (uint32_t number = 0; number < pages(); ++number) freeSlots(page(number));
+  size_ = 0;
+  header().size.store(0, std::memory_order_relaxed);
+  ++changes_;
 }
 
 // Repair.
 
+/// Ends what a killed writer began in a slot, and gives up an entry that is damaged.
 template <class Key, class Value>
-void TovanMap<Key, Value>::drop(uint32_t slot, const char* what) {
-  corruptionDetected(corrupt("slot", slot, what).what());
-  free(slot);
-}
-
-/// Ends what a killed writer began in the slot. Returns whether a sound entry stands in it.
-template <class Key, class Value>
-bool TovanMap<Key, Value>::settle(uint32_t slot) {
-  Slot& at = slotAt(slot);
-  const uint32_t sequence = at.sequence.load(std::memory_order_relaxed);
-  const bool replaced = (sequence & kBusy) != 0;
-  if ((sequence & kLive) == 0) {
-    free(slot);
-    return false;
+void TovanMap<Key, Value>::settle(Slot& slot) {
+  const uint32_t state = slot.state();
+  const uint32_t checksum = slot.checksum.load(std::memory_order_relaxed);
+  if (state == kGone || (state == 0 && checksum == 0)) return;
+  if (state == kBusy) {  // an insertion that was not completed
+    slot.setState(kGone);
+    return;
   }
-  const bool inJournal = replaced && top().journalSlot.load(std::memory_order_relaxed) == slot;
-  const Slot& from = inJournal ? top().journal : at;
+  const bool inJournal = state == (kBusy | kLive) &&
+                         top().journalOffset.load(std::memory_order_relaxed) == offsetOf(slot);
+  const Slot& from = inJournal ? top().journal : slot;
   Words words;
   load(from, words);
-  if (from.checksum.load(std::memory_order_relaxed) != checksumOf(slot, words)) {
-    drop(slot, replaced ? "was left in the middle of an update" : "has a wrong checksum");
-    return false;
+  const uint64_t hash = hashOf(words);
+  if (from.checksum.load(std::memory_order_relaxed) == checksumOf(hash, words) && state != 0) {
+    if (state != kLive) replace(slot, hash, words);
+    return;
   }
-  if (replaced) replace(slot, hashOf(words), words);
-  return true;
+  slot.setState(kGone);
+  corruptionDetected(corrupt("slot at byte", offsetOf(slot), "is damaged").what());
 }
 
-/// Settles every slot, then derives the index and all counts from what stands in the slots.
+/// Whether all entries of a page are found where the search for them leads.
+template <class Key, class Value>
+bool TovanMap<Key, Value>::isInOrder(Page& what) const {
+  return std::ranges::all_of(what.slots, [&](const Slot& slot) {
+    if (!slot.isLive()) return true;
+    Words words;
+    load(slot, words);
+    return search(what, hashOf(words), words) == &slot;
+  });
+}
+
+/// Settles every slot, then derives the directory and all counts from what stands in the pages.
 template <class Key, class Value>
 size_t TovanMap<Key, Value>::repair() {
   const size_t before = corruptions();
-  for (auto& changes : header().versions) beginChange(changes);
-  freeSlots_ = {};
-  freeSpares_ = {};
-  usedSpares_ = 0;
-  for (uint32_t bucket = 0; bucket < segments() * kBucketsPerSegment; ++bucket) fill(bucket, {});
-  for (used_ = slots(); used_ > 0; --used_) {
-    if (slotAt(used_ - 1).sequence.load(std::memory_order_relaxed) != 0) break;
-  }
-  size_ = 0;
-  for (uint32_t slot = used_; slot-- > 0;) size_ += settle(slot);
-  buckets_ = bucketsFor(size_);
-  for (uint32_t slot = 0; slot < used_; ++slot) {
-    if ((slotAt(slot).sequence.load(std::memory_order_relaxed) & kLive) == 0) continue;
-    Words words;
-    load(slotAt(slot), words);
-    const uint64_t hash = hashOf(words);
-    if (find(hash, words).slot == kNone) {
-      reserveSpare();
-      link(slot, hash);
+  auto& state = header().directory;
+  const uint64_t repairs = state.load(std::memory_order_relaxed) >> 8 | 1;
+  state.store(repairs << 8 | static_cast<uint8_t>(state.load(std::memory_order_relaxed)),
+              std::memory_order_seq_cst);
+  ++changes_;
+  freePages_ = {};
+  depth_ = 0;
+  std::vector<uint32_t> kept;
+  std::vector<uint32_t> damaged;
+  for (uint32_t number = 0; number < pages(); ++number) {
+    Page& found = page(number);
+    if (found.seal.load(std::memory_order_relaxed) == 0) {
+      freePage(number);
+      continue;
+    }
+    for (Slot& slot : found.slots) settle(slot);
+    const uint32_t depth = found.depth.load(std::memory_order_relaxed);
+    if (isSealed(found) && depth <= kMaxDepth) {
+      kept.push_back(number);
+      depth_ = std::max(depth_, depth);
     } else {
-      --size_;
-      drop(slot, "has the key of another");
+      damaged.push_back(number);
+      corruptionDetected(corrupt("page", number, "has a damaged head").what());
     }
   }
-  header().used.store(used_, std::memory_order_release);
+  const auto serialOf = [&](uint32_t number) { return page(number).serial.load(); };
+  std::ranges::sort(kept, {}, serialOf);
+  serial_ = kept.empty() ? 0 : serialOf(kept.back());
+
+  provideDirectory(depth_);
+  const uint32_t size = uint32_t{1} << depth_;
+  for (uint32_t i = 0; i < size; ++i) directory(i, depth_).store(0, std::memory_order_relaxed);
+  for (const uint32_t number : kept) publish(number);
+  for (uint32_t i = 0; i < size; ++i) {
+    if (directory(i, depth_).load(std::memory_order_relaxed) != 0) continue;
+    reservePages(1);
+    publish(makePage(i, depth_));
+  }
+  for (const uint32_t number : kept) {
+    // How many entries of the directory lead to the page, of how many that should.
+    const uint32_t step = uint32_t{1} << page(number).depth.load(std::memory_order_relaxed);
+    uint32_t leading = 0;
+    for (uint32_t i = page(number).pattern.load(std::memory_order_relaxed); i < size; i += step) {
+      leading += PageRef(directory(i, depth_).load(std::memory_order_relaxed)).number() == number;
+    }
+    if (leading == 0) {
+      freePage(number);
+    } else if (leading < size / step) {
+      rewrite(number, true);
+    } else if (!isInOrder(page(number))) {
+      rewrite(number, false);
+    }
+  }
+  for (const uint32_t number : damaged) {
+    for (const Slot& slot : page(number).slots) {
+      if (!slot.isLive()) continue;
+      Words words;
+      load(slot, words);
+      const uint64_t hash = hashOf(words);
+      if (search(page(refOf(hash).number()), hash, words) == nullptr) insert(hash, words);
+    }
+    freePage(number);
+  }
+  size_ = 0;
+  for (uint32_t number = 0; number < pages(); ++number) {
+    uint32_t used = 0;
+    for (const Slot& slot : page(number).slots) {
+      size_ += slot.isLive();
+      used += slot.state() != 0;
+    }
+    page(number).used.store(used, std::memory_order_relaxed);
+  }
   header().size.store(size_, std::memory_order_relaxed);
-  header().buckets.store(buckets_, std::memory_order_release);
-  for (auto& changes : header().versions) endChange(changes);
+  state.store((repairs + 1) << 8 | depth_, std::memory_order_release);
   return corruptions() - before;
 }
 

@@ -77,7 +77,7 @@ TEST(TovanMapTest, WalkSurvivesWritesOfItsBody) {
   std::multiset<uint64_t> seen;
   for (const auto& [key, value] : table) {
     seen.insert(key);
-    if (key % 2 == 0) table.erase(key);
+    if (key < 5000 && key % 2 == 0) table.erase(key);
     if (key < 5000) table.set(key + 10000, value);  // grows the table under the walk
   }
   for (uint64_t i = 0; i < 5000; ++i) EXPECT_EQ(seen.count(i), 1u) << i;
