@@ -90,8 +90,9 @@ struct Ipv4 {
 
   // The receive routes of interfaces.
   static Ip::IpIntfStatus::PtrConst intfStatus(const RouteSm& sm, Zemit::IntfId intfId) {
-    if (!sm.ipStatus()) return nullptr;
-    return sm.ipStatus()->notifierRaw()->ipIntfStatus(intfId);
+    const auto* status = HostCore::watchedBy(sm.ipStatus());
+    if (status == nullptr) return nullptr;
+    return status->ipIntfStatus(intfId);
   }
   static void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
                                   const Kiv::Name& intfName, const Kiv::Ptr<RouteSmRoot>& root,
@@ -115,9 +116,8 @@ struct Ipv4 {
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper) {
     Host::removeHostRoute(ip, hostTable, addrSet, adjHelper);
   }
-  /// The merge's first choice: writes the route of an address that is received here. Returns
-  /// whether it is.
-  static bool mergeReceiveRoute(RouteSm& sm, const Addr& ip);
+  /// What a receive route resolves to in the route table; a broadcast one has no interface.
+  static ViaSet receiveVias(const HostTable& table, const Route& receiveRoute);
 
   // Traces that one half has, or has in another form.
   static void traceCoveringRoute(const RouteSm&, const Prefix&, const Prefix&) {}

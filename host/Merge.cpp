@@ -10,20 +10,11 @@ namespace {
 using Steps = HostCore::Merge<Ipv4>;
 }
 
-bool Ipv4::mergeReceiveRoute(RouteSm& sm, const Addr& ip) {
-  const auto& table = Kiv::validPtr(sm.rootRaw()->receiveTable());
-  const Route receiveRoute = table->route(Prefix::host(ip));
-  if (receiveRoute.key != Prefix::host(ip)) return false;
+Ipv4::ViaSet Ipv4::receiveVias(const HostTable& table, const Route& receiveRoute) {
+  if (receiveRoute.routeType == Fib::receive_) return table.adjIndexToViaSet(receiveRoute.fecId);
   ViaSet vias;
-  if (receiveRoute.routeType == Fib::receive_) {
-    vias = table->adjIndexToViaSet(receiveRoute.fecId);
-  } else {
-    vias.newVia(Via(), 1);
-  }
-  const auto fec = Kiv::validPtr(sm.adjHelperRaw()).doGetOrCreateFibAdjacency(vias);
-  KIV_TRACE_AS(trace(), 8, sm, "doMerge", "Adding receive route " << ip);
-  addRouteToRouteTable(nullptr, sm.routeStatus(), ip, fec, receiveRoute.routeType, sm);
-  return true;
+  vias.newVia(Via(), 1);
+  return vias;
 }
 
 Obu::AddrSet::Ptr RouteSm::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,

@@ -40,12 +40,13 @@ void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
   KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
             "addActiveReceiveRoutes"
                 << "  addrMask: " << addrWithMask << " intfName: " << name);
+  bool isOwn = true;  // the first one, also where the network's address is the same
   for (const Zemit::IpAddr ip : YieldedAddresses(addrWithMask)) {
-    const bool isOwn = ip == addrWithMask.addr();
     const auto adjacency = isOwn ? HostCore::receiveAdjacency<Ipv4>(status->intfId(), *root)
                                  : Tovan::Fib::invalidFecId;
     HostCore::writeReceiveRoute<Ipv4>(ip, adjacency, isOwn ? Fib::receive_ : Fib::receiveBcast_,
                                       name, *root, changed);
+    isOwn = false;
   }
 }
 
@@ -111,7 +112,7 @@ void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus:
                 << " for interface: " << name);
   const auto changed = Obu::AddrSet::AddrSetIs(Zemit::Prefix::null());
   removeReceiveRoutes(status, name, root, changed);
-  const auto& primary = status->activeAddrWithMask();
+  const Zemit::IpAddrWithMask primary = status->activeAddrWithMask();
   if (primary != root->intfNameToAddrWithMask(name)) {
     addActiveReceiveRoutes(status, primary, root, changed);
     root->intfNameToAddrWithMaskIs(name, primary);

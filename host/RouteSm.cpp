@@ -93,15 +93,15 @@ void RouteSm::newFwdStatus(const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus) {
 }
 
 const Tovan::Fib::ForwardingStatus* RouteSm::forwardingStatus() const noexcept {
-  return fwdStatus() ? fwdStatus()->notifierRaw() : nullptr;
+  return HostCore::watchedBy(fwdStatus());
 }
 
 void RouteSm::newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
-  HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus, ribReadyStatus);
+  HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus);
 }
 
 RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
-  return ribReadyStatus() ? ribReadyStatus()->status().get() : nullptr;
+  return ribReadyStatus() ? ribReadyStatus()->status() : nullptr;
 }
 
 void RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
@@ -125,12 +125,12 @@ void RouteSm::newVirtualIpStatus(const Fhrp::VirtualIpStatus::PtrConst& virtualI
 }
 
 const Fhrp::VirtualIpStatus* RouteSm::virtualIps() const noexcept {
-  return virtualIpStatus() ? virtualIpStatus()->notifierRaw() : nullptr;
+  return HostCore::watchedBy(virtualIpStatus());
 }
 
 const Arp::ArpIntfStatus* RouteSm::neighborTable(Zemit::IntfId intf) const {
-  if (!neighborDirByIntfName()) return nullptr;
-  return neighborDirByIntfName()->notifierRaw()->arpIntfStatus(intf.name()).get();
+  const auto* dir = HostCore::watchedBy(neighborDirByIntfName());
+  return dir == nullptr ? nullptr : dir->arpIntfStatus(intf.name()).get();
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
@@ -237,7 +237,7 @@ void RouteSm::KivIpStatus::onIpIntfStatus(const Zemit::IntfId& intfId) {
 void RouteSm::KivIpStatus::onIpIntfStatuskivImmediate() {
   if (!mayAct()) return;
   HostCore::followInterfaces(*routeSm(), notifierRaw()->ipIntfStatusKeys(),
-                             [this](auto intfId) { return notifierRaw()->ipIntfStatus(intfId); });
+                             [this](Zemit::IntfId intfId) { onIpIntfStatus(intfId); });
 }
 
 void RouteSm::KivIpIntfStatusFilter::handleVrf() {

@@ -36,7 +36,7 @@ class RouteSm;
 
 /// What one VRF's IPv4 host routes are derived from; outlives the state machine that fills it.
 ///
-/// Three collections are read together. arpRoute and prefixToRoute have an entry for every tracked
+/// Four collections are read together. arpRoute and prefixToRoute have an entry for every tracked
 /// FIB prefix; arpRoute names the neighbours whose host routes hang off it. prefixToAdjacency says
 /// which FEC a prefix resolves through, adjacencyToPrefix which prefixes to process again when a
 /// FEC changes; a list that becomes empty is removed. An address is in receiveAddrToIntfName
@@ -74,6 +74,15 @@ class RouteSmRoot final : public Kiv::NamedEntity {
 
    protected:
     using Kiv::NotifieeOf<RouteSmRoot>::NotifieeOf;
+    void kivImmediate() override {
+      onArpRoutekivImmediate();
+      onPrefixToRoutekivImmediate();
+      onPrefixToAdjacencykivImmediate();
+      onAdjacencyToPrefixkivImmediate();
+      onIntfNameToAddrWithMaskkivImmediate();
+      onIntfNameToSecondaryAddrWithMaskkivImmediate();
+      onReceiveAddrToIntfNamekivImmediate();
+    }
   };
 
   /// Makes the root with its tables, initialized.

@@ -120,8 +120,9 @@ struct Ipv6 {
 
   // The receive routes of interfaces.
   static Ip6::IntfStatus::PtrConst intfStatus(const RouteSm& sm, Zemit::IntfId intfId) {
-    if (!sm.ipStatus()) return nullptr;
-    return sm.ipStatus()->notifierRaw()->intf(intfId);
+    const auto* status = HostCore::watchedBy(sm.ipStatus());
+    if (status == nullptr) return nullptr;
+    return status->intf(intfId);
   }
   static void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status,
                                   const Kiv::Name& intfName, const Kiv::Ptr<RouteSmRoot>& root,

@@ -96,15 +96,15 @@ void RouteSm::newFwdStatus(const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus) 
 }
 
 const Tovan::Fib6::ForwardingStatus* RouteSm::forwardingStatus() const noexcept {
-  return fwdStatus() ? fwdStatus()->notifierRaw() : nullptr;
+  return HostCore::watchedBy(fwdStatus());
 }
 
 void RouteSm::newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
-  HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus, ribReadyStatus);
+  HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus);
 }
 
 RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
-  return ribReadyStatus() ? ribReadyStatus()->status().get() : nullptr;
+  return ribReadyStatus() ? ribReadyStatus()->status() : nullptr;
 }
 
 void RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
@@ -129,12 +129,12 @@ void RouteSm::newVirtualIp6Status(
 }
 
 const Routing::Fhrp::VirtualIp6Status* RouteSm::virtualIps() const noexcept {
-  return virtualIp6Status() ? virtualIp6Status()->notifierRaw() : nullptr;
+  return HostCore::watchedBy(virtualIp6Status());
 }
 
 const Arp::ArpIntfStatus* RouteSm::neighborTable(Zemit::IntfId intf) const {
-  if (!neighborDirByIntfName()) return nullptr;
-  return neighborDirByIntfName()->notifierRaw()->arpIntfStatus(intf.name()).get();
+  const auto* dir = HostCore::watchedBy(neighborDirByIntfName());
+  return dir == nullptr ? nullptr : dir->arpIntfStatus(intf.name()).get();
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
@@ -234,7 +234,7 @@ void RouteSm::KivIpStatus::onIntf(const Zemit::IntfId& intfId) {
 void RouteSm::KivIpStatus::onIntfkivImmediate() {
   if (!mayAct()) return;
   HostCore::followInterfaces(*routeSm(), notifierRaw()->intfKeys(),
-                             [this](auto intfId) { return notifierRaw()->intf(intfId); });
+                             [this](Zemit::IntfId intfId) { onIntf(intfId); });
 }
 
 void RouteSm::KivIpIntfStatusFilter::handleVrf() {

@@ -54,6 +54,14 @@ class RouteSm final : public Kiv::Entity {
     virtual void onVirtualIp6Status() {}
     virtual void onVrfName() {}
     virtual void onInitialized() {}
+
+   protected:
+    void kivImmediate() override {
+      onVrfIpIntfStatuskivImmediate();
+      onIpIntfStatusFilterkivImmediate();
+      onIpIntfStatuskivImmediate();
+      onArpIntfStatuskivImmediate();
+    }
   };
 
   template <class Notifier>

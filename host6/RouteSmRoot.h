@@ -36,7 +36,7 @@ class RouteSm;
 
 /// What one VRF's IPv6 host routes are derived from; outlives the state machine that fills it.
 ///
-/// Three collections are read together. neighRoute and prefixToRoute have an entry for every
+/// Four collections are read together. neighRoute and prefixToRoute have an entry for every
 /// tracked FIB prefix; neighRoute names the neighbours whose host routes hang off it.
 /// prefixToAdjacency says which FEC a prefix resolves through, adjacencyToPrefix which prefixes to
 /// process again when a FEC changes; a list that becomes empty is removed. An address is in
@@ -75,6 +75,14 @@ class RouteSmRoot final : public Kiv::NamedEntity {
 
    protected:
     using Kiv::NotifieeOf<RouteSmRoot>::NotifieeOf;
+    void kivImmediate() override {
+      onNeighRoutekivImmediate();
+      onPrefixToRoutekivImmediate();
+      onPrefixToAdjacencykivImmediate();
+      onAdjacencyToPrefixkivImmediate();
+      onIntfNameToAddrWithMaskkivImmediate();
+      onReceiveAddrToIntfNamekivImmediate();
+    }
   };
 
   /// Makes the root with its tables, initialized.

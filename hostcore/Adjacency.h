@@ -1,11 +1,7 @@
 // Following the FECs through which FIB routes resolve.
 #pragma once
 
-#include <algorithm>
-#include <tuple>
-#include <vector>
-
-#include "hostcore/Family.h"
+#include "hostcore/Lookup.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
@@ -125,11 +121,7 @@ void Adjacency<F>::handleFec(Tovan::Fib::FecId fecId) {
   if (!root_.adjacencyToPrefix(fecId)) return;
   // Handling a route files its prefix again, perhaps in a new list, so the walk is over the
   // prefixes that were there at the start and still are.
-  auto prefixes = root_.adjacencyToPrefix(fecId)->prefixKeys();
-  std::sort(prefixes.begin(), prefixes.end(), [](const Prefix& a, const Prefix& b) {
-    return std::make_tuple(a.len(), a.addr()) < std::make_tuple(b.len(), b.addr());
-  });
-  for (const Prefix& prefix : prefixes) {
+  for (const Prefix& prefix : shortestFirst(root_.adjacencyToPrefix(fecId)->prefixKeys())) {
     const auto list = root_.adjacencyToPrefix(fecId);
     if (!list || !list->prefix(prefix)) continue;
     Route fibRoute = Obu::readRoute(sm_.routeStatusRaw(), prefix);

@@ -2,24 +2,11 @@
 #pragma once
 
 #include <algorithm>
-#include <tuple>
-#include <vector>
 
-#include "hostcore/Family.h"
+#include "hostcore/Lookup.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
-
-/// The prefixes of a FIB table, the shortest first, so that a neighbour that several cover ends up
-/// under the longest whatever order the table iterates in.
-template <class Table>
-auto prefixesByLength(const Table& table) {
-  auto prefixes = table.routeKeys();
-  std::sort(prefixes.begin(), prefixes.end(), [](const auto& a, const auto& b) {
-    return std::make_tuple(a.len(), a.addr()) < std::make_tuple(b.len(), b.addr());
-  });
-  return prefixes;
-}
 
 /// True when the two sets share an interface.
 inline bool intersects(const Obu::IntfDir& a, const Obu::IntfDir& b) {
@@ -73,7 +60,12 @@ void FibTracking<F>::handleStatusRoute() {
   }
   const auto* table = sm_.routeStatusRaw();
   if (table == nullptr) return;
-  for (const Prefix& prefix : prefixesByLength(*table)) sm_.handleStatusRoute(prefix);
+  for (const Prefix& prefix : shortestFirst(table->routeKeys())) {
+    // A shorter prefix's merge may have removed the host routes behind it.
+    const bool mayBeGone = prefix.len() == F::Addr::kBits;
+    if (mayBeGone && Obu::readRoute(table, prefix).key != prefix) continue;
+    sm_.handleStatusRoute(prefix);
+  }
 }
 
 template <Family F>
@@ -91,7 +83,9 @@ void FibTracking<F>::handleHostStatusRoute() {
   }
   const auto* hostStatus = sm_.hostStatusRaw();
   if (hostStatus == nullptr) return;
-  for (const Prefix& prefix : prefixesByLength(*hostStatus)) sm_.handleHostStatusRoute(prefix);
+  for (const Prefix& prefix : shortestFirst(hostStatus->routeKeys())) {
+    sm_.handleHostStatusRoute(prefix);
+  }
 }
 
 template <Family F>

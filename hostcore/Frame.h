@@ -1,7 +1,10 @@
 // The frame of a state machine: its reactors, and how they come, go and reach it.
 #pragma once
 
+#include <algorithm>
 #include <exception>
+#include <string>
+#include <vector>
 
 #include "platform/kiv/Activity.h"
 #include "platform/kiv/Notifiee.h"
@@ -71,21 +74,28 @@ class FwdStatusReactor : public MachineReactor<ForwardingStatus, Machine> {
 template <class Machine>
 class RibReadyReactor : public MachineReactor<RovelReady::VrfStatus, Machine> {
  public:
-  RibReadyReactor(const Kiv::ActivityConfig::Ptr& activity, RovelReady::VrfStatus::Ptr status)
-      : MachineReactor<RovelReady::VrfStatus, Machine>(activity), status_(std::move(status)) {}
+  using Base = MachineReactor<RovelReady::VrfStatus, Machine>;
+  using Base::Base;
 
+  void notifierIs(const RovelReady::VrfStatus::Ptr& status) {
+    status_ = status;
+    Base::notifierIs(status);
+  }
   void onRibReady() override {
+    if (!this->mayAct()) return;
     const bool value = status_->ribReady();
     if (this->template mayActOn<RovelReady::VrfStatus::RibReadyAttribute>(&value)) {
       this->routeSm()->handleRibReady();
     }
   }
   void onStartRibReadyVerification() override {
+    if (!this->mayAct()) return;
     using Attribute = RovelReady::VrfStatus::StartRibReadyVerificationAttribute;
     const bool value = status_->startRibReadyVerification();
     if (this->template mayActOn<Attribute>(&value)) this->routeSm()->setHostRouteRibReady();
   }
-  const RovelReady::VrfStatus::Ptr& status() const noexcept { return status_; }
+  /// The record itself, or null.
+  RovelReady::VrfStatus* status() const noexcept { return status_.get(); }
 
  private:
   RovelReady::VrfStatus::Ptr status_;
@@ -146,8 +156,12 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
 
   // What is done to the filter is done to the reactor that it owns.
   void notifierIs(const typename IntfStatus::PtrConst& status) {
+    if (status.get() == this->notifierRaw()) return;
     Base::notifierIs(status);
-    l3Status_->notifierIs(status->l3Status());
+    // Left first: a new status of the interface is admitted anew, whether or not it comes with
+    // another layer-3 status.
+    l3Status_->notifierIs(nullptr);
+    if (status) l3Status_->notifierIs(status->l3Status());
   }
   void routeSmIs(Machine* routeSm) noexcept {
     Base::routeSmIs(routeSm);
@@ -155,7 +169,7 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
   }
   void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) override {
     Base::kivFwkActivityIs(activity);
-    if (l3Status_) l3Status_->kivFwkActivityIs(activity);
+    l3Status_->kivFwkActivityIs(activity);
   }
   void hasNotificationActiveIs(bool active) override {
     Base::hasNotificationActiveIs(active);
@@ -183,15 +197,20 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
 
 /// Makes a reactor of `sm` on `input` in `slot`, unless the input is null. It reaches the machine
 /// before it catches up with the input, but not while the machine still stores its inputs.
-template <class Slot, class Machine, class Input, class... Args>
-void bindNew(Slot& slot, Machine& sm, bool inputsStored, const Input& input, Args&&... args) {
+template <class Slot, class Machine, class Input>
+void bindNew(Slot& slot, Machine& sm, bool inputsStored, const Input& input) {
   if (!input) return;
-  const auto reactor =
-      Kiv::make<typename Slot::Element>(sm.kivFwkActivity(), std::forward<Args>(args)...);
+  const auto reactor = Kiv::make<typename Slot::Element>(sm.kivFwkActivity());
   reactor->hasNotificationActiveIs(sm.hasNotificationActive());
   slot.set(sm, reactor);
   if (inputsStored) reactor->routeSmIs(&sm);
   reactor->notifierIs(input);
+}
+
+/// What a reactor watches; null when there is no reactor or it watches nothing.
+template <class Reactor>
+auto* watchedBy(const Kiv::Ptr<Reactor>& reactor) {
+  return reactor ? reactor->notifierRaw() : nullptr;
 }
 
 /// Points the reactor of `key` at `input`, made first if it is not there. Returns what the reactor
@@ -211,14 +230,16 @@ Input bindMember(Collection& collection, Machine& sm, const Key& key, const Inpu
   return former;
 }
 
-/// Brings the filters of `sm` in step with the interfaces of `status`, a collection under the
-/// family's own name.
-template <class Machine, class Keys, class Find>
-void followInterfaces(Machine& sm, const Keys& present, Find find) {
-  for (const Zemit::IntfId intfId : present) sm.ipIntfStatusFilterIs(find(intfId));
-  for (const Zemit::IntfId intfId : sm.ipIntfStatusFilterKeys()) {
-    if (!find(intfId)) sm.ipIntfStatusFilterDel(intfId);
-  }
+/// Brings the filters of `sm` in step with the interfaces there are, `present`; `handle` does so
+/// for one, present or not.
+///
+/// In the order of their names: the last interface to write an address that several have owns it.
+template <class Machine, class Handle>
+void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Handle handle) {
+  std::sort(present.begin(), present.end(),
+            [](Zemit::IntfId a, Zemit::IntfId b) { return a.name() < b.name(); });
+  for (const Zemit::IntfId intfId : present) handle(intfId);
+  for (const Zemit::IntfId intfId : sm.ipIntfStatusFilterKeys()) handle(intfId);
 }
 
 /// Traces the exception with which a reactor's callback has just ended.
@@ -227,7 +248,7 @@ void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv:
                      Kiv::AttributeId id) noexcept {
   std::string what = "unknown";
   try {
-    throw;
+    if (const auto raised = std::current_exception()) std::rethrow_exception(raised);
   } catch (const std::exception& exception) {
     what = exception.what();
   } catch (...) {

@@ -1,7 +1,9 @@
 // Looking a neighbour's address up in the FIB.
 #pragma once
 
-#include <string_view>
+#include <algorithm>
+#include <tuple>
+#include <vector>
 
 #include "hostcore/Family.h"
 #include "platform/obu/FibLookup.h"
@@ -11,6 +13,16 @@ namespace HostCore {
 /// True when the table's neighbours yield no host routes: those of a management port.
 inline bool skipInterface(const Arp::ArpIntfStatus& table) {
   return table.name().pos("Management") == 0;
+}
+
+/// `prefixes` in the order in which routes are handled: a neighbour that several cover ends up
+/// under the longest, whatever order a collection iterates in.
+template <class Prefix>
+std::vector<Prefix> shortestFirst(std::vector<Prefix> prefixes) {
+  std::sort(prefixes.begin(), prefixes.end(), [](const Prefix& a, const Prefix& b) {
+    return std::make_tuple(a.len(), a.addr()) < std::make_tuple(b.len(), b.addr());
+  });
+  return prefixes;
 }
 
 /// The look-ups that say whether a neighbour may have a host route.

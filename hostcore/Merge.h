@@ -29,6 +29,12 @@ class Merge {
   void unfile(const Route& fibRoute);
   /// Writes the host route that `ip` should have into the route table, or removes it there.
   void mergeOne(const Addr& ip);
+  /// The FIB adjacency of `vias`, with a reference for the route to be written.
+  Tovan::Fib::FecId takeFibAdjacency(const typename F::ViaSet& vias) {
+    return Kiv::validPtr(sm_.adjHelperRaw()).doGetOrCreateFibAdjacency(vias);
+  }
+  /// Writes a route over a FIB adjacency that was taken for it, which is let go of if that fails.
+  void writeMerged(const Addr& ip, Tovan::Fib::FecId fec, typename F::RouteType routeType);
 
   typename F::RouteSm& sm_;
   typename F::RouteSmRoot& root_;
@@ -42,6 +48,9 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return result;
   }
+  // Entries outside the route are looked up only where that would leave a trace of interest.
+  const auto& trace = F::trace();
+  const bool lookUpAll = trace.builds(1) || trace.builds(7) || trace.builds(8);
   for (const Zemit::IntfId intf : *intfs) {
     const Kiv::Ptr<const Arp::ArpIntfStatus> table(sm_.neighborTable(intf));
     if (!table || skipInterface(*table)) {
@@ -51,6 +60,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
     }
     for (auto it = F::neighbors(*table); it; ++it) {
       const Addr& addr = it.key();
+      if (!lookUpAll && !fibRoute.key.contains(addr)) continue;
       if (isNull(sm_.checkIpAddressAgainstFib(addr, table))) {
         KIV_TRACE(F::trace(), 7, sm_,
                   "checkIpAddressAgainstFib returned null prefix, skipping ARP entry for address "
@@ -140,7 +150,6 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
     for (auto it = changed->ipIteratorConst(); it; ++it) toMerge->ipIs(it.key(), true);
     return;
   }
-  auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
   // The reference of the route about to be replaced. It is dropped only after the replacement has
   // been written, so that a FEC never reaches a zero count while it is still in use.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
@@ -151,7 +160,7 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
       KIV_TRACE(F::trace(), 8, sm_,
                 " Dropping ref on fec id: "
                     << " fecId: " << heldFec);
-      adjHelper.doDropRefOnFibAdjacency(heldFec);
+      Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
     }
     const Route existing = Obu::readRoute(sm_.routeStatusRaw(), prefix);
     heldFec = Tovan::Fib::invalidFecId;
@@ -164,20 +173,28 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
   }
   if (heldFec != Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 8, sm_, F::Text::kDroppingLast << heldFec);
-    adjHelper.doDropRefOnFibAdjacency(heldFec);
+    Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
   }
 }
 
 template <Family F>
 void Merge<F>::mergeOne(const Addr& ip) {
-  const Prefix prefix = hostPrefix<F>(ip);
   const auto routeTable = sm_.routeStatus();
+  if (!routeTable) return;
+  const Prefix prefix = hostPrefix<F>(ip);
   if constexpr (F::kMergesReceiveRoutes) {
-    if (F::mergeReceiveRoute(sm_, ip)) return;
+    const auto& received = *Kiv::validPtr(root_.receiveTable());
+    const Route receiveRoute = received.route(prefix);
+    if (receiveRoute.key == prefix) {
+      const auto fec = takeFibAdjacency(F::receiveVias(received, receiveRoute));
+      KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", "Adding receive route " << ip);
+      writeMerged(ip, fec, receiveRoute.routeType);
+      return;
+    }
   }
   const Route fibRoute = sm_.doFibLookup(prefix);
   if (fibRoute.key == prefix) {
-    if (fibRoute.fecId != Tovan::Fib::invalidFecId) {
+    if (fibRoute.fecId != Tovan::Fib::invalidFecId && fibRoute.routeType != F::kInvalid) {
       F::addRouteToRouteTable(nullptr, routeTable, ip, fibRoute.fecId, fibRoute.routeType, sm_);
       return;
     }
@@ -186,17 +203,26 @@ void Merge<F>::mergeOne(const Addr& ip) {
     if constexpr (F::kTracesMergeDeletion) {
       KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge", " delete prefix from routeStatus " << prefix);
     }
-    if (routeTable) routeTable->routeDel(prefix);
+    routeTable->routeDel(prefix);
     return;
   }
-  const auto& table = Kiv::validPtr(F::neighborTable(root_));
-  const Route neighborRoute = table->route(prefix);
+  const auto& neighbors = *Kiv::validPtr(F::neighborTable(root_));
+  const Route neighborRoute = neighbors.route(prefix);
   if (neighborRoute.key == prefix) {
-    const auto fec = Kiv::validPtr(sm_.adjHelperRaw())
-                         .doGetOrCreateFibAdjacency(table->adjIndexToViaSet(neighborRoute.fecId));
-    F::addRouteToRouteTable(nullptr, routeTable, ip, fec, F::kAttached, sm_);
-  } else if (routeTable) {
+    writeMerged(ip, takeFibAdjacency(neighbors.adjIndexToViaSet(neighborRoute.fecId)),
+                F::kAttached);
+  } else {
     routeTable->routeDel(prefix);
+  }
+}
+
+template <Family F>
+void Merge<F>::writeMerged(const Addr& ip, Tovan::Fib::FecId fec, typename F::RouteType routeType) {
+  try {
+    F::addRouteToRouteTable(nullptr, sm_.routeStatus(), ip, fec, routeType, sm_);
+  } catch (...) {
+    Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(fec);
+    throw;
   }
 }
 

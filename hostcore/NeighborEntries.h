@@ -43,6 +43,10 @@ class NeighborEntries {
   void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
 
  private:
+  /// Repairs the host route of `addr` under the FIB route of `prefix`, for the handler of that
+  /// name.
+  void fixup(const Addr& addr, const typename F::Prefix& prefix, const char* handler);
+
   typename F::RouteSm& sm_;
 };
 
@@ -60,7 +64,8 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
   mergeSet->ipIs(addr, true);
   if (const auto* entry = F::findNeighbor(*table, addr)) {
     KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);
-    sm_.handleAddedArpEntry(F::argument(*entry), table);
+    const auto neighbor = *entry;  // the table may change while it is handled
+    sm_.handleAddedArpEntry(F::argument(neighbor), table);
   } else {
     KIV_TRACE(F::trace(), 7, reactor,
               "handling a deleted arp entry for " << addr << " for " << table);
@@ -79,7 +84,8 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
   }
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (auto it = F::neighbors(*table); it; ++it) {
-    sm_.handleAddedArpEntry(F::argument(it.value()), table);
+    const auto neighbor = it.value();
+    sm_.handleAddedArpEntry(F::argument(neighbor), table);
     mergeSet->ipIs(it.key(), true);
   }
   if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
@@ -115,14 +121,7 @@ void NeighborEntries<F>::handleAddedArpEntry(const Addr& addr, const Shown& show
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNotStoring << shown << " for " << table);
     return;
   }
-  const auto route = sm_.doFibLookup(prefix);
-  if (route.key != prefix) {
-    KIV_TRACE(F::trace(), 0, sm_,
-              "there is no route for "
-                  << prefix << " which is a prefix that should have an associated route");
-    return;
-  }
-  sm_.fixupArpRoute(addr, route);
+  fixup(addr, prefix, __func__);
 }
 
 template <Family F>
@@ -130,7 +129,7 @@ template <class Shown>
 void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& shown,
                                                const ArpTable& table) {
   const auto host = hostPrefix<F>(addr);
-  if (F::neighborTable(Kiv::validPtr(sm_.rootRaw()))->route(host).key != host) {
+  if (Kiv::validPtr(F::neighborTable(Kiv::validPtr(sm_.rootRaw())))->route(host).key != host) {
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNoRoutesForDeleted << shown);
     return;
   }
@@ -143,11 +142,17 @@ void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& sh
                               << " has no corresponding fib entry: ignoring its deletion");
     return;
   }
+  fixup(addr, prefix, __func__);
+}
+
+template <Family F>
+void NeighborEntries<F>::fixup(const Addr& addr, const typename F::Prefix& prefix,
+                               const char* handler) {
   const auto route = sm_.doFibLookup(prefix);
   if (route.key != prefix) {
-    KIV_TRACE(F::trace(), 0, sm_,
-              "there is no route for "
-                  << prefix << " which is a prefix that should have an associated route");
+    KIV_TRACE_AS(F::trace(), 0, sm_, handler,
+                 "there is no route for "
+                     << prefix << " which is a prefix that should have an associated route");
     return;
   }
   sm_.fixupArpRoute(addr, route);
@@ -168,7 +173,8 @@ void NeighborEntries<F>::handleDeletedArpIntfStatus(const ArpTable& table) {
                                  << " with " << count << F::Text::kEntriesLeft);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (auto it = F::neighbors(*table); it; ++it) {
-    sm_.handleDeletedArpEntry(F::argument(it.value()), table);
+    const auto neighbor = it.value();
+    sm_.handleDeletedArpEntry(F::argument(neighbor), table);
     mergeSet->ipIs(it.key(), true);
   }
   sm_.doMerge(mergeSet);
@@ -181,7 +187,8 @@ void NeighborEntries<F>::handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& f
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (auto it = F::neighbors(former); it; ++it) {
     if (F::findNeighbor(*table, it.key()) != nullptr) continue;
-    sm_.handleDeletedArpEntry(F::argument(it.value()), table);
+    const auto neighbor = it.value();
+    sm_.handleDeletedArpEntry(F::argument(neighbor), table);
     mergeSet->ipIs(it.key(), true);
   }
   if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
