@@ -73,7 +73,7 @@ typename RouteStatus::Route routeAbove(const Prefix& prefix, const RouteStatus* 
     if (route.key == above) return route;
     above = trie.longestStrictlyShorter(above);
   }
-  return Tovan::noRoute<typename RouteStatus::Route>(prefix);
+  return Tovan::noRoute<typename RouteStatus::Route>(Prefix());
 }
 inline Tovan::Fib::Route getTovanRouteAbove(const Zemit::Prefix& prefix,
                                             const Tovan::Fib::RouteStatus* table,

@@ -66,7 +66,7 @@ class BasicHostStatus final : public Kiv::NamedEntity {
 
   /// The vias of a host adjacency; none when there is no such adjacency.
   const ViaSet& adjIndexToViaSet(Tovan::Fib::FecId index) const {
-    return adjacencies_.viaSet(static_cast<typename Adjacencies::Index>(index));
+    return adjacencies_.viaSet(index);
   }
   /// The table's host adjacencies, which an adjacency helper keeps.
   const Adjacencies& adjacencies() const noexcept { return adjacencies_; }

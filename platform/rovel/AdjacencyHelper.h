@@ -36,7 +36,7 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   }
   /// Drops one reference on an adjacency of the table.
   virtual void doDropRefOnHostAdjacency(const typename HostTable::Ptr& table, FecId adjIndex) {
-    table->adjacencies().drop(static_cast<uint32_t>(adjIndex));
+    table->adjacencies().drop(adjIndex);
   }
 
   /// The FIB adjacency for `vias`, with one more reference. \throws Tovan::NoSpaceException.

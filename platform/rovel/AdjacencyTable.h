@@ -22,15 +22,15 @@ class AdjacencyTable {
   std::pair<Index, bool> take(const ViaSet& vias);
   /// Counts one user less. Returns whether it was the last: the entry is gone then. An index
   /// without entry is passed over.
-  bool drop(Index index);
+  bool drop(uint64_t index);
 
   /// The set of an entry; an empty one when there is no such entry.
-  const ViaSet& viaSet(Index index) const {
+  const ViaSet& viaSet(uint64_t index) const {
     static const ViaSet kNone;
     return users(index) == 0 ? kNone : entries_[index - 1].vias;
   }
   /// How many users an entry has; none when there is no such entry.
-  uint32_t users(Index index) const {
+  uint32_t users(uint64_t index) const {
     return index == 0 || index > entries_.size() ? 0 : entries_[index - 1].users;
   }
   size_t size() const noexcept { return indices_.size(); }
@@ -72,12 +72,13 @@ std::pair<uint32_t, bool> AdjacencyTable<ViaSet>::take(const ViaSet& vias) {
 }
 
 template <class ViaSet>
-bool AdjacencyTable<ViaSet>::drop(Index index) {
+bool AdjacencyTable<ViaSet>::drop(uint64_t index) {
   if (users(index) == 0) return false;
   Entry& entry = entries_[index - 1];
   if (--entry.users != 0) return false;
   indices_.erase(entry.vias);
-  entry = {.vias = {}, .users = 0, .nextFree = std::exchange(firstFree_, index)};
+  entry = {
+      .vias = {}, .users = 0, .nextFree = std::exchange(firstFree_, static_cast<Index>(index))};
   return true;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -101,6 +102,8 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   RawVia raw(const Via& via) { return {.hop = via.hop, .intf = intfs_.numberOf(via.intf)}; }
   Via cooked(const RawVia& via) const { return {.hop = via.hop, .intf = intfs_.intfOf(via.intf)}; }
   bool readVias(const Record& record, Fec& fec) const;
+  bool holds(const Fec& fec) const;
+  std::optional<Record> former(const FecId& id) const;
   void store(const Fec& fec);
   bool remove(const FecId& id);
   void removeVias(const FecId& id, const Record& record);
@@ -165,11 +168,31 @@ bool BasicForwardingStatus<A>::readVias(const Record& record, Fec& fec) const {
   return true;
 }
 
+// What is damaged counts as absent when it is replaced: storing repairs and reports it.
+
+template <class A>
+bool BasicForwardingStatus<A>::holds(const Fec& fec) const {
+  try {
+    return this->fec(fec.id()) == fec;
+  } catch (const CorruptionDetectedException&) {
+    return false;
+  }
+}
+
+template <class A>
+auto BasicForwardingStatus<A>::former(const FecId& id) const -> std::optional<Record> {
+  try {
+    return fecs_.get(id);
+  } catch (const CorruptionDetectedException&) {
+    return std::nullopt;
+  }
+}
+
 template <class A>
 void BasicForwardingStatus<A>::fecIs(const Fec& fec) {
   KIV_REQUIRE(fec.id() != Fib::invalidFecId && fec.id() < kFirstAdjacency,
               "FecId::value == 0 or >= 2^32 not allowed");
-  if (this->hasNotifiees() && this->fec(fec.id()) == fec) return;
+  if (this->hasNotifiees() && holds(fec)) return;
   store(fec);
   this->template notify<FecAttribute>(fec.id());
 }
@@ -181,9 +204,9 @@ void BasicForwardingStatus<A>::fecDel(const FecId& id) {
 
 template <class A>
 void BasicForwardingStatus<A>::store(const Fec& fec) {
-  const auto former = fecs_.get(fec.id());
+  const auto replaced = former(fec.id());
   Record record{.viaCount = static_cast<uint32_t>(fec.viaCount()),
-                .change = former ? former->change + 1 : 0};
+                .change = replaced ? replaced->change + 1 : 0};
   uint32_t index = 0;
   for (const Via& via : fec) {
     if (index == 0) {
@@ -194,7 +217,7 @@ void BasicForwardingStatus<A>::store(const Fec& fec) {
     ++index;
   }
   fecs_.set(fec.id(), record);
-  if (former) removeVias(fec.id(), *former);
+  if (replaced) removeVias(fec.id(), *replaced);
 }
 
 template <class A>

@@ -52,7 +52,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   /// \throws NoSpaceException, ReadOnlyException.
   void routeIs(const Route& route) {
     const Record record(route);
-    if (this->hasNotifiees() && map_.get(route.key) == record) return;
+    if (this->hasNotifiees() && holds(route.key, record)) return;
     map_.set(route.key, record);
     this->template notify<RouteAttribute>(route.key);
   }
@@ -92,6 +92,15 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
 
  private:
   using Record = RouteRecord<Route>;
+
+  /// A damaged entry holds nothing; storing a route repairs and reports it.
+  bool holds(const Prefix& prefix, const Record& record) const {
+    try {
+      return map_.get(prefix) == record;
+    } catch (const CorruptionDetectedException&) {
+      return false;
+    }
+  }
 
   static constexpr bool kIsIpv4 = Prefix::kMaxLen == 32;
   static constexpr const char* kSuffix = kIsIpv4 ? ".route4" : ".route6";
