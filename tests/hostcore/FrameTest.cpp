@@ -1,0 +1,313 @@
+// How a state machine and its reactors come, go and reach each other.
+#include <functional>
+
+#include "tests/hostcore/World.h"
+
+namespace {
+
+template <class F>
+class FrameTest : public testing::Test {};
+TYPED_TEST_SUITE(FrameTest, Families);
+
+// The two machines take the virtual addresses and the root in another order; a mix-up must not
+// pass.
+template <class Root, class... Inputs>
+concept MakesMachine = requires(Root& root, const Inputs&... inputs) {
+  root.newRouteSm(inputs...);
+};
+template <class F, class... Last>
+constexpr bool kTakes =
+    MakesMachine<typename F::RouteSmRoot, Kiv::ActivityConfig::Ptr, typename F::RouteStatus::Ptr,
+                 typename F::ForwardingStatus::Ptr, typename F::HostTable::Ptr,
+                 RovelReady::VrfStatus::Ptr, Routing::SeqConfig::Ptr, Rovel::SeqInfo::Ptr,
+                 typename F::AdjacencyHelper::Ptr, typename F::IpStatus::Ptr, Arp::NeighborDir::Ptr,
+                 Last..., L3::VrfName>;
+template <class F>
+constexpr bool kTakesRootFirst =
+    kTakes<F, typename F::RouteSmRoot::Ptr, typename F::VirtualIpStatus::Ptr>;
+template <class F>
+constexpr bool kTakesRootLast =
+    kTakes<F, typename F::VirtualIpStatus::Ptr, typename F::RouteSmRoot::Ptr>;
+static_assert(kTakesRootFirst<Daemon::Ipv4> && !kTakesRootLast<Daemon::Ipv4>);
+static_assert(kTakesRootLast<Daemon::Ipv6> && !kTakesRootFirst<Daemon::Ipv6>);
+
+/// Sends one event down every road, then takes the machine down.
+template <class F>
+void runAllRoads(World<F>& world) {
+  using S = Sample<F>;
+  if (world.ipStatus) {
+    world.addressIs(*world.interface(world.ethernet1, world.inVrf(world.ethernet1, "red")), 1);
+  }
+  if (world.virtualIps) world.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(8)), true);
+  world.newMachine();
+  world.machine().initializedIs(true);
+  if (world.forwarding) {
+    world.forwarding->fecIs(typename F::Fec(7, {{.hop = {}, .intf = world.ethernet1}}));
+  }
+  if (world.routeStatus) world.routeIs(S::subnet(), 7);
+  world.machine().handleStatusRoute(S::subnet());
+  world.machine().handleHostStatusRoute(F::Prefix::host(S::addr(9)));
+  if (world.neighborDir) world.learn(world.ethernet1, 5);
+  if (world.forwarding) world.forwarding->fecNotify(7);
+  if (world.virtualIps) world.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(8)), false);
+  if (world.readiness) {
+    world.readiness->ribReadyIs(true);
+    world.readiness->startRibReadyVerificationIs(true);
+  }
+  if (world.neighborDir) world.neighborDir->arpIntfStatusDel("Ethernet1");
+  world.root->routeSmDel();
+}
+
+// A null input reads as an empty table, and no road may need one that it does not use.
+TYPED_TEST(FrameTest, RunsWithoutAnyOneInput) {
+  using W = World<TypeParam>;
+  const std::pair<const char*, std::function<void(W&)>> omissions[] = {
+      {"nothing", [](W&) {}},
+      {"activity", [](W& world) { world.activity = nullptr; }},
+      {"routeStatus", [](W& world) { world.routeStatus = nullptr; }},
+      {"forwarding", [](W& world) { world.forwarding = nullptr; }},
+      {"hostStatus", [](W& world) { world.hostStatus = nullptr; }},
+      {"readiness", [](W& world) { world.readiness = nullptr; }},
+      {"seqConfig", [](W& world) { world.seqConfig = nullptr; }},
+      {"seqInfo", [](W& world) { world.seqInfo = nullptr; }},
+      {"ipStatus", [](W& world) { world.ipStatus = nullptr; }},
+      {"neighborDir", [](W& world) { world.neighborDir = nullptr; }},
+      {"virtualIps", [](W& world) { world.virtualIps = nullptr; }},
+  };
+  for (const auto& [without, omit] : omissions) {
+    SCOPED_TRACE(without);
+    W world;
+    omit(world);
+    const TraceLog log(TypeParam::trace(), {0});
+    runAllRoads(world);
+    for (const auto& record : log.records)
+      EXPECT_EQ(record.find("exception"), record.npos) << record;
+  }
+}
+
+TYPED_TEST(FrameTest, RaisesNullValidPtrWhereRootTrieOrAdjacencyHelperIsNeeded) {
+  using W = World<TypeParam>;
+  using S = Sample<TypeParam>;
+  const std::function<void(W&)> omissions[] = {
+      [](W& world) { world.machine().rootIs(nullptr); },
+      [](W& world) { world.root->trieIs(nullptr); },
+      [](W& world) { world.machine().adjHelperIs(nullptr); }};
+  for (const auto& omit : omissions) {
+    W world;
+    world.startWithSubnet();
+    world.learn(world.ethernet1, 4);
+    omit(world);
+    try {
+      world.machine().handleDeletedArpEntry(TypeParam::argument({.ipAddr = S::addr(4)}),
+                                            world.neighborDir->arpIntfStatus("Ethernet1"));
+      ADD_FAILURE() << "nothing was raised";
+    } catch (const Kiv::Exception& raised) {
+      EXPECT_STREQ(raised.what(), "null ValidPtr");
+    }
+  }
+}
+
+TYPED_TEST(FrameTest, RefusesNullMembers) {
+  World<TypeParam> world;
+  world.newMachine();
+  const auto refusal = [](auto&& call) {
+    try {
+      call();
+    } catch (const Kiv::RangeException& refused) {
+      return std::string(refused.what());
+    }
+    return std::string("nothing refused");
+  };
+  const std::string sm =
+      Sample<TypeParam>::kIsIpv4 ? "Routing::Host::RouteSm" : "Routing6::Host::RouteSm";
+  auto& machine = world.machine();
+  EXPECT_EQ(refusal([&] { machine.arpIntfStatusIs(nullptr); }),
+            "null _arpIntfStatus parameter to mutator for " + sm + "::arpIntfStatus not allowed");
+  EXPECT_EQ(
+      refusal([&] { machine.vrfIpIntfStatusIs(nullptr); }),
+      "null _vrfIpIntfStatus parameter to mutator for " + sm + "::vrfIpIntfStatus not allowed");
+  EXPECT_EQ(refusal([&] { machine.ipIntfStatusFilterIs(nullptr); }),
+            "null _ipIntfStatusFilter parameter to mutator for " + sm +
+                "::ipIntfStatusFilter not allowed");
+  EXPECT_EQ(refusal([&] { machine.ipIntfStatusIs(nullptr); }),
+            "null _ipIntfStatus parameter to mutator for " + sm + "::ipIntfStatus not allowed");
+  EXPECT_EQ(refusal([&] { world.root->adjacencyToPrefixIs(nullptr); }),
+            "null _adjacencyToPrefix parameter to mutator for " + sm +
+                "Root::adjacencyToPrefix not allowed");
+}
+
+TYPED_TEST(FrameTest, FollowsAnInterfaceThroughVrfsAndNewStatusObjects) {
+  World<TypeParam> world;
+  world.newMachine();
+  world.machine().initializedIs(true);
+  const auto l3Status = world.inVrf(world.ethernet1, "blue");
+  world.addressIs(*world.interface(world.ethernet1, l3Status), 1);
+  EXPECT_FALSE(world.hasRoute(world.root->receiveTable(), 1)) << "still in another VRF";
+  l3Status->vrfIs(L3::VrfName("red"));
+  EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 1));
+
+  // Another object under the same id, with the same layer-3 side.
+  const auto replacement = world.interfaceStatus(world.ethernet1, l3Status);
+  world.addressIs(*replacement, 2);
+  world.machine().ipIntfStatusFilterIs(replacement);
+  EXPECT_FALSE(world.hasRoute(world.root->receiveTable(), 1));
+  EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 2));
+  world.addressIs(*replacement, 3);
+  EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 3)) << "the new object is not followed";
+
+  l3Status->vrfIs(L3::VrfName("blue"));
+  EXPECT_EQ(world.root->receiveTable()->routeCount(), 0u);
+  EXPECT_TRUE(world.machine().hasNoReceiveRoutes());
+  EXPECT_FALSE(world.machine().ipIntfStatus(world.ethernet1));
+  EXPECT_TRUE(world.machine().ipIntfStatusFilter(world.ethernet1));
+  world.expectBalancedReferences();
+}
+
+// The order in which interfaces are met at construction must not depend on a hash.
+TYPED_TEST(FrameTest, GivesASharedAddressToTheLastInterfaceByName) {
+  World<TypeParam> world;
+  for (const char* name : {"Ethernet3", "Ethernet1", "Ethernet4", "Ethernet2"}) {
+    const auto intf = Zemit::IntfId::of(name);
+    world.addressIs(*world.interface(intf, world.inVrf(intf, "red")), 1);
+  }
+  world.newMachine();
+  EXPECT_EQ(world.root->receiveAddrToIntfName(Sample<TypeParam>::addr(1)), "Ethernet4");
+  world.expectBalancedReferences();
+}
+
+TYPED_TEST(FrameTest, HandlesWhatAReplacedTableLacksAsLost) {
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.learn(world.ethernet1, 4);
+  world.learn(world.ethernet1, 5);
+  const auto replacement = Kiv::make<Arp::ArpIntfStatus>(world.ethernet1);
+  TypeParam::neighborIs(*replacement, {.ipAddr = Sample<TypeParam>::addr(5)});
+  world.neighborDir->arpIntfStatusIs(replacement);
+  EXPECT_FALSE(world.hasRoute(world.routeStatus, 4));
+  EXPECT_TRUE(world.hasRoute(world.routeStatus, 5));
+  world.neighborDir->arpIntfStatusDel("Ethernet1");
+  EXPECT_FALSE(world.hasRoute(world.routeStatus, 5)) << "the hook of the deletion did not run";
+  EXPECT_EQ(world.machine().arpIntfStatusCount(), 0u);
+  world.expectBalancedReferences();
+}
+
+TYPED_TEST(FrameTest, LosesWhatIsAnnouncedWhileDeliveryIsOff) {
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.learn(world.ethernet1, 4);
+  world.machine().hasNotificationActiveIs(false);
+  world.learn(world.ethernet1, 5);
+  world.learn(world.ethernet2, 6);
+  EXPECT_EQ(world.neighborTable()->routeCount(), 1u);
+  world.machine().hasNotificationActiveIs(true);
+  EXPECT_EQ(world.neighborTable()->routeCount(), 1u) << "nothing is caught up with by itself";
+  world.learn(world.ethernet1, 7);
+  EXPECT_TRUE(world.hasRoute(world.neighborTable(), 7));
+
+  world.machine().kivDoZombieReactors(true);
+  world.lose(world.ethernet1, 7);
+  EXPECT_TRUE(world.hasRoute(world.neighborTable(), 7)) << "a zombie has acted";
+}
+
+// Handlers wait for the new activity, those of reactors that other reactors own among them.
+TYPED_TEST(FrameTest, MovesAllReactorsToAnotherActivity) {
+  World<TypeParam> world;
+  world.startWithSubnet();
+  const auto l3Status = world.inVrf(world.ethernet2, "blue");
+  world.addressIs(*world.interface(world.ethernet2, l3Status), 1);
+  world.table(world.ethernet1);
+  const auto queue = Kiv::make<Kiv::QueueingActivity>();
+  world.machine().kivFwkActivityIs(queue);
+  world.learn(world.ethernet1, 5);
+  l3Status->vrfIs(L3::VrfName("red"));
+  EXPECT_FALSE(world.hasRoute(world.neighborTable(), 5));
+  EXPECT_FALSE(world.hasRoute(world.root->receiveTable(), 1));
+  EXPECT_EQ(queue->run(), 2u);
+  EXPECT_TRUE(world.hasRoute(world.neighborTable(), 5));
+  EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 1));
+}
+
+TYPED_TEST(FrameTest, TeardownWithdrawsNothingAndRunsNoHandler) {
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.addressIs(*world.interface(world.ethernet1, world.inVrf(world.ethernet1, "red")), 1);
+  world.learn(world.ethernet1, 5);
+  const auto reactor = world.machine().arpIntfStatus("Ethernet1");
+  const size_t written = world.routeStatus->routeCount();
+  TraceLog log(TypeParam::trace(), {0, 1, 2, 5, 6, 7, 8});
+  world.root->routeSmDel();
+  world.lose(world.ethernet1, 5);
+  EXPECT_EQ(log.records, std::vector<std::string>());
+  EXPECT_EQ(reactor->routeSm(), nullptr);
+  EXPECT_TRUE(reactor->isZombie());
+  EXPECT_EQ(world.routeStatus->routeCount(), written);
+  EXPECT_TRUE(world.hasRoute(world.neighborTable(), 5));
+  EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 1));
+}
+
+TYPED_TEST(FrameTest, TheRootDropsItsTablesBeforeItsMachine) {
+  World<TypeParam> world;
+  world.newMachine();
+  struct Watcher final : TypeParam::RouteSmRoot::NotifieeConst {
+    Watcher() : TypeParam::RouteSmRoot::NotifieeConst(Kiv::Notifiee::Hold::kWeak) {}
+    void onReceiveTable() override { seen.emplace_back("receiveTable"); }
+    void onToMerge() override { seen.emplace_back("toMerge"); }
+    void onRouteSm() override { seen.emplace_back("routeSm"); }
+    void onZeroReferences() noexcept override { seen.emplace_back("zero"); }
+    std::vector<std::string> seen;
+  };
+  const auto watcher = Kiv::make<Watcher>();
+  watcher->notifierIs(world.root);
+  world.root = nullptr;
+  EXPECT_EQ(watcher->seen,
+            (std::vector<std::string>{"zero", "receiveTable", "toMerge", "routeSm"}));
+}
+
+TYPED_TEST(FrameTest, TracesAnExceptionOfItsOwnCallback) {
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.root->trieIs(nullptr);
+  TraceLog log(TypeParam::trace(), {0});
+  world.learn(world.ethernet1, 5);
+  ASSERT_EQ(log.records.size(), 1u);
+  EXPECT_NE(log.records[0].find("of Ethernet1: null ValidPtr"), std::string::npos)
+      << log.records[0];
+}
+
+/// Consumes the notifications it is offered.
+template <class ForwardingStatus>
+class Observed final : public HostCore::FwdStatusReactor<ForwardingStatus, struct Handlers> {
+ public:
+  using HostCore::FwdStatusReactor<ForwardingStatus, Handlers>::FwdStatusReactor;
+  bool kivOnAttribute(Kiv::AttributeId id, const void* value) override {
+    offered = {id, *static_cast<const Tovan::Fib::FecId*>(value)};
+    return consumes;
+  }
+  bool consumes = true;
+  std::pair<Kiv::AttributeId, Tovan::Fib::FecId> offered;
+};
+struct Handlers {
+  void handleFec(Tovan::Fib::FecId fecId) { handled.push_back(fecId); }
+  void handleFec() {}
+  void reportException(const Kiv::Notifiee&, Kiv::AttributeId) const noexcept {}
+  std::vector<Tovan::Fib::FecId> handled;
+};
+
+TYPED_TEST(FrameTest, OffersANotificationToAnObserverBeforeItsHandler) {
+  using ForwardingStatus = typename TypeParam::ForwardingStatus;
+  const auto forwarding = Kiv::make<ForwardingStatus>("forwarding");
+  Handlers machine;
+  const auto reactor = Kiv::make<Observed<ForwardingStatus>>(Kiv::ActivityConfig::Ptr());
+  reactor->routeSmIs(&machine);
+  reactor->notifierIs(forwarding);
+  forwarding->fecNotify(7);
+  EXPECT_EQ(reactor->fecId(), 7u);
+  EXPECT_EQ(reactor->offered,
+            std::make_pair(ForwardingStatus::FecAttribute::kInfo.id, Tovan::Fib::FecId{7}));
+  EXPECT_TRUE(machine.handled.empty());
+  reactor->consumes = false;
+  forwarding->fecNotify(8);
+  EXPECT_EQ(machine.handled, std::vector<Tovan::Fib::FecId>{8});
+}
+
+}  // namespace

@@ -1,0 +1,137 @@
+// Filing neighbours under FIB routes, and merging host routes into the route table.
+#include <unistd.h>
+
+#include "tests/hostcore/World.h"
+
+namespace {
+
+template <class F>
+class MergeTest : public testing::Test {};
+TYPED_TEST_SUITE(MergeTest, Families);
+
+/// FEC 8: what FEC 7 is, but with more vias than there are numbers for.
+template <class F>
+typename F::Fec oversized(Zemit::IntfId intf) {
+  typename F::Fec fec(8);
+  for (uint32_t i = 0; i <= Tovan::Fib::ViaIndex::max + 1; ++i)
+    fec.newVia({.hop = {}, .intf = intf});
+  return fec;
+}
+
+TYPED_TEST(MergeTest, LeavesAllAsItWasWhenAFecHasTooManyVias) {
+  using S = Sample<TypeParam>;
+  World<TypeParam> world;
+  world.startWithSubnet();
+  for (uint32_t n : {4, 5, 6}) world.learn(world.ethernet1, n);
+  world.forwarding->fecIs(oversized<TypeParam>(world.ethernet1));
+
+  typename TypeParam::Route route = world.routeStatus->route(S::subnet());
+  route.fecId = 8;
+  const auto intfs = Obu::IntfDir::IntfDirIs();
+  intfs->intfIs(world.ethernet1);
+  EXPECT_THROW(world.machine().promoteArpEntries(intfs, route), Kiv::RangeException);
+  route.key = S::wider();  // not tracked: nothing may be made for it either
+  EXPECT_THROW(world.machine().fixupArpRoute(S::addr(4), route), Kiv::RangeException);
+
+  for (uint32_t n : {4, 5, 6}) {
+    EXPECT_TRUE(world.hasRoute(world.neighborTable(), n));
+    EXPECT_TRUE(world.hasRoute(world.routeStatus, n));
+  }
+  EXPECT_EQ(TypeParam::neighborSet(*world.root, S::subnet())->ipCount(), 3u);
+  EXPECT_FALSE(TypeParam::neighborSet(*world.root, S::wider()));
+  EXPECT_FALSE(world.root->adjacencyToPrefix(8));
+  world.expectBalancedReferences();
+}
+
+TYPED_TEST(MergeTest, KeepsTheReferenceOfAHostRouteThatDoesNotChange) {
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.learn(world.ethernet1, 5);
+  const auto before =
+      world.neighborTable()->route(TypeParam::Prefix::host(Sample<TypeParam>::addr(5)));
+  for (int i = 0; i < 3; ++i) {
+    TypeParam::neighborNotify(world.table(world.ethernet1), Sample<TypeParam>::addr(5));
+  }
+  world.forwarding->fecNotify(7);
+  EXPECT_EQ(world.neighborTable()->route(before.key), before);
+  world.expectBalancedReferences();
+
+  // The FEC gains an interface on which the neighbour is known too.
+  world.learn(world.ethernet2, 5);
+  world.forwarding->fecIs(typename TypeParam::Fec(
+      7, {{.hop = {}, .intf = world.ethernet1}, {.hop = {}, .intf = world.ethernet2}}));
+  const auto after = world.neighborTable()->route(before.key);
+  EXPECT_EQ(world.neighborTable()->adjIndexToViaSet(after.fecId).size(), 2u);
+  world.expectBalancedReferences();
+  world.routeDel(Sample<TypeParam>::subnet());
+  EXPECT_EQ(world.adjHelper->fibAdjacencies().size(), 0u);
+  world.expectBalancedReferences();
+}
+
+// The writer would stop the process at a route without a type.
+TYPED_TEST(MergeTest, TakesAFibHostRouteWithoutTypeForOneWithoutAdjacency) {
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.learn(world.ethernet1, 5);
+  ASSERT_TRUE(world.hasRoute(world.routeStatus, 5));
+  const auto host = TypeParam::Prefix::host(Sample<TypeParam>::addr(5));
+  world.hostStatus->routeIs(
+      {.key = host, .metricPref = {}, .routeType = TypeParam::kInvalid, .fecId = 7});
+  world.machine().handleHostStatusRoute(host);
+  EXPECT_FALSE(world.hasRoute(world.routeStatus, 5));
+  world.expectBalancedReferences();
+}
+
+TYPED_TEST(MergeTest, LetsGoOfTheAdjacencyOfARouteThatCannotBeWritten) {
+  World<TypeParam> world;
+  const std::string name = "hostcore-test-" + std::to_string(::getpid());
+  const auto writer = Kiv::make<typename TypeParam::RouteStatus>(name, Tovan::Access::Write);
+  world.routeStatus = Kiv::make<typename TypeParam::RouteStatus>(name, Tovan::Access::Read);
+  world.newMachine();
+  world.machine().initializedIs(true);
+  world.forwarding->fecIs(typename TypeParam::Fec(7, {{.hop = {}, .intf = world.ethernet1}}));
+  writer->routeIs({.key = Sample<TypeParam>::subnet(),
+                   .metricPref = {},
+                   .routeType = TypeParam::kConnected,
+                   .fecId = 7});
+  world.machine().handleStatusRoute(Sample<TypeParam>::subnet());
+  TraceLog log(TypeParam::trace(), {0});
+  world.learn(world.ethernet1, 5);
+  EXPECT_FALSE(log.records.empty()) << "the write was not refused";
+  EXPECT_TRUE(world.hasRoute(world.neighborTable(), 5));
+  EXPECT_EQ(world.adjHelper->fibAdjacencies().size(), 0u);
+  Tovan::removeTablesOf(name);
+}
+
+TYPED_TEST(MergeTest, GivesWayToVirtualAddressesOfItsOwnVrf) {
+  using S = Sample<TypeParam>;
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.learn(world.ethernet1, 5);
+  world.virtualIps->virtualIpIs(S::virtualAddr("blue", S::addr(5)), true);
+  EXPECT_TRUE(world.hasRoute(world.routeStatus, 5)) << "another VRF's address was handled";
+  world.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(5)), true);
+  EXPECT_FALSE(world.hasRoute(world.routeStatus, 5));
+  EXPECT_EQ(world.adjHelper->fibAdjacencies().size(), 0u);
+  world.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(5)), false);
+  EXPECT_FALSE(world.hasRoute(world.routeStatus, 5)) << "it is virtual in the other VRF yet";
+  world.virtualIps->virtualIpIs(S::virtualAddr("blue", S::addr(5)), false);
+  TypeParam::neighborNotify(world.table(world.ethernet1), S::addr(5));
+  EXPECT_TRUE(world.hasRoute(world.routeStatus, 5));
+  world.expectBalancedReferences();
+}
+
+// Pairs of the other family are in the table too and must match no IPv4 address.
+TEST(VirtualIpTest, AnIpv6AddressInTheIpv4TableIsNobodysAddress) {
+  World<Daemon::Ipv4> world;
+  world.startWithSubnet();
+  world.learn(world.ethernet1, 5);
+  const Routing::Fhrp::VrfIpWithMaskPair pair(
+      L3::VrfName("red"), Zemit::Ip6AddrWithMask(Zemit::Ip6Addr(0, 0x0A000005), 128));
+  world.virtualIps->virtualIpIs(pair, true);
+  world.virtualIps->virtualIpIs(pair, false);
+  EXPECT_TRUE(world.hasRoute(world.routeStatus, 5));
+  EXPECT_FALSE(world.virtualIps->isVirtual(Sample<Daemon::Ipv4>::addr(5)));
+}
+
+}  // namespace
