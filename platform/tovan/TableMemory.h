@@ -29,7 +29,7 @@ struct TableConfig {
 class TableMemory {
  public:
   /// Who asks for so much at once will ask for more.
-  static constexpr size_t kLargeRequest = size_t{64} << 10;
+  static constexpr size_t kLargeRequest = size_t{16} << 10;
 
   /// \param maxBytes  where the memory may end at most.
   /// \throws OpenException when the name is malformed or absent, or another writer lives.

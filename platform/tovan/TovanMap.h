@@ -124,7 +124,7 @@ class TovanMap : public Table {
 
   /// Pages are of a size that is quickly copied.
   static constexpr uint32_t kSlots =
-      static_cast<uint32_t>(std::bit_floor(std::clamp<size_t>(4096 / sizeof(Slot), 16, 64)));
+      static_cast<uint32_t>(std::clamp<size_t>(3840 / sizeof(Slot), 16, 80));
   /// A page with more slots that are not free is copied when another is wanted.
   static constexpr uint32_t kMaxUsed = kSlots - kSlots / 8;
 
@@ -224,7 +224,8 @@ class TovanMap : public Table {
     return static_cast<uint32_t>(hash) & ((uint32_t{1} << bits) - 1);
   }
   /// The slot of its page at which the search for a key begins.
-  static uint32_t home(uint64_t hash) { return static_cast<uint32_t>(hash >> 32) % kSlots; }
+  static uint32_t home(uint64_t hash) { return static_cast<uint32_t>((hash >> 32) * kSlots >> 32); }
+  static uint32_t after(uint32_t slot) { return slot + 1 == kSlots ? 0 : slot + 1; }
   uint32_t sealOf(const Page& page) const;
   bool isSealed(const Page& page) const {
     return page.seal.load(std::memory_order_acquire) == sealOf(page);
@@ -380,8 +381,8 @@ bool TovanMap<Key, Value>::read(const Slot& from, Words& words) const {
 template <class Key, class Value>
 typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::search(Page& page, uint64_t hash,
                                                                   const Words& key) {
-  for (uint32_t i = 0; i < kSlots; ++i) {
-    Slot& slot = page.slots[(home(hash) + i) % kSlots];
+  for (uint32_t i = 0, at = home(hash); i < kSlots; ++i, at = after(at)) {
+    Slot& slot = page.slots[at];
     const uint32_t state = slot.sequence.load(std::memory_order_acquire) & kState;
     if (hasKey(slot, key) && (state & kLive) != 0) return &slot;
     if (state == 0) return nullptr;
@@ -399,8 +400,8 @@ const char* TovanMap<Key, Value>::missFault(PageRef ref, uint64_t hash) const {
       depth > kMaxDepth || low(hash, depth) != in.pattern.load(std::memory_order_relaxed)) {
     return "is not what the directory says";
   }
-  for (uint32_t i = 0; i < kSlots; ++i) {
-    const Slot& slot = in.slots[(home(hash) + i) % kSlots];
+  for (uint32_t i = 0, at = home(hash); i < kSlots; ++i, at = after(at)) {
+    const Slot& slot = in.slots[at];
     const uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
     Words words;
     if ((sequence & kState) != 0) {
@@ -632,8 +633,8 @@ void TovanMap<Key, Value>::insert(uint64_t hash, const Words& words) {
 template <class Key, class Value>
 bool TovanMap<Key, Value>::place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words,
                                  uint32_t checksum) {
-  for (uint32_t i = 0; i < kSlots; ++i) {
-    Slot& slot = in.slots[(home(hash) + i) % kSlots];
+  for (uint32_t i = 0, at = home(hash); i < kSlots; ++i, at = after(at)) {
+    Slot& slot = in.slots[at];
     const uint32_t state = slot.state();
     if ((state & kLive) != 0) continue;
     if (state == 0) {
@@ -676,9 +677,12 @@ void TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
       Words words;
       load(slot, words);
       const uint64_t hash = hashOf(words);
-      const uint32_t checksum = slot.checksum.load(std::memory_order_relaxed);
-      if (low(hash, depth) != pattern || search(page(to), hash, words) != nullptr) continue;
-      place(page(to), kSlots, hash, words, checksum);
+      const uint32_t checksum = checksumOf(hash, words);
+      if (slot.checksum.load(std::memory_order_relaxed) != checksum) {
+        corruptionDetected(corrupt("slot at byte", offsetOf(slot), "is damaged").what());
+      } else if (low(hash, depth) == pattern && search(page(to), hash, words) == nullptr) {
+        place(page(to), kSlots, hash, words, checksum);
+      }
     }
     publish(to);
   }

@@ -64,7 +64,11 @@ TEST_F(SharingTest, KilledWriterLeavesEveryCompletedUpdate) {
       nullptr, sizeof(Completed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   constexpr uint64_t kErased = uint64_t{1} << 63;
   std::mt19937 random(3);
-  for (int round = 0; round < 150; ++round) {
+  for (int round = 0; round < 200; ++round) {
+    if (round % 20 == 0) {  // again with a small table, so that it grows
+      removeTablesOf(name);
+      for (uint64_t key = 0; key < kKeys; ++key) completed->begun[key] = completed->done[key] = 0;
+    }
     const pid_t child = inChild([&] {
       Map table = writer();
       std::mt19937 own(static_cast<uint32_t>(round));
