@@ -1,53 +1,65 @@
 #include "platform/kiv/Activity.h"
 
-#include "platform/kiv/Exception.h"
+#include <utility>
+
 #include "platform/kiv/Notifiee.h"
 
 namespace Kiv {
 
-void ActivityConfig::enqueue(std::unique_ptr<PendingNotification> /*notification*/) {
-  throw Exception("this activity delivers at once and has no queue");
+void ActivityConfig::enqueue(std::unique_ptr<PendingNotification> notification) {
+  deliver(*notification);
+}
+
+std::vector<std::unique_ptr<PendingNotification>> ActivityConfig::withdraw(Notifiee& /*reactor*/) {
+  return {};
+}
+
+void ActivityConfig::deliverCurrent(Notifiee& reactor) {
+  if (current_ != nullptr && &current_->reactor() == &reactor) current_->deliver();
+}
+
+bool ActivityConfig::deliver(const PendingNotification& notification) {
+  Notifiee& reactor = notification.reactor();
+  if (!reactor.acceptsNotifications()) return false;
+  const Kiv::Ptr<Notifiee> alive(&reactor);
+  const auto* outer = std::exchange(current_, &notification);
+  try {
+    reactor.handleNotification(*this);
+  } catch (...) {
+    reactor.onNotificationException(notification.attribute());
+  }
+  current_ = outer;
+  return true;
 }
 
 void QueueingActivity::enqueue(std::unique_ptr<PendingNotification> notification) {
-  if (!known_.insert(notification.get()).second) return;
-  queue_.push_back(std::move(notification));
+  if (waiting_.insert({notification.get()})) queue_.push_back(std::move(notification));
 }
 
-void QueueingActivity::cancel(Notifiee& reactor) noexcept {
-  for (const auto& notification : queue_) {
-    if (notification->reactor() != &reactor) continue;
-    known_.erase(notification.get());
-    notification->cancel();
+std::vector<std::unique_ptr<PendingNotification>> QueueingActivity::withdraw(Notifiee& reactor) {
+  std::vector<std::unique_ptr<PendingNotification>> withdrawn;
+  if (waiting_.empty()) return withdrawn;
+  for (auto& notification : queue_) {
+    if (notification == nullptr || &notification->reactor() != &reactor) continue;
+    waiting_.erase({notification.get()});
+    withdrawn.push_back(std::move(notification));
   }
+  return withdrawn;
 }
 
 size_t QueueingActivity::run() {
+  if (isDelivering()) return 0;
+  const Ptr alive(this);  // a callback may let go of the last reactor that holds this
   size_t delivered = 0;
   for (size_t left = queue_.size(); left != 0; --left) {
     const auto notification = std::move(queue_.front());
     queue_.pop_front();
-    Notifiee* reactor = notification->reactor();
-    if (reactor == nullptr) continue;
-    // Forgotten before it is delivered: what its handler announces again must wait again.
-    known_.erase(notification.get());
-    if (!reactor->acceptsNotifications()) continue;
-    const Kiv::Ptr<Notifiee> alive(reactor);
-    current_ = notification.get();
-    reactor->handleNotification(*this);
-    ++delivered;
+    if (notification == nullptr) continue;
+    // No longer known when it is delivered: what its callback announces again must wait again.
+    waiting_.erase({notification.get()});
+    if (deliver(*notification)) ++delivered;
   }
-  current_ = nullptr;
   return delivered;
-}
-
-void QueueingActivity::deliverCurrent(Notifiee& reactor) {
-  if (current_ == nullptr) return;
-  try {
-    current_->deliver(reactor);
-  } catch (...) {
-    reactor.onNotificationException(current_->attribute());
-  }
 }
 
 }  // namespace Kiv

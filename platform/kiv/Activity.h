@@ -1,14 +1,16 @@
 // Activities: when the notifications of a reactor are delivered.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <tuple>
-#include <unordered_set>
+#include <vector>
 
 #include "platform/kiv/Attribute.h"
 #include "platform/kiv/Hash.h"
+#include "platform/kiv/HashMap.h"
 #include "platform/kiv/Ptr.h"
 
 namespace Kiv {
@@ -20,21 +22,20 @@ class Notifiee;
 class PendingNotification {
  public:
   PendingNotification(Notifiee& reactor, AttributeId attribute)
-      : reactor_(&reactor), attribute_(attribute) {}
+      : reactor_(reactor), attribute_(attribute) {}
   virtual ~PendingNotification() = default;
 
-  /// The reactor to tell; null when it went meanwhile.
-  Notifiee* reactor() const noexcept { return reactor_; }
+  /// Who is to be told. Takes its notifications back when it goes.
+  Notifiee& reactor() const noexcept { return reactor_; }
   AttributeId attribute() const noexcept { return attribute_; }
-  void cancel() noexcept { reactor_ = nullptr; }
 
   /// Calls the reactor's callback.
-  virtual void deliver(Notifiee& reactor) const = 0;
+  virtual void deliver() const = 0;
   virtual uint32_t hash() const = 0;
   virtual bool isSame(const PendingNotification& other) const = 0;
 
  private:
-  Notifiee* reactor_;
+  Notifiee& reactor_;
   AttributeId attribute_;
 };
 
@@ -44,21 +45,27 @@ class ActivityConfig : public Object {
  public:
   using Ptr = Kiv::Ptr<ActivityConfig>;
 
+  ActivityConfig() = default;
+
   /// True when notifications wait for the activity to run.
   bool queues() const noexcept { return queues_; }
-  /// Takes a notification that is to wait. Only for an activity that queues.
+  /// Delivers `notification`: an activity that queues when it runs, another now.
   virtual void enqueue(std::unique_ptr<PendingNotification> notification);
-  /// Forgets what waits for `reactor`.
-  virtual void cancel(Notifiee& /*reactor*/) noexcept {}
-  /// Delivers to `reactor` the notification for which this activity is calling it.
-  virtual void deliverCurrent(Notifiee& /*reactor*/) {}
-
-  ActivityConfig() = default;
+  /// Gives back what waits for `reactor`, in the order of arrival.
+  virtual std::vector<std::unique_ptr<PendingNotification>> withdraw(Notifiee& reactor);
+  /// Calls the callback for which this activity has entered `reactor`'s handleNotification().
+  void deliverCurrent(Notifiee& reactor);
 
  protected:
   explicit ActivityConfig(bool queues) : queues_(queues) {}
 
+  /// Enters the reactor's handleNotification(); an exception is reported to the reactor.
+  /// \returns false when the reactor accepts no notifications.
+  bool deliver(const PendingNotification& notification);
+  bool isDelivering() const noexcept { return current_ != nullptr; }
+
  private:
+  const PendingNotification* current_ = nullptr;
   bool queues_ = false;
 };
 
@@ -72,29 +79,29 @@ class QueueingActivity final : public ActivityConfig {
 
   QueueingActivity() : ActivityConfig(true) {}
 
-  /// Delivers all that waits now; what is announced meanwhile waits for the next run.
+  /// Delivers all that waits now; what is announced meanwhile waits for the next run. A run from
+  /// within a callback delivers nothing.
   /// \returns how many notifications were delivered.
   size_t run();
   /// The number of notifications that wait.
-  size_t pending() const noexcept { return known_.size(); }
+  size_t pending() const noexcept { return waiting_.size(); }
 
   void enqueue(std::unique_ptr<PendingNotification> notification) override;
-  void cancel(Notifiee& reactor) noexcept override;
-  void deliverCurrent(Notifiee& reactor) override;
+  std::vector<std::unique_ptr<PendingNotification>> withdraw(Notifiee& reactor) override;
 
  private:
-  struct HashPending {
-    size_t operator()(const PendingNotification* pending) const { return pending->hash(); }
-  };
-  struct SamePending {
-    bool operator()(const PendingNotification* a, const PendingNotification* b) const {
-      return a->isSame(*b);
+  /// A notification as a key: the same reactor, attribute and key are equal.
+  struct Waiting {
+    const PendingNotification* notification;
+
+    uint32_t hash() const { return notification->hash(); }
+    friend bool operator==(const Waiting& a, const Waiting& b) {
+      return a.notification->isSame(*b.notification);
     }
   };
 
-  std::deque<std::unique_ptr<PendingNotification>> queue_;
-  std::unordered_set<const PendingNotification*, HashPending, SamePending> known_;
-  const PendingNotification* current_ = nullptr;
+  std::deque<std::unique_ptr<PendingNotification>> queue_;  // null: taken back
+  HashMap<Waiting, Present> waiting_;
 };
 
 /// A waiting notification of attribute `Attribute`; `Key` is empty for a scalar and for the
@@ -105,16 +112,17 @@ class PendingNotificationOf final : public PendingNotification {
   explicit PendingNotificationOf(Notifiee& reactor, const Key&... key)
       : PendingNotification(reactor, Attribute::kInfo.id), key_(key...) {}
 
-  void deliver(Notifiee& reactor) const override {
-    std::apply([&reactor](const Key&... key) { Attribute::deliver(reactor, key...); }, key_);
+  void deliver() const override {
+    std::apply([this](const Key&... key) { Attribute::deliver(reactor(), key...); }, key_);
   }
   uint32_t hash() const override {
     uint32_t ofKey = 0;
     if constexpr (sizeof...(Key) == 1) ofKey = Hash<Key...>()(std::get<0>(key_));
-    return hashWords(reinterpret_cast<uintptr_t>(reactor()), (uint64_t{attribute()} << 32) | ofKey);
+    return hashWords(reinterpret_cast<uintptr_t>(&reactor()),
+                     (uint64_t{attribute()} << 32) | ofKey);
   }
   bool isSame(const PendingNotification& other) const override {
-    if (other.reactor() != reactor() || other.attribute() != attribute()) return false;
+    if (&other.reactor() != &reactor() || other.attribute() != attribute()) return false;
     const auto* same = dynamic_cast<const PendingNotificationOf*>(&other);
     return same != nullptr && same->key_ == key_;
   }

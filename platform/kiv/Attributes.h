@@ -129,9 +129,9 @@ class Collection {
 
   /// The entry, or an empty value. Good until the collection changes.
   const Value& get(const Key& key) const {
+    if (const Value* value = map_.find(key)) return *value;
     static const Value kNone{};
-    const Value* value = map_.find(key);
-    return value == nullptr ? kNone : *value;
+    return kNone;
   }
   bool contains(const Key& key) const { return map_.find(key) != nullptr; }
   const Map& map() const noexcept { return map_; }
@@ -160,20 +160,11 @@ class Collection {
     return true;
   }
   /// Removes the entry on which `it` stands; `it` may then be advanced.
-  void del(const Entity& owner, typename Map::Iterator& it) {
-    const Key removed = it.key();
-    const Value old = std::move(it.value());
-    map_.erase(it);
-    detail::disown(old);
-    owner.notify<Tag>(removed);
-  }
-  /// Removes all entries, announcing each.
+  void del(const Entity& owner, const typename Map::Iterator& it) { del(owner, it.key()); }
+  /// Removes all entries, announcing each. What a callback adds stays.
   void delAll(const Entity& owner) {
-    if (!owner.hasNotifiees()) {
-      disownAll();
-      map_.clear();
-      return;
-    }
+    if (!owner.hasNotifiees()) return dropAll();
+    const Ptr<const Entity> alive(&owner);  // a callback may drop the last handle
     for (const Key& key : map_.keys()) del(owner, key);
   }
   /// Forgets all entries without a word.
@@ -215,16 +206,10 @@ class KeySet {
     owner.notify<Tag>(removed);
     return true;
   }
-  void del(const Entity& owner, typename Map::Iterator& it) {
-    const Key removed = it.key();
-    map_.erase(it);
-    owner.notify<Tag>(removed);
-  }
+  void del(const Entity& owner, const typename Map::Iterator& it) { del(owner, it.key()); }
   void delAll(const Entity& owner) {
-    if (!owner.hasNotifiees()) {
-      map_.clear();
-      return;
-    }
+    if (!owner.hasNotifiees()) return map_.clear();
+    const Ptr<const Entity> alive(&owner);  // a callback may drop the last handle
     for (const Key& key : map_.keys()) del(owner, key);
   }
 
@@ -356,7 +341,7 @@ class KeySet {
   bool attr##Del(const Key& key) {           \
     return attr##_.del(*this, key);          \
   }                                          \
-  void attr##Del(Attr##Iterator& it) {       \
+  void attr##Del(const Attr##Iterator& it) { \
     attr##_.del(*this, it);                  \
   }                                          \
   void attr##DelAll() {                      \

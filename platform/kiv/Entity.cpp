@@ -37,7 +37,7 @@ std::string Entity::uriPath() const {
   std::string path;
   if (parent_ != nullptr) {
     path = parent_->uriPath();
-    appendSegment(path, parentAttr_->name);
+    appendSegment(path, parentAttr());
   }
   appendSegment(path, name());
   return path;
@@ -50,7 +50,9 @@ std::string_view Entity::parentAttr() const noexcept {
 void Entity::zeroReferences() noexcept {
   if (!hasNotifiees()) return;
   SnapshotIterator walk(*notifiees_);
-  while (Notifiee* notifiee = walk.next()) notifiee->onZeroReferences();
+  while (Notifiee* notifiee = walk.next()) {
+    if (notifiee->acceptsNotifications()) notifiee->onZeroReferences();
+  }
 }
 
 }  // namespace Kiv

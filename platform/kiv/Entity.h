@@ -1,9 +1,12 @@
 // Entities: named objects with attributes, whose changes are announced.
 #pragma once
 
+#include <concepts>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/kiv/Activity.h"
 #include "platform/kiv/Attribute.h"
@@ -53,20 +56,19 @@ class Entity : public Object {
 
   /// Announces a change of the attribute with tag `Attribute`, under `key` for a collection entry.
   ///
-  /// A callback that raises is told so itself; the others are still called.
+  /// A callback that raises is told so itself; the others are still called. Callbacks may take away
+  /// what `key` refers to, or the entity itself.
   template <class Attribute, class... Key>
   void notify(const Key&... key) const {
     if (hasNotifiees()) [[unlikely]]
-      notifyAll<Attribute>(key...);
+      notifyAll<Attribute>(Key(key)...);
   }
 
  protected:
   Entity() = default;
-  ~Entity() override {
-    if (notifiees_ != nullptr) notifiees_->ownerIsGone();
-  }
+  ~Entity() override { dropNotifiees(); }
   void zeroReferences() noexcept override;
-  /// Forgets the notifiees: from here on nothing is announced.
+  /// Forgets the notifiees: from here on nothing is announced. For destructors.
   void dropNotifiees() noexcept {
     if (notifiees_ != nullptr) std::exchange(notifiees_, nullptr)->ownerIsGone();
   }
@@ -94,7 +96,7 @@ void Entity::notifyAll(const Key&... key) const {
         Attribute::deliver(*notifiee, key...);
       }
     } catch (...) {
-      if (walk.isPresent()) notifiee->onNotificationException(Attribute::kInfo.id);
+      if (walk.current() != nullptr) notifiee->onNotificationException(Attribute::kInfo.id);
     }
   }
 }

@@ -13,6 +13,10 @@ HashSeed drawHashSeed() noexcept {
   return {.add = word(), .multiply = word() | 1};
 }
 
+void hashSeedIs(const HashSeed& seed) noexcept {
+  hashSeed = {.add = seed.add, .multiply = seed.multiply | 1};
+}
+
 uint32_t hashBytes(const void* bytes, size_t size) noexcept {
   const auto* at = static_cast<const unsigned char*>(bytes);
   uint64_t h = hashSeed.add ^ size;

@@ -20,7 +20,13 @@ struct HashSeed {
 /// Draws a seed from the operating system's random source.
 HashSeed drawHashSeed() noexcept;
 
-inline const HashSeed hashSeed = drawHashSeed();
+inline HashSeed hashSeed = drawHashSeed();
+
+/// Fixes the seed, for runs that must repeat themselves exactly.
+///
+/// To be called before any table or string is filled: what was stored under another seed is not
+/// found again, and equal strings made before and after count as different.
+void hashSeedIs(const HashSeed& seed) noexcept;
 
 namespace detail {
 __extension__ using Uint128 = unsigned __int128;
@@ -28,7 +34,7 @@ __extension__ using Uint128 = unsigned __int128;
 /// The product of two words, its halves folded together: every input bit reaches every output bit.
 constexpr uint64_t fold(uint64_t a, uint64_t b) {
   const auto product = static_cast<Uint128>(a) * b;
-  return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+  return static_cast<uint64_t>(product ^ (product >> 64));
 }
 }  // namespace detail
 

@@ -8,8 +8,8 @@
 namespace Kiv {
 
 Notifiee::~Notifiee() {
-  if (activity_) activity_->cancel(*this);
-  leaveNotifier();
+  for (auto* walk = walk_; walk != nullptr; walk = walk->outer_) walk->current_ = nullptr;
+  notifierEntityIs(nullptr);
 }
 
 void Notifiee::isRegisteredNotifieeIs(bool registered) {
@@ -19,13 +19,20 @@ void Notifiee::isRegisteredNotifieeIs(bool registered) {
     notifier_->notifierList().add(*this);
   } else {
     notifier_->notifierList().remove(*this);
+    if (activity_) activity_->withdraw(*this);
+    if (hold_ == Hold::kWeak) notifier_ = nullptr;
   }
 }
 
 void Notifiee::kivFwkActivityIs(const Ptr<ActivityConfig>& activity) {
   if (activity == activity_) return;
-  if (activity_) activity_->cancel(*this);
-  activity_ = activity;
+  const auto former = std::exchange(activity_, activity);
+  if (!former) return;
+  auto waiting = former->withdraw(*this);
+  if (waiting.empty()) return;
+  const Ptr<Notifiee> alive(this);
+  const auto next = activity_ ? activity_ : make<ActivityConfig>();
+  for (auto& notification : waiting) next->enqueue(std::move(notification));
 }
 
 void Notifiee::handleNotification(ActivityConfig& config) {
@@ -34,24 +41,21 @@ void Notifiee::handleNotification(ActivityConfig& config) {
 
 void Notifiee::notifierEntityIs(const Entity* notifier) {
   if (notifier == notifier_) return;
-  leaveNotifier();
+  const bool holds = hold_ == Hold::kStrong;
+  // Let go of last: the old notifier may be all that holds the new one.
+  const auto former = holds ? Ptr<const Entity>::adopt(notifier_) : nullptr;
+  isRegisteredNotifieeIs(false);
   notifier_ = notifier;
-  if (notifier_ == nullptr) return;
-  if (hold_ == Hold::kStrong) notifier_->retain();
+  if (notifier == nullptr) return;
+  if (holds) notifier->retain();
   isRegisteredNotifieeIs(true);
-  kivImmediate();
+  if (acceptsNotifications()) kivImmediate();
 }
 
 void Notifiee::notifierIsGone() noexcept {
   registered_ = false;
   notifier_ = nullptr;
-}
-
-void Notifiee::leaveNotifier() noexcept {
-  if (notifier_ == nullptr) return;
-  isRegisteredNotifieeIs(false);
-  const Entity* left = std::exchange(notifier_, nullptr);
-  if (hold_ == Hold::kStrong) left->release();
+  if (activity_) activity_->withdraw(*this);
 }
 
 void NotifierList::add(Notifiee& notifiee) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 #include "platform/kiv/Attribute.h"
@@ -12,6 +13,7 @@ namespace Kiv {
 class ActivityConfig;
 class Entity;
 class NotifierList;
+class SnapshotIterator;
 
 /// What all reactors have in common: one notifier, an activity, and whether they may act.
 ///
@@ -27,7 +29,7 @@ class Notifiee : public Object {
   /// True while callbacks may act: not being destroyed, not a zombie.
   bool isLive() const noexcept { return !isDestructing() && !zombie_; }
   /// True when a notification sent now would be delivered.
-  bool acceptsNotifications() const noexcept { return active_ && isLive(); }
+  bool acceptsNotifications() const noexcept { return registered_ && active_ && isLive(); }
 
   bool hasNotificationActive() const noexcept { return active_; }
   /// Switches delivery on or off without unregistering. What is missed meanwhile is lost.
@@ -39,12 +41,15 @@ class Notifiee : public Object {
   virtual void kivDoZombieReactors(bool zombie) { zombie_ = zombie; }
 
   bool isRegisteredNotifiee() const noexcept { return registered_; }
-  /// Enters this into the notifier's list or takes it out; without a notifier nothing happens.
+  /// Enters this into the notifier's list or takes it out; without a notifier nothing happens. What
+  /// waits to be delivered is dropped on leaving, and one that does not hold its notifier forgets
+  /// it, of whose end it would not be told.
   void isRegisteredNotifieeIs(bool registered);
 
   /// The activity that delivers to this reactor; null means at once.
   const Ptr<ActivityConfig>& kivFwkActivity() const noexcept { return activity_; }
-  /// Moves to another activity. A reactor that owns reactors passes it on to them.
+  /// Moves to another activity, with the notifications that wait; one that does not queue delivers
+  /// them now. A reactor that owns reactors passes it on to them.
   virtual void kivFwkActivityIs(const Ptr<ActivityConfig>& activity);
 
   /// Called by an activity that queued a notification for this reactor: delivers it.
@@ -66,7 +71,8 @@ class Notifiee : public Object {
   explicit Notifiee(Hold hold = Hold::kStrong) : hold_(hold) {}
 
   const Entity* notifierEntity() const noexcept { return notifier_; }
-  /// Leaves the present notifier, registers with `notifier` and catches up with it.
+  /// Leaves the present notifier, registers with `notifier` and, if notifications are accepted,
+  /// catches up with it.
   void notifierEntityIs(const Entity* notifier);
 
   /// Runs the immediate callbacks, by which the reactor catches up with a new notifier.
@@ -74,13 +80,13 @@ class Notifiee : public Object {
 
  private:
   friend class NotifierList;
+  friend class SnapshotIterator;
   friend class Tracer;
-  friend class QueueingActivity;
 
   void notifierIsGone() noexcept;
-  void leaveNotifier() noexcept;
 
   const Entity* notifier_ = nullptr;
+  SnapshotIterator* walk_ = nullptr;  // the innermost one that stands here
   Ptr<ActivityConfig> activity_;
   Hold hold_;
   bool registered_ = false;
@@ -136,22 +142,34 @@ class SnapshotIterator {
   }
   SnapshotIterator(const SnapshotIterator&) = delete;
   SnapshotIterator& operator=(const SnapshotIterator&) = delete;
-  ~SnapshotIterator() { list_.endWalk(); }
+  ~SnapshotIterator() {
+    standOn(nullptr);
+    list_.endWalk();
+  }
 
   /// The next notifiee, or null at the end.
   Notifiee* next() noexcept {
-    while (at_ < end_) {
-      if (Notifiee* notifiee = list_.slots_[at_++]) return notifiee;
-    }
-    return nullptr;
+    Notifiee* notifiee = nullptr;
+    while (at_ < end_ && notifiee == nullptr) notifiee = list_.slots_[at_++];
+    standOn(notifiee);
+    return notifiee;
   }
-  /// True while the notifiee that next() gave last has not left the list.
-  bool isPresent() const noexcept { return list_.slots_[at_ - 1] != nullptr; }
+  /// What next() gave last, also if it has left the list; null once it has been destroyed.
+  Notifiee* current() const noexcept { return current_; }
 
  private:
+  friend class Notifiee;
+  void standOn(Notifiee* notifiee) noexcept {
+    if (current_ != nullptr) current_->walk_ = outer_;
+    current_ = notifiee;
+    if (current_ != nullptr) outer_ = std::exchange(current_->walk_, this);
+  }
+
   NotifierList& list_;
   size_t at_ = 0;
   size_t end_;
+  Notifiee* current_ = nullptr;
+  SnapshotIterator* outer_ = nullptr;  // another that stands on `current_`, further up the stack
 };
 
 }  // namespace Kiv

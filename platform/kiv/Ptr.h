@@ -55,6 +55,12 @@ class Object {
   mutable std::atomic<int32_t> references_{1};
 };
 
+namespace detail {
+/// A pointer to U is one to T: the same type, a derived one, or one that is less const.
+template <class U, class T>
+concept PointsTo = std::convertible_to<U*, T*>;
+}  // namespace detail
+
 /// A counted handle to a T, null, or the invalid-reference value (all bits set).
 ///
 /// Neither the null nor the invalid handle refers to an object: both are false as a condition and
@@ -70,14 +76,14 @@ class Ptr {
   explicit Ptr(T* object) noexcept : object_(object) { retain(); }
   Ptr(const Ptr& other) noexcept : object_(other.object_) { retain(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-  template <class U>
-  requires std::convertible_to<U*, T*> Ptr(const Ptr<U>& other)  // NOLINT: converts as pointers do
-  noexcept : object_(other.isInvalid() ? invalidObject() : static_cast<T*>(other.get())) {
+  template <detail::PointsTo<T> U>
+  Ptr(const Ptr<U>& other) noexcept  // NOLINT(google-explicit-constructor): as pointers do
+      : object_(other.isInvalid() ? invalidObject() : static_cast<T*>(other.get())) {
     retain();
   }
-  template <class U>
-  requires std::convertible_to<U*, T*> Ptr(Ptr<U>&& other)  // NOLINT: converts as pointers do
-  noexcept : object_(other.isInvalid() ? invalidObject() : static_cast<T*>(other.get())) {
+  template <detail::PointsTo<T> U>
+  Ptr(Ptr<U>&& other) noexcept  // NOLINT(google-explicit-constructor): as pointers do
+      : object_(other.isInvalid() ? invalidObject() : static_cast<T*>(other.get())) {
     other.forget();
   }
   Ptr& operator=(Ptr other) noexcept {
@@ -113,7 +119,7 @@ class Ptr {
 
   template <class U>
   friend bool operator==(const Ptr& a, const Ptr<U>& b) noexcept {
-    return static_cast<const void*>(a.get()) == static_cast<const void*>(b.get());
+    return a.get() == b.get();
   }
   friend bool operator==(const Ptr& a, std::nullptr_t) noexcept { return a.object_ == nullptr; }
   friend std::strong_ordering operator<=>(const Ptr& a, const Ptr& b) noexcept {

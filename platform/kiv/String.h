@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <compare>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <ostream>
@@ -51,6 +52,11 @@ class StringN {
 
   friend bool operator==(const StringN& a, const StringN& b) noexcept {
     return a.bytes_ == b.bytes_ || (a.hash() == b.hash() && a.view() == b.view());
+  }
+  /// Compares with a text that is no String without making one of it.
+  template <std::convertible_to<std::string_view> Text>
+  friend bool operator==(const StringN& a, const Text& b) noexcept {
+    return a.view() == std::string_view(b);
   }
   friend std::strong_ordering operator<=>(const StringN& a, const StringN& b) noexcept {
     return a.view() <=> b.view();

@@ -2,6 +2,9 @@
 
 #include <iostream>
 #include <mutex>
+#include <utility>
+
+#include "platform/kiv/Exception.h"
 
 namespace Kiv {
 
@@ -9,7 +12,7 @@ namespace {
 
 TraceFacility* firstFacility = nullptr;
 std::mutex switches;
-std::ostream* coverage = nullptr;
+std::atomic<std::ostream*> coverage = nullptr;
 
 Tracer::Sink& currentSink() {
   static Tracer::Sink sink;
@@ -19,7 +22,9 @@ Tracer::Sink& currentSink() {
 }  // namespace
 
 TraceFacility::TraceFacility(const char* name, const char* sourceModule)
-    : name_(name), sourceModule_(sourceModule), next_(std::exchange(firstFacility, this)) {}
+    : name_(name), sourceModule_(sourceModule), next_(std::exchange(firstFacility, this)) {
+  refresh();
+}
 
 TraceFacility* TraceFacility::find(std::string_view name) noexcept {
   TraceFacility* facility = firstFacility;
@@ -71,9 +76,9 @@ std::ostream& operator<<(std::ostream& os, const TraceRecord& record) {
 void traceHelper(const TraceFacility& handle, const Name& objectName, const std::string& message,
                  unsigned level, bool enabled, const char* sourceModule, int line,
                  const char* functionName) {
-  if (coverage != nullptr) {
-    *coverage << sourceModule << ':' << line << ' ' << functionName << ' ' << level << ": "
-              << message << '\n';
+  if (std::ostream* stream = coverage) {
+    *stream << sourceModule << ':' << line << ' ' << functionName << ' ' << level << ": " << message
+            << '\n';
   }
   if (!enabled) return;
   const TraceRecord record{.facility = handle.name(),

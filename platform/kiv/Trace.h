@@ -16,7 +16,7 @@ namespace Kiv {
 /// The trace statements of one source module, with its switches.
 ///
 /// A statement is written when the facility is enabled and its level is. A disabled one costs one
-/// test. The switches may be turned by any thread.
+/// test. The switches may be turned by any thread. A facility lives as long as the process.
 class TraceFacility {
  public:
   static constexpr unsigned kLevels = 10;
