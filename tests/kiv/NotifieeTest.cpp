@@ -1,0 +1,175 @@
+// Who is told of a change, and what may happen meanwhile.
+#include "platform/kiv/Notifiee.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "tests/kiv/Bridge.h"
+
+namespace {
+
+using Sample::Bridge;
+using Sample::BridgeWatcher;
+using Sample::Log;
+using Sample::take;
+using Hold = Kiv::Notifiee::Hold;
+
+class NotifieeTest : public testing::Test {
+ protected:
+  BridgeWatcher::Ptr watcherOf(const Bridge::Ptr& watched, const char* name,
+                               Hold hold = Hold::kStrong) {
+    auto watcher = Kiv::make<BridgeWatcher>(log, name, hold);
+    watcher->notifierIs(watched);
+    log.clear();
+    return watcher;
+  }
+  /// What is told when the bridge's VLAN 1 is announced.
+  Log announce() {
+    bridge->vlanNotify(1);
+    return take(log);
+  }
+
+  Log log;
+  Bridge::Ptr bridge = Kiv::make<Bridge>("br0");
+};
+
+TEST_F(NotifieeTest, BindingCatchesUpWithEachNewNotifier) {
+  const auto watcher = Kiv::make<BridgeWatcher>(log);
+  watcher->notifierIs(bridge);
+  EXPECT_EQ(take(log), (Log{"mtu", "port*"}));
+  EXPECT_TRUE(watcher->isRegisteredNotifiee());
+  watcher->notifierIs(bridge);
+  EXPECT_EQ(take(log), Log{});
+
+  const auto other = Kiv::make<Bridge>("br1");
+  watcher->notifierIs(other);
+  EXPECT_EQ(take(log), (Log{"mtu", "port*"}));
+  EXPECT_EQ(announce(), Log{});
+  other->vlanNotify(1);
+  EXPECT_EQ(take(log), Log{"vlan 1"});
+
+  watcher->notifierIs(nullptr);
+  other->vlanNotify(1);
+  EXPECT_EQ(watcher->notifier(), nullptr);
+  EXPECT_EQ(other->referenceCount(), 1);
+  EXPECT_EQ(take(log), Log{});
+}
+
+// The walk would call into a destroyed reactor, or step over one that is still there.
+TEST_F(NotifieeTest, TheWalkIsOfThoseWhoWereThereAndStillAre) {
+  std::vector<BridgeWatcher::Ptr> watchers;
+  for (const char* name : {"a ", "b ", "c ", "d "}) watchers.push_back(watcherOf(bridge, name));
+  BridgeWatcher::Ptr joined;
+  watchers[1]->then = [&] {
+    watchers[1]->then = nullptr;
+    watchers[0] = nullptr;             // has been told
+    watchers[1]->notifierIs(nullptr);  // is being told
+    watchers[2] = nullptr;             // has not been told
+    joined = Kiv::make<BridgeWatcher>(log, "e ");
+    joined->notifierIs(bridge);
+    bridge->vlanNotify(2);  // a walk within the walk
+  };
+  EXPECT_EQ(announce(),
+            (Log{"a vlan 1", "b vlan 1", "e mtu", "e port*", "d vlan 2", "e vlan 2", "d vlan 1"}));
+  EXPECT_EQ(announce(), (Log{"d vlan 1", "e vlan 1"}));
+}
+
+TEST_F(NotifieeTest, ANotifieeMayMoveAwayInItsOwnCallback) {
+  auto old = Kiv::make<Bridge>("old");
+  const auto mover = watcherOf(old, "");
+  const auto weak = watcherOf(old, "weak ", Hold::kWeak);
+  mover->then = [&] {
+    mover->then = nullptr;
+    mover->notifierIs(bridge);  // which destroys the old one in the middle of its walk
+  };
+  Bridge& changed = *old;
+  old = nullptr;
+  changed.vlanNotify(1);
+  EXPECT_EQ(take(log), (Log{"vlan 1", "mtu", "port*", "weak zero"}));
+  EXPECT_EQ(announce(), Log{"vlan 1"});
+  EXPECT_EQ(bridge->referenceCount(), 2);
+}
+
+TEST_F(NotifieeTest, TheOldNotifierMayBeAllThatHoldsTheNewOne) {
+  struct Outer final : Bridge {
+    Outer() : Bridge("outer") {}
+    Kiv::Ptr<const Bridge> inner = Kiv::make<Bridge>("inner");
+  };
+  auto outer = Kiv::make<Outer>();
+  const auto watcher = watcherOf(outer, "");
+  const auto& inner = outer->inner;
+  outer = nullptr;
+  watcher->notifierIs(inner);
+  ASSERT_NE(watcher->notifierRaw(), nullptr);
+  EXPECT_EQ(watcher->notifierRaw()->fullName(), "inner");
+}
+
+TEST_F(NotifieeTest, ACallbackThatRaisesIsToldSoAndTheWalkGoesOn) {
+  std::vector<BridgeWatcher::Ptr> watchers;
+  for (const char* name : {"a ", "b ", "c ", "d "}) {
+    watchers.push_back(watcherOf(bridge, name, Hold::kWeak));
+  }
+  watchers[0]->then = [] { throw std::runtime_error("a"); };
+  watchers[1]->then = [&] {
+    watchers[1]->notifierIs(nullptr);
+    throw 1;  // NOLINT(hicpp-exception-baseclass): any type will do
+  };
+  watchers[2]->then = [&] {
+    watchers[2] = nullptr;
+    throw std::runtime_error("there is nobody to tell");
+  };
+  EXPECT_EQ(announce(), (Log{"a vlan 1", "a exception 260", "b vlan 1", "b exception 260",
+                             "c vlan 1", "d vlan 1"}));
+  watchers[0]->then = [&] {
+    bridge = nullptr;
+    throw std::runtime_error("the notifier is gone");
+  };
+  bridge->mtuNotify();
+  EXPECT_EQ(take(log), (Log{"a mtu", "a zero", "d zero", "a exception 257"}));
+}
+
+TEST_F(NotifieeTest, WhatIsMissedWhileDeliveryIsOffIsLost) {
+  const auto watcher = watcherOf(bridge, "");
+  const auto other = Kiv::make<Bridge>("br1");
+  const auto expectNothingUntil = [&](const auto& on) {
+    EXPECT_EQ(announce(), Log{});
+    watcher->notifierIs(other);
+    watcher->notifierIs(bridge);
+    EXPECT_TRUE(watcher->isRegisteredNotifiee());
+    on();
+    EXPECT_EQ(take(log), Log{});
+    EXPECT_EQ(announce(), Log{"vlan 1"});
+  };
+  watcher->hasNotificationActiveIs(false);
+  expectNothingUntil([&] { watcher->hasNotificationActiveIs(true); });
+  watcher->kivDoZombieReactors(true);
+  EXPECT_FALSE(watcher->isLive());
+  expectNothingUntil([&] { watcher->kivDoZombieReactors(false); });
+}
+
+TEST_F(NotifieeTest, ANotifieeThatDoesNotHoldItsNotifierIsToldOfItsEnd) {
+  const auto weak = watcherOf(bridge, "weak ", Hold::kWeak);
+  const auto off = watcherOf(bridge, "off ", Hold::kWeak);
+  off->hasNotificationActiveIs(false);
+  EXPECT_EQ(bridge->referenceCount(), 1);
+  EXPECT_EQ(announce(), Log{"weak vlan 1"});
+  bridge = nullptr;
+  EXPECT_EQ(take(log), Log{"weak zero"});
+  EXPECT_EQ(weak->notifier(), nullptr);
+  EXPECT_EQ(off->notifier(), nullptr);
+}
+
+// One that is not in the list cannot be told of the end, and would be left with a stray pointer.
+TEST_F(NotifieeTest, OnlyANotifieeThatHoldsItsNotifierKeepsItWhenUnregistered) {
+  const auto strong = watcherOf(bridge, "strong ");
+  const auto weak = watcherOf(bridge, "weak ", Hold::kWeak);
+  for (const auto& watcher : {strong, weak}) watcher->isRegisteredNotifieeIs(false);
+  EXPECT_EQ(announce(), Log{});
+  EXPECT_EQ(strong->notifier(), bridge);
+  EXPECT_EQ(weak->notifier(), nullptr);
+  for (const auto& watcher : {strong, weak}) watcher->isRegisteredNotifieeIs(true);
+  EXPECT_EQ(announce(), Log{"strong vlan 1"});
+}
+
+}  // namespace

@@ -1,0 +1,69 @@
+// Strings, names, and the hashes under which tables keep them.
+#include "platform/kiv/String.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/kiv/Hash.h"
+
+namespace {
+
+using Kiv::String;
+using namespace std::string_view_literals;
+
+TEST(StringTest, CopiesShareTheirBytes) {
+  const String name("Ethernet1");
+  const String copy = name;
+  EXPECT_EQ(copy.view().data(), name.view().data());
+  String assigned("Ethernet2");
+  assigned = copy;
+  assigned = assigned;  // NOLINT(clang-diagnostic-self-assign-overloaded)
+  EXPECT_EQ(assigned.view().data(), name.view().data());
+  String moved = std::move(assigned);
+  EXPECT_TRUE(assigned.empty());  // NOLINT(bugprone-use-after-move): that is the question
+  EXPECT_EQ(moved, "Ethernet1"sv);
+}
+
+TEST(StringTest, EqualityHashAndOrderAreThoseOfTheText) {
+  const auto texts = {""sv,          "a"sv,          "a\0"sv,       "a\0b"sv, "ab"sv,
+                      "Ethernet1"sv, "Ethernet10"sv, "Ethernet2"sv, "\xff"sv};
+  for (const auto a : texts) {
+    for (const auto b : texts) {
+      const String left(a), right(b);
+      EXPECT_EQ(left == right, a == b) << a << " and " << b;
+      EXPECT_EQ(left < right, a < b) << a << " and " << b;
+      EXPECT_EQ(left.hash() == right.hash(), a == b) << a << " and " << b;
+    }
+  }
+  EXPECT_EQ(String(""), String());
+  EXPECT_TRUE(String("").empty());
+  EXPECT_EQ(String(""), ""sv);
+}
+
+TEST(StringTest, PosFindsTheFirstOccurrenceFromThere) {
+  const String path("a/bb/bb");
+  EXPECT_EQ(path.pos("bb"), 2u);
+  EXPECT_EQ(path.pos("bb", 3), 5u);
+  EXPECT_EQ(path.pos("bb", 6), String::kNotFound);
+  EXPECT_EQ(path.pos("c"), String::kNotFound);
+  EXPECT_EQ(path.pos("a", 100), String::kNotFound);
+  EXPECT_EQ(String().pos("a"), String::kNotFound);
+}
+
+// A run that is to be repeated exactly needs the same hashes; other runs must not be predictable.
+TEST(HashTest, HashesDependOnTheSeedAlone) {
+  const Kiv::HashSeed drawn = Kiv::hashSeed;
+  const auto hashesUnder = [](const Kiv::HashSeed& seed) {
+    Kiv::hashSeedIs(seed);
+    return std::vector{Kiv::hashWord(7), Kiv::hashWords(7, 8), String("Ethernet1").hash(),
+                       String("Ethernet1/1").hash()};
+  };
+  const auto first = hashesUnder({.add = 1, .multiply = 0x9e37'79b9'7f4a'7c15});
+  const auto second = hashesUnder({.add = 2, .multiply = 0x9e37'79b9'7f4a'7c15});
+  EXPECT_EQ(hashesUnder({.add = 1, .multiply = 0x9e37'79b9'7f4a'7c15}), first);
+  for (size_t i = 0; i < first.size(); ++i) EXPECT_NE(first[i], second[i]) << i;
+  // A multiplier of zero would make every hash the same.
+  EXPECT_NE(hashesUnder({.add = 0, .multiply = 0})[0], Kiv::hashWord(8));
+  Kiv::hashSeedIs(drawn);
+}
+
+}  // namespace
