@@ -4,31 +4,30 @@
 #include <sys/mman.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <new>
 
 namespace Kiv::detail {
 
 namespace {
 
-// From this size on memory is mapped: its pages come zeroed when they are first touched, and
-// neither clearing nor giving back the whole holds up one insertion.
-constexpr size_t kMappedBytes = size_t{256} << 10;
 constexpr size_t kPage = 4096;
 constexpr size_t kHugePage = size_t{2} << 20;
+// From this size on memory is mapped, in huge pages where the system has them. They come zeroed
+// when they are first touched and go one by one, so no insertion pays for the whole.
+constexpr size_t kMappedBytes = kHugePage;
 
 constexpr size_t roundUp(size_t bytes, size_t unit) {
   return (bytes + unit - 1) & ~(unit - 1);
 }
 
-// Groups of a large table are aligned, so that none lies in two cache lines.
-size_t slotBytes(size_t groups, size_t slots, size_t slotSize) {
-  return roundUp(slots * slotSize, groups == 1 ? 8 : sizeof(HashGroup));
+/// What stands before the slots. Whole groups, so that each is in one cache line when there are
+/// many.
+size_t headBytes(size_t groups) {
+  const size_t emptying = groups == 1 ? 0 : sizeof(HashBlock::Emptying);
+  return emptying + groups * sizeof(HashGroup) + sizeof(HashBlock);
 }
 size_t blockBytes(size_t groups, size_t slots, size_t slotSize) {
-  const size_t emptying = groups == 1 ? 0 : sizeof(HashBlock::Emptying);
-  const size_t bytes = slotBytes(groups, slots, slotSize) + sizeof(HashBlock) +
-                       groups * sizeof(HashGroup) + emptying;
+  const size_t bytes = headBytes(groups) + slots * slotSize;
   return bytes < kMappedBytes ? bytes : roundUp(bytes, kPage);
 }
 
@@ -36,23 +35,26 @@ size_t blockBytes(size_t groups, size_t slots, size_t slotSize) {
 /// bytes less the 8 it keeps for itself.
 size_t slotsInHeapBlock(size_t elements, size_t slotSize) {
   const size_t usable = roundUp(blockBytes(1, elements, slotSize) + 8, 16) - 8;
-  return std::min<size_t>(HashGroup::kSlots, (usable - blockBytes(1, 0, slotSize)) / slotSize);
+  return std::min<size_t>(HashGroup::kSlots, (usable - headBytes(1)) / slotSize);
 }
 
-/// Maps memory that ends on a huge page, as far as it has one: there the groups are.
+/// Where the next huge page begins, seen from `at`.
+std::byte* upToHugePage(std::byte* at) {
+  return at + -reinterpret_cast<uintptr_t>(at) % kHugePage;
+}
+
+/// Maps memory that begins on a huge page: with the groups, which every search reads.
 std::byte* map(size_t bytes) {
-  const size_t slack = bytes < kHugePage ? 0 : kHugePage;
+  const size_t mappedBytes = bytes + kHugePage;
   void* mapped =
-      mmap(nullptr, bytes + slack, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      mmap(nullptr, mappedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapped == MAP_FAILED) throw std::bad_alloc();
-  auto* start = static_cast<std::byte*>(mapped);
-  if (slack == 0) return start;
-  const size_t tail = reinterpret_cast<uintptr_t>(start + bytes) % kHugePage;
-  const size_t head = tail == 0 ? 0 : kHugePage - tail;
-  if (head != 0) munmap(start, head);
-  if (head != slack) munmap(start + head + bytes, slack - head);
-  madvise(start + head, bytes, MADV_HUGEPAGE);
-  return start + head;
+  auto* const first = static_cast<std::byte*>(mapped);
+  std::byte* const start = upToHugePage(first);
+  if (start != first) munmap(first, static_cast<size_t>(start - first));
+  munmap(start + bytes, static_cast<size_t>(first + mappedBytes - (start + bytes)));
+  madvise(start, bytes, MADV_HUGEPAGE);
+  return start;
 }
 
 }  // namespace
@@ -68,11 +70,8 @@ HashBlock* HashBlock::allocate(size_t elements, size_t slotSize) {
   const size_t bytes = blockBytes(groups, slots, slotSize);
   const bool isMapped = bytes >= kMappedBytes;
   auto* memory = isMapped ? map(bytes) : static_cast<std::byte*>(::operator new(bytes));
-  auto* block = reinterpret_cast<HashBlock*>(memory + slotBytes(groups, slots, slotSize));
-  if (!isMapped) std::memset(block->groups(), HashGroup::kEmptySlot, groups * sizeof(HashGroup));
-  if (groups == 1) {
-    std::memset(block->groups()->control + slots, HashGroup::kNoSlot, HashGroup::kSlots - slots);
-  }
+  if (!isMapped) std::memset(memory, HashGroup::kEmptySlot, headBytes(groups));
+  auto* block = reinterpret_cast<HashBlock*>(memory + headBytes(groups)) - 1;
   *block = {.size = 0,
             .free = 0,
             .generation = 0,
@@ -81,33 +80,35 @@ HashBlock* HashBlock::allocate(size_t elements, size_t slotSize) {
             .isMapped = isMapped,
             .emptiesAnother = false};
   block->free = static_cast<uint32_t>(block->capacity());
+  if (groups == 1) {
+    std::memset(block->group(0)->control + slots, HashGroup::kNoSlot, HashGroup::kSlots - slots);
+  }
   return block;
 }
 
-std::byte* HashBlock::start(size_t slotSize) noexcept {
-  return reinterpret_cast<std::byte*>(this) - slotBytes(groupCount(), slotCount(), slotSize);
-}
-
 size_t HashBlock::bytes(size_t slotSize) const noexcept {
-  return blockBytes(groupCount(), slotCount(), slotSize);
+  return slotCount() == 0 ? 0 : blockBytes(groupCount(), slotCount(), slotSize);
 }
 
-void HashBlock::release(size_t slotSize, std::byte* from) noexcept {
-  std::byte* const first = start(slotSize);
+std::byte* HashBlock::end(size_t slotSize) noexcept {
+  return slots(0, slotSize) - headBytes(groupCount()) + bytes(slotSize);
+}
+
+void HashBlock::release(std::byte* end) noexcept {
+  std::byte* const start = slots(0, 0) - headBytes(groupCount());
   if (isMapped) {
-    munmap(from, static_cast<size_t>(first + bytes(slotSize) - from));
+    munmap(start, static_cast<size_t>(end - start));
   } else {
-    ::operator delete(first);
+    ::operator delete(start);
   }
 }
 
-std::byte* HashBlock::releaseBehind(size_t groups, size_t slotSize, std::byte* from) noexcept {
-  if (!isMapped) return from;
-  std::byte* end = reinterpret_cast<std::byte*>(this) - groups * HashGroup::kSlots * slotSize;
-  end -= reinterpret_cast<uintptr_t>(end) % kHugePage;
-  if (end <= from) return from;
-  munmap(from, static_cast<size_t>(end - from));
-  return end;
+std::byte* HashBlock::releaseBehind(size_t groups, size_t slotSize, std::byte* end) noexcept {
+  if (!isMapped) return end;
+  std::byte* const unused = upToHugePage(slots(groups, slotSize));
+  if (unused >= end) return end;
+  munmap(unused, static_cast<size_t>(end - unused));
+  return unused;
 }
 
 }  // namespace Kiv::detail

@@ -1,6 +1,8 @@
 // The memory of a hash table: its blocks, and the control bytes by which slots are found.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -26,10 +28,11 @@ struct HashGroup {
   /// all hashes. A search that finds the bit of its hash clear is over.
   uint8_t overflow;
 
-  static uint8_t tagOf(uint32_t hash) {
-    const auto low = static_cast<uint8_t>(hash);
-    return low < kFirstTag ? static_cast<uint8_t>(low + 8) : low;
+  static constexpr uint8_t tagOf(uint32_t hash) {
+    return std::max(static_cast<uint8_t>(hash), kFirstTag);
   }
+  /// The slot in which to put a key if it is empty, else one of the next.
+  static uint32_t firstChoice(uint32_t hash) { return hash & 14; }
   static uint8_t overflowBitOf(uint32_t hash) { return static_cast<uint8_t>(1U << (hash & 7)); }
   bool hasOverflowed(uint32_t hash) const { return (overflow & overflowBitOf(hash)) != 0; }
 };
@@ -40,6 +43,9 @@ class WordMatcher {
  public:
   static uint32_t matching(const HashGroup& group, uint8_t byte) {
     return bits(group, [byte](uint64_t word) { return zeroBytes(word ^ (kOnes * byte)); });
+  }
+  static uint32_t tagged(const HashGroup& group, uint32_t hash) {
+    return matching(group, HashGroup::tagOf(hash));
   }
   static uint32_t full(const HashGroup& group) {
     return bits(group, [](uint64_t word) { return ~zeroBytes(word & (kOnes * 0xfe)) & kHighBits; });
@@ -74,12 +80,24 @@ class Sse2Matcher {
   static uint32_t matching(const HashGroup& group, uint8_t byte) {
     return bits(_mm_cmpeq_epi8(load(group), _mm_set1_epi8(static_cast<char>(byte))));
   }
+  static uint32_t tagged(const HashGroup& group, uint32_t hash) {
+    const int tags = static_cast<int>(kFourTags[hash & 0xff]);
+    return bits(_mm_cmpeq_epi8(load(group), _mm_set1_epi32(tags)));
+  }
   static uint32_t full(const HashGroup& group) {
     const __m128i bytes = load(group);
     return bits(_mm_cmpeq_epi8(_mm_max_epu8(bytes, _mm_set1_epi8(HashGroup::kFirstTag)), bytes));
   }
 
  private:
+  // By the low byte of a hash: one load instead of the steps that limit and spread a tag.
+  static constexpr auto kFourTags = [] {
+    std::array<uint32_t, 256> tags{};
+    for (uint32_t low = 0; low < tags.size(); ++low)
+      tags[low] = 0x01010101U * HashGroup::tagOf(low);
+    return tags;
+  }();
+
   static __m128i load(const HashGroup& group) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(&group));
   }
@@ -92,51 +110,72 @@ using HashMatcher = Sse2Matcher;
 using HashMatcher = WordMatcher;
 #endif
 
-/// The head of a table's memory. The groups follow it; the slots stand before it, slot 0 last. So
+/// The head of a table's memory. The slots follow it; the groups stand before it, group 0 last. So
 /// both are found from one pointer, whatever their number.
 struct HashBlock {
   uint32_t size;        ///< the map's elements; in a block that is being emptied, its own
   uint32_t free;        ///< insertions before the table is rebuilt
   uint32_t generation;  ///< see HashMap::generation()
   uint8_t shift;        ///< by this, a hash becomes the number of its group
-  uint8_t slotsOfOne;   ///< when there is one group only: the slots there is memory for
+  uint8_t slotsOfOne;   ///< of the group, when it is the only one: slots there is memory for
   bool isMapped;        ///< the memory comes from the operating system, not from the heap
   bool emptiesAnother;  ///< elements of an older block are still to be moved here
 
   size_t groupCount() const noexcept { return size_t{1} << (32 - shift); }
   size_t slotCount() const noexcept {
-    return slotsOfOne + (groupCount() & ~size_t{1}) * HashGroup::kSlots;
+    return groupCount() == 1 ? slotsOfOne : groupCount() * HashGroup::kSlots;
   }
-  HashGroup* groups() noexcept { return reinterpret_cast<HashGroup*>(this + 1); }
-
-  /// The block that is being emptied into this one, its last group first.
-  struct Emptying {
-    HashBlock* block;
-    size_t groups;     ///< the groups still to be emptied
-    std::byte* start;  ///< of the memory that has not been given back yet
-  };
-  /// \pre emptiesAnother
-  Emptying& emptying() noexcept { return *reinterpret_cast<Emptying*>(groups() + groupCount()); }
-
   /// The elements that fit before searches become long.
   size_t capacity() const noexcept {
     return groupCount() == 1 ? slotsOfOne : slotCount() - slotCount() / 8;
+  }
+  HashGroup* group(size_t number) noexcept {
+    return reinterpret_cast<HashGroup*>(this) - 1 - number;
+  }
+  /// The first slot of a group.
+  std::byte* slots(size_t group, size_t slotSize) noexcept {
+    return reinterpret_cast<std::byte*>(this + 1) + group * HashGroup::kSlots * slotSize;
+  }
+
+  /// The block that is being emptied into this one, its last group first.
+  struct alignas(16) Emptying {
+    HashBlock* block;
+    size_t groups;   ///< the groups still to be emptied
+    std::byte* end;  ///< of the memory that has not been given back yet
+  };
+  /// \pre emptiesAnother
+  Emptying& emptying() noexcept {
+    return *(reinterpret_cast<Emptying*>(group(groupCount() - 1)) - 1);
   }
 
   /// A block with a capacity of at least `elements`, all slots empty.
   /// \throws std::bad_alloc
   static HashBlock* allocate(size_t elements, size_t slotSize);
-  /// Where the memory starts.
-  std::byte* start(size_t slotSize) noexcept;
   /// The size of the memory.
   size_t bytes(size_t slotSize) const noexcept;
-  /// Gives back the memory from `from` on, what stands before that is given back already.
-  void release(size_t slotSize, std::byte* from) noexcept;
-  void release(size_t slotSize) noexcept { release(slotSize, start(slotSize)); }
-  /// Gives back what it can of the slots before those of the first `groups` groups, when it is
-  /// worth a call. \returns where the rest starts.
-  std::byte* releaseBehind(size_t groups, size_t slotSize, std::byte* from) noexcept;
+  /// Where the memory ends.
+  std::byte* end(size_t slotSize) noexcept;
+  /// Gives back the memory up to `end`; what was behind that has been given back already.
+  void release(std::byte* end) noexcept;
+  /// Gives back what it can of the slots behind the first `groups` groups, when it is worth a call.
+  /// \returns where the rest ends.
+  std::byte* releaseBehind(size_t groups, size_t slotSize, std::byte* end) noexcept;
 };
+
+/// What a map without memory points at: a block that has no slot.
+struct NoHashBlock {
+  HashGroup group;
+  HashBlock block;
+};
+inline constexpr NoHashBlock kNoHashBlock = {
+    .group = {.control = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, .overflow = 0},  // kNoSlot
+    .block = {.size = 0,
+              .free = 0,
+              .generation = 0,
+              .shift = 32,
+              .slotsOfOne = 0,
+              .isMapped = false,
+              .emptiesAnother = false}};
 
 /// Draws a number for HashBlock::generation that no block of this thread has shown before.
 inline uint32_t nextHashGeneration() noexcept {

@@ -36,36 +36,44 @@ class HashMap {
   };
 
  private:
-  static_assert(alignof(Entry) <= 8, "slots end where the head of their block begins");
+  static_assert(alignof(Entry) <= 8, "slots follow the head of their block");
   static_assert(std::is_nothrow_move_constructible_v<K> && std::is_nothrow_move_constructible_v<V>);
   using Block = detail::HashBlock;
   using Group = detail::HashGroup;
   using Matcher = detail::HashMatcher;
 
-  /// Where an element is, or nowhere.
+  /// A slot, or none.
   struct Place {
-    Block* block = nullptr;
-    size_t group = 0;
-    uint32_t slot = 0;
+    Place() = default;
+    Place(Block* of, size_t group, size_t number = 0)
+        : block(of),
+          controls(of->group(group)),
+          slots(reinterpret_cast<Entry*>(of->slots(group, sizeof(Entry)))),
+          slot(number) {}
 
-    Group& controls() const { return block->groups()[group]; }
-    Entry* entry() const {
-      return reinterpret_cast<Entry*>(block) - (group * Group::kSlots + slot + 1);
-    }
+    explicit operator bool() const { return block != nullptr; }
+    Entry* entry() const { return slots + slot; }
+    uint8_t& control() const { return controls->control[slot]; }
+    size_t group() const { return static_cast<size_t>(block->group(0) - controls); }
+
+    Block* block = nullptr;
+    Group* controls = nullptr;
+    Entry* slots = nullptr;  ///< of the group
+    size_t slot = 0;
   };
 
   /// A place in a walk that may change the map.
   ///
   /// The walk goes on when the element it stands on, or any other, is deleted. After an insertion
-  /// it finds its place again by key, and ends there if that element is gone; then it may meet
-  /// elements twice or not at all, so walk over keys() where each counts. A map must stay where it
-  /// is, and outlive its iterators.
+  /// it finds its place again by key, and ends there if that element is gone; elements may then be
+  /// met twice or not at all, so walk over keys() where each counts. The map must stay where it is
+  /// and outlive its iterators.
   template <class Map, class Value>
   class WalkOf {
    public:
     WalkOf() = default;
 
-    explicit operator bool() const noexcept { return place_.block != nullptr; }
+    explicit operator bool() const noexcept { return bool(place_); }
     /// The key of the element, also when it has been deleted. \pre *this
     const K& key() const noexcept { return key_; }
     /// The value. \pre the element has not been deleted
@@ -76,14 +84,14 @@ class HashMap {
     Value& ptr() const { return value(); }
     WalkOf& operator++() {
       findAgain();
-      if (*this) standOn(nextFull(place_.block, place_.group, place_.slot + 1));
+      if (*this) standOn(nextFull(place_));
       return *this;
     }
 
    private:
     friend HashMap;
     explicit WalkOf(Map* map) : map_(map), generation_(map->generation()) {
-      if (map->block_ != nullptr) standOn(nextFull(map->block_, 0, 0));
+      standOn(firstFull(map->block_));
     }
     void findAgain() {
       if (map_->generation() == generation_) return;
@@ -92,7 +100,7 @@ class HashMap {
     }
     void standOn(const Place& place) {
       place_ = place;
-      if (place.block != nullptr) key_ = place.entry()->key;
+      if (place) key_ = place.entry()->key;
     }
 
     Map* map_ = nullptr;
@@ -109,11 +117,9 @@ class HashMap {
     using difference_type = std::ptrdiff_t;
 
     RangeWalk() = default;
-    explicit RangeWalk(Block* block) {
-      if (block != nullptr) standOn(nextFull(block, 0, 0));
-    }
+    explicit RangeWalk(Block* block) { standOn(firstFull(block)); }
     const value_type& operator*() const {
-      const Entry* entry = slots_ - std::countr_zero(full_);
+      const Entry* entry = place_.slots + std::countr_zero(full_);
       if constexpr (std::is_same_v<V, Present>) {
         return entry->key;
       } else {
@@ -122,7 +128,7 @@ class HashMap {
     }
     RangeWalk& operator++() {
       full_ &= full_ - 1;
-      if (full_ == 0) standOn(nextFull(block_, group_ + 1, 0));
+      if (full_ == 0) standOn(firstFull(place_.block, place_.group() + 1));
       return *this;
     }
     void operator++(int) { ++*this; }
@@ -132,17 +138,12 @@ class HashMap {
 
    private:
     void standOn(const Place& place) {
-      if (place.block == nullptr) return;
-      block_ = place.block;
-      group_ = place.group;
-      full_ = Matcher::full(place.controls());
-      slots_ = Place{block_, group_, 0}.entry();
+      place_ = place;
+      full_ = place ? Matcher::full(*place.controls) : 0;
     }
 
-    Block* block_ = nullptr;
-    size_t group_ = 0;
-    uint32_t full_ = 0;
-    const Entry* slots_ = nullptr;
+    Place place_;
+    uint32_t full_ = 0;  // slots of the group that are still to come
   };
 
  public:
@@ -150,15 +151,15 @@ class HashMap {
   using IteratorConst = WalkOf<const HashMap, const V>;
 
   HashMap() = default;
-  HashMap(HashMap&& other) noexcept : block_(std::exchange(other.block_, nullptr)) {}
+  HashMap(HashMap&& other) noexcept : block_(std::exchange(other.block_, none())) {}
   HashMap& operator=(HashMap&& other) noexcept {
-    if (this != &other) destroy(std::exchange(block_, std::exchange(other.block_, nullptr)));
+    if (this != &other) destroy(std::exchange(block_, std::exchange(other.block_, none())));
     return *this;
   }
   ~HashMap() { clear(); }
 
-  size_t size() const noexcept { return block_ == nullptr ? 0 : block_->size; }
-  bool empty() const noexcept { return block_ == nullptr; }
+  size_t size() const noexcept { return block_->size; }
+  bool empty() const noexcept { return size() == 0; }
   /// The bytes of memory the map holds, beside itself.
   size_t bytes() const noexcept {
     size_t bytes = 0;
@@ -168,25 +169,25 @@ class HashMap {
     return bytes;
   }
   /// A number that changes when elements have been inserted or may have moved, or all have gone.
-  uint32_t generation() const noexcept { return block_ == nullptr ? 0 : block_->generation; }
+  uint32_t generation() const noexcept { return block_->generation; }
 
   /// The value of `key`, or null.
   V* find(const K& key) { return valueAt(locate(key)); }
   const V* find(const K& key) const { return valueAt(locate(key)); }
-  bool contains(const K& key) const { return locate(key).block != nullptr; }
+  bool contains(const K& key) const { return bool(locate(key)); }
 
   /// The value of `key`, which is made of `args` if there was none. \returns true when it was made.
   template <class... Args>
   std::pair<V*, bool> tryEmplace(const K& key, Args&&... args) {
     const uint32_t hash = H()(key);
-    if (const Place found = locate(key, hash); found.block != nullptr) {
+    if (const Place found = locate(key, hash); found) {
       return {&found.entry()->value, false};
     }
-    if (block_ == nullptr || block_->free == 0 || block_->emptiesAnother) makeRoom();
+    if (block_->free == 0 || block_->emptiesAnother) makeRoom();
     block_->generation = detail::nextHashGeneration();
     const Place place = emptyPlace(block_, hash);
     Entry* entry = new (place.entry()) Entry{key, V(std::forward<Args>(args)...)};
-    place.controls().control[place.slot] = Group::tagOf(hash);
+    place.control() = Group::tagOf(hash);
     ++block_->size;
     --block_->free;
     return {&entry->value, true};
@@ -205,28 +206,24 @@ class HashMap {
   bool erase(const K& key) {
     const uint32_t hash = H()(key);
     const Place place = locate(key, hash);
-    if (place.block == nullptr) return false;
+    if (!place) return false;
     erase(place, hash);
     return true;
   }
   /// Deletes the element on which `it` stands, if it is still there. `it` may then be advanced.
   void erase(Iterator& it) {
     it.findAgain();
-    if (!it || it.place_.controls().control[it.place_.slot] == Group::kEmptySlot) return;
+    if (!it || it.place_.control() == Group::kEmptySlot) return;
     erase(it.place_, H()(it.key_));
   }
   /// Deletes all elements and gives the memory back.
-  void clear() noexcept { destroy(std::exchange(block_, nullptr)); }
+  void clear() noexcept { destroy(std::exchange(block_, none())); }
 
   /// Makes room for `elements` elements in all.
   void reserve(size_t elements) {
     if (elements <= size()) return;
-    while (block_ != nullptr && block_->emptiesAnother) moveSome();
-    if (block_ == nullptr) {
-      rebuild(elements);
-    } else if (block_->free < elements - size()) {
-      rebuild(std::max(elements, leastCapacity()));
-    }
+    while (block_->emptiesAnother) moveSome();
+    if (block_->free < elements - size()) rebuild(std::max(elements, leastCapacity()));
   }
 
   Iterator iterator() { return Iterator(this); }
@@ -255,63 +252,83 @@ class HashMap {
   // A table of so many groups is small enough to be rebuilt at once.
   static constexpr size_t kGroupsRebuilt = 16;
 
+  static Block* none() { return const_cast<Block*>(&detail::kNoHashBlock.block); }
   static Block* older(Block* block) {
     return block->emptiesAnother ? block->emptying().block : nullptr;
   }
-  static V* valueAt(const Place& place) {
-    return place.block == nullptr ? nullptr : &place.entry()->value;
-  }
+  static V* valueAt(const Place& place) { return place ? &place.entry()->value : nullptr; }
 
   Place locate(const K& key) const { return locate(key, H()(key)); }
   Place locate(const K& key, uint32_t hash) const {
-    if (block_ == nullptr) return {};
-    const Place place = locate(block_, key, hash);
-    if (place.block != nullptr || !block_->emptiesAnother) [[likely]]
-      return place;
-    return locate(block_->emptying().block, key, hash);
+    Place place(block_, homeOf(block_, hash));
+    if (locateInGroup(place, key, hash)) return place;
+    const bool isLast = !place.controls->hasOverflowed(hash) && !block_->emptiesAnother;
+    return isLast ? Place() : locateBeyond(key, hash);
   }
-  static Place locate(Block* block, const K& key, uint32_t hash) {
-    Place place{block, uint64_t{hash} >> block->shift};
-    for (size_t step = 1;; ++step) {
-      const Group& group = place.controls();
-      uint32_t matching = Matcher::matching(group, Group::tagOf(hash));
-      for (; matching != 0; matching &= matching - 1) {
-        place.slot = static_cast<uint32_t>(std::countr_zero(matching));
-        if (place.entry()->key == key) [[likely]]
-          return place;
-      }
-      if (!group.hasOverflowed(hash)) [[likely]]
-        return {};
-      const size_t groups = block->groupCount();
-      if (step == groups) return {};
-      place.group = (place.group + step) & (groups - 1);
-    }
-  }
-  /// Where to put a key that is not there. \pre the block has an empty slot
-  static Place emptyPlace(Block* block, uint32_t hash) {
-    Place place{block, uint64_t{hash} >> block->shift};
-    for (size_t step = 1;; ++step) {
-      Group& group = place.controls();
-      const uint32_t empty = Matcher::matching(group, Group::kEmptySlot);
-      if (empty != 0) [[likely]] {
-        place.slot = static_cast<uint32_t>(std::countr_zero(empty));
-        return place;
-      }
-      group.overflow |= Group::overflowBitOf(hash);
-      place.group = (place.group + step) & (block->groupCount() - 1);
-    }
-  }
-  /// The first element at or after a slot, in this block or the one that it empties.
-  static Place nextFull(Block* block, size_t group, uint32_t slot) {
-    for (; block != nullptr; block = older(block), group = 0, slot = 0) {
-      for (const size_t groups = block->groupCount(); group < groups; ++group, slot = 0) {
-        const uint32_t full = Matcher::full(block->groups()[group]) >> slot;
-        if (full != 0) {
-          return {block, group, slot + static_cast<uint32_t>(std::countr_zero(full))};
-        }
+  /// The search in all the groups the key can be in, in the older block too.
+  [[gnu::noinline]] Place locateBeyond(const K& key, uint32_t hash) const {
+    for (Block* block = block_; block != nullptr; block = older(block)) {
+      size_t group = homeOf(block, hash);
+      for (size_t step = 1; step <= block->groupCount(); ++step) {
+        Place place(block, group);
+        if (locateInGroup(place, key, hash)) return place;
+        if (!place.controls->hasOverflowed(hash)) break;
+        group = nextGroup(block, group, step);
       }
     }
     return {};
+  }
+  static bool locateInGroup(Place& place, const K& key, uint32_t hash) {
+    uint32_t tagged = Matcher::tagged(*place.controls, hash);
+    if (tagged == 0) return false;
+    // A processor that expects a hit fetches the slot while it still waits for the control bytes.
+    __builtin_prefetch(place.slots + Group::firstChoice(hash));
+    do {
+      place.slot = static_cast<size_t>(std::countr_zero(tagged));
+      if (place.entry()->key == key) [[likely]] {
+        return true;
+      }
+    } while ((tagged &= tagged - 1) != 0);
+    return false;
+  }
+  /// Where to put a key that is not there. \pre the block has an empty slot
+  static Place emptyPlace(Block* block, uint32_t hash) {
+    size_t group = homeOf(block, hash);
+    for (size_t step = 1;; ++step) {
+      Place place(block, group, Group::firstChoice(hash));
+      // One byte, for a processor that has not finished writing the others.
+      if (place.control() == Group::kEmptySlot) return place;
+      const uint32_t empty = Matcher::matching(*place.controls, Group::kEmptySlot);
+      if (empty != 0) [[likely]] {
+        const uint32_t preferred = empty & (~uint32_t{0} << Group::firstChoice(hash));
+        place.slot = static_cast<uint32_t>(std::countr_zero(preferred != 0 ? preferred : empty));
+        return place;
+      }
+      place.controls->overflow |= Group::overflowBitOf(hash);
+      group = nextGroup(block, group, step);
+    }
+  }
+  static size_t homeOf(const Block* block, uint32_t hash) { return uint64_t{hash} >> block->shift; }
+  /// Steps of growing length come by every group.
+  static size_t nextGroup(const Block* block, size_t group, size_t step) {
+    return (group + step) & (block->groupCount() - 1);
+  }
+  /// The first element in or after a group, in this block or the one that it empties.
+  static Place firstFull(Block* block, size_t group = 0) {
+    for (; block != nullptr; block = older(block), group = 0) {
+      for (const size_t groups = block->groupCount(); group < groups; ++group) {
+        const uint32_t full = Matcher::full(*block->group(group));
+        if (full != 0) return {block, group, static_cast<size_t>(std::countr_zero(full))};
+      }
+    }
+    return {};
+  }
+  static Place nextFull(const Place& place) {
+    const uint32_t full = Matcher::full(*place.controls) >> 1 >> place.slot;
+    if (full == 0) return firstFull(place.block, place.group() + 1);
+    Place next = place;
+    next.slot += 1 + static_cast<size_t>(std::countr_zero(full));
+    return next;
   }
 
   void erase(const Place& place, uint32_t hash) {
@@ -325,8 +342,7 @@ class HashMap {
     }
   }
   void forget(const Place& place, uint32_t hash) {
-    Group& group = place.controls();
-    group.control[place.slot] = Group::kEmptySlot;
+    place.control() = Group::kEmptySlot;
     if (--block_->size == 0) {
       clear();
       return;
@@ -338,18 +354,17 @@ class HashMap {
     }
     // A slot that keys were turned away from is not free: the overflow bits stay, and a table whose
     // bits are all set must be rebuilt some time, however few its elements are.
-    if (!group.hasOverflowed(hash)) ++block_->free;
+    if (!place.controls->hasOverflowed(hash)) ++block_->free;
     // A table that is nearly empty gets a smaller one at the next insertion.
     if (block_->size < block_->groupCount() && !block_->emptiesAnother) block_->free = 0;
   }
 
   [[gnu::noinline]] void makeRoom() {
-    if (block_ == nullptr) return rebuild(1);
     if (block_->emptiesAnother) moveSome();
     if (block_->free != 0) return;
     while (block_->emptiesAnother) moveSome();
     const size_t capacity = block_->capacity();
-    if (size() > capacity / 4 * 3) {
+    if (size() >= capacity / 4 * 3) {
       rebuild(std::max(capacity + 1, std::min<size_t>(2 * capacity, Group::kSlots)));
     } else {
       rebuild(std::max(size() * 4 / 3 + 1, leastCapacity()));
@@ -361,59 +376,59 @@ class HashMap {
   void rebuild(size_t elements) {
     Block* const old = std::exchange(block_, Block::allocate(elements, sizeof(Entry)));
     block_->generation = detail::nextHashGeneration();
-    if (old == nullptr) return;
     block_->size = old->size;
     block_->free -= old->size;
     if (old->groupCount() > kGroupsRebuilt) {
       block_->emptiesAnother = true;
-      block_->emptying() = {old, old->groupCount(), old->start(sizeof(Entry))};
+      block_->emptying() = {old, old->groupCount(), old->end(sizeof(Entry))};
       moveSome();
     } else {
       for (size_t group = old->groupCount(); group-- > 0;) moveGroup(*old, group);
-      old->release(sizeof(Entry));
+      release(old);
     }
   }
   void moveSome() {
-    auto& [old, groups, start] = block_->emptying();
+    auto& [old, groups, end] = block_->emptying();
     const uint32_t enough = old->size - std::min(old->size, kElementsMoved);
     for (uint32_t i = 0; i < kGroupsEmptied && old->size > enough; ++i) moveGroup(*old, --groups);
     if (old->size == 0) {
-      old->release(sizeof(Entry), start);
+      old->release(end);
       block_->emptiesAnother = false;
     } else {
-      start = old->releaseBehind(groups, sizeof(Entry), start);
+      end = old->releaseBehind(groups, sizeof(Entry), end);
     }
   }
   void moveGroup(Block& old, size_t number) {
-    Group& group = old.groups()[number];
-    for (uint32_t full = Matcher::full(group); full != 0; full &= full - 1) {
-      const Place from{&old, number, static_cast<uint32_t>(std::countr_zero(full))};
+    for (uint32_t full = Matcher::full(*old.group(number)); full != 0; full &= full - 1) {
+      const Place from(&old, number, static_cast<size_t>(std::countr_zero(full)));
       const uint32_t hash = H()(from.entry()->key);
       const Place to = emptyPlace(block_, hash);
       new (to.entry()) Entry(std::move(*from.entry()));
       from.entry()->~Entry();
-      to.controls().control[to.slot] = Group::tagOf(hash);
-      group.control[from.slot] = Group::kEmptySlot;
+      to.control() = Group::tagOf(hash);
+      from.control() = Group::kEmptySlot;
       --old.size;
     }
   }
 
+  static void release(Block* block) noexcept {
+    if (block != none()) block->release(block->end(sizeof(Entry)));
+  }
   static void destroy(Block* block) noexcept {
-    if (block == nullptr) return;
+    if (block == none()) return;
     if constexpr (!std::is_trivially_destructible_v<Entry>) {
-      for (Place at = nextFull(block, 0, 0); at.block != nullptr;
-           at = nextFull(at.block, at.group, at.slot + 1)) {
+      for (Place at = firstFull(block); at; at = nextFull(at)) {
         at.entry()->~Entry();
       }
     }
     if (block->emptiesAnother) {
-      const auto& [old, groups, start] = block->emptying();
-      old->release(sizeof(Entry), start);
+      const auto& [old, groups, end] = block->emptying();
+      old->release(end);
     }
-    block->release(sizeof(Entry));
+    release(block);
   }
 
-  Block* block_ = nullptr;
+  Block* block_ = none();
 };
 
 }  // namespace Kiv
