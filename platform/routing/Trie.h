@@ -1,21 +1,44 @@
 // Sets of prefixes that answer longest-match questions.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/kiv/HashMap.h"
 #include "platform/kiv/Ptr.h"
 #include "platform/routing/detail/TrieNode.h"
 #include "platform/zemit/Prefix.h"
 
 namespace Routing {
 
-/// A set of prefixes with longest-match look-up: a multibit trie of six bits a level.
+namespace detail {
+
+/// The bits of an address, the first one foremost in a word, and the address of such bits.
+inline uint64_t bitsOf(const Zemit::IpAddr& addr) {
+  return uint64_t{addr.value()} << 32;
+}
+inline Kiv::detail::Uint128 bitsOf(const Zemit::Ip6Addr& addr) {
+  return Kiv::detail::Uint128{addr.high()} << 64 | addr.low();
+}
+inline Zemit::IpAddr addrOf(uint64_t bits) {
+  return Zemit::IpAddr(static_cast<uint32_t>(bits >> 32));
+}
+inline Zemit::Ip6Addr addrOf(Kiv::detail::Uint128 bits) {
+  return {static_cast<uint64_t>(bits >> 64), static_cast<uint64_t>(bits)};
+}
+
+}  // namespace detail
+
+/// A set of prefixes with longest-match look-up.
 ///
-/// A node keeps the prefixes that end within its six bits as bits, so that most prefixes cost no
-/// memory of their own. Levels in which nothing branches are left out (path compression), hence no
-/// operation takes more than one step for six bits of the prefix. Memory grows in small steps; no
-/// insertion moves more than one node. The null prefix is never in the set.
+/// Six lengths make a level: the prefixes that agree in all bits but the last one to six share a
+/// node, in which each is one bit. A level is a hash table of its nodes by the bits in common,
+/// their path. A look-up tries the levels in use, the longest first; what it reads of one level
+/// does not depend on another, so the processor fetches ahead. No set of prefixes makes it slow:
+/// there are six levels (IPv6: 22), and the hash is secret. The null prefix is never in the set.
 template <class P>
 class BasicTrie final : public Kiv::Object {
  public:
@@ -29,70 +52,89 @@ class BasicTrie final : public Kiv::Object {
   /// Takes `prefix` out of the set. True when it was there.
   bool routeDel(const P& prefix) { return erase(prefix); }
 
-  bool contains(const P& prefix) const;
+  bool contains(const P& prefix) const { return !isNull(prefix) && longestMatch(prefix) == prefix; }
   /// The longest prefix in the set that contains `prefix`, which may be `prefix` itself; the null
   /// prefix when there is none.
-  P longestMatch(const P& prefix) const;
+  P longestMatch(const P& prefix) const {
+    return isNull(prefix) ? prefix : longest(prefix.addr(), prefix.len());
+  }
   /// The longest prefix in the set that contains `addr`; the null prefix when there is none.
-  P longestMatch(const Addr& addr) const;
+  P longestMatch(const Addr& addr) const { return longest(addr, P::kMaxLen); }
   /// The longest prefix in the set that contains `prefix` and is shorter; the null prefix when
   /// there is none.
-  P longestStrictlyShorter(const P& prefix) const;
+  P longestStrictlyShorter(const P& prefix) const {
+    if (isNull(prefix) || prefix.len() == 0) return P::null();
+    return longest(prefix.addr(), prefix.len() - 1);
+  }
 
   size_t size() const { return size_; }
   /// The memory held, this object included.
-  size_t bytes() const { return sizeof(*this) + pool_.bytes(); }
+  size_t bytes() const;
 
-  /// Calls `visit(prefix)` for every prefix of the set, in no particular order. The set must not
-  /// change meanwhile.
+  /// Calls `visit(prefix)` for every prefix of the set, in no order. The set must not change
+  /// meanwhile.
   template <class Visit>
-  void forEach(Visit&& visit) const {
-    forEachInside(P(), visit);
-  }
-  /// Calls `visit(prefix)` for every prefix of the set that `outer` contains, looking at no others
-  /// but the few on the way to it.
-  template <class Visit>
-  void forEachInside(const P& outer, Visit&& visit) const {
-    if (size_ != 0) walk(root_, Bits(), 0, outer, visit);
-  }
+  void forEach(Visit&& visit) const;
 
  private:
-  using Bits = detail::AddrBits<Addr>;
-  using Slot = detail::TrieSlot;
-  using Node = detail::TrieNode;
-  static constexpr uint32_t kStride = Node::kStride;
+  /// The bits of an address, or the first of them, the others zero.
+  using Bits = decltype(detail::bitsOf(Addr()));
+  static constexpr uint32_t kWidth = 8 * sizeof(Bits);
+  static constexpr uint32_t kStride = detail::TrieNode::kStride;
+  static constexpr uint32_t kLevels = (P::kMaxLen + kStride - 1) / kStride;
+  /// The levels whose paths are no longer than 64 bits.
+  static constexpr uint32_t kShortLevels = std::min(kLevels, 64 / kStride + 1);
+
+  static uint32_t levelOf(uint32_t len) { return (std::max(len, 1U) - 1) / kStride; }
+  /// The six bits that follow the path of a level.
+  static uint32_t nextOf(Bits bits, uint32_t level) {
+    return static_cast<uint32_t>((bits << level * kStride) >> (kWidth - kStride));
+  }
+  /// The path of a level that `bits` begin with.
+  template <class Path>
+  static Path pathOf(Bits bits, uint32_t level) {
+    return static_cast<Path>(bits >> (kWidth - 8 * sizeof(Path))) & ~(~Path{0} >> level * kStride);
+  }
+  /// Calls `visit(table, path)` with the table of a level and the path in it for `bits`.
+  template <class Self, class Visit>
+  static auto at(Self& self, uint32_t level, Bits bits, Visit&& visit) {
+    if constexpr (kLevels > kShortLevels) {
+      if (level >= kShortLevels) {
+        return visit(self.long_[level - kShortLevels], detail::addrOf(pathOf<Bits>(bits, level)));
+      }
+    }
+    return visit(self.short_[level], pathOf<uint64_t>(bits, level));
+  }
 
   bool insert(const P& prefix);
   bool erase(const P& prefix);
-  /// The longest match of the address `bits` among the prefixes of at most `maxLen` bits.
-  P longest(Bits bits, uint32_t maxLen) const;
+  P longest(const Addr& addr, uint32_t maxLen) const;
 
-  template <class Visit>
-  static void walk(Slot slot, Bits path, uint32_t depth, const P& outer, Visit&& visit);
-
-  Slot root_;  // a node, with an empty label, while the set is not empty
+  std::array<Kiv::HashMap<uint64_t, detail::TrieNode>, kShortLevels> short_;
+  std::array<Kiv::HashMap<Addr, detail::TrieNode>, kLevels - kShortLevels> long_;
+  uint32_t used_ = 0;  // a bit for each level that has nodes
   size_t size_ = 0;
-  detail::TriePool pool_;
 };
 
 template <class P>
 template <class Visit>
-void BasicTrie<P>::walk(Slot slot, Bits path, uint32_t depth, const P& outer, Visit&& visit) {
-  path.append(slot.label(), depth);
-  depth += slot.labelLen();
-  const auto report = [&](const P& prefix) {
-    if (outer.contains(prefix)) visit(prefix);
+void BasicTrie<P>::forEach(Visit&& visit) const {
+  const auto visitAll = [&](Bits path, const detail::TrieNode& node, uint32_t level) {
+    node.forEach([&](uint32_t next, uint32_t len) {
+      const Bits rest = (Bits{next} << (kWidth - kStride)) >> level * kStride;
+      visit(P(detail::addrOf(path | rest), level * kStride + len));
+    });
   };
-  if (slot.isLeaf()) return report(path.template prefix<P>(depth));
-  const P here = path.template prefix<P>(depth);
-  if (!outer.contains(here) && !here.contains(outer)) return;
-  const Node& node = slot.node();
-  node.forEachPrefix([&](uint64_t bits, uint32_t len) {
-    report(path.appended(bits, depth).template prefix<P>(depth + len));
-  });
-  node.forEachChild([&](uint64_t bits, Slot child) {
-    walk(child, path.appended(bits, depth), depth + kStride, outer, visit);
-  });
+  for (uint32_t level = 0; level < kShortLevels; ++level) {
+    for (const auto& [path, node] : short_[level]) {
+      visitAll(Bits{path} << (kWidth - 64), node, level);
+    }
+  }
+  for (uint32_t level = kShortLevels; level < kLevels; ++level) {
+    for (const auto& [path, node] : long_[level - kShortLevels]) {
+      visitAll(detail::bitsOf(path), node, level);
+    }
+  }
 }
 
 extern template class BasicTrie<Zemit::Prefix>;
