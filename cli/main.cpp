@@ -3,12 +3,14 @@
 
 #include "cli/ImportCommand.h"
 #include "cli/ReplayCommand.h"
+#include "cli/RoutesCommand.h"
 
 int main(int argc, char** argv) {
   CLI::App app("Host routes of a switch: what they are, and why");
   app.require_subcommand(1);
   int exitCode = 0;
   Cli::addReplayCommand(app, exitCode);
+  Cli::addRoutesCommand(app, exitCode);
   Cli::addImportCommand(app, exitCode);
   try {
     app.parse(argc, argv);

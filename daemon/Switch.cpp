@@ -2,6 +2,7 @@
 #include "daemon/Switch.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "daemon/SharedNames.h"
 #include "platform/kiv/Exception.h"
@@ -229,33 +230,39 @@ bool isRouteless(const HostRouting<F>& routing, const typename F::Addr& addr) {
 
 }  // namespace
 
+// Whom to announce again is settled before the first is: an announcement may give another one of
+// the same address its route, and the order must not decide.
+
 /// Announces the neighbours inside `prefix` again that have no host route in this VRF.
 template <class F>
 void Switch::settleInside(const HostRouting<F>& routing, const typename F::Prefix& prefix) const {
+  std::vector<std::pair<typename F::Addr, Zemit::IntfId>> routeless;
   const auto& index = std::get<NeighborIndex<F>>(neighborIndices_);
   for (auto it = index.lower_bound({prefix.addr(), Zemit::IntfId()});
        it != index.end() && prefix.contains(it->first); ++it) {
-    const auto& [addr, intf] = *it;
-    if (isRouteless(routing, addr)) {
-      F::neighborNotify(*neighborDir_->arpIntfStatus(intf.name()), addr);
-    }
+    if (isRouteless(routing, it->first)) routeless.push_back(*it);
+  }
+  for (const auto& [addr, intf] : routeless) {
+    F::neighborNotify(*neighborDir_->arpIntfStatus(intf.name()), addr);
   }
 }
 
 /// Announces the neighbours on `intfs` again that have no host route in a VRF with a machine.
 template <class F>
 void Switch::settleOn(const std::set<Zemit::IntfId>& intfs) const {
+  std::vector<std::pair<const Arp::ArpIntfStatus*, typename F::Addr>> routeless;
   for (const Zemit::IntfId intf : intfs) {
-    const auto table = neighborDir_->arpIntfStatus(intf.name());
-    if (!table) continue;
+    const auto* table = neighborDir_->arpIntfStatus(intf.name()).get();
+    if (table == nullptr) continue;
     for (auto it = F::neighbors(*table); it; ++it) {
       const auto lacksIt = [&](const auto& named) {
         const auto& routing = named.second.template routing<F>();
         return routing.machine() != nullptr && isRouteless(routing, it.key());
       };
-      if (std::any_of(vrfs_.begin(), vrfs_.end(), lacksIt)) F::neighborNotify(*table, it.key());
+      if (std::any_of(vrfs_.begin(), vrfs_.end(), lacksIt)) routeless.emplace_back(table, it.key());
     }
   }
+  for (const auto& [table, addr] : routeless) F::neighborNotify(*table, addr);
 }
 
 template void Switch::setNeighbor(Zemit::IntfId, const Arp::ArpEntryStatus&, bool);

@@ -235,7 +235,7 @@ Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostr
   }
   if (in.bad()) {
     report("the rest of the input cannot be read");
-    return Outcome::Failed;
+    return Outcome::Refused;
   }
   if (options_.dumpsAtEnd) dumpAll();
   out.flush();

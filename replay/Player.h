@@ -28,8 +28,8 @@ class Player {
   /// How a run ended.
   enum class Outcome {
     Done,
-    Failed,   ///< an event made a machine fail, or the input could not be read to its end
-    Refused,  ///< a line was no event; the rest was not read
+    Failed,   ///< an event made a machine fail; all were read
+    Refused,  ///< a line was no event, or could not be read; the rest was not read
   };
 
   /// `sw` and `output` outlive the replay.

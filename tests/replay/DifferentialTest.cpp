@@ -1,0 +1,82 @@
+// The engine against the golden model: random replays, compared after every event.
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "daemon/Switch.h"
+#include "replay/Output.h"
+#include "replay/Player.h"
+#include "tests/model/Generator.h"
+#include "tests/model/Model.h"
+#include "tests/replay/Invariants.h"
+
+namespace {
+
+std::vector<nlohmann::json> canonicalDumps(const Daemon::Switch& sw) {
+  std::vector<nlohmann::json> dumps;
+  for (const auto& [name, vrf] : sw.vrfs()) {
+    Daemon::forEachFamily([&](auto family) {
+      const auto dump = Replay::dumpJson<decltype(family)>(sw, vrf);
+      dumps.push_back(Golden::canonical(nlohmann::json::parse(dump)));
+    });
+  }
+  return dumps;
+}
+
+std::vector<nlohmann::json> canonicalDumps(const Golden::Model& model) {
+  auto dumps = model.dumps();
+  for (auto& dump : dumps) dump = Golden::canonical(dump);
+  return dumps;
+}
+
+/// The members in which two lists of dumps differ, one on a line.
+std::string difference(const std::vector<nlohmann::json>& engine,
+                       const std::vector<nlohmann::json>& model) {
+  if (engine.size() != model.size()) return "the number of dumps";
+  std::string text;
+  for (size_t i = 0; i < engine.size(); ++i) {
+    const auto& ours = engine[i].at("dump");
+    const auto& theirs = model[i].at("dump");
+    for (const auto& [name, value] : ours.items()) {
+      if (!theirs.contains(name) || theirs.at(name) != value) {
+        text += ours.at("vrf").dump() + " IPv" + ours.at("family").dump() + " " + name +
+                "\n  engine " + value.dump() + "\n  model  " +
+                theirs.value(name, nlohmann::json()).dump() + "\n";
+      }
+    }
+  }
+  return text;
+}
+
+class DifferentialTest : public testing::TestWithParam<std::tuple<uint64_t, bool>> {};
+
+// The same events are made by `model --generate SEED COUNT`.
+TEST_P(DifferentialTest, EngineAndModelAgreeAfterEveryEvent) {
+  const auto [seed, settles] = GetParam();
+  constexpr size_t kEvents = 1500;
+  std::ostream nowhere(nullptr);
+  const auto output = Replay::jsonOutput(nowhere);
+  Daemon::Switch sw({.settles = settles});
+  Replay::Player player(sw, *output, {});
+  Golden::Model model(settles);
+  Golden::Generator generator(seed);
+  for (size_t number = 1; number <= kEvents && !HasFailure(); ++number) {
+    const auto event = generator.next();
+    SCOPED_TRACE("event " + std::to_string(number) + " " + event.dump());
+    player.apply(event.dump());
+    model.apply(event);
+    const auto engineDumps = canonicalDumps(sw);
+    const auto modelDumps = canonicalDumps(model);
+    if (engineDumps != modelDumps) FAIL() << difference(engineDumps, modelDumps);
+    checkInvariants(sw);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, DifferentialTest,
+                         testing::Combine(testing::Range<uint64_t>(1, 7), testing::Bool()));
+
+}  // namespace

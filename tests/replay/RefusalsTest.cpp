@@ -1,0 +1,129 @@
+// Lines that are no events: what is said of them, and that nothing is done.
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "daemon/Switch.h"
+#include "replay/Output.h"
+#include "replay/Player.h"
+
+namespace {
+
+struct Refusal {
+  const char* line;
+  const char* message;
+};
+
+const Refusal kRefusals[] = {
+    {R"([])", "not a JSON object"},
+    {R"({"vrf":"blue"})", R"(missing field "op")"},
+    {R"({"op":"jump"})", R"("op": "jump" is not an operation)"},
+    {R"({"op":7})", R"("op": 7 is not a string)"},
+    {R"({"op":"route"})", R"(missing field "prefix")"},
+    {R"({"op":"route","prefix":"10.0.0.0/8","vrfs":"x"})", R"(unknown field "vrfs")"},
+    {R"({"op":"route","prefix":"10.0.0.0/8","":"x"})", R"(unknown field "")"},
+    {R"({"op":"route","prefix":"10.0.0.1/24"})",
+     R"("prefix": "10.0.0.1/24" is not a prefix: it has host bits set)"},
+    {R"({"op":"route","prefix":"10.0.0.0/33"})", R"("prefix": "10.0.0.0/33" is not a prefix)"},
+    {R"({"op":"route","prefix":"10.0.0.0"})", R"("prefix": "10.0.0.0" is not a prefix)"},
+    {R"({"op":"route","prefix":"::/0","type":"ebgp_"})",
+     R"("type": "ebgp_" is not a type of a route of that family)"},
+    {R"({"op":"route","prefix":"::/0","type":"invalid_"})",
+     R"("type": "invalid_" is not a type of a route of that family)"},
+    {R"({"op":"route","prefix":"::/0","preference":256})",
+     R"("preference": 256 is not an integer from 0 to 255)"},
+    {R"({"op":"route","prefix":"::/0","metric":-1})",
+     R"("metric": -1 is not an integer from 0 to 4294967295)"},
+    {R"({"op":"route","prefix":"::/0","fec":1.0})",
+     R"("fec": 1.0 is not an integer from 0 to 4294967295)"},
+    {R"({"op":"route","prefix":"::/0","present":1})", R"("present": 1 is not true or false)"},
+    {R"({"op":"fec","id":0,"family":4,"vias":[]})",
+     R"("id": 0 is not an integer from 1 to 4294967295)"},
+    {R"({"op":"fec","id":4294967296,"family":4,"vias":[]})",
+     R"("id": 4294967296 is not an integer from 1 to 4294967295)"},
+    {R"({"op":"fec","id":1,"vias":[]})", R"(missing field "family")"},
+    {R"({"op":"fec","id":1,"family":5,"vias":[]})", R"("family": 5 is not 4 or 6)"},
+    {R"({"op":"fec","id":1,"family":4})", R"(missing field "vias")"},
+    {R"({"op":"fec","id":1,"family":4,"vias":{}})", R"("vias": {} is not a list)"},
+    {R"({"op":"fec","id":1,"family":4,"vias":[1]})", R"("vias": [1] is not a list of objects)"},
+    {R"({"op":"fec","id":1,"family":4,"vias":[{"intf":"e1","hop":"::1"}]})",
+     R"("hop": "::1" is not an address of the FEC's family)"},
+    {R"({"op":"fec","id":1,"family":4,"vias":[{"intf":"e1","weight":1}]})",
+     R"(unknown field "weight")"},
+    {R"({"op":"addr","intf":"","addr":"10.0.0.1/8"})", R"("intf": "" is not an interface name)"},
+    {R"({"op":"addr","intf":"e1","addr":"::1/64","secondary":false})",
+     R"("secondary" is for IPv4 addresses only)"},
+    {R"({"op":"addr","intf":"e1","addr":"10.0.0.1"})",
+     R"("addr": "10.0.0.1" is not an interface address with its length)"},
+    {R"({"op":"neighbor","intf":"e1","ip":"10.0.0.256"})",
+     R"("ip": "10.0.0.256" is not an address)"},
+    {R"({"op":"neighbor","intf":"e1","ip":"10.0.0.2","mac":"00:11"})",
+     R"("mac": "00:11" is not an Ethernet address)"},
+    {R"({"op":"virtualIp","addr":"::1/64"})", R"("addr": "::1/64" is not an IPv6 address)"},
+    {R"({"op":"virtualIp","addr":"10.0.0.1"})",
+     R"("addr": "10.0.0.1" is not an IPv4 address with its length)"},
+    {R"({"op":"vrf"})", R"(missing field "name")"},
+    {R"({"op":"initialized"})", R"(missing field "value")"},
+    {R"({"op":"dump","present":true})", R"(unknown field "present")"},
+};
+
+class RefusalsTest : public testing::Test {
+ protected:
+  Replay::Player::Outcome run(const std::string& input) {
+    std::istringstream lines(input);
+    return player.run(lines, "input", printed, errors);
+  }
+
+  std::ostringstream printed;
+  std::ostringstream errors;
+  std::unique_ptr<Replay::Output> output = Replay::jsonOutput(printed);
+  Daemon::Switch sw;
+  Replay::Player player{sw, *output, {.dumpsAtEnd = false}};
+};
+
+TEST_F(RefusalsTest, NameTheLineTheFieldAndTheValue) {
+  for (const auto& [line, message] : kRefusals) {
+    errors.str("");
+    EXPECT_EQ(run(std::string("\n# remark\r\n") + line), Replay::Player::Outcome::Refused) << line;
+    EXPECT_EQ(errors.str(), std::string("input:3: error: ") + message + "\n");
+  }
+  errors.str("");
+  const std::string name(L3::VrfName::kMaxBytes + 1, 'v');
+  run(R"({"op":"vrf","name":")" + name + "\"}");
+  EXPECT_NE(errors.str().find("is not a VRF name: it is over 100 bytes"), std::string::npos);
+  EXPECT_EQ(sw.vrfs().size(), 1u);
+}
+
+TEST_F(RefusalsTest, EndTheReplayWithWhatWasPrintedBefore) {
+  const auto outcome =
+      run("{\"op\":\"dump\",\"family\":4}\n"
+          "{\"op\": \"dump\", }\n"
+          "{\"op\":\"dump\",\"family\":4}\n");
+  EXPECT_EQ(outcome, Replay::Player::Outcome::Refused);
+  EXPECT_EQ(errors.str().substr(0, 25), "input:2: error: not JSON:") << errors.str();
+  const auto text = printed.str();
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+}
+
+// The machine raises when it meets more vias than it can number; the daemon goes on.
+TEST_F(RefusalsTest, AMachineThatFailsEndsNoReplay) {
+  std::string vias;
+  for (int i = 0; i < 129; ++i) {
+    vias += std::string(i == 0 ? "" : ",") + R"({"intf":"e)" + std::to_string(i) + "\"}";
+  }
+  const auto outcome =
+      run("{\"op\":\"initialized\",\"value\":true}\n"
+          "{\"op\":\"neighbor\",\"intf\":\"e0\",\"ip\":\"10.0.0.5\"}\n"
+          "{\"op\":\"fec\",\"id\":1,\"family\":4,\"vias\":[" +
+          vias +
+          "]}\n"
+          "{\"op\":\"route\",\"prefix\":\"10.0.0.0/24\",\"fec\":1}\n"
+          "{\"op\":\"dump\",\"family\":4}\n");
+  EXPECT_EQ(outcome, Replay::Player::Outcome::Failed);
+  EXPECT_EQ(errors.str(),
+            "input:4: error: ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed\n");
+  EXPECT_NE(printed.str().find("\"arpTable\":[]"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,65 @@
+// Recorded situations: each cases/NAME.jsonl must print exactly what cases/NAME.expected holds.
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "daemon/Switch.h"
+#include "replay/Output.h"
+#include "replay/Player.h"
+#include "tests/replay/Invariants.h"
+
+namespace {
+
+std::string contents(const std::filesystem::path& path) {
+  std::ifstream file(path);
+  EXPECT_TRUE(file) << path;
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+std::vector<std::filesystem::path> cases() {
+  std::vector<std::filesystem::path> paths;
+  for (const auto& entry : std::filesystem::directory_iterator(REPLAY_CASES)) {
+    if (entry.path().extension() == ".jsonl") paths.push_back(entry.path());
+  }
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+class ScenariosTest : public testing::TestWithParam<std::filesystem::path> {};
+
+// The first line of a case says what it shows, and names the options that it runs with.
+TEST_P(ScenariosTest, PrintsWhatIsExpected) {
+  const auto input = contents(GetParam());
+  const auto firstLine = input.substr(0, input.find('\n'));
+  const auto traceAt = firstLine.find("--trace ");
+  const auto levels = traceAt == firstLine.npos ? 0U : 1U << (firstLine.at(traceAt + 8) - '0');
+  std::ostringstream printed;
+  const auto output = Replay::jsonOutput(printed);
+  Daemon::Switch sw({.settles = firstLine.find("--settle") != firstLine.npos});
+  Replay::Player player(sw, *output,
+                        {.traceLevels = levels,
+                         .echoes = firstLine.find("--echo") != firstLine.npos,
+                         .dumpsAtEnd = false});
+
+  std::istringstream lines(input);
+  const auto outcome = player.run(lines, GetParam().filename(), printed, printed);
+  EXPECT_EQ(outcome, Replay::Player::Outcome::Done);
+  EXPECT_EQ(printed.str(),
+            contents(std::filesystem::path(GetParam()).replace_extension("expected")));
+  checkInvariants(sw);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, ScenariosTest, testing::ValuesIn(cases()), [](const auto& named) {
+  auto name = named.param.stem().string();
+  std::replace(name.begin(), name.end(), '-', '_');
+  return name;
+});
+
+}  // namespace
