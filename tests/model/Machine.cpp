@@ -468,7 +468,8 @@ void Machine::handleVrf(const std::string& intf) {
   if (world_.intfs.contains(intf) && l3Vrf != world_.l3Vrf.end() && l3Vrf->second == vrf_) {
     vrfIntfs_.insert(intf);
     handleIpIntfStatus(intf);
-    recomputeReceiveRoutes(intf);
+    // A new reactor catches up with each of the attributes that it watches.
+    for (int left = family_.addressAttributes; left > 0; --left) recomputeReceiveRoutes(intf);
   } else {
     vrfIntfs_.erase(intf);
     handleIpIntfStatus(intf);

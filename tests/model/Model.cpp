@@ -184,10 +184,10 @@ void Model::applyFec(const Event& event, bool present) {
     eachMachine(family, [id](Machine& machine) { machine.handleFec(id); });
   }
   if (!settle_) return;
-  eachMachine(family, [&](Machine& machine) {
-    announceRouteless(family, machine,
-                      [&](const std::string& intf, Bits) { return touched.contains(intf); });
-  });
+  std::vector<Machine*> machines;
+  eachMachine(family, [&machines](Machine& machine) { machines.push_back(&machine); });
+  announceRouteless(family, machines,
+                    [&](const std::string& intf, Bits) { return touched.contains(intf); });
 }
 
 void Model::applyRoute(const Event& event, bool present) {
@@ -212,7 +212,7 @@ void Model::applyRoute(const Event& event, bool present) {
     machine.handleStatusRoute(prefix);
   }
   if (!settle_) return;
-  announceRouteless(family, machine,
+  announceRouteless(family, {&machine},
                     [&](const std::string&, Bits addr) { return inside(family, addr, prefix); });
 }
 
@@ -243,13 +243,23 @@ void Model::applyReadiness(const Event& event) {
 }
 
 template <class Chosen>
-void Model::announceRouteless(const Family& family, const Machine& machine, Chosen chosen) {
+void Model::announceRouteless(const Family& family, const std::vector<Machine*>& machines,
+                              Chosen chosen) {
+  // All that lack a route now, whatever the first announcements give the others.
+  std::vector<std::pair<std::string, Bits>> routeless;
   for (const auto& [intf, table] : world_->neighborDir) {
     for (const auto& [addr, mac] : table[family.slot]) {
-      if (!chosen(intf, addr) || machine.hasNeighborRoute(addr)) continue;
-      eachMachine(family,
-                  [&, name = intf, ip = addr](Machine& told) { told.handleArpEntry(name, ip); });
+      const auto lacksIt = [ip = addr](const Machine* machine) {
+        return !machine->hasNeighborRoute(ip);
+      };
+      if (chosen(intf, addr) && std::any_of(machines.begin(), machines.end(), lacksIt)) {
+        routeless.emplace_back(intf, addr);
+      }
     }
+  }
+  for (const auto& [intf, addr] : routeless) {
+    eachMachine(family,
+                [&, name = intf, ip = addr](Machine& told) { told.handleArpEntry(name, ip); });
   }
 }
 

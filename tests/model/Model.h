@@ -51,7 +51,8 @@ class Model {
   template <class Visit>
   void eachMachine(const Family& family, Visit visit);
   template <class Chosen>
-  void announceRouteless(const Family& family, const Machine& machine, Chosen chosen);
+  void announceRouteless(const Family& family, const std::vector<Machine*>& machines,
+                         Chosen chosen);
 
   bool settle_;
   std::unique_ptr<World> world_;

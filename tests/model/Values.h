@@ -22,6 +22,7 @@ struct Family {
   std::set<std::string> bgpTypes;  ///< types that the RIB-ready merge leaves out
   bool derivesBroadcast;           ///< a subnet's first and last address are receive addresses too
   bool mergesReceiveRoutes;        ///< receive routes take part in the merge
+  int addressAttributes;           ///< how many attributes of an interface hold its addresses
   std::string neighborTable;       ///< name of the table of neighbour-derived host routes
   std::string neighborRoute;       ///< name of the collection of filed addresses
 };
@@ -33,6 +34,7 @@ inline const Family kIpv4{.number = 4,
                           .bgpTypes = {"ibgp_", "ebgp_", "bgpAggregate_"},
                           .derivesBroadcast = true,
                           .mergesReceiveRoutes = true,
+                          .addressAttributes = 2,
                           .neighborTable = "arpTable",
                           .neighborRoute = "arpRoute"};
 inline const Family kIpv6{.number = 6,
@@ -42,6 +44,7 @@ inline const Family kIpv6{.number = 6,
                           .bgpTypes = {"bgp_", "bgpAggregate_"},
                           .derivesBroadcast = false,
                           .mergesReceiveRoutes = false,
+                          .addressAttributes = 1,
                           .neighborTable = "neighTable",
                           .neighborRoute = "neighRoute"};
 
