@@ -2,6 +2,7 @@
 
 #include <iostream>
 #include <mutex>
+#include <sstream>
 #include <utility>
 
 #include "platform/kiv/Exception.h"
@@ -71,6 +72,37 @@ Name Tracer::objectName(const Notifiee& reactor) {
 std::ostream& operator<<(std::ostream& os, const TraceRecord& record) {
   return os << record.facility << ' ' << record.level << ' ' << record.objectName << ' '
             << record.functionName << ": " << record.message;
+}
+
+struct TraceStatement::State {
+  const TraceFacility& facility;
+  unsigned level;
+  int line;
+  const char* function;
+  std::ostringstream message;
+
+  void trace(const Name& objectName) const {
+    traceHelper(facility, objectName, message.str(), level, facility.isEnabled(level),
+                facility.sourceModule(), line, function);
+  }
+};
+
+TraceStatement::TraceStatement(const TraceFacility& facility, unsigned level, int line,
+                               const char* function)
+    : state_(new State{facility, level, line, function, {}}) {}
+
+TraceStatement::~TraceStatement() = default;
+
+std::ostream& TraceStatement::stream() noexcept {
+  return state_->message;
+}
+
+void TraceStatement::trace(const Entity& object) const {
+  state_->trace(Tracer::objectName(object));
+}
+
+void TraceStatement::trace(const Notifiee& object) const {
+  state_->trace(Tracer::objectName(object));
 }
 
 void traceHelper(const TraceFacility& handle, const Name& objectName, const std::string& message,

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -95,6 +95,26 @@ void traceHelper(const TraceFacility& handle, const Name& objectName, const std:
                  unsigned level, bool enabled, const char* sourceModule, int line,
                  const char* functionName);
 
+/// An enabled statement while it is made. All of it is out of line, so that a function that traces
+/// keeps a small frame and its own registers.
+class TraceStatement {
+ public:
+  TraceStatement(const TraceFacility& facility, unsigned level, int line, const char* function);
+  TraceStatement(const TraceStatement&) = delete;
+  TraceStatement& operator=(const TraceStatement&) = delete;
+  ~TraceStatement();
+
+  /// Where the message is built.
+  std::ostream& stream() noexcept;
+  /// Hands the message on as one of `object`.
+  void trace(const Entity& object) const;
+  void trace(const Notifiee& object) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
 }  // namespace Kiv
 
 /// Traces `message`, a chain of insertions such as `"removing " << prefix`, for `object` (an entity
@@ -103,14 +123,12 @@ void traceHelper(const TraceFacility& handle, const Name& objectName, const std:
   KIV_TRACE_AS(facility, level, object, __func__, message)
 
 /// KIV_TRACE in a helper of a handler: the record names the handler, `function`.
-#define KIV_TRACE_AS(facility, level, object, function, message)                            \
-  do {                                                                                      \
-    ::Kiv::TraceFacility& kivFacility = (facility);                                         \
-    if (kivFacility.builds(level)) [[unlikely]] {                                           \
-      std::ostringstream kivMessage;                                                        \
-      kivMessage << message;                                                                \
-      ::Kiv::traceHelper(kivFacility, ::Kiv::Tracer::objectName(object), kivMessage.str(),  \
-                         (level), kivFacility.isEnabled(level), kivFacility.sourceModule(), \
-                         __LINE__, (function));                                             \
-    }                                                                                       \
+#define KIV_TRACE_AS(facility, level, object, function, message)                      \
+  do {                                                                                \
+    ::Kiv::TraceFacility& kivFacility = (facility);                                   \
+    if (kivFacility.builds(level)) [[unlikely]] {                                     \
+      ::Kiv::TraceStatement kivStatement(kivFacility, (level), __LINE__, (function)); \
+      kivStatement.stream() << message;                                               \
+      kivStatement.trace(object);                                                     \
+    }                                                                                 \
   } while (false)
