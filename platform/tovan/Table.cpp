@@ -90,10 +90,12 @@ void Table::refuse(const char* operation) {
   throw ReadOnlyException(std::string(operation) + " to read-only Tovan table");
 }
 
-CorruptionDetectedException Table::corrupt(const char* place, size_t index,
-                                           const char* what) const {
-  return CorruptionDetectedException(titleOf(name_) + ": " + place + " " + std::to_string(index) +
-                                     " " + what);
+std::string Table::describe(const char* place, size_t index, const char* what) const {
+  return titleOf(name_) + ": " + place + " " + std::to_string(index) + " " + what;
+}
+
+void Table::raise(const char* place, size_t index, const char* what) const {
+  throw CorruptionDetectedException(describe(place, index, what));
 }
 
 void Table::countPages() const {

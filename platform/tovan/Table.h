@@ -90,8 +90,10 @@ class Table {
     if (readOnly_) [[unlikely]]
       refuse(operation);
   }
-  /// The exception for an inconsistency at `place` `index`.
-  CorruptionDetectedException corrupt(const char* place, size_t index, const char* what) const;
+  /// The message for an inconsistency at `place` `index`.
+  std::string describe(const char* place, size_t index, const char* what) const;
+  /// \throws CorruptionDetectedException with that message.
+  [[noreturn]] void raise(const char* place, size_t index, const char* what) const;
 
   /// How many pages are backed by memory.
   uint32_t pages() const { return pages_; }

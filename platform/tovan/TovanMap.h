@@ -8,6 +8,7 @@
 #include <iterator>
 #include <optional>
 #include <stack>
+#include <string>
 #include <type_traits>
 #include <vector>
 
@@ -75,6 +76,10 @@ class TovanMap : public Table {
   /// Advancing throws CorruptionDetectedException, which ends the walk.
   Iterator begin() const { return Iterator(*this); }
   std::default_sentinel_t end() const { return {}; }
+  /// Calls `visit` with each entry that is sound, in no order, and `damaged` with a message for
+  /// each slot that is not. \throws CorruptionDetectedException when more than a slot is damaged.
+  template <class Visit, class Damaged>
+  void forEachSound(Visit visit, Damaged damaged) const;
   /// The keys there are.
   std::vector<Key> keys() const;
 
@@ -146,8 +151,11 @@ class TovanMap : public Table {
     TableHeader header;
     /// The last replacement of a value, written before the slot: a writer that dies halfway
     /// through the slot leaves here what was to stand in it.
-    std::atomic<uint64_t> journalOffset;
-    Slot journal;
+    struct Journal {
+      uint64_t offset;  ///< of the slot
+      uint32_t checksum;
+      Words words;
+    } journal;
   };
   static constexpr size_t kMemoryPage = 4096;
   static constexpr size_t kTopBytes = (sizeof(Top) + kMemoryPage - 1) / kMemoryPage * kMemoryPage;
@@ -213,9 +221,10 @@ class TovanMap : public Table {
     }
     return differing == 0;
   }
-
   static bool sameKey(const Words& a, const Words& b) {
-    return std::equal(a.begin(), a.begin() + kKeyWords, b.begin());
+    uint64_t differing = 0;
+    for (size_t i = 0; i < kKeyWords; ++i) differing |= a[i] ^ b[i];
+    return differing == 0;
   }
 
   uint64_t hashOf(const Words& words) const;
@@ -236,15 +245,15 @@ class TovanMap : public Table {
   static Slot* search(Page& page, uint64_t hash, const Words& key);
   const char* missFault(PageRef ref, uint64_t hash) const;
   template <class Look>
-  void inPage(uint64_t hash, Look look) const;
-  bool readPage(uint32_t& pattern, std::vector<Words>& items) const;
+  void inPage(uint64_t hash, const Look& look) const;
+  bool readPage(uint32_t& pattern, std::vector<Words>& items,
+                std::vector<std::string>* damages = nullptr) const;
   PageRef refOf(uint64_t hash) const;
   Slot* find(uint64_t hash, const Words& key) const;
   bool refresh(Words& words) const;
 
   template <class Step>
   auto repairing(Step step);
-  static void write(Slot& slot, const Words& words, uint32_t checksum);
   static void write(Slot& slot, uint32_t state, const Words& words, uint32_t checksum);
   void replace(Slot& slot, uint64_t hash, const Words& words);
   void insert(uint64_t hash, const Words& words);
@@ -351,6 +360,7 @@ uint32_t TovanMap<Key, Value>::sealOf(const Page& page) const {
 
 template <class Key, class Value>
 void TovanMap<Key, Value>::load(const Slot& from, Words& words) {
+#pragma GCC unroll 8
   for (size_t i = 0; i < words.size(); ++i) {
     words[i] = from.words[i].load(std::memory_order_relaxed);
   }
@@ -368,11 +378,11 @@ bool TovanMap<Key, Value>::read(const Slot& from, Words& words) const {
       std::atomic_thread_fence(std::memory_order_acquire);
       if (from.sequence.load(std::memory_order_relaxed) == sequence) {
         if (checksum == checksumOf(hashOf(words), words)) return true;
-        throw corrupt("slot at byte", offsetOf(from), "has a wrong checksum");
+        raise("slot at byte", offsetOf(from), "has a wrong checksum");
       }
     }
     if (!patience.again()) {
-      throw corrupt("slot at byte", offsetOf(from), "is left in the middle of an update");
+      raise("slot at byte", offsetOf(from), "is left in the middle of an update");
     }
   }
 }
@@ -421,11 +431,11 @@ const char* TovanMap<Key, Value>::missFault(PageRef ref, uint64_t hash) const {
 /// case; else what it did not find, or found wrong, holds if nothing was replaced.
 template <class Key, class Value>
 template <class Look>
-void TovanMap<Key, Value>::inPage(uint64_t hash, Look look) const {
+void TovanMap<Key, Value>::inPage(uint64_t hash, const Look& look) const {
   for (Patience patience(memory());;) {
     const uint64_t state = header().directory.load(std::memory_order_acquire);
     const uint32_t bits = static_cast<uint8_t>(state);
-    if (bits > kMaxDepth) throw corrupt("directory of depth", bits, "is impossible");
+    if (bits > kMaxDepth) raise("directory of depth", bits, "is impossible");
     const auto& entry = directory(hash, bits);
     const PageRef ref(entry.load(std::memory_order_acquire));
     const char* fault = nullptr;
@@ -439,9 +449,9 @@ void TovanMap<Key, Value>::inPage(uint64_t hash, Look look) const {
     if (!underRepair && entry.load(std::memory_order_relaxed) == ref.bits() &&
         header().directory.load(std::memory_order_relaxed) == state) {
       if (fault == nullptr) return;
-      throw corrupt("page", ref.number(), fault);
+      raise("page", ref.number(), fault);
     }
-    if (!patience.again()) throw corrupt("page", ref.number(), "is left in the middle of a change");
+    if (!patience.again()) raise("page", ref.number(), "is left in the middle of a change");
   }
 }
 
@@ -449,7 +459,7 @@ void TovanMap<Key, Value>::inPage(uint64_t hash, Look look) const {
 template <class Key, class Value>
 typename TovanMap<Key, Value>::PageRef TovanMap<Key, Value>::refOf(uint64_t hash) const {
   const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));
-  if (ref.number() >= pages()) throw corrupt("page", ref.number(), "is outside the memory");
+  if (ref.number() >= pages()) raise("page", ref.number(), "is outside the memory");
   return ref;
 }
 
@@ -461,18 +471,19 @@ typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::find(uint64_t hash,
   Slot* slot = search(page(ref.number()), hash, key);
   if (slot == nullptr) {
     const char* fault = missFault(ref, hash);
-    if (fault != nullptr) throw corrupt("page", ref.number(), fault);
+    if (fault != nullptr) raise("page", ref.number(), fault);
   }
   return slot;
 }
 
 template <class Key, class Value>
 std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
-  Words words = pack(key);
-  const uint64_t hash = hashOf(words);
+  const Words asked = pack(key);
+  const uint64_t hash = hashOf(asked);
+  Words words;
   bool found = false;
   if (isReadOnly()) {
-    inPage(hash, [&, asked = words](PageRef ref, const char*& fault) {
+    inPage(hash, [&](PageRef ref, const char*& fault) {
       const Slot* slot = search(page(ref.number()), hash, asked);
       if (slot == nullptr) {
         fault = missFault(ref, hash);
@@ -483,7 +494,7 @@ std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
       return found;
     });
   } else {
-    const Slot* slot = find(hash, words);
+    const Slot* slot = find(hash, asked);
     found = slot != nullptr && read(*slot, words);
   }
   if (!found) return std::nullopt;
@@ -496,12 +507,14 @@ std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
 /// The order is that of the patterns with their bits reversed. It is the same for any directory, so
 /// a walk misses nothing and repeats nothing if pages are split meanwhile.
 template <class Key, class Value>
-bool TovanMap<Key, Value>::readPage(uint32_t& pattern, std::vector<Words>& items) const {
+bool TovanMap<Key, Value>::readPage(uint32_t& pattern, std::vector<Words>& items,
+                                    std::vector<std::string>* damages) const {
   uint32_t depth = 0;
   inPage(pattern, [&](PageRef ref, const char*& fault) {
     const Page& from = page(ref.number());
     depth = from.depth.load(std::memory_order_relaxed);
     items.clear();
+    if (damages != nullptr) damages->clear();
     if (!isSealed(from) || depth > kMaxDepth ||
         low(pattern, depth) != from.pattern.load(std::memory_order_relaxed)) {
       fault = "is not what the directory says";
@@ -512,8 +525,13 @@ bool TovanMap<Key, Value>::readPage(uint32_t& pattern, std::vector<Words>& items
     const auto bits = static_cast<uint32_t>(std::bit_width(pattern));
     for (const Slot& slot : from.slots) {
       Words words;
-      if (read(slot, words) && (bits <= depth || low(hashOf(words), bits) == pattern)) {
-        items.push_back(words);
+      try {
+        if (read(slot, words) && (bits <= depth || low(hashOf(words), bits) == pattern)) {
+          items.push_back(words);
+        }
+      } catch (const CorruptionDetectedException& damage) {
+        if (damages == nullptr) throw;
+        damages->emplace_back(damage.what());
       }
     }
     depth = std::max(depth, bits);
@@ -531,6 +549,19 @@ template <class Key, class Value>
 bool TovanMap<Key, Value>::refresh(Words& words) const {
   const Slot* slot = find(hashOf(words), words);
   return slot != nullptr && read(*slot, words);
+}
+
+template <class Key, class Value>
+template <class Visit, class Damaged>
+void TovanMap<Key, Value>::forEachSound(Visit visit, Damaged damaged) const {
+  std::vector<Words> items;
+  std::vector<std::string> damages;
+  uint32_t pattern = 0;
+  for (bool more = true; more;) {
+    more = readPage(pattern, items, &damages);
+    for (const std::string& damage : damages) damaged(damage);
+    for (const Words& words : items) visit(Item{keyOf(words), valueOf(words)});
+  }
 }
 
 template <class Key, class Value>
@@ -590,14 +621,6 @@ std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
   return valueOf(words);
 }
 
-template <class Key, class Value>
-void TovanMap<Key, Value>::write(Slot& slot, const Words& words, uint32_t checksum) {
-  for (size_t i = 0; i < words.size(); ++i) {
-    slot.words[i].store(words[i], std::memory_order_relaxed);
-  }
-  slot.checksum.store(checksum, std::memory_order_relaxed);
-}
-
 /// Writes a slot so that readers see it before or after; `state` is kLive when it holds an entry.
 template <class Key, class Value>
 void TovanMap<Key, Value>::write(Slot& slot, uint32_t state, const Words& words,
@@ -605,15 +628,18 @@ void TovanMap<Key, Value>::write(Slot& slot, uint32_t state, const Words& words,
   const uint32_t sequence = slot.sequence.load(std::memory_order_relaxed) & ~kState;
   slot.sequence.store(sequence | state | kBusy, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  write(slot, words, checksum);
+#pragma GCC unroll 8
+  for (size_t i = 0; i < words.size(); ++i) {
+    slot.words[i].store(words[i], std::memory_order_relaxed);
+  }
+  slot.checksum.store(checksum, std::memory_order_relaxed);
   slot.sequence.store((sequence + kChange) | kLive, std::memory_order_release);
 }
 
 template <class Key, class Value>
 void TovanMap<Key, Value>::replace(Slot& slot, uint64_t hash, const Words& words) {
   const uint32_t checksum = checksumOf(hash, words);
-  top().journalOffset.store(offsetOf(slot), std::memory_order_relaxed);
-  write(top().journal, words, checksum);
+  top().journal = {.offset = offsetOf(slot), .checksum = checksum, .words = words};
   std::atomic_thread_fence(std::memory_order_release);
   write(slot, kLive, words, checksum);
 }
@@ -679,7 +705,7 @@ void TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
       const uint64_t hash = hashOf(words);
       const uint32_t checksum = checksumOf(hash, words);
       if (slot.checksum.load(std::memory_order_relaxed) != checksum) {
-        corruptionDetected(corrupt("slot at byte", offsetOf(slot), "is damaged").what());
+        corruptionDetected(describe("slot at byte", offsetOf(slot), "is damaged"));
       } else if (low(hash, depth) == pattern && search(page(to), hash, words) == nullptr) {
         place(page(to), kSlots, hash, words, checksum);
       }
@@ -785,18 +811,17 @@ void TovanMap<Key, Value>::settle(Slot& slot) {
     slot.setState(kGone);
     return;
   }
-  const bool inJournal = state == (kBusy | kLive) &&
-                         top().journalOffset.load(std::memory_order_relaxed) == offsetOf(slot);
-  const Slot& from = inJournal ? top().journal : slot;
-  Words words;
-  load(from, words);
+  const auto& journal = top().journal;
+  const bool inJournal = state == (kBusy | kLive) && journal.offset == offsetOf(slot);
+  Words words = journal.words;
+  if (!inJournal) load(slot, words);
   const uint64_t hash = hashOf(words);
-  if (from.checksum.load(std::memory_order_relaxed) == checksumOf(hash, words) && state != 0) {
+  if ((inJournal ? journal.checksum : checksum) == checksumOf(hash, words) && state != 0) {
     if (state != kLive) replace(slot, hash, words);
     return;
   }
   slot.setState(kGone);
-  corruptionDetected(corrupt("slot at byte", offsetOf(slot), "is damaged").what());
+  corruptionDetected(describe("slot at byte", offsetOf(slot), "is damaged"));
 }
 
 /// Whether all entries of a page are found where the search for them leads.
@@ -836,7 +861,7 @@ size_t TovanMap<Key, Value>::repair() {
       depth_ = std::max(depth_, depth);
     } else {
       damaged.push_back(number);
-      corruptionDetected(corrupt("page", number, "has a damaged head").what());
+      corruptionDetected(describe("page", number, "has a damaged head"));
     }
   }
   const auto serialOf = [&](uint32_t number) { return page(number).serial.load(); };
