@@ -55,32 +55,28 @@ struct Options {
 constexpr int kFailed = 1;
 constexpr int kMisused = 2;
 
-/// While a name is shared, removes its tables when the process is asked to end, and ends it.
+/// From now on SIGINT and SIGTERM remove the tables that this process shares under `name`, and end
+/// it: with status 0 when `endsWell`.
 ///
-/// A thread waits for the signals, so that it makes no difference what the process is busy with.
-class EndOnSignal {
- public:
-  EndOnSignal(std::string sharedName, bool endsWell) {
-    ::sigemptyset(&signals_);
-    ::sigaddset(&signals_, SIGINT);
-    ::sigaddset(&signals_, SIGTERM);
-    ::pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-    std::thread([signals = signals_, name = std::move(sharedName), endsWell] {
-      int signal = 0;
-      ::sigwait(&signals, &signal);
-      Tovan::removeTablesOf(name);
-      constexpr int kBySignal = 128;
-      std::_Exit(endsWell ? 0 : kBySignal + signal);
-    }).detach();
-  }
+/// A thread waits for them, so that it makes no difference what the process is busy with.
+void removeTablesOnSignal(const std::string& name, bool endsWell) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGINT);
+  ::sigaddset(&signals, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::thread([signals, name, endsWell] {
+    constexpr int kBySignal = 128;
+    int signal = 0;
+    ::sigwait(&signals, &signal);
+    Tovan::removeTablesOf(name);
+    std::_Exit(endsWell ? 0 : kBySignal + signal);
+  }).detach();
+}
 
- private:
-  sigset_t signals_;
-};
-
-/// Shows on a terminal how far a long input is.
+/// Shows on a terminal how far a long input is; whatever comes next there overwrites it.
 void showProgress(size_t lines) {
-  std::cerr << '\r' << lines << " lines" << std::flush;
+  std::cerr << lines << " lines\r" << std::flush;
 }
 
 /// With this, two runs on the same input print the same traces in the same order.
@@ -103,8 +99,8 @@ int replay(const Options& options) {
   }
   const auto output =
       options.json ? Replay::jsonOutput(std::cout) : Replay::textOutput(std::cout, isColoured());
-  if (!options.sharedName.empty()) EndOnSignal(options.sharedName, options.holds);
   Daemon::Switch sw({.settles = options.settles, .sharedName = options.sharedName});
+  if (!options.sharedName.empty()) removeTablesOnSignal(options.sharedName, options.holds);
   Replay::Player player(sw, *output,
                         {.traceLevels = Replay::parseTraceLevels(options.traceLevels).value_or(0),
                          .echoes = options.echoes,

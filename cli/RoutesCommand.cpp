@@ -67,23 +67,25 @@ class Listing {
     const auto forwarding = Kiv::make<typename F::ForwardingStatus>(name, Tovan::Access::Read);
     std::vector<Replay::ShownRoute<F>> shown;
     bool isWhole = true;
-    const auto report = [&isWhole](const Tovan::CorruptionDetectedException& damage) {
-      std::cerr << "hostroute routes: error: " << damage.what() << '\n';
+    const auto report = [&isWhole](const std::string& damage) {
+      std::cerr << "hostroute routes: error: " << damage << '\n';
       isWhole = false;
     };
-    try {
-      routes->forEachRoute([&](const typename F::Route& route) {
-        try {
-          if (auto found = resolved<F>(route, *routes, *forwarding)) {
-            shown.push_back(std::move(*found));
-          }
-        } catch (const Tovan::CorruptionDetectedException& damage) {
-          report(damage);
-          shown.push_back({route, {}});
+    const auto add = [&](const auto& item) {
+      const auto route = item.value.withKey(item.key);
+      try {
+        if (auto found = resolved<F>(route, *routes, *forwarding)) {
+          shown.push_back(std::move(*found));
         }
-      });
+      } catch (const Tovan::CorruptionDetectedException& damage) {
+        report(damage.what());
+        shown.push_back({route, {}});
+      }
+    };
+    try {
+      routes->map().forEachSound(add, report);
     } catch (const Tovan::CorruptionDetectedException& damage) {
-      report(damage);
+      report(damage.what());
     }
     std::sort(shown.begin(), shown.end(),
               [](const auto& a, const auto& b) { return a.route.key < b.route.key; });

@@ -15,7 +15,8 @@ std::string jsonString(std::string_view text) {
   return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-std::string JsonObject::text() const {
+std::string JsonObject::text() {
+  std::sort(members_.begin(), members_.end());
   std::string text = "{";
   for (const auto& [name, value] : members_) {
     if (text.size() > 1) text += ',';
@@ -24,11 +25,10 @@ std::string JsonObject::text() const {
   return text += '}';
 }
 
-std::string JsonList::text() const {
-  auto sorted = elements_;
-  std::sort(sorted.begin(), sorted.end());
+std::string JsonList::text() {
+  std::sort(elements_.begin(), elements_.end());
   std::string text = "[";
-  for (const std::string& element : sorted) {
+  for (const std::string& element : elements_) {
     if (text.size() > 1) text += ',';
     text += element;
   }

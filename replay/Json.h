@@ -1,9 +1,9 @@
 // JSON text put together piece by piece, so that what belongs together sorts together.
 #pragma once
 
-#include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Replay {
@@ -14,18 +14,18 @@ inline std::string jsonBool(bool value) {
   return value ? "true" : "false";
 }
 
-/// A JSON object; prints its members by name.
+/// A JSON object; prints its members by name, and is given each once.
 class JsonObject {
  public:
   /// Adds a member whose value is the JSON text `value`.
   JsonObject& add(std::string_view name, std::string value) {
-    members_.insert_or_assign(std::string(name), std::move(value));
+    members_.emplace_back(name, std::move(value));
     return *this;
   }
-  std::string text() const;
+  std::string text();
 
  private:
-  std::map<std::string, std::string> members_;
+  std::vector<std::pair<std::string, std::string>> members_;
 };
 
 /// A JSON list; prints its elements in the order of their texts.
@@ -36,7 +36,7 @@ class JsonList {
     elements_.push_back(std::move(element));
     return *this;
   }
-  std::string text() const;
+  std::string text();
 
  private:
   std::vector<std::string> elements_;

@@ -14,6 +14,17 @@ std::string valueJson(const Value& value) {
   return jsonString(toString(value));
 }
 
+std::string keyText(Tovan::Fib::FecId fecId) {
+  return std::to_string(fecId);
+}
+std::string keyText(const Kiv::String8& name) {
+  return std::string(name.view());
+}
+template <Zemit::HasText Value>
+std::string keyText(const Value& value) {
+  return toString(value);
+}
+
 /// The keys of a set of values, from an iterator on it.
 template <class Iterator>
 std::string keysJson(Iterator it) {
@@ -26,11 +37,7 @@ std::string keysJson(Iterator it) {
 template <class Iterator, class ValueText>
 std::string mapJson(Iterator it, ValueText valueText) {
   JsonObject object;
-  for (; it; ++it) {
-    std::ostringstream key;
-    key << it.key();
-    object.add(key.view(), valueText(it.value()));
-  }
+  for (; it; ++it) object.add(keyText(it.key()), valueText(it.value()));
   return object.text();
 }
 

@@ -57,7 +57,7 @@ class DifferentialTest : public testing::TestWithParam<std::tuple<uint64_t, bool
 // The same events are made by `model --generate SEED COUNT`.
 TEST_P(DifferentialTest, EngineAndModelAgreeAfterEveryEvent) {
   const auto [seed, settles] = GetParam();
-  constexpr size_t kEvents = 1500;
+  constexpr size_t kEvents = 1000;
   std::ostream nowhere(nullptr);
   const auto output = Replay::jsonOutput(nowhere);
   Daemon::Switch sw({.settles = settles});
@@ -77,6 +77,6 @@ TEST_P(DifferentialTest, EngineAndModelAgreeAfterEveryEvent) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, DifferentialTest,
-                         testing::Combine(testing::Range<uint64_t>(1, 7), testing::Bool()));
+                         testing::Combine(testing::Range<uint64_t>(1, 5), testing::Bool()));
 
 }  // namespace

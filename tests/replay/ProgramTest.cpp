@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -161,6 +163,27 @@ TEST_F(ProgramTest, TheTablesOfAKilledWriterStayUntilTheNextOne) {
   EXPECT_EQ(after.text, before.text);
   EXPECT_EQ(run("replay --shared " + name + " /dev/null").status, 0);
   EXPECT_EQ(run("routes --table " + name).status, 1);
+}
+
+TEST_F(ProgramTest, ADamagedRouteIsReportedAndTheOthersAreShown) {
+  Writer writer(name);
+  writer.feed(kScene);
+  writer.feed(
+      "{\"op\":\"route\",\"prefix\":\"10.3.0.0/16\",\"metric\":3735928559}\n"
+      "{\"op\":\"route\",\"prefix\":\"10.4.0.0/16\"}\n");
+  EXPECT_EQ(routesOnce("10.4.0.0/16").status, 0);
+  std::fstream table("/dev/shm/hostroute-" + name + ".default.route4",
+                     std::ios::in | std::ios::out | std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(table)), {});
+  const auto at = bytes.find("\xEF\xBE\xAD\xDE");
+  ASSERT_NE(at, bytes.npos);
+  table.seekp(static_cast<std::streamoff>(at)).put('\0').flush();
+
+  const auto read = run("routes --table " + name);
+  EXPECT_EQ(read.status, 1);
+  EXPECT_NE(read.text.find("error: "), std::string::npos) << read.text;
+  EXPECT_EQ(read.text.find("10.3.0.0/16"), std::string::npos) << read.text;
+  EXPECT_NE(read.text.find("10.4.0.0/16"), std::string::npos) << read.text;
 }
 
 TEST_F(ProgramTest, HeldTablesGoWithASignal) {
