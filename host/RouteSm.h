@@ -20,7 +20,8 @@ namespace Routing::Host {
 /// Each reactor watches one input and calls one handler. A handler without a key walks the whole
 /// input, a keyed one handles one entry. Everything runs on the thread of the activity. The inputs,
 /// the root and the activity are lent: whoever made the machine keeps them alive as long as it
-/// lives. A null input reads as an empty table.
+/// lives. A null input reads as an empty table. A callback of what the machine writes must not
+/// destroy it.
 ///
 /// Until `initialized` is set the machine only records; then it catches up in one pass.
 class RouteSm final : public Kiv::Entity {

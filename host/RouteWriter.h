@@ -16,8 +16,7 @@ namespace Routing::Host {
 ///                         virtual address that the route table may not take, it is dropped.
 /// \param routeType        never `invalid_`.
 /// \param virtualIpStatus  null when no address counts as virtual.
-/// \param vrfName          not consulted, deliberately: an address that is virtual in any VRF
-/// counts.
+/// \param vrfName          not consulted, deliberately: what is virtual in any VRF counts.
 void addRouteToRouteTable(const Status::Ptr& hostTable,
                           const Tovan::Fib::RouteStatus::Ptr& routeTable, const Zemit::IpAddr& ip,
                           Tovan::Fib::FecId fecId, Routing::Fib::RouteType routeType,

@@ -14,6 +14,7 @@ void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status, const Kiv::Nam
                 << " intfName " << intfName << " intf " << status);
   if (const auto recorded = root->intfNameToAddrWithMask(intfName)) {
     for (const auto& addrWithMask : recorded->addrWithMaskKeys()) {
+      // What the interface has no more leaves with the record as a whole, below.
       if (status && status->addr(addrWithMask) != Ip6::AddressInfo()) {
         recorded->addrWithMaskDel(addrWithMask);
       }
@@ -42,6 +43,8 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
   KIV_TRACE(hostRoute6Trace, 8, *this,
             "void Routing6::Host::RouteSm::KivIpIntfStatus::handleActiveAddrWithMask()"
                 << " In VRF: " << routeSm()->vrfName());
+  // A callback of what is written here may take the interface, and this reactor, from the machine.
+  const Kiv::Ptr<KivIpIntfStatus> alive(this);
   const Ip6::IntfStatus::PtrConst status = notifier();
   const Kiv::Name name = status->name();
   KIV_TRACE(hostRoute6Trace, 8, *this,

@@ -16,8 +16,7 @@ namespace Routing6::Host {
 ///                         virtual address that the route table may not take, it is dropped.
 /// \param routeType        never `invalid_`.
 /// \param virtualIp6Status  null when no address counts as virtual.
-/// \param vrfName          not consulted, deliberately: an address that is virtual in any VRF
-/// counts.
+/// \param vrfName          not consulted, deliberately: what is virtual in any VRF counts.
 void addRouteToRouteTable(const Status::Ptr& hostTable,
                           const Tovan::Fib6::RouteStatus::Ptr& routeTable, const Zemit::Ip6Addr& ip,
                           Tovan::Fib::FecId fecId, Routing6::Fib::RouteType routeType,
