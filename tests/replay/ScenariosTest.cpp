@@ -41,7 +41,9 @@ TEST_P(ScenariosTest, PrintsWhatIsExpected) {
   const auto traceAt = firstLine.find("--trace ");
   const auto levels = traceAt == firstLine.npos ? 0U : 1U << (firstLine.at(traceAt + 8) - '0');
   std::ostringstream printed;
-  const auto output = Replay::jsonOutput(printed);
+  const auto output = firstLine.find("--text") == firstLine.npos
+                          ? Replay::jsonOutput(printed)
+                          : Replay::textOutput(printed, false);
   Daemon::Switch sw({.settles = firstLine.find("--settle") != firstLine.npos});
   Replay::Player player(sw, *output,
                         {.traceLevels = levels,
