@@ -174,6 +174,16 @@ class HashMap {
   /// The value of `key`, or null.
   V* find(const K& key) { return valueAt(locate(key)); }
   const V* find(const K& key) const { return valueAt(locate(key)); }
+  /// Begins to fetch what find() is going to read; so several maps can be searched in the time of
+  /// one. \returns the hash to call it with.
+  uint32_t prefetch(const K& key) const {
+    const uint32_t hash = H()(key);
+    const Place place(block_, homeOf(block_, hash));
+    __builtin_prefetch(place.controls);
+    __builtin_prefetch(place.slots + Group::firstChoice(hash));
+    return hash;
+  }
+  const V* find(const K& key, uint32_t hash) const { return valueAt(locate(key, hash)); }
   bool contains(const K& key) const { return bool(locate(key)); }
 
   /// The value of `key`, which is made of `args` if there was none. \returns true when it was made.

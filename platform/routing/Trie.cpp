@@ -43,16 +43,23 @@ template <class P>
 P BasicTrie<P>::longest(const Addr& addr, uint32_t maxLen) const {
   const Bits bits = detail::bitsOf(addr);
   const uint32_t levels = used_ & ((2U << levelOf(maxLen)) - 1);
+  std::array<uint32_t, kLevels> hashes;
+  if constexpr (kFetchesAhead) {
+    for (uint32_t left = levels; left != 0; left &= left - 1) {
+      const auto level = static_cast<uint32_t>(std::countr_zero(left));
+      hashes[level] = at(*this, level, bits,
+                         [](const auto& table, const auto& path) { return table.prefetch(path); });
+    }
+  }
   for (uint32_t left = levels; left != 0;) {
     const auto level = static_cast<uint32_t>(std::bit_width(left)) - 1;
-    const uint32_t depth = level * kStride;
     left ^= 1U << level;
-    const uint32_t len = at(*this, level, bits, [&](const auto& table, auto path) {
-      const auto* const node = table.find(path);
-      return node == nullptr ? detail::TrieNode::kNone
-                             : node->longest(nextOf(bits, level), maxLen - depth);
+    const uint32_t len = at(*this, level, bits, [&](const auto& table, const auto& path) {
+      const auto* const node = kFetchesAhead ? table.find(path, hashes[level]) : table.find(path);
+      if (node == nullptr) return detail::TrieNode::kNone;
+      return node->longest(nextOf(bits, level), maxLen - level * kStride);
     });
-    if (len != detail::TrieNode::kNone) return P::enclosing(addr, depth + len);
+    if (len != detail::TrieNode::kNone) return P::enclosing(addr, level * kStride + len);
   }
   return P::null();
 }

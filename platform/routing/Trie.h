@@ -84,6 +84,8 @@ class BasicTrie final : public Kiv::Object {
   static constexpr uint32_t kLevels = (P::kMaxLen + kStride - 1) / kStride;
   /// The levels whose paths are no longer than 64 bits.
   static constexpr uint32_t kShortLevels = std::min(kLevels, 64 / kStride + 1);
+  /// Where the levels are few, a processor's own guesses get ahead as well and cost nothing.
+  static constexpr bool kFetchesAhead = kLevels > 6;
 
   static uint32_t levelOf(uint32_t len) { return (std::max(len, 1U) - 1) / kStride; }
   /// The six bits that follow the path of a level.
