@@ -44,7 +44,6 @@ Table::Table(const TableConfig& config, const Shape& shape)
   } else {
     const auto what = fault();
     if (!what.empty()) throw OpenException(titleOf(name_) + " " + what);
-    takenOver_ = !readOnly_;
   }
   countPages();
 }
@@ -58,6 +57,8 @@ void Table::create() {
   top.identity = {.layout = layout_, .seed = Kiv::drawHashSeed()};
   top.identityChecksum = checksum(top.identity);
   top.bytes.store(memory_.bytes(), std::memory_order_relaxed);
+  // Readers wait for the directory, which is derived as in a repair.
+  top.directory.store(uint64_t{1} << 8, std::memory_order_relaxed);
   top.magic.store(kMagic, std::memory_order_release);
 }
 

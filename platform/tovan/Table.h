@@ -79,8 +79,6 @@ class Table {
   uint32_t depth() const {
     return static_cast<uint8_t>(header().directory.load(std::memory_order_acquire));
   }
-  /// Whether a writer before us left the table, in whatever state.
-  bool isTakenOver() const { return takenOver_; }
   TableHeader& header() const { return *reinterpret_cast<TableHeader*>(memory_.base()); }
   TableMemory& memory() { return memory_; }
   const TableMemory& memory() const { return memory_; }
@@ -113,7 +111,6 @@ class Table {
   const Shape shape_;
   const std::string name_;
   const bool readOnly_;
-  bool takenOver_ = false;
   uint64_t layout_;
   mutable TableMemory memory_;
   mutable uint32_t pages_ = 0;

@@ -7,7 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -43,6 +46,53 @@ struct flock wholeFile(short type) {
   return lock;
 }
 
+/// The addresses of a shared table, as the signal handler finds them.
+struct Range {
+  std::atomic<uintptr_t> begin;
+  std::atomic<uintptr_t> end;
+};
+std::array<Range, 1024> mappedTables;
+struct sigaction formerAction;
+
+/// Puts a page of zeroes where a table's file has been cut short under us: they are found to be
+/// damage, like anything else that nobody wrote. Other addresses are left to the former handler.
+void onBusError(int signal, siginfo_t* info, void*) {
+  const auto at = reinterpret_cast<uintptr_t>(info->si_addr);
+  for (const Range& table : mappedTables) {
+    if (at < table.begin || at >= table.end) continue;
+    void* page = reinterpret_cast<void*>(at / kPage * kPage);
+    const int kind = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED;
+    if (::mmap(page, kPage, PROT_READ | PROT_WRITE, kind, -1, 0) != MAP_FAILED) return;
+  }
+  ::sigaction(signal, &formerAction, nullptr);
+}
+
+/// Guards a shared table against a file that is cut short; tables beyond the first thousand are
+/// not.
+void guard(uintptr_t begin, size_t bytes) {
+  static const bool installed = [] {
+    struct sigaction action {};
+    action.sa_sigaction = onBusError;
+    action.sa_flags = SA_SIGINFO;
+    return ::sigaction(SIGBUS, &action, &formerAction) == 0;
+  }();
+  if (!installed) return;
+  for (Range& table : mappedTables) {
+    uintptr_t none = 0;
+    if (!table.begin.compare_exchange_strong(none, begin)) continue;
+    table.end = begin + bytes;
+    return;
+  }
+}
+
+void unguard(uintptr_t begin) {
+  for (Range& table : mappedTables) {
+    if (table.begin != begin) continue;
+    table.end = 0;
+    table.begin = 0;
+  }
+}
+
 }  // namespace
 
 std::string titleOf(std::string_view table) {
@@ -66,12 +116,15 @@ TableMemory::TableMemory(const TableConfig& config, size_t maxBytes)
     throw OpenException(titleOf(name_) + " cannot be mapped" + reason(error));
   }
   base_ = static_cast<std::byte*>(at);
-  if (embedded && reserved_ > kHugePage) {
+  if (!embedded) {
+    guard(reinterpret_cast<uintptr_t>(base_), reserved_);
+  } else if (reserved_ > kHugePage) {
     ::madvise(base_ + kHugePage, reserved_ - kHugePage, MADV_HUGEPAGE);  // only makes it faster
   }
 }
 
 TableMemory::~TableMemory() {
+  unguard(reinterpret_cast<uintptr_t>(base_));
   ::munmap(base_, reserved_);
   if (fd_ >= 0) ::close(fd_);
 }

@@ -219,6 +219,32 @@ TEST_F(OpenTovanMapTest, RefusesATruncatedTable) {
   ::close(fd);
 }
 
+// Whoever may write the file may cut it short; those who have it open live on.
+TEST_F(OpenTovanMapTest, TableCutShortInUseIsDamageNotACrash) {
+  Map table = writer();
+  for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
+  Map other = reader();
+  const int fd = file();
+  ASSERT_EQ(::ftruncate(fd, ::lseek(fd, 0, SEEK_END) - 200000), 0);
+  ::close(fd);
+  size_t reported = 0;
+  for (uint64_t i = 0; i < 5000; ++i) {
+    try {
+      EXPECT_EQ(other.get(i).value_or(Repeated(i)).words, Repeated(i).words);
+    } catch (const CorruptionDetectedException&) {
+      ++reported;
+    }
+  }
+  EXPECT_GT(reported, 0u);
+  EXPECT_THROW(for (const auto& item
+                    : other) EXPECT_TRUE(item.value.isWhole()),
+               CorruptionDetectedException);
+  EXPECT_THROW(table.validateFiles(), CorruptionDetectedException);
+  for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
+  EXPECT_GT(table.corruptions(), 0u);
+  EXPECT_EQ(table.size(), 5000u);
+}
+
 TEST_F(OpenTovanMapTest, ReaderRefusesEveryChange) {
   Map table = writer();
   table.set(1, Repeated(1));
