@@ -51,7 +51,7 @@ class Writer {
     ::close(ends[0]);
     input_ = ends[1];
   }
-  ~Writer() { end(SIGKILL); }
+  ~Writer() { end(SIGTERM); }  // its tables go with it
 
   void feed(std::string_view events) {
     while (!events.empty()) {
