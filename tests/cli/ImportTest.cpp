@@ -56,7 +56,7 @@ std::string read(const std::filesystem::path& path) {
 }
 
 TEST(ImportTest, TheExampleGivesItsReplay) {
-  const auto examples = std::filesystem::path(__FILE__).parent_path() / "../../examples";
+  const auto examples = std::filesystem::path(SOURCE_DIR) / "examples";
   const auto document = [&](const std::string& name) {
     return IpDocument{name, read(examples / "leaf" / name)};
   };

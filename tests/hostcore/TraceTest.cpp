@@ -167,7 +167,7 @@ std::string recordAllRoads() {
 }
 
 std::string contents(const char* name) {
-  std::ifstream file(std::filesystem::path(__FILE__).parent_path() / name);
+  std::ifstream file(std::filesystem::path(SOURCE_DIR) / "tests/hostcore" / name);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
