@@ -94,7 +94,7 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
   if (isNull(above.key)) return;
   const auto neighbors = F::neighborSet(root_, above.key);
   if (!neighbors) return;
-  for (const Addr& addr : neighbors->ipKeys()) {
+  for (const Addr& addr : ascending(neighbors->ipIteratorConst())) {
     if (!prefix.contains(addr)) continue;
     F::traceTakenFrom(sm_, addr, above.key);
     F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
@@ -108,7 +108,7 @@ typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldP
   auto result = F::AddrSet::AddrSetIs(Prefix::null());
   const auto neighbors = F::neighborSet(root_, oldPrefix);
   if (!neighbors) return result;
-  for (const Addr& addr : neighbors->ipKeys()) {
+  for (const Addr& addr : ascending(neighbors->ipIteratorConst())) {
     F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
     neighbors->ipDel(addr);
     result->ipIs(addr, true);

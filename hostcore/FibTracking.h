@@ -154,7 +154,7 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
   }
 
   if (const auto neighbors = F::neighborSet(root, oldFibRoute.key)) {
-    for (const auto& addr : neighbors->ipKeys()) {
+    for (const auto& addr : ascending(neighbors->ipIteratorConst())) {
       F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
       neighbors->ipDel(addr);
       if (rehome) sm_.fixupArpRoute(addr, above);

@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "hostcore/Family.h"
+#include "platform/kiv/SmallVector.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
@@ -23,6 +25,16 @@ std::vector<Prefix> shortestFirst(std::vector<Prefix> prefixes) {
     return std::make_tuple(a.len(), a.addr()) < std::make_tuple(b.len(), b.addr());
   });
   return prefixes;
+}
+
+/// The keys of a walk in ascending order. What follows from the order in which neighbours are
+/// handled, such as the ids that their adjacencies get, is the same each time by this.
+template <class Iterator>
+auto ascending(Iterator walk) {
+  Kiv::SmallVector<std::remove_cvref_t<decltype(walk.key())>> keys;
+  for (; walk; ++walk) keys.insert(keys.end(), walk.key());
+  std::sort(keys.begin(), keys.end());
+  return keys;
 }
 
 /// The look-ups that say whether a neighbour may have a host route.

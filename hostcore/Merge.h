@@ -73,7 +73,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
       if (fibRoute.key.contains(addr)) result->ipIs(addr, true);
     }
   }
-  for (auto it = result->ipIteratorConst(); it; ++it) sm_.fixupArpRoute(it.key(), fibRoute);
+  for (const Addr& addr : ascending(result->ipIteratorConst())) sm_.fixupArpRoute(addr, fibRoute);
   return result;
 }
 
@@ -153,8 +153,8 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
   // The reference of the route about to be replaced. It is dropped only after the replacement has
   // been written, so that a FEC never reaches a zero count while it is still in use.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
-  for (auto it = changed->ipIteratorConst(); it; ++it) {
-    const Prefix prefix = hostPrefix<F>(it.key());
+  for (const Addr& addr : ascending(changed->ipIteratorConst())) {
+    const Prefix prefix = hostPrefix<F>(addr);
     KIV_TRACE(F::trace(), 8, sm_, " handling prefix: " << prefix);
     if (heldFec != Tovan::Fib::invalidFecId) {
       KIV_TRACE(F::trace(), 8, sm_,
@@ -169,7 +169,7 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
       KIV_TRACE(F::trace(), 8, sm_,
                 " oldFecId: " << heldFec << " routeType: " << existing.routeType);
     }
-    mergeOne(it.key());
+    mergeOne(addr);
   }
   if (heldFec != Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 8, sm_, F::Text::kDroppingLast << heldFec);

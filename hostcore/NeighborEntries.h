@@ -83,10 +83,12 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
     return;
   }
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
-  for (auto it = F::neighbors(*table); it; ++it) {
-    const auto neighbor = it.value();
+  for (const Addr& addr : ascending(F::neighbors(*table))) {
+    const auto* entry = F::findNeighbor(*table, addr);
+    if (entry == nullptr) continue;
+    const auto neighbor = *entry;  // the table may change while it is handled
     sm_.handleAddedArpEntry(F::argument(neighbor), table);
-    mergeSet->ipIs(it.key(), true);
+    mergeSet->ipIs(addr, true);
   }
   if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
 }
@@ -109,7 +111,11 @@ void NeighborEntries<F>::handleArpEntries() {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
   }
-  for (auto it = sm_.arpIntfStatusIteratorConst(); it; ++it) it.value()->handleArpEntry();
+  auto names = sm_.arpIntfStatusKeys();
+  std::sort(names.begin(), names.end());
+  for (const Kiv::Name& name : names) {
+    if (const auto reactor = sm_.arpIntfStatus(name)) reactor->handleArpEntry();
+  }
 }
 
 template <Family F>
@@ -172,10 +178,12 @@ void NeighborEntries<F>::handleDeletedArpIntfStatus(const ArpTable& table) {
             "arpIntfStatus for " << table->name() << " was deleted"
                                  << " with " << count << F::Text::kEntriesLeft);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
-  for (auto it = F::neighbors(*table); it; ++it) {
-    const auto neighbor = it.value();
+  for (const Addr& addr : ascending(F::neighbors(*table))) {
+    const auto* entry = F::findNeighbor(*table, addr);
+    if (entry == nullptr) continue;
+    const auto neighbor = *entry;
     sm_.handleDeletedArpEntry(F::argument(neighbor), table);
-    mergeSet->ipIs(it.key(), true);
+    mergeSet->ipIs(addr, true);
   }
   sm_.doMerge(mergeSet);
 }
@@ -185,11 +193,12 @@ void NeighborEntries<F>::handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& f
                                                      const ArpTable& table) {
   if (skipInterface(*table)) return;
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
-  for (auto it = F::neighbors(former); it; ++it) {
-    if (F::findNeighbor(*table, it.key()) != nullptr) continue;
-    const auto neighbor = it.value();
+  for (const Addr& addr : ascending(F::neighbors(former))) {
+    const auto* entry = F::findNeighbor(former, addr);
+    if (entry == nullptr || F::findNeighbor(*table, addr) != nullptr) continue;
+    const auto neighbor = *entry;
     sm_.handleDeletedArpEntry(F::argument(neighbor), table);
-    mergeSet->ipIs(it.key(), true);
+    mergeSet->ipIs(addr, true);
   }
   if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
 }
