@@ -1,0 +1,528 @@
+// The engine under the loads of a switch: what an event costs beside the floor, and how costs grow.
+#include <sys/mman.h>
+
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <stdexcept>
+
+#include "bench/Measure.h"
+#include "bench/Neighbors.h"
+#include "bench/Scene.h"
+
+namespace Bench {
+namespace {
+
+/// What a run is asked to do.
+struct Options {
+  bool quick = false;      ///< a tenth of the sizes, and fewer rounds
+  std::string filter;      ///< only the measurements whose names contain this
+  size_t scale = 1;        ///< by which sizes are divided
+  size_t rounds = 25;      ///< of which medians are taken
+  size_t repetitions = 3;  ///< of what takes long
+
+  bool wants(const std::string& name) const { return name.find(filter) != std::string::npos; }
+  std::vector<size_t> sizes(std::initializer_list<size_t> all) const {
+    std::vector<size_t> result;
+    for (const size_t size : all) result.push_back(size / scale);
+    return result;
+  }
+};
+
+void require(bool holds, const char* what) {
+  if (!holds) throw std::runtime_error(what);
+}
+
+// One event of a neighbour.
+
+enum Event { kLearned, kUpdated, kLost };
+constexpr size_t kEvents = 3;
+constexpr const char* kEventNames[] = {"learned", "updated", "lost"};
+
+/// Hosts in an order without system, none twice.
+std::vector<size_t> drawn(size_t count, size_t hosts, std::mt19937_64& random) {
+  std::vector<size_t> batch(count);
+  const size_t first = random() % hosts;
+  for (size_t i = 0; i < count; ++i) batch[i] = (first + i * (hosts / count)) % hosts;
+  std::shuffle(batch.begin(), batch.end(), random);
+  return batch;
+}
+
+/// Nanoseconds of each kind of event, all done to the hosts of `batch`.
+template <class Subject>
+void timeEvents(Subject& subject, const std::vector<size_t>& batch,
+                std::vector<double> (&nanoseconds)[kEvents]) {
+  const double toNs = 1e9 / static_cast<double>(batch.size());
+  const auto time = [&](Event event, auto step) {
+    nanoseconds[event].push_back(toNs * secondsOf([&] {
+                                   for (const size_t host : batch) step(host);
+                                 }));
+  };
+  time(kUpdated, [&](size_t host) { subject.update(host); });
+  time(kLost, [&](size_t host) { subject.lose(host); });
+  time(kLearned, [&](size_t host) { subject.learn(host); });
+}
+
+template <class F>
+void events(const Options& options, const std::string& name, size_t hosts) {
+  const auto figures = inProcess([&]() -> std::vector<double> {
+    Floor<F> floor(hosts);
+    Engine<F> engine(hosts);
+    for (size_t host = 0; host < hosts; ++host) {
+      floor.learn(host);
+      engine.learn(host);
+    }
+    std::vector<double> ofFloor[kEvents], ofEngine[kEvents], traced[kEvents];
+    std::mt19937_64 random(1);
+    for (size_t round = 0; round < options.rounds; ++round) {
+      timeEvents(floor, drawn(1000, hosts, random), ofFloor);
+      timeEvents(engine, drawn(1000, hosts, random), ofEngine);
+      F::trace().levelIs(0, true);
+      timeEvents(engine, drawn(1000, hosts, random), traced);
+      F::trace().levelIs(0, false);
+    }
+    require(engine.routes() == hosts && floor.routes() == hosts, "a neighbour lacks its route");
+    std::vector<double> medians;
+    for (size_t event = 0; event < kEvents; ++event) {
+      medians.push_back(median(ofEngine[event]));
+      medians.push_back(median(traced[event]));
+      medians.push_back(median(ofFloor[event]));
+    }
+    return medians;
+  });
+  for (size_t event = 0; event < kEvents; ++event) {
+    report(name + '/' + kEventNames[event], static_cast<double>(hosts),
+           {{"ns", figures[3 * event]},
+            {"ns_level0", figures[3 * event + 1]},
+            {"floor_ns", figures[3 * event + 2]},
+            {"ratio", figures[3 * event] / figures[3 * event + 2]}});
+  }
+}
+
+template <class Subject>
+double bytesEach(size_t hosts) {
+  return inProcess([hosts]() -> std::vector<double> {
+    Subject subject(hosts);
+    const double before = residentBytes();
+    for (size_t host = 0; host < hosts; ++host) subject.learn(host);
+    return {(residentBytes() - before) / static_cast<double>(hosts)};
+  })[0];
+}
+
+template <class F>
+void memory(const std::string& name, size_t hosts) {
+  const double engine = bytesEach<Engine<F>>(hosts);
+  const double floor = bytesEach<Floor<F>>(hosts);
+  report(name, static_cast<double>(hosts),
+         {{"bytes", engine}, {"floor_bytes", floor}, {"ratio", engine / floor}});
+}
+
+/// How long single events take while the tables grow from nothing.
+///
+/// Each run makes the same calls on the same data, so what is slow in every one of them is the
+/// engine's doing: of each event, the shortest time counts.
+template <class F>
+void latency(const Options& options, const std::string& name, size_t hosts) {
+  std::vector<size_t> order(hosts);
+  for (size_t i = 0; i < hosts; ++i) order[i] = i;
+  std::shuffle(order.begin(), order.end(), std::mt19937_64(1));
+  const size_t count = kEvents * hosts;
+  auto* const shortest = static_cast<float*>(mmap(
+      nullptr, count * sizeof(float), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  require(shortest != MAP_FAILED, "no memory");
+  std::fill(shortest, shortest + count, 1e30F);
+  for (size_t run = 0; run < options.repetitions; ++run) {
+    inProcess([&]() -> std::vector<double> {
+      Engine<F> engine(hosts);
+      float* at = shortest;
+      const auto time = [&at](auto event) {
+        const auto start = std::chrono::steady_clock::now();
+        event();
+        const std::chrono::duration<float, std::nano> elapsed =
+            std::chrono::steady_clock::now() - start;
+        *at = std::min(*at, elapsed.count());
+        ++at;
+      };
+      for (const size_t host : order) {
+        time([&] { engine.learn(host); });
+      }
+      for (const size_t host : order) {
+        time([&] { engine.update(host); });
+      }
+      for (const size_t host : order) {
+        time([&] { engine.lose(host); });
+      }
+      return {};
+    });
+  }
+  for (size_t event = 0; event < kEvents; ++event) {
+    float* const times = shortest + event * hosts;
+    std::sort(times, times + hosts);
+    const auto at = [&](double share) {
+      return times[static_cast<size_t>(share * static_cast<double>(hosts - 1))];
+    };
+    report(name + '/' + kEventNames[event], static_cast<double>(hosts),
+           {{"p50_ns", at(0.5)},
+            {"p99_ns", at(0.99)},
+            {"p9999_ns", at(0.9999)},
+            {"longest_ns", at(1)}});
+  }
+  munmap(shortest, count * sizeof(float));
+}
+
+// The loads. Each is run at several sizes; `Series` fits how its figures grow.
+
+/// The figures of one load at several sizes.
+class Series {
+ public:
+  Series(std::string name, std::vector<std::string> fitted)
+      : name_(std::move(name)), fitted_(std::move(fitted)), costs_(fitted_.size()) {}
+
+  void add(size_t size, const Figures& figures) {
+    report(name_, static_cast<double>(size), figures);
+    for (const auto& [what, value] : figures) {
+      const auto at = std::find(fitted_.begin(), fitted_.end(), what);
+      if (at != fitted_.end()) {
+        costs_[static_cast<size_t>(at - fitted_.begin())].emplace_back(size, value);
+      }
+    }
+  }
+  ~Series() {
+    Figures exponents;
+    for (size_t i = 0; i < fitted_.size(); ++i) {
+      exponents.emplace_back(fitted_[i], exponentOf(costs_[i]));
+    }
+    report(name_ + "/exponent", 0, exponents);
+  }
+
+ private:
+  std::string name_;
+  std::vector<std::string> fitted_;
+  std::vector<std::vector<std::pair<double, double>>> costs_;
+};
+
+/// Seconds for, and bytes held after, a table of prefixes behind a gateway on an interface with
+/// neighbours; with the machine gone, only the input tables are filled.
+template <class F>
+std::vector<double> gatewayRun(size_t prefixes, size_t neighbors, bool withMachine) {
+  return inProcess([&]() -> std::vector<double> {
+    Scene<F> scene;
+    const auto intf = scene.intf(1);
+    scene.direct(1, {intf});
+    scene.gateway(2, intf, Net<F>::addr(0, 1));
+    scene.route(Net<F>::cover(), 1);
+    scene.initialized();
+    for (size_t i = 0; i < neighbors; ++i) scene.neighbor(intf, Net<F>::addr(i / 250, i % 250));
+    require(scene.hostRoutes() == neighbors, "a neighbour lacks its route");
+    if (!withMachine) scene.sw.template teardown<F>(scene.kVrf);
+    const double before = residentBytes();
+    const double seconds = secondsOf([&] {
+      for (size_t i = 0; i < prefixes; ++i) scene.route(Net<F>::outside(i), 2);
+    });
+    require(scene.hostRoutes() == neighbors, "a neighbour has lost its route");
+    return {seconds, residentBytes() - before};
+  });
+}
+
+/// 1. A full table behind a gateway, on an interface with ever more neighbours.
+template <class F>
+void behindGateway(const Options& options, const std::string& name) {
+  const size_t prefixes = 1'000'000 / options.scale;
+  const auto each = 1 / static_cast<double>(prefixes);
+  Series series(name, {"ns"});
+  for (const size_t neighbors : options.sizes({1'000, 10'000, 100'000})) {
+    const auto ours = gatewayRun<F>(prefixes, neighbors, true);
+    const auto inputs = gatewayRun<F>(prefixes, neighbors, false);
+    series.add(neighbors, {{"ns", 1e9 * (ours[0] - inputs[0]) * each},
+                           {"input_ns", 1e9 * inputs[0] * each},
+                           {"bytes", (ours[1] - inputs[1]) * each},
+                           {"input_bytes", inputs[1] * each}});
+  }
+}
+
+/// 2. More specific routes that come and go under a cover with many hosts, ten in each.
+template <class F>
+void nestedCovers(const Options& options, const std::string& name) {
+  Series series(name, {"added_ns", "removed_ns"});
+  for (const size_t hosts : options.sizes({10'000, 30'000, 100'000})) {
+    const auto figures = inProcess([&]() -> std::vector<double> {
+      constexpr size_t kInside = 10;
+      Scene<F> scene;
+      const auto intf = scene.intf(1);
+      scene.direct(1, {intf});
+      scene.direct(2, {intf});
+      scene.route(Net<F>::cover(), 1);
+      scene.initialized();
+      const double learned = secondsOf([&] {
+        for (size_t i = 0; i < hosts; ++i) {
+          scene.neighbor(intf, Net<F>::addr(i / kInside, i % kInside + 1));
+        }
+      });
+      const size_t routes = hosts / kInside;
+      const auto each = 1e9 / static_cast<double>(routes);
+      const double added = secondsOf([&] {
+        for (size_t i = 0; i < routes; ++i) scene.route(Net<F>::subnet(i), 2);
+      });
+      const double removed = secondsOf([&] {
+        for (size_t i = 0; i < routes; ++i) scene.route(Net<F>::subnet(i), 2, false);
+      });
+      require(scene.hostRoutes() == hosts, "a neighbour lacks its route");
+      return {each * added, each * removed, each * learned};
+    });
+    series.add(
+        hosts,
+        {{"added_ns", figures[0]}, {"removed_ns", figures[1]}, {"learned_inside_ns", figures[2]}});
+  }
+}
+
+/// 3. A FEC that gains and loses an interface on which there is no host: no host changes.
+template <class F>
+void fecChange(const Options& options, const std::string& name) {
+  Series series(name, {"changed_ms", "learned_ms"});
+  for (const size_t hosts : options.sizes({10'000, 30'000, 100'000})) {
+    const auto figures = inProcess([&]() -> std::vector<double> {
+      Scene<F> scene;
+      const auto intf = scene.intf(1);
+      scene.direct(1, {intf});
+      scene.route(Net<F>::cover(), 1);
+      scene.initialized();
+      const auto all = [&](bool present) {
+        for (size_t i = 0; i < hosts; ++i) {
+          scene.neighbor(intf, Net<F>::addr(i / 250, i % 250), present);
+        }
+      };
+      std::vector<double> learned, changed;
+      for (size_t run = 0; run < options.repetitions; ++run) {
+        learned.push_back(secondsOf([&] { all(true); }));
+        changed.push_back(secondsOf([&] { scene.direct(1, {intf, scene.intf(2)}); }));
+        changed.push_back(secondsOf([&] { scene.direct(1, {intf}); }));
+        require(scene.hostRoutes() == hosts, "a neighbour lacks its route");
+        all(false);
+      }
+      return {1e3 * median(changed), 1e3 * median(learned)};
+    });
+    series.add(hosts, {{"changed_ms", figures[0]},
+                       {"learned_ms", figures[1]},
+                       {"ratio", figures[0] / figures[1]}});
+  }
+}
+
+/// Times the same events on two subjects in turn; the ratio of their medians.
+template <class Subject, class Other>
+std::vector<double> compared(const Options& options, Subject& subject, Other& other, size_t hosts,
+                             size_t otherHosts) {
+  std::vector<double> ofSubject[kEvents], ofOther[kEvents];
+  std::mt19937_64 random(1);
+  for (size_t round = 0; round < options.rounds; ++round) {
+    timeEvents(subject, drawn(std::min<size_t>(hosts, 1000), hosts, random), ofSubject);
+    timeEvents(other, drawn(std::min<size_t>(otherHosts, 1000), otherHosts, random), ofOther);
+  }
+  double sum = 0;
+  double otherSum = 0;
+  for (size_t event = 0; event < kEvents; ++event) {
+    sum += median(ofSubject[event]);
+    otherSum += median(ofOther[event]);
+  }
+  constexpr auto kCount = static_cast<double>(kEvents);
+  return {sum / kCount, otherSum / kCount};
+}
+
+/// A switch with virtual addresses or several VRFs, under the events of neighbours.
+template <class F>
+class LadenSwitch {
+ public:
+  /// Each VRF has its own interfaces, subnets and `hosts` neighbours.
+  LadenSwitch(size_t vrfs, size_t hosts, size_t virtualIps) : hosts_(hosts) {
+    for (size_t i = 0; i < virtualIps; ++i) {
+      // None is a neighbour's.
+      const auto addr = Net<F>::addr(50'000 + i / 250, i % 250);
+      if constexpr (Net<F>::kIsIpv4) {
+        scene_.sw.setVirtualIp({L3::VrfName(), Zemit::IpAddrWithMask(addr, 24)});
+      } else {
+        scene_.sw.setVirtualIp({L3::VrfName(), addr});
+      }
+    }
+    for (size_t vrf = 0; vrf < vrfs; ++vrf) {
+      const std::string name = vrf == 0 ? scene_.kVrf : "vrf" + std::to_string(vrf);
+      const size_t first = vrf * subnets();
+      for (size_t subnet = first; subnet < first + subnets(); ++subnet) {
+        intfs_.push_back(scene_.intf(subnet + 1));
+        scene_.sw.setInterface(intfs_.back(), name);
+        scene_.direct(subnet + 1, {intfs_.back()});
+        scene_.route(Net<F>::subnet(subnet), subnet + 1, true, name);
+      }
+      scene_.initialized(name);
+    }
+    for (size_t host = 0; host < vrfs * hosts; ++host) learn(host);
+    require(scene_.hostRoutes() == hosts, "a neighbour lacks its route");
+  }
+  void learn(size_t host) { neighbor(host, true, 1); }
+  void update(size_t host) { neighbor(host, true, ++changes_); }
+  void lose(size_t host) { neighbor(host, false, 1); }
+
+ private:
+  size_t subnets() const { return (hosts_ + 249) / 250; }
+  void neighbor(size_t host, bool present, uint64_t mac) {
+    const size_t subnet = host / hosts_ * subnets() + host % hosts_ / 250;
+    const auto addr = Net<F>::addr(subnet, host % hosts_ % 250 + 1);
+    scene_.neighbor(intfs_[subnet], addr, present, mac);
+  }
+
+  size_t hosts_;
+  Scene<F> scene_;
+  std::vector<Zemit::IntfId> intfs_;
+  uint64_t changes_ = 1;
+};
+
+/// 4. Events beside ever more virtual addresses.
+template <class F>
+void virtualAddresses(const Options& options, const std::string& name) {
+  Series series(name, {"ns"});
+  for (const size_t count : options.sizes({1'000, 3'000, 10'000})) {
+    const auto figures = inProcess([&] {
+      constexpr size_t kHosts = 10'000;
+      LadenSwitch<F> with(1, kHosts, count);
+      LadenSwitch<F> without(1, kHosts, 0);
+      return compared(options, with, without, kHosts, kHosts);
+    });
+    series.add(
+        count,
+        {{"ns", figures[0]}, {"without_ns", figures[1]}, {"ratio", figures[0] / figures[1]}});
+  }
+}
+
+/// 5. Events on a switch with ever more VRFs.
+template <class F>
+void manyVrfs(const Options& options, const std::string& name) {
+  Series series(name, {"ns"});
+  for (const size_t vrfs : options.sizes({20, 60, 200})) {
+    const auto figures = inProcess([&] {
+      constexpr size_t kHosts = 500;
+      LadenSwitch<F> many(vrfs, kHosts, 0);
+      LadenSwitch<F> one(1, kHosts, 0);
+      return compared(options, many, one, vrfs * kHosts, kHosts);
+    });
+    series.add(vrfs,
+               {{"ns", figures[0]}, {"one_ns", figures[1]}, {"ratio", figures[0] / figures[1]}});
+  }
+}
+
+/// 6. A full table and its neighbours, there before the machine is told or fed to it afterwards.
+template <class F>
+void startUp(const Options& options, const std::string& name) {
+  Series series(name, {"start_s", "feed_s"});
+  for (const size_t prefixes : options.sizes({10'000, 100'000, 1'000'000})) {
+    const size_t neighbors = prefixes / 10;
+    const auto run = [&](bool presentFirst) {
+      return inProcess([&]() -> std::vector<double> {
+        Scene<F> scene;
+        const auto intf = scene.intf(1);
+        const auto feed = [&] {
+          scene.direct(1, {intf});
+          scene.gateway(2, intf, Net<F>::addr(0, 1));
+          scene.route(Net<F>::cover(), 1);
+          for (size_t i = 0; i < prefixes; ++i) scene.route(Net<F>::outside(i), 2);
+          for (size_t i = 0; i < neighbors; ++i) {
+            scene.neighbor(intf, Net<F>::addr(i / 250, i % 250));
+          }
+        };
+        if (presentFirst) {
+          feed();
+        } else {
+          scene.initialized();
+        }
+        const double seconds = secondsOf([&] { presentFirst ? scene.initialized() : feed(); });
+        require(scene.hostRoutes() == neighbors, "a neighbour lacks its route");
+        return {seconds};
+      })[0];
+    };
+    const double start = run(true);
+    const double fed = run(false);
+    series.add(prefixes, {{"start_s", start}, {"feed_s", fed}, {"ratio", start / fed}});
+  }
+}
+
+/// 7. The addresses of one interface, added one by one.
+template <class F>
+void manyAddresses(const Options& options, const std::string& name) {
+  Series series(name, {"seconds"});
+  for (const size_t count : options.sizes({100, 300, 1'000})) {
+    const auto figures = inProcess([&]() -> std::vector<double> {
+      Scene<F> scene;
+      const auto intf = scene.intf(1);
+      scene.sw.setInterface(intf, scene.kVrf);
+      scene.initialized();
+      const double seconds = secondsOf([&] {
+        for (size_t i = 0; i < count; ++i) {
+          const typename F::AddrWithMask addr(Net<F>::addr(i, 1), Net<F>::kSubnetBits);
+          if constexpr (Net<F>::kIsIpv4) {
+            scene.sw.setAddress(intf, addr, true);
+          } else {
+            scene.sw.setAddress(intf, addr);
+          }
+        }
+      });
+      require(scene.routing().root->receiveTable()->routeCount() >= count, "an address is missing");
+      return {seconds};
+    });
+    series.add(count, {{"seconds", figures[0]}});
+  }
+}
+
+void run(const Options& options) {
+  // Level 0 is switched on in places, for what its statements cost, not for what they say.
+  Kiv::Tracer::sinkIs([](const Kiv::TraceRecord&) {});
+  forEachFamily([&](auto family, const std::string& suffix) {
+    using F = decltype(family);
+    const auto named = [&](const std::string& what, auto measure) {
+      const std::string name = what + '/' + suffix;
+      if (options.wants(name)) measure(name);
+    };
+    for (const size_t hosts : options.sizes({100'000, 1'000'000})) {
+      named("event", [&](const auto& name) { events<F>(options, name, hosts); });
+      named("memory", [&](const auto& name) { memory<F>(name, hosts); });
+    }
+    named("latency",
+          [&](const auto& name) { latency<F>(options, name, 1'000'000 / options.scale); });
+    named("gateway", [&](const auto& name) { behindGateway<F>(options, name); });
+    named("covers", [&](const auto& name) { nestedCovers<F>(options, name); });
+    named("fec", [&](const auto& name) { fecChange<F>(options, name); });
+    named("virtual", [&](const auto& name) { virtualAddresses<F>(options, name); });
+    named("vrfs", [&](const auto& name) { manyVrfs<F>(options, name); });
+    named("start", [&](const auto& name) { startUp<F>(options, name); });
+    named("addresses", [&](const auto& name) { manyAddresses<F>(options, name); });
+  });
+}
+
+}  // namespace
+}  // namespace Bench
+
+int main(int argc, char** argv) {
+  Bench::Options options;
+  try {
+    for (int i = 1; i < argc; ++i) {
+      const std::string option = argv[i];
+      const auto value = [&] {
+        if (i + 1 == argc) throw std::invalid_argument(option + " needs a value");
+        return std::string(argv[++i]);
+      };
+      if (option == "--quick") {
+        options.scale = 20;
+        options.rounds = 5;
+        options.repetitions = 2;
+      } else if (option == "--json") {
+        Bench::reportTo(value());
+      } else if (option == "--filter") {
+        options.filter = value();
+      } else {
+        throw std::invalid_argument("usage: engine [--quick] [--filter TEXT] [--json FILE]");
+      }
+    }
+    Bench::run(options);
+  } catch (const std::exception& failure) {
+    std::cerr << failure.what() << '\n';
+    return 1;
+  }
+}

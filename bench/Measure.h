@@ -1,0 +1,62 @@
+// How the engine benchmark measures and reports.
+#pragma once
+
+#include <time.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Bench {
+
+/// Seconds of processor time this thread has used: what others do on the machine is not in it.
+inline double cpuSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+/// The processor time of `step`, in seconds.
+template <class Step>
+double secondsOf(Step step) {
+  const double start = cpuSeconds();
+  step();
+  return cpuSeconds() - start;
+}
+
+inline double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+/// Bytes of memory this process has in use, freed heap given back first.
+double residentBytes();
+
+/// What `measure` returns, run in a process of its own: with a fresh heap, and nothing left behind.
+/// \throws std::runtime_error when the process fails.
+std::vector<double> inProcess(const std::function<std::vector<double>()>& measure);
+
+/// Named figures of one measurement, in the order in which they are shown.
+using Figures = std::vector<std::pair<std::string, double>>;
+
+/// Shows the figures of `name` at `size`, and keeps them as a line of JSON if a file is open.
+void report(const std::string& name, double size, const Figures& figures);
+/// Opens the file to which report() writes its JSON lines.
+void reportTo(const std::string& path);
+
+/// The power of the size with which a cost grows: the slope of the line through the logarithms.
+inline double exponentOf(const std::vector<std::pair<double, double>>& costBySize) {
+  double x = 0, y = 0, xx = 0, xy = 0;
+  for (const auto& [size, cost] : costBySize) {
+    const double logSize = std::log(size), logCost = std::log(std::max(cost, 1e-12));
+    x += logSize, y += logCost, xx += logSize * logSize, xy += logSize * logCost;
+  }
+  const auto n = static_cast<double>(costBySize.size());
+  return (n * xy - x * y) / (n * xx - x * x);
+}
+
+}  // namespace Bench

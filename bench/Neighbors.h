@@ -1,0 +1,167 @@
+// One neighbour learned, updated and lost: the engine's whole road, and beside it the floor.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "bench/Scene.h"
+
+#ifdef HOSTROUTE_HAS_BOOST
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <boost/unordered/unordered_flat_set.hpp>
+#else
+#include <unordered_map>
+#include <unordered_set>
+#endif
+
+namespace Bench {
+
+/// Where the hosts are: so many on each subnet, a subnet on each interface.
+template <class F>
+class Plan {
+ public:
+  static constexpr size_t kHostsPerSubnet = 250;
+
+  explicit Plan(size_t hosts) {
+    for (size_t subnet = 0; subnet * kHostsPerSubnet < hosts; ++subnet) {
+      intfs.push_back(Scene<F>::intf(subnet + 1));
+    }
+  }
+  static size_t subnetOf(size_t host) { return host / kHostsPerSubnet; }
+  static typename F::Addr host(size_t host) {
+    return Net<F>::addr(subnetOf(host), host % kHostsPerSubnet + 1);
+  }
+  Zemit::IntfId intfOf(size_t host) const { return intfs[subnetOf(host)]; }
+
+  std::vector<Zemit::IntfId> intfs;
+};
+
+/// The engine under the events of neighbours.
+template <class F>
+class Engine {
+ public:
+  explicit Engine(size_t hosts) : plan_(hosts) {
+    for (size_t i = 0; i < plan_.intfs.size(); ++i) {
+      scene_.sw.setInterface(plan_.intfs[i], Scene<F>::kVrf);
+      scene_.sw.setNeighborTable(plan_.intfs[i]);
+      scene_.direct(i + 1, {plan_.intfs[i]});
+      scene_.route(Net<F>::subnet(i), i + 1);
+    }
+    scene_.initialized();
+  }
+  void learn(size_t host) { scene_.neighbor(plan_.intfOf(host), plan_.host(host)); }
+  void update(size_t host) {
+    scene_.neighbor(plan_.intfOf(host), plan_.host(host), true, ++changes_);
+  }
+  void lose(size_t host) { scene_.neighbor(plan_.intfOf(host), plan_.host(host), false); }
+  size_t routes() { return scene_.hostRoutes(); }
+
+ private:
+  Plan<F> plan_;
+  Scene<F> scene_;
+  uint64_t changes_ = 1;
+};
+
+/// What any implementation has to look up and to write for the same outcome, on plain hash maps.
+template <class F>
+class Floor {
+ public:
+  explicit Floor(size_t hosts) : plan_(hosts) {
+    for (size_t i = 0; i < plan_.intfs.size(); ++i) {
+      fecs_.try_emplace(i + 1, plan_.intfs[i]);
+      fibRoutes_.try_emplace(Net<F>::subnet(i), i + 1);
+    }
+  }
+  void learn(size_t host) {
+    const Addr addr = plan_.host(host);
+    neighbors_.insert_or_assign({addr, plan_.intfOf(host)}, 1);
+    reconcile(host, addr, true);
+  }
+  void update(size_t host) {
+    const Addr addr = plan_.host(host);
+    neighbors_.insert_or_assign({addr, plan_.intfOf(host)}, ++changes_);
+    reconcile(host, addr, true);
+  }
+  void lose(size_t host) {
+    const Addr addr = plan_.host(host);
+    neighbors_.erase({addr, plan_.intfOf(host)});
+    reconcile(host, addr, false);
+  }
+  size_t routes() const { return hostTable_.size(); }
+
+ private:
+  using Addr = typename F::Addr;
+  using Prefix = typename F::Prefix;
+  using Via = typename F::ForwardingStatus::Via;
+
+  struct Hasher {
+    template <class K>
+    size_t operator()(const K& key) const {
+      return Kiv::Hash<K>()(key) * size_t{0x9E3779B97F4A7C15};
+    }
+  };
+#ifdef HOSTROUTE_HAS_BOOST
+  template <class K, class V>
+  using Map = boost::unordered_flat_map<K, V, Hasher>;
+  template <class K>
+  using Set = boost::unordered_flat_set<K, Hasher>;
+#else
+  template <class K, class V>
+  using Map = std::unordered_map<K, V, Hasher>;
+  template <class K>
+  using Set = std::unordered_set<K, Hasher>;
+#endif
+
+  struct Route {
+    uint64_t fec;
+    uint64_t metricAndType;
+  };
+  struct Adjacency {
+    uint64_t id;
+    uint32_t users;
+  };
+
+  void reconcile(size_t host, const Addr& addr, bool present) {
+    const Prefix prefix = Net<F>::subnet(plan_.subnetOf(host));
+    const auto fibRoute = fibRoutes_.find(prefix);
+    const Via via{.hop = addr, .intf = fecs_.find(fibRoute->second)->second};
+    const bool had = hostTable_.contains(addr);
+    found_ += receiveTable_.contains(addr) + hostStatus_.contains(addr);
+    if (present) {
+      filed_[prefix].insert(addr);
+      if (had) return;
+      const uint64_t id = ++ids_;
+      hostAdjacencies_.try_emplace(via, Adjacency{id, 1});
+      hostTable_.try_emplace(addr, Route{id, 3});
+      fibAdjacencies_.try_emplace(via, Adjacency{id, 1});
+      fibFecs_.try_emplace(id, via);
+      routeTable_.insert_or_assign(Prefix::host(addr), Route{id, 3});
+    } else {
+      filed_[prefix].erase(addr);
+      hostTable_.erase(addr);
+      hostAdjacencies_.erase(via);
+      const auto route = routeTable_.find(Prefix::host(addr));
+      fibFecs_.erase(route->second.fec);
+      routeTable_.erase(route);
+      fibAdjacencies_.erase(via);
+    }
+  }
+
+  Plan<F> plan_;
+  uint64_t changes_ = 1;
+  uint64_t ids_ = 0;
+  uint64_t found_ = 0;
+  Map<Via, uint64_t> neighbors_;
+  Map<uint64_t, Zemit::IntfId> fecs_;
+  Map<Prefix, uint64_t> fibRoutes_;
+  Map<Prefix, Set<Addr>> filed_;
+  Set<Addr> receiveTable_;
+  Set<Addr> hostStatus_;
+  Map<Addr, Route> hostTable_;
+  Map<Via, Adjacency> hostAdjacencies_;
+  Map<Via, Adjacency> fibAdjacencies_;
+  Map<uint64_t, Via> fibFecs_;
+  Map<Prefix, Route> routeTable_;
+};
+
+}  // namespace Bench
