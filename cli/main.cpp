@@ -4,6 +4,7 @@
 #include "cli/ImportCommand.h"
 #include "cli/ReplayCommand.h"
 #include "cli/RoutesCommand.h"
+#include "cli/TypesCommand.h"
 
 int main(int argc, char** argv) {
   CLI::App app("Host routes of a switch: what they are, and why");
@@ -12,6 +13,7 @@ int main(int argc, char** argv) {
   Cli::addReplayCommand(app, exitCode);
   Cli::addRoutesCommand(app, exitCode);
   Cli::addImportCommand(app, exitCode);
+  Cli::addTypesCommand(app, exitCode);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

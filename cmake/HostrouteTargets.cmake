@@ -18,12 +18,13 @@ function(hostroute_packages target scope)
   endforeach()
 endfunction()
 
-# hostroute_library(NAME FOLDER... DEPENDS TARGET... PACKAGES PACKAGE...)
+# hostroute_library(NAME FOLDER... [HIDDEN] DEPENDS TARGET... PACKAGES PACKAGE...)
 #
 # A static library of the sources of the folders; an interface library while they hold headers only.
-# Other projects link it as hostroute::NAME.
+# Other projects link it as hostroute::NAME. HIDDEN: once in a shared library, it shows of itself
+# what is marked KIV_EXPORT.
 function(hostroute_library name)
-  cmake_parse_arguments(ARG "" "" "DEPENDS;PACKAGES" ${ARGN})
+  cmake_parse_arguments(ARG "HIDDEN" "" "DEPENDS;PACKAGES" ${ARGN})
   set(sources)
   foreach(folder IN LISTS ARG_UNPARSED_ARGUMENTS)
     file(GLOB_RECURSE found CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
@@ -33,6 +34,10 @@ function(hostroute_library name)
     set(scope PUBLIC)
     add_library(${name} STATIC ${sources})
     set_target_properties(${name} PROPERTIES OUTPUT_NAME hostroute_${name})
+    if(ARG_HIDDEN)
+      set_target_properties(${name} PROPERTIES
+        CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    endif()
   else()
     set(scope INTERFACE)
     add_library(${name} INTERFACE)
@@ -40,6 +45,50 @@ function(hostroute_library name)
   add_library(hostroute::${name} ALIAS ${name})
   target_link_libraries(${name} ${scope} hostroute_options ${ARG_DEPENDS})
   hostroute_packages(${name} ${scope} ${ARG_PACKAGES})
+endfunction()
+
+# hostroute_shared_library(NAME OUTPUT OUTPUT EXPORT_NAME NAME OF TARGET... DEPENDS TARGET...)
+#
+# The versioned shared library libOUTPUT.so of the same objects as the static libraries. Other
+# projects find it as hostroute::EXPORT_NAME once it is installed.
+function(hostroute_shared_library name)
+  cmake_parse_arguments(ARG "" "OUTPUT;EXPORT_NAME" "OF;DEPENDS" ${ARGN})
+  add_library(${name} SHARED)
+  foreach(static IN LISTS ARG_OF)
+    target_sources(${name} PRIVATE $<TARGET_OBJECTS:${static}>)
+  endforeach()
+  target_include_directories(${name} INTERFACE
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/hostroute>)
+  target_compile_features(${name} INTERFACE cxx_std_20)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS})
+  set_target_properties(${name} PROPERTIES
+    OUTPUT_NAME ${ARG_OUTPUT} EXPORT_NAME ${ARG_EXPORT_NAME} LINKER_LANGUAGE CXX
+    VERSION ${PROJECT_VERSION} SOVERSION 0 INSTALL_RPATH $ORIGIN)
+endfunction()
+
+# hostroute_install(TARGET... HEADERS FOLDER...)
+#
+# Installs shared libraries and headers so that other projects find them, by find_package() or by
+# pkg-config, wherever the tree is moved to.
+function(hostroute_install)
+  cmake_parse_arguments(ARG "" "" "HEADERS" ${ARGN})
+  install(TARGETS ${ARG_UNPARSED_ARGUMENTS} EXPORT hostrouteTargets)
+  install(DIRECTORY ${ARG_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hostroute
+          FILES_MATCHING PATTERN *.h)
+
+  include(CMakePackageConfigHelpers)
+  set(package ${CMAKE_INSTALL_LIBDIR}/cmake/hostroute)
+  set(version ${PROJECT_BINARY_DIR}/hostrouteConfigVersion.cmake)
+  write_basic_package_version_file(${version} COMPATIBILITY SameMinorVersion)
+  install(EXPORT hostrouteTargets FILE hostrouteConfig.cmake NAMESPACE hostroute::
+          DESTINATION ${package})
+  install(FILES ${version} DESTINATION ${package})
+
+  set(pkgconfig ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  file(RELATIVE_PATH upToPrefix ${CMAKE_INSTALL_PREFIX}/${pkgconfig} ${CMAKE_INSTALL_PREFIX})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/hostroute.pc.in hostroute.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/hostroute.pc DESTINATION ${pkgconfig})
 endfunction()
 
 # hostroute_program(NAME FOLDER DEPENDS TARGET... PACKAGES PACKAGE...)

@@ -2,12 +2,13 @@
 #pragma once
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Export.h"
 #include "platform/zemit/IpAddrWithMask.h"
 
 namespace Routing::Host {
 
 /// The secondary IPv4 addresses of one interface for which receive routes were written.
-class IntfAddresses final : public Kiv::Entity {
+class KIV_EXPORT IntfAddresses final : public Kiv::Entity {
  public:
   using Ptr = Kiv::Ptr<IntfAddresses>;
   using PtrConst = Kiv::Ptr<const IntfAddresses>;

@@ -6,6 +6,7 @@
 #include "platform/arp/NeighborDir.h"
 #include "platform/ip/IpStatus.h"
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Export.h"
 #include "platform/obu/IntfDir.h"
 #include "platform/routing/SeqConfig.h"
 #include "platform/rovel/Readiness.h"
@@ -24,7 +25,7 @@ namespace Routing::Host {
 /// destroy it.
 ///
 /// Until `initialized` is set the machine only records; then it catches up in one pass.
-class RouteSm final : public Kiv::Entity {
+class KIV_EXPORT RouteSm final : public Kiv::Entity {
  public:
   using Ptr = Kiv::Ptr<RouteSm>;
   using PtrConst = Kiv::Ptr<const RouteSm>;
@@ -350,7 +351,7 @@ class RouteSm final : public Kiv::Entity {
 };
 
 /// Makes a state machine that no root owns.
-RouteSm::Ptr routeSmFactory(
+KIV_EXPORT RouteSm::Ptr routeSmFactory(
     const Kiv::ActivityConfig::Ptr& activityConfig, const Tovan::Fib::RouteStatus::Ptr& routeStatus,
     const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
     const RovelReady::VrfStatus::Ptr& ribReadyStatus, const Routing::SeqConfig::Ptr& seqConfig,

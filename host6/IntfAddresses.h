@@ -2,13 +2,14 @@
 #pragma once
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Export.h"
 #include "platform/zemit/IpAddrWithMask.h"
 
 namespace Routing6::Host {
 
 /// The IPv6 addresses of one interface, link-local ones left out, for which receive routes were
 /// written.
-class IntfAddresses final : public Kiv::Entity {
+class KIV_EXPORT IntfAddresses final : public Kiv::Entity {
  public:
   using Ptr = Kiv::Ptr<IntfAddresses>;
   using PtrConst = Kiv::Ptr<const IntfAddresses>;

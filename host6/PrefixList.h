@@ -4,13 +4,14 @@
 #include <string>
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Export.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/zemit/Prefix.h"
 
 namespace Routing6::Host {
 
 /// The IPv6 prefixes to process again when one FEC changes.
-class PrefixList final : public Kiv::Entity {
+class KIV_EXPORT PrefixList final : public Kiv::Entity {
  public:
   using Ptr = Kiv::Ptr<PrefixList>;
   using PtrConst = Kiv::Ptr<const PrefixList>;

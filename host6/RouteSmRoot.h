@@ -5,6 +5,7 @@
 #include "host6/PrefixList.h"
 #include "platform/interface/AllIntfStatusDir.h"
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Export.h"
 #include "platform/l3/VrfName.h"
 #include "platform/obu/AddrSet.h"
 #include "platform/routing/HostStatus.h"
@@ -41,7 +42,7 @@ class RouteSm;
 /// prefixToAdjacency says which FEC a prefix resolves through, adjacencyToPrefix which prefixes to
 /// process again when a FEC changes; a list that becomes empty is removed. An address is in
 /// receiveAddrToIntfName exactly while it has a route in receiveTable.
-class RouteSmRoot final : public Kiv::NamedEntity {
+class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
  public:
   using Ptr = Kiv::Ptr<RouteSmRoot>;
   using PtrConst = Kiv::Ptr<const RouteSmRoot>;
@@ -181,6 +182,6 @@ class RouteSmRoot final : public Kiv::NamedEntity {
 };
 
 /// Makes the root of one VRF's IPv6 host routes.
-RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name);
+KIV_EXPORT RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name);
 
 }  // namespace Routing6::Host

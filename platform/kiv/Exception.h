@@ -5,10 +5,12 @@
 #include <string>
 #include <utility>
 
+#include "platform/kiv/Export.h"
+
 namespace Pindo {
 
 /// Base of every exception the platform raises.
-class Exception : public std::exception {
+class KIV_EXPORT Exception : public std::exception {
  public:
   explicit Exception(std::string message) : message_(std::move(message)) {}
 
@@ -24,13 +26,13 @@ class Exception : public std::exception {
 namespace Kiv {
 
 /// An operation of the runtime was asked for what it cannot do.
-class Exception : public Pindo::Exception {
+class KIV_EXPORT Exception : public Pindo::Exception {
  public:
   using Pindo::Exception::Exception;
 };
 
 /// A value or an argument was refused because it is outside what its type allows.
-class RangeException : public Exception {
+class KIV_EXPORT RangeException : public Exception {
  public:
   using Exception::Exception;
 };

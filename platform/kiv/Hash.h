@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "platform/kiv/Export.h"
+
 namespace Kiv {
 
 /// Secret numbers, drawn once per process, that every hash depends on.
@@ -20,7 +22,7 @@ struct HashSeed {
 /// Draws a seed from the operating system's random source.
 HashSeed drawHashSeed() noexcept;
 
-inline HashSeed hashSeed = drawHashSeed();
+KIV_EXPORT inline HashSeed hashSeed = drawHashSeed();
 
 /// Fixes the seed, for runs that must repeat themselves exactly.
 ///

@@ -11,6 +11,8 @@
 #include <emmintrin.h>
 #endif
 
+#include "platform/kiv/Export.h"
+
 namespace Kiv::detail {
 
 /// The states of the slots of one group, and whether to look for a key beyond it.
@@ -162,12 +164,12 @@ struct HashBlock {
   std::byte* releaseBehind(size_t groups, size_t slotSize, std::byte* end) noexcept;
 };
 
-/// What a map without memory points at: a block that has no slot.
+/// What a map without memory points at: a block that has no slot. Known by its address.
 struct NoHashBlock {
   HashGroup group;
   HashBlock block;
 };
-inline constexpr NoHashBlock kNoHashBlock = {
+KIV_EXPORT inline constexpr NoHashBlock kNoHashBlock = {
     .group = {.control = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, .overflow = 0},  // kNoSlot
     .block = {.size = 0,
               .free = 0,
@@ -178,7 +180,7 @@ inline constexpr NoHashBlock kNoHashBlock = {
               .emptiesAnother = false}};
 
 /// Draws a number for HashBlock::generation that no block of this thread has shown before.
-inline uint32_t nextHashGeneration() noexcept {
+KIV_EXPORT inline uint32_t nextHashGeneration() noexcept {
   static constinit thread_local uint32_t last = 0;
   return ++last;
 }

@@ -2,25 +2,26 @@
 #pragma once
 
 #include "platform/kiv/Exception.h"
+#include "platform/kiv/Export.h"
 
 namespace Tovan {
 
 /// A table's contents are inconsistent; the message names the table and the place.
 ///
 /// The table stays usable: pass the message to its corruptionDetected() and carry on.
-class CorruptionDetectedException : public Pindo::Exception {
+class KIV_EXPORT CorruptionDetectedException : public Pindo::Exception {
  public:
   using Pindo::Exception::Exception;
 };
 
 /// A change was asked of a table that is open for reading only.
-class ReadOnlyException : public Kiv::Exception {
+class KIV_EXPORT ReadOnlyException : public Kiv::Exception {
  public:
   using Kiv::Exception::Exception;
 };
 
 /// A table cannot be opened: absent, something else, of another layout, damaged, or being written.
-class OpenException : public Kiv::Exception {
+class KIV_EXPORT OpenException : public Kiv::Exception {
  public:
   using Kiv::Exception::Exception;
 };
@@ -28,7 +29,7 @@ class OpenException : public Kiv::Exception {
 /// A table cannot grow: memory is short, or the table has reached its largest size.
 ///
 /// What was asked for did not happen; all entries are as they were.
-class NoSpaceException : public Kiv::Exception {
+class KIV_EXPORT NoSpaceException : public Kiv::Exception {
  public:
   using Kiv::Exception::Exception;
 };

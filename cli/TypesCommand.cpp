@@ -1,0 +1,59 @@
+// The command that shows which types a plug-in provides.
+#include "cli/TypesCommand.h"
+
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "cli/PluginTypes.h"
+#include "replay/Json.h"
+
+namespace Cli {
+namespace {
+
+constexpr const char* kDescription =
+    R"(Lists the types that a plug-in provides, in the order in which it registers them. The file is
+read, not loaded: nothing in it runs, and it may be of another machine.)";
+
+constexpr const char* kFooter = R"(Examples:
+  hostroute types /usr/lib/x86_64-linux-gnu/libhostroute.so
+  hostroute types --json libhostroute.so        one JSON object for each type
+
+Exit status: 0 done; 1 the output failed; 2 the command line is malformed, or the file cannot be
+read, is no ELF file, is damaged, or is no plug-in.)";
+
+struct Options {
+  std::string file;
+  bool json = false;
+};
+
+int showTypes(const Options& options) {
+  for (const auto& type : pluginTypes(options.file)) {
+    if (options.json) {
+      std::cout << Replay::JsonObject().add("type", Replay::jsonString(type)).text() << '\n';
+    } else {
+      std::cout << type << '\n';
+    }
+  }
+  return std::cout.flush() ? 0 : 1;
+}
+
+}  // namespace
+
+void addTypesCommand(CLI::App& app, int& exitCode) {
+  auto* command = app.add_subcommand("types", kDescription);
+  const auto options = std::make_shared<Options>();
+  command->add_option("file", options->file, "The plug-in")->type_name("FILE.so")->required();
+  command->add_flag("--json", options->json, "Print one JSON object for each type");
+  command->footer(kFooter);
+  command->callback([options, &exitCode] {
+    try {
+      exitCode = showTypes(*options);
+    } catch (const PluginError& error) {
+      std::cerr << "hostroute types: error: " << error.what() << '\n';
+      exitCode = 2;
+    }
+  });
+}
+
+}  // namespace Cli
