@@ -205,7 +205,7 @@ class HashMap {
   /// Makes `value` the value of `key`. \returns true when there was none.
   bool insertOrAssign(const K& key, V value) {
     const auto [stored, isNew] = tryEmplace(key, std::move(value));
-    if (!isNew) *stored = std::move(value);
+    if (!isNew) *stored = std::move(value);  // NOLINT(bugprone-use-after-move): still there
     return isNew;
   }
   /// Adds a key to a set. \returns true when it was not there.

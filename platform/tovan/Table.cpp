@@ -2,6 +2,7 @@
 #include "platform/tovan/Table.h"
 
 #include <algorithm>
+#include <initializer_list>
 #include <string_view>
 #include <thread>
 
@@ -19,6 +20,14 @@ constexpr uint64_t mix(uint64_t hash, uint64_t word) {
   return Kiv::detail::fold(hash ^ word, 0x9e37'79b9'7f4a'7c15) ^ word;
 }
 
+/// A number for what the entries are called and the sizes that they and the pages have.
+uint64_t layoutOf(std::string_view name, std::initializer_list<uint64_t> sizes) {
+  uint64_t layout = 0;
+  for (const char c : name) layout = mix(layout, static_cast<uint8_t>(c));
+  for (const uint64_t size : sizes) layout = mix(layout, size);
+  return layout;
+}
+
 uint64_t checksum(const TableHeader::Identity& identity) {
   return mix(mix(identity.layout, identity.seed.add), identity.seed.multiply);
 }
@@ -29,13 +38,9 @@ Table::Table(const TableConfig& config, const Shape& shape)
     : shape_(shape),
       name_(config.name),
       readOnly_(config.access == Access::Read),
-      layout_(0),
+      layout_(layoutOf(config.layout,
+                       {shape.keyBytes, shape.valueBytes, shape.pagesAt, shape.pageBytes})),
       memory_(config, shape.pagesAt + shape.maxPages * shape.pageBytes) {
-  for (const char c : config.layout) layout_ = mix(layout_, static_cast<uint8_t>(c));
-  for (const uint64_t part : {uint64_t{shape.keyBytes}, uint64_t{shape.valueBytes},
-                              uint64_t{shape.pagesAt}, uint64_t{shape.pageBytes}}) {
-    layout_ = mix(layout_, part);
-  }
   const bool unfinished =
       memory_.bytes() == 0 ||
       (memory_.bytes() >= shape_.topBytes && header().magic.load(std::memory_order_acquire) == 0);

@@ -22,7 +22,7 @@ TYPED_TEST(MergeTest, LeavesAllAsItWasWhenAFecHasTooManyVias) {
   using S = Sample<TypeParam>;
   World<TypeParam> world;
   world.startWithSubnet();
-  for (uint32_t n : {4, 5, 6}) world.learn(world.ethernet1, n);
+  for (uint32_t n : {4U, 5U, 6U}) world.learn(world.ethernet1, n);
   world.forwarding->fecIs(oversized<TypeParam>(world.ethernet1));
 
   typename TypeParam::Route route = world.routeStatus->route(S::subnet());
@@ -33,7 +33,7 @@ TYPED_TEST(MergeTest, LeavesAllAsItWasWhenAFecHasTooManyVias) {
   route.key = S::wider();  // not tracked: nothing may be made for it either
   EXPECT_THROW(world.machine().fixupArpRoute(S::addr(4), route), Kiv::RangeException);
 
-  for (uint32_t n : {4, 5, 6}) {
+  for (uint32_t n : {4U, 5U, 6U}) {
     EXPECT_TRUE(world.hasRoute(world.neighborTable(), n));
     EXPECT_TRUE(world.hasRoute(world.routeStatus, n));
   }

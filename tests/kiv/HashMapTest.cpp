@@ -145,7 +145,7 @@ TYPED_TEST(HashMapModelTest, AgreesWithAModelUnderRandomChanges) {
 // A million entries and back: a table that keeps its size would make each later walk slow.
 TEST(HashMapTest, GivesMemoryBackWhenItShrinks) {
   HashMap<uint64_t, Ptr<Counted>> map;
-  const auto shared = make<Counted>(0);
+  const auto shared = make<Counted>(uint64_t{0});
   for (uint64_t n = 0; n < 1'000'000; ++n) map.tryEmplace(n, shared);
   const size_t most = map.bytes();
   for (uint64_t n = 0; n < 999'000; ++n) ASSERT_TRUE(map.erase(n));

@@ -92,7 +92,7 @@ TEST(PtrTest, CountsAreExactWhenThreadsCopyAndDropHandles) {
   int destroyed = 0;
   auto probe = Kiv::make<Probe>([&](Probe&) { ++destroyed; });
   const auto copyAndDrop = [](const Kiv::Ptr<Probe>& handle) {
-    for (int i = 0; i < 100'000; ++i) const Kiv::Ptr<Probe> copy = handle;
+    for (int i = 0; i < 100'000; ++i) static_cast<void>(Kiv::Ptr<Probe>(handle));
   };
   {
     std::thread other([copy = probe, &copyAndDrop] { copyAndDrop(copy); });

@@ -12,11 +12,12 @@ using namespace std::string_view_literals;
 
 TEST(StringTest, CopiesShareTheirBytes) {
   const String name("Ethernet1");
-  const String copy = name;
+  const String copy = name;  // NOLINT(performance-unnecessary-copy-initialization)
   EXPECT_EQ(copy.view().data(), name.view().data());
   String assigned("Ethernet2");
   assigned = copy;
-  assigned = assigned;  // NOLINT(clang-diagnostic-self-assign-overloaded)
+  const String& itself = assigned;
+  assigned = itself;
   EXPECT_EQ(assigned.view().data(), name.view().data());
   String moved = std::move(assigned);
   EXPECT_TRUE(assigned.empty());  // NOLINT(bugprone-use-after-move): that is the question

@@ -18,9 +18,9 @@ namespace {
 
 std::vector<nlohmann::json> canonicalDumps(const Daemon::Switch& sw) {
   std::vector<nlohmann::json> dumps;
-  for (const auto& [name, vrf] : sw.vrfs()) {
+  for (const auto& entry : sw.vrfs()) {
     Daemon::forEachFamily([&](auto family) {
-      const auto dump = Replay::dumpJson<decltype(family)>(sw, vrf);
+      const auto dump = Replay::dumpJson<decltype(family)>(sw, entry.second);
       dumps.push_back(Golden::canonical(nlohmann::json::parse(dump)));
     });
   }

@@ -113,6 +113,8 @@ TEST_F(ProgramTest, TellsByItsStatusHowItEnded) {
       {"replay /", 2},
       {"routes --table x --family 5", 2},
       {"routes --table no-such-tables", 1},
+      {"types", 2},
+      {"types " HOSTROUTE_PROGRAM, 2},
   };
   for (const auto& [arguments, status] : statuses) {
     EXPECT_EQ(run(arguments).status, status) << arguments;
