@@ -31,6 +31,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   using PtrConst = Kiv::Ptr<const RouteSm>;
   using ArpTable = Arp::ArpIntfStatus::PtrConst;
 
+  KIV_REFLECTED(RouteSm);
+
   /// Derive from this to be told of changes. A callback runs after the change it reports.
   class NotifieeConst : public Kiv::NotifieeOf<RouteSm> {
    public:

@@ -47,6 +47,11 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   using Ptr = Kiv::Ptr<RouteSmRoot>;
   using PtrConst = Kiv::Ptr<const RouteSmRoot>;
 
+  // What reflection knows of the type; see KIV_REFLECTED. Its interface also tells of changes.
+  using _Type = Kiv::EntityType<RouteSmRoot>;
+  class GenericIf_;
+  static const Kiv::TypeInfo& _fwkType();
+
   /// Derive from this to be told of changes. A callback runs after the change it reports.
   class NotifieeConst : public Kiv::NotifieeOf<RouteSmRoot> {
    public:

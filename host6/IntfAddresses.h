@@ -14,6 +14,8 @@ class KIV_EXPORT IntfAddresses final : public Kiv::Entity {
   using Ptr = Kiv::Ptr<IntfAddresses>;
   using PtrConst = Kiv::Ptr<const IntfAddresses>;
 
+  KIV_REFLECTED(IntfAddresses);
+
   /// Derive from this to be told of changes. A callback runs after the change it reports.
   class NotifieeConst : public Kiv::NotifieeOf<IntfAddresses> {
    public:

@@ -16,6 +16,8 @@ class KIV_EXPORT PrefixList final : public Kiv::Entity {
   using Ptr = Kiv::Ptr<PrefixList>;
   using PtrConst = Kiv::Ptr<const PrefixList>;
 
+  KIV_REFLECTED(PrefixList);
+
   /// Derive from this to be told of changes. A callback runs after the change it reports.
   class NotifieeConst : public Kiv::NotifieeOf<PrefixList> {
    public:

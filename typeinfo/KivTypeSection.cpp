@@ -6,7 +6,7 @@
 
 #include "typeinfo/TypeNames.h"
 
-namespace TypeInfo {
+namespace Reflection {
 namespace {
 
 constexpr size_t kSectionSize = [] {
@@ -30,4 +30,4 @@ constexpr std::array<char, kSectionSize> terminatedNames() {
     terminatedNames();
 
 }  // namespace
-}  // namespace TypeInfo
+}  // namespace Reflection

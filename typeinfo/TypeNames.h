@@ -4,7 +4,7 @@
 #include <array>
 #include <string_view>
 
-namespace TypeInfo {
+namespace Reflection {
 
 inline constexpr std::string_view kRouteSm = "Routing::Host::RouteSm";
 inline constexpr std::string_view kIntfAddresses = "Routing::Host::IntfAddresses";
@@ -19,4 +19,4 @@ inline constexpr std::string_view kRouteSmRoot6 = "Routing6::Host::RouteSmRoot";
 inline constexpr std::array kTypeNames = {kRouteSm,  kIntfAddresses,  kPrefixList,  kRouteSmRoot,
                                           kRouteSm6, kIntfAddresses6, kPrefixList6, kRouteSmRoot6};
 
-}  // namespace TypeInfo
+}  // namespace Reflection

@@ -23,6 +23,8 @@ namespace Kiv {
 template <class Tag, class T>
 class Scalar {
  public:
+  using AttributeTag = Tag;
+
   Scalar() = default;
   explicit Scalar(T value) : value_(std::move(value)) {}
 
@@ -46,6 +48,8 @@ class Scalar {
 template <class Tag, class T>
 class PointerAttribute {
  public:
+  using AttributeTag = Tag;
+
   PointerAttribute() = default;
   explicit PointerAttribute(const Ptr<T>& object) : object_(object.get()) {}
 
@@ -92,6 +96,7 @@ void disown(const V& value) {
 template <class Tag, class T>
 class Singleton {
  public:
+  using AttributeTag = Tag;
   using Element = T;
 
   Singleton() = default;
@@ -120,6 +125,7 @@ class Singleton {
 template <class Tag, class Key, class Value>
 class Collection {
  public:
+  using AttributeTag = Tag;
   using Map = HashMap<Key, Value>;
 
   Collection() = default;
@@ -187,6 +193,7 @@ class Collection {
 template <class Tag, class Key>
 class KeySet {
  public:
+  using AttributeTag = Tag;
   using Map = HashMap<Key, Present>;
 
   bool contains(const Key& key) const { return map_.contains(key); }

@@ -123,4 +123,17 @@ std::ostream& operator<<(std::ostream& os, const Ptr<T>& entity) {
   return os << entity->name();
 }
 
+class TypeInfo;
+template <class T>
+class GenericIfOf;
+template <class T>
+struct EntityType;
+
 }  // namespace Kiv
+
+/// What a type that reflection knows declares: its description, made when it is first asked for,
+/// and the interface to its entities. Both stand where the types are registered.
+#define KIV_REFLECTED(Type)                    \
+  using _Type = ::Kiv::EntityType<Type>;       \
+  using GenericIf_ = ::Kiv::GenericIfOf<Type>; \
+  static const ::Kiv::TypeInfo& _fwkType()

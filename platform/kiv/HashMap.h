@@ -29,6 +29,9 @@ struct Present {
 template <class K, class V, class H = Hash<K>>
 class HashMap {
  public:
+  using Key = K;
+  using Value = V;
+
   /// What range-for sees of a map; of a set it sees the keys.
   struct Entry {
     K key;
@@ -90,8 +93,9 @@ class HashMap {
 
    private:
     friend HashMap;
-    explicit WalkOf(Map* map) : map_(map), generation_(map->generation()) {
-      standOn(firstFull(map->block_));
+    explicit WalkOf(Map* map) : WalkOf(map, firstFull(map->block_)) {}
+    WalkOf(Map* map, const Place& place) : map_(map), generation_(map->generation()) {
+      standOn(place);
     }
     void findAgain() {
       if (map_->generation() == generation_) return;
@@ -238,6 +242,8 @@ class HashMap {
 
   Iterator iterator() { return Iterator(this); }
   IteratorConst iteratorConst() const { return IteratorConst(this); }
+  /// A walk that begins at `key`; at the end when it is not there.
+  IteratorConst iteratorConst(const K& key) const { return IteratorConst(this, locate(key)); }
   /// The keys as they are now.
   std::vector<K> keys() const {
     std::vector<K> keys;

@@ -1,0 +1,145 @@
+#include "platform/kiv/EntityDirectory.h"
+
+#include <map>
+#include <optional>
+
+#include "platform/kiv/Exception.h"
+
+namespace Kiv {
+
+namespace {
+
+std::map<std::string, GenericValue, std::less<>>& mounted() {
+  static std::map<std::string, GenericValue, std::less<>> handles;
+  return handles;
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+std::string decoded(std::string_view segment) {
+  std::string text;
+  for (size_t at = 0; at < segment.size(); ++at) {
+    if (segment[at] == '%' && at + 2 < segment.size() && hexDigit(segment[at + 1]) >= 0 &&
+        hexDigit(segment[at + 2]) >= 0) {
+      text += static_cast<char>(hexDigit(segment[at + 1]) * 16 + hexDigit(segment[at + 2]));
+      at += 2;
+    } else {
+      text += segment[at];
+    }
+  }
+  return text;
+}
+
+/// Takes the first segment of "/A/B" and leaves "/B".
+std::string_view takeSegment(std::string_view& path) {
+  const size_t end = std::min(path.find('/', 1), path.size());
+  const std::string_view segment = path.substr(1, end - 1);
+  path.remove_prefix(end);
+  return segment;
+}
+
+/// The key that the front of `path` names in a collection, and its value; the key is taken from
+/// the path. A key may hold slashes, so what follows one is tried as part of it.
+std::optional<std::pair<GenericValue, GenericValue>> takeMember(
+    const GenericIf& entity, const AttributeDescriptor& attribute, std::string_view& path) {
+  std::string_view rest = path;
+  std::string text;
+  while (!rest.empty()) {
+    if (!text.empty()) text += '/';
+    text += decoded(takeSegment(rest));
+    try {
+      const GenericValue key = attribute.key.type().strepToValue(text);
+      auto value = entity.attributeOp({GenericIf::Op::kRead, attribute.id}, {}, key);
+      path = rest;
+      return std::pair(key, std::move(value));
+    } catch (const Exception&) {
+      // Not a key, or not one of a member: perhaps with what follows.
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+EntityDirectory::Mount::Mount(std::string place, const GenericValue& handle)
+    : place_(std::move(place)) {
+  if (!place_.starts_with('/') || place_.ends_with('/')) {
+    throw Exception("an entity cannot be put at " + place_);
+  }
+  if (!mounted().try_emplace(place_, handle).second) throw Exception(place_ + " is taken");
+}
+
+EntityDirectory::Mount::~Mount() {
+  mounted().erase(place_);
+}
+
+EntityDirectory::Place EntityDirectory::find(std::string_view path) {
+  const std::string whole(path);
+  const auto nowhere = [&whole](std::string_view rest) -> Exception {
+    return Exception(whole.substr(0, whole.size() - rest.size()) + ": no such path");
+  };
+  while (path.ends_with('/')) path.remove_suffix(1);
+  Place place;
+  // The longest place that the path begins with.
+  for (auto it = mounted().rbegin(); it != mounted().rend(); ++it) {
+    const std::string& at = it->first;
+    if (path.starts_with(at) && (path.size() == at.size() || path[at.size()] == '/')) {
+      place.value = it->second;
+      path.remove_prefix(at.size());
+      break;
+    }
+  }
+  if (place.value.isNone()) {
+    if (path.empty()) return place;
+    for (const auto& [at, handle] : mounted()) {
+      if (at.starts_with(path) && at[path.size()] == '/') return place;
+    }
+    throw nowhere("");
+  }
+
+  while (true) {
+    if (!place.value.isNone() && place.value.type().isReflected()) {
+      place.entity = genericIf(place.value, true);
+      place.attribute = nullptr;
+      place.key = {};
+    }
+    if (path.empty()) return place;
+    if (place.entity == nullptr || place.attribute != nullptr) throw nowhere(path);
+    const std::string_view name = takeSegment(path);
+    place.attribute = place.entity->type().attribute(decoded(name));
+    if (place.attribute == nullptr) throw nowhere(path);
+    place.value = {};
+    if (place.attribute->isCollection()) {
+      if (path.empty()) return place;
+      auto member = takeMember(*place.entity, *place.attribute, path);
+      if (!member) throw nowhere("");
+      std::tie(place.key, place.value) = std::move(*member);
+    } else if (!place.attribute->isMethod()) {
+      place.value = place.entity->attributeOp({GenericIf::Op::kRead, place.attribute->id});
+    }
+  }
+}
+
+std::vector<std::string> EntityDirectory::places() {
+  std::vector<std::string> places;
+  for (const auto& [place, handle] : mounted()) places.push_back(place);
+  return places;
+}
+
+std::string EntityDirectory::pathOf(const Entity& entity) {
+  const Entity* top = &entity;
+  while (top->parent() != nullptr) top = top->parent();
+  const std::string path = entity.uriPath();
+  for (const auto& [place, handle] : mounted()) {
+    if (handle.type().operations().entity(handle) != top) continue;
+    return place + path.substr(top->uriPath().size());
+  }
+  return path;
+}
+
+}  // namespace Kiv

@@ -1,0 +1,50 @@
+// Finding entities by their paths.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/kiv/GenericIf.h"
+
+namespace Kiv {
+
+/// The entities from which paths begin, each in its place, such as "/ipv4/default".
+///
+/// A path goes on behind such a place by names of attributes, and by keys where the attribute is a
+/// collection: "/ipv4/default/arpRoute/10.0.0.0%2F24/ip". Bytes of a name that a URI path segment
+/// may not hold are percent-encoded (RFC 3986); a "/" inside a key may also stand for itself.
+class EntityDirectory {
+ public:
+  /// Puts an entity at a place for as long as this object lives.
+  class Mount {
+   public:
+    /// \throws Kiv::Exception when the place is taken or is not of the form "/NAME/...".
+    Mount(std::string place, const GenericValue& handle);
+    Mount(const Mount&) = delete;
+    Mount& operator=(const Mount&) = delete;
+    ~Mount();
+
+   private:
+    std::string place_;
+  };
+
+  /// Where a path leads.
+  struct Place {
+    std::unique_ptr<GenericIf> entity;               ///< null: above the entities
+    const AttributeDescriptor* attribute = nullptr;  ///< null: the entity itself
+    GenericValue key;                                ///< none: the whole attribute
+    GenericValue value;  ///< what is there: the entity's handle, the value; none for a collection
+  };
+
+  /// \throws Kiv::Exception that says which part of the path leads nowhere.
+  static Place find(std::string_view path);
+  /// The places there are, in ascending order.
+  static std::vector<std::string> places();
+
+  /// The path of an entity; "/..." of names that cannot be followed when it is under no place.
+  static std::string pathOf(const Entity& entity);
+};
+
+}  // namespace Kiv

@@ -1,0 +1,181 @@
+// Access to entities by the names of their attributes and methods.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/kiv/TypeInfo.h"
+
+namespace Kiv {
+
+/// A typed walk over one collection, behind an AttributeIterator.
+class CollectionWalk {
+ public:
+  virtual ~CollectionWalk() = default;
+  virtual bool nonNull() const = 0;
+  virtual GenericValue key() const = 0;
+  virtual GenericValue object() const = 0;
+  virtual void next() = 0;
+  virtual std::unique_ptr<CollectionWalk> clone() const = 0;
+};
+
+/// What every reflective interface offers, and how it refuses.
+///
+/// What is refused raises Kiv::Exception and leaves the entity as it was. What the typed accessor
+/// itself refuses is raised as that does.
+class GenericIf {
+ public:
+  enum class Op { kRead, kSet, kDel, kDelAll, kCreate, kCall };
+  struct AttributeOp {
+    Op op;
+    AttributeId id;
+  };
+  class AttributeIterator;
+
+  virtual ~GenericIf() = default;
+
+  virtual const TypeInfo& type() const = 0;
+  /// True when it may change the entity.
+  virtual bool isWritable() const = 0;
+  /// A second interface to the same entity.
+  virtual std::unique_ptr<GenericIf> clone() const = 0;
+
+  /// The id of the attribute or method of this name. \throws Kiv::Exception when there is none.
+  AttributeId attributeId(std::string_view name) const;
+  /// The name of the attribute or method of this id. \throws Kiv::Exception when there is none.
+  const char* attributeString(AttributeId id) const;
+
+  /// Does one operation on one attribute: reads or sets it, deletes it (of a collection, an entry)
+  /// or all entries, makes what it holds, or calls a method.
+  ///
+  /// \param value  what to set; or the arguments of a creation or call, as a list or the only one.
+  /// \param index  the key of a collection's entry; none for another attribute.
+  /// \returns what was read or made, or the method's result.
+  virtual GenericValue attributeOp(AttributeOp op, const GenericValue& value = {},
+                                   const GenericValue& index = {}) const = 0;
+
+  /// A walk over a collection from its beginning. The Const ones delete no members.
+  virtual AttributeIterator attributeIterator(AttributeId id) const = 0;
+  virtual AttributeIterator attributeIteratorConst(AttributeId id) const = 0;
+  /// A walk that begins at the member with this key. \throws Kiv::Exception when there is none.
+  virtual AttributeIterator attributeIteratorKeyConst(AttributeId id,
+                                                      const GenericValue& key) const = 0;
+
+  // The refusals. `attribute` is the name of what was to be accessed.
+  [[noreturn]] static void throwConstException(const char* attribute);
+  [[noreturn]] static void throwOpNotSupportedException(const char* attribute, Op op);
+  [[noreturn]] static void throwBadIndexAttrException(const char* attribute,
+                                                      const std::string& why);
+  [[noreturn]] static void throwTypeException(const std::string& what, const std::string& wanted,
+                                              const std::string& given);
+  [[noreturn]] static void throwUnknownArgException(const char* method, const std::string& why);
+};
+
+/// A walk over one collection. It keeps the entity, and outlives changes of the collection as the
+/// collection's own iterators do.
+class GenericIf::AttributeIterator {
+ public:
+  AttributeIterator(std::unique_ptr<GenericIf> of, AttributeId id,
+                    std::unique_ptr<CollectionWalk> walk)
+      : of_(std::move(of)), id_(id), walk_(std::move(walk)) {}
+
+  /// True while it stands on a member, also one that has been deleted since.
+  bool nonNull() const { return walk_->nonNull(); }
+  /// \pre nonNull()
+  GenericValue iterKey() const { return walk_->key(); }
+  /// The member; true for one of a set. \pre nonNull(), and the member has not been deleted
+  GenericValue iterObj() const { return walk_->object(); }
+  void iterNext() { walk_->next(); }
+  AttributeIterator iterClone() const { return {of_->clone(), id_, walk_->clone()}; }
+  /// Deletes the member on which it stands; then it may be advanced.
+  void iterDel() { of_->attributeOp({Op::kDel, id_}, {}, iterKey()); }
+
+ private:
+  std::unique_ptr<GenericIf> of_;
+  AttributeId id_;
+  std::unique_ptr<CollectionWalk> walk_;
+};
+
+/// The interface to an entity, by the table of its type.
+class GenericIfEntity : public GenericIf {
+ public:
+  const Ptr<const Entity>& entity() const noexcept { return entity_; }
+  const TypeInfo& type() const override { return type_; }
+  bool isWritable() const override { return writable_; }
+
+  GenericValue attributeOp(AttributeOp op, const GenericValue& value = {},
+                           const GenericValue& index = {}) const override;
+  AttributeIterator attributeIterator(AttributeId id) const override;
+  AttributeIterator attributeIteratorConst(AttributeId id) const override;
+  AttributeIterator attributeIteratorKeyConst(AttributeId id,
+                                              const GenericValue& key) const override;
+
+ protected:
+  /// \throws Kiv::RangeException when `entity` is null.
+  GenericIfEntity(const TypeInfo& type, Ptr<const Entity> entity, bool writable);
+  GenericIfEntity(const GenericIfEntity&) = default;
+
+ private:
+  std::unique_ptr<CollectionWalk> walk(AttributeId id, const GenericValue& index) const;
+
+  const TypeInfo& type_;
+  Ptr<const Entity> entity_;
+  bool writable_;
+};
+
+/// The interface to a T.
+template <class T>
+class GenericIfOf : public GenericIfEntity {
+ public:
+  using Interface = typename T::GenericIf_;
+
+  explicit GenericIfOf(const Ptr<T>& entity, bool writable = true)
+      : GenericIfEntity(T::_fwkType(), entity, writable) {}
+  /// Refuses everything that would change the entity.
+  explicit GenericIfOf(const Ptr<const T>& entity)
+      : GenericIfEntity(T::_fwkType(), entity, false) {}
+
+  std::unique_ptr<GenericIf> clone() const override {
+    return std::make_unique<Interface>(static_cast<const Interface&>(*this));
+  }
+
+  /// The entity itself, for who knows its type. \throws Kiv::Exception when it is another.
+  void* voidPtrIs(const TypeInfo& type) const {
+    if (!(type == T::_fwkType()))
+      throwTypeException("the entity", type.name(), T::_fwkType().name());
+    if (!isWritable()) throwConstException(type.name());
+    return const_cast<T*>(static_cast<const T*>(entity().get()));
+  }
+
+  /// Makes a T of the constructor's arguments, in their order.
+  static GenericValue genericIfListConstructor(std::span<const GenericValue> arguments) {
+    return T::_fwkType().operations().construct(arguments);
+  }
+
+  /// The handle that a text stands for; see the functions of the same names.
+  static GenericValue strepToValue(std::string_view text) {
+    return T::_fwkType().strepToValue(text);
+  }
+  static GenericValue sequenceToValue(TextReader& reader) {
+    return T::_fwkType().sequenceToValue(reader);
+  }
+};
+
+/// The interface to the entity that a handle refers to; writable only if the handle is so too.
+/// \throws Kiv::Exception when it refers to no entity whose type is known.
+std::unique_ptr<GenericIf> genericIf(const GenericValue& handle, bool writable);
+
+/// How to come by the interface to a T.
+template <class T>
+struct EntityType {
+  static std::unique_ptr<GenericIf> genericIf(const Ptr<T>& entity, bool writable) {
+    return std::make_unique<typename T::GenericIf_>(entity, writable);
+  }
+  /// To the T that `text` stands for. \throws Kiv::Exception when it stands for none.
+  static std::unique_ptr<GenericIf> genericIf(std::string_view text, bool writable) {
+    return Kiv::genericIf(T::_fwkType().strepToValue(text), writable);
+  }
+};
+
+}  // namespace Kiv
