@@ -8,10 +8,11 @@ _hostroute() {
     --dir) mapfile -t COMPREPLY < <(compgen -d -- "$word") && return ;;
   esac
   case ${COMP_CWORD}${COMP_WORDS[1]} in
-    1*) options="replay import routes types --help" ;;
+    1*) options="replay import routes shell types --help" ;;
     *replay) options="--json --trace --echo --settle --no-final-dump --shared --hold --help" ;;
     *import) options="--dir --link --addr --neigh --route4 --route6 --nexthop --help" ;;
     *routes) options="--table --vrf --family --json --help" ;;
+    *shell) options="--help" ;;
     *types) options="--json --help" ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "${options:-}" -- "$word")

@@ -4,6 +4,7 @@
 #include "cli/ImportCommand.h"
 #include "cli/ReplayCommand.h"
 #include "cli/RoutesCommand.h"
+#include "cli/ShellCommand.h"
 #include "cli/TypesCommand.h"
 
 int main(int argc, char** argv) {
@@ -13,6 +14,7 @@ int main(int argc, char** argv) {
   Cli::addReplayCommand(app, exitCode);
   Cli::addRoutesCommand(app, exitCode);
   Cli::addImportCommand(app, exitCode);
+  Cli::addShellCommand(app, exitCode);
   Cli::addTypesCommand(app, exitCode);
   try {
     app.parse(argc, argv);

@@ -11,22 +11,23 @@ constexpr bool isPlain(char c) {
          std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos;
 }
 
-void appendSegment(std::string& path, std::string_view text) {
+}  // namespace
+
+std::string uriSegment(std::string_view name) {
   static constexpr std::string_view kDigits = "0123456789ABCDEF";
-  path += '/';
-  for (const char c : text) {
+  std::string segment;
+  for (const char c : name) {
     if (isPlain(c)) {
-      path += c;
+      segment += c;
       continue;
     }
     const auto byte = static_cast<unsigned char>(c);
-    path += '%';
-    path += kDigits[byte >> 4];
-    path += kDigits[byte & 0xf];
+    segment += '%';
+    segment += kDigits[byte >> 4];
+    segment += kDigits[byte & 0xf];
   }
+  return segment;
 }
-
-}  // namespace
 
 std::string Entity::fullName() const {
   std::string text = parent_ == nullptr ? std::string() : parent_->fullName() + '/';
@@ -34,13 +35,8 @@ std::string Entity::fullName() const {
 }
 
 std::string Entity::uriPath() const {
-  std::string path;
-  if (parent_ != nullptr) {
-    path = parent_->uriPath();
-    appendSegment(path, parentAttr());
-  }
-  appendSegment(path, name());
-  return path;
+  const std::string self = '/' + uriSegment(name());
+  return parent_ == nullptr ? self : parent_->uriPath() + '/' + uriSegment(parentAttr()) + self;
 }
 
 std::string_view Entity::parentAttr() const noexcept {

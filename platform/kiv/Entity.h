@@ -101,6 +101,9 @@ void Entity::notifyAll(const Key&... key) const {
   }
 }
 
+/// `name` as a segment of a URI path: every byte that may not stand there percent-encoded.
+std::string uriSegment(std::string_view name);
+
 /// An entity that keeps its name.
 class NamedEntity : public Entity {
  public:

@@ -1,5 +1,6 @@
 #include "platform/kiv/EntityDirectory.h"
 
+#include <algorithm>
 #include <map>
 #include <optional>
 
@@ -78,7 +79,7 @@ EntityDirectory::Mount::~Mount() {
   mounted().erase(place_);
 }
 
-EntityDirectory::Place EntityDirectory::find(std::string_view path) {
+EntityDirectory::Place EntityDirectory::find(std::string_view path, LastKey lastKey) {
   const std::string whole(path);
   const auto nowhere = [&whole](std::string_view rest) -> Exception {
     return Exception(whole.substr(0, whole.size() - rest.size()) + ": no such path");
@@ -103,24 +104,27 @@ EntityDirectory::Place EntityDirectory::find(std::string_view path) {
   }
 
   while (true) {
-    if (!place.value.isNone() && place.value.type().isReflected()) {
-      place.entity = genericIf(place.value, true);
-      place.attribute = nullptr;
-      place.key = {};
-    }
+    const bool isEntity = !place.value.isNone() && place.value.type().isReflected();
+    place.entity = isEntity ? genericIf(place.value, true) : nullptr;
     if (path.empty()) return place;
-    if (place.entity == nullptr || place.attribute != nullptr) throw nowhere(path);
-    const std::string_view name = takeSegment(path);
-    place.attribute = place.entity->type().attribute(decoded(name));
-    if (place.attribute == nullptr) throw nowhere(path);
+    if (!isEntity) throw nowhere(path);
+    place.holder = std::move(place.entity);
     place.value = {};
-    if (place.attribute->isCollection()) {
-      if (path.empty()) return place;
-      auto member = takeMember(*place.entity, *place.attribute, path);
-      if (!member) throw nowhere("");
-      std::tie(place.key, place.value) = std::move(*member);
-    } else if (!place.attribute->isMethod()) {
-      place.value = place.entity->attributeOp({GenericIf::Op::kRead, place.attribute->id});
+    place.key = {};
+    place.attribute = place.holder->type().attribute(decoded(takeSegment(path)));
+    if (place.attribute == nullptr) throw nowhere(path);
+    if (place.attribute->isMethod()) continue;
+    if (!place.attribute->isCollection()) {
+      place.value = place.holder->attributeOp({GenericIf::Op::kRead, place.attribute->id});
+    } else if (!path.empty()) {
+      if (auto member = takeMember(*place.holder, *place.attribute, path)) {
+        std::tie(place.key, place.value) = std::move(*member);
+      } else if (lastKey == LastKey::kAny) {
+        place.key = place.attribute->key.type().strepToValue(decoded(path.substr(1)));
+        return place;
+      } else {
+        throw nowhere("");
+      }
     }
   }
 }
@@ -132,12 +136,21 @@ std::vector<std::string> EntityDirectory::places() {
 }
 
 std::string EntityDirectory::pathOf(const Entity& entity) {
-  const Entity* top = &entity;
-  while (top->parent() != nullptr) top = top->parent();
-  const std::string path = entity.uriPath();
-  for (const auto& [place, handle] : mounted()) {
-    if (handle.type().operations().entity(handle) != top) continue;
-    return place + path.substr(top->uriPath().size());
+  std::vector<const Entity*> down;
+  for (const Entity* at = &entity; at != nullptr; at = at->parent()) down.push_back(at);
+  const auto top = std::find_if(mounted().begin(), mounted().end(), [&down](const auto& mount) {
+    return mount.second.type().operations().entity(mount.second) == down.back();
+  });
+  if (top == mounted().end()) return entity.uriPath();
+  std::string path = top->first;
+  const TypeInfo* type = &top->second.type();
+  for (auto at = down.rbegin() + 1; at != down.rend(); ++at) {
+    const auto* attribute = type->attribute((*at)->parentAttr());
+    // What is not reflected cannot be followed; there the path only tells.
+    if (attribute == nullptr) return path + entity.uriPath();
+    path += std::string("/") + attribute->name;
+    if (attribute->isCollection()) path += '/' + uriSegment((*at)->name());
+    type = &attribute->type();
   }
   return path;
 }

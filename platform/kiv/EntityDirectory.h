@@ -30,16 +30,26 @@ class EntityDirectory {
     std::string place_;
   };
 
-  /// Where a path leads.
+  /// Where a path leads: to an entity, an attribute, or a member of a collection.
   struct Place {
-    std::unique_ptr<GenericIf> entity;               ///< null: above the entities
-    const AttributeDescriptor* attribute = nullptr;  ///< null: the entity itself
-    GenericValue key;                                ///< none: the whole attribute
-    GenericValue value;  ///< what is there: the entity's handle, the value; none for a collection
+    /// What is there: the value, or the handle to the entity. None for a method, a whole
+    /// collection, what is null, and above the entities.
+    GenericValue value;
+    std::unique_ptr<GenericIf> entity;  ///< the interface to `value`, if that is an entity
+    // The last step of the path. Null or none where a path begins.
+    std::unique_ptr<GenericIf> holder;               ///< of the attribute
+    const AttributeDescriptor* attribute = nullptr;  ///< through which `value` was reached
+    GenericValue key;                                ///< under which it is there
+    /// True for a collection, as opposed to a member of it.
+    bool isWhole() const {
+      return attribute != nullptr && attribute->isCollection() && key.isNone();
+    }
   };
 
+  /// Whether the last key of a path must be that of a member.
+  enum class LastKey { kOfMember, kAny };
   /// \throws Kiv::Exception that says which part of the path leads nowhere.
-  static Place find(std::string_view path);
+  static Place find(std::string_view path, LastKey lastKey = LastKey::kOfMember);
   /// The places there are, in ascending order.
   static std::vector<std::string> places();
 

@@ -150,7 +150,7 @@ class GenericIfOf : public GenericIfEntity {
 
   /// Makes a T of the constructor's arguments, in their order.
   static GenericValue genericIfListConstructor(std::span<const GenericValue> arguments) {
-    return T::_fwkType().operations().construct(arguments);
+    return T::_fwkType().construct(arguments);
   }
 
   /// The handle that a text stands for; see the functions of the same names.

@@ -41,6 +41,11 @@ const AttributeDescriptor* TypeInfo::attribute(AttributeId id) const noexcept {
   return at < attributes_.size() ? &attributes_[at] : nullptr;
 }
 
+GenericValue TypeInfo::construct(std::span<const GenericValue> arguments) const {
+  if (operations_.construct == nullptr) throw Exception(std::string(name_) + " has no constructor");
+  return operations_.construct(arguments);
+}
+
 GenericValue TypeInfo::sequenceToValue(TextReader& reader) const {
   const long long column = reader.column();
   if (operations_.read != nullptr) {

@@ -123,6 +123,10 @@ class TypeInfo {
   const AttributeDescriptor* attribute(std::string_view name) const noexcept;
   const AttributeDescriptor* attribute(AttributeId id) const noexcept;
 
+  /// Makes an entity of this type of its constructor's arguments, in their order.
+  /// \throws Kiv::Exception also when the type is not made so.
+  GenericValue construct(std::span<const GenericValue> arguments) const;
+
   /// Reads a value of this type from the front of a text, or all of it; see the functions of the
   /// same names. \throws Kiv::Exception.
   GenericValue sequenceToValue(TextReader& reader) const;

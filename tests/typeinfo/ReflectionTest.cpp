@@ -341,6 +341,7 @@ TEST_F(ReflectionTest, FindsEntitiesByTheirPaths) {
   const auto list = find("/ipv4/red/adjacencyToPrefix/7");
   EXPECT_EQ(list.entity->type().name(), std::string("Routing::Host::PrefixList"));
   EXPECT_EQ(list.value.text(), "/ipv4/red/adjacencyToPrefix/7");
+  EXPECT_EQ(find("/ipv4/red/routeSm").value.text(), "/ipv4/red/routeSm");
   EXPECT_STREQ(find("/ipv4/red/adjacencyToPrefix/7/prefix").attribute->name, "prefix");
   for (const char* path : {"/ipv", "/ipv4/blue", "/ipv4/red/x", "/ipv4/red/arpRoute/10.0.0.0/25",
                            "/ipv4/red/initialized/x"}) {
