@@ -87,13 +87,9 @@ std::string Table::fault() const {
 }
 
 void Table::validateFiles() {
-  requireWritable("validateFiles");
+  requireWritable("validateFiles to read-only Tovan table");
   const auto what = fault();
   if (!what.empty()) throw CorruptionDetectedException(titleOf(name_) + " " + what);
-}
-
-void Table::refuse(const char* operation) {
-  throw ReadOnlyException(std::string(operation) + " to read-only Tovan table");
 }
 
 std::string Table::describe(const char* place, size_t index, const char* what) const {

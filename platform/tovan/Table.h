@@ -83,10 +83,10 @@ class Table {
   TableMemory& memory() { return memory_; }
   const TableMemory& memory() const { return memory_; }
 
-  /// \throws ReadOnlyException "`operation` to read-only Tovan table" on a reader.
-  void requireWritable(const char* operation) const {
+  /// \throws ReadOnlyException with `refusal` on a reader.
+  void requireWritable(const char* refusal) const {
     if (readOnly_) [[unlikely]]
-      refuse(operation);
+      throw ReadOnlyException(refusal);
   }
   /// The message for an inconsistency at `place` `index`.
   std::string describe(const char* place, size_t index, const char* what) const;
@@ -101,7 +101,6 @@ class Table {
   void addPages();
 
  private:
-  [[noreturn]] static void refuse(const char* operation);
   void create();
   /// What is wrong with the memory or its header; nothing if all is well.
   std::string fault() const;

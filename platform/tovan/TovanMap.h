@@ -66,7 +66,7 @@ class TovanMap : public Table {
 
   /// Removes all entries; the memory is kept. \throws ReadOnlyException.
   void clear() {
-    requireWritable("remove");
+    requireWritable("remove to read-only Tovan table");
     removeAll();
   }
 
@@ -87,14 +87,14 @@ class TovanMap : public Table {
   /// faults were found; each was reported to corruptionDetected(). Readers that miss wait
   /// meanwhile. \throws ReadOnlyException.
   size_t validate() {
-    requireWritable("validate");
+    requireWritable("validate to read-only Tovan table");
     return repair();
   }
 
   /// Removes all entries, and the table's name: it is gone once the last process lets go of it.
   /// \throws ReadOnlyException.
   void cleanup() {
-    requireWritable("cleanup");
+    requireWritable("cleanup to read-only Tovan table");
     removeAll();
     memory().remove();
   }
@@ -590,7 +590,7 @@ auto TovanMap<Key, Value>::repairing(Step step) {
 
 template <class Key, class Value>
 bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
-  requireWritable("write");
+  requireWritable("write to read-only Tovan table");
   const Words words = pack(key, value);
   const uint64_t hash = hashOf(words);
   Slot* slot = repairing([&] { return find(hash, words); });
@@ -606,7 +606,7 @@ bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
 
 template <class Key, class Value>
 std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
-  requireWritable("remove");
+  requireWritable("remove to read-only Tovan table");
   Words words = pack(key);
   const uint64_t hash = hashOf(words);
   Slot* slot = repairing([&] {
