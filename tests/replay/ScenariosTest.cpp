@@ -32,6 +32,11 @@ std::vector<std::filesystem::path> cases() {
   return paths;
 }
 
+/// Whether the first line of a case asks for settling.
+bool settles(const std::string& input) {
+  return input.substr(0, input.find('\n')).find("--settle") != input.npos;
+}
+
 class ScenariosTest : public testing::TestWithParam<std::filesystem::path> {};
 
 // The first line of a case says what it shows, and names the options that it runs with.
@@ -44,7 +49,7 @@ TEST_P(ScenariosTest, PrintsWhatIsExpected) {
   const auto output = firstLine.find("--text") == firstLine.npos
                           ? Replay::jsonOutput(printed)
                           : Replay::textOutput(printed, false);
-  Daemon::Switch sw({.settles = firstLine.find("--settle") != firstLine.npos});
+  Daemon::Switch sw({.settles = settles(input)});
   Replay::Player player(sw, *output,
                         {.traceLevels = levels,
                          .echoes = firstLine.find("--echo") != firstLine.npos,
@@ -55,7 +60,22 @@ TEST_P(ScenariosTest, PrintsWhatIsExpected) {
   EXPECT_EQ(outcome, Replay::Player::Outcome::Done);
   EXPECT_EQ(printed.str(),
             contents(std::filesystem::path(GetParam()).replace_extension("expected")));
-  checkInvariants(sw);
+}
+
+TEST_P(ScenariosTest, KeepsWhatMustHoldAfterEachEvent) {
+  const auto input = contents(GetParam());
+  std::ostream nowhere(nullptr);
+  const auto output = Replay::jsonOutput(nowhere);
+  Daemon::Switch sw({.settles = settles(input)});
+  Replay::Player player(sw, *output, {.dumpsAtEnd = false});
+  std::istringstream lines(input);
+  for (std::string line; std::getline(lines, line);) {
+    SCOPED_TRACE(line);
+    std::istringstream one(line);
+    EXPECT_EQ(player.run(one, GetParam().filename(), nowhere, nowhere),
+              Replay::Player::Outcome::Done);
+    checkInvariants(sw);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, ScenariosTest, testing::ValuesIn(cases()), [](const auto& named) {
