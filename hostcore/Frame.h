@@ -136,21 +136,23 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
   /// Watches the interface's VRF.
   class KivL3Status final : public MachineReactor<L3::Intf::Status, Machine> {
    public:
-    KivL3Status(const Kiv::ActivityConfig::Ptr& activity, Filter& filter)
+    KivL3Status(const Kiv::ActivityConfig::Ptr& activity, IntfFilterReactor& filter)
         : MachineReactor<L3::Intf::Status, Machine>(activity), filter_(filter) {}
 
     void onVrf() override {
       if (!this->mayAct()) return;
       const auto& vrf = this->notifierRaw()->vrf();
-      if (this->template mayActOn<L3::Intf::Status::VrfAttribute>(&vrf)) filter_.handleVrf();
+      if (this->template mayActOn<L3::Intf::Status::VrfAttribute>(&vrf)) {
+        static_cast<Filter&>(filter_).handleVrf();
+      }
     }
 
    private:
-    Filter& filter_;
+    IntfFilterReactor& filter_;  // not yet a Filter when this is made
   };
 
   explicit IntfFilterReactor(const Kiv::ActivityConfig::Ptr& activity)
-      : Base(activity), l3Status_(Kiv::make<KivL3Status>(activity, static_cast<Filter&>(*this))) {}
+      : Base(activity), l3Status_(Kiv::make<KivL3Status>(activity, *this)) {}
 
   const Kiv::Ptr<KivL3Status>& l3Status() const noexcept { return l3Status_; }
 

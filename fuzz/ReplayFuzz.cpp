@@ -1,0 +1,33 @@
+// Any lines as a replay: lines that are no events are refused, the others played with all traces
+// on, and whatever state comes of them can be printed.
+#include <cstdint>
+#include <sstream>
+#include <string>
+
+#include "daemon/Switch.h"
+#include "platform/kiv/Exception.h"
+#include "platform/kiv/Hash.h"
+#include "replay/Output.h"
+#include "replay/Player.h"
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  Kiv::hashSeedIs({.add = 1, .multiply = 3});  // one input, one road through the code
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::istringstream in(std::string(data, data + size));
+  std::ostringstream out;
+  const auto output = Replay::jsonOutput(out);
+  Daemon::Switch sw({.settles = true});
+  Replay::Player player(sw, *output, {.traceLevels = *Replay::parseTraceLevels("all")});
+  for (std::string line; std::getline(in, line);) {
+    try {
+      player.apply(line);
+    } catch (const Replay::EventError&) {
+    } catch (const Pindo::Exception&) {
+    }
+  }
+  player.dumpAll();
+  return 0;
+}
