@@ -33,7 +33,8 @@ A path is /ipv4/VRF/... or /ipv6/VRF/... and goes on by attributes and keys:
   set /ipv6/default/routeSm/initialized true
   call /ipv4/default/routeSm doFibLookup 10.0.0.0/24
 Arguments stand behind one another with blanks between them; a set is {10.0.0.5, 10.0.0.6}, and a
-name with blanks in it stands in double quotes. A handle to an entity is its path, or null.
+name with blanks in it stands in double quotes. A handle to an entity is its path, or null. What a
+method requires of its arguments it requires here too: a broken invariant ends the process.
 )";
 
 constexpr std::string_view kCommands[] = {"call", "del", "get", "help", "ls", "new", "quit", "set"};
@@ -237,9 +238,10 @@ void Shell::set(std::string_view path, std::string_view value) {
 
 void Shell::create(std::string_view path, std::string_view arguments) {
   const Place place = attributeAt(path, EntityDirectory::LastKey::kOfMember);
+  if (!place.key.isNone()) throw ShellError("the key of what is made is an argument");
   const auto made = place.holder->attributeOp({Op::kCreate, place.attribute->id},
                                               readArguments(place.attribute->arguments, arguments));
-  os_ << made.text() << '\n';
+  if (!made.isNone()) os_ << made.text() << '\n';
 }
 
 void Shell::erase(std::string_view path) {

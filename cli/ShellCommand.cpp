@@ -104,13 +104,19 @@ int runShell(const std::string& path) {
     static char wordBreaks[] = " \t";
     rl_completer_word_break_characters = wordBreaks;
   }
-  Shell shell(sw, std::cout, isColoured());
+  std::optional<Shell> shell;
+  try {
+    shell.emplace(sw, std::cout, isColoured());
+  } catch (const Kiv::Exception& error) {
+    std::cerr << path << ": error: " << error.what() << '\n';
+    return kMisused;
+  }
   bool failed = false;
   for (size_t number = 1;; ++number) {
     const auto line = isTyped ? editedLine() : plainLine();
     if (!line) break;
     try {
-      if (!shell.execute(*line)) break;
+      if (!shell->execute(*line)) break;
     } catch (const std::exception& error) {
       std::cout.flush();
       if (!isTyped) std::cerr << "line " << number << ": ";

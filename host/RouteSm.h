@@ -225,6 +225,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   void vrfIpIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus);
   /// Removes an interface with its receive routes.
   void vrfIpIntfStatusDel(Zemit::IntfId intfId);
+  KIV_FURTHER_DELETIONS(vrfIpIntfStatus, VrfIpIntfStatus)
 
   /// A reactor for each interface of any VRF.
   KIV_COLLECTION_VIEW(275, ipIntfStatusFilter, IpIntfStatusFilter, Zemit::IntfId,
@@ -233,6 +234,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// \throws Kiv::RangeException when it is null.
   void ipIntfStatusFilterIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus);
   void ipIntfStatusFilterDel(Zemit::IntfId intfId);
+  KIV_FURTHER_DELETIONS(ipIntfStatusFilter, IpIntfStatusFilter)
 
   /// A reactor for each interface of this VRF.
   KIV_COLLECTION(276, ipIntfStatus, IpIntfStatus, Zemit::IntfId, Kiv::Ptr<KivIpIntfStatus>)
@@ -253,6 +255,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   void arpIntfStatusIs(const ArpTable& arpIntfStatus);
   /// Removes the table's reactor, and the host routes that hang off the table.
   void arpIntfStatusDel(const Kiv::Name& name);
+  KIV_FURTHER_DELETIONS(arpIntfStatus, ArpIntfStatus)
 
   /// The root that owns this machine's state.
   KIV_POINTER(283, root, Root, RouteSmRoot)

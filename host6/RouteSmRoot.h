@@ -166,7 +166,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_SINGLETON_VIEW(271, routeSm, RouteSm, RouteSm)
   void routeSmDel();
   /// Makes the state machine over these inputs, each of which may be null and must outlive it; see
-  /// the constructor of RouteSm. Returns it.
+  /// the constructor of RouteSm. Returns it. Any former machine goes first, also when this fails.
   const Kiv::Ptr<RouteSm>& newRouteSm(
       const Kiv::ActivityConfig::Ptr& activityConfig,
       const Tovan::Fib6::RouteStatus::Ptr& routeStatus,

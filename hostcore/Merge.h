@@ -51,7 +51,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
   // Entries outside the route are looked up only where that would leave a trace of interest.
   const auto& trace = F::trace();
   const bool lookUpAll = trace.builds(1) || trace.builds(7) || trace.builds(8);
-  for (const Zemit::IntfId intf : *intfs) {
+  for (const Zemit::IntfId intf : *Kiv::validPtr(intfs)) {
     const Kiv::Ptr<const Arp::ArpIntfStatus> table(sm_.neighborTable(intf));
     if (!table || skipInterface(*table)) {
       KIV_TRACE(F::trace(), 7, sm_,
@@ -147,13 +147,15 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 2, sm_, "skipping merge because not initialized yet");
     const auto& toMerge = Kiv::validPtr(root_.toMerge());
-    for (auto it = changed->ipIteratorConst(); it; ++it) toMerge->ipIs(it.key(), true);
+    for (auto it = Kiv::validPtr(changed)->ipIteratorConst(); it; ++it) {
+      toMerge->ipIs(it.key(), true);
+    }
     return;
   }
   // The reference of the route about to be replaced. It is dropped only after the replacement has
   // been written, so that a FEC never reaches a zero count while it is still in use.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
-  for (const Addr& addr : ascending(changed->ipIteratorConst())) {
+  for (const Addr& addr : ascending(Kiv::validPtr(changed)->ipIteratorConst())) {
     const Prefix prefix = hostPrefix<F>(addr);
     KIV_TRACE(F::trace(), 8, sm_, " handling prefix: " << prefix);
     if (heldFec != Tovan::Fib::invalidFecId) {

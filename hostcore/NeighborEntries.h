@@ -166,6 +166,7 @@ void NeighborEntries<F>::fixup(const Addr& addr, const typename F::Prefix& prefi
 
 template <Family F>
 void NeighborEntries<F>::handleDeletedArpIntfStatus(const ArpTable& table) {
+  Kiv::validPtr(table);
   if (sm_.root().isInvalid()) {
     KIV_TRACE(
         F::trace(), 6, sm_,

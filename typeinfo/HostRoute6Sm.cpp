@@ -14,6 +14,9 @@ constexpr std::array<Kiv::ArgumentName, 13> kMachineInputs{
     "seqConfig",        "ipv6SeqInfo", "adjHelper", "ipStatus",   "neighborDirByIntfName",
     "virtualIp6Status", "root",        "vrfName"};
 
+/// Of a set: the member, and true.
+constexpr std::array<Kiv::ArgumentName, 2> kMemberArguments{"key", "value"};
+
 IntfAddresses::Ptr intfAddressesFactory(const Kiv::String8& intfName) {
   return Kiv::make<IntfAddresses>(intfName);
 }
@@ -60,13 +63,15 @@ const Kiv::TypeInfo& RouteSm::_fwkType() {
           .attribute<&RouteSm::vrfIpIntfStatus_>()
           .key("intfId")
           .setter<&RouteSm::vrfIpIntfStatusIs>()
-          .deleter<&RouteSm::vrfIpIntfStatusDel>()
+          .deleter<overloaded<Zemit::IntfId>(&RouteSm::vrfIpIntfStatusDel),
+                   &RouteSm::vrfIpIntfStatusDelAll>()
           .method<overloaded<Zemit::IntfId>(&RouteSm::handleIpIntfStatus)>("handleIpIntfStatus",
                                                                            "intfId")
           .attribute<&RouteSm::ipIntfStatusFilter_>()
           .key("intfId")
           .setter<&RouteSm::ipIntfStatusFilterIs>()
-          .deleter<&RouteSm::ipIntfStatusFilterDel>()
+          .deleter<overloaded<Zemit::IntfId>(&RouteSm::ipIntfStatusFilterDel),
+                   &RouteSm::ipIntfStatusFilterDelAll>()
           .attribute<&RouteSm::ipIntfStatus_>()
           .key("intfId")
           .setter<&RouteSm::ipIntfStatusIs>()
@@ -83,7 +88,8 @@ const Kiv::TypeInfo& RouteSm::_fwkType() {
           .attribute<&RouteSm::arpIntfStatus_>()
           .key({"name", "Kiv::Name"})
           .setter<&RouteSm::arpIntfStatusIs>()
-          .deleter<&RouteSm::arpIntfStatusDel>()
+          .deleter<overloaded<const Kiv::Name&>(&RouteSm::arpIntfStatusDel),
+                   &RouteSm::arpIntfStatusDelAll>()
           .attribute<&RouteSm::root_>()
           .setter<&RouteSm::rootIs>()
           .method<&RouteSm::hasNoReceiveRoutes>("hasNoReceiveRoutes")
@@ -92,7 +98,8 @@ const Kiv::TypeInfo& RouteSm::_fwkType() {
                                                       "arpIntfStatus")
           .method<&RouteSm::fixupArpRoute>("fixupArpRoute", "ipAddr", "fibRoute")
           .method<&RouteSm::promoteArpEntries>("promoteArpEntries", "intfs", "fibRoute")
-          .method<&RouteSm::doMerge>("doMerge", "changedIps")
+          .method<overloaded<const Obu::Ip6AddrSet::PtrConst&>(&RouteSm::doMerge)>("doMerge",
+                                                                                   "changedIps")
           .attribute<&RouteSm::virtualIp6Status_>()
           .creator<&RouteSm::newVirtualIp6Status>("virtualIp6Status")
           .deletable<&RouteSm::virtualIp6Status_>()
@@ -118,6 +125,7 @@ const Kiv::TypeInfo& IntfAddresses::_fwkType() {
           .attribute<&IntfAddresses::addrWithMask_>()
           .key("addrWithMask")
           .setter<&IntfAddresses::addrWithMaskIs>()
+          .creator<&IntfAddresses::newAddrWithMask>(kMemberArguments)
           .deletable<&IntfAddresses::addrWithMask_>()
           .computed<&IntfAddresses::intfName>("fwkKey")
           .done();
@@ -132,6 +140,7 @@ const Kiv::TypeInfo& PrefixList::_fwkType() {
           .attribute<&PrefixList::prefix_>()
           .key("prefix")
           .setter<&PrefixList::prefixIs>()
+          .creator<&PrefixList::newPrefix>(kMemberArguments)
           .deletable<&PrefixList::prefix_>()
           .computed<&PrefixList::name>({"name", "Kiv::Name"})
           .done();

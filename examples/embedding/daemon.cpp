@@ -14,7 +14,10 @@ using Zemit::Prefix;
 /// What the machine is lent is declared before the root that owns it: members go in the opposite
 /// order, so the machine goes first and its inputs outlive it.
 struct Vrf {
-  explicit Vrf(const char* name) : vrfName(Kiv::String(name)), root(newRoot(name)) {
+  explicit Vrf(const char* name)
+      : vrfName(Kiv::String(name)),
+        routeStatus(Kiv::make<Tovan::Fib::RouteStatus>(name)),
+        root(Routing::Host::routeSmRootFactory(name)) {
     // The daemon's helpers first: the machine uses them from its constructor on.
     root->trieIs(trie);
     root->adjHelperIs(adjHelper);
@@ -23,9 +26,6 @@ struct Vrf {
     readiness->newRouteStatus(RovelReady::v4Host_);
     root->newRouteSm(activity, routeStatus, forwarding, hostStatus, readiness, seqConfig, seqInfo,
                      adjHelper, ipStatus, neighborDir, root, virtualIps, vrfName);
-  }
-  static Routing::Host::RouteSmRoot::Ptr newRoot(const char* name) {
-    return Routing::Host::routeSmRootFactory(name);
   }
 
   /// A FIB route is told to the machine by whoever changes it: the table has no reactor on it.
@@ -36,7 +36,7 @@ struct Vrf {
 
   L3::VrfName vrfName;
   Kiv::ActivityConfig::Ptr activity = Kiv::make<Kiv::ActivityConfig>();
-  Tovan::Fib::RouteStatus::Ptr routeStatus = Kiv::make<Tovan::Fib::RouteStatus>("red");
+  Tovan::Fib::RouteStatus::Ptr routeStatus;
   Tovan::Fib::ForwardingStatus::Ptr forwarding =
       Kiv::make<Tovan::Fib::ForwardingStatus>("forwardingStatus");
   Routing::Host::Status::Ptr hostStatus = Kiv::make<Routing::Host::Status>("hostStatus");

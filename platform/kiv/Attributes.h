@@ -355,6 +355,16 @@ class KeySet {
     attr##_.delAll(*this);                   \
   }
 
+/// The further forms of a deletion that stands beside the attribute, attrDel(key), with all that it
+/// does: attrDel(iterator) and attrDelAll().
+#define KIV_FURTHER_DELETIONS(attr, Attr)                \
+  void attr##Del(const Attr##Iterator& it) {             \
+    attr##Del(it.key());                                 \
+  }                                                      \
+  void attr##DelAll() {                                  \
+    for (const auto& key : attr##Keys()) attr##Del(key); \
+  }
+
 /// A collection that is read by anybody and changed by its entity alone: attr(key), which gives the
 /// entry or an empty value, attrFind(key), which gives null for none, and the common members. What
 /// changes it stands beside it. What the two give is good until the collection changes.

@@ -44,22 +44,34 @@ std::string_view takeSegment(std::string_view& path) {
   return segment;
 }
 
-/// The key that the front of `path` names in a collection, and its value; the key is taken from
-/// the path. A key may hold slashes, so what follows one is tried as part of it.
+/// The key that `segment` stands for: a name as it is, of another type its text.
+GenericValue keyOf(const AttributeDescriptor& attribute, const std::string& segment) {
+  const std::string name = valueToStrep(StringN(std::string_view(segment)));
+  try {
+    return attribute.key.type().strepToValue(name);
+  } catch (const Exception&) {
+    return attribute.key.type().strepToValue(segment);
+  }
+}
+
+/// The member that the front of `path` names in a collection, by its key; the key is taken from the
+/// path. A key may hold slashes, so the longest one that is there is meant.
 std::optional<std::pair<GenericValue, GenericValue>> takeMember(
     const GenericIf& entity, const AttributeDescriptor& attribute, std::string_view& path) {
-  std::string_view rest = path;
-  std::string text;
-  while (!rest.empty()) {
-    if (!text.empty()) text += '/';
-    text += decoded(takeSegment(rest));
+  constexpr size_t kMostSegments = 8;
+  std::vector<size_t> ends;
+  for (std::string_view rest = path; !rest.empty() && ends.size() < kMostSegments;) {
+    takeSegment(rest);
+    ends.push_back(path.size() - rest.size());
+  }
+  for (auto end = ends.rbegin(); end != ends.rend(); ++end) {
     try {
-      const GenericValue key = attribute.key.type().strepToValue(text);
+      const GenericValue key = keyOf(attribute, decoded(path.substr(1, *end - 1)));
       auto value = entity.attributeOp({GenericIf::Op::kRead, attribute.id}, {}, key);
-      path = rest;
+      path.remove_prefix(*end);
       return std::pair(key, std::move(value));
     } catch (const Exception&) {
-      // Not a key, or not one of a member: perhaps with what follows.
+      // Not a key, or not one of a member: perhaps a shorter one is.
     }
   }
   return std::nullopt;
@@ -71,6 +83,9 @@ EntityDirectory::Mount::Mount(std::string place, const GenericValue& handle)
     : place_(std::move(place)) {
   if (!place_.starts_with('/') || place_.ends_with('/')) {
     throw Exception("an entity cannot be put at " + place_);
+  }
+  if (handle.isNone() || !handle.type().isReflected()) {
+    throw Exception("what is put at " + place_ + " is no entity");
   }
   if (!mounted().try_emplace(place_, handle).second) throw Exception(place_ + " is taken");
 }
@@ -120,7 +135,7 @@ EntityDirectory::Place EntityDirectory::find(std::string_view path, LastKey last
       if (auto member = takeMember(*place.holder, *place.attribute, path)) {
         std::tie(place.key, place.value) = std::move(*member);
       } else if (lastKey == LastKey::kAny) {
-        place.key = place.attribute->key.type().strepToValue(decoded(path.substr(1)));
+        place.key = keyOf(*place.attribute, decoded(path.substr(1)));
         return place;
       } else {
         throw nowhere("");
@@ -135,19 +150,18 @@ std::vector<std::string> EntityDirectory::places() {
   return places;
 }
 
-std::string EntityDirectory::pathOf(const Entity& entity) {
+std::optional<std::string> EntityDirectory::pathOf(const Entity& entity) {
   std::vector<const Entity*> down;
   for (const Entity* at = &entity; at != nullptr; at = at->parent()) down.push_back(at);
   const auto top = std::find_if(mounted().begin(), mounted().end(), [&down](const auto& mount) {
     return mount.second.type().operations().entity(mount.second) == down.back();
   });
-  if (top == mounted().end()) return entity.uriPath();
+  if (top == mounted().end()) return std::nullopt;
   std::string path = top->first;
   const TypeInfo* type = &top->second.type();
   for (auto at = down.rbegin() + 1; at != down.rend(); ++at) {
     const auto* attribute = type->attribute((*at)->parentAttr());
-    // What is not reflected cannot be followed; there the path only tells.
-    if (attribute == nullptr) return path + entity.uriPath();
+    if (attribute == nullptr) return std::nullopt;
     path += std::string("/") + attribute->name;
     if (attribute->isCollection()) path += '/' + uriSegment((*at)->name());
     type = &attribute->type();

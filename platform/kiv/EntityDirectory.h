@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,14 +14,17 @@ namespace Kiv {
 /// The entities from which paths begin, each in its place, such as "/ipv4/default".
 ///
 /// A path goes on behind such a place by names of attributes, and by keys where the attribute is a
-/// collection: "/ipv4/default/arpRoute/10.0.0.0%2F24/ip". Bytes of a name that a URI path segment
-/// may not hold are percent-encoded (RFC 3986); a "/" inside a key may also stand for itself.
+/// collection: "/ipv4/default/adjacencyToPrefix/7/prefix". Bytes of a name that a URI path segment
+/// may not hold are percent-encoded (RFC 3986); a "/" inside a key may also stand for itself, and
+/// the longest key that is there is taken.
 class EntityDirectory {
  public:
   /// Puts an entity at a place for as long as this object lives.
   class Mount {
    public:
-    /// \throws Kiv::Exception when the place is taken or is not of the form "/NAME/...".
+    /// \throws Kiv::Exception when the place is taken or is not of the form "/NAME/...", or the
+    /// handle
+    ///   refers to no entity.
     Mount(std::string place, const GenericValue& handle);
     Mount(const Mount&) = delete;
     Mount& operator=(const Mount&) = delete;
@@ -53,8 +57,8 @@ class EntityDirectory {
   /// The places there are, in ascending order.
   static std::vector<std::string> places();
 
-  /// The path of an entity; "/..." of names that cannot be followed when it is under no place.
-  static std::string pathOf(const Entity& entity);
+  /// The path of an entity; nothing when none leads to it.
+  static std::optional<std::string> pathOf(const Entity& entity);
 };
 
 }  // namespace Kiv

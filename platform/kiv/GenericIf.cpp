@@ -85,6 +85,10 @@ const char* GenericIf::attributeString(AttributeId id) const {
   return attributeOf(type(), id).name;
 }
 
+void GenericIf::observerIs(GenericObserver*) {
+  throw Exception(std::string(type().name()) + " tells of no changes");
+}
+
 void GenericIf::throwConstException(const char* attribute) {
   throw Exception(std::string(attribute) + ": the interface is to a const entity");
 }

@@ -15,9 +15,23 @@ class CollectionWalk {
   virtual ~CollectionWalk() = default;
   virtual bool nonNull() const = 0;
   virtual GenericValue key() const = 0;
-  virtual GenericValue object() const = 0;
   virtual void next() = 0;
   virtual std::unique_ptr<CollectionWalk> clone() const = 0;
+};
+
+/// Told of the changes of an entity by the ids of its attributes.
+class GenericObserver {
+ public:
+  virtual ~GenericObserver() = default;
+
+  /// An attribute changed. `key` is that of the entry; none where all of a collection may have
+  /// changed, or where the attribute is no collection.
+  virtual void onAttribute(AttributeId id, const GenericValue& key) = 0;
+  /// onAttribute() has raised; the exception is std::current_exception().
+  virtual void onNotificationException(AttributeId id) noexcept = 0;
+  /// The last handle to the entity was dropped. An interface holds the entity, so this comes only
+  /// through an adapter that stands by itself.
+  virtual void onZeroReferences() noexcept = 0;
 };
 
 /// What every reflective interface offers, and how it refuses.
@@ -55,6 +69,14 @@ class GenericIf {
   virtual GenericValue attributeOp(AttributeOp op, const GenericValue& value = {},
                                    const GenericValue& index = {}) const = 0;
 
+  /// Tells `observer` of changes from now on, in place of another; null: nobody. It is told of all
+  /// collections at once, and must outlive this interface or be taken back.
+  /// \throws Kiv::Exception where a type tells of no changes, as all but the roots.
+  virtual void observerIs(GenericObserver* observer);
+  /// The entity itself, for who knows its type. \throws Kiv::Exception when it is another, or
+  /// const.
+  virtual void* voidPtrIs(const TypeInfo& type) const = 0;
+
   /// A walk over a collection from its beginning. The Const ones delete no members.
   virtual AttributeIterator attributeIterator(AttributeId id) const = 0;
   virtual AttributeIterator attributeIteratorConst(AttributeId id) const = 0;
@@ -84,14 +106,19 @@ class GenericIf::AttributeIterator {
   bool nonNull() const { return walk_->nonNull(); }
   /// \pre nonNull()
   GenericValue iterKey() const { return walk_->key(); }
-  /// The member; true for one of a set. \pre nonNull(), and the member has not been deleted
-  GenericValue iterObj() const { return walk_->object(); }
+  /// The member; true for one of a set. \throws Kiv::Exception at the end, or when it was deleted.
+  GenericValue iterObj() const { return of_->attributeOp({Op::kRead, id_}, {}, keyOfMember()); }
   void iterNext() { walk_->next(); }
   AttributeIterator iterClone() const { return {of_->clone(), id_, walk_->clone()}; }
-  /// Deletes the member on which it stands; then it may be advanced.
-  void iterDel() { of_->attributeOp({Op::kDel, id_}, {}, iterKey()); }
+  /// Deletes the member on which it stands; then it may be advanced. \throws as iterObj().
+  void iterDel() { of_->attributeOp({Op::kDel, id_}, {}, keyOfMember()); }
 
  private:
+  GenericValue keyOfMember() const {
+    if (!nonNull()) throwBadIndexAttrException(of_->attributeString(id_), "the walk is at its end");
+    return iterKey();
+  }
+
   std::unique_ptr<GenericIf> of_;
   AttributeId id_;
   std::unique_ptr<CollectionWalk> walk_;
@@ -140,8 +167,7 @@ class GenericIfOf : public GenericIfEntity {
     return std::make_unique<Interface>(static_cast<const Interface&>(*this));
   }
 
-  /// The entity itself, for who knows its type. \throws Kiv::Exception when it is another.
-  void* voidPtrIs(const TypeInfo& type) const {
+  void* voidPtrIs(const TypeInfo& type) const override {
     if (!(type == T::_fwkType()))
       throwTypeException("the entity", type.name(), T::_fwkType().name());
     if (!isWritable()) throwConstException(type.name());

@@ -1,5 +1,6 @@
 #include "platform/kiv/Strep.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
@@ -27,11 +28,19 @@ std::string_view TextReader::run(std::string_view alphabet) {
   return text.substr(0, end);
 }
 
-std::string_view TextReader::word() {
+std::string_view TextReader::upTo(std::string_view ends) {
   const std::string_view text = rest();
-  const size_t end = std::min(text.find_first_of(kEndsWord), text.size());
+  const size_t end = std::min(text.find_first_of(ends), text.size());
   at_ += end;
   return text.substr(0, end);
+}
+
+std::string_view TextReader::word() {
+  return upTo(kEndsWord);
+}
+
+std::string_view TextReader::path() {
+  return upTo(" \t{}");
 }
 
 std::optional<std::string> TextReader::string() {
@@ -41,9 +50,20 @@ std::optional<std::string> TextReader::string() {
     return std::string(text);
   }
   std::string text;
-  for (; !atEnd() && text_[at_] != '"'; ++at_) {
-    if (text_[at_] == '\\' && ++at_ == text_.size()) return std::nullopt;
-    text += text_[at_];
+  while (!atEnd() && !rest().starts_with('"')) {
+    if (take("\\x")) {
+      const std::string_view digits = rest().substr(0, 2);
+      uint8_t byte = 0;
+      const auto [end, error] =
+          std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
+      if (error != std::errc() || end != digits.data() + 2) return std::nullopt;
+      text += static_cast<char>(byte);
+      at_ += 2;
+      continue;
+    }
+    take("\\");
+    if (atEnd()) return std::nullopt;
+    text += text_[at_++];
   }
   if (!take("\"")) return std::nullopt;
   return text;
@@ -68,13 +88,21 @@ std::optional<bool> TextForm<bool>::read(TextReader& reader) {
 }
 
 void TextForm<StringN>::print(std::ostream& os, const StringN& value) {
+  static constexpr std::string_view kDigits = "0123456789abcdef";
+  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; };
   const std::string_view text = value;
-  if (!text.empty() && text.find_first_of(kEndsWord) == text.npos) {
+  if (!text.empty() && text.find_first_of(kEndsWord) == text.npos &&
+      std::none_of(text.begin(), text.end(), isControl)) {
     os << text;
     return;
   }
   os << '"';
   for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (isControl(c)) {
+      os << "\\x" << kDigits[byte >> 4] << kDigits[byte & 0xf];
+      continue;
+    }
     if (c == '"' || c == '\\') os << '\\';
     os << c;
   }

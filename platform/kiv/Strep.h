@@ -35,12 +35,18 @@ class TextReader {
   std::string_view run(std::string_view alphabet);
   /// Takes what comes before the next blank, comma, quote, bracket or brace.
   std::string_view word();
-  /// Takes a word, or a text in double quotes in which \ keeps the next character as it is.
+  /// Takes what comes before the next blank or brace.
+  std::string_view path();
+  /// Takes a word, or a text in double quotes: there \x and two hexadecimal digits stand for a
+  /// byte, and \ before another character for that one.
   std::optional<std::string> string();
   /// Takes a number: decimal, or hexadecimal behind 0x.
   std::optional<uint64_t> number(uint64_t max);
 
  private:
+  /// Takes what comes before the next of these characters.
+  std::string_view upTo(std::string_view ends);
+
   std::string_view text_;
   size_t at_ = 0;
 };

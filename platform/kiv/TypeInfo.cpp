@@ -48,16 +48,17 @@ GenericValue TypeInfo::construct(std::span<const GenericValue> arguments) const 
 
 GenericValue TypeInfo::sequenceToValue(TextReader& reader) const {
   const long long column = reader.column();
+  const bool isHandle = operations_.entity != nullptr;
+  if (isHandle && reader.rest().starts_with('/')) {
+    GenericValue handle = EntityDirectory::find(reader.path()).value;
+    if (handle.isNone() || handle.typeName() != name_) detail::refuseText(column, name_);
+    return handle;
+  }
+  if (isHandle && reader.take("null")) return {};
   if (operations_.read != nullptr) {
     if (auto value = operations_.read(reader)) return *value;
-    detail::refuseText(column, name_);
   }
-  const std::string_view path = reader.word();
-  if (path == "null") return {};
-  GenericValue handle;
-  if (path.starts_with('/')) handle = EntityDirectory::find(path).value;
-  if (handle.isNone() || handle.typeName() != name_) detail::refuseText(column, name_);
-  return handle;
+  detail::refuseText(column, name_);
 }
 
 GenericValue TypeInfo::strepToValue(std::string_view text) const {
@@ -111,9 +112,9 @@ std::string GenericValue::text() const {
   const auto& operations = type_->operations();
   if (operations.print != nullptr) return operations.print(*this);
   const Entity* entity = operations.entity(*this);
-  // An object that is no entity has no name.
-  return entity == nullptr ? std::string("<") + type_->name() + '>'
-                           : EntityDirectory::pathOf(*entity);
+  if (entity == nullptr) return std::string("<") + type_->name() + '>';
+  if (const auto path = EntityDirectory::pathOf(*entity)) return *path;
+  return std::string("<") + type_->name() + ' ' + valueToStrep(entity->name()) + '>';
 }
 
 }  // namespace Kiv

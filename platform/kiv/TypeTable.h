@@ -120,7 +120,6 @@ class WalkOf final : public CollectionWalk {
   WalkOf(Ptr<const Entity> entity, Iterator at) : entity_(std::move(entity)), at_(std::move(at)) {}
   bool nonNull() const override { return bool(at_); }
   GenericValue key() const override { return pack(at_.key()); }
-  GenericValue object() const override { return pack(shown(at_.value())); }
   void next() override { ++at_; }
   std::unique_ptr<CollectionWalk> clone() const override { return std::make_unique<WalkOf>(*this); }
 
@@ -217,9 +216,9 @@ class TypeTable {
   /// It, or an entry of it, can be deleted.
   template <auto Member>
   TypeTable& deletable();
-  /// An entry of it is deleted through this accessor, which takes the key; or all of it through one
-  /// that takes none.
-  template <auto Deleter>
+  /// It is deleted through this accessor; of a collection, an entry through one that takes the key,
+  /// and all of them through `DelAll`.
+  template <auto Deleter, auto DelAll = nullptr>
   TypeTable& deleter();
 
   /// A row for a value that is not stored as an attribute: what `Getter` gives.
@@ -343,8 +342,12 @@ template <class T>
 template <auto Creator, size_t N>
 TypeTable<T>& TypeTable<T>::creator(const std::array<ArgumentName, N>& names) {
   using Values = typename detail::Signature<decltype(Creator)>::Values;
-  row().flags =
-      KivAttrIntrospectionFlags(row().flags.value() | KivAttrIntrospectionFlags::kInstantiating);
+  // A member of a set is put in, not made.
+  if constexpr (detail::arity<Values> == 1 ||
+                detail::isHandle<typename detail::Signature<decltype(Creator)>::Result>) {
+    row().flags =
+        KivAttrIntrospectionFlags(row().flags.value() | KivAttrIntrospectionFlags::kInstantiating);
+  }
   becomesWritable();
   row().arguments = arguments<Values>(names);
   row().create = [](Self self, Entity& entity, std::span<const GenericValue> given) {
@@ -379,18 +382,22 @@ TypeTable<T>& TypeTable<T>::deletable() {
 }
 
 template <class T>
-template <auto Deleter>
+template <auto Deleter, auto DelAll>
 TypeTable<T>& TypeTable<T>::deleter() {
   using Values = typename detail::Signature<decltype(Deleter)>::Values;
   becomesWritable();
-  row().del = []([[maybe_unused]] Self self, Entity& entity, const GenericValue& index) {
+  row().del = [](Self self, Entity& entity, const GenericValue& index) {
     T& object = static_cast<T&>(entity);
     if constexpr (detail::arity<Values> == 0) {
       (object.*Deleter)();
     } else {
+      self.read(self, entity, index);  // refuses a key of another type, and one of no entry
       (object.*Deleter)(detail::unpackKey<std::tuple_element_t<0, Values>>(index, self.name));
     }
   };
+  if constexpr (!std::is_null_pointer_v<decltype(DelAll)>) {
+    row().delAll = [](Self, Entity& entity) { (static_cast<T&>(entity).*DelAll)(); };
+  }
   return *this;
 }
 

@@ -236,7 +236,10 @@ class Family {
 
   static json addrTexts(const GenericValue& set) {
     std::vector<std::string> texts;
-    for (const auto& addr : (*set.as<Kiv::Ptr<typename F::AddrSet>>())->ipKeys()) {
+    const auto* mutableSet = set.as<Kiv::Ptr<typename F::AddrSet>>();
+    const Kiv::Ptr<const typename F::AddrSet> addrs =
+        mutableSet != nullptr ? *mutableSet : *set.as<Kiv::Ptr<const typename F::AddrSet>>();
+    for (const auto& addr : addrs->ipKeys()) {
       texts.push_back(Zemit::toString(addr));
     }
     return texts;

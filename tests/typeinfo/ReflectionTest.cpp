@@ -146,7 +146,7 @@ TEST_F(ReflectionTest, MakesAndDeletesMembers) {
   op(Op::kSet, "adjacencyToPrefix", list);
   EXPECT_TRUE(typed().adjacencyToPrefix(9)->prefix(other));
   EXPECT_EQ(op(Op::kRead, "adjacencyToPrefix", {}, GenericValue::of(uint64_t{9})).text(),
-            "/red/adjacencyToPrefix/9");
+            "<Routing::Host::PrefixList 9>");
   op(Op::kDel, "routeSm");
   EXPECT_FALSE(typed().routeSm());
 }
@@ -280,17 +280,17 @@ TEST_F(ReflectionTest, WalksACollectionAndDeletesUnderWay) {
 }
 
 /// Writes down what it is told of.
-class Recorder final : public Reflection::RootObserver {
+class Recorder final : public Kiv::GenericObserver {
  public:
   explicit Recorder(const GenericIf& of) : of_(of) {}
   void onAttribute(Kiv::AttributeId id, const GenericValue& key) override {
     told.push_back(std::string(of_.attributeString(id)) + ' ' + key.text());
     if (raises) throw std::runtime_error("observer");
   }
-  void onNotificationException(Kiv::AttributeId id) override {
+  void onNotificationException(Kiv::AttributeId id) noexcept override {
     told.push_back(std::string("exception ") + of_.attributeString(id));
   }
-  void onZeroReferences() override { told.push_back("gone"); }
+  void onZeroReferences() noexcept override { told.push_back("gone"); }
 
   std::vector<std::string> told;
   bool raises = false;
