@@ -18,13 +18,6 @@ Ipv4::Route Ipv4::routeAbove(const Prefix& prefix, const RouteStatus* routeStatu
   return Obu::getTovanRouteAbove(prefix, routeStatus, Kiv::validPtr(trie));
 }
 
-void Ipv4::addRouteToRouteTable(const HostTable::Ptr& hostTable, const RouteStatus::Ptr& routeTable,
-                                const Addr& ip, Tovan::Fib::FecId fecId, RouteType routeType,
-                                const RouteSm& sm) {
-  Host::addRouteToRouteTable(hostTable, routeTable, ip, fecId, routeType, sm.virtualIps(),
-                             sm.root(), sm.vrfName());
-}
-
 void Ipv4::traceTakenFrom(const RouteSm& sm, const Addr& addr, const Prefix& above) {
   KIV_TRACE_AS(trace(), 6, sm, "handleAdjacency",
                Text::kRemovingRoute << addr << " from address set of " << above);

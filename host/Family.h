@@ -67,6 +67,10 @@ struct Ipv4 {
     return table.arpEntryFind(addr);
   }
   static auto neighbors(const Arp::ArpIntfStatus& table) { return table.arpEntryIteratorConst(); }
+  static std::vector<Addr> neighborsBetween(const Arp::ArpIntfStatus& table, const Addr& first,
+                                            const Addr& last) {
+    return table.arpEntryKeysBetween(first, last);
+  }
   static size_t neighborCount(const Arp::ArpIntfStatus& table) { return table.arpEntryCount(); }
   static const Neighbor& argument(const Neighbor& neighbor) { return neighbor; }
 
@@ -108,10 +112,11 @@ struct Ipv4 {
   static Obu::IntfDir::Ptr subtract(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
                                     const Obu::IntfDir::Ptr& b);
 
-  /// Writes through the half's own writer, for a machine's VRF.
+  /// Writes with the shared writer, for a machine's VRF.
   static void addRouteToRouteTable(const HostTable::Ptr& hostTable,
                                    const RouteStatus::Ptr& routeTable, const Addr& ip,
-                                   Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm);
+                                   Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm,
+                                   const Route* known = nullptr);
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper) {
     Host::removeHostRoute(ip, hostTable, addrSet, adjHelper);

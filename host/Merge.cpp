@@ -38,4 +38,10 @@ void RouteSm::doMerge(const Obu::AddrSet::PtrConst& changedIps) {
   Steps(*this).doMerge(changedIps);
 }
 
+void RouteSm::doMerge(Zemit::IpAddr changedIp) {
+  KIV_TRACE(hostRouteTrace, 8, *this,
+            "void Routing::Host::RouteSm::doMerge(const Obu::AddrSet::PtrConst&)");
+  Steps(*this).doMerge(changedIp);
+}
+
 }  // namespace Routing::Host

@@ -324,6 +324,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
                                       const Tovan::Fib::Route& fibRoute);
   /// Settles, for each address, which host route wins, and writes it into the route table.
   void doMerge(const Obu::AddrSet::PtrConst& changedIps);
+  /// The same for one address.
+  void doMerge(Zemit::IpAddr changedIp);
 
   /// Gives way to a virtual address that appeared, or takes back one that went. Always true.
   bool handleVirtualIpStatus(const Fhrp::VrfIpWithMaskPair& vrfIpWithMask);

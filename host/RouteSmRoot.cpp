@@ -41,7 +41,8 @@ const Status::Ptr& RouteSmRoot::arpTableIs(const Kiv::Name& name) {
 }
 
 const Obu::AddrSet::Ptr& RouteSmRoot::arpRouteIs(const Zemit::Prefix& prefix) {
-  if (!arpRoute_.contains(prefix)) arpRoute_.set(*this, prefix, Obu::AddrSet::AddrSetIs(prefix));
+  if (const auto* present = arpRouteFind(prefix)) return *present;
+  arpRoute_.set(*this, prefix, Obu::AddrSet::AddrSetIs(prefix));
   return arpRoute(prefix);
 }
 

@@ -5,6 +5,13 @@
 
 namespace Routing::Host {
 
+void Ipv4::addRouteToRouteTable(const HostTable::Ptr& hostTable, const RouteStatus::Ptr& routeTable,
+                                const Addr& ip, Tovan::Fib::FecId fecId, RouteType routeType,
+                                const RouteSm& sm, const Route* known) {
+  HostCore::addRouteToRouteTable<Ipv4>(hostTable, routeTable, ip, fecId, routeType, sm.virtualIps(),
+                                       Kiv::validPtr(sm.rootRaw()), known);
+}
+
 void addRouteToRouteTable(const Status::Ptr& hostTable,
                           const Tovan::Fib::RouteStatus::Ptr& routeTable, const Zemit::IpAddr& ip,
                           Tovan::Fib::FecId fecId, Routing::Fib::RouteType routeType,

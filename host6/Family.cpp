@@ -18,13 +18,6 @@ Ipv6::Route Ipv6::routeAbove(const Prefix& prefix, const RouteStatus* routeStatu
   return Obu::getTovanIp6RouteAbove(prefix, routeStatus, Kiv::validPtr(trie));
 }
 
-void Ipv6::addRouteToRouteTable(const HostTable::Ptr& hostTable, const RouteStatus::Ptr& routeTable,
-                                const Addr& ip, Tovan::Fib::FecId fecId, RouteType routeType,
-                                const RouteSm& sm) {
-  Host::addRouteToRouteTable(hostTable, routeTable, ip, fecId, routeType, sm.virtualIps(),
-                             sm.root(), sm.vrfName());
-}
-
 void Ipv6::traceCoveringRoute(const RouteSm& sm, const Prefix& prefix, const Prefix& above) {
   if (prefix.len() != Addr::kBits) return;
   KIV_TRACE_AS(trace(), 8, sm, "handleAdjacency", "prefix:" << prefix << " oldPrefix :" << above);

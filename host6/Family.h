@@ -93,6 +93,10 @@ struct Ipv6 {
   static auto neighbors(const Arp::ArpIntfStatus& table) {
     return table.ip6NeighborEntryIteratorConst();
   }
+  static std::vector<Addr> neighborsBetween(const Arp::ArpIntfStatus& table, const Addr& first,
+                                            const Addr& last) {
+    return table.ip6NeighborEntryKeysBetween(first, last);
+  }
   static size_t neighborCount(const Arp::ArpIntfStatus& table) {
     return table.ip6NeighborEntryCount();
   }
@@ -138,10 +142,11 @@ struct Ipv6 {
   static Obu::IntfDir::Ptr subtract(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
                                     const Obu::IntfDir::Ptr& b);
 
-  /// Writes through the half's own writer, for a machine's VRF.
+  /// Writes with the shared writer, for a machine's VRF.
   static void addRouteToRouteTable(const HostTable::Ptr& hostTable,
                                    const RouteStatus::Ptr& routeTable, const Addr& ip,
-                                   Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm);
+                                   Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm,
+                                   const Route* known = nullptr);
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper) {
     Host::removeHostRoute(ip, hostTable, addrSet, adjHelper);

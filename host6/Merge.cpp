@@ -26,4 +26,9 @@ void RouteSm::doMerge(const Obu::Ip6AddrSet::PtrConst& changedIps) {
   Steps(*this).doMerge(changedIps);
 }
 
+void RouteSm::doMerge(const Zemit::Ip6Addr& changedIp) {
+  KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__));
+  Steps(*this).doMerge(changedIp);
+}
+
 }  // namespace Routing6::Host

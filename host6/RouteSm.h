@@ -322,6 +322,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
                                          const Tovan::Fib6::Route& fibRoute);
   /// Settles, for each address, which host route wins, and writes it into the route table.
   void doMerge(const Obu::Ip6AddrSet::PtrConst& changedIps);
+  /// The same for one address.
+  void doMerge(const Zemit::Ip6Addr& changedIp);
 
   /// Gives way to a virtual address that appeared, or takes back one that went. Always true.
   bool handleVirtualIp6Status(const Routing::Fhrp::VrfIpPair& vrfIpPair);

@@ -43,8 +43,8 @@ const Status::Ptr& RouteSmRoot::neighTableIs(const Kiv::Name& name) {
 }
 
 const Obu::Ip6AddrSet::Ptr& RouteSmRoot::neighRouteIs(const Zemit::Ip6Prefix& prefix) {
-  if (!neighRoute_.contains(prefix))
-    neighRoute_.set(*this, prefix, Obu::Ip6AddrSet::AddrSetIs(prefix));
+  if (const auto* present = neighRouteFind(prefix)) return *present;
+  neighRoute_.set(*this, prefix, Obu::Ip6AddrSet::AddrSetIs(prefix));
   return neighRoute(prefix);
 }
 

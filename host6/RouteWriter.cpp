@@ -5,6 +5,13 @@
 
 namespace Routing6::Host {
 
+void Ipv6::addRouteToRouteTable(const HostTable::Ptr& hostTable, const RouteStatus::Ptr& routeTable,
+                                const Addr& ip, Tovan::Fib::FecId fecId, RouteType routeType,
+                                const RouteSm& sm, const Route* known) {
+  HostCore::addRouteToRouteTable<Ipv6>(hostTable, routeTable, ip, fecId, routeType, sm.virtualIps(),
+                                       Kiv::validPtr(sm.rootRaw()), known);
+}
+
 void addRouteToRouteTable(const Status::Ptr& hostTable,
                           const Tovan::Fib6::RouteStatus::Ptr& routeTable, const Zemit::Ip6Addr& ip,
                           Tovan::Fib::FecId fecId, Routing6::Fib::RouteType routeType,

@@ -94,8 +94,8 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
   if (isNull(above.key)) return;
   const auto neighbors = F::neighborSet(root_, above.key);
   if (!neighbors) return;
-  for (const Addr& addr : ascending(neighbors->ipIteratorConst())) {
-    if (!prefix.contains(addr)) continue;
+  for (const Addr& addr :
+       neighbors->ipKeysBetween(prefix.addr(), prefix.addr().subnetLast(prefix.len()))) {
     F::traceTakenFrom(sm_, addr, above.key);
     F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
     changed->ipIs(addr, true);

@@ -40,6 +40,8 @@ concept Family = requires(const typename F::RouteSm& sm, const typename F::Route
   // The neighbours, and the root's tables of what is derived from them.
   { F::findNeighbor(table, addr) } -> std::convertible_to<const typename F::Neighbor*>;
   F::neighbors(table);
+  // The addresses from the first to the last, in ascending order.
+  F::neighborsBetween(table, addr, addr);
   { F::neighborCount(table) } -> std::convertible_to<size_t>;
   { F::neighborTable(root) } -> std::convertible_to<typename F::HostTable::Ptr>;
   F::neighborSet(root, typename F::Prefix());

@@ -112,9 +112,7 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
       sm_.handleAdjacency(fibRoute);
       return;
     }
-    const auto mergeSet = F::AddrSet::AddrSetIs(Prefix::null());
-    mergeSet->ipIs(prefix.addr(), true);
-    sm_.doMerge(mergeSet);
+    sm_.doMerge(prefix.addr());
     return;
   }
 

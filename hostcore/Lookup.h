@@ -14,7 +14,7 @@ namespace HostCore {
 
 /// True when the table's neighbours yield no host routes: those of a management port.
 inline bool skipInterface(const Arp::ArpIntfStatus& table) {
-  return table.name().pos("Management") == 0;
+  return table.intfId().name().view().starts_with("Management");
 }
 
 /// `prefixes` in the order in which routes are handled: a neighbour that several cover ends up
@@ -37,6 +37,14 @@ auto ascending(Iterator walk) {
   return keys;
 }
 
+/// The neighbours of a table inside `prefix`, in ascending order.
+template <Family F>
+std::vector<typename F::Addr> neighborsInside(const Arp::ArpIntfStatus& table,
+                                              const typename F::Prefix& prefix) {
+  if (isNull(prefix)) return {};
+  return F::neighborsBetween(table, prefix.addr(), prefix.addr().subnetLast(prefix.len()));
+}
+
 /// The look-ups that say whether a neighbour may have a host route.
 template <Family F>
 class Lookup {
@@ -46,6 +54,9 @@ class Lookup {
   using Route = typename F::Route;
 
   explicit Lookup(const typename F::RouteSm& sm) : sm_(sm) {}
+
+  /// Begins to fetch what is going to be read of the host route of `ip`, all at once.
+  void prefetch(const Addr& ip) const;
 
   /// The FIB route with exactly this prefix, or a record whose key is the null prefix. Host
   /// prefixes are the host-route status' affair, all others the route table's.
@@ -61,6 +72,15 @@ class Lookup {
  private:
   const typename F::RouteSm& sm_;
 };
+
+template <Family F>
+void Lookup<F>::prefetch(const Addr& ip) const {
+  const Prefix host = hostPrefix<F>(ip);
+  if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(host);
+  const auto* root = sm_.rootRaw();
+  if (root == nullptr) return;
+  if (const auto& neighborRoutes = F::neighborTable(*root)) neighborRoutes->prefetch(host);
+}
 
 template <Family F>
 typename F::Route Lookup<F>::doFibLookup(const Prefix& prefix) const {

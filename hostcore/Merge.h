@@ -1,6 +1,8 @@
 // Repairing the host routes of neighbours, and settling which host route wins.
 #pragma once
 
+#include <array>
+
 #include "hostcore/Lookup.h"
 
 namespace HostCore {
@@ -19,6 +21,7 @@ class Merge {
   AddrSetPtr promoteArpEntries(const Obu::IntfDir::Ptr& intfs, const Route& fibRoute);
   void fixupArpRoute(const Addr& ip, const Route& fibRoute);
   void doMerge(const typename F::AddrSet::PtrConst& changed);
+  void doMerge(const Addr& changed);
 
  private:
   /// The vias through which `ip` is a neighbour on an interface of the route's FEC.
@@ -27,14 +30,16 @@ class Merge {
   void file(const Route& fibRoute);
   /// Takes the route's prefix out of the list of its FEC.
   void unfile(const Route& fibRoute);
-  /// Writes the host route that `ip` should have into the route table, or removes it there.
-  void mergeOne(const Addr& ip);
-  /// The FIB adjacency of `vias`, with a reference for the route to be written.
-  Tovan::Fib::FecId takeFibAdjacency(const typename F::ViaSet& vias) {
-    return Kiv::validPtr(sm_.adjHelperRaw()).doGetOrCreateFibAdjacency(vias);
-  }
-  /// Writes a route over a FIB adjacency that was taken for it, which is let go of if that fails.
-  void writeMerged(const Addr& ip, Tovan::Fib::FecId fec, typename F::RouteType routeType);
+  /// Merges addresses, given in ascending order.
+  template <class Addrs>
+  void mergeAll(const Addrs& addrs);
+  /// Writes the host route that an address should have into the route table, or removes it there.
+  ///
+  /// \param existing  what the route table has for the address.
+  void mergeOne(const Addr& ip, const Route& existing);
+  /// Writes a route over a FIB adjacency that is taken for it, and let go of if that fails.
+  void writeMerged(const Addr& ip, const typename F::ViaSet& vias, typename F::RouteType routeType,
+                   const typename F::RouteStatus::Ptr& routeTable, const Route& existing);
 
   typename F::RouteSm& sm_;
   typename F::RouteSmRoot& root_;
@@ -58,9 +63,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
                 "skipping " << intf.name() << " because it has no arpIntfStatus");
       continue;
     }
-    for (auto it = F::neighbors(*table); it; ++it) {
-      const Addr& addr = it.key();
-      if (!lookUpAll && !fibRoute.key.contains(addr)) continue;
+    for (const Addr& addr : neighborsInside<F>(*table, lookUpAll ? Prefix() : fibRoute.key)) {
       if (isNull(sm_.checkIpAddressAgainstFib(addr, table))) {
         KIV_TRACE(F::trace(), 7, sm_,
                   "checkIpAddressAgainstFib returned null prefix, skipping ARP entry for address "
@@ -92,9 +95,20 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute) {
   const Prefix host = hostPrefix<F>(ip);
   const Route existing = Kiv::validPtr(table)->route(host);
   const bool exists = existing.key == host;
+  if (exists) {
+    table->adjacencies().prefetch(existing.fecId);
+  } else if (!vias.empty()) {
+    table->adjacencies().prefetch(vias);
+    adjHelper.prefetch(vias);
+  }
   const auto neighbors = F::neighborSetIs(root_, fibRoute.key);
 
   if (vias.empty()) {
+    if (exists) {
+      const auto& former = table->adjIndexToViaSet(existing.fecId);
+      table->adjacencies().prefetch(former);
+      adjHelper.prefetch(former);
+    }
     KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
     table->routeDel(host);
     if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
@@ -128,10 +142,13 @@ typename F::ViaSet Merge<F>::neighborVias(const Addr& ip, const Route& fibRoute)
 
 template <Family F>
 void Merge<F>::file(const Route& fibRoute) {
-  if (!root_.adjacencyToPrefix(fibRoute.fecId)) {
-    root_.adjacencyToPrefixIs(F::PrefixList::PrefixListIs(fibRoute.fecId));
+  if (const auto& list = root_.adjacencyToPrefix(fibRoute.fecId)) {
+    list->prefixIs(fibRoute.key, true);
+    return;
   }
-  root_.adjacencyToPrefix(fibRoute.fecId)->prefixIs(fibRoute.key, true);
+  const auto list = F::PrefixList::PrefixListIs(fibRoute.fecId);
+  root_.adjacencyToPrefixIs(list);
+  list->prefixIs(fibRoute.key, true);
 }
 
 template <Family F>
@@ -152,35 +169,52 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
     }
     return;
   }
+  mergeAll(ascending(Kiv::validPtr(changed)->ipIteratorConst()));
+}
+
+template <Family F>
+void Merge<F>::doMerge(const Addr& changed) {
+  if (!sm_.initialized()) {
+    KIV_TRACE(F::trace(), 2, sm_, "skipping merge because not initialized yet");
+    Kiv::validPtr(root_.toMerge())->ipIs(changed, true);
+    return;
+  }
+  mergeAll(std::array{changed});
+}
+
+template <Family F>
+template <class Addrs>
+void Merge<F>::mergeAll(const Addrs& addrs) {
   // The reference of the route about to be replaced. It is dropped only after the replacement has
   // been written, so that a FEC never reaches a zero count while it is still in use.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
-  for (const Addr& addr : ascending(Kiv::validPtr(changed)->ipIteratorConst())) {
+  for (const Addr& addr : addrs) {
     const Prefix prefix = hostPrefix<F>(addr);
-    KIV_TRACE(F::trace(), 8, sm_, " handling prefix: " << prefix);
+    KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", " handling prefix: " << prefix);
     if (heldFec != Tovan::Fib::invalidFecId) {
-      KIV_TRACE(F::trace(), 8, sm_,
-                " Dropping ref on fec id: "
-                    << " fecId: " << heldFec);
+      KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge",
+                   " Dropping ref on fec id: "
+                       << " fecId: " << heldFec);
       Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
     }
     const Route existing = Obu::readRoute(sm_.routeStatusRaw(), prefix);
     heldFec = Tovan::Fib::invalidFecId;
     if (existing.key == prefix && F::isOwnType(existing.routeType)) {
       heldFec = existing.fecId;
-      KIV_TRACE(F::trace(), 8, sm_,
-                " oldFecId: " << heldFec << " routeType: " << existing.routeType);
+      KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge",
+                   " oldFecId: " << heldFec << " routeType: " << existing.routeType);
     }
-    mergeOne(addr);
+    if (const auto* adjHelper = sm_.adjHelperRaw()) adjHelper->prefetch(heldFec);
+    mergeOne(addr, existing);
   }
   if (heldFec != Tovan::Fib::invalidFecId) {
-    KIV_TRACE(F::trace(), 8, sm_, F::Text::kDroppingLast << heldFec);
+    KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", F::Text::kDroppingLast << heldFec);
     Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
   }
 }
 
 template <Family F>
-void Merge<F>::mergeOne(const Addr& ip) {
+void Merge<F>::mergeOne(const Addr& ip, const Route& existing) {
   const auto routeTable = sm_.routeStatus();
   if (!routeTable) return;
   const Prefix prefix = hostPrefix<F>(ip);
@@ -188,16 +222,17 @@ void Merge<F>::mergeOne(const Addr& ip) {
     const auto& received = *Kiv::validPtr(root_.receiveTable());
     const Route receiveRoute = received.route(prefix);
     if (receiveRoute.key == prefix) {
-      const auto fec = takeFibAdjacency(F::receiveVias(received, receiveRoute));
       KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", "Adding receive route " << ip);
-      writeMerged(ip, fec, receiveRoute.routeType);
+      writeMerged(ip, F::receiveVias(received, receiveRoute), receiveRoute.routeType, routeTable,
+                  existing);
       return;
     }
   }
   const Route fibRoute = sm_.doFibLookup(prefix);
   if (fibRoute.key == prefix) {
     if (fibRoute.fecId != Tovan::Fib::invalidFecId && fibRoute.routeType != F::kInvalid) {
-      F::addRouteToRouteTable(nullptr, routeTable, ip, fibRoute.fecId, fibRoute.routeType, sm_);
+      F::addRouteToRouteTable(nullptr, routeTable, ip, fibRoute.fecId, fibRoute.routeType, sm_,
+                              &existing);
       return;
     }
     KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge",
@@ -211,19 +246,23 @@ void Merge<F>::mergeOne(const Addr& ip) {
   const auto& neighbors = *Kiv::validPtr(F::neighborTable(root_));
   const Route neighborRoute = neighbors.route(prefix);
   if (neighborRoute.key == prefix) {
-    writeMerged(ip, takeFibAdjacency(neighbors.adjIndexToViaSet(neighborRoute.fecId)),
-                F::kAttached);
+    writeMerged(ip, neighbors.adjIndexToViaSet(neighborRoute.fecId), F::kAttached, routeTable,
+                existing);
   } else {
     routeTable->routeDel(prefix);
   }
 }
 
 template <Family F>
-void Merge<F>::writeMerged(const Addr& ip, Tovan::Fib::FecId fec, typename F::RouteType routeType) {
+void Merge<F>::writeMerged(const Addr& ip, const typename F::ViaSet& vias,
+                           typename F::RouteType routeType,
+                           const typename F::RouteStatus::Ptr& routeTable, const Route& existing) {
+  auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
+  const auto fec = adjHelper.takeFibAdjacency(vias, existing.fecId);
   try {
-    F::addRouteToRouteTable(nullptr, sm_.routeStatus(), ip, fec, routeType, sm_);
+    F::addRouteToRouteTable(nullptr, routeTable, ip, fec, routeType, sm_, &existing);
   } catch (...) {
-    Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(fec);
+    adjHelper.doDropRefOnFibAdjacency(fec);
     throw;
   }
 }

@@ -60,8 +60,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
               F::Text::kSkippingEntry << shown << " on interface " << table->name());
     return;
   }
-  const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
-  mergeSet->ipIs(addr, true);
+  Lookup<F>(sm_).prefetch(addr);
   if (const auto* entry = F::findNeighbor(*table, addr)) {
     KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);
     const auto neighbor = *entry;  // the table may change while it is handled
@@ -71,7 +70,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
               "handling a deleted arp entry for " << addr << " for " << table);
     sm_.handleDeletedArpEntry(shown, table);
   }
-  sm_.doMerge(mergeSet);
+  sm_.doMerge(addr);
 }
 
 template <Family F>

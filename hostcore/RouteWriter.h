@@ -13,13 +13,16 @@ namespace HostCore {
 ///
 /// A virtual address takes no attached route in the route table, whatever VRF it is virtual in: a
 /// route that is there stays without type and FEC, and the caller's reference is dropped.
+///
+/// \param known  the table's record of the address, where the caller has just read it; else null.
 template <Family F>
 void addRouteToRouteTable(const typename F::HostTable::Ptr& hostTable,
                           const typename F::RouteStatus::Ptr& routeTable,
                           const typename F::Addr& ip, Tovan::Fib::FecId fecId,
                           typename F::RouteType routeType,
                           const typename F::VirtualIpStatus* virtualIpStatus,
-                          const typename F::RouteSmRoot& root) {
+                          const typename F::RouteSmRoot& root,
+                          const typename F::Route* known = nullptr) {
   KIV_TRACE(F::trace(), 8, root, "addRouteToRouteTable");
   KIV_ASSERT(F::kModule, hostTable || routeTable);
   KIV_ASSERT(F::kModule, !(hostTable && routeTable));
@@ -37,8 +40,10 @@ void addRouteToRouteTable(const typename F::HostTable::Ptr& hostTable,
 
   const auto prefix = hostPrefix<F>(ip);
   const bool toRouteTable = !hostTable;
-  typename F::Route existing =
-      toRouteTable ? Obu::readRoute(routeTable.get(), prefix) : hostTable->route(prefix);
+  typename F::Route existing = known != nullptr ? *known
+                               : toRouteTable   ? Obu::readRoute(routeTable.get(), prefix)
+                                                : hostTable->route(prefix);
+  const auto before = existing;
   const bool exists = existing.key == prefix;
   const auto write = [&](const typename F::Route& route) {
     if (toRouteTable) {
@@ -100,7 +105,7 @@ void addRouteToRouteTable(const typename F::HostTable::Ptr& hostTable,
     existing.routeType = routeType;
   }
   existing.fecId = fecId;
-  write(existing);
+  if (existing != before) write(existing);
 }
 
 /// The root that owns a host-route table: who traces for a function that is given the table alone.

@@ -34,11 +34,12 @@ class ArpIntfStatus final : public Kiv::Entity {
   Kiv::Name name() const override { return intfId_.name(); }
 
   /// The IPv4 neighbours.
-  KIV_COLLECTION(258, arpEntry, ArpEntry, Zemit::IpAddr, ArpEntryStatus)
+  KIV_ORDERED_COLLECTION(258, arpEntry, ArpEntry, Zemit::IpAddr, ArpEntryStatus)
   void arpEntryIs(const ArpEntryStatus& entry) { arpEntry_.set(*this, entry.ipAddr, entry); }
 
   /// The IPv6 neighbours.
-  KIV_COLLECTION(259, ip6NeighborEntry, Ip6NeighborEntry, Zemit::Ip6Addr, Ip6NeighborEntryStatus)
+  KIV_ORDERED_COLLECTION(259, ip6NeighborEntry, Ip6NeighborEntry, Zemit::Ip6Addr,
+                         Ip6NeighborEntryStatus)
   void ip6NeighborEntryIs(const Ip6NeighborEntryStatus& entry) {
     ip6NeighborEntry_.set(*this, entry.ipAddr, entry);
   }

@@ -16,6 +16,7 @@
 
 #include "platform/kiv/Entity.h"
 #include "platform/kiv/HashMap.h"
+#include "platform/kiv/OrderedHashMap.h"
 
 namespace Kiv {
 
@@ -122,11 +123,11 @@ class Singleton {
 /// Entries by key: values, or entities (and reactors) that the collection owns.
 ///
 /// What a walk's body may do to the collection is told at HashMap::Iterator.
-template <class Tag, class Key, class Value>
+template <class Tag, class Key, class Value, class Storage = HashMap<Key, Value>>
 class Collection {
  public:
   using AttributeTag = Tag;
-  using Map = HashMap<Key, Value>;
+  using Map = Storage;
 
   Collection() = default;
   Collection(const Collection&) = delete;
@@ -190,11 +191,11 @@ class Collection {
 };
 
 /// A set of keys, in the form of a collection from each key to true.
-template <class Tag, class Key>
+template <class Tag, class Key, class Storage = HashMap<Key, Present>>
 class KeySet {
  public:
   using AttributeTag = Tag;
-  using Map = HashMap<Key, Present>;
+  using Map = Storage;
 
   bool contains(const Key& key) const { return map_.contains(key); }
   const Map& map() const noexcept { return map_; }
@@ -370,11 +371,14 @@ class KeySet {
 /// changes it stands beside it. What the two give is good until the collection changes.
 #define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                                  \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::Collection<Attr##Attribute, Key, Value>) \
-  const Value& attr(const Key& key) const {                                              \
-    return attr##_.get(key);                                                             \
-  }                                                                                      \
-  const Value* attr##Find(const Key& key) const {                                        \
-    return attr##_.map().find(key);                                                      \
+  KIV_COLLECTION_READERS(attr, Key, Value)
+
+#define KIV_COLLECTION_READERS(attr, Key, Value)  \
+  const Value& attr(const Key& key) const {       \
+    return attr##_.get(key);                      \
+  }                                               \
+  const Value* attr##Find(const Key& key) const { \
+    return attr##_.map().find(key);               \
   }
 
 /// A collection: adds the deletions. Its setter stands beside it.
@@ -382,17 +386,39 @@ class KeySet {
   KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)  \
   KIV_KEYED_DELETIONS(attr, Attr, Key)
 
+/// Of an ordered collection or set: attrKeysBetween(first, last), the keys of a range in ascending
+/// order.
+#define KIV_ORDERED_KEYS(attr, Key)                                             \
+  std::vector<Key> attr##KeysBetween(const Key& first, const Key& last) const { \
+    return attr##_.map().keysBetween(first, last);                              \
+  }
+
+/// A collection that also gives the keys of a range.
+#define KIV_ORDERED_COLLECTION(id, attr, Attr, Key, Value)                               \
+  KIV_KEYED_MEMBERS(                                                                     \
+      id, attr, Attr, Key,                                                               \
+      ::Kiv::Collection<Attr##Attribute, Key, Value, ::Kiv::OrderedHashMap<Key, Value>>) \
+  KIV_COLLECTION_READERS(attr, Key, Value)                                               \
+  KIV_KEYED_DELETIONS(attr, Attr, Key)                                                   \
+  KIV_ORDERED_KEYS(attr, Key)
+
 /// A set of keys that is read by anybody and changed by its entity alone: attr(key) and the common
 /// members.
 #define KIV_SET_VIEW(id, attr, Attr, Key)                                     \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::KeySet<Attr##Attribute, Key>) \
-  bool attr(const Key& key) const {                                           \
-    return attr##_.contains(key);                                             \
+  KIV_SET_READER(attr, Key)
+
+#define KIV_SET_READER(attr, Key)   \
+  bool attr(const Key& key) const { \
+    return attr##_.contains(key);   \
   }
 
 /// A set of keys: adds attrIs(key, present), newAttr(key, present) and the deletions.
-#define KIV_SET(id, attr, Attr, Key)             \
-  KIV_SET_VIEW(id, attr, Attr, Key)              \
+#define KIV_SET(id, attr, Attr, Key) \
+  KIV_SET_VIEW(id, attr, Attr, Key)  \
+  KIV_SET_CHANGES(attr, Attr, Key)
+
+#define KIV_SET_CHANGES(attr, Attr, Key)         \
   KIV_KEYED_DELETIONS(attr, Attr, Key)           \
   void attr##Is(const Key& key, bool present) {  \
     attr##_.set(*this, key, present);            \
@@ -400,3 +426,12 @@ class KeySet {
   void new##Attr(const Key& key, bool present) { \
     attr##Is(key, present);                      \
   }
+
+/// A set of keys that also gives those of a range.
+#define KIV_ORDERED_SET(id, attr, Attr, Key)                                           \
+  KIV_KEYED_MEMBERS(                                                                   \
+      id, attr, Attr, Key,                                                             \
+      ::Kiv::KeySet<Attr##Attribute, Key, ::Kiv::OrderedHashMap<Key, ::Kiv::Present>>) \
+  KIV_SET_READER(attr, Key)                                                            \
+  KIV_SET_CHANGES(attr, Attr, Key)                                                     \
+  KIV_ORDERED_KEYS(attr, Key)

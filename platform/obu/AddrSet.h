@@ -40,7 +40,7 @@ class BasicAddrSet final : public Kiv::Entity {
   }
 
   /// The members.
-  KIV_SET(257, ip, Ip, Addr)
+  KIV_ORDERED_SET(257, ip, Ip, Addr)
 
  private:
   P prefix_;

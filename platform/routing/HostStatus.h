@@ -44,6 +44,8 @@ class BasicHostStatus final : public Kiv::NamedEntity {
     const Record* record = route_.map().find(prefix);
     return record == nullptr ? Tovan::noRoute<Route>(prefix) : record->withKey(prefix);
   }
+  /// Begins to fetch what route() is going to read.
+  void prefetch(const Prefix& prefix) const { route_.map().prefetch(prefix); }
   /// Stores a route under its key; announces it if it is new or differs.
   void routeIs(const Route& route) { route_.set(*this, route.key, Record(route)); }
   /// Removes a route, announces that and returns it; or noRoute(prefix).

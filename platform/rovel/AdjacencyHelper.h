@@ -41,13 +41,31 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
 
   /// The FIB adjacency for `vias`, with one more reference. \throws Tovan::NoSpaceException.
   virtual FecId doGetOrCreateFibAdjacency(const ViaSet& vias);
+  /// The same, where `likely` may be the one: then it is not searched for.
+  FecId takeFibAdjacency(const ViaSet& vias, FecId likely);
   /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
   virtual void doDropRefOnFibAdjacency(FecId fecId);
+
+  /// Begins to fetch what is read when the FIB adjacency of `vias` is taken, or one is dropped.
+  void prefetch(const ViaSet& vias) const {
+    fibAdjacencies_.prefetch(vias);
+    prefetch(space_ | fibAdjacencies_.next());
+  }
+  void prefetch(FecId fecId) const {
+    fibAdjacencies_.prefetch(uint64_t{indexOf(fecId)});
+    if (fwdStatus_) fwdStatus_->prefetch(fecId);
+  }
 
   /// The FIB adjacencies handed out.
   const AdjacencyTable<ViaSet>& fibAdjacencies() const noexcept { return fibAdjacencies_; }
 
  private:
+  /// The index of an adjacency that this helper handed out; 0 for any other FEC.
+  uint32_t indexOf(FecId fecId) const {
+    const auto index = static_cast<uint32_t>(fecId);
+    return fecId == (space_ | index) ? index : 0;
+  }
+
   typename W::Ptr fwdStatus_;
   FecId space_;  // what the ids of this helper's FIB adjacencies have above the index
   AdjacencyTable<ViaSet> fibAdjacencies_;
@@ -71,9 +89,19 @@ Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::doGetOrCreateFibAdjacency(const Vi
 }
 
 template <class H, class W>
+Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::takeFibAdjacency(const ViaSet& vias, FecId likely) {
+  // One that is kept elsewhere is in no entry here.
+  const uint32_t index = indexOf(likely);
+  if (fibAdjacencies_.users(index) == 0 || fibAdjacencies_.viaSet(index) != vias) {
+    return doGetOrCreateFibAdjacency(vias);
+  }
+  fibAdjacencies_.share(index);
+  return likely;
+}
+
+template <class H, class W>
 void BasicAdjacencyHelper<H, W>::doDropRefOnFibAdjacency(FecId fecId) {
-  const auto index = static_cast<uint32_t>(fecId);
-  if (fecId != (space_ | index)) return;
+  const uint32_t index = indexOf(fecId);
   if (fibAdjacencies_.drop(index) && fwdStatus_) fwdStatus_->adjacencyDel(fecId);
 }
 

@@ -56,6 +56,9 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// \throws CorruptionDetectedException.
   Fec fec(const FecId& id) const;
 
+  /// Begins to fetch what is read of this FEC, also where it is to be stored or removed.
+  void prefetch(const FecId& id) const { fecs_.prefetch(id); }
+
   /// Stores a FEC under its id; announces it if it is new or differs.
   /// \throws Kiv::RangeException when the id is 0 or a FIB adjacency's; NoSpaceException.
   void fecIs(const Fec& fec);

@@ -48,6 +48,8 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     const auto record = map_.get(prefix);
     return record ? record->withKey(prefix) : noRoute<Route>(prefix);
   }
+  /// Begins to fetch what route() is going to read.
+  void prefetch(const Prefix& prefix) const { map_.prefetch(prefix); }
   /// Stores a route under its key, and announces it if it is new or differs.
   /// \throws NoSpaceException, ReadOnlyException.
   void routeIs(const Route& route) {

@@ -56,6 +56,9 @@ class TovanMap : public Table {
   /// \throws CorruptionDetectedException.
   std::optional<Value> get(const Key& key) const;
 
+  /// Begins to fetch what get() is going to read; worth it for the writer only.
+  void prefetch(const Key& key) const;
+
   /// Stores `value` under `key`. Returns whether the key is new.
   /// \throws NoSpaceException, changing nothing; ReadOnlyException.
   bool set(const Key& key, const Value& value);
@@ -499,6 +502,17 @@ std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
   }
   if (!found) return std::nullopt;
   return valueOf(words);
+}
+
+template <class Key, class Value>
+void TovanMap<Key, Value>::prefetch(const Key& key) const {
+  if (isReadOnly()) return;
+  const uint64_t hash = hashOf(pack(key));
+  const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));
+  if (ref.number() >= pages()) return;
+  const Slot* first = &page(ref.number()).slots[home(hash)];
+  __builtin_prefetch(first);
+  __builtin_prefetch(first + 1);
 }
 
 /// Copies the entries of the page of `pattern`, and sets `pattern` to that of the next page.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <set>
+#include <sstream>
 #include <utility>
 
 namespace Golden {
@@ -13,6 +14,7 @@ struct Generator::Universe {
   int family;
   Texts prefixes;
   Texts hosts;
+  std::string crowd;  // what the addresses of the crowd begin with; the last number follows
   Texts intfAddrs;
   Texts virtualIps;
   Texts gateways;
@@ -38,6 +40,7 @@ const Generator::Universe& Generator::universe() {
                    "10.1.2.0/24", "10.2.0.0/16"},
       .hosts = {"10.1.1.0", "10.1.1.1", "10.1.1.2", "10.1.1.3", "10.1.1.9", "10.1.1.255",
                 "10.1.2.1", "10.2.0.1", "192.168.0.1"},
+      .crowd = "10.1.1.",
       .intfAddrs = {"10.1.1.1/24", "10.1.1.2/24", "10.1.1.1/30", "10.1.1.2/31", "10.1.1.9/32",
                     "10.1.1.0/24", "10.1.2.1/24", "10.2.0.1/0", "0.0.0.0/24", "0.0.0.0/0"},
       .virtualIps = {"10.1.1.1/24", "10.1.1.1/32", "10.1.1.2/24", "10.1.1.9/32", "10.1.2.1/24"},
@@ -51,6 +54,7 @@ const Generator::Universe& Generator::universe() {
                    "2001:db8:1:1::2/128", "2001:db8:1:2::/64", "fe80::/10"},
       .hosts = {"2001:db8:1:1::", "2001:db8:1:1::1", "2001:db8:1:1::2", "2001:db8:1:1::3",
                 "2001:db8:1:1::9", "2001:db8:1:2::1", "2001:db8:2::1", "fe80::1"},
+      .crowd = "2001:db8:1:1::",
       .intfAddrs = {"2001:db8:1:1::1/64", "2001:db8:1:1::1/128", "2001:db8:1:1::2/64",
                     "2001:db8:1:2::1/64", "2001:db8:1:1::9/127", "fe80::1/64", "::/64"},
       .virtualIps = {"2001:db8:1:1::1", "2001:db8:1:1::2", "2001:db8:1:1::9", "2001:db8:1:2::1"},
@@ -72,12 +76,32 @@ json Generator::next() {
   return event;
 }
 
+/// An address of the crowd.
+std::string Generator::crowded(const Universe& of, uint64_t number) {
+  std::ostringstream text;
+  text << of.crowd << (of.family == 4 ? std::dec : std::hex) << number;
+  return text.str();
+}
+
+std::string Generator::host(const Universe& of) {
+  return weights_.crowded && !chance(10) ? crowded(of, below(96)) : pick(of.hosts);
+}
+
+std::string Generator::prefix(const Universe& of) {
+  if (!weights_.crowded || chance(40)) return pick(of.prefixes);
+  const uint64_t hostBits = 2 + below(5);
+  const uint64_t length = (of.family == 4 ? 32 : 128) - hostBits;
+  return crowded(of, below(128) >> hostBits << hostBits) + '/' + std::to_string(length);
+}
+
 void Generator::setTheScene() {
-  for (size_t i = 0; i < 30; ++i) {
+  for (size_t i = 0; i < (weights_.crowded ? 200 : 30); ++i) {
     const Universe& of = universe();
     scene_.push_back(fec(1 + below(kFecs), of));
-    scene_.push_back(route(pick(of.prefixes), of));
-    scene_.push_back({{"op", "neighbor"}, {"intf", pick(kIntfs)}, {"ip", pick(of.hosts)}});
+    scene_.push_back(route(prefix(of), of));
+    // A crowd is on one interface for the most part.
+    const std::string& intf = weights_.crowded && chance(70) ? kIntfs[0] : pick(kIntfs);
+    scene_.push_back({{"op", "neighbor"}, {"intf", intf}, {"ip", host(of)}});
     if (chance(30)) scene_.push_back(addr(of));
     if (chance(30)) scene_.push_back({{"op", "intf"}, {"name", pick(kIntfs)}, {"vrf", vrf()}});
   }
@@ -147,14 +171,14 @@ json Generator::random() {
   json event = {{"op", op}};
   if (op == "neighbor") {
     event["intf"] = pick(kIntfs);
-    event["ip"] = pick(of.hosts);
+    event["ip"] = host(of);
     event["mac"] = pick(kMacs);
   } else if (op == "neighborTable") {
     event["intf"] = pick(kIntfs);
   } else if (op == "fec") {
     event = fec(1 + below(kFecs), of);
   } else if (op == "route") {
-    event = route(pick(of.prefixes), of);
+    event = route(prefix(of), of);
   } else if (op == "addr") {
     event = addr(of);
   } else if (op == "intf") {

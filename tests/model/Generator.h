@@ -32,6 +32,7 @@ struct Weights {
   bool ipv4 = true;
   bool ipv6 = true;
   bool manyVrfs = true;  ///< false: the default VRF only
+  bool crowded = false;  ///< a hundred neighbours in place of ten, and prefixes of all sizes there
 };
 
 /// Makes one valid replay event after another; the same seed makes the same events.
@@ -49,6 +50,9 @@ class Generator {
   bool chance(unsigned percent) { return below(100) < percent; }
   const std::string& pick(const Texts& texts) { return texts[below(texts.size())]; }
   const Universe& universe();
+  static std::string crowded(const Universe& of, uint64_t number);
+  std::string host(const Universe& of);
+  std::string prefix(const Universe& of);
   std::string vrf();
   nlohmann::json random();
   nlohmann::json route(const std::string& prefix, const Universe& of);
