@@ -338,10 +338,11 @@ class LadenSwitch {
     for (size_t i = 0; i < virtualIps; ++i) {
       // None is a neighbour's.
       const auto addr = Net<F>::addr(50'000 + i / 250, i % 250);
+      const L3::VrfName vrf{Kiv::String(std::string_view(scene_.kVrf))};
       if constexpr (Net<F>::kIsIpv4) {
-        scene_.sw.setVirtualIp({L3::VrfName(), Zemit::IpAddrWithMask(addr, 24)});
+        scene_.sw.setVirtualIp({vrf, Zemit::IpAddrWithMask(addr, 24)});
       } else {
-        scene_.sw.setVirtualIp({L3::VrfName(), addr});
+        scene_.sw.setVirtualIp({vrf, addr});
       }
     }
     for (size_t vrf = 0; vrf < vrfs; ++vrf) {
@@ -516,8 +517,11 @@ int main(int argc, char** argv) {
         Bench::reportTo(value());
       } else if (option == "--filter") {
         options.filter = value();
+      } else if (option == "--rounds") {
+        options.rounds = std::stoul(value());
       } else {
-        throw std::invalid_argument("usage: engine [--quick] [--filter TEXT] [--json FILE]");
+        throw std::invalid_argument(
+            "usage: engine [--quick] [--filter TEXT] [--rounds COUNT] [--json FILE]");
       }
     }
     Bench::run(options);

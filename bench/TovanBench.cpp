@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <numeric>
 #include <optional>
 #include <random>
@@ -116,7 +117,8 @@ class Lmdb {
  public:
   static constexpr size_t kBatch = 1000;
 
-  explicit Lmdb(size_t) : path_("/dev/shm/lmdb-bench" + std::to_string(::getpid())) {
+  explicit Lmdb(size_t) : Lmdb("/dev/shm/lmdb-bench" + std::to_string(::getpid())) {}
+  explicit Lmdb(const std::string& path) : path_(path) {
     ::mkdir(path_.c_str(), 0700);
     mdb_env_create(&env_);
     mdb_env_set_mapsize(env_, size_t{1} << 30);
@@ -175,6 +177,41 @@ class Lmdb {
   size_t pending_ = 0;
 };
 
+/// Another process's LMDB; what it reads is as of the last thousand look-ups.
+class LmdbReader {
+ public:
+  explicit LmdbReader(const std::string& path) {
+    mdb_env_create(&env_);
+    mdb_env_set_mapsize(env_, size_t{1} << 30);
+    mdb_env_open(env_, path.c_str(), MDB_RDONLY, 0600);
+    if (mdb_txn_begin(env_, nullptr, MDB_RDONLY, &transaction_) != 0) std::abort();
+    mdb_dbi_open(transaction_, nullptr, MDB_INTEGERKEY, &table_);
+  }
+  ~LmdbReader() {
+    mdb_txn_abort(transaction_);
+    mdb_env_close(env_);
+  }
+  std::optional<Value> get(uint64_t key) {
+    if (++lookUps_ == Lmdb::kBatch) {
+      mdb_txn_reset(transaction_);
+      if (mdb_txn_renew(transaction_) != 0) std::abort();
+      lookUps_ = 0;
+    }
+    MDB_val k{sizeof(key), &key};
+    MDB_val v;
+    if (mdb_get(transaction_, table_, &k, &v) != 0) return std::nullopt;
+    Value value;
+    std::memcpy(&value, v.mv_data, sizeof(value));
+    return value;
+  }
+
+ private:
+  MDB_env* env_ = nullptr;
+  MDB_txn* transaction_ = nullptr;
+  MDB_dbi table_ = 0;
+  size_t lookUps_ = 0;
+};
+
 template <class Table>
 void fill(Table& table, const std::vector<uint64_t>& keys) {
   for (const uint64_t key : keys) table.set(key, valueOf(key));
@@ -224,32 +261,68 @@ void lookUp(benchmark::State& state) {
   lookUpAll(state, table, keys);
 }
 
+// One table seen from two processes: owned() is called in the writer, attached() in the reader.
+
+class TwoSidedMap {
+ public:
+  explicit TwoSidedMap(size_t) {}
+  ~TwoSidedMap() { Tovan::removeTablesOf(config_.name); }
+  std::unique_ptr<Map> owned() const {
+    auto config = config_;
+    config.access = Access::Write;
+    return std::make_unique<Map>(config);
+  }
+  std::unique_ptr<Map> attached() const { return std::make_unique<Map>(config_); }
+
+ private:
+  Tovan::TableConfig config_ = named(Access::Read);
+};
+
+class TwoSidedBareTable {
+ public:
+  explicit TwoSidedBareTable(size_t count) : table_(count) {}
+  BareTable* owned() { return &table_; }
+  BareTable* attached() { return &table_; }
+
+ private:
+  BareTable table_;
+};
+
+class TwoSidedLmdb {
+ public:
+  explicit TwoSidedLmdb(size_t) {}
+  ~TwoSidedLmdb() { std::filesystem::remove_all(path_); }
+  std::unique_ptr<Lmdb> owned() const { return std::make_unique<Lmdb>(path_); }
+  std::unique_ptr<LmdbReader> attached() const { return std::make_unique<LmdbReader>(path_); }
+
+ private:
+  std::string path_ = "/dev/shm/lmdb-bench" + std::to_string(::getpid());
+};
+
 /// Look-ups in another process's table, which is at rest or updated all the time.
+template <class TwoSided>
 void lookUpAttached(benchmark::State& state) {
   const auto keys = shuffledKeys(static_cast<size_t>(state.range(0)));
   const bool busy = state.range(1) != 0;
-  const auto config = named(Access::Read);
+  TwoSided table(keys.size());
   int filled[2];
   if (::pipe(filled) != 0) std::abort();
   const pid_t writer = ::fork();
   if (writer == 0) {
-    auto own = config;
-    own.access = Access::Write;
-    Map table(own);
-    fill(table, keys);
+    const auto owned = table.owned();
+    fill(*owned, keys);
     if (::write(filled[1], "", 1) != 1) ::_exit(1);
     while (!busy) ::pause();
-    for (;;) fill(table, keys);
+    for (;;) fill(*owned, keys);
   }
   char byte;
   if (::read(filled[0], &byte, 1) != 1) std::abort();
   {
-    Map table(config);
-    lookUpAll(state, table, keys);
+    const auto attached = table.attached();
+    lookUpAll(state, *attached, keys);
   }
   ::kill(writer, SIGKILL);
   ::waitpid(writer, nullptr, 0);
-  Tovan::removeTablesOf(config.name);
   ::close(filled[0]);
   ::close(filled[1]);
 }
@@ -301,7 +374,13 @@ BENCHMARK(lookUp<EmbeddedMap>)->Arg(kSmall)->Arg(kLarge);
 BENCHMARK(lookUp<SharedMap>)->Arg(kSmall)->Arg(kLarge);
 BENCHMARK(lookUp<BareTable>)->Arg(kSmall)->Arg(kLarge);
 BENCHMARK(lookUp<Lmdb>)->Arg(kSmall)->Arg(kLarge);
-BENCHMARK(lookUpAttached)->ArgNames({"entries", "busy"})->ArgsProduct({{kSmall, kLarge}, {0, 1}});
+#define BENCHMARK_ATTACHED(TwoSided)  \
+  BENCHMARK(lookUpAttached<TwoSided>) \
+      ->ArgNames({"entries", "busy"}) \
+      ->ArgsProduct({{kSmall, kLarge}, {0, 1}})
+BENCHMARK_ATTACHED(TwoSidedMap);
+BENCHMARK_ATTACHED(TwoSidedBareTable);
+BENCHMARK_ATTACHED(TwoSidedLmdb);
 BENCHMARK(growth<EmbeddedMap>)->Arg(kLarge)->Iterations(5)->Unit(benchmark::kMillisecond);
 BENCHMARK(growth<SharedMap>)->Arg(kLarge)->Iterations(5)->Unit(benchmark::kMillisecond);
 // Does not grow: what page faults, interrupts and the clock cost by themselves.

@@ -6,7 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # Debian 12 packages, by what they are needed for.
 buildPackages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libelf-dev libedit-dev)
 testPackages=(libgtest-dev pkg-config binutils)
-benchPackages=(libbenchmark-dev liblmdb-dev libboost1.81-dev libabsl-dev) # the peers among them
+benchPackages=(libbenchmark-dev liblmdb-dev libboost1.81-dev libabsl-dev libdpdk-dev pkg-config)
 checkPackages=(clang-format-14 clang-tidy-14 python3)
 fuzzPackages=(clang-14 libclang-rt-14-dev)
 coveragePackages=(gcovr)
