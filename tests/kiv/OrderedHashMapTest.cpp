@@ -21,7 +21,7 @@ TEST(OrderedHashMapTest, GivesTheKeysOfAnyRangeInOrder) {
   const auto below = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
   Kiv::OrderedHashMap<uint32_t, Kiv::Present> map;
   std::set<uint32_t> model;
-  for (const uint32_t percentInserted : {100, 50, 5, 0, 90}) {
+  for (const uint32_t percentInserted : {100U, 50U, 5U, 0U, 90U}) {
     for (int i = 0; i < 20'000; ++i) {
       const uint32_t key = below(8'000);
       if (below(100) < percentInserted) {
