@@ -214,11 +214,10 @@ class Family {
     }
     dump["toMerge"] = addrTexts(root.get("toMerge"));
     dump["hostAdjacencies"] = json::array();
-    for (const auto& [tableName, of] :
-         {std::pair("receiveTable", receiveTable), std::pair(F::kNeighborTable, neighborTable)}) {
+    for (const auto& of : {receiveTable, neighborTable}) {
       of->adjacencies().forEach([&](const auto& vias, uint32_t users) {
         dump["hostAdjacencies"].push_back(
-            {{"table", tableName}, {"vias", viasOf(vias)}, {"refs", users}});
+            {{"table", of->name().view()}, {"vias", viasOf(vias)}, {"refs", users}});
       });
     }
     dump["fibAdjacencies"] = json::array();
