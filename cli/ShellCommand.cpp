@@ -61,7 +61,7 @@ char* nextCompletion(const char* /*word*/, int state) {
 char** completions(const char* word, int /*start*/, int /*end*/) {
   rl_attempted_completion_over = 1;  // not with the names of files
   // A path may go on.
-  rl_completion_append_character = *word == '/' ? '\0' : ' ';
+  rl_completion_append_character = *word == '/' ? 0 : ' ';
   return rl_completion_matches(word, nextCompletion);
 }
 
