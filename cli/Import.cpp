@@ -277,7 +277,7 @@ void Importer::readEntries(const std::optional<IpDocument>& document, Handler ha
   };
   try {
     [[maybe_unused]] const auto emptied = Json::parse(document->text, take);
-  } catch (const Json::parse_error& error) {
+  } catch (const Json::exception& error) {  // a number too large is no parse error
     throw ImportError(document_, reason(error));
   }
   for (const auto& [table, count] : std::exchange(strayTables_, {})) {

@@ -241,8 +241,8 @@ TEST(ImportTest, WhatCannotBeImportedIsLeftOutWithTheReason) {
 }
 
 TEST(ImportTest, ADocumentThatIsNoListIsAnError) {
-  for (const char* text :
-       {"", "{}", "7", "[{\"dst\": ", "[] []", "Object \"nexthop\" is unknown"}) {
+  for (const char* text : {"", "{}", "7", "[{\"dst\": ", "[] []", "Object \"nexthop\" is unknown",
+                           "[{\"metric\": 4e924967295}]"}) {
     EXPECT_THROW(importRoutes(text), ImportError) << text;
   }
   try {
