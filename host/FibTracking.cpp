@@ -44,7 +44,7 @@ void RouteSm::handleHostStatusRoute(const Zemit::Prefix& prefix) {
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::handleHostStatusRoute(const Zemit::Prefix&)"
                 << ", prefix: " << prefix);
-  KIV_ASSERT(Ipv4::kModule, prefix.len() == 32);
+  KIV_ASSERT_AS(Ipv4::kModule, prefix.len() == Zemit::Prefix::kMaxLen, "prefix.len() == 32");
   Steps(*this).handleHostStatusRoute(prefix);
 }
 

@@ -46,7 +46,7 @@ void RouteSm::handleStatusRoute() {
 
 void RouteSm::handleHostStatusRoute(const Zemit::Ip6Prefix& prefix) {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, prefix));
-  KIV_ASSERT(Ipv6::kModule, prefix.len() == 128);
+  KIV_ASSERT_AS(Ipv6::kModule, prefix.len() == Zemit::Ip6Prefix::kMaxLen, "prefix.len() == 128");
   Steps(*this).handleHostStatusRoute(prefix);
 }
 

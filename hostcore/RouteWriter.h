@@ -24,8 +24,8 @@ void addRouteToRouteTable(const typename F::HostTable::Ptr& hostTable,
                           const typename F::RouteSmRoot& root,
                           const typename F::Route* known = nullptr) {
   KIV_TRACE(F::trace(), 8, root, "addRouteToRouteTable");
-  KIV_ASSERT(F::kModule, hostTable || routeTable);
-  KIV_ASSERT(F::kModule, !(hostTable && routeTable));
+  KIV_ASSERT_AS(F::kModule, hostTable || routeTable, "hostTable || routeTable");
+  KIV_ASSERT_AS(F::kModule, !(hostTable && routeTable), "!(hostTable && routeTable)");
   if constexpr (F::kWriterTracesTables) {
     KIV_TRACE(F::trace(), 6, root,
               "adding route for " << ip << " with type " << routeType << " FecId: " << std::hex

@@ -1,8 +1,6 @@
 // What the reflective interfaces to the two halves' roots have in common.
 #pragma once
 
-#include <utility>
-
 #include "platform/kiv/GenericIf.h"
 
 namespace Reflection {

@@ -19,7 +19,8 @@ namespace Kiv {
 /// unless `expression` holds.
 #define KIV_ASSERT(module, expression) KIV_ASSERT_AS(module, expression, #expression)
 
-/// KIV_ASSERT for shared code whose expression reads differently in each module: `text` is shown.
+/// KIV_ASSERT for an expression whose text is relied on, however the code spells it: `text` is
+/// shown.
 #define KIV_ASSERT_AS(module, expression, text)                            \
   do {                                                                     \
     if (!(expression)) [[unlikely]]                                        \
