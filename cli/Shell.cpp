@@ -90,13 +90,9 @@ std::set<std::string> segmentsBelow(std::string_view path) {
 
 /// The keys of a collection as texts, in ascending order.
 std::vector<std::string> keysOf(const Place& place) {
-  std::vector<GenericValue> keys;
-  auto it = place.holder->attributeIteratorConst(place.attribute->id);
-  for (; it.nonNull(); it.iterNext()) {
-    keys.push_back(it.iterKey());
-  }
   std::vector<std::string> texts;
-  for (const GenericValue& key : keys) texts.push_back(key.text());
+  auto it = place.holder->attributeIteratorConst(place.attribute->id);
+  for (; it.nonNull(); it.iterNext()) texts.push_back(it.iterKey().text());
   std::sort(texts.begin(), texts.end());
   return texts;
 }
