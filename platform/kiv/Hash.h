@@ -42,15 +42,13 @@ constexpr uint64_t fold(uint64_t a, uint64_t b) {
 
 /// The 32-bit hash of one word.
 inline uint32_t hashWord(uint64_t word) {
-  const uint64_t h = detail::fold(word ^ hashSeed.add, hashSeed.multiply);
-  return static_cast<uint32_t>(h ^ (h >> 32));
+  return static_cast<uint32_t>(detail::fold(word ^ hashSeed.add, hashSeed.multiply));
 }
 
 /// The 32-bit hash of two words, such as an IPv6 address.
 inline uint32_t hashWords(uint64_t high, uint64_t low) {
   const uint64_t first = detail::fold(high ^ hashSeed.add, hashSeed.multiply);
-  const uint64_t h = detail::fold(low ^ first, hashSeed.multiply);
-  return static_cast<uint32_t>(h ^ (h >> 32));
+  return static_cast<uint32_t>(detail::fold(low ^ first, hashSeed.multiply));
 }
 
 /// The 32-bit hash of a byte string.

@@ -19,7 +19,7 @@ namespace Kiv::detail {
 ///
 /// A control byte is kEmptySlot, kNoSlot or the tag of the key in the slot. Zero means empty, so
 /// that fresh pages from the operating system are empty groups.
-struct HashGroup {
+struct alignas(16) HashGroup {
   static constexpr uint32_t kSlots = 15;
   static constexpr uint8_t kEmptySlot = 0;
   static constexpr uint8_t kNoSlot = 1;  ///< in a small block: there is no memory for the slot
@@ -30,11 +30,14 @@ struct HashGroup {
   /// all hashes. A search that finds the bit of its hash clear is over.
   uint8_t overflow;
 
+  /// The group that a control byte belongs to.
+  static HashGroup* of(uint8_t* controlByte) {
+    return reinterpret_cast<HashGroup*>(reinterpret_cast<uintptr_t>(controlByte) &
+                                        ~uintptr_t{sizeof(HashGroup) - 1});
+  }
   static constexpr uint8_t tagOf(uint32_t hash) {
     return std::max(static_cast<uint8_t>(hash), kFirstTag);
   }
-  /// The slot in which to put a key if it is empty, else one of the next.
-  static uint32_t firstChoice(uint32_t hash) { return hash & 14; }
   static uint8_t overflowBitOf(uint32_t hash) { return static_cast<uint8_t>(1U << (hash & 7)); }
   bool hasOverflowed(uint32_t hash) const { return (overflow & overflowBitOf(hash)) != 0; }
 };
@@ -101,7 +104,7 @@ class Sse2Matcher {
   }();
 
   static __m128i load(const HashGroup& group) {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(&group));
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(&group));
   }
   static uint32_t bits(__m128i bytes) {
     return static_cast<uint32_t>(_mm_movemask_epi8(bytes)) & ((1U << HashGroup::kSlots) - 1);
@@ -130,6 +133,10 @@ struct HashBlock {
   /// The elements that fit before searches become long.
   size_t capacity() const noexcept {
     return groupCount() == 1 ? slotsOfOne : slotCount() - slotCount() / 8;
+  }
+  /// \returns true when `group` is one of its own.
+  bool holds(const HashGroup* group) noexcept {
+    return group <= this->group(0) && group >= this->group(groupCount() - 1);
   }
   HashGroup* group(size_t number) noexcept {
     return reinterpret_cast<HashGroup*>(this) - 1 - number;

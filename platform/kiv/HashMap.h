@@ -45,24 +45,18 @@ class HashMap {
   using Group = detail::HashGroup;
   using Matcher = detail::HashMatcher;
 
-  /// A slot, or none.
+  /// A slot, or none. As small as it can be, because each search returns one.
   struct Place {
     Place() = default;
-    Place(Block* of, size_t group, size_t number = 0)
-        : block(of),
-          controls(of->group(group)),
-          slots(reinterpret_cast<Entry*>(of->slots(group, sizeof(Entry)))),
-          slot(number) {}
+    Place(Block* block, size_t group, size_t number = 0)
+        : control(block->group(group)->control + number), entry(slotsOf(block, group) + number) {}
 
-    explicit operator bool() const { return block != nullptr; }
-    Entry* entry() const { return slots + slot; }
-    uint8_t& control() const { return controls->control[slot]; }
-    size_t group() const { return static_cast<size_t>(block->group(0) - controls); }
+    explicit operator bool() const { return control != nullptr; }
+    Group* controls() const { return Group::of(control); }
+    size_t slot() const { return static_cast<size_t>(control - controls()->control); }
 
-    Block* block = nullptr;
-    Group* controls = nullptr;
-    Entry* slots = nullptr;  ///< of the group
-    size_t slot = 0;
+    uint8_t* control = nullptr;
+    Entry* entry = nullptr;
   };
 
   /// A place in a walk that may change the map.
@@ -82,18 +76,18 @@ class HashMap {
     /// The value. \pre the element has not been deleted
     Value& value() const {
       if (map_->generation() != generation_) return *map_->find(key_);
-      return place_.entry()->value;
+      return place_.entry->value;
     }
     Value& ptr() const { return value(); }
     WalkOf& operator++() {
       findAgain();
-      if (*this) standOn(nextFull(place_));
+      if (*this) standOn(map_->nextFull(place_));
       return *this;
     }
 
    private:
     friend HashMap;
-    explicit WalkOf(Map* map) : WalkOf(map, firstFull(map->block_)) {}
+    explicit WalkOf(Map* map) : WalkOf(map, firstFull(map->block_, 0)) {}
     WalkOf(Map* map, const Place& place) : map_(map), generation_(map->generation()) {
       standOn(place);
     }
@@ -104,7 +98,7 @@ class HashMap {
     }
     void standOn(const Place& place) {
       place_ = place;
-      if (place) key_ = place.entry()->key;
+      if (place) key_ = place.entry->key;
     }
 
     Map* map_ = nullptr;
@@ -121,18 +115,21 @@ class HashMap {
     using difference_type = std::ptrdiff_t;
 
     RangeWalk() = default;
-    explicit RangeWalk(Block* block) { standOn(firstFull(block)); }
+    explicit RangeWalk(Block* block) : block_(block) { findFull(); }
     const value_type& operator*() const {
-      const Entry* entry = place_.slots + std::countr_zero(full_);
       if constexpr (std::is_same_v<V, Present>) {
-        return entry->key;
+        return entry()->key;
       } else {
-        return *entry;
+        return *entry();
       }
     }
+    Entry* entry() const { return slots_ + std::countr_zero(full_); }
     RangeWalk& operator++() {
       full_ &= full_ - 1;
-      if (full_ == 0) standOn(firstFull(place_.block, place_.group() + 1));
+      if (full_ == 0) {
+        ++group_;
+        findFull();
+      }
       return *this;
     }
     void operator++(int) { ++*this; }
@@ -141,13 +138,20 @@ class HashMap {
     }
 
    private:
-    void standOn(const Place& place) {
-      place_ = place;
-      full_ = place ? Matcher::full(*place.controls) : 0;
+    void findFull() {
+      for (; block_ != nullptr; block_ = older(block_), group_ = 0) {
+        for (const size_t groups = block_->groupCount(); group_ < groups; ++group_) {
+          full_ = Matcher::full(*block_->group(group_));
+          slots_ = slotsOf(block_, group_);
+          if (full_ != 0) return;
+        }
+      }
     }
 
-    Place place_;
-    uint32_t full_ = 0;  // slots of the group that are still to come
+    Block* block_ = nullptr;
+    size_t group_ = 0;
+    Entry* slots_ = nullptr;  // of the group
+    uint32_t full_ = 0;       // slots of the group that are still to come
   };
 
  public:
@@ -183,8 +187,8 @@ class HashMap {
   uint32_t prefetch(const K& key) const {
     const uint32_t hash = H()(key);
     const Place place(block_, homeOf(block_, hash));
-    __builtin_prefetch(place.controls);
-    __builtin_prefetch(place.slots + Group::firstChoice(hash));
+    __builtin_prefetch(place.control);
+    __builtin_prefetch(place.entry + firstChoice(hash));
     return hash;
   }
   const V* find(const K& key, uint32_t hash) const { return valueAt(locate(key, hash)); }
@@ -195,13 +199,13 @@ class HashMap {
   std::pair<V*, bool> tryEmplace(const K& key, Args&&... args) {
     const uint32_t hash = H()(key);
     if (const Place found = locate(key, hash); found) {
-      return {&found.entry()->value, false};
+      return {&found.entry->value, false};
     }
     if (block_->free == 0 || block_->emptiesAnother) makeRoom();
     block_->generation = detail::nextHashGeneration();
     const Place place = emptyPlace(block_, hash);
-    Entry* entry = new (place.entry()) Entry{key, V(std::forward<Args>(args)...)};
-    place.control() = Group::tagOf(hash);
+    Entry* entry = new (place.entry) Entry{key, V(std::forward<Args>(args)...)};
+    *place.control = Group::tagOf(hash);
     ++block_->size;
     --block_->free;
     return {&entry->value, true};
@@ -227,7 +231,7 @@ class HashMap {
   /// Deletes the element on which `it` stands, if it is still there. `it` may then be advanced.
   void erase(Iterator& it) {
     it.findAgain();
-    if (!it || it.place_.control() == Group::kEmptySlot) return;
+    if (!it || *it.place_.control == Group::kEmptySlot) return;
     erase(it.place_, H()(it.key_));
   }
   /// Deletes all elements and gives the memory back.
@@ -276,57 +280,73 @@ class HashMap {
   static Block* older(Block* block) {
     return block->emptiesAnother ? block->emptying().block : nullptr;
   }
-  static V* valueAt(const Place& place) { return place ? &place.entry()->value : nullptr; }
+  static V* valueAt(const Place& place) { return place ? &place.entry->value : nullptr; }
 
   Place locate(const K& key) const { return locate(key, H()(key)); }
   Place locate(const K& key, uint32_t hash) const {
-    Place place(block_, homeOf(block_, hash));
-    if (locateInGroup(place, key, hash)) return place;
-    const bool isLast = !place.controls->hasOverflowed(hash) && !block_->emptiesAnother;
+    const size_t home = homeOf(block_, hash);
+    if (const Place found = locateInGroup(block_, home, key, hash)) return found;
+    const bool isLast = !block_->group(home)->hasOverflowed(hash) && !block_->emptiesAnother;
     return isLast ? Place() : locateBeyond(key, hash);
   }
-  /// The search in all the groups the key can be in, in the older block too.
+  /// The search in all the other groups the key can be in, in the older block too.
   [[gnu::noinline]] Place locateBeyond(const K& key, uint32_t hash) const {
     for (Block* block = block_; block != nullptr; block = older(block)) {
       size_t group = homeOf(block, hash);
       for (size_t step = 1; step <= block->groupCount(); ++step) {
-        Place place(block, group);
-        if (locateInGroup(place, key, hash)) return place;
-        if (!place.controls->hasOverflowed(hash)) break;
+        if (step > 1 || block != block_) {
+          if (const Place found = locateInGroup(block, group, key, hash)) return found;
+        }
+        if (!block->group(group)->hasOverflowed(hash)) break;
         group = nextGroup(block, group, step);
       }
     }
     return {};
   }
-  static bool locateInGroup(Place& place, const K& key, uint32_t hash) {
-    uint32_t tagged = Matcher::tagged(*place.controls, hash);
-    if (tagged == 0) return false;
+  static Place locateInGroup(Block* block, size_t group, const K& key, uint32_t hash) {
+    uint32_t tagged = Matcher::tagged(*block->group(group), hash);
+    if (tagged == 0) return {};
+    const Place first(block, group);
     // A processor that expects a hit fetches the slot while it still waits for the control bytes.
-    __builtin_prefetch(place.slots + Group::firstChoice(hash));
+    __builtin_prefetch(first.entry + firstChoice(hash));
     do {
-      place.slot = static_cast<size_t>(std::countr_zero(tagged));
-      if (place.entry()->key == key) [[likely]] {
-        return true;
+      const size_t slot = slotOf(tagged);
+      if (first.entry[slot].key == key) [[likely]] {
+        return Place(block, group, slot);
       }
     } while ((tagged &= tagged - 1) != 0);
-    return false;
+    return {};
   }
   /// Where to put a key that is not there. \pre the block has an empty slot
   static Place emptyPlace(Block* block, uint32_t hash) {
     size_t group = homeOf(block, hash);
     for (size_t step = 1;; ++step) {
-      Place place(block, group, Group::firstChoice(hash));
+      const Place place(block, group, firstChoice(hash));
       // One byte, for a processor that has not finished writing the others.
-      if (place.control() == Group::kEmptySlot) return place;
-      const uint32_t empty = Matcher::matching(*place.controls, Group::kEmptySlot);
+      if (*place.control == Group::kEmptySlot) return place;
+      const uint32_t empty = Matcher::matching(*block->group(group), Group::kEmptySlot);
       if (empty != 0) [[likely]] {
-        const uint32_t preferred = empty & (~uint32_t{0} << Group::firstChoice(hash));
-        place.slot = static_cast<uint32_t>(std::countr_zero(preferred != 0 ? preferred : empty));
-        return place;
+        return Place(block, group, chosenOf(empty, hash));
       }
-      place.controls->overflow |= Group::overflowBitOf(hash);
+      block->group(group)->overflow |= Group::overflowBitOf(hash);
       group = nextGroup(block, group, step);
     }
+  }
+  /// The slot in which to put a key if it is empty, else one of the next.
+  static size_t firstChoice(uint32_t hash) {
+    // Large slots are spread, so that the one sought can be fetched before its group is read.
+    // Small ones are filled in order: what they take of a cache counts more.
+    return sizeof(Entry) > 16 ? hash & 14 : 0;
+  }
+  /// Which of the empty slots of a group to take.
+  static size_t chosenOf(uint32_t empty, uint32_t hash) {
+    const uint32_t preferred = empty & (~uint32_t{0} << firstChoice(hash));
+    return slotOf(preferred != 0 ? preferred : empty);
+  }
+  /// The first of the slots that a matcher found.
+  static size_t slotOf(uint32_t bits) { return static_cast<size_t>(std::countr_zero(bits)); }
+  static Entry* slotsOf(Block* block, size_t group) {
+    return reinterpret_cast<Entry*>(block->slots(group, sizeof(Entry)));
   }
   static size_t homeOf(const Block* block, uint32_t hash) { return uint64_t{hash} >> block->shift; }
   /// Steps of growing length come by every group.
@@ -334,21 +354,24 @@ class HashMap {
     return (group + step) & (block->groupCount() - 1);
   }
   /// The first element in or after a group, in this block or the one that it empties.
-  static Place firstFull(Block* block, size_t group = 0) {
+  static Place firstFull(Block* block, size_t group) {
     for (; block != nullptr; block = older(block), group = 0) {
       for (const size_t groups = block->groupCount(); group < groups; ++group) {
         const uint32_t full = Matcher::full(*block->group(group));
-        if (full != 0) return {block, group, static_cast<size_t>(std::countr_zero(full))};
+        if (full != 0) return Place(block, group, slotOf(full));
       }
     }
     return {};
   }
-  static Place nextFull(const Place& place) {
-    const uint32_t full = Matcher::full(*place.controls) >> 1 >> place.slot;
-    if (full == 0) return firstFull(place.block, place.group() + 1);
-    Place next = place;
-    next.slot += 1 + static_cast<size_t>(std::countr_zero(full));
-    return next;
+  Place nextFull(const Place& place) const {
+    Block* const block = blockOf(place);
+    const auto group = static_cast<size_t>(block->group(0) - place.controls());
+    const uint32_t full = Matcher::full(*place.controls()) >> 1 >> place.slot();
+    if (full == 0) return firstFull(block, group + 1);
+    return Place(block, group, place.slot() + 1 + slotOf(full));
+  }
+  Block* blockOf(const Place& place) const {
+    return !block_->emptiesAnother || block_->holds(place.controls()) ? block_ : older(block_);
   }
 
   void erase(const Place& place, uint32_t hash) {
@@ -356,25 +379,25 @@ class HashMap {
       forget(place, hash);
     } else {
       // The last handle to an object may call back, so the map must be whole again before it goes.
-      [[maybe_unused]] const Entry gone = std::move(*place.entry());
-      place.entry()->~Entry();
+      [[maybe_unused]] const Entry gone = std::move(*place.entry);
+      place.entry->~Entry();
       forget(place, hash);
     }
   }
   void forget(const Place& place, uint32_t hash) {
-    place.control() = Group::kEmptySlot;
+    *place.control = Group::kEmptySlot;
     if (--block_->size == 0) {
       clear();
       return;
     }
-    if (place.block != block_) {
-      --place.block->size;
+    if (Block* const block = blockOf(place); block != block_) {
+      --block->size;
       ++block_->free;
       return;
     }
     // A slot that keys were turned away from is not free: the overflow bits stay, and a table whose
     // bits are all set must be rebuilt some time, however few its elements are.
-    if (!place.controls->hasOverflowed(hash)) ++block_->free;
+    if (!place.controls()->hasOverflowed(hash)) ++block_->free;
     // A table that is nearly empty gets a smaller one at the next insertion.
     if (block_->size < block_->groupCount() && !block_->emptiesAnother) block_->free = 0;
   }
@@ -419,14 +442,34 @@ class HashMap {
     }
   }
   void moveGroup(Block& old, size_t number) {
+    // The empty slots of the groups to which these elements go, for the most part two neighbours.
+    // A processor would have to wait for the control bytes it has just written.
+    struct {
+      size_t group = SIZE_MAX;
+      uint32_t empty = 0;
+    } known[2];
     for (uint32_t full = Matcher::full(*old.group(number)); full != 0; full &= full - 1) {
-      const Place from(&old, number, static_cast<size_t>(std::countr_zero(full)));
-      const uint32_t hash = H()(from.entry()->key);
-      const Place to = emptyPlace(block_, hash);
-      new (to.entry()) Entry(std::move(*from.entry()));
-      from.entry()->~Entry();
-      to.control() = Group::tagOf(hash);
-      from.control() = Group::kEmptySlot;
+      const Place from(&old, number, slotOf(full));
+      const uint32_t hash = H()(from.entry->key);
+      const size_t home = homeOf(block_, hash);
+      auto& [group, empty] = known[home & 1];
+      if (group != home) {
+        group = home;
+        empty = Matcher::matching(*block_->group(home), Group::kEmptySlot);
+      }
+      Place to;
+      if (empty != 0) [[likely]] {
+        const size_t slot = chosenOf(empty, hash);
+        empty &= ~(1U << slot);
+        to = Place(block_, home, slot);
+      } else {
+        to = emptyPlace(block_, hash);
+        known[0] = known[1] = {};
+      }
+      new (to.entry) Entry(std::move(*from.entry));
+      from.entry->~Entry();
+      *to.control = Group::tagOf(hash);
+      *from.control = Group::kEmptySlot;
       --old.size;
     }
   }
@@ -437,9 +480,7 @@ class HashMap {
   static void destroy(Block* block) noexcept {
     if (block == none()) return;
     if constexpr (!std::is_trivially_destructible_v<Entry>) {
-      for (Place at = firstFull(block); at; at = nextFull(at)) {
-        at.entry()->~Entry();
-      }
+      for (RangeWalk at(block); at != std::default_sentinel; ++at) at.entry()->~Entry();
     }
     if (block->emptiesAnother) {
       const auto& [old, groups, end] = block->emptying();
