@@ -144,7 +144,7 @@ class TovanMap : public Table {
     std::atomic<uint32_t> depth;
     std::atomic<uint32_t> seal;  ///< stored last: checksum of the above; zero for an unused page
     std::atomic<uint32_t> used;  ///< how many slots are not free
-    std::array<Slot, kSlots> slots;
+    alignas(64) std::array<Slot, kSlots> slots;  ///< no more of them across cache lines than must
   };
 
   static constexpr uint32_t kMaxDepth = 19;
@@ -210,10 +210,16 @@ class TovanMap : public Table {
     return words;
   }
   template <class T>
+  static void unpack(const Word* words, T& to);
+  template <class T>
+  static T blank() {
+    return std::bit_cast<T>(std::array<std::byte, sizeof(T)>{});
+  }
+  template <class T>
   static T unpack(const Word* words) {
-    std::array<std::byte, sizeof(T)> bytes;
-    std::memcpy(bytes.data(), words, sizeof(T));
-    return std::bit_cast<T>(bytes);
+    T made = blank<T>();
+    unpack(words, made);
+    return made;
   }
   static Key keyOf(const Words& words) { return unpack<Key>(words.data()); }
   static Value valueOf(const Words& words) { return unpack<Value>(words.data() + kKeyWords); }
@@ -245,6 +251,9 @@ class TovanMap : public Table {
 
   static void load(const Slot& from, Words& words);
   bool read(const Slot& from, Words& words) const;
+  [[gnu::always_inline]] inline bool readQuickly(Page& in, uint64_t hash, const Words& key,
+                                                 std::optional<Value>& value) const;
+  std::optional<Value> readCarefully(uint64_t hash, const Words& key) const;
   static Slot* search(Page& page, uint64_t hash, const Words& key);
   const char* missFault(PageRef ref, uint64_t hash) const;
   template <class Look>
@@ -361,6 +370,17 @@ uint32_t TovanMap<Key, Value>::sealOf(const Page& page) const {
   return static_cast<uint32_t>(Kiv::detail::fold(what ^ seed_.add, seed_.multiply ^ serial)) | 1;
 }
 
+/// Copies word by word: a wider copy has to wait until words just stored have reached the cache.
+template <class Key, class Value>
+template <class T>
+void TovanMap<Key, Value>::unpack(const Word* words, T& to) {
+#pragma GCC unroll 8
+  for (size_t at = 0; at < sizeof(T); at += sizeof(Word)) {
+    std::memcpy(reinterpret_cast<std::byte*>(&to) + at, words + at / sizeof(Word),
+                std::min(sizeof(Word), sizeof(T) - at));
+  }
+}
+
 template <class Key, class Value>
 void TovanMap<Key, Value>::load(const Slot& from, Words& words) {
 #pragma GCC unroll 8
@@ -394,12 +414,14 @@ bool TovanMap<Key, Value>::read(const Slot& from, Words& words) const {
 template <class Key, class Value>
 typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::search(Page& page, uint64_t hash,
                                                                   const Words& key) {
-  for (uint32_t i = 0, at = home(hash); i < kSlots; ++i, at = after(at)) {
-    Slot& slot = page.slots[at];
-    const uint32_t state = slot.sequence.load(std::memory_order_acquire) & kState;
-    if (hasKey(slot, key) && (state & kLive) != 0) return &slot;
+  Slot* const first = &page.slots[home(hash)];
+  Slot* slot = first;
+  do {
+    const uint32_t state = slot->sequence.load(std::memory_order_acquire) & kState;
+    if (hasKey(*slot, key) && (state & kLive) != 0) return slot;
     if (state == 0) return nullptr;
-  }
+    if (++slot == page.slots.end()) slot = page.slots.begin();
+  } while (slot != first);
   return nullptr;
 }
 
@@ -479,29 +501,63 @@ typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::find(uint64_t hash,
   return slot;
 }
 
+/// Sets `value` to what the page has for `key`. False is no answer yet: there is none, or it is
+/// being written, or damaged.
 template <class Key, class Value>
-std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
-  const Words asked = pack(key);
-  const uint64_t hash = hashOf(asked);
+bool TovanMap<Key, Value>::readQuickly(Page& in, uint64_t hash, const Words& key,
+                                       std::optional<Value>& value) const {
+  const Slot* slot = search(in, hash, key);
+  if (slot == nullptr) return false;
+  const uint32_t sequence = slot->sequence.load(std::memory_order_acquire);
+  Words words;
+  load(*slot, words);
+  const uint32_t checksum = slot->checksum.load(std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if ((sequence & kState) != kLive || slot->sequence.load(std::memory_order_relaxed) != sequence ||
+      checksum != checksumOf(hash, words) || !sameKey(words, key)) {
+    return false;
+  }
+  unpack(words.data() + kKeyWords, value.emplace(blank<Value>()));
+  return true;
+}
+
+/// The same with all that makes the answer certain.
+template <class Key, class Value>
+std::optional<Value> TovanMap<Key, Value>::readCarefully(uint64_t hash, const Words& key) const {
   Words words;
   bool found = false;
   if (isReadOnly()) {
     inPage(hash, [&](PageRef ref, const char*& fault) {
-      const Slot* slot = search(page(ref.number()), hash, asked);
+      const Slot* slot = search(page(ref.number()), hash, key);
       if (slot == nullptr) {
         fault = missFault(ref, hash);
       } else {
         // The entry may be gone by now, and another in its place.
-        found = read(*slot, words) && sameKey(words, asked);
+        found = read(*slot, words) && sameKey(words, key);
       }
       return found;
     });
   } else {
-    const Slot* slot = find(hash, asked);
+    const Slot* slot = find(hash, key);
     found = slot != nullptr && read(*slot, words);
   }
   if (!found) return std::nullopt;
   return valueOf(words);
+}
+
+template <class Key, class Value>
+std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
+  std::optional<Value> value;
+  const uint64_t hash = hashOf(pack(key));
+  const uint32_t bits = isReadOnly() ? depth() : depth_;
+  if (bits <= kMaxDepth) {
+    const PageRef ref(directory(hash, bits).load(std::memory_order_acquire));
+    if (ref.number() < pages() && readQuickly(page(ref.number()), hash, pack(key), value)) {
+      return value;
+    }
+  }
+  value = readCarefully(hash, pack(key));
+  return value;
 }
 
 template <class Key, class Value>
@@ -605,14 +661,13 @@ auto TovanMap<Key, Value>::repairing(Step step) {
 template <class Key, class Value>
 bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
   requireWritable("write to read-only Tovan table");
-  const Words words = pack(key, value);
-  const uint64_t hash = hashOf(words);
-  Slot* slot = repairing([&] { return find(hash, words); });
+  const uint64_t hash = hashOf(pack(key));
+  Slot* slot = repairing([&] { return find(hash, pack(key)); });
   if (slot == nullptr) {
-    insert(hash, words);
+    insert(hash, pack(key, value));
     header().size.store(++size_, std::memory_order_relaxed);
   } else {
-    replace(*slot, hash, words);
+    replace(*slot, hash, pack(key, value));
   }
   ++changes_;
   return slot == nullptr;
@@ -653,7 +708,11 @@ void TovanMap<Key, Value>::write(Slot& slot, uint32_t state, const Words& words,
 template <class Key, class Value>
 void TovanMap<Key, Value>::replace(Slot& slot, uint64_t hash, const Words& words) {
   const uint32_t checksum = checksumOf(hash, words);
-  top().journal = {.offset = offsetOf(slot), .checksum = checksum, .words = words};
+  auto& journal = top().journal;
+  journal.offset = offsetOf(slot);
+  journal.checksum = checksum;
+#pragma GCC unroll 8
+  for (size_t i = 0; i < words.size(); ++i) journal.words[i] = words[i];
   std::atomic_thread_fence(std::memory_order_release);
   write(slot, kLive, words, checksum);
 }

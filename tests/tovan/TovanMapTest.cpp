@@ -185,11 +185,11 @@ TEST_F(OpenTovanMapTest, RefusesWhatItCannotTrust) {
     for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
     EXPECT_EQ(refusal(config(Access::Write)), title + "has a living writer");
     table.validateFiles();
-    overwrite(offsetof(TableHeader, version), 2);
+    overwrite(offsetof(TableHeader, version), 1);
     EXPECT_THROW(table.validateFiles(), CorruptionDetectedException);
   }
-  expectRefusal("has version 2, known is 1");
-  overwrite(offsetof(TableHeader, version), 1);
+  expectRefusal("has version 1, known is 2");
+  overwrite(offsetof(TableHeader, version), 2);
   EXPECT_EQ((refusal<TovanMap<uint64_t, uint64_t>>(config(Access::Read))),
             title + "has another layout");
   auto other = config(Access::Write);
