@@ -12,9 +12,10 @@ namespace {
 
 constexpr size_t kPage = 4096;
 constexpr size_t kHugePage = size_t{2} << 20;
-// From this size on memory is mapped, in huge pages where the system has them. They come zeroed
-// when they are first touched and go one by one, so no insertion pays for the whole.
-constexpr size_t kMappedBytes = kHugePage;
+// From this size on memory is mapped. Its pages come zeroed when they are first touched and go a
+// few at a time, so no insertion pays for the whole. They are small while a block is being filled:
+// for a huge one the system may have to move others out of the way, which takes milliseconds.
+constexpr size_t kMappedBytes = 2 * kHugePage;
 
 constexpr size_t roundUp(size_t bytes, size_t unit) {
   return (bytes + unit - 1) & ~(unit - 1);
@@ -38,12 +39,15 @@ size_t slotsInHeapBlock(size_t elements, size_t slotSize) {
   return std::min<size_t>(HashGroup::kSlots, (usable - headBytes(1)) / slotSize);
 }
 
-/// Where the next huge page begins, seen from `at`.
+/// Where the huge page of `at`, or the next one, begins.
+std::byte* downToHugePage(std::byte* at) {
+  return at - reinterpret_cast<uintptr_t>(at) % kHugePage;
+}
 std::byte* upToHugePage(std::byte* at) {
-  return at + -reinterpret_cast<uintptr_t>(at) % kHugePage;
+  return downToHugePage(at + kHugePage - 1);
 }
 
-/// Maps memory that begins on a huge page: with the groups, which every search reads.
+/// Maps memory that begins on a huge page, so that it can be made of them.
 std::byte* map(size_t bytes) {
   const size_t mappedBytes = bytes + kHugePage;
   void* mapped =
@@ -53,7 +57,6 @@ std::byte* map(size_t bytes) {
   std::byte* const start = upToHugePage(first);
   if (start != first) munmap(first, static_cast<size_t>(start - first));
   munmap(start + bytes, static_cast<size_t>(first + mappedBytes - (start + bytes)));
-  madvise(start, bytes, MADV_HUGEPAGE);
   return start;
 }
 
@@ -94,6 +97,12 @@ std::byte* HashBlock::end(size_t slotSize) noexcept {
   return slots(0, slotSize) - headBytes(groupCount()) + bytes(slotSize);
 }
 
+void HashBlock::useHugePages(size_t slotSize) noexcept {
+  if (!isMapped) return;
+  std::byte* const start = slots(0, 0) - headBytes(groupCount());
+  madvise(start, static_cast<size_t>(end(slotSize) - start), MADV_HUGEPAGE);
+}
+
 void HashBlock::release(std::byte* end) noexcept {
   std::byte* const start = slots(0, 0) - headBytes(groupCount());
   if (isMapped) {
@@ -109,6 +118,21 @@ std::byte* HashBlock::releaseBehind(size_t groups, size_t slotSize, std::byte* e
   if (unused >= end) return end;
   munmap(unused, static_cast<size_t>(end - unused));
   return unused;
+}
+
+void HashBlock::releaseAround(void* slot, size_t slotSize) noexcept {
+  if (!isMapped) return;
+  std::byte* const page = downToHugePage(static_cast<std::byte*>(slot));
+  std::byte* const first = slots(0, slotSize);
+  std::byte* const from = std::max(page, first + -reinterpret_cast<uintptr_t>(first) % kPage);
+  std::byte* const to = std::min(page + kHugePage, end(slotSize));
+  if (from >= to) return;
+  const size_t groupBytes = HashGroup::kSlots * slotSize;
+  const size_t last = std::min(static_cast<size_t>(to - 1 - first) / groupBytes, groupCount() - 1);
+  for (auto number = static_cast<size_t>(from - first) / groupBytes; number <= last; ++number) {
+    if (HashMatcher::full(*group(number)) != 0) return;
+  }
+  madvise(from, static_cast<size_t>(to - from), MADV_DONTNEED);
 }
 
 }  // namespace Kiv::detail

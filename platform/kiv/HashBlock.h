@@ -164,11 +164,15 @@ struct HashBlock {
   size_t bytes(size_t slotSize) const noexcept;
   /// Where the memory ends.
   std::byte* end(size_t slotSize) noexcept;
+  /// Lets the system put huge pages in place of small ones, in its own time.
+  void useHugePages(size_t slotSize) noexcept;
   /// Gives back the memory up to `end`; what was behind that has been given back already.
   void release(std::byte* end) noexcept;
   /// Gives back what it can of the slots behind the first `groups` groups, when it is worth a call.
   /// \returns where the rest ends.
   std::byte* releaseBehind(size_t groups, size_t slotSize, std::byte* end) noexcept;
+  /// Gives back the pages around a slot when no element is left on them. The slots stay usable.
+  void releaseAround(void* slot, size_t slotSize) noexcept;
 };
 
 /// What a map without memory points at: a block that has no slot. Known by its address.

@@ -222,9 +222,15 @@ class HashMap {
   /// Deletes the element of `key`, which may be a reference to its own key.
   /// \returns true when there was one.
   bool erase(const K& key) {
+    return eraseIf(key, [](V&) { return true; });
+  }
+  /// The same, if `isOver(value)` says so, which may change the value before.
+  /// \returns true when the element was deleted.
+  template <class Test>
+  bool eraseIf(const K& key, Test&& isOver) {
     const uint32_t hash = H()(key);
     const Place place = locate(key, hash);
-    if (!place) return false;
+    if (!place || !isOver(place.entry->value)) return false;
     erase(place, hash);
     return true;
   }
@@ -398,8 +404,13 @@ class HashMap {
     // A slot that keys were turned away from is not free: the overflow bits stay, and a table whose
     // bits are all set must be rebuilt some time, however few its elements are.
     if (!place.controls()->hasOverflowed(hash)) ++block_->free;
-    // A table that is nearly empty gets a smaller one at the next insertion.
-    if (block_->size < block_->groupCount() && !block_->emptiesAnother) block_->free = 0;
+    // A table that is nearly empty gets a smaller one at the next insertion. If there is none, the
+    // last deletion would have to give back everything.
+    if (block_->size < block_->groupCount() && !block_->emptiesAnother) {
+      block_->free = 0;
+      if (block_->size < block_->groupCount() / 512)
+        block_->releaseAround(place.entry, sizeof(Entry));
+    }
   }
 
   [[gnu::noinline]] void makeRoom() {
@@ -428,6 +439,7 @@ class HashMap {
     } else {
       for (size_t group = old->groupCount(); group-- > 0;) moveGroup(*old, group);
       release(old);
+      block_->useHugePages(sizeof(Entry));
     }
   }
   void moveSome() {
@@ -437,6 +449,7 @@ class HashMap {
     if (old->size == 0) {
       old->release(end);
       block_->emptiesAnother = false;
+      block_->useHugePages(sizeof(Entry));
     } else {
       end = old->releaseBehind(groups, sizeof(Entry), end);
     }

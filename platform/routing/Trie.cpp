@@ -27,15 +27,16 @@ bool BasicTrie<P>::erase(const P& prefix) {
   if (isNull(prefix) || (used_ >> level & 1) == 0) return false;
   const Bits bits = detail::bitsOf(prefix.addr());
   return at(*this, level, bits, [&](auto& table, auto path) {
-    auto* const node = table.find(path);
-    if (node == nullptr) return false;
-    const auto [word, bit] = node->place(nextOf(bits, level), prefix.len() - level * kStride);
-    if ((word & bit) == 0) return false;
-    word &= ~bit;
-    --size_;
-    if (node->isEmpty()) table.erase(path);
+    const size_t before = size_;
+    table.eraseIf(path, [&](detail::TrieNode& node) {
+      const auto [word, bit] = node.place(nextOf(bits, level), prefix.len() - level * kStride);
+      if ((word & bit) == 0) return false;
+      word &= ~bit;
+      --size_;
+      return node.isEmpty();
+    });
     if (table.empty()) used_ &= ~(1U << level);
-    return true;
+    return size_ != before;
   });
 }
 

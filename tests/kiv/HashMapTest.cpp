@@ -165,6 +165,20 @@ TEST(HashMapTest, GivesMemoryBackWhenItShrinks) {
   EXPECT_EQ(shared->referenceCount(), 1);
 }
 
+// Pages without an element go while the last ones are still there: those must keep their values.
+TEST(HashMapTest, KeepsTheLastOfManyElements) {
+  constexpr uint64_t kCount = 300'000;
+  HashMap<uint64_t, uint64_t> map;
+  for (uint64_t n = 0; n < kCount; ++n) map.tryEmplace(n, ~n);
+  for (uint64_t n = 0; n < kCount; ++n) {
+    if (n + 100 >= kCount) {
+      for (uint64_t left = n; left < kCount; ++left) ASSERT_EQ(*map.find(left), ~left);
+    }
+    ASSERT_TRUE(map.erase(n));
+  }
+  EXPECT_EQ(map.bytes(), 0u);
+}
+
 // Millions of maps are empty or nearly so.
 TEST(HashMapTest, SmallMapsAreSmall) {
   HashMap<uint32_t, Present> set;
