@@ -116,11 +116,7 @@ TableMemory::TableMemory(const TableConfig& config, size_t maxBytes)
     throw OpenException(titleOf(name_) + " cannot be mapped" + reason(error));
   }
   base_ = static_cast<std::byte*>(at);
-  if (!embedded) {
-    guard(reinterpret_cast<uintptr_t>(base_), reserved_);
-  } else if (reserved_ > kHugePage) {
-    ::madvise(base_ + kHugePage, reserved_ - kHugePage, MADV_HUGEPAGE);  // only makes it faster
-  }
+  if (!embedded) guard(reinterpret_cast<uintptr_t>(base_), reserved_);
 }
 
 TableMemory::~TableMemory() {
@@ -165,9 +161,14 @@ void TableMemory::provide(size_t at, size_t bytes) {
       error = ::posix_fallocate(fd_, static_cast<off_t>(at), static_cast<off_t>(bytes));
     } while (error == EINTR);
   } else if (end > bytes_) {
-    // Whole huge pages, for a table large enough to fill them.
+    const bool large = bytes >= kLargeRequest;
+    if (large && bytes_ >= kHugePage) {
+      // What is full by now, for the kernel to do in the background: where memory is fragmented, a
+      // huge page at the first touch holds up the update for milliseconds.
+      ::madvise(base_ + bytes_ - kHugePage, kHugePage, MADV_HUGEPAGE);
+    }
     const auto base = reinterpret_cast<uintptr_t>(base_);
-    end = bytes < kLargeRequest ? roundUp(end, kPage) : roundUp(base + end, kHugePage) - base;
+    end = large ? roundUp(base + end, kHugePage) - base : roundUp(end, kPage);
     end = std::min(end, reserved_);
     if (::mprotect(base_, end, PROT_READ | PROT_WRITE) != 0) error = errno;
   }

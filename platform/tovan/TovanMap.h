@@ -348,7 +348,8 @@ template <class Key, class Value>
 uint64_t TovanMap<Key, Value>::hashOf(const Words& words) const {
   uint64_t hash = seed_.add;
   for (size_t i = 0; i < kKeyWords; ++i) hash = Kiv::detail::fold(hash ^ words[i], seed_.multiply);
-  return hash;
+  // Once more: of keys in a row, some seeds send so many to one page that it can be split no more.
+  return Kiv::detail::fold(hash, seed_.multiply);
 }
 
 template <class Key, class Value>
@@ -661,13 +662,14 @@ auto TovanMap<Key, Value>::repairing(Step step) {
 template <class Key, class Value>
 bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
   requireWritable("write to read-only Tovan table");
-  const uint64_t hash = hashOf(pack(key));
-  Slot* slot = repairing([&] { return find(hash, pack(key)); });
+  const Words words = pack(key, value);
+  const uint64_t hash = hashOf(words);
+  Slot* slot = repairing([&] { return find(hash, words); });
   if (slot == nullptr) {
-    insert(hash, pack(key, value));
+    insert(hash, words);
     header().size.store(++size_, std::memory_order_relaxed);
   } else {
-    replace(*slot, hash, pack(key, value));
+    replace(*slot, hash, words);
   }
   ++changes_;
   return slot == nullptr;
