@@ -354,7 +354,9 @@ class LadenSwitch {
         scene_.direct(subnet + 1, {intfs_.back()});
         scene_.route(Net<F>::subnet(subnet), subnet + 1, true, name);
       }
-      scene_.initialized(name);
+      // As a daemon does; a machine that is not initialized notes every neighbour of the switch.
+      Daemon::forEachFamily(
+          [&](auto family) { scene_.sw.template setInitialized<decltype(family)>(name, true); });
     }
     for (size_t host = 0; host < vrfs * hosts; ++host) learn(host);
     require(scene_.hostRoutes() == hosts, "a neighbour lacks its route");

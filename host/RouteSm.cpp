@@ -3,6 +3,7 @@
 #include "host/Family.h"
 #include "host/ReceiveRoutes.h"
 #include "hostcore/Lifecycle.h"
+#include "hostcore/Listening.h"
 #include "hostcore/NeighborEntries.h"
 #include "hostcore/ReceiveRoutes.h"
 #include "platform/kiv/Assert.h"
@@ -35,6 +36,7 @@ RouteSm::RouteSm(
   inputsStored_ = true;
   forEachReactor([this](auto& reactor) { reactor.routeSmIs(this); });
 
+  HostCore::Listening<Ipv4>(*this).routesFound();
   handleFec();
   if (this->ipStatus()) this->ipStatus()->onIpIntfStatuskivImmediate();
   if (this->neighborDirByIntfName()) {
@@ -73,19 +75,27 @@ void RouteSm::forEachReactor(Visit visit) {
 void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
   kivFwkActivity_.set(*this, activityConfig);
   forEachReactor([&](auto& reactor) { reactor.kivFwkActivityIs(activityConfig); });
+  HostCore::Listening<Ipv4>(*this).review();
 }
 
 void RouteSm::hasNotificationActiveIs(bool active) {
   hasNotificationActive_ = active;
+  if (!active) HostCore::Listening<Ipv4>(*this).missed();
   forEachReactor([active](auto& reactor) { reactor.hasNotificationActiveIs(active); });
 }
 
 void RouteSm::kivDoZombieReactors(bool zombie) {
+  if (zombie) HostCore::Listening<Ipv4>(*this).missed();
   forEachReactor([zombie](auto& reactor) { reactor.kivDoZombieReactors(zombie); });
 }
 
-void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) const noexcept {
+void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept {
   HostCore::reportException(hostRouteTrace, *this, reactor, id);
+  HostCore::Listening<Ipv4>(*this).missed();
+}
+
+void RouteSm::inputReplaced(bool changed) {
+  if (changed) HostCore::Listening<Ipv4>(*this).missed();
 }
 
 void RouteSm::newFwdStatus(const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus) {
@@ -122,6 +132,7 @@ void RouteSm::newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighbo
 
 void RouteSm::newVirtualIpStatus(const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus) {
   HostCore::bindNew(virtualIpStatus_, *this, inputsStored_, virtualIpStatus);
+  inputReplaced(inputsStored_);
 }
 
 const Fhrp::VirtualIpStatus* RouteSm::virtualIps() const noexcept {
@@ -180,6 +191,7 @@ void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
               "Routing::Host::RouteSm::arpIntfStatus not allowed");
   const ArpTable former =
       HostCore::bindMember(arpIntfStatus_, *this, arpIntfStatus->name(), arpIntfStatus);
+  HostCore::Listening<Ipv4>(*this).review(arpIntfStatus->intfId());
   if (former && former != arpIntfStatus) {
     HostCore::NeighborEntries<Ipv4>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
   }
@@ -197,7 +209,9 @@ void RouteSm::kiv_handleArpIntfStatus(KivArpIntfStatus& reactor) {
 }
 
 void RouteSm::initializedIs(bool initialized) {
-  if (initialized_.set(*this, initialized)) handleInitialized();
+  if (!initialized_.set(*this, initialized)) return;
+  HostCore::Listening<Ipv4>(*this).review();
+  handleInitialized();
 }
 
 void RouteSm::handleInitialized() {

@@ -2,15 +2,19 @@
 #include "hostcore/VirtualIp.h"
 
 #include "host/Family.h"
+#include "hostcore/Listening.h"
 
 namespace Routing::Host {
 
 // Deliberate: this handler minds its own VRF's virtual addresses only, while the writer gives way
 // to those of any VRF.
 bool RouteSm::handleVirtualIpStatus(const Fhrp::VrfIpWithMaskPair& vrfIpWithMask) {
-  if (vrfIpWithMask.vrfName() != vrfName()) return true;
   const auto addr = vrfIpWithMask.v4Addr();
   if (!addr) return true;
+  if (vrfIpWithMask.vrfName() != vrfName()) {
+    HostCore::Listening<Ipv4>(*this).foreignVirtualIpChanged(*addr);
+    return true;
+  }
   KIV_TRACE(hostRouteTrace, 8, *this,
             "bool Routing::Host::RouteSm::handleVirtualIpStatus("
             "const Routing::Fhrp::VrfIpWithMaskPair&)"

@@ -3,6 +3,7 @@
 #include "host6/Family.h"
 #include "host6/ReceiveRoutes.h"
 #include "hostcore/Lifecycle.h"
+#include "hostcore/Listening.h"
 #include "hostcore/NeighborEntries.h"
 #include "hostcore/ReceiveRoutes.h"
 #include "platform/kiv/Assert.h"
@@ -38,6 +39,7 @@ RouteSm::RouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
   inputsStored_ = true;
   forEachReactor([this](auto& reactor) { reactor.routeSmIs(this); });
 
+  HostCore::Listening<Ipv6>(*this).routesFound();
   handleFec();
   if (this->ipStatus()) this->ipStatus()->onIntfkivImmediate();
   if (this->neighborDirByIntfName()) {
@@ -76,19 +78,27 @@ void RouteSm::forEachReactor(Visit visit) {
 void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
   kivFwkActivity_.set(*this, activityConfig);
   forEachReactor([&](auto& reactor) { reactor.kivFwkActivityIs(activityConfig); });
+  HostCore::Listening<Ipv6>(*this).review();
 }
 
 void RouteSm::hasNotificationActiveIs(bool active) {
   hasNotificationActive_ = active;
+  if (!active) HostCore::Listening<Ipv6>(*this).missed();
   forEachReactor([active](auto& reactor) { reactor.hasNotificationActiveIs(active); });
 }
 
 void RouteSm::kivDoZombieReactors(bool zombie) {
+  if (zombie) HostCore::Listening<Ipv6>(*this).missed();
   forEachReactor([zombie](auto& reactor) { reactor.kivDoZombieReactors(zombie); });
 }
 
-void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) const noexcept {
+void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept {
   HostCore::reportException(hostRoute6Trace, *this, reactor, id);
+  HostCore::Listening<Ipv6>(*this).missed();
+}
+
+void RouteSm::inputReplaced(bool changed) {
+  if (changed) HostCore::Listening<Ipv6>(*this).missed();
 }
 
 void RouteSm::newFwdStatus(const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus) {
@@ -126,6 +136,7 @@ void RouteSm::newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighbo
 void RouteSm::newVirtualIp6Status(
     const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status) {
   HostCore::bindNew(virtualIp6Status_, *this, inputsStored_, virtualIp6Status);
+  inputReplaced(inputsStored_);
 }
 
 const Routing::Fhrp::VirtualIp6Status* RouteSm::virtualIps() const noexcept {
@@ -184,6 +195,7 @@ void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
               "Routing6::Host::RouteSm::arpIntfStatus not allowed");
   const ArpTable former =
       HostCore::bindMember(arpIntfStatus_, *this, arpIntfStatus->name(), arpIntfStatus);
+  HostCore::Listening<Ipv6>(*this).review(arpIntfStatus->intfId());
   if (former && former != arpIntfStatus) {
     HostCore::NeighborEntries<Ipv6>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
   }
@@ -201,7 +213,9 @@ void RouteSm::kiv_handleArpIntfStatus(KivArpIntfStatus& reactor) {
 }
 
 void RouteSm::initializedIs(bool initialized) {
-  if (initialized_.set(*this, initialized)) handleInitialized();
+  if (!initialized_.set(*this, initialized)) return;
+  HostCore::Listening<Ipv6>(*this).review();
+  handleInitialized();
 }
 
 void RouteSm::handleInitialized() {

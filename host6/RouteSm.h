@@ -3,6 +3,7 @@
 
 #include "host6/RouteSmRoot.h"
 #include "hostcore/Frame.h"
+#include "hostcore/Interest.h"
 #include "platform/arp/NeighborDir.h"
 #include "platform/ip/Ip6Status.h"
 #include "platform/kiv/Attributes.h"
@@ -188,7 +189,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// The shared-memory route table: FIB routes shorter than a host prefix are read from it, the
   /// merged host routes are written into it.
-  KIV_POINTER(258, routeStatus, RouteStatus, Tovan::Fib6::RouteStatus)
+  KIV_POINTER_VIEW(258, routeStatus, RouteStatus, Tovan::Fib6::RouteStatus)
+  void routeStatusIs(const Kiv::Ptr<Tovan::Fib6::RouteStatus>& routeStatus) {
+    inputReplaced(routeStatus_.set(*this, routeStatus));
+  }
 
   KIV_SINGLETON(259, fwdStatus, FwdStatus, KivFwdStatus)
   void newFwdStatus(const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus);
@@ -196,7 +200,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   const Tovan::Fib6::ForwardingStatus* forwardingStatus() const noexcept;
 
   /// The daemon's FIB host routes; only read.
-  KIV_POINTER(260, hostStatus, HostStatus, const Status)
+  KIV_POINTER_VIEW(260, hostStatus, HostStatus, const Status)
+  void hostStatusIs(const Kiv::Ptr<const Status>& hostStatus) {
+    inputReplaced(hostStatus_.set(*this, hostStatus));
+  }
 
   KIV_SINGLETON(261, ribReadyStatus, RibReadyStatus, KivRibReadyStatus)
   void newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus);
@@ -211,7 +218,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// Keeper of the host adjacencies of the root's tables and the FIB adjacencies of the route
   /// table.
-  KIV_POINTER(269, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
+  KIV_POINTER_VIEW(269, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
+  void adjHelperIs(const Kiv::Ptr<Rovel::Adjacency6Helper>& adjHelper) {
+    inputReplaced(adjHelper_.set(*this, adjHelper));
+  }
 
   KIV_SINGLETON(272, ipStatus, IpStatus, KivIpStatus)
   void newIpStatus(const Ip6::Status::PtrConst& ipStatus);
@@ -257,9 +267,11 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   KIV_FURTHER_DELETIONS(arpIntfStatus, ArpIntfStatus)
 
   /// The root that owns this machine's state.
-  KIV_POINTER(283, root, Root, RouteSmRoot)
+  KIV_POINTER_VIEW(283, root, Root, RouteSmRoot)
+  void rootIs(const Kiv::Ptr<RouteSmRoot>& root) { inputReplaced(root_.set(*this, root)); }
 
-  KIV_SINGLETON(290, virtualIp6Status, VirtualIp6Status, KivVirtualIp6Status)
+  KIV_SINGLETON_VIEW(290, virtualIp6Status, VirtualIp6Status, KivVirtualIp6Status)
+  void virtualIp6StatusDel() { inputReplaced(virtualIp6Status_.del(*this)); }
   void newVirtualIp6Status(const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status);
   /// The virtual addresses themselves, or null.
   const Routing::Fhrp::VirtualIp6Status* virtualIps() const noexcept;
@@ -340,8 +352,11 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Puts every reactor into or out of the state in which nothing is delivered.
   void kivDoZombieReactors(bool zombie);
 
+  /// What it remembers to tell which neighbours are its affair; kept by HostCore::Listening.
+  HostCore::Interest<Zemit::Ip6Addr>& interest() noexcept { return interest_; }
+
   /// Traces the exception with which a reactor's callback has just ended.
-  void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) const noexcept;
+  void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
 
  private:
   void kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter);
@@ -351,6 +366,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   template <class Visit>
   void forEachReactor(Visit visit);
 
+  /// An input may be another object than it was, and is if `changed`.
+  void inputReplaced(bool changed);
+
+  HostCore::Interest<Zemit::Ip6Addr> interest_;
   bool hasNotificationActive_ = true;
   bool inputsStored_ = false;
 };

@@ -2,14 +2,18 @@
 #include "hostcore/VirtualIp.h"
 
 #include "host6/Family.h"
+#include "hostcore/Listening.h"
 
 namespace Routing6::Host {
 
 // Deliberate: this handler minds its own VRF's virtual addresses only, while the writer gives way
 // to those of any VRF.
 bool RouteSm::handleVirtualIp6Status(const Routing::Fhrp::VrfIpPair& vrfIpPair) {
-  if (vrfIpPair.vrfName() != vrfName()) return true;
   const Zemit::Ip6Addr& addr = vrfIpPair.vrfIp();
+  if (vrfIpPair.vrfName() != vrfName()) {
+    HostCore::Listening<Ipv6>(*this).foreignVirtualIpChanged(addr);
+    return true;
+  }
   KIV_TRACE(hostRoute6Trace, 8, *this,
             "bool Routing6::Host::RouteSm::handleVirtualIp6Status("
             "const Routing::Fhrp::VrfIpPair&)"

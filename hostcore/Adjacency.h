@@ -1,6 +1,7 @@
 // Following the FECs through which FIB routes resolve.
 #pragma once
 
+#include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 #include "platform/obu/FibLookup.h"
 
@@ -118,6 +119,7 @@ typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldP
 
 template <Family F>
 void Adjacency<F>::handleFec(Tovan::Fib::FecId fecId) {
+  Listening<F>(sm_).fecChanged(fecId);
   if (!root_.adjacencyToPrefix(fecId)) return;
   // Handling a route files its prefix again, perhaps in a new list, so the walk is over the
   // prefixes that were there at the start and still are.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 #include "platform/obu/FibLookup.h"
 
@@ -92,6 +93,10 @@ template <Family F>
 void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
+    const auto* known = sm_.rootRaw();
+    if (known != nullptr && known->prefixToRouteFind(prefix) != nullptr) {
+      Listening<F>(sm_).routePassedOver(prefix, fibRoute);
+    }
     return;
   }
   auto& root = Kiv::validPtr(sm_.rootRaw());
@@ -99,7 +104,10 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   const Route* tracked = root.prefixToRouteFind(prefix);
 
   if (fibRoute.key == prefix) {
-    if (tracked != nullptr && *tracked == fibRoute) return;
+    if (tracked != nullptr && *tracked == fibRoute) {
+      Listening<F>(sm_).routePassedOver(prefix, fibRoute);
+      return;
+    }
     if (tracked == nullptr) {
       KIV_TRACE(F::trace(), 6, sm_, "oldFibRoute for " << prefix << F::Text::kWasNone);
     } else {
@@ -107,6 +115,8 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
     }
     F::neighborSetIs(root, prefix);
     trie.routeIs(prefix, true);
+    const auto oldFec = tracked == nullptr ? Tovan::Fib::invalidFecId : tracked->fecId;
+    Listening<F>(sm_).routeMoved(oldFec, fibRoute.fecId);
     root.prefixToRouteIs(fibRoute);
     if (prefix.len() != F::Addr::kBits) {
       sm_.handleAdjacency(fibRoute);
@@ -129,7 +139,9 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   }
   root.prefixToAdjacencyDel(prefix);
   F::neighborSetDel(root, prefix);
-  root.prefixToRouteDel(prefix);
+  if (root.prefixToRouteDel(prefix)) {
+    Listening<F>(sm_).routeMoved(old.fecId, Tovan::Fib::invalidFecId);
+  }
 }
 
 template <Family F>

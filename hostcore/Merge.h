@@ -3,6 +3,7 @@
 
 #include <array>
 
+#include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 
 namespace HostCore {
@@ -89,7 +90,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute) {
   }
   KIV_TRACE(F::trace(), 6, sm_, "associating " << ip << " with address set for " << fibRoute.key);
   // All that can fail comes before the first change.
-  const auto vias = neighborVias(ip, fibRoute);
+  const auto vias = Listening<F>(sm_).guarded([&] { return neighborVias(ip, fibRoute); });
   const auto& table = F::neighborTable(root_);
   auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
   const Prefix host = hostPrefix<F>(ip);
@@ -169,7 +170,8 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
     }
     return;
   }
-  mergeAll(ascending(Kiv::validPtr(changed)->ipIteratorConst()));
+  Listening<F>(sm_).guarded(
+      [&] { mergeAll(ascending(Kiv::validPtr(changed)->ipIteratorConst())); });
 }
 
 template <Family F>
@@ -179,7 +181,7 @@ void Merge<F>::doMerge(const Addr& changed) {
     Kiv::validPtr(root_.toMerge())->ipIs(changed, true);
     return;
   }
-  mergeAll(std::array{changed});
+  Listening<F>(sm_).guarded([&] { mergeAll(std::array{changed}); });
 }
 
 template <Family F>
@@ -206,6 +208,7 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
     }
     if (const auto* adjHelper = sm_.adjHelperRaw()) adjHelper->prefetch(heldFec);
     mergeOne(addr, existing);
+    Listening<F>(sm_).settled(addr);
   }
   if (heldFec != Tovan::Fib::invalidFecId) {
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", F::Text::kDroppingLast << heldFec);

@@ -1,9 +1,11 @@
 #include "platform/kiv/Notifiee.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "platform/kiv/Activity.h"
 #include "platform/kiv/Entity.h"
+#include "platform/kiv/Trace.h"
 
 namespace Kiv {
 
@@ -22,6 +24,12 @@ void Notifiee::isRegisteredNotifieeIs(bool registered) {
     if (activity_) activity_->withdraw(*this);
     if (hold_ == Hold::kWeak) notifier_ = nullptr;
   }
+}
+
+void Notifiee::isQuietIs(bool quiet) {
+  if (quiet == quiet_) return;
+  quiet_ = quiet;
+  if (registered_) notifier_->notifierList().quietChanged(quiet);
 }
 
 void Notifiee::kivFwkActivityIs(const Ptr<ActivityConfig>& activity) {
@@ -61,17 +69,40 @@ void Notifiee::notifierIsGone() noexcept {
 void NotifierList::add(Notifiee& notifiee) {
   slots_.push_back(&notifiee);
   ++count_;
+  quiet_ += notifiee.isQuiet() ? 1 : 0;
+  alertIsStale_ = true;
 }
 
 void NotifierList::remove(Notifiee& notifiee) noexcept {
   const auto slot = std::find(slots_.begin(), slots_.end(), &notifiee);
   if (slot == slots_.end()) return;
   --count_;
+  quiet_ -= notifiee.isQuiet() ? 1 : 0;
+  alertIsStale_ = true;
   if (walks_ == 0) {
     slots_.erase(slot);
   } else {
     *slot = nullptr;
+    std::replace(alert_.begin(), alert_.end(), &notifiee, static_cast<Notifiee*>(nullptr));
   }
+}
+
+void NotifierList::quietChanged(bool quiet) noexcept {
+  quiet_ += quiet ? 1 : size_t{0} - 1;
+  alertIsStale_ = true;
+}
+
+const std::vector<Notifiee*>& NotifierList::toWalk() {
+  if (quiet_ == 0 || TraceFacility::anyBuilds()) return slots_;
+  if (alertIsStale_) {
+    // Another walk may be on the stale list. To tell a quiet one too is never wrong.
+    if (walks_ != 0) return slots_;
+    alert_.clear();
+    std::copy_if(slots_.begin(), slots_.end(), std::back_inserter(alert_),
+                 [](const Notifiee* notifiee) { return !notifiee->isQuiet(); });
+    alertIsStale_ = false;
+  }
+  return alert_;
 }
 
 void NotifierList::ownerIsGone() noexcept {
@@ -79,6 +110,7 @@ void NotifierList::ownerIsGone() noexcept {
     if (notifiee != nullptr) notifiee->notifierIsGone();
     notifiee = nullptr;
   }
+  std::fill(alert_.begin(), alert_.end(), nullptr);
   count_ = 0;
   orphaned_ = true;
   if (walks_ == 0) delete this;

@@ -46,6 +46,12 @@ class Notifiee : public Object {
   /// it, of whose end it would not be told.
   void isRegisteredNotifieeIs(bool registered);
 
+  bool isQuiet() const noexcept { return quiet_; }
+  /// A quiet notifiee is told of changes only while something is traced. For one that knows, for
+  /// the time being, that a change of its notifier would move it to nothing but trace statements:
+  /// where many watch, those whom a change does not concern cost nothing.
+  void isQuietIs(bool quiet);
+
   /// The activity that delivers to this reactor; null means at once.
   const Ptr<ActivityConfig>& kivFwkActivity() const noexcept { return activity_; }
   /// Moves to another activity, with the notifications that wait; one that does not queue delivers
@@ -92,6 +98,7 @@ class Notifiee : public Object {
   bool registered_ = false;
   bool active_ = true;
   bool zombie_ = false;
+  bool quiet_ = false;
 };
 
 /// Base of a type's `NotifieeConst`: a notifiee of one T.
@@ -119,6 +126,8 @@ class NotifierList {
   bool empty() const noexcept { return count_ == 0; }
   void add(Notifiee& notifiee);
   void remove(Notifiee& notifiee) noexcept;
+  /// A notifiee in the list has become quiet, or is so no longer.
+  void quietChanged(bool quiet) noexcept;
   /// The entity goes: its notifiees lose their notifier. Deletes the list when no walk is under
   /// way, else the last walk does.
   void ownerIsGone() noexcept;
@@ -126,18 +135,25 @@ class NotifierList {
  private:
   friend class SnapshotIterator;
   ~NotifierList() = default;
+  /// Those to tell of a change now.
+  const std::vector<Notifiee*>& toWalk();
   void endWalk() noexcept;
 
   std::vector<Notifiee*> slots_;  // null: left while a walk was under way
+  std::vector<Notifiee*> alert_;  // those in slots_ that are not quiet; see alertIsStale_
   size_t count_ = 0;
+  size_t quiet_ = 0;
   unsigned walks_ = 0;
+  bool alertIsStale_ = false;
   bool orphaned_ = false;
 };
 
-/// Walks the notifiees that a list had when the walk began and still has.
+/// Walks the notifiees that a list had when the walk began and still has; quiet ones only while
+/// something is traced.
 class SnapshotIterator {
  public:
-  explicit SnapshotIterator(NotifierList& list) : list_(list), end_(list.slots_.size()) {
+  explicit SnapshotIterator(NotifierList& list)
+      : list_(list), slots_(list.toWalk()), end_(slots_.size()) {
     ++list_.walks_;
   }
   SnapshotIterator(const SnapshotIterator&) = delete;
@@ -150,7 +166,7 @@ class SnapshotIterator {
   /// The next notifiee, or null at the end.
   Notifiee* next() noexcept {
     Notifiee* notifiee = nullptr;
-    while (at_ < end_ && notifiee == nullptr) notifiee = list_.slots_[at_++];
+    while (at_ < end_ && notifiee == nullptr) notifiee = slots_[at_++];
     standOn(notifiee);
     return notifiee;
   }
@@ -166,6 +182,7 @@ class SnapshotIterator {
   }
 
   NotifierList& list_;
+  const std::vector<Notifiee*>& slots_;  // may grow and lose members meanwhile
   size_t at_ = 0;
   size_t end_;
   Notifiee* current_ = nullptr;

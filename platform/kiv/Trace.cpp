@@ -22,6 +22,8 @@ Tracer::Sink& currentSink() {
 
 }  // namespace
 
+std::atomic<uint32_t> TraceFacility::building_ = 0;
+
 TraceFacility::TraceFacility(const char* name, const char* sourceModule)
     : name_(name), sourceModule_(sourceModule), next_(std::exchange(firstFacility, this)) {
   refresh();
@@ -49,7 +51,11 @@ void TraceFacility::levelIs(unsigned level, bool enabled) {
 void TraceFacility::refresh() noexcept {
   const uint32_t enabled = enabled_ ? levels_ : 0;
   enabledMask_.store(enabled, std::memory_order_relaxed);
-  buildMask_.store(coverage == nullptr ? enabled : ~uint32_t{0}, std::memory_order_relaxed);
+  const uint32_t builds = coverage == nullptr ? enabled : ~uint32_t{0};
+  const uint32_t built = buildMask_.exchange(builds, std::memory_order_relaxed);
+  if ((builds != 0) != (built != 0)) {
+    building_.fetch_add(builds != 0 ? 1 : ~uint32_t{0}, std::memory_order_relaxed);
+  }
 }
 
 void Tracer::sinkIs(Sink sink) {

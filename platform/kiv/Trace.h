@@ -45,6 +45,8 @@ class TraceFacility {
   bool builds(unsigned level) const noexcept {
     return (buildMask_.load(std::memory_order_relaxed) >> level) & 1;
   }
+  /// True when any statement of any facility builds its message.
+  static bool anyBuilds() noexcept { return building_.load(std::memory_order_relaxed) != 0; }
 
  private:
   friend class Tracer;
@@ -57,6 +59,7 @@ class TraceFacility {
   bool enabled_ = true;
   std::atomic<uint32_t> enabledMask_{0};
   std::atomic<uint32_t> buildMask_{0};
+  static std::atomic<uint32_t> building_;  // how many facilities have a level that builds
 };
 
 /// One enabled statement that was reached.

@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 
+#include "platform/kiv/Trace.h"
 #include "tests/kiv/Bridge.h"
 
 namespace {
@@ -146,6 +147,29 @@ TEST_F(NotifieeTest, WhatIsMissedWhileDeliveryIsOffIsLost) {
   watcher->kivDoZombieReactors(true);
   EXPECT_FALSE(watcher->isLive());
   expectNothingUntil([&] { watcher->kivDoZombieReactors(false); });
+}
+
+TEST_F(NotifieeTest, AQuietNotifieeIsToldOnlyWhileSomethingIsTraced) {
+  static Kiv::TraceFacility facility("NotifieeTest", "NotifieeTest");
+  const auto first = watcherOf(bridge, "first");
+  auto second = watcherOf(bridge, "second");
+  first->isQuietIs(true);
+  EXPECT_EQ(announce(), Log{"second vlan 1"});
+  facility.levelIs(0, true);
+  EXPECT_EQ(announce(), (Log{"first vlan 1", "second vlan 1"}));
+  facility.levelIs(0, false);
+
+  // Who goes quiet, or away, while the others are told.
+  second->then = [&] { second = nullptr; };
+  const auto third = watcherOf(bridge, "third");
+  EXPECT_EQ(announce(), (Log{"second vlan 1", "third vlan 1"}));
+  EXPECT_EQ(announce(), Log{"third vlan 1"});
+  first->isRegisteredNotifieeIs(false);
+  third->isQuietIs(true);
+  EXPECT_EQ(announce(), Log{});
+  first->isRegisteredNotifieeIs(true);
+  first->isQuietIs(false);
+  EXPECT_EQ(announce(), Log{"first vlan 1"});
 }
 
 TEST_F(NotifieeTest, ANotifieeThatDoesNotHoldItsNotifierIsToldOfItsEnd) {

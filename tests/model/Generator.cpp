@@ -105,10 +105,11 @@ void Generator::setTheScene() {
     if (chance(30)) scene_.push_back(addr(of));
     if (chance(30)) scene_.push_back({{"op", "intf"}, {"name", pick(kIntfs)}, {"vrf", vrf()}});
   }
-  for (size_t i = 0; i < 2; ++i) {
+  Texts initialized = {vrf(), vrf()};
+  if (weights_.apart) initialized = kVrfs;
+  for (const std::string& vrf : initialized) {
     const auto at = static_cast<std::ptrdiff_t>(below(scene_.size()));
-    scene_.insert(scene_.begin() + at,
-                  json{{"op", "initialized"}, {"vrf", vrf()}, {"value", true}});
+    scene_.insert(scene_.begin() + at, json{{"op", "initialized"}, {"vrf", vrf}, {"value", true}});
   }
 }
 
@@ -116,9 +117,15 @@ std::string Generator::vrf() {
   return weights_.manyVrfs ? pick(kVrfs) : "default";
 }
 
+uint64_t Generator::fecOf(const std::string& vrf) {
+  if (!weights_.apart || chance(5)) return 1 + below(kFecs);
+  return vrf == "default" ? 1 : vrf == "blue" ? 2 : 3;
+}
+
 json Generator::route(const std::string& prefix, const Universe& of) {
-  json event = {{"op", "route"}, {"vrf", vrf()}, {"prefix", prefix}, {"type", pick(of.routeTypes)}};
-  if (!chance(10)) event["fec"] = 1 + below(kFecs);
+  const std::string in = vrf();
+  json event = {{"op", "route"}, {"vrf", in}, {"prefix", prefix}, {"type", pick(of.routeTypes)}};
+  if (!chance(10)) event["fec"] = fecOf(in);
   if (chance(25)) event["metric"] = 10 * below(3);
   if (chance(15)) event["preference"] = 1 + below(2);
   return event;
@@ -128,7 +135,8 @@ json Generator::fec(uint64_t id, const Universe& of) {
   std::set<std::pair<std::string, std::string>> vias;
   // One direct via is the usual case.
   for (uint64_t n = chance(60) ? 1 : below(4); n > 0; --n) {
-    vias.emplace(pick(kIntfs), chance(25) ? pick(of.gateways) : "");
+    const std::string& intf = weights_.apart && !chance(10) ? kIntfs[id % 3] : pick(kIntfs);
+    vias.emplace(intf, chance(25) ? pick(of.gateways) : "");
   }
   json list = json::array();
   for (const auto& [intf, hop] : vias) {

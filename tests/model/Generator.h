@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -32,8 +33,14 @@ struct Weights {
   bool ipv4 = true;
   bool ipv6 = true;
   bool manyVrfs = true;  ///< false: the default VRF only
+  bool apart = false;    ///< each VRF has a FEC and an interface of its own, for the most part
   bool crowded = false;  ///< a hundred neighbours in place of ten, and prefixes of all sizes there
 };
+
+/// The weights of a named universe: "crowded", "apart", or the small one.
+inline Weights weightsOf(std::string_view universe) {
+  return {.apart = universe == "apart", .crowded = universe == "crowded"};
+}
 
 /// Makes one valid replay event after another; the same seed makes the same events.
 class Generator {
@@ -55,6 +62,8 @@ class Generator {
   std::string prefix(const Universe& of);
   std::string vrf();
   nlohmann::json random();
+  /// A FEC for a route of the VRF.
+  uint64_t fecOf(const std::string& vrf);
   nlohmann::json route(const std::string& prefix, const Universe& of);
   nlohmann::json fec(uint64_t id, const Universe& of);
   nlohmann::json addr(const Universe& of);

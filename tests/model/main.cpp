@@ -26,8 +26,8 @@ int replay(std::istream& in, bool settle) {
   return 0;
 }
 
-int generate(const char* seed, const char* count, bool crowded) {
-  Golden::Generator generator(std::stoull(seed), {.crowded = crowded});
+int generate(const char* seed, const char* count, const char* universe) {
+  Golden::Generator generator(std::stoull(seed), Golden::weightsOf(universe));
   for (auto left = std::stoull(count); left > 0; --left) std::cout << generator.next() << '\n';
   return 0;
 }
@@ -35,13 +35,13 @@ int generate(const char* seed, const char* count, bool crowded) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bool crowded = argc == 5 && std::strcmp(argv[4], "crowded") == 0;
-  if ((argc == 4 || crowded) && std::strcmp(argv[1], "--generate") == 0) {
-    return generate(argv[2], argv[3], crowded);
+  if ((argc == 4 || argc == 5) && std::strcmp(argv[1], "--generate") == 0) {
+    return generate(argv[2], argv[3], argc == 5 ? argv[4] : "");
   }
   const bool settle = argc == 3 && std::strcmp(argv[2], "--settle") == 0;
   if (argc != 2 && !settle) {
-    std::cerr << "usage: model FILE [--settle]\n       model --generate SEED COUNT [crowded]\n";
+    std::cerr
+        << "usage: model FILE [--settle]\n       model --generate SEED COUNT [crowded|apart]\n";
     return 2;
   }
   if (std::strcmp(argv[1], "-") == 0) return replay(std::cin, settle);

@@ -1,0 +1,31 @@
+// What a state machine remembers to tell which neighbours are its affair.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/kiv/HashMap.h"
+#include "platform/kiv/SmallVector.h"
+#include "platform/tovan/FibTypes.h"
+#include "platform/zemit/IntfId.h"
+
+namespace HostCore {
+
+/// The part of a machine that HostCore::Listening keeps.
+template <class Addr>
+struct Interest {
+  /// A FEC of tracked routes.
+  struct Fec {
+    uint32_t routes = 0;                    ///< how many resolve through it
+    Kiv::SmallVector<Zemit::IntfId> intfs;  ///< of its vias
+  };
+
+  Kiv::HashMap<Tovan::Fib::FecId, Fec> fecs;
+  /// The interfaces through which tracked routes leave, each with the number of such vias.
+  Kiv::HashMap<Zemit::IntfId, uint32_t> intfs;
+  /// The addresses for which a merge would change something that no handler has yet been told of.
+  Kiv::HashMap<Addr, Kiv::Present> unsettled;
+  /// Something has passed the machine by: its remaining memory of it proves nothing.
+  bool isBlind = false;
+};
+
+}  // namespace HostCore
