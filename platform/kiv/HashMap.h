@@ -186,12 +186,21 @@ class HashMap {
   /// one. \returns the hash to call it with.
   uint32_t prefetch(const K& key) const {
     const uint32_t hash = H()(key);
+    prefetchHash(hash);
+    return hash;
+  }
+  void prefetchHash(uint32_t hash) const {
     const Place place(block_, homeOf(block_, hash));
     __builtin_prefetch(place.control);
     __builtin_prefetch(place.entry + firstChoice(hash));
-    return hash;
   }
   const V* find(const K& key, uint32_t hash) const { return valueAt(locate(key, hash)); }
+  /// The key that equals `probe`, of another type, whose hash is `hash`; or null.
+  template <class Probe>
+  const K* findKey(const Probe& probe, uint32_t hash) const {
+    const Place place = locate(probe, hash);
+    return place ? &place.entry->key : nullptr;
+  }
   bool contains(const K& key) const { return bool(locate(key)); }
 
   /// The value of `key`, which is made of `args` if there was none. \returns true when it was made.
@@ -201,6 +210,11 @@ class HashMap {
     if (const Place found = locate(key, hash); found) {
       return {&found.entry->value, false};
     }
+    return {add(key, hash, std::forward<Args>(args)...), true};
+  }
+  /// Adds an element, as tryEmplace() does. \pre there is none with this key, whose hash is `hash`
+  template <class... Args>
+  V* add(const K& key, uint32_t hash, Args&&... args) {
     if (block_->free == 0 || block_->emptiesAnother) makeRoom();
     block_->generation = detail::nextHashGeneration();
     const Place place = emptyPlace(block_, hash);
@@ -208,7 +222,7 @@ class HashMap {
     *place.control = Group::tagOf(hash);
     ++block_->size;
     --block_->free;
-    return {&entry->value, true};
+    return &entry->value;
   }
   /// Makes `value` the value of `key`. \returns true when there was none.
   bool insertOrAssign(const K& key, V value) {
@@ -289,14 +303,16 @@ class HashMap {
   static V* valueAt(const Place& place) { return place ? &place.entry->value : nullptr; }
 
   Place locate(const K& key) const { return locate(key, H()(key)); }
-  Place locate(const K& key, uint32_t hash) const {
+  template <class Probe>
+  Place locate(const Probe& key, uint32_t hash) const {
     const size_t home = homeOf(block_, hash);
     if (const Place found = locateInGroup(block_, home, key, hash)) return found;
     const bool isLast = !block_->group(home)->hasOverflowed(hash) && !block_->emptiesAnother;
     return isLast ? Place() : locateBeyond(key, hash);
   }
   /// The search in all the other groups the key can be in, in the older block too.
-  [[gnu::noinline]] Place locateBeyond(const K& key, uint32_t hash) const {
+  template <class Probe>
+  [[gnu::noinline]] Place locateBeyond(const Probe& key, uint32_t hash) const {
     for (Block* block = block_; block != nullptr; block = older(block)) {
       size_t group = homeOf(block, hash);
       for (size_t step = 1; step <= block->groupCount(); ++step) {
@@ -309,7 +325,8 @@ class HashMap {
     }
     return {};
   }
-  static Place locateInGroup(Block* block, size_t group, const K& key, uint32_t hash) {
+  template <class Probe>
+  static Place locateInGroup(Block* block, size_t group, const Probe& key, uint32_t hash) {
     uint32_t tagged = Matcher::tagged(*block->group(group), hash);
     if (tagged == 0) return {};
     const Place first(block, group);

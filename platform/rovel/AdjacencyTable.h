@@ -37,12 +37,16 @@ class AdjacencyTable {
   uint32_t users(uint64_t index) const {
     return index == 0 || index > count_ ? 0 : entry(index).users;
   }
-  /// Begins to fetch what take() reads of a set, or what the others read of an entry.
-  void prefetch(const ViaSet& vias) const { indices_.prefetch(vias); }
+  /// Begins to fetch what take() or the last drop() reads of a set, or what the others read of an
+  /// entry.
+  void prefetch(const ViaSet& vias) const {
+    numbers_.prefetchHash(vias.hash());
+    prefetch(uint64_t{firstFree_});
+  }
   void prefetch(uint64_t index) const {
     if (index != 0 && index <= count_) __builtin_prefetch(&entry(index));
   }
-  size_t size() const noexcept { return indices_.size(); }
+  size_t size() const noexcept { return numbers_.size(); }
   /// The number that the next new entry gets.
   Index next() const { return firstFree_ != 0 ? firstFree_ : count_ + 1; }
 
@@ -61,6 +65,24 @@ class AdjacencyTable {
     Index nextFree = 0;  // while there are no users
   };
 
+  /// An entry's number, found by the hash of its set: the set itself stands in the entry alone.
+  struct Number {
+    uint32_t hashOfVias = 0;
+    Index index = 0;
+
+    uint32_t hash() const { return hashOfVias; }
+    friend bool operator==(const Number&, const Number&) = default;
+  };
+  struct Sought {
+    const AdjacencyTable& table;
+    const ViaSet& vias;
+    uint32_t hashOfVias;
+
+    bool operator==(const Number& number) const {
+      return number.hashOfVias == hashOfVias && table.entry(number.index).vias == vias;
+    }
+  };
+
   static constexpr uint64_t kChunk = 256;
 
   Entry& entry(uint64_t index) const { return chunks_[(index - 1) / kChunk][(index - 1) % kChunk]; }
@@ -68,23 +90,29 @@ class AdjacencyTable {
   std::vector<std::unique_ptr<Entry[]>> chunks_;  // grows without moving what it has
   Index count_ = 0;                               // entries that there ever were
   Index firstFree_ = 0;
-  Kiv::HashMap<ViaSet, Index> indices_;
+  Kiv::HashMap<Number, Kiv::Present> numbers_;
 };
 
 template <class ViaSet>
 std::pair<uint32_t, bool> AdjacencyTable<ViaSet>::take(const ViaSet& vias) {
-  const auto [index, isNew] = indices_.tryEmplace(vias, Index{0});
-  if (isNew) {
-    if (firstFree_ != 0) {
-      *index = std::exchange(firstFree_, entry(firstFree_).nextFree);
-    } else {
-      if (count_ % kChunk == 0) chunks_.push_back(std::make_unique<Entry[]>(kChunk));
-      *index = ++count_;
-    }
-    entry(*index).vias = vias;
+  const uint32_t hash = vias.hash();
+  if (const Number* found = numbers_.findKey(Sought{*this, vias, hash}, hash)) {
+    ++entry(found->index).users;
+    return {found->index, false};
   }
-  ++entry(*index).users;
-  return {*index, isNew};
+  if (firstFree_ == 0 && count_ % kChunk == 0) {
+    chunks_.push_back(std::make_unique<Entry[]>(kChunk));
+  }
+  const Index index = next();
+  Entry& added = entry(index);
+  numbers_.add({.hashOfVias = hash, .index = index}, hash);
+  if (firstFree_ != 0) {
+    firstFree_ = added.nextFree;
+  } else {
+    ++count_;
+  }
+  added = {.vias = vias, .users = 1, .nextFree = 0};
+  return {index, true};
 }
 
 template <class ViaSet>
@@ -92,7 +120,7 @@ bool AdjacencyTable<ViaSet>::drop(uint64_t index) {
   if (users(index) == 0) return false;
   Entry& dropped = entry(index);
   if (--dropped.users != 0) return false;
-  indices_.erase(dropped.vias);
+  numbers_.erase({.hashOfVias = dropped.vias.hash(), .index = static_cast<Index>(index)});
   dropped = {
       .vias = {}, .users = 0, .nextFree = std::exchange(firstFree_, static_cast<Index>(index))};
   return true;
