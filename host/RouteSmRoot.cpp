@@ -40,12 +40,6 @@ const Status::Ptr& RouteSmRoot::arpTableIs(const Kiv::Name& name) {
   return arpTable();
 }
 
-const Obu::AddrSet::Ptr& RouteSmRoot::arpRouteIs(const Zemit::Prefix& prefix) {
-  if (const auto* present = arpRouteFind(prefix)) return *present;
-  arpRoute_.set(*this, prefix, Obu::AddrSet::AddrSetIs(prefix));
-  return arpRoute(prefix);
-}
-
 void RouteSmRoot::adjacencyToPrefixIs(const PrefixList::Ptr& list) {
   KIV_REQUIRE(list,
               "null _adjacencyToPrefix parameter to mutator for "

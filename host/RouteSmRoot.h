@@ -119,9 +119,8 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_POINTER(262, adjHelper, AdjHelper, Rovel::AdjacencyHelper)
 
   /// For each tracked FIB prefix, the neighbours whose host routes were derived through it.
-  KIV_COLLECTION(263, arpRoute, ArpRoute, Zemit::Prefix, Obu::AddrSet::Ptr)
-  /// Makes the prefix's set unless it is there; returns it.
-  const Obu::AddrSet::Ptr& arpRouteIs(const Zemit::Prefix& prefix);
+  /// Most prefixes have none, so a set is made when it is first looked at.
+  KIV_LAZY_COLLECTION(263, arpRoute, ArpRoute, Zemit::Prefix, Obu::AddrSet)
 
   /// The last FIB route seen for each tracked prefix.
   KIV_COLLECTION(264, prefixToRoute, PrefixToRoute, Zemit::Prefix, Tovan::Fib::Route)

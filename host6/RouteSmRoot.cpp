@@ -42,12 +42,6 @@ const Status::Ptr& RouteSmRoot::neighTableIs(const Kiv::Name& name) {
   return neighTable();
 }
 
-const Obu::Ip6AddrSet::Ptr& RouteSmRoot::neighRouteIs(const Zemit::Ip6Prefix& prefix) {
-  if (const auto* present = neighRouteFind(prefix)) return *present;
-  neighRoute_.set(*this, prefix, Obu::Ip6AddrSet::AddrSetIs(prefix));
-  return neighRoute(prefix);
-}
-
 void RouteSmRoot::adjacencyToPrefixIs(const PrefixList::Ptr& list) {
   KIV_REQUIRE(list,
               "null _adjacencyToPrefix parameter to mutator for "

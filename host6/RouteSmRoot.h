@@ -118,9 +118,8 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_POINTER(262, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
 
   /// For each tracked FIB prefix, the neighbours whose host routes were derived through it.
-  KIV_COLLECTION(263, neighRoute, NeighRoute, Zemit::Ip6Prefix, Obu::Ip6AddrSet::Ptr)
-  /// Makes the prefix's set unless it is there; returns it.
-  const Obu::Ip6AddrSet::Ptr& neighRouteIs(const Zemit::Ip6Prefix& prefix);
+  /// Most prefixes have none, so a set is made when it is first looked at.
+  KIV_LAZY_COLLECTION(263, neighRoute, NeighRoute, Zemit::Ip6Prefix, Obu::Ip6AddrSet)
 
   /// The last FIB route seen for each tracked prefix.
   KIV_COLLECTION(264, prefixToRoute, PrefixToRoute, Zemit::Ip6Prefix, Tovan::Fib6::Route)

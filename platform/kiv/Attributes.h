@@ -157,10 +157,11 @@ class Collection {
 
   /// Removes an entry and announces its key. The removed value lives until that is done.
   bool del(const Entity& owner, const Key& key) {
-    Value* stored = map_.find(key);
-    if (stored == nullptr) return false;
+    HashMap<Key, Value>& stored = map_;  // whatever more the storage does for who looks
+    Value* found = stored.find(key);
+    if (found == nullptr) return false;
     const Key removed = key;  // NOLINT(performance-*): `key` may be the stored one
-    const Value old = std::move(*stored);
+    const Value old = std::move(*found);
     map_.erase(removed);
     detail::disown(old);
     owner.notify<Tag>(removed);
@@ -183,11 +184,63 @@ class Collection {
  private:
   void disownAll() {
     if constexpr (detail::isEntityHandle<Value>) {
-      for (auto it = map_.iteratorConst(); it; ++it) detail::disown(it.value());
+      for (const auto& entry : map_) detail::disown(entry.value);
     }
   }
 
   Map map_;
+};
+
+/// The storage of a collection of owned objects that are made of their keys alone: each is made
+/// when somebody first looks at it.
+template <class Tag, class Key, class T>
+class LazyMap : public HashMap<Key, Ptr<T>> {
+  using Base = HashMap<Key, Ptr<T>>;
+
+ public:
+  /// Gives `key` an entry, whose object is to be made later. \returns true when there was none.
+  bool expect(const Entity& owner, const Key& key) {
+    owner_ = &owner;
+    const bool isNew = Base::tryEmplace(key).second;
+    if (isNew) someAreMissing_ = true;
+    return isNew;
+  }
+  /// The object of `key` if it has been made.
+  const Ptr<T>* findMade(const Key& key) const { return Base::find(key); }
+
+  const Ptr<T>* find(const Key& key) const {
+    const Ptr<T>* object = Base::find(key);
+    return object == nullptr ? nullptr : &made(key, const_cast<Ptr<T>&>(*object));
+  }
+  auto iterator() {
+    makeMissing();
+    return Base::iterator();
+  }
+  auto iteratorConst() const {
+    makeMissing();
+    return Base::iteratorConst();
+  }
+  auto iteratorConst(const Key& key) const {
+    makeMissing();
+    return Base::iteratorConst(key);
+  }
+
+ private:
+  Ptr<T>& made(const Key& key, Ptr<T>& object) const {
+    if (!object) {
+      object = make<T>(key);
+      detail::adopt<Tag>(*owner_, object);
+    }
+    return object;
+  }
+  void makeMissing() const {
+    if (!std::exchange(someAreMissing_, false)) return;
+    for (auto it = const_cast<LazyMap*>(this)->Base::iterator(); it; ++it)
+      made(it.key(), it.value());
+  }
+
+  const Entity* owner_ = nullptr;
+  mutable bool someAreMissing_ = false;
 };
 
 /// A set of keys, in the form of a collection from each key to true.
@@ -367,8 +420,9 @@ class KeySet {
   }
 
 /// A collection that is read by anybody and changed by its entity alone: attr(key), which gives the
-/// entry or an empty value, attrFind(key), which gives null for none, and the common members. What
-/// changes it stands beside it. What the two give is good until the collection changes.
+/// entry or an empty value, attrFind(key), which gives null for none, attrPrefetch(key), which
+/// begins to fetch what these read, and the common members. What changes it stands beside it. What
+/// is given is good until the collection changes.
 #define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                                  \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::Collection<Attr##Attribute, Key, Value>) \
   KIV_COLLECTION_READERS(attr, Key, Value)
@@ -376,6 +430,9 @@ class KeySet {
 #define KIV_COLLECTION_READERS(attr, Key, Value)  \
   const Value& attr(const Key& key) const {       \
     return attr##_.get(key);                      \
+  }                                               \
+  void attr##Prefetch(const Key& key) const {     \
+    attr##_.map().prefetch(key);                  \
   }                                               \
   const Value* attr##Find(const Key& key) const { \
     return attr##_.map().find(key);               \
@@ -435,3 +492,25 @@ class KeySet {
   KIV_SET_READER(attr, Key)                                                            \
   KIV_SET_CHANGES(attr, Attr, Key)                                                     \
   KIV_ORDERED_KEYS(attr, Key)
+
+/// A collection of objects that are made of their keys, each when it is first looked at: adds
+/// attrIs(key), which makes an entry unless it is there and gives its object; attrExpect(key),
+/// which leaves the object to be made; and attrIfMade(key), which gives null for one that is not
+/// made.
+#define KIV_LAZY_COLLECTION(id, attr, Attr, Key, Type)                                 \
+  KIV_KEYED_MEMBERS(id, attr, Attr, Key,                                               \
+                    ::Kiv::Collection<Attr##Attribute, Key, ::Kiv::Ptr<Type>,          \
+                                      ::Kiv::LazyMap<Attr##Attribute, Key, Type>>)     \
+  KIV_COLLECTION_READERS(attr, Key, ::Kiv::Ptr<Type>)                                  \
+  KIV_KEYED_DELETIONS(attr, Attr, Key)                                                 \
+  const ::Kiv::Ptr<Type>& attr##Is(const Key& key) {                                   \
+    attr##Expect(key);                                                                 \
+    return attr(key);                                                                  \
+  }                                                                                    \
+  void attr##Expect(const Key& key) {                                                  \
+    if (attr##_.map().expect(*this, key)) this->template notify<Attr##Attribute>(key); \
+  }                                                                                    \
+  ::Kiv::Ptr<Type> attr##IfMade(const Key& key) const {                                \
+    const auto* made = attr##_.map().findMade(key);                                    \
+    return made == nullptr ? nullptr : *made;                                          \
+  }
