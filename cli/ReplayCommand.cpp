@@ -79,11 +79,8 @@ void showProgress(size_t lines) {
   std::cerr << lines << " lines\r" << std::flush;
 }
 
-/// With this, two runs on the same input print the same traces in the same order.
-constexpr Kiv::HashSeed kHashSeed{.add = 0x9E3779B97F4A7C15, .multiply = 0xD6E8FEB86659FD93};
-
 int replay(const Options& options) {
-  Kiv::hashSeedIs(kHashSeed);
+  Kiv::hashSeedIs(Replay::kHashSeed);
   std::ios::sync_with_stdio(false);
   constexpr size_t kBufferBytes = 1 << 16;
   std::vector<char> buffer(kBufferBytes);

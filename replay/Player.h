@@ -10,10 +10,14 @@
 #include <string_view>
 
 #include "daemon/Switch.h"
+#include "platform/kiv/Hash.h"
 #include "replay/Event.h"
 #include "replay/Output.h"
 
 namespace Replay {
+
+/// With this, two runs on the same input print the same traces in the same order.
+inline constexpr Kiv::HashSeed kHashSeed{.add = 0x9E3779B97F4A7C15, .multiply = 0xD6E8FEB86659FD93};
 
 /// Feeds events to a switch and prints what comes of it.
 ///
