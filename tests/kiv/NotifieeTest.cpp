@@ -151,8 +151,8 @@ TEST_F(NotifieeTest, WhatIsMissedWhileDeliveryIsOffIsLost) {
 
 TEST_F(NotifieeTest, AQuietNotifieeIsToldOnlyWhileSomethingIsTraced) {
   static Kiv::TraceFacility facility("NotifieeTest", "NotifieeTest");
-  const auto first = watcherOf(bridge, "first");
-  auto second = watcherOf(bridge, "second");
+  const auto first = watcherOf(bridge, "first ");
+  auto second = watcherOf(bridge, "second ");
   first->isQuietIs(true);
   EXPECT_EQ(announce(), Log{"second vlan 1"});
   facility.levelIs(0, true);
@@ -161,7 +161,7 @@ TEST_F(NotifieeTest, AQuietNotifieeIsToldOnlyWhileSomethingIsTraced) {
 
   // Who goes quiet, or away, while the others are told.
   second->then = [&] { second = nullptr; };
-  const auto third = watcherOf(bridge, "third");
+  const auto third = watcherOf(bridge, "third ");
   EXPECT_EQ(announce(), (Log{"second vlan 1", "third vlan 1"}));
   EXPECT_EQ(announce(), Log{"third vlan 1"});
   first->isRegisteredNotifieeIs(false);
