@@ -76,8 +76,18 @@ struct Ipv4 {
 
   // What the root derives from neighbours.
   static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.arpTable(); }
+  /// Begins to fetch what is kept of a tracked prefix.
+  static void prefetchTracked(const RouteSmRoot& root, const Prefix& prefix) {
+    root.prefixToRoutePrefetch(prefix);
+    root.prefixToAdjacencyPrefetch(prefix);
+    root.arpRoutePrefetch(prefix);
+  }
+  /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
-    return root.arpRoute(prefix);
+    return root.arpRouteIfMade(prefix);
+  }
+  static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
+    root.arpRouteExpect(prefix);
   }
   static const AddrSet::Ptr& neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIs(prefix);
@@ -124,6 +134,8 @@ struct Ipv4 {
   /// What a receive route resolves to in the route table; a broadcast one has no interface.
   static ViaSet receiveVias(const HostTable& table, const Route& receiveRoute);
 
+  /// What a machine traces when it looks a neighbour's address up.
+  static void traceCheck(const RouteSm& sm, const Addr& ip);
   // Traces that one half has, or has in another form.
   static void traceCoveringRoute(const RouteSm&, const Prefix&, const Prefix&) {}
   static void traceTakenFrom(const RouteSm& sm, const Addr& addr, const Prefix& above);

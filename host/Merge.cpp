@@ -25,11 +25,12 @@ Obu::AddrSet::Ptr RouteSm::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
   return Steps(*this).promoteArpEntries(intfs, fibRoute);
 }
 
-void RouteSm::fixupArpRoute(Zemit::IpAddr ipAddr, const Tovan::Fib::Route& fibRoute) {
-  KIV_TRACE(hostRouteTrace, 8, *this,
-            "void Routing::Host::RouteSm::fixupArpRoute(Zemit::IpAddr, "
-            "const Tovan::Fib::Route&)");
-  Steps(*this).fixupArpRoute(ipAddr, fibRoute);
+void RouteSm::fixupArpRouteOver(Zemit::IpAddr ipAddr, const Tovan::Fib::Route& fibRoute,
+                                const Tovan::Fib::Fec& fec) {
+  KIV_TRACE_AS(hostRouteTrace, 8, *this, "fixupArpRoute",
+               "void Routing::Host::RouteSm::fixupArpRoute(Zemit::IpAddr, "
+               "const Tovan::Fib::Route&)");
+  Steps(*this).fixupArpRoute(ipAddr, fibRoute, fec);
 }
 
 void RouteSm::doMerge(const Obu::AddrSet::PtrConst& changedIps) {

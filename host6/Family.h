@@ -104,8 +104,18 @@ struct Ipv6 {
 
   // What the root derives from neighbours.
   static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.neighTable(); }
+  /// Begins to fetch what is kept of a tracked prefix.
+  static void prefetchTracked(const RouteSmRoot& root, const Prefix& prefix) {
+    root.prefixToRoutePrefetch(prefix);
+    root.prefixToAdjacencyPrefetch(prefix);
+    root.neighRoutePrefetch(prefix);
+  }
+  /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
-    return root.neighRoute(prefix);
+    return root.neighRouteIfMade(prefix);
+  }
+  static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
+    root.neighRouteExpect(prefix);
   }
   static const AddrSet::Ptr& neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIs(prefix);
@@ -151,6 +161,8 @@ struct Ipv6 {
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper) {
     Host::removeHostRoute(ip, hostTable, addrSet, adjHelper);
   }
+  /// What a machine traces when it looks a neighbour's address up.
+  static void traceCheck(const RouteSm& sm, const Addr& ip);
   // Traces that one half has, or has in another form.
   static void traceCoveringRoute(const RouteSm& sm, const Prefix& prefix, const Prefix& above);
   static void traceTakenFrom(const RouteSm& sm, const Addr& addr, const Prefix& above);

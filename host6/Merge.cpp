@@ -16,9 +16,11 @@ Obu::Ip6AddrSet::Ptr RouteSm::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
   return Steps(*this).promoteArpEntries(intfs, fibRoute);
 }
 
-void RouteSm::fixupArpRoute(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute) {
-  KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, ipAddr));
-  Steps(*this).fixupArpRoute(ipAddr, fibRoute);
+void RouteSm::fixupArpRouteOver(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute,
+                                const Tovan::Fib6::Fec& fec) {
+  static constexpr const char* kName = "fixupArpRoute";
+  KIV_TRACE_AS(hostRoute6Trace, 8, *this, kName, Entry(this, kName, ipAddr));
+  Steps(*this).fixupArpRoute(ipAddr, fibRoute, fec);
 }
 
 void RouteSm::doMerge(const Obu::Ip6AddrSet::PtrConst& changedIps) {

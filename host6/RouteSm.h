@@ -8,6 +8,7 @@
 #include "platform/ip/Ip6Status.h"
 #include "platform/kiv/Attributes.h"
 #include "platform/kiv/Export.h"
+#include "platform/obu/FibLookup.h"
 #include "platform/obu/IntfDir.h"
 #include "platform/routing/SeqConfig.h"
 #include "platform/rovel/Readiness.h"
@@ -328,7 +329,12 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// Files a neighbour under a FIB route, and writes or withdraws its host route.
   /// \throws Kiv::RangeException when the route's FEC has over 128 vias; nothing is changed then.
-  void fixupArpRoute(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute);
+  void fixupArpRoute(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute) {
+    fixupArpRouteOver(ipAddr, fibRoute, Obu::readFec(forwardingStatus(), fibRoute.fecId));
+  }
+  /// The same with the route's FEC, which has just been read.
+  void fixupArpRouteOver(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute,
+                         const Tovan::Fib6::Fec& fec);
   /// Files under a FIB route every neighbour inside it on `intfs`; returns their addresses.
   Obu::Ip6AddrSet::Ptr promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
                                          const Tovan::Fib6::Route& fibRoute);

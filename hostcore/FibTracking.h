@@ -61,7 +61,11 @@ void FibTracking<F>::handleStatusRoute() {
   }
   const auto* table = sm_.routeStatusRaw();
   if (table == nullptr) return;
-  for (const Prefix& prefix : shortestFirst(table->routeKeys())) {
+  const auto prefixes = shortestFirst(table->routeKeys());
+  for (size_t at = 0; at < prefixes.size(); ++at) {
+    constexpr size_t kAhead = 4;
+    if (at + kAhead < prefixes.size()) table->prefetch(prefixes[at + kAhead]);
+    const Prefix& prefix = prefixes[at];
     // A shorter prefix's merge may have removed the host routes behind it.
     const bool mayBeGone = prefix.len() == F::Addr::kBits;
     if (mayBeGone && Obu::readRoute(table, prefix).key != prefix) continue;
@@ -101,6 +105,7 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   }
   auto& root = Kiv::validPtr(sm_.rootRaw());
   auto& trie = Kiv::validPtr(root.trieRaw());
+  F::prefetchTracked(root, prefix);
   const Route* tracked = root.prefixToRouteFind(prefix);
 
   if (fibRoute.key == prefix) {
@@ -113,7 +118,7 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
     } else {
       KIV_TRACE(F::trace(), 0, sm_, "oldFibRoute for " << prefix << " was " << *tracked);
     }
-    F::neighborSetIs(root, prefix);
+    F::neighborSetExpect(root, prefix);
     trie.routeIs(prefix, true);
     const auto oldFec = tracked == nullptr ? Tovan::Fib::invalidFecId : tracked->fecId;
     Listening<F>(sm_).routeMoved(oldFec, fibRoute.fecId);
@@ -164,10 +169,11 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
   }
 
   if (const auto neighbors = F::neighborSet(root, oldFibRoute.key)) {
+    const auto aboveFec = Obu::readFec(rehome ? sm_.forwardingStatus() : nullptr, above.fecId);
     for (const auto& addr : ascending(neighbors->ipIteratorConst())) {
       F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
       neighbors->ipDel(addr);
-      if (rehome) sm_.fixupArpRoute(addr, above);
+      if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec);
       mergeSet->ipIs(addr, true);
     }
   }

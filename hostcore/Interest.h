@@ -24,6 +24,8 @@ struct Interest {
   Kiv::HashMap<Zemit::IntfId, uint32_t> intfs;
   /// The addresses for which a merge would change something that no handler has yet been told of.
   Kiv::HashMap<Addr, Kiv::Present> unsettled;
+  /// Counts how often the host route of a neighbour was written or withdrawn.
+  uint64_t hostRouteChanges = 0;
   /// Something has passed the machine by: its remaining memory of it proves nothing.
   bool isBlind = false;
 };

@@ -64,6 +64,10 @@ class Listening {
     if (interest_.unsettled.empty() || !interest_.unsettled.erase(addr)) return;
     if (interest_.unsettled.empty()) review();
   }
+  /// True when a merge of `addr`, whose host route has not changed, would change nothing.
+  bool isSettled(const Addr& addr) const {
+    return mayTrust() && !interest_.unsettled.contains(addr) && !F::trace().buildsAbove(0);
+  }
   /// Something may have passed the machine by.
   void missed() {
     interest_.isBlind = true;
@@ -131,10 +135,12 @@ class Listening {
   bool leavesThrough(const Arp::ArpIntfStatus* table) const {
     return table != nullptr && interest_.intfs.find(table->intfId()) != nullptr;
   }
-  bool mayRest() const {
+  bool mayRest() const { return mayTrust() && interest_.unsettled.empty(); }
+  /// True when all that was changed has been merged, but for what is unsettled.
+  bool mayTrust() const {
     // What is queued is handled with the tables as they will be, which nobody knows yet.
     const auto* activity = sm_.kivFwkActivityRaw();
-    return sm_.initialized() && !interest_.isBlind && interest_.unsettled.empty() &&
+    return sm_.initialized() && !interest_.isBlind &&
            (activity == nullptr || !activity->queues()) && sm_.routeStatusRaw() != nullptr &&
            sm_.hostStatusRaw() != nullptr;
   }

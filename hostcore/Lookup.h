@@ -45,6 +45,13 @@ std::vector<typename F::Addr> neighborsInside(const Arp::ArpIntfStatus& table,
   return F::neighborsBetween(table, prefix.addr(), prefix.addr().subnetLast(prefix.len()));
 }
 
+/// A FIB route that covers an address, with its FEC. Without a route its key is the null prefix.
+template <Family F>
+struct Cover {
+  typename F::Route route;
+  typename F::ForwardingStatus::Fec fec;
+};
+
 /// The look-ups that say whether a neighbour may have a host route.
 template <Family F>
 class Lookup {
@@ -55,7 +62,7 @@ class Lookup {
 
   explicit Lookup(const typename F::RouteSm& sm) : sm_(sm) {}
 
-  /// Begins to fetch what is going to be read of the host route of `ip`, all at once.
+  /// Begins to fetch what is going to be read of the host route of `ip`.
   void prefetch(const Addr& ip) const;
 
   /// The FIB route with exactly this prefix, or a record whose key is the null prefix. Host
@@ -63,23 +70,26 @@ class Lookup {
   Route doFibLookup(const Prefix& prefix) const;
 
   /// The longest FIB prefix that covers `ip`, if its FEC leaves through the table's interface; else
-  /// the null prefix.
+  /// none.
   ///
   /// Only the longest is looked at: when it leaves through another interface, a shorter one that
   /// leaves through this one does not count.
-  Prefix checkIpAddressAgainstFib(const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const;
+  Cover<F> checkIpAddressAgainstFib(const Addr& ip,
+                                    const Arp::ArpIntfStatus::PtrConst& table) const;
 
  private:
+  static Cover<F> none() { return {.route = {.key = Prefix::null()}, .fec = {}}; }
+
   const typename F::RouteSm& sm_;
 };
 
 template <Family F>
 void Lookup<F>::prefetch(const Addr& ip) const {
-  const Prefix host = hostPrefix<F>(ip);
-  if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(host);
   const auto* root = sm_.rootRaw();
   if (root == nullptr) return;
-  if (const auto& neighborRoutes = F::neighborTable(*root)) neighborRoutes->prefetch(host);
+  if (const auto& neighborRoutes = F::neighborTable(*root)) {
+    neighborRoutes->prefetch(hostPrefix<F>(ip));
+  }
 }
 
 template <Family F>
@@ -93,43 +103,45 @@ typename F::Route Lookup<F>::doFibLookup(const Prefix& prefix) const {
 }
 
 template <Family F>
-typename F::Prefix Lookup<F>::checkIpAddressAgainstFib(
-    const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const {
+Cover<F> Lookup<F>::checkIpAddressAgainstFib(const Addr& ip,
+                                             const Arp::ArpIntfStatus::PtrConst& table) const {
   if (sm_.routeStatusRaw() == nullptr) {
     KIV_TRACE(F::trace(), 0, sm_, "routeStatus is unset");
-    return Prefix::null();
+    return none();
   }
   if (sm_.hostStatusRaw() == nullptr) {
     KIV_TRACE(F::trace(), 0, sm_, "hostStatus is unset");
-    return Prefix::null();
+    return none();
   }
   if (!table) {
     KIV_TRACE(F::trace(), 0, sm_, "arpIntfStatus is unset");
-    return Prefix::null();
+    return none();
   }
   const auto& trie = Kiv::validPtr(Kiv::validPtr(sm_.rootRaw()).trieRaw());
   const Prefix longest = trie.longestMatch(hostPrefix<F>(ip));
   if (isNull(longest)) {
     KIV_TRACE(F::trace(), 1, sm_, "there is no route with a prefix for " << ip);
-    return longest;
+    return none();
   }
-  const Route route = sm_.doFibLookup(longest);
+  Cover<F> cover{.route = sm_.doFibLookup(longest), .fec = {}};
+  const Route& route = cover.route;
   if (route.key != longest) {
     KIV_TRACE(F::trace(), 0, sm_,
               "there is no route for "
                   << longest << " which is a prefix that should have an associated route");
-    return Prefix::null();
+    return none();
   }
   if (route.fecId == Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 1, sm_,
               "there is no adjacency associated with the route for " << longest);
-    return Prefix::null();
+    return none();
   }
-  if (Obu::leavesThrough(sm_.forwardingStatus(), route.fecId, table->intfId())) return longest;
+  cover.fec = Obu::readFec(sm_.forwardingStatus(), route.fecId);
+  if (Obu::leavesThrough(cover.fec, table->intfId())) return cover;
   KIV_TRACE(F::trace(), 7, sm_,
             "the matching prefix for " << ip << " did not have a interface route on the interface "
                                        << table->name());
-  return Prefix::null();
+  return none();
 }
 
 }  // namespace HostCore

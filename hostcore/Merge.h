@@ -15,18 +15,19 @@ class Merge {
   using Addr = typename F::Addr;
   using Prefix = typename F::Prefix;
   using Route = typename F::Route;
+  using Fec = typename F::ForwardingStatus::Fec;
   using AddrSetPtr = typename F::AddrSet::Ptr;
 
   explicit Merge(typename F::RouteSm& sm) : sm_(sm), root_(Kiv::validPtr(sm.rootRaw())) {}
 
   AddrSetPtr promoteArpEntries(const Obu::IntfDir::Ptr& intfs, const Route& fibRoute);
-  void fixupArpRoute(const Addr& ip, const Route& fibRoute);
+  void fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& fec);
   void doMerge(const typename F::AddrSet::PtrConst& changed);
   void doMerge(const Addr& changed);
 
  private:
-  /// The vias through which `ip` is a neighbour on an interface of the route's FEC.
-  typename F::ViaSet neighborVias(const Addr& ip, const Route& fibRoute) const;
+  /// The vias through which `ip` is a neighbour on an interface of the FEC.
+  typename F::ViaSet neighborVias(const Addr& ip, const Fec& fec) const;
   /// Files the route's prefix under its FEC.
   void file(const Route& fibRoute);
   /// Takes the route's prefix out of the list of its FEC.
@@ -77,12 +78,16 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
       if (fibRoute.key.contains(addr)) result->ipIs(addr, true);
     }
   }
-  for (const Addr& addr : ascending(result->ipIteratorConst())) sm_.fixupArpRoute(addr, fibRoute);
+  if (result->ipCount() == 0) return result;
+  const auto fec = Obu::readFec(sm_.forwardingStatus(), fibRoute.fecId);
+  for (const Addr& addr : ascending(result->ipIteratorConst())) {
+    sm_.fixupArpRouteOver(addr, fibRoute, fec);
+  }
   return result;
 }
 
 template <Family F>
-void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute) {
+void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& fec) {
   if (fibRoute.fecId == Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 0, sm_,
               "fib route that should be associated with " << ip << " is missing an adjacency");
@@ -90,7 +95,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute) {
   }
   KIV_TRACE(F::trace(), 6, sm_, "associating " << ip << " with address set for " << fibRoute.key);
   // All that can fail comes before the first change.
-  const auto vias = Listening<F>(sm_).guarded([&] { return neighborVias(ip, fibRoute); });
+  const auto vias = Listening<F>(sm_).guarded([&] { return neighborVias(ip, fec); });
   const auto& table = F::neighborTable(root_);
   auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
   const Prefix host = hostPrefix<F>(ip);
@@ -100,15 +105,20 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute) {
     table->adjacencies().prefetch(existing.fecId);
   } else if (!vias.empty()) {
     table->adjacencies().prefetch(vias);
-    adjHelper.prefetch(vias);
+    adjHelper.prefetchNew(vias);
   }
   const auto neighbors = F::neighborSetIs(root_, fibRoute.key);
+  const auto prefetchMerge = [&] {
+    if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(host);
+  };
 
   if (vias.empty()) {
     if (exists) {
+      ++sm_.interest().hostRouteChanges;
+      prefetchMerge();
       const auto& former = table->adjIndexToViaSet(existing.fecId);
       table->adjacencies().prefetch(former);
-      adjHelper.prefetch(former);
+      adjHelper.prefetchLast(former);
     }
     KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
     table->routeDel(host);
@@ -117,19 +127,20 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute) {
     if (neighbors->ipCount() == 0) unfile(fibRoute);
     return;
   }
+  if (!exists) prefetchMerge();
   neighbors->ipIs(ip, true);
   file(fibRoute);
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;
+  ++sm_.interest().hostRouteChanges;
   // The new adjacency is taken before the old one may lose its last user.
   const auto adjacency = adjHelper.doGetOrCreateHostAdjacency(vias, table);
-  F::addRouteToRouteTable(table, nullptr, ip, adjacency, F::kAttached, sm_);
+  F::addRouteToRouteTable(table, nullptr, ip, adjacency, F::kAttached, sm_, &existing);
   if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
 }
 
 template <Family F>
-typename F::ViaSet Merge<F>::neighborVias(const Addr& ip, const Route& fibRoute) const {
+typename F::ViaSet Merge<F>::neighborVias(const Addr& ip, const Fec& fec) const {
   typename F::ViaSet vias;
-  const auto fec = Obu::readFec(sm_.forwardingStatus(), fibRoute.fecId);
   for (uint32_t index = 0; index < fec.viaCount(); ++index) {
     const typename F::Via via = fec.via(Tovan::Fib::ViaIndex(index));
     if (!via.hop.isZero()) continue;

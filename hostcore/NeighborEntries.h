@@ -1,6 +1,7 @@
 // Neighbours that are learned and lost.
 #pragma once
 
+#include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 
 namespace HostCore {
@@ -43,9 +44,10 @@ class NeighborEntries {
   void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
 
  private:
-  /// Repairs the host route of `addr` under the FIB route of `prefix`, for the handler of that
-  /// name.
-  void fixup(const Addr& addr, const typename F::Prefix& prefix, const char* handler);
+  Cover<F> coverOf(const Addr& addr, const ArpTable& table) const {
+    F::traceCheck(sm_, addr);
+    return Lookup<F>(sm_).checkIpAddressAgainstFib(addr, table);
+  }
 
   typename F::RouteSm& sm_;
 };
@@ -61,6 +63,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
     return;
   }
   Lookup<F>(sm_).prefetch(addr);
+  const auto changes = sm_.interest().hostRouteChanges;
   if (const auto* entry = F::findNeighbor(*table, addr)) {
     KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);
     const auto neighbor = *entry;  // the table may change while it is handled
@@ -70,6 +73,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
               "handling a deleted arp entry for " << addr << " for " << table);
     sm_.handleDeletedArpEntry(shown, table);
   }
+  if (sm_.interest().hostRouteChanges == changes && Listening<F>(sm_).isSettled(addr)) return;
   sm_.doMerge(addr);
 }
 
@@ -121,12 +125,12 @@ template <Family F>
 template <class Shown>
 void NeighborEntries<F>::handleAddedArpEntry(const Addr& addr, const Shown& shown,
                                              const ArpTable& table) {
-  const auto prefix = sm_.checkIpAddressAgainstFib(addr, table);
-  if (isNull(prefix)) {
+  const auto cover = coverOf(addr, table);
+  if (isNull(cover.route.key)) {
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNotStoring << shown << " for " << table);
     return;
   }
-  fixup(addr, prefix, __func__);
+  sm_.fixupArpRouteOver(addr, cover.route, cover.fec);
 }
 
 template <Family F>
@@ -138,8 +142,8 @@ void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& sh
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNoRoutesForDeleted << shown);
     return;
   }
-  const auto prefix = sm_.checkIpAddressAgainstFib(addr, table);
-  if (isNull(prefix)) {
+  const auto cover = coverOf(addr, table);
+  if (isNull(cover.route.key)) {
     // Deliberate: while no route covers the address here, its host route stays as it is, until a
     // change of a route or FEC takes it up.
     KIV_TRACE(F::trace(), 7, sm_,
@@ -147,20 +151,7 @@ void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& sh
                               << " has no corresponding fib entry: ignoring its deletion");
     return;
   }
-  fixup(addr, prefix, __func__);
-}
-
-template <Family F>
-void NeighborEntries<F>::fixup(const Addr& addr, const typename F::Prefix& prefix,
-                               const char* handler) {
-  const auto route = sm_.doFibLookup(prefix);
-  if (route.key != prefix) {
-    KIV_TRACE_AS(F::trace(), 0, sm_, handler,
-                 "there is no route for "
-                     << prefix << " which is a prefix that should have an associated route");
-    return;
-  }
-  sm_.fixupArpRoute(addr, route);
+  sm_.fixupArpRouteOver(addr, cover.route, cover.fec);
 }
 
 template <Family F>

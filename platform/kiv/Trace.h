@@ -45,6 +45,10 @@ class TraceFacility {
   bool builds(unsigned level) const noexcept {
     return (buildMask_.load(std::memory_order_relaxed) >> level) & 1;
   }
+  /// True when a statement of a level above `level` builds its message.
+  bool buildsAbove(unsigned level) const noexcept {
+    return (buildMask_.load(std::memory_order_relaxed) >> level >> 1) != 0;
+  }
   /// True when any statement of any facility builds its message.
   static bool anyBuilds() noexcept { return building_.load(std::memory_order_relaxed) != 0; }
 

@@ -1,6 +1,8 @@
 // Look-ups in the FIB's tables, of which a damaged one reads as empty.
 #pragma once
 
+#include <algorithm>
+
 #include "platform/kiv/Ptr.h"
 #include "platform/obu/IntfDir.h"
 #include "platform/routing/Trie.h"
@@ -37,13 +39,9 @@ typename ForwardingStatus::Fec readFec(const ForwardingStatus* table, Tovan::Fib
 }
 
 /// True when a via of the FEC leaves through `intf`.
-template <class ForwardingStatus>
-bool leavesThrough(const ForwardingStatus* table, Tovan::Fib::FecId fecId, Zemit::IntfId intf) {
-  const auto fec = readFec(table, fecId);
-  for (const auto& via : fec) {
-    if (via.intf == intf) return true;
-  }
-  return false;
+template <class Fec>
+bool leavesThrough(const Fec& fec, Zemit::IntfId intf) {
+  return std::any_of(fec.begin(), fec.end(), [intf](const auto& via) { return via.intf == intf; });
 }
 
 /// The interfaces through which the FEC's vias leave.

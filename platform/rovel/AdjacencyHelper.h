@@ -46,11 +46,13 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
   virtual void doDropRefOnFibAdjacency(FecId fecId);
 
-  /// Begins to fetch what is read when the FIB adjacency of `vias` is taken, or one is dropped.
-  void prefetch(const ViaSet& vias) const {
+  /// Begins to fetch what is read when a new FIB adjacency of `vias` is made, when the last user of
+  /// one goes, or when one is taken again or dropped.
+  void prefetchNew(const ViaSet& vias) const {
     fibAdjacencies_.prefetch(vias);
-    prefetch(space_ | fibAdjacencies_.next());
+    if (fwdStatus_) fwdStatus_->prefetch(space_ | fibAdjacencies_.next());
   }
+  void prefetchLast(const ViaSet& vias) const { fibAdjacencies_.prefetch(vias); }
   void prefetch(FecId fecId) const {
     fibAdjacencies_.prefetch(uint64_t{indexOf(fecId)});
     if (fwdStatus_) fwdStatus_->prefetch(fecId);

@@ -74,8 +74,8 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// A number that no other keeper of FIB adjacencies has or had here; its adjacencies have the ids
   /// from `number << 32` on.
   uint32_t newAdjacencySpace() { return ++adjacencySpaces_; }
-  /// Stores or removes a FIB adjacency, without a word.
-  void adjacencyIs(const Fec& adjacency) { store(adjacency); }
+  /// Stores a new FIB adjacency, or removes one, without a word. \pre none has the id of a new one
+  void adjacencyIs(const Fec& adjacency) { store(adjacency, std::nullopt); }
   void adjacencyDel(const FecId& id) { remove(id); }
 
   /// Told of damage met on a look-up or walk.
@@ -107,7 +107,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   bool readVias(const Record& record, Fec& fec) const;
   bool holds(const Fec& fec) const;
   std::optional<Record> former(const FecId& id) const;
-  void store(const Fec& fec);
+  void store(const Fec& fec, const std::optional<Record>& replaced);
   bool remove(const FecId& id);
   void removeVias(const FecId& id, const Record& record);
   void clearUp();
@@ -196,7 +196,7 @@ void BasicForwardingStatus<A>::fecIs(const Fec& fec) {
   KIV_REQUIRE(fec.id() != Fib::invalidFecId && fec.id() < kFirstAdjacency,
               "FecId::value == 0 or >= 2^32 not allowed");
   if (this->hasNotifiees() && holds(fec)) return;
-  store(fec);
+  store(fec, former(fec.id()));
   this->template notify<FecAttribute>(fec.id());
 }
 
@@ -206,8 +206,7 @@ void BasicForwardingStatus<A>::fecDel(const FecId& id) {
 }
 
 template <class A>
-void BasicForwardingStatus<A>::store(const Fec& fec) {
-  const auto replaced = former(fec.id());
+void BasicForwardingStatus<A>::store(const Fec& fec, const std::optional<Record>& replaced) {
   Record record{.viaCount = static_cast<uint32_t>(fec.viaCount()),
                 .change = replaced ? replaced->change + 1 : 0};
   uint32_t index = 0;
