@@ -36,7 +36,7 @@ RouteSm::RouteSm(
   inputsStored_ = true;
   forEachReactor([this](auto& reactor) { reactor.routeSmIs(this); });
 
-  HostCore::Listening<Ipv4>(*this).routesFound();
+  HostCore::Listening<Ipv4>(*this).stateFound();
   handleFec();
   if (this->ipStatus()) this->ipStatus()->onIpIntfStatuskivImmediate();
   if (this->neighborDirByIntfName()) {
@@ -73,6 +73,10 @@ void RouteSm::forEachReactor(Visit visit) {
 }
 
 void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
+  // What has waited is handled late.
+  if (kivFwkActivityRaw() != nullptr && kivFwkActivityRaw()->queues()) {
+    HostCore::Listening<Ipv4>(*this).missed();
+  }
   kivFwkActivity_.set(*this, activityConfig);
   forEachReactor([&](auto& reactor) { reactor.kivFwkActivityIs(activityConfig); });
   HostCore::Listening<Ipv4>(*this).review();

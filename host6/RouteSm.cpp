@@ -39,7 +39,7 @@ RouteSm::RouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
   inputsStored_ = true;
   forEachReactor([this](auto& reactor) { reactor.routeSmIs(this); });
 
-  HostCore::Listening<Ipv6>(*this).routesFound();
+  HostCore::Listening<Ipv6>(*this).stateFound();
   handleFec();
   if (this->ipStatus()) this->ipStatus()->onIntfkivImmediate();
   if (this->neighborDirByIntfName()) {
@@ -76,6 +76,10 @@ void RouteSm::forEachReactor(Visit visit) {
 }
 
 void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
+  // What has waited is handled late.
+  if (kivFwkActivityRaw() != nullptr && kivFwkActivityRaw()->queues()) {
+    HostCore::Listening<Ipv6>(*this).missed();
+  }
   kivFwkActivity_.set(*this, activityConfig);
   forEachReactor([&](auto& reactor) { reactor.kivFwkActivityIs(activityConfig); });
   HostCore::Listening<Ipv6>(*this).review();

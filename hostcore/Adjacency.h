@@ -32,6 +32,7 @@ class Adjacency {
 
 template <Family F>
 void Adjacency<F>::handleAdjacency(const Route& fibRoute) {
+  const typename Listening<F>::Handling handling(sm_);
   const Prefix prefix = fibRoute.key;
   if constexpr (F::kTracesFibRoute) {
     KIV_TRACE(F::trace(), 7, sm_, "handling fibRoute=" << prefix);
@@ -106,6 +107,7 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
 
 template <Family F>
 typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldPrefix) {
+  Listening<F>(sm_).stepTaken();
   auto result = F::AddrSet::AddrSetIs(Prefix::null());
   const auto neighbors = F::neighborSet(root_, oldPrefix);
   if (!neighbors) return result;
@@ -119,6 +121,7 @@ typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldP
 
 template <Family F>
 void Adjacency<F>::handleFec(Tovan::Fib::FecId fecId) {
+  const typename Listening<F>::Handling handling(sm_);
   Listening<F>(sm_).fecChanged(fecId);
   if (!root_.adjacencyToPrefix(fecId)) return;
   // Handling a route files its prefix again, perhaps in a new list, so the walk is over the

@@ -62,6 +62,7 @@ void FibTracking<F>::handleStatusRoute() {
   const auto* table = sm_.routeStatusRaw();
   if (table == nullptr) return;
   const auto prefixes = shortestFirst(table->routeKeys());
+  Listening<F>(sm_).routesFound(prefixes.empty() ? Prefix() : prefixes.back());
   for (size_t at = 0; at < prefixes.size(); ++at) {
     constexpr size_t kAhead = 4;
     if (at + kAhead < prefixes.size()) table->prefetch(prefixes[at + kAhead]);
@@ -95,6 +96,7 @@ void FibTracking<F>::handleHostStatusRoute() {
 
 template <Family F>
 void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
+  const typename Listening<F>::Handling handling(sm_);
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     const auto* known = sm_.rootRaw();
@@ -118,9 +120,9 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
     } else {
       KIV_TRACE(F::trace(), 0, sm_, "oldFibRoute for " << prefix << " was " << *tracked);
     }
+    const auto oldFec = tracked == nullptr ? Tovan::Fib::invalidFecId : tracked->fecId;
     F::neighborSetExpect(root, prefix);
     trie.routeIs(prefix, true);
-    const auto oldFec = tracked == nullptr ? Tovan::Fib::invalidFecId : tracked->fecId;
     Listening<F>(sm_).routeMoved(oldFec, fibRoute.fecId);
     root.prefixToRouteIs(fibRoute);
     if (prefix.len() != F::Addr::kBits) {
@@ -151,6 +153,7 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
 
 template <Family F>
 void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
+  const typename Listening<F>::Handling handling(sm_);
   KIV_TRACE(F::trace(), 7, sm_,
             "fib route being deleted=" << oldFibRoute << " with prefix=" << oldFibRoute.key);
   auto& root = Kiv::validPtr(sm_.rootRaw());

@@ -22,10 +22,14 @@ struct Interest {
   Kiv::HashMap<Tovan::Fib::FecId, Fec> fecs;
   /// The interfaces through which tracked routes leave, each with the number of such vias.
   Kiv::HashMap<Zemit::IntfId, uint32_t> intfs;
-  /// The addresses for which a merge would change something that no handler has yet been told of.
-  Kiv::HashMap<Addr, Kiv::Present> unsettled;
+  /// The addresses whose next merge may change something, whatever occasions it.
+  Kiv::HashMap<Addr, Kiv::Present> due;
+  /// How many handlers are running, one within the other.
+  uint32_t handlers = 0;
   /// Counts how often the host route of a neighbour was written or withdrawn.
   uint64_t hostRouteChanges = 0;
+  /// The routes that were there have been handled once.
+  bool hasBegun = false;
   /// Something has passed the machine by: its remaining memory of it proves nothing.
   bool isBlind = false;
 };

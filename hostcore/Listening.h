@@ -1,6 +1,7 @@
 // Which neighbour tables a state machine has to hear of.
 #pragma once
 
+#include <exception>
 #include <utility>
 
 #include "hostcore/Family.h"
@@ -15,12 +16,17 @@ namespace HostCore {
 /// Neighbour tables belong to the switch, and each VRF's machine watches all of them. A neighbour
 /// on an interface through which none of the machine's routes leaves gets no host route here. Its
 /// address is merged all the same; but merging again what was merged changes nothing, unless
-/// another VRF's virtual address came or went meanwhile, a FIB host route was passed over, or a
-/// merge was broken off. In all other cases the change of such a neighbour moves the machine to
-/// nothing but trace statements, and its reactor may be quiet.
+/// another VRF's virtual address came or went meanwhile, or a FIB host route was passed over: such
+/// an address is due. In all other cases the change of such a neighbour moves the machine to
+/// nothing but trace statements, and its reactor may be quiet. By the same argument the merge after
+/// a neighbour's event is left out when its host route has stayed and its address is not due.
 ///
-/// Who writes a route table or the FECs tells the machine at once; what is written in silence may
-/// be noticed later here than by machines that hear of everything.
+/// A machine that cannot be sure of that is blind, and from then on does everything: when a
+/// handler was broken off, a step was taken by hand, an input was replaced or notifications were
+/// off, and when the tables held host routes before it began.
+///
+/// Who writes a route table or the FECs tells the machine at once, before anything else is
+/// announced. What is written in silence, or damaged, is noticed at the next merge of the address.
 template <Family F>
 class Listening {
  public:
@@ -31,11 +37,37 @@ class Listening {
 
   explicit Listening(typename F::RouteSm& sm) : sm_(sm), interest_(sm.interest()) {}
 
-  /// The root may have tracked routes already, of a machine that was there before.
-  void routesFound() {
+  /// Stands in a handler while it runs. A handler merges all that it changes, unless an exception
+  /// ends it.
+  class Handling {
+   public:
+    explicit Handling(typename F::RouteSm& sm) : sm_(sm) { ++sm_.interest().handlers; }
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+    ~Handling() {
+      --sm_.interest().handlers;
+      if (std::uncaught_exceptions() != 0) Listening(sm_).missed();
+    }
+
+   private:
+    typename F::RouteSm& sm_;
+  };
+  /// A step was taken whose change is to be merged. If that is no handler's affair, nobody may see
+  /// to it.
+  void stepTaken() {
+    if (interest_.handlers == 0) missed();
+  }
+
+  /// The root may have the state of a machine that was there before.
+  void stateFound() {
     const auto* root = sm_.rootRaw();
     if (root == nullptr) return;
-    for (auto it = root->prefixToRouteIteratorConst(); it; ++it) enter(it.value().fecId);
+    const auto& neighbors = F::neighborTable(*root);
+    if (root->prefixToRouteCount() != 0 || (neighbors && neighbors->routeCount() != 0)) missed();
+  }
+  /// All routes of the route table are about to be handled, `last` the one with the longest prefix.
+  void routesFound(const Prefix& last) {
+    if (!std::exchange(interest_.hasBegun, true) && last.len() == Addr::kBits) missed();
   }
   /// A tracked route resolves through `now` in place of `before`; either may be none.
   void routeMoved(FecId before, FecId now) {
@@ -52,37 +84,26 @@ class Listening {
   }
   /// `addr` became virtual in another VRF, or is so no longer.
   void foreignVirtualIpChanged(const Addr& addr);
-  /// A FIB route was announced that the machine did not look into. If it is a host route, and not
-  /// what was merged last, the next merge of its address will change something.
-  void routePassedOver(const Prefix& prefix, const Route& fibRoute) {
-    if (prefix.len() == Addr::kBits && Obu::readRoute(sm_.routeStatusRaw(), prefix) != fibRoute) {
-      unsettled(prefix.addr());
-    }
+  /// A FIB route was announced, or that it went, and the machine did not look into it. If it is a
+  /// host route, and not what was merged last, the merge of its address is due.
+  void routePassedOver(const Prefix& prefix, const Route& fibRoute);
+  /// `addr` is being merged.
+  void merged(const Addr& addr) {
+    if (interest_.due.empty() || !interest_.due.erase(addr)) return;
+    if (interest_.due.empty()) review();
   }
-  /// `addr` has been merged.
-  void settled(const Addr& addr) {
-    if (interest_.unsettled.empty() || !interest_.unsettled.erase(addr)) return;
-    if (interest_.unsettled.empty()) review();
-  }
-  /// True when a merge of `addr`, whose host route has not changed, would change nothing.
-  bool isSettled(const Addr& addr) const {
-    return mayTrust() && !interest_.unsettled.contains(addr) && !F::trace().buildsAbove(0);
+  /// The host route of a neighbour was written or withdrawn.
+  void hostRouteChanged() { ++interest_.hostRouteChanges; }
+  uint64_t hostRouteChanges() const { return interest_.hostRouteChanges; }
+  /// True when a merge of `addr`, whose host route has stayed, would change nothing.
+  bool mayOmitMerge(const Addr& addr) const {
+    return mayTrust() && interest_.handlers == 1 && !interest_.due.contains(addr) &&
+           !F::trace().buildsAbove(0);
   }
   /// Something may have passed the machine by.
   void missed() {
     interest_.isBlind = true;
     review();
-  }
-
-  /// What `step` returns; a step that is broken off may leave routes that no merge has seen.
-  template <class Step>
-  auto guarded(Step step) {
-    try {
-      return step();
-    } catch (...) {
-      missed();
-      throw;
-    }
   }
 
   /// Sets each reactor of a neighbour table quiet, or not.
@@ -99,12 +120,14 @@ class Listening {
   }
 
  private:
-  void unsettled(const Addr& addr) {
-    const bool first = interest_.unsettled.empty();
-    if (interest_.unsettled.insert(addr) && first) review();
+  void mergeIsDue(const Addr& addr) {
+    const bool first = interest_.due.empty();
+    if (interest_.due.insert(addr) && first) review();
   }
   void enter(FecId fecId) {
     if (fecId == Tovan::Fib::invalidFecId) return;
+    // Nobody is told when an adjacency changes.
+    if (fecId >= F::ForwardingStatus::kFirstAdjacency) missed();
     const auto [fec, isNew] = interest_.fecs.tryEmplace(fecId);
     ++fec->routes;
     if (isNew) intfsAre(fecId, intfsOf(fecId));
@@ -135,8 +158,8 @@ class Listening {
   bool leavesThrough(const Arp::ArpIntfStatus* table) const {
     return table != nullptr && interest_.intfs.find(table->intfId()) != nullptr;
   }
-  bool mayRest() const { return mayTrust() && interest_.unsettled.empty(); }
-  /// True when all that was changed has been merged, but for what is unsettled.
+  bool mayRest() const { return mayTrust() && interest_.due.empty(); }
+  /// True when all that was changed has been merged, but for what is due.
   bool mayTrust() const {
     // What is queued is handled with the tables as they will be, which nobody knows yet.
     const auto* activity = sm_.kivFwkActivityRaw();
@@ -152,13 +175,32 @@ class Listening {
 template <Family F>
 void Listening<F>::foreignVirtualIpChanged(const Addr& addr) {
   const auto host = hostPrefix<F>(addr);
+  const Route merged = Obu::readRoute(sm_.routeStatusRaw(), host);
+  // Only attached routes give way to virtual addresses.
+  if (merged.key == host && merged.routeType != F::kAttached && merged.routeType != F::kInvalid) {
+    return;
+  }
   const auto& neighbors = F::neighborTable(Kiv::validPtr(sm_.rootRaw()));
   const auto* hostStatus = sm_.hostStatusRaw();
-  if (Obu::readRoute(sm_.routeStatusRaw(), host).key == host ||
-      (neighbors && neighbors->route(host).key == host) ||
+  if (merged.key == host || (neighbors && neighbors->route(host).key == host) ||
       (hostStatus != nullptr && hostStatus->route(host).key == host)) {
-    unsettled(addr);
+    mergeIsDue(addr);
   }
+}
+
+template <Family F>
+void Listening<F>::routePassedOver(const Prefix& prefix, const Route& fibRoute) {
+  if (prefix.len() != Addr::kBits) return;
+  if (fibRoute.key == prefix) {
+    if constexpr (F::kMergesReceiveRoutes) {
+      if (Kiv::validPtr(sm_.rootRaw()->receiveTable())->route(prefix).key == prefix) return;
+    }
+    const Route merged = Obu::readRoute(sm_.routeStatusRaw(), prefix);
+    const bool isComplete =
+        fibRoute.fecId != Tovan::Fib::invalidFecId && fibRoute.routeType != F::kInvalid;
+    if (isComplete ? merged == fibRoute : merged.key != prefix) return;
+  }
+  mergeIsDue(prefix.addr());
 }
 
 }  // namespace HostCore

@@ -50,6 +50,7 @@ class Merge {
 template <Family F>
 typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
                                                      const Route& fibRoute) {
+  Listening<F>(sm_).stepTaken();
   auto result = F::AddrSet::AddrSetIs(Prefix::null());
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
@@ -88,6 +89,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
 
 template <Family F>
 void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& fec) {
+  Listening<F>(sm_).stepTaken();
   if (fibRoute.fecId == Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 0, sm_,
               "fib route that should be associated with " << ip << " is missing an adjacency");
@@ -95,7 +97,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   }
   KIV_TRACE(F::trace(), 6, sm_, "associating " << ip << " with address set for " << fibRoute.key);
   // All that can fail comes before the first change.
-  const auto vias = Listening<F>(sm_).guarded([&] { return neighborVias(ip, fec); });
+  const auto vias = neighborVias(ip, fec);
   const auto& table = F::neighborTable(root_);
   auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
   const Prefix host = hostPrefix<F>(ip);
@@ -114,7 +116,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
 
   if (vias.empty()) {
     if (exists) {
-      ++sm_.interest().hostRouteChanges;
+      Listening<F>(sm_).hostRouteChanged();
       prefetchMerge();
       const auto& former = table->adjIndexToViaSet(existing.fecId);
       table->adjacencies().prefetch(former);
@@ -131,7 +133,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   neighbors->ipIs(ip, true);
   file(fibRoute);
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;
-  ++sm_.interest().hostRouteChanges;
+  Listening<F>(sm_).hostRouteChanged();
   // The new adjacency is taken before the old one may lose its last user.
   const auto adjacency = adjHelper.doGetOrCreateHostAdjacency(vias, table);
   F::addRouteToRouteTable(table, nullptr, ip, adjacency, F::kAttached, sm_, &existing);
@@ -181,8 +183,7 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
     }
     return;
   }
-  Listening<F>(sm_).guarded(
-      [&] { mergeAll(ascending(Kiv::validPtr(changed)->ipIteratorConst())); });
+  mergeAll(ascending(Kiv::validPtr(changed)->ipIteratorConst()));
 }
 
 template <Family F>
@@ -192,12 +193,13 @@ void Merge<F>::doMerge(const Addr& changed) {
     Kiv::validPtr(root_.toMerge())->ipIs(changed, true);
     return;
   }
-  Listening<F>(sm_).guarded([&] { mergeAll(std::array{changed}); });
+  mergeAll(std::array{changed});
 }
 
 template <Family F>
 template <class Addrs>
 void Merge<F>::mergeAll(const Addrs& addrs) {
+  const typename Listening<F>::Handling handling(sm_);
   // The reference of the route about to be replaced. It is dropped only after the replacement has
   // been written, so that a FEC never reaches a zero count while it is still in use.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
@@ -218,8 +220,8 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
                    " oldFecId: " << heldFec << " routeType: " << existing.routeType);
     }
     if (const auto* adjHelper = sm_.adjHelperRaw()) adjHelper->prefetch(heldFec);
+    Listening<F>(sm_).merged(addr);
     mergeOne(addr, existing);
-    Listening<F>(sm_).settled(addr);
   }
   if (heldFec != Tovan::Fib::invalidFecId) {
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", F::Text::kDroppingLast << heldFec);

@@ -62,8 +62,10 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
               F::Text::kSkippingEntry << shown << " on interface " << table->name());
     return;
   }
+  const typename Listening<F>::Handling handling(sm_);
+  const Listening<F> listening(sm_);
   Lookup<F>(sm_).prefetch(addr);
-  const auto changes = sm_.interest().hostRouteChanges;
+  const auto changes = listening.hostRouteChanges();
   if (const auto* entry = F::findNeighbor(*table, addr)) {
     KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);
     const auto neighbor = *entry;  // the table may change while it is handled
@@ -73,7 +75,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
               "handling a deleted arp entry for " << addr << " for " << table);
     sm_.handleDeletedArpEntry(shown, table);
   }
-  if (sm_.interest().hostRouteChanges == changes && Listening<F>(sm_).isSettled(addr)) return;
+  if (listening.hostRouteChanges() == changes && listening.mayOmitMerge(addr)) return;
   sm_.doMerge(addr);
 }
 
@@ -85,6 +87,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
     KIV_TRACE(F::trace(), 6, reactor, "skipping Neigh Entry on interface " << table->name());
     return;
   }
+  const typename Listening<F>::Handling handling(sm_);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(*table))) {
     const auto* entry = F::findNeighbor(*table, addr);
@@ -125,6 +128,7 @@ template <Family F>
 template <class Shown>
 void NeighborEntries<F>::handleAddedArpEntry(const Addr& addr, const Shown& shown,
                                              const ArpTable& table) {
+  Listening<F>(sm_).stepTaken();
   const auto cover = coverOf(addr, table);
   if (isNull(cover.route.key)) {
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNotStoring << shown << " for " << table);
@@ -137,6 +141,7 @@ template <Family F>
 template <class Shown>
 void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& shown,
                                                const ArpTable& table) {
+  Listening<F>(sm_).stepTaken();
   const auto host = hostPrefix<F>(addr);
   if (Kiv::validPtr(F::neighborTable(Kiv::validPtr(sm_.rootRaw())))->route(host).key != host) {
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNoRoutesForDeleted << shown);
@@ -168,6 +173,7 @@ void NeighborEntries<F>::handleDeletedArpIntfStatus(const ArpTable& table) {
   KIV_TRACE(F::trace(), 7, sm_,
             "arpIntfStatus for " << table->name() << " was deleted"
                                  << " with " << count << F::Text::kEntriesLeft);
+  const typename Listening<F>::Handling handling(sm_);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(*table))) {
     const auto* entry = F::findNeighbor(*table, addr);
@@ -183,6 +189,7 @@ template <Family F>
 void NeighborEntries<F>::handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former,
                                                      const ArpTable& table) {
   if (skipInterface(*table)) return;
+  const typename Listening<F>::Handling handling(sm_);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(former))) {
     const auto* entry = F::findNeighbor(former, addr);

@@ -102,7 +102,7 @@ const Kiv::TypeInfo& RouteSm::_fwkType() {
                                                                                    "changedIps")
           .attribute<&RouteSm::virtualIp6Status_>()
           .creator<&RouteSm::newVirtualIp6Status>("virtualIp6Status")
-          .deletable<&RouteSm::virtualIp6Status_>()
+          .deleter<&RouteSm::virtualIp6StatusDel>()
           .method<overloaded<const Routing::Fhrp::VrfIpPair&>(&RouteSm::handleVirtualIp6Status)>(
               "handleVirtualIp6Status", "vrfIpPair")
           .method<&RouteSm::setHostRouteRibReady>("setHostRouteRibReady")

@@ -103,7 +103,7 @@ const Kiv::TypeInfo& RouteSm::_fwkType() {
                                                                                 "changedIps")
           .attribute<&RouteSm::virtualIpStatus_>()
           .creator<&RouteSm::newVirtualIpStatus>("virtualIpStatus")
-          .deletable<&RouteSm::virtualIpStatus_>()
+          .deleter<&RouteSm::virtualIpStatusDel>()
           .method<overloaded<const Fhrp::VrfIpWithMaskPair&>(&RouteSm::handleVirtualIpStatus)>(
               "handleVirtualIpStatus", "vrfIpWithMask")
           .method<&RouteSm::setHostRouteRibReady>("setHostRouteRibReady")

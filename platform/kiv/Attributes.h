@@ -192,7 +192,7 @@ class Collection {
 };
 
 /// The storage of a collection of owned objects that are made of their keys alone: each is made
-/// when somebody first looks at it.
+/// when somebody first looks at it, and all from the first walk on.
 template <class Tag, class Key, class T>
 class LazyMap : public HashMap<Key, Ptr<T>> {
   using Base = HashMap<Key, Ptr<T>>;
@@ -201,8 +201,9 @@ class LazyMap : public HashMap<Key, Ptr<T>> {
   /// Gives `key` an entry, whose object is to be made later. \returns true when there was none.
   bool expect(const Entity& owner, const Key& key) {
     owner_ = &owner;
-    const bool isNew = Base::tryEmplace(key).second;
-    if (isNew) someAreMissing_ = true;
+    const auto [object, isNew] = Base::tryEmplace(key);
+    // A walk may be under way that is going to come by.
+    if (isNew && isWalked_) made(key, *object);
     return isNew;
   }
   /// The object of `key` if it has been made.
@@ -234,13 +235,13 @@ class LazyMap : public HashMap<Key, Ptr<T>> {
     return object;
   }
   void makeMissing() const {
-    if (!std::exchange(someAreMissing_, false)) return;
+    if (std::exchange(isWalked_, true)) return;
     for (auto it = const_cast<LazyMap*>(this)->Base::iterator(); it; ++it)
       made(it.key(), it.value());
   }
 
   const Entity* owner_ = nullptr;
-  mutable bool someAreMissing_ = false;
+  mutable bool isWalked_ = false;
 };
 
 /// A set of keys, in the form of a collection from each key to true.

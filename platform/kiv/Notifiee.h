@@ -48,8 +48,9 @@ class Notifiee : public Object {
 
   bool isQuiet() const noexcept { return quiet_; }
   /// A quiet notifiee is told of changes only while something is traced. For one that knows, for
-  /// the time being, that a change of its notifier would move it to nothing but trace statements:
-  /// where many watch, those whom a change does not concern cost nothing.
+  /// the time being, that a change of its notifier, whatever the attribute, would move it to
+  /// nothing but trace statements: where many watch, those whom a change does not concern cost
+  /// nothing.
   void isQuietIs(bool quiet);
 
   /// The activity that delivers to this reactor; null means at once.

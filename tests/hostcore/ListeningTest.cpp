@@ -1,0 +1,133 @@
+// Which neighbour tables a machine hears of, and which merges it leaves out.
+#include "tests/hostcore/World.h"
+
+namespace {
+
+template <class F>
+class ListeningTest : public testing::Test {
+ protected:
+  using S = Sample<F>;
+
+  bool isQuiet(Zemit::IntfId intf) { return world.machine().arpIntfStatus(intf.name())->isQuiet(); }
+  void announce(Zemit::IntfId intf, uint32_t n) {
+    F::neighborNotify(world.table(intf), S::addr(n));
+  }
+  typename F::Route merged(uint32_t n) {
+    return world.routeStatus->route(F::Prefix::host(S::addr(n)));
+  }
+  void virtualIn(const char* vrf, uint32_t n, bool present) {
+    world.virtualIps->virtualIpIs(S::virtualAddr(vrf, S::addr(n)), present);
+  }
+
+  World<F> world;  // the VRF "red"
+};
+TYPED_TEST_SUITE(ListeningTest, Families);
+
+TYPED_TEST(ListeningTest, ATableIsHeardWhileARouteLeavesThroughItsInterface) {
+  auto& red = this->world;
+  const auto [first, second] = std::pair(red.ethernet1, red.ethernet2);
+  red.table(first);
+  red.startWithSubnet();
+  red.learn(second, 5);
+  EXPECT_FALSE(this->isQuiet(first));
+  EXPECT_TRUE(this->isQuiet(second));
+
+  red.forwarding->fecIs(typename TypeParam::Fec(7, {{.hop = {}, .intf = second}}));
+  EXPECT_TRUE(this->isQuiet(first));
+  EXPECT_FALSE(this->isQuiet(second));
+  this->announce(second, 5);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+
+  red.routeDel(Sample<TypeParam>::subnet());
+  EXPECT_TRUE(this->isQuiet(second));
+  red.machine().initializedIs(false);
+  EXPECT_FALSE(this->isQuiet(first));
+  EXPECT_FALSE(this->isQuiet(second));
+}
+
+TYPED_TEST(ListeningTest, NothingIsQuietWhereNotificationsWait) {
+  this->world.activity = Kiv::make<Kiv::QueueingActivity>();
+  this->world.table(this->world.ethernet2);
+  this->world.startWithSubnet();
+  EXPECT_FALSE(this->isQuiet(this->world.ethernet2));
+}
+
+TYPED_TEST(ListeningTest, AnotherVrfsVirtualAddressTakesEffectAtTheNextEventOfItsNeighbour) {
+  auto& red = this->world;
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  red.learn(red.ethernet2, 6);
+  this->virtualIn("blue", 6, true);
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));  // no host route gives way
+
+  this->virtualIn("blue", 5, true);
+  EXPECT_EQ(this->merged(5).routeType, TypeParam::kAttached);
+  red.learn(red.ethernet2, 5);
+  EXPECT_EQ(this->merged(5).routeType, TypeParam::kInvalid);
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));
+
+  this->virtualIn("blue", 5, false);
+  this->announce(red.ethernet1, 5);
+  EXPECT_EQ(this->merged(5).routeType, TypeParam::kAttached);
+  red.expectBalancedReferences();
+}
+
+TYPED_TEST(ListeningTest, AStepTakenByHandIsMergedByTheNextEvent) {
+  auto& red = this->world;
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  red.machine().handleDeletedAdjacency(Sample<TypeParam>::subnet());
+  red.lose(red.ethernet1, 5);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+  red.expectBalancedReferences();
+}
+
+TYPED_TEST(ListeningTest, ANewMachineDoesNotRelyOnWhatItFinds) {
+  auto& red = this->world;
+  using Prefix = typename TypeParam::Prefix;
+  const auto host = Prefix::host(Sample<TypeParam>::addr(9));
+  red.startWithSubnet();
+  red.hostStatus->routeIs({.key = host,
+                           .metricPref = {.metric = 0, .preference = 1},
+                           .routeType = Sample<TypeParam>::kForeignType,
+                           .fecId = 7});
+  red.machine().handleHostStatusRoute(host);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 9));
+  red.root->routeSmDel();
+  red.hostStatus->routeDel(host);
+  red.newMachine();
+  red.machine().initializedIs(true);
+  red.learn(red.ethernet2, 9);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 9));
+}
+
+TYPED_TEST(ListeningTest, AnInputThatGoesIsNoticed) {
+  auto& red = this->world;
+  red.startWithSubnet();
+  this->virtualIn("red", 5, true);
+  red.learn(red.ethernet1, 5);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+  if constexpr (Sample<TypeParam>::kIsIpv4) {
+    red.machine().virtualIpStatusDel();
+  } else {
+    red.machine().virtualIp6StatusDel();
+  }
+  this->announce(red.ethernet1, 5);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+}
+
+TEST(RootTest, AWalkMeetsNoAddressSetThatIsNotMade) {
+  World<Daemon::Ipv4> world;
+  world.root->arpRouteExpect(Sample<Daemon::Ipv4>::subnet());
+  EXPECT_FALSE(world.root->arpRouteIfMade(Sample<Daemon::Ipv4>::subnet()));
+  auto walk = world.root->arpRouteIteratorConst();
+  for (uint32_t length = 1; length <= 32; ++length) {
+    world.root->arpRouteExpect(Zemit::Prefix::enclosing(Sample<Daemon::Ipv4>::addr(0), length));
+  }
+  for (; walk; ++walk) {
+    EXPECT_EQ(walk.value()->prefix(), walk.key());
+    EXPECT_EQ(walk.value()->parent(), world.root.get());
+  }
+}
+
+}  // namespace
