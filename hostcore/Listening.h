@@ -133,6 +133,7 @@ class Listening {
     if (isNew) intfsAre(fecId, intfsOf(fecId));
   }
   void leave(FecId fecId) {
+    if (fecId == Tovan::Fib::invalidFecId) return;
     auto* fec = interest_.fecs.find(fecId);
     if (fec == nullptr || --fec->routes != 0) return;
     intfsAre(fecId, {});
