@@ -92,9 +92,9 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
     uint32_t change = 0;
     RawVia first{};
   };
-  /// A further via. Those of an update are written under its own change count, and those of the
-  /// former one removed after the record has turned to them, so that neither a reader nor a writer
-  /// that takes over ever finds the vias of two updates mixed.
+  /// A further via. Those of an update are written under a change count that no update had before,
+  /// and those of the former one removed after the record has turned to them, so that neither a
+  /// reader nor a writer that takes over ever finds the vias of two updates mixed.
   struct ViaKey {
     FecId fec;
     uint32_t change;
@@ -117,6 +117,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   TovanMap<ViaKey, RawVia> moreVias_;
   IntfNames intfs_;
   uint32_t adjacencySpaces_ = 0;
+  uint32_t changes_ = 0;
 };
 
 template <class A>
@@ -133,11 +134,13 @@ BasicForwardingStatus<A>::BasicForwardingStatus(const std::string& name, Access 
   if (access == Access::Write) clearUp();
 }
 
-/// Puts right what a former writer left behind half done, and passes over its adjacency spaces.
+/// Puts right what a former writer left behind half done, and passes over its adjacency spaces and
+/// change counts.
 template <class A>
 void BasicForwardingStatus<A>::clearUp() {
   for (const auto& item : fecs_) {
     adjacencySpaces_ = std::max(adjacencySpaces_, static_cast<uint32_t>(item.key >> 32));
+    changes_ = std::max(changes_, item.value.change);
   }
   for (const ViaKey& key : moreVias_.keys()) {
     const auto record = fecs_.get(key.fec);
@@ -207,8 +210,7 @@ void BasicForwardingStatus<A>::fecDel(const FecId& id) {
 
 template <class A>
 void BasicForwardingStatus<A>::store(const Fec& fec, const std::optional<Record>& replaced) {
-  Record record{.viaCount = static_cast<uint32_t>(fec.viaCount()),
-                .change = replaced ? replaced->change + 1 : 0};
+  Record record{.viaCount = static_cast<uint32_t>(fec.viaCount()), .change = ++changes_};
   uint32_t index = 0;
   for (const Via& via : fec) {
     if (index == 0) {
