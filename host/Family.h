@@ -86,6 +86,7 @@ struct Ipv4 {
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIfMade(prefix);
   }
+  /// Gives a prefix an entry, whose set is made when somebody looks at it.
   static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
     root.arpRouteExpect(prefix);
   }

@@ -114,6 +114,7 @@ struct Ipv6 {
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIfMade(prefix);
   }
+  /// Gives a prefix an entry, whose set is made when somebody looks at it.
   static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
     root.neighRouteExpect(prefix);
   }

@@ -505,6 +505,7 @@ class KeySet {
   KIV_COLLECTION_READERS(attr, Key, ::Kiv::Ptr<Type>)                                  \
   KIV_KEYED_DELETIONS(attr, Attr, Key)                                                 \
   const ::Kiv::Ptr<Type>& attr##Is(const Key& key) {                                   \
+    if (const auto* present = attr##Find(key)) return *present;                        \
     attr##Expect(key);                                                                 \
     return attr(key);                                                                  \
   }                                                                                    \

@@ -189,6 +189,7 @@ class HashMap {
     prefetchHash(hash);
     return hash;
   }
+  /// The same for a key of this hash.
   void prefetchHash(uint32_t hash) const {
     const Place place(block_, homeOf(block_, hash));
     __builtin_prefetch(place.control);

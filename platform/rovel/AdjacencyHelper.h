@@ -46,13 +46,14 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
   virtual void doDropRefOnFibAdjacency(FecId fecId);
 
-  /// Begins to fetch what is read when a new FIB adjacency of `vias` is made, when the last user of
-  /// one goes, or when one is taken again or dropped.
+  /// Begins to fetch what is read when a new FIB adjacency of `vias` is made.
   void prefetchNew(const ViaSet& vias) const {
     fibAdjacencies_.prefetch(vias);
     if (fwdStatus_) fwdStatus_->prefetch(space_ | fibAdjacencies_.next());
   }
+  /// The same for when the last user of the one of `vias` goes.
   void prefetchLast(const ViaSet& vias) const { fibAdjacencies_.prefetch(vias); }
+  /// The same for when a FIB adjacency is taken again or dropped.
   void prefetch(FecId fecId) const {
     fibAdjacencies_.prefetch(uint64_t{indexOf(fecId)});
     if (fwdStatus_) fwdStatus_->prefetch(fecId);
