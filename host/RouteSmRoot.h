@@ -12,6 +12,7 @@
 #include "platform/routing/Trie.h"
 #include "platform/routing/VirtualIpStatus.h"
 #include "platform/rovel/AdjacencyHelper.h"
+#include "platform/tovan/RouteCollection.h"
 #include "platform/tovan/RouteStatus.h"
 #include "platform/zemit/IpAddrWithMask.h"
 
@@ -123,10 +124,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_LAZY_COLLECTION(263, arpRoute, ArpRoute, Zemit::Prefix, Obu::AddrSet)
 
   /// The last FIB route seen for each tracked prefix.
-  KIV_COLLECTION(264, prefixToRoute, PrefixToRoute, Zemit::Prefix, Tovan::Fib::Route)
-  void prefixToRouteIs(const Tovan::Fib::Route& route) {
-    prefixToRoute_.set(*this, route.key, route);
-  }
+  TOVAN_ROUTE_COLLECTION(264, prefixToRoute, PrefixToRoute, Tovan::Fib::Route)
 
   /// The FEC through which each tracked prefix was last seen to resolve.
   KIV_COLLECTION(265, prefixToAdjacency, PrefixToAdjacency, Zemit::Prefix, Tovan::Fib::FecId)

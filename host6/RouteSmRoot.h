@@ -12,6 +12,7 @@
 #include "platform/routing/Trie.h"
 #include "platform/routing/VirtualIpStatus.h"
 #include "platform/rovel/AdjacencyHelper.h"
+#include "platform/tovan/RouteCollection.h"
 #include "platform/tovan/RouteStatus.h"
 #include "platform/zemit/IpAddrWithMask.h"
 
@@ -122,10 +123,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_LAZY_COLLECTION(263, neighRoute, NeighRoute, Zemit::Ip6Prefix, Obu::Ip6AddrSet)
 
   /// The last FIB route seen for each tracked prefix.
-  KIV_COLLECTION(264, prefixToRoute, PrefixToRoute, Zemit::Ip6Prefix, Tovan::Fib6::Route)
-  void prefixToRouteIs(const Tovan::Fib6::Route& route) {
-    prefixToRoute_.set(*this, route.key, route);
-  }
+  TOVAN_ROUTE_COLLECTION(264, prefixToRoute, PrefixToRoute, Tovan::Fib6::Route)
 
   /// The FEC through which each tracked prefix was last seen to resolve.
   KIV_COLLECTION(265, prefixToAdjacency, PrefixToAdjacency, Zemit::Ip6Prefix, Tovan::Fib::FecId)

@@ -100,7 +100,7 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     const auto* known = sm_.rootRaw();
-    if (known != nullptr && known->prefixToRouteFind(prefix) != nullptr) {
+    if (known != nullptr && known->prefixToRouteFind(prefix)) {
       Listening<F>(sm_).routePassedOver(prefix, fibRoute);
     }
     return;
@@ -108,19 +108,19 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   auto& root = Kiv::validPtr(sm_.rootRaw());
   auto& trie = Kiv::validPtr(root.trieRaw());
   F::prefetchTracked(root, prefix);
-  const Route* tracked = root.prefixToRouteFind(prefix);
+  const auto tracked = root.prefixToRouteFind(prefix);
 
   if (fibRoute.key == prefix) {
-    if (tracked != nullptr && *tracked == fibRoute) {
+    if (tracked == fibRoute) {
       Listening<F>(sm_).routePassedOver(prefix, fibRoute);
       return;
     }
-    if (tracked == nullptr) {
+    if (!tracked) {
       KIV_TRACE(F::trace(), 6, sm_, "oldFibRoute for " << prefix << F::Text::kWasNone);
     } else {
       KIV_TRACE(F::trace(), 0, sm_, "oldFibRoute for " << prefix << " was " << *tracked);
     }
-    const auto oldFec = tracked == nullptr ? Tovan::Fib::invalidFecId : tracked->fecId;
+    const auto oldFec = tracked ? tracked->fecId : Tovan::Fib::invalidFecId;
     F::neighborSetExpect(root, prefix);
     trie.routeIs(prefix, true);
     Listening<F>(sm_).routeMoved(oldFec, fibRoute.fecId);
@@ -133,9 +133,9 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
     return;
   }
 
-  const Route old = tracked == nullptr ? Route() : *tracked;
+  const Route old = tracked.value_or(Route());
   trie.routeDel(prefix);
-  if (tracked != nullptr) {
+  if (tracked) {
     KIV_TRACE(F::trace(), 6, sm_, "removing route " << old << " for " << prefix);
     sm_.handleDeletedRoute(old);
   }

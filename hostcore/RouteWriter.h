@@ -64,7 +64,7 @@ void addRouteToRouteTable(const typename F::HostTable::Ptr& hostTable,
     return;
   }
 
-  const typename F::Route& fibRoute = root.prefixToRoute(prefix);
+  const typename F::Route fibRoute = root.prefixToRoute(prefix);
   const bool isTracked = fibRoute.key == prefix;
   if (!exists) {
     typename F::Route added{.key = prefix,

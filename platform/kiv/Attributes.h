@@ -426,17 +426,17 @@ class KeySet {
 /// is given is good until the collection changes.
 #define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                                  \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::Collection<Attr##Attribute, Key, Value>) \
-  KIV_COLLECTION_READERS(attr, Key, Value)
+  KIV_COLLECTION_READERS(attr, Key)
 
-#define KIV_COLLECTION_READERS(attr, Key, Value)  \
-  const Value& attr(const Key& key) const {       \
-    return attr##_.get(key);                      \
-  }                                               \
-  void attr##Prefetch(const Key& key) const {     \
-    attr##_.map().prefetch(key);                  \
-  }                                               \
-  const Value* attr##Find(const Key& key) const { \
-    return attr##_.map().find(key);               \
+#define KIV_COLLECTION_READERS(attr, Key)     \
+  decltype(auto) attr(const Key& key) const { \
+    return attr##_.get(key);                  \
+  }                                           \
+  void attr##Prefetch(const Key& key) const { \
+    attr##_.map().prefetch(key);              \
+  }                                           \
+  auto attr##Find(const Key& key) const {     \
+    return attr##_.map().find(key);           \
   }
 
 /// A collection: adds the deletions. Its setter stands beside it.
@@ -456,7 +456,7 @@ class KeySet {
   KIV_KEYED_MEMBERS(                                                                     \
       id, attr, Attr, Key,                                                               \
       ::Kiv::Collection<Attr##Attribute, Key, Value, ::Kiv::OrderedHashMap<Key, Value>>) \
-  KIV_COLLECTION_READERS(attr, Key, Value)                                               \
+  KIV_COLLECTION_READERS(attr, Key)                                                      \
   KIV_KEYED_DELETIONS(attr, Attr, Key)                                                   \
   KIV_ORDERED_KEYS(attr, Key)
 
@@ -502,7 +502,7 @@ class KeySet {
   KIV_KEYED_MEMBERS(id, attr, Attr, Key,                                               \
                     ::Kiv::Collection<Attr##Attribute, Key, ::Kiv::Ptr<Type>,          \
                                       ::Kiv::LazyMap<Attr##Attribute, Key, Type>>)     \
-  KIV_COLLECTION_READERS(attr, Key, ::Kiv::Ptr<Type>)                                  \
+  KIV_COLLECTION_READERS(attr, Key)                                                    \
   KIV_KEYED_DELETIONS(attr, Attr, Key)                                                 \
   const ::Kiv::Ptr<Type>& attr##Is(const Key& key) {                                   \
     if (const auto* present = attr##Find(key)) return *present;                        \

@@ -293,8 +293,8 @@ TypeTable<T>& TypeTable<T>::attribute() {
     added.key.type = detail::typeRef<K>();
     added.read = [](Self self, const Entity& entity, const GenericValue& index) {
       const K key = detail::unpackKey<K>(index, self.name);
-      const auto* found = (static_cast<const T&>(entity).*Member).map().find(key);
-      if (found == nullptr) GenericIf::throwBadIndexAttrException(self.name, "no such entry");
+      const auto found = (static_cast<const T&>(entity).*Member).map().find(key);
+      if (!found) GenericIf::throwBadIndexAttrException(self.name, "no such entry");
       return detail::pack(detail::shown(*found));
     };
     added.iterate = [](Self self, const Entity& entity,

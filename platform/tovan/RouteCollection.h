@@ -1,0 +1,92 @@
+// An entity's routes by prefix.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "platform/kiv/Attributes.h"
+#include "platform/tovan/RouteRecord.h"
+
+namespace Tovan {
+
+/// A Kiv::Collection of routes under their own prefixes that does not store the prefix twice.
+///
+/// Gives routes by value where a Kiv::Collection refers to what it stores.
+template <class Tag, class R, class Records = Kiv::HashMap<decltype(R::key), RouteRecord<R>>>
+class RouteCollection {
+ public:
+  using AttributeTag = Tag;
+  using Route = R;
+  using Prefix = decltype(Route::key);
+
+  /// The routes, to be read.
+  class Map {
+   public:
+    using Key = Prefix;
+    using Value = Route;
+
+    class IteratorConst {
+     public:
+      explicit IteratorConst(typename Records::IteratorConst at) : at_(std::move(at)) {}
+      explicit operator bool() const noexcept { return bool(at_); }
+      const Prefix& key() const noexcept { return at_.key(); }
+      Route value() const { return at_.value().withKey(at_.key()); }
+      IteratorConst& operator++() {
+        ++at_;
+        return *this;
+      }
+
+     private:
+      typename Records::IteratorConst at_;
+    };
+    using Iterator = IteratorConst;
+
+    explicit Map(const Records& records) : records_(records) {}
+
+    size_t size() const noexcept { return records_.size(); }
+    std::optional<Route> find(const Prefix& prefix) const {
+      const auto* record = records_.find(prefix);
+      return record == nullptr ? std::nullopt : std::optional(record->withKey(prefix));
+    }
+    auto prefetch(const Prefix& prefix) const { return records_.prefetch(prefix); }
+    std::vector<Prefix> keys() const { return records_.keys(); }
+    Iterator iterator() const { return iteratorConst(); }
+    IteratorConst iteratorConst() const { return IteratorConst(records_.iteratorConst()); }
+    IteratorConst iteratorConst(const Prefix& prefix) const {
+      return IteratorConst(records_.iteratorConst(prefix));
+    }
+
+   private:
+    const Records& records_;
+  };
+
+  RouteCollection() = default;
+
+  /// The route of a prefix, or an empty one.
+  Route get(const Prefix& prefix) const { return map().find(prefix).value_or(Route()); }
+  Map map() const noexcept { return Map(records_.map()); }
+
+  // As those of a Kiv::Collection.
+  bool set(const Kiv::Entity& owner, const Route& route) {
+    return records_.set(owner, route.key, RouteRecord<Route>(route));
+  }
+  bool del(const Kiv::Entity& owner, const Prefix& prefix) { return records_.del(owner, prefix); }
+  void del(const Kiv::Entity& owner, const typename Map::Iterator& it) { del(owner, it.key()); }
+  void delAll(const Kiv::Entity& owner) { records_.delAll(owner); }
+
+ private:
+  Kiv::Collection<Tag, Prefix, RouteRecord<Route>, Records> records_;
+};
+
+}  // namespace Tovan
+
+/// A collection of routes: the members of a KIV_COLLECTION, and attrIs(route), which stores a route
+/// under its prefix. attr(prefix) gives the route or an empty one, attrFind(prefix) perhaps one.
+#define TOVAN_ROUTE_COLLECTION(id, attr, Attr, Route)                 \
+  KIV_KEYED_MEMBERS(id, attr, Attr, decltype(Route::key),             \
+                    ::Tovan::RouteCollection<Attr##Attribute, Route>) \
+  KIV_COLLECTION_READERS(attr, decltype(Route::key))                  \
+  KIV_KEYED_DELETIONS(attr, Attr, decltype(Route::key))               \
+  void attr##Is(const Route& route) {                                 \
+    attr##_.set(*this, route);                                        \
+  }
