@@ -6,6 +6,7 @@
 #include "platform/interface/AllIntfStatusDir.h"
 #include "platform/kiv/Attributes.h"
 #include "platform/kiv/Export.h"
+#include "platform/kiv/Rows.h"
 #include "platform/l3/VrfName.h"
 #include "platform/obu/AddrSet.h"
 #include "platform/routing/HostStatus.h"
@@ -119,15 +120,26 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// Keeper of the adjacency references.
   KIV_POINTER(262, adjHelper, AdjHelper, Rovel::AdjacencyHelper)
 
+  /// What is kept of each tracked prefix, side by side: the next three collections.
+  using Tracked = Kiv::Rows<Zemit::Prefix, Obu::AddrSet::Ptr, Tovan::RouteRecord<Tovan::Fib::Route>,
+                            Tovan::Fib::FecId>;
+
+ private:
+  Tracked tracked_;
+
+ public:
   /// For each tracked FIB prefix, the neighbours whose host routes were derived through it.
   /// Most prefixes have none, so a set is made when it is first looked at.
-  KIV_LAZY_COLLECTION(263, arpRoute, ArpRoute, Zemit::Prefix, Obu::AddrSet)
+  KIV_LAZY_COLLECTION_ON(263, arpRoute, ArpRoute, Zemit::Prefix, Obu::AddrSet,
+                         Tracked::Column<Obu::AddrSet::Ptr>)
 
   /// The last FIB route seen for each tracked prefix.
-  TOVAN_ROUTE_COLLECTION(264, prefixToRoute, PrefixToRoute, Tovan::Fib::Route)
+  TOVAN_ROUTE_COLLECTION_ON(264, prefixToRoute, PrefixToRoute, Tovan::Fib::Route,
+                            Tracked::Column<Tovan::RouteRecord<Tovan::Fib::Route>>)
 
   /// The FEC through which each tracked prefix was last seen to resolve.
-  KIV_COLLECTION(265, prefixToAdjacency, PrefixToAdjacency, Zemit::Prefix, Tovan::Fib::FecId)
+  KIV_COLLECTION_ON(265, prefixToAdjacency, PrefixToAdjacency, Zemit::Prefix, Tovan::Fib::FecId,
+                    Tracked::Column<Tovan::Fib::FecId>)
   void prefixToAdjacencyIs(const Zemit::Prefix& prefix, Tovan::Fib::FecId fecId) {
     prefixToAdjacency_.set(*this, prefix, fecId);
   }

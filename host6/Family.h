@@ -107,8 +107,6 @@ struct Ipv6 {
   /// Begins to fetch what is kept of a tracked prefix.
   static void prefetchTracked(const RouteSmRoot& root, const Prefix& prefix) {
     root.prefixToRoutePrefetch(prefix);
-    root.prefixToAdjacencyPrefetch(prefix);
-    root.neighRoutePrefetch(prefix);
   }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {

@@ -5,7 +5,11 @@
 
 namespace Routing6::Host {
 
-RouteSmRoot::RouteSmRoot(Kiv::Name name) : NamedEntity(std::move(name)) {
+RouteSmRoot::RouteSmRoot(Kiv::Name name)
+    : NamedEntity(std::move(name)),
+      neighRoute_(tracked_),
+      prefixToRoute_(tracked_),
+      prefixToAdjacency_(tracked_) {
   handleInitialized();
 }
 

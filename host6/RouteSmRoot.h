@@ -6,6 +6,7 @@
 #include "platform/interface/AllIntfStatusDir.h"
 #include "platform/kiv/Attributes.h"
 #include "platform/kiv/Export.h"
+#include "platform/kiv/Rows.h"
 #include "platform/l3/VrfName.h"
 #include "platform/obu/AddrSet.h"
 #include "platform/routing/HostStatus.h"
@@ -118,15 +119,26 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// Keeper of the adjacency references.
   KIV_POINTER(262, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
 
+  /// What is kept of each tracked prefix, side by side: the next three collections.
+  using Tracked = Kiv::Rows<Zemit::Ip6Prefix, Obu::Ip6AddrSet::Ptr,
+                            Tovan::RouteRecord<Tovan::Fib6::Route>, Tovan::Fib::FecId>;
+
+ private:
+  Tracked tracked_;
+
+ public:
   /// For each tracked FIB prefix, the neighbours whose host routes were derived through it.
   /// Most prefixes have none, so a set is made when it is first looked at.
-  KIV_LAZY_COLLECTION(263, neighRoute, NeighRoute, Zemit::Ip6Prefix, Obu::Ip6AddrSet)
+  KIV_LAZY_COLLECTION_ON(263, neighRoute, NeighRoute, Zemit::Ip6Prefix, Obu::Ip6AddrSet,
+                         Tracked::Column<Obu::Ip6AddrSet::Ptr>)
 
   /// The last FIB route seen for each tracked prefix.
-  TOVAN_ROUTE_COLLECTION(264, prefixToRoute, PrefixToRoute, Tovan::Fib6::Route)
+  TOVAN_ROUTE_COLLECTION_ON(264, prefixToRoute, PrefixToRoute, Tovan::Fib6::Route,
+                            Tracked::Column<Tovan::RouteRecord<Tovan::Fib6::Route>>)
 
   /// The FEC through which each tracked prefix was last seen to resolve.
-  KIV_COLLECTION(265, prefixToAdjacency, PrefixToAdjacency, Zemit::Ip6Prefix, Tovan::Fib::FecId)
+  KIV_COLLECTION_ON(265, prefixToAdjacency, PrefixToAdjacency, Zemit::Ip6Prefix, Tovan::Fib::FecId,
+                    Tracked::Column<Tovan::Fib::FecId>)
   void prefixToAdjacencyIs(const Zemit::Ip6Prefix& prefix, Tovan::Fib::FecId fecId) {
     prefixToAdjacency_.set(*this, prefix, fecId);
   }

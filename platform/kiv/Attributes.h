@@ -130,6 +130,10 @@ class Collection {
   using Map = Storage;
 
   Collection() = default;
+  /// A collection whose storage is a column of `rows`.
+  template <class Rows>
+  requires std::constructible_from<Storage, Rows&>
+  explicit Collection(Rows& rows) : map_(rows) {}
   Collection(const Collection&) = delete;
   Collection& operator=(const Collection&) = delete;
   ~Collection() { disownAll(); }
@@ -157,8 +161,7 @@ class Collection {
 
   /// Removes an entry and announces its key. The removed value lives until that is done.
   bool del(const Entity& owner, const Key& key) {
-    HashMap<Key, Value>& stored = map_;  // whatever more the storage does for who looks
-    Value* found = stored.find(key);
+    Value* found = findStored(key);
     if (found == nullptr) return false;
     const Key removed = key;  // NOLINT(performance-*): `key` may be the stored one
     const Value old = std::move(*found);
@@ -182,6 +185,14 @@ class Collection {
   }
 
  private:
+  /// The entry, whatever more the storage does for who looks at it.
+  Value* findStored(const Key& key) {
+    if constexpr (requires { map_.findMade(key); }) {
+      return map_.findMade(key);
+    } else {
+      return map_.find(key);
+    }
+  }
   void disownAll() {
     if constexpr (detail::isEntityHandle<Value>) {
       for (const auto& entry : map_) detail::disown(entry.value);
@@ -193,11 +204,16 @@ class Collection {
 
 /// The storage of a collection of owned objects that are made of their keys alone: each is made
 /// when somebody first looks at it, and all from the first walk on.
-template <class Tag, class Key, class T>
-class LazyMap : public HashMap<Key, Ptr<T>> {
-  using Base = HashMap<Key, Ptr<T>>;
+///
+/// \tparam Base  a map from keys to handles.
+template <class Tag, class Base>
+class LazyMap : public Base {
+  using Object = typename Base::Value;
 
  public:
+  using Base::Base;
+  using typename Base::Key;
+
   /// Gives `key` an entry, whose object is to be made later. \returns true when there was none.
   bool expect(const Entity& owner, const Key& key) {
     owner_ = &owner;
@@ -207,11 +223,12 @@ class LazyMap : public HashMap<Key, Ptr<T>> {
     return isNew;
   }
   /// The object of `key` if it has been made.
-  const Ptr<T>* findMade(const Key& key) const { return Base::find(key); }
+  const Object* findMade(const Key& key) const { return Base::find(key); }
+  Object* findMade(const Key& key) { return Base::find(key); }
 
-  const Ptr<T>* find(const Key& key) const {
-    const Ptr<T>* object = Base::find(key);
-    return object == nullptr ? nullptr : &made(key, const_cast<Ptr<T>&>(*object));
+  const Object* find(const Key& key) const {
+    const Object* object = Base::find(key);
+    return object == nullptr ? nullptr : &made(key, const_cast<Object&>(*object));
   }
   auto iterator() {
     makeMissing();
@@ -227,9 +244,9 @@ class LazyMap : public HashMap<Key, Ptr<T>> {
   }
 
  private:
-  Ptr<T>& made(const Key& key, Ptr<T>& object) const {
+  Object& made(const Key& key, Object& object) const {
     if (!object) {
-      object = make<T>(key);
+      object = make<typename Object::Element>(key);
       detail::adopt<Tag>(*owner_, object);
     }
     return object;
@@ -451,13 +468,17 @@ class KeySet {
     return attr##_.map().keysBetween(first, last);                              \
   }
 
+/// A collection on the storage given last. That may be a column of the entity's Kiv::Rows: then the
+/// entity's constructor gives attr_ the rows, which stand before it.
+#define KIV_COLLECTION_ON(id, attr, Attr, Key, Value, ...)                       \
+  KIV_KEYED_MEMBERS(id, attr, Attr, Key,                                         \
+                    ::Kiv::Collection<Attr##Attribute, Key, Value, __VA_ARGS__>) \
+  KIV_COLLECTION_READERS(attr, Key)                                              \
+  KIV_KEYED_DELETIONS(attr, Attr, Key)
+
 /// A collection that also gives the keys of a range.
-#define KIV_ORDERED_COLLECTION(id, attr, Attr, Key, Value)                               \
-  KIV_KEYED_MEMBERS(                                                                     \
-      id, attr, Attr, Key,                                                               \
-      ::Kiv::Collection<Attr##Attribute, Key, Value, ::Kiv::OrderedHashMap<Key, Value>>) \
-  KIV_COLLECTION_READERS(attr, Key)                                                      \
-  KIV_KEYED_DELETIONS(attr, Attr, Key)                                                   \
+#define KIV_ORDERED_COLLECTION(id, attr, Attr, Key, Value)                         \
+  KIV_COLLECTION_ON(id, attr, Attr, Key, Value, ::Kiv::OrderedHashMap<Key, Value>) \
   KIV_ORDERED_KEYS(attr, Key)
 
 /// A set of keys that is read by anybody and changed by its entity alone: attr(key) and the common
@@ -494,16 +515,13 @@ class KeySet {
   KIV_SET_CHANGES(attr, Attr, Key)                                                     \
   KIV_ORDERED_KEYS(attr, Key)
 
-/// A collection of objects that are made of their keys, each when it is first looked at: adds
-/// attrIs(key), which makes an entry unless it is there and gives its object; attrExpect(key),
-/// which leaves the object to be made; and attrIfMade(key), which gives null for one that is not
-/// made.
-#define KIV_LAZY_COLLECTION(id, attr, Attr, Key, Type)                                 \
-  KIV_KEYED_MEMBERS(id, attr, Attr, Key,                                               \
-                    ::Kiv::Collection<Attr##Attribute, Key, ::Kiv::Ptr<Type>,          \
-                                      ::Kiv::LazyMap<Attr##Attribute, Key, Type>>)     \
-  KIV_COLLECTION_READERS(attr, Key)                                                    \
-  KIV_KEYED_DELETIONS(attr, Attr, Key)                                                 \
+/// A collection of objects that are made of their keys, each when it is first looked at, on the
+/// storage given last: adds attrIs(key), which makes an entry unless it is there and gives its
+/// object; attrExpect(key), which leaves the object to be made; and attrIfMade(key), which gives
+/// null for one that is not made.
+#define KIV_LAZY_COLLECTION_ON(id, attr, Attr, Key, Type, ...)                         \
+  KIV_COLLECTION_ON(id, attr, Attr, Key, ::Kiv::Ptr<Type>,                             \
+                    ::Kiv::LazyMap<Attr##Attribute, __VA_ARGS__>)                      \
   const ::Kiv::Ptr<Type>& attr##Is(const Key& key) {                                   \
     if (const auto* present = attr##Find(key)) return *present;                        \
     attr##Expect(key);                                                                 \

@@ -1,7 +1,9 @@
 // An entity's routes by prefix.
 #pragma once
 
+#include <concepts>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "platform/kiv/Attributes.h"
@@ -12,7 +14,9 @@ namespace Tovan {
 /// A Kiv::Collection of routes under their own prefixes that does not store the prefix twice.
 ///
 /// Gives routes by value where a Kiv::Collection refers to what it stores.
-template <class Tag, class R, class Records = Kiv::HashMap<decltype(R::key), RouteRecord<R>>>
+///
+/// \tparam Records  a map from prefixes to RouteRecords.
+template <class Tag, class R, class Records>
 class RouteCollection {
  public:
   using AttributeTag = Tag;
@@ -60,7 +64,10 @@ class RouteCollection {
     const Records& records_;
   };
 
-  RouteCollection() = default;
+  /// A collection whose storage is a column of `rows`.
+  template <class Rows>
+  requires std::constructible_from<Records, Rows&>
+  explicit RouteCollection(Rows& rows) : records_(rows) {}
 
   /// The route of a prefix, or an empty one.
   Route get(const Prefix& prefix) const { return map().find(prefix).value_or(Route()); }
@@ -80,13 +87,14 @@ class RouteCollection {
 
 }  // namespace Tovan
 
-/// A collection of routes: the members of a KIV_COLLECTION, and attrIs(route), which stores a route
-/// under its prefix. attr(prefix) gives the route or an empty one, attrFind(prefix) perhaps one.
-#define TOVAN_ROUTE_COLLECTION(id, attr, Attr, Route)                 \
-  KIV_KEYED_MEMBERS(id, attr, Attr, decltype(Route::key),             \
-                    ::Tovan::RouteCollection<Attr##Attribute, Route>) \
-  KIV_COLLECTION_READERS(attr, decltype(Route::key))                  \
-  KIV_KEYED_DELETIONS(attr, Attr, decltype(Route::key))               \
-  void attr##Is(const Route& route) {                                 \
-    attr##_.set(*this, route);                                        \
+/// A collection of routes on the storage given last, a map of RouteRecords: the members of a
+/// KIV_COLLECTION_ON, and attrIs(route), which stores a route under its prefix. attr(prefix) gives
+/// the route or an empty one, attrFind(prefix) perhaps one.
+#define TOVAN_ROUTE_COLLECTION_ON(id, attr, Attr, Route, ...)                      \
+  KIV_KEYED_MEMBERS(id, attr, Attr, decltype(Route::key),                          \
+                    ::Tovan::RouteCollection<Attr##Attribute, Route, __VA_ARGS__>) \
+  KIV_COLLECTION_READERS(attr, decltype(Route::key))                               \
+  KIV_KEYED_DELETIONS(attr, Attr, decltype(Route::key))                            \
+  void attr##Is(const Route& route) {                                              \
+    attr##_.set(*this, route);                                                     \
   }

@@ -1,0 +1,149 @@
+// Rows with several columns, beside a std::map for each column.
+#include "platform/kiv/Rows.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <string>
+
+#include "platform/kiv/Ptr.h"
+
+namespace Kiv {
+namespace {
+
+using Key = uint32_t;
+
+class RowsTest : public testing::Test {
+ protected:
+  using Table = Rows<Key, uint64_t, std::string>;
+
+  /// A column and what must be in it.
+  template <class V>
+  struct Checked {
+    explicit Checked(Table& rows) : column(rows) {}
+
+    void emplace(Key key, V value) {
+      const auto [stored, isNew] = column.tryEmplace(key, value);
+      const auto expected = model.try_emplace(key, value);
+      EXPECT_EQ(isNew, expected.second);
+      EXPECT_EQ(*stored, expected.first->second);
+      *stored = expected.first->second = value;
+    }
+    void erase(Key key) { EXPECT_EQ(column.erase(key), model.erase(key) == 1); }
+    void expectSame(Key limit) const {
+      EXPECT_EQ(column.size(), model.size());
+      for (Key key = 0; key < limit; ++key) {
+        const V* found = column.find(key);
+        const auto expected = model.find(key);
+        ASSERT_EQ(found != nullptr, expected != model.end()) << key;
+        if (found != nullptr) {
+          ASSERT_EQ(*found, expected->second);
+        }
+      }
+      std::map<Key, V> walked;
+      for (const auto& entry : column) walked.emplace(entry.key, entry.value);
+      EXPECT_EQ(walked, model);
+      EXPECT_EQ(column.keys().size(), model.size());
+    }
+
+    Table::Column<V> column;
+    std::map<Key, V> model;
+  };
+
+  Key below(Key limit) { return static_cast<Key>(random() % limit); }
+
+  Table rows;
+  Checked<uint64_t> numbers{rows};
+  Checked<std::string> texts{rows};
+  std::mt19937 random{1};
+};
+
+// The phases fill the rows, turn them over, empty all but few, all, and fill them again.
+TEST_F(RowsTest, EachColumnIsAMapOfItsOwn) {
+  constexpr Key kKeys = 3'000;
+  for (const Key percentInserted : {100U, 50U, 3U, 0U, 80U}) {
+    for (int i = 0; i < 20'000; ++i) {
+      const Key key = below(kKeys);
+      const bool inserts = below(100) < percentInserted;
+      if (below(2) == 0) {
+        inserts ? numbers.emplace(key, random()) : numbers.erase(key);
+      } else {
+        inserts ? texts.emplace(key, std::string(key % 40, 'x')) : texts.erase(key);
+      }
+    }
+    numbers.expectSame(kKeys);
+    texts.expectSame(kKeys);
+  }
+  texts.column.clear();
+  texts.model.clear();
+  texts.expectSame(kKeys);
+  numbers.expectSame(kKeys);
+}
+
+// What a walk stands on and where it goes may change in either column while it is under way.
+TEST_F(RowsTest, AWalkMeetsOnceWhatIsThereAllTheTime) {
+  constexpr Key kKeys = 1'000;
+  for (int round = 0; round < 20; ++round) {
+    for (Key key = 0; key < kKeys; key += 1 + below(3)) numbers.emplace(key, key);
+    std::map<Key, int> left;
+    for (const auto& [key, value] : numbers.model) left[key] = 0;
+    for (auto it = numbers.column.iterator(); it; ++it) {
+      EXPECT_EQ(it.value(), it.key());
+      ++left[it.key()];
+      for (const Key erased : {below(kKeys), it.key()}) {
+        if (below(2) == 0) continue;
+        numbers.erase(erased);
+        texts.erase(erased);
+        left.erase(erased);
+      }
+      const Key added = kKeys + below(kKeys);
+      texts.emplace(added, "");
+      numbers.emplace(added, added);
+    }
+    for (const auto& [key, times] : left) {
+      if (key < kKeys) {
+        EXPECT_EQ(times, 1) << key;
+      }
+    }
+    numbers.expectSame(2 * kKeys);
+    texts.expectSame(2 * kKeys);
+  }
+  const Key some = numbers.model.begin()->first;
+  EXPECT_EQ(std::as_const(numbers.column).iteratorConst(some).key(), some);
+  EXPECT_FALSE(std::as_const(numbers.column).iteratorConst(2 * kKeys));
+}
+
+// Who holds an entry of one collection may change another of the same rows.
+TEST_F(RowsTest, ValuesStayWhereTheyAreWhileOthersComeAndGo) {
+  numbers.emplace(7, 70);
+  const uint64_t* value = numbers.column.find(7);
+  for (Key key = 8; key < 2'000; ++key) numbers.emplace(key, key);
+  for (Key key = 8; key < 2'000; ++key) numbers.erase(key);
+  EXPECT_EQ(numbers.column.find(7), value);
+  EXPECT_EQ(*value, 70u);
+}
+
+/// Looks into the column that it is going from.
+struct Inquisitive : Object {
+  using Table = Rows<Key, Ptr<Inquisitive>, uint64_t>;
+  using Column = Table::Column<Ptr<Inquisitive>>;
+  explicit Inquisitive(const Column& from) : column(from) {}
+  ~Inquisitive() override { keysSeen = column.keys(); }
+  const Column& column;
+  static inline std::vector<Key> keysSeen;
+};
+
+// A destructor that reaches the rows again must find them whole.
+TEST(RowsOfObjectsTest, AValueMayUseTheColumnWhileItIsErased) {
+  Inquisitive::Table rows;
+  Inquisitive::Column column(rows);
+  for (const Key key : {1U, 2U, 3U}) column.tryEmplace(key, make<Inquisitive>(column));
+  column.erase(column.iterator().key());
+  EXPECT_EQ(Inquisitive::keysSeen, (std::vector<Key>{2, 3}));
+  column.clear();
+  EXPECT_EQ(Inquisitive::keysSeen, std::vector<Key>{});
+}
+
+}  // namespace
+}  // namespace Kiv
