@@ -32,6 +32,9 @@ struct Ipv4 : Routing::Host::Ipv4 {
     table.arpEntryIs(neighbor);
   }
   static void neighborDel(Arp::ArpIntfStatus& table, const Addr& addr) { table.arpEntryDel(addr); }
+  static void neighborExpect(const Arp::ArpIntfStatus& table, const Addr& addr) {
+    table.arpEntryExpect(addr);
+  }
   static void neighborNotify(const Arp::ArpIntfStatus& table, const Addr& addr) {
     table.arpEntryNotify(addr);
   }
@@ -67,6 +70,9 @@ struct Ipv6 : Routing6::Host::Ipv6 {
   }
   static void neighborDel(Arp::ArpIntfStatus& table, const Addr& addr) {
     table.ip6NeighborEntryDel(addr);
+  }
+  static void neighborExpect(const Arp::ArpIntfStatus& table, const Addr& addr) {
+    table.ip6NeighborEntryExpect(addr);
   }
   static void neighborNotify(const Arp::ArpIntfStatus& table, const Addr& addr) {
     table.ip6NeighborEntryNotify(addr);

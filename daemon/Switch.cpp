@@ -134,8 +134,11 @@ void Switch::setNeighbor(Zemit::IntfId intf, const Arp::BasicNeighborStatus<Addr
   auto& index = std::get<NeighborIndex<F>>(neighborIndices_);
   if (present) {
     if (options_.settles) index.emplace(neighbor.ipAddr, intf);
-    F::neighborIs(*neighborDir_->newArpIntfStatus(intf.name()), neighbor);
+    const auto table = neighborDir_->newArpIntfStatus(intf.name());
+    F::neighborExpect(*table, neighbor.ipAddr);
+    F::neighborIs(*table, neighbor);
   } else if (const auto table = neighborDir_->arpIntfStatus(intf.name())) {
+    F::neighborExpect(*table, neighbor.ipAddr);
     index.erase({neighbor.ipAddr, intf});
     F::neighborDel(*table, neighbor.ipAddr);
   }

@@ -80,6 +80,12 @@ struct Ipv4 {
   static void prefetchTracked(const RouteSmRoot& root, const Prefix& prefix) {
     root.prefixToRoutePrefetch(prefix);
   }
+  /// Begins to fetch what a neighbour is filed under.
+  static void prefetchFiling(const RouteSmRoot& root, const Prefix& prefix,
+                             Tovan::Fib::FecId fecId) {
+    root.arpRoutePrefetch(prefix);
+    root.adjacencyToPrefixPrefetch(fecId);
+  }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIfMade(prefix);

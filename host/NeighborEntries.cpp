@@ -14,6 +14,10 @@ bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus) {
   return HostCore::skipInterface(*Kiv::validPtr(arpIntfStatus));
 }
 
+void RouteSm::KivArpIntfStatus::onArpEntryExpected(const Zemit::IpAddr& addr) const noexcept {
+  if (routeSm() != nullptr) HostCore::Lookup<Ipv4>(*routeSm()).prefetch(addr, road_);
+}
+
 void RouteSm::KivArpIntfStatus::handleArpEntry(Zemit::IpAddr addr) {
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::KivArpIntfStatus::handleArpEntry(Zemit::IpAddr)");

@@ -146,6 +146,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
     void onArpEntry(const Zemit::IpAddr& addr) override;
     void onArpEntrykivImmediate() override;
+    void onArpEntryExpected(const Zemit::IpAddr& addr) const noexcept override;
 
     /// Re-derives the host route of one neighbour that appeared, changed or went.
     void handleArpEntry(Zemit::IpAddr addr);
@@ -153,6 +154,11 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     void handleArpEntry();
     /// Withdraws the host routes of a table that was deleted with entries in it.
     void handleDel();
+    /// Where the table's last neighbour led.
+    HostCore::Road<Zemit::Prefix>& road() const noexcept { return road_; }
+
+   private:
+    mutable HostCore::Road<Zemit::Prefix> road_;  // a hint, and no part of the reactor's state
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.
@@ -361,7 +367,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   void kivDoZombieReactors(bool zombie);
 
   /// What it remembers to tell which neighbours are its affair; kept by HostCore::Listening.
-  HostCore::Interest<Zemit::IpAddr>& interest() noexcept { return interest_; }
+  HostCore::Interest<Zemit::Prefix>& interest() noexcept { return interest_; }
 
   /// Traces the exception with which a reactor's callback has just ended.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
@@ -377,7 +383,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// An input may be another object than it was, and is if `changed`.
   void inputReplaced(bool changed);
 
-  HostCore::Interest<Zemit::IpAddr> interest_;
+  HostCore::Interest<Zemit::Prefix> interest_;
   bool hasNotificationActive_ = true;
   bool inputsStored_ = false;
 };

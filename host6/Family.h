@@ -108,6 +108,12 @@ struct Ipv6 {
   static void prefetchTracked(const RouteSmRoot& root, const Prefix& prefix) {
     root.prefixToRoutePrefetch(prefix);
   }
+  /// Begins to fetch what a neighbour is filed under.
+  static void prefetchFiling(const RouteSmRoot& root, const Prefix& prefix,
+                             Tovan::Fib::FecId fecId) {
+    root.neighRoutePrefetch(prefix);
+    root.adjacencyToPrefixPrefetch(fecId);
+  }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIfMade(prefix);

@@ -14,6 +14,11 @@ bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus) {
   return HostCore::skipInterface(*Kiv::validPtr(arpIntfStatus));
 }
 
+void RouteSm::KivArpIntfStatus::onIp6NeighborEntryExpected(
+    const Zemit::Ip6Addr& addr) const noexcept {
+  if (routeSm() != nullptr) HostCore::Lookup<Ipv6>(*routeSm()).prefetch(addr, road_);
+}
+
 void RouteSm::KivArpIntfStatus::handleArpEntry(const Zemit::Ip6Addr& addr) {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, addr));
   Steps(*routeSm()).handleArpEntry(*this, addr, addr);

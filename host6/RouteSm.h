@@ -144,6 +144,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
     void onIp6NeighborEntry(const Zemit::Ip6Addr& addr) override;
     void onIp6NeighborEntrykivImmediate() override;
+    void onIp6NeighborEntryExpected(const Zemit::Ip6Addr& addr) const noexcept override;
 
     /// Re-derives the host route of one neighbour that appeared, changed or went.
     void handleArpEntry(const Zemit::Ip6Addr& addr);
@@ -151,6 +152,11 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     void handleArpEntry();
     /// Withdraws the host routes of a table that was deleted with entries in it.
     void handleDel();
+    /// Where the table's last neighbour led.
+    HostCore::Road<Zemit::Ip6Prefix>& road() const noexcept { return road_; }
+
+   private:
+    mutable HostCore::Road<Zemit::Ip6Prefix> road_;  // a hint, and no part of the reactor's state
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.
@@ -359,7 +365,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   void kivDoZombieReactors(bool zombie);
 
   /// What it remembers to tell which neighbours are its affair; kept by HostCore::Listening.
-  HostCore::Interest<Zemit::Ip6Addr>& interest() noexcept { return interest_; }
+  HostCore::Interest<Zemit::Ip6Prefix>& interest() noexcept { return interest_; }
 
   /// Traces the exception with which a reactor's callback has just ended.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
@@ -375,7 +381,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// An input may be another object than it was, and is if `changed`.
   void inputReplaced(bool changed);
 
-  HostCore::Interest<Zemit::Ip6Addr> interest_;
+  HostCore::Interest<Zemit::Ip6Prefix> interest_;
   bool hasNotificationActive_ = true;
   bool inputsStored_ = false;
 };

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "hostcore/Road.h"
 #include "platform/kiv/HashMap.h"
 #include "platform/kiv/SmallVector.h"
 #include "platform/tovan/FibTypes.h"
@@ -11,8 +12,10 @@
 namespace HostCore {
 
 /// The part of a machine that HostCore::Listening keeps.
-template <class Addr>
+template <class P>
 struct Interest {
+  using Addr = typename P::Addr;
+
   /// A FEC of tracked routes.
   struct Fec {
     uint32_t routes = 0;                    ///< how many resolve through it
@@ -24,6 +27,8 @@ struct Interest {
   Kiv::HashMap<Zemit::IntfId, uint32_t> intfs;
   /// The addresses whose next merge may change something, whatever occasions it.
   Kiv::HashMap<Addr, Kiv::Present> due;
+  /// Of the neighbour table whose neighbour is being handled; else null.
+  Road<P>* road = nullptr;
   /// How many handlers are running, one within the other.
   uint32_t handlers = 0;
   /// Counts how often the host route of a neighbour was written or withdrawn.

@@ -170,7 +170,7 @@ class Listening {
   }
 
   typename F::RouteSm& sm_;
-  Interest<Addr>& interest_;
+  Interest<Prefix>& interest_;
 };
 
 template <Family F>

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "hostcore/Family.h"
+#include "hostcore/Road.h"
 #include "platform/kiv/SmallVector.h"
 #include "platform/obu/FibLookup.h"
 
@@ -62,8 +63,14 @@ class Lookup {
 
   explicit Lookup(const typename F::RouteSm& sm) : sm_(sm) {}
 
-  /// Begins to fetch what is going to be read of the host route of `ip`.
-  void prefetch(const Addr& ip) const;
+  /// Begins to fetch what is going to be read when `ip`, a neighbour whose table has this road, is
+  /// handled.
+  void prefetch(const Addr& ip, const Road<Prefix>& road) const;
+  /// The same for what depends on whether there is a host route, when that has come: its vias, or
+  /// all that is read when a host route is made or withdrawn.
+  ///
+  /// \param isNeighbor  whether `ip` is in the table of `intf` now.
+  void prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighbor) const;
 
   /// The FIB route with exactly this prefix, or a record whose key is the null prefix. Host
   /// prefixes are the host-route status' affair, all others the route table's.
@@ -84,11 +91,37 @@ class Lookup {
 };
 
 template <Family F>
-void Lookup<F>::prefetch(const Addr& ip) const {
+void Lookup<F>::prefetch(const Addr& ip, const Road<Prefix>& road) const {
   const auto* root = sm_.rootRaw();
   if (root == nullptr) return;
+  road.prefetch(ip);
+  if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(road.prefix);
+  if (const auto* forwarding = sm_.forwardingStatus()) forwarding->prefetch(road.fecId);
+  F::prefetchFiling(*root, road.prefix, road.fecId);
   if (const auto& neighborRoutes = F::neighborTable(*root)) {
     neighborRoutes->prefetch(hostPrefix<F>(ip));
+  }
+}
+
+template <Family F>
+void Lookup<F>::prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighbor) const {
+  const auto* root = sm_.rootRaw();
+  if (root == nullptr) return;
+  const auto& neighborRoutes = F::neighborTable(*root);
+  if (!neighborRoutes) return;
+  const Prefix host = hostPrefix<F>(ip);
+  const Route route = neighborRoutes->route(host);
+  const auto& adjacencies = neighborRoutes->adjacencies();
+  const bool exists = route.key == host;
+  if (exists) adjacencies.prefetch(route.fecId);
+  if (exists == isNeighbor) return;
+  if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(host);
+  // A neighbour is hardly ever reached through more than one interface.
+  typename F::ViaSet vias;
+  vias.newVia({.hop = ip, .intf = intf}, 1);
+  adjacencies.prefetch(vias);
+  if (const auto* adjHelper = sm_.adjHelperRaw()) {
+    isNeighbor ? adjHelper->prefetchNew(vias) : adjHelper->prefetchLast(vias);
   }
 }
 

@@ -103,25 +103,10 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   const Prefix host = hostPrefix<F>(ip);
   const Route existing = Kiv::validPtr(table)->route(host);
   const bool exists = existing.key == host;
-  if (exists) {
-    table->adjacencies().prefetch(existing.fecId);
-  } else if (!vias.empty()) {
-    table->adjacencies().prefetch(vias);
-    adjHelper.prefetchNew(vias);
-  }
   const auto neighbors = F::neighborSetIs(root_, fibRoute.key);
-  const auto prefetchMerge = [&] {
-    if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(host);
-  };
 
   if (vias.empty()) {
-    if (exists) {
-      Listening<F>(sm_).hostRouteChanged();
-      prefetchMerge();
-      const auto& former = table->adjIndexToViaSet(existing.fecId);
-      table->adjacencies().prefetch(former);
-      adjHelper.prefetchLast(former);
-    }
+    if (exists) Listening<F>(sm_).hostRouteChanged();
     KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
     table->routeDel(host);
     if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
@@ -129,7 +114,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
     if (neighbors->ipCount() == 0) unfile(fibRoute);
     return;
   }
-  if (!exists) prefetchMerge();
+  if (auto* road = sm_.interest().road) road->leadsTo(fibRoute, *neighbors);
   neighbors->ipIs(ip, true);
   file(fibRoute);
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;
@@ -156,7 +141,9 @@ typename F::ViaSet Merge<F>::neighborVias(const Addr& ip, const Fec& fec) const 
 
 template <Family F>
 void Merge<F>::file(const Route& fibRoute) {
+  auto* road = sm_.interest().road;
   if (const auto& list = root_.adjacencyToPrefix(fibRoute.fecId)) {
+    if (road != nullptr) road->isFiledIn(*list);
     list->prefixIs(fibRoute.key, true);
     return;
   }

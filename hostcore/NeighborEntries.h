@@ -64,9 +64,11 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
   }
   const typename Listening<F>::Handling handling(sm_);
   const Listening<F> listening(sm_);
-  Lookup<F>(sm_).prefetch(addr);
+  const Travel travel(sm_, reactor);
   const auto changes = listening.hostRouteChanges();
-  if (const auto* entry = F::findNeighbor(*table, addr)) {
+  const auto* entry = F::findNeighbor(*table, addr);
+  Lookup<F>(sm_).prefetchChange(addr, table->intfId(), entry != nullptr);
+  if (entry != nullptr) {
     KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);
     const auto neighbor = *entry;  // the table may change while it is handled
     sm_.handleAddedArpEntry(F::argument(neighbor), table);

@@ -20,6 +20,9 @@ class ArpIntfStatus final : public Kiv::Entity {
     virtual void onArpEntrykivImmediate() {}
     virtual void onIp6NeighborEntry(const Zemit::Ip6Addr&) {}
     virtual void onIp6NeighborEntrykivImmediate() {}
+    // Told that an entry is going to change, before it does.
+    virtual void onArpEntryExpected(const Zemit::IpAddr&) const noexcept {}
+    virtual void onIp6NeighborEntryExpected(const Zemit::Ip6Addr&) const noexcept {}
 
    protected:
     void kivImmediate() override {
@@ -36,12 +39,27 @@ class ArpIntfStatus final : public Kiv::Entity {
   /// The IPv4 neighbours.
   KIV_ORDERED_COLLECTION(258, arpEntry, ArpEntry, Zemit::IpAddr, ArpEntryStatus)
   void arpEntryIs(const ArpEntryStatus& entry) { arpEntry_.set(*this, entry.ipAddr, entry); }
+  /// A hint that the entry of `addr` is going to change: all who read it then may begin to fetch
+  /// what they will need. Changes nothing.
+  void arpEntryExpect(const Zemit::IpAddr& addr) const {
+    arpEntryPrefetch(addr);
+    forEachNotifiee([&](const Kiv::Notifiee& notifiee) {
+      static_cast<const NotifieeConst&>(notifiee).onArpEntryExpected(addr);
+    });
+  }
 
   /// The IPv6 neighbours.
   KIV_ORDERED_COLLECTION(259, ip6NeighborEntry, Ip6NeighborEntry, Zemit::Ip6Addr,
                          Ip6NeighborEntryStatus)
   void ip6NeighborEntryIs(const Ip6NeighborEntryStatus& entry) {
     ip6NeighborEntry_.set(*this, entry.ipAddr, entry);
+  }
+  /// As arpEntryExpect().
+  void ip6NeighborEntryExpect(const Zemit::Ip6Addr& addr) const {
+    ip6NeighborEntryPrefetch(addr);
+    forEachNotifiee([&](const Kiv::Notifiee& notifiee) {
+      static_cast<const NotifieeConst&>(notifiee).onIp6NeighborEntryExpected(addr);
+    });
   }
 
  private:

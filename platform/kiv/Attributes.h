@@ -481,15 +481,18 @@ class KeySet {
   KIV_COLLECTION_ON(id, attr, Attr, Key, Value, ::Kiv::OrderedHashMap<Key, Value>) \
   KIV_ORDERED_KEYS(attr, Key)
 
-/// A set of keys that is read by anybody and changed by its entity alone: attr(key) and the common
-/// members.
+/// A set of keys that is read by anybody and changed by its entity alone: attr(key),
+/// attrWhereabouts(), a hint at what it reads, and the common members.
 #define KIV_SET_VIEW(id, attr, Attr, Key)                                     \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::KeySet<Attr##Attribute, Key>) \
   KIV_SET_READER(attr, Key)
 
-#define KIV_SET_READER(attr, Key)   \
-  bool attr(const Key& key) const { \
-    return attr##_.contains(key);   \
+#define KIV_SET_READER(attr, Key)       \
+  bool attr(const Key& key) const {     \
+    return attr##_.contains(key);       \
+  }                                     \
+  auto attr##Whereabouts() const {      \
+    return attr##_.map().whereabouts(); \
   }
 
 /// A set of keys: adds attrIs(key, present), newAttr(key, present) and the deletions.

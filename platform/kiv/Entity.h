@@ -64,6 +64,15 @@ class Entity : public Object {
       notifyAll<Attribute>(Key(key)...);
   }
 
+  /// Calls `visit` with those who would be told of a change now, which it must not bring about.
+  template <class Visit>
+  void forEachNotifiee(Visit visit) const {
+    if (!hasNotifiees()) return;
+    for (const Notifiee* notifiee : notifiees_->toTell()) {
+      if (notifiee != nullptr && notifiee->acceptsNotifications()) visit(*notifiee);
+    }
+  }
+
  protected:
   Entity() = default;
   ~Entity() override { dropNotifiees(); }

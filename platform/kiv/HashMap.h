@@ -13,6 +13,7 @@
 
 #include "platform/kiv/Hash.h"
 #include "platform/kiv/HashBlock.h"
+#include "platform/kiv/Prefetch.h"
 
 namespace Kiv {
 
@@ -155,6 +156,27 @@ class HashMap {
   };
 
  public:
+  /// Where a map had its elements when it was asked: a hint that may outlive the map.
+  class Whereabouts {
+   public:
+    Whereabouts() = default;
+    /// Begins to fetch what a search for `key` read there.
+    void prefetch(const K& key) const {
+      if (block_ == nullptr) return;
+      const uint32_t hash = H()(key);
+      const size_t home = uint64_t{hash} >> shift_;
+      Kiv::prefetch(block_);
+      prefetchGroup(block_, home, hash);
+    }
+
+   private:
+    friend HashMap;
+    explicit Whereabouts(Block* block) : block_(block), shift_(block->shift) {}
+
+    Block* block_ = nullptr;  // never followed: it may be gone
+    uint8_t shift_ = 0;
+  };
+
   using Iterator = WalkOf<HashMap, V>;
   using IteratorConst = WalkOf<const HashMap, const V>;
 
@@ -190,11 +212,8 @@ class HashMap {
     return hash;
   }
   /// The same for a key of this hash.
-  void prefetchHash(uint32_t hash) const {
-    const Place place(block_, homeOf(block_, hash));
-    __builtin_prefetch(place.control);
-    __builtin_prefetch(place.entry + firstChoice(hash));
-  }
+  void prefetchHash(uint32_t hash) const { prefetchGroup(block_, homeOf(block_, hash), hash); }
+  Whereabouts whereabouts() const { return Whereabouts(block_); }
   const V* find(const K& key, uint32_t hash) const { return valueAt(locate(key, hash)); }
   /// The key that equals `probe`, of another type, whose hash is `hash`; or null.
   template <class Probe>
@@ -332,7 +351,7 @@ class HashMap {
     if (tagged == 0) return {};
     const Place first(block, group);
     // A processor that expects a hit fetches the slot while it still waits for the control bytes.
-    __builtin_prefetch(first.entry + firstChoice(hash));
+    Kiv::prefetch(first.entry + firstChoice(hash));
     do {
       const size_t slot = slotOf(tagged);
       if (first.entry[slot].key == key) [[likely]] {
@@ -361,6 +380,19 @@ class HashMap {
     // Large slots are spread, so that the one sought can be fetched before its group is read.
     // Small ones are filled in order: what they take of a cache counts more.
     return sizeof(Entry) > 16 ? hash & 14 : 0;
+  }
+  /// Fetches the control bytes of a group, and all slots that a key of this hash is likely to be
+  /// in.
+  static void prefetchGroup(Block* block, size_t group, uint32_t hash) {
+    constexpr size_t kLine = 64;
+    constexpr size_t kBytes = Group::kSlots * sizeof(Entry);
+    // In a group that is nearly full a key may be in any slot; of large ones, the likely are
+    // fetched.
+    constexpr size_t kFetched = kBytes <= 6 * kLine ? kBytes : 2 * kLine;
+    const size_t first = kFetched == kBytes ? 0 : firstChoice(hash);
+    const auto* slots = reinterpret_cast<const std::byte*>(slotsOf(block, group) + first);
+    Kiv::prefetch(block->group(group));
+    for (size_t at = 0; at < kFetched; at += kLine) Kiv::prefetch(slots + at);
   }
   /// Which of the empty slots of a group to take.
   static size_t chosenOf(uint32_t empty, uint32_t hash) {

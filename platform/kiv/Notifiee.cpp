@@ -92,7 +92,7 @@ void NotifierList::quietChanged(bool quiet) noexcept {
   alertIsStale_ = true;
 }
 
-const std::vector<Notifiee*>& NotifierList::toWalk() {
+const std::vector<Notifiee*>& NotifierList::toTell() {
   if (quiet_ == 0 || TraceFacility::anyBuilds()) return slots_;
   if (alertIsStale_) {
     // Another walk may be on the stale list. To tell a quiet one too is never wrong.

@@ -129,6 +129,8 @@ class NotifierList {
   void remove(Notifiee& notifiee) noexcept;
   /// A notifiee in the list has become quiet, or is so no longer.
   void quietChanged(bool quiet) noexcept;
+  /// Those to tell of a change now, null where one has left. Good until the list changes.
+  const std::vector<Notifiee*>& toTell();
   /// The entity goes: its notifiees lose their notifier. Deletes the list when no walk is under
   /// way, else the last walk does.
   void ownerIsGone() noexcept;
@@ -136,8 +138,6 @@ class NotifierList {
  private:
   friend class SnapshotIterator;
   ~NotifierList() = default;
-  /// Those to tell of a change now.
-  const std::vector<Notifiee*>& toWalk();
   void endWalk() noexcept;
 
   std::vector<Notifiee*> slots_;  // null: left while a walk was under way
@@ -154,7 +154,7 @@ class NotifierList {
 class SnapshotIterator {
  public:
   explicit SnapshotIterator(NotifierList& list)
-      : list_(list), slots_(list.toWalk()), end_(slots_.size()) {
+      : list_(list), slots_(list.toTell()), end_(slots_.size()) {
     ++list_.walks_;
   }
   SnapshotIterator(const SnapshotIterator&) = delete;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/kiv/HashMap.h"
+#include "platform/kiv/Prefetch.h"
 
 namespace Rovel {
 
@@ -44,7 +45,10 @@ class AdjacencyTable {
     prefetch(uint64_t{firstFree_});
   }
   void prefetch(uint64_t index) const {
-    if (index != 0 && index <= count_) __builtin_prefetch(&entry(index));
+    if (index == 0 || index > count_) return;
+    const Entry& fetched = entry(index);
+    Kiv::prefetch(&fetched);
+    Kiv::prefetch(&fetched.nextFree);  // it may be across a line
   }
   size_t size() const noexcept { return numbers_.size(); }
   /// The number that the next new entry gets.

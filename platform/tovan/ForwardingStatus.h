@@ -75,7 +75,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// from `number << 32` on.
   uint32_t newAdjacencySpace() { return ++adjacencySpaces_; }
   /// Stores a new FIB adjacency, or removes one, without a word. \pre none has the id of a new one
-  void adjacencyIs(const Fec& adjacency) { store(adjacency, std::nullopt); }
+  void adjacencyIs(const Fec& adjacency) { fecs_.add(adjacency.id(), newRecord(adjacency)); }
   void adjacencyDel(const FecId& id) { remove(id); }
 
   /// Told of damage met on a look-up or walk.
@@ -107,7 +107,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   bool readVias(const Record& record, Fec& fec) const;
   bool holds(const Fec& fec) const;
   std::optional<Record> former(const FecId& id) const;
-  void store(const Fec& fec, const std::optional<Record>& replaced);
+  Record newRecord(const Fec& fec);
   bool remove(const FecId& id);
   void removeVias(const FecId& id, const Record& record);
   void clearUp();
@@ -199,7 +199,9 @@ void BasicForwardingStatus<A>::fecIs(const Fec& fec) {
   KIV_REQUIRE(fec.id() != Fib::invalidFecId && fec.id() < kFirstAdjacency,
               "FecId::value == 0 or >= 2^32 not allowed");
   if (this->hasNotifiees() && holds(fec)) return;
-  store(fec, former(fec.id()));
+  const auto replaced = former(fec.id());
+  fecs_.set(fec.id(), newRecord(fec));
+  if (replaced) removeVias(fec.id(), *replaced);
   this->template notify<FecAttribute>(fec.id());
 }
 
@@ -208,8 +210,9 @@ void BasicForwardingStatus<A>::fecDel(const FecId& id) {
   if (remove(id)) this->template notify<FecAttribute>(id);
 }
 
+/// The record of a FEC, whose further vias are stored already.
 template <class A>
-void BasicForwardingStatus<A>::store(const Fec& fec, const std::optional<Record>& replaced) {
+auto BasicForwardingStatus<A>::newRecord(const Fec& fec) -> Record {
   Record record{.viaCount = static_cast<uint32_t>(fec.viaCount()), .change = ++changes_};
   uint32_t index = 0;
   for (const Via& via : fec) {
@@ -220,8 +223,7 @@ void BasicForwardingStatus<A>::store(const Fec& fec, const std::optional<Record>
     }
     ++index;
   }
-  fecs_.set(fec.id(), record);
-  if (replaced) removeVias(fec.id(), *replaced);
+  return record;
 }
 
 template <class A>

@@ -12,6 +12,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "platform/kiv/Prefetch.h"
 #include "platform/tovan/Table.h"
 
 namespace Tovan {
@@ -62,6 +63,10 @@ class TovanMap : public Table {
   /// Stores `value` under `key`. Returns whether the key is new.
   /// \throws NoSpaceException, changing nothing; ReadOnlyException.
   bool set(const Key& key, const Value& value);
+
+  /// Stores `value` under a key that is new, which set() would have to make sure of.
+  /// \pre the key is not there \throws as set().
+  void add(const Key& key, const Value& value);
 
   /// Removes `key`. Returns the value it had, or nothing.
   /// \throws ReadOnlyException.
@@ -255,6 +260,7 @@ class TovanMap : public Table {
                                                  std::optional<Value>& value) const;
   std::optional<Value> readCarefully(uint64_t hash, const Words& key) const;
   static Slot* search(Page& page, uint64_t hash, const Words& key);
+  const char* headFault(PageRef ref, uint64_t hash) const;
   const char* missFault(PageRef ref, uint64_t hash) const;
   template <class Look>
   void inPage(uint64_t hash, const Look& look) const;
@@ -291,8 +297,13 @@ class TovanMap : public Table {
   uint32_t depth_ = 0;
   uint32_t serial_ = 0;
   uint64_t size_ = 0;
-  uint64_t changes_ = 0;
+  uint64_t changes_ = 1;
   std::stack<uint32_t> freePages_;
+  /// The last key that was found to be absent, and when.
+  mutable struct {
+    uint64_t hash = 0;
+    uint64_t changes = 0;
+  } missed_;
 };
 
 /// Walks a table's entries page by page, each entry copied as it stood at one moment.
@@ -426,16 +437,23 @@ typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::search(Page& page, ui
   return nullptr;
 }
 
+/// What is wrong with a page to which the directory leads, or null.
+template <class Key, class Value>
+const char* TovanMap<Key, Value>::headFault(PageRef ref, uint64_t hash) const {
+  const Page& in = page(ref.number());
+  const uint32_t depth = in.depth.load(std::memory_order_relaxed);
+  const bool isRight = isSealed(in) && in.serial.load(std::memory_order_relaxed) == ref.serial() &&
+                       depth <= kMaxDepth &&
+                       low(hash, depth) == in.pattern.load(std::memory_order_relaxed);
+  return isRight ? nullptr : "is not what the directory says";
+}
+
 /// What is wrong when a page does not hold a key, or null: the page may not be the key's, and the
 /// key may have stood in a slot that is damaged.
 template <class Key, class Value>
 const char* TovanMap<Key, Value>::missFault(PageRef ref, uint64_t hash) const {
+  if (const char* fault = headFault(ref, hash)) return fault;
   Page& in = page(ref.number());
-  const uint32_t depth = in.depth.load(std::memory_order_relaxed);
-  if (!isSealed(in) || in.serial.load(std::memory_order_relaxed) != ref.serial() ||
-      depth > kMaxDepth || low(hash, depth) != in.pattern.load(std::memory_order_relaxed)) {
-    return "is not what the directory says";
-  }
   for (uint32_t i = 0, at = home(hash); i < kSlots; ++i, at = after(at)) {
     const Slot& slot = in.slots[at];
     const uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
@@ -495,9 +513,11 @@ typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::find(uint64_t hash,
                                                                 const Words& key) const {
   const PageRef ref = refOf(hash);
   Slot* slot = search(page(ref.number()), hash, key);
-  if (slot == nullptr) {
+  // As a rule, a key is looked for in vain just before it is stored: that is verified once.
+  if (slot == nullptr && (hash != missed_.hash || changes_ != missed_.changes)) {
     const char* fault = missFault(ref, hash);
     if (fault != nullptr) raise("page", ref.number(), fault);
+    missed_ = {.hash = hash, .changes = changes_};
   }
   return slot;
 }
@@ -568,8 +588,8 @@ void TovanMap<Key, Value>::prefetch(const Key& key) const {
   const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));
   if (ref.number() >= pages()) return;
   const Slot* first = &page(ref.number()).slots[home(hash)];
-  __builtin_prefetch(first);
-  __builtin_prefetch(first + 1);
+  Kiv::prefetch(first);
+  Kiv::prefetch(first + 1);
 }
 
 /// Copies the entries of the page of `pattern`, and sets `pattern` to that of the next page.
@@ -673,6 +693,21 @@ bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
   }
   ++changes_;
   return slot == nullptr;
+}
+
+template <class Key, class Value>
+void TovanMap<Key, Value>::add(const Key& key, const Value& value) {
+  requireWritable("write to read-only Tovan table");
+  const Words words = pack(key, value);
+  const uint64_t hash = hashOf(words);
+  repairing([&] {
+    const PageRef ref = refOf(hash);
+    const char* fault = headFault(ref, hash);
+    if (fault != nullptr) raise("page", ref.number(), fault);
+  });
+  insert(hash, words);
+  header().size.store(++size_, std::memory_order_relaxed);
+  ++changes_;
 }
 
 template <class Key, class Value>
