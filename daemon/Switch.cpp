@@ -132,13 +132,14 @@ void Switch::setNeighbor(Zemit::IntfId intf, const Arp::BasicNeighborStatus<Addr
                          bool present) {
   using F = FamilyOf<Addr>;
   auto& index = std::get<NeighborIndex<F>>(neighborIndices_);
+  Arp::ArpIntfStatus::Ptr table(neighborDir_->tableOf(intf));
+  if (!table && present) table = neighborDir_->newArpIntfStatus(intf.name());
+  if (!table) return;
+  F::neighborExpect(*table, neighbor.ipAddr);
   if (present) {
     if (options_.settles) index.emplace(neighbor.ipAddr, intf);
-    const auto table = neighborDir_->newArpIntfStatus(intf.name());
-    F::neighborExpect(*table, neighbor.ipAddr);
     F::neighborIs(*table, neighbor);
-  } else if (const auto table = neighborDir_->arpIntfStatus(intf.name())) {
-    F::neighborExpect(*table, neighbor.ipAddr);
+  } else {
     index.erase({neighbor.ipAddr, intf});
     F::neighborDel(*table, neighbor.ipAddr);
   }
@@ -149,8 +150,8 @@ void Switch::setNeighborTable(Zemit::IntfId intf, bool present) {
     neighborDir_->newArpIntfStatus(intf.name());
     return;
   }
-  const auto table = neighborDir_->arpIntfStatus(intf.name());
-  if (table && options_.settles) {
+  const auto* table = neighborDir_->tableOf(intf);
+  if (table != nullptr && options_.settles) {
     forEachFamily([&](auto family) {
       auto& index = std::get<NeighborIndex<decltype(family)>>(neighborIndices_);
       for (auto it = family.neighbors(*table); it; ++it) index.erase({it.key(), intf});
@@ -246,7 +247,7 @@ void Switch::settleInside(const HostRouting<F>& routing, const typename F::Prefi
     if (isRouteless(routing, it->first)) routeless.push_back(*it);
   }
   for (const auto& [addr, intf] : routeless) {
-    F::neighborNotify(*neighborDir_->arpIntfStatus(intf.name()), addr);
+    F::neighborNotify(*neighborDir_->tableOf(intf), addr);
   }
 }
 
@@ -255,7 +256,7 @@ template <class F>
 void Switch::settleOn(const std::set<Zemit::IntfId>& intfs) const {
   std::vector<std::pair<const Arp::ArpIntfStatus*, typename F::Addr>> routeless;
   for (const Zemit::IntfId intf : intfs) {
-    const auto* table = neighborDir_->arpIntfStatus(intf.name()).get();
+    const auto* table = neighborDir_->tableOf(intf);
     if (table == nullptr) continue;
     for (auto it = F::neighbors(*table); it; ++it) {
       const auto lacksIt = [&](const auto& named) {

@@ -145,7 +145,7 @@ const Fhrp::VirtualIpStatus* RouteSm::virtualIps() const noexcept {
 
 const Arp::ArpIntfStatus* RouteSm::neighborTable(Zemit::IntfId intf) const {
   const auto* dir = HostCore::watchedBy(neighborDirByIntfName());
-  return dir == nullptr ? nullptr : dir->arpIntfStatus(intf.name()).get();
+  return dir == nullptr ? nullptr : dir->tableOf(intf);
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {

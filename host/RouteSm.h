@@ -72,6 +72,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   template <class Notifier>
   using Reactor = HostCore::MachineReactor<Notifier, RouteSm>;
+  using Interest = HostCore::Interest<Tovan::Fib::Route, Tovan::Fib::Fec>;
 
   /// Watches the FECs of the forwarding status.
   class KivFwdStatus final
@@ -155,10 +156,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     /// Withdraws the host routes of a table that was deleted with entries in it.
     void handleDel();
     /// Where the table's last neighbour led.
-    HostCore::Road<Zemit::Prefix>& road() const noexcept { return road_; }
+    Interest::Road& road() const noexcept { return road_; }
 
    private:
-    mutable HostCore::Road<Zemit::Prefix> road_;  // a hint, and no part of the reactor's state
+    mutable Interest::Road road_;  // remembered work, and no part of the reactor's state
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.
@@ -367,7 +368,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   void kivDoZombieReactors(bool zombie);
 
   /// What it remembers to tell which neighbours are its affair; kept by HostCore::Listening.
-  HostCore::Interest<Zemit::Prefix>& interest() noexcept { return interest_; }
+  Interest& interest() noexcept { return interest_; }
+  const Interest& interest() const noexcept { return interest_; }
 
   /// Traces the exception with which a reactor's callback has just ended.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
@@ -383,7 +385,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// An input may be another object than it was, and is if `changed`.
   void inputReplaced(bool changed);
 
-  HostCore::Interest<Zemit::Prefix> interest_;
+  Interest interest_;
   bool hasNotificationActive_ = true;
   bool inputsStored_ = false;
 };

@@ -149,7 +149,7 @@ const Routing::Fhrp::VirtualIp6Status* RouteSm::virtualIps() const noexcept {
 
 const Arp::ArpIntfStatus* RouteSm::neighborTable(Zemit::IntfId intf) const {
   const auto* dir = HostCore::watchedBy(neighborDirByIntfName());
-  return dir == nullptr ? nullptr : dir->arpIntfStatus(intf.name()).get();
+  return dir == nullptr ? nullptr : dir->tableOf(intf);
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {

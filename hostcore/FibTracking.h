@@ -97,6 +97,7 @@ void FibTracking<F>::handleHostStatusRoute() {
 template <Family F>
 void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   const typename Listening<F>::Handling handling(sm_);
+  Listening<F>(sm_).coversChanged();
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     const auto* known = sm_.rootRaw();

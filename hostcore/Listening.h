@@ -77,6 +77,7 @@ class Listening {
   }
   /// The FEC has changed, or all may have.
   void fecChanged(FecId fecId) {
+    coversChanged();
     if (interest_.fecs.find(fecId) != nullptr) intfsAre(fecId, intfsOf(fecId));
   }
   void fecsChanged() {
@@ -100,9 +101,14 @@ class Listening {
     return mayTrust() && interest_.handlers == 1 && !interest_.due.contains(addr) &&
            !F::trace().buildsAbove(0);
   }
+  /// The cover of an address may have changed: a route or a FEC was announced.
+  void coversChanged() { ++interest_.coverChanges; }
+  /// True when what was read of covers is good until something is announced.
+  bool mayTrustCovers() const { return mayTrust() && !F::trace().buildsAbove(0); }
   /// Something may have passed the machine by.
   void missed() {
     interest_.isBlind = true;
+    coversChanged();
     review();
   }
 
@@ -170,7 +176,7 @@ class Listening {
   }
 
   typename F::RouteSm& sm_;
-  Interest<Prefix>& interest_;
+  typename F::RouteSm::Interest& interest_;
 };
 
 template <Family F>

@@ -46,13 +46,6 @@ std::vector<typename F::Addr> neighborsInside(const Arp::ArpIntfStatus& table,
   return F::neighborsBetween(table, prefix.addr(), prefix.addr().subnetLast(prefix.len()));
 }
 
-/// A FIB route that covers an address, with its FEC. Without a route its key is the null prefix.
-template <Family F>
-struct Cover {
-  typename F::Route route;
-  typename F::ForwardingStatus::Fec fec;
-};
-
 /// The look-ups that say whether a neighbour may have a host route.
 template <Family F>
 class Lookup {
@@ -61,11 +54,14 @@ class Lookup {
   using Prefix = typename F::Prefix;
   using Route = typename F::Route;
 
+  using Cover = HostCore::Cover<Route, typename F::ForwardingStatus::Fec>;
+  using Road = HostCore::Road<Route, typename F::ForwardingStatus::Fec>;
+
   explicit Lookup(const typename F::RouteSm& sm) : sm_(sm) {}
 
   /// Begins to fetch what is going to be read when `ip`, a neighbour whose table has this road, is
   /// handled.
-  void prefetch(const Addr& ip, const Road<Prefix>& road) const;
+  void prefetch(const Addr& ip, const Road& road) const;
   /// The same for what depends on whether there is a host route, when that has come: its vias, or
   /// all that is read when a host route is made or withdrawn.
   ///
@@ -81,23 +77,23 @@ class Lookup {
   ///
   /// Only the longest is looked at: when it leaves through another interface, a shorter one that
   /// leaves through this one does not count.
-  Cover<F> checkIpAddressAgainstFib(const Addr& ip,
-                                    const Arp::ArpIntfStatus::PtrConst& table) const;
+  Cover checkIpAddressAgainstFib(const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const;
 
  private:
-  static Cover<F> none() { return {.route = {.key = Prefix::null()}, .fec = {}}; }
-
   const typename F::RouteSm& sm_;
 };
 
 template <Family F>
-void Lookup<F>::prefetch(const Addr& ip, const Road<Prefix>& road) const {
+void Lookup<F>::prefetch(const Addr& ip, const Road& road) const {
   const auto* root = sm_.rootRaw();
   if (root == nullptr) return;
   road.prefetch(ip);
-  if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(road.prefix);
-  if (const auto* forwarding = sm_.forwardingStatus()) forwarding->prefetch(road.fecId);
-  F::prefetchFiling(*root, road.prefix, road.fecId);
+  const Route& route = road.cover().route;
+  if (!road.isCurrent(sm_.interest().coverChanges)) {
+    if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(route.key);
+    if (const auto* forwarding = sm_.forwardingStatus()) forwarding->prefetch(route.fecId);
+  }
+  F::prefetchFiling(*root, route.key, route.fecId);
   if (const auto& neighborRoutes = F::neighborTable(*root)) {
     neighborRoutes->prefetch(hostPrefix<F>(ip));
   }
@@ -136,45 +132,55 @@ typename F::Route Lookup<F>::doFibLookup(const Prefix& prefix) const {
 }
 
 template <Family F>
-Cover<F> Lookup<F>::checkIpAddressAgainstFib(const Addr& ip,
-                                             const Arp::ArpIntfStatus::PtrConst& table) const {
+auto Lookup<F>::checkIpAddressAgainstFib(const Addr& ip,
+                                         const Arp::ArpIntfStatus::PtrConst& table) const -> Cover {
   if (sm_.routeStatusRaw() == nullptr) {
     KIV_TRACE(F::trace(), 0, sm_, "routeStatus is unset");
-    return none();
+    return {};
   }
   if (sm_.hostStatusRaw() == nullptr) {
     KIV_TRACE(F::trace(), 0, sm_, "hostStatus is unset");
-    return none();
+    return {};
   }
   if (!table) {
     KIV_TRACE(F::trace(), 0, sm_, "arpIntfStatus is unset");
-    return none();
+    return {};
   }
   const auto& trie = Kiv::validPtr(Kiv::validPtr(sm_.rootRaw()).trieRaw());
   const Prefix longest = trie.longestMatch(hostPrefix<F>(ip));
   if (isNull(longest)) {
     KIV_TRACE(F::trace(), 1, sm_, "there is no route with a prefix for " << ip);
-    return none();
+    return {};
   }
-  Cover<F> cover{.route = sm_.doFibLookup(longest), .fec = {}};
+  const auto& interest = sm_.interest();
+  auto* const road = interest.road;
+  if (road != nullptr && road->isCurrent(interest.coverChanges) &&
+      road->cover().route.key == longest &&
+      Obu::leavesThrough(road->cover().fec, table->intfId())) {
+    return road->cover();
+  }
+  Cover cover{.route = sm_.doFibLookup(longest), .fec = {}};
   const Route& route = cover.route;
   if (route.key != longest) {
     KIV_TRACE(F::trace(), 0, sm_,
               "there is no route for "
                   << longest << " which is a prefix that should have an associated route");
-    return none();
+    return {};
   }
   if (route.fecId == Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 1, sm_,
               "there is no adjacency associated with the route for " << longest);
-    return none();
+    return {};
   }
   cover.fec = Obu::readFec(sm_.forwardingStatus(), route.fecId);
-  if (Obu::leavesThrough(cover.fec, table->intfId())) return cover;
+  if (Obu::leavesThrough(cover.fec, table->intfId())) {
+    if (road != nullptr) road->coverIs(cover, interest.coverChanges);
+    return cover;
+  }
   KIV_TRACE(F::trace(), 7, sm_,
             "the matching prefix for " << ip << " did not have a interface route on the interface "
                                        << table->name());
-  return none();
+  return {};
 }
 
 }  // namespace HostCore

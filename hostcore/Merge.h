@@ -114,7 +114,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
     if (neighbors->ipCount() == 0) unfile(fibRoute);
     return;
   }
-  if (auto* road = sm_.interest().road) road->leadsTo(fibRoute, *neighbors);
+  if (auto* road = sm_.interest().road) road->leadsTo(*neighbors);
   neighbors->ipIs(ip, true);
   file(fibRoute);
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;

@@ -44,7 +44,7 @@ class NeighborEntries {
   void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
 
  private:
-  Cover<F> coverOf(const Addr& addr, const ArpTable& table) const {
+  auto coverOf(const Addr& addr, const ArpTable& table) const {
     F::traceCheck(sm_, addr);
     return Lookup<F>(sm_).checkIpAddressAgainstFib(addr, table);
   }
@@ -64,7 +64,8 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
   }
   const typename Listening<F>::Handling handling(sm_);
   const Listening<F> listening(sm_);
-  const Travel travel(sm_, reactor);
+  const Travel travel(sm_.interest(), reactor);
+  if (!listening.mayTrustCovers()) reactor.road().forgetCover();
   const auto changes = listening.hostRouteChanges();
   const auto* entry = F::findNeighbor(*table, addr);
   Lookup<F>(sm_).prefetchChange(addr, table->intfId(), entry != nullptr);

@@ -1,7 +1,7 @@
-// What the handling of a neighbour reads on its way, remembered from the last one.
+// What the handling of a neighbour comes by, remembered for the next one of its interface.
 #pragma once
 
-#include <type_traits>
+#include <cstdint>
 #include <utility>
 
 #include "platform/kiv/HashMap.h"
@@ -11,59 +11,80 @@
 
 namespace HostCore {
 
-/// A hint: where the last neighbour of a table led. The next one of the same interface leads there
-/// as a rule, so all of it can be fetched at once instead of one after the other. Nothing here is
-/// ever followed; what is out of date costs a vain fetch.
-template <class P>
-struct Road {
-  using Addr = typename P::Addr;
+/// A FIB route that covers an address, with its FEC. Without a route its key is the null prefix.
+template <class R, class Fec>
+struct Cover {
+  R route{.key = decltype(R::key)::null()};
+  Fec fec;
+};
 
-  /// Remembers the covering route and its set of neighbours.
-  template <class Route, class AddrSet>
-  void leadsTo(const Route& route, const AddrSet& set) {
-    prefix = route.key;
-    fecId = route.fecId;
-    neighborSet = &set;
-    neighbors = set.ipWhereabouts();
+/// Where the last neighbour of a table led. The next one leads there as a rule: so its cover need
+/// not be read again while nothing has been told of a route or a FEC, and what else lies on the way
+/// can be fetched at once instead of one after the other.
+///
+/// \tparam R  the family's route.
+template <class R, class Fec>
+class Road {
+ public:
+  using Prefix = decltype(R::key);
+  using Addr = typename Prefix::Addr;
+
+  /// The cover, as of a count of changes that may concern it.
+  const Cover<R, Fec>& cover() const noexcept { return cover_; }
+  bool isCurrent(uint64_t changes) const noexcept { return changes_ == changes; }
+  void coverIs(const Cover<R, Fec>& cover, uint64_t changes) {
+    cover_ = cover;
+    changes_ = changes;
   }
-  /// Remembers the list of prefixes that the covering route is in.
+  /// Makes the cover no more than a hint.
+  void forgetCover() noexcept { changes_ = 0; }
+
+  /// Remembers the set that neighbours under the cover are filed in.
+  template <class AddrSet>
+  void leadsTo(const AddrSet& set) {
+    neighborSet_ = &set;
+    neighbors_ = set.ipWhereabouts();
+  }
+  /// Remembers the list of prefixes that the cover is filed in.
   template <class PrefixList>
   void isFiledIn(const PrefixList& list) {
-    prefixList = &list;
-    prefixes = list.prefixWhereabouts();
+    prefixList_ = &list;
+    prefixes_ = list.prefixWhereabouts();
   }
-  /// Begins to fetch what these hold for `addr`.
+  /// Begins to fetch what set and list hold for `addr`.
   void prefetch(const Addr& addr) const {
-    Kiv::prefetch(neighborSet);
-    Kiv::prefetch(prefixList);
-    neighbors.prefetch(addr);
-    prefixes.prefetch(prefix);
+    Kiv::prefetch(neighborSet_);
+    Kiv::prefetch(prefixList_);
+    neighbors_.prefetch(addr);
+    prefixes_.prefetch(cover_.route.key);
   }
 
-  P prefix = P::null();
-  Tovan::Fib::FecId fecId = Tovan::Fib::invalidFecId;
-  const void* neighborSet = nullptr;
-  const void* prefixList = nullptr;
-  typename Kiv::HashMap<Addr, Kiv::Present>::Whereabouts neighbors;
-  typename Kiv::HashMap<P, Kiv::Present>::Whereabouts prefixes;
+ private:
+  uint64_t changes_ = 0;
+  Cover<R, Fec> cover_;
+  // Hints: never followed, as they may be gone.
+  const void* neighborSet_ = nullptr;
+  const void* prefixList_ = nullptr;
+  typename Kiv::HashMap<Addr, Kiv::Present>::Whereabouts neighbors_;
+  typename Kiv::HashMap<Prefix, Kiv::Present>::Whereabouts prefixes_;
 };
 
 /// While one stands, the handling of a neighbour is remembered as the road of its table.
-template <class Machine, class Reactor>
+template <class Interest, class Reactor>
 class Travel {
  public:
-  Travel(Machine& machine, const Reactor& reactor)
-      : machine_(machine),
+  Travel(Interest& interest, const Reactor& reactor)
+      : interest_(interest),
         reactor_(&reactor),
-        former_(std::exchange(machine.interest().road, &reactor.road())) {}
+        former_(std::exchange(interest.road, &reactor.road())) {}
   Travel(const Travel&) = delete;
   Travel& operator=(const Travel&) = delete;
-  ~Travel() { machine_.interest().road = former_; }
+  ~Travel() { interest_.road = former_; }
 
  private:
-  Machine& machine_;
+  Interest& interest_;
   Kiv::Ptr<const Reactor> reactor_;  // what is called meanwhile may take the table away
-  std::remove_reference_t<decltype(std::declval<Reactor&>().road())>* former_;
+  typename Interest::Road* former_;
 };
 
 }  // namespace HostCore

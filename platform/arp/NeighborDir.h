@@ -1,6 +1,8 @@
 // The neighbour tables, as the ARP and neighbour discovery agent publishes them.
 #pragma once
 
+#include <vector>
+
 #include "platform/arp/ArpEntryStatus.h"
 #include "platform/kiv/Attributes.h"
 #include "platform/zemit/IntfId.h"
@@ -85,15 +87,21 @@ class NeighborDir final : public Kiv::NamedEntity {
   explicit NeighborDir(Kiv::Name name) : NamedEntity(std::move(name)) {}
 
   /// The table of each interface.
-  KIV_COLLECTION(258, arpIntfStatus, ArpIntfStatus, Kiv::Name, ArpIntfStatus::Ptr)
+  KIV_COLLECTION_VIEW(258, arpIntfStatus, ArpIntfStatus, Kiv::Name, ArpIntfStatus::Ptr)
   /// Puts `table` in, in place of one that its interface may have.
   /// \throws Kiv::RangeException when it is null.
   void arpIntfStatusIs(const ArpIntfStatus::Ptr& table) {
     KIV_REQUIRE(table,
                 "null _arpIntfStatus parameter to mutator for "
                 "Arp::NeighborDir::arpIntfStatus not allowed");
+    tableOfIs(table->intfId(), table.get());
     arpIntfStatus_.set(*this, table->name(), table);
   }
+  bool arpIntfStatusDel(const Kiv::Name& intfName) {
+    if (const auto& table = arpIntfStatus(intfName)) tableOfIs(table->intfId(), nullptr);
+    return arpIntfStatus_.del(*this, intfName);
+  }
+  KIV_FURTHER_DELETIONS(arpIntfStatus, ArpIntfStatus)
   /// Makes the interface's table unless it is there; returns it.
   ArpIntfStatus::Ptr newArpIntfStatus(const Kiv::Name& intfName) {
     if (const auto& present = arpIntfStatus(intfName)) return present;
@@ -101,6 +109,19 @@ class NeighborDir final : public Kiv::NamedEntity {
     arpIntfStatusIs(added);
     return added;
   }
+
+  /// The table of an interface, sooner found than by its name; null for none.
+  ArpIntfStatus* tableOf(Zemit::IntfId intf) const noexcept {
+    return intf.value() < tables_.size() ? tables_[intf.value()] : nullptr;
+  }
+
+ private:
+  void tableOfIs(Zemit::IntfId intf, ArpIntfStatus* table) {
+    if (intf.value() >= tables_.size()) tables_.resize(size_t{intf.value()} + 1);
+    tables_[intf.value()] = table;
+  }
+
+  std::vector<ArpIntfStatus*> tables_;  // by interface
 };
 
 }  // namespace Arp
