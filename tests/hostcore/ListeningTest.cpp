@@ -1,4 +1,6 @@
 // Which neighbour tables a machine hears of, and which merges it leaves out.
+#include <functional>
+
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -101,6 +103,47 @@ TYPED_TEST(ListeningTest, ANewMachineDoesNotRelyOnWhatItFinds) {
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 9));
 }
 
+TYPED_TEST(ListeningTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
+  auto& red = this->world;
+  using Fec = typename TypeParam::Fec;
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  red.forwarding->fecIs(Fec(7, {{.hop = Sample<TypeParam>::addr(1), .intf = red.ethernet1}}));
+  red.learn(red.ethernet1, 6);
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 6));
+
+  red.forwarding->fecIs(Fec(8, {{.hop = {}, .intf = red.ethernet1}}));
+  red.routeIs(Sample<TypeParam>::subnet(), 8);
+  red.learn(red.ethernet1, 7);
+  EXPECT_TRUE(red.hasRoute(red.neighborTable(), 7));
+  EXPECT_TRUE(red.root->adjacencyToPrefix(8)->prefix(Sample<TypeParam>::subnet()));
+  red.expectBalancedReferences();
+}
+
+template <class HostTable>
+struct ActsOnce : HostTable::NotifieeConst {
+  using Prefix = typename HostTable::Prefix;
+  void onRoute(const Prefix&) override {
+    if (action) std::exchange(action, nullptr)();
+  }
+  std::function<void()> action;
+};
+
+TYPED_TEST(ListeningTest, ATableMayGoWhileItsNeighbourIsHandled) {
+  auto& red = this->world;
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  const auto observer = Kiv::make<ActsOnce<typename TypeParam::HostTable>>();
+  observer->notifierIs(red.neighborTable());
+  observer->action = [&] { red.neighborDir->arpIntfStatusDel(red.ethernet1.name()); };
+  red.learn(red.ethernet1, 6);
+  EXPECT_EQ(red.machine().arpIntfStatusCount(), 0u);
+  EXPECT_EQ(red.neighborDir->tableOf(red.ethernet1), nullptr);
+  red.learn(red.ethernet1, 7);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 7));
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+}
+
 TYPED_TEST(ListeningTest, AnInputThatGoesIsNoticed) {
   auto& red = this->world;
   red.startWithSubnet();
@@ -114,6 +157,41 @@ TYPED_TEST(ListeningTest, AnInputThatGoesIsNoticed) {
   }
   this->announce(red.ethernet1, 5);
   EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+}
+
+TEST(NeighborDirTest, FindsTheTablesThatItHas) {
+  const auto dir = Kiv::make<Arp::NeighborDir>("dir");
+  const auto [first, second] =
+      std::pair(Zemit::IntfId::of("Ethernet1"), Zemit::IntfId::of("Vlan2"));
+  EXPECT_EQ(dir->tableOf(first), nullptr);
+  dir->newArpIntfStatus(second.name());
+  dir->newArpIntfStatus(first.name());
+  const auto replacement = Kiv::make<Arp::ArpIntfStatus>(first);
+  dir->arpIntfStatusIs(replacement);
+  EXPECT_EQ(dir->tableOf(first), replacement.get());
+  EXPECT_EQ(dir->tableOf(second), dir->arpIntfStatus(second.name()).get());
+  dir->arpIntfStatusDel(second.name());
+  EXPECT_EQ(dir->tableOf(second), nullptr);
+  dir->arpIntfStatusDelAll();
+  EXPECT_EQ(dir->tableOf(first), nullptr);
+}
+
+TEST(NeighborDirTest, AnExpectedChangeIsToldToThoseWhoWillHearOfIt) {
+  struct Watcher : Arp::ArpIntfStatus::NotifieeConst {
+    void onArpEntry(const Zemit::IpAddr&) override { ++changes; }
+    void onArpEntryExpected(const Zemit::IpAddr&) const noexcept override { ++expected; }
+    int changes = 0;
+    mutable int expected = 0;
+  };
+  const auto table = Kiv::make<Arp::ArpIntfStatus>(Zemit::IntfId::of("Ethernet1"));
+  const auto watcher = Kiv::make<Watcher>();
+  table->arpEntryExpect({});
+  watcher->notifierIs(table);
+  table->arpEntryExpect({});
+  watcher->isQuietIs(true);
+  table->arpEntryExpect({});
+  EXPECT_EQ(watcher->expected, 1);
+  EXPECT_EQ(watcher->changes, 0);
 }
 
 TEST(RootTest, AWalkMeetsNoAddressSetThatIsNotMade) {

@@ -26,7 +26,11 @@ void compareWithModel(MakeKey makeKey, MakeValue makeValue) {
       const auto known = model.find(key);
       if (random() % 3 != 0) {
         const Value value = makeValue(random());
-        EXPECT_EQ(table.set(key, value), known == model.end());
+        if (known == model.end() && random() % 2 == 0) {
+          table.add(key, value);
+        } else {
+          EXPECT_EQ(table.set(key, value), known == model.end());
+        }
         model[key] = value;
       } else {
         const auto removed = table.erase(key);
@@ -142,13 +146,15 @@ TEST_F(TovanMapDamageTest, WriterGoesOnAfterDamage) {
   Map table = writer();
   for (uint64_t i = 0; i < 100; ++i) table.set(i, Repeated(i));
   damage(7, 20000, 4096);
+  for (uint64_t i = 100; i < 120; ++i) table.add(i, Repeated(i));
   for (uint64_t i = 0; i < 100; i += 2) table.set(i, Repeated(i));
   for (uint64_t i = 1; i < 100; i += 2) {
     EXPECT_EQ(table.erase(i).value_or(Repeated(i)).words, Repeated(i).words);
   }
   EXPECT_GT(table.corruptions(), 0u);
   EXPECT_NE(table.lastCorruption().find(name), std::string::npos);
-  EXPECT_EQ(table.size(), 50u);
+  EXPECT_EQ(table.size(), 70u);
+  EXPECT_TRUE(table.get(110));
 }
 
 class OpenTovanMapTest : public TovanMapDamageTest {
