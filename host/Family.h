@@ -66,6 +66,9 @@ struct Ipv4 {
   static const Neighbor* findNeighbor(const Arp::ArpIntfStatus& table, const Addr& addr) {
     return table.arpEntryFind(addr);
   }
+  static void prefetchNeighbor(const Arp::ArpIntfStatus& table, const Addr& addr) {
+    table.arpEntryPrefetch(addr);
+  }
   static auto neighbors(const Arp::ArpIntfStatus& table) { return table.arpEntryIteratorConst(); }
   static std::vector<Addr> neighborsBetween(const Arp::ArpIntfStatus& table, const Addr& first,
                                             const Addr& last) {

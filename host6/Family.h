@@ -90,6 +90,9 @@ struct Ipv6 {
   static const Neighbor* findNeighbor(const Arp::ArpIntfStatus& table, const Addr& addr) {
     return table.ip6NeighborEntryFind(addr);
   }
+  static void prefetchNeighbor(const Arp::ArpIntfStatus& table, const Addr& addr) {
+    table.ip6NeighborEntryPrefetch(addr);
+  }
   static auto neighbors(const Arp::ArpIntfStatus& table) {
     return table.ip6NeighborEntryIteratorConst();
   }

@@ -1,6 +1,7 @@
 // Following the FECs through which FIB routes resolve.
 #pragma once
 
+#include "hostcore/InTurn.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 #include "platform/obu/FibLookup.h"
@@ -96,13 +97,14 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
   if (isNull(above.key)) return;
   const auto neighbors = F::neighborSet(root_, above.key);
   if (!neighbors) return;
-  for (const Addr& addr :
-       neighbors->ipKeysBetween(prefix.addr(), prefix.addr().subnetLast(prefix.len()))) {
+  const auto inside =
+      neighbors->ipKeysBetween(prefix.addr(), prefix.addr().subnetLast(prefix.len()));
+  withdrawInTurn<F>(sm_, *neighbors, inside, [&](const Addr& addr) {
     F::traceTakenFrom(sm_, addr, above.key);
     F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
     changed->ipIs(addr, true);
     neighbors->ipDel(addr);
-  }
+  });
 }
 
 template <Family F>
@@ -111,11 +113,12 @@ typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldP
   auto result = F::AddrSet::AddrSetIs(Prefix::null());
   const auto neighbors = F::neighborSet(root_, oldPrefix);
   if (!neighbors) return result;
-  for (const Addr& addr : ascending(neighbors->ipIteratorConst())) {
-    F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
-    neighbors->ipDel(addr);
-    result->ipIs(addr, true);
-  }
+  withdrawInTurn<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
+                    [&](const Addr& addr) {
+                      F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
+                      neighbors->ipDel(addr);
+                      result->ipIs(addr, true);
+                    });
   return result;
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "hostcore/InTurn.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 #include "platform/obu/FibLookup.h"
@@ -174,12 +175,13 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
 
   if (const auto neighbors = F::neighborSet(root, oldFibRoute.key)) {
     const auto aboveFec = Obu::readFec(rehome ? sm_.forwardingStatus() : nullptr, above.fecId);
-    for (const auto& addr : ascending(neighbors->ipIteratorConst())) {
-      F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
-      neighbors->ipDel(addr);
-      if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec);
-      mergeSet->ipIs(addr, true);
-    }
+    withdrawInTurn<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
+                      [&](const typename F::Addr& addr) {
+                        F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
+                        neighbors->ipDel(addr);
+                        if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec);
+                        mergeSet->ipIs(addr, true);
+                      });
   }
 
   if (covered) {

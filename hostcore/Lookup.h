@@ -68,6 +68,14 @@ class Lookup {
   /// \param isNeighbor  whether `ip` is in the table of `intf` now.
   void prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighbor) const;
 
+  /// Begins to fetch the host route of `ip`; when that has come, its adjacency; and then what is
+  /// read when that adjacency goes.
+  void prefetchHostRoute(const Addr& ip) const;
+  void prefetchAdjacency(const Addr& ip) const;
+  void prefetchLastUse(const Addr& ip) const;
+  /// Begins to fetch what is read when `ip` gets an adjacency through `intf`.
+  void prefetchNewAdjacency(const Addr& ip, Zemit::IntfId intf) const;
+
   /// The FIB route with exactly this prefix, or a record whose key is the null prefix. Host
   /// prefixes are the host-route status' affair, all others the route table's.
   Route doFibLookup(const Prefix& prefix) const;
@@ -80,6 +88,17 @@ class Lookup {
   Cover checkIpAddressAgainstFib(const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const;
 
  private:
+  /// The host routes of neighbours, or null.
+  const typename F::HostTable* neighborRoutes() const {
+    const auto* root = sm_.rootRaw();
+    return root == nullptr ? nullptr : F::neighborTable(*root).get();
+  }
+  static typename F::ViaSet viasOf(const Addr& ip, Zemit::IntfId intf) {
+    typename F::ViaSet vias;
+    vias.newVia({.hop = ip, .intf = intf}, 1);
+    return vias;
+  }
+
   const typename F::RouteSm& sm_;
 };
 
@@ -94,31 +113,50 @@ void Lookup<F>::prefetch(const Addr& ip, const Road& road) const {
     if (const auto* forwarding = sm_.forwardingStatus()) forwarding->prefetch(route.fecId);
   }
   F::prefetchFiling(*root, route.key, route.fecId);
-  if (const auto& neighborRoutes = F::neighborTable(*root)) {
-    neighborRoutes->prefetch(hostPrefix<F>(ip));
-  }
+  prefetchHostRoute(ip);
 }
 
 template <Family F>
 void Lookup<F>::prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighbor) const {
-  const auto* root = sm_.rootRaw();
-  if (root == nullptr) return;
-  const auto& neighborRoutes = F::neighborTable(*root);
-  if (!neighborRoutes) return;
+  const auto* routes = neighborRoutes();
+  if (routes == nullptr) return;
   const Prefix host = hostPrefix<F>(ip);
-  const Route route = neighborRoutes->route(host);
-  const auto& adjacencies = neighborRoutes->adjacencies();
+  const Route route = routes->route(host);
+  const auto& adjacencies = routes->adjacencies();
   const bool exists = route.key == host;
   if (exists) adjacencies.prefetch(route.fecId);
   if (exists == isNeighbor) return;
   if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(host);
   // A neighbour is hardly ever reached through more than one interface.
-  typename F::ViaSet vias;
-  vias.newVia({.hop = ip, .intf = intf}, 1);
+  const auto vias = viasOf(ip, intf);
   adjacencies.prefetch(vias);
   if (const auto* adjHelper = sm_.adjHelperRaw()) {
     isNeighbor ? adjHelper->prefetchNew(vias) : adjHelper->prefetchLast(vias);
   }
+}
+
+template <Family F>
+void Lookup<F>::prefetchHostRoute(const Addr& ip) const {
+  if (const auto* routes = neighborRoutes()) routes->prefetch(hostPrefix<F>(ip));
+}
+
+template <Family F>
+void Lookup<F>::prefetchAdjacency(const Addr& ip) const {
+  const auto* routes = neighborRoutes();
+  if (routes != nullptr) routes->adjacencies().prefetch(routes->route(hostPrefix<F>(ip)).fecId);
+}
+
+template <Family F>
+void Lookup<F>::prefetchLastUse(const Addr& ip) const {
+  const auto* routes = neighborRoutes();
+  if (routes == nullptr) return;
+  const auto fecId = routes->route(hostPrefix<F>(ip)).fecId;
+  routes->adjacencies().prefetch(routes->adjIndexToViaSet(fecId));
+}
+
+template <Family F>
+void Lookup<F>::prefetchNewAdjacency(const Addr& ip, Zemit::IntfId intf) const {
+  if (const auto* routes = neighborRoutes()) routes->adjacencies().prefetch(viasOf(ip, intf));
 }
 
 template <Family F>

@@ -3,6 +3,7 @@
 
 #include <array>
 
+#include "hostcore/InTurn.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 
@@ -81,9 +82,19 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
   }
   if (result->ipCount() == 0) return result;
   const auto fec = Obu::readFec(sm_.forwardingStatus(), fibRoute.fecId);
-  for (const Addr& addr : ascending(result->ipIteratorConst())) {
-    sm_.fixupArpRouteOver(addr, fibRoute, fec);
-  }
+  const Lookup<F> lookup(sm_);
+  const auto neighbors = F::neighborSet(root_, fibRoute.key);
+  inTurn(
+      ascending(result->ipIteratorConst()),
+      [&](const Addr& addr) { sm_.fixupArpRouteOver(addr, fibRoute, fec); },
+      [&](const Addr& addr) {
+        lookup.prefetchHostRoute(addr);
+        if (neighbors) neighbors->ipWhereabouts().prefetch(addr);
+        for (const Zemit::IntfId intf : *intfs) {
+          if (const auto* table = sm_.neighborTable(intf)) F::prefetchNeighbor(*table, addr);
+          lookup.prefetchNewAdjacency(addr, intf);
+        }
+      });
   return result;
 }
 
@@ -190,7 +201,8 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
   // The reference of the route about to be replaced. It is dropped only after the replacement has
   // been written, so that a FEC never reaches a zero count while it is still in use.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
-  for (const Addr& addr : addrs) {
+  const Lookup<F> lookup(sm_);
+  const auto merge = [&](const Addr& addr) {
     const Prefix prefix = hostPrefix<F>(addr);
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", " handling prefix: " << prefix);
     if (heldFec != Tovan::Fib::invalidFecId) {
@@ -209,7 +221,14 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
     if (const auto* adjHelper = sm_.adjHelperRaw()) adjHelper->prefetch(heldFec);
     Listening<F>(sm_).merged(addr);
     mergeOne(addr, existing);
-  }
+  };
+  inTurn(
+      addrs, merge,
+      [&](const Addr& addr) {
+        if (const auto* routes = sm_.routeStatusRaw()) routes->prefetch(hostPrefix<F>(addr));
+        lookup.prefetchHostRoute(addr);
+      },
+      [&](const Addr& addr) { lookup.prefetchAdjacency(addr); });
   if (heldFec != Tovan::Fib::invalidFecId) {
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", F::Text::kDroppingLast << heldFec);
     Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
