@@ -256,12 +256,13 @@ class TovanMap : public Table {
 
   static void load(const Slot& from, Words& words);
   bool read(const Slot& from, Words& words) const;
-  [[gnu::always_inline]] inline bool readQuickly(Page& in, uint64_t hash, const Words& key,
+  [[gnu::always_inline]] inline bool readQuickly(const Slot& slot, uint64_t hash, const Words& key,
                                                  std::optional<Value>& value) const;
   std::optional<Value> readCarefully(uint64_t hash, const Words& key) const;
   static Slot* search(Page& page, uint64_t hash, const Words& key);
   const char* headFault(PageRef ref, uint64_t hash) const;
   const char* missFault(PageRef ref, uint64_t hash) const;
+  void verifyAbsence(PageRef ref, uint64_t hash, const Words& key) const;
   template <class Look>
   void inPage(uint64_t hash, const Look& look) const;
   bool readPage(uint32_t& pattern, std::vector<Words>& items,
@@ -274,6 +275,7 @@ class TovanMap : public Table {
   auto repairing(Step step);
   static void write(Slot& slot, uint32_t state, const Words& words, uint32_t checksum);
   void replace(Slot& slot, uint64_t hash, const Words& words);
+  void insertNew(uint64_t hash, const Words& words);
   void insert(uint64_t hash, const Words& words);
   static bool place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words,
                     uint32_t checksum);
@@ -299,9 +301,9 @@ class TovanMap : public Table {
   uint64_t size_ = 0;
   uint64_t changes_ = 1;
   std::stack<uint32_t> freePages_;
-  /// The last key that was found to be absent, and when.
+  /// The last key that was found to be absent, and as of which change.
   mutable struct {
-    uint64_t hash = 0;
+    Words key;
     uint64_t changes = 0;
   } missed_;
 };
@@ -507,34 +509,35 @@ typename TovanMap<Key, Value>::PageRef TovanMap<Key, Value>::refOf(uint64_t hash
   return ref;
 }
 
+/// Makes sure that the writer's search for `key` was right to find nothing.
+template <class Key, class Value>
+void TovanMap<Key, Value>::verifyAbsence(PageRef ref, uint64_t hash, const Words& key) const {
+  const char* fault = missFault(ref, hash);
+  if (fault != nullptr) raise("page", ref.number(), fault);
+  missed_ = {.key = key, .changes = changes_};
+}
+
 /// The writer's look-up: the slot that holds `key`, or null.
 template <class Key, class Value>
 typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::find(uint64_t hash,
                                                                 const Words& key) const {
   const PageRef ref = refOf(hash);
   Slot* slot = search(page(ref.number()), hash, key);
-  // As a rule, a key is looked for in vain just before it is stored: that is verified once.
-  if (slot == nullptr && (hash != missed_.hash || changes_ != missed_.changes)) {
-    const char* fault = missFault(ref, hash);
-    if (fault != nullptr) raise("page", ref.number(), fault);
-    missed_ = {.hash = hash, .changes = changes_};
-  }
+  if (slot == nullptr) verifyAbsence(ref, hash, key);
   return slot;
 }
 
-/// Sets `value` to what the page has for `key`. False is no answer yet: there is none, or it is
-/// being written, or damaged.
+/// Sets `value` to what the slot has for `key`. False is no answer yet: it may be gone, being
+/// written, or damaged.
 template <class Key, class Value>
-bool TovanMap<Key, Value>::readQuickly(Page& in, uint64_t hash, const Words& key,
+bool TovanMap<Key, Value>::readQuickly(const Slot& slot, uint64_t hash, const Words& key,
                                        std::optional<Value>& value) const {
-  const Slot* slot = search(in, hash, key);
-  if (slot == nullptr) return false;
-  const uint32_t sequence = slot->sequence.load(std::memory_order_acquire);
+  const uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
   Words words;
-  load(*slot, words);
-  const uint32_t checksum = slot->checksum.load(std::memory_order_relaxed);
+  load(slot, words);
+  const uint32_t checksum = slot.checksum.load(std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_acquire);
-  if ((sequence & kState) != kLive || slot->sequence.load(std::memory_order_relaxed) != sequence ||
+  if ((sequence & kState) != kLive || slot.sequence.load(std::memory_order_relaxed) != sequence ||
       checksum != checksumOf(hash, words) || !sameKey(words, key)) {
     return false;
   }
@@ -573,8 +576,14 @@ std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
   const uint32_t bits = isReadOnly() ? depth() : depth_;
   if (bits <= kMaxDepth) {
     const PageRef ref(directory(hash, bits).load(std::memory_order_acquire));
-    if (ref.number() < pages() && readQuickly(page(ref.number()), hash, pack(key), value)) {
-      return value;
+    if (ref.number() < pages()) {
+      const Slot* slot = search(page(ref.number()), hash, pack(key));
+      if (slot != nullptr) {
+        if (readQuickly(*slot, hash, pack(key), value)) return value;
+      } else if (!isReadOnly()) {
+        verifyAbsence(ref, hash, pack(key));
+        return value;
+      }
     }
   }
   value = readCarefully(hash, pack(key));
@@ -684,14 +693,15 @@ bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
   requireWritable("write to read-only Tovan table");
   const Words words = pack(key, value);
   const uint64_t hash = hashOf(words);
-  Slot* slot = repairing([&] { return find(hash, words); });
+  // As a rule, a new key was looked for in vain just before.
+  const bool isAbsent = missed_.changes == changes_ && sameKey(missed_.key, words);
+  Slot* slot = isAbsent ? nullptr : repairing([&] { return find(hash, words); });
   if (slot == nullptr) {
-    insert(hash, words);
-    header().size.store(++size_, std::memory_order_relaxed);
+    insertNew(hash, words);
   } else {
     replace(*slot, hash, words);
+    ++changes_;
   }
-  ++changes_;
   return slot == nullptr;
 }
 
@@ -699,7 +709,13 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::add(const Key& key, const Value& value) {
   requireWritable("write to read-only Tovan table");
   const Words words = pack(key, value);
-  const uint64_t hash = hashOf(words);
+  insertNew(hashOf(words), words);
+}
+
+/// Puts in an entry whose key is not there. It may have been some time ago that this was found, so
+/// its page is looked at once more.
+template <class Key, class Value>
+void TovanMap<Key, Value>::insertNew(uint64_t hash, const Words& words) {
   repairing([&] {
     const PageRef ref = refOf(hash);
     const char* fault = headFault(ref, hash);
