@@ -15,7 +15,8 @@ bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus) {
 }
 
 void RouteSm::KivArpIntfStatus::onArpEntryExpected(const Zemit::IpAddr& addr) const noexcept {
-  if (routeSm() != nullptr) HostCore::Lookup<Ipv4>(*routeSm()).prefetch(addr, road_);
+  if (routeSm() == nullptr || road_ == nullptr) return;
+  HostCore::Lookup<Ipv4>(*routeSm()).prefetch(addr, *road_);
 }
 
 void RouteSm::KivArpIntfStatus::handleArpEntry(Zemit::IpAddr addr) {

@@ -1,6 +1,7 @@
 // The state machine that derives one VRF's IPv4 host routes.
 #pragma once
 
+#include <memory>
 #include "host/RouteSmRoot.h"
 #include "hostcore/Frame.h"
 #include "hostcore/Interest.h"
@@ -155,11 +156,14 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     void handleArpEntry();
     /// Withdraws the host routes of a table that was deleted with entries in it.
     void handleDel();
-    /// Where the table's last neighbour led.
-    Interest::Road& road() const noexcept { return road_; }
+    /// Where the table's last neighbour led; made when the first one is handled.
+    Interest::Road& road() const {
+      if (road_ == nullptr) road_ = std::make_unique<Interest::Road>();
+      return *road_;
+    }
 
    private:
-    mutable Interest::Road road_;  // remembered work, and no part of the reactor's state
+    mutable std::unique_ptr<Interest::Road> road_;  // remembered work, no state of the reactor
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.

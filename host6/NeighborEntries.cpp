@@ -16,7 +16,8 @@ bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus) {
 
 void RouteSm::KivArpIntfStatus::onIp6NeighborEntryExpected(
     const Zemit::Ip6Addr& addr) const noexcept {
-  if (routeSm() != nullptr) HostCore::Lookup<Ipv6>(*routeSm()).prefetch(addr, road_);
+  if (routeSm() == nullptr || road_ == nullptr) return;
+  HostCore::Lookup<Ipv6>(*routeSm()).prefetch(addr, *road_);
 }
 
 void RouteSm::KivArpIntfStatus::handleArpEntry(const Zemit::Ip6Addr& addr) {

@@ -51,6 +51,7 @@ void FibTracking<F>::handleStatusRoute(const Prefix& prefix) {
   }
   // The route table's host prefixes are what this system merged into it.
   if (prefix.len() == F::Addr::kBits) return;
+  if (const auto* root = sm_.rootRaw()) F::prefetchTracked(*root, prefix);
   sm_.handleRoute(prefix, Obu::readRoute(sm_.routeStatusRaw(), prefix));
 }
 
@@ -60,6 +61,7 @@ void FibTracking<F>::handleStatusRoute() {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
   }
+  Listening<F>(sm_).coversChanged();
   const auto* table = sm_.routeStatusRaw();
   if (table == nullptr) return;
   const auto prefixes = shortestFirst(table->routeKeys());
@@ -88,6 +90,7 @@ void FibTracking<F>::handleHostStatusRoute() {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
   }
+  Listening<F>(sm_).coversChanged();
   const auto* hostStatus = sm_.hostStatusRaw();
   if (hostStatus == nullptr) return;
   for (const Prefix& prefix : shortestFirst(hostStatus->routeKeys())) {
@@ -109,7 +112,6 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   }
   auto& root = Kiv::validPtr(sm_.rootRaw());
   auto& trie = Kiv::validPtr(root.trieRaw());
-  F::prefetchTracked(root, prefix);
   const auto tracked = root.prefixToRouteFind(prefix);
 
   if (fibRoute.key == prefix) {

@@ -26,7 +26,8 @@ namespace HostCore {
 /// off, and when the tables held host routes before it began.
 ///
 /// Who writes a route table or the FECs tells the machine at once, before anything else is
-/// announced. What is written in silence, or damaged, is noticed at the next merge of the address.
+/// announced. What is written in silence, or damaged, is noticed when a route or a FEC is
+/// announced, and in a host route at the next merge of its address.
 template <Family F>
 class Listening {
  public:
@@ -81,6 +82,7 @@ class Listening {
     if (interest_.fecs.find(fecId) != nullptr) intfsAre(fecId, intfsOf(fecId));
   }
   void fecsChanged() {
+    coversChanged();
     for (const FecId fecId : interest_.fecs.keys()) fecChanged(fecId);
   }
   /// `addr` became virtual in another VRF, or is so no longer.
@@ -172,7 +174,7 @@ class Listening {
     const auto* activity = sm_.kivFwkActivityRaw();
     return sm_.initialized() && !interest_.isBlind &&
            (activity == nullptr || !activity->queues()) && sm_.routeStatusRaw() != nullptr &&
-           sm_.hostStatusRaw() != nullptr;
+           sm_.hostStatusRaw() != nullptr && sm_.forwardingStatus() != nullptr;
   }
 
   typename F::RouteSm& sm_;

@@ -65,7 +65,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
   const typename Listening<F>::Handling handling(sm_);
   const Listening<F> listening(sm_);
   const Travel travel(sm_.interest(), reactor);
-  if (!listening.mayTrustCovers()) reactor.road().forgetCover();
+  reactor.road().isTrustedIs(listening.mayTrustCovers());
   const auto changes = listening.hostRouteChanges();
   const auto* entry = F::findNeighbor(*table, addr);
   Lookup<F>(sm_).prefetchChange(addr, table->intfId(), entry != nullptr);

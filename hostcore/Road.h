@@ -29,15 +29,15 @@ class Road {
   using Prefix = decltype(R::key);
   using Addr = typename Prefix::Addr;
 
-  /// The cover, as of a count of changes that may concern it.
+  /// The cover, as of a count of changes that may concern it. While it may not be trusted, it is no
+  /// more than a hint.
   const Cover<R, Fec>& cover() const noexcept { return cover_; }
-  bool isCurrent(uint64_t changes) const noexcept { return changes_ == changes; }
+  bool isCurrent(uint64_t changes) const noexcept { return isTrusted_ && changes_ == changes; }
   void coverIs(const Cover<R, Fec>& cover, uint64_t changes) {
     cover_ = cover;
-    changes_ = changes;
+    changes_ = isTrusted_ ? changes : 0;
   }
-  /// Makes the cover no more than a hint.
-  void forgetCover() noexcept { changes_ = 0; }
+  void isTrustedIs(bool isTrusted) noexcept { isTrusted_ = isTrusted; }
 
   /// Remembers the set that neighbours under the cover are filed in.
   template <class AddrSet>
@@ -61,6 +61,7 @@ class Road {
 
  private:
   uint64_t changes_ = 0;
+  bool isTrusted_ = false;
   Cover<R, Fec> cover_;
   // Hints: never followed, as they may be gone.
   const void* neighborSet_ = nullptr;

@@ -94,12 +94,14 @@ class NeighborDir final : public Kiv::NamedEntity {
     KIV_REQUIRE(table,
                 "null _arpIntfStatus parameter to mutator for "
                 "Arp::NeighborDir::arpIntfStatus not allowed");
-    tableOfIs(table->intfId(), table.get());
-    arpIntfStatus_.set(*this, table->name(), table);
+    const Kiv::Name intfName = table->name();
+    tableOfIs(table->intfId(), table.get(), [&] { arpIntfStatus_.set(*this, intfName, table); });
   }
   bool arpIntfStatusDel(const Kiv::Name& intfName) {
-    if (const auto& table = arpIntfStatus(intfName)) tableOfIs(table->intfId(), nullptr);
-    return arpIntfStatus_.del(*this, intfName);
+    const auto& table = arpIntfStatus(intfName);
+    if (!table) return false;
+    tableOfIs(table->intfId(), nullptr, [&] { arpIntfStatus_.del(*this, intfName); });
+    return true;
   }
   KIV_FURTHER_DELETIONS(arpIntfStatus, ArpIntfStatus)
   /// Makes the interface's table unless it is there; returns it.
@@ -116,9 +118,17 @@ class NeighborDir final : public Kiv::NamedEntity {
   }
 
  private:
-  void tableOfIs(Zemit::IntfId intf, ArpIntfStatus* table) {
+  /// Enters an interface's table, or null, before `change` announces it.
+  template <class Change>
+  void tableOfIs(Zemit::IntfId intf, ArpIntfStatus* table, Change change) {
     if (intf.value() >= tables_.size()) tables_.resize(size_t{intf.value()} + 1);
     tables_[intf.value()] = table;
+    try {
+      change();
+    } catch (...) {
+      tables_[intf.value()] = arpIntfStatus(intf.name()).get();
+      throw;
+    }
   }
 
   std::vector<ArpIntfStatus*> tables_;  // by interface

@@ -434,6 +434,7 @@ class KeySet {
     attr##Del(it.key());                                 \
   }                                                      \
   void attr##DelAll() {                                  \
+    const ::Kiv::Ptr<const ::Kiv::Entity> alive(this);   \
     for (const auto& key : attr##Keys()) attr##Del(key); \
   }
 

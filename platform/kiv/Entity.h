@@ -64,7 +64,8 @@ class Entity : public Object {
       notifyAll<Attribute>(Key(key)...);
   }
 
-  /// Calls `visit` with those who would be told of a change now, which it must not bring about.
+  /// Calls `visit` with those who would be told of a change now. It must change neither them nor
+  /// who they are.
   template <class Visit>
   void forEachNotifiee(Visit visit) const {
     if (!hasNotifiees()) return;

@@ -237,8 +237,9 @@ class Rows {
   /// A row for `key`, which is to get an entry.
   Number newRow(const K& key, uint32_t hash) {
     if (roomy_.empty()) {
-      roomy_.push_back(static_cast<Number>(chunks_.size()));
       chunks_.emplace_back();
+      roomy_.reserve(chunks_.capacity());  // so that no later push_back() can fail
+      roomy_.push_back(static_cast<Number>(chunks_.size() - 1));
     }
     auto& chunk = chunks_[roomy_.back()];
     if (!chunk) chunk = std::make_unique<Chunk>();

@@ -105,7 +105,9 @@ Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::takeFibAdjacency(const ViaSet& via
 template <class H, class W>
 void BasicAdjacencyHelper<H, W>::doDropRefOnFibAdjacency(FecId fecId) {
   const uint32_t index = indexOf(fecId);
-  if (fibAdjacencies_.drop(index) && fwdStatus_) fwdStatus_->adjacencyDel(fecId);
+  // A number is free again only when nothing is left under it.
+  if (fibAdjacencies_.users(index) == 1 && fwdStatus_) fwdStatus_->adjacencyDel(fecId);
+  fibAdjacencies_.drop(index);
 }
 
 using AdjacencyHelper = BasicAdjacencyHelper<Routing::Host::Status, Tovan::Fib::ForwardingStatus>;

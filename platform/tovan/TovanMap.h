@@ -31,8 +31,8 @@ namespace Tovan {
 /// again.
 ///
 /// Whatever is read from the memory is checked before it is used: damage is reported by
-/// CorruptionDetectedException. The writer's own set() and erase() repair the table instead, report
-/// to corruptionDetected(), and go on.
+/// CorruptionDetectedException. The writer's own set(), add() and erase() repair the table instead,
+/// report to corruptionDetected(), and go on.
 ///
 /// \tparam Key    trivially copyable, without padding: its bytes are its identity.
 /// \tparam Value  trivially copyable, without pointers.
@@ -277,8 +277,7 @@ class TovanMap : public Table {
   void replace(Slot& slot, uint64_t hash, const Words& words);
   void insertNew(uint64_t hash, const Words& words);
   void insert(uint64_t hash, const Words& words);
-  static bool place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words,
-                    uint32_t checksum);
+  bool place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words, uint32_t checksum);
   void makeRoom(uint32_t number);
   void rewrite(uint32_t number, bool split);
   void deepen();
@@ -720,8 +719,8 @@ void TovanMap<Key, Value>::insertNew(uint64_t hash, const Words& words) {
     const PageRef ref = refOf(hash);
     const char* fault = headFault(ref, hash);
     if (fault != nullptr) raise("page", ref.number(), fault);
+    insert(hash, words);
   });
-  insert(hash, words);
   header().size.store(++size_, std::memory_order_relaxed);
   ++changes_;
 }
@@ -790,6 +789,9 @@ bool TovanMap<Key, Value>::place(Page& in, uint32_t maxUsed, uint64_t hash, cons
     const uint32_t state = slot.state();
     if ((state & kLive) != 0) continue;
     if (state == 0) {
+      if (slot.checksum.load(std::memory_order_relaxed) != 0) {
+        raise("slot at byte", offsetOf(slot), "has an entry in a free slot");
+      }
       const uint32_t used = in.used.load(std::memory_order_relaxed);
       if (used >= maxUsed) return false;
       in.used.store(used + 1, std::memory_order_relaxed);

@@ -117,6 +117,16 @@ TYPED_TEST(ListeningTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
   red.learn(red.ethernet1, 7);
   EXPECT_TRUE(red.hasRoute(red.neighborTable(), 7));
   EXPECT_TRUE(red.root->adjacencyToPrefix(8)->prefix(Sample<TypeParam>::subnet()));
+
+  red.forwarding->fecIs(Fec(9, {{.hop = {}, .intf = red.ethernet2}}));
+  red.routeIs(Sample<TypeParam>::longer(), 9);
+  red.learn(red.ethernet1, 8);
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 8));
+  red.routeDel(Sample<TypeParam>::longer());
+  red.routeStatus->routeDel(Sample<TypeParam>::subnet());
+  red.machine().handleStatusRoute();
+  red.learn(red.ethernet1, 9);
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 9));
   red.expectBalancedReferences();
 }
 
@@ -157,6 +167,10 @@ TYPED_TEST(ListeningTest, AnInputThatGoesIsNoticed) {
   }
   this->announce(red.ethernet1, 5);
   EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+
+  red.machine().fwdStatusDel();
+  red.learn(red.ethernet1, 6);
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 6));
 }
 
 TEST(NeighborDirTest, FindsTheTablesThatItHas) {

@@ -28,6 +28,7 @@ struct Sample {
   }
   static constexpr uint32_t kShort = kIsIpv4 ? 24 : 64;  // the length of an ordinary subnet
   static Prefix subnet() { return {addr(0), kShort}; }
+  static Prefix longer() { return {addr(0), kShort + 1}; }
   static Prefix wider() { return Prefix::enclosing(addr(0), kShort - 8); }
   static constexpr auto kOwnTypes = [] {
     if constexpr (kIsIpv4) {
