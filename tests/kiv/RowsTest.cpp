@@ -125,24 +125,24 @@ TEST_F(RowsTest, ValuesStayWhereTheyAreWhileOthersComeAndGo) {
 }
 
 /// Looks into the column that it is going from.
-struct Inquisitive : Object {
-  using Table = Rows<Key, Ptr<Inquisitive>, uint64_t>;
-  using Column = Table::Column<Ptr<Inquisitive>>;
-  explicit Inquisitive(const Column& from) : column(from) {}
-  ~Inquisitive() override { keysSeen = column.keys(); }
+struct LooksBack : Object {
+  using Table = Rows<Key, Ptr<LooksBack>, uint64_t>;
+  using Column = Table::Column<Ptr<LooksBack>>;
+  explicit LooksBack(const Column& from) : column(from) {}
+  ~LooksBack() override { keysSeen = column.keys(); }
   const Column& column;
   static inline std::vector<Key> keysSeen;
 };
 
 // A destructor that reaches the rows again must find them whole.
 TEST(RowsOfObjectsTest, AValueMayUseTheColumnWhileItIsErased) {
-  Inquisitive::Table rows;
-  Inquisitive::Column column(rows);
-  for (const Key key : {1U, 2U, 3U}) column.tryEmplace(key, make<Inquisitive>(column));
+  LooksBack::Table rows;
+  LooksBack::Column column(rows);
+  for (const Key key : {1U, 2U, 3U}) column.tryEmplace(key, make<LooksBack>(column));
   column.erase(column.iterator().key());
-  EXPECT_EQ(Inquisitive::keysSeen, (std::vector<Key>{2, 3}));
+  EXPECT_EQ(LooksBack::keysSeen, (std::vector<Key>{2, 3}));
   column.clear();
-  EXPECT_EQ(Inquisitive::keysSeen, std::vector<Key>{});
+  EXPECT_EQ(LooksBack::keysSeen, std::vector<Key>{});
 }
 
 }  // namespace
