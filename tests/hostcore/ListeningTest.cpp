@@ -107,22 +107,25 @@ TYPED_TEST(ListeningTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
   auto& red = this->world;
   using Fec = typename TypeParam::Fec;
   red.startWithSubnet();
+  red.forwarding->fecIs(Fec(8, {{.hop = {}, .intf = red.ethernet1}}));
+  red.forwarding->fecIs(Fec(9, {{.hop = {}, .intf = red.ethernet2}}));
   red.learn(red.ethernet1, 5);
   red.forwarding->fecIs(Fec(7, {{.hop = Sample<TypeParam>::addr(1), .intf = red.ethernet1}}));
   red.learn(red.ethernet1, 6);
   EXPECT_FALSE(red.hasRoute(red.neighborTable(), 6));
 
-  red.forwarding->fecIs(Fec(8, {{.hop = {}, .intf = red.ethernet1}}));
   red.routeIs(Sample<TypeParam>::subnet(), 8);
   red.learn(red.ethernet1, 7);
   EXPECT_TRUE(red.hasRoute(red.neighborTable(), 7));
   EXPECT_TRUE(red.root->adjacencyToPrefix(8)->prefix(Sample<TypeParam>::subnet()));
 
-  red.forwarding->fecIs(Fec(9, {{.hop = {}, .intf = red.ethernet2}}));
   red.routeIs(Sample<TypeParam>::longer(), 9);
   red.learn(red.ethernet1, 8);
   EXPECT_FALSE(red.hasRoute(red.neighborTable(), 8));
   red.routeDel(Sample<TypeParam>::longer());
+  red.learn(red.ethernet1, 8);
+  EXPECT_TRUE(red.hasRoute(red.neighborTable(), 8));
+
   red.routeStatus->routeDel(Sample<TypeParam>::subnet());
   red.machine().handleStatusRoute();
   red.learn(red.ethernet1, 9);
