@@ -79,16 +79,6 @@ struct Ipv4 {
 
   // What the root derives from neighbours.
   static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.arpTable(); }
-  /// Begins to fetch what is kept of a tracked prefix.
-  static void prefetchTracked(const RouteSmRoot& root, const Prefix& prefix) {
-    root.prefixToRoutePrefetch(prefix);
-  }
-  /// Begins to fetch what a neighbour is filed under.
-  static void prefetchFiling(const RouteSmRoot& root, const Prefix& prefix,
-                             Tovan::Fib::FecId fecId) {
-    root.arpRoutePrefetch(prefix);
-    root.adjacencyToPrefixPrefetch(fecId);
-  }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIfMade(prefix);

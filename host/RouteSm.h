@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+
 #include "host/RouteSmRoot.h"
 #include "hostcore/Frame.h"
 #include "hostcore/Interest.h"

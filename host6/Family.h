@@ -107,16 +107,6 @@ struct Ipv6 {
 
   // What the root derives from neighbours.
   static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.neighTable(); }
-  /// Begins to fetch what is kept of a tracked prefix.
-  static void prefetchTracked(const RouteSmRoot& root, const Prefix& prefix) {
-    root.prefixToRoutePrefetch(prefix);
-  }
-  /// Begins to fetch what a neighbour is filed under.
-  static void prefetchFiling(const RouteSmRoot& root, const Prefix& prefix,
-                             Tovan::Fib::FecId fecId) {
-    root.neighRoutePrefetch(prefix);
-    root.adjacencyToPrefixPrefetch(fecId);
-  }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIfMade(prefix);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+
 #include "host6/RouteSmRoot.h"
 #include "hostcore/Frame.h"
 #include "hostcore/Interest.h"

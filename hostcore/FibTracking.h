@@ -51,7 +51,7 @@ void FibTracking<F>::handleStatusRoute(const Prefix& prefix) {
   }
   // The route table's host prefixes are what this system merged into it.
   if (prefix.len() == F::Addr::kBits) return;
-  if (const auto* root = sm_.rootRaw()) F::prefetchTracked(*root, prefix);
+  if (const auto* root = sm_.rootRaw()) root->prefixToRoutePrefetch(prefix);
   sm_.handleRoute(prefix, Obu::readRoute(sm_.routeStatusRaw(), prefix));
 }
 
@@ -66,15 +66,13 @@ void FibTracking<F>::handleStatusRoute() {
   if (table == nullptr) return;
   const auto prefixes = shortestFirst(table->routeKeys());
   Listening<F>(sm_).routesFound(prefixes.empty() ? Prefix() : prefixes.back());
-  for (size_t at = 0; at < prefixes.size(); ++at) {
-    constexpr size_t kAhead = 4;
-    if (at + kAhead < prefixes.size()) table->prefetch(prefixes[at + kAhead]);
-    const Prefix& prefix = prefixes[at];
+  const auto handle = [&](const Prefix& prefix) {
     // A shorter prefix's merge may have removed the host routes behind it.
     const bool mayBeGone = prefix.len() == F::Addr::kBits;
-    if (mayBeGone && Obu::readRoute(table, prefix).key != prefix) continue;
+    if (mayBeGone && Obu::readRoute(table, prefix).key != prefix) return;
     sm_.handleStatusRoute(prefix);
-  }
+  };
+  inTurn(prefixes, handle, [&](const Prefix& prefix) { table->prefetch(prefix); });
 }
 
 template <Family F>

@@ -1,4 +1,4 @@
-// Handling many addresses, one after the other.
+// Handling many addresses or prefixes, one after the other.
 #pragma once
 
 #include <cstddef>
@@ -7,20 +7,20 @@
 
 namespace HostCore {
 
-/// Calls `visit` with each address of a list, and before that the stages with it, each some
-/// addresses sooner than the next: what one stage begins to fetch has come when the next one looks.
-template <class Addrs, class Visit, class... Stages>
-void inTurn(const Addrs& addrs, Visit visit, Stages... stages) {
+/// Calls `visit` with each key of a list, and before that the stages with it, each some keys sooner
+/// than the next: what one stage begins to fetch has come when the next one looks.
+template <class Keys, class Visit, class... Stages>
+void inTurn(const Keys& keys, Visit visit, Stages... stages) {
   constexpr size_t kAhead = 4;
-  const size_t count = addrs.size();
+  const size_t count = keys.size();
   // One alone has been fetched by whoever was told of it.
   const size_t lead = count == 1 ? 0 : sizeof...(stages) * kAhead;
   for (size_t step = 0; step < count + lead; ++step) {
     if (lead != 0) {
       size_t at = step;  // below 0, and so beyond all, before the stage has begun
-      ((at < count ? stages(addrs[at]) : void(), at -= kAhead), ...);
+      ((at < count ? stages(keys[at]) : void(), at -= kAhead), ...);
     }
-    if (step >= lead) visit(addrs[step - lead]);
+    if (step >= lead) visit(keys[step - lead]);
   }
 }
 

@@ -112,7 +112,8 @@ void Lookup<F>::prefetch(const Addr& ip, const Road& road) const {
     if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(route.key);
     if (const auto* forwarding = sm_.forwardingStatus()) forwarding->prefetch(route.fecId);
   }
-  F::prefetchFiling(*root, route.key, route.fecId);
+  root->prefixToRoutePrefetch(route.key);  // and with it the set of neighbours in the same row
+  root->adjacencyToPrefixPrefetch(route.fecId);
   prefetchHostRoute(ip);
 }
 

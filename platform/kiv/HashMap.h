@@ -213,6 +213,7 @@ class HashMap {
   }
   /// The same for a key of this hash.
   void prefetchHash(uint32_t hash) const { prefetchGroup(block_, homeOf(block_, hash), hash); }
+  /// A hint for a later prefetch, also when the map itself is not at hand then.
   Whereabouts whereabouts() const { return Whereabouts(block_); }
   const V* find(const K& key, uint32_t hash) const { return valueAt(locate(key, hash)); }
   /// The key that equals `probe`, of another type, whose hash is `hash`; or null.

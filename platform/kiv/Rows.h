@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/NumberIndex.h"
 
 namespace Kiv {
 
@@ -42,24 +42,6 @@ class Rows {
       return used;
     }
     bool isFull() const { return used() == ~uint64_t{0}; }
-  };
-
-  /// What the index holds of a row. Its key stands in the row alone.
-  struct Indexed {
-    uint32_t hashOfKey = 0;
-    Number number = 0;
-
-    uint32_t hash() const { return hashOfKey; }
-    friend bool operator==(const Indexed&, const Indexed&) = default;
-  };
-  struct Sought {
-    const Rows& rows;
-    const K& key;
-    uint32_t hashOfKey;
-
-    bool operator==(const Indexed& row) const {
-      return row.hashOfKey == hashOfKey && rows.row(row.number).key == key;
-    }
   };
 
   /// A place in a walk over a column, which may change it.
@@ -126,7 +108,7 @@ class Rows {
     V* find(const K& key) { return rows_.template find<V>(key); }
     const V* find(const K& key) const { return rows_.template find<V>(key); }
     /// Begins to fetch what find() is going to read first, for all columns.
-    void prefetch(const K& key) const { rows_.index_.prefetchHash(Hash<K>()(key)); }
+    void prefetch(const K& key) const { rows_.index_.prefetch(Hash<K>()(key)); }
 
     /// The value of `key`, which is made of `args` if there was none. \returns true when it was
     /// made.
@@ -225,8 +207,8 @@ class Rows {
 
   Number locate(const K& key) const { return locate(key, Hash<K>()(key)); }
   Number locate(const K& key, uint32_t hash) const {
-    const Indexed* found = index_.findKey(Sought{*this, key, hash}, hash);
-    return found == nullptr ? kNone : found->number;
+    const Number* found = index_.find(hash, [&](Number number) { return row(number).key == key; });
+    return found == nullptr ? kNone : *found;
   }
   template <class V>
   V* find(const K& key) {
@@ -245,7 +227,7 @@ class Rows {
     if (!chunk) chunk = std::make_unique<Chunk>();
     const auto place = static_cast<Number>(std::countr_one(chunk->used()));
     const Number number = roomy_.back() * kRowsOfChunk + place;
-    index_.add({.hashOfKey = hash, .number = number}, hash);
+    index_.add(hash, number);
     chunk->rows[place].key = key;
     return number;
   }
@@ -270,7 +252,7 @@ class Rows {
     --sizes_[kColumn<V>];
     const uint64_t used = chunk->used();
     if ((used & bitOf(number)) != 0) return taken;
-    index_.erase({.hashOfKey = Hash<K>()(row(number).key), .number = number});
+    index_.erase(Hash<K>()(row(number).key), number);
     if (wasFull) roomy_.push_back(number / kRowsOfChunk);
     if (used == 0) chunk = nullptr;
     if (index_.empty()) {
@@ -280,7 +262,7 @@ class Rows {
     return taken;
   }
 
-  HashMap<Indexed, Present> index_;
+  NumberIndex index_;                           // by the keys, which stand in the rows alone
   std::vector<std::unique_ptr<Chunk>> chunks_;  // null for one without rows
   std::vector<Number> roomy_;                   // the chunks that are not full; the last is filled
   std::array<size_t, sizeof...(Values)> sizes_{};

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/NumberIndex.h"
 #include "platform/kiv/Prefetch.h"
 
 namespace Rovel {
@@ -25,9 +25,8 @@ class AdjacencyTable {
   std::pair<Index, bool> take(const ViaSet& vias);
   /// Counts one more user of an entry. \pre there is one of this number
   void share(uint64_t index) { ++entry(index).users; }
-  /// Counts one user less. Returns whether it was the last: the entry is gone then. An index
-  /// without entry is passed over.
-  bool drop(uint64_t index);
+  /// Counts one user less; with the last one the entry goes. An index without entry is passed over.
+  void drop(uint64_t index);
 
   /// The set of an entry; an empty one when there is no such entry.
   const ViaSet& viaSet(uint64_t index) const {
@@ -41,7 +40,7 @@ class AdjacencyTable {
   /// Begins to fetch what take() or the last drop() reads of a set, or what the others read of an
   /// entry.
   void prefetch(const ViaSet& vias) const {
-    numbers_.prefetchHash(vias.hash());
+    numbers_.prefetch(vias.hash());
     prefetch(uint64_t{firstFree_});
   }
   void prefetch(uint64_t index) const {
@@ -69,24 +68,6 @@ class AdjacencyTable {
     Index nextFree = 0;  // while there are no users
   };
 
-  /// An entry's number, found by the hash of its set: the set itself stands in the entry alone.
-  struct Number {
-    uint32_t hashOfVias = 0;
-    Index index = 0;
-
-    uint32_t hash() const { return hashOfVias; }
-    friend bool operator==(const Number&, const Number&) = default;
-  };
-  struct Sought {
-    const AdjacencyTable& table;
-    const ViaSet& vias;
-    uint32_t hashOfVias;
-
-    bool operator==(const Number& number) const {
-      return number.hashOfVias == hashOfVias && table.entry(number.index).vias == vias;
-    }
-  };
-
   static constexpr uint64_t kChunk = 256;
 
   Entry& entry(uint64_t index) const { return chunks_[(index - 1) / kChunk][(index - 1) % kChunk]; }
@@ -94,22 +75,23 @@ class AdjacencyTable {
   std::vector<std::unique_ptr<Entry[]>> chunks_;  // grows without moving what it has
   Index count_ = 0;                               // entries that there ever were
   Index firstFree_ = 0;
-  Kiv::HashMap<Number, Kiv::Present> numbers_;
+  Kiv::NumberIndex numbers_;  // by the sets, which stand in the entries alone
 };
 
 template <class ViaSet>
 std::pair<uint32_t, bool> AdjacencyTable<ViaSet>::take(const ViaSet& vias) {
   const uint32_t hash = vias.hash();
-  if (const Number* found = numbers_.findKey(Sought{*this, vias, hash}, hash)) {
-    ++entry(found->index).users;
-    return {found->index, false};
+  const auto isSought = [&](Index index) { return entry(index).vias == vias; };
+  if (const Index* found = numbers_.find(hash, isSought)) {
+    ++entry(*found).users;
+    return {*found, false};
   }
   if (firstFree_ == 0 && count_ % kChunk == 0) {
     chunks_.push_back(std::make_unique<Entry[]>(kChunk));
   }
   const Index index = next();
   Entry& added = entry(index);
-  numbers_.add({.hashOfVias = hash, .index = index}, hash);
+  numbers_.add(hash, index);
   if (firstFree_ != 0) {
     firstFree_ = added.nextFree;
   } else {
@@ -120,14 +102,13 @@ std::pair<uint32_t, bool> AdjacencyTable<ViaSet>::take(const ViaSet& vias) {
 }
 
 template <class ViaSet>
-bool AdjacencyTable<ViaSet>::drop(uint64_t index) {
-  if (users(index) == 0) return false;
+void AdjacencyTable<ViaSet>::drop(uint64_t index) {
+  if (users(index) == 0) return;
   Entry& dropped = entry(index);
-  if (--dropped.users != 0) return false;
-  numbers_.erase({.hashOfVias = dropped.vias.hash(), .index = static_cast<Index>(index)});
+  if (--dropped.users != 0) return;
+  numbers_.erase(dropped.vias.hash(), static_cast<Index>(index));
   dropped = {
       .vias = {}, .users = 0, .nextFree = std::exchange(firstFree_, static_cast<Index>(index))};
-  return true;
 }
 
 }  // namespace Rovel
