@@ -248,16 +248,20 @@ void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Han
 template <class Machine>
 void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv::Notifiee& reactor,
                      Kiv::AttributeId id) noexcept {
-  std::string what = "unknown";
   try {
-    if (const auto raised = std::current_exception()) std::rethrow_exception(raised);
-  } catch (const std::exception& exception) {
-    what = exception.what();
+    std::string what = "unknown";
+    try {
+      if (const auto raised = std::current_exception()) std::rethrow_exception(raised);
+    } catch (const std::exception& exception) {
+      what = exception.what();
+    } catch (...) {
+    }
+    KIV_TRACE(facility, 0, sm,
+              "exception in the notification of attribute "
+                  << id << " of " << Kiv::Tracer::objectName(reactor) << ": " << what);
   } catch (...) {
+    // Where traces go has failed, or there is no memory to say so: there is nobody else to tell.
   }
-  KIV_TRACE(facility, 0, sm,
-            "exception in the notification of attribute "
-                << id << " of " << Kiv::Tracer::objectName(reactor) << ": " << what);
 }
 
 }  // namespace HostCore

@@ -33,7 +33,16 @@ bool ActivityConfig::deliver(const PendingNotification& notification) {
 }
 
 void QueueingActivity::enqueue(std::unique_ptr<PendingNotification> notification) {
-  if (waiting_.insert({notification.get()})) queue_.push_back(std::move(notification));
+  // First into the queue: a key whose notification could not be queued would outlive it.
+  queue_.push_back(std::move(notification));
+  bool isNew = false;
+  try {
+    isNew = waiting_.insert({queue_.back().get()});
+  } catch (...) {
+    queue_.pop_back();
+    throw;
+  }
+  if (!isNew) queue_.pop_back();
 }
 
 std::vector<std::unique_ptr<PendingNotification>> QueueingActivity::withdraw(Notifiee& reactor) {
@@ -41,8 +50,8 @@ std::vector<std::unique_ptr<PendingNotification>> QueueingActivity::withdraw(Not
   if (waiting_.empty()) return withdrawn;
   for (auto& notification : queue_) {
     if (notification == nullptr || &notification->reactor() != &reactor) continue;
-    waiting_.erase({notification.get()});
     withdrawn.push_back(std::move(notification));
+    waiting_.erase({withdrawn.back().get()});
   }
   return withdrawn;
 }

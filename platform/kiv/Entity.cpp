@@ -1,5 +1,7 @@
 #include "platform/kiv/Entity.h"
 
+#include <algorithm>
+
 namespace Kiv {
 
 namespace {
@@ -29,14 +31,33 @@ std::string uriSegment(std::string_view name) {
   return segment;
 }
 
+std::vector<const Entity*> Entity::withOwners() const {
+  std::vector<const Entity*> entities;
+  const Entity* at = this;
+  while (at != nullptr && std::ranges::find(entities, at) == entities.end()) {
+    entities.push_back(at);
+    at = at->parent_;
+  }
+  return entities;
+}
+
 std::string Entity::fullName() const {
-  std::string text = parent_ == nullptr ? std::string() : parent_->fullName() + '/';
-  return text += name().view();
+  const auto entities = withOwners();
+  std::string text(entities.back()->name().view());
+  for (auto at = entities.rbegin() + 1; at != entities.rend(); ++at) {
+    text.append("/").append((*at)->name().view());
+  }
+  return text;
 }
 
 std::string Entity::uriPath() const {
-  const std::string self = '/' + uriSegment(name());
-  return parent_ == nullptr ? self : parent_->uriPath() + '/' + uriSegment(parentAttr()) + self;
+  const auto entities = withOwners();
+  std::string path = '/' + uriSegment(entities.back()->name());
+  for (auto at = entities.rbegin() + 1; at != entities.rend(); ++at) {
+    path.append("/").append(uriSegment((*at)->parentAttr()));
+    path.append("/").append(uriSegment((*at)->name()));
+  }
+  return path;
 }
 
 std::string_view Entity::parentAttr() const noexcept {

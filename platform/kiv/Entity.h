@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/kiv/Activity.h"
 #include "platform/kiv/Attribute.h"
@@ -34,6 +35,9 @@ class Entity : public Object {
   std::string uriPath() const;
 
   const Entity* parent() const noexcept { return parent_; }
+  /// This entity, its owner, and so on up to the outermost one. Where owners form a ring, once
+  /// around it.
+  std::vector<const Entity*> withOwners() const;
   /// The name of the owner's attribute that holds this entity; empty without an owner.
   std::string_view parentAttr() const noexcept;
   /// The id of that attribute; 0 without an owner.

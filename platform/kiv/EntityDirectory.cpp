@@ -151,8 +151,7 @@ std::vector<std::string> EntityDirectory::places() {
 }
 
 std::optional<std::string> EntityDirectory::pathOf(const Entity& entity) {
-  std::vector<const Entity*> down;
-  for (const Entity* at = &entity; at != nullptr; at = at->parent()) down.push_back(at);
+  const auto down = entity.withOwners();
   const auto top = std::find_if(mounted().begin(), mounted().end(), [&down](const auto& mount) {
     return mount.second.type().operations().entity(mount.second) == down.back();
   });

@@ -190,10 +190,14 @@ KIV_EXPORT inline constexpr NoHashBlock kNoHashBlock = {
               .isMapped = false,
               .emptiesAnother = false}};
 
-/// Draws a number for HashBlock::generation that no block of this thread has shown before.
-KIV_EXPORT inline uint32_t nextHashGeneration() noexcept {
-  static constinit thread_local uint32_t last = 0;
-  return ++last;
+/// The last number that nextHashGeneration() has given.
+KIV_EXPORT inline constinit thread_local uint32_t lastHashGeneration = 0;
+
+/// Draws a number for HashBlock::generation that no block of this thread has shown before, unless
+/// four billion were drawn since. Zero is the empty map's.
+inline uint32_t nextHashGeneration() noexcept {
+  if (++lastHashGeneration == 0) ++lastHashGeneration;
+  return lastHashGeneration;
 }
 
 }  // namespace Kiv::detail

@@ -494,6 +494,7 @@ class HashMap {
     }
   }
   void moveSome() {
+    block_->generation = detail::nextHashGeneration();
     auto& [old, groups, end] = block_->emptying();
     const uint32_t enough = old->size - std::min(old->size, kElementsMoved);
     for (uint32_t i = 0; i < kGroupsEmptied && old->size > enough; ++i) moveGroup(*old, --groups);

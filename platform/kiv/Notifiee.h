@@ -5,12 +5,12 @@
 #include <utility>
 #include <vector>
 
+#include "platform/kiv/Activity.h"
 #include "platform/kiv/Attribute.h"
 #include "platform/kiv/Ptr.h"
 
 namespace Kiv {
 
-class ActivityConfig;
 class Entity;
 class NotifierList;
 class SnapshotIterator;

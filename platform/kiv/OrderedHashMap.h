@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -25,7 +26,7 @@ class OrderedKeys {
     }
   }
 
-  /// \pre the key is not there
+  /// \pre the key is not there \throws std::bad_alloc, then it is of no use any more
   void insert(const K& key) {
     if (runs_.empty()) {
       firsts_.push_back(key);
@@ -93,7 +94,7 @@ class OrderedHashMap : public HashMap<K, V> {
   template <class... Args>
   std::pair<V*, bool> tryEmplace(const K& key, Args&&... args) {
     const auto result = Base::tryEmplace(key, std::forward<Args>(args)...);
-    if (order_ && result.second) order_->insert(key);
+    if (order_ && result.second) keepInOrder(key);
     return result;
   }
   bool insert(const K& key) { return tryEmplace(key).second; }
@@ -128,6 +129,14 @@ class OrderedHashMap : public HashMap<K, V> {
  private:
   /// So few keys are walked sooner than put in order.
   static constexpr size_t kWalked = 32;
+
+  void keepInOrder(const K& key) noexcept {
+    try {
+      order_->insert(key);
+    } catch (const std::bad_alloc&) {
+      order_ = nullptr;  // it may lack the key; whoever asks next has it worked out again
+    }
+  }
 
   mutable std::unique_ptr<OrderedKeys<K>> order_;
 };

@@ -5,7 +5,6 @@
 #include <new>
 
 #include "platform/kiv/Exception.h"
-#include "platform/kiv/Hash.h"
 
 namespace Kiv {
 

@@ -10,6 +10,9 @@
 #include <string_view>
 #include <utility>
 
+// Draws the seed before any name that is made when the process starts.
+#include "platform/kiv/Hash.h"
+
 namespace Kiv {
 
 /// An immutable byte string whose copies share the bytes.

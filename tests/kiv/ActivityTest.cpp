@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "tests/kiv/Bridge.h"
+#include "tests/kiv/ShortMemory.h"
 
 namespace {
 
@@ -109,6 +110,19 @@ TEST_F(ActivityTest, AReactorTakesAlongWhatWaitsForIt) {
   bridge->vlanNotify(3);
   EXPECT_EQ(take(log), Log{"vlan 3"});
   EXPECT_EQ(next->run(), 0u);
+}
+
+TEST_F(ActivityTest, WhatCannotBeQueuedLeavesNothingBehind) {
+  constexpr uint32_t kVlans = 300;
+  for (uint32_t vlan = 0; vlan < kVlans; ++vlan) {
+    for (size_t allocation : {1U, 2U, 3U, 4U}) {
+      const Sample::ShortMemory memory(allocation);
+      bridge->vlanNotify(vlan);
+    }
+  }
+  EXPECT_EQ(activity->pending(), kVlans);
+  EXPECT_EQ(activity->run(), kVlans);
+  EXPECT_EQ(activity->pending(), 0u);
 }
 
 TEST_F(ActivityTest, ExceptionsAreReportedAndTheRunGoesOn) {

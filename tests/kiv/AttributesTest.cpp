@@ -111,6 +111,12 @@ TEST_F(AttributesTest, OnlyOwnedEntitiesAreHeldAndKnowTheirOwner) {
   EXPECT_EQ(port->fullName(), "br0/eth 1/é");
   EXPECT_EQ(port->uriPath(), "/br0/port/eth%201%2F%C3%A9");
 
+  // No list of names is too long for the stack.
+  bridge->parentIs(port.get(), &Bridge::PortAttribute::kInfo);
+  EXPECT_EQ(port->fullName(), "br0/eth 1/é");
+  EXPECT_EQ(bridge->uriPath(), "/eth%201%2F%C3%A9/port/br0");
+  bridge->parentIs(nullptr, nullptr);
+
   const auto expectNoOwner = [](const Port& former) {
     EXPECT_EQ(former.parent(), nullptr);
     EXPECT_EQ(former.parentAttr(), "");

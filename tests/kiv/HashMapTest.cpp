@@ -235,6 +235,33 @@ TEST(HashMapTest, AnIteratorFindsItsPlaceAgainAfterInsertions) {
   EXPECT_FALSE(++old);
 }
 
+TEST(HashMapTest, AnIteratorFindsItsPlaceAgainWhenRoomWasMade) {
+  HashMap<uint64_t, uint64_t> map;
+  size_t bytes = 0;
+  for (uint64_t n = 0; n < 2000 || map.bytes() <= bytes; ++n) {  // the last one made it grow
+    bytes = map.bytes();
+    map.tryEmplace(n, n);
+  }
+  std::vector<HashMap<uint64_t, uint64_t>::Iterator> walks;
+  for (auto it = map.iterator(); it; ++it) walks.push_back(it);
+  const uint32_t generation = map.generation();
+  bytes = map.bytes();
+  map.reserve(map.size() + 1);
+  ASSERT_LT(map.bytes(), bytes) << "nothing was moved";
+  EXPECT_NE(map.generation(), generation);
+  for (const auto& it : walks) ASSERT_EQ(it.value(), it.key());
+}
+
+// An iterator would take the empty map for the one it was made on.
+TEST(HashMapTest, NoGenerationIsThatOfTheEmptyMap) {
+  detail::lastHashGeneration = UINT32_MAX - 1;
+  HashMap<uint64_t, uint64_t> map;
+  for (uint64_t n = 0; n < 3; ++n) {
+    map.tryEmplace(n, n);
+    EXPECT_NE(map.generation(), (HashMap<uint64_t, uint64_t>().generation()));
+  }
+}
+
 /// Looks into the map that it is going from.
 struct Inquisitive : Object {
   using Map = HashMap<uint64_t, Ptr<Inquisitive>>;

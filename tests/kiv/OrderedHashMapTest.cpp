@@ -6,6 +6,8 @@
 #include <random>
 #include <set>
 
+#include "tests/kiv/ShortMemory.h"
+
 namespace {
 
 using Keys = std::vector<uint32_t>;
@@ -38,6 +40,26 @@ TEST(OrderedHashMapTest, GivesTheKeysOfAnyRangeInOrder) {
   map.clear();
   EXPECT_EQ(map.keysBetween(0, 8'000), Keys());
   EXPECT_EQ(map.keysBetween(1, 0), Keys());
+}
+
+TEST(OrderedHashMapTest, IsInOrderAfterMemoryRanShort) {
+  std::mt19937 random(2);
+  Kiv::OrderedHashMap<uint32_t, Kiv::Present> map;
+  std::set<uint32_t> model;
+  for (int i = 0; i < 20'000; ++i) {
+    const auto key = static_cast<uint32_t>(random() % 8'000);
+    try {
+      const Sample::ShortMemory memory(1 + i % 3);
+      map.insert(key);
+    } catch (const std::bad_alloc&) {
+    }
+    if (map.contains(key)) model.insert(key);
+    ASSERT_EQ(map.keysBetween(key, key + 100), between(model, key, key + 100)) << i;
+    const auto other = static_cast<uint32_t>(random() % 8'000);
+    if (i % 2 == 0) {
+      ASSERT_EQ(map.erase(other), model.erase(other) == 1);
+    }
+  }
 }
 
 TEST(OrderedHashMapTest, ErasesByAReferenceToTheStoredKey) {

@@ -5,6 +5,10 @@
 
 #include "platform/kiv/Hash.h"
 
+namespace Sample {
+const Kiv::Name& staticName();
+}
+
 namespace {
 
 using Kiv::String;
@@ -22,6 +26,11 @@ TEST(StringTest, CopiesShareTheirBytes) {
   String moved = std::move(assigned);
   EXPECT_TRUE(assigned.empty());  // NOLINT(bugprone-use-after-move): that is the question
   EXPECT_EQ(moved, "Ethernet1"sv);
+}
+
+// A VRF's name in a table of the daemon's must be the one of its machine.
+TEST(StringTest, ANameOfAStaticInitialiserEqualsLaterOnes) {
+  EXPECT_EQ(Sample::staticName(), Kiv::Name("red"));
 }
 
 TEST(StringTest, EqualityHashAndOrderAreThoseOfTheText) {

@@ -1,0 +1,35 @@
+#include "tests/kiv/ShortMemory.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+size_t allocationsLeft = 0;  // none: memory does not run out
+
+}  // namespace
+
+namespace Sample {
+
+ShortMemory::ShortMemory(size_t count) {
+  allocationsLeft = count;
+}
+ShortMemory::~ShortMemory() {
+  allocationsLeft = 0;
+}
+
+}  // namespace Sample
+
+void* operator new(size_t bytes) {
+  const bool isLast = allocationsLeft == 1;
+  if (allocationsLeft != 0) --allocationsLeft;
+  void* memory = isLast ? nullptr : std::malloc(bytes);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+  std::free(memory);
+}
