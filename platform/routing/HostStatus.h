@@ -39,8 +39,11 @@ class BasicHostStatus final : public Kiv::NamedEntity {
 
   explicit BasicHostStatus(Kiv::Name name) : NamedEntity(std::move(name)) {}
 
-  /// The route with exactly this prefix, or noRoute(prefix).
+  /// The route with exactly this prefix, or noRoute(prefix). Under the null prefix nothing is
+  /// found.
   Route route(const Prefix& prefix) const {
+    if (isNull(prefix)) [[unlikely]]
+      return Tovan::noRoute<Route>(prefix);
     const Record* record = route_.map().find(prefix);
     return record == nullptr ? Tovan::noRoute<Route>(prefix) : record->withKey(prefix);
   }
@@ -50,8 +53,10 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   void routeIs(const Route& route) { route_.set(*this, route.key, Record(route)); }
   /// Removes a route, announces that and returns it; or noRoute(prefix).
   Route routeDel(const Prefix& prefix) {
-    const Route removed = route(prefix);
-    if (removed.key == prefix) route_.del(*this, prefix);
+    const Record* record = route_.map().find(prefix);
+    if (record == nullptr) return Tovan::noRoute<Route>(prefix);
+    const Route removed = record->withKey(prefix);
+    route_.del(*this, prefix);
     return removed;
   }
   size_t routeCount() const noexcept { return route_.map().size(); }

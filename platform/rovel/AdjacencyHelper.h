@@ -1,8 +1,13 @@
 // The keeper of the adjacencies that host routes refer to.
 #pragma once
 
+#include <cstdint>
+#include <span>
+#include <vector>
+
 #include "platform/routing/HostStatus.h"
 #include "platform/tovan/ForwardingStatus.h"
+#include "platform/tovan/RouteStatus.h"
 
 namespace Rovel {
 
@@ -18,6 +23,7 @@ template <class H, class W>
 class BasicAdjacencyHelper : public Kiv::NamedEntity {
  public:
   using HostTable = H;
+  using RouteTable = Tovan::BasicRouteStatus<typename H::Route>;
   using ViaSet = typename H::ViaSet;
   using FecId = Tovan::Fib::FecId;
   using Ptr = Kiv::Ptr<BasicAdjacencyHelper>;
@@ -46,6 +52,18 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
   virtual void doDropRefOnFibAdjacency(FecId fecId);
 
+  /// Compares the references on adjacencies with the routes that hold them, and what is published
+  /// of FIB adjacencies with what was handed out, and mends both: a host route that was damaged has
+  /// lost its reference. Not to be called while host routes are being written.
+  ///
+  /// \param routeTables  all route tables that have FIB adjacencies of this helper.
+  /// \param hostTables   host-route tables to compare, too; each has adjacencies of its own.
+  /// \returns how many adjacencies were mended.
+  /// \throws Tovan::CorruptionDetectedException when a route table cannot be walked, or
+  ///         Tovan::NoSpaceException; what was mended before stays so.
+  virtual size_t validate(std::span<const typename RouteTable::PtrConst> routeTables,
+                          std::span<const typename HostTable::Ptr> hostTables = {});
+
   /// Begins to fetch what is read when a new FIB adjacency of `vias` is made.
   void prefetchNew(const ViaSet& vias) const {
     fibAdjacencies_.prefetch(vias);
@@ -69,6 +87,24 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
     return fecId == (space_ | index) ? index : 0;
   }
 
+  using Uses = std::vector<uint32_t>;  // how many routes hold each adjacency, by its index
+
+  typename W::Fec fecOf(uint32_t index) const {
+    typename W::Fec fec(space_ | index);
+    for (const auto& member : fibAdjacencies_.viaSet(index)) fec.newVia(member.via);
+    return fec;
+  }
+  /// Publishes a FIB adjacency anew if what is there of it is damaged. Returns whether it was.
+  bool mendPublished(uint32_t index) {
+    if (!fwdStatus_ || fwdStatus_->adjacencyIsSound(space_ | index)) return false;
+    fwdStatus_->adjacencyReplace(fecOf(index));
+    return true;
+  }
+  static void count(Uses& uses, uint64_t index) {
+    if (index < uses.size()) ++uses[index];
+  }
+  static size_t validateHosts(HostTable& table);
+
   typename W::Ptr fwdStatus_;
   FecId space_;  // what the ids of this helper's FIB adjacencies have above the index
   AdjacencyTable<ViaSet> fibAdjacencies_;
@@ -77,18 +113,17 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
 template <class H, class W>
 Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::doGetOrCreateFibAdjacency(const ViaSet& vias) {
   const auto [index, isNew] = fibAdjacencies_.take(vias);
-  const FecId fecId = space_ | index;
-  if (isNew && fwdStatus_) {
-    typename W::Fec fec(fecId);
-    for (const auto& member : vias) fec.newVia(member.via);
-    try {
-      fwdStatus_->adjacencyIs(fec);
-    } catch (...) {
-      fibAdjacencies_.drop(index);
-      throw;
+  try {
+    if (!isNew) {
+      mendPublished(index);
+    } else if (fwdStatus_) {
+      fwdStatus_->adjacencyIs(fecOf(index));
     }
+  } catch (...) {
+    fibAdjacencies_.drop(index);
+    throw;
   }
-  return fecId;
+  return space_ | index;
 }
 
 template <class H, class W>
@@ -98,6 +133,7 @@ Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::takeFibAdjacency(const ViaSet& via
   if (fibAdjacencies_.users(index) == 0 || fibAdjacencies_.viaSet(index) != vias) {
     return doGetOrCreateFibAdjacency(vias);
   }
+  mendPublished(index);
   fibAdjacencies_.share(index);
   return likely;
 }
@@ -108,6 +144,47 @@ void BasicAdjacencyHelper<H, W>::doDropRefOnFibAdjacency(FecId fecId) {
   // A number is free again only when nothing is left under it.
   if (fibAdjacencies_.users(index) == 1 && fwdStatus_) fwdStatus_->adjacencyDel(fecId);
   fibAdjacencies_.drop(index);
+}
+
+template <class H, class W>
+size_t BasicAdjacencyHelper<H, W>::validate(
+    std::span<const typename RouteTable::PtrConst> routeTables,
+    std::span<const typename HostTable::Ptr> hostTables) {
+  Uses uses(size_t{fibAdjacencies_.last()} + 1);
+  for (const auto& table : routeTables) {
+    if (!table) continue;
+    table->map().forEachSound(
+        [&](const auto& item) { count(uses, indexOf(item.value.withKey(item.key).fecId)); },
+        [&](const std::string& damage) { table->corruptionDetected(damage); });
+  }
+  size_t mended = 0;
+  for (uint32_t index = 1; index < uses.size(); ++index) {
+    const uint32_t users = fibAdjacencies_.users(index);
+    if (users == 0) continue;
+    if (uses[index] == 0 && fwdStatus_) fwdStatus_->adjacencyDel(space_ | index);
+    const bool isPublishedAnew = uses[index] != 0 && mendPublished(index);
+    if (users != uses[index]) fibAdjacencies_.usersAre(index, uses[index]);
+    mended += isPublishedAnew || users != uses[index];
+  }
+  for (const auto& table : hostTables) {
+    if (table) mended += validateHosts(*table);
+  }
+  return mended;
+}
+
+template <class H, class W>
+size_t BasicAdjacencyHelper<H, W>::validateHosts(HostTable& table) {
+  auto& adjacencies = table.adjacencies();
+  Uses uses(size_t{adjacencies.last()} + 1);
+  table.forEachRoute([&](const auto& route) { count(uses, route.fecId); });
+  size_t mended = 0;
+  for (uint32_t index = 1; index < uses.size(); ++index) {
+    const uint32_t users = adjacencies.users(index);
+    if (users == 0 || users == uses[index]) continue;
+    adjacencies.usersAre(index, uses[index]);
+    ++mended;
+  }
+  return mended;
 }
 
 using AdjacencyHelper = BasicAdjacencyHelper<Routing::Host::Status, Tovan::Fib::ForwardingStatus>;

@@ -1,6 +1,7 @@
 // Adjacencies: via sets that many routes share.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -52,6 +53,14 @@ class AdjacencyTable {
   size_t size() const noexcept { return numbers_.size(); }
   /// The number that the next new entry gets.
   Index next() const { return firstFree_ != 0 ? firstFree_ : count_ + 1; }
+
+  /// The highest number that an entry ever had.
+  Index last() const noexcept { return count_; }
+  /// Corrects how many users an entry has; one without users goes. \pre there is one of this number
+  void usersAre(uint64_t index, uint32_t users) {
+    entry(index).users = std::max(users, 1U);
+    if (users == 0) drop(index);
+  }
 
   /// Calls `visit` with the set and the number of users of each entry.
   template <class Visit>

@@ -74,9 +74,14 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// A number that no other keeper of FIB adjacencies has or had here; its adjacencies have the ids
   /// from `number << 32` on.
   uint32_t newAdjacencySpace() { return ++adjacencySpaces_; }
-  /// Stores a new FIB adjacency, or removes one, without a word. \pre none has the id of a new one
+  /// Stores a new FIB adjacency, or removes one, without a word. What had to be given up as damaged
+  /// on the way is announced with the next change of a FEC. \pre none has the id of a new one
   void adjacencyIs(const Fec& adjacency) { fecs_.add(adjacency.id(), newRecord(adjacency)); }
   void adjacencyDel(const FecId& id) { remove(id); }
+  /// Whether a FIB adjacency can be read.
+  bool adjacencyIsSound(const FecId& id) const;
+  /// Stores a FIB adjacency in place of what is there of it, damaged or not.
+  void adjacencyReplace(const Fec& adjacency) { store(adjacency); }
 
   /// Told of damage met on a look-up or walk.
   void corruptionDetected(const std::string& message) const { fecs_.corruptionDetected(message); }
@@ -108,6 +113,8 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   bool holds(const Fec& fec) const;
   std::optional<Record> former(const FecId& id) const;
   Record newRecord(const Fec& fec);
+  void store(const Fec& fec);
+  std::optional<Dropped<FecId>> takeDropped();
   bool remove(const FecId& id);
   void removeVias(const FecId& id, const Record& record);
   void clearUp();
@@ -141,8 +148,10 @@ void BasicForwardingStatus<A>::clearUp() {
   for (const auto& item : fecs_) {
     adjacencySpaces_ = std::max(adjacencySpaces_, static_cast<uint32_t>(item.key >> 32));
     changes_ = std::max(changes_, item.value.change);
+    intfs_.passOver(item.value.first.intf);
   }
-  for (const ViaKey& key : moreVias_.keys()) {
+  for (const auto& [key, via] : moreVias_) {
+    intfs_.passOver(via.intf);
     const auto record = fecs_.get(key.fec);
     if (!record || record->change != key.change || key.index >= record->viaCount) {
       moreVias_.erase(key);
@@ -198,16 +207,51 @@ template <class A>
 void BasicForwardingStatus<A>::fecIs(const Fec& fec) {
   KIV_REQUIRE(fec.id() != Fib::invalidFecId && fec.id() < kFirstAdjacency,
               "FecId::value == 0 or >= 2^32 not allowed");
-  if (this->hasNotifiees() && holds(fec)) return;
-  const auto replaced = former(fec.id());
-  fecs_.set(fec.id(), newRecord(fec));
-  if (replaced) removeVias(fec.id(), *replaced);
-  this->template notify<FecAttribute>(fec.id());
+  if (this->hasNotifiees() && !fecs_.isReadOnly() && holds(fec)) return;
+  store(fec);
+  announce<FecAttribute>(*this, fec.id(), takeDropped());
 }
 
 template <class A>
 void BasicForwardingStatus<A>::fecDel(const FecId& id) {
-  if (remove(id)) this->template notify<FecAttribute>(id);
+  const bool removed = remove(id);
+  const auto dropped = takeDropped();
+  if (removed || dropped) announce<FecAttribute>(*this, id, dropped);
+}
+
+/// The FECs of which something was given up as damaged. FIB adjacencies are left out.
+template <class A>
+auto BasicForwardingStatus<A>::takeDropped() -> std::optional<Dropped<FecId>> {
+  auto records = fecs_.takeDropped();
+  auto vias = moreVias_.takeDropped();
+  if (!records && !vias) [[likely]]
+    return std::nullopt;
+  Dropped<FecId> dropped;
+  if (records) dropped = std::move(*records);
+  if (vias) {
+    dropped.isComplete &= vias->isComplete;
+    for (const ViaKey& key : vias->keys) dropped.keys.push_back(key.fec);
+  }
+  std::erase_if(dropped.keys, [](FecId id) { return id >= kFirstAdjacency; });
+  return dropped;
+}
+
+template <class A>
+void BasicForwardingStatus<A>::store(const Fec& fec) {
+  const auto replaced = former(fec.id());
+  fecs_.set(fec.id(), newRecord(fec));
+  if (replaced) removeVias(fec.id(), *replaced);
+}
+
+template <class A>
+bool BasicForwardingStatus<A>::adjacencyIsSound(const FecId& id) const {
+  try {
+    const auto record = fecs_.get(id);
+    Fec fec(id);
+    return record && (record->viaCount <= 1 || readVias(*record, fec));
+  } catch (const CorruptionDetectedException&) {
+    return false;
+  }
 }
 
 /// The record of a FEC, whose further vias are stored already.

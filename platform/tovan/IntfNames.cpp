@@ -5,10 +5,12 @@
 
 namespace Tovan {
 
-IntfNames::IntfNames(const TableConfig& config) : names_(config), intfs_(1) {
-  // What a former writer published keeps its number.
-  if (!names_.isReadOnly()) {
-    for (uint32_t number = 1; number <= names_.size(); ++number) fetch(number);
+IntfNames::IntfNames(const TableConfig& config) : names_(config) {
+  if (names_.isReadOnly()) return;
+  // What a former writer published keeps its number. There may be holes, where a name was damaged.
+  for (const auto& [number, text] : names_) {
+    learn(number, read(text));
+    passOver(number);
   }
 }
 
@@ -21,23 +23,33 @@ uint32_t IntfNames::numberOf(Zemit::IntfId intf) {
   KIV_REQUIRE(name.size() <= kMaxBytes, "IntfName::bytes > 127 not allowed");
   Text text{};
   std::copy(name.begin(), name.end(), text.bytes.begin());
-  const auto number = static_cast<uint32_t>(intfs_.size());
+  const uint32_t number = next_;
   names_.set(number, text);
   learn(number, intf);
+  passOver(number);
   return number;
+}
+
+void IntfNames::passOver(uint32_t number) {
+  next_ = std::max(next_, number + 1);
 }
 
 Zemit::IntfId IntfNames::fetch(uint32_t number) const {
   const auto text = names_.get(number);
   if (!text) return {};
-  const size_t size = ::strnlen(text->bytes.data(), kMaxBytes);
-  const auto intf = Zemit::IntfId::of(std::string_view(text->bytes.data(), size));
-  if (number == intfs_.size()) learn(number, intf);
+  const auto intf = read(*text);
+  learn(number, intf);
   return intf;
 }
 
+Zemit::IntfId IntfNames::read(const Text& text) {
+  const size_t size = ::strnlen(text.bytes.data(), kMaxBytes);
+  return Zemit::IntfId::of(std::string_view(text.bytes.data(), size));
+}
+
 void IntfNames::learn(uint32_t number, Zemit::IntfId intf) const {
-  intfs_.push_back(intf);
+  if (intfs_.size() <= number) intfs_.resize(size_t{number} + 1);
+  intfs_[number] = intf;
   if (numbers_.size() <= intf.value()) numbers_.resize(intf.value() + 1);
   numbers_[intf.value()] = number;
 }

@@ -25,8 +25,11 @@ class IntfNames {
   /// The interface with this number, or none.
   /// \throws CorruptionDetectedException.
   Zemit::IntfId intfOf(uint32_t number) const {
-    return number < intfs_.size() ? intfs_[number] : fetch(number);
+    const auto known = number < intfs_.size() ? intfs_[number] : Zemit::IntfId();
+    return number == 0 || known != Zemit::IntfId() ? known : fetch(number);
   }
+  /// A number that is referred to: no interface gets it any more, also when its name is lost.
+  void passOver(uint32_t number);
 
   void cleanup() { names_.cleanup(); }
 
@@ -36,10 +39,12 @@ class IntfNames {
   };
 
   Zemit::IntfId fetch(uint32_t number) const;
+  static Zemit::IntfId read(const Text& text);
   void learn(uint32_t number, Zemit::IntfId intf) const;
 
   TovanMap<uint32_t, Text> names_;
-  mutable std::vector<Zemit::IntfId> intfs_;  // by number
+  uint32_t next_ = 1;                         // never one that was given before
+  mutable std::vector<Zemit::IntfId> intfs_;  // by number; none is unknown
   mutable std::vector<uint32_t> numbers_;     // by the value of the interface's id; 0 is unknown
 };
 

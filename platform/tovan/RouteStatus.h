@@ -42,29 +42,33 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
       : NamedEntity(Kiv::Name(name)),
         map_({.access = access, .name = name + kSuffix, .layout = kLayout}) {}
 
-  /// The route with exactly this prefix, or noRoute(prefix).
-  /// \throws CorruptionDetectedException.
+  /// The route with exactly this prefix, or noRoute(prefix). Under the null prefix nothing is
+  /// found. \throws CorruptionDetectedException.
   Route route(const Prefix& prefix) const {
+    if (isNull(prefix)) [[unlikely]]
+      return noRoute<Route>(prefix);
     const auto record = map_.get(prefix);
     return record ? record->withKey(prefix) : noRoute<Route>(prefix);
   }
   /// Begins to fetch what route() is going to read.
   void prefetch(const Prefix& prefix) const { map_.prefetch(prefix); }
-  /// Stores a route under its key, and announces it if it is new or differs.
+  /// Stores a route under its key, and announces it if it is new or differs; with it, whatever the
+  /// table had to give up as damaged on the way.
   /// \throws NoSpaceException, ReadOnlyException.
   void routeIs(const Route& route) {
     const Record record(route);
-    if (this->hasNotifiees() && holds(route.key, record)) return;
+    if (this->hasNotifiees() && !map_.isReadOnly() && holds(route.key, record)) return;
     map_.set(route.key, record);
-    this->template notify<RouteAttribute>(route.key);
+    announce<RouteAttribute>(*this, route.key, takeDropped());
   }
-  /// Removes a route, announces that and returns it; or noRoute(prefix).
+  /// Removes a route, announces that and returns it; or noRoute(prefix). One that is damaged is
+  /// removed and announced like any other, but what it was is not known.
   /// \throws ReadOnlyException.
   Route routeDel(const Prefix& prefix) {
     const auto removed = map_.erase(prefix);
-    if (!removed) return noRoute<Route>(prefix);
-    this->template notify<RouteAttribute>(prefix);
-    return removed->withKey(prefix);
+    const auto dropped = takeDropped();
+    if (removed || dropped) announce<RouteAttribute>(*this, prefix, dropped);
+    return removed ? removed->withKey(prefix) : noRoute<Route>(prefix);
   }
   size_t routeCount() const { return map_.size(); }
   /// Calls `visit` with each route, in no order. The body may write to the table.
@@ -102,6 +106,18 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     } catch (const CorruptionDetectedException&) {
       return false;
     }
+  }
+
+  /// What the table gave up. A key that is no prefix was damaged, too.
+  std::optional<Dropped<Prefix>> takeDropped() {
+    auto dropped = map_.takeDropped();
+    if (!dropped) [[likely]]
+      return dropped;
+    const auto isDamaged = [](const Prefix& key) {
+      return key.len() > Prefix::kMaxLen || Prefix::enclosing(key.addr(), key.len()) != key;
+    };
+    if (std::erase_if(dropped->keys, isDamaged) != 0) dropped->isComplete = false;
+    return dropped;
   }
 
   static constexpr bool kIsIpv4 = Prefix::kMaxLen == 32;

@@ -1,6 +1,7 @@
 // What all shared-memory tables have, whatever their entries: header, refusals, reports.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -40,11 +41,11 @@ class Table {
 
   const std::string& name() const { return name_; }
   bool isReadOnly() const { return readOnly_; }
-  /// How many entries there are.
-  size_t size() const { return header().size.load(std::memory_order_relaxed); }
   /// The memory that the table takes, in bytes, used or kept for entries to come.
   size_t bytes() const {
-    return memory_.bytes() - shape_.pagesAt + shape_.topBytes + (sizeof(uint64_t) << depth());
+    const size_t most = shape_.pagesAt - shape_.topBytes;
+    const size_t directory = depth() < 32 ? sizeof(uint64_t) << depth() : most;
+    return memory_.bytes() - shape_.pagesAt + shape_.topBytes + std::min(directory, most);
   }
 
   /// Told of every inconsistency: by those who caught a CorruptionDetectedException, and by the

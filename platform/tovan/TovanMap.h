@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/kiv/Prefetch.h"
+#include "platform/tovan/Dropped.h"
 #include "platform/tovan/Table.h"
 
 namespace Tovan {
@@ -72,6 +73,9 @@ class TovanMap : public Table {
   /// \throws ReadOnlyException.
   std::optional<Value> erase(const Key& key);
 
+  /// How many entries there are. A reader whose table cannot have as many as it says counts them.
+  size_t size() const;
+
   /// Removes all entries; the memory is kept. \throws ReadOnlyException.
   void clear() {
     requireWritable("remove to read-only Tovan table");
@@ -98,6 +102,10 @@ class TovanMap : public Table {
     requireWritable("validate to read-only Tovan table");
     return repair();
   }
+  /// What was given up as damaged since this was last called, if anything.
+  std::optional<Dropped<Key>> takeDropped() {
+    return dropped_ ? std::exchange(dropped_, std::nullopt) : std::nullopt;
+  }
 
   /// Removes all entries, and the table's name: it is gone once the last process lets go of it.
   /// \throws ReadOnlyException.
@@ -121,10 +129,12 @@ class TovanMap : public Table {
   static constexpr uint32_t kGone = 4;  ///< held an entry: a search goes on behind it
   static constexpr uint32_t kState = kBusy | kLive | kGone;
   static constexpr uint32_t kChange = 8;
+  // Stands in place of the checksum of an entry that is gone, lest a flipped bit brings it back.
+  static constexpr uint32_t kSpoilt = 2;
 
   struct Slot {
     std::atomic<uint32_t> sequence;
-    std::atomic<uint32_t> checksum;  ///< of the entry, never zero; zero in a free slot
+    std::atomic<uint32_t> checksum;  ///< of the entry, an odd number; zero in a free slot
     std::array<std::atomic<Word>, kKeyWords + kValueWords> words;
 
     uint32_t state() const { return sequence.load(std::memory_order_relaxed) & kState; }
@@ -132,6 +142,11 @@ class TovanMap : public Table {
     void setState(uint32_t state) {
       sequence.store((sequence.load(std::memory_order_relaxed) & ~kState) + kChange + state,
                      std::memory_order_release);
+    }
+    /// Takes the entry out. A reader that finds the checksum spoilt finds the state changed, too.
+    void retire() {
+      setState(kGone);
+      checksum.store(kSpoilt, std::memory_order_release);
     }
   };
 
@@ -279,7 +294,7 @@ class TovanMap : public Table {
   void insert(uint64_t hash, const Words& words);
   bool place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words, uint32_t checksum);
   void makeRoom(uint32_t number);
-  void rewrite(uint32_t number, bool split);
+  bool rewrite(uint32_t number, bool split);
   void deepen();
   void provideDirectory(uint32_t depth);
   void reservePages(size_t count);
@@ -290,8 +305,11 @@ class TovanMap : public Table {
   void removeAll();
 
   size_t repair();
-  void settle(Slot& slot);
+  void settle(const Page& in, Slot& slot);
+  void giveUp(const Page& in, const Slot& slot);
+  static bool leadsTo(const Page& in, const Slot& slot, uint64_t hash);
   bool isInOrder(Page& what) const;
+  void recount();
 
   Kiv::HashSeed seed_;
   // The writer's own: nothing that it relies on can be changed from outside.
@@ -300,6 +318,7 @@ class TovanMap : public Table {
   uint64_t size_ = 0;
   uint64_t changes_ = 1;
   std::stack<uint32_t> freePages_;
+  std::optional<Dropped<Key>> dropped_;
   /// The last key that was found to be absent, and as of which change.
   mutable struct {
     Words key;
@@ -351,7 +370,24 @@ class TovanMap<Key, Value>::Iterator {
 template <class Key, class Value>
 TovanMap<Key, Value>::TovanMap(const TableConfig& config)
     : Table(config, kShape), seed_(header().identity.seed) {
-  if (!isReadOnly()) repair();
+  if (isReadOnly()) return;
+  repair();
+  dropped_.reset();  // nobody has known of it
+}
+
+template <class Key, class Value>
+size_t TovanMap<Key, Value>::size() const {
+  if (!isReadOnly()) return size_;
+  const uint64_t said = header().size.load(std::memory_order_relaxed);
+  const uint64_t lastPage = said / kSlots;
+  if (lastPage < kNone && isBacked(static_cast<uint32_t>(lastPage))) return said;
+  size_t counted = 0;
+  try {
+    forEachSound([&counted](const Item&) { ++counted; }, [](const std::string&) {});
+  } catch (const CorruptionDetectedException&) {
+    // What can be read is counted.
+  }
+  return counted;
 }
 
 // Reading.
@@ -407,8 +443,16 @@ template <class Key, class Value>
 bool TovanMap<Key, Value>::read(const Slot& from, Words& words) const {
   for (Patience patience(memory());;) {
     const uint32_t sequence = from.sequence.load(std::memory_order_acquire);
-    if ((sequence & kLive) == 0) return false;
-    if ((sequence & kBusy) == 0) {
+    const uint32_t state = sequence & kState;
+    if (state == 0 && from.checksum.load(std::memory_order_acquire) != 0 &&
+        from.sequence.load(std::memory_order_relaxed) == sequence) {
+      raise("slot at byte", offsetOf(from), "has an entry and is said to be free");
+    }
+    if (state > kGone) {
+      raise("slot at byte", offsetOf(from), "is in no state that there is");
+    }
+    if ((state & kLive) == 0) return false;
+    if ((state & kBusy) == 0) {
       load(from, words);
       const uint32_t checksum = from.checksum.load(std::memory_order_relaxed);
       std::atomic_thread_fence(std::memory_order_acquire);
@@ -457,16 +501,10 @@ const char* TovanMap<Key, Value>::missFault(PageRef ref, uint64_t hash) const {
   Page& in = page(ref.number());
   for (uint32_t i = 0, at = home(hash); i < kSlots; ++i, at = after(at)) {
     const Slot& slot = in.slots[at];
-    const uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
+    const bool isFree = (slot.sequence.load(std::memory_order_acquire) & kState) == 0;
     Words words;
-    if ((sequence & kState) != 0) {
-      read(slot, words);
-    } else if (slot.checksum.load(std::memory_order_acquire) == 0 ||
-               slot.sequence.load(std::memory_order_relaxed) != sequence) {
-      return nullptr;
-    } else {
-      return "has an entry in a free slot";
-    }
+    read(slot, words);
+    if (isFree) return nullptr;
   }
   return nullptr;
 }
@@ -522,7 +560,11 @@ typename TovanMap<Key, Value>::Slot* TovanMap<Key, Value>::find(uint64_t hash,
                                                                 const Words& key) const {
   const PageRef ref = refOf(hash);
   Slot* slot = search(page(ref.number()), hash, key);
-  if (slot == nullptr) verifyAbsence(ref, hash, key);
+  if (slot == nullptr) {
+    verifyAbsence(ref, hash, key);
+  } else if (slot->state() != kLive || slot->checksum.load(std::memory_order_relaxed) % 2 == 0) {
+    raise("slot at byte", offsetOf(*slot), "is not as it was left");
+  }
   return slot;
 }
 
@@ -736,7 +778,7 @@ std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
     return found;
   });
   if (slot == nullptr) return std::nullopt;
-  slot->setState(kGone);
+  slot->retire();
   header().size.store(--size_, std::memory_order_relaxed);
   ++changes_;
   return valueOf(words);
@@ -807,18 +849,20 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::makeRoom(uint32_t number) {
   const auto& slots = page(number).slots;
   const auto live = std::ranges::count_if(slots, [](const Slot& slot) { return slot.isLive(); });
-  rewrite(number, live > kSlots / 2);
+  if (!rewrite(number, live > kSlots / 2)) recount();
 }
 
-/// Replaces a page by a fresh one or, with `split`, by one for each half of its entries.
+/// Replaces a page by a fresh one or, with `split`, by one for each half of its entries. Returns
+/// false when it had to give up entries.
 template <class Key, class Value>
-void TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
+bool TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
   const Page& from = page(number);
   const uint32_t fromDepth = from.depth.load(std::memory_order_relaxed);
   const uint32_t depth = fromDepth + split;
   // What may fail for lack of memory comes first.
   reservePages(2);
   if (depth > depth_) deepen();
+  bool isWhole = true;
   for (uint32_t half = 0; half <= split; ++half) {
     const uint32_t pattern = from.pattern.load(std::memory_order_relaxed) | half << fromDepth;
     // A writer may have been killed when it had made the first half.
@@ -827,13 +871,15 @@ void TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
     }
     const uint32_t to = makePage(pattern, depth);
     for (const Slot& slot : from.slots) {
-      if (!slot.isLive()) continue;
+      const uint32_t stands = slot.checksum.load(std::memory_order_relaxed);
+      if (!slot.isLive() && (slot.state() != 0 || stands == 0)) continue;
       Words words;
       load(slot, words);
       const uint64_t hash = hashOf(words);
       const uint32_t checksum = checksumOf(hash, words);
-      if (slot.checksum.load(std::memory_order_relaxed) != checksum) {
-        corruptionDetected(describe("slot at byte", offsetOf(slot), "is damaged"));
+      if (stands != checksum) {
+        if (half == uint32_t{split}) giveUp(from, slot);
+        isWhole = false;
       } else if (low(hash, depth) == pattern && search(page(to), hash, words) == nullptr) {
         place(page(to), kSlots, hash, words, checksum);
       }
@@ -841,6 +887,7 @@ void TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
     publish(to);
   }
   freePage(number);
+  return isWhole;
 }
 
 /// Doubles the directory: each page is found through twice as many entries.
@@ -929,14 +976,15 @@ void TovanMap<Key, Value>::removeAll() {
 
 // Repair.
 
-/// Ends what a killed writer began in a slot, and gives up an entry that is damaged.
+/// Ends what a killed writer began in a slot of a page, and gives up an entry that is damaged.
 template <class Key, class Value>
-void TovanMap<Key, Value>::settle(Slot& slot) {
+void TovanMap<Key, Value>::settle(const Page& in, Slot& slot) {
   const uint32_t state = slot.state();
   const uint32_t checksum = slot.checksum.load(std::memory_order_relaxed);
-  if (state == kGone || (state == 0 && checksum == 0)) return;
-  if (state == kBusy) {  // an insertion that was not completed
-    slot.setState(kGone);
+  if (state == 0 && checksum == 0) return;
+  if (state == kGone || state == kBusy) {
+    // Of a removal or an insertion that was not completed, nothing is to be left.
+    if (state != kGone || checksum != kSpoilt) slot.retire();
     return;
   }
   const auto& journal = top().journal;
@@ -944,12 +992,44 @@ void TovanMap<Key, Value>::settle(Slot& slot) {
   Words words = journal.words;
   if (!inJournal) load(slot, words);
   const uint64_t hash = hashOf(words);
-  if ((inJournal ? journal.checksum : checksum) == checksumOf(hash, words) && state != 0) {
-    if (state != kLive) replace(slot, hash, words);
-    return;
+  if ((inJournal ? journal.checksum : checksum) != checksumOf(hash, words)) {
+    giveUp(in, slot);
+    slot.retire();
+  } else if (state != kLive) {
+    replace(slot, hash, words);
+    if (state == (kBusy | kLive)) return;
+    corruptionDetected(describe("slot at byte", offsetOf(slot), "was not marked as one in use"));
   }
-  slot.setState(kGone);
+}
+
+/// Reports a damaged slot, and remembers the entry that goes with it.
+template <class Key, class Value>
+void TovanMap<Key, Value>::giveUp(const Page& in, const Slot& slot) {
   corruptionDetected(describe("slot at byte", offsetOf(slot), "is damaged"));
+  const uint32_t checksum = slot.checksum.load(std::memory_order_relaxed);
+  if (checksum == 0 || checksum == kSpoilt) return;  // there was no entry
+  if (!dropped_) dropped_.emplace();
+  Words words;
+  load(slot, words);
+  if (leadsTo(in, slot, hashOf(words))) {
+    dropped_->keys.push_back(keyOf(words));
+  } else {
+    dropped_->isComplete = false;
+  }
+}
+
+/// Whether a search for `hash` comes by this slot of a page: else the key that stands there is not
+/// the one that was stored.
+template <class Key, class Value>
+bool TovanMap<Key, Value>::leadsTo(const Page& in, const Slot& slot, uint64_t hash) {
+  const uint32_t depth = in.depth.load(std::memory_order_relaxed);
+  if (depth > kMaxDepth || low(hash, depth) != in.pattern.load(std::memory_order_relaxed)) {
+    return false;
+  }
+  for (uint32_t at = home(hash); &in.slots[at] != &slot; at = after(at)) {
+    if (in.slots[at].state() == 0) return false;
+  }
+  return true;
 }
 
 /// Whether all entries of a page are found where the search for them leads.
@@ -961,6 +1041,21 @@ bool TovanMap<Key, Value>::isInOrder(Page& what) const {
     load(slot, words);
     return search(what, hashOf(words), words) == &slot;
   });
+}
+
+/// Derives the counts from what stands in the pages.
+template <class Key, class Value>
+void TovanMap<Key, Value>::recount() {
+  size_ = 0;
+  for (uint32_t number = 0; number < pages(); ++number) {
+    uint32_t used = 0;
+    for (const Slot& slot : page(number).slots) {
+      size_ += slot.isLive();
+      used += slot.state() != 0;
+    }
+    page(number).used.store(used, std::memory_order_relaxed);
+  }
+  header().size.store(size_, std::memory_order_relaxed);
 }
 
 /// Settles every slot, then derives the directory and all counts from what stands in the pages.
@@ -982,7 +1077,7 @@ size_t TovanMap<Key, Value>::repair() {
       freePage(number);
       continue;
     }
-    for (Slot& slot : found.slots) settle(slot);
+    for (Slot& slot : found.slots) settle(found, slot);
     const uint32_t depth = found.depth.load(std::memory_order_relaxed);
     if (isSealed(found) && depth <= kMaxDepth) {
       kept.push_back(number);
@@ -1030,16 +1125,7 @@ size_t TovanMap<Key, Value>::repair() {
     }
     freePage(number);
   }
-  size_ = 0;
-  for (uint32_t number = 0; number < pages(); ++number) {
-    uint32_t used = 0;
-    for (const Slot& slot : page(number).slots) {
-      size_ += slot.isLive();
-      used += slot.state() != 0;
-    }
-    page(number).used.store(used, std::memory_order_relaxed);
-  }
-  header().size.store(size_, std::memory_order_relaxed);
+  recount();
   state.store((repairs + 1) << 8 | depth_, std::memory_order_release);
   return corruptions() - before;
 }

@@ -3,6 +3,7 @@
 #include <random>
 #include <set>
 
+#include "tests/tovan/Damage.h"
 #include "tests/tovan/SharedTable.h"
 
 namespace Tovan {
@@ -139,6 +140,101 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
   }
   EXPECT_GT(reported, 0u);
   EXPECT_GT(repaired, 0u);
+}
+
+class FlippedBitTest : public TovanMapDamageTest {
+ protected:
+  static constexpr uint64_t kEntries = 100;
+  /// A key that looks like nothing else in the memory.
+  static constexpr uint64_t key(uint64_t n) { return 0x5eed'0000'0000'0000 + n; }
+
+  /// Flips bits of the states of a key's slots; the same again puts them back.
+  void flip(uint64_t n, int bits) { ASSERT_GE(Tovan::damage(name, key(n), kState, bits), 1U) << n; }
+  /// The numbers that a walk meets, and whether it was told of damage.
+  static std::pair<std::set<uint64_t>, bool> walk(const Map& table) {
+    std::set<uint64_t> met;
+    bool damaged = false;
+    table.forEachSound([&](const Map::Item& item) { met.insert(item.key - key(0)); },
+                       [&](const std::string&) { damaged = true; });
+    return {met, damaged};
+  }
+};
+
+TEST_F(FlippedBitTest, BringsNoDeletedEntryBack) {
+  for (int bits = 1; bits < 8; ++bits) {
+    const auto expectGone = [&](const Map& table) {
+      for (uint64_t n = 1; n < kEntries; n += 2) {
+        try {
+          EXPECT_FALSE(table.get(key(n))) << n << " by bits " << bits;
+        } catch (const CorruptionDetectedException&) {
+        }
+      }
+      for (const uint64_t met : walk(table).first) EXPECT_EQ(met % 2, 0U) << "bits " << bits;
+    };
+    {
+      Map table = writer();
+      for (uint64_t n = 0; n < kEntries; ++n) table.set(key(n), Repeated(n));
+      for (uint64_t n = 1; n < kEntries; n += 2) table.erase(key(n));
+      for (uint64_t n = 1; n < kEntries; n += 2) flip(n, bits);
+      expectGone(table);
+      // The living writer goes on, and counts what is there.
+      for (uint64_t n = 1; n < kEntries; n += 2) table.set(key(n), Repeated(n));
+      EXPECT_EQ(table.size(), kEntries) << "bits " << bits;
+      for (uint64_t n = 1; n < kEntries; n += 2) table.erase(key(n));
+    }
+    for (uint64_t n = 1; n < kEntries; n += 2) flip(n, bits);
+    expectGone(reader());
+    Map next = writer();
+    EXPECT_EQ(next.size(), kEntries / 2) << "bits " << bits;
+    expectGone(next);
+    next.cleanup();
+  }
+}
+
+TEST_F(FlippedBitTest, HidesNoEntryWithoutAWord) {
+  for (const int bits : {1, 2, 4}) {
+    {
+      Map table = writer();
+      for (uint64_t n = 0; n < kEntries; ++n) table.set(key(n), Repeated(n));
+    }
+    for (uint64_t n = 0; n < kEntries; n += 10) {
+      flip(n, bits);
+      const auto [met, damaged] = walk(reader());
+      EXPECT_TRUE(damaged || met.contains(n)) << n << " by bits " << bits;
+      EXPECT_GE(met.size(), kEntries - 1);
+      flip(n, bits);
+    }
+    // The writer copies some of the pages, and repairs the others; an entry that is whole stays.
+    Map table = writer();
+    for (uint64_t n = 0; n < kEntries; n += 10) flip(n, bits);
+    for (uint64_t n = 0; n < kEntries; ++n) table.add(n, Repeated(n));
+    table.validate();
+    for (uint64_t n = 0; n < kEntries; n += 10) {
+      const auto value = table.get(key(n));
+      EXPECT_TRUE(value && value->word() == n) << n << " by bits " << bits;
+    }
+    EXPECT_EQ(table.size(), walk(table).first.size());
+    table.cleanup();
+  }
+}
+
+// The count is written past any checksum: nobody may reserve memory by it.
+TEST_F(FlippedBitTest, MakesNoCountTooLarge) {
+  Map table = writer();
+  for (uint64_t n = 0; n < kEntries; ++n) table.set(key(n), Repeated(n));
+  const Map other = reader();
+  for (const uint64_t count : {~uint64_t{0}, uint64_t{1} << 60, uint64_t{1} << 20}) {
+    const int fd = file();
+    const auto at = static_cast<off_t>(offsetof(TableHeader, size));
+    ASSERT_EQ(::pwrite(fd, &count, sizeof(count), at), 8);
+    ::close(fd);
+    for (const Map* map : {static_cast<const Map*>(&table), &other}) {
+      EXPECT_EQ(map->size(), kEntries);
+      EXPECT_EQ(map->keys().size(), kEntries);
+    }
+  }
+  table.erase(key(0));
+  EXPECT_EQ(other.size(), kEntries - 1) << "the next change puts it right";
 }
 
 // A writer that found a damaged entry goes on to write it anew, as if it had not been there.

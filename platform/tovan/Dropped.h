@@ -1,0 +1,35 @@
+// What a table had to give up, and the announcement of it.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "platform/kiv/Ptr.h"
+
+namespace Tovan {
+
+/// The entries that a table gave up because they were damaged.
+template <class Key>
+struct Dropped {
+  std::vector<Key> keys;
+  /// False when there are others, of which not even the keys could be read.
+  bool isComplete = true;
+};
+
+/// Announces a change of `key` in `owner`, and then what its table had to give up meanwhile: each
+/// key, and the whole collection when not all the keys are known.
+template <class Attribute, class Owner, class Key>
+void announce(const Owner& owner, const Key& key, const std::optional<Dropped<Key>>& dropped) {
+  if (!dropped) [[likely]] {
+    owner.template notify<Attribute>(key);
+    return;
+  }
+  const Kiv::Ptr<const Owner> alive(&owner);  // a callback may drop the last handle
+  owner.template notify<Attribute>(key);
+  for (const Key& gone : dropped->keys) {
+    if (gone != key) owner.template notify<Attribute>(gone);
+  }
+  if (!dropped->isComplete) owner.template notify<Attribute>();
+}
+
+}  // namespace Tovan

@@ -1,0 +1,237 @@
+// The tables of routes and FECs in shared memory: what is announced, refused and put right.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <set>
+
+#include "platform/rovel/AdjacencyHelper.h"
+#include "tests/tovan/Damage.h"
+
+namespace {
+
+using Tovan::Access;
+
+struct Ipv4 {
+  using Addr = Zemit::IpAddr;
+  using Prefix = Zemit::Prefix;
+  using RouteStatus = Tovan::Fib::RouteStatus;
+  using ForwardingStatus = Tovan::Fib::ForwardingStatus;
+  using HostStatus = Routing::Host::Status;
+  using AdjacencyHelper = Rovel::AdjacencyHelper;
+  static constexpr const char* kNumber = "4";
+  static Addr addr(uint32_t n) { return Addr(0x0A000000 + n); }
+};
+struct Ipv6 {
+  using Addr = Zemit::Ip6Addr;
+  using Prefix = Zemit::Ip6Prefix;
+  using RouteStatus = Tovan::Fib6::RouteStatus;
+  using ForwardingStatus = Tovan::Fib6::ForwardingStatus;
+  using HostStatus = Routing6::Host::Status;
+  using AdjacencyHelper = Rovel::Adjacency6Helper;
+  static constexpr const char* kNumber = "6";
+  static Addr addr(uint32_t n) { return {0x20010DB800000000, n}; }
+};
+
+template <class F>
+class FibTablesTest : public testing::Test {
+ protected:
+  using Prefix = typename F::Prefix;
+  using RouteStatus = typename F::RouteStatus;
+  using Route = typename RouteStatus::Route;
+  using ForwardingStatus = typename F::ForwardingStatus;
+  using Fec = typename ForwardingStatus::Fec;
+  using FecId = Tovan::Fib::FecId;
+
+  ~FibTablesTest() override { Tovan::removeTablesOf(name); }
+
+  static Prefix host(uint32_t n) { return Prefix::host(F::addr(n)); }
+  static Route route(uint32_t n, FecId fecId = 7) {
+    return {.key = host(n), .metricPref = {}, .routeType = {}, .fecId = fecId};
+  }
+  static Fec fec(FecId id, const std::string& intf) {
+    return Fec(id, {{.hop = {}, .intf = Zemit::IntfId::of(std::string_view(intf))}});
+  }
+  template <class Table>
+  typename Table::Ptr open(Access access) const {
+    return Kiv::make<Table>(name, access);
+  }
+  template <class Key>
+  size_t damage(const std::string& kind, const Key& key,
+                ptrdiff_t offset = Tovan::kValue<Key>) const {
+    return Tovan::damage(name + "." + kind + F::kNumber, key, offset);
+  }
+  /// Damages what is stored of a FEC.
+  size_t damageFec(FecId id) const { return damage("fec", id, Tovan::kValue<FecId> + 8); }
+
+  struct RouteWatcher final : RouteStatus::NotifieeConst {
+    void onRoute(const Prefix& prefix) override { told.insert(prefix); }
+    void onRoutekivImmediate() override { ++toldOfAll; }
+    std::set<Prefix> told;
+    size_t toldOfAll = 0;
+  };
+  struct FecWatcher final : ForwardingStatus::NotifieeConst {
+    void onFec(const FecId& id) override { told.insert(id); }
+    void onFec() override { ++toldOfAll; }
+    std::set<FecId> told;
+    size_t toldOfAll = 0;
+  };
+
+  const std::string name = "test" + std::to_string(::getpid());
+};
+using Families = testing::Types<Ipv4, Ipv6>;
+TYPED_TEST_SUITE(FibTablesTest, Families);
+
+// An observer that is not told keeps a route that is gone.
+TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
+  using T = FibTablesTest<TypeParam>;
+  const auto table = this->template open<typename T::RouteStatus>(Access::Write);
+  for (uint32_t n = 1; n <= 40; ++n) table->routeIs(T::route(n));
+  const auto watcher = Kiv::make<typename T::RouteWatcher>();
+  watcher->notifierIs(table);
+  watcher->toldOfAll = 0;
+  ASSERT_EQ(this->damage("route", T::host(5)), 1u);
+  ASSERT_EQ(this->damage("route", T::host(6)), 1u);
+  EXPECT_NE(table->routeDel(T::host(5)).key, T::host(5)) << "what it was is not known";
+  EXPECT_EQ(watcher->told, (std::set{T::host(5), T::host(6)}));
+  EXPECT_EQ(watcher->toldOfAll, 0u);
+
+  // Whose key is damaged, nobody knows.
+  watcher->told.clear();
+  ASSERT_EQ(this->damage("route", T::host(7), 0), 1u);
+  table->routeDel(T::host(7));
+  EXPECT_TRUE(watcher->told.contains(T::host(7)));
+  EXPECT_EQ(watcher->toldOfAll, 1u);
+  EXPECT_EQ(table->routeCount(), 37u);
+
+  // Writing repairs, too.
+  watcher->told.clear();
+  ASSERT_EQ(this->damage("route", T::host(9)), 1u);
+  ASSERT_EQ(this->damage("route", T::host(8), 0), 1u);
+  table->routeIs(T::route(8, 9));
+  EXPECT_EQ(watcher->told, (std::set{T::host(8), T::host(9)}));
+  EXPECT_EQ(table->route(T::host(8)).fecId, 9u);
+}
+
+TYPED_TEST(FibTablesTest, AFecThatIsGivenUpAsDamagedIsAnnounced) {
+  using T = FibTablesTest<TypeParam>;
+  const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
+  for (uint32_t id = 1; id <= 9; ++id) table->fecIs(T::fec(id, "Ethernet1"));
+  const auto watcher = Kiv::make<typename T::FecWatcher>();
+  watcher->notifierIs(table);
+  watcher->toldOfAll = 0;
+  for (const uint64_t id : {2U, 3U}) ASSERT_EQ(this->damageFec(id), 1u);
+  table->fecDel(2);
+  EXPECT_EQ(watcher->told, (std::set<uint64_t>{2, 3}));
+  EXPECT_EQ(watcher->toldOfAll, 0u);
+  EXPECT_EQ(table->fecKeys().size(), 7u);
+}
+
+// A number stands for one interface as long as anything refers to it.
+TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
+  using T = FibTablesTest<TypeParam>;
+  constexpr uint64_t kFecs = 4;
+  const auto intf = [](uint64_t n) { return "Ethernet" + std::to_string(n); };
+  for (uint64_t lost = 1; lost <= kFecs; ++lost) {
+    {
+      const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
+      for (uint64_t id = 1; id <= kFecs; ++id) table->fecIs(T::fec(id, intf(id)));
+    }
+    const uint64_t endOfName = '0' + lost;  // the second word of what is stored
+    ASSERT_EQ(this->damage("intf", endOfName, 0), 1u);
+    const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
+    table->fecIs(T::fec(8, "Ethernet8"));
+    table->fecIs(T::fec(9, "Ethernet9"));
+    const auto reader = this->template open<typename T::ForwardingStatus>(Access::Read);
+    for (const auto& opened : {table, reader}) {
+      for (uint64_t id = 1; id <= kFecs; ++id) {
+        const auto expected = id == lost ? T::fec(id, "") : T::fec(id, intf(id));
+        EXPECT_EQ(opened->fec(id), expected) << id << " when " << lost << " is lost";
+      }
+      for (const uint64_t id : {8U, 9U}) EXPECT_EQ(opened->fec(id), T::fec(id, intf(id)));
+    }
+    Tovan::removeTablesOf(this->name);
+  }
+}
+
+TYPED_TEST(FibTablesTest, AReaderRefusesWhatChangesNothing) {
+  using T = FibTablesTest<TypeParam>;
+  const auto routes = this->template open<typename T::RouteStatus>(Access::Write);
+  const auto fecs = this->template open<typename T::ForwardingStatus>(Access::Write);
+  routes->routeIs(T::route(1));
+  fecs->fecIs(T::fec(7, "Ethernet1"));
+  const auto routesRead = this->template open<typename T::RouteStatus>(Access::Read);
+  const auto fecsRead = this->template open<typename T::ForwardingStatus>(Access::Read);
+  const auto routeWatcher = Kiv::make<typename T::RouteWatcher>();
+  const auto fecWatcher = Kiv::make<typename T::FecWatcher>();
+  routeWatcher->notifierIs(routesRead);
+  fecWatcher->notifierIs(fecsRead);
+  EXPECT_THROW(routesRead->routeIs(T::route(1)), Tovan::ReadOnlyException);
+  EXPECT_THROW(fecsRead->fecIs(T::fec(7, "Ethernet1")), Tovan::ReadOnlyException);
+}
+
+TYPED_TEST(FibTablesTest, NothingIsFoundUnderTheNullPrefix) {
+  using T = FibTablesTest<TypeParam>;
+  const auto null = T::Prefix::null();
+  const typename T::Route stored{.key = null, .metricPref = {}, .routeType = {}, .fecId = 7};
+  const auto expectHidden = [&](auto& table) {
+    table.routeIs(stored);
+    EXPECT_EQ(table.route(null), typename T::Route());
+    EXPECT_EQ(table.routeKeys(), std::vector{null});
+    EXPECT_EQ(table.routeDel(null), stored);
+    EXPECT_EQ(table.routeCount(), 0u);
+  };
+  expectHidden(*this->template open<typename T::RouteStatus>(Access::Write));
+  expectHidden(*Kiv::make<typename TypeParam::HostStatus>("hosts"));
+}
+
+// The references of the routes 1..3: all of one via set, so on one adjacency.
+TYPED_TEST(FibTablesTest, AHelperMendsItsAdjacencies) {
+  using T = FibTablesTest<TypeParam>;
+  using Helper = typename TypeParam::AdjacencyHelper;
+  const auto routes = this->template open<typename T::RouteStatus>(Access::Write);
+  const auto fecs = this->template open<typename T::ForwardingStatus>(Access::Write);
+  const auto helper = Kiv::make<Helper>("helper", fecs);
+  const auto hosts = Kiv::make<typename TypeParam::HostStatus>("hosts");
+  const std::vector<typename Helper::RouteTable::PtrConst> tables{routes};
+  typename Helper::ViaSet vias;
+  for (const uint32_t hop : {1U, 2U}) {
+    vias.newVia({.hop = TypeParam::addr(hop), .intf = Zemit::IntfId::of("Ethernet1")}, 1);
+  }
+  uint64_t adjacency = 0;
+  for (uint32_t n = 1; n <= 3; ++n) {
+    adjacency = helper->doGetOrCreateFibAdjacency(vias);
+    routes->routeIs(T::route(n, adjacency));
+    hosts->routeIs(T::route(n, helper->doGetOrCreateHostAdjacency(vias, hosts)));
+  }
+  const auto published = fecs->fec(adjacency);
+  ASSERT_EQ(published.viaCount(), 2u);
+  EXPECT_EQ(helper->validate(tables, std::array{hosts}), 0u);
+
+  // Whoever takes a damaged one publishes it anew, searched for or not.
+  for (const uint64_t likely : {uint64_t{0}, adjacency}) {
+    ASSERT_EQ(this->damageFec(adjacency), 1u);
+    EXPECT_EQ(helper->takeFibAdjacency(vias, likely), adjacency);
+    EXPECT_EQ(fecs->fec(adjacency), published);
+  }
+  ASSERT_EQ(this->damageFec(adjacency), 1u);
+  hosts->adjacencies().share(1);
+  EXPECT_EQ(helper->validate(tables, std::array{hosts}), 2u) << "two references without a route";
+  EXPECT_EQ(fecs->fec(adjacency), published);
+  EXPECT_EQ(helper->fibAdjacencies().users(static_cast<uint32_t>(adjacency)), 3u);
+  EXPECT_EQ(hosts->adjacencies().users(1), 3u);
+
+  // A damaged route holds nothing; so the last reference goes with the others.
+  ASSERT_EQ(this->damage("route", T::host(2)), 1u);
+  for (const uint32_t n : {1U, 3U}) {
+    routes->routeDel(T::host(n));
+    helper->doDropRefOnFibAdjacency(adjacency);
+  }
+  EXPECT_EQ(helper->fibAdjacencies().size(), 1u);
+  EXPECT_EQ(helper->validate(tables), 1u);
+  EXPECT_EQ(helper->fibAdjacencies().size(), 0u);
+  EXPECT_EQ(fecs->fec(adjacency), typename T::Fec());
+}
+
+}  // namespace
