@@ -7,6 +7,7 @@
 #include <set>
 
 #include "platform/rovel/AdjacencyHelper.h"
+#include "platform/tovan/RouteStatus.h"
 #include "tests/tovan/Damage.h"
 
 namespace {
