@@ -40,8 +40,8 @@ class Notifiee : public Object {
   /// is delivered.
   virtual void kivDoZombieReactors(bool zombie) { zombie_ = zombie; }
   /// Its owner has removed or replaced it, or is going: it becomes a zombie and leaves its
-  /// notifier, so that whoever still holds it holds one that reacts to nothing and keeps nothing
-  /// alive.
+  /// notifier, so that whoever still holds it holds one that reacts to nothing and keeps no
+  /// notifier alive.
   virtual void retire() {
     kivDoZombieReactors(true);
     notifierEntityIs(nullptr);
