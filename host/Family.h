@@ -87,7 +87,7 @@ struct Ipv4 {
   static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
     root.arpRouteExpect(prefix);
   }
-  static const AddrSet::Ptr& neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
+  static AddrSet::Ptr neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIs(prefix);
   }
   static void neighborSetDel(RouteSmRoot& root, const Prefix& prefix) { root.arpRouteDel(prefix); }

@@ -110,6 +110,7 @@ void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus:
   KIV_TRACE(hostRouteTrace, 8, *root,
             "recomputeReceiveRoutes"
                 << " for interface: " << name);
+  const bool isFollowed = bool(routeSm->vrfIpIntfStatus(status->intfId()));
   const auto changed = Obu::AddrSet::AddrSetIs(Zemit::Prefix::null());
   removeReceiveRoutes(status, name, root, changed);
   const Zemit::IpAddrWithMask primary = status->activeAddrWithMask();
@@ -121,10 +122,14 @@ void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus:
   auto secondaries = status->activeSecondaryWithMaskKeys();
   std::sort(secondaries.begin(), secondaries.end());
   for (const auto& secondary : secondaries) {
-    const auto recorded = root->intfNameToSecondaryAddrWithMaskIs(name);
-    if (recorded->addrWithMask(secondary)) continue;
+    if (root->intfNameToSecondaryAddrWithMaskIs(name)->addrWithMask(secondary)) continue;
     addActiveReceiveRoutes(status, secondary, root, changed);
-    recorded->addrWithMaskIs(secondary, true);
+    // Looked up again: a callback of what was written may have taken the former record away.
+    root->intfNameToSecondaryAddrWithMaskIs(name)->addrWithMaskIs(secondary, true);
+  }
+  // A callback may have moved the interface to another VRF meanwhile.
+  if (isFollowed && !routeSm->vrfIpIntfStatus(status->intfId())) {
+    removeReceiveRoutes(status, name, root, changed);
   }
   routeSm->doMerge(changed);
 }

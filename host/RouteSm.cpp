@@ -1,5 +1,8 @@
 #include "host/RouteSm.h"
 
+#include <string>
+#include <utility>
+
 #include "host/Family.h"
 #include "host/ReceiveRoutes.h"
 #include "hostcore/Lifecycle.h"
@@ -46,13 +49,38 @@ RouteSm::RouteSm(
 }
 
 RouteSm::~RouteSm() {
+  retire();
+}
+
+void RouteSm::retire() {
+  if (std::exchange(hasEnded_, true)) return;
+  const Ptr alive(this);
   kivDoZombieReactors(true);
   forEachReactor([](auto& reactor) { reactor.routeSmIs(nullptr); });
-  // Without the collections' hooks: nothing is withdrawn at teardown.
+  initialized_.setQuietly(false);
+  routeStatus_.setQuietly(nullptr);
+  hostStatus_.setQuietly(nullptr);
+  adjHelper_.setQuietly(nullptr);
+  root_.setQuietly(nullptr);
+  // Without the collections' hooks: nothing is withdrawn at teardown. The reactors let go of the
+  // inputs here, which may run anybody's code.
   arpIntfStatus_.dropAll();
   ipIntfStatusFilter_.dropAll();
   vrfIpIntfStatus_.dropAll();
   ipIntfStatus_.dropAll();
+  fwdStatus_.drop();
+  ribReadyStatus_.drop();
+  seqConfig_.drop();
+  ipv4SeqInfo_.drop();
+  ipStatus_.drop();
+  neighborDirByIntfName_.drop();
+  virtualIpStatus_.drop();
+  kivFwkActivity_.setQuietly(nullptr);
+}
+
+void RouteSm::requireNotEnded() const {
+  if (!hasEnded_) return;
+  throw Kiv::Exception("the state machine of VRF " + std::string(name().view()) + " has ended");
 }
 
 template <class Visit>
@@ -73,6 +101,7 @@ void RouteSm::forEachReactor(Visit visit) {
 }
 
 void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
+  requireNotEnded();
   // What has waited is handled late.
   if (kivFwkActivityRaw() != nullptr && kivFwkActivityRaw()->queues()) {
     HostCore::Listening<Ipv4>(*this).missed();
@@ -83,6 +112,7 @@ void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
 }
 
 void RouteSm::hasNotificationActiveIs(bool active) {
+  requireNotEnded();
   hasNotificationActive_ = active;
   if (!active) HostCore::Listening<Ipv4>(*this).missed();
   forEachReactor([active](auto& reactor) { reactor.hasNotificationActiveIs(active); });
@@ -103,6 +133,7 @@ void RouteSm::inputReplaced(bool changed) {
 }
 
 void RouteSm::newFwdStatus(const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus) {
+  requireNotEnded();
   HostCore::bindNew(fwdStatus_, *this, inputsStored_, fwdStatus);
 }
 
@@ -111,6 +142,7 @@ const Tovan::Fib::ForwardingStatus* RouteSm::forwardingStatus() const noexcept {
 }
 
 void RouteSm::newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
+  requireNotEnded();
   HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus);
 }
 
@@ -119,22 +151,27 @@ RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
 }
 
 void RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
+  requireNotEnded();
   HostCore::bindNew(seqConfig_, *this, inputsStored_, seqConfig);
 }
 
 void RouteSm::newIpv4SeqInfo(const Rovel::SeqInfo::Ptr& ipv4SeqInfo) {
+  requireNotEnded();
   HostCore::bindNew(ipv4SeqInfo_, *this, inputsStored_, ipv4SeqInfo);
 }
 
 void RouteSm::newIpStatus(const Ip::Status::PtrConst& ipStatus) {
+  requireNotEnded();
   HostCore::bindNew(ipStatus_, *this, inputsStored_, ipStatus);
 }
 
 void RouteSm::newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighborDirByIntfName) {
+  requireNotEnded();
   HostCore::bindNew(neighborDirByIntfName_, *this, inputsStored_, neighborDirByIntfName);
 }
 
 void RouteSm::newVirtualIpStatus(const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus) {
+  requireNotEnded();
   HostCore::bindNew(virtualIpStatus_, *this, inputsStored_, virtualIpStatus);
   inputReplaced(inputsStored_);
 }
@@ -149,22 +186,25 @@ const Arp::ArpIntfStatus* RouteSm::neighborTable(Zemit::IntfId intf) const {
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
+  requireNotEnded();
   KIV_REQUIRE(ipIntfStatus,
               "null _vrfIpIntfStatus parameter to mutator for "
               "Routing::Host::RouteSm::vrfIpIntfStatus not allowed");
   const Zemit::IntfId intfId = ipIntfStatus->intfId();
   vrfIpIntfStatus_.set(*this, intfId, ipIntfStatus);
   handleIpIntfStatus(intfId);
-  ipIntfStatusIs(ipIntfStatus);
+  // A callback may have removed the interface, or replaced its status.
+  if (vrfIpIntfStatus(intfId) == ipIntfStatus) ipIntfStatusIs(ipIntfStatus);
 }
 
 void RouteSm::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
   if (!vrfIpIntfStatus_.del(*this, intfId)) return;
   handleIpIntfStatus(intfId);
-  ipIntfStatusDel(intfId);
+  if (!vrfIpIntfStatus(intfId)) ipIntfStatusDel(intfId);
 }
 
 void RouteSm::ipIntfStatusFilterIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
+  requireNotEnded();
   KIV_REQUIRE(ipIntfStatus,
               "null _ipIntfStatusFilter parameter to mutator for "
               "Routing::Host::RouteSm::ipIntfStatusFilter not allowed");
@@ -183,6 +223,7 @@ void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) 
 }
 
 void RouteSm::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
+  requireNotEnded();
   KIV_REQUIRE(ipIntfStatus,
               "null _ipIntfStatus parameter to mutator for "
               "Routing::Host::RouteSm::ipIntfStatus not allowed");
@@ -190,6 +231,7 @@ void RouteSm::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
+  requireNotEnded();
   KIV_REQUIRE(arpIntfStatus,
               "null _arpIntfStatus parameter to mutator for "
               "Routing::Host::RouteSm::arpIntfStatus not allowed");
@@ -213,6 +255,7 @@ void RouteSm::kiv_handleArpIntfStatus(KivArpIntfStatus& reactor) {
 }
 
 void RouteSm::initializedIs(bool initialized) {
+  requireNotEnded();
   if (!initialized_.set(*this, initialized)) return;
   HostCore::Listening<Ipv4>(*this).review();
   handleInitialized();
@@ -245,7 +288,8 @@ bool RouteSm::isPrimaryRecvRouteChanged(const Ip::IpIntfStatus::PtrConst& ipIntf
 
 void RouteSm::KivIpStatus::onIpIntfStatus(const Zemit::IntfId& intfId) {
   if (!mayAct()) return;
-  if (const auto& status = notifierRaw()->ipIntfStatus(intfId)) {
+  // A copy: a callback may delete the status meanwhile.
+  if (const auto status = notifierRaw()->ipIntfStatus(intfId)) {
     routeSm()->ipIntfStatusFilterIs(status);
   } else {
     routeSm()->ipIntfStatusFilterDel(intfId);
@@ -254,6 +298,7 @@ void RouteSm::KivIpStatus::onIpIntfStatus(const Zemit::IntfId& intfId) {
 
 void RouteSm::KivIpStatus::onIpIntfStatuskivImmediate() {
   if (!mayAct()) return;
+  const Kiv::Ptr<KivIpStatus> alive(this);
   HostCore::followInterfaces(*routeSm(), notifierRaw()->ipIntfStatusKeys(),
                              [this](Zemit::IntfId intfId) { onIpIntfStatus(intfId); });
 }

@@ -190,8 +190,12 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
           const Rovel::AdjacencyHelper::Ptr& adjHelper, const Ip::Status::PtrConst& ipStatus,
           const Arp::NeighborDir::PtrConst& neighborDirByIntfName, const RouteSmRoot::Ptr& root,
           const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus, const L3::VrfName& vrfName);
-  /// Stops all reactors. The host routes that were written stay.
   ~RouteSm() override;
+  /// Ends the machine, for whoever still holds it too: its reactors are zombies and let go of it
+  /// and of the inputs. Nothing is withdrawn. What is read afterwards is empty but for the VRF's
+  /// name, what is set is refused with Kiv::Exception, and a handler that needs the root raises
+  /// "null ValidPtr". Run by the root that lets go of the machine, and when its last handle goes.
+  void retire();
 
   /// The VRF's name.
   Kiv::Name name() const override { return vrfName().value(); }
@@ -205,6 +209,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// merged host routes are written into it.
   KIV_POINTER_VIEW(258, routeStatus, RouteStatus, Tovan::Fib::RouteStatus)
   void routeStatusIs(const Kiv::Ptr<Tovan::Fib::RouteStatus>& routeStatus) {
+    requireNotEnded();
     inputReplaced(routeStatus_.set(*this, routeStatus));
   }
 
@@ -216,6 +221,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// The daemon's FIB host routes; only read.
   KIV_POINTER_VIEW(260, hostStatus, HostStatus, const Status)
   void hostStatusIs(const Kiv::Ptr<const Status>& hostStatus) {
+    requireNotEnded();
     inputReplaced(hostStatus_.set(*this, hostStatus));
   }
 
@@ -234,6 +240,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// table.
   KIV_POINTER_VIEW(269, adjHelper, AdjHelper, Rovel::AdjacencyHelper)
   void adjHelperIs(const Kiv::Ptr<Rovel::AdjacencyHelper>& adjHelper) {
+    requireNotEnded();
     inputReplaced(adjHelper_.set(*this, adjHelper));
   }
 
@@ -282,7 +289,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// The root that owns this machine's state.
   KIV_POINTER_VIEW(283, root, Root, RouteSmRoot)
-  void rootIs(const Kiv::Ptr<RouteSmRoot>& root) { inputReplaced(root_.set(*this, root)); }
+  void rootIs(const Kiv::Ptr<RouteSmRoot>& root) {
+    requireNotEnded();
+    inputReplaced(root_.set(*this, root));
+  }
 
   KIV_SINGLETON_VIEW(291, virtualIpStatus, VirtualIpStatus, KivVirtualIpStatus)
   void virtualIpStatusDel() { inputReplaced(virtualIpStatus_.del(*this)); }
@@ -387,12 +397,16 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   template <class Visit>
   void forEachReactor(Visit visit);
 
+  /// \throws Kiv::Exception when the machine has ended.
+  void requireNotEnded() const;
+
   /// An input may be another object than it was, and is if `changed`.
   void inputReplaced(bool changed);
 
   Interest interest_;
   bool hasNotificationActive_ = true;
   bool inputsStored_ = false;
+  bool hasEnded_ = false;
 };
 
 /// Makes a state machine that no root owns.

@@ -25,6 +25,7 @@ RouteSmRoot::~RouteSmRoot() {
 
 void RouteSmRoot::handleInitialized() {
   KIV_TRACE(hostRouteTrace, 8, *this, "void Routing::Host::RouteSmRoot::handleInitialized()");
+  const Ptr alive(this);
   receiveTableIs("receiveTable");
   arpTableIs("arpTable");
   toMergeIs(Zemit::Prefix::null());
@@ -32,16 +33,20 @@ void RouteSmRoot::handleInitialized() {
   initialized_.setQuietly(true);
 }
 
-const Status::Ptr& RouteSmRoot::receiveTableIs(const Kiv::Name& name) {
-  if (!receiveTable() || receiveTable()->name() != name) {
-    receiveTable_.set(*this, Kiv::make<Status>(name));
-  }
-  return receiveTable();
+// A callback may drop the last handle to the root: what is returned is not read from it again.
+
+Status::Ptr RouteSmRoot::receiveTableIs(const Kiv::Name& name) {
+  if (receiveTable() && receiveTable()->name() == name) return receiveTable();
+  const auto table = Kiv::make<Status>(name);
+  receiveTable_.set(*this, table);
+  return table;
 }
 
-const Status::Ptr& RouteSmRoot::arpTableIs(const Kiv::Name& name) {
-  if (!arpTable() || arpTable()->name() != name) arpTable_.set(*this, Kiv::make<Status>(name));
-  return arpTable();
+Status::Ptr RouteSmRoot::arpTableIs(const Kiv::Name& name) {
+  if (arpTable() && arpTable()->name() == name) return arpTable();
+  const auto table = Kiv::make<Status>(name);
+  arpTable_.set(*this, table);
+  return table;
 }
 
 void RouteSmRoot::adjacencyToPrefixIs(const PrefixList::Ptr& list) {
@@ -51,26 +56,25 @@ void RouteSmRoot::adjacencyToPrefixIs(const PrefixList::Ptr& list) {
   adjacencyToPrefix_.set(*this, list->fecId(), list);
 }
 
-const IntfAddresses::Ptr& RouteSmRoot::intfNameToSecondaryAddrWithMaskIs(
-    const Kiv::String8& intfName) {
-  if (!intfNameToSecondaryAddrWithMask_.contains(intfName)) {
-    intfNameToSecondaryAddrWithMask_.set(*this, intfName, Kiv::make<IntfAddresses>(intfName));
-  }
-  return intfNameToSecondaryAddrWithMask(intfName);
+IntfAddresses::Ptr RouteSmRoot::intfNameToSecondaryAddrWithMaskIs(const Kiv::String8& intfName) {
+  if (const auto* present = intfNameToSecondaryAddrWithMaskFind(intfName)) return *present;
+  const auto addresses = Kiv::make<IntfAddresses>(intfName);
+  intfNameToSecondaryAddrWithMask_.set(*this, intfName, addresses);
+  return addresses;
 }
 
-const Obu::AddrSet::Ptr& RouteSmRoot::toMergeIs(const Zemit::Prefix& prefix) {
-  if (!toMerge() || toMerge()->prefix() != prefix) {
-    toMerge_.set(*this, Obu::AddrSet::AddrSetIs(prefix));
-  }
-  return toMerge();
+Obu::AddrSet::Ptr RouteSmRoot::toMergeIs(const Zemit::Prefix& prefix) {
+  if (toMerge() && toMerge()->prefix() == prefix) return toMerge();
+  const auto addrs = Obu::AddrSet::AddrSetIs(prefix);
+  toMerge_.set(*this, addrs);
+  return addrs;
 }
 
 void RouteSmRoot::routeSmDel() {
   routeSm_.del(*this);
 }
 
-const RouteSm::Ptr& RouteSmRoot::newRouteSm(
+RouteSm::Ptr RouteSmRoot::newRouteSm(
     const Kiv::ActivityConfig::Ptr& activityConfig, const Tovan::Fib::RouteStatus::Ptr& routeStatus,
     const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
     const RovelReady::VrfStatus::Ptr& ribReadyStatus, const Routing::SeqConfig::Ptr& seqConfig,
@@ -78,11 +82,13 @@ const RouteSm::Ptr& RouteSmRoot::newRouteSm(
     const Ip::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
     const Ptr& root, const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus,
     const L3::VrfName& vrfName) {
+  const Ptr alive(this);
   routeSmDel();
-  routeSm_.set(*this, routeSmFactory(activityConfig, routeStatus, fwdStatus, hostStatus,
-                                     ribReadyStatus, seqConfig, ipv4SeqInfo, adjHelper, ipStatus,
-                                     neighborDirByIntfName, root, virtualIpStatus, vrfName));
-  return routeSm();
+  const auto machine = routeSmFactory(activityConfig, routeStatus, fwdStatus, hostStatus,
+                                      ribReadyStatus, seqConfig, ipv4SeqInfo, adjHelper, ipStatus,
+                                      neighborDirByIntfName, root, virtualIpStatus, vrfName);
+  routeSm_.set(*this, machine);
+  return machine;
 }
 
 RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name) {

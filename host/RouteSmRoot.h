@@ -105,11 +105,11 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// host adjacencies they are received on.
   KIV_SINGLETON(258, receiveTable, ReceiveTable, Status)
   /// Makes the table of this name unless it is there; returns it.
-  const Status::Ptr& receiveTableIs(const Kiv::Name& name);
+  Status::Ptr receiveTableIs(const Kiv::Name& name);
 
   /// The host routes of ARP neighbours, with the host adjacencies they resolve to.
   KIV_SINGLETON(259, arpTable, ArpTable, Status)
-  const Status::Ptr& arpTableIs(const Kiv::Name& name);
+  Status::Ptr arpTableIs(const Kiv::Name& name);
 
   /// The status of all interfaces.
   KIV_POINTER(260, intfStatusDir, IntfStatusDir, const Interface::AllIntfStatusDir)
@@ -162,7 +162,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_COLLECTION(268, intfNameToSecondaryAddrWithMask, IntfNameToSecondaryAddrWithMask,
                  Kiv::String8, IntfAddresses::Ptr)
   /// Makes the interface's entry unless it is there; returns it.
-  const IntfAddresses::Ptr& intfNameToSecondaryAddrWithMaskIs(const Kiv::String8& intfName);
+  IntfAddresses::Ptr intfNameToSecondaryAddrWithMaskIs(const Kiv::String8& intfName);
 
   /// The interface that owns each receive address: the last one that wrote it.
   KIV_COLLECTION(269, receiveAddrToIntfName, ReceiveAddrToIntfName, Zemit::IpAddr, Kiv::String8)
@@ -173,14 +173,15 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// The addresses whose merge waits for the state machine to be initialized.
   KIV_SINGLETON(270, toMerge, ToMerge, Obu::AddrSet)
   /// Makes the set that `prefix` names, in place of one of another name; returns it.
-  const Obu::AddrSet::Ptr& toMergeIs(const Zemit::Prefix& prefix);
+  Obu::AddrSet::Ptr toMergeIs(const Zemit::Prefix& prefix);
 
   /// The VRF's state machine.
   KIV_SINGLETON_VIEW(271, routeSm, RouteSm, RouteSm)
+  /// Ends the machine, also while somebody else holds it; see RouteSm::retire().
   void routeSmDel();
   /// Makes the state machine over these inputs, each of which may be null and must outlive it; see
   /// the constructor of RouteSm. Returns it. Any former machine goes first, also when this fails.
-  const Kiv::Ptr<RouteSm>& newRouteSm(
+  Kiv::Ptr<RouteSm> newRouteSm(
       const Kiv::ActivityConfig::Ptr& activityConfig,
       const Tovan::Fib::RouteStatus::Ptr& routeStatus,
       const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,

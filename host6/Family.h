@@ -115,7 +115,7 @@ struct Ipv6 {
   static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
     root.neighRouteExpect(prefix);
   }
-  static const AddrSet::Ptr& neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
+  static AddrSet::Ptr neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIs(prefix);
   }
   static void neighborSetDel(RouteSmRoot& root, const Prefix& prefix) {

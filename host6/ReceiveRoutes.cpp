@@ -45,15 +45,17 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
                 << " In VRF: " << routeSm()->vrfName());
   // A callback of what is written here may take the interface, and this reactor, from the machine.
   const Kiv::Ptr<KivIpIntfStatus> alive(this);
+  const RouteSm::Ptr machine(routeSm());
   const Ip6::IntfStatus::PtrConst status = notifier();
   const Kiv::Name name = status->name();
   KIV_TRACE(hostRoute6Trace, 8, *this,
             "recomputeReceiveRoutes"
                 << " for interface: " << name);
-  const auto root = Kiv::validPtr(routeSm()->root());
+  const auto root = Kiv::validPtr(machine->root());
+  const bool isFollowed = bool(machine->vrfIpIntfStatus(status->intfId()));
   const auto changed = Obu::Ip6AddrSet::AddrSetIs(Zemit::Ip6Prefix::null());
   removeReceiveRoutes(status, name, root, changed);
-  const auto recorded = root->intfNameToAddrWithMaskIs(name);
+  root->intfNameToAddrWithMaskIs(name);
   // In ascending order, so that the order of the collection decides nothing.
   auto addrs = status->addrKeys();
   std::sort(addrs.begin(), addrs.end());
@@ -67,9 +69,14 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
       const auto adjacency = HostCore::receiveAdjacency<Ipv6>(status->intfId(), *root);
       HostCore::writeReceiveRoute<Ipv6>(ip, adjacency, Fib::receive_, name, *root, changed);
     }
-    recorded->addrWithMaskIs(addrWithMask, true);
+    // Looked up again: a callback of what was written may have taken the former record away.
+    root->intfNameToAddrWithMaskIs(name)->addrWithMaskIs(addrWithMask, true);
   }
-  routeSm()->doMerge(changed);
+  // A callback may have moved the interface to another VRF meanwhile.
+  if (isFollowed && !machine->vrfIpIntfStatus(status->intfId())) {
+    removeReceiveRoutes(status, name, root, changed);
+  }
+  machine->doMerge(changed);
 }
 
 }  // namespace Routing6::Host

@@ -1,5 +1,8 @@
 #include "host6/RouteSm.h"
 
+#include <string>
+#include <utility>
+
 #include "host6/Family.h"
 #include "host6/ReceiveRoutes.h"
 #include "hostcore/Lifecycle.h"
@@ -49,13 +52,38 @@ RouteSm::RouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
 }
 
 RouteSm::~RouteSm() {
+  retire();
+}
+
+void RouteSm::retire() {
+  if (std::exchange(hasEnded_, true)) return;
+  const Ptr alive(this);
   kivDoZombieReactors(true);
   forEachReactor([](auto& reactor) { reactor.routeSmIs(nullptr); });
-  // Without the collections' hooks: nothing is withdrawn at teardown.
+  initialized_.setQuietly(false);
+  routeStatus_.setQuietly(nullptr);
+  hostStatus_.setQuietly(nullptr);
+  adjHelper_.setQuietly(nullptr);
+  root_.setQuietly(nullptr);
+  // Without the collections' hooks: nothing is withdrawn at teardown. The reactors let go of the
+  // inputs here, which may run anybody's code.
   arpIntfStatus_.dropAll();
   ipIntfStatusFilter_.dropAll();
   vrfIpIntfStatus_.dropAll();
   ipIntfStatus_.dropAll();
+  fwdStatus_.drop();
+  ribReadyStatus_.drop();
+  seqConfig_.drop();
+  ipv6SeqInfo_.drop();
+  ipStatus_.drop();
+  neighborDirByIntfName_.drop();
+  virtualIp6Status_.drop();
+  kivFwkActivity_.setQuietly(nullptr);
+}
+
+void RouteSm::requireNotEnded() const {
+  if (!hasEnded_) return;
+  throw Kiv::Exception("the state machine of VRF " + std::string(name().view()) + " has ended");
 }
 
 template <class Visit>
@@ -76,6 +104,7 @@ void RouteSm::forEachReactor(Visit visit) {
 }
 
 void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
+  requireNotEnded();
   // What has waited is handled late.
   if (kivFwkActivityRaw() != nullptr && kivFwkActivityRaw()->queues()) {
     HostCore::Listening<Ipv6>(*this).missed();
@@ -86,6 +115,7 @@ void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
 }
 
 void RouteSm::hasNotificationActiveIs(bool active) {
+  requireNotEnded();
   hasNotificationActive_ = active;
   if (!active) HostCore::Listening<Ipv6>(*this).missed();
   forEachReactor([active](auto& reactor) { reactor.hasNotificationActiveIs(active); });
@@ -106,6 +136,7 @@ void RouteSm::inputReplaced(bool changed) {
 }
 
 void RouteSm::newFwdStatus(const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus) {
+  requireNotEnded();
   HostCore::bindNew(fwdStatus_, *this, inputsStored_, fwdStatus);
 }
 
@@ -114,6 +145,7 @@ const Tovan::Fib6::ForwardingStatus* RouteSm::forwardingStatus() const noexcept 
 }
 
 void RouteSm::newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
+  requireNotEnded();
   HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus);
 }
 
@@ -122,23 +154,28 @@ RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
 }
 
 void RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
+  requireNotEnded();
   HostCore::bindNew(seqConfig_, *this, inputsStored_, seqConfig);
 }
 
 void RouteSm::newIpv6SeqInfo(const Rovel::SeqInfo::Ptr& ipv6SeqInfo) {
+  requireNotEnded();
   HostCore::bindNew(ipv6SeqInfo_, *this, inputsStored_, ipv6SeqInfo);
 }
 
 void RouteSm::newIpStatus(const Ip6::Status::PtrConst& ipStatus) {
+  requireNotEnded();
   HostCore::bindNew(ipStatus_, *this, inputsStored_, ipStatus);
 }
 
 void RouteSm::newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighborDirByIntfName) {
+  requireNotEnded();
   HostCore::bindNew(neighborDirByIntfName_, *this, inputsStored_, neighborDirByIntfName);
 }
 
 void RouteSm::newVirtualIp6Status(
     const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status) {
+  requireNotEnded();
   HostCore::bindNew(virtualIp6Status_, *this, inputsStored_, virtualIp6Status);
   inputReplaced(inputsStored_);
 }
@@ -153,22 +190,25 @@ const Arp::ArpIntfStatus* RouteSm::neighborTable(Zemit::IntfId intf) const {
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
+  requireNotEnded();
   KIV_REQUIRE(ipIntfStatus,
               "null _vrfIpIntfStatus parameter to mutator for "
               "Routing6::Host::RouteSm::vrfIpIntfStatus not allowed");
   const Zemit::IntfId intfId = ipIntfStatus->intfId();
   vrfIpIntfStatus_.set(*this, intfId, ipIntfStatus);
   handleIpIntfStatus(intfId);
-  ipIntfStatusIs(ipIntfStatus);
+  // A callback may have removed the interface, or replaced its status.
+  if (vrfIpIntfStatus(intfId) == ipIntfStatus) ipIntfStatusIs(ipIntfStatus);
 }
 
 void RouteSm::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
   if (!vrfIpIntfStatus_.del(*this, intfId)) return;
   handleIpIntfStatus(intfId);
-  ipIntfStatusDel(intfId);
+  if (!vrfIpIntfStatus(intfId)) ipIntfStatusDel(intfId);
 }
 
 void RouteSm::ipIntfStatusFilterIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
+  requireNotEnded();
   KIV_REQUIRE(ipIntfStatus,
               "null _ipIntfStatusFilter parameter to mutator for "
               "Routing6::Host::RouteSm::ipIntfStatusFilter not allowed");
@@ -187,6 +227,7 @@ void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) 
 }
 
 void RouteSm::ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
+  requireNotEnded();
   KIV_REQUIRE(ipIntfStatus,
               "null _ipIntfStatus parameter to mutator for "
               "Routing6::Host::RouteSm::ipIntfStatus not allowed");
@@ -194,6 +235,7 @@ void RouteSm::ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
+  requireNotEnded();
   KIV_REQUIRE(arpIntfStatus,
               "null _arpIntfStatus parameter to mutator for "
               "Routing6::Host::RouteSm::arpIntfStatus not allowed");
@@ -217,6 +259,7 @@ void RouteSm::kiv_handleArpIntfStatus(KivArpIntfStatus& reactor) {
 }
 
 void RouteSm::initializedIs(bool initialized) {
+  requireNotEnded();
   if (!initialized_.set(*this, initialized)) return;
   HostCore::Listening<Ipv6>(*this).review();
   handleInitialized();
@@ -242,7 +285,8 @@ bool RouteSm::hasNoReceiveRoutes() const {
 
 void RouteSm::KivIpStatus::onIntf(const Zemit::IntfId& intfId) {
   if (!mayAct()) return;
-  if (const auto& status = notifierRaw()->intf(intfId)) {
+  // A copy: a callback may delete the status meanwhile.
+  if (const auto status = notifierRaw()->intf(intfId)) {
     routeSm()->ipIntfStatusFilterIs(status);
   } else {
     routeSm()->ipIntfStatusFilterDel(intfId);
@@ -251,6 +295,7 @@ void RouteSm::KivIpStatus::onIntf(const Zemit::IntfId& intfId) {
 
 void RouteSm::KivIpStatus::onIntfkivImmediate() {
   if (!mayAct()) return;
+  const Kiv::Ptr<KivIpStatus> alive(this);
   HostCore::followInterfaces(*routeSm(), notifierRaw()->intfKeys(),
                              [this](Zemit::IntfId intfId) { onIntf(intfId); });
 }

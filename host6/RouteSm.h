@@ -189,8 +189,12 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
           const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
           const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status,
           const RouteSmRoot::Ptr& root, const L3::VrfName& vrfName);
-  /// Stops all reactors. The host routes that were written stay.
   ~RouteSm() override;
+  /// Ends the machine, for whoever still holds it too: its reactors are zombies and let go of it
+  /// and of the inputs. Nothing is withdrawn. What is read afterwards is empty but for the VRF's
+  /// name, what is set is refused with Kiv::Exception, and a handler that needs the root raises
+  /// "null ValidPtr". Run by the root that lets go of the machine, and when its last handle goes.
+  void retire();
 
   /// The VRF's name.
   Kiv::Name name() const override { return vrfName().value(); }
@@ -204,6 +208,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// merged host routes are written into it.
   KIV_POINTER_VIEW(258, routeStatus, RouteStatus, Tovan::Fib6::RouteStatus)
   void routeStatusIs(const Kiv::Ptr<Tovan::Fib6::RouteStatus>& routeStatus) {
+    requireNotEnded();
     inputReplaced(routeStatus_.set(*this, routeStatus));
   }
 
@@ -215,6 +220,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// The daemon's FIB host routes; only read.
   KIV_POINTER_VIEW(260, hostStatus, HostStatus, const Status)
   void hostStatusIs(const Kiv::Ptr<const Status>& hostStatus) {
+    requireNotEnded();
     inputReplaced(hostStatus_.set(*this, hostStatus));
   }
 
@@ -233,6 +239,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// table.
   KIV_POINTER_VIEW(269, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
   void adjHelperIs(const Kiv::Ptr<Rovel::Adjacency6Helper>& adjHelper) {
+    requireNotEnded();
     inputReplaced(adjHelper_.set(*this, adjHelper));
   }
 
@@ -281,7 +288,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// The root that owns this machine's state.
   KIV_POINTER_VIEW(283, root, Root, RouteSmRoot)
-  void rootIs(const Kiv::Ptr<RouteSmRoot>& root) { inputReplaced(root_.set(*this, root)); }
+  void rootIs(const Kiv::Ptr<RouteSmRoot>& root) {
+    requireNotEnded();
+    inputReplaced(root_.set(*this, root));
+  }
 
   KIV_SINGLETON_VIEW(290, virtualIp6Status, VirtualIp6Status, KivVirtualIp6Status)
   void virtualIp6StatusDel() { inputReplaced(virtualIp6Status_.del(*this)); }
@@ -385,12 +395,16 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   template <class Visit>
   void forEachReactor(Visit visit);
 
+  /// \throws Kiv::Exception when the machine has ended.
+  void requireNotEnded() const;
+
   /// An input may be another object than it was, and is if `changed`.
   void inputReplaced(bool changed);
 
   Interest interest_;
   bool hasNotificationActive_ = true;
   bool inputsStored_ = false;
+  bool hasEnded_ = false;
 };
 
 /// Makes a state machine that no root owns.

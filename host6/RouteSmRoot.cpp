@@ -26,6 +26,7 @@ RouteSmRoot::~RouteSmRoot() {
 
 void RouteSmRoot::handleInitialized() {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__));
+  const Ptr alive(this);
   receiveTableIs("receiveTable");
   neighTableIs("neighTable");
   toMergeIs(Zemit::Ip6Prefix::null());
@@ -33,17 +34,20 @@ void RouteSmRoot::handleInitialized() {
   initialized_.setQuietly(true);
 }
 
-const Status::Ptr& RouteSmRoot::receiveTableIs(const Kiv::Name& name) {
-  if (!receiveTable() || receiveTable()->name() != name) {
-    receiveTable_.set(*this, Kiv::make<Status>(name));
-  }
-  return receiveTable();
+// A callback may drop the last handle to the root: what is returned is not read from it again.
+
+Status::Ptr RouteSmRoot::receiveTableIs(const Kiv::Name& name) {
+  if (receiveTable() && receiveTable()->name() == name) return receiveTable();
+  const auto table = Kiv::make<Status>(name);
+  receiveTable_.set(*this, table);
+  return table;
 }
 
-const Status::Ptr& RouteSmRoot::neighTableIs(const Kiv::Name& name) {
-  if (!neighTable() || neighTable()->name() != name)
-    neighTable_.set(*this, Kiv::make<Status>(name));
-  return neighTable();
+Status::Ptr RouteSmRoot::neighTableIs(const Kiv::Name& name) {
+  if (neighTable() && neighTable()->name() == name) return neighTable();
+  const auto table = Kiv::make<Status>(name);
+  neighTable_.set(*this, table);
+  return table;
 }
 
 void RouteSmRoot::adjacencyToPrefixIs(const PrefixList::Ptr& list) {
@@ -53,32 +57,32 @@ void RouteSmRoot::adjacencyToPrefixIs(const PrefixList::Ptr& list) {
   adjacencyToPrefix_.set(*this, list->fecId(), list);
 }
 
-const IntfAddresses::Ptr& RouteSmRoot::intfNameToAddrWithMaskIs(const Kiv::String8& intfName) {
-  if (!intfNameToAddrWithMask_.contains(intfName)) {
-    intfNameToAddrWithMask_.set(*this, intfName, Kiv::make<IntfAddresses>(intfName));
-  }
-  return intfNameToAddrWithMask(intfName);
+IntfAddresses::Ptr RouteSmRoot::intfNameToAddrWithMaskIs(const Kiv::String8& intfName) {
+  if (const auto* present = intfNameToAddrWithMaskFind(intfName)) return *present;
+  const auto addresses = Kiv::make<IntfAddresses>(intfName);
+  intfNameToAddrWithMask_.set(*this, intfName, addresses);
+  return addresses;
 }
 
-const Obu::Ip6AddrSet::Ptr& RouteSmRoot::toMergeIs(const Zemit::Ip6Prefix& prefix) {
-  if (!toMerge() || toMerge()->prefix() != prefix) {
-    toMerge_.set(*this, Obu::Ip6AddrSet::AddrSetIs(prefix));
-  }
-  return toMerge();
+Obu::Ip6AddrSet::Ptr RouteSmRoot::toMergeIs(const Zemit::Ip6Prefix& prefix) {
+  if (toMerge() && toMerge()->prefix() == prefix) return toMerge();
+  const auto addrs = Obu::Ip6AddrSet::AddrSetIs(prefix);
+  toMerge_.set(*this, addrs);
+  return addrs;
 }
 
-const Obu::Ip6AddrSet::Ptr& RouteSmRoot::vipToMergeIs(const Zemit::Ip6Prefix& prefix) {
-  if (!vipToMerge() || vipToMerge()->prefix() != prefix) {
-    vipToMerge_.set(*this, Obu::Ip6AddrSet::AddrSetIs(prefix));
-  }
-  return vipToMerge();
+Obu::Ip6AddrSet::Ptr RouteSmRoot::vipToMergeIs(const Zemit::Ip6Prefix& prefix) {
+  if (vipToMerge() && vipToMerge()->prefix() == prefix) return vipToMerge();
+  const auto addrs = Obu::Ip6AddrSet::AddrSetIs(prefix);
+  vipToMerge_.set(*this, addrs);
+  return addrs;
 }
 
 void RouteSmRoot::routeSmDel() {
   routeSm_.del(*this);
 }
 
-const RouteSm::Ptr& RouteSmRoot::newRouteSm(
+RouteSm::Ptr RouteSmRoot::newRouteSm(
     const Kiv::ActivityConfig::Ptr& activityConfig,
     const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
     const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
@@ -87,11 +91,13 @@ const RouteSm::Ptr& RouteSmRoot::newRouteSm(
     const Ip6::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
     const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status, const Ptr& root,
     const L3::VrfName& vrfName) {
+  const Ptr alive(this);
   routeSmDel();
-  routeSm_.set(*this, routeSmFactory(activityConfig, routeStatus, fwdStatus, hostStatus,
-                                     ribReadyStatus, seqConfig, ipv6SeqInfo, adjHelper, ipStatus,
-                                     neighborDirByIntfName, virtualIp6Status, root, vrfName));
-  return routeSm();
+  const auto machine = routeSmFactory(activityConfig, routeStatus, fwdStatus, hostStatus,
+                                      ribReadyStatus, seqConfig, ipv6SeqInfo, adjHelper, ipStatus,
+                                      neighborDirByIntfName, virtualIp6Status, root, vrfName);
+  routeSm_.set(*this, machine);
+  return machine;
 }
 
 RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name) {

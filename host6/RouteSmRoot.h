@@ -104,11 +104,11 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// The router's own addresses, with the host adjacencies they are received on.
   KIV_SINGLETON(258, receiveTable, ReceiveTable, Status)
   /// Makes the table of this name unless it is there; returns it.
-  const Status::Ptr& receiveTableIs(const Kiv::Name& name);
+  Status::Ptr receiveTableIs(const Kiv::Name& name);
 
   /// The host routes of neighbours, with the host adjacencies they resolve to.
   KIV_SINGLETON(259, neighTable, NeighTable, Status)
-  const Status::Ptr& neighTableIs(const Kiv::Name& name);
+  Status::Ptr neighTableIs(const Kiv::Name& name);
 
   /// The status of all interfaces.
   KIV_POINTER(260, intfStatusDir, IntfStatusDir, const Interface::AllIntfStatusDir)
@@ -153,7 +153,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_COLLECTION(267, intfNameToAddrWithMask, IntfNameToAddrWithMask, Kiv::String8,
                  IntfAddresses::Ptr)
   /// Makes the interface's entry unless it is there; returns it.
-  const IntfAddresses::Ptr& intfNameToAddrWithMaskIs(const Kiv::String8& intfName);
+  IntfAddresses::Ptr intfNameToAddrWithMaskIs(const Kiv::String8& intfName);
 
   /// The interface that owns each receive address: the last one that wrote it.
   KIV_COLLECTION(268, receiveAddrToIntfName, ReceiveAddrToIntfName, Zemit::Ip6Addr, Kiv::String8)
@@ -164,28 +164,31 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// The addresses whose merge waits for the state machine to be initialized.
   KIV_SINGLETON(269, toMerge, ToMerge, Obu::Ip6AddrSet)
   /// Makes the set that `prefix` names, in place of one of another name; returns it.
-  const Obu::Ip6AddrSet::Ptr& toMergeIs(const Zemit::Ip6Prefix& prefix);
+  Obu::Ip6AddrSet::Ptr toMergeIs(const Zemit::Ip6Prefix& prefix);
 
   /// The counterpart of toMerge for virtual addresses. Deliberately without behaviour: it is part
   /// of the model, and nothing makes, fills or reads it.
   KIV_SINGLETON(270, vipToMerge, VipToMerge, Obu::Ip6AddrSet)
-  const Obu::Ip6AddrSet::Ptr& vipToMergeIs(const Zemit::Ip6Prefix& prefix);
+  Obu::Ip6AddrSet::Ptr vipToMergeIs(const Zemit::Ip6Prefix& prefix);
 
   /// The VRF's state machine.
   KIV_SINGLETON_VIEW(271, routeSm, RouteSm, RouteSm)
+  /// Ends the machine, also while somebody else holds it; see RouteSm::retire().
   void routeSmDel();
   /// Makes the state machine over these inputs, each of which may be null and must outlive it; see
   /// the constructor of RouteSm. Returns it. Any former machine goes first, also when this fails.
-  const Kiv::Ptr<RouteSm>& newRouteSm(
-      const Kiv::ActivityConfig::Ptr& activityConfig,
-      const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
-      const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
-      const Kiv::Ptr<RovelReady::VrfStatus>& ribReadyStatus,
-      const Kiv::Ptr<Routing::SeqConfig>& seqConfig, const Kiv::Ptr<Rovel::SeqInfo>& ipv6SeqInfo,
-      const Rovel::Adjacency6Helper::Ptr& adjHelper, const Kiv::Ptr<const Ip6::Status>& ipStatus,
-      const Kiv::Ptr<const Arp::NeighborDir>& neighborDirByIntfName,
-      const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status, const Ptr& root,
-      const L3::VrfName& vrfName);
+  Kiv::Ptr<RouteSm> newRouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
+                               const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
+                               const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus,
+                               const Status::PtrConst& hostStatus,
+                               const Kiv::Ptr<RovelReady::VrfStatus>& ribReadyStatus,
+                               const Kiv::Ptr<Routing::SeqConfig>& seqConfig,
+                               const Kiv::Ptr<Rovel::SeqInfo>& ipv6SeqInfo,
+                               const Rovel::Adjacency6Helper::Ptr& adjHelper,
+                               const Kiv::Ptr<const Ip6::Status>& ipStatus,
+                               const Kiv::Ptr<const Arp::NeighborDir>& neighborDirByIntfName,
+                               const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status,
+                               const Ptr& root, const L3::VrfName& vrfName);
 
   /// True once the root has its tables.
   KIV_SCALAR(272, initialized, Initialized, bool)

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <exception>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/kiv/Activity.h"
@@ -18,7 +19,7 @@ namespace HostCore {
 /// A reactor that hands the changes of one `Notifier` to a per-VRF state machine.
 ///
 /// The machine owns the reactor; the way back owns nothing and is null before the machine is
-/// complete and after its teardown has begun.
+/// complete, after its teardown has begun, and once it has removed or replaced the reactor.
 template <class Notifier, class Machine>
 class MachineReactor : public Notifier::NotifieeConst {
  public:
@@ -31,6 +32,10 @@ class MachineReactor : public Notifier::NotifieeConst {
 
   void onNotificationException(Kiv::AttributeId id) noexcept override {
     if (routeSm_ != nullptr) routeSm_->reportException(*this, id);
+  }
+  void retire() override {
+    routeSm_ = nullptr;
+    Notifier::NotifieeConst::retire();
   }
 
  protected:
@@ -81,6 +86,10 @@ class RibReadyReactor : public MachineReactor<RovelReady::VrfStatus, Machine> {
     status_ = status;
     Base::notifierIs(status);
   }
+  void retire() override {
+    const auto status = std::exchange(status_, nullptr);
+    Base::retire();
+  }
   void onRibReady() override {
     if (!this->mayAct()) return;
     const bool value = status_->ribReady();
@@ -109,7 +118,8 @@ class NeighborDirReactor : public MachineReactor<NeighborDir, Machine> {
 
   void onArpIntfStatus(const Kiv::Name& name) override {
     if (!this->mayAct()) return;
-    if (const auto& table = this->notifierRaw()->arpIntfStatus(name)) {
+    // A copy: a callback may delete the table meanwhile.
+    if (const auto table = this->notifierRaw()->arpIntfStatus(name)) {
       this->routeSm()->arpIntfStatusIs(table);
     } else {
       this->routeSm()->arpIntfStatusDel(name);
@@ -117,10 +127,10 @@ class NeighborDirReactor : public MachineReactor<NeighborDir, Machine> {
   }
   void onArpIntfStatuskivImmediate() override {
     if (!this->mayAct()) return;
+    const Kiv::Ptr<const Kiv::Object> alive(this);  // a callback may take the machine's handle
     for (const auto& name : this->notifierRaw()->arpIntfStatusKeys()) onArpIntfStatus(name);
-    for (const auto& name : this->routeSm()->arpIntfStatusKeys()) {
-      if (!this->notifierRaw()->arpIntfStatus(name)) this->routeSm()->arpIntfStatusDel(name);
-    }
+    if (!this->mayAct()) return;
+    for (const auto& name : this->routeSm()->arpIntfStatusKeys()) onArpIntfStatus(name);
   }
 };
 
@@ -137,22 +147,27 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
   class KivL3Status final : public MachineReactor<L3::Intf::Status, Machine> {
    public:
     KivL3Status(const Kiv::ActivityConfig::Ptr& activity, IntfFilterReactor& filter)
-        : MachineReactor<L3::Intf::Status, Machine>(activity), filter_(filter) {}
+        : MachineReactor<L3::Intf::Status, Machine>(activity), filter_(&filter) {}
 
     void onVrf() override {
-      if (!this->mayAct()) return;
+      if (!this->mayAct() || filter_ == nullptr) return;
       const auto& vrf = this->notifierRaw()->vrf();
       if (this->template mayActOn<L3::Intf::Status::VrfAttribute>(&vrf)) {
-        static_cast<Filter&>(filter_).handleVrf();
+        static_cast<Filter&>(*filter_).handleVrf();
       }
+    }
+    void retire() override {
+      filter_ = nullptr;
+      MachineReactor<L3::Intf::Status, Machine>::retire();
     }
 
    private:
-    IntfFilterReactor& filter_;  // not yet a Filter when this is made
+    IntfFilterReactor* filter_;  // not yet a Filter when this is made
   };
 
   explicit IntfFilterReactor(const Kiv::ActivityConfig::Ptr& activity)
       : Base(activity), l3Status_(Kiv::make<KivL3Status>(activity, *this)) {}
+  ~IntfFilterReactor() override { l3Status_->retire(); }
 
   const Kiv::Ptr<KivL3Status>& l3Status() const noexcept { return l3Status_; }
 
@@ -181,6 +196,10 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
     Base::kivDoZombieReactors(zombie);
     l3Status_->kivDoZombieReactors(zombie);
   }
+  void retire() override {
+    l3Status_->retire();
+    Base::retire();
+  }
 
  protected:
   /// Admits the interface when it is in this VRF, else removes it.
@@ -197,16 +216,21 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
   Kiv::Ptr<KivL3Status> l3Status_;
 };
 
-/// Makes a reactor of `sm` on `input` in `slot`, unless the input is null. It reaches the machine
-/// before it catches up with the input, but not while the machine still stores its inputs.
+/// Makes a reactor of `sm` on `input` in `slot`, in place of any other; a null input leaves none
+/// there. It reaches the machine before it catches up with the input, but not while the machine
+/// still stores its inputs.
 template <class Slot, class Machine, class Input>
 void bindNew(Slot& slot, Machine& sm, bool inputsStored, const Input& input) {
-  if (!input) return;
+  if (!input) {
+    slot.del(sm);
+    return;
+  }
   const auto reactor = Kiv::make<typename Slot::Element>(sm.kivFwkActivity());
   reactor->hasNotificationActiveIs(sm.hasNotificationActive());
-  slot.set(sm, reactor);
   if (inputsStored) reactor->routeSmIs(&sm);
-  reactor->notifierIs(input);
+  slot.set(sm, reactor);
+  // Who was told of it may have put another in its place.
+  if (slot.get() == reactor) reactor->notifierIs(input);
 }
 
 /// What a reactor watches; null when there is no reactor or it watches nothing.
@@ -225,6 +249,8 @@ Input bindMember(Collection& collection, Machine& sm, const Key& key, const Inpu
     reactor = Kiv::make<Reactor>(sm.kivFwkActivity());
     reactor->hasNotificationActiveIs(sm.hasNotificationActive());
     collection.set(sm, key, reactor);
+    // Who was told of it may have removed it.
+    if (collection.get(key) != reactor) return nullptr;
   }
   const Input former = reactor->notifier();
   reactor->routeSmIs(&sm);

@@ -11,22 +11,16 @@ namespace HostCore {
 template <Family F>
 class Readiness {
  public:
-  explicit Readiness(typename F::RouteSm& sm) : sm_(sm) {}
+  explicit Readiness(typename F::RouteSm& sm) : sm_(sm), record_(sm.vrfReadiness()) {}
 
   /// True when the RIB is ready and the machine is initialized.
-  bool isRibReady() const {
-    const auto* readiness = sm_.vrfReadiness();
-    return sm_.initialized() && readiness != nullptr && readiness->ribReady();
-  }
+  bool isRibReady() const { return sm_.initialized() && record_ && record_->ribReady(); }
   /// Merges the host prefixes in the route table that are not BGP's, then reports the host routes
   /// synchronised. The time of the first report stays.
   void mergeRib() const;
 
   /// True when the machine is asked to report its kind of routes.
-  bool isVerificationStarted() const {
-    const auto* readiness = sm_.vrfReadiness();
-    return readiness != nullptr && readiness->startRibReadyVerification();
-  }
+  bool isVerificationStarted() const { return record_ && record_->startRibReadyVerification(); }
   /// Runs the full passes over routes and neighbours again, once initialized.
   void runFullPasses() const {
     if (!sm_.initialized()) return;
@@ -36,12 +30,14 @@ class Readiness {
   }
   /// The machine's entry in the readiness record, while it is not ready; else null.
   RovelReady::RouteStatus::Ptr unreadyEntry() const {
-    const auto& entry = sm_.vrfReadiness()->routeStatus(F::kReadyKind);
+    const auto& entry = record_->routeStatus(F::kReadyKind);
     return entry && !entry->ready() ? entry : nullptr;
   }
 
  private:
   typename F::RouteSm& sm_;
+  // What is called meanwhile may take the record from the machine; the answer is still due.
+  RovelReady::VrfStatus::Ptr record_;
 };
 
 template <Family F>
@@ -59,7 +55,7 @@ void Readiness<F>::mergeRib() const {
     }
   }
   if (changed->ipCount() != 0) sm_.doMerge(changed);
-  F::hostRoutesSyncedIs(*sm_.vrfReadiness(), Kiv::now());
+  F::hostRoutesSyncedIs(*record_, Kiv::now());
 }
 
 /// Sets an entry ready, as of now.

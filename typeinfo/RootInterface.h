@@ -1,6 +1,8 @@
 // What the reflective interfaces to the two halves' roots have in common.
 #pragma once
 
+#include <utility>
+
 #include "platform/kiv/GenericIf.h"
 
 namespace Reflection {
@@ -11,25 +13,34 @@ class RootAdapter : public Root::NotifieeConst {
  public:
   /// \param observer  must outlive the adapter.
   explicit RootAdapter(Kiv::GenericObserver& observer)
-      : Root::NotifieeConst(Kiv::Notifiee::Hold::kWeak), observer_(observer) {}
+      : Root::NotifieeConst(Kiv::Notifiee::Hold::kWeak), observer_(&observer) {}
 
   void onNotificationException(Kiv::AttributeId id) noexcept override {
-    observer_.onNotificationException(id);
+    if (observer_ != nullptr) observer_->onNotificationException(id);
   }
-  void onZeroReferences() noexcept override { observer_.onZeroReferences(); }
+  void onZeroReferences() noexcept override {
+    if (observer_ != nullptr) observer_->onZeroReferences();
+  }
+  /// The observer is taken back: it is not told of anything more, though a walk may be under way.
+  void retire() override {
+    observer_ = nullptr;
+    Root::NotifieeConst::retire();
+  }
 
  protected:
   template <class Attribute>
   void tell() {
-    observer_.onAttribute(Attribute::kInfo.id, {});
+    if (observer_ != nullptr) observer_->onAttribute(Attribute::kInfo.id, {});
   }
   template <class Attribute, class Key>
   void tell(const Key& key) {
-    observer_.onAttribute(Attribute::kInfo.id, Kiv::GenericValue::of(key));
+    if (observer_ != nullptr) {
+      observer_->onAttribute(Attribute::kInfo.id, Kiv::GenericValue::of(key));
+    }
   }
 
  private:
-  Kiv::GenericObserver& observer_;
+  Kiv::GenericObserver* observer_;
 };
 
 /// The interface to a root, with an observer if one is set.
@@ -39,13 +50,24 @@ class RootInterface : public Kiv::GenericIfOf<Root> {
   using Kiv::GenericIfOf<Root>::GenericIfOf;
   /// A second interface to the same root, without an observer.
   RootInterface(const RootInterface& other) : Kiv::GenericIfOf<Root>(other) {}
+  RootInterface& operator=(const RootInterface&) = delete;
+  ~RootInterface() override {
+    if (adapter_) adapter_->retire();
+  }
 
   void observerIs(Kiv::GenericObserver* observer) override {
-    adapter_ = nullptr;
+    if (const auto former = std::exchange(adapter_, nullptr)) former->retire();
     if (observer == nullptr) return;
     const auto adapter = Kiv::make<typename Root::GenericIf_::GenericIf_Adapter_>(*observer);
-    adapter->notifierIs(Kiv::Ptr<const Root>(static_cast<const Root*>(this->entity().get())));
+    // Stored first: while it catches up the observer may take itself back, set another, or let go
+    // of this interface.
     adapter_ = adapter;
+    try {
+      adapter->notifierIs(Kiv::Ptr<const Root>(static_cast<const Root*>(this->entity().get())));
+    } catch (...) {
+      adapter->retire();
+      throw;
+    }
   }
 
  private:

@@ -85,9 +85,7 @@ std::string_view takeAddrAndLen(TextReader& reader) {
 /// A word that is a field's name, and the blanks around it.
 inline bool takeField(TextReader& reader, std::string_view name) {
   TextReader ahead = reader;
-  ahead.skipBlanks();
-  if (ahead.word() != name) return false;
-  ahead.skipBlanks();
+  if (!ahead.takeBlanks() || ahead.word() != name || !ahead.takeBlanks()) return false;
   reader = ahead;
   return true;
 }
@@ -153,15 +151,21 @@ template <class P, class Type>
 struct TextForm<Tovan::BasicRoute<P, Type>> {
   using Route = Tovan::BasicRoute<P, Type>;
   static void print(std::ostream& os, const Route& route) { os << route; }
+  /// Of a route with another type the text would be that of an unknown one.
+  static bool isInEnumeration(const Route& route) {
+    return Routing::parseRouteType<Type>(Routing::routeTypeName(route.routeType)) ==
+           route.routeType;
+  }
   static std::optional<Route> read(TextReader& reader) {
     const auto key = TextForm<P>::read(reader);
     if (!key) return std::nullopt;
     Route route{.key = *key};
     TextReader ahead = reader;
-    ahead.skipBlanks();
-    if (const auto type = Routing::parseRouteType<Type>(ahead.word())) {
-      route.routeType = *type;
-      reader = ahead;
+    if (ahead.takeBlanks()) {
+      if (const auto type = Routing::parseRouteType<Type>(ahead.word())) {
+        route.routeType = *type;
+        reader = ahead;
+      }
     }
     using Metric = Routing::RouteMetric;
     using Preference = Routing::RoutePreference;
@@ -189,10 +193,11 @@ struct TextForm<Arp::ArpEntryStatus> {
     if (!addr) return std::nullopt;
     Arp::ArpEntryStatus entry{.ipAddr = *addr};
     TextReader ahead = reader;
-    ahead.skipBlanks();
-    if (const auto mac = Zemit::EthAddr::parse(ahead.run("0123456789abcdefABCDEF:"))) {
-      entry.mac = *mac;
-      reader = ahead;
+    if (ahead.takeBlanks()) {
+      if (const auto mac = Zemit::EthAddr::parse(ahead.run("0123456789abcdefABCDEF:"))) {
+        entry.mac = *mac;
+        reader = ahead;
+      }
     }
     return entry;
   }
@@ -204,8 +209,7 @@ namespace detail {
 template <class Pair, class ReadAddress>
 std::optional<Pair> readVrfPair(TextReader& reader, ReadAddress readAddress) {
   const auto vrf = TextForm<L3::VrfName>::read(reader);
-  if (!vrf) return std::nullopt;
-  reader.skipBlanks();
+  if (!vrf || !reader.takeBlanks()) return std::nullopt;
   const auto address = readAddress();
   return address ? std::optional<Pair>(std::in_place, *vrf, *address) : std::nullopt;
 }

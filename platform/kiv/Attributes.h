@@ -91,6 +91,30 @@ void disown(const V& value) {
   }
 }
 
+/// Handles to objects that end when their owner lets go of them, whoever else holds them: reactors,
+/// and entities that own some.
+template <class V>
+inline constexpr bool isRetiring = false;
+template <class T>
+requires std::derived_from<T, Notifiee> || requires(T& object) {
+  object.retire();
+}
+inline constexpr bool isRetiring<Ptr<T>> = true;
+
+/// Says that `owner` has let go of `old`, and announces it.
+template <class Tag, class V, class... Key>
+void left(const Entity& owner, const V& old, const Key&... key) {
+  disown(old);
+  if constexpr (isRetiring<V>) {
+    // What it lets go of in turn may be all that holds the owner.
+    const Ptr<const Entity> alive(&owner);
+    if (old) old->retire();
+    owner.notify<Tag>(key...);
+  } else {
+    owner.notify<Tag>(key...);
+  }
+}
+
 }  // namespace detail
 
 /// One object that its entity creates and owns.
@@ -103,18 +127,25 @@ class Singleton {
   Singleton() = default;
   Singleton(const Singleton&) = delete;
   Singleton& operator=(const Singleton&) = delete;
-  ~Singleton() { detail::disown(object_); }
+  ~Singleton() { drop(); }
 
   const Ptr<T>& get() const noexcept { return object_; }
   bool set(const Entity& owner, Ptr<T> object) {
     if (object_ == object) return false;
     const Ptr<T> old = std::exchange(object_, std::move(object));
-    detail::disown(old);
     detail::adopt<Tag>(owner, object_);
-    owner.notify<Tag>();
+    detail::left<Tag>(owner, old);
     return true;
   }
   bool del(const Entity& owner) { return set(owner, nullptr); }
+  /// Forgets the object without a word.
+  void drop() {
+    const Ptr<T> old = std::exchange(object_, nullptr);
+    detail::disown(old);
+    if constexpr (detail::isRetiring<Ptr<T>>) {
+      if (old) old->retire();
+    }
+  }
 
  private:
   Ptr<T> object_;
@@ -153,9 +184,8 @@ class Collection {
     const auto [stored, added] = map_.tryEmplace(key);
     if (!added && *stored == value) return false;
     const Value old = std::exchange(*stored, std::move(value));
-    detail::disown(old);
     detail::adopt<Tag>(owner, *stored);
-    owner.notify<Tag>(key);
+    detail::left<Tag>(owner, old, key);
     return true;
   }
 
@@ -166,8 +196,7 @@ class Collection {
     const Key removed = key;  // NOLINT(performance-*): `key` may be the stored one
     const Value old = std::move(*found);
     map_.erase(removed);
-    detail::disown(old);
-    owner.notify<Tag>(removed);
+    detail::left<Tag>(owner, old, removed);
     return true;
   }
   /// Removes the entry on which `it` stands; `it` may then be advanced.
@@ -194,7 +223,13 @@ class Collection {
     }
   }
   void disownAll() {
-    if constexpr (detail::isEntityHandle<Value>) {
+    if constexpr (detail::isRetiring<Value>) {
+      // What they let go of may run anybody's code: it finds nothing here any more.
+      const Map dropped = std::exchange(map_, Map());
+      for (const auto& entry : dropped) {
+        if (entry.value) entry.value->retire();
+      }
+    } else if constexpr (detail::isEntityHandle<Value>) {
       for (const auto& entry : map_) detail::disown(entry.value);
     }
   }
@@ -496,7 +531,8 @@ class KeySet {
     return attr##_.map().whereabouts(); \
   }
 
-/// A set of keys: adds attrIs(key, present), newAttr(key, present) and the deletions.
+/// A set of keys: adds attrIs(key, present), newAttr(key, present), which also returns whether it
+/// is a member, and the deletions.
 #define KIV_SET(id, attr, Attr, Key) \
   KIV_SET_VIEW(id, attr, Attr, Key)  \
   KIV_SET_CHANGES(attr, Attr, Key)
@@ -506,8 +542,9 @@ class KeySet {
   void attr##Is(const Key& key, bool present) {  \
     attr##_.set(*this, key, present);            \
   }                                              \
-  void new##Attr(const Key& key, bool present) { \
+  bool new##Attr(const Key& key, bool present) { \
     attr##Is(key, present);                      \
+    return present;                              \
   }
 
 /// A set of keys that also gives those of a range.
@@ -526,10 +563,12 @@ class KeySet {
 #define KIV_LAZY_COLLECTION_ON(id, attr, Attr, Key, Type, ...)                         \
   KIV_COLLECTION_ON(id, attr, Attr, Key, ::Kiv::Ptr<Type>,                             \
                     ::Kiv::LazyMap<Attr##Attribute, __VA_ARGS__>)                      \
-  const ::Kiv::Ptr<Type>& attr##Is(const Key& key) {                                   \
+  ::Kiv::Ptr<Type> attr##Is(const Key& key) {                                          \
     if (const auto* present = attr##Find(key)) return *present;                        \
-    attr##Expect(key);                                                                 \
-    return attr(key);                                                                  \
+    attr##_.map().expect(*this, key);                                                  \
+    const ::Kiv::Ptr<Type> made = attr(key);                                           \
+    this->template notify<Attr##Attribute>(key);                                       \
+    return made;                                                                       \
   }                                                                                    \
   void attr##Expect(const Key& key) {                                                  \
     if (attr##_.map().expect(*this, key)) this->template notify<Attr##Attribute>(key); \

@@ -44,6 +44,13 @@ std::string_view takeSegment(std::string_view& path) {
   return segment;
 }
 
+/// The one form of a path: each segment with the bytes percent-encoded that it may not hold.
+std::string canonical(std::string_view path) {
+  std::string text;
+  while (!path.empty()) text += '/' + uriSegment(decoded(takeSegment(path)));
+  return text;
+}
+
 /// The key that `segment` stands for: a name as it is, of another type its text.
 GenericValue keyOf(const AttributeDescriptor& attribute, const std::string& segment) {
   const std::string name = valueToStrep(StringN(std::string_view(segment)));
@@ -79,12 +86,12 @@ std::optional<std::pair<GenericValue, GenericValue>> takeMember(
 
 }  // namespace
 
-EntityDirectory::Mount::Mount(std::string place, const GenericValue& handle)
-    : place_(std::move(place)) {
-  if (!place_.starts_with('/') || place_.ends_with('/')) {
-    throw Exception("an entity cannot be put at " + place_);
+EntityDirectory::Mount::Mount(std::string_view place, const GenericValue& handle)
+    : place_(place.starts_with('/') ? canonical(place) : std::string()) {
+  if (place_.empty() || place_.ends_with('/')) {
+    throw Exception("an entity cannot be put at " + std::string(place));
   }
-  if (handle.isNone() || !handle.type().isReflected()) {
+  if (handle.isNone() || handle.arguments() != nullptr || !handle.type().isReflected()) {
     throw Exception("what is put at " + place_ + " is no entity");
   }
   if (!mounted().try_emplace(place_, handle).second) throw Exception(place_ + " is taken");
@@ -100,23 +107,30 @@ EntityDirectory::Place EntityDirectory::find(std::string_view path, LastKey last
     return Exception(whole.substr(0, whole.size() - rest.size()) + ": no such path");
   };
   while (path.ends_with('/')) path.remove_suffix(1);
+  if (!path.empty() && !path.starts_with('/')) throw nowhere("");
   Place place;
+  std::string_view behind;
   // The longest place that the path begins with.
-  for (auto it = mounted().rbegin(); it != mounted().rend(); ++it) {
-    const std::string& at = it->first;
-    if (path.starts_with(at) && (path.size() == at.size() || path[at.size()] == '/')) {
-      place.value = it->second;
-      path.remove_prefix(at.size());
-      break;
+  for (const auto& [at, handle] : mounted()) {
+    std::string_view rest = path;
+    for (auto left = std::count(at.begin(), at.end(), '/'); left != 0 && !rest.empty(); --left) {
+      takeSegment(rest);
+    }
+    if (canonical(path.substr(0, path.size() - rest.size())) != at) continue;
+    if (place.value.isNone() || rest.size() < behind.size()) {
+      place.value = handle;
+      behind = rest;
     }
   }
   if (place.value.isNone()) {
     if (path.empty()) return place;
+    const std::string above = canonical(path) + '/';
     for (const auto& [at, handle] : mounted()) {
-      if (at.starts_with(path) && at[path.size()] == '/') return place;
+      if (at.starts_with(above)) return place;
     }
     throw nowhere("");
   }
+  path = behind;
 
   while (true) {
     const bool isEntity = !place.value.isNone() && place.value.type().isReflected();
@@ -162,7 +176,11 @@ std::optional<std::string> EntityDirectory::pathOf(const Entity& entity) {
     const auto* attribute = type->attribute((*at)->parentAttr());
     if (attribute == nullptr) return std::nullopt;
     path += std::string("/") + attribute->name;
-    if (attribute->isCollection()) path += '/' + uriSegment((*at)->name());
+    if (attribute->isCollection()) {
+      // Nothing behind a slash stands for the whole collection.
+      if ((*at)->name().empty()) return std::nullopt;
+      path += '/' + uriSegment((*at)->name());
+    }
     type = &attribute->type();
   }
   return path;

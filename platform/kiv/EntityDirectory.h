@@ -15,17 +15,17 @@ namespace Kiv {
 ///
 /// A path goes on behind such a place by names of attributes, and by keys where the attribute is a
 /// collection: "/ipv4/default/adjacencyToPrefix/7/prefix". Bytes of a name that a URI path segment
-/// may not hold are percent-encoded (RFC 3986); a "/" inside a key may also stand for itself, and
-/// the longest key that is there is taken.
+/// may not hold are percent-encoded (RFC 3986); where they are not, they are taken as they stand. A
+/// "/" inside a key may also stand for itself, and the longest key that is there is taken. No path
+/// leads to a member whose name is empty.
 class EntityDirectory {
  public:
   /// Puts an entity at a place for as long as this object lives.
   class Mount {
    public:
     /// \throws Kiv::Exception when the place is taken or is not of the form "/NAME/...", or the
-    /// handle
-    ///   refers to no entity.
-    Mount(std::string place, const GenericValue& handle);
+    ///   handle refers to no entity.
+    Mount(std::string_view place, const GenericValue& handle);
     Mount(const Mount&) = delete;
     Mount& operator=(const Mount&) = delete;
     ~Mount();
@@ -54,7 +54,7 @@ class EntityDirectory {
   enum class LastKey { kOfMember, kAny };
   /// \throws Kiv::Exception that says which part of the path leads nowhere.
   static Place find(std::string_view path, LastKey lastKey = LastKey::kOfMember);
-  /// The places there are, in ascending order.
+  /// The places there are, percent-encoded, in ascending order.
   static std::vector<std::string> places();
 
   /// The path of an entity; nothing when none leads to it.

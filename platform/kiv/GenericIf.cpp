@@ -123,7 +123,8 @@ GenericValue GenericIfEntity::attributeOp(AttributeOp op, const GenericValue& va
                            : op.op == Op::kDel    ? attribute.del != nullptr
                            : op.op == Op::kDelAll ? attribute.delAll != nullptr
                            : op.op == Op::kCreate ? attribute.create != nullptr
-                                                  : attribute.call != nullptr;
+                           : op.op == Op::kCall   ? attribute.call != nullptr
+                                                  : false;
   if (!isSupported) throwOpNotSupportedException(attribute.name, op.op);
   const bool changes = op.op != Op::kRead && !attribute.isConst;
   if (changes && !writable_) throwConstException(attribute.name);
@@ -177,6 +178,10 @@ GenericIf::AttributeIterator GenericIfEntity::attributeIteratorConst(AttributeId
 
 GenericIf::AttributeIterator GenericIfEntity::attributeIteratorKeyConst(
     AttributeId id, const GenericValue& key) const {
+  const AttributeDescriptor& attribute = attributeOf(type_, id);
+  if (attribute.isCollection() && key.isNone()) {
+    throwBadIndexAttrException(attribute.name, "needs an index");
+  }
   return {type_.operations().wrap(entity_, false), id, walk(id, key)};
 }
 

@@ -198,6 +198,10 @@ struct EntityType {
   static std::unique_ptr<GenericIf> genericIf(const Ptr<T>& entity, bool writable) {
     return std::make_unique<typename T::GenericIf_>(entity, writable);
   }
+  /// To a const entity, which is never writable.
+  static std::unique_ptr<GenericIf> genericIf(const Ptr<const T>& entity, bool /*writable*/) {
+    return std::make_unique<typename T::GenericIf_>(entity);
+  }
   /// To the T that `text` stands for. \throws Kiv::Exception when it stands for none.
   static std::unique_ptr<GenericIf> genericIf(std::string_view text, bool writable) {
     return Kiv::genericIf(T::_fwkType().strepToValue(text), writable);

@@ -39,6 +39,13 @@ class Notifiee : public Object {
   /// Puts this reactor, and every reactor it owns, into or out of the state in which no callback
   /// is delivered.
   virtual void kivDoZombieReactors(bool zombie) { zombie_ = zombie; }
+  /// Its owner has removed or replaced it, or is going: it becomes a zombie and leaves its
+  /// notifier, so that whoever still holds it holds one that reacts to nothing and keeps no
+  /// notifier alive.
+  virtual void retire() {
+    kivDoZombieReactors(true);
+    notifierEntityIs(nullptr);
+  }
 
   bool isRegisteredNotifiee() const noexcept { return registered_; }
   /// Enters this into the notifier's list or takes it out; without a notifier nothing happens. What

@@ -28,7 +28,9 @@ class TextReader {
   long long column() const noexcept { return static_cast<long long>(at_) + 1; }
   std::string_view rest() const noexcept { return text_.substr(at_); }
 
-  void skipBlanks() { run(" \t"); }
+  void skipBlanks() { run(kBlanks); }
+  /// skipBlanks() where there must be at least one. \returns whether there was.
+  bool takeBlanks() { return !run(kBlanks).empty(); }
   /// Takes `literal` if it comes next.
   bool take(std::string_view literal);
   /// Takes the longest run of characters of `alphabet`; it may be empty.
@@ -44,6 +46,8 @@ class TextReader {
   std::optional<uint64_t> number(uint64_t max);
 
  private:
+  static constexpr std::string_view kBlanks = " \t";
+
   /// Takes what comes before the next of these characters.
   std::string_view upTo(std::string_view ends);
 

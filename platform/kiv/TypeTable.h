@@ -40,6 +40,10 @@ constexpr TypeRef typeRef() {
 /// `value` as a V, for an attribute or for an argument of a method.
 template <class V>
 V unpack(const GenericValue& value, const char* attribute, const char* argument = nullptr) {
+  const auto shownAttribute = [=] {
+    return argument == nullptr ? std::string(attribute)
+                               : std::string(attribute) + ", argument " + argument;
+  };
   if constexpr (isHandle<V>) {
     using T = typename V::Element;
     if (value.isNone()) return V();
@@ -47,13 +51,18 @@ V unpack(const GenericValue& value, const char* attribute, const char* argument 
     if constexpr (std::is_const_v<T>) {
       if (const auto* handle = value.as<Ptr<std::remove_const_t<T>>>()) return *handle;
     }
-  } else {
-    if (const auto* stored = value.as<V>()) return *stored;
+  } else if (const auto* stored = value.as<V>()) {
+    if constexpr (requires { TextForm<V>::isInEnumeration(*stored); }) {
+      if (!TextForm<V>::isInEnumeration(*stored)) {
+        GenericIf::throwTypeException(shownAttribute(), typeRef<V>()().name(),
+                                      "one outside its enumeration");
+      }
+    }
+    return *stored;
   }
   const bool isConst = isHandle<V> && !value.isNone() && value.typeName() == typeRef<V>()().name();
-  GenericIf::throwTypeException(
-      argument == nullptr ? attribute : std::string(attribute) + ", argument " + argument,
-      typeRef<V>()().name(), (isConst ? "const " : "") + value.typeName());
+  GenericIf::throwTypeException(shownAttribute(), typeRef<V>()().name(),
+                                (isConst ? "const " : "") + value.typeName());
 }
 
 template <class K>
@@ -288,7 +297,8 @@ TypeTable<T>& TypeTable<T>::attribute() {
   if constexpr (detail::isCollection<S>) {
     using K = typename S::Map::Key;
     using V = detail::Shown<typename S::Map::Value>;
-    added.flags = Flags(added.flags.value() | Flags::kCollection);
+    added.flags = Flags(added.flags.value() | Flags::kCollection |
+                        (detail::isRetiring<typename S::Map::Value> ? Flags::kInstantiating : 0));
     added.type = detail::typeRef<V>();
     added.key.type = detail::typeRef<K>();
     added.read = [](Self self, const Entity& entity, const GenericValue& index) {
@@ -351,11 +361,17 @@ TypeTable<T>& TypeTable<T>::creator(const std::array<ArgumentName, N>& names) {
   becomesWritable();
   row().arguments = arguments<Values>(names);
   row().create = [](Self self, Entity& entity, std::span<const GenericValue> given) {
-    return detail::applyTo<Values>(
-        [&entity](const auto&... values) -> decltype(auto) {
-          return (static_cast<T&>(entity).*Creator)(values...);
-        },
-        given, self.name, self.arguments);
+    const auto make = [&entity](const auto&... values) {
+      if constexpr (std::is_void_v<typename detail::Signature<decltype(Creator)>::Result>) {
+        (static_cast<T&>(entity).*Creator)(values...);
+      } else {
+        const auto made = (static_cast<T&>(entity).*Creator)(values...);
+        return detail::shown(made);
+      }
+    };
+    GenericValue made = detail::applyTo<Values>(make, given, self.name, self.arguments);
+    // An accessor that does not say what it made has put it into the attribute.
+    return made.isNone() && !self.isCollection() ? self.read(self, entity, {}) : made;
   };
   return *this;
 }

@@ -49,6 +49,15 @@ TEST(TextFormTest, RefusesWhatIsNoValueAndWhatGoesOn) {
             "refused: junk at column 9 deserializing Zemit::IpAddr");
   EXPECT_EQ(again<Tovan::Fib::Route>("10.0.0.0/8 attached_ metric 1 speed 2"),
             "refused: junk at column 30 deserializing Tovan::Fib::Route");
+  // Fields stand apart.
+  EXPECT_EQ(again<Tovan::Fib::Route>("10.0.0.0/24attached_"),
+            "refused: junk at column 12 deserializing Tovan::Fib::Route");
+  EXPECT_EQ(again<Tovan::Fib6::Route>("::/0 bgp_ metric 5preference 3"),
+            "refused: junk at column 19 deserializing Tovan::Fib6::Route");
+  EXPECT_EQ(again<Arp::ArpEntryStatus>("10.0.0.5aa:bb:cc:dd:ee:ff"),
+            "refused: junk at column 9 deserializing Arp::ArpEntryStatus");
+  EXPECT_EQ(again<Routing::Fhrp::VrfIpPair>("\"red\"2001:db8::1"),
+            "refused: no Routing::Fhrp::VrfIpPair at column 1");
   EXPECT_EQ(again<Zemit::Prefix>("10.0.0.1/24"), "refused: no Zemit::Prefix at column 1");
   EXPECT_EQ(again<Tovan::Fib::Route>("10.0.0.0/8 preference 256"),
             "refused: no Tovan::Fib::Route at column 1");
