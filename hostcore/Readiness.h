@@ -59,7 +59,7 @@ void Readiness<F>::mergeRib() const {
     }
   }
   if (changed->ipCount() != 0) sm_.doMerge(changed);
-  F::hostRoutesSyncedIs(*sm_.vrfReadiness(), Kiv::now());
+  F::hostRoutesSyncedNow(*sm_.vrfReadiness());
 }
 
 /// Sets an entry ready, as of now.

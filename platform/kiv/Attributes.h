@@ -114,6 +114,13 @@ class Singleton {
     owner.notify<Tag>();
     return true;
   }
+  /// Makes an object of `args` and stores it in place of another. Returns it.
+  template <class... Args>
+  Ptr<T> create(const Entity& owner, const Args&... args) {
+    const auto made = make<T>(args...);
+    set(owner, made);
+    return made;
+  }
   bool del(const Entity& owner) { return set(owner, nullptr); }
 
  private:
@@ -157,6 +164,14 @@ class Collection {
     detail::adopt<Tag>(owner, *stored);
     owner.notify<Tag>(key);
     return true;
+  }
+
+  /// Of owned objects that are made of their keys: makes the one of `key`, in place of another.
+  /// Returns it.
+  Value create(const Entity& owner, const Key& key) {
+    const auto made = make<typename Value::Element>(key);
+    set(owner, key, made);
+    return made;
   }
 
   /// Removes an entry and announces its key. The removed value lives until that is done.
@@ -344,11 +359,15 @@ class KeySet {
     attr##_.set(*this, value);                    \
   }
 
-/// A reference to an object of another owner: attr(), attrRaw(). Its setter stands beside it.
+/// A reference to an object of another owner: attr(), attrRaw(), attrNotify(). Its setter stands
+/// beside it.
 #define KIV_POINTER_VIEW(id, attr, Attr, Type)            \
   KIV_VALUE_TAG(id, attr, Attr);                          \
   ::Kiv::Ptr<Type> attr() const noexcept {                \
     return attr##_.get();                                 \
+  }                                                       \
+  void attr##Notify() const {                             \
+    this->template notify<Attr##Attribute>();             \
   }                                                       \
   Type* attr##Raw() const noexcept {                      \
     return attr##_.raw();                                 \
@@ -366,11 +385,15 @@ class KeySet {
     attr##_.set(*this, object);                   \
   }
 
-/// An owned object that anybody may read: attr(). What makes and removes it stands beside it.
+/// An owned object that anybody may read: attr(), attrNotify(). What makes and removes it stands
+/// beside it.
 #define KIV_SINGLETON_VIEW(id, attr, Attr, Type)   \
   KIV_VALUE_TAG(id, attr, Attr);                   \
   const ::Kiv::Ptr<Type>& attr() const noexcept {  \
     return attr##_.get();                          \
+  }                                                \
+  void attr##Notify() const {                      \
+    this->template notify<Attr##Attribute>();      \
   }                                                \
                                                    \
  private:                                          \
@@ -521,8 +544,8 @@ class KeySet {
 
 /// A collection of objects that are made of their keys, each when it is first looked at, on the
 /// storage given last: adds attrIs(key), which makes an entry unless it is there and gives its
-/// object; attrExpect(key), which leaves the object to be made; and attrIfMade(key), which gives
-/// null for one that is not made.
+/// object; newAttr(key), which puts a new object in place of another; attrExpect(key), which leaves
+/// the object to be made; and attrIfMade(key), which gives null for one that is not made.
 #define KIV_LAZY_COLLECTION_ON(id, attr, Attr, Key, Type, ...)                         \
   KIV_COLLECTION_ON(id, attr, Attr, Key, ::Kiv::Ptr<Type>,                             \
                     ::Kiv::LazyMap<Attr##Attribute, __VA_ARGS__>)                      \
@@ -530,6 +553,9 @@ class KeySet {
     if (const auto* present = attr##Find(key)) return *present;                        \
     attr##Expect(key);                                                                 \
     return attr(key);                                                                  \
+  }                                                                                    \
+  ::Kiv::Ptr<Type> new##Attr(const Key& key) {                                         \
+    return attr##_.create(*this, key);                                                 \
   }                                                                                    \
   void attr##Expect(const Key& key) {                                                  \
     if (attr##_.map().expect(*this, key)) this->template notify<Attr##Attribute>(key); \
