@@ -96,12 +96,11 @@ int replay(const Options& options) {
   }
   const auto output =
       options.json ? Replay::jsonOutput(std::cout) : Replay::textOutput(std::cout, isColoured());
+  const Replay::Tracing tracing(*output, Replay::parseTraceLevels(options.traceLevels).value_or(0));
   Daemon::Switch sw({.settles = options.settles, .sharedName = options.sharedName});
   if (!options.sharedName.empty()) removeTablesOnSignal(options.sharedName, options.holds);
   Replay::Player player(sw, *output,
-                        {.traceLevels = Replay::parseTraceLevels(options.traceLevels).value_or(0),
-                         .echoes = options.echoes,
-                         .dumpsAtEnd = !options.noFinalDump});
+                        {.echoes = options.echoes, .dumpsAtEnd = !options.noFinalDump});
   const bool showsProgress = isFile && isTerminal(STDERR_FILENO);
   const auto outcome = player.run(isFile ? file : std::cin, options.file, std::cout, std::cerr,
                                   showsProgress ? showProgress : std::function<void(size_t)>());

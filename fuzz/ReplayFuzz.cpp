@@ -19,8 +19,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::istringstream in(std::string(data, data + size));
   std::ostringstream out;
   const auto output = Replay::jsonOutput(out);
+  const Replay::Tracing tracing(*output, *Replay::parseTraceLevels("all"));
   Daemon::Switch sw({.settles = true});
-  Replay::Player player(sw, *output, {.traceLevels = *Replay::parseTraceLevels("all")});
+  Replay::Player player(sw, *output, {});
   for (std::string line; std::getline(in, line);) {
     try {
       player.apply(line);

@@ -4,6 +4,7 @@
 #include "host/ReceiveRoutes.h"
 #include "host/RouteSm.h"
 #include "host/RouteWriter.h"
+#include "platform/kiv/Clock.h"
 #include "platform/kiv/Trace.h"
 
 namespace Routing::Host {
@@ -93,10 +94,10 @@ struct Ipv4 {
   static void neighborSetDel(RouteSmRoot& root, const Prefix& prefix) { root.arpRouteDel(prefix); }
 
   static const VirtualIpStatus* virtualIps(const RouteSm& sm) { return sm.virtualIps(); }
-  /// Reports the VRF's host routes synchronised as of `time`, unless that was done before.
-  static void hostRoutesSyncedIs(RovelReady::VrfStatus& readiness, double time) {
+  /// Reports the VRF's host routes synchronised as of now, unless that was done before.
+  static void hostRoutesSyncedNow(RovelReady::VrfStatus& readiness) {
     if (readiness.v4HostRoutesSynced()) return;
-    readiness.v4HostRoutesSyncedTimeIs(time);
+    readiness.v4HostRoutesSyncedTimeIs(Kiv::now());
     readiness.v4HostRoutesSyncedIs(true);
   }
 

@@ -21,11 +21,11 @@ Obu::IntfDir::Ptr Ipv4::subtract(const RouteSmRoot& /*root*/, const Obu::IntfDir
 }
 
 bool nonemptyIntersection(const Obu::IntfDir::PtrConst& a, const Obu::IntfDir::PtrConst& b) {
-  return HostCore::intersects(*a, *b);
+  return HostCore::intersects(*Kiv::validPtr(a), *Kiv::validPtr(b));
 }
 
 Obu::IntfDir::Ptr subtract(const Obu::IntfDir::PtrConst& a, const Obu::IntfDir::PtrConst& b) {
-  return HostCore::lackingIn(*a, *b);
+  return HostCore::lackingIn(*Kiv::validPtr(a), *Kiv::validPtr(b));
 }
 
 void RouteSm::handleStatusRoute(const Zemit::Prefix& prefix) {

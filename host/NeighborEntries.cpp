@@ -22,18 +22,18 @@ void RouteSm::KivArpIntfStatus::onArpEntryExpected(const Zemit::IpAddr& addr) co
 void RouteSm::KivArpIntfStatus::handleArpEntry(Zemit::IpAddr addr) {
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::KivArpIntfStatus::handleArpEntry(Zemit::IpAddr)");
-  Steps(*routeSm()).handleArpEntry(*this, addr, Arp::ArpEntryStatus{.ipAddr = addr});
+  Steps(Kiv::validPtr(routeSm())).handleArpEntry(*this, addr, Arp::ArpEntryStatus{.ipAddr = addr});
 }
 
 void RouteSm::KivArpIntfStatus::handleArpEntry() {
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::KivArpIntfStatus::handleArpEntry()");
-  Steps(*routeSm()).handleArpEntry(*this);
+  Steps(Kiv::validPtr(routeSm())).handleArpEntry(*this);
 }
 
 void RouteSm::KivArpIntfStatus::handleDel() {
   KIV_TRACE(hostRouteTrace, 8, *this, "void Routing::Host::RouteSm::KivArpIntfStatus::handleDel()");
-  Steps(*routeSm()).handleDel(*this);
+  Steps(Kiv::validPtr(routeSm())).handleDel(*this);
 }
 
 void RouteSm::handleArpEntries() {

@@ -2,18 +2,21 @@
 #pragma once
 
 #include "platform/arp/NeighborDir.h"
+#include "platform/kiv/Export.h"
 #include "platform/obu/IntfDir.h"
 
 namespace Routing::Host {
 
 /// True when the table's neighbours yield no host routes: the interface's name begins with
 /// "Management".
-bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus);
+KIV_EXPORT bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus);
 
 /// True when the two sets share an interface.
-bool nonemptyIntersection(const Obu::IntfDir::PtrConst& a, const Obu::IntfDir::PtrConst& b);
+KIV_EXPORT bool nonemptyIntersection(const Obu::IntfDir::PtrConst& a,
+                                     const Obu::IntfDir::PtrConst& b);
 
 /// The interfaces that `b` has and `a` lacks.
-Obu::IntfDir::Ptr subtract(const Obu::IntfDir::PtrConst& a, const Obu::IntfDir::PtrConst& b);
+KIV_EXPORT Obu::IntfDir::Ptr subtract(const Obu::IntfDir::PtrConst& a,
+                                      const Obu::IntfDir::PtrConst& b);
 
 }  // namespace Routing::Host

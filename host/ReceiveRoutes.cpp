@@ -10,13 +10,13 @@ namespace Routing::Host {
 
 namespace {
 
-/// The addresses that an interface address yields: itself, and the network and the broadcast
-/// address of a subnet that has them (RFC 3021: one of 31 bits has not).
-class YieldedAddresses {
+/// An interface address itself, and the network and the broadcast address of a subnet that has them
+/// (RFC 3021: one of 31 bits has not). 0.0.0.0 is no address.
+class DerivedAddresses {
  public:
-  explicit YieldedAddresses(const Zemit::IpAddrWithMask& of) {
-    if (of.addr().isZero()) return;
-    addrs_[count_++] = of.addr();
+  DerivedAddresses() = default;
+  explicit DerivedAddresses(const Zemit::IpAddrWithMask& of) {
+    if (!of.addr().isZero()) addrs_[count_++] = of.addr();
     if (of.len() > 30) return;
     addrs_[count_++] = of.subnetAddr();
     addrs_[count_++] = of.allOnesAddr();
@@ -31,17 +31,24 @@ class YieldedAddresses {
   size_t count_ = 0;
 };
 
+/// Those for which an interface address gets routes: none when it is 0.0.0.0, whatever its mask.
+DerivedAddresses yieldedBy(const Zemit::IpAddrWithMask& addrWithMask) {
+  return addrWithMask.addr().isZero() ? DerivedAddresses() : DerivedAddresses(addrWithMask);
+}
+
 }  // namespace
 
 void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
                             const Zemit::IpAddrWithMask& addrWithMask, const RouteSmRoot::Ptr& root,
                             const Obu::AddrSet::Ptr& changed) {
-  const auto name = status->name();
-  KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
+  const auto name = Kiv::validPtr(status)->name();
+  Kiv::validPtr(root);
+  Kiv::validPtr(changed);
+  KIV_TRACE(hostRouteTrace, 8, *root,
             "addActiveReceiveRoutes"
                 << "  addrMask: " << addrWithMask << " intfName: " << name);
   bool isOwn = true;  // the first one, also where the network's address is the same
-  for (const Zemit::IpAddr ip : YieldedAddresses(addrWithMask)) {
+  for (const Zemit::IpAddr ip : yieldedBy(addrWithMask)) {
     const auto adjacency = isOwn ? HostCore::receiveAdjacency<Ipv4>(status->intfId(), *root)
                                  : Tovan::Fib::invalidFecId;
     HostCore::writeReceiveRoute<Ipv4>(ip, adjacency, isOwn ? Fib::receive_ : Fib::receiveBcast_,
@@ -52,7 +59,9 @@ void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
 
 void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& /*status*/, const Kiv::Name& intfName,
                          const RouteSmRoot::Ptr& root, const Obu::AddrSet::Ptr& changed) {
-  KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
+  Kiv::validPtr(root);
+  Kiv::validPtr(changed);
+  KIV_TRACE(hostRouteTrace, 8, *root,
             "removeReceiveRoutes"
                 << "  intf: " << intfName);
   // Each address leaves the record before its routes go, so that only those that remain count as
@@ -74,10 +83,12 @@ void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& /*status*/, const Kiv
 void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
                                     const Kiv::Name& intfName, const Obu::AddrSet::Ptr& changed,
                                     const RouteSmRoot::Ptr& root) {
-  KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
+  Kiv::validPtr(root);
+  Kiv::validPtr(changed);
+  KIV_TRACE(hostRouteTrace, 8, *root,
             "removeAddrMaskFromReceiveTable"
                 << " remove recv route: " << addrWithMask);
-  for (const Zemit::IpAddr ip : YieldedAddresses(addrWithMask)) {
+  for (const Zemit::IpAddr ip : DerivedAddresses(addrWithMask)) {
     const auto* owner = root->receiveAddrToIntfNameFind(ip);
     if (owner == nullptr || *owner != intfName) continue;
     removeReceiveRoute(ip, intfName, root);
@@ -86,17 +97,18 @@ void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
 }
 
 void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const RouteSmRoot::Ptr& root) {
-  KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
+  Kiv::validPtr(root);
+  KIV_TRACE(hostRouteTrace, 8, *root,
             "void Routing::Host::removeReceiveRoute(Zemit::IpAddr, const Kiv::Name&, "
             "const Routing::Host::RouteSmRoot::Ptr&)"
                 << " remove recv route: " << ip);
-  if (YieldedAddresses(root->intfNameToAddrWithMask(intfName)).contain(ip)) {
+  if (yieldedBy(root->intfNameToAddrWithMask(intfName)).contain(ip)) {
     KIV_TRACE(hostRouteTrace, 8, *root, " found overlapping addr ");
     return;
   }
   if (const auto secondaries = root->intfNameToSecondaryAddrWithMask(intfName)) {
     for (auto it = secondaries->addrWithMaskIteratorConst(); it; ++it) {
-      if (!YieldedAddresses(it.key()).contain(ip)) continue;
+      if (!yieldedBy(it.key()).contain(ip)) continue;
       KIV_TRACE(hostRouteTrace, 8, *root, " found overlapping addr ");
       return;
     }
@@ -106,7 +118,7 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
 
 void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus::PtrConst& status) {
   const auto root = Kiv::validPtr(Kiv::validPtr(routeSm)->root());
-  const auto name = status->name();
+  const auto name = Kiv::validPtr(status)->name();
   KIV_TRACE(hostRouteTrace, 8, *root,
             "recomputeReceiveRoutes"
                 << " for interface: " << name);

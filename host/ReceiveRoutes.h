@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/RouteSm.h"
+#include "platform/kiv/Export.h"
 
 namespace Routing::Host {
 
@@ -11,27 +12,32 @@ namespace Routing::Host {
 /// The interface becomes the owner of each address, also of one that another interface owned.
 ///
 /// \param changed  gains each address written.
-void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
-                            const Zemit::IpAddrWithMask& addrWithMask, const RouteSmRoot::Ptr& root,
-                            const Obu::AddrSet::Ptr& changed);
+KIV_EXPORT void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
+                                       const Zemit::IpAddrWithMask& addrWithMask,
+                                       const RouteSmRoot::Ptr& root,
+                                       const Obu::AddrSet::Ptr& changed);
 
 /// Removes all receive routes that are recorded for an interface, and the record.
 ///
 /// \param status   not consulted; null when the interface is gone.
 /// \param changed  gains each address that the interface owned.
-void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status, const Kiv::Name& intfName,
-                         const RouteSmRoot::Ptr& root, const Obu::AddrSet::Ptr& changed);
+KIV_EXPORT void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
+                                    const Kiv::Name& intfName, const RouteSmRoot::Ptr& root,
+                                    const Obu::AddrSet::Ptr& changed);
 
 /// Removes the receive routes of one interface address, whose own record is already gone. Addresses
 /// that another interface owns are left alone.
-void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
-                                    const Kiv::Name& intfName, const Obu::AddrSet::Ptr& changed,
-                                    const RouteSmRoot::Ptr& root);
+KIV_EXPORT void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
+                                               const Kiv::Name& intfName,
+                                               const Obu::AddrSet::Ptr& changed,
+                                               const RouteSmRoot::Ptr& root);
 
 /// Removes one receive address, unless another address recorded for the interface yields it too.
-void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const RouteSmRoot::Ptr& root);
+KIV_EXPORT void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName,
+                                   const RouteSmRoot::Ptr& root);
 
 /// Rebuilds an interface's receive routes from scratch and merges what that touched.
-void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus::PtrConst& status);
+KIV_EXPORT void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm,
+                                       const Ip::IpIntfStatus::PtrConst& status);
 
 }  // namespace Routing::Host

@@ -128,52 +128,67 @@ void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id)
   HostCore::Listening<Ipv4>(*this).missed();
 }
 
+void RouteSm::notificationMissed() {
+  HostCore::Listening<Ipv4>(*this).missed();
+}
+
 void RouteSm::inputReplaced(bool changed) {
   if (changed) HostCore::Listening<Ipv4>(*this).missed();
 }
 
-void RouteSm::newFwdStatus(const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus) {
+Kiv::Ptr<RouteSm::KivFwdStatus> RouteSm::newFwdStatus(
+    const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus) {
   requireNotEnded();
   HostCore::bindNew(fwdStatus_, *this, inputsStored_, fwdStatus);
+  return fwdStatus_.get();
 }
 
 const Tovan::Fib::ForwardingStatus* RouteSm::forwardingStatus() const noexcept {
   return HostCore::watchedBy(fwdStatus());
 }
 
-void RouteSm::newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
+Kiv::Ptr<RouteSm::KivRibReadyStatus> RouteSm::newRibReadyStatus(
+    const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
   requireNotEnded();
   HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus);
+  return ribReadyStatus_.get();
 }
 
 RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
   return ribReadyStatus() ? ribReadyStatus()->status() : nullptr;
 }
 
-void RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
+Kiv::Ptr<RouteSm::KivSeqConfig> RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
   requireNotEnded();
   HostCore::bindNew(seqConfig_, *this, inputsStored_, seqConfig);
+  return seqConfig_.get();
 }
 
-void RouteSm::newIpv4SeqInfo(const Rovel::SeqInfo::Ptr& ipv4SeqInfo) {
+Kiv::Ptr<RouteSm::KivIpv4SeqInfo> RouteSm::newIpv4SeqInfo(const Rovel::SeqInfo::Ptr& ipv4SeqInfo) {
   requireNotEnded();
   HostCore::bindNew(ipv4SeqInfo_, *this, inputsStored_, ipv4SeqInfo);
+  return ipv4SeqInfo_.get();
 }
 
-void RouteSm::newIpStatus(const Ip::Status::PtrConst& ipStatus) {
+Kiv::Ptr<RouteSm::KivIpStatus> RouteSm::newIpStatus(const Ip::Status::PtrConst& ipStatus) {
   requireNotEnded();
   HostCore::bindNew(ipStatus_, *this, inputsStored_, ipStatus);
+  return ipStatus_.get();
 }
 
-void RouteSm::newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighborDirByIntfName) {
+Kiv::Ptr<RouteSm::KivNeighborDirByIntfName> RouteSm::newNeighborDirByIntfName(
+    const Arp::NeighborDir::PtrConst& neighborDirByIntfName) {
   requireNotEnded();
   HostCore::bindNew(neighborDirByIntfName_, *this, inputsStored_, neighborDirByIntfName);
+  return neighborDirByIntfName_.get();
 }
 
-void RouteSm::newVirtualIpStatus(const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus) {
+Kiv::Ptr<RouteSm::KivVirtualIpStatus> RouteSm::newVirtualIpStatus(
+    const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus) {
   requireNotEnded();
   HostCore::bindNew(virtualIpStatus_, *this, inputsStored_, virtualIpStatus);
   inputReplaced(inputsStored_);
+  return virtualIpStatus_.get();
 }
 
 const Fhrp::VirtualIpStatus* RouteSm::virtualIps() const noexcept {
@@ -211,6 +226,13 @@ void RouteSm::ipIntfStatusFilterIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatu
   HostCore::bindMember(ipIntfStatusFilter_, *this, ipIntfStatus->intfId(), ipIntfStatus);
 }
 
+Kiv::Ptr<RouteSm::KivIpIntfStatusFilter> RouteSm::newIpIntfStatusFilter(
+    const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
+  if (ipIntfStatus) HostCore::renewMember(ipIntfStatusFilter_, *this, ipIntfStatus->intfId());
+  ipIntfStatusFilterIs(ipIntfStatus);  // refuses null
+  return ipIntfStatusFilter(ipIntfStatus->intfId());
+}
+
 void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
   const auto filter = ipIntfStatusFilter(intfId);
   if (!filter) return;
@@ -219,7 +241,7 @@ void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
 }
 
 void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) {
-  vrfIpIntfStatusDel(filter.notifierRaw()->intfId());
+  vrfIpIntfStatusDel(Kiv::validPtr(filter.notifierRaw()).intfId());
 }
 
 void RouteSm::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
@@ -228,6 +250,13 @@ void RouteSm::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
               "null _ipIntfStatus parameter to mutator for "
               "Routing::Host::RouteSm::ipIntfStatus not allowed");
   HostCore::bindMember(ipIntfStatus_, *this, ipIntfStatus->intfId(), ipIntfStatus);
+}
+
+Kiv::Ptr<RouteSm::KivIpIntfStatus> RouteSm::newIpIntfStatus(
+    const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
+  if (ipIntfStatus) HostCore::renewMember(ipIntfStatus_, *this, ipIntfStatus->intfId());
+  ipIntfStatusIs(ipIntfStatus);  // refuses null
+  return this->ipIntfStatus(ipIntfStatus->intfId());
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
@@ -241,6 +270,18 @@ void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
   if (former && former != arpIntfStatus) {
     HostCore::NeighborEntries<Ipv4>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
   }
+}
+
+Kiv::Ptr<RouteSm::KivArpIntfStatus> RouteSm::newArpIntfStatus(const ArpTable& arpIntfStatus) {
+  ArpTable former;
+  if (arpIntfStatus) {
+    former = HostCore::renewMember(arpIntfStatus_, *this, arpIntfStatus->name());
+  }
+  arpIntfStatusIs(arpIntfStatus);  // refuses null
+  if (former && former != arpIntfStatus) {
+    HostCore::NeighborEntries<Ipv4>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
+  }
+  return this->arpIntfStatus(arpIntfStatus->name());
 }
 
 void RouteSm::arpIntfStatusDel(const Kiv::Name& name) {
@@ -304,9 +345,10 @@ void RouteSm::KivIpStatus::onIpIntfStatuskivImmediate() {
 }
 
 void RouteSm::KivIpIntfStatusFilter::handleVrf() {
+  const L3::VrfName& vrf = this->vrf();
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::KivIpIntfStatusFilter::handleVrf()"
-                << " In VRF: " << notifierRaw()->l3Status()->vrf());
+                << " In VRF: " << vrf);
   applyVrf();
 }
 
@@ -324,10 +366,11 @@ void RouteSm::KivIpIntfStatus::onActiveSecondaryWithMaskkivImmediate() {
 }
 
 void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
+  RouteSm& sm = Kiv::validPtr(routeSm());
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::KivIpIntfStatus::handleActiveAddrWithMask()"
-                << " In VRF: " << routeSm()->vrfName());
-  recomputeReceiveRoutes(RouteSm::Ptr(routeSm()), notifier());
+                << " In VRF: " << sm.vrfName());
+  recomputeReceiveRoutes(RouteSm::Ptr(&sm), notifier());
 }
 
 void RouteSm::KivIpIntfStatus::handleActiveSecondaryWithMask(const Zemit::IpAddrWithMask&) {
@@ -335,10 +378,11 @@ void RouteSm::KivIpIntfStatus::handleActiveSecondaryWithMask(const Zemit::IpAddr
 }
 
 void RouteSm::KivIpIntfStatus::handleActiveSecondaryWithMask() {
+  RouteSm& sm = Kiv::validPtr(routeSm());
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::KivIpIntfStatus::handleActiveSecondaryWithMask()"
-                << " In VRF: " << routeSm()->vrfName());
-  recomputeReceiveRoutes(RouteSm::Ptr(routeSm()), notifier());
+                << " In VRF: " << sm.vrfName());
+  recomputeReceiveRoutes(RouteSm::Ptr(&sm), notifier());
 }
 
 void RouteSm::KivArpIntfStatus::onArpEntry(const Zemit::IpAddr& addr) {

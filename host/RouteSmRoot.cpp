@@ -91,6 +91,32 @@ RouteSm::Ptr RouteSmRoot::newRouteSm(
   return machine;
 }
 
+RouteSm::Ptr RouteSmRoot::routeSmIs(
+    const Kiv::ActivityConfig::Ptr& activityConfig, const Tovan::Fib::RouteStatus::Ptr& routeStatus,
+    const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
+    const RovelReady::VrfStatus::Ptr& ribReadyStatus, const Routing::SeqConfig::Ptr& seqConfig,
+    const Rovel::SeqInfo::Ptr& ipv4SeqInfo, const Rovel::AdjacencyHelper::Ptr& adjHelper,
+    const Ip::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
+    const Ptr& root, const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus,
+    const L3::VrfName& vrfName) {
+  using HostCore::watchedBy;
+  const auto* sm = routeSm().get();
+  const bool isThere =
+      sm != nullptr && sm->kivFwkActivityRaw() == activityConfig.get() &&
+      sm->routeStatusRaw() == routeStatus.get() && sm->forwardingStatus() == fwdStatus.get() &&
+      sm->hostStatusRaw() == hostStatus.get() && sm->vrfReadiness() == ribReadyStatus.get() &&
+      watchedBy(sm->seqConfig()) == seqConfig.get() &&
+      watchedBy(sm->ipv4SeqInfo()) == ipv4SeqInfo.get() && sm->adjHelperRaw() == adjHelper.get() &&
+      watchedBy(sm->ipStatus()) == ipStatus.get() &&
+      watchedBy(sm->neighborDirByIntfName()) == neighborDirByIntfName.get() &&
+      sm->rootRaw() == root.get() && sm->virtualIps() == virtualIpStatus.get() &&
+      sm->vrfName() == vrfName;
+  if (isThere) return routeSm();
+  return newRouteSm(activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig,
+                    ipv4SeqInfo, adjHelper, ipStatus, neighborDirByIntfName, root, virtualIpStatus,
+                    vrfName);
+}
+
 RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name) {
   return Kiv::make<RouteSmRoot>(name);
 }

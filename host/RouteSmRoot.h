@@ -106,10 +106,13 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_SINGLETON(258, receiveTable, ReceiveTable, Status)
   /// Makes the table of this name unless it is there; returns it.
   Status::Ptr receiveTableIs(const Kiv::Name& name);
+  /// Makes an empty one in its place; returns it.
+  Status::Ptr newReceiveTable(const Kiv::Name& name) { return receiveTable_.create(*this, name); }
 
   /// The host routes of ARP neighbours, with the host adjacencies they resolve to.
   KIV_SINGLETON(259, arpTable, ArpTable, Status)
   Status::Ptr arpTableIs(const Kiv::Name& name);
+  Status::Ptr newArpTable(const Kiv::Name& name) { return arpTable_.create(*this, name); }
 
   /// The status of all interfaces.
   KIV_POINTER(260, intfStatusDir, IntfStatusDir, const Interface::AllIntfStatusDir)
@@ -163,6 +166,10 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
                  Kiv::String8, IntfAddresses::Ptr)
   /// Makes the interface's entry unless it is there; returns it.
   IntfAddresses::Ptr intfNameToSecondaryAddrWithMaskIs(const Kiv::String8& intfName);
+  /// Makes an empty one in its place; returns it.
+  IntfAddresses::Ptr newIntfNameToSecondaryAddrWithMask(const Kiv::String8& intfName) {
+    return intfNameToSecondaryAddrWithMask_.create(*this, intfName);
+  }
 
   /// The interface that owns each receive address: the last one that wrote it.
   KIV_COLLECTION(269, receiveAddrToIntfName, ReceiveAddrToIntfName, Zemit::IpAddr, Kiv::String8)
@@ -174,6 +181,10 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_SINGLETON(270, toMerge, ToMerge, Obu::AddrSet)
   /// Makes the set that `prefix` names, in place of one of another name; returns it.
   Obu::AddrSet::Ptr toMergeIs(const Zemit::Prefix& prefix);
+  /// Makes an empty one in its place; returns it.
+  Obu::AddrSet::Ptr newToMerge(const Zemit::Prefix& prefix) {
+    return toMerge_.create(*this, prefix);
+  }
 
   /// The VRF's state machine.
   KIV_SINGLETON_VIEW(271, routeSm, RouteSm, RouteSm)
@@ -182,6 +193,16 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// Makes the state machine over these inputs, each of which may be null and must outlive it; see
   /// the constructor of RouteSm. Returns it. Any former machine goes first, also when this fails.
   Kiv::Ptr<RouteSm> newRouteSm(
+      const Kiv::ActivityConfig::Ptr& activityConfig,
+      const Tovan::Fib::RouteStatus::Ptr& routeStatus,
+      const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
+      const Kiv::Ptr<RovelReady::VrfStatus>& ribReadyStatus,
+      const Kiv::Ptr<Routing::SeqConfig>& seqConfig, const Kiv::Ptr<Rovel::SeqInfo>& ipv4SeqInfo,
+      const Rovel::AdjacencyHelper::Ptr& adjHelper, const Kiv::Ptr<const Ip::Status>& ipStatus,
+      const Kiv::Ptr<const Arp::NeighborDir>& neighborDirByIntfName, const Ptr& root,
+      const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus, const L3::VrfName& vrfName);
+  /// Makes the state machine unless there is one over the same inputs; returns it.
+  Kiv::Ptr<RouteSm> routeSmIs(
       const Kiv::ActivityConfig::Ptr& activityConfig,
       const Tovan::Fib::RouteStatus::Ptr& routeStatus,
       const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,

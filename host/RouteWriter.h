@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/RouteSmRoot.h"
+#include "platform/kiv/Export.h"
 #include "platform/tovan/RouteStatus.h"
 
 namespace Routing::Host {
@@ -17,18 +18,19 @@ namespace Routing::Host {
 /// \param routeType        never `invalid_`.
 /// \param virtualIpStatus  null when no address counts as virtual.
 /// \param vrfName          not consulted, deliberately: what is virtual in any VRF counts.
-void addRouteToRouteTable(const Status::Ptr& hostTable,
-                          const Tovan::Fib::RouteStatus::Ptr& routeTable, const Zemit::IpAddr& ip,
-                          Tovan::Fib::FecId fecId, Routing::Fib::RouteType routeType,
-                          const Fhrp::VirtualIpStatus* virtualIpStatus,
-                          const RouteSmRoot::Ptr& root, const L3::VrfName& vrfName);
+KIV_EXPORT void addRouteToRouteTable(const Status::Ptr& hostTable,
+                                     const Tovan::Fib::RouteStatus::Ptr& routeTable,
+                                     const Zemit::IpAddr& ip, Tovan::Fib::FecId fecId,
+                                     Routing::Fib::RouteType routeType,
+                                     const Fhrp::VirtualIpStatus* virtualIpStatus,
+                                     const RouteSmRoot::Ptr& root, const L3::VrfName& vrfName);
 
 /// Withdraws the /32 route of one address from a host-route table, and releases its host adjacency
 /// when the route is of a type that this system writes.
 ///
 /// \param receiveAddrSet  when not null, the address leaves this set too, route or no route.
-void removeHostRoute(const Zemit::IpAddr& ip, const Status::Ptr& hostTable,
-                     const Obu::AddrSet::Ptr& receiveAddrSet,
-                     const Rovel::AdjacencyHelper::Ptr& adjHelper);
+KIV_EXPORT void removeHostRoute(const Zemit::IpAddr& ip, const Status::Ptr& hostTable,
+                                const Obu::AddrSet::Ptr& receiveAddrSet,
+                                const Rovel::AdjacencyHelper::Ptr& adjHelper);
 
 }  // namespace Routing::Host

@@ -25,7 +25,7 @@ void Ipv6::traceCoveringRoute(const RouteSm& sm, const Prefix& prefix, const Pre
 
 void Ipv6::traceTakenFrom(const RouteSm& sm, const Addr& addr, const Prefix& /*above*/) {
   if (!trace().builds(6)) return;
-  const auto& table = sm.rootRaw()->neighTable();
+  const auto& table = Kiv::validPtr(Kiv::validPtr(sm.rootRaw()).neighTable());
   const auto& vias = table->adjIndexToViaSet(table->route(Prefix::host(addr)).fecId);
   const std::string_view intf =
       vias.empty() ? std::string_view("<unknown>") : vias.begin()->via.intf.name().view();

@@ -7,6 +7,7 @@
 #include "host6/ReceiveRoutes.h"
 #include "host6/RouteSm.h"
 #include "host6/RouteWriter.h"
+#include "platform/kiv/Clock.h"
 #include "platform/kiv/Trace.h"
 
 namespace Routing6::Host {
@@ -123,10 +124,10 @@ struct Ipv6 {
   }
 
   static const VirtualIpStatus* virtualIps(const RouteSm& sm) { return sm.virtualIps(); }
-  /// Reports the VRF's host routes synchronised as of `time`, unless that was done before.
-  static void hostRoutesSyncedIs(RovelReady::VrfStatus& readiness, double time) {
+  /// Reports the VRF's host routes synchronised as of now, unless that was done before.
+  static void hostRoutesSyncedNow(RovelReady::VrfStatus& readiness) {
     if (readiness.v6HostRoutesSynced()) return;
-    readiness.v6HostRoutesSyncedTimeIs(time);
+    readiness.v6HostRoutesSyncedTimeIs(Kiv::now());
     readiness.v6HostRoutesSyncedIs(true);
   }
 

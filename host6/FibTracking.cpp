@@ -7,31 +7,53 @@
 namespace Routing6::Host {
 
 namespace {
+
 using Steps = HostCore::FibTracking<Ipv6>;
+
+/// Traces for the functions that are given no entity when they are called by hand.
+class Module final : public Kiv::NamedEntity {
+ public:
+  Module() : NamedEntity(Ipv6::kModule) {}
+};
+const Kiv::Entity& thisModule() {
+  static const auto kModule = Kiv::make<Module>();
+  return *kModule;
 }
+
+bool intersect(const Kiv::Entity& object, const Obu::IntfDir::PtrConst& a,
+               const Obu::IntfDir::PtrConst& b) {
+  KIV_TRACE_AS(hostRoute6Trace, 8, object, "nonemptyIntersection",
+               "bool Routing6::Host::nonemptyIntersection(Obu::IntfDir::PtrConst, "
+               "Obu::IntfDir::PtrConst)");
+  return HostCore::intersects(*Kiv::validPtr(a), *Kiv::validPtr(b));
+}
+
+Obu::IntfDir::Ptr lacking(const Kiv::Entity& object, const Obu::IntfDir::PtrConst& a,
+                          const Obu::IntfDir::PtrConst& b) {
+  KIV_TRACE_AS(hostRoute6Trace, 8, object, "subtract",
+               "Obu::IntfDir::Ptr Routing6::Host::subtract(Obu::IntfDir::PtrConst, "
+               "Obu::IntfDir::PtrConst)");
+  return HostCore::lackingIn(*Kiv::validPtr(a), *Kiv::validPtr(b));
+}
+
+}  // namespace
 
 bool Ipv6::nonemptyIntersection(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
                                 const Obu::IntfDir::Ptr& b) {
-  KIV_TRACE(trace(), 8, root,
-            "bool Routing6::Host::nonemptyIntersection(Obu::IntfDir::PtrConst, "
-            "Obu::IntfDir::PtrConst)");
-  return Host::nonemptyIntersection(a, b);
+  return intersect(root, a, b);
 }
 
 Obu::IntfDir::Ptr Ipv6::subtract(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
                                  const Obu::IntfDir::Ptr& b) {
-  KIV_TRACE(trace(), 8, root,
-            "Obu::IntfDir::Ptr Routing6::Host::subtract(Obu::IntfDir::PtrConst, "
-            "Obu::IntfDir::PtrConst)");
-  return Host::subtract(a, b);
+  return lacking(root, a, b);
 }
 
 bool nonemptyIntersection(const Obu::IntfDir::PtrConst& a, const Obu::IntfDir::PtrConst& b) {
-  return HostCore::intersects(*a, *b);
+  return intersect(thisModule(), a, b);
 }
 
 Obu::IntfDir::Ptr subtract(const Obu::IntfDir::PtrConst& a, const Obu::IntfDir::PtrConst& b) {
-  return HostCore::lackingIn(*a, *b);
+  return lacking(thisModule(), a, b);
 }
 
 void RouteSm::handleStatusRoute(const Zemit::Ip6Prefix& prefix) {

@@ -22,17 +22,17 @@ void RouteSm::KivArpIntfStatus::onIp6NeighborEntryExpected(
 
 void RouteSm::KivArpIntfStatus::handleArpEntry(const Zemit::Ip6Addr& addr) {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, addr));
-  Steps(*routeSm()).handleArpEntry(*this, addr, addr);
+  Steps(Kiv::validPtr(routeSm())).handleArpEntry(*this, addr, addr);
 }
 
 void RouteSm::KivArpIntfStatus::handleArpEntry() {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__));
-  Steps(*routeSm()).handleArpEntry(*this);
+  Steps(Kiv::validPtr(routeSm())).handleArpEntry(*this);
 }
 
 void RouteSm::KivArpIntfStatus::handleDel() {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__));
-  Steps(*routeSm()).handleDel(*this);
+  Steps(Kiv::validPtr(routeSm())).handleDel(*this);
 }
 
 void RouteSm::handleArpEntries() {

@@ -9,7 +9,9 @@ namespace Routing6::Host {
 
 void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status, const Kiv::Name& intfName,
                          const RouteSmRoot::Ptr& root, const Obu::Ip6AddrSet::Ptr& changed) {
-  KIV_TRACE(hostRoute6Trace, 8, *Kiv::validPtr(root),
+  Kiv::validPtr(root);
+  Kiv::validPtr(changed);
+  KIV_TRACE(hostRoute6Trace, 8, *root,
             "removeReceiveRoutes"
                 << " intfName " << intfName << " intf " << status);
   if (const auto recorded = root->intfNameToAddrWithMask(intfName)) {
@@ -40,13 +42,14 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask(
 
 void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__));
+  Kiv::validPtr(routeSm());
   KIV_TRACE(hostRoute6Trace, 8, *this,
             "void Routing6::Host::RouteSm::KivIpIntfStatus::handleActiveAddrWithMask()"
                 << " In VRF: " << routeSm()->vrfName());
   // A callback of what is written here may take the interface, and this reactor, from the machine.
   const Kiv::Ptr<KivIpIntfStatus> alive(this);
   const RouteSm::Ptr machine(routeSm());
-  const Ip6::IntfStatus::PtrConst status = notifier();
+  const Ip6::IntfStatus::PtrConst status = Kiv::validPtr(notifier());
   const Kiv::Name name = status->name();
   KIV_TRACE(hostRoute6Trace, 8, *this,
             "recomputeReceiveRoutes"

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host6/RouteSm.h"
+#include "platform/kiv/Export.h"
 
 namespace Routing6::Host {
 
@@ -10,7 +11,8 @@ namespace Routing6::Host {
 ///
 /// \param status   the interface's status; null when it is gone.
 /// \param changed  gains each address that the interface owned.
-void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status, const Kiv::Name& intfName,
-                         const RouteSmRoot::Ptr& root, const Obu::Ip6AddrSet::Ptr& changed);
+KIV_EXPORT void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status,
+                                    const Kiv::Name& intfName, const RouteSmRoot::Ptr& root,
+                                    const Obu::Ip6AddrSet::Ptr& changed);
 
 }  // namespace Routing6::Host

@@ -131,53 +131,67 @@ void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id)
   HostCore::Listening<Ipv6>(*this).missed();
 }
 
+void RouteSm::notificationMissed() {
+  HostCore::Listening<Ipv6>(*this).missed();
+}
+
 void RouteSm::inputReplaced(bool changed) {
   if (changed) HostCore::Listening<Ipv6>(*this).missed();
 }
 
-void RouteSm::newFwdStatus(const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus) {
+Kiv::Ptr<RouteSm::KivFwdStatus> RouteSm::newFwdStatus(
+    const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus) {
   requireNotEnded();
   HostCore::bindNew(fwdStatus_, *this, inputsStored_, fwdStatus);
+  return fwdStatus_.get();
 }
 
 const Tovan::Fib6::ForwardingStatus* RouteSm::forwardingStatus() const noexcept {
   return HostCore::watchedBy(fwdStatus());
 }
 
-void RouteSm::newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
+Kiv::Ptr<RouteSm::KivRibReadyStatus> RouteSm::newRibReadyStatus(
+    const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
   requireNotEnded();
   HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus);
+  return ribReadyStatus_.get();
 }
 
 RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
   return ribReadyStatus() ? ribReadyStatus()->status() : nullptr;
 }
 
-void RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
+Kiv::Ptr<RouteSm::KivSeqConfig> RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
   requireNotEnded();
   HostCore::bindNew(seqConfig_, *this, inputsStored_, seqConfig);
+  return seqConfig_.get();
 }
 
-void RouteSm::newIpv6SeqInfo(const Rovel::SeqInfo::Ptr& ipv6SeqInfo) {
+Kiv::Ptr<RouteSm::KivIpv6SeqInfo> RouteSm::newIpv6SeqInfo(const Rovel::SeqInfo::Ptr& ipv6SeqInfo) {
   requireNotEnded();
   HostCore::bindNew(ipv6SeqInfo_, *this, inputsStored_, ipv6SeqInfo);
+  return ipv6SeqInfo_.get();
 }
 
-void RouteSm::newIpStatus(const Ip6::Status::PtrConst& ipStatus) {
+Kiv::Ptr<RouteSm::KivIpStatus> RouteSm::newIpStatus(const Ip6::Status::PtrConst& ipStatus) {
   requireNotEnded();
   HostCore::bindNew(ipStatus_, *this, inputsStored_, ipStatus);
+  return ipStatus_.get();
 }
 
-void RouteSm::newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighborDirByIntfName) {
+Kiv::Ptr<RouteSm::KivNeighborDirByIntfName> RouteSm::newNeighborDirByIntfName(
+    const Arp::NeighborDir::PtrConst& neighborDirByIntfName) {
   requireNotEnded();
   HostCore::bindNew(neighborDirByIntfName_, *this, inputsStored_, neighborDirByIntfName);
+  return neighborDirByIntfName_.get();
 }
 
-void RouteSm::newVirtualIp6Status(
+Kiv::Ptr<RouteSm::KivVirtualIp6Status> RouteSm::newVirtualIp6Status(
     const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status) {
   requireNotEnded();
   HostCore::bindNew(virtualIp6Status_, *this, inputsStored_, virtualIp6Status);
   inputReplaced(inputsStored_);
+  return virtualIp6Status_.get();
 }
 
 const Routing::Fhrp::VirtualIp6Status* RouteSm::virtualIps() const noexcept {
@@ -215,6 +229,13 @@ void RouteSm::ipIntfStatusFilterIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus
   HostCore::bindMember(ipIntfStatusFilter_, *this, ipIntfStatus->intfId(), ipIntfStatus);
 }
 
+Kiv::Ptr<RouteSm::KivIpIntfStatusFilter> RouteSm::newIpIntfStatusFilter(
+    const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
+  if (ipIntfStatus) HostCore::renewMember(ipIntfStatusFilter_, *this, ipIntfStatus->intfId());
+  ipIntfStatusFilterIs(ipIntfStatus);  // refuses null
+  return ipIntfStatusFilter(ipIntfStatus->intfId());
+}
+
 void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
   const auto filter = ipIntfStatusFilter(intfId);
   if (!filter) return;
@@ -223,7 +244,7 @@ void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
 }
 
 void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) {
-  vrfIpIntfStatusDel(filter.notifierRaw()->intfId());
+  vrfIpIntfStatusDel(Kiv::validPtr(filter.notifierRaw()).intfId());
 }
 
 void RouteSm::ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
@@ -232,6 +253,13 @@ void RouteSm::ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
               "null _ipIntfStatus parameter to mutator for "
               "Routing6::Host::RouteSm::ipIntfStatus not allowed");
   HostCore::bindMember(ipIntfStatus_, *this, ipIntfStatus->intfId(), ipIntfStatus);
+}
+
+Kiv::Ptr<RouteSm::KivIpIntfStatus> RouteSm::newIpIntfStatus(
+    const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
+  if (ipIntfStatus) HostCore::renewMember(ipIntfStatus_, *this, ipIntfStatus->intfId());
+  ipIntfStatusIs(ipIntfStatus);  // refuses null
+  return this->ipIntfStatus(ipIntfStatus->intfId());
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
@@ -245,6 +273,18 @@ void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
   if (former && former != arpIntfStatus) {
     HostCore::NeighborEntries<Ipv6>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
   }
+}
+
+Kiv::Ptr<RouteSm::KivArpIntfStatus> RouteSm::newArpIntfStatus(const ArpTable& arpIntfStatus) {
+  ArpTable former;
+  if (arpIntfStatus) {
+    former = HostCore::renewMember(arpIntfStatus_, *this, arpIntfStatus->name());
+  }
+  arpIntfStatusIs(arpIntfStatus);  // refuses null
+  if (former && former != arpIntfStatus) {
+    HostCore::NeighborEntries<Ipv6>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
+  }
+  return this->arpIntfStatus(arpIntfStatus->name());
 }
 
 void RouteSm::arpIntfStatusDel(const Kiv::Name& name) {
@@ -301,9 +341,10 @@ void RouteSm::KivIpStatus::onIntfkivImmediate() {
 }
 
 void RouteSm::KivIpIntfStatusFilter::handleVrf() {
+  const L3::VrfName& vrf = this->vrf();
   KIV_TRACE(hostRoute6Trace, 8, *this,
             "void Routing6::Host::RouteSm::KivIpIntfStatusFilter::handleVrf()"
-                << " In VRF: " << notifierRaw()->l3Status()->vrf());
+                << " In VRF: " << vrf);
   applyVrf();
 }
 

@@ -213,7 +213,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   }
 
   KIV_SINGLETON(259, fwdStatus, FwdStatus, KivFwdStatus)
-  void newFwdStatus(const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus);
+  Kiv::Ptr<KivFwdStatus> newFwdStatus(const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus);
   /// The forwarding status itself, or null.
   const Tovan::Fib6::ForwardingStatus* forwardingStatus() const noexcept;
 
@@ -225,15 +225,15 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   }
 
   KIV_SINGLETON(261, ribReadyStatus, RibReadyStatus, KivRibReadyStatus)
-  void newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus);
+  Kiv::Ptr<KivRibReadyStatus> newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus);
   /// The readiness record itself, or null.
   RovelReady::VrfStatus* vrfReadiness() const noexcept;
 
   KIV_SINGLETON(262, seqConfig, SeqConfig, KivSeqConfig)
-  void newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig);
+  Kiv::Ptr<KivSeqConfig> newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig);
 
   KIV_SINGLETON(263, ipv6SeqInfo, Ipv6SeqInfo, KivIpv6SeqInfo)
-  void newIpv6SeqInfo(const Rovel::SeqInfo::Ptr& ipv6SeqInfo);
+  Kiv::Ptr<KivIpv6SeqInfo> newIpv6SeqInfo(const Rovel::SeqInfo::Ptr& ipv6SeqInfo);
 
   /// Keeper of the host adjacencies of the root's tables and the FIB adjacencies of the route
   /// table.
@@ -244,7 +244,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   }
 
   KIV_SINGLETON(272, ipStatus, IpStatus, KivIpStatus)
-  void newIpStatus(const Ip6::Status::PtrConst& ipStatus);
+  Kiv::Ptr<KivIpStatus> newIpStatus(const Ip6::Status::PtrConst& ipStatus);
 
   /// The interfaces that are in this VRF.
   KIV_COLLECTION_VIEW(273, vrfIpIntfStatus, VrfIpIntfStatus, Zemit::IntfId,
@@ -262,6 +262,9 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Makes the interface's reactor, or points it at `ipIntfStatus`.
   /// \throws Kiv::RangeException when it is null.
   void ipIntfStatusFilterIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
+  /// The same with a new reactor in place of one that is there. Returns it.
+  Kiv::Ptr<KivIpIntfStatusFilter> newIpIntfStatusFilter(
+      const Ip6::IntfStatus::PtrConst& ipIntfStatus);
   void ipIntfStatusFilterDel(Zemit::IntfId intfId);
   KIV_FURTHER_DELETIONS(ipIntfStatusFilter, IpIntfStatusFilter)
 
@@ -270,9 +273,12 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Makes the interface's reactor, or points it at `ipIntfStatus`.
   /// \throws Kiv::RangeException when it is null.
   void ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
+  /// The same with a new reactor in place of one that is there. Returns it.
+  Kiv::Ptr<KivIpIntfStatus> newIpIntfStatus(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
 
   KIV_SINGLETON(281, neighborDirByIntfName, NeighborDirByIntfName, KivNeighborDirByIntfName)
-  void newNeighborDirByIntfName(const Arp::NeighborDir::PtrConst& neighborDirByIntfName);
+  Kiv::Ptr<KivNeighborDirByIntfName> newNeighborDirByIntfName(
+      const Arp::NeighborDir::PtrConst& neighborDirByIntfName);
   /// The neighbour table of an interface, as the directory has it now, or null.
   const Arp::ArpIntfStatus* neighborTable(Zemit::IntfId intf) const;
 
@@ -282,6 +288,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// had are handled as deleted.
   /// \throws Kiv::RangeException when it is null.
   void arpIntfStatusIs(const ArpTable& arpIntfStatus);
+  /// The same with a new reactor in place of one that is there. Returns it.
+  Kiv::Ptr<KivArpIntfStatus> newArpIntfStatus(const ArpTable& arpIntfStatus);
   /// Removes the table's reactor, and the host routes that hang off the table.
   void arpIntfStatusDel(const Kiv::Name& name);
   KIV_FURTHER_DELETIONS(arpIntfStatus, ArpIntfStatus)
@@ -295,7 +303,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   KIV_SINGLETON_VIEW(290, virtualIp6Status, VirtualIp6Status, KivVirtualIp6Status)
   void virtualIp6StatusDel() { inputReplaced(virtualIp6Status_.del(*this)); }
-  void newVirtualIp6Status(const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status);
+  Kiv::Ptr<KivVirtualIp6Status> newVirtualIp6Status(
+      const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status);
   /// The virtual addresses themselves, or null.
   const Routing::Fhrp::VirtualIp6Status* virtualIps() const noexcept;
 
@@ -384,6 +393,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   Interest& interest() noexcept { return interest_; }
   const Interest& interest() const noexcept { return interest_; }
 
+  /// A notification was kept from its handler: what is remembered may be wrong.
+  void notificationMissed();
   /// Traces the exception with which a reactor's callback has just ended.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
 

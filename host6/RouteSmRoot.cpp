@@ -100,6 +100,33 @@ RouteSm::Ptr RouteSmRoot::newRouteSm(
   return machine;
 }
 
+RouteSm::Ptr RouteSmRoot::routeSmIs(
+    const Kiv::ActivityConfig::Ptr& activityConfig,
+    const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
+    const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
+    const RovelReady::VrfStatus::Ptr& ribReadyStatus, const Routing::SeqConfig::Ptr& seqConfig,
+    const Rovel::SeqInfo::Ptr& ipv6SeqInfo, const Rovel::Adjacency6Helper::Ptr& adjHelper,
+    const Ip6::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
+    const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status, const Ptr& root,
+    const L3::VrfName& vrfName) {
+  using HostCore::watchedBy;
+  const auto* sm = routeSm().get();
+  const bool isThere =
+      sm != nullptr && sm->kivFwkActivityRaw() == activityConfig.get() &&
+      sm->routeStatusRaw() == routeStatus.get() && sm->forwardingStatus() == fwdStatus.get() &&
+      sm->hostStatusRaw() == hostStatus.get() && sm->vrfReadiness() == ribReadyStatus.get() &&
+      watchedBy(sm->seqConfig()) == seqConfig.get() &&
+      watchedBy(sm->ipv6SeqInfo()) == ipv6SeqInfo.get() && sm->adjHelperRaw() == adjHelper.get() &&
+      watchedBy(sm->ipStatus()) == ipStatus.get() &&
+      watchedBy(sm->neighborDirByIntfName()) == neighborDirByIntfName.get() &&
+      sm->rootRaw() == root.get() && sm->virtualIps() == virtualIp6Status.get() &&
+      sm->vrfName() == vrfName;
+  if (isThere) return routeSm();
+  return newRouteSm(activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig,
+                    ipv6SeqInfo, adjHelper, ipStatus, neighborDirByIntfName, virtualIp6Status, root,
+                    vrfName);
+}
+
 RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name) {
   return Kiv::make<RouteSmRoot>(name);
 }

@@ -105,10 +105,13 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_SINGLETON(258, receiveTable, ReceiveTable, Status)
   /// Makes the table of this name unless it is there; returns it.
   Status::Ptr receiveTableIs(const Kiv::Name& name);
+  /// Makes an empty one in its place; returns it.
+  Status::Ptr newReceiveTable(const Kiv::Name& name) { return receiveTable_.create(*this, name); }
 
   /// The host routes of neighbours, with the host adjacencies they resolve to.
   KIV_SINGLETON(259, neighTable, NeighTable, Status)
   Status::Ptr neighTableIs(const Kiv::Name& name);
+  Status::Ptr newNeighTable(const Kiv::Name& name) { return neighTable_.create(*this, name); }
 
   /// The status of all interfaces.
   KIV_POINTER(260, intfStatusDir, IntfStatusDir, const Interface::AllIntfStatusDir)
@@ -154,6 +157,10 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
                  IntfAddresses::Ptr)
   /// Makes the interface's entry unless it is there; returns it.
   IntfAddresses::Ptr intfNameToAddrWithMaskIs(const Kiv::String8& intfName);
+  /// Makes an empty one in its place; returns it.
+  IntfAddresses::Ptr newIntfNameToAddrWithMask(const Kiv::String8& intfName) {
+    return intfNameToAddrWithMask_.create(*this, intfName);
+  }
 
   /// The interface that owns each receive address: the last one that wrote it.
   KIV_COLLECTION(268, receiveAddrToIntfName, ReceiveAddrToIntfName, Zemit::Ip6Addr, Kiv::String8)
@@ -165,11 +172,18 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_SINGLETON(269, toMerge, ToMerge, Obu::Ip6AddrSet)
   /// Makes the set that `prefix` names, in place of one of another name; returns it.
   Obu::Ip6AddrSet::Ptr toMergeIs(const Zemit::Ip6Prefix& prefix);
+  /// Makes an empty one in its place; returns it.
+  Obu::Ip6AddrSet::Ptr newToMerge(const Zemit::Ip6Prefix& prefix) {
+    return toMerge_.create(*this, prefix);
+  }
 
   /// The counterpart of toMerge for virtual addresses. Deliberately without behaviour: it is part
   /// of the model, and nothing makes, fills or reads it.
   KIV_SINGLETON(270, vipToMerge, VipToMerge, Obu::Ip6AddrSet)
   Obu::Ip6AddrSet::Ptr vipToMergeIs(const Zemit::Ip6Prefix& prefix);
+  Obu::Ip6AddrSet::Ptr newVipToMerge(const Zemit::Ip6Prefix& prefix) {
+    return vipToMerge_.create(*this, prefix);
+  }
 
   /// The VRF's state machine.
   KIV_SINGLETON_VIEW(271, routeSm, RouteSm, RouteSm)
@@ -189,6 +203,19 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
                                const Kiv::Ptr<const Arp::NeighborDir>& neighborDirByIntfName,
                                const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status,
                                const Ptr& root, const L3::VrfName& vrfName);
+  /// Makes the state machine unless there is one over the same inputs; returns it.
+  Kiv::Ptr<RouteSm> routeSmIs(const Kiv::ActivityConfig::Ptr& activityConfig,
+                              const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
+                              const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus,
+                              const Status::PtrConst& hostStatus,
+                              const Kiv::Ptr<RovelReady::VrfStatus>& ribReadyStatus,
+                              const Kiv::Ptr<Routing::SeqConfig>& seqConfig,
+                              const Kiv::Ptr<Rovel::SeqInfo>& ipv6SeqInfo,
+                              const Rovel::Adjacency6Helper::Ptr& adjHelper,
+                              const Kiv::Ptr<const Ip6::Status>& ipStatus,
+                              const Kiv::Ptr<const Arp::NeighborDir>& neighborDirByIntfName,
+                              const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status,
+                              const Ptr& root, const L3::VrfName& vrfName);
 
   /// True once the root has its tables.
   KIV_SCALAR(272, initialized, Initialized, bool)

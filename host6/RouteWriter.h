@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host6/RouteSmRoot.h"
+#include "platform/kiv/Export.h"
 #include "platform/tovan/RouteStatus.h"
 
 namespace Routing6::Host {
@@ -17,18 +18,19 @@ namespace Routing6::Host {
 /// \param routeType        never `invalid_`.
 /// \param virtualIp6Status  null when no address counts as virtual.
 /// \param vrfName          not consulted, deliberately: what is virtual in any VRF counts.
-void addRouteToRouteTable(const Status::Ptr& hostTable,
-                          const Tovan::Fib6::RouteStatus::Ptr& routeTable, const Zemit::Ip6Addr& ip,
-                          Tovan::Fib::FecId fecId, Routing6::Fib::RouteType routeType,
-                          const Routing::Fhrp::VirtualIp6Status* virtualIp6Status,
-                          const RouteSmRoot::Ptr& root, const L3::VrfName& vrfName);
+KIV_EXPORT void addRouteToRouteTable(const Status::Ptr& hostTable,
+                                     const Tovan::Fib6::RouteStatus::Ptr& routeTable,
+                                     const Zemit::Ip6Addr& ip, Tovan::Fib::FecId fecId,
+                                     Routing6::Fib::RouteType routeType,
+                                     const Routing::Fhrp::VirtualIp6Status* virtualIp6Status,
+                                     const RouteSmRoot::Ptr& root, const L3::VrfName& vrfName);
 
 /// Withdraws the /128 route of one address from a host-route table, and releases its host adjacency
 /// when the route is of a type that this system writes.
 ///
 /// \param receiveAddrSet  when not null, the address leaves this set too, route or no route.
-void removeHostRoute(const Zemit::Ip6Addr& ip, const Status::Ptr& hostTable,
-                     const Obu::Ip6AddrSet::Ptr& receiveAddrSet,
-                     const Rovel::Adjacency6Helper::Ptr& adjHelper);
+KIV_EXPORT void removeHostRoute(const Zemit::Ip6Addr& ip, const Status::Ptr& hostTable,
+                                const Obu::Ip6AddrSet::Ptr& receiveAddrSet,
+                                const Rovel::Adjacency6Helper::Ptr& adjHelper);
 
 }  // namespace Routing6::Host

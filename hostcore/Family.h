@@ -46,7 +46,7 @@ concept Family = requires(const typename F::RouteSm& sm, const typename F::Route
   { F::neighborTable(root) } -> std::convertible_to<typename F::HostTable::Ptr>;
   F::neighborSet(root, typename F::Prefix());
   { F::virtualIps(sm) } -> std::convertible_to<const typename F::VirtualIpStatus*>;
-  F::hostRoutesSyncedIs(readiness, 0.0);
+  F::hostRoutesSyncedNow(readiness);
 };
 
 /// A family's address, the way a record of it is looked up: its host prefix.

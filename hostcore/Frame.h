@@ -46,7 +46,9 @@ class MachineReactor : public Notifier::NotifieeConst {
   /// The same for the notification of `Attribute`, which a reflective observer is offered first.
   template <class Attribute>
   bool mayActOn(const void* value) {
-    return !this->kivOnAttribute(Attribute::kInfo.id, value) && mayAct();
+    if (!this->kivOnAttribute(Attribute::kInfo.id, value)) return mayAct();
+    if (routeSm_ != nullptr) routeSm_->notificationMissed();
+    return false;
   }
 
  private:
@@ -128,9 +130,16 @@ class NeighborDirReactor : public MachineReactor<NeighborDir, Machine> {
   void onArpIntfStatuskivImmediate() override {
     if (!this->mayAct()) return;
     const Kiv::Ptr<const Kiv::Object> alive(this);  // a callback may take the machine's handle
-    for (const auto& name : this->notifierRaw()->arpIntfStatusKeys()) onArpIntfStatus(name);
+    // In the order of their names, by which what is made for the neighbours is numbered.
+    for (const auto& name : sorted(this->notifierRaw()->arpIntfStatusKeys())) onArpIntfStatus(name);
     if (!this->mayAct()) return;
-    for (const auto& name : this->routeSm()->arpIntfStatusKeys()) onArpIntfStatus(name);
+    for (const auto& name : sorted(this->routeSm()->arpIntfStatusKeys())) onArpIntfStatus(name);
+  }
+
+ private:
+  static std::vector<Kiv::Name> sorted(std::vector<Kiv::Name> names) {
+    std::sort(names.begin(), names.end());
+    return names;
   }
 };
 
@@ -202,6 +211,12 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
   }
 
  protected:
+  /// The interface's VRF. \throws Kiv::Exception when it is not known, or the reactor has no
+  /// machine.
+  const L3::VrfName& vrf() const {
+    Kiv::validPtr(this->routeSm());
+    return Kiv::validPtr(Kiv::validPtr(this->notifierRaw()).l3Status())->vrf();
+  }
   /// Admits the interface when it is in this VRF, else removes it.
   void applyVrf() {
     const typename IntfStatus::PtrConst status = this->notifier();
@@ -239,16 +254,36 @@ auto* watchedBy(const Kiv::Ptr<Reactor>& reactor) {
   return reactor ? reactor->notifierRaw() : nullptr;
 }
 
+/// Makes a reactor of `key`, not yet bound, in place of one that may be there. Returns it.
+template <class Collection, class Machine, class Key>
+auto newMember(Collection& collection, Machine& sm, const Key& key) {
+  const auto reactor = Kiv::make<typename Collection::Map::Value::Element>(sm.kivFwkActivity());
+  reactor->hasNotificationActiveIs(sm.hasNotificationActive());
+  collection.set(sm, key, reactor);
+  return reactor;
+}
+
+/// Puts a new reactor, not yet bound, in place of the one of `key`, if there is one, which lets go
+/// of the machine and of its input. Returns what that was, or null.
+template <class Collection, class Machine, class Key>
+auto renewMember(Collection& collection, Machine& sm, const Key& key) {
+  const auto former = collection.get(key);
+  decltype(former->notifier()) input;
+  if (!former) return input;
+  input = former->notifier();
+  former->routeSmIs(nullptr);
+  former->notifierIs(nullptr);
+  newMember(collection, sm, key);
+  return input;
+}
+
 /// Points the reactor of `key` at `input`, made first if it is not there. Returns what the reactor
 /// watched before, or null.
 template <class Collection, class Machine, class Key, class Input>
 Input bindMember(Collection& collection, Machine& sm, const Key& key, const Input& input) {
   auto reactor = collection.get(key);
   if (!reactor) {
-    using Reactor = typename decltype(reactor)::Element;
-    reactor = Kiv::make<Reactor>(sm.kivFwkActivity());
-    reactor->hasNotificationActiveIs(sm.hasNotificationActive());
-    collection.set(sm, key, reactor);
+    reactor = newMember(collection, sm, key);
     // Who was told of it may have removed it.
     if (collection.get(key) != reactor) return nullptr;
   }
@@ -264,10 +299,13 @@ Input bindMember(Collection& collection, Machine& sm, const Key& key, const Inpu
 /// In the order of their names: the last interface to write an address that several have owns it.
 template <class Machine, class Handle>
 void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Handle handle) {
-  std::sort(present.begin(), present.end(),
-            [](Zemit::IntfId a, Zemit::IntfId b) { return a.name() < b.name(); });
-  for (const Zemit::IntfId intfId : present) handle(intfId);
-  for (const Zemit::IntfId intfId : sm.ipIntfStatusFilterKeys()) handle(intfId);
+  const auto handleAll = [&handle](std::vector<Zemit::IntfId> intfs) {
+    std::sort(intfs.begin(), intfs.end(),
+              [](Zemit::IntfId a, Zemit::IntfId b) { return a.name() < b.name(); });
+    for (const Zemit::IntfId intfId : intfs) handle(intfId);
+  };
+  handleAll(std::move(present));
+  handleAll(sm.ipIntfStatusFilterKeys());
 }
 
 /// Traces the exception with which a reactor's callback has just ended.

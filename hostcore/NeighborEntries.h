@@ -56,7 +56,7 @@ template <Family F>
 template <class Reactor, class Shown>
 void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr,
                                         const Shown& shown) {
-  const ArpTable table = reactor.notifier();
+  const ArpTable table = Kiv::validPtr(reactor.notifier());
   if (skipInterface(*table)) {
     KIV_TRACE(F::trace(), 6, reactor,
               F::Text::kSkippingEntry << shown << " on interface " << table->name());
@@ -85,7 +85,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
 template <Family F>
 template <class Reactor>
 void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
-  const ArpTable table = reactor.notifier();
+  const ArpTable table = Kiv::validPtr(reactor.notifier());
   if (skipInterface(*table)) {
     KIV_TRACE(F::trace(), 6, reactor, "skipping Neigh Entry on interface " << table->name());
     return;
@@ -105,7 +105,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
 template <Family F>
 template <class Reactor>
 void NeighborEntries<F>::handleDel(const Reactor& reactor) {
-  const ArpTable table = reactor.notifier();
+  const ArpTable table = Kiv::validPtr(reactor.notifier());
   if (skipInterface(*table)) {
     KIV_TRACE(F::trace(), 6, reactor,
               "skipping processing of deletion of interface " << table->name());

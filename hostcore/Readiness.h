@@ -55,7 +55,7 @@ void Readiness<F>::mergeRib() const {
     }
   }
   if (changed->ipCount() != 0) sm_.doMerge(changed);
-  F::hostRoutesSyncedIs(*record_, Kiv::now());
+  F::hostRoutesSyncedNow(*record_);
 }
 
 /// Sets an entry ready, as of now.

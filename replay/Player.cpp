@@ -167,16 +167,18 @@ void enableTraces(uint32_t levels) {
 
 }  // namespace
 
-Player::Player(Daemon::Switch& sw, Output& output, const Options& options)
-    : sw_(sw), output_(output), options_(options) {
-  Kiv::Tracer::sinkIs([this](const Kiv::TraceRecord& record) { output_.trace(record); });
-  enableTraces(options_.traceLevels);
+Tracing::Tracing(Output& output, uint32_t levels) {
+  Kiv::Tracer::sinkIs([&output](const Kiv::TraceRecord& record) { output.trace(record); });
+  enableTraces(levels);
 }
 
-Player::~Player() {
+Tracing::~Tracing() {
   enableTraces(0);
   Kiv::Tracer::sinkIs({});
 }
+
+Player::Player(Daemon::Switch& sw, Output& output, const Options& options)
+    : sw_(sw), output_(output), options_(options) {}
 
 void Player::apply(std::string_view line) {
   const Event event = Event::parse(line);

@@ -19,15 +19,23 @@ namespace Replay {
 /// With this, two runs on the same input print the same traces in the same order.
 inline constexpr Kiv::HashSeed kHashSeed{.add = 0x9E3779B97F4A7C15, .multiply = 0xD6E8FEB86659FD93};
 
+/// While it lives, the trace records of both families go to an output, which outlives it. To have
+/// all of them it is there before the switch, whose first machines trace while they are made.
+class Tracing {
+ public:
+  /// \param levels  those that are on, a bit for each.
+  Tracing(Output& output, uint32_t levels);
+  Tracing(const Tracing&) = delete;
+  Tracing& operator=(const Tracing&) = delete;
+  ~Tracing();
+};
+
 /// Feeds events to a switch and prints what comes of it.
-///
-/// While it lives, trace records of the enabled levels of both families go to the output.
 class Player {
  public:
   struct Options {
-    uint32_t traceLevels = 0;  ///< a bit for each level
-    bool echoes = false;       ///< whether to print each event's line number
-    bool dumpsAtEnd = true;    ///< whether to print the state of everything after the last event
+    bool echoes = false;     ///< whether to print each event's line number
+    bool dumpsAtEnd = true;  ///< whether to print the state of everything after the last event
   };
   /// How a run ended.
   enum class Outcome {
@@ -40,7 +48,6 @@ class Player {
   Player(Daemon::Switch& sw, Output& output, const Options& options);
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
-  ~Player();
 
   /// Does what one line says. \throws EventError, having done nothing; Pindo::Exception from a
   /// machine, which has then not done all that the event asked of it.

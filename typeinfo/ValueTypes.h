@@ -123,15 +123,16 @@ struct TextForm<Zemit::BasicAddrWithMask<Addr>> : RunForm<Zemit::BasicAddrWithMa
   }
 };
 
-/// The interface's name.
+/// The interface's name. One that nobody has used yet is the name of none: what is only asked after
+/// must not be kept.
 template <>
 struct TextForm<Zemit::IntfId> {
   static void print(std::ostream& os, Zemit::IntfId intf) {
     TextForm<String>::print(os, intf.name());
   }
   static std::optional<Zemit::IntfId> read(TextReader& reader) {
-    if (const auto name = TextForm<String>::read(reader)) return Zemit::IntfId::of(*name);
-    return std::nullopt;
+    const auto name = TextForm<String>::read(reader);
+    return name ? Zemit::IntfId::find(*name) : std::nullopt;
   }
 };
 
@@ -275,18 +276,18 @@ struct TextForm<Ptr<Obu::BasicAddrSet<P>>> {
 /// The interfaces' names.
 template <>
 struct TextForm<Ptr<Obu::IntfDir>> {
-  using Members = SetForm<String>;
+  using Members = SetForm<Zemit::IntfId>;
   static void print(std::ostream& os, const Obu::IntfDir& dir) {
-    std::vector<String> names;
-    for (const Zemit::IntfId intf : dir) names.push_back(intf.name());
-    std::sort(names.begin(), names.end());
-    Members::print(os, names);
+    std::vector<Zemit::IntfId> intfs(dir.begin(), dir.end());
+    std::sort(intfs.begin(), intfs.end(),
+              [](Zemit::IntfId a, Zemit::IntfId b) { return a.name() < b.name(); });
+    Members::print(os, intfs);
   }
   static std::optional<Ptr<Obu::IntfDir>> read(TextReader& reader) {
-    const auto names = Members::read(reader);
-    if (!names) return std::nullopt;
+    const auto intfs = Members::read(reader);
+    if (!intfs) return std::nullopt;
     auto dir = Obu::IntfDir::IntfDirIs();
-    for (const String& name : *names) dir->intfNameIs(name);
+    for (const Zemit::IntfId intf : *intfs) dir->intfIs(intf);
     return dir;
   }
 };

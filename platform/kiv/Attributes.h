@@ -137,6 +137,13 @@ class Singleton {
     detail::left<Tag>(owner, old);
     return true;
   }
+  /// Makes an object of `args` and stores it in place of another. Returns it.
+  template <class... Args>
+  Ptr<T> create(const Entity& owner, const Args&... args) {
+    const auto made = make<T>(args...);
+    set(owner, made);
+    return made;
+  }
   bool del(const Entity& owner) { return set(owner, nullptr); }
   /// Forgets the object without a word.
   void drop() {
@@ -187,6 +194,14 @@ class Collection {
     detail::adopt<Tag>(owner, *stored);
     detail::left<Tag>(owner, old, key);
     return true;
+  }
+
+  /// Of owned objects that are made of their keys: makes the one of `key`, in place of another.
+  /// Returns it.
+  Value create(const Entity& owner, const Key& key) {
+    const auto made = make<typename Value::Element>(key);
+    set(owner, key, made);
+    return made;
   }
 
   /// Removes an entry and announces its key. The removed value lives until that is done.
@@ -379,11 +394,15 @@ class KeySet {
     attr##_.set(*this, value);                    \
   }
 
-/// A reference to an object of another owner: attr(), attrRaw(). Its setter stands beside it.
+/// A reference to an object of another owner: attr(), attrRaw(), attrNotify(). Its setter stands
+/// beside it.
 #define KIV_POINTER_VIEW(id, attr, Attr, Type)            \
   KIV_VALUE_TAG(id, attr, Attr);                          \
   ::Kiv::Ptr<Type> attr() const noexcept {                \
     return attr##_.get();                                 \
+  }                                                       \
+  void attr##Notify() const {                             \
+    this->template notify<Attr##Attribute>();             \
   }                                                       \
   Type* attr##Raw() const noexcept {                      \
     return attr##_.raw();                                 \
@@ -401,11 +420,15 @@ class KeySet {
     attr##_.set(*this, object);                   \
   }
 
-/// An owned object that anybody may read: attr(). What makes and removes it stands beside it.
+/// An owned object that anybody may read: attr(), attrNotify(). What makes and removes it stands
+/// beside it.
 #define KIV_SINGLETON_VIEW(id, attr, Attr, Type)   \
   KIV_VALUE_TAG(id, attr, Attr);                   \
   const ::Kiv::Ptr<Type>& attr() const noexcept {  \
     return attr##_.get();                          \
+  }                                                \
+  void attr##Notify() const {                      \
+    this->template notify<Attr##Attribute>();      \
   }                                                \
                                                    \
  private:                                          \
@@ -558,8 +581,8 @@ class KeySet {
 
 /// A collection of objects that are made of their keys, each when it is first looked at, on the
 /// storage given last: adds attrIs(key), which makes an entry unless it is there and gives its
-/// object; attrExpect(key), which leaves the object to be made; and attrIfMade(key), which gives
-/// null for one that is not made.
+/// object; newAttr(key), which puts a new object in place of another; attrExpect(key), which leaves
+/// the object to be made; and attrIfMade(key), which gives null for one that is not made.
 #define KIV_LAZY_COLLECTION_ON(id, attr, Attr, Key, Type, ...)                         \
   KIV_COLLECTION_ON(id, attr, Attr, Key, ::Kiv::Ptr<Type>,                             \
                     ::Kiv::LazyMap<Attr##Attribute, __VA_ARGS__>)                      \
@@ -569,6 +592,9 @@ class KeySet {
     const ::Kiv::Ptr<Type> made = attr(key);                                           \
     this->template notify<Attr##Attribute>(key);                                       \
     return made;                                                                       \
+  }                                                                                    \
+  ::Kiv::Ptr<Type> new##Attr(const Key& key) {                                         \
+    return attr##_.create(*this, key);                                                 \
   }                                                                                    \
   void attr##Expect(const Key& key) {                                                  \
     if (attr##_.map().expect(*this, key)) this->template notify<Attr##Attribute>(key); \

@@ -2,12 +2,23 @@
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
 
 #include "platform/kiv/Activity.h"
 #include "platform/kiv/Entity.h"
 #include "platform/kiv/Trace.h"
 
 namespace Kiv {
+
+namespace {
+
+/// Shared, so that a hook may put another in its place.
+std::shared_ptr<const Notifiee::AttributeHook>& attributeHook() {
+  static std::shared_ptr<const Notifiee::AttributeHook> hook;
+  return hook;
+}
+
+}  // namespace
 
 Notifiee::~Notifiee() {
   for (auto* walk = walk_; walk != nullptr; walk = walk->outer_) walk->current_ = nullptr;
@@ -45,6 +56,15 @@ void Notifiee::kivFwkActivityIs(const Ptr<ActivityConfig>& activity) {
 
 void Notifiee::handleNotification(ActivityConfig& config) {
   config.deliverCurrent(*this);
+}
+
+bool Notifiee::kivOnAttribute(AttributeId id, const void* value) {
+  const auto hook = attributeHook();
+  return hook != nullptr && (*hook)(*this, id, value);
+}
+
+void Notifiee::attributeHookIs(AttributeHook hook) {
+  attributeHook() = hook ? std::make_shared<const AttributeHook>(std::move(hook)) : nullptr;
 }
 
 void Notifiee::notifierEntityIs(const Entity* notifier) {

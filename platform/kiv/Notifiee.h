@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -70,10 +71,16 @@ class Notifiee : public Object {
   virtual void handleNotification(ActivityConfig& config);
 
   /// Offered a notification before its handler runs; true means that a reflective observer has
-  /// consumed it.
+  /// consumed it. Asks the hook of this process, if there is one.
   ///
   /// \param value  the key or value the notification is about.
-  virtual bool kivOnAttribute(AttributeId /*id*/, const void* /*value*/) { return false; }
+  virtual bool kivOnAttribute(AttributeId id, const void* value);
+
+  /// A reflective observer: returns true to keep a notification from the reactor's handler.
+  using AttributeHook =
+      std::function<bool(const Notifiee& reactor, AttributeId id, const void* value)>;
+  /// Makes `hook` the one of this process; an empty one takes it away. For the reactors' thread.
+  static void attributeHookIs(AttributeHook hook);
 
   /// A callback for attribute `id` has raised; the exception is std::current_exception().
   virtual void onNotificationException(AttributeId /*id*/) noexcept {}

@@ -72,8 +72,8 @@ K unpackKey(const GenericValue& index, const char* attribute) {
 }
 
 template <class R>
-GenericValue pack(R&& result) {
-  return GenericValue::of(std::forward<R>(result));
+GenericValue pack(const R& result) {
+  return GenericValue::of(shown(result));
 }
 
 /// What a function, or a member function with the entity before its arguments, takes and gives.

@@ -25,7 +25,10 @@ class IntfDir final : public Kiv::Object {
     const auto at = std::lower_bound(intfs_.begin(), intfs_.end(), intf);
     if (at == intfs_.end() || *at != intf) intfs_.insert(at, intf);
   }
-  bool intfName(const Kiv::String8& name) const { return contains(Zemit::IntfId::of(name)); }
+  bool intfName(const Kiv::String8& name) const {
+    const auto known = Zemit::IntfId::find(name);
+    return known && contains(*known);
+  }
   bool contains(Zemit::IntfId intf) const {
     return std::binary_search(intfs_.begin(), intfs_.end(), intf);
   }

@@ -7,6 +7,7 @@
 #include "platform/rovel/AdjacencyTable.h"
 #include "platform/rovel/ViaSet.h"
 #include "platform/tovan/FibTypes.h"
+#include "platform/tovan/RouteCollection.h"
 #include "platform/tovan/RouteRecord.h"
 
 namespace Routing {
@@ -37,6 +38,15 @@ class BasicHostStatus final : public Kiv::NamedEntity {
 
   KIV_COLLECTION_TAG(258, route, Route, Prefix);
 
+ private:
+  using Record = Tovan::RouteRecord<Route>;
+  using Records = Kiv::HashMap<Prefix, Record>;
+
+ public:
+  /// A walk over the routes, which gives them by value.
+  using RouteIterator =
+      typename Tovan::RouteCollection<RouteAttribute, Route, Records>::Map::IteratorConst;
+
   explicit BasicHostStatus(Kiv::Name name) : NamedEntity(std::move(name)) {}
 
   /// The route with exactly this prefix, or noRoute(prefix). Under the null prefix nothing is
@@ -59,7 +69,12 @@ class BasicHostStatus final : public Kiv::NamedEntity {
     route_.del(*this, prefix);
     return removed;
   }
+  Route routeDel(const RouteIterator& it) { return routeDel(it.key()); }
+  /// Removes all routes, announcing each.
+  void routeDelAll() { route_.delAll(*this); }
   size_t routeCount() const noexcept { return route_.map().size(); }
+  RouteIterator routeIterator() const { return routeIteratorConst(); }
+  RouteIterator routeIteratorConst() const { return RouteIterator(route_.map().iteratorConst()); }
   /// Calls `visit` with each route, in no order. The body must not write to the table.
   template <class Visit>
   void forEachRoute(Visit visit) const {
@@ -80,8 +95,7 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   Adjacencies& adjacencies() noexcept { return adjacencies_; }
 
  private:
-  using Record = Tovan::RouteRecord<Route>;
-  Kiv::Collection<RouteAttribute, Prefix, Record> route_;
+  Kiv::Collection<RouteAttribute, Prefix, Record, Records> route_;
   Adjacencies adjacencies_;
 };
 

@@ -38,7 +38,9 @@ class BasicVirtualIpStatus final : public Kiv::NamedEntity {
     if (const auto addr = addrOf(pair)) count(*addr, present);
     virtualIp_.set(*this, pair, present);
   }
+  void newVirtualIp(const Pair& pair, bool present) { virtualIpIs(pair, present); }
   void virtualIpDel(const Pair& pair) { virtualIpIs(pair, false); }
+  KIV_FURTHER_DELETIONS(virtualIp, VirtualIp)
 
   /// True when `addr` is virtual in any VRF.
   bool isVirtual(const A& addr) const { return users_.find(addr) != nullptr; }

@@ -9,6 +9,7 @@
 #include "platform/kiv/Attributes.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/tovan/IntfNames.h"
+#include "platform/tovan/TableWalk.h"
 #include "platform/tovan/TovanMap.h"
 
 namespace Tovan {
@@ -29,6 +30,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   using Fec = BasicFec<Via>;
   using Ptr = Kiv::Ptr<BasicForwardingStatus>;
   using PtrConst = Kiv::Ptr<const BasicForwardingStatus>;
+  class FecIterator;
 
   /// The lowest id of a FIB adjacency.
   static constexpr FecId kFirstAdjacency = FecId{1} << 32;
@@ -64,6 +66,12 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   void fecIs(const Fec& fec);
   /// Removes a FEC and announces that, if it is there.
   void fecDel(const FecId& id);
+  void fecDel(const FecIterator& it);
+  /// Removes all FECs, FIB adjacencies left out, announcing each.
+  void fecDelAll();
+  /// A walk over the FECs, FIB adjacencies left out. \throws CorruptionDetectedException.
+  FecIterator fecIterator() const { return FecIterator(*this); }
+  FecIterator fecIteratorConst() const { return FecIterator(*this); }
   /// The ids there are, FIB adjacencies left out, in no order. Damage is reported and ends the
   /// list.
   std::vector<FecId> fecKeys() const;
@@ -125,6 +133,22 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   IntfNames intfs_;
   uint32_t adjacencySpaces_ = 0;
   uint32_t changes_ = 0;
+};
+
+/// Stands on the FECs in turn; see TableWalk. A FEC's vias are read when it is asked for.
+template <class A>
+class BasicForwardingStatus<A>::FecIterator : public TableWalk<FecId, Record> {
+ public:
+  explicit FecIterator(const BasicForwardingStatus& status)
+      : TableWalk<FecId, Record>(status.fecs_,
+                                 [](const FecId& id) { return id >= kFirstAdjacency; }),
+        status_(&status) {}
+  /// \throws CorruptionDetectedException.
+  Fec value() const { return status_->fec(this->key()); }
+  Fec ptr() const { return value(); }
+
+ private:
+  const BasicForwardingStatus* status_;
 };
 
 template <class A>
@@ -252,6 +276,17 @@ bool BasicForwardingStatus<A>::adjacencyIsSound(const FecId& id) const {
   } catch (const CorruptionDetectedException&) {
     return false;
   }
+}
+
+template <class A>
+void BasicForwardingStatus<A>::fecDel(const FecIterator& it) {
+  fecDel(it.key());
+}
+
+template <class A>
+void BasicForwardingStatus<A>::fecDelAll() {
+  const Kiv::Ptr<const Kiv::Entity> alive(this);
+  for (const FecId id : fecKeys()) fecDel(id);
 }
 
 /// The record of a FEC, whose further vias are stored already.

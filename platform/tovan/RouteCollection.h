@@ -35,6 +35,7 @@ class RouteCollection {
       explicit operator bool() const noexcept { return bool(at_); }
       const Prefix& key() const noexcept { return at_.key(); }
       Route value() const { return at_.value().withKey(at_.key()); }
+      Route ptr() const { return value(); }
       IteratorConst& operator++() {
         ++at_;
         return *this;

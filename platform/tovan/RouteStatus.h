@@ -7,6 +7,7 @@
 #include "platform/kiv/Attributes.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/tovan/RouteRecord.h"
+#include "platform/tovan/TableWalk.h"
 #include "platform/tovan/TovanMap.h"
 
 namespace Tovan {
@@ -33,6 +34,14 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   };
 
   KIV_COLLECTION_TAG(258, route, Route, Prefix);
+
+  /// A walk over the routes; see TableWalk.
+  class RouteIterator : public TableWalk<Prefix, RouteRecord<Route>> {
+   public:
+    using TableWalk<Prefix, RouteRecord<Route>>::TableWalk;
+    Route value() const { return this->record().withKey(this->key()); }
+    Route ptr() const { return value(); }
+  };
 
   /// \param name    the table's name; other processes know the table as "NAME.route4" or
   ///                "NAME.route6".
@@ -70,7 +79,16 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     if (removed || dropped) announce<RouteAttribute>(*this, prefix, dropped);
     return removed ? removed->withKey(prefix) : noRoute<Route>(prefix);
   }
+  Route routeDel(const RouteIterator& it) { return routeDel(it.key()); }
+  /// Removes all routes, announcing each. What a callback adds stays.
+  void routeDelAll() {
+    const Kiv::Ptr<const Kiv::Entity> alive(this);
+    for (const Prefix& prefix : routeKeys()) routeDel(prefix);
+  }
   size_t routeCount() const { return map_.size(); }
+  /// \throws CorruptionDetectedException.
+  RouteIterator routeIterator() const { return RouteIterator(map_); }
+  RouteIterator routeIteratorConst() const { return RouteIterator(map_); }
   /// Calls `visit` with each route, in no order. The body may write to the table.
   /// \throws CorruptionDetectedException.
   template <class Visit>

@@ -6,6 +6,7 @@
 #include <bit>
 #include <compare>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 
 #include "platform/kiv/Hash.h"
@@ -23,6 +24,8 @@ class IntfId {
   constexpr IntfId() = default;
   /// The id of the interface called `name`, made unless it is known.
   static IntfId of(const Kiv::String8& name);
+  /// The id of the interface called `name`; nothing while nobody has named one so.
+  static std::optional<IntfId> find(const Kiv::String8& name);
 
   constexpr uint32_t value() const { return value_; }
   /// The interface's name. Takes no lock; the reference stays good.

@@ -1,6 +1,7 @@
 // How a state machine and its reactors come, go and reach each other.
 #include <functional>
 
+#include "platform/kiv/Clock.h"
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -175,6 +176,47 @@ TYPED_TEST(FrameTest, GivesASharedAddressToTheLastInterfaceByName) {
   world.expectBalancedReferences();
 }
 
+// The same holds for neighbour tables: adjacencies are numbered in the order in which they are
+// made.
+TYPED_TEST(FrameTest, CatchesUpWithNeighborTablesInTheOrderOfTheirNames) {
+  using Machine = typename TypeParam::RouteSm;
+  struct Watcher final : Machine::NotifieeConst {
+    void onArpIntfStatus(const Kiv::Name& name) override { seen.push_back(name); }
+    std::vector<Kiv::Name> seen;
+  };
+  const std::vector<Kiv::Name> names{"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet4",
+                                     "Ethernet5", "Ethernet6", "Ethernet7", "Ethernet8"};
+  World<TypeParam> world;
+  world.newMachine();
+  const auto watcher = Kiv::make<Watcher>();
+  watcher->notifierIs(world.root->routeSm());
+  const auto full = Kiv::make<Arp::NeighborDir>("full");
+  for (auto name = names.rbegin(); name != names.rend(); ++name) full->newArpIntfStatus(*name);
+  world.machine().newNeighborDirByIntfName(full);
+  EXPECT_EQ(watcher->seen, names);
+  watcher->seen.clear();
+  const auto empty = Kiv::make<Arp::NeighborDir>("empty");
+  world.machine().newNeighborDirByIntfName(empty);
+  EXPECT_EQ(watcher->seen, names) << "not removed in order";
+}
+
+// Whoever replays a clock must get as many readings as there are stamps.
+TYPED_TEST(FrameTest, ReadsTheClockOnlyForAStampThatIsDue) {
+  World<TypeParam> world;
+  world.startWithSubnet();
+  int readings = 0;
+  Kiv::clockIs([&readings] { return ++readings; });
+  world.readiness->ribReadyIs(true);
+  world.readiness->startRibReadyVerificationIs(true);
+  EXPECT_EQ(readings, 2);
+  world.readiness->ribReadyIs(false);
+  world.readiness->ribReadyIs(true);
+  world.machine().handleRibReady();
+  world.machine().setHostRouteRibReady();
+  Kiv::clockIs({});
+  EXPECT_EQ(readings, 2);
+}
+
 TYPED_TEST(FrameTest, HandlesWhatAReplacedTableLacksAsLost) {
   World<TypeParam> world;
   world.startWithSubnet();
@@ -290,6 +332,8 @@ struct Handlers {
   void handleFec(Tovan::Fib::FecId fecId) { handled.push_back(fecId); }
   void handleFec() {}
   void reportException(const Kiv::Notifiee&, Kiv::AttributeId) const noexcept {}
+  void notificationMissed() { ++missed; }
+  size_t missed = 0;
   std::vector<Tovan::Fib::FecId> handled;
 };
 
@@ -305,6 +349,7 @@ TYPED_TEST(FrameTest, OffersANotificationToAnObserverBeforeItsHandler) {
   EXPECT_EQ(reactor->offered,
             std::make_pair(ForwardingStatus::FecAttribute::kInfo.id, Tovan::Fib::FecId{7}));
   EXPECT_TRUE(machine.handled.empty());
+  EXPECT_EQ(machine.missed, 1u);
   reactor->consumes = false;
   forwarding->fecNotify(8);
   EXPECT_EQ(machine.handled, std::vector<Tovan::Fib::FecId>{8});

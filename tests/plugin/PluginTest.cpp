@@ -57,4 +57,42 @@ TYPED_TEST(PluginTest, TheMachineReadsTheDaemonsInputsAndTellsItsReactors) {
   EXPECT_FALSE(world.hasRoute(world.routeStatus, 5));
 }
 
+// The chief headers declare them for the daemon.
+TYPED_TEST(PluginTest, TheFreeFunctionsCanBeCalled) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  World<F> world;
+  world.startWithSubnet();
+  const auto use = [&](auto add, auto remove, auto skip, auto intersect, auto subtract) {
+    const auto table = world.root->receiveTable();
+    add(table, nullptr, S::addr(5), 0, S::kReceive, nullptr, world.root, L3::VrfName("red"));
+    EXPECT_TRUE(world.hasRoute(table, 5));
+    remove(S::addr(5), table, nullptr, world.adjHelper);
+    EXPECT_FALSE(world.hasRoute(table, 5));
+    EXPECT_TRUE(skip(world.neighborDir->newArpIntfStatus("Management1")));
+    const auto intfs = Obu::IntfDir::IntfDirIs();
+    intfs->intfIs(world.ethernet1);
+    EXPECT_TRUE(intersect(intfs, intfs));
+    EXPECT_EQ(subtract(intfs, intfs)->count(), 0u);
+  };
+  const auto changed = F::AddrSet::AddrSetIs(F::Prefix::null());
+  if constexpr (S::kIsIpv4) {
+    using namespace Routing::Host;
+    use(addRouteToRouteTable, removeHostRoute, skipInterface, nonemptyIntersection, subtract);
+    const auto status = world.interfaceStatus(world.ethernet1, nullptr);
+    status->activeAddrWithMaskIs({S::addr(1), 32});
+    recomputeReceiveRoutes(world.root->routeSm(), status);
+    addActiveReceiveRoutes(status, {S::addr(2), 32}, world.root, changed);
+    removeAddrMaskFromReceiveTable({S::addr(2), 32}, "Ethernet1", changed, world.root);
+    removeReceiveRoutes(status, "Ethernet1", world.root, changed);
+    removeReceiveRoute(S::addr(3), "Ethernet1", world.root);
+    EXPECT_EQ(changed->ipCount(), 2u);
+  } else {
+    using namespace Routing6::Host;
+    use(addRouteToRouteTable, removeHostRoute, skipInterface, nonemptyIntersection, subtract);
+    removeReceiveRoutes(nullptr, "Ethernet1", world.root, changed);
+  }
+  EXPECT_TRUE(world.machine().hasNoReceiveRoutes());
+}
+
 }  // namespace

@@ -121,6 +121,18 @@ TEST_F(ProgramTest, TellsByItsStatusHowItEnded) {
   }
 }
 
+// What the machines of the first VRF say while they are made is said before any event.
+TEST_F(ProgramTest, TracesFromTheStart) {
+  const auto result = run("replay /dev/null --json --trace 8 --no-final-dump");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_TRUE(result.text.starts_with(R"({"trace":)")) << result.text;
+  for (const char* said : {"void Routing::Host::RouteSmRoot::handleInitialized()",
+                           "void Routing::Host::RouteSm::handleFec()",
+                           "void Routing6::Host::RouteSm::handleVirtualIp6Status()"}) {
+    EXPECT_NE(result.text.find(said), std::string::npos) << said;
+  }
+}
+
 // A reader that comes while the writer changes FEC and route must never pair one with the other's.
 TEST_F(ProgramTest, RoutesAreReadWholeWhileTheyAreWritten) {
   Writer writer(name);

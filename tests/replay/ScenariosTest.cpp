@@ -49,11 +49,10 @@ TEST_P(ScenariosTest, PrintsWhatIsExpected) {
   const auto output = firstLine.find("--text") == firstLine.npos
                           ? Replay::jsonOutput(printed)
                           : Replay::textOutput(printed, false);
+  const Replay::Tracing tracing(*output, levels);
   Daemon::Switch sw({.settles = settles(input)});
-  Replay::Player player(sw, *output,
-                        {.traceLevels = levels,
-                         .echoes = firstLine.find("--echo") != firstLine.npos,
-                         .dumpsAtEnd = false});
+  Replay::Player player(
+      sw, *output, {.echoes = firstLine.find("--echo") != firstLine.npos, .dumpsAtEnd = false});
 
   std::istringstream lines(input);
   const auto outcome = player.run(lines, GetParam().filename(), printed, printed);

@@ -16,6 +16,7 @@ std::string again(std::string_view text) {
 }
 
 TEST(TextFormTest, ReadsBackWhatIsWritten) {
+  const auto vlan10 = Zemit::IntfId::of("Vlan10");
   EXPECT_EQ(again<bool>("true"), "true");
   EXPECT_EQ(again<uint64_t>("0xfFffffffffffffff"), "18446744073709551615");
   EXPECT_EQ(again<Kiv::String>("Ethernet1/1"), "Ethernet1/1");
@@ -27,7 +28,7 @@ TEST(TextFormTest, ReadsBackWhatIsWritten) {
   EXPECT_EQ(again<Zemit::Prefix>("0.0.0.0/-1"), "0.0.0.0/-1");
   EXPECT_EQ(again<Zemit::Ip6Prefix>("2001:db8::/64"), "2001:db8::/64");
   EXPECT_EQ(again<Zemit::IpAddrWithMask>("10.0.0.5/24"), "10.0.0.5/24");
-  EXPECT_EQ(again<Zemit::IntfId>("Vlan10"), "Vlan10");
+  EXPECT_EQ(again<Zemit::IntfId>("Vlan10"), vlan10.name());
   EXPECT_EQ(again<L3::VrfName>("\"a vrf\""), "\"a vrf\"");
   EXPECT_EQ(again<Tovan::Fib::Route>("10.0.0.0/24"),
             "10.0.0.0/24 invalid_ metric 0 preference 0 fec 0x0");
@@ -40,6 +41,20 @@ TEST(TextFormTest, ReadsBackWhatIsWritten) {
   const auto set = Kiv::typeOf<Obu::AddrSet>().strepToValue("{10.0.0.9,10.0.0.5 , 10.0.0.9}");
   EXPECT_EQ(set.text(), "{10.0.0.5, 10.0.0.9}");
   EXPECT_EQ(Kiv::typeOf<Obu::IntfDir>().strepToValue("{ }").text(), "{}");
+}
+
+// A name is kept as long as the process lives, so to look for one must not be to make one.
+TEST(TextFormTest, KeepsNoNameOfAnInterfaceThatIsOnlyLookedFor) {
+  const auto isKept = [](const char* name) { return Zemit::IntfId::find(name).has_value(); };
+  EXPECT_EQ(again<Zemit::IntfId>("Ghost1"), "refused: no Zemit::IntfId at column 1");
+  EXPECT_FALSE(isKept("Ghost1"));
+  EXPECT_THROW(Kiv::typeOf<Obu::IntfDir>().strepToValue("{Ghost2}"), Kiv::Exception);
+  EXPECT_FALSE(isKept("Ghost2"));
+  EXPECT_FALSE(Obu::IntfDir::IntfDirIs()->intfName("Ghost3"));
+  EXPECT_FALSE(isKept("Ghost3"));
+  const auto ghost4 = Zemit::IntfId::of("Ghost4");
+  EXPECT_EQ(Zemit::IntfId::find("Ghost4"), ghost4);
+  EXPECT_EQ(Kiv::typeOf<Obu::IntfDir>().strepToValue("{Ghost4}").text(), "{Ghost4}");
 }
 
 TEST(TextFormTest, RefusesWhatIsNoValueAndWhatGoesOn) {
