@@ -40,6 +40,7 @@ void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
   KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
             "addActiveReceiveRoutes"
                 << "  addrMask: " << addrWithMask << " intfName: " << name);
+  HostCore::stepTaken<Ipv4>(*Kiv::validPtr(root));
   bool isOwn = true;  // the first one, also where the network's address is the same
   for (const Zemit::IpAddr ip : YieldedAddresses(addrWithMask)) {
     const auto adjacency = isOwn ? HostCore::receiveAdjacency<Ipv4>(status->intfId(), *root)
@@ -55,6 +56,7 @@ void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& /*status*/, const Kiv
   KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
             "removeReceiveRoutes"
                 << "  intf: " << intfName);
+  HostCore::stepTaken<Ipv4>(*Kiv::validPtr(root));
   // Each address leaves the record before its routes go, so that only those that remain count as
   // overlapping.
   if (const auto* recorded = root->intfNameToAddrWithMaskFind(intfName)) {
@@ -77,6 +79,7 @@ void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
   KIV_TRACE(hostRouteTrace, 8, *Kiv::validPtr(root),
             "removeAddrMaskFromReceiveTable"
                 << " remove recv route: " << addrWithMask);
+  HostCore::stepTaken<Ipv4>(*Kiv::validPtr(root));
   for (const Zemit::IpAddr ip : YieldedAddresses(addrWithMask)) {
     const auto* owner = root->receiveAddrToIntfNameFind(ip);
     if (owner == nullptr || *owner != intfName) continue;
@@ -90,6 +93,7 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
             "void Routing::Host::removeReceiveRoute(Zemit::IpAddr, const Kiv::Name&, "
             "const Routing::Host::RouteSmRoot::Ptr&)"
                 << " remove recv route: " << ip);
+  HostCore::stepTaken<Ipv4>(*Kiv::validPtr(root));
   if (YieldedAddresses(root->intfNameToAddrWithMask(intfName)).contain(ip)) {
     KIV_TRACE(hostRouteTrace, 8, *root, " found overlapping addr ");
     return;
@@ -106,6 +110,7 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
 
 void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus::PtrConst& status) {
   const auto root = Kiv::validPtr(Kiv::validPtr(routeSm)->root());
+  const HostCore::Listening<Ipv4>::Handling handling(*routeSm);
   const auto name = status->name();
   KIV_TRACE(hostRouteTrace, 8, *root,
             "recomputeReceiveRoutes"
@@ -121,7 +126,9 @@ void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus:
   auto secondaries = status->activeSecondaryWithMaskKeys();
   std::sort(secondaries.begin(), secondaries.end());
   for (const auto& secondary : secondaries) {
-    const auto recorded = root->intfNameToSecondaryAddrWithMaskIs(name);
+    root->intfNameToSecondaryAddrWithMaskIs(name);
+    const auto recorded = root->intfNameToSecondaryAddrWithMask(name);
+    if (!recorded) break;  // who was told of it has taken it away
     if (recorded->addrWithMask(secondary)) continue;
     addActiveReceiveRoutes(status, secondary, root, changed);
     recorded->addrWithMaskIs(secondary, true);

@@ -36,7 +36,7 @@ RouteSm::RouteSm(
   inputsStored_ = true;
   forEachReactor([this](auto& reactor) { reactor.routeSmIs(this); });
 
-  HostCore::Listening<Ipv4>(*this).stateFound();
+  HostCore::Listening<Ipv4>(*this).begin();
   handleFec();
   if (this->ipStatus()) this->ipStatus()->onIpIntfStatuskivImmediate();
   if (this->neighborDirByIntfName()) {
@@ -98,8 +98,12 @@ void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id)
   HostCore::Listening<Ipv4>(*this).missed();
 }
 
+void RouteSm::missed() {
+  HostCore::Listening<Ipv4>(*this).missed();
+}
+
 void RouteSm::inputReplaced(bool changed) {
-  if (changed) HostCore::Listening<Ipv4>(*this).missed();
+  if (changed) missed();
 }
 
 void RouteSm::newFwdStatus(const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus) {

@@ -61,6 +61,7 @@ const IntfAddresses::Ptr& RouteSmRoot::intfNameToSecondaryAddrWithMaskIs(
 
 const Obu::AddrSet::Ptr& RouteSmRoot::toMergeIs(const Zemit::Prefix& prefix) {
   if (!toMerge() || toMerge()->prefix() != prefix) {
+    if (routeSm()) routeSm()->missed();  // the merges that waited
     toMerge_.set(*this, Obu::AddrSet::AddrSetIs(prefix));
   }
   return toMerge();

@@ -12,6 +12,7 @@ void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status, const Kiv::Nam
   KIV_TRACE(hostRoute6Trace, 8, *Kiv::validPtr(root),
             "removeReceiveRoutes"
                 << " intfName " << intfName << " intf " << status);
+  HostCore::stepTaken<Ipv6>(*Kiv::validPtr(root));
   if (const auto recorded = root->intfNameToAddrWithMask(intfName)) {
     for (const auto& addrWithMask : recorded->addrWithMaskKeys()) {
       // What the interface has no more leaves with the record as a whole, below.
@@ -51,15 +52,19 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
             "recomputeReceiveRoutes"
                 << " for interface: " << name);
   const auto root = Kiv::validPtr(routeSm()->root());
+  const HostCore::Listening<Ipv6>::Handling handling(*routeSm());
   const auto changed = Obu::Ip6AddrSet::AddrSetIs(Zemit::Ip6Prefix::null());
   removeReceiveRoutes(status, name, root, changed);
-  const auto recorded = root->intfNameToAddrWithMaskIs(name);
+  root->intfNameToAddrWithMaskIs(name);
+  const auto recorded = root->intfNameToAddrWithMask(name);
   // In ascending order, so that the order of the collection decides nothing.
   auto addrs = status->addrKeys();
   std::sort(addrs.begin(), addrs.end());
   for (const auto& addrWithMask : addrs) {
     const Zemit::Ip6Addr& ip = addrWithMask.addr();
     if (ip.isLinkLocal()) continue;
+    // Who was told of it, or of what was written, may have taken the record away.
+    if (!recorded || root->intfNameToAddrWithMask(name) != recorded) break;
     KIV_TRACE(hostRoute6Trace, 8, *this,
               "addActiveReceiveRoutes"
                   << "  addrMask: " << addrWithMask << " intfName: " << name);

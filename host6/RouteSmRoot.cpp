@@ -62,6 +62,7 @@ const IntfAddresses::Ptr& RouteSmRoot::intfNameToAddrWithMaskIs(const Kiv::Strin
 
 const Obu::Ip6AddrSet::Ptr& RouteSmRoot::toMergeIs(const Zemit::Ip6Prefix& prefix) {
   if (!toMerge() || toMerge()->prefix() != prefix) {
+    if (routeSm()) routeSm()->missed();  // the merges that waited
     toMerge_.set(*this, Obu::Ip6AddrSet::AddrSetIs(prefix));
   }
   return toMerge();

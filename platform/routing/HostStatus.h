@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Watch.h"
 #include "platform/rovel/AdjacencyTable.h"
 #include "platform/rovel/ViaSet.h"
 #include "platform/tovan/FibTypes.h"
@@ -47,11 +48,16 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   /// Begins to fetch what route() is going to read.
   void prefetch(const Prefix& prefix) const { route_.map().prefetch(prefix); }
   /// Stores a route under its key; announces it if it is new or differs.
-  void routeIs(const Route& route) { route_.set(*this, route.key, Record(route)); }
+  void routeIs(const Route& route) {
+    if (!watches_.empty() && this->route(route.key) != route) watches_.written(route.key);
+    route_.set(*this, route.key, Record(route));
+  }
   /// Removes a route, announces that and returns it; or noRoute(prefix).
   Route routeDel(const Prefix& prefix) {
     const Route removed = route(prefix);
-    if (removed.key == prefix) route_.del(*this, prefix);
+    if (removed.key != prefix) return removed;
+    watches_.written(prefix);
+    route_.del(*this, prefix);
     return removed;
   }
   size_t routeCount() const noexcept { return route_.map().size(); }
@@ -66,6 +72,9 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   void routeNotify(const Prefix& prefix) const { this->template notify<RouteAttribute>(prefix); }
   void routeNotify() const { this->template notify<RouteAttribute>(); }
 
+  /// Who knows of each route that is about to be stored or removed.
+  const Kiv::WatchList<Prefix>& watches() const noexcept { return watches_; }
+
   /// The vias of a host adjacency; none when there is no such adjacency.
   const ViaSet& adjIndexToViaSet(Tovan::Fib::FecId index) const {
     return adjacencies_.viaSet(index);
@@ -78,6 +87,7 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   using Record = Tovan::RouteRecord<Route>;
   Kiv::Collection<RouteAttribute, Prefix, Record> route_;
   Adjacencies adjacencies_;
+  Kiv::WatchList<Prefix> watches_;
 };
 
 namespace Host {

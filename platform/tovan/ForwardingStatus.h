@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Watch.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/tovan/IntfNames.h"
 #include "platform/tovan/TovanMap.h"
@@ -71,6 +72,9 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   void fecNotify(const FecId& id) const { this->template notify<FecAttribute>(id); }
   void fecNotify() const { this->template notify<FecAttribute>(); }
 
+  /// Who knows of each FEC that is stored or removed.
+  const Kiv::WatchList<FecId>& watches() const noexcept { return watches_; }
+
   /// A number that no other keeper of FIB adjacencies has or had here; its adjacencies have the ids
   /// from `number << 32` on.
   uint32_t newAdjacencySpace() { return ++adjacencySpaces_; }
@@ -109,6 +113,10 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   std::optional<Record> former(const FecId& id) const;
   Record newRecord(const Fec& fec);
   bool remove(const FecId& id);
+  void announce(const FecId& id) {
+    watches_.written(id);
+    this->template notify<FecAttribute>(id);
+  }
   void removeVias(const FecId& id, const Record& record);
   void clearUp();
 
@@ -118,6 +126,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   IntfNames intfs_;
   uint32_t adjacencySpaces_ = 0;
   uint32_t changes_ = 0;
+  Kiv::WatchList<FecId> watches_;
 };
 
 template <class A>
@@ -202,12 +211,12 @@ void BasicForwardingStatus<A>::fecIs(const Fec& fec) {
   const auto replaced = former(fec.id());
   fecs_.set(fec.id(), newRecord(fec));
   if (replaced) removeVias(fec.id(), *replaced);
-  this->template notify<FecAttribute>(fec.id());
+  announce(fec.id());
 }
 
 template <class A>
 void BasicForwardingStatus<A>::fecDel(const FecId& id) {
-  if (remove(id)) this->template notify<FecAttribute>(id);
+  if (remove(id)) announce(id);
 }
 
 /// The record of a FEC, whose further vias are stored already.

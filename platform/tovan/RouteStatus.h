@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Watch.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/tovan/RouteRecord.h"
 #include "platform/tovan/TovanMap.h"
@@ -56,14 +57,14 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     const Record record(route);
     if (this->hasNotifiees() && holds(route.key, record)) return;
     map_.set(route.key, record);
-    this->template notify<RouteAttribute>(route.key);
+    announce(route.key);
   }
   /// Removes a route, announces that and returns it; or noRoute(prefix).
   /// \throws ReadOnlyException.
   Route routeDel(const Prefix& prefix) {
     const auto removed = map_.erase(prefix);
     if (!removed) return noRoute<Route>(prefix);
-    this->template notify<RouteAttribute>(prefix);
+    announce(prefix);
     return removed->withKey(prefix);
   }
   size_t routeCount() const { return map_.size(); }
@@ -88,6 +89,9 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   void routeNotify(const Prefix& prefix) const { this->template notify<RouteAttribute>(prefix); }
   void routeNotify() const { this->template notify<RouteAttribute>(); }
 
+  /// Who knows of each route that is stored or removed.
+  const Kiv::WatchList<Prefix>& watches() const noexcept { return watches_; }
+
   /// Told of damage met on a look-up or walk.
   void corruptionDetected(const std::string& message) const { map_.corruptionDetected(message); }
   const TovanMap<Prefix, RouteRecord<Route>>& map() const noexcept { return map_; }
@@ -95,6 +99,10 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
  private:
   using Record = RouteRecord<Route>;
 
+  void announce(const Prefix& prefix) {
+    watches_.written(prefix);
+    this->template notify<RouteAttribute>(prefix);
+  }
   /// A damaged entry holds nothing; storing a route repairs and reports it.
   bool holds(const Prefix& prefix, const Record& record) const {
     try {
@@ -110,6 +118,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
 
   // Noting damage is no change of the routes: a reader does it too.
   mutable TovanMap<Prefix, Record> map_;
+  Kiv::WatchList<Prefix> watches_;
 };
 
 namespace Fib {

@@ -289,6 +289,7 @@ class Observed final : public HostCore::FwdStatusReactor<ForwardingStatus, struc
 struct Handlers {
   void handleFec(Tovan::Fib::FecId fecId) { handled.push_back(fecId); }
   void handleFec() {}
+  void missed() {}
   void reportException(const Kiv::Notifiee&, Kiv::AttributeId) const noexcept {}
   std::vector<Tovan::Fib::FecId> handled;
 };
