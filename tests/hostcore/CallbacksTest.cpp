@@ -162,20 +162,23 @@ TYPED_TEST(CallbacksTest, TheRecordOfAnInterfacesAddressesMayGoWhenItIsMade) {
   auto& red = this->world;
   red.newMachine();
   red.machine().initializedIs(true);
-  const auto status = red.interface(red.ethernet1, red.inVrf(red.ethernet1, "red"));
-  const auto observer = watcherOf<RootWatcher<F>>(red.root);
+  const auto l3Status = red.inVrf(red.ethernet1, "blue");
+  const auto status = red.interface(red.ethernet1, l3Status);
+  const auto enters = [&](Once& observer, const std::function<void()>& action) {
+    observer.action = action;
+    l3Status->vrfIs(L3::VrfName("red"));
+    EXPECT_FALSE(observer.action);
+  };
   if constexpr (S::kIsIpv4) {
     struct SecondaryWatcher : F::RouteSmRoot::NotifieeConst, Once {
       void onIntfNameToSecondaryAddrWithMask(const Kiv::String8&) override { act(); }
     };
-    const auto secondaries = watcherOf<SecondaryWatcher>(red.root);
-    secondaries->action = [&] { red.root->intfNameToSecondaryAddrWithMaskDelAll(); };
     status->activeSecondaryWithMaskIs({S::addr(1), 24}, true);
-    EXPECT_FALSE(secondaries->action);
+    enters(*watcherOf<SecondaryWatcher>(red.root),
+           [&] { red.root->intfNameToSecondaryAddrWithMaskDelAll(); });
   } else {
-    observer->action = [&] { red.root->intfNameToAddrWithMaskDelAll(); };
     red.addressIs(*status, 1);
-    EXPECT_FALSE(observer->action);
+    enters(*watcherOf<RootWatcher<F>>(red.root), [&] { red.root->intfNameToAddrWithMaskDelAll(); });
   }
   EXPECT_EQ(red.root->receiveTable()->routeCount(), red.root->receiveAddrToIntfNameCount());
   red.addressIs(*status, 2);
