@@ -17,12 +17,6 @@
 
 namespace {
 
-std::vector<nlohmann::json> canonicalDumps(const Golden::Model& model) {
-  auto dumps = model.dumps();
-  for (auto& dump : dumps) dump = Golden::canonical(dump);
-  return dumps;
-}
-
 /// How many reactors of neighbour tables are quiet.
 size_t quietReactors(const Daemon::Switch& sw) {
   size_t quiet = 0;

@@ -22,6 +22,12 @@ inline std::vector<nlohmann::json> canonicalDumps(const Daemon::Switch& sw) {
   return dumps;
 }
 
+inline std::vector<nlohmann::json> canonicalDumps(const Golden::Model& model) {
+  auto dumps = model.dumps();
+  for (auto& dump : dumps) dump = Golden::canonical(dump);
+  return dumps;
+}
+
 /// The members in which two lists of dumps differ, one on a line.
 inline std::string difference(const std::vector<nlohmann::json>& ours, const char* ourName,
                               const std::vector<nlohmann::json>& theirs, const char* theirName) {
