@@ -126,10 +126,9 @@ struct Ipv4 {
                                    const RouteStatus::Ptr& routeTable, const Addr& ip,
                                    Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm,
                                    const Route* known = nullptr);
+  /// Withdraws for a handler, which the machine need not be told of.
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
-                              const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper) {
-    Host::removeHostRoute(ip, hostTable, addrSet, adjHelper);
-  }
+                              const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper);
   /// What a receive route resolves to in the route table; a broadcast one has no interface.
   static ViaSet receiveVias(const HostTable& table, const Route& receiveRoute);
 

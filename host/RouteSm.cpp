@@ -39,7 +39,7 @@ RouteSm::RouteSm(
   inputsStored_ = true;
   forEachReactor([this](auto& reactor) { reactor.routeSmIs(this); });
 
-  HostCore::Listening<Ipv4>(*this).stateFound();
+  HostCore::Listening<Ipv4>(*this).begin();
   handleFec();
   if (this->ipStatus()) this->ipStatus()->onIpIntfStatuskivImmediate();
   if (this->neighborDirByIntfName()) {
@@ -128,12 +128,12 @@ void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id)
   HostCore::Listening<Ipv4>(*this).missed();
 }
 
-void RouteSm::notificationMissed() {
+void RouteSm::missed() {
   HostCore::Listening<Ipv4>(*this).missed();
 }
 
 void RouteSm::inputReplaced(bool changed) {
-  if (changed) HostCore::Listening<Ipv4>(*this).missed();
+  if (changed) missed();
 }
 
 Kiv::Ptr<RouteSm::KivFwdStatus> RouteSm::newFwdStatus(

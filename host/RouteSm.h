@@ -168,9 +168,9 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.
-  class KivVirtualIpStatus final : public Reactor<Fhrp::VirtualIpStatus> {
+  class KivVirtualIpStatus final : public HostCore::InputReactor<Fhrp::VirtualIpStatus, RouteSm> {
    public:
-    using MachineReactor::MachineReactor;
+    using InputReactor::InputReactor;
 
     void onVirtualIp(const Fhrp::VrfIpWithMaskPair& pair) override;
     void onVirtualIp() override;
@@ -395,8 +395,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   Interest& interest() noexcept { return interest_; }
   const Interest& interest() const noexcept { return interest_; }
 
-  /// A notification was kept from its handler: what is remembered may be wrong.
-  void notificationMissed();
+  /// Something may have passed the machine by, such as a notification that was kept from its
+  /// handler: it takes no short cut from now on.
+  void missed();
+
   /// Traces the exception with which a reactor's callback has just ended.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
 

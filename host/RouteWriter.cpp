@@ -1,6 +1,7 @@
 #include "host/RouteWriter.h"
 
 #include "host/Family.h"
+#include "hostcore/Listening.h"
 #include "hostcore/RouteWriter.h"
 
 namespace Routing::Host {
@@ -17,18 +18,26 @@ void addRouteToRouteTable(const Status::Ptr& hostTable,
                           Tovan::Fib::FecId fecId, Routing::Fib::RouteType routeType,
                           const Fhrp::VirtualIpStatus* virtualIpStatus,
                           const RouteSmRoot::Ptr& root, const L3::VrfName& /*vrfName*/) {
+  HostCore::stepTaken<Ipv4>(*Kiv::validPtr(root));
   HostCore::addRouteToRouteTable<Ipv4>(hostTable, routeTable, ip, fecId, routeType, virtualIpStatus,
                                        *Kiv::validPtr(root));
+}
+
+void Ipv4::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
+                           const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper) {
+  KIV_TRACE(hostRouteTrace, 8, HostCore::rootOf(*Kiv::validPtr(hostTable)),
+            "void Routing::Host::removeHostRoute(const Zemit::IpAddr&, "
+            "Routing::Host::Status::Ptr, Obu::AddrSet::Ptr, Rovel::AdjacencyHelper::Ptr)"
+                << ip);
+  HostCore::removeHostRoute<Ipv4>(ip, hostTable, addrSet, adjHelper);
 }
 
 void removeHostRoute(const Zemit::IpAddr& ip, const Status::Ptr& hostTable,
                      const Obu::AddrSet::Ptr& receiveAddrSet,
                      const Rovel::AdjacencyHelper::Ptr& adjHelper) {
-  KIV_TRACE(hostRouteTrace, 8, HostCore::rootOf(*Kiv::validPtr(hostTable)),
-            "void Routing::Host::removeHostRoute(const Zemit::IpAddr&, "
-            "Routing::Host::Status::Ptr, Obu::AddrSet::Ptr, Rovel::AdjacencyHelper::Ptr)"
-                << ip);
-  HostCore::removeHostRoute<Ipv4>(ip, hostTable, receiveAddrSet, adjHelper);
+  const auto* root = dynamic_cast<const RouteSmRoot*>(Kiv::validPtr(hostTable)->parent());
+  if (root != nullptr) HostCore::stepTaken<Ipv4>(*root);
+  Ipv4::removeHostRoute(ip, hostTable, receiveAddrSet, adjHelper);
 }
 
 }  // namespace Routing::Host

@@ -2,7 +2,6 @@
 #include "hostcore/VirtualIp.h"
 
 #include "host/Family.h"
-#include "hostcore/Listening.h"
 
 namespace Routing::Host {
 
@@ -11,10 +10,7 @@ namespace Routing::Host {
 bool RouteSm::handleVirtualIpStatus(const Fhrp::VrfIpWithMaskPair& vrfIpWithMask) {
   const auto addr = vrfIpWithMask.v4Addr();
   if (!addr) return true;
-  if (vrfIpWithMask.vrfName() != vrfName()) {
-    HostCore::Listening<Ipv4>(*this).foreignVirtualIpChanged(*addr);
-    return true;
-  }
+  if (vrfIpWithMask.vrfName() != vrfName()) return true;
   KIV_TRACE(hostRouteTrace, 8, *this,
             "bool Routing::Host::RouteSm::handleVirtualIpStatus("
             "const Routing::Fhrp::VrfIpWithMaskPair&)"
@@ -30,9 +26,8 @@ bool RouteSm::handleVirtualIpStatus(const Fhrp::VrfIpWithMaskPair& vrfIpWithMask
 
 void RouteSm::handleVirtualIpStatus() {
   KIV_TRACE(hostRouteTrace, 8, *this, "void Routing::Host::RouteSm::handleVirtualIpStatus()");
-  const auto* status = virtualIps();
-  if (status == nullptr) return;
-  for (auto it = status->virtualIpIteratorConst(); it; ++it) handleVirtualIpStatus(it.key());
+  HostCore::VirtualIp<Ipv4>(*this).handleAll(
+      [this](const Fhrp::VrfIpWithMaskPair& pair) { handleVirtualIpStatus(pair); });
 }
 
 }  // namespace Routing::Host

@@ -156,10 +156,9 @@ struct Ipv6 {
                                    const RouteStatus::Ptr& routeTable, const Addr& ip,
                                    Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm,
                                    const Route* known = nullptr);
+  /// Withdraws for a handler, which the machine need not be told of.
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
-                              const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper) {
-    Host::removeHostRoute(ip, hostTable, addrSet, adjHelper);
-  }
+                              const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper);
   /// What a machine traces when it looks a neighbour's address up.
   static void traceCheck(const RouteSm& sm, const Addr& ip);
   // Traces that one half has, or has in another form.

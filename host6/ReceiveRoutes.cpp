@@ -14,6 +14,7 @@ void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status, const Kiv::Nam
   KIV_TRACE(hostRoute6Trace, 8, *root,
             "removeReceiveRoutes"
                 << " intfName " << intfName << " intf " << status);
+  HostCore::stepTaken<Ipv6>(*root);
   if (const auto recorded = root->intfNameToAddrWithMask(intfName)) {
     for (const auto& addrWithMask : recorded->addrWithMaskKeys()) {
       // What the interface has no more leaves with the record as a whole, below.
@@ -55,6 +56,7 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
             "recomputeReceiveRoutes"
                 << " for interface: " << name);
   const auto root = Kiv::validPtr(machine->root());
+  const HostCore::Listening<Ipv6>::Handling handling(*machine);
   const bool isFollowed = bool(machine->vrfIpIntfStatus(status->intfId()));
   const auto changed = Obu::Ip6AddrSet::AddrSetIs(Zemit::Ip6Prefix::null());
   removeReceiveRoutes(status, name, root, changed);

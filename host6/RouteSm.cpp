@@ -42,7 +42,7 @@ RouteSm::RouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
   inputsStored_ = true;
   forEachReactor([this](auto& reactor) { reactor.routeSmIs(this); });
 
-  HostCore::Listening<Ipv6>(*this).stateFound();
+  HostCore::Listening<Ipv6>(*this).begin();
   handleFec();
   if (this->ipStatus()) this->ipStatus()->onIntfkivImmediate();
   if (this->neighborDirByIntfName()) {
@@ -131,12 +131,12 @@ void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id)
   HostCore::Listening<Ipv6>(*this).missed();
 }
 
-void RouteSm::notificationMissed() {
+void RouteSm::missed() {
   HostCore::Listening<Ipv6>(*this).missed();
 }
 
 void RouteSm::inputReplaced(bool changed) {
-  if (changed) HostCore::Listening<Ipv6>(*this).missed();
+  if (changed) missed();
 }
 
 Kiv::Ptr<RouteSm::KivFwdStatus> RouteSm::newFwdStatus(

@@ -166,9 +166,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.
-  class KivVirtualIp6Status final : public Reactor<Routing::Fhrp::VirtualIp6Status> {
+  class KivVirtualIp6Status final
+      : public HostCore::InputReactor<Routing::Fhrp::VirtualIp6Status, RouteSm> {
    public:
-    using MachineReactor::MachineReactor;
+    using InputReactor::InputReactor;
 
     void onVirtualIp(const Routing::Fhrp::VrfIpPair& pair) override;
     void onVirtualIp() override;
@@ -393,8 +394,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   Interest& interest() noexcept { return interest_; }
   const Interest& interest() const noexcept { return interest_; }
 
-  /// A notification was kept from its handler: what is remembered may be wrong.
-  void notificationMissed();
+  /// Something may have passed the machine by, such as a notification that was kept from its
+  /// handler: it takes no short cut from now on.
+  void missed();
+
   /// Traces the exception with which a reactor's callback has just ended.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
 

@@ -2,7 +2,6 @@
 #include "hostcore/VirtualIp.h"
 
 #include "host6/Family.h"
-#include "hostcore/Listening.h"
 
 namespace Routing6::Host {
 
@@ -10,10 +9,7 @@ namespace Routing6::Host {
 // to those of any VRF.
 bool RouteSm::handleVirtualIp6Status(const Routing::Fhrp::VrfIpPair& vrfIpPair) {
   const Zemit::Ip6Addr& addr = vrfIpPair.vrfIp();
-  if (vrfIpPair.vrfName() != vrfName()) {
-    HostCore::Listening<Ipv6>(*this).foreignVirtualIpChanged(addr);
-    return true;
-  }
+  if (vrfIpPair.vrfName() != vrfName()) return true;
   KIV_TRACE(hostRoute6Trace, 8, *this,
             "bool Routing6::Host::RouteSm::handleVirtualIp6Status("
             "const Routing::Fhrp::VrfIpPair&)"
@@ -29,9 +25,8 @@ bool RouteSm::handleVirtualIp6Status(const Routing::Fhrp::VrfIpPair& vrfIpPair) 
 
 void RouteSm::handleVirtualIp6Status() {
   KIV_TRACE(hostRoute6Trace, 8, *this, "void Routing6::Host::RouteSm::handleVirtualIp6Status()");
-  const auto* status = virtualIps();
-  if (status == nullptr) return;
-  for (auto it = status->virtualIpIteratorConst(); it; ++it) handleVirtualIp6Status(it.key());
+  HostCore::VirtualIp<Ipv6>(*this).handleAll(
+      [this](const Routing::Fhrp::VrfIpPair& pair) { handleVirtualIp6Status(pair); });
 }
 
 }  // namespace Routing6::Host

@@ -52,7 +52,9 @@ void FibTracking<F>::handleStatusRoute(const Prefix& prefix) {
   // The route table's host prefixes are what this system merged into it.
   if (prefix.len() == F::Addr::kBits) return;
   if (const auto* root = sm_.rootRaw()) root->prefixToRoutePrefetch(prefix);
-  sm_.handleRoute(prefix, Obu::readRoute(sm_.routeStatusRaw(), prefix));
+  const Route fibRoute = Obu::readRoute(sm_.routeStatusRaw(), prefix);
+  Listening<F>(sm_).routeIsRead();
+  sm_.handleRoute(prefix, fibRoute);
 }
 
 template <Family F>
@@ -78,6 +80,7 @@ void FibTracking<F>::handleStatusRoute() {
 template <Family F>
 void FibTracking<F>::handleHostStatusRoute(const Prefix& prefix) {
   const auto* hostStatus = sm_.hostStatusRaw();
+  Listening<F>(sm_).routeIsRead();
   sm_.handleRoute(prefix, hostStatus == nullptr ? Tovan::noRoute<typename F::Route>(prefix)
                                                 : hostStatus->route(prefix));
 }
@@ -100,6 +103,7 @@ template <Family F>
 void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   const typename Listening<F>::Handling handling(sm_);
   Listening<F>(sm_).coversChanged();
+  Listening<F>(sm_).routeAnnounced(prefix);
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     const auto* known = sm_.rootRaw();
@@ -174,12 +178,12 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
   }
 
   if (const auto neighbors = F::neighborSet(root, oldFibRoute.key)) {
-    const auto aboveFec = Obu::readFec(rehome ? sm_.forwardingStatus() : nullptr, above.fecId);
+    SharedFec<F> aboveFec(sm_, above.fecId);
     withdrawInTurn<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
                       [&](const typename F::Addr& addr) {
                         F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
                         neighbors->ipDel(addr);
-                        if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec);
+                        if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec.now());
                         mergeSet->ipIs(addr, true);
                       });
   }

@@ -30,6 +30,12 @@ class MachineReactor : public Notifier::NotifieeConst {
   Machine* routeSm() const noexcept { return routeSm_; }
   void routeSmIs(Machine* routeSm) noexcept { routeSm_ = routeSm; }
 
+  void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) override {
+    Notifier::NotifieeConst::kivFwkActivityIs(activity);
+    // What waits is handled with the tables as they will be, which nobody knows yet.
+    if (routeSm_ != nullptr && activity && activity->queues()) routeSm_->missed();
+  }
+
   void onNotificationException(Kiv::AttributeId id) noexcept override {
     if (routeSm_ != nullptr) routeSm_->reportException(*this, id);
   }
@@ -47,7 +53,7 @@ class MachineReactor : public Notifier::NotifieeConst {
   template <class Attribute>
   bool mayActOn(const void* value) {
     if (!this->kivOnAttribute(Attribute::kInfo.id, value)) return mayAct();
-    if (routeSm_ != nullptr) routeSm_->notificationMissed();
+    if (routeSm_ != nullptr) routeSm_->missed();
     return false;
   }
 
@@ -55,11 +61,26 @@ class MachineReactor : public Notifier::NotifieeConst {
   Machine* routeSm_ = nullptr;
 };
 
+/// A reactor on an input of which the machine knows more than it handles; see Listening.
+template <class Notifier, class Machine>
+class InputReactor : public MachineReactor<Notifier, Machine> {
+ public:
+  using MachineReactor<Notifier, Machine>::MachineReactor;
+
+  /// Watches another input. What the machine knows is of the former one.
+  void notifierIs(const Kiv::Ptr<const Notifier>& notifier) {
+    if (this->routeSm() != nullptr && notifier.get() != this->notifierRaw()) {
+      this->routeSm()->missed();
+    }
+    MachineReactor<Notifier, Machine>::notifierIs(notifier);
+  }
+};
+
 /// Watches the FECs of the forwarding status.
 template <class ForwardingStatus, class Machine>
-class FwdStatusReactor : public MachineReactor<ForwardingStatus, Machine> {
+class FwdStatusReactor : public InputReactor<ForwardingStatus, Machine> {
  public:
-  using MachineReactor<ForwardingStatus, Machine>::MachineReactor;
+  using InputReactor<ForwardingStatus, Machine>::InputReactor;
 
   void onFec(const Tovan::Fib::FecId& fecId) override {
     fecId_ = fecId;

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "hostcore/Road.h"
 #include "platform/kiv/HashMap.h"
 #include "platform/kiv/SmallVector.h"
+#include "platform/kiv/Watch.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/zemit/IntfId.h"
 
@@ -16,6 +18,7 @@ template <class R, class Fec>
 struct Interest {
   using Road = HostCore::Road<R, Fec>;
   using Addr = typename Road::Addr;
+  using Prefix = typename Road::Prefix;
 
   /// A FEC of tracked routes.
   struct FecUse {
@@ -28,6 +31,17 @@ struct Interest {
   Kiv::HashMap<Zemit::IntfId, uint32_t> intfs;
   /// The addresses whose next merge may change something, whatever occasions it.
   Kiv::HashMap<Addr, Kiv::Present> due;
+  /// The tracked prefixes whose route was written with another FEC and has not been announced yet.
+  Kiv::HashMap<Prefix, Kiv::Present> unannounced;
+  /// What it knows of its inputs at once, whoever changes them.
+  Kiv::Watch<Prefix> routes;
+  Kiv::Watch<Prefix> hostRoutes;
+  Kiv::Watch<Tovan::Fib::FecId> fecChanges;
+  Kiv::Watch<Addr> virtualAddrs;
+  /// The host route that the machine itself is writing to the route table.
+  std::optional<Prefix> ownWrite;
+  /// The route that is handed to handleRoute() has just been read from its table.
+  bool routeIsRead = false;
   /// Of the neighbour table whose neighbour is being handled; else null.
   Road* road = nullptr;
   /// Counts what may have changed the cover of an address.

@@ -1,7 +1,7 @@
 // Catching up when a state machine is initialized.
 #pragma once
 
-#include "hostcore/Family.h"
+#include "hostcore/Listening.h"
 
 namespace HostCore {
 
@@ -15,6 +15,9 @@ void handleInitialized(typename F::RouteSm& sm) {
   const auto toMerge = Kiv::validPtr(sm.rootRaw()).toMerge();
   if (toMerge && toMerge->ipCount() != 0) {
     KIV_TRACE(F::trace(), 8, sm, "Process ip's deferred before initialization");
+    // By hand, before the machine is initialized: it defers the merges again, and then forgets
+    // them.
+    if (!sm.initialized()) Listening<F>(sm).missed();
     sm.doMerge(toMerge);
     toMerge->ipDelAll();
   }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "hostcore/Family.h"
@@ -18,16 +19,16 @@ namespace HostCore {
 /// address is merged all the same; but merging again what was merged changes nothing, unless
 /// another VRF's virtual address came or went meanwhile, or a FIB host route was passed over: such
 /// an address is due. In all other cases the change of such a neighbour moves the machine to
-/// nothing but trace statements, and its reactor may be quiet. By the same argument the merge after
-/// a neighbour's event is left out when its host route has stayed and its address is not due.
+/// nothing but trace statements, and its reactor may be quiet.
+///
+/// The machine knows at once of all that is written to its route table, the host-route status, the
+/// FECs and the virtual addresses, whoever does it and whether or not that is announced. What
+/// another writes to a host route is due to be merged again. While a route has another FEC than the
+/// one it was last announced with, no reactor is quiet.
 ///
 /// A machine that cannot be sure of that is blind, and from then on does everything: when a
 /// handler was broken off, a step was taken by hand, an input was replaced or notifications were
 /// off, and when the tables held host routes before it began.
-///
-/// Who writes a route table or the FECs tells the machine at once, before anything else is
-/// announced. What is written in silence, or damaged, is noticed when a route or a FEC is
-/// announced, and in a host route at the next merge of its address.
 template <Family F>
 class Listening {
  public:
@@ -59,6 +60,8 @@ class Listening {
     if (interest_.handlers == 0) missed();
   }
 
+  /// The machine has its inputs.
+  void begin();
   /// The root may have the state of a machine that was there before.
   void stateFound() {
     const auto* root = sm_.rootRaw();
@@ -85,8 +88,29 @@ class Listening {
     coversChanged();
     for (const FecId fecId : interest_.fecs.keys()) fecChanged(fecId);
   }
-  /// `addr` became virtual in another VRF, or is so no longer.
-  void foreignVirtualIpChanged(const Addr& addr);
+  /// The route that is handed to handleRoute() next has just been read from its table.
+  void routeIsRead() { interest_.routeIsRead = true; }
+  /// The FIB route of `prefix` was announced.
+  void routeAnnounced(const Prefix& prefix) {
+    const bool isRead = std::exchange(interest_.routeIsRead, false);
+    if (!sm_.initialized()) return;
+    // What is handed over by hand may not be what the next event reads.
+    if (!isRead) missed();
+    if (interest_.unannounced.erase(prefix) && interest_.unannounced.empty()) review();
+  }
+  /// While one stands, the machine itself writes the host route of one address to the route table.
+  class OwnWrite {
+   public:
+    OwnWrite(typename F::RouteSm& sm, const Prefix& prefix)
+        : interest_(sm.interest()), former_(std::exchange(interest_.ownWrite, prefix)) {}
+    OwnWrite(const OwnWrite&) = delete;
+    OwnWrite& operator=(const OwnWrite&) = delete;
+    ~OwnWrite() { interest_.ownWrite = former_; }
+
+   private:
+    typename F::RouteSm::Interest& interest_;
+    std::optional<Prefix> former_;
+  };
   /// A FIB route was announced, or that it went, and the machine did not look into it. If it is a
   /// host route, and not what was merged last, the merge of its address is due.
   void routePassedOver(const Prefix& prefix, const Route& fibRoute);
@@ -98,15 +122,10 @@ class Listening {
   /// The host route of a neighbour was written or withdrawn.
   void hostRouteChanged() { ++interest_.hostRouteChanges; }
   uint64_t hostRouteChanges() const { return interest_.hostRouteChanges; }
-  /// True when a merge of `addr`, whose host route has stayed, would change nothing.
-  bool mayOmitMerge(const Addr& addr) const {
-    return mayTrust() && interest_.handlers == 1 && !interest_.due.contains(addr) &&
-           !F::trace().buildsAbove(0);
-  }
   /// The cover of an address may have changed: a route or a FEC was announced.
   void coversChanged() { ++interest_.coverChanges; }
   /// True when what was read of covers is good until something is announced.
-  bool mayTrustCovers() const { return mayTrust() && !F::trace().buildsAbove(0); }
+  bool mayTrustCovers() const { return mayTrust(); }
   /// Something may have passed the machine by.
   void missed() {
     interest_.isBlind = true;
@@ -128,6 +147,15 @@ class Listening {
   }
 
  private:
+  void routeWritten(const Prefix& prefix);
+  void hostRouteWritten(const Prefix& prefix);
+  /// A tracked route may have another FEC than the one that it was announced with.
+  void unannounced(const Prefix& prefix) {
+    const bool first = interest_.unannounced.empty();
+    if (interest_.unannounced.insert(prefix) && first) review();
+  }
+  /// `addr` became virtual in a VRF, or is so no longer.
+  void virtualIpWritten(const Addr& addr);
   void mergeIsDue(const Addr& addr) {
     const bool first = interest_.due.empty();
     if (interest_.due.insert(addr) && first) review();
@@ -167,7 +195,9 @@ class Listening {
   bool leavesThrough(const Arp::ArpIntfStatus* table) const {
     return table != nullptr && interest_.intfs.find(table->intfId()) != nullptr;
   }
-  bool mayRest() const { return mayTrust() && interest_.due.empty(); }
+  bool mayRest() const {
+    return mayTrust() && interest_.due.empty() && interest_.unannounced.empty();
+  }
   /// True when all that was changed has been merged, but for what is due.
   bool mayTrust() const {
     // What is queued is handled with the tables as they will be, which nobody knows yet.
@@ -182,19 +212,79 @@ class Listening {
 };
 
 template <Family F>
-void Listening<F>::foreignVirtualIpChanged(const Addr& addr) {
+void Listening<F>::begin() {
+  auto& sm = sm_;
+  if (const auto* routes = sm.routeStatusRaw()) {
+    interest_.routes.begin(routes->watches(), [&sm](const Prefix& prefix) {
+      if (!sm.interest().isBlind) Listening(sm).routeWritten(prefix);
+    });
+  }
+  if (const auto* hostStatus = sm.hostStatusRaw()) {
+    interest_.hostRoutes.begin(hostStatus->watches(), [&sm](const Prefix& prefix) {
+      if (!sm.interest().isBlind) Listening(sm).hostRouteWritten(prefix);
+    });
+  }
+  if (const auto* forwarding = sm.forwardingStatus()) {
+    interest_.fecChanges.begin(forwarding->watches(),
+                               [&sm](const FecId& fecId) { Listening(sm).fecChanged(fecId); });
+  }
+  if (const auto* virtualIps = F::virtualIps(sm)) {
+    interest_.virtualAddrs.begin(virtualIps->watches(), [&sm](const Addr& addr) {
+      if (!sm.interest().isBlind) Listening(sm).virtualIpWritten(addr);
+    });
+  }
+  stateFound();
+}
+
+template <Family F>
+void Listening<F>::routeWritten(const Prefix& prefix) {
+  if (interest_.ownWrite == prefix) {
+    interest_.ownWrite.reset();  // what comes under its callbacks is another's
+    return;
+  }
+  const auto* root = sm_.rootRaw();
+  if (root == nullptr) return;
+  coversChanged();
+  if (prefix.len() == Addr::kBits) return mergeIsDue(prefix.addr());
+  const auto tracked = root->prefixToRouteFind(prefix);
+  if (!tracked && interest_.handlers == 0) return;
+  const Route now = Obu::readRoute(sm_.routeStatusRaw(), prefix);
+  // A route that is gone covers nothing. A handler may yet track what was there before.
+  if (now.key != prefix) return;
+  if (interest_.handlers != 0 || tracked->fecId != now.fecId) unannounced(prefix);
+}
+
+template <Family F>
+void Listening<F>::hostRouteWritten(const Prefix& prefix) {
+  const auto* root = sm_.rootRaw();
+  if (root == nullptr) return;
+  coversChanged();
+  if (prefix.len() == Addr::kBits) mergeIsDue(prefix.addr());
+  if (interest_.handlers != 0 || root->prefixToRouteFind(prefix)) unannounced(prefix);
+}
+
+template <Family F>
+void Listening<F>::virtualIpWritten(const Addr& addr) {
+  const auto* root = sm_.rootRaw();
+  if (root == nullptr) return;
   const auto host = hostPrefix<F>(addr);
   const Route merged = Obu::readRoute(sm_.routeStatusRaw(), host);
   // Only attached routes give way to virtual addresses.
   if (merged.key == host && merged.routeType != F::kAttached && merged.routeType != F::kInvalid) {
     return;
   }
-  const auto& neighbors = F::neighborTable(Kiv::validPtr(sm_.rootRaw()));
+  const auto& neighbors = F::neighborTable(*root);
   const auto* hostStatus = sm_.hostStatusRaw();
   if (merged.key == host || (neighbors && neighbors->route(host).key == host) ||
       (hostStatus != nullptr && hostStatus->route(host).key == host)) {
     mergeIsDue(addr);
   }
+}
+
+/// Tells the machine of a root, if it has one, that somebody has taken a step by hand.
+template <Family F>
+void stepTaken(const typename F::RouteSmRoot& root) {
+  if (const auto& machine = root.routeSm()) Listening<F>(*machine).stepTaken();
 }
 
 template <Family F>

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "hostcore/Family.h"
@@ -45,6 +46,29 @@ std::vector<typename F::Addr> neighborsInside(const Arp::ArpIntfStatus& table,
   if (isNull(prefix)) return {};
   return F::neighborsBetween(table, prefix.addr(), prefix.addr().subnetLast(prefix.len()));
 }
+
+/// The FEC of a route that many neighbours are handled under. It is read once, and again when a
+/// route or a FEC has changed: who is told of one neighbour's host route may change the FEC.
+template <Family F>
+class SharedFec {
+ public:
+  SharedFec(const typename F::RouteSm& sm, Tovan::Fib::FecId fecId) : sm_(sm), fecId_(fecId) {}
+
+  /// Good until the next call.
+  const typename F::ForwardingStatus::Fec& now() {
+    const uint64_t changes = sm_.interest().coverChanges;
+    if (std::exchange(changes_, changes) != changes) {
+      fec_ = Obu::readFec(sm_.forwardingStatus(), fecId_);
+    }
+    return fec_;
+  }
+
+ private:
+  const typename F::RouteSm& sm_;
+  const Tovan::Fib::FecId fecId_;
+  uint64_t changes_ = 0;  // the count begins above
+  typename F::ForwardingStatus::Fec fec_;
+};
 
 /// The look-ups that say whether a neighbour may have a host route.
 template <Family F>
@@ -115,6 +139,11 @@ void Lookup<F>::prefetch(const Addr& ip, const Road& road) const {
   root->prefixToRoutePrefetch(route.key);  // and with it the set of neighbours in the same row
   root->adjacencyToPrefixPrefetch(route.fecId);
   prefetchHostRoute(ip);
+  // What tells whether a merge would change anything.
+  const Prefix host = hostPrefix<F>(ip);
+  root->prefixToRoutePrefetch(host);
+  if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(host);
+  if (const auto* hostStatus = sm_.hostStatusRaw()) hostStatus->prefetch(host);
 }
 
 template <Family F>
@@ -127,7 +156,6 @@ void Lookup<F>::prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighb
   const bool exists = route.key == host;
   if (exists) adjacencies.prefetch(route.fecId);
   if (exists == isNeighbor) return;
-  if (const auto* routeStatus = sm_.routeStatusRaw()) routeStatus->prefetch(host);
   // A neighbour is hardly ever reached through more than one interface.
   const auto vias = viasOf(ip, intf);
   adjacencies.prefetch(vias);

@@ -25,6 +25,8 @@ class Merge {
   void fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& fec);
   void doMerge(const typename F::AddrSet::PtrConst& changed);
   void doMerge(const Addr& changed);
+  /// True when merging `ip` would leave the route table as it is.
+  bool isMerged(const Addr& ip) const;
 
  private:
   /// The vias through which `ip` is a neighbour on an interface of the FEC.
@@ -81,12 +83,12 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
     }
   }
   if (result->ipCount() == 0) return result;
-  const auto fec = Obu::readFec(sm_.forwardingStatus(), fibRoute.fecId);
+  SharedFec<F> fec(sm_, fibRoute.fecId);
   const Lookup<F> lookup(sm_);
   const auto neighbors = F::neighborSet(root_, fibRoute.key);
   inTurn(
       ascending(result->ipIteratorConst()),
-      [&](const Addr& addr) { sm_.fixupArpRouteOver(addr, fibRoute, fec); },
+      [&](const Addr& addr) { sm_.fixupArpRouteOver(addr, fibRoute, fec.now()); },
       [&](const Addr& addr) {
         lookup.prefetchHostRoute(addr);
         if (neighbors) neighbors->ipWhereabouts().prefetch(addr);
@@ -112,15 +114,17 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   const auto& table = F::neighborTable(root_);
   auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
   const Prefix host = hostPrefix<F>(ip);
-  const Route existing = Kiv::validPtr(table)->route(host);
-  const bool exists = existing.key == host;
+  Kiv::validPtr(table);
   const auto neighbors = F::neighborSetIs(root_, fibRoute.key);
 
+  // What is told of the filing may write the host route, so that is read behind it.
   if (vias.empty()) {
-    if (exists) Listening<F>(sm_).hostRouteChanged();
     KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
-    table->routeDel(host);
-    if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
+    const Route removed = table->routeDel(host);
+    if (removed.key == host) {
+      Listening<F>(sm_).hostRouteChanged();
+      adjHelper.doDropRefOnHostAdjacency(table, removed.fecId);
+    }
     neighbors->ipDel(ip);
     if (neighbors->ipCount() == 0) unfile(fibRoute);
     return;
@@ -128,6 +132,8 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   if (auto* road = sm_.interest().road) road->leadsTo(*neighbors);
   neighbors->ipIs(ip, true);
   file(fibRoute);
+  const Route existing = table->route(host);
+  const bool exists = existing.key == host;
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;
   Listening<F>(sm_).hostRouteChanged();
   // The new adjacency is taken before the old one may lose its last user.
@@ -195,6 +201,37 @@ void Merge<F>::doMerge(const Addr& changed) {
 }
 
 template <Family F>
+bool Merge<F>::isMerged(const Addr& ip) const {
+  const auto* routeTable = sm_.routeStatusRaw();
+  if (routeTable == nullptr) return true;
+  const Prefix prefix = hostPrefix<F>(ip);
+  const auto isIn = [&prefix](const typename F::HostTable* table) {
+    return table != nullptr && table->route(prefix).key == prefix;
+  };
+  // The winner is a neighbour as a rule; what is more rare is merged.
+  if constexpr (F::kMergesReceiveRoutes) {
+    if (isIn(Kiv::validPtr(root_.receiveTable()).get())) return false;
+  }
+  if (isIn(sm_.hostStatusRaw())) return false;
+  Route existing;
+  try {
+    existing = routeTable->route(prefix);
+  } catch (const Tovan::CorruptionDetectedException&) {
+    return false;  // the merge reports it
+  }
+  const bool exists = existing.key == prefix;
+  const auto& neighbors = *Kiv::validPtr(F::neighborTable(root_));
+  const Route neighborRoute = neighbors.route(prefix);
+  if (neighborRoute.key != prefix) return !exists;
+  const auto* virtualIps = F::virtualIps(sm_);
+  if (virtualIps != nullptr && virtualIps->isVirtual(ip)) return false;
+  // The metric of a tracked route would be taken.
+  return exists && existing.routeType == F::kAttached && !root_.prefixToRouteFind(prefix) &&
+         Kiv::validPtr(sm_.adjHelperRaw())
+             .isFibAdjacency(existing.fecId, neighbors.adjIndexToViaSet(neighborRoute.fecId));
+}
+
+template <Family F>
 template <class Addrs>
 void Merge<F>::mergeAll(const Addrs& addrs) {
   const typename Listening<F>::Handling handling(sm_);
@@ -240,6 +277,7 @@ void Merge<F>::mergeOne(const Addr& ip, const Route& existing) {
   const auto routeTable = sm_.routeStatus();
   if (!routeTable) return;
   const Prefix prefix = hostPrefix<F>(ip);
+  const typename Listening<F>::OwnWrite ownWrite(sm_, prefix);
   if constexpr (F::kMergesReceiveRoutes) {
     const auto& received = *Kiv::validPtr(root_.receiveTable());
     const Route receiveRoute = received.route(prefix);

@@ -3,6 +3,7 @@
 
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
+#include "hostcore/Merge.h"
 
 namespace HostCore {
 
@@ -63,7 +64,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
     return;
   }
   const typename Listening<F>::Handling handling(sm_);
-  const Listening<F> listening(sm_);
+  Listening<F> listening(sm_);
   const Travel travel(sm_.interest(), reactor);
   reactor.road().isTrustedIs(listening.mayTrustCovers());
   const auto changes = listening.hostRouteChanges();
@@ -78,7 +79,12 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
               "handling a deleted arp entry for " << addr << " for " << table);
     sm_.handleDeletedArpEntry(shown, table);
   }
-  if (listening.hostRouteChanges() == changes && listening.mayOmitMerge(addr)) return;
+  // A merge that would write nothing could only trace.
+  if (listening.hostRouteChanges() == changes && sm_.initialized() && !F::trace().buildsAbove(0) &&
+      Merge<F>(sm_).isMerged(addr)) {
+    listening.merged(addr);
+    return;
+  }
   sm_.doMerge(addr);
 }
 

@@ -1,6 +1,7 @@
 // What both families do about the router's own addresses.
 #pragma once
 
+#include "hostcore/Listening.h"
 #include "hostcore/RouteWriter.h"
 
 namespace HostCore {
@@ -48,6 +49,7 @@ void handleIpIntfStatus(typename F::RouteSm& sm, Zemit::IntfId intfId) {
   const auto present = F::intfStatus(sm, intfId);
   if (followed && present && followed->name() == present->name()) return;
   KIV_TRACE(F::trace(), 6, sm, "removing receive routes for " << intfId.name());
+  const typename Listening<F>::Handling handling(sm);
   const auto changed = F::AddrSet::AddrSetIs(F::Prefix::null());
   F::removeReceiveRoutes(present, intfId.name(), Kiv::validPtr(sm.root()), changed);
   sm.doMerge(changed);

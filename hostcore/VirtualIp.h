@@ -1,7 +1,7 @@
 // Giving way to virtual addresses.
 #pragma once
 
-#include "hostcore/Family.h"
+#include "hostcore/Listening.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
@@ -15,6 +15,15 @@ class VirtualIp {
 
   explicit VirtualIp(typename F::RouteSm& sm) : sm_(sm) {}
 
+  /// Calls `handle` with each pair that was there at the start and still is.
+  template <class Handle>
+  void handleAll(Handle handle) {
+    const typename F::VirtualIpStatus::PtrConst status(F::virtualIps(sm_));
+    if (!status) return;
+    for (const auto& pair : status->virtualIpKeys()) {
+      if (status->virtualIp(pair)) handle(pair);
+    }
+  }
   /// Gives `addr`, no longer virtual, back to normal processing.
   void handleRemoved(const Addr& addr) {
     const auto mergeSet = F::AddrSet::AddrSetIs(Prefix::null());
@@ -32,6 +41,12 @@ class VirtualIp {
     const auto existing = Obu::readRoute(routeTable.get(), prefix);
     if (existing.key != prefix || existing.routeType != F::kAttached) return;
     KIV_TRACE_AS(F::trace(), 8, sm_, handler, "Removing host route");
+    const typename Listening<F>::OwnWrite ownWrite(sm_, prefix);
+    // A merge would write nothing now, unless a FIB host route has come without a word.
+    const auto* hostStatus = sm_.hostStatusRaw();
+    if (hostStatus == nullptr || hostStatus->route(prefix).key != prefix) {
+      Listening<F>(sm_).merged(addr);
+    }
     const auto removed = routeTable->routeDel(prefix);
     if (removed.key != prefix || !F::isOwnType(removed.routeType)) return;
     Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(removed.fecId);

@@ -40,7 +40,7 @@ void Notifiee::isRegisteredNotifieeIs(bool registered) {
 void Notifiee::isQuietIs(bool quiet) {
   if (quiet == quiet_) return;
   quiet_ = quiet;
-  if (registered_) notifier_->notifierList().quietChanged(quiet);
+  if (registered_) notifier_->notifierList().quietChanged(*this);
 }
 
 void Notifiee::kivFwkActivityIs(const Ptr<ActivityConfig>& activity) {
@@ -107,9 +107,21 @@ void NotifierList::remove(Notifiee& notifiee) noexcept {
   }
 }
 
-void NotifierList::quietChanged(bool quiet) noexcept {
-  quiet_ += quiet ? 1 : size_t{0} - 1;
+void NotifierList::quietChanged(Notifiee& notifiee) noexcept {
+  quiet_ += notifiee.isQuiet() ? 1 : size_t{0} - 1;
+  if (walks_ != 0 && !notifiee.isQuiet()) wake(notifiee);
   alertIsStale_ = true;
+}
+
+/// Has the walks over alert_ that are under way come to `notifiee`, if it was there when they
+/// began.
+void NotifierList::wake(Notifiee& notifiee) noexcept {
+  const auto judged =
+      slots_.begin() + static_cast<std::ptrdiff_t>(std::min(judged_, slots_.size()));
+  if (std::find(slots_.begin(), judged, &notifiee) == judged) return;
+  if (std::find(alert_.begin(), alert_.end(), &notifiee) != alert_.end()) return;
+  // There is room for all that were judged; without it no walk is over alert_.
+  if (alert_.size() != alert_.capacity()) alert_.push_back(&notifiee);
 }
 
 const std::vector<Notifiee*>& NotifierList::toTell() {
@@ -118,6 +130,8 @@ const std::vector<Notifiee*>& NotifierList::toTell() {
     // Another walk may be on the stale list. To tell a quiet one too is never wrong.
     if (walks_ != 0) return slots_;
     alert_.clear();
+    alert_.reserve(slots_.size());
+    judged_ = slots_.size();
     std::copy_if(slots_.begin(), slots_.end(), std::back_inserter(alert_),
                  [](const Notifiee* notifiee) { return !notifiee->isQuiet(); });
     alertIsStale_ = false;

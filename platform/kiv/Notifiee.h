@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -58,7 +59,7 @@ class Notifiee : public Object {
   /// A quiet notifiee is told of changes only while something is traced. For one that knows, for
   /// the time being, that a change of its notifier, whatever the attribute, would move it to
   /// nothing but trace statements: where many watch, those whom a change does not concern cost
-  /// nothing.
+  /// nothing. One that ceases to be quiet while others are told is told after them.
   void isQuietIs(bool quiet);
 
   /// The activity that delivers to this reactor; null means at once.
@@ -142,7 +143,7 @@ class NotifierList {
   void add(Notifiee& notifiee);
   void remove(Notifiee& notifiee) noexcept;
   /// A notifiee in the list has become quiet, or is so no longer.
-  void quietChanged(bool quiet) noexcept;
+  void quietChanged(Notifiee& notifiee) noexcept;
   /// Those to tell of a change now, null where one has left. Good until the list changes.
   const std::vector<Notifiee*>& toTell();
   /// The entity goes: its notifiees lose their notifier. Deletes the list when no walk is under
@@ -154,8 +155,13 @@ class NotifierList {
   ~NotifierList() = default;
   void endWalk() noexcept;
 
+  void wake(Notifiee& notifiee) noexcept;
+
   std::vector<Notifiee*> slots_;  // null: left while a walk was under way
-  std::vector<Notifiee*> alert_;  // those in slots_ that are not quiet; see alertIsStale_
+  // Those of the first `judged_` in slots_ that are not quiet, and behind them those that ceased to
+  // be so during a walk; see alertIsStale_.
+  std::vector<Notifiee*> alert_;
+  size_t judged_ = 0;
   size_t count_ = 0;
   size_t quiet_ = 0;
   unsigned walks_ = 0;
@@ -163,12 +169,15 @@ class NotifierList {
   bool orphaned_ = false;
 };
 
-/// Walks the notifiees that a list had when the walk began and still has; quiet ones only while
-/// something is traced.
+/// Walks the notifiees that a list had when the walk began and still has; those that are quiet all
+/// the while only if something is traced.
 class SnapshotIterator {
  public:
   explicit SnapshotIterator(NotifierList& list)
-      : list_(list), slots_(list.toTell()), end_(slots_.size()) {
+      : list_(list),
+        slots_(list.toTell()),
+        // Those who are woken meanwhile stand behind the others.
+        end_(&slots_ == &list.alert_ ? SIZE_MAX : slots_.size()) {
     ++list_.walks_;
   }
   SnapshotIterator(const SnapshotIterator&) = delete;
@@ -181,7 +190,7 @@ class SnapshotIterator {
   /// The next notifiee, or null at the end.
   Notifiee* next() noexcept {
     Notifiee* notifiee = nullptr;
-    while (at_ < end_ && notifiee == nullptr) notifiee = slots_[at_++];
+    while (at_ < end_ && at_ < slots_.size() && notifiee == nullptr) notifiee = slots_[at_++];
     standOn(notifiee);
     return notifiee;
   }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Watch.h"
 #include "platform/rovel/AdjacencyTable.h"
 #include "platform/rovel/ViaSet.h"
 #include "platform/tovan/FibTypes.h"
@@ -60,18 +61,25 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   /// Begins to fetch what route() is going to read.
   void prefetch(const Prefix& prefix) const { route_.map().prefetch(prefix); }
   /// Stores a route under its key; announces it if it is new or differs.
-  void routeIs(const Route& route) { route_.set(*this, route.key, Record(route)); }
+  void routeIs(const Route& route) {
+    if (!watches_.empty() && this->route(route.key) != route) watches_.written(route.key);
+    route_.set(*this, route.key, Record(route));
+  }
   /// Removes a route, announces that and returns it; or noRoute(prefix).
   Route routeDel(const Prefix& prefix) {
     const Record* record = route_.map().find(prefix);
     if (record == nullptr) return Tovan::noRoute<Route>(prefix);
     const Route removed = record->withKey(prefix);
+    watches_.written(prefix);
     route_.del(*this, prefix);
     return removed;
   }
   Route routeDel(const RouteIterator& it) { return routeDel(it.key()); }
-  /// Removes all routes, announcing each.
-  void routeDelAll() { route_.delAll(*this); }
+  /// Removes all routes, announcing each. What a callback adds stays.
+  void routeDelAll() {
+    const Kiv::Ptr<const Kiv::Entity> alive(this);
+    for (const Prefix& prefix : routeKeys()) routeDel(prefix);
+  }
   size_t routeCount() const noexcept { return route_.map().size(); }
   RouteIterator routeIterator() const { return routeIteratorConst(); }
   RouteIterator routeIteratorConst() const { return RouteIterator(route_.map().iteratorConst()); }
@@ -86,6 +94,9 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   void routeNotify(const Prefix& prefix) const { this->template notify<RouteAttribute>(prefix); }
   void routeNotify() const { this->template notify<RouteAttribute>(); }
 
+  /// Who knows of each route that is about to be stored or removed.
+  const Kiv::WatchList<Prefix>& watches() const noexcept { return watches_; }
+
   /// The vias of a host adjacency; none when there is no such adjacency.
   const ViaSet& adjIndexToViaSet(Tovan::Fib::FecId index) const {
     return adjacencies_.viaSet(index);
@@ -97,6 +108,7 @@ class BasicHostStatus final : public Kiv::NamedEntity {
  private:
   Kiv::Collection<RouteAttribute, Prefix, Record, Records> route_;
   Adjacencies adjacencies_;
+  Kiv::WatchList<Prefix> watches_;
 };
 
 namespace Host {

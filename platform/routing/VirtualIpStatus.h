@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Watch.h"
 #include "platform/routing/FhrpTypes.h"
 
 namespace Routing::Fhrp {
@@ -35,7 +36,10 @@ class BasicVirtualIpStatus final : public Kiv::NamedEntity {
   void virtualIpIs(const Pair& pair, bool present) {
     if (present == virtualIp(pair)) return;
     // The index goes first: a callback already sees it with the change made.
-    if (const auto addr = addrOf(pair)) count(*addr, present);
+    if (const auto addr = addrOf(pair)) {
+      count(*addr, present);
+      watches_.written(*addr);
+    }
     virtualIp_.set(*this, pair, present);
   }
   void newVirtualIp(const Pair& pair, bool present) { virtualIpIs(pair, present); }
@@ -44,6 +48,8 @@ class BasicVirtualIpStatus final : public Kiv::NamedEntity {
 
   /// True when `addr` is virtual in any VRF.
   bool isVirtual(const A& addr) const { return users_.find(addr) != nullptr; }
+  /// Who knows of each address that becomes virtual in a VRF, or is so no longer.
+  const Kiv::WatchList<A>& watches() const noexcept { return watches_; }
 
  private:
   static std::optional<A> addrOf(const VrfIpWithMaskPair& pair) { return pair.v4Addr(); }
@@ -56,6 +62,7 @@ class BasicVirtualIpStatus final : public Kiv::NamedEntity {
   }
 
   Kiv::HashMap<A, uint32_t> users_;  // how many pairs have the address
+  Kiv::WatchList<A> watches_;
 };
 
 using VirtualIpStatus = BasicVirtualIpStatus<VrfIpWithMaskPair, Zemit::IpAddr>;

@@ -48,7 +48,17 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   /// The FIB adjacency for `vias`, with one more reference. \throws Tovan::NoSpaceException.
   virtual FecId doGetOrCreateFibAdjacency(const ViaSet& vias);
   /// The same, where `likely` may be the one: then it is not searched for.
-  FecId takeFibAdjacency(const ViaSet& vias, FecId likely);
+  FecId takeFibAdjacency(const ViaSet& vias, FecId likely) {
+    likely_ = likely;
+    return doGetOrCreateFibAdjacency(vias);
+  }
+  /// True when the FEC is the adjacency for `vias` that this helper handed out, and what is
+  /// published of it can be read.
+  bool isFibAdjacency(FecId fecId, const ViaSet& vias) const {
+    const uint32_t index = indexOf(fecId);
+    return fibAdjacencies_.users(index) != 0 && fibAdjacencies_.viaSet(index) == vias &&
+           isPublished(index);
+  }
   /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
   virtual void doDropRefOnFibAdjacency(FecId fecId);
 
@@ -94,9 +104,12 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
     for (const auto& member : fibAdjacencies_.viaSet(index)) fec.newVia(member.via);
     return fec;
   }
+  bool isPublished(uint32_t index) const {
+    return !fwdStatus_ || fwdStatus_->adjacencyIsSound(space_ | index);
+  }
   /// Publishes a FIB adjacency anew if what is there of it is damaged. Returns whether it was.
   bool mendPublished(uint32_t index) {
-    if (!fwdStatus_ || fwdStatus_->adjacencyIsSound(space_ | index)) return false;
+    if (isPublished(index)) return false;
     fwdStatus_->adjacencyReplace(fecOf(index));
     return true;
   }
@@ -106,12 +119,17 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   static size_t validateHosts(HostTable& table);
 
   typename W::Ptr fwdStatus_;
+  FecId likely_ = Tovan::Fib::invalidFecId;  // a hint
   FecId space_;  // what the ids of this helper's FIB adjacencies have above the index
   AdjacencyTable<ViaSet> fibAdjacencies_;
 };
 
 template <class H, class W>
 Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::doGetOrCreateFibAdjacency(const ViaSet& vias) {
+  if (isFibAdjacency(likely_, vias)) {
+    fibAdjacencies_.share(indexOf(likely_));
+    return likely_;
+  }
   const auto [index, isNew] = fibAdjacencies_.take(vias);
   try {
     if (!isNew) {
@@ -124,18 +142,6 @@ Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::doGetOrCreateFibAdjacency(const Vi
     throw;
   }
   return space_ | index;
-}
-
-template <class H, class W>
-Tovan::Fib::FecId BasicAdjacencyHelper<H, W>::takeFibAdjacency(const ViaSet& vias, FecId likely) {
-  // One that is kept elsewhere is in no entry here.
-  const uint32_t index = indexOf(likely);
-  if (fibAdjacencies_.users(index) == 0 || fibAdjacencies_.viaSet(index) != vias) {
-    return doGetOrCreateFibAdjacency(vias);
-  }
-  mendPublished(index);
-  fibAdjacencies_.share(index);
-  return likely;
 }
 
 template <class H, class W>

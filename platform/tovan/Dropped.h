@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/kiv/Ptr.h"
+#include "platform/kiv/Watch.h"
 
 namespace Tovan {
 
@@ -17,13 +18,16 @@ struct Dropped {
 };
 
 /// Announces a change of `key` in `owner`, and then what its table had to give up meanwhile: each
-/// key, and the whole collection when not all the keys are known.
+/// key, and the whole collection when not all the keys are known. The watches know before that.
 template <class Attribute, class Owner, class Key>
-void announce(const Owner& owner, const Key& key, const std::optional<Dropped<Key>>& dropped) {
+void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Key& key,
+              const std::optional<Dropped<Key>>& dropped) {
+  watches.written(key);
   if (!dropped) [[likely]] {
     owner.template notify<Attribute>(key);
     return;
   }
+  for (const Key& gone : dropped->keys) watches.written(gone);
   const Kiv::Ptr<const Owner> alive(&owner);  // a callback may drop the last handle
   owner.template notify<Attribute>(key);
   for (const Key& gone : dropped->keys) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Watch.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/tovan/IntfNames.h"
 #include "platform/tovan/TableWalk.h"
@@ -79,6 +80,9 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   void fecNotify(const FecId& id) const { this->template notify<FecAttribute>(id); }
   void fecNotify() const { this->template notify<FecAttribute>(); }
 
+  /// Who knows of each FEC that is stored or removed.
+  const Kiv::WatchList<FecId>& watches() const noexcept { return watches_; }
+
   /// A number that no other keeper of FIB adjacencies has or had here; its adjacencies have the ids
   /// from `number << 32` on.
   uint32_t newAdjacencySpace() { return ++adjacencySpaces_; }
@@ -133,6 +137,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   IntfNames intfs_;
   uint32_t adjacencySpaces_ = 0;
   uint32_t changes_ = 0;
+  Kiv::WatchList<FecId> watches_;
 };
 
 /// Stands on the FECs in turn; see TableWalk. A FEC's vias are read when it is asked for.
@@ -233,14 +238,14 @@ void BasicForwardingStatus<A>::fecIs(const Fec& fec) {
               "FecId::value == 0 or >= 2^32 not allowed");
   if (this->hasNotifiees() && !fecs_.isReadOnly() && holds(fec)) return;
   store(fec);
-  announce<FecAttribute>(*this, fec.id(), takeDropped());
+  announce<FecAttribute>(*this, watches_, fec.id(), takeDropped());
 }
 
 template <class A>
 void BasicForwardingStatus<A>::fecDel(const FecId& id) {
   const bool removed = remove(id);
   const auto dropped = takeDropped();
-  if (removed || dropped) announce<FecAttribute>(*this, id, dropped);
+  if (removed || dropped) announce<FecAttribute>(*this, watches_, id, dropped);
 }
 
 /// The FECs of which something was given up as damaged. FIB adjacencies are left out.

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/kiv/Attributes.h"
+#include "platform/kiv/Watch.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/tovan/RouteRecord.h"
 #include "platform/tovan/TableWalk.h"
@@ -68,7 +69,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     const Record record(route);
     if (this->hasNotifiees() && !map_.isReadOnly() && holds(route.key, record)) return;
     map_.set(route.key, record);
-    announce<RouteAttribute>(*this, route.key, takeDropped());
+    announce<RouteAttribute>(*this, watches_, route.key, takeDropped());
   }
   /// Removes a route, announces that and returns it; or noRoute(prefix). One that is damaged is
   /// removed and announced like any other, but what it was is not known.
@@ -76,7 +77,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   Route routeDel(const Prefix& prefix) {
     const auto removed = map_.erase(prefix);
     const auto dropped = takeDropped();
-    if (removed || dropped) announce<RouteAttribute>(*this, prefix, dropped);
+    if (removed || dropped) announce<RouteAttribute>(*this, watches_, prefix, dropped);
     return removed ? removed->withKey(prefix) : noRoute<Route>(prefix);
   }
   Route routeDel(const RouteIterator& it) { return routeDel(it.key()); }
@@ -109,6 +110,9 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   /// Announces a prefix, or the whole table, without a change.
   void routeNotify(const Prefix& prefix) const { this->template notify<RouteAttribute>(prefix); }
   void routeNotify() const { this->template notify<RouteAttribute>(); }
+
+  /// Who knows of each route that is stored or removed.
+  const Kiv::WatchList<Prefix>& watches() const noexcept { return watches_; }
 
   /// Told of damage met on a look-up or walk.
   void corruptionDetected(const std::string& message) const { map_.corruptionDetected(message); }
@@ -144,6 +148,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
 
   // Noting damage is no change of the routes: a reader does it too.
   mutable TovanMap<Prefix, Record> map_;
+  Kiv::WatchList<Prefix> watches_;
 };
 
 namespace Fib {

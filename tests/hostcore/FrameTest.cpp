@@ -332,8 +332,8 @@ struct Handlers {
   void handleFec(Tovan::Fib::FecId fecId) { handled.push_back(fecId); }
   void handleFec() {}
   void reportException(const Kiv::Notifiee&, Kiv::AttributeId) const noexcept {}
-  void notificationMissed() { ++missed; }
-  size_t missed = 0;
+  void missed() { ++timesMissed; }
+  size_t timesMissed = 0;
   std::vector<Tovan::Fib::FecId> handled;
 };
 
@@ -349,7 +349,7 @@ TYPED_TEST(FrameTest, OffersANotificationToAnObserverBeforeItsHandler) {
   EXPECT_EQ(reactor->offered,
             std::make_pair(ForwardingStatus::FecAttribute::kInfo.id, Tovan::Fib::FecId{7}));
   EXPECT_TRUE(machine.handled.empty());
-  EXPECT_EQ(machine.missed, 1u);
+  EXPECT_EQ(machine.timesMissed, 1u);
   reactor->consumes = false;
   forwarding->fecNotify(8);
   EXPECT_EQ(machine.handled, std::vector<Tovan::Fib::FecId>{8});

@@ -8,17 +8,15 @@ namespace {
 template <class F>
 class ListeningTest : public testing::Test {
  protected:
-  using S = Sample<F>;
-
   bool isQuiet(Zemit::IntfId intf) { return world.machine().arpIntfStatus(intf.name())->isQuiet(); }
   void announce(Zemit::IntfId intf, uint32_t n) {
-    F::neighborNotify(world.table(intf), S::addr(n));
+    F::neighborNotify(world.table(intf), Sample<F>::addr(n));
   }
   typename F::Route merged(uint32_t n) {
-    return world.routeStatus->route(F::Prefix::host(S::addr(n)));
+    return world.routeStatus->route(F::Prefix::host(Sample<F>::addr(n)));
   }
   void virtualIn(const char* vrf, uint32_t n, bool present) {
-    world.virtualIps->virtualIpIs(S::virtualAddr(vrf, S::addr(n)), present);
+    world.virtualIps->virtualIpIs(Sample<F>::virtualAddr(vrf, Sample<F>::addr(n)), present);
   }
 
   World<F> world;  // the VRF "red"
@@ -82,6 +80,126 @@ TYPED_TEST(ListeningTest, AStepTakenByHandIsMergedByTheNextEvent) {
   red.lose(red.ethernet1, 5);
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
   red.expectBalancedReferences();
+}
+
+// Whatever another wrote meanwhile, traced or not.
+TYPED_TEST(ListeningTest, ANeighboursEventEndsWithItsMerge) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  const auto host = [](uint32_t n) { return F::Prefix::host(S::addr(n)); };
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  red.learn(red.ethernet2, 7);
+  const auto merged = this->merged(5);
+  const std::pair<const char*, std::function<void()>> events[] = {
+      {"announced", [&] { this->announce(red.ethernet1, 5); }},
+      {"changed",
+       [&] {
+         F::neighborIs(red.table(red.ethernet1),
+                       {.ipAddr = S::addr(5), .mac = Zemit::EthAddr({2, 0, 0, 0, 0, 1})});
+       }},
+      {"handled by name",
+       [&] { red.machine().arpIntfStatus("Ethernet1")->handleArpEntry(S::addr(5)); }},
+      {"announced elsewhere", [&] { red.learn(red.ethernet2, 5); }}};
+  for (const auto& [what, event] : events) {
+    SCOPED_TRACE(what);
+    red.adjHelper->doDropRefOnFibAdjacency(red.routeStatus->routeDel(host(5)).fecId);
+    event();
+    EXPECT_EQ(this->merged(5), merged);
+    auto wrong = merged;
+    wrong.routeType = S::kReceive;
+    red.routeStatus->routeIs(wrong);
+    this->announce(red.ethernet2, 5);
+    EXPECT_EQ(this->merged(5), merged);
+  }
+  // One of a neighbour that was not stored.
+  red.routeStatus->routeIs(
+      {.key = host(7), .metricPref = {}, .routeType = F::kAttached, .fecId = 7});
+  this->announce(red.ethernet2, 7);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 7));
+
+  red.learn(red.ethernet1, 6);
+  red.removeHostRouteByHand(6);
+  red.lose(red.ethernet1, 6);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 6));
+  red.expectBalancedReferences();
+}
+
+TYPED_TEST(ListeningTest, WhatIsWrittenUnannouncedCountsOnQuietInterfacesToo) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  const auto host = F::Prefix::host(S::addr(6));
+  red.table(red.ethernet1);
+  red.startWithSubnet();
+  red.learn(red.ethernet2, 6);
+  red.hostStatus->routeIs({.key = host,
+                           .metricPref = {.metric = 0, .preference = 1},
+                           .routeType = S::kForeignType,
+                           .fecId = 7});
+  this->announce(red.ethernet2, 6);
+  EXPECT_EQ(this->merged(6), red.hostStatus->route(host));
+  red.hostStatus->routeDel(host);
+  this->announce(red.ethernet2, 6);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 6));
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));
+
+  red.forwarding->fecIs(typename F::Fec(8, {{.hop = {}, .intf = red.ethernet2}}));
+  auto route = red.routeStatus->route(S::subnet());
+  route.fecId = 8;
+  red.routeStatus->routeIs(route);
+  this->announce(red.ethernet2, 6);
+  EXPECT_TRUE(red.hasRoute(red.neighborTable(), 6));
+  red.machine().handleStatusRoute(S::subnet());
+  this->announce(red.ethernet2, 6);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 6));
+  EXPECT_TRUE(this->isQuiet(red.ethernet1));
+}
+
+TYPED_TEST(ListeningTest, WhatIsForgottenIsNotReliedOn) {
+  using S = Sample<TypeParam>;
+  using W = World<TypeParam>;
+  const std::function<void(W&)> forget[] = {
+      [](W& forgetful) { forgetful.root->toMergeIs(S::subnet()); },
+      [](W& forgetful) { forgetful.machine().handleInitialized(); }};
+  for (const auto& forgetWaitingMerges : forget) {
+    W red;
+    red.startWithSubnet();
+    red.learn(red.ethernet1, 5);
+    red.machine().initializedIs(false);
+    red.lose(red.ethernet1, 5);
+    forgetWaitingMerges(red);
+    red.machine().initializedIs(true);
+    EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+    red.learn(red.ethernet2, 5);
+    EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+  }
+}
+
+TYPED_TEST(ListeningTest, AReactorMovedByItselfEndsTheTrust) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  red.startWithSubnet();
+  this->virtualIn("red", 5, true);
+  red.learn(red.ethernet1, 5);
+  const auto others = Kiv::make<typename F::VirtualIpStatus>("others");
+  const auto& machine = red.machine();
+  if constexpr (S::kIsIpv4) {
+    machine.virtualIpStatus()->notifierIs(others);
+  } else {
+    machine.virtualIp6Status()->notifierIs(others);
+  }
+  red.learn(red.ethernet2, 5);  // which is no longer virtual
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+
+  World<F> blue;
+  blue.table(blue.ethernet2);
+  blue.startWithSubnet();
+  ASSERT_TRUE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
+  blue.machine().arpIntfStatus("Ethernet2")->kivFwkActivityIs(Kiv::make<Kiv::QueueingActivity>());
+  EXPECT_FALSE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
 }
 
 TYPED_TEST(ListeningTest, ANewMachineDoesNotRelyOnWhatItFinds) {

@@ -109,6 +109,15 @@ struct World {
   void learn(Zemit::IntfId intf, uint32_t n) { F::neighborIs(table(intf), {.ipAddr = S::addr(n)}); }
   void lose(Zemit::IntfId intf, uint32_t n) { F::neighborDel(table(intf), S::addr(n)); }
 
+  /// Takes a neighbour's host route away past the machine.
+  void removeHostRouteByHand(uint32_t n) {
+    if constexpr (S::kIsIpv4) {
+      Routing::Host::removeHostRoute(S::addr(n), neighborTable(), nullptr, adjHelper);
+    } else {
+      Routing6::Host::removeHostRoute(S::addr(n), neighborTable(), nullptr, adjHelper);
+    }
+  }
+
   /// The IP status' entry of an interface, made if there is none.
   auto interface(Zemit::IntfId intf, const L3::Intf::Status::PtrConst& l3Status) {
     if constexpr (S::kIsIpv4) {

@@ -172,6 +172,36 @@ TEST_F(NotifieeTest, AQuietNotifieeIsToldOnlyWhileSomethingIsTraced) {
   EXPECT_EQ(announce(), Log{"first vlan 1"});
 }
 
+// What one does may make a change the affair of another, which was there when it was announced.
+TEST_F(NotifieeTest, ANotifieeThatIsWokenDuringAnAnnouncementIsToldInIt) {
+  const auto first = watcherOf(bridge, "first ");
+  const auto second = watcherOf(bridge, "second ");
+  const auto third = watcherOf(bridge, "third ");
+  first->isQuietIs(true);
+  third->isQuietIs(true);
+  const auto late = Kiv::make<BridgeWatcher>(log, "late ");
+  second->then = [&] {
+    late->isQuietIs(true);
+    late->notifierIs(bridge);
+    for (const auto& watcher : {late, third, first}) watcher->isQuietIs(false);
+    second->isQuietIs(true);  // it has been told, and is not again
+    second->isQuietIs(false);
+  };
+  EXPECT_EQ(announce(),
+            (Log{"second vlan 1", "late mtu", "late port*", "third vlan 1", "first vlan 1"}));
+  late->notifierIs(nullptr);
+
+  first->isQuietIs(true);
+  third->isQuietIs(true);
+  second->then = [&] {
+    second->then = [&] { third->isQuietIs(false); };
+    first->isQuietIs(false);
+    bridge->vlanNotify(2);
+  };
+  EXPECT_EQ(announce(), (Log{"second vlan 1", "first vlan 2", "second vlan 2", "third vlan 2",
+                             "first vlan 1", "third vlan 1"}));
+}
+
 TEST_F(NotifieeTest, ANotifieeThatDoesNotHoldItsNotifierIsToldOfItsEnd) {
   const auto weak = watcherOf(bridge, "weak ", Hold::kWeak);
   const auto off = watcherOf(bridge, "off ", Hold::kWeak);

@@ -12,45 +12,10 @@
 #include "replay/Player.h"
 #include "tests/model/Generator.h"
 #include "tests/model/Model.h"
+#include "tests/replay/Dumps.h"
 #include "tests/replay/Invariants.h"
 
 namespace {
-
-std::vector<nlohmann::json> canonicalDumps(const Daemon::Switch& sw) {
-  std::vector<nlohmann::json> dumps;
-  for (const auto& entry : sw.vrfs()) {
-    Daemon::forEachFamily([&](auto family) {
-      const auto dump = Replay::dumpJson<decltype(family)>(sw, entry.second);
-      dumps.push_back(Golden::canonical(nlohmann::json::parse(dump)));
-    });
-  }
-  return dumps;
-}
-
-std::vector<nlohmann::json> canonicalDumps(const Golden::Model& model) {
-  auto dumps = model.dumps();
-  for (auto& dump : dumps) dump = Golden::canonical(dump);
-  return dumps;
-}
-
-/// The members in which two lists of dumps differ, one on a line.
-std::string difference(const std::vector<nlohmann::json>& engine,
-                       const std::vector<nlohmann::json>& model) {
-  if (engine.size() != model.size()) return "the number of dumps";
-  std::string text;
-  for (size_t i = 0; i < engine.size(); ++i) {
-    const auto& ours = engine[i].at("dump");
-    const auto& theirs = model[i].at("dump");
-    for (const auto& [name, value] : ours.items()) {
-      if (!theirs.contains(name) || theirs.at(name) != value) {
-        text += ours.at("vrf").dump() + " IPv" + ours.at("family").dump() + " " + name +
-                "\n  engine " + value.dump() + "\n  model  " +
-                theirs.value(name, nlohmann::json()).dump() + "\n";
-      }
-    }
-  }
-  return text;
-}
 
 /// How many reactors of neighbour tables are quiet.
 size_t quietReactors(const Daemon::Switch& sw) {
@@ -86,7 +51,8 @@ TEST_P(DifferentialTest, EngineAndModelAgreeAfterEveryEvent) {
     model.apply(event);
     const auto engineDumps = canonicalDumps(sw);
     const auto modelDumps = canonicalDumps(model);
-    if (engineDumps != modelDumps) FAIL() << difference(engineDumps, modelDumps);
+    if (engineDumps != modelDumps)
+      FAIL() << difference(engineDumps, "engine", modelDumps, "model ");
     checkInvariants(sw);
     quiet += quietReactors(sw);
   }

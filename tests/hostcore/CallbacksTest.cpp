@@ -1,0 +1,219 @@
+// What those who are told of a handler's changes may do before it ends.
+#include <functional>
+
+#include "tests/hostcore/World.h"
+
+namespace {
+
+template <class F>
+class CallbacksTest : public testing::Test {
+ protected:
+  /// FEC `id` with one direct via.
+  static typename F::Fec fec(Tovan::Fib::FecId id, Zemit::IntfId intf) {
+    return typename F::Fec(id, {{.hop = {}, .intf = intf}});
+  }
+  void expectLeaveThrough(Zemit::IntfId intf, std::initializer_list<uint32_t> neighbors) {
+    for (const uint32_t n : neighbors) {
+      const auto route = world.neighborTable()->route(F::Prefix::host(Sample<F>::addr(n)));
+      ASSERT_EQ(route.key, F::Prefix::host(Sample<F>::addr(n)));
+      for (const auto& member : world.neighborTable()->adjIndexToViaSet(route.fecId)) {
+        EXPECT_EQ(member.via.intf, intf) << route.key;
+      }
+    }
+  }
+  void learnOnBoth(std::initializer_list<uint32_t> neighbors) {
+    for (const uint32_t n : neighbors) {
+      world.learn(world.ethernet1, n);
+      world.learn(world.ethernet2, n);
+    }
+  }
+
+  World<F> world;
+};
+TYPED_TEST_SUITE(CallbacksTest, Families);
+
+/// Acts once, when it is next told of anything.
+struct Once {
+  std::function<void()> action;
+
+  void act() {
+    if (action) std::exchange(action, nullptr)();
+  }
+};
+
+template <class Table>
+struct RouteWatcher : Table::NotifieeConst, Once {
+  void onRoute(const typename Table::Prefix&) override { act(); }
+};
+
+template <class F>
+struct NeighborWatcher : Arp::ArpIntfStatus::NotifieeConst, Once {
+  void onArpEntry(const Zemit::IpAddr&) override { act(); }
+  void onIp6NeighborEntry(const Zemit::Ip6Addr&) override { act(); }
+};
+
+/// Is told when a prefix is filed for the first time, or an interface's addresses are recorded.
+template <class F>
+struct RootWatcher : F::RouteSmRoot::NotifieeConst, Once {
+  void onAdjacencyToPrefix(const Tovan::Fib::FecId&) override { act(); }
+  void onIntfNameToAddrWithMask(const Kiv::String8&) override { act(); }
+};
+
+template <class Watcher, class Watched>
+Kiv::Ptr<Watcher> watcherOf(const Watched& watched) {
+  auto watcher = Kiv::make<Watcher>();
+  watcher->notifierIs(watched);
+  return watcher;
+}
+
+TYPED_TEST(CallbacksTest, AReactorThatBecomesConcernedIsToldInTheSameAnnouncement) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  // Told before the machine.
+  const Kiv::Ptr<const Arp::ArpIntfStatus> table(&red.table(red.ethernet2));
+  const auto daemon = watcherOf<NeighborWatcher<F>>(table);
+  red.startWithSubnet();
+  ASSERT_TRUE(red.machine().arpIntfStatus(table->name())->isQuiet());
+  daemon->action = [&] { red.forwarding->fecIs(this->fec(7, red.ethernet2)); };
+  red.learn(red.ethernet2, 5);
+  this->expectLeaveThrough(red.ethernet2, {5});
+
+  red.forwarding->fecIs(this->fec(7, red.ethernet1));
+  red.learn(red.ethernet1, 7);
+  daemon->action = [&] { red.virtualIps->virtualIpIs(S::virtualAddr("blue", S::addr(7)), true); };
+  red.learn(red.ethernet2, 7);
+  EXPECT_EQ(red.routeStatus->route(F::Prefix::host(S::addr(7))).routeType, F::kInvalid);
+
+  daemon->action = [&] { red.machine().initializedIs(false); };
+  red.learn(red.ethernet2, 6);
+  EXPECT_TRUE(red.root->toMerge()->ip(S::addr(6)));
+}
+
+TYPED_TEST(CallbacksTest, ARepairReadsTheHostRouteAfterItsFiling) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  red.startWithSubnet();
+  const auto observer = watcherOf<RootWatcher<F>>(red.root);
+  observer->action = [&] { F::neighborNotify(red.table(red.ethernet1), S::addr(5)); };
+  red.learn(red.ethernet1, 5);
+  EXPECT_FALSE(observer->action);
+  red.expectBalancedReferences();
+}
+
+TYPED_TEST(CallbacksTest, AFecThatMovesDuringAPassCountsForTheRestOfIt) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  red.startWithSubnet();
+  red.forwarding->fecIs(typename F::Fec(7, {{.hop = S::addr(1), .intf = red.ethernet1}}));
+  this->learnOnBoth({5, 6, 7});
+  const auto observer = watcherOf<RouteWatcher<typename F::HostTable>>(red.neighborTable());
+  const auto moveFec = [&] { red.forwarding->fecIs(this->fec(7, red.ethernet2)); };
+
+  observer->action = moveFec;
+  red.routeDel(S::subnet());
+  red.forwarding->fecIs(this->fec(7, red.ethernet1));
+  red.routeIs(S::subnet(), 7);  // promotes
+  EXPECT_FALSE(observer->action);
+  this->expectLeaveThrough(red.ethernet2, {5, 6, 7});
+
+  red.forwarding->fecIs(this->fec(7, red.ethernet1));
+  red.forwarding->fecIs(this->fec(8, red.ethernet1));
+  red.routeIs(S::longer(), 8);
+  this->expectLeaveThrough(red.ethernet1, {5, 6, 7});
+  observer->action = moveFec;
+  red.routeDel(S::longer());  // files the neighbours under the subnet again
+  EXPECT_FALSE(observer->action);
+  this->expectLeaveThrough(red.ethernet2, {5, 6, 7});
+  red.expectBalancedReferences();
+}
+
+TYPED_TEST(CallbacksTest, AllVirtualAddressesAreHandledWhateverIsAddedMeanwhile) {
+  using S = Sample<TypeParam>;
+  auto& red = this->world;
+  red.startWithSubnet();
+  for (uint32_t n = 1; n <= 8; ++n) red.learn(red.ethernet1, n);
+  red.machine().hasNotificationActiveIs(false);
+  for (uint32_t n = 1; n <= 8; ++n) {
+    red.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(n)), true);
+  }
+  const auto observer = watcherOf<RouteWatcher<typename TypeParam::RouteStatus>>(red.routeStatus);
+  observer->action = [&] {
+    for (uint32_t n = 1; n <= 8; ++n) {
+      if (!red.hasRoute(red.routeStatus, n)) {
+        red.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(n)), false);
+      }
+    }
+    red.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(9)), true);
+  };
+  if constexpr (S::kIsIpv4) {
+    red.machine().handleVirtualIpStatus();
+  } else {
+    red.machine().handleVirtualIp6Status();
+  }
+  for (uint32_t n = 1; n <= 8; ++n) EXPECT_FALSE(red.hasRoute(red.routeStatus, n)) << n;
+}
+
+TYPED_TEST(CallbacksTest, TheRecordOfAnInterfacesAddressesMayGoWhenItIsMade) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  red.newMachine();
+  red.machine().initializedIs(true);
+  const auto l3Status = red.inVrf(red.ethernet1, "blue");
+  const auto status = red.interface(red.ethernet1, l3Status);
+  const auto enters = [&](Once& observer, const std::function<void()>& action) {
+    observer.action = action;
+    l3Status->vrfIs(L3::VrfName("red"));
+    EXPECT_FALSE(observer.action);
+  };
+  if constexpr (S::kIsIpv4) {
+    struct SecondaryWatcher : F::RouteSmRoot::NotifieeConst, Once {
+      void onIntfNameToSecondaryAddrWithMask(const Kiv::String8&) override { act(); }
+    };
+    status->activeSecondaryWithMaskIs({S::addr(1), 24}, true);
+    enters(*watcherOf<SecondaryWatcher>(red.root),
+           [&] { red.root->intfNameToSecondaryAddrWithMaskDelAll(); });
+  } else {
+    red.addressIs(*status, 1);
+    enters(*watcherOf<RootWatcher<F>>(red.root), [&] { red.root->intfNameToAddrWithMaskDelAll(); });
+  }
+  EXPECT_EQ(red.root->receiveTable()->routeCount(), red.root->receiveAddrToIntfNameCount());
+  red.addressIs(*status, 2);
+  EXPECT_TRUE(red.hasRoute(red.root->receiveTable(), 2));
+}
+
+// Who keeps accounts of its own must not be passed by.
+TYPED_TEST(CallbacksTest, ADerivedAdjacencyHelperSeesEveryGetAndEveryDrop) {
+  using F = TypeParam;
+  struct Counting : F::AdjacencyHelper {
+    using F::AdjacencyHelper::AdjacencyHelper;
+    using FecId = Tovan::Fib::FecId;
+    FecId doGetOrCreateFibAdjacency(const typename F::ViaSet& vias) override {
+      ++held;
+      return F::AdjacencyHelper::doGetOrCreateFibAdjacency(vias);
+    }
+    void doDropRefOnFibAdjacency(FecId fecId) override {
+      --held;
+      F::AdjacencyHelper::doDropRefOnFibAdjacency(fecId);
+    }
+    int held = 0;
+  };
+  auto& red = this->world;
+  const auto counting = Kiv::make<Counting>("counting", red.forwarding);
+  red.adjHelper = counting;
+  red.root->adjHelperIs(counting);
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  const TraceLog log(F::trace(), {8});  // with which each announcement is merged
+  for (int i = 0; i < 3; ++i) {
+    F::neighborNotify(red.table(red.ethernet1), Sample<F>::addr(5));
+    EXPECT_EQ(counting->held, 1);
+  }
+  red.lose(red.ethernet1, 5);
+  EXPECT_EQ(counting->held, 0);
+}
+
+}  // namespace

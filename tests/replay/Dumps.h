@@ -1,0 +1,48 @@
+// The state of a switch in a form that can be compared.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "daemon/Switch.h"
+#include "replay/Output.h"
+#include "tests/model/Model.h"
+
+/// The dumps of all VRFs, without what may differ between equal states.
+inline std::vector<nlohmann::json> canonicalDumps(const Daemon::Switch& sw) {
+  std::vector<nlohmann::json> dumps;
+  for (const auto& entry : sw.vrfs()) {
+    Daemon::forEachFamily([&](auto family) {
+      const auto dump = Replay::dumpJson<decltype(family)>(sw, entry.second);
+      dumps.push_back(Golden::canonical(nlohmann::json::parse(dump)));
+    });
+  }
+  return dumps;
+}
+
+inline std::vector<nlohmann::json> canonicalDumps(const Golden::Model& model) {
+  auto dumps = model.dumps();
+  for (auto& dump : dumps) dump = Golden::canonical(dump);
+  return dumps;
+}
+
+/// The members in which two lists of dumps differ, one on a line.
+inline std::string difference(const std::vector<nlohmann::json>& ours, const char* ourName,
+                              const std::vector<nlohmann::json>& theirs, const char* theirName) {
+  if (ours.size() != theirs.size()) return "the number of dumps";
+  std::string text;
+  for (size_t i = 0; i < ours.size(); ++i) {
+    const auto& dump = ours[i].at("dump");
+    const auto& other = theirs[i].at("dump");
+    for (const auto& [name, value] : dump.items()) {
+      if (!other.contains(name) || other.at(name) != value) {
+        text += dump.at("vrf").dump() + " IPv" + dump.at("family").dump() + " " + name + "\n  " +
+                ourName + " " + value.dump() + "\n  " + theirName + " " +
+                other.value(name, nlohmann::json()).dump() + "\n";
+      }
+    }
+  }
+  return text;
+}
