@@ -1,0 +1,1 @@
+// Keeps the host routes of kernel tables as they should be.
