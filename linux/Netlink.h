@@ -5,12 +5,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <span>
 #include <stdexcept>
-#include <vector>
 
-#include "linux/KernelRoutes.h"
-#include "linux/Probing.h"
 #include "linux/Values.h"
 
 namespace Linux {
@@ -42,17 +38,5 @@ class NotificationSocket {
 /// after those it refers to. \return false when a dump was interrupted by a change (NLM_F_DUMP_INTR)
 /// and is to be asked for again. \throws NetlinkError.
 bool dumpAll(const std::function<void(const Change&)>& take);
-
-/// Writes host routes and probes through one socket, in batches.
-class RequestSocket final : public RouteChannel {
- public:
-  /// \param protocol  the protocol number of our routes.
-  explicit RequestSocket(uint8_t protocol);
-
-  /// The socket's netlink port, by which its own notifications are known.
-  uint32_t port() const;
-  void perform(std::span<const RouteRequest> requests, std::span<int> results) override;
-  void probe(std::span<const Probe> probes);
-};
 
 }  // namespace Linux
