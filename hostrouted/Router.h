@@ -81,6 +81,9 @@ class Router {
 
   Phase phase() const { return phase_; }
   const Counters& counters() const { return counters_; }
+  /// A former process may have told others of this route. Before the first dump.
+  void adoptAdvertised(const Linux::RouteKey& key) { routes_.adoptAdvertised(key); }
+
   const Linux::KernelRoutes& kernelRoutes() const { return routes_; }
   const Linux::Mirror& mirror() const { return mirror_; }
   const Daemon::Switch& sw() const { return switch_; }
