@@ -25,17 +25,18 @@ struct Protocol {
   uint8_t number;
 };
 constexpr Protocol kProtocols[] = {
-    {"redirect", 1}, {"kernel", 2},      {"boot", 3},     {"static", 4},  {"gated", 8},
-    {"ra", 9},       {"mrt", 10},        {"zebra", 11},   {"bird", 12},   {"dnrouted", 13},
-    {"xorp", 14},    {"ntk", 15},        {"dhcp", 16},    {"mrouted", 17}, {"keepalived", 18},
-    {"babel", 42},   {"openr", 99},      {"bgp", 186},    {"isis", 187},  {"ospf", 188},
-    {"rip", 189},    {"eigrp", 192},     {"ripng", 190},  {"nhrp", 191},  {"pbr", 195},
+    {"redirect", 1},  {"kernel", 2},       {"boot", 3},    {"static", 4},   {"gated", 8},
+    {"ra", 9},        {"mrt", 10},         {"zebra", 11},  {"bird", 12},    {"dnrouted", 13},
+    {"xorp", 14},     {"ntk", 15},         {"dhcp", 16},   {"mrouted", 17}, {"keepalived", 18},
+    {"babel", 42},    {"openr", 99},       {"bgp", 186},   {"isis", 187},   {"ospf", 188},
+    {"rip", 189},     {"eigrp", 192},      {"ripng", 190}, {"nhrp", 191},   {"pbr", 195},
     {"zstatic", 196}, {"openfabric", 197}, {"srte", 198},
 };
 
 /// The protocols whose host routes say where a host was, unless the file names others.
-constexpr const char* kIgnoredByDefault[] = {"zebra", "bird", "bgp",  "isis",  "ospf",  "rip",
-                                             "ripng", "eigrp", "babel", "openr", "nhrp", "openfabric"};
+constexpr const char* kIgnoredByDefault[] = {"zebra", "bird",  "bgp",   "isis",
+                                             "ospf",  "rip",   "ripng", "eigrp",
+                                             "babel", "openr", "nhrp",  "openfabric"};
 
 constexpr std::pair<std::string_view, int> kLogLevels[] = {
     {"error", 3}, {"warning", 4}, {"notice", 5}, {"info", 6}, {"debug", 7}};
@@ -233,9 +234,8 @@ void readExport(Section& section, Config& config) {
                      return std::nullopt;
                    });
   section.readSection("vrf", [&](Section& vrfs) {
-    vrfs.readEachSection([&](const std::string& name, Section& vrf) {
-      readTables(vrf, config.tables[name]);
-    });
+    vrfs.readEachSection(
+        [&](const std::string& name, Section& vrf) { readTables(vrf, config.tables[name]); });
   });
 }
 

@@ -46,9 +46,9 @@ struct Config {
 
   std::string runDir = "/run/hostroute";
   std::string stateDir = "/var/lib/hostroute";
-  std::string sharedName;                     ///< of the tables in shared memory; empty for none
-  size_t receiveBuffer = size_t{64} << 20;    ///< of the notification socket, in bytes
-  int logLevel = 6;                           ///< syslog(3): 6 is informational
+  std::string sharedName;                   ///< of the tables in shared memory; empty for none
+  size_t receiveBuffer = size_t{64} << 20;  ///< of the notification socket, in bytes
+  int logLevel = 6;                         ///< syslog(3): 6 is informational
 
   Config();
 

@@ -46,9 +46,9 @@ class Router {
     Linux::Feed::Output record = {};
   };
   struct Counters {
-    uint64_t changes = 0;            ///< messages of the kernel
-    uint64_t operations = 0;         ///< given to the switch
-    uint64_t failures = 0;           ///< operations that the switch did not finish
+    uint64_t changes = 0;     ///< messages of the kernel
+    uint64_t operations = 0;  ///< given to the switch
+    uint64_t failures = 0;    ///< operations that the switch did not finish
     uint64_t resynchronisations = 0;
     uint64_t probes = 0;
   };

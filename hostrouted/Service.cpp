@@ -174,8 +174,8 @@ class Service::Loop {
             [this](std::span<const Linux::Probe> probes) {
               if (!options_.isDryRun) writer_.probe(probes);
             },
-        .report =
-            [this](int level, const std::string& message) { log_.write(level, "router", message); },
+        .report = [this](int level,
+                         const std::string& message) { log_.write(level, "router", message); },
         .record = {}};
     if (recorder_.isOn()) {
       services.record = [this](const Daemon::Operation& operation) { recorder_.write(operation); };
@@ -248,8 +248,7 @@ class Service::Loop {
     router_->beginDump();
     ::sd_notify(0, ("STATUS=" + std::string(phaseName(router_->phase()))).c_str());
     writeStatus();
-    bool isWhole =
-        Linux::dumpAll([this](const Linux::Change& change) { router_->apply(change); });
+    bool isWhole = Linux::dumpAll([this](const Linux::Change& change) { router_->apply(change); });
     // What was notified meanwhile comes on top; it may be older than the dump, but ends where the
     // kernel is.
     isWhole = readInput() && isWhole;

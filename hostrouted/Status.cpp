@@ -28,23 +28,22 @@ std::string statusJson(const Router& router) {
     }
     problems.push_back(std::move(row));
   }
-  const Json status{
-      {"phase", phaseName(router.phase())},
-      {"routes", routes.installedCount()},
-      {"problems", std::move(problems)},
-      {"counters",
-       {{"changes", done.changes},
-        {"operations", done.operations},
-        {"failures", done.failures},
-        {"resynchronisations", done.resynchronisations},
-        {"probes", done.probes},
-        {"added", written.added},
-        {"deleted", written.deleted},
-        {"refused", written.refused},
-        {"repaired", written.repaired},
-        {"adopted", written.adopted},
-        {"damped", written.damped},
-        {"silentLosses", written.silentLosses}}}};
+  const Json status{{"phase", phaseName(router.phase())},
+                    {"routes", routes.installedCount()},
+                    {"problems", std::move(problems)},
+                    {"counters",
+                     {{"changes", done.changes},
+                      {"operations", done.operations},
+                      {"failures", done.failures},
+                      {"resynchronisations", done.resynchronisations},
+                      {"probes", done.probes},
+                      {"added", written.added},
+                      {"deleted", written.deleted},
+                      {"refused", written.refused},
+                      {"repaired", written.repaired},
+                      {"adopted", written.adopted},
+                      {"damped", written.damped},
+                      {"silentLosses", written.silentLosses}}}};
   return status.dump(2) + "\n";
 }
 

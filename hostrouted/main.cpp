@@ -93,8 +93,9 @@ Config configuration(const Arguments& arguments) {
 void addOptions(CLI::App& app, Arguments& arguments) {
   app.add_option("--config", arguments.file, "The configuration file, see hostrouted.toml(5)")
       ->type_name("FILE");
-  app.add_option("--interfaces", arguments.interfaces,
-                 "Whose neighbours count: names and patterns, such as a,b,swp*; !PATTERN takes away")
+  app.add_option(
+         "--interfaces", arguments.interfaces,
+         "Whose neighbours count: names and patterns, such as a,b,swp*; !PATTERN takes away")
       ->type_name("LIST");
   app.add_option("--table", arguments.table4, "The kernel table of IPv4 host routes; 0 for none")
       ->type_name("N");
@@ -112,15 +113,17 @@ void addOptions(CLI::App& app, Arguments& arguments) {
   app.add_option("--log-level", arguments.logLevel, "error, warning, notice, info or debug")
       ->type_name("LEVEL")
       ->check([](const std::string& level) -> std::string {
-        return Hostrouted::parseLogLevel(level) ? "" : "the levels are error, warning, notice, "
-                                                       "info and debug";
+        return Hostrouted::parseLogLevel(level) ? ""
+                                                : "the levels are error, warning, notice, "
+                                                  "info and debug";
       });
   app.add_option("--record", arguments.recordFile,
                  "Record what the engine is told, for `hostroute replay --settle FILE`")
       ->type_name("FILE");
   app.add_flag("--foreground", arguments.foreground,
                "Stay in the foreground; it always does, and systemd expects that");
-  app.add_flag("--check-config", arguments.checksOnly, "Only say whether the configuration is right");
+  app.add_flag("--check-config", arguments.checksOnly,
+               "Only say whether the configuration is right");
   app.add_flag("--dry-run", arguments.isDryRun,
                "Print what it would write to the kernel, and end; writes nothing");
   app.footer(kFooter);

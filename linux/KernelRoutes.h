@@ -38,7 +38,8 @@ struct RouteValue {
   friend bool operator==(const RouteValue&, const RouteValue&) = default;
 };
 
-/// A change to the kernel's tables. Blackhole is a route of the same key that drops what it matches.
+/// A change to the kernel's tables. Blackhole is a route of the same key that drops what it
+/// matches.
 struct RouteRequest {
   enum class Verb : uint8_t { Add, Delete, AddBlackhole, DeleteBlackhole };
   Verb verb = Verb::Add;
@@ -90,8 +91,8 @@ class KernelRoutes {
   /// A route that is not as it should be, and why.
   struct Problem {
     RouteKey key;
-    int error = 0;       ///< the kernel's errno, or 0 when the route is damped
-    double since = 0;    ///< seconds, of the clock
+    int error = 0;     ///< the kernel's errno, or 0 when the route is damped
+    double since = 0;  ///< seconds, of the clock
     double retryAt = 0;
   };
   struct Counters {

@@ -35,8 +35,8 @@ class NotificationSocket {
 };
 
 /// Asks the kernel for everything there is, kind by kind, in an order in which each object comes
-/// after those it refers to. \return false when a dump was interrupted by a change (NLM_F_DUMP_INTR)
-/// and is to be asked for again. \throws NetlinkError.
+/// after those it refers to. \return false when a dump was interrupted by a change
+/// (NLM_F_DUMP_INTR) and is to be asked for again. \throws NetlinkError.
 bool dumpAll(const std::function<void(const Change&)>& take);
 
 }  // namespace Linux

@@ -16,8 +16,8 @@ struct ProbingOptions {
   bool onDeparture = true;
   /// Whether entries that the kernel would drop for lack of use are refreshed in time.
   bool keepalive = false;
-  double keepaliveInterval = 30;  ///< seconds between two refreshments of one entry
-  uint32_t rate = 100;            ///< most probes in a second
+  double keepaliveInterval = 30;              ///< seconds between two refreshments of one entry
+  uint32_t rate = 100;                        ///< most probes in a second
   std::function<bool(LinkIndex)> isSelected;  ///< whether the interface's neighbours are ours
 };
 

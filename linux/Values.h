@@ -23,8 +23,12 @@ using Address = std::variant<Zemit::IpAddr, Zemit::Ip6Addr>;
 using Prefix = std::variant<Zemit::Prefix, Zemit::Ip6Prefix>;
 
 /// 4 or 6.
-inline int familyOf(const Address& addr) { return addr.index() == 0 ? 4 : 6; }
-inline int familyOf(const Prefix& prefix) { return prefix.index() == 0 ? 4 : 6; }
+inline int familyOf(const Address& addr) {
+  return addr.index() == 0 ? 4 : 6;
+}
+inline int familyOf(const Prefix& prefix) {
+  return prefix.index() == 0 ? 4 : 6;
+}
 /// "10.0.0.5", "2001:db8::/64".
 std::string toString(const Address& addr);
 std::string toString(const Prefix& prefix);
@@ -73,9 +77,9 @@ struct InterfaceAddress {
 struct Neighbor {
   LinkIndex link = 0;
   Address addr;
-  Zemit::EthAddr mac;     ///< all zero when not known, or not an Ethernet address
-  uint16_t state = 0;     ///< NUD_*
-  bool isProxy = false;   ///< NTF_PROXY
+  Zemit::EthAddr mac;                    ///< all zero when not known, or not an Ethernet address
+  uint16_t state = 0;                    ///< NUD_*
+  bool isProxy = false;                  ///< NTF_PROXY
   bool isLearnedByControlPlane = false;  ///< NTF_EXT_LEARNED
 
   friend bool operator==(const Neighbor&, const Neighbor&) = default;
@@ -86,7 +90,7 @@ struct FdbEntry {
   LinkIndex port = 0;
   LinkIndex bridge = 0;  ///< 0 for an entry of the port's own database
   Zemit::EthAddr mac;
-  uint16_t vlan = 0;     ///< 0 where the bridge knows no VLANs
+  uint16_t vlan = 0;         ///< 0 where the bridge knows no VLANs
   bool isPermanent = false;  ///< an address of the bridge itself
 
   friend bool operator==(const FdbEntry&, const FdbEntry&) = default;
@@ -109,11 +113,11 @@ struct Route {
   TableId table = 0;
   Prefix prefix;
   uint32_t metric = 0;
-  uint8_t protocol = 0;   ///< RTPROT_*
-  uint8_t type = 0;       ///< RTN_*
-  uint8_t tos = 0;        ///< for one type of service only, when not 0
-  bool hasSource = false; ///< for one range of source addresses only
-  uint32_t nexthop = 0;   ///< the nexthop object it uses, when not 0
+  uint8_t protocol = 0;       ///< RTPROT_*
+  uint8_t type = 0;           ///< RTN_*
+  uint8_t tos = 0;            ///< for one type of service only, when not 0
+  bool hasSource = false;     ///< for one range of source addresses only
+  uint32_t nexthop = 0;       ///< the nexthop object it uses, when not 0
   std::vector<NextHop> hops;  ///< its own, or the resolved ones that the kernel tells beside the id
 
   friend bool operator==(const Route&, const Route&) = default;
@@ -136,10 +140,11 @@ using Object = std::variant<Link, InterfaceAddress, Neighbor, FdbEntry, Route, N
 /// The kernel's word on one object.
 struct Change {
   Object object;
-  bool present = true;     ///< false when it is gone
-  bool replaces = false;   ///< of a route: it stands in the place of another (NLM_F_REPLACE)
-  bool appends = false;    ///< of an IPv6 route: its next hops join those of the prefix (NLM_F_APPEND)
-  uint32_t sender = 0;     ///< the netlink port that caused it; 0 is the kernel
+  bool present = true;    ///< false when it is gone
+  bool replaces = false;  ///< of a route: it stands in the place of another (NLM_F_REPLACE)
+  bool appends =
+      false;            ///< of an IPv6 route: its next hops join those of the prefix (NLM_F_APPEND)
+  uint32_t sender = 0;  ///< the netlink port that caused it; 0 is the kernel
 
   friend bool operator==(const Change&, const Change&) = default;
 };
