@@ -120,11 +120,10 @@ void Router::operate(const Daemon::Operation& operation) {
 }
 
 void Router::endTurn() {
-  if (phase_ == Phase::Starting) return;
-  if (!dumps_) {
-    feed_.flush([this](const Daemon::Operation& operation) { operate(operation); });
-    exports_.flush();
-  }
+  // In the middle of a dump it is not known yet what is gone.
+  if (phase_ == Phase::Starting || dumps_) return;
+  feed_.flush([this](const Daemon::Operation& operation) { operate(operation); });
+  exports_.flush();
   routes_.flush();
   if (const auto probes = probing_.due(); !probes.empty()) {
     counters_.probes += probes.size();
