@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -15,7 +16,15 @@ namespace Linux {
 ///
 /// Filled by the answers to dump requests, kept by notifications. When notifications were lost, a
 /// new dump of everything between beginDump() and endDump() brings it up to date: an object that
-/// the dump did not name is gone then.
+/// the dump did not name is gone then. Notifications that are older than a dump may be applied
+/// after it: what they undo, later ones restore.
+///
+/// The kernel drops some objects without a word, or with a word on the interface only: IPv4 routes
+/// whose interface goes down or loses its last IPv4 address, or whose preferred source goes;
+/// nexthop objects, with their routes, whose interface goes down or loses its carrier; everything
+/// on an interface that is deleted or moved to another namespace. The mirror drops them as the
+/// kernel does. A dead or `linkdown` next hop of several is marked as one. Proxy entries of
+/// neighbour tables are passed over.
 class Mirror {
  public:
   /// Told of each object that is new, differs or went, after the mirror has changed.
@@ -34,6 +43,7 @@ class Mirror {
 
   /// \param ownProtocol  routes of this protocol number are our own output: they are passed over.
   explicit Mirror(uint8_t ownProtocol = 0);
+  ~Mirror();
 
   /// At most one; it outlives the mirror or is taken back with nullptr.
   void setObserver(Observer* observer);
@@ -48,11 +58,13 @@ class Mirror {
   /// Null where there is no such object. Pointers are good until the next change.
   const Link* link(LinkIndex index) const;
   const Link* linkByName(std::string_view name) const;
+  /// Where the interface has it with several lengths or peers: one of them.
   const InterfaceAddress* address(LinkIndex link, const Address& addr) const;
   const Neighbor* neighbor(LinkIndex link, const Address& addr) const;
   /// The routes of a table to a prefix, of lowest metric first; those of equal metric in the order
-  /// in which they were added.
-  std::span<const Route> routes(TableId table, const Prefix& prefix) const;
+  /// in which the kernel tries them. Next hops of a nexthop object or group are resolved. Those of
+  /// IPv6 routes are sorted, and their preferred sources are not kept.
+  std::vector<Route> routes(TableId table, const Prefix& prefix) const;
   const Nexthop* nexthop(uint32_t id) const;
 
   /// Each calls `visit` with every object, in no order.
@@ -60,11 +72,17 @@ class Mirror {
   void forEachAddress(LinkIndex link, const std::function<void(const InterfaceAddress&)>&) const;
   void forEachNeighbor(LinkIndex link, const std::function<void(const Neighbor&)>&) const;
   void forEachFdbEntry(const std::function<void(const FdbEntry&)>& visit) const;
+  /// Each prefix of each table once.
   void forEachRoute(const std::function<void(TableId, const Prefix&)>& visit) const;
+  void forEachNexthop(const std::function<void(const Nexthop&)>& visit) const;
+
+ private:
+  class State;
+  std::unique_ptr<State> state_;
 };
 
 /// The next hops of a route once its nexthop object, group and weights are resolved; nothing for a
-/// route that drops what it matches.
+/// route that drops what it matches. Those told with the route where the object is not known.
 std::vector<NextHop> resolvedHops(const Mirror& mirror, const Route& route);
 
 }  // namespace Linux

@@ -23,11 +23,24 @@ using Address = std::variant<Zemit::IpAddr, Zemit::Ip6Addr>;
 using Prefix = std::variant<Zemit::Prefix, Zemit::Ip6Prefix>;
 
 /// 4 or 6.
-inline int familyOf(const Address& addr) { return addr.index() == 0 ? 4 : 6; }
-inline int familyOf(const Prefix& prefix) { return prefix.index() == 0 ? 4 : 6; }
+inline int familyOf(const Address& addr) {
+  return addr.index() == 0 ? 4 : 6;
+}
+inline int familyOf(const Prefix& prefix) {
+  return prefix.index() == 0 ? 4 : 6;
+}
 /// "10.0.0.5", "2001:db8::/64".
 std::string toString(const Address& addr);
 std::string toString(const Prefix& prefix);
+/// Hashes, for tables.
+inline uint32_t hashOf(const Address& addr) {
+  const auto* addr4 = std::get_if<Zemit::IpAddr>(&addr);
+  return addr4 != nullptr ? addr4->hash() : std::get<Zemit::Ip6Addr>(addr).hash();
+}
+inline uint32_t hashOf(const Prefix& prefix) {
+  const auto* prefix4 = std::get_if<Zemit::Prefix>(&prefix);
+  return prefix4 != nullptr ? prefix4->hash() : std::get<Zemit::Ip6Prefix>(prefix).hash();
+}
 /// The prefix that contains `addr` alone.
 Prefix hostPrefix(const Address& addr);
 /// Whether the prefix contains one address only: a /32 or a /128.
@@ -62,6 +75,7 @@ struct InterfaceAddress {
   LinkIndex link = 0;
   Address addr;
   uint32_t len = 0;  ///< that of the own subnet: 32 or 128 where the peer has another address
+  std::optional<Address> peer;  ///< the other end's address, where it is not in the own subnet
   bool isSecondary = false;
   bool isTentative = false;
   bool isDuplicate = false;  ///< duplicate address detection failed
@@ -73,9 +87,9 @@ struct InterfaceAddress {
 struct Neighbor {
   LinkIndex link = 0;
   Address addr;
-  Zemit::EthAddr mac;     ///< all zero when not known, or not an Ethernet address
-  uint16_t state = 0;     ///< NUD_*
-  bool isProxy = false;   ///< NTF_PROXY
+  Zemit::EthAddr mac;                    ///< all zero when not known, or not an Ethernet address
+  uint16_t state = 0;                    ///< NUD_*
+  bool isProxy = false;                  ///< NTF_PROXY
   bool isLearnedByControlPlane = false;  ///< NTF_EXT_LEARNED
 
   friend bool operator==(const Neighbor&, const Neighbor&) = default;
@@ -86,7 +100,7 @@ struct FdbEntry {
   LinkIndex port = 0;
   LinkIndex bridge = 0;  ///< 0 for an entry of the port's own database
   Zemit::EthAddr mac;
-  uint16_t vlan = 0;     ///< 0 where the bridge knows no VLANs
+  uint16_t vlan = 0;         ///< 0 where the bridge knows no VLANs
   bool isPermanent = false;  ///< an address of the bridge itself
 
   friend bool operator==(const FdbEntry&, const FdbEntry&) = default;
@@ -109,11 +123,12 @@ struct Route {
   TableId table = 0;
   Prefix prefix;
   uint32_t metric = 0;
-  uint8_t protocol = 0;   ///< RTPROT_*
-  uint8_t type = 0;       ///< RTN_*
-  uint8_t tos = 0;        ///< for one type of service only, when not 0
-  bool hasSource = false; ///< for one range of source addresses only
-  uint32_t nexthop = 0;   ///< the nexthop object it uses, when not 0
+  uint8_t protocol = 0;    ///< RTPROT_*
+  uint8_t type = 0;        ///< RTN_*
+  uint8_t tos = 0;         ///< for one type of service only, when not 0
+  bool hasSource = false;  ///< for one range of source addresses only
+  uint32_t nexthop = 0;    ///< the nexthop object it uses, when not 0
+  std::optional<Address> preferredSource;
   std::vector<NextHop> hops;  ///< its own, or the resolved ones that the kernel tells beside the id
 
   friend bool operator==(const Route&, const Route&) = default;
@@ -136,10 +151,10 @@ using Object = std::variant<Link, InterfaceAddress, Neighbor, FdbEntry, Route, N
 /// The kernel's word on one object.
 struct Change {
   Object object;
-  bool present = true;     ///< false when it is gone
-  bool replaces = false;   ///< of a route: it stands in the place of another (NLM_F_REPLACE)
-  bool appends = false;    ///< of an IPv6 route: its next hops join those of the prefix (NLM_F_APPEND)
-  uint32_t sender = 0;     ///< the netlink port that caused it; 0 is the kernel
+  bool present = true;    ///< false when it is gone
+  bool replaces = false;  ///< of a route: it stands in the place of another (NLM_F_REPLACE)
+  bool appends = false;   ///< of a route: others of its metric come first (NLM_F_APPEND)
+  uint32_t sender = 0;    ///< the netlink port that caused it; 0 is the kernel
 
   friend bool operator==(const Change&, const Change&) = default;
 };
