@@ -47,9 +47,9 @@ Linux::TableId tableOf(const Config& config, const std::string& vrf) {
 
 }  // namespace
 
-Exports::Exports(Daemon::Switch& sw, const Linux::Mirror& mirror, Linux::KernelRoutes& routes,
+Exports::Exports(Daemon::Switch& sw, const Linux::Feed& feed, Linux::KernelRoutes& routes,
                  const Config& config)
-    : sw_(sw), mirror_(mirror), routes_(routes), config_(config) {
+    : sw_(sw), feed_(feed), routes_(routes), config_(config) {
   for (const auto& [name, vrf] : sw.vrfs()) addVrf(name);
 }
 
@@ -94,9 +94,8 @@ std::optional<Linux::RouteValue> Exports::exported(const Watch<F>& watch,
   if (route.key != prefix || route.routeType != F::kAttached) return std::nullopt;
   Linux::RouteValue value;
   for (const auto& via : sw_.shared<F>().forwarding->fec(route.fecId)) {
-    const auto* link = mirror_.linkByName(Linux::linkNameOf(via.intf));
-    if (link == nullptr) continue;
-    Linux::RouteVia hop{.link = link->index, .gateway = {}};
+    Linux::RouteVia hop{.link = feed_.linkOf(via.intf), .gateway = {}};
+    if (hop.link == 0) continue;
     if (!via.hop.isZero() && via.hop != prefix.addr()) hop.gateway = via.hop;
     value.vias.push_back(hop);
   }

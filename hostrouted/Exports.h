@@ -10,8 +10,8 @@
 
 #include "daemon/Switch.h"
 #include "hostrouted/Config.h"
+#include "linux/Feed.h"
 #include "linux/KernelRoutes.h"
-#include "linux/Mirror.h"
 
 namespace Hostrouted {
 
@@ -23,7 +23,7 @@ namespace Hostrouted {
 class Exports {
  public:
   /// All outlive it.
-  Exports(Daemon::Switch& sw, const Linux::Mirror& mirror, Linux::KernelRoutes& routes,
+  Exports(Daemon::Switch& sw, const Linux::Feed& feed, Linux::KernelRoutes& routes,
           const Config& config);
   ~Exports();
 
@@ -50,7 +50,7 @@ class Exports {
                                             const typename F::Prefix& prefix) const;
 
   Daemon::Switch& sw_;
-  const Linux::Mirror& mirror_;
+  const Linux::Feed& feed_;
   Linux::KernelRoutes& routes_;
   Config config_;
   std::tuple<Watches<Daemon::Ipv4>, Watches<Daemon::Ipv6>> watches_;

@@ -47,10 +47,10 @@ Router::Router(const Config& config, const Services& services)
       feed_(mirror_, config.feed),
       switch_({.settles = true, .sharedName = config.sharedName}),
       routes_(services.channel, services.log, services.clock, config.kernelRoutes),
-      exports_(switch_, mirror_, routes_, config),
+      exports_(switch_, feed_, routes_, config),
       probing_(mirror_, services.clock, probingOptions(config, mirror_)) {
   feed_.setWarningSink(
-      [this](const std::string& warning) { services_.report(LOG_WARNING, warning); });
+      [this](const Linux::FeedWarning& warning) { services_.report(LOG_WARNING, warning.text); });
 }
 
 Router::~Router() = default;
@@ -74,7 +74,7 @@ bool Router::takeOwnRoute(const Linux::Change& change) {
   };
   if (std::ranges::none_of(config_.tables, isOutput)) return true;
   const Linux::RouteKey key{route->table, route->prefix};
-  Linux::RouteValue value{.vias = {}, .metric = route->metric, .preferredSource = route->source};
+  Linux::RouteValue value{.vias = {}, .metric = route->metric, .preferredSource = route->preferredSource};
   for (const auto& hop : route->hops) value.vias.push_back({hop.link, hop.gateway});
   std::ranges::sort(value.vias);
   if (dumps_ && change.present) {

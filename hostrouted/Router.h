@@ -82,7 +82,9 @@ class Router {
   Phase phase() const { return phase_; }
   const Counters& counters() const { return counters_; }
   /// A former process may have told others of this route. Before the first dump.
-  void adoptAdvertised(const Linux::RouteKey& key) { routes_.adoptAdvertised(key); }
+  void adoptAdvertised(const Linux::RouteKey& key, uint32_t metric) {
+    routes_.adoptAdvertised(key, metric);
+  }
 
   const Linux::KernelRoutes& kernelRoutes() const { return routes_; }
   const Linux::Mirror& mirror() const { return mirror_; }

@@ -83,7 +83,7 @@ class PrintingChannel final : public Linux::RouteChannel {
 
 class NoLog final : public Linux::AdvertisedLog {
  public:
-  void add(const Linux::RouteKey&) override {}
+  void add(const Linux::RouteKey&, uint32_t) override {}
   void remove(const Linux::RouteKey&) override {}
 };
 
@@ -97,7 +97,7 @@ class Recorder {
   }
   bool isOn() const { return file_.is_open(); }
   void write(const Daemon::Operation& operation) {
-    if (isOn()) file_ << Replay::replayLine(operation) << '\n';
+    if (isOn()) file_ << Replay::linesOf(operation);
   }
   void flush() {
     if (!isOn() || file_.flush()) return;
@@ -145,7 +145,9 @@ class Service::Loop {
     }
     router_.emplace(config, services());
     if (advertised_) {
-      for (const auto& key : advertised_->keys()) router_->adoptAdvertised(key);
+      for (const auto& route : advertised_->keys()) {
+        router_->adoptAdvertised(route.key, route.metric);
+      }
     }
     watch();
   }
