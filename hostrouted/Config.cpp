@@ -180,11 +180,6 @@ class Section {
   std::set<std::string, std::less<>> taken_;
 };
 
-std::optional<Linux::Address> parseAddress(std::string_view text) {
-  if (const auto addr = Zemit::IpAddr::parse(text)) return *addr;
-  if (const auto addr = Zemit::Ip6Addr::parse(text)) return *addr;
-  return std::nullopt;
-}
 template <class Addr>
 std::optional<std::optional<Linux::Address>> parseSource(std::string_view text) {
   const auto addr = Addr::parse(text);
