@@ -173,8 +173,12 @@ void Mirror::State::erase(const Link& link) {
 void Mirror::State::put(const InterfaceAddress& addr) {
   Interface& interface = this->interface(addr.link);
   const size_t before = interface.addresses.size();
-  if (!interface.addresses.put(addr, dump_)) return;
-  if (familyOf(addr.addr) == 4) interface.ipv4Addresses += interface.addresses.size() - before;
+  const bool differs = interface.addresses.put(addr, dump_);
+  if (familyOf(addr.addr) == 4) {
+    interface.ipv4Addresses += interface.addresses.size() - before;
+    if (interface.isKnown) routes_.ipv4Enabled(interface.link);
+  }
+  if (!differs) return;
   if (observer_ != nullptr) observer_->onAddress(addr.link, addr.addr);
 }
 

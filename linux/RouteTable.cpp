@@ -218,17 +218,10 @@ void RouteTable::linkIs(const Link& link, bool isRevived) {
     if (body.type == RTN_ANYCAST && body.family == 6 && link.isUp) continue;
     // An IPv4 next hop may be dead for another reason, an IPv6 one may not.
     const bool revives = link.isUp && (isRevived || (body.family == 6 && link.hasCarrier));
-    changeHops(number, [&](std::vector<NextHop>& hops) {
-      bool differs = false;
-      for (NextHop& hop : hops) {
-        if (hop.link != link.index) continue;
-        const NextHop before = hop;
-        if (!link.isUp) hop.isDead = true;
-        if (revives) hop.isDead = false;
-        hop.isLinkDown = !link.hasCarrier;
-        differs |= hop != before;
-      }
-      return differs;
+    changeHopsOn(link.index, number, [&](NextHop& hop) {
+      if (!link.isUp) hop.isDead = true;
+      if (revives) hop.isDead = false;
+      hop.isLinkDown = !link.hasCarrier;
     });
   }
 }
@@ -248,19 +241,23 @@ void RouteTable::linkGone(LinkIndex link) {
   }
 }
 
+void RouteTable::ipv4Enabled(const Link& link) {
+  if (!link.isUp) return;
+  for (const Number number : byLink_.of(link.index)) {
+    const Body& body = bodies_[number];
+    if (body.family != 4 || body.nexthop != 0) continue;
+    changeHopsOn(link.index, number, [&](NextHop& hop) {
+      if (hop.isDead && link.hasCarrier) hop.isLinkDown = false;
+      hop.isDead = false;
+    });
+  }
+}
+
 void RouteTable::ipv4Disabled(LinkIndex link) {
   for (const Number number : byLink_.of(link)) {
     const Body& body = bodies_[number];
     if (body.family != 4 || body.nexthop != 0) continue;
-    changeHops(number, [&](std::vector<NextHop>& hops) {
-      bool differs = false;
-      for (NextHop& hop : hops) {
-        if (hop.link != link || (hop.isDead && hop.isLinkDown)) continue;
-        hop.isDead = hop.isLinkDown = true;
-        differs = true;
-      }
-      return differs;
-    });
+    changeHopsOn(link, number, [](NextHop& hop) { hop.isDead = hop.isLinkDown = true; });
   }
 }
 
@@ -523,6 +520,20 @@ void RouteTable::changeHops(Number number, const Change& change) {
   }
   const auto isDead = [](const NextHop& hop) { return hop.isDead; };
   if (std::all_of(body.hops.begin(), body.hops.end(), isDead)) removeRoutesOf(number);
+}
+
+template <class Change>
+void RouteTable::changeHopsOn(LinkIndex link, Number body, const Change& change) {
+  changeHops(body, [&](std::vector<NextHop>& hops) {
+    bool differs = false;
+    for (NextHop& hop : hops) {
+      if (hop.link != link) continue;
+      const NextHop before = hop;
+      change(hop);
+      differs |= hop != before;
+    }
+    return differs;
+  });
 }
 
 }  // namespace Linux
