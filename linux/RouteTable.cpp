@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 namespace Linux {
 namespace {
@@ -366,17 +367,19 @@ void RouteTable::insert(const Route& route, Body body, bool inFront) {
   changed(number);
 }
 
-/// Puts a node among those of its prefix: before or behind those of the same metric; in a dump
+/// Puts a node among those of its prefix: before or behind those of its rank; in a dump
 /// behind those that it named, so that the order becomes the kernel's.
 void RouteTable::link(Number number, bool inFront) {
   Node& node = nodes_[number];
   const uint32_t hash = hashOfKey(node.table, node.prefix);
   const Number first = firstOf(node.table, node.prefix);
+  // The kernel tries the routes of one type of service before those of any.
+  const auto rank = [](const Node& n) { return std::pair(n.metric, -n.tos); };
   Number before = kNone;
   for (Number at = first; at != kNone; at = nodes_[at].nextOfPrefix) {
     const Node& other = nodes_[at];
-    if (other.metric > node.metric) break;
-    if (other.metric == node.metric && (inFront || (isDumping_ && other.dump != dump_))) break;
+    if (rank(other) > rank(node)) break;
+    if (rank(other) == rank(node) && (inFront || (isDumping_ && other.dump != dump_))) break;
     before = at;
   }
   node.isFirst = before == kNone;
