@@ -8,9 +8,11 @@
 namespace Linux {
 namespace {
 
-/// How many routes are written before the results are looked at. A changed route is absent for as
-/// long as its own two requests take; one that needs a second attempt, for that of a chunk.
-constexpr size_t kChunk = 1024;
+using Verb = RouteRequest::Verb;
+
+/// How many routes are written before the results are looked at. Of many that change, each is
+/// absent from the kernel while this many are deleted.
+constexpr size_t kChunk = 512;
 /// Most attempts at one route in one flush.
 constexpr int kRounds = 8;
 /// What the kernel takes for an IPv6 metric of 0 (IP6_RT_PRIO_USER).
@@ -31,7 +33,9 @@ bool dependsOnLink(int error) {
          error == EINVAL || error == EACCES || error == EADDRNOTAVAIL;
 }
 
-bool isAbsent(int error) { return error == ESRCH || error == ENOENT; }
+bool isAbsent(int error) {
+  return error == ESRCH || error == ENOENT;
+}
 
 /// The seconds until the second attempt.
 double firstDelay(int error) {
@@ -60,7 +64,6 @@ RouteValue normalized(const Prefix& prefix, RouteValue value) {
 }
 
 std::string toString(const RouteRequest& request) {
-  using Verb = RouteRequest::Verb;
   const bool adds = request.verb == Verb::Add || request.verb == Verb::AddBlackhole;
   const bool isBlackhole =
       request.verb == Verb::AddBlackhole || request.verb == Verb::DeleteBlackhole;
@@ -144,7 +147,7 @@ void KernelRoutes::adopt(const RouteKey& key, RouteValue value) {
     if (id != entry.actual) {
       extras_.emplace_back(key, values_[id].metric);
       if (values_[id].metric == values_[entry.actual].metric) {
-        setActual(entry, values_.take({.vias = {}, .metric = values_[id].metric, .preferredSource = {}}));
+        setActual(entry, blackhole(values_[id].metric));
       }
       mark(key, entry);
     }
@@ -183,15 +186,23 @@ void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>&
   }
   Entry& entry = *entries_.tryEmplace(key).first;
   const auto id = values_.take(normalized(key.prefix, *value));
+  if (entry.actual != 0 && values_[entry.actual].metric != values_[id].metric) {
+    // It stands beside ours.
+    extras_.emplace_back(key, values_[id].metric);
+    values_.drop(id);
+    return;
+  }
   advertise(key, entry, values_[id].metric);
-  entry.clear(kUnsure | kTold);
+  entry.clear(kUnsure | kTold | kClaimed);
   setActual(entry, id);
   if (entry.wanted == id) return;
   entry.set(kMeddled);
   mark(key, entry);
 }
 
-void KernelRoutes::distrust(LinkIndex link) { distrusted_.insert(link); }
+void KernelRoutes::distrust(LinkIndex link) {
+  distrusted_.insert(link);
+}
 
 void KernelRoutes::linkChanged(LinkIndex link) {
   if (!troubles_.empty()) changedLinks_.insert(link);
@@ -272,6 +283,10 @@ void KernelRoutes::setActual(Entry& entry, ValueId id) {
   installedCount_ -= (entry.actual != 0 ? 1U : 0U);
   values_.drop(entry.actual);
   entry.actual = id;
+}
+
+KernelRoutes::ValueId KernelRoutes::blackhole(uint32_t metric) {
+  return values_.take({.vias = {}, .metric = metric, .preferredSource = {}});
 }
 
 void KernelRoutes::advertise(const RouteKey& key, Entry& entry, uint32_t metric) {
@@ -382,8 +397,8 @@ void KernelRoutes::wakeDue() {
   });
   std::erase_if(flaps_, [&](const auto& item) {
     const auto& [key, flap] = item;
-    const double end = flap.dampedUntil >= 0 ? flap.dampedUntil
-                                             : flap.changes.back() + options_.dampingWindow;
+    const double end =
+        flap.dampedUntil >= 0 ? flap.dampedUntil : flap.changes.back() + options_.dampingWindow;
     if (end > now_) {
       wakeAt(end);
       return false;
@@ -397,10 +412,15 @@ void KernelRoutes::wakeDue() {
 void KernelRoutes::deleteExtras() {
   for (const auto& [key, metric] : std::exchange(extras_, {})) {
     requestCount_ = 0;
-    nextRequest(RouteRequest::Verb::Delete, key, metric);
+    nextRequest(Verb::Delete, key, metric);
     int result = 0;
     channel_.perform(std::span(requests_).first(1), std::span(&result, 1));
     if (result == 0) ++counters_.deleted;
+    // A deletion with metric 0 is of an IPv4 route with any metric.
+    if (Entry* const entry = entries_.find(key); entry != nullptr && entry->actual != 0) {
+      entry->set(kUnsure);
+      mark(key, *entry);
+    }
   }
 }
 
@@ -426,7 +446,7 @@ void KernelRoutes::flushChunk(std::span<const RouteKey> keys) {
         finish(work.key, *work.entry);
         return true;
       }
-      request(work);
+      request(work.key, *work.entry, work.step);
       return false;
     });
     if (work_.empty()) break;
@@ -436,7 +456,7 @@ void KernelRoutes::flushChunk(std::span<const RouteKey> keys) {
     const int* results = results_.data();
     for (const auto& work : work_) {
       settle(work, results);
-      results += work.step == Step::Change || work.step == Step::Announce ? 2 : 1;
+      results += work.step == Step::Announce ? 2 : 1;
     }
   }
 }
@@ -491,18 +511,15 @@ KernelRoutes::Step KernelRoutes::decide(const RouteKey& key, Entry& entry) {
   const ValueId target = isRefused || isDamped(key) ? 0 : entry.wanted;
   if (entry.actual == 0) {
     const bool isStale = entry.is(kAdvertised) && options_.announcesSilentLoss;
-    if (target == 0) return isStale ? Step::Announce : Step::None;
-    if (entry.is(kClaimed)) return Step::Change;
-    return isStale && entry.metric != values_[target].metric ? Step::Announce : Step::Add;
+    if (isStale || entry.is(kClaimed)) return Step::Announce;
+    return target == 0 ? Step::None : Step::Add;
   }
   if (target == 0) return Step::Delete;
-  if (target != entry.actual) {
-    if (isHeld(key, entry)) return Step::None;
-    const bool isSameMetric = values_[target].metric == values_[entry.actual].metric;
-    return isSameMetric ? Step::Change : Step::Delete;
-  }
-  if (entry.is(kReannounced)) return Step::Change;
-  return entry.is(kUnsure) && !isHeld(key, entry) ? Step::Add : Step::None;
+  if (target == entry.actual && !entry.is(kUnsure)) return Step::None;
+  if (isHeld(key, entry)) return Step::None;
+  if (target != entry.actual) return Step::Delete;
+  // To add it tells whether it is there, and mends it when that is no news to anybody.
+  return entry.is(kTold) || !options_.announcesSilentLoss ? Step::Add : Step::Verify;
 }
 
 RouteRequest& KernelRoutes::nextRequest(RouteRequest::Verb verb, const RouteKey& key,
@@ -511,35 +528,34 @@ RouteRequest& KernelRoutes::nextRequest(RouteRequest::Verb verb, const RouteKey&
   auto& request = requests_[requestCount_++];
   request.verb = verb;
   request.key = key;
+  request.value.vias.clear();
   request.value.metric = metric;
   return request;
 }
 
 /// Writes down the requests of a step.
-void KernelRoutes::request(Work& work) {
-  using Verb = RouteRequest::Verb;
-  Entry& entry = *work.entry;
-  work.wasAdvertised = entry.is(kAdvertised);
-  switch (work.step) {
+void KernelRoutes::request(const RouteKey& key, Entry& entry, Step step) {
+  switch (step) {
     case Step::None:
       return;
-    case Step::Delete:
-      nextRequest(Verb::Delete, work.key, values_[entry.actual].metric).value.vias.clear();
-      return;
-    case Step::Announce:
-      nextRequest(Verb::AddBlackhole, work.key, entry.metric).value.vias.clear();
-      nextRequest(Verb::DeleteBlackhole, work.key, entry.metric).value.vias.clear();
-      return;
-    case Step::Change:
     case Step::Add: {
       const auto& value = values_[entry.wanted];
-      if (work.step == Step::Change) {
-        nextRequest(Verb::Delete, work.key, value.metric).value.vias.clear();
-      }
-      nextRequest(Verb::Add, work.key, value.metric).value = value;
-      advertise(work.key, entry, value.metric);
+      advertise(key, entry, value.metric);
+      nextRequest(Verb::Add, key, value.metric).value = value;
       return;
     }
+    case Step::Delete:
+      nextRequest(Verb::Delete, key, values_[entry.actual].metric);
+      return;
+    case Step::Verify:
+      advertise(key, entry, values_[entry.actual].metric);
+      nextRequest(Verb::AddBlackhole, key, entry.metric);
+      return;
+    case Step::Announce:
+      advertise(key, entry, entry.metric);
+      nextRequest(Verb::AddBlackhole, key, entry.metric);
+      nextRequest(Verb::DeleteBlackhole, key, entry.metric);
+      return;
   }
 }
 
@@ -548,58 +564,45 @@ void KernelRoutes::settle(const Work& work, const int* results) {
     case Step::None:
       return;
     case Step::Add:
-      return settleAdd(work, results[0]);
+      return settleAdd(work.key, *work.entry, results[0]);
     case Step::Delete:
-      return settleDelete(work, results[0]);
-    case Step::Change:
-      return settleChange(work, results[0], results[1]);
+      return settleDelete(work.key, *work.entry, results[0]);
+    case Step::Verify:
+      return settleVerify(work.key, *work.entry, results[0]);
     case Step::Announce:
-      return settleAnnounce(work, results[0], results[1]);
+      return settleAnnounce(work.key, *work.entry, results[0], results[1]);
   }
 }
 
-/// The route is in the kernel as it is wanted.
-void KernelRoutes::isWritten(const Work& work) {
-  Entry& entry = *work.entry;
-  ++counters_.added;
-  if (entry.is(kMeddled)) {
-    ++counters_.repaired;
-    repairs_[work.key] = now_;
-    wakeAt(now_ + options_.repairInterval);
-  }
-  if (entry.actual != entry.wanted) setActual(entry, values_.share(entry.wanted));
-  entry.clear(kUnsure | kTold | kMeddled | kClaimed);
-  mend(work.key, entry);
-}
-
-void KernelRoutes::settleAdd(const Work& work, int result) {
-  Entry& entry = *work.entry;
+void KernelRoutes::settleAdd(const RouteKey& key, Entry& entry, int result) {
   const bool verifies = entry.actual != 0;
   if (result == 0) {
-    const bool isStale = work.wasAdvertised && !entry.is(kTold);
-    if (isStale) ++counters_.silentLosses;
-    // Who imports the table has the lost route still, and may not take it a second time.
-    if (isStale && options_.announcesSilentLoss) entry.set(kReannounced);
-    isWritten(work);
-  } else if (result == EEXIST && verifies) {
+    ++counters_.added;
+    if (entry.is(kMeddled)) {
+      ++counters_.repaired;
+      repairs_[key] = now_;
+      wakeAt(now_ + options_.repairInterval);
+    } else if (verifies) {
+      ++counters_.silentLosses;
+    }
+    if (!verifies) setActual(entry, values_.share(entry.wanted));
     entry.clear(kUnsure | kTold | kMeddled);
-    mend(work.key, entry);
+    mend(key, entry);
   } else if (result == EEXIST) {
-    entry.set(kClaimed);
-  } else if (result == RouteChannel::kUnknown) {
     if (!verifies) entry.set(kClaimed);
-    setTrouble(work.key, entry, EIO, true);
+    entry.clear(kUnsure | kTold | kMeddled);
+  } else if (result == RouteChannel::kUnknown) {
+    setTrouble(key, entry, EIO, true);
   } else {
     // A route that was sought in vain is deleted next, which tells whether it was there.
-    setTrouble(work.key, entry, result, isShortage(result));
-    if (!verifies && !work.wasAdvertised) unadvertise(work.key, entry);
+    setTrouble(key, entry, result, isShortage(result));
+    if (!verifies) unadvertise(key, entry);
   }
 }
 
-void KernelRoutes::settleDelete(const Work& work, int result) {
-  Entry& entry = *work.entry;
+void KernelRoutes::settleDelete(const RouteKey& key, Entry& entry, int result) {
   if (result != 0 && !isAbsent(result)) {
-    setTrouble(work.key, entry, result == RouteChannel::kUnknown ? EIO : result, true);
+    setTrouble(key, entry, result == RouteChannel::kUnknown ? EIO : result, true);
     return;
   }
   if (result == 0) {
@@ -607,58 +610,49 @@ void KernelRoutes::settleDelete(const Work& work, int result) {
   } else if (!entry.is(kTold)) {
     ++counters_.silentLosses;
   }
-  if (result == 0 || entry.is(kTold)) unadvertise(work.key, entry);
+  if (result == 0 || entry.is(kTold)) unadvertise(key, entry);
   setActual(entry, 0);
-  entry.clear(kUnsure | kTold | kReannounced | kClaimed);
+  entry.clear(kUnsure | kTold | kClaimed);
 }
 
-void KernelRoutes::settleChange(const Work& work, int deletion, int addition) {
-  Entry& entry = *work.entry;
-  if (deletion == RouteChannel::kUnknown || addition == RouteChannel::kUnknown) {
-    setTrouble(work.key, entry, EIO, true);
+void KernelRoutes::settleVerify(const RouteKey& key, Entry& entry, int result) {
+  if (result == EEXIST) {
+    entry.clear(kUnsure);
+  } else if (result == 0) {
+    ++counters_.silentLosses;
+    setActual(entry, blackhole(values_[entry.actual].metric));
+    entry.clear(kUnsure);
+  } else {
+    setTrouble(key, entry, result == RouteChannel::kUnknown ? EIO : result, true);
+  }
+}
+
+void KernelRoutes::settleAnnounce(const RouteKey& key, Entry& entry, int addition, int deletion) {
+  if (addition == RouteChannel::kUnknown || deletion == RouteChannel::kUnknown) {
+    setTrouble(key, entry, EIO, true);
     return;
   }
-  if (deletion == 0) ++counters_.deleted;
-  const bool isStale =
-      deletion != 0 && work.wasAdvertised && !entry.is(kTold) && !entry.is(kReannounced);
-  entry.clear(kReannounced);
-  if (addition == 0) {
-    if (isStale && entry.actual != 0) ++counters_.silentLosses;
-    if (isStale && options_.announcesSilentLoss) entry.set(kReannounced);
-    isWritten(work);
+  if (addition != 0 && addition != EEXIST) {
+    setTrouble(key, entry, addition, true);
     return;
   }
   if (deletion != 0 && !isAbsent(deletion)) {
-    // The former route is there still.
-    setTrouble(work.key, entry, deletion, true);
+    setActual(entry, blackhole(entry.metric));
+    setTrouble(key, entry, deletion, true);
     return;
   }
-  setActual(entry, 0);
-  entry.clear(kUnsure | kTold | kClaimed);
-  if (!isStale) unadvertise(work.key, entry);
-  setTrouble(work.key, entry, addition, isShortage(addition));
-}
-
-void KernelRoutes::settleAnnounce(const Work& work, int addition, int deletion) {
-  Entry& entry = *work.entry;
-  if (addition == RouteChannel::kUnknown || deletion == RouteChannel::kUnknown) {
-    setTrouble(work.key, entry, EIO, true);
-  } else if (addition != 0 && addition != EEXIST) {
-    setTrouble(work.key, entry, addition, true);
-  } else if (deletion != 0 && !isAbsent(deletion)) {
-    setActual(entry, values_.take({.vias = {}, .metric = entry.metric, .preferredSource = {}}));
-    setTrouble(work.key, entry, deletion, true);
-  } else {
-    // Where the deletion found nothing of ours, another's route has taken the place.
-    unadvertise(work.key, entry);
-    entry.clear(kClaimed);
-  }
+  unadvertise(key, entry);
+  entry.clear(kClaimed);
+  // What is in the way and was not ours is another's.
+  const bool isAnothers = addition == EEXIST && deletion != 0;
+  if (isAnothers && entry.wanted != 0) setTrouble(key, entry, EEXIST, false);
 }
 
 /// Nothing more is to be done for the route at this time.
 void KernelRoutes::finish(const RouteKey& key, Entry& entry) {
-  if (entry.wanted != 0 || entry.actual != 0) return;
-  if (entry.is(kTroubled) && entry.is(kAdvertised)) return;
+  const bool waits = entry.is(kTroubled) && troubles_.find(key)->second.retryAt > now_;
+  if (entry.wanted == entry.actual && !entry.is(kUnsure) && !waits) mend(key, entry);
+  if (entry.wanted != 0 || entry.actual != 0 || (waits && entry.is(kAdvertised))) return;
   mend(key, entry);
   unadvertise(key, entry);
   entries_.erase(key);

@@ -63,8 +63,8 @@ struct RouteRequest {
   friend bool operator==(const RouteRequest&, const RouteRequest&) = default;
 };
 
-/// A request in the words of ip(8): "route add 10.0.0.5/32 dev 3 table 10 metric 20". Interfaces are
-/// numbers.
+/// A request in the words of ip(8): "route add 10.0.0.5/32 dev 3 table 10 metric 20". Interfaces
+/// are numbers.
 std::string toString(const RouteRequest& request);
 
 /// Carries requests out, in order. An addition is exclusive: it fails where there is a route of the
@@ -118,7 +118,7 @@ class KernelRoutes {
   /// A route that is not as it should be, and why.
   struct Problem {
     RouteKey key;
-    int error = 0;  ///< the kernel's errno, or 0 when the route is damped
+    int error = 0;       ///< the kernel's errno, or 0 when the route is damped
     double since = 0;    ///< seconds, of the clock
     double retryAt = 0;  ///< or earlier, when its interface changes
   };
@@ -201,16 +201,15 @@ class KernelRoutes {
   };
 
   enum Flag : uint32_t {
-    kDirty = 1,         // is in dirty_
-    kChanged = 2,       // is wanted otherwise than at the last flush
-    kAdvertised = 4,    // is in the log
-    kUnsure = 8,        // may have gone from the kernel
-    kTold = 16,         // the kernel told that it went
-    kMeddled = 32,      // somebody else changed it
-    kReannounced = 64,  // is to be deleted and added once more, for those who missed a deletion
-    kClaimed = 128,     // something is in its place, perhaps a route of ours
-    kSeen = 256,        // was named by the dump
-    kTroubled = 512,    // is in troubles_
+    kDirty = 1,       // is in dirty_
+    kChanged = 2,     // is wanted otherwise than at the last flush
+    kAdvertised = 4,  // is in the log
+    kUnsure = 8,      // may have gone from the kernel
+    kTold = 16,       // the kernel told that it went
+    kMeddled = 32,    // somebody else changed it
+    kClaimed = 64,    // something is in its place, perhaps a route of ours
+    kSeen = 128,      // was named by the dump
+    kTroubled = 256,  // is in troubles_
   };
   struct Entry {
     ValueId wanted = 0;
@@ -234,12 +233,19 @@ class KernelRoutes {
     double dampedSince = 0;
     double dampedUntil = -1;  // damped when not negative
   };
-  enum class Step : uint8_t { None, Add, Delete, Change, Announce };
+  /// What is done next for a route. A change is a Delete and, when that is known to have happened,
+  /// an Add. Each step leaves the tables and the log so that a new process can go on from there.
+  enum class Step : uint8_t {
+    None,
+    Add,
+    Delete,
+    Verify,    // adds a blackhole, which fails when the route is there, whatever its links do
+    Announce,  // adds and deletes a blackhole; clears the place of what is ours, too
+  };
   struct Work {
     RouteKey key;
     Entry* entry = nullptr;
     Step step = Step::None;
-    bool wasAdvertised = false;
   };
   struct KeyHash {
     size_t operator()(const RouteKey& key) const { return key.hash(); }
@@ -248,6 +254,7 @@ class KernelRoutes {
   void mark(const RouteKey& key, Entry& entry);
   void setWanted(Entry& entry, ValueId id);
   void setActual(Entry& entry, ValueId id);
+  ValueId blackhole(uint32_t metric);
   void advertise(const RouteKey& key, Entry& entry, uint32_t metric);
   void unadvertise(const RouteKey& key, Entry& entry);
   void wakeAt(double time) { nextWake_ = std::min(nextWake_, time); }
@@ -263,15 +270,14 @@ class KernelRoutes {
   bool isDamped(const RouteKey& key) const;
   bool isHeld(const RouteKey& key, const Entry& entry);
   Step decide(const RouteKey& key, Entry& entry);
-  void request(Work& work);
+  void request(const RouteKey& key, Entry& entry, Step step);
   RouteRequest& nextRequest(RouteRequest::Verb verb, const RouteKey& key, uint32_t metric);
-  void finish(const RouteKey& key, Entry& entry);
   void settle(const Work& work, const int* results);
-  void settleAdd(const Work& work, int result);
-  void settleDelete(const Work& work, int result);
-  void settleChange(const Work& work, int deletion, int addition);
-  void settleAnnounce(const Work& work, int addition, int deletion);
-  void isWritten(const Work& work);
+  void settleAdd(const RouteKey& key, Entry& entry, int result);
+  void settleDelete(const RouteKey& key, Entry& entry, int result);
+  void settleVerify(const RouteKey& key, Entry& entry, int result);
+  void settleAnnounce(const RouteKey& key, Entry& entry, int addition, int deletion);
+  void finish(const RouteKey& key, Entry& entry);
 
   RouteChannel& channel_;
   AdvertisedLog& log_;

@@ -66,7 +66,9 @@ struct WireAddr {
   }
 };
 
-uint8_t addressFamily(int family) { return family == 4 ? AF_INET : AF_INET6; }
+uint8_t addressFamily(int family) {
+  return family == 4 ? AF_INET : AF_INET6;
+}
 
 void putAddr(nlmsghdr* message, uint16_t type, const WireAddr& addr) {
   ::mnl_attr_put(message, type, addr.length, addr.bytes.data());
@@ -119,8 +121,7 @@ int putRequest(nlmsghdr* message, const RouteRequest& request, uint8_t protocol)
   message->nlmsg_flags = NLM_F_REQUEST;
   if (adds) message->nlmsg_flags |= NLM_F_CREATE | NLM_F_EXCL;
   const int family = familyOf(request.key.prefix);
-  auto* const route =
-      static_cast<rtmsg*>(::mnl_nlmsg_put_extra_header(message, sizeof(rtmsg)));
+  auto* const route = static_cast<rtmsg*>(::mnl_nlmsg_put_extra_header(message, sizeof(rtmsg)));
   route->rtm_family = addressFamily(family);
   route->rtm_table = RT_TABLE_UNSPEC;
   route->rtm_protocol = protocol;
@@ -137,7 +138,8 @@ int putRequest(nlmsghdr* message, const RouteRequest& request, uint8_t protocol)
   ::mnl_attr_put_u32(message, RTA_PRIORITY, request.value.metric);
   if (request.verb != Verb::Add) return 0;
 
-  const bool isDirect = std::ranges::none_of(vias, [](const auto& via) { return bool(via.gateway); });
+  const bool isDirect =
+      std::ranges::none_of(vias, [](const auto& via) { return bool(via.gateway); });
   if (family == 4 && isDirect) route->rtm_scope = RT_SCOPE_LINK;
   if (request.value.preferredSource) {
     putAddr(message, RTA_PREFSRC, WireAddr(*request.value.preferredSource));
@@ -183,7 +185,9 @@ RequestSocket::RequestSocket(uint8_t protocol)
 
 RequestSocket::~RequestSocket() = default;
 
-uint32_t RequestSocket::port() const { return ::mnl_socket_get_portid(socket_.get()); }
+uint32_t RequestSocket::port() const {
+  return ::mnl_socket_get_portid(socket_.get());
+}
 
 void RequestSocket::perform(std::span<const RouteRequest> requests, std::span<int> results) {
   exchange(requests.size(), results, [&](nlmsghdr* message, size_t i) {
@@ -234,7 +238,8 @@ void RequestSocket::send(size_t length, uint32_t last, std::span<int> results) {
   if (!takeAnswers(last, results)) set(0, kUnknown);
 }
 
-/// Takes the answers to a batch, which are all there, up to that to its last message. \return false when some were lost.
+/// Takes the answers to a batch, which are all there, up to that to its last message. \return false
+/// when some were lost.
 bool RequestSocket::takeAnswers(uint32_t last, std::span<int> results) {
   bool isComplete = true;
   while (true) {
@@ -250,8 +255,7 @@ bool RequestSocket::takeAnswers(uint32_t last, std::span<int> results) {
          ::mnl_nlmsg_ok(message, left); message = ::mnl_nlmsg_next(message, &left)) {
       if (message->nlmsg_type != NLMSG_ERROR) continue;
       if (::mnl_nlmsg_get_payload_len(message) < sizeof(nlmsgerr)) continue;
-      const auto* const answer =
-          static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(message));
+      const auto* const answer = static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(message));
       const uint32_t at = message->nlmsg_seq - sequence_;
       if (at >= results.size()) continue;
       results[at] = -answer->error;
