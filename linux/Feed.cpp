@@ -7,6 +7,7 @@
 
 #include "linux/FeedWork.h"
 #include "linux/Kinds.h"
+#include "linux/Utf8.h"
 #include "platform/tovan/IntfNames.h"
 
 namespace Linux {
@@ -21,30 +22,6 @@ using About = FeedWarning::About;
 constexpr const char* kVrfKind = "vrf";
 /// The shorter of what a switch takes for an interface and for a VRF, with room for a prefix.
 constexpr size_t kMaxNameBytes = 90;
-
-/// Whether `text` is well-formed UTF-8 (RFC 3629), as far as lengths and leading bytes tell.
-bool isUtf8(std::string_view text) {
-  for (size_t at = 0; at < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[at]);
-    const size_t length = lead < 0x80                   ? 1
-                          : lead >= 0xC2 && lead < 0xE0 ? 2
-                          : lead >= 0xE0 && lead < 0xF0 ? 3
-                          : lead >= 0xF0 && lead < 0xF5 ? 4
-                                                        : 0;
-    if (length == 0 || at + length > text.size()) return false;
-    for (size_t i = 1; i < length; ++i) {
-      if ((static_cast<unsigned char>(text[at + i]) & 0xC0) != 0x80) return false;
-    }
-    // Too long a form, or half of a surrogate pair.
-    const auto second = length > 2 ? static_cast<unsigned char>(text[at + 1]) : 0;
-    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) ||
-        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second >= 0x90)) {
-      return false;
-    }
-    at += length;
-  }
-  return true;
-}
 
 /// Whether an interface has the MAC of a virtual router (RFC 9568, section 7.3).
 bool hasVrrpMac(const Link& link) {
@@ -179,9 +156,6 @@ LinkIndex Feed::Work::linkOf(Zemit::IntfId intf) const {
 }
 
 void Feed::Work::onLink(LinkIndex index) {
-  if (const auto* link = mirror_.link(index); link != nullptr) {
-    if (!link->isUp || !link->hasCarrier) ports_[index].lostCarrier = true;
-  }
   if (!everything_) markedLinks_.insert(index);
 }
 
@@ -254,7 +228,7 @@ void Feed::Work::flush(const Output& output) {
   markedLinks_.clear();
   markedAddresses_.clear();
   wantedAddresses_.clear();
-  changedLinks_.clear();
+  renamedLinks_.clear();
   changedVrfs_.clear();
   // A burst takes its memory with it.
   constexpr size_t kKept = 1024;
@@ -307,7 +281,7 @@ void Feed::Work::findVrfs() {
 
 Feed::Work::Role Feed::Work::roleOf(const Link& link) {
   if (!isUtf8(link.name) || link.name.empty() || link.name.size() > kMaxNameBytes) {
-    warn(About::Link, false, [&] {
+    warn(About::Links, false, [&] {
       return "interface " + std::to_string(link.index) + " left out: " +
              (isUtf8(link.name) ? "a switch has no interface with a name of " +
                                       std::to_string(link.name.size()) + " bytes"
@@ -320,8 +294,9 @@ Feed::Work::Role Feed::Work::roleOf(const Link& link) {
   Vrf* vrf = owner != vrfByDevice_.end() ? owner->second : nullptr;
   if (vrf == nullptr && link.master == 0 && link.kind != kVrfKind) vrf = &vrfs_.front();
   if (vrf == nullptr) return {};
+  const auto name = options_.hasManagementPorts ? link.name : switchNameOf(link.name);
   const bool isSelected = !link.isLoopback && Linux::isSelected(options_.interfaces, link.name);
-  return {.intf = Zemit::IntfId::of(Kiv::String8(switchNameOf(link.name))),
+  return {.intf = Zemit::IntfId::of(Kiv::String8(name)),
           .vrf = vrf,
           .isSelected = isSelected,
           .resolves = isSelected && !link.isNoArp};
@@ -332,13 +307,13 @@ void Feed::Work::findRoles() {
     const auto* link = mirror_.link(index);
     Port& port = ports_[index];
     const bool wasSelected = std::exchange(port.role, link ? roleOf(*link) : Role()).isSelected;
-    const bool carried = std::exchange(port.carries, link && link->isUp && link->hasCarrier);
-    port.lostCarrier = port.lostCarrier || !port.carries;
     const bool isAnother = !port.isToldAs(port.role);
     if (everything_ || isAnother || wasSelected != port.role.isSelected) {
       markNeighborsOf(index, port);
     }
-    if (isAnother || carried != port.carries) changedLinks_.insert(index);
+    const bool hasArrived = port.role.vrf != nullptr && awaitedLinks_.erase(index) != 0;
+    const bool isRenamed = port.vrf != nullptr && port.intf != port.role.intf;
+    if (link != nullptr && (hasArrived || isRenamed)) renamedLinks_.insert(index);
     markedAddresses_.insert(index);
   }
 }
@@ -388,8 +363,8 @@ std::vector<Feed::Work::ToldAddress> Feed::Work::addressesOf(const Link& link, P
       addresses.push_back({address.addr, address.len, address.isSecondary});
       return;
     }
-    warn(About::Address, !address.isDuplicate, [&] {
-      return link.name + ": an address left out: " + toString(address.addr) + objection;
+    warn(About::Addresses, !address.isDuplicate, [&] {
+      return printable(link.name) + ": an address left out: " + toString(address.addr) + objection;
     });
   });
   std::ranges::sort(addresses, {}, [](const ToldAddress& a) {
@@ -415,8 +390,8 @@ std::optional<Zemit::EthAddr> Feed::Work::wantedMac(const Port& port, LinkIndex 
   if (!port.role.isSelected) {
     const auto* at = port.role.vrf == nullptr ? mirror_.link(link) : nullptr;
     if (at != nullptr) {
-      warn(About::Neighbor, false, [&] {
-        return Zemit::toString(addr) + " left out: \"" + at->name +
+      warn(About::Neighbors, false, [&] {
+        return Zemit::toString(addr) + " left out: \"" + printable(at->name) +
                "\" is no layer-3 interface here";
       });
     }

@@ -42,6 +42,9 @@ struct FeedOptions {
   /// Whether addresses on VRRP interfaces (macvlan with a MAC of 00:00:5e:00:01:xx or
   /// 00:00:5e:00:02:xx, RFC 9568) are virtual.
   bool recognisesVrrp = true;
+  /// Whether an interface whose name begins with "Management" is a management port, which a switch
+  /// gives no host routes. Linux names say nothing of the kind by themselves.
+  bool hasManagementPorts = false;
 
   friend bool operator==(const FeedOptions&, const FeedOptions&) = default;
 };
@@ -49,10 +52,8 @@ struct FeedOptions {
 /// Whether an interface name is selected by a list of patterns as in FeedOptions::interfaces.
 bool isSelected(const std::vector<std::string>& patterns, const std::string& name);
 
-/// What a switch calls an interface of this name. It is another name for one that begins with
-/// "Management", which a switch takes for a port whose neighbours get no routes; Linux names say
-/// nothing of the kind. Such an interface is called "linux:Management0", which no Linux interface
-/// is.
+/// What a switch calls an interface of this name that is no management port: by a name that does
+/// not say so. "Management0" becomes "linux:Management0", which no Linux interface can be called.
 std::string switchNameOf(std::string_view interface);
 /// What a switch calls the VRF of a VRF device. That is another name for a device called "default":
 /// it is not the VRF of the table main.
@@ -60,8 +61,8 @@ std::string switchVrfOf(std::string_view device);
 
 /// Something of the kernel's that cannot be fed as it is.
 struct FeedWarning {
-  enum class About : uint8_t { Link, Address, Neighbor, Route4, Route6 };
-  About about = About::Link;
+  enum class About : uint8_t { Links, Addresses, Neighbors, Routes4, Routes6 };
+  About about = About::Links;
   std::string text;  ///< the object, and what becomes of it: "10.0.0.0/8 left out: ..."
 
   // NOLINTNEXTLINE(google-explicit-constructor): who wants the text only takes a string

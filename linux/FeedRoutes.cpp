@@ -4,6 +4,7 @@
 
 #include "linux/FeedWork.h"
 #include "linux/Kinds.h"
+#include "linux/Utf8.h"
 #include "platform/tovan/FibTypes.h"
 
 namespace Linux {
@@ -74,7 +75,7 @@ std::string nameOf(const Prefix& prefix) {
 }
 
 About aboutOf(const Prefix& prefix) {
-  return familyOf(prefix) == 4 ? About::Route4 : About::Route6;
+  return familyOf(prefix) == 4 ? About::Routes4 : About::Routes6;
 }
 
 }  // namespace
@@ -93,7 +94,7 @@ void Feed::Work::findRouteKeys() {
       if (vrf != vrfByName_.end()) routeKeys_.emplace_back(vrf->second, cover.prefix);
     }
   }
-  if (changedVrfs_.empty() && changedLinks_.empty()) return;
+  if (changedVrfs_.empty() && renamedLinks_.empty()) return;
   for (Vrf* vrf : changedVrfs_) {
     Daemon::forEachFamily([&](auto family) {
       for (const auto& told : std::get<ToldRoutes<decltype(family)>>(vrf->routes)) {
@@ -101,8 +102,8 @@ void Feed::Work::findRouteKeys() {
       }
     });
   }
-  const auto isThroughChanged = [&](const NextHop& hop) {
-    return changedLinks_.contains(hop.link);
+  const auto isThroughRenamed = [&](const NextHop& hop) {
+    return renamedLinks_.contains(hop.link);
   };
   mirror_.forEachRoute([&](TableId table, const Prefix& prefix) {
     const auto [begin, end] = vrfsByTable_.equal_range(table);
@@ -111,10 +112,7 @@ void Feed::Work::findRouteKeys() {
       isMarked = changedVrfs_.contains(it->second);
     if (begin != end && !isMarked) {
       for (const Route& route : mirror_.routes(table, prefix)) {
-        isMarked =
-            isMarked || (route.nexthop == 0
-                             ? std::ranges::any_of(route.hops, isThroughChanged)
-                             : std::ranges::any_of(resolvedHops(mirror_, route), isThroughChanged));
+        isMarked = isMarked || std::ranges::any_of(route.hops, isThroughRenamed);
       }
     }
     if (isMarked) note(table, prefix);
@@ -196,7 +194,7 @@ std::string Feed::Work::missingNexthop(uint32_t id, int depth) const {
   for (const auto& [member, weight] : object->group) {
     if (auto why = missingNexthop(member, depth + 1); !why.empty()) return why;
   }
-  return object->hop ? "its nexthop objects refer to each other" : "it has no next hop";
+  return "it has no next hop";
 }
 
 /// Why nothing is directly connected over a next hop, nor can it be a gateway; empty when it can.
@@ -205,14 +203,15 @@ std::string Feed::Work::objectionTo(const NextHop& hop, bool& passes) {
   if (hop.isTunnelled) return "its next hop is the end of a tunnel (encap)";
   const auto* port = this->port(hop.link);
   const auto* link = mirror_.link(hop.link);
-  if (port == nullptr || link == nullptr) return "its next hop's interface is not here";
-  if (port->role.vrf == nullptr) return '"' + link->name + "\" is no layer-3 interface here";
-  passes = true;
-  if (!link->isUp) return "its next hop's interface " + link->name + " is down";
-  if (hop.isDead && !port->lostCarrier) return "its next hop is dead";
-  if (!link->hasCarrier || (hop.isLinkDown && !port->lostCarrier)) {
-    return "its next hop's interface " + link->name + " has no carrier";
+  if (port == nullptr || link == nullptr || port->role.vrf == nullptr) {
+    awaitedLinks_.insert(hop.link);
+    if (link == nullptr) return "its next hop's interface is not here";
+    return '"' + printable(link->name) + "\" is no layer-3 interface here";
   }
+  passes = true;
+  if (hop.isLinkDown)
+    return "its next hop's interface " + printable(link->name) + " has no carrier";
+  if (hop.isDead) return "its next hop is dead";
   return {};
 }
 
@@ -267,19 +266,18 @@ std::vector<typename F::Via> Feed::Work::viasOf(const Route& route,
 template <class F>
 std::optional<Feed::Work::WantedRoute<F>> Feed::Work::useOf(const Route& route) {
   const auto about = aboutOf(route.prefix);
-  std::vector<NextHop> hops;
-  if (route.type == RTN_UNICAST) {
-    hops = resolvedHops(mirror_, route);
-    if (hops.empty()) {
-      if (const auto why = missingNexthop(route.nexthop, 0); !why.empty()) {
-        warn(about, false, [&] { return nameOf(route.prefix) + " left out: " + why; });
-        return std::nullopt;
-      }
+  static const std::vector<NextHop> kNone;
+  const bool forwards = route.type == RTN_UNICAST;
+  const auto& hops = forwards ? route.hops : kNone;
+  if (forwards && hops.empty()) {
+    if (const auto why = missingNexthop(route.nexthop, 0); !why.empty()) {
+      warn(about, false, [&] { return nameOf(route.prefix) + " left out: " + why; });
+      return std::nullopt;
     }
-    if (std::ranges::any_of(hops, [](const NextHop& hop) { return hop.weight > 1; })) {
-      warn(about, false,
-           [&] { return nameOf(route.prefix) + ": the weights of its next hops are left out"; });
-    }
+  }
+  if (std::ranges::any_of(hops, [](const NextHop& hop) { return hop.weight > 1; })) {
+    warn(about, false,
+         [&] { return nameOf(route.prefix) + ": the weights of its next hops are left out"; });
   }
   return WantedRoute<F>{
       .vias = viasOf<F>(route, hops), .metric = route.metric, .type = routeType<F>(route, hops)};
@@ -293,12 +291,13 @@ std::optional<Feed::Work::WantedRoute<F>> Feed::Work::coverRoute(const Vrf& vrf,
     return c.prefix == Prefix(prefix) && c.vrf == vrf.name;
   });
   if (cover == options_.covers.end()) return std::nullopt;
-  Route route{.prefix = prefix, .protocol = RTPROT_KERNEL, .type = RTN_UNICAST};
+  Route route;
+  route.prefix = prefix;
   for (const auto& [index, port] : ports_) {
     const auto* link = mirror_.link(index);
-    if (link != nullptr && port.role.vrf == &vrf && port.carries && !link->isLoopback &&
-        isSelected(cover->interfaces, link->name)) {
-      route.hops.push_back({.link = index});
+    if (link != nullptr && port.role.vrf == &vrf && link->isUp && link->hasCarrier &&
+        !link->isLoopback && isSelected(cover->interfaces, link->name)) {
+      route.hops.emplace_back().link = index;
     }
   }
   return WantedRoute<F>{.vias = viasOf<F>(route, route.hops), .type = F::kConnected};

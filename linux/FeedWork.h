@@ -84,10 +84,6 @@ class Feed::Work final : public Mirror::Observer {
   /// An interface of the kernel's.
   struct Port {
     Role role;
-    bool carries = true;  ///< up, and with a carrier
-    /// It was seen without a carrier. The kernel sets and clears the flags of its next hops without
-    /// a word, so from then on the interface's state tells, and no flag.
-    bool lostCarrier = false;
     std::vector<ToldAddress> vrrpAddresses;
     // What the switch was told; no interface and no VRF where it was not.
     Zemit::IntfId intf;
@@ -192,10 +188,11 @@ class Feed::Work final : public Mirror::Observer {
 
   // Within a flush.
   std::map<LinkIndex, std::vector<ToldAddress>> wantedAddresses_;
-  std::set<LinkIndex> changedLinks_;  // routes through them have to be looked at again
+  std::set<LinkIndex> renamedLinks_;  // routes through them have to be looked at again
   std::set<Vrf*> changedVrfs_;        // as have all routes of these
   std::vector<RouteKey> routeKeys_;
 
+  std::set<LinkIndex> awaitedLinks_;  // of next hops, without a layer 3 as yet
   std::map<LinkIndex, Vrf*> vrfByDevice_;
   std::multimap<TableId, Vrf*> vrfsByTable_;
   LinkIndex lastLink_ = 0;  // the one that port() found last
