@@ -33,9 +33,9 @@
 namespace Hostrouted {
 namespace {
 
-/// How many datagrams are read in one turn: enough for a burst to be handled as one, few enough for
+/// About how many messages are read in one turn: enough for a burst to be handled as one, few enough for
 /// timers and signals to have their turn.
-constexpr size_t kDatagramsATurn = 4096;
+constexpr size_t kMessagesATurn = 65536;
 /// The status file is written at most this often, in seconds.
 constexpr double kStatusInterval = 1;
 /// A dump that was interrupted is asked for again after this long, in seconds, and then after twice
@@ -133,7 +133,8 @@ class Service::Loop {
         log_(log),
         writer_(config.protocol),
         notifications_({.receiveBuffer = config.receiveBuffer,
-                        .ownPort = options_.isDryRun ? 0 : writer_.port()}),
+                        .ownPort = options_.isDryRun ? 0 : writer_.port(),
+                        .warn = warner()}),
         recorder_(options_.recordFile, log) {
     if (!options_.isDryRun) {
       locks_.claim(config);
@@ -185,6 +186,11 @@ class Service::Loop {
     return services;
   }
 
+  /// Logs messages of the kernel that cannot be read.
+  Linux::Warn warner() {
+    return [this](const std::string& what) { log_.write(LOG_WARNING, "message", what); };
+  }
+
   void watch() {
     must(::sd_event_new(&event_), "sd_event_new");
     must(::sd_event_add_io(event_, input_.out(), notifications_.fd(), EPOLLIN, onReadable, this),
@@ -229,7 +235,7 @@ class Service::Loop {
 
   /// Reads what was notified. \return false when some of it was lost.
   bool readInput() {
-    return notifications_.read(kDatagramsATurn,
+    return notifications_.read(kMessagesATurn,
                                [this](const Linux::Change& change) { router_->apply(change); });
   }
 
