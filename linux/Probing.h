@@ -24,7 +24,7 @@ struct ProbingOptions {
   /// Seconds between two refreshments of one entry. The kernel drops an entry that was not in use
   /// for gc_stale_time, 60 seconds where nobody set it.
   double keepaliveInterval = 30;
-  uint32_t rate = 100;  ///< most probes in a second
+  uint32_t rate = 100;                        ///< most probes in a second
   std::function<bool(LinkIndex)> isSelected;  ///< whether the interface's neighbours are ours
 };
 

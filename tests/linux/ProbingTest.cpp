@@ -12,30 +12,52 @@ namespace {
 
 constexpr LinkIndex kBridge = 1, kPort = 2, kVlan10 = 3, kVlan20 = 4, kRouted = 5, kOther = 6;
 
-Zemit::EthAddr mac(uint8_t number) { return Zemit::EthAddr({2, 0, 0, 0, 0, number}); }
-Address host(uint32_t number) { return Zemit::IpAddr(0x0A000000 + number); }
+Zemit::EthAddr mac(uint8_t number) {
+  return Zemit::EthAddr({2, 0, 0, 0, 0, number});
+}
+Address host(uint32_t number) {
+  return Zemit::IpAddr(0x0A000000 + number);
+}
 
 class ProbingTest : public testing::Test {
  protected:
   ProbingTest() {
-    add(Link{.index = kBridge, .name = "br0", .kind = "bridge"});
-    add(Link{.index = kPort, .name = "swp1", .master = kBridge, .masterKind = "bridge"});
-    add(Link{.index = kVlan10, .name = "br0.10", .kind = "vlan", .lower = kBridge, .vlan = 10});
-    add(Link{.index = kVlan20, .name = "br0.20", .kind = "vlan", .lower = kBridge, .vlan = 20});
-    add(Link{.index = kRouted, .name = "swp2"});
-    add(Link{.index = kOther, .name = "swp3"});
+    link(kBridge, "br0");
+    link(kVlan10, "br0.10", kBridge, 10);
+    link(kVlan20, "br0.20", kBridge, 20);
+    link(kPort, "swp1");
+    link(kRouted, "swp2");
+    link(kOther, "swp3");
     options.isSelected = [](LinkIndex link) { return link != kOther; };
   }
 
-  void add(Object object) {
-    mirror.apply({.object = std::move(object)});
+  void link(LinkIndex index, const char* name, LinkIndex lower = 0, uint16_t vlan = 0) {
+    Link link;
+    link.index = index;
+    link.name = name;
+    link.lower = lower;
+    link.vlan = vlan;
+    add(link);
   }
-  void neighbor(LinkIndex link, uint32_t number, uint16_t state = NUD_REACHABLE) {
-    add(Neighbor{.link = link, .addr = host(number), .mac = mac(static_cast<uint8_t>(number)),
-                 .state = state});
+  void add(Object object, bool present = true) {
+    mirror.apply({.object = std::move(object), .present = present});
+  }
+  void neighbor(LinkIndex link, uint32_t number, int state = NUD_REACHABLE) {
+    Neighbor neighbor;
+    neighbor.link = link;
+    neighbor.addr = host(number);
+    neighbor.mac = mac(static_cast<uint8_t>(number));
+    neighbor.state = static_cast<uint16_t>(state);
+    add(neighbor, state != NUD_NONE);
     if (probing) probing->onNeighbor(link, host(number));
   }
-  Probing& start() { return probing.emplace(mirror, [this] { return now; }, options); }
+  static FdbEntry fdbEntry(uint8_t number, uint16_t vlan = 0) {
+    return {.port = kPort, .bridge = kBridge, .mac = mac(number), .vlan = vlan};
+  }
+  Probing& start() {
+    return probing.emplace(
+        mirror, [this] { return now; }, options);
+  }
   /// The hosts that are probed now, by their numbers.
   std::multiset<uint32_t> probed() {
     std::multiset<uint32_t> hosts;
@@ -59,18 +81,19 @@ TEST_F(ProbingTest, AsksTheHostsBehindAMacThatTheBridgeForgot) {
   neighbor(kBridge, 2);
   start();
   EXPECT_EQ(probing->nextDeadline(), std::nullopt);
-  const FdbEntry gone{.port = kPort, .bridge = kBridge, .mac = mac(1), .vlan = 10};
-  probing->onFdbEntryGone(gone);
-  probing->onFdbEntryGone(gone);
+  probing->onFdbEntryGone(fdbEntry(1, 10));
+  probing->onFdbEntryGone(fdbEntry(1, 10));
   ASSERT_TRUE(probing->nextDeadline());
   EXPECT_LE(*probing->nextDeadline(), now);
   EXPECT_EQ(probed(), (Hosts{1, 1 + 256}));
   EXPECT_EQ(probed(), Hosts{});
   EXPECT_EQ(probing->nextDeadline(), std::nullopt);
   // A bridge without VLANs carries those of the interfaces on it.
-  probing->onFdbEntryGone({.port = kPort, .bridge = kBridge, .mac = mac(1)});
+  probing->onFdbEntryGone(fdbEntry(1));
   EXPECT_EQ(probed(), (Hosts{1, 1 + 256, 1 + 512}));
-  probing->onFdbEntryGone({.port = kPort, .bridge = kBridge, .mac = mac(2), .isPermanent = true});
+  auto own = fdbEntry(2);
+  own.isPermanent = true;
+  probing->onFdbEntryGone(own);
   EXPECT_EQ(probed(), Hosts{});
 }
 
@@ -79,7 +102,7 @@ TEST_F(ProbingTest, AsksTheHostsBehindAPortWithoutCarrier) {
   neighbor(kBridge, 2);
   neighbor(kRouted, 3);
   neighbor(kOther, 4);
-  add(FdbEntry{.port = kPort, .bridge = kBridge, .mac = mac(1)});
+  add(fdbEntry(1));
   start();
   probing->onCarrierLost(kPort);
   EXPECT_EQ(probed(), Hosts{1});
@@ -89,11 +112,15 @@ TEST_F(ProbingTest, AsksTheHostsBehindAPortWithoutCarrier) {
 }
 
 TEST_F(ProbingTest, LeavesAloneWhatItMustNotProbe) {
-  for (const uint16_t state : {NUD_PERMANENT, NUD_NOARP, NUD_FAILED, NUD_INCOMPLETE, NUD_PROBE}) {
-    neighbor(kRouted, 1 + state, state);
+  for (const int state : {NUD_PERMANENT, NUD_NOARP, NUD_FAILED, NUD_INCOMPLETE, NUD_PROBE}) {
+    neighbor(kRouted, 1000U + static_cast<uint32_t>(state), state);
   }
-  add(Neighbor{.link = kRouted, .addr = host(2), .mac = mac(2), .state = NUD_REACHABLE,
-               .isLearnedByControlPlane = true});
+  Neighbor learned;
+  learned.link = kRouted;
+  learned.addr = host(2);
+  learned.state = NUD_REACHABLE;
+  learned.isLearnedByControlPlane = true;
+  add(learned);
   start();
   probing->onCarrierLost(kRouted);
   EXPECT_EQ(probed(), Hosts{});
@@ -101,7 +128,7 @@ TEST_F(ProbingTest, LeavesAloneWhatItMustNotProbe) {
   neighbor(kRouted, 3);
   start();
   probing->onCarrierLost(kRouted);
-  probing->onFdbEntryGone({.port = kPort, .bridge = kBridge, .mac = mac(3)});
+  probing->onFdbEntryGone(fdbEntry(3));
   EXPECT_EQ(probing->nextDeadline(), std::nullopt);
 }
 
@@ -142,8 +169,7 @@ TEST_F(ProbingTest, RefreshesStaleEntriesInTime) {
   EXPECT_EQ(probed(), Hosts{1});
   // One that went is forgotten.
   now += 40;
-  mirror.apply({.object = Neighbor{.link = kRouted, .addr = host(1)}, .present = false});
-  probing->onNeighbor(kRouted, host(1));
+  neighbor(kRouted, 1, NUD_NONE);
   EXPECT_EQ(probed(), Hosts{});
   EXPECT_EQ(probing->nextDeadline(), std::nullopt);
   // Switched on later, it begins with what is there.
