@@ -1,9 +1,12 @@
 // A mirror that is kept by notifications equals one that is filled by a dump, whatever happens.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
+#include <linux/rtnetlink.h>
 
+#include <array>
+#include <atomic>
 #include <chrono>
-#include <iostream>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,25 +31,30 @@ void fill(Mirror& mirror) {
 /// A mirror of the namespace that the test is in, kept by notifications.
 class Kept {
  public:
-  explicit Kept(const NotificationSocket::Options& options = {}) : socket_(options) {
+  explicit Kept(const NotificationSocket::Options& options = {.warn = {}}) : socket_(options) {
     fill(mirror_);
   }
 
-  bool read() {
-    return socket_.read(SIZE_MAX, [this](const Change& change) {
+  /// Takes what the socket has. After a loss, catches up with a dump.
+  void read() {
+    const auto take = [this](const Change& change) {
       ++changes;
       mirror_.apply(change);
-    });
+    };
+    while (!socket_.read(SIZE_MAX, take)) {
+      ++losses;
+      fill(mirror_);
+    }
   }
   /// Whether it equals a mirror that is filled now, within two seconds: some things the kernel does
   /// in its own time.
   testing::AssertionResult equalsFresh() {
     const auto end = steady_clock::now() + 2s;
     for (;;) {
-      EXPECT_TRUE(read());
+      read();
       Mirror fresh;
       fill(fresh);
-      EXPECT_TRUE(read());
+      read();
       const std::string found = difference(textOf(mirror_), textOf(fresh));
       if (found.empty()) return testing::AssertionSuccess();
       if (steady_clock::now() > end)
@@ -56,6 +64,7 @@ class Kept {
   }
 
   size_t changes = 0;
+  size_t losses = 0;
   Mirror mirror_;
   NotificationSocket socket_;
 };
@@ -228,6 +237,7 @@ TEST(MirrorNetns, FollowsWhatTheKernelDoesWithAndWithoutAWord) {
     EXPECT_TRUE(kept.equalsFresh()) << "after: " << what;
   }
   EXPECT_GT(kept.changes, 200U);
+  EXPECT_EQ(kept.losses, 0U);
 }
 
 TEST(MirrorNetns, FollowsAnInterfaceIntoAnotherNamespace) {
@@ -263,6 +273,86 @@ TEST(MirrorNetns, FollowsABridge) {
   EXPECT_TRUE(kept.equalsFresh());
   space.ip("link del br0");
   EXPECT_TRUE(kept.equalsFresh());
+}
+
+/// Lines of `ip -batch` for many neighbours.
+std::string neighbors(std::string_view verb, uint32_t from, uint32_t to, std::string_view rest) {
+  std::string lines;
+  for (uint32_t i = from; i < to; ++i) {
+    const std::string addr = Zemit::toString(Zemit::IpAddr(0x0A400000 + i));
+    lines.append("neigh ").append(verb).append(" ").append(addr).append(" dev e1 ");
+    lines.append(rest).append("\n");
+  }
+  return lines;
+}
+
+TEST(MirrorNetns, SaysSoWhenNotificationsWereLostAndCatchesUp) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  Kept kept({.receiveBuffer = 4096, .warn = {}});
+  ASSERT_LE(kept.socket_.receiveBuffer(), 65536U);
+  for (const std::string& commands :
+       {neighbors("add", 0, 100000, "lladdr 02:00:00:00:00:01 nud permanent"),
+        neighbors("change", 10000, 30000, "lladdr 02:00:00:00:00:02 nud permanent"),
+        neighbors("del", 20000, 40000, "")}) {
+    const size_t losses = kept.losses;
+    std::atomic<bool> isOver = false;
+    std::thread burst([&] {
+      space.ip(commands);
+      isOver = true;
+    });
+    while (!isOver) kept.read();
+    burst.join();
+    EXPECT_GT(kept.losses, losses);
+  }
+  EXPECT_TRUE(kept.equalsFresh());
+  size_t count = 0;
+  const Link* const port = kept.mirror_.linkByName("e1");
+  ASSERT_NE(port, nullptr);
+  kept.mirror_.forEachNeighbor(port->index, [&](const Neighbor&) { ++count; });
+  EXPECT_EQ(count, 80000U);
+}
+
+TEST(MirrorNetns, DoesNotHearOfRoutesThatWeWrite) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  const SocketPtr writer(mnl_socket_open(NETLINK_ROUTE));
+  ASSERT_TRUE(writer && mnl_socket_bind(writer.get(), 0, MNL_SOCKET_AUTOPID) == 0);
+  NotificationSocket deaf({.ownPort = mnl_socket_get_portid(writer.get()), .warn = {}});
+  NotificationSocket hearing({.warn = {}});
+  const auto write = [&](uint16_t type, uint16_t flags) {
+    std::array<char, 256> buffer{};
+    nlmsghdr* const message = mnl_nlmsg_put_header(buffer.data());
+    message->nlmsg_type = type;
+    message->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags);
+    auto* const head = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(rtmsg)));
+    head->rtm_family = AF_INET;
+    head->rtm_dst_len = 32;
+    head->rtm_table = RT_TABLE_MAIN;
+    head->rtm_protocol = RTPROT_STATIC;
+    head->rtm_type = RTN_BLACKHOLE;
+    mnl_attr_put_u32(message, RTA_DST, htonl(0x0A010203));
+    EXPECT_GT(mnl_socket_sendto(writer.get(), message, message->nlmsg_len), 0);
+    std::array<char, 4096> answer{};
+    EXPECT_GT(mnl_socket_recvfrom(writer.get(), answer.data(), answer.size()), 0);
+  };
+  write(RTM_NEWROUTE, NLM_F_CREATE | NLM_F_EXCL);
+  write(RTM_DELROUTE, 0);
+  space.ip("route add blackhole 10.1.2.4/32");
+  const auto routesHeardBy = [](NotificationSocket& socket) {
+    std::vector<std::string> heard;
+    EXPECT_TRUE(socket.read(SIZE_MAX, [&](const Change& change) {
+      if (const auto* route = std::get_if<Route>(&change.object);
+          route && familyOf(route->prefix) == 4)
+        heard.push_back((change.present ? "+" : "-") + toString(route->prefix));
+    }));
+    return heard;
+  };
+  EXPECT_EQ(routesHeardBy(hearing),
+            (std::vector<std::string>{"+10.1.2.3/32", "-10.1.2.3/32", "+10.1.2.4/32"}));
+  EXPECT_EQ(routesHeardBy(deaf), (std::vector<std::string>{"+10.1.2.4/32"}));
 }
 
 }  // namespace
