@@ -201,7 +201,7 @@ void Feed::Work::flush(const Output& output) {
     for (const auto& [index, port] : ports_) markedLinks_.insert(index);
     mirror_.forEachLink([&](const Link& link) { markedLinks_.insert(link.index); });
   }
-  if (!markedLinks_.empty()) {
+  if (everything_ || !markedLinks_.empty()) {
     // What an interface is depends on its master.
     std::vector<LinkIndex> ports;
     mirror_.forEachLink([&](const Link& link) {
@@ -370,6 +370,10 @@ std::vector<Feed::Work::ToldAddress> Feed::Work::addressesOf(const Link& link, P
   std::ranges::sort(addresses, {}, [](const ToldAddress& a) {
     return std::tuple(familyOf(a.addr), a.isSecondary, a.addr, a.len);
   });
+  // The same address may be there once for each peer.
+  const auto repeated = std::ranges::unique(
+      addresses, [](const auto& a, const auto& b) { return a.addr == b.addr && a.len == b.len; });
+  addresses.erase(repeated.begin(), repeated.end());
   // Linux counts a primary address for each subnet, a switch one for the interface.
   for (size_t i = 0; i < addresses.size(); ++i) {
     addresses[i].isSecondary = i != 0 && familyOf(addresses[i].addr) == 4;

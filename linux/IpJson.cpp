@@ -28,13 +28,16 @@ struct Skip : std::runtime_error {
 constexpr std::string_view kPrivateLead = "\xF4\x8F";
 constexpr unsigned kPrivateThird = 0xBC;  // the third byte of U+10FF00
 
+bool isControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r';
+}
+
 std::string withPrivateBytes(std::string_view text) {
   std::string changed;
   changed.reserve(text.size());
   while (!text.empty()) {
     const auto byte = static_cast<unsigned char>(text[0]);
-    const bool isControl = byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r';
-    const size_t length = isControl ? 0 : utf8Length(text);
+    const size_t length = isControl(text[0]) ? 0 : utf8Length(text);
     if (length == 0) {
       changed.append(kPrivateLead);
       changed +=
@@ -277,7 +280,10 @@ void Reader::readEntries(const std::optional<IpDocument>& document, Handler hand
     return false;
   };
   try {
-    [[maybe_unused]] const auto emptied = Json::parse(withPrivateBytes(document->text), take);
+    const std::string& text = document->text;
+    const bool isClean = isUtf8(text) && std::ranges::none_of(text, isControl);
+    [[maybe_unused]] const auto emptied =
+        isClean ? Json::parse(text, take) : Json::parse(withPrivateBytes(text), take);
   } catch (const Json::exception& error) {  // a number too large is no parse error
     throw IpJsonError(document_, parseProblem(error));
   }
@@ -319,14 +325,11 @@ LinkIndex Reader::newIndex(const Json& entry) {
 void Reader::readLink(const Json& entry) {
   const std::string name = getName(entry, "ifname");
   if (name.empty()) throw Skip("an interface has a name");
-  const auto [place, isNew] = byName_.try_emplace(name, interfaces_.size());
-  if (isNew) {
-    auto& link = interfaces_.emplace_back().link;
-    link.name = name;
-    link.index = newIndex(entry);
-  }
-  auto& interface = interfaces_[place->second];
-  auto& link = interface.link;
+  const auto known = byName_.find(name);
+  // What cannot be read leaves the interface as it was.
+  Interface interface = known == byName_.end() ? Interface() : interfaces_[known->second];
+  Link& link = interface.link;
+  link.name = name;
   if (find(entry, "master") != nullptr) interface.master = getName(entry, "master");
   if (find(entry, "flags") != nullptr) {
     link.isUp = hasFlag(entry, "UP");
@@ -344,12 +347,17 @@ void Reader::readLink(const Json& entry) {
     }
     if (link.kind == "vrf") link.vrfTable = getNumber(get(*info, "info_data"), "table");
   }
-  if (find(entry, "addr_info") == nullptr) return;
-  readParts(getList(entry, "addr_info"), printable(name) + ": an address", [&](const Json& info) {
-    auto address = readAddress(info);
-    address.link = link.index;
-    interface.addresses.push_back(std::move(address));
-  });
+  if (link.index == 0) link.index = newIndex(entry);
+  if (find(entry, "addr_info") != nullptr) {
+    readParts(getList(entry, "addr_info"), printable(name) + ": an address", [&](const Json& info) {
+      auto address = readAddress(info);
+      address.link = link.index;
+      interface.addresses.push_back(std::move(address));
+    });
+  }
+  const auto place = byName_.try_emplace(name, interfaces_.size()).first->second;
+  if (place == interfaces_.size()) interfaces_.emplace_back();
+  interfaces_[place] = std::move(interface);
 }
 
 InterfaceAddress Reader::readAddress(const Json& info) const {
