@@ -1,6 +1,7 @@
 // The daemon without its event loop: from what the kernel tells to what the kernel is told.
 #include "hostrouted/Router.h"
 
+#include <linux/rtnetlink.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -60,6 +61,9 @@ void Router::apply(const Linux::Change& change) {
   if (takeOwnRoute(change)) return;
   if (phase_ != Phase::Starting) noteDepartures(change);
   mirror_.apply(change);
+  if (const auto* neighbor = std::get_if<Linux::Neighbor>(&change.object)) {
+    probing_.onNeighbor(neighbor->link, neighbor->addr);
+  }
 }
 
 /// Routes with our protocol number are our output: found in a dump they are adopted, told of
@@ -75,7 +79,10 @@ bool Router::takeOwnRoute(const Linux::Change& change) {
   if (std::ranges::none_of(config_.tables, isOutput)) return true;
   const Linux::RouteKey key{route->table, route->prefix};
   Linux::RouteValue value{.vias = {}, .metric = route->metric, .preferredSource = route->preferredSource};
-  for (const auto& hop : route->hops) value.vias.push_back({hop.link, hop.gateway});
+  // A blackhole of ours is left from the announcement of a loss, and has no vias.
+  if (route->type == RTN_UNICAST) {
+    for (const auto& hop : route->hops) value.vias.push_back({hop.link, hop.gateway});
+  }
   std::ranges::sort(value.vias);
   if (dumps_ && change.present) {
     routes_.adopt(key, std::move(value));

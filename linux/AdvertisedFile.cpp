@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 namespace Linux {
 namespace {
@@ -215,14 +216,10 @@ void AdvertisedFile::remove(const RouteKey& key) {
 void AdvertisedFile::commit() {
   if (pending_.empty()) return;
   const bool isLong = lines_ + pendingLines_ > 2 * live_.size() + kSlack;
-  bool isWritten = false;
-  if (!isBroken_) {
-    isWritten = (isLong && rewrite()) || append();
-  } else if (std::chrono::steady_clock::now() >= retryAt_) {
-    isWritten = rewrite();
-  }
-  // What a broken file lacks is in live_.
-  if (!isWritten && !isBroken_) isBroken_ = true;
+  const bool mayRewrite = std::chrono::steady_clock::now() >= retryAt_;
+  const bool isRewritten = (isBroken_ || isLong) && mayRewrite && rewrite();
+  // What a broken file lacks is in live_, and comes with the next that is written.
+  if (!isRewritten && !isBroken_ && !append()) isBroken_ = true;
   pending_.clear();
   pendingLines_ = 0;
 }
@@ -279,7 +276,7 @@ void AdvertisedFile::fail(const char* call) {
   retryAt_ = std::chrono::steady_clock::now() + retryAfter_;
   if (std::exchange(isReported_, true)) return;
   report_(path_ + ": " + call + ": " + std::strerror(error) +
-          ": routes that are lost from now on may go on being advertised after a crash");
+          ": what other routers were told is not all known after a crash");
 }
 
 }  // namespace Linux

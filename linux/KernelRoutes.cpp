@@ -52,8 +52,7 @@ uint32_t RouteKey::hash() const {
 
 RouteValue normalized(const Prefix& prefix, RouteValue value) {
   std::ranges::sort(value.vias);
-  const auto repeated = std::ranges::unique(value.vias);
-  value.vias.erase(repeated.begin(), repeated.end());
+  value.vias.erase(std::unique(value.vias.begin(), value.vias.end()), value.vias.end());
   if (familyOf(prefix) == 6) {
     if (value.metric == 0) value.metric = kDefaultMetric6;
     const auto direct =

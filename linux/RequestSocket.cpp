@@ -29,6 +29,8 @@ constexpr size_t kMostMessages = 1024;
 constexpr size_t kMostVias = 256;
 constexpr size_t kLongestMessage = 16384;
 constexpr size_t kBatchBytes = 128 << 10;
+/// The kernel puts one answer into a datagram.
+constexpr size_t kAnswerBytes = 8192;
 
 [[noreturn]] void fail(const char* call) {
   throw NetlinkError(std::string("netlink: ") + call + ": " + std::strerror(errno));
@@ -170,7 +172,7 @@ RequestSocket::RequestSocket(uint8_t protocol)
     : socket_(::mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | SOCK_NONBLOCK)),
       protocol_(protocol),
       batch_(kBatchBytes + kLongestMessage),
-      answers_(MNL_SOCKET_BUFFER_SIZE) {
+      answers_(kAnswerBytes) {
   if (!socket_) fail("socket");
   if (::mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) != 0) fail("bind");
   // A refusal need not repeat the request.

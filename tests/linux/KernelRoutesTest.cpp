@@ -263,7 +263,7 @@ TEST_F(KernelRoutesTest, AdoptsWhatAFormerProcessLeft) {
   wantNow(key4(3), direct(1));
   wantNow(key4(4), direct(1));
   kernel.dropSilently(1);
-  for (uint32_t host : {1, 2, 3}) kernel.routes[{key4(host), 0}] = {true, direct(1)};
+  for (uint32_t host : {1U, 2U, 3U}) kernel.routes[{key4(host), 0}] = {true, direct(1)};
   told();
   // 1 is as it should be, 2 and 3 are stale, 4 was lost while nobody was there, 5 is new.
   restart({{{key4(1), direct(1)}, {key4(3), direct(2)}, {key4(5), direct(1)}}});
@@ -288,7 +288,7 @@ TEST_F(KernelRoutesTest, AdoptsWhatAFormerProcessLeft) {
 }
 
 TEST_F(KernelRoutesTest, AnnouncesWhatTheKernelDroppedInSilence) {
-  for (uint32_t host : {1, 2, 3}) want(key4(host), direct(1, 20));
+  for (uint32_t host : {1U, 2U, 3U}) want(key4(host), direct(1, 20));
   want(key4(4), direct(2, 20));
   routes->flush();
   kernel.dropSilently(1);
