@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """hostrouted against a real kernel: a router in a namespace, its hosts in others."""
+import json
 import os
+import random
 import signal
-import subprocess
 import time
-import unittest
 
 import lab
 from lab import run
@@ -111,64 +111,50 @@ class InterfacesTest(RouterLab):
         self.assertRoutes(self.router, {}, 6)
 
     def disturbances(self):
-        """Each takes p1's hosts away, and puts back what it took but for the neighbours."""
-        def down():
-            self.router.ip('link set p1 down')
-            self.assert_only_p2()
-            self.router.ip('link set p1 up')
+        """What takes p1's hosts away, and what puts the port back as it was, without hosts."""
+        def restore_addresses():
+            self.router.ip('addr replace 10.0.1.1/24 dev p1')
             self.router.ip('addr replace 2001:db8:1::1/64 dev p1')
 
-        def no_address():
-            self.router.ip('addr flush dev p1')
-            self.assert_only_p2()
-            self.router.ip('addr add 10.0.1.1/24 dev p1')
-            self.router.ip('addr add 2001:db8:1::1/64 dev p1')
+        def up():
+            self.router.ip('link set p1 up')
+            restore_addresses()
 
-        def deleted():
-            self.router.ip('link del p1')
-            self.assert_only_p2()
-            self.connect(1)
-
-        return [down, no_address, deleted]
+        return {'down': (lambda: self.router.ip('link set p1 down'), up),
+                'no address': (lambda: self.router.ip('addr flush dev p1'), restore_addresses),
+                'deleted': (lambda: self.router.ip('link del p1'), lambda: self.connect(1))}
 
     def test_routes_go_with_their_interface_and_come_back(self):
-        for disturb in self.disturbances():
-            with self.subTest(disturb.__name__):
+        for name, (disturb, restore) in self.disturbances().items():
+            with self.subTest(name):
                 self.learn()
                 disturb()
-                self.learn()
-
-    def test_a_daemon_that_was_killed_meanwhile_ends_alike(self):
-        for disturb in self.disturbances():
-            with self.subTest(disturb.__name__):
-                self.learn()
-                self.hostrouted.end(signal.SIGKILL)
-                # Nobody withdraws the routes now, but for the kernel.
-                self.assert_only_p2_or_stale = self.assert_only_p2
-                self.assert_only_p2 = lambda: None
-                disturb()
-                self.assert_only_p2 = self.assert_only_p2_or_stale
-                self.forget_all('p1')
-                self.hostrouted.start()
                 self.assert_only_p2()
+                restore()
                 self.learn()
 
-    def forget_all(self, port):
-        self.router.ip(f'neigh flush dev {port} nud all', check=False)
+    def test_a_daemon_that_was_dead_meanwhile_ends_alike(self):
+        for name, (disturb, restore) in self.disturbances().items():
+            for restored_first in (False, True):
+                with self.subTest(name, restored_first=restored_first):
+                    self.learn()
+                    self.hostrouted.end(signal.SIGKILL)
+                    disturb()
+                    self.router.ip('neigh flush dev p1 nud all', check=False)
+                    if restored_first:
+                        restore()
+                    self.hostrouted.start()
+                    self.assert_only_p2()
+                    if not restored_first:
+                        restore()
+                    self.learn()
 
     def test_a_silent_loss_is_announced_by_a_route_that_comes_and_goes(self):
         self.learn()
-        monitor = subprocess.Popen(
-            ['stdbuf', '-oL', *self.router.command('ip', '-4', 'monitor', 'route')],
-            stdout=subprocess.PIPE, text=True)
-        self.addCleanup(monitor.wait)
-        self.addCleanup(monitor.kill)
-        time.sleep(0.3)
-        self.router.ip('link set p1 down')
-        self.assert_only_p2()
-        time.sleep(0.3)
-        monitor.kill()
-        lines = [line for line in monitor.stdout if '10.0.1.11' in line and 'table 10' in line]
+        with lab.Monitor(self.router, '-4') as monitor:
+            self.router.ip('link set p1 down')
+            self.assert_only_p2()
+        lines = [line for line in monitor.lines if '10.0.1.11' in line and 'table 10' in line]
         self.assertTrue(any('Deleted' in line for line in lines), lines)
 
     def test_a_renamed_interface_keeps_its_hosts_under_its_new_name(self):
@@ -214,17 +200,11 @@ class ProcessTest(RouterLab):
             with self.subTest(end.name):
                 self.assertEqual(first.end(end), 0 if end == signal.SIGTERM else -signal.SIGKILL)
                 self.forget(f'10.0.1.{10 + end}', 'p1')  # lost while nobody watched
-                monitor = subprocess.Popen(
-                    ['stdbuf', '-oL', *self.router.command('ip', 'monitor', 'route')],
-                    stdout=subprocess.PIPE, text=True)
-                time.sleep(0.3)
-                first.start()
-                self.assertEventually(
-                    lambda: f'10.0.1.{10 + end}' not in self.router.host_routes(), 'it went')
-                time.sleep(0.2)
-                monitor.kill()
-                told = [line for line in monitor.stdout if f'proto {lab.PROTOCOL}' in line]
-                monitor.wait()
+                with lab.Monitor(self.router) as monitor:
+                    first.start()
+                    self.assertEventually(
+                        lambda: f'10.0.1.{10 + end}' not in self.router.host_routes(), 'it went')
+                told = [line for line in monitor.lines if f'proto {lab.PROTOCOL}' in line]
                 self.assertTrue(told)
                 self.assertTrue(all(f'10.0.1.{10 + end} ' in line for line in told), told)
 
@@ -260,14 +240,14 @@ class ProcessTest(RouterLab):
         self.neighbor('10.0.2.11', 'p2')
         self.assertRoutes(self.router, {'10.0.1.11': 'p1', '10.0.2.11': 'p2'})
         daemon.set_config('[neighbors]\ninterfaces = ["p1"]\n')
-        daemon.signal(signal.SIGHUP)
+        daemon.send(signal.SIGHUP)
         self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
         daemon.set_config('[neighbors]\ninterfaces = ["p2"]\n[export]\ntable = 20\n')
-        daemon.signal(signal.SIGHUP)
+        daemon.send(signal.SIGHUP)
         self.assertRoutes(self.router, {'10.0.2.11': 'p2'}, table=20)
         self.assertRoutes(self.router, {})
         daemon.set_config('[neighbors]\ninterfaces = 5\n')
-        daemon.signal(signal.SIGHUP)
+        daemon.send(signal.SIGHUP)
         self.assertEventually(lambda: 'hostrouted.toml:2: neighbors.interfaces' in daemon.log_text(),
                               'the error is told')
         self.neighbor('10.0.2.12', 'p2')
@@ -305,11 +285,9 @@ class ProcessTest(RouterLab):
                      for i in range(256, 256 + count)]
         mac = '02:00:00:00:00:11'
         add = [f'neigh replace {a} dev p1 lladdr {mac} nud permanent' for a in addresses]
-        os.kill(daemon.process.pid, 0)
-        daemon_pid = int(run('pgrep', '-f', daemon.config_file).split()[-1])
-        os.kill(daemon_pid, signal.SIGSTOP)  # a burst faster than anybody could read
+        daemon.send(signal.SIGSTOP)  # a burst faster than anybody could read
         self.router.batch(add)
-        os.kill(daemon_pid, signal.SIGCONT)
+        daemon.send(signal.SIGCONT)
         self.router.batch([f'neigh del {a} dev p1' for a in addresses[::3]])
         self.router.batch(add[::6])
         kept = set(addresses) - set(addresses[::3]) | set(addresses[::6])
@@ -325,7 +303,6 @@ class RecordingTest(RouterLab):
         file = os.path.join('/tmp', f'hostrouted-recording-{os.getpid()}.jsonl')
         self.addCleanup(lambda: os.path.exists(file) and os.unlink(file))
         daemon = self.daemon(self.router, PORTS, arguments=['--record', file])
-        import random
         random.seed(20)
         for step in range(400):
             addr = f'10.0.{random.choice("12")}.{random.randrange(10, 30)}'
@@ -345,7 +322,6 @@ class RecordingTest(RouterLab):
         live = self.router.host_routes()
         daemon.end()
         shown = run(lab.REPLAY, 'replay', '--settle', '--json', file)
-        import json
         replayed = {}
         for line in shown.splitlines():
             dump = json.loads(line).get('dump', {})

@@ -59,7 +59,10 @@ class Namespace:
         return run('ip', '-n', self.name, *words.split(), check=check)
 
     def ip_json(self, words):
-        return json.loads(run('ip', '-n', self.name, '-j', *words.split(), check=False) or '[]')
+        found = subprocess.run(['ip', '-n', self.name, '-j', *words.split()], capture_output=True,
+                               text=True, check=False)
+        # A table that was never written to is an error.
+        return json.loads(found.stdout or '[]') if found.returncode == 0 else []
 
     def batch(self, lines):
         """Runs ip commands, one on each line; those that fail are passed over."""
@@ -78,6 +81,24 @@ class Namespace:
         return routes
 
 
+class Monitor:
+    """What `ip monitor route` tells while the block runs: `lines` afterwards."""
+
+    def __init__(self, namespace, *options):
+        self.command = namespace.command('stdbuf', '-oL', 'ip', *options, 'monitor', 'route')
+        self.lines = []
+
+    def __enter__(self):
+        self.process = subprocess.Popen(self.command, stdout=subprocess.PIPE, text=True)
+        time.sleep(0.3)  # until it listens
+        return self
+
+    def __exit__(self, *error):
+        time.sleep(0.2)
+        self.process.kill()
+        self.lines = self.process.communicate()[0].splitlines()
+
+
 class Daemon:
     """A hostrouted in a namespace, with directories of its own."""
 
@@ -94,13 +115,13 @@ class Daemon:
             file.write(text)
 
     def start(self, wait=True):
-        self.log = open(os.path.join(self.directory, 'log'), 'a', encoding='utf-8')
-        self.process = subprocess.Popen(
-            self.namespace.command(PROGRAM, '--config', self.config_file,
-                                   '--run-dir', os.path.join(self.directory, 'run'),
-                                   '--state-dir', os.path.join(self.directory, 'state'),
-                                   *self.arguments),
-            stdout=self.log, stderr=self.log)
+        with open(os.path.join(self.directory, 'log'), 'a', encoding='utf-8') as log:
+            self.process = subprocess.Popen(
+                self.namespace.command(PROGRAM, '--config', self.config_file,
+                                       '--run-dir', os.path.join(self.directory, 'run'),
+                                       '--state-dir', os.path.join(self.directory, 'state'),
+                                       *self.arguments),
+                stdout=log, stderr=log)
         if wait:
             started = time.time()
             self.wait_for(lambda: self.status(since=started).get('phase') == 'ready', 'is ready')
@@ -119,7 +140,7 @@ class Daemon:
         """The status as of now."""
         path = os.path.join(self.directory, 'run', 'status.json')
         before = os.stat(path).st_mtime_ns
-        self.signal(signal.SIGUSR1)
+        self.send(signal.SIGUSR1)
         self.wait_for(lambda: os.stat(path).st_mtime_ns != before, 'writes its status')
         return self.status()
 
@@ -137,7 +158,7 @@ class Daemon:
         with open(os.path.join(self.directory, 'log'), encoding='utf-8') as file:
             return file.read()
 
-    def signal(self, number):
+    def send(self, number):
         self.process.send_signal(number)
 
     def end(self, number=signal.SIGTERM):
@@ -147,7 +168,6 @@ class Daemon:
         self.process.send_signal(number)
         status = self.process.wait(TIMEOUT)
         self.process = None
-        self.log.close()
         return status
 
     def close(self):

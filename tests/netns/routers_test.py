@@ -30,9 +30,9 @@ class Routing:
         return os.path.join(self.directory, name)
 
     def launch(self, *command):
-        log = open(self.path('log'), 'a', encoding='utf-8')
-        self.processes.append(subprocess.Popen(self.namespace.command(*command), stdout=log,
-                                               stderr=log))
+        with open(self.path('log'), 'a', encoding='utf-8') as log:
+            self.processes.append(subprocess.Popen(self.namespace.command(*command), stdout=log,
+                                                   stderr=log))
 
     def stop(self, number=signal.SIGTERM):
         for process in reversed(self.processes):
@@ -50,10 +50,9 @@ class Frr(Routing):
     def start(self):
         shutil.chown(self.directory, 'frr', 'frr')
         for name in ('zebra', 'bgpd'):
-            port = ['-P', '0']
             self.launch(f'/usr/lib/frr/{name}', '-f', self.config, '-i', self.path(f'{name}.pid'),
                         '-z', self.path('zserv.api'), '--vty_socket', self.directory,
-                        '-u', 'frr', '-g', 'frr', *port)
+                        '-u', 'frr', '-g', 'frr', '-P', '0')
             time.sleep(0.5)
 
 
