@@ -269,7 +269,10 @@ void Mirror::State::erase(const Nexthop& nexthop) {
   routes_.nexthopGone(nexthop.id);
   // A group goes with its last member.
   for (const uint32_t id : groupsByMember_.of(nexthop.id)) {
-    Nexthop group = *this->nexthop(id);
+    const Nexthop* const found = this->nexthop(id);
+    // It may name a member twice, and be gone by now.
+    if (found == nullptr) continue;
+    Nexthop group = *found;
     groupsByMember_.remove(nexthop.id, id);
     std::erase_if(group.group, [&](const auto& member) { return member.first == nexthop.id; });
     if (group.group.empty()) {

@@ -290,9 +290,13 @@ bool NotificationSocket::read(size_t most, const TakeChange& take) {
       if ((messages[i].msg_hdr.msg_flags & MSG_TRUNC) != 0) return drain();
       const auto datagram =
           std::span<const std::byte>(buffers_->bytes[i]).first(messages[i].msg_len);
-      forEachMessage(datagram, [&](const nlmsghdr&, std::span<const std::byte> message) {
-        takeMessage(message, take, warn_);
-      });
+      try {
+        forEachMessage(datagram, [&](const nlmsghdr&, std::span<const std::byte> message) {
+          takeMessage(message, take, warn_);
+        });
+      } catch (const MessageError& error) {
+        if (warn_) warn_(error.what());
+      }
     }
   }
   return true;

@@ -214,9 +214,8 @@ void RouteTable::linkIs(const Link& link, bool isRevived) {
   for (const Number number : byLink_.of(link.index)) {
     const Body& body = bodies_[number];
     if (body.nexthop != 0 || isReject(body.type)) continue;
-    // The machine's own addresses stay while their interface is down.
-    if (body.type == RTN_LOCAL && (body.family == 4 || link.isUp)) continue;
-    if (body.type == RTN_ANYCAST && body.family == 6 && link.isUp) continue;
+    // The machine's own addresses stay while their interface is down, or are told.
+    if (body.type == RTN_LOCAL || (body.type == RTN_ANYCAST && body.family == 6)) continue;
     // An IPv4 next hop may be dead for another reason, an IPv6 one may not.
     const bool revives = link.isUp && (isRevived || (body.family == 6 && link.hasCarrier));
     changeHopsOn(link.index, number, [&](NextHop& hop) {

@@ -221,6 +221,10 @@ TEST_F(MirrorTest, ResolvesANexthopObjectAsSoonAsItKnowsIt) {
   remove(link(2, "e2"));
   EXPECT_EQ(mirror.nexthop(1), nullptr);
   EXPECT_NE(mirror.nexthop(10), nullptr);
+  add(Nexthop{.id = 3, .family = 4, .hop = hop(3), .group = {}});
+  add(Nexthop{.id = 11, .hop = {}, .group = {{3, 1}, {3, 1}}});
+  remove(link(3, "e3"));
+  EXPECT_EQ(mirror.nexthop(11), nullptr) << "a group with one member twice";
 }
 
 // Kernels before 4.11 tell of IPv6 routes with several next hops one by one.

@@ -50,9 +50,11 @@ inline std::set<std::string> textOf(const Mirror& mirror) {
   });
   for (const LinkIndex index : indexes) {
     mirror.forEachAddress(index, [&](const InterfaceAddress& a) {
+      // The kernel tells of an IPv6 address when it is no longer tentative.
+      if (a.isTentative) return;
       add("address ", index, " ", toString(a.addr), "/", a.len,
           a.peer ? " peer " + toString(*a.peer) : "", a.isSecondary ? " secondary" : "",
-          a.isTentative ? " tentative" : "", a.isDuplicate ? " duplicate" : "");
+          a.isDuplicate ? " duplicate" : "");
     });
     mirror.forEachNeighbor(index, [&](const Neighbor& n) {
       add("neighbor ", index, " ", toString(n.addr), " ", n.mac, " state ", n.state,

@@ -7,6 +7,8 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <iterator>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -237,6 +239,77 @@ TEST(MirrorNetns, FollowsWhatTheKernelDoesWithAndWithoutAWord) {
     EXPECT_TRUE(kept.equalsFresh()) << "after: " << what;
   }
   EXPECT_GT(kept.changes, 200U);
+  EXPECT_EQ(kept.losses, 0U);
+}
+
+// What an administrator may do in any order; what fails, fails.
+constexpr const char* kDeeds[] = {
+    "link set e1 down",
+    "link set e1 up",
+    "link set e2 down",
+    "link set e2 up",
+    "link set h1 down",
+    "link set h1 up",
+    "addr add 10.0.1.1/24 dev e1",
+    "addr del 10.0.1.1/24 dev e1",
+    "addr add 10.0.2.1/24 dev e2",
+    "addr flush dev e2",
+    "addr add 10.0.2.9/24 dev e1",
+    "addr del 10.0.2.9/24 dev e1",
+    "addr add 2001:db8:1::1/64 dev e1 nodad",
+    "route add 10.9.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2",
+    "route replace 10.9.0.0/24 via 10.0.1.2",
+    "route append 10.9.0.0/24 via 10.0.2.3",
+    "route prepend 10.9.0.0/24 via 10.0.1.3",
+    "route del 10.9.0.0/24",
+    "route replace 10.8.0.0/24 via 10.0.2.2 src 10.0.1.1",
+    "route add 10.7.0.0/24 dev e2 metric 3",
+    "route replace blackhole 10.9.0.0/24",
+    "route add 2001:db8:9::/64 via fe80::2 dev e1",
+    "route append 2001:db8:9::/64 via fe80::2 dev e2",
+    "route del 2001:db8:9::/64 via fe80::2 dev e1",
+    "route replace 2001:db8:9::/64 nexthop via fe80::3 dev e1 nexthop via fe80::3 dev e2",
+    "route replace 2001:db8:9::/64 via fe80::4 dev e1",
+    "route del 2001:db8:9::/64",
+    "nexthop replace id 1 via 10.0.1.7 dev e1",
+    "nexthop replace id 2 via 10.0.2.7 dev e2",
+    "nexthop replace id 3 via fe80::7 dev e1",
+    "nexthop replace id 10 group 1/2",
+    "nexthop replace id 11 group 3",
+    "nexthop del id 1",
+    "nexthop replace id 10 group 2",
+    "route replace 10.6.0.0/24 nhid 1",
+    "route replace 10.6.0.0/24 nhid 10",
+    "route replace 10.6.0.0/24 via 10.0.1.2",
+    "route replace 2001:db8:6::/64 nhid 3",
+    "route replace 2001:db8:6::/64 nhid 11",
+    "neigh replace 10.0.1.50 lladdr 02:00:00:00:00:01 dev e1 nud permanent",
+    "neigh replace 10.0.1.50 lladdr 02:00:00:00:00:02 dev e1 nud stale",
+    "link set e2 master br0",
+    "link set e2 nomaster",
+    "link set e1 name swp1",
+    "link set swp1 name e1",
+    "link del e3",
+    "link add e3 type veth peer name h3",
+    "link set e3 up master br0",
+    "link set h3 up",
+};
+
+TEST(MirrorNetns, FollowsWhateverIsDone) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  Kept kept;
+  std::mt19937 random(testing::UnitTest::GetInstance()->random_seed());
+  std::string done;
+  for (int round = 0; round < 40 && !HasFailure(); ++round) {
+    std::string commands;
+    for (size_t i = 0; i < 8; ++i)
+      commands.append(kDeeds[random() % std::size(kDeeds)]).append("\n");
+    space.ipAnyway(commands);
+    done += commands + "-\n";
+    EXPECT_TRUE(kept.equalsFresh()) << "after:\n" << done;
+  }
   EXPECT_EQ(kept.losses, 0U);
 }
 

@@ -42,7 +42,7 @@ class Namespace {
   void bridge(std::string_view commands) const { run("bridge -batch -", commands); }
   /// Goes on after a command that fails.
   void ipAnyway(std::string_view commands) const {
-    pipeInto("ip -force -batch -", commands);
+    pipeInto("ip -force -batch - >/dev/null 2>&1", commands);
   }
   static void setSysctl(const std::string& name, const std::string& value) {
     std::FILE* file = std::fopen(("/proc/sys/net/" + name).c_str(), "w");
