@@ -56,9 +56,12 @@ class Mirror::State {
     uint16_t dump = 0;
     ObjectSet<InterfaceAddress> addresses;
     ObjectSet<Neighbor> neighbors;
+    ObjectSet<FdbEntry> fdb;  ///< of its bridge
     size_t ipv4Addresses = 0;
 
-    bool isVacant() const { return !isKnown && addresses.empty() && neighbors.empty(); }
+    bool isVacant() const {
+      return !isKnown && addresses.empty() && neighbors.empty() && fdb.empty();
+    }
   };
 
   void put(const Link& link);
@@ -87,7 +90,6 @@ class Mirror::State {
   Observer* observer_ = nullptr;
   uint8_t ownProtocol_ = 0;
   Kiv::HashMap<LinkIndex, std::unique_ptr<Interface>> interfaces_;
-  ObjectSet<FdbEntry> fdb_;
   ObjectSet<Nexthop> nexthops_;
   RouteTable routes_{[this](TableId table, const Prefix& prefix) {
     if (observer_ != nullptr) observer_->onRoute(table, prefix);
@@ -141,6 +143,10 @@ void Mirror::State::put(const Link& link) {
   interface.link = link;
   interface.isKnown = true;
   if (differs) tellLink(link.index);
+  // A port that leaves its bridge does so with its own address, without a word.
+  for (const FdbEntry& entry : interface.fdb.objects()) {
+    if (entry.bridge != link.master && entry.bridge != link.index) erase(entry);
+  }
   // Also where the state is the same as before: what was told before a dump may be applied after
   // it.
   if (!link.isUp || !link.hasCarrier) dropNexthopsOn(link.index);
@@ -153,11 +159,12 @@ void Mirror::State::erase(const Link& link) {
   const LinkIndex index = link.index;
   dropNexthopsOn(index);
   routes_.linkGone(index);
-  for (const FdbEntry& entry : fdb_.objects()) {
-    if (entry.port == index || entry.bridge == index) erase(entry);
-  }
   Interface* const interface = findMutable(index);
   if (interface == nullptr) return;
+  for (const FdbEntry& entry : interface->fdb.objects()) {
+    interface->fdb.erase(entry);
+    tellFdb(entry, false);
+  }
   for (const Neighbor& neighbor : interface->neighbors.objects()) {
     interface->neighbors.erase(neighbor);
     if (observer_ != nullptr) observer_->onNeighbor(index, neighbor.addr);
@@ -173,8 +180,12 @@ void Mirror::State::erase(const Link& link) {
 void Mirror::State::put(const InterfaceAddress& addr) {
   Interface& interface = this->interface(addr.link);
   const size_t before = interface.addresses.size();
-  if (!interface.addresses.put(addr, dump_)) return;
-  if (familyOf(addr.addr) == 4) interface.ipv4Addresses += interface.addresses.size() - before;
+  const bool differs = interface.addresses.put(addr, dump_);
+  if (familyOf(addr.addr) == 4) {
+    interface.ipv4Addresses += interface.addresses.size() - before;
+    if (interface.isKnown) routes_.ipv4Enabled(interface.link);
+  }
+  if (!differs) return;
   if (observer_ != nullptr) observer_->onAddress(addr.link, addr.addr);
 }
 
@@ -216,8 +227,12 @@ TableId Mirror::State::vrfTableOf(const Interface* interface) const {
 
 void Mirror::State::put(const Neighbor& neighbor) {
   if (neighbor.isProxy) return;
-  if (interface(neighbor.link).neighbors.put(neighbor, dump_) && observer_ != nullptr)
+  constexpr uint16_t kUsable = NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE | NUD_PERMANENT;
+  if ((neighbor.state & kUsable) == 0) {
+    erase(neighbor);
+  } else if (interface(neighbor.link).neighbors.put(neighbor, dump_) && observer_ != nullptr) {
     observer_->onNeighbor(neighbor.link, neighbor.addr);
+  }
 }
 
 void Mirror::State::erase(const Neighbor& neighbor) {
@@ -228,11 +243,14 @@ void Mirror::State::erase(const Neighbor& neighbor) {
 }
 
 void Mirror::State::put(const FdbEntry& entry) {
-  if (fdb_.put(entry, dump_)) tellFdb(entry, true);
+  if (entry.bridge != 0 && interface(entry.port).fdb.put(entry, dump_)) tellFdb(entry, true);
 }
 
 void Mirror::State::erase(const FdbEntry& entry) {
-  if (fdb_.erase(entry)) tellFdb(entry, false);
+  Interface* const interface = findMutable(entry.port);
+  if (interface == nullptr || !interface->fdb.erase(entry)) return;
+  tellFdb(entry, false);
+  dropVacant(entry.port);
 }
 
 void Mirror::State::put(const Nexthop& nexthop) {
@@ -323,9 +341,12 @@ void Mirror::State::endDump() {
       if (familyOf(addr.addr) == 4) --interface.ipv4Addresses;
       if (observer_ != nullptr) observer_->onAddress(index, addr.addr);
     }
+    for (const FdbEntry& entry : interface.fdb.unseen(dump_)) {
+      interface.fdb.erase(entry);
+      tellFdb(entry, false);
+    }
     dropVacant(index);
   }
-  for (const FdbEntry& entry : fdb_.unseen(dump_)) erase(entry);
   for (const Nexthop& nexthop : nexthops_.unseen(dump_)) erase(nexthop);
   routes_.endDump();
 }
@@ -414,7 +435,7 @@ void Mirror::forEachNeighbor(LinkIndex link,
 }
 
 void Mirror::forEachFdbEntry(const std::function<void(const FdbEntry&)>& visit) const {
-  state_->fdb_.forEach(visit);
+  for (const auto& [index, interface] : state_->interfaces_) interface->fdb.forEach(visit);
 }
 
 void Mirror::forEachRoute(const std::function<void(TableId, const Prefix&)>& visit) const {

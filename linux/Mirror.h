@@ -23,8 +23,11 @@ namespace Linux {
 /// whose interface goes down or loses its last IPv4 address, or whose preferred source goes;
 /// nexthop objects, with their routes, whose interface goes down or loses its carrier; everything
 /// on an interface that is deleted or moved to another namespace. The mirror drops them as the
-/// kernel does. A dead or `linkdown` next hop of several is marked as one. Proxy entries of
-/// neighbour tables are passed over.
+/// kernel does. A dead or `linkdown` next hop of several is marked as one.
+///
+/// Not kept is what the kernel creates without a word: neighbour entries without a usable address
+/// (INCOMPLETE, FAILED, NOARP), and forwarding databases of interfaces themselves. Proxy entries of
+/// neighbour tables are passed over, too.
 class Mirror {
  public:
   /// Told of each object that is new, differs or went, after the mirror has changed.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 namespace Linux {
 namespace {
@@ -218,17 +219,10 @@ void RouteTable::linkIs(const Link& link, bool isRevived) {
     if (body.type == RTN_ANYCAST && body.family == 6 && link.isUp) continue;
     // An IPv4 next hop may be dead for another reason, an IPv6 one may not.
     const bool revives = link.isUp && (isRevived || (body.family == 6 && link.hasCarrier));
-    changeHops(number, [&](std::vector<NextHop>& hops) {
-      bool differs = false;
-      for (NextHop& hop : hops) {
-        if (hop.link != link.index) continue;
-        const NextHop before = hop;
-        if (!link.isUp) hop.isDead = true;
-        if (revives) hop.isDead = false;
-        hop.isLinkDown = !link.hasCarrier;
-        differs |= hop != before;
-      }
-      return differs;
+    changeHopsOn(link.index, number, [&](NextHop& hop) {
+      if (!link.isUp) hop.isDead = true;
+      if (revives) hop.isDead = false;
+      hop.isLinkDown = !link.hasCarrier;
     });
   }
 }
@@ -248,19 +242,23 @@ void RouteTable::linkGone(LinkIndex link) {
   }
 }
 
+void RouteTable::ipv4Enabled(const Link& link) {
+  if (!link.isUp) return;
+  for (const Number number : byLink_.of(link.index)) {
+    const Body& body = bodies_[number];
+    if (body.family != 4 || body.nexthop != 0) continue;
+    changeHopsOn(link.index, number, [&](NextHop& hop) {
+      if (hop.isDead && link.hasCarrier) hop.isLinkDown = false;
+      hop.isDead = false;
+    });
+  }
+}
+
 void RouteTable::ipv4Disabled(LinkIndex link) {
   for (const Number number : byLink_.of(link)) {
     const Body& body = bodies_[number];
     if (body.family != 4 || body.nexthop != 0) continue;
-    changeHops(number, [&](std::vector<NextHop>& hops) {
-      bool differs = false;
-      for (NextHop& hop : hops) {
-        if (hop.link != link || (hop.isDead && hop.isLinkDown)) continue;
-        hop.isDead = hop.isLinkDown = true;
-        differs = true;
-      }
-      return differs;
-    });
+    changeHopsOn(link, number, [](NextHop& hop) { hop.isDead = hop.isLinkDown = true; });
   }
 }
 
@@ -369,17 +367,19 @@ void RouteTable::insert(const Route& route, Body body, bool inFront) {
   changed(number);
 }
 
-/// Puts a node among those of its prefix: before or behind those of the same metric; in a dump
+/// Puts a node among those of its prefix: before or behind those of its rank; in a dump
 /// behind those that it named, so that the order becomes the kernel's.
 void RouteTable::link(Number number, bool inFront) {
   Node& node = nodes_[number];
   const uint32_t hash = hashOfKey(node.table, node.prefix);
   const Number first = firstOf(node.table, node.prefix);
+  // The kernel tries the routes of one type of service before those of any.
+  const auto rank = [](const Node& n) { return std::pair(n.metric, -n.tos); };
   Number before = kNone;
   for (Number at = first; at != kNone; at = nodes_[at].nextOfPrefix) {
     const Node& other = nodes_[at];
-    if (other.metric > node.metric) break;
-    if (other.metric == node.metric && (inFront || (isDumping_ && other.dump != dump_))) break;
+    if (rank(other) > rank(node)) break;
+    if (rank(other) == rank(node) && (inFront || (isDumping_ && other.dump != dump_))) break;
     before = at;
   }
   node.isFirst = before == kNone;
@@ -523,6 +523,20 @@ void RouteTable::changeHops(Number number, const Change& change) {
   }
   const auto isDead = [](const NextHop& hop) { return hop.isDead; };
   if (std::all_of(body.hops.begin(), body.hops.end(), isDead)) removeRoutesOf(number);
+}
+
+template <class Change>
+void RouteTable::changeHopsOn(LinkIndex link, Number body, const Change& change) {
+  changeHops(body, [&](std::vector<NextHop>& hops) {
+    bool differs = false;
+    for (NextHop& hop : hops) {
+      if (hop.link != link) continue;
+      const NextHop before = hop;
+      change(hop);
+      differs |= hop != before;
+    }
+    return differs;
+  });
 }
 
 }  // namespace Linux

@@ -42,6 +42,8 @@ class RouteTable {
   /// An interface's state. \param isRevived  it was down, or without carrier, before.
   void linkIs(const Link& link, bool isRevived);
   void linkGone(LinkIndex link);
+  /// The interface got an IPv4 address.
+  void ipv4Enabled(const Link& link);
   /// The last IPv4 address of an interface is gone.
   void ipv4Disabled(LinkIndex link);
   /// The address is none of this machine's any more, as seen from the routes of `table`.
@@ -118,6 +120,9 @@ class RouteTable {
   /// The routes of a body, by number.
   std::vector<Number> routesOf(Number body) const;
   void removeRoutesOf(Number body);
+  /// Does `change(hop)` to each next hop of a body on an interface.
+  template <class Change>
+  void changeHopsOn(LinkIndex link, Number body, const Change& change);
   /// Changes next hops of a body by `change(hops)`, which says whether it did. The routes of a body
   /// that has none alive then go.
   template <class Change>
