@@ -100,11 +100,10 @@ struct SetRibReady {
   friend bool operator==(const SetRibReady&, const SetRibReady&) = default;
 };
 
-using Operation =
-    std::variant<SetVrf, SetInterface, SetAddress<Ipv4>, SetAddress<Ipv6>, SetNeighborTable,
-                 SetNeighbor<Ipv4>, SetNeighbor<Ipv6>, SetFec<Ipv4>, SetFec<Ipv6>, SetRoute<Ipv4>,
-                 SetRoute<Ipv6>, SetVirtualIp<Ipv4>, SetVirtualIp<Ipv6>, SetInitialized,
-                 SetRibReady>;
+using Operation = std::variant<SetVrf, SetInterface, SetAddress<Ipv4>, SetAddress<Ipv6>,
+                               SetNeighborTable, SetNeighbor<Ipv4>, SetNeighbor<Ipv6>, SetFec<Ipv4>,
+                               SetFec<Ipv6>, SetRoute<Ipv4>, SetRoute<Ipv6>, SetVirtualIp<Ipv4>,
+                               SetVirtualIp<Ipv6>, SetInitialized, SetRibReady>;
 
 /// Does to `sw` what `operation` says.
 /// \throws Kiv::RangeException, Tovan::OpenException as the methods of Switch do.

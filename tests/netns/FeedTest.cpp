@@ -110,7 +110,6 @@ route add 10.14.0.0/24 encap ip id 7 dst 192.0.2.1 via 10.1.0.5 dev swp1
 route add 10.15.0.0/24 via inet6 fe80::9 dev swp1 proto bgp
 route add 10.16.0.0/24 nexthop via 10.1.0.5 dev swp1 weight 3 nexthop via 10.2.0.5 dev br0
 route add 10.16.0.0/24 via 10.1.0.5 metric 5
-route add 10.17.0.0/24 dev swp1 table 100
 route add 10.18.0.5/32 via 10.2.0.5 proto ospf
 route add unreachable 10.19.0.0/16
 route add throw 10.20.0.0/16
@@ -120,8 +119,6 @@ route add 2001:db8:9::/64 nexthop via 2001:db8:1::5 nexthop via 2001:db8:2::5
 route add 2001:db8:a::/64 via fe80::9 dev swp1 proto ra
 route add blackhole 2001:db8:b::/48
 )");
-  // The table 100 belongs to nobody; the reader of text says so, and the messages' does not hear.
-  inside.ip("route flush table 100\n");
   const std::string told = toldByMessages();
   EXPECT_EQ(toldByText("-N "), told);
   EXPECT_EQ(toldByText(""), told);
