@@ -85,7 +85,7 @@ void Feed::Work::findRouteKeys() {
   const auto note = [&](TableId table, const Prefix& prefix) {
     const auto [begin, end] = vrfsByTable_.equal_range(table);
     for (auto it = begin; it != end; ++it) routeKeys_.emplace_back(it->second, prefix);
-    if (table == RT_TABLE_LOCAL) warnOfLocalRoutes(prefix);
+    if (table == RT_TABLE_LOCAL && sink_) warnOfLocalRoutes(prefix);
   };
   for (const auto& [table, prefix] : markedRoutes_) note(table, prefix);
   if (!markedLinks_.empty()) {

@@ -324,7 +324,9 @@ LinkIndex Reader::newIndex(const Json& entry) {
 
 void Reader::readLink(const Json& entry) {
   const std::string name = getName(entry, "ifname");
-  if (name.empty()) throw Skip("an interface has a name");
+  if (name.empty() || name.find('\0') != name.npos) {
+    refuse("ifname", get(entry, "ifname"), "the name of an interface");
+  }
   const auto known = byName_.find(name);
   // What cannot be read leaves the interface as it was.
   Interface interface = known == byName_.end() ? Interface() : interfaces_[known->second];

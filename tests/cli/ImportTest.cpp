@@ -337,7 +337,7 @@ TEST(ImportTest, ABadEntryCostsItselfOnly) {
       import({.link = {{"link",
                         "[7, {\"ifname\": 8}, {\"ifname\": \"b\xFF\x01\"},"
                         R"({"ifname": ""}, {"flags": []},
-    {"ifname": "m", "linkinfo": {"info_kind": "vrf"}}, {"ifname": "\u0001\"\\"},
+    {"ifname": "a\u0000b"}, {"ifname": "m", "linkinfo": {"info_kind": "vrf"}}, {"ifname": "\u0001\"\\"},
     {"ifname": "Ethernet1"}])"}},
               .addr = {{"addr", R"([{"ifname": "Ethernet1", "addr_info": [7,
     {"local": "10.0.0.1", "prefixlen": 33}, {"local": true, "prefixlen": 24}, {"prefixlen": 8},
