@@ -3,6 +3,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -12,8 +13,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 
+#include "cli/Command.h"
 #include "cli/Import.h"
+#include "replay/Json.h"
+#include "replay/Printable.h"
 
 namespace Cli {
 namespace {
@@ -82,7 +87,8 @@ Examples:
     ip -N -j addr > addr.json                  ip -N -6 -j route show table all > route6.json
     ip -N -j neigh > neigh.json                ip -N -j nexthop > nexthop.json (may be missing)
 
-Exit status: 0 done, warnings or not; 2 input that cannot be had or is no JSON list.)";
+Exit status: 0 done, warnings or not; 1 the output cannot be written; 2 input that cannot be had or
+is no JSON list.)";
 
 std::string readAll(std::FILE* file) {
   std::string text;
@@ -94,6 +100,9 @@ std::string readAll(std::FILE* file) {
 }
 
 std::string readFile(const std::string& path) {
+  if (path == "-") return readAll(stdin);
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) throw ImportError(path, "is a directory");
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) throw ImportError(path, std::strerror(errno));
   auto text = readAll(file);
@@ -143,8 +152,31 @@ IpDocuments readDocuments(const Options& options) {
         std::cerr << source.command << ": warning: failed; there are no nexthop objects then\n";
       }
     }
+    if (document && Replay::nestsTooDeep(document->text)) {
+      throw ImportError(document->name,
+                        "nested deeper than " + std::to_string(Replay::kMaxDepth) + " levels");
+    }
   }
   return documents;
+}
+
+/// Refuses files that say nothing without others, or that cannot all be had.
+void checkFiles(const Options& options) {
+  const auto isGiven = [&](auto IpDocuments::*document) {
+    const auto source = std::find_if(kSources.begin(), kSources.end(),
+                                     [&](const auto& known) { return known.document == document; });
+    return !options.files[static_cast<size_t>(source - kSources.begin())].empty();
+  };
+  const bool anyGiven = std::any_of(options.files.begin(), options.files.end(),
+                                    [](const auto& file) { return !file.empty(); });
+  if (anyGiven && !options.directory && !isGiven(&IpDocuments::link)) {
+    throw CommandError("hostroute import",
+                       "--link is missing: nothing else tells which interfaces there are",
+                       kMisused);
+  }
+  if (std::count(options.files.begin(), options.files.end(), "-") > 1) {
+    throw CommandError("hostroute import", "only one of the files can be standard input", kMisused);
+  }
 }
 
 }  // namespace
@@ -156,18 +188,21 @@ void addImportCommand(CLI::App& app, int& exitCode) {
       ->type_name("DIR");
   for (size_t i = 0; i < kSources.size(); ++i) {
     command
-        ->add_option(kSources[i].option, options->files[i],
-                     std::string("What `") + kSources[i].command + "` printed")
+        ->add_option(
+            kSources[i].option, options->files[i],
+            std::string("What `") + kSources[i].command + "` printed; - for standard input")
         ->type_name("FILE");
   }
   command->footer(kFooter);
   command->callback([options, &exitCode] {
     try {
+      checkFiles(*options);
       importReplay(readDocuments(*options), std::cout, std::cerr);
-      if (!std::cout.flush()) throw ImportError("standard output", "cannot be written");
+      requireOutput();
     } catch (const ImportError& error) {
-      std::cerr << error.what() << '\n';
-      exitCode = 2;
+      std::cout.flush();
+      std::cerr << Replay::printable(error.what()) << '\n';
+      exitCode = kMisused;
     }
   });
 }

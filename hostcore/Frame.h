@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -244,20 +245,26 @@ void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Han
   for (const Zemit::IntfId intfId : sm.ipIntfStatusFilterKeys()) handle(intfId);
 }
 
-/// Traces the exception with which a reactor's callback has just ended.
+/// Traces the exception with which a reactor's callback has just ended, and counts it as a failure.
 template <class Machine>
 void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv::Notifiee& reactor,
                      Kiv::AttributeId id) noexcept {
-  std::string what = "unknown";
   try {
-    if (const auto raised = std::current_exception()) std::rethrow_exception(raised);
-  } catch (const std::exception& exception) {
-    what = exception.what();
+    std::string what = "unknown";
+    try {
+      if (const auto raised = std::current_exception()) std::rethrow_exception(raised);
+    } catch (const std::exception& exception) {
+      what = exception.what();
+    } catch (...) {
+    }
+    std::ostringstream message;
+    message << "exception in the notification of attribute " << id << " of "
+            << Kiv::Tracer::objectName(reactor) << ": " << what;
+    KIV_TRACE(facility, 0, sm, message.str());
+    Kiv::Tracer::failed(facility, sm, __func__, message.str());
   } catch (...) {
+    Kiv::Tracer::failed(facility, sm, __func__, "exception that there is no memory to describe");
   }
-  KIV_TRACE(facility, 0, sm,
-            "exception in the notification of attribute "
-                << id << " of " << Kiv::Tracer::objectName(reactor) << ": " << what);
 }
 
 }  // namespace HostCore

@@ -67,6 +67,7 @@ void Notifiee::notifierIsGone() noexcept {
 }
 
 void NotifierList::add(Notifiee& notifiee) {
+  notifiee.slot_ = static_cast<uint32_t>(slots_.size());
   slots_.push_back(&notifiee);
   ++count_;
   quiet_ += notifiee.isQuiet() ? 1 : 0;
@@ -74,17 +75,21 @@ void NotifierList::add(Notifiee& notifiee) {
 }
 
 void NotifierList::remove(Notifiee& notifiee) noexcept {
-  const auto slot = std::find(slots_.begin(), slots_.end(), &notifiee);
-  if (slot == slots_.end()) return;
+  if (notifiee.slot_ >= slots_.size() || slots_[notifiee.slot_] != &notifiee) return;
+  slots_[notifiee.slot_] = nullptr;
   --count_;
   quiet_ -= notifiee.isQuiet() ? 1 : 0;
   alertIsStale_ = true;
-  if (walks_ == 0) {
-    slots_.erase(slot);
-  } else {
-    *slot = nullptr;
+  if (walks_ != 0) {
     std::replace(alert_.begin(), alert_.end(), &notifiee, static_cast<Notifiee*>(nullptr));
+  } else if (count_ <= slots_.size() / 2) {
+    closeGaps();
   }
+}
+
+void NotifierList::closeGaps() noexcept {
+  std::erase(slots_, nullptr);
+  for (uint32_t slot = 0; slot < slots_.size(); ++slot) slots_[slot]->slot_ = slot;
 }
 
 void NotifierList::quietChanged(bool quiet) noexcept {
@@ -98,8 +103,9 @@ const std::vector<Notifiee*>& NotifierList::toTell() {
     // Another walk may be on the stale list. To tell a quiet one too is never wrong.
     if (walks_ != 0) return slots_;
     alert_.clear();
-    std::copy_if(slots_.begin(), slots_.end(), std::back_inserter(alert_),
-                 [](const Notifiee* notifiee) { return !notifiee->isQuiet(); });
+    std::copy_if(
+        slots_.begin(), slots_.end(), std::back_inserter(alert_),
+        [](const Notifiee* notifiee) { return notifiee != nullptr && !notifiee->isQuiet(); });
     alertIsStale_ = false;
   }
   return alert_;
@@ -121,7 +127,7 @@ void NotifierList::endWalk() noexcept {
   if (orphaned_) {
     delete this;
   } else if (count_ != slots_.size()) {
-    std::erase(slots_, nullptr);
+    closeGaps();
   }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -22,7 +23,7 @@ class SnapshotIterator;
 class Notifiee : public Object {
  public:
   /// Whether a notifiee keeps its notifier alive.
-  enum class Hold { kStrong, kWeak };
+  enum class Hold : uint8_t { kStrong, kWeak };
 
   ~Notifiee() override;
 
@@ -95,6 +96,7 @@ class Notifiee : public Object {
   const Entity* notifier_ = nullptr;
   SnapshotIterator* walk_ = nullptr;  // the innermost one that stands here
   Ptr<ActivityConfig> activity_;
+  uint32_t slot_ = 0;  // where it stands in the notifier's list, while registered
   Hold hold_;
   bool registered_ = false;
   bool active_ = true;
@@ -126,6 +128,7 @@ class NotifierList {
  public:
   bool empty() const noexcept { return count_ == 0; }
   void add(Notifiee& notifiee);
+  /// Takes constant time, averaged over the removals.
   void remove(Notifiee& notifiee) noexcept;
   /// A notifiee in the list has become quiet, or is so no longer.
   void quietChanged(bool quiet) noexcept;
@@ -139,8 +142,9 @@ class NotifierList {
   friend class SnapshotIterator;
   ~NotifierList() = default;
   void endWalk() noexcept;
+  void closeGaps() noexcept;
 
-  std::vector<Notifiee*> slots_;  // null: left while a walk was under way
+  std::vector<Notifiee*> slots_;  // null: has left
   std::vector<Notifiee*> alert_;  // those in slots_ that are not quiet; see alertIsStale_
   size_t count_ = 0;
   size_t quiet_ = 0;
