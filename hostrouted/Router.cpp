@@ -52,6 +52,7 @@ Router::Router(const Config& config, const Services& services)
       probing_(mirror_, services.clock, probingOptions(config, mirror_)) {
   feed_.setWarningSink(
       [this](const Linux::FeedWarning& warning) { services_.report(LOG_WARNING, warning.text); });
+  switch_.setLoading(true);
 }
 
 Router::~Router() = default;
@@ -78,7 +79,8 @@ bool Router::takeOwnRoute(const Linux::Change& change) {
   };
   if (std::ranges::none_of(config_.tables, isOutput)) return true;
   const Linux::RouteKey key{route->table, route->prefix};
-  Linux::RouteValue value{.vias = {}, .metric = route->metric, .preferredSource = route->preferredSource};
+  Linux::RouteValue value{
+      .vias = {}, .metric = route->metric, .preferredSource = route->preferredSource};
   // A blackhole of ours is left from the announcement of a loss, and has no vias.
   if (route->type == RTN_UNICAST) {
     for (const auto& hop : route->hops) value.vias.push_back({hop.link, hop.gateway});
@@ -159,6 +161,7 @@ void Router::endDump() {
     routes_.start();
   }
   endTurn();
+  switch_.setLoading(false);
 }
 
 void Router::reload(const Config& config) {

@@ -33,8 +33,8 @@
 namespace Hostrouted {
 namespace {
 
-/// About how many messages are read in one turn: enough for a burst to be handled as one, few enough for
-/// timers and signals to have their turn.
+/// About how many messages are read in one turn: enough for a burst to be handled as one, few
+/// enough for timers and signals to have their turn.
 constexpr size_t kMessagesATurn = 65536;
 /// The status file is written at most this often, in seconds.
 constexpr double kStatusInterval = 1;

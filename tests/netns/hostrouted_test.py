@@ -298,6 +298,16 @@ class ProcessTest(RouterLab):
         self.assertEqual(status['routes'], len(kept))
 
 
+class SharedTablesTest(RouterLab):
+    def test_the_command_takes_shared_tables_for_ready_after_the_first_pass(self):
+        name = f'hostrouted-test-{os.getpid()}'
+        self.neighbor('10.0.1.11', 'p1')
+        self.daemon(self.router, PORTS, arguments=['--shared-tables', name])
+        shown = run(lab.REPLAY, 'routes', '--table', name, '--wait', '5', '--json', '10.0.1.11/32')
+        routes = [json.loads(line) for line in shown.splitlines()]
+        self.assertEqual(routes[0]['route']['type'], 'attached_', shown)
+
+
 class RecordingTest(RouterLab):
     def test_a_recordings_replay_ends_in_the_daemons_tables(self):
         file = os.path.join('/tmp', f'hostrouted-recording-{os.getpid()}.jsonl')
