@@ -3,6 +3,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -12,8 +13,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 
+#include "cli/Command.h"
 #include "cli/Import.h"
+#include "replay/Json.h"
+#include "replay/Printable.h"
 
 namespace Cli {
 namespace {
@@ -26,18 +31,18 @@ struct Source {
   const char* command;
 };
 
-// The tables' numbers are asked for (-N), because only VRF devices tell theirs by number too.
+// Numbers are asked for (-N): names of tables and protocols are each machine's own.
 constexpr std::array kSources{
-    Source{&IpDocuments::link, "--link", "link.json", "ip -d -j link"},
-    Source{&IpDocuments::addr, "--addr", "addr.json", "ip -j addr"},
-    Source{&IpDocuments::neigh, "--neigh", "neigh.json", "ip -j neigh"},
-    Source{&IpDocuments::route4, "--route4", "route4.json", "ip -4 -N -j route show table all"},
-    Source{&IpDocuments::route6, "--route6", "route6.json", "ip -6 -N -j route show table all"},
-    Source{&IpDocuments::nexthop, "--nexthop", "nexthop.json", "ip -j nexthop"},
+    Source{&IpDocuments::link, "--link", "link.json", "ip -N -d -j link"},
+    Source{&IpDocuments::addr, "--addr", "addr.json", "ip -N -j addr"},
+    Source{&IpDocuments::neigh, "--neigh", "neigh.json", "ip -N -j neigh"},
+    Source{&IpDocuments::route4, "--route4", "route4.json", "ip -N -4 -j route show table all"},
+    Source{&IpDocuments::route6, "--route6", "route6.json", "ip -N -6 -j route show table all"},
+    Source{&IpDocuments::nexthop, "--nexthop", "nexthop.json", "ip -N -j nexthop"},
 };
 
 struct Options {
-  std::string directory;
+  std::optional<std::string> directory;
   std::array<std::string, kSources.size()> files;
 };
 
@@ -48,18 +53,27 @@ Without an option it runs `ip` in the present network namespace.)";
 constexpr const char* kFooter = R"(Imported:
   - every interface with a layer 3 of its own. Ports of a bridge or a bond have none. It is in the
     VRF of its master of kind vrf (which only `ip -d` tells), else in the VRF "default"; a VRF
-    device is an interface of its own VRF.
-  - addresses but for 127.0.0.0/8, ::1 and those that duplicate address detection holds back. One
-    IPv4 address of an interface is the primary one, the others are secondary. An address with
-    a peer counts as a host address.
-  - neighbours that are REACHABLE, STALE, DELAY, PROBE or PERMANENT, but no link-local ones.
+    device is an interface of its own VRF. A VRF device called default is the VRF "linux:default".
+    On interfaces called Management... a switch has no host routes. A name that is not UTF-8 costs
+    the interface.
+  - addresses but for 127.0.0.0/8 and ::1, those that duplicate address detection holds back, and
+    those of interfaces that are down. One IPv4 address of an interface is the primary one, the
+    others are secondary. An address with a peer counts as a host address.
+  - neighbours that are REACHABLE, STALE, DELAY, PROBE or PERMANENT, but no link-local ones
+    (169.254.0.0/16 and fe80::/10), multicast, proxies, nor those that a control plane put there.
   - unicast routes of the table main (VRF "default") and of the VRFs' tables, host routes among
     them, each with the FEC of its next hops. Of several to one prefix it is the one with the
     lowest metric. Blackhole, unreachable and prohibit routes have FEC 0: no host is behind them.
-The kernel's local, broadcast, anycast and multicast routes follow from the addresses, and
-link-local prefixes belong to one link; these are left out in silence. What else is left out is
-told on standard error: other tables, throw routes, routes by TOS or source, next hops of the
-other family.
+    An IPv4 route via an IPv6 next hop has the hop "ipv6". A next hop that is tunnelled (encap),
+    dead or without a carrier is left out; a route that has no other keeps its prefix, with FEC 0.
+The kernel's local, broadcast, anycast and multicast routes and its host routes to own IPv6
+addresses follow from the addresses, and link-local prefixes belong to one link; these are left
+out in silence. What else is left out is told on standard error: other tables, throw routes, local
+routes of the administrator's, routes by TOS or source, next hops, their weights, addresses.
+
+Linux takes the lowest address of an IPv4 subnet (10.0.0.0 of 10.0.0.0/24) for a host's since
+5.14. A switch takes it for the subnet's own: where an interface address gives it a receive route,
+a neighbour there gets no host route.
 
 Route types: connected_ (kernel, no gateway), staticConfig_ (static, boot), ebgp_ (BGP, IPv4),
 bgp_ (BGP, IPv6), ospfIntraArea_ (OSPF, IPv4), ospf_ (OSPF, IPv6), isisL1_, rip_, redirect_,
@@ -69,11 +83,12 @@ Examples:
   hostroute import | hostroute replay -      the host routes of this machine
   ip netns exec blue hostroute import        those of a network namespace
   hostroute import --dir capture             from files, which these commands make:
-    ip -d -j link > link.json                  ip -4 -j route show table all > route4.json
-    ip -j addr > addr.json                     ip -6 -j route show table all > route6.json
-    ip -j neigh > neigh.json                   ip -j nexthop > nexthop.json  (may be missing)
+    ip -N -d -j link > link.json               ip -N -4 -j route show table all > route4.json
+    ip -N -j addr > addr.json                  ip -N -6 -j route show table all > route6.json
+    ip -N -j neigh > neigh.json                ip -N -j nexthop > nexthop.json (may be missing)
 
-Exit status: 0 done, warnings or not; 2 input that cannot be had or is no JSON list.)";
+Exit status: 0 done, warnings or not; 1 the output cannot be written; 2 input that cannot be had or
+is no JSON list.)";
 
 std::string readAll(std::FILE* file) {
   std::string text;
@@ -85,6 +100,9 @@ std::string readAll(std::FILE* file) {
 }
 
 std::string readFile(const std::string& path) {
+  if (path == "-") return readAll(stdin);
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) throw ImportError(path, "is a directory");
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) throw ImportError(path, std::strerror(errno));
   auto text = readAll(file);
@@ -108,7 +126,10 @@ std::string readCommand(const std::string& command) {
 }
 
 IpDocuments readDocuments(const Options& options) {
-  bool isHere = options.directory.empty();
+  bool isHere = !options.directory;
+  if (options.directory && options.directory->empty()) {
+    throw ImportError("--dir", "it names no directory");
+  }
   for (const auto& file : options.files) isHere = isHere && file.empty();
   IpDocuments documents;
   for (size_t i = 0; i < kSources.size(); ++i) {
@@ -117,8 +138,8 @@ IpDocuments readDocuments(const Options& options) {
     const bool isOptional = source.document == &IpDocuments::nexthop;
     auto& document = documents.*source.document;
     auto path = options.files[i];
-    if (path.empty() && !options.directory.empty()) {
-      path = std::filesystem::path(options.directory) / source.fileName;
+    if (path.empty() && options.directory) {
+      path = std::filesystem::path(*options.directory) / source.fileName;
       if (isOptional && !std::filesystem::exists(path)) continue;
     }
     if (!path.empty()) {
@@ -131,8 +152,31 @@ IpDocuments readDocuments(const Options& options) {
         std::cerr << source.command << ": warning: failed; there are no nexthop objects then\n";
       }
     }
+    if (document && Replay::nestsTooDeep(document->text)) {
+      throw ImportError(document->name,
+                        "nested deeper than " + std::to_string(Replay::kMaxDepth) + " levels");
+    }
   }
   return documents;
+}
+
+/// Refuses files that say nothing without others, or that cannot all be had.
+void checkFiles(const Options& options) {
+  const auto isGiven = [&](auto IpDocuments::*document) {
+    const auto source = std::find_if(kSources.begin(), kSources.end(),
+                                     [&](const auto& known) { return known.document == document; });
+    return !options.files[static_cast<size_t>(source - kSources.begin())].empty();
+  };
+  const bool anyGiven = std::any_of(options.files.begin(), options.files.end(),
+                                    [](const auto& file) { return !file.empty(); });
+  if (anyGiven && !options.directory && !isGiven(&IpDocuments::link)) {
+    throw CommandError("hostroute import",
+                       "--link is missing: nothing else tells which interfaces there are",
+                       kMisused);
+  }
+  if (std::count(options.files.begin(), options.files.end(), "-") > 1) {
+    throw CommandError("hostroute import", "only one of the files can be standard input", kMisused);
+  }
 }
 
 }  // namespace
@@ -144,18 +188,21 @@ void addImportCommand(CLI::App& app, int& exitCode) {
       ->type_name("DIR");
   for (size_t i = 0; i < kSources.size(); ++i) {
     command
-        ->add_option(kSources[i].option, options->files[i],
-                     std::string("What `") + kSources[i].command + "` printed")
+        ->add_option(
+            kSources[i].option, options->files[i],
+            std::string("What `") + kSources[i].command + "` printed; - for standard input")
         ->type_name("FILE");
   }
   command->footer(kFooter);
   command->callback([options, &exitCode] {
     try {
+      checkFiles(*options);
       importReplay(readDocuments(*options), std::cout, std::cerr);
-      if (!std::cout.flush()) throw ImportError("standard output", "cannot be written");
+      requireOutput();
     } catch (const ImportError& error) {
-      std::cerr << error.what() << '\n';
-      exitCode = 2;
+      std::cout.flush();
+      std::cerr << Replay::printable(error.what()) << '\n';
+      exitCode = kMisused;
     }
   });
 }

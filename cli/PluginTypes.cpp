@@ -22,14 +22,21 @@ constexpr std::string_view kSectionName = ".kiv.type";
 class ElfFile {
  public:
   explicit ElfFile(const std::string& name) : name_(name) {
-    std::error_code error;
-    const auto status = std::filesystem::status(name, error);
-    if (error) refuse(error.message());
-    if (!is_regular_file(status)) refuse("not a regular file");  // opening a FIFO may take for ever
-    file_.reset(std::fopen(name.c_str(), "rbe"));
-    if (!file_) refuse(std::strerror(errno));
     ::elf_version(EV_CURRENT);
-    elf_.reset(::elf_begin(::fileno(file_.get()), ELF_C_READ, nullptr));
+    if (name == "-") {
+      readStandardInput();
+      elf_.reset(::elf_memory(bytes_.data(), bytes_.size()));
+    } else {
+      std::error_code error;
+      const auto status = std::filesystem::status(name, error);
+      if (error) refuse(error.message());
+      // Opening a FIFO may take for ever.
+      if (is_directory(status)) refuse("is a directory");
+      if (!is_regular_file(status)) refuse("not a regular file");
+      file_.reset(std::fopen(name.c_str(), "rbe"));
+      if (!file_) refuse(std::strerror(errno));
+      elf_.reset(::elf_begin(::fileno(file_.get()), ELF_C_READ, nullptr));
+    }
     if (::elf_kind(elf_.get()) != ELF_K_ELF) refuse("not an ELF file");
   }
 
@@ -57,7 +64,7 @@ class ElfFile {
   }
 
   [[noreturn]] void refuse(const std::string& reason) const {
-    throw PluginError(name_ + ": " + reason);
+    throw PluginError(name_ + ": error: " + reason);
   }
 
  private:
@@ -66,6 +73,16 @@ class ElfFile {
     void operator()(Elf* elf) const { ::elf_end(elf); }
   };
 
+  void readStandardInput() {
+    constexpr size_t kMaxBytes = size_t{1} << 30;
+    char piece[1 << 16];
+    while (const size_t size = std::fread(piece, 1, sizeof piece, stdin)) {
+      bytes_.append(piece, size);
+      if (bytes_.size() > kMaxBytes) refuse("larger than a plug-in");
+    }
+    if (std::ferror(stdin) != 0) refuse("cannot be read");
+  }
+
   void require(bool isSound) const {
     if (isSound) return;
     const int error = ::elf_errno();
@@ -73,6 +90,7 @@ class ElfFile {
   }
 
   const std::string name_;
+  std::string bytes_;  // of standard input
   std::unique_ptr<std::FILE, End> file_;
   std::unique_ptr<Elf, End> elf_;
 };

@@ -1,17 +1,16 @@
 // The command around the replay: where the events come from, where the output goes, how it ends.
 #include "cli/ReplayCommand.h"
 
-#include <cerrno>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <csignal>
-#include <cstring>
-#include <fstream>
-#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "cli/Command.h"
 #include "cli/Terminal.h"
 #include "daemon/SharedNames.h"
 #include "platform/kiv/Hash.h"
@@ -32,18 +31,26 @@ constexpr const char* kFooter =
 Examples:
   hostroute replay switch.jsonl                     the host routes, as tables
   hostroute replay --json switch.jsonl              the whole state, for programs and for diff
-  hostroute replay --trace 0,2 --echo switch.jsonl  what the machines objected to, and where
+  hostroute replay --trace 0,1,2,6,7 --echo switch.jsonl
+                                                    why a host has (no) route, line by line
+  hostroute replay --json-lines switch.jsonl        the whole state of a large switch
   hostroute import | hostroute replay -             the host routes of this machine
   hostroute replay --shared leaf1 --hold switch.jsonl &
-  hostroute routes --table leaf1                    the same routes, seen by another process
+  hostroute routes --table leaf1 --wait 10          the same routes, seen by another process
 
-Exit status: 0 done; 1 a machine failed on an event, or the tables cannot be shared; 2 the command
-line is malformed, the input cannot be read, or a line of it is no event. Output that was caused by
-the lines before stands.)";
+Trace levels: 0 failures, and FIB routes and metrics that changed; 1 no FIB route covers a
+neighbour, or one without a FEC; 2 a merge that waits for `initialized`; 6 what is written and
+removed, and which interfaces are passed over; 7 what is handled, and why it came to nothing; 8 each
+call and step; 3, 4, 5 and 9 nothing. 0,1,2,6,7 show why a host has (no) route.
+
+Exit status: 0 done; 1 a machine failed on an event, the tables cannot be shared, or the output
+cannot be written; 2 the command line is malformed, the input cannot be read, or a line of it is no
+event or longer than 16 MiB. Output that was caused by the lines before stands.)";
 
 struct Options {
   std::string file;
   bool json = false;
+  bool jsonLines = false;
   std::string traceLevels;
   bool echoes = false;
   bool settles = false;
@@ -52,63 +59,63 @@ struct Options {
   bool holds = false;
 };
 
-constexpr int kFailed = 1;
-constexpr int kMisused = 2;
-
-/// From now on SIGINT and SIGTERM remove the tables that this process shares under `name`, and end
-/// it: with status 0 when `endsWell`.
-///
-/// A thread waits for them, so that it makes no difference what the process is busy with.
-void removeTablesOnSignal(const std::string& name, bool endsWell) {
+/// Holds back the signals that end the process, but for those that it was started to ignore (as
+/// nohup does), and has writing to a closed pipe fail instead. Returns what is held back.
+sigset_t holdSignals() {
+  ::signal(SIGPIPE, SIG_IGN);
   sigset_t signals;
   ::sigemptyset(&signals);
-  ::sigaddset(&signals, SIGINT);
-  ::sigaddset(&signals, SIGTERM);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action {};
+    ::sigaction(signal, nullptr, &action);
+    if (action.sa_handler != SIG_IGN) ::sigaddset(&signals, signal);
+  }
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
+}
+
+/// From now on a signal of `signals`, which are held back, removes the tables that this process
+/// shares under `name`, and ends it: with status 0 when `endsWell`.
+///
+/// A thread waits for them, so that it makes no difference what the process is busy with.
+void removeTablesOnSignal(const sigset_t& signals, const std::string& name, bool endsWell) {
   std::thread([signals, name, endsWell] {
     constexpr int kBySignal = 128;
     int signal = 0;
-    ::sigwait(&signals, &signal);
+    while (::sigwait(&signals, &signal) != 0) {
+    }
     Tovan::removeTablesOf(name);
     std::_Exit(endsWell ? 0 : kBySignal + signal);
   }).detach();
 }
 
-/// Shows on a terminal how far a long input is; whatever comes next there overwrites it.
-void showProgress(size_t lines) {
-  std::cerr << lines << " lines\r" << std::flush;
+/// Allows as many open files as the process may have: each VRF's tables take two.
+void raiseFileLimit() {
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 int replay(const Options& options) {
   Kiv::hashSeedIs(Replay::kHashSeed);
   std::ios::sync_with_stdio(false);
-  constexpr size_t kBufferBytes = 1 << 16;
-  std::vector<char> buffer(kBufferBytes);
-  std::ifstream file;
-  const bool isFile = options.file != "-";
-  if (isFile) {
-    file.rdbuf()->pubsetbuf(buffer.data(), kBufferBytes);
-    file.open(options.file, std::ios::binary);
-    if (!file) {
-      std::cerr << options.file << ": error: " << std::strerror(errno) << '\n';
-      return kMisused;
-    }
-  }
-  const auto output =
-      options.json ? Replay::jsonOutput(std::cout) : Replay::textOutput(std::cout, isColoured());
+  Input input(options.file);
+  const auto output = options.json || options.jsonLines
+                          ? Replay::jsonOutput(std::cout, options.jsonLines)
+                          : Replay::textOutput(std::cout, tableStyle());
   const Replay::Tracing tracing(*output, Replay::parseTraceLevels(options.traceLevels).value_or(0));
+  const bool isShared = !options.sharedName.empty();
+  if (isShared) raiseFileLimit();
+  const auto signals = isShared ? holdSignals() : sigset_t();
   Daemon::Switch sw({.settles = options.settles, .sharedName = options.sharedName});
-  if (!options.sharedName.empty()) removeTablesOnSignal(options.sharedName, options.holds);
+  // Only now the tables are ours to remove.
+  if (isShared) removeTablesOnSignal(signals, options.sharedName, options.holds);
   Replay::Player player(sw, *output,
                         {.echoes = options.echoes, .dumpsAtEnd = !options.noFinalDump});
-  const bool showsProgress = isFile && isTerminal(STDERR_FILENO);
-  const auto outcome = player.run(isFile ? file : std::cin, options.file, std::cout, std::cerr,
-                                  showsProgress ? showProgress : std::function<void(size_t)>());
+  const auto outcome = player.run(input.stream(), input.name(), std::cout, std::cerr, showProgress);
   if (outcome == Replay::Player::Outcome::Refused) return kMisused;
-  if (!std::cout) {
-    std::cerr << "standard output: error: cannot be written\n";
-    return kFailed;
-  }
+  requireOutput();
   if (options.holds) {
     if (isTerminal(STDERR_FILENO)) std::cerr << "The tables stay up until Ctrl-C.\n";
     for (;;) ::pause();
@@ -124,13 +131,18 @@ void addReplayCommand(CLI::App& app, int& exitCode) {
   command->add_option("file", options->file, "The recorded inputs; - for standard input")
       ->type_name("FILE")
       ->required();
-  command->add_flag("--json", options->json, "Print one JSON object on each line");
+  auto* json = command->add_flag("--json", options->json, "Print one JSON object on each line");
+  command
+      ->add_flag("--json-lines", options->jsonLines,
+                 "The same, but a dump in pieces: one line for each route and each other entry")
+      ->excludes(json);
   command
       ->add_option("--trace", options->traceLevels,
-                   "Print the trace records of these levels: 0,2,7 or all")
+                   "Print the trace records of these levels: 0,1,2,6,7 or all")
       ->type_name("LEVELS")
       ->check([](const std::string& levels) -> std::string {
-        return Replay::parseTraceLevels(levels) ? "" : "levels are 0 to 9, such as 0,2,7, or all";
+        return Replay::parseTraceLevels(levels) ? ""
+                                                : "levels are 0 to 9, such as 0,1,2,6,7, or all";
       });
   command->add_flag("--echo", options->echoes, "Print the line number of each event");
   command->add_flag("--settle", options->settles,
@@ -146,15 +158,7 @@ void addReplayCommand(CLI::App& app, int& exitCode) {
   command->add_flag("--hold", options->holds, "Then keep the tables up until Ctrl-C or SIGTERM")
       ->needs(shared);
   command->footer(kFooter);
-  command->callback([options, &exitCode] {
-    try {
-      exitCode = replay(*options);
-    } catch (const Pindo::Exception& error) {
-      std::cout.flush();
-      std::cerr << "hostroute replay: error: " << error.what() << '\n';
-      exitCode = kFailed;
-    }
-  });
+  command->callback([options, &exitCode] { exitCode = replay(*options); });
 }
 
 }  // namespace Cli

@@ -2,18 +2,23 @@
 #include "cli/RoutesCommand.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <thread>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
+#include "cli/Command.h"
+#include "cli/LiveRoutes.h"
 #include "cli/Terminal.h"
-#include "daemon/Family.h"
-#include "daemon/SharedNames.h"
 #include "replay/Json.h"
-#include "replay/ShownRoute.h"
-#include "replay/TextTable.h"
+#include "replay/Printable.h"
 
 namespace Cli {
 namespace {
@@ -24,117 +29,286 @@ routes and the host routes derived from them. The other process may go on writin
 
 constexpr const char* kFooter = R"(Examples:
   hostroute replay --shared leaf1 --hold switch.jsonl &
-  hostroute routes --table leaf1                        all VRFs, both families
+  hostroute routes --table leaf1 --wait 10              all VRFs, both families
   hostroute routes --table leaf1 --vrf blue --family 4  one table
+  hostroute routes --table leaf1 10.1.10.11             what an address matches, longest first
+  hostroute routes --table leaf1 --type attached_       the routes to neighbours
+  hostroute routes --table leaf1 --intf Vlan10          what leaves through an interface
+  hostroute routes --table leaf1 --count                how many of each type, and how far it is
   hostroute routes --table leaf1 --json                 one JSON object for each route
 
-Exit status: 0 done; 1 there are no such tables, or a table is damaged (what could be read of it is
-printed); 2 the command line is malformed.)";
+A table is `loading` while its process reads what it starts with, then `not initialized` until its
+host-route machine is, then `initialized`, and `synchronized` when the FIB's own host routes are in
+as well. It is `left behind` when its process has ended without taking it away.
+
+Exit status: 0 done; 1 there are no such tables, no route to the address, or a table is damaged
+(what could be read of it is printed); 2 the command line is malformed; 3 what was printed may not
+be what the switch has: a table is left behind, loading or not initialized.)";
+
+constexpr int kNotReady = 3;
+constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
+constexpr double kLongestWait = 1e6;
 
 struct Options {
+  std::string address;
   std::string table;
   std::optional<std::string> vrf;
   std::optional<int> family;
+  std::optional<std::string> type;
+  std::optional<std::string> intf;
+  std::optional<double> waits;
+  bool counts = false;
   bool json = false;
 };
 
-/// A route with its next hops, or nothing when the route has gone. The writer may replace both
-/// while they are read: a route whose FEC is not there is looked up again.
+const std::string kPlace = "hostroute routes";
+
+/// What there is to say of a table beside its routes.
+struct TableState {
+  std::string vrf;
+  int family;
+  bool isLive;
+  Tovan::RouteTableState state;
+  size_t routes;
+
+  std::string_view text() const {
+    if (!isLive) return "left behind";
+    if (state.loading) return "loading";
+    if (!state.initialized) return "not initialized";
+    return state.synchronized ? "synchronized" : "initialized";
+  }
+};
+
+/// Why the tables may not show what the switch has; empty when they do.
+///
+/// A VRF that nothing was ever said of is never initialized, and holds nobody up.
+std::string unready(const std::vector<TableState>& tables) {
+  bool anyInitialized = false;
+  for (const TableState& table : tables) {
+    const bool matters = table.routes != 0 || !table.isLive || table.state.loading;
+    if (matters && (!table.isLive || table.state.loading || !table.state.initialized)) {
+      return "VRF " + table.vrf + " IPv" + std::to_string(table.family) + " is " +
+             std::string(table.text());
+    }
+    anyInitialized = anyInitialized || table.state.initialized;
+  }
+  return anyInitialized   ? ""
+         : tables.empty() ? "there are no such tables"
+                          : "nothing is initialized";
+}
+
+/// The tables that the command is about, each with its VRF and family.
+std::vector<Daemon::SharedRouteTable> chosenTables(const Options& options) {
+  auto tables = Daemon::sharedRouteTables(options.table);
+  std::erase_if(tables, [&](const auto& table) {
+    return table.vrf != options.vrf.value_or(table.vrf) ||
+           table.family != options.family.value_or(table.family);
+  });
+  return tables;
+}
+
+/// Calls `visit` with the family of a number.
+template <class Visit>
+void withFamily(int number, Visit visit) {
+  Daemon::forEachFamily([&](auto family) {
+    if (decltype(family)::kNumber == number) visit(family);
+  });
+}
+
 template <class F>
-std::optional<Replay::ShownRoute<F>> resolved(typename F::Route route,
-                                              const typename F::RouteStatus& routes,
-                                              const typename F::ForwardingStatus& forwarding) {
+TableState stateOf(const LiveRoutes<F>& table, const std::string& vrf) {
+  return {vrf, F::kNumber, table.isLive(), table.state(), table.size()};
+}
+
+/// Waits until the tables are ready. Returns whether they are.
+bool waitUntilReady(const Options& options) {
+  const auto wait = std::chrono::duration<double>(*options.waits);
+  const auto deadline = std::chrono::steady_clock::now() + wait;
   for (;;) {
-    auto vias = Replay::viasOf<F>(forwarding, route.fecId);
-    if (!vias.empty() || route.fecId == 0) return {{route, std::move(vias)}};
-    const auto now = routes.route(route.key);
-    if (now.key != route.key) return std::nullopt;
-    if (now == route) return {{route, {}}};
-    route = now;
+    std::string reason;
+    try {
+      std::vector<TableState> states;
+      for (const auto& [vrf, number] : chosenTables(options)) {
+        withFamily(number, [&, name = vrf](auto family) {
+          using F = decltype(family);
+          states.push_back(stateOf(LiveRoutes<F>(options.table, name), name));
+        });
+      }
+      reason = unready(states);
+    } catch (const Tovan::OpenException& error) {
+      reason = error.what();  // it may be in the making
+    }
+    if (reason.empty()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) {
+      std::cerr << errorText(kPlace, "\"" + options.table + "\" is not ready: " + reason) << '\n';
+      return false;
+    }
+    std::this_thread::sleep_for(kBetweenLooks);
   }
 }
 
 /// Prints routes as they are found, or as one table at the end.
 class Listing {
  public:
-  explicit Listing(bool json) : json_(json) {}
+  explicit Listing(const Options& options) : options_(options) {}
 
-  /// Adds the routes of one table. Returns whether all of it could be read.
+  /// Adds the routes of one table.
   template <class F>
-  bool add(const std::string& name, const std::string& vrf) {
-    const typename F::RouteStatus::Ptr routes = Kiv::make<typename F::RouteStatus>(
-        Daemon::sharedRouteStatusName(name, vrf), Tovan::Access::Read);
-    const auto forwarding = Kiv::make<typename F::ForwardingStatus>(name, Tovan::Access::Read);
-    std::vector<Replay::ShownRoute<F>> shown;
-    bool isWhole = true;
-    const auto report = [&isWhole](const std::string& damage) {
-      std::cerr << "hostroute routes: error: " << damage << '\n';
-      isWhole = false;
-    };
-    const auto add = [&](const auto& item) {
-      const auto route = item.value.withKey(item.key);
-      try {
-        if (auto found = resolved<F>(route, *routes, *forwarding)) {
-          shown.push_back(std::move(*found));
-        }
-      } catch (const Tovan::CorruptionDetectedException& damage) {
-        report(damage.what());
-        shown.push_back({route, {}});
-      }
-    };
+  void add(const std::string& vrf) {
     try {
-      routes->map().forEachSound(add, report);
-    } catch (const Tovan::CorruptionDetectedException& damage) {
-      report(damage.what());
+      const LiveRoutes<F> table(options_.table, vrf);
+      const auto report = [this](const std::string& damage) { reportDamage(damage); };
+      states_.push_back(stateOf(table, vrf));
+      const auto prefix = prefixOf<F>(options_.address);
+      auto shown = prefix ? table.covering(*prefix, report) : table.all(report);
+      std::erase_if(shown, [this](const auto& route) { return !isWanted<F>(route); });
+      found_ += shown.size();
+      if (options_.counts) {
+        count<F>(shown);
+      } else {
+        for (const auto& route : shown) show<F>(vrf, route);
+      }
+    } catch (const Tovan::OpenException& error) {
+      reportDamage(error.what());
     }
-    std::sort(shown.begin(), shown.end(),
-              [](const auto& a, const auto& b) { return a.route.key < b.route.key; });
-    for (const auto& route : shown) show<F>(vrf, route);
-    return isWhole;
   }
 
-  void finish() const {
-    if (!json_) table_.print(std::cout, isColoured());
+  /// What the address on the command line stands for, or nothing when it is not of the family.
+  template <class F>
+  static std::optional<typename F::Prefix> prefixOf(const std::string& address) {
+    if (const auto addr = F::Addr::parse(address)) return F::Prefix::host(*addr);
+    const auto prefix = F::Prefix::parse(address);
+    return prefix && !isNull(*prefix) ? prefix : std::nullopt;
+  }
+
+  /// Ends the list and tells the exit status.
+  int finish() const {
+    if (!options_.json && !(options_.counts ? counts_ : routes_).empty()) {
+      (options_.counts ? counts_ : routes_).print(std::cout, tableStyle());
+    }
+    requireOutput();
+    const std::string reason = unready(states_);
+    if (!reason.empty() && !states_.empty()) {
+      std::cerr << kPlace << ": warning: " << Replay::printable(reason) << '\n';
+    }
+    if (!isWhole_) return kFailed;
+    if (!options_.address.empty() && found_ == 0) {
+      throw CommandError(kPlace, "no route to " + options_.address, kFailed);
+    }
+    return reason.empty() ? 0 : kNotReady;
   }
 
  private:
   template <class F>
+  bool isWanted(const Replay::ShownRoute<F>& shown) const {
+    if (options_.type && *options_.type != Routing::routeTypeName(shown.route.routeType)) {
+      return false;
+    }
+    return !options_.intf ||
+           std::any_of(shown.vias.begin(), shown.vias.end(),
+                       [this](const auto& via) { return via.intf.name() == *options_.intf; });
+  }
+
+  template <class F>
   void show(const std::string& vrf, const Replay::ShownRoute<F>& shown) {
     const auto& route = shown.route;
-    if (json_) {
+    if (options_.json) {
       auto object = Replay::routeJson<F>(shown);
       object.add("vrf", Replay::jsonString(vrf)).add("family", std::to_string(F::kNumber));
       std::cout << Replay::JsonObject().add("route", object.text()).text() << '\n';
     } else {
-      table_.add({vrf, F::kName, toString(route.key),
-                  std::string(Routing::routeTypeName(route.routeType)),
-                  std::to_string(route.metricPref.metric),
-                  std::to_string(route.metricPref.preference), Replay::viasText<F>(shown.vias)});
+      routes_.add({vrf, F::kName, toString(route.key),
+                   std::string(Routing::routeTypeName(route.routeType)),
+                   std::to_string(route.metricPref.metric),
+                   std::to_string(route.metricPref.preference), Replay::viasText<F>(shown.vias)});
     }
   }
 
-  const bool json_;
-  Replay::TextTable table_{{"VRF", "FAMILY", "PREFIX", "TYPE", "METRIC", "PREFERENCE", "VIA"}};
+  /// Adds how many routes there are, of each type, to the last table's state.
+  template <class F>
+  void count(const std::vector<Replay::ShownRoute<F>>& shown) {
+    std::map<std::string_view, size_t> types;
+    for (const auto& [route, vias] : shown) ++types[Routing::routeTypeName(route.routeType)];
+    const TableState& state = states_.back();
+    if (options_.json) {
+      Replay::JsonObject byType;
+      for (const auto& [type, number] : types) byType.add(type, std::to_string(number));
+      Replay::JsonObject object;
+      object.add("vrf", Replay::jsonString(state.vrf))
+          .add("family", std::to_string(F::kNumber))
+          .add("state", Replay::jsonString(state.text()))
+          .add("routes", std::to_string(shown.size()))
+          .add("types", byType.text());
+      std::cout << Replay::JsonObject().add("count", object.text()).text() << '\n';
+    } else {
+      std::string list;
+      for (const auto& [type, number] : types) {
+        list.append(list.empty() ? "" : ", ").append(type).append(" ");
+        list += std::to_string(number);
+      }
+      counts_.add({state.vrf, F::kName, std::string(state.text()), std::to_string(shown.size()),
+                   list.empty() ? "-" : list});
+    }
+  }
+
+  void reportDamage(const std::string& damage) {
+    std::cout.flush();
+    std::cerr << errorText(kPlace, damage) << '\n';
+    isWhole_ = false;
+  }
+
+  const Options& options_;
+  bool isWhole_ = true;
+  size_t found_ = 0;
+  std::vector<TableState> states_;
+  Replay::TextTable routes_{{"VRF", "FAMILY", "PREFIX", "TYPE", "METRIC", "PREFERENCE", "VIA"}};
+  Replay::TextTable counts_{{"VRF", "FAMILY", "STATE", "ROUTES", "TYPES"}};
 };
 
-int showRoutes(const Options& options) {
-  Listing listing(options.json);
-  bool isWhole = true;
-  bool isFound = false;
-  for (const auto& [vrf, family] : Daemon::sharedRouteTables(options.table)) {
-    if (vrf != options.vrf.value_or(vrf) || family != options.family.value_or(family)) continue;
-    isFound = true;
-    isWhole = (family == 4 ? listing.add<Daemon::Ipv4>(options.table, vrf)
-                           : listing.add<Daemon::Ipv6>(options.table, vrf)) &&
-              isWhole;
+/// Says why there is nothing to show.
+[[noreturn]] void refuse(const Options& options) {
+  const auto all = Daemon::sharedRouteTables(options.table);
+  if (all.empty()) {
+    throw CommandError(kPlace, "there are no route tables under \"" + options.table + "\"",
+                       kFailed);
   }
-  if (!isFound) {
-    std::cerr << "hostroute routes: error: there are no such route tables under \"" << options.table
-              << "\"\n";
-    return 1;
+  const auto has = [&](const auto& table) { return table.vrf == *options.vrf; };
+  if (options.vrf && std::none_of(all.begin(), all.end(), has)) {
+    throw CommandError(kPlace, "\"" + options.table + "\" has no VRF \"" + *options.vrf + "\"",
+                       kFailed);
   }
-  listing.finish();
-  return isWhole && std::cout.flush() ? 0 : 1;
+  throw CommandError(kPlace, "\"" + options.table + "\" has no such tables", kFailed);
+}
+
+int showRoutes(Options options) {
+  if (!options.address.empty()) {
+    const bool isIpv4 = Listing::prefixOf<Daemon::Ipv4>(options.address).has_value();
+    const int number = isIpv4 ? 4 : 6;
+    if (options.family.value_or(number) != number) {
+      throw CommandError(kPlace, options.address + " is of the other family", kMisused);
+    }
+    options.family = number;
+  }
+  if (options.waits && !waitUntilReady(options)) return kNotReady;
+  const auto tables = chosenTables(options);
+  if (tables.empty()) refuse(options);
+  Listing listing(options);
+  for (const auto& [vrf, number] : tables) {
+    withFamily(number, [&, name = vrf](auto family) { listing.add<decltype(family)>(name); });
+  }
+  return listing.finish();
+}
+
+std::string refusedAddress(const std::string& text) {
+  const bool isAddress =
+      Listing::prefixOf<Daemon::Ipv4>(text) || Listing::prefixOf<Daemon::Ipv6>(text);
+  return isAddress ? "" : text + " is neither an address nor a prefix";
+}
+
+std::string refusedType(const std::string& text) {
+  const bool isType = Routing::parseRouteType<Daemon::Ipv4::RouteType>(text) ||
+                      Routing::parseRouteType<Daemon::Ipv6::RouteType>(text);
+  return isType ? "" : text + " is no type of routes, such as attached_";
 }
 
 }  // namespace
@@ -143,24 +317,34 @@ void addRoutesCommand(CLI::App& app, int& exitCode) {
   auto* command = app.add_subcommand("routes", kDescription);
   const auto options = std::make_shared<Options>();
   command
+      ->add_option("address", options->address,
+                   "Only what this address or prefix matches: the route that is used first, and "
+                   "then those around it")
+      ->type_name("ADDRESS")
+      ->check(refusedAddress);
+  command
       ->add_option("--table", options->table, "The name under which the process shares its tables")
       ->type_name("NAME")
       ->required();
-  command->add_option("--vrf", options->vrf, "Only this VRF")->type_name("NAME");
+  command->add_option("--vrf", options->vrf, "Only this VRF")->type_name("VRF");
   command->add_option("--family", options->family, "Only IPv4 (4) or IPv6 (6)")
       ->type_name("FAMILY")
       ->check(CLI::IsMember({4, 6}));
-  command->add_flag("--json", options->json, "Print one JSON object for each route");
+  command->add_option("--type", options->type, "Only routes of this type, such as attached_")
+      ->type_name("TYPE")
+      ->check(refusedType);
+  command->add_option("--intf", options->intf, "Only routes that leave through this interface")
+      ->type_name("INTF");
+  command
+      ->add_option("--wait", options->waits,
+                   "Wait up to so long until the tables are there and ready")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, kLongestWait));
+  command->add_flag("--count", options->counts,
+                    "Print how many routes each table has, and how far it is");
+  command->add_flag("--json", options->json, "Print one JSON object for each route or table");
   command->footer(kFooter);
-  command->callback([options, &exitCode] {
-    try {
-      exitCode = showRoutes(*options);
-    } catch (const Pindo::Exception& error) {
-      std::cout.flush();
-      std::cerr << "hostroute routes: error: " << error.what() << '\n';
-      exitCode = 1;
-    }
-  });
+  command->callback([options, &exitCode] { exitCode = showRoutes(*options); });
 }
 
 }  // namespace Cli

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "replay/Printable.h"
 #include "replay/TextTable.h"
 #include "typeinfo/HostRoute6Sm.h"
 #include "typeinfo/HostRouteSm.h"
@@ -16,6 +17,7 @@ using Kiv::GenericIf;
 using Kiv::GenericValue;
 using Op = GenericIf::Op;
 using Place = EntityDirectory::Place;
+using Replay::printable;
 
 constexpr const char* kHelp =
     R"(ls [PATH]               what there is: entities, attributes and methods, members
@@ -25,6 +27,7 @@ new PATH ARGUMENT...    makes what an attribute holds, or a member of it
 del PATH                deletes what an attribute holds, a member, or all members
 call PATH METHOD ARGUMENT...
                         calls a method of an entity, and prints its result
+{"op": ...}             a line of a replay: what happens to the switch, or a dump
 help                    this
 quit                    ends the shell, as the end of the input does
 
@@ -32,6 +35,7 @@ A path is /ipv4/VRF/... or /ipv6/VRF/... and goes on by attributes and keys:
   get /ipv4/default/arpRoute/10.0.0.0/24
   set /ipv6/default/routeSm/initialized true
   call /ipv4/default/routeSm doFibLookup 10.0.0.0/24
+  {"op": "neighbor", "intf": "Vlan10", "ip": "10.1.10.14"}
 Arguments stand behind one another with blanks between them; a set is {10.0.0.5, 10.0.0.6}, and a
 name with blanks in it stands in double quotes. A handle to an entity is its path, or null. What a
 method requires of its arguments it requires here too: a broken invariant ends the process.
@@ -128,16 +132,23 @@ std::string typeText(const AttributeDescriptor& attribute) {
 
 }  // namespace
 
-Shell::Shell(const Daemon::Switch& sw, std::ostream& os, bool coloured)
-    : os_(os), coloured_(coloured) {
+Shell::Shell(const Daemon::Switch& sw, Replay::Player& player, std::ostream& os,
+             const Replay::TextStyle& style)
+    : sw_(sw), player_(player), os_(os), style_(style) {
   kivInitHostRouteSm();
   kivInitHostRoute6Sm();
+  mountVrfs();
+}
+
+/// Gives the VRFs that are new their paths.
+void Shell::mountVrfs() {
   const auto mount = [this](const std::string& parent, const auto& root) {
     // The path of an entity is its name, encoded.
     mounts_.push_back(
         std::make_unique<EntityDirectory::Mount>(parent + root->uriPath(), GenericValue::of(root)));
   };
-  for (const auto& [name, vrf] : sw.vrfs()) {
+  for (const auto& [name, vrf] : sw_.vrfs()) {
+    if (!mountedVrfs_.insert(name).second) continue;
     mount("/ipv4", vrf.routing<Daemon::Ipv4>().root);
     mount("/ipv6", vrf.routing<Daemon::Ipv6>().root);
   }
@@ -146,6 +157,11 @@ Shell::Shell(const Daemon::Switch& sw, std::ostream& os, bool coloured)
 bool Shell::execute(std::string_view line) {
   line = trimmed(line);
   if (line.empty() || line.starts_with('#')) return true;
+  if (line.starts_with('{')) {
+    player_.apply(line);
+    mountVrfs();
+    return true;
+  }
   const std::string_view command = takeWord(line);
   if (command == "quit" || command == "exit") return false;
   if (command == "help") {
@@ -189,11 +205,11 @@ void Shell::list(std::string_view path) {
       table.add({attribute.name, isMethod ? '(' + argumentsText(attribute) + ')' : "",
                  typeText(attribute), isMethod ? "" : valueText(*place.entity, attribute)});
     }
-    table.print(os_, coloured_);
+    table.print(os_, style_);
   } else if (place.isWhole()) {
-    for (const std::string& key : keysOf(place)) os_ << key << '\n';
+    for (const std::string& key : keysOf(place)) os_ << printable(key) << '\n';
   } else if (place.attribute == nullptr) {
-    for (const std::string& segment : segmentsBelow(path)) os_ << segment << "/\n";
+    for (const std::string& segment : segmentsBelow(path)) os_ << printable(segment) << "/\n";
   } else {
     os_ << place.attribute->name << '\n';
   }
@@ -206,7 +222,7 @@ void Shell::get(std::string_view path) {
     for (const AttributeDescriptor& attribute : place.entity->type().attributes()) {
       if (!attribute.isMethod()) table.add({attribute.name, valueText(*place.entity, attribute)});
     }
-    table.print(os_, coloured_);
+    table.print(os_, style_);
   } else if (place.isWhole()) {
     Replay::TextTable table({"KEY", "VALUE"});
     for (const std::string& key : keysOf(place)) {
@@ -214,13 +230,13 @@ void Shell::get(std::string_view path) {
                                                    place.attribute->key.type().strepToValue(key));
       table.add({key, value.text()});
     }
-    if (!table.empty()) table.print(os_, coloured_);
+    if (!table.empty()) table.print(os_, style_);
   } else if (place.attribute == nullptr) {
     throw ShellError(std::string(path) + " has no value");
   } else if (place.attribute->isMethod()) {
     throw ShellError(std::string(place.attribute->name) + " is a method: call it");
   } else {
-    os_ << place.value.text() << '\n';
+    os_ << printable(place.value.text()) << '\n';
   }
 }
 
@@ -237,7 +253,7 @@ void Shell::create(std::string_view path, std::string_view arguments) {
   if (!place.key.isNone()) throw ShellError("the key of what is made is an argument");
   const auto made = place.holder->attributeOp({Op::kCreate, place.attribute->id},
                                               readArguments(place.attribute->arguments, arguments));
-  if (!made.isNone()) os_ << made.text() << '\n';
+  if (!made.isNone()) os_ << printable(made.text()) << '\n';
 }
 
 void Shell::erase(std::string_view path) {
@@ -254,7 +270,7 @@ void Shell::call(std::string_view path, std::string_view method, std::string_vie
   const AttributeDescriptor& attribute = *place.entity->type().attribute(id);
   const auto result =
       place.entity->attributeOp({Op::kCall, id}, readArguments(attribute.arguments, arguments));
-  if (attribute.type != nullptr) os_ << result.text() << '\n';
+  if (attribute.type != nullptr) os_ << printable(result.text()) << '\n';
 }
 
 void Shell::help() {

@@ -3,22 +3,28 @@
 
 #include <editline/readline.h>
 
-#include <cerrno>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <functional>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
+#include "cli/Command.h"
 #include "cli/Shell.h"
 #include "cli/Terminal.h"
 #include "platform/kiv/Exception.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
+#include "replay/Printable.h"
 
 namespace Cli {
 namespace {
@@ -28,20 +34,19 @@ constexpr const char* kDescription =
 them: every entity, attribute and method is reached by its name.)";
 
 constexpr const char* kFooter =
-    R"(On a terminal, lines can be edited, recalled and completed with the tab key; `help` lists the
-commands. From a pipe, each line is one command, and one that fails does not keep the rest from
-running.
+    R"(On a terminal, lines can be edited, recalled and completed with the tab key; Ctrl-C drops
+one, Ctrl-D ends the shell, `help` lists the commands. What was typed is kept for the next time, in
+hostroute/history under $XDG_STATE_HOME or ~/.local/state. From a pipe, each line is one command,
+and one that fails does not keep the rest from running. A line of a replay is a command too.
 
 Examples:
   hostroute shell examples/leaf.jsonl
+  hostroute import | hostroute shell -       this machine; the commands come from the terminal
   echo 'get /ipv4/default/receiveAddrToIntfName' | hostroute shell examples/leaf.jsonl
   echo 'call /ipv4/default/routeSm doFibLookup 10.1.10.0/24' | hostroute shell examples/leaf.jsonl
 
-Exit status: 0 done; 1 a command failed that was not typed; 2 the command line is malformed, or the
-recorded inputs cannot be read.)";
-
-constexpr int kFailed = 1;
-constexpr int kMisused = 2;
+Exit status: 0 done; 1 a command failed that was not typed, or the output cannot be written; 2 the
+command line is malformed, or the recorded inputs cannot be read.)";
 
 struct FreeText {
   void operator()(char* text) const { std::free(text); }
@@ -65,8 +70,30 @@ char** completions(const char* word, int /*start*/, int /*end*/) {
   return rl_completion_matches(word, nextCompletion);
 }
 
+/// While it lives, Ctrl-C on the terminal is a key like others. It drops the line that is edited;
+/// what a command does it interrupts.
+class InterruptKeyOff {
+ public:
+  InterruptKeyOff() : isKnown_(::tcgetattr(STDIN_FILENO, &former_) == 0) {
+    if (!isKnown_) return;
+    auto changed = former_;
+    changed.c_cc[VINTR] = _POSIX_VDISABLE;
+    ::tcsetattr(STDIN_FILENO, TCSADRAIN, &changed);
+  }
+  InterruptKeyOff(const InterruptKeyOff&) = delete;
+  InterruptKeyOff& operator=(const InterruptKeyOff&) = delete;
+  ~InterruptKeyOff() {
+    if (isKnown_) ::tcsetattr(STDIN_FILENO, TCSADRAIN, &former_);
+  }
+
+ private:
+  struct termios former_ {};
+  const bool isKnown_;
+};
+
 /// A line that is typed, with editing and history.
 std::optional<std::string> editedLine() {
+  const InterruptKeyOff interruptKeyOff;
   const std::unique_ptr<char, FreeText> line(::readline("hostroute> "));
   if (!line) {
     std::cout << '\n';
@@ -78,57 +105,106 @@ std::optional<std::string> editedLine() {
 
 std::optional<std::string> plainLine() {
   std::string line;
-  if (!std::getline(std::cin, line)) return std::nullopt;
+  if (!Replay::readLine(std::cin, line)) return std::nullopt;
   return line;
 }
 
-int runShell(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    std::cerr << path << ": error: " << std::strerror(errno) << '\n';
-    return kMisused;
+/// Where lines are kept from one shell to the next; empty where there is no place for them.
+std::string historyFile() {
+  const auto variable = [](const char* name) {
+    const char* value = std::getenv(name);
+    return std::filesystem::path(value == nullptr ? "" : value);
+  };
+  auto folder = variable("XDG_STATE_HOME");
+  if (folder.empty()) {
+    const auto home = variable("HOME");
+    if (home.empty()) return {};
+    folder = home / ".local" / "state";
   }
-  Daemon::Switch sw;
-  const auto output = Replay::textOutput(std::cout, isColoured());
-  {
-    Replay::Player player(sw, *output, {.dumpsAtEnd = false});
-    if (player.run(file, path, std::cout, std::cerr) == Replay::Player::Outcome::Refused) {
-      return kMisused;
-    }
-  }
+  folder /= "hostroute";
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  return error ? std::string() : (folder / "history").string();
+}
 
-  const bool isTyped = isTerminal(STDIN_FILENO);
-  if (isTyped) {
+/// The editing of typed lines, and their history.
+class Editor {
+ public:
+  Editor() : history_(historyFile()) {
+    ::rl_initialize();
     ::using_history();
+    ::stifle_history(kLines);
+    if (!history_.empty()) ::read_history(history_.c_str());
     rl_attempted_completion_function = completions;
     static char wordBreaks[] = " \t";
     rl_completer_word_break_characters = wordBreaks;
+    ::rl_parse_and_bind("bind ^C em-kill-line");
   }
-  std::optional<Shell> shell;
-  try {
-    shell.emplace(sw, std::cout, isColoured());
-  } catch (const Kiv::Exception& error) {
-    std::cerr << path << ": error: " << error.what() << '\n';
+  Editor(const Editor&) = delete;
+  Editor& operator=(const Editor&) = delete;
+  ~Editor() {
+    if (history_.empty()) return;
+    const auto former = ::umask(S_IRWXG | S_IRWXO);
+    ::write_history(history_.c_str());
+    ::umask(former);
+  }
+
+ private:
+  static constexpr int kLines = 1000;
+  const std::string history_;
+};
+
+/// Takes the commands from the terminal after the recorded inputs came from standard input.
+void turnToTerminal() {
+  if (std::freopen("/dev/tty", "r", stdin) == nullptr) {
+    throw CommandError("standard input",
+                       "it held the recorded inputs, and there is no terminal for the commands",
+                       kMisused);
+  }
+}
+
+int runShell(const std::string& path) {
+  Input input(path);
+  Daemon::Switch sw;
+  const auto output = Replay::textOutput(std::cout, tableStyle());
+  Replay::Player player(sw, *output, {.dumpsAtEnd = false});
+  if (player.run(input.stream(), path, std::cout, std::cerr, showProgress) ==
+      Replay::Player::Outcome::Refused) {
     return kMisused;
   }
+  if (input.isStandardInput()) turnToTerminal();
+
+  const bool isTyped = isTerminal(STDIN_FILENO);
+  std::optional<Editor> editor;
+  if (isTyped) editor.emplace();
+  std::optional<Shell> shell;
+  try {
+    shell.emplace(sw, player, std::cout, tableStyle());
+  } catch (const Kiv::Exception& error) {
+    throw CommandError(path, error.what(), kMisused);
+  }
   bool failed = false;
-  for (size_t number = 1;; ++number) {
+  for (size_t number = 1; std::cout; ++number) {
     const auto line = isTyped ? editedLine() : plainLine();
     if (!line) break;
+    std::string problem;
+    bool goesOn = true;
     try {
-      if (!shell->execute(*line)) break;
+      if (line->size() > Replay::Player::kMaxLineBytes) throw ShellError("the line is too long");
+      goesOn = shell->execute(*line);
+      problem = player.takeFailures();
     } catch (const std::exception& error) {
-      std::cout.flush();
-      if (!isTyped) std::cerr << "line " << number << ": ";
-      std::cerr << "error: " << error.what() << '\n';
-      failed = failed || !isTyped;
+      problem = error.what();
     }
     std::cout.flush();
+    if (!problem.empty()) {
+      const std::string place = isTyped ? "hostroute shell" : "-:" + std::to_string(number);
+      std::cerr << errorText(place, problem) << '\n';
+      failed = failed || !isTyped;
+    }
+    if (!goesOn) break;
   }
-  if (!std::cout) {
-    std::cerr << "standard output: error: cannot be written\n";
-    return kFailed;
-  }
+  requireOutput();
   return failed ? kFailed : 0;
 }
 
@@ -137,7 +213,9 @@ int runShell(const std::string& path) {
 void addShellCommand(CLI::App& app, int& exitCode) {
   auto* command = app.add_subcommand("shell", kDescription);
   const auto path = std::make_shared<std::string>();
-  command->add_option("file", *path, "The recorded inputs")->type_name("FILE")->required();
+  command->add_option("file", *path, "The recorded inputs; - for standard input")
+      ->type_name("FILE")
+      ->required();
   command->footer(kFooter);
   command->callback([path, &exitCode] { exitCode = runShell(*path); });
 }

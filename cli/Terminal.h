@@ -1,9 +1,13 @@
 // What the commands need to know of the terminal.
 #pragma once
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <iostream>
+
+#include "replay/TextTable.h"
 
 namespace Cli {
 
@@ -16,6 +20,21 @@ inline bool isTerminal(int fd) {
 inline bool isColoured() {
   const char* refused = std::getenv("NO_COLOR");
   return isTerminal(STDOUT_FILENO) && (refused == nullptr || *refused == '\0');
+}
+
+/// How tables are printed on standard output: on a terminal they fit it.
+inline Replay::TextStyle tableStyle() {
+  struct winsize size {};
+  const bool isKnown = isTerminal(STDOUT_FILENO) && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0;
+  return {.coloured = isColoured(), .width = isKnown ? size.ws_col : size_t{0}};
+}
+
+/// Shows how far a long input is, on standard error where that is a terminal; 0 takes it away.
+inline void showProgress(size_t lines) {
+  if (!isTerminal(STDERR_FILENO)) return;
+  std::cerr << "\r\033[K";
+  if (lines != 0) std::cerr << lines << " lines";
+  std::cerr << std::flush;
 }
 
 }  // namespace Cli

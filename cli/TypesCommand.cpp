@@ -5,8 +5,10 @@
 #include <memory>
 #include <string>
 
+#include "cli/Command.h"
 #include "cli/PluginTypes.h"
 #include "replay/Json.h"
+#include "replay/Printable.h"
 
 namespace Cli {
 namespace {
@@ -27,7 +29,7 @@ struct Options {
   bool json = false;
 };
 
-int showTypes(const Options& options) {
+void showTypes(const Options& options) {
   for (const auto& type : pluginTypes(options.file)) {
     if (options.json) {
       std::cout << Replay::JsonObject().add("type", Replay::jsonString(type)).text() << '\n';
@@ -35,7 +37,7 @@ int showTypes(const Options& options) {
       std::cout << type << '\n';
     }
   }
-  return std::cout.flush() ? 0 : 1;
+  requireOutput();
 }
 
 }  // namespace
@@ -43,15 +45,18 @@ int showTypes(const Options& options) {
 void addTypesCommand(CLI::App& app, int& exitCode) {
   auto* command = app.add_subcommand("types", kDescription);
   const auto options = std::make_shared<Options>();
-  command->add_option("file", options->file, "The plug-in")->type_name("FILE.so")->required();
+  command->add_option("file", options->file, "The plug-in; - for standard input")
+      ->type_name("FILE.so")
+      ->required();
   command->add_flag("--json", options->json, "Print one JSON object for each type");
   command->footer(kFooter);
   command->callback([options, &exitCode] {
     try {
-      exitCode = showTypes(*options);
+      showTypes(*options);
     } catch (const PluginError& error) {
-      std::cerr << "hostroute types: error: " << error.what() << '\n';
-      exitCode = 2;
+      std::cout.flush();
+      std::cerr << Replay::printable(error.what()) << '\n';
+      exitCode = kMisused;
     }
   });
 }

@@ -132,9 +132,10 @@ function(hostroute_program name folder)
   endif()
 endfunction()
 
-# hostroute_test(NAME FOLDER DEPENDS TARGET...): a GoogleTest program of the folder's sources.
+# hostroute_test(NAME FOLDER [LABEL LABEL] DEPENDS TARGET...): a GoogleTest program of the folder's
+# sources, whose tests have the label.
 function(hostroute_test name folder)
-  cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL" "DEPENDS" ${ARGN})
   hostroute_targets(depends ${ARG_DEPENDS})
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
   if(NOT sources)
@@ -143,7 +144,8 @@ function(hostroute_test name folder)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE hostroute_options ${depends} GTest::gtest_main)
   include(GoogleTest)
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 600)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 600
+                       LABELS "${ARG_LABEL}")
 endfunction()
 
 # hostroute_benchmark(NAME SOURCE DEPENDS TARGET...): a Google Benchmark program.

@@ -89,6 +89,11 @@ struct Ipv6 : Routing6::Host::Ipv6 {
   }
 };
 
+/// The next hop of an IPv4 via that in truth leads to an IPv6 address (RFC 8950): a via has no room
+/// for one. It is the dummy address that no host may have (RFC 7600), so such a via is not directly
+/// connected.
+inline constexpr Zemit::IpAddr kIpv6NextHop{0xC0000008};
+
 /// The family of an address type.
 template <class Addr>
 using FamilyOf = std::conditional_t<std::is_same_v<Addr, Zemit::IpAddr>, Ipv4, Ipv6>;

@@ -17,15 +17,11 @@ Switch::Switch(Options options)
     KIV_REQUIRE(isSharedName(options_.sharedName),
                 "the name of shared tables may have neither \".\" nor \"/\"");
     removeSharedLeftovers(options_.sharedName);
+    sharedTables_.isOurs = true;
   }
   openShared<Ipv4>();
   openShared<Ipv6>();
   vrf(kDefaultVrf);
-}
-
-Switch::~Switch() {
-  // While the tables are still open: nobody can have taken the names over.
-  if (!options_.sharedName.empty()) Tovan::removeTablesOf(options_.sharedName);
 }
 
 Tovan::Access Switch::access() const {
@@ -53,7 +49,27 @@ Vrf& Switch::vrf(std::string_view name) {
   Vrf& added = vrfs_.emplace(name, std::move(vrf)).first->second;
   newMachine(added, added.routing<Ipv4>());
   newMachine(added, added.routing<Ipv6>());
+  publishState(added);
   return added;
+}
+
+/// Tells the readers of a VRF's route tables how far its machines are.
+void Switch::publishState(const Vrf& vrf) const {
+  if (options_.sharedName.empty()) return;
+  forEachFamily([&](auto family) {
+    using F = decltype(family);
+    const auto& routing = vrf.routing<F>();
+    const auto* machine = routing.machine();
+    routing.routeStatus->stateIs({.loading = loading_,
+                                  .initialized = machine != nullptr && machine->initialized(),
+                                  .synchronized = F::hostRoutesSynced(*vrf.readiness)});
+  });
+}
+
+void Switch::setLoading(bool loading) {
+  if (loading == loading_) return;
+  loading_ = loading;
+  for (const auto& [name, vrf] : vrfs_) publishState(vrf);
 }
 
 template <class F>
@@ -218,9 +234,23 @@ void Switch::setVirtualIp(const Routing::Fhrp::VrfIpPair& virtualIp, bool presen
 
 template <class F>
 void Switch::setInitialized(std::string_view vrf, bool initialized) {
-  if (auto* machine = this->vrf(vrf).template routing<F>().machine()) {
-    machine->initializedIs(initialized);
-  }
+  Vrf& told = this->vrf(vrf);
+  auto* machine = told.template routing<F>().machine();
+  if (machine == nullptr) return;
+  machine->initializedIs(initialized);
+  publishState(told);
+}
+
+void Switch::setRibReady(std::string_view vrf, bool ready) {
+  Vrf& told = this->vrf(vrf);
+  told.readiness->ribReadyIs(ready);
+  publishState(told);
+}
+
+void Switch::setStartRibReadyVerification(std::string_view vrf, bool start) {
+  Vrf& told = this->vrf(vrf);
+  told.readiness->startRibReadyVerificationIs(start);
+  publishState(told);
 }
 
 namespace {

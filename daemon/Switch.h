@@ -87,7 +87,7 @@ class Switch {
   Switch(const Switch&) = delete;
   Switch& operator=(const Switch&) = delete;
   /// Removes the tables from shared memory.
-  ~Switch();
+  ~Switch() = default;
 
   /// The VRF of this name, made if there is none.
   /// \throws Kiv::RangeException when the name is over 100 bytes; Tovan::OpenException.
@@ -141,24 +141,37 @@ class Switch {
   /// Tells a machine that its inputs are complete, or no longer. \throws as setRoute().
   template <class F>
   void setInitialized(std::string_view vrf, bool initialized);
-  void setRibReady(std::string_view vrf, bool ready) {
-    this->vrf(vrf).readiness->ribReadyIs(ready);
-  }
-  void setStartRibReadyVerification(std::string_view vrf, bool start) {
-    this->vrf(vrf).readiness->startRibReadyVerificationIs(start);
-  }
+  void setRibReady(std::string_view vrf, bool ready);
+  void setStartRibReadyVerification(std::string_view vrf, bool start);
+
+  /// Tells the readers of the shared tables whether the inputs that there were at the start are
+  /// still being read, so that more routes are to come at once. They are not, unless told so.
+  void setLoading(bool loading);
 
   /// Deletes a machine. Its root and all tables stay.
   template <class F>
   void teardown(std::string_view vrf) {
-    this->vrf(vrf).template routing<F>().root->routeSmDel();
+    Vrf& torn = this->vrf(vrf);
+    torn.template routing<F>().root->routeSmDel();
+    publishState(torn);
   }
 
  private:
+  /// Takes the tables from shared memory when it goes, also where the switch could not be made.
+  struct SharedTablesRemover {
+    const std::string& sharedName;
+    bool isOurs = false;  ///< whether no other switch has the name
+
+    ~SharedTablesRemover() {
+      if (isOurs) Tovan::removeTablesOf(sharedName);
+    }
+  };
+
   template <class F>
   using NeighborIndex = std::set<std::pair<typename F::Addr, Zemit::IntfId>>;
 
   Tovan::Access access() const;
+  void publishState(const Vrf& vrf) const;
   template <class F>
   void openShared();
   template <class F>
@@ -181,6 +194,9 @@ class Switch {
   std::map<std::string, Vrf, std::less<>> vrfs_;
   /// Where each address is a neighbour, in the order of the addresses. Kept while settling is on.
   std::tuple<NeighborIndex<Ipv4>, NeighborIndex<Ipv6>> neighborIndices_;
+  bool loading_ = false;
+  // Goes first, while the tables are still open: nobody can have taken the names over.
+  SharedTablesRemover sharedTables_{options_.sharedName};
 };
 
 }  // namespace Daemon

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -329,7 +330,7 @@ void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Han
   handleAll(sm.ipIntfStatusFilterKeys());
 }
 
-/// Traces the exception with which a reactor's callback has just ended.
+/// Traces the exception with which a reactor's callback has just ended, and counts it as a failure.
 template <class Machine>
 void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv::Notifiee& reactor,
                      Kiv::AttributeId id) noexcept {
@@ -341,11 +342,13 @@ void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv:
       what = exception.what();
     } catch (...) {
     }
-    KIV_TRACE(facility, 0, sm,
-              "exception in the notification of attribute "
-                  << id << " of " << Kiv::Tracer::objectName(reactor) << ": " << what);
+    std::ostringstream message;
+    message << "exception in the notification of attribute " << id << " of "
+            << Kiv::Tracer::objectName(reactor) << ": " << what;
+    KIV_TRACE(facility, 0, sm, message.str());
+    Kiv::Tracer::failed(facility, sm, __func__, message.str());
   } catch (...) {
-    // Where traces go has failed, or there is no memory to say so: there is nobody else to tell.
+    Kiv::Tracer::failed(facility, sm, __func__, "exception that there is no memory to describe");
   }
 }
 

@@ -4,12 +4,16 @@
 #include <algorithm>
 
 #include "platform/tovan/IntfNames.h"
+#include "replay/Json.h"
 
 namespace Replay {
 
 using nlohmann::json;
 
 Event Event::parse(std::string_view line) {
+  if (nestsTooDeep(line)) {
+    throw EventError("nested deeper than " + std::to_string(kMaxDepth) + " levels");
+  }
   json object;
   try {
     object = json::parse(line);

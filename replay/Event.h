@@ -8,10 +8,12 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include <nlohmann/json.hpp>
 
 #include "daemon/Switch.h"
+#include "replay/HopText.h"
 
 namespace Replay {
 
@@ -66,6 +68,10 @@ class Event {
   template <class F>
   typename F::Fec fec() const;
 
+  /// The next hop in the field "hop" of a via of a FEC; the zero address where there is none.
+  template <class F>
+  typename F::Addr hop() const;
+
   /// Whether the event is about the family of number `family`, by its field "family".
   bool concerns(int family) const { return !has("family") || this->family() == family; }
   int family() const;
@@ -106,6 +112,15 @@ RouteType Event::routeType(const char* field, RouteType byDefault) const {
 }
 
 template <class F>
+typename F::Addr Event::hop() const {
+  if (!has("hop")) return {};
+  if constexpr (std::is_same_v<F, Daemon::Ipv4>) {
+    if (string("hop") == kIpv6NextHopText) return Daemon::kIpv6NextHop;
+  }
+  return value<typename F::Addr>("hop", "an address of the FEC's family");
+}
+
+template <class F>
 typename F::Fec Event::fec() const {
   typename F::Fec fec(number("id", 1, kMaxFecId));
   if (!has("vias") && !present()) return fec;
@@ -116,10 +131,7 @@ typename F::Fec Event::fec() const {
     const Event via(member);
     static constexpr std::string_view kFields[] = {"intf", "hop"};
     via.refuseOthersThan(kFields);
-    const auto hop = via.has("hop")
-                         ? via.value<typename F::Addr>("hop", "an address of the FEC's family")
-                         : typename F::Addr();
-    fec.newVia({.hop = hop, .intf = via.intf()});
+    fec.newVia({.hop = via.hop<F>(), .intf = via.intf()});
   }
   return fec;
 }

@@ -7,6 +7,28 @@
 
 namespace Replay {
 
+bool nestsTooDeep(std::string_view text) {
+  size_t depth = 0;
+  bool inString = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > kMaxDepth) return true;
+    } else if ((c == ']' || c == '}') && depth != 0) {
+      --depth;
+    }
+  }
+  return false;
+}
+
 std::string jsonString(std::string_view text) {
   const auto isPlain = [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; };
   if (std::all_of(text.begin(), text.end(), isPlain)) {
@@ -25,6 +47,15 @@ std::string JsonObject::text() {
   return text += '}';
 }
 
+std::vector<std::string> JsonObject::pieces() {
+  std::sort(members_.begin(), members_.end());
+  std::vector<std::string> pieces;
+  for (const auto& [name, value] : members_) {
+    pieces.push_back("{" + jsonString(name) + ":" + value + "}");
+  }
+  return pieces;
+}
+
 std::string JsonList::text() {
   std::sort(elements_.begin(), elements_.end());
   std::string text = "[";
@@ -33,6 +64,13 @@ std::string JsonList::text() {
     text += element;
   }
   return text += ']';
+}
+
+std::vector<std::string> JsonList::pieces() {
+  std::sort(elements_.begin(), elements_.end());
+  std::vector<std::string> pieces;
+  for (const std::string& element : elements_) pieces.push_back("[" + element + "]");
+  return pieces;
 }
 
 }  // namespace Replay

@@ -1,12 +1,19 @@
 // JSON text put together piece by piece, so that what belongs together sorts together.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 namespace Replay {
+
+/// How deeply lists and objects may stand inside one another in what is read.
+inline constexpr size_t kMaxDepth = 64;
+/// True when those of a JSON text do so more deeply. Who parses or prints such a text descends
+/// level by level, on a stack that has an end.
+bool nestsTooDeep(std::string_view text);
 
 /// `text` as a JSON string. Bytes that are not UTF-8 become U+FFFD.
 std::string jsonString(std::string_view text);
@@ -23,6 +30,8 @@ class JsonObject {
     return *this;
   }
   std::string text();
+  /// The members by name, each as a JSON object of its own.
+  std::vector<std::string> pieces();
 
  private:
   std::vector<std::pair<std::string, std::string>> members_;
@@ -37,6 +46,8 @@ class JsonList {
     return *this;
   }
   std::string text();
+  /// The elements in that order, each as a JSON list of its own.
+  std::vector<std::string> pieces();
 
  private:
   std::vector<std::string> elements_;

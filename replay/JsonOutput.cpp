@@ -1,4 +1,6 @@
 // What a replay prints for programs.
+#include <type_traits>
+
 #include "replay/Json.h"
 #include "replay/Output.h"
 #include "replay/ShownRoute.h"
@@ -27,28 +29,79 @@ std::string keyText(const Value& value) {
 
 /// The keys of a set of values, from an iterator on it.
 template <class Iterator>
-std::string keysJson(Iterator it) {
+JsonList keysJson(Iterator it) {
   JsonList list;
   for (; it; ++it) list.add(valueJson(it.key()));
-  return list.text();
+  return list;
 }
 
 /// A map of texts, from an iterator on the entries; `valueText` gives the JSON text of a value.
 template <class Iterator, class ValueText>
-std::string mapJson(Iterator it, ValueText valueText) {
+JsonObject mapJson(Iterator it, ValueText valueText) {
   JsonObject object;
   for (; it; ++it) object.add(keyText(it.key()), valueText(it.value()));
-  return object.text();
+  return object;
 }
 
 template <class F, class Table, class Tables, class IsShown>
-std::string routesJson(const Table& table, const Tables& tables, IsShown isShown) {
+JsonList routesJson(const Table& table, const Tables& tables, IsShown isShown) {
   JsonList list;
   for (const auto& shown : shownRoutes<F>(table, tables, isShown)) {
     list.add(routeJson<F>(shown).text());
   }
-  return list.text();
+  return list;
 }
+
+/// The state of one machine as one object.
+class WholeDump {
+ public:
+  template <class F>
+  explicit WholeDump(std::type_identity<F>, const Daemon::Vrf& vrf) {
+    dump_.add("vrf", jsonString(vrf.name.value())).add("family", std::to_string(F::kNumber));
+  }
+  /// Adds a member with the JSON text of its value.
+  void add(std::string_view name, std::string value) { dump_.add(name, std::move(value)); }
+  /// Adds a member that is a JsonList or a JsonObject.
+  template <class Collection>
+  void add(std::string_view name, Collection collection) {
+    dump_.add(name, collection.text());
+  }
+  std::string text() { return JsonObject().add("dump", dump_.text()).text(); }
+
+ private:
+  JsonObject dump_;
+};
+
+/// The same in pieces, each an object on a line: first all that is neither a list nor a map, then
+/// each element of those.
+class DumpInPieces {
+ public:
+  template <class F>
+  explicit DumpInPieces(std::type_identity<F>, const Daemon::Vrf& vrf, std::ostream& os)
+      : os_(os), vrf_(jsonString(vrf.name.value())), family_(std::to_string(F::kNumber)) {}
+  void add(std::string_view name, std::string value) { single_.add(name, std::move(value)); }
+  template <class Collection>
+  void add(std::string_view name, Collection collection) {
+    if (!isBegun_) print(single_);
+    isBegun_ = true;
+    for (std::string& piece : collection.pieces()) {
+      JsonObject dump;
+      print(dump.add(name, std::move(piece)));
+    }
+  }
+
+ private:
+  void print(JsonObject& dump) {
+    dump.add("vrf", vrf_).add("family", family_);
+    os_ << JsonObject().add("dump", dump.text()).text() << '\n';
+  }
+
+  std::ostream& os_;
+  const std::string vrf_;
+  const std::string family_;
+  JsonObject single_;
+  bool isBegun_ = false;
+};
 
 template <class F>
 JsonObject adjacencyJson(const typename F::ViaSet& vias, uint32_t users) {
@@ -58,58 +111,32 @@ JsonObject adjacencyJson(const typename F::ViaSet& vias, uint32_t users) {
 }
 
 /// What only one family's root has, or has under another name.
-void addFamilyJson(const Routing::Host::RouteSmRoot& root, JsonObject& dump) {
+template <class Dump>
+void addFamilyJson(const Routing::Host::RouteSmRoot& root, Dump& dump) {
   dump.add("arpRoute", mapJson(root.arpRouteIteratorConst(), [](const auto& addrs) {
-             return keysJson(addrs->ipIteratorConst());
+             return keysJson(addrs->ipIteratorConst()).text();
            }));
   dump.add("intfNameToAddrWithMask", mapJson(root.intfNameToAddrWithMaskIteratorConst(),
                                              [](const auto& addr) { return valueJson(addr); }));
   dump.add("intfNameToSecondaryAddrWithMask",
-           mapJson(root.intfNameToSecondaryAddrWithMaskIteratorConst(),
-                   [](const auto& addrs) { return keysJson(addrs->addrWithMaskIteratorConst()); }));
+           mapJson(root.intfNameToSecondaryAddrWithMaskIteratorConst(), [](const auto& addrs) {
+             return keysJson(addrs->addrWithMaskIteratorConst()).text();
+           }));
 }
-void addFamilyJson(const Routing6::Host::RouteSmRoot& root, JsonObject& dump) {
+template <class Dump>
+void addFamilyJson(const Routing6::Host::RouteSmRoot& root, Dump& dump) {
   dump.add("neighRoute", mapJson(root.neighRouteIteratorConst(), [](const auto& addrs) {
-             return keysJson(addrs->ipIteratorConst());
+             return keysJson(addrs->ipIteratorConst()).text();
            }));
   dump.add("intfNameToAddrWithMask",
-           mapJson(root.intfNameToAddrWithMaskIteratorConst(),
-                   [](const auto& addrs) { return keysJson(addrs->addrWithMaskIteratorConst()); }));
+           mapJson(root.intfNameToAddrWithMaskIteratorConst(), [](const auto& addrs) {
+             return keysJson(addrs->addrWithMaskIteratorConst()).text();
+           }));
 }
 
-class JsonOutput final : public Output {
- public:
-  explicit JsonOutput(std::ostream& os) : os_(os) {}
-
-  void dump(const Daemon::Switch& sw, const DumpSelection& selection) override {
-    for (const Daemon::Vrf* vrf : selection.vrfs) {
-      if (selection.ipv4) os_ << dumpJson<Ipv4>(sw, *vrf) << '\n';
-      if (selection.ipv6) os_ << dumpJson<Ipv6>(sw, *vrf) << '\n';
-    }
-  }
-
-  void trace(const Kiv::TraceRecord& record) override {
-    JsonObject trace;
-    trace.add("facility", jsonString(record.facility))
-        .add("level", std::to_string(record.level))
-        .add("object", jsonString(record.objectName))
-        .add("function", jsonString(record.functionName))
-        .add("message", jsonString(record.message));
-    os_ << JsonObject().add("trace", trace.text()).text() << '\n';
-  }
-
-  void event(size_t number, std::string_view) override {
-    os_ << JsonObject().add("event", std::to_string(number)).text() << '\n';
-  }
-
- private:
-  std::ostream& os_;
-};
-
-}  // namespace
-
-template <class F>
-std::string dumpJson(const Daemon::Switch& sw, const Daemon::Vrf& vrf) {
+/// Adds what there is to say of one machine to `dump`, single values first.
+template <class F, class Dump>
+void describe(const Daemon::Switch& sw, const Daemon::Vrf& vrf, Dump& dump) {
   const auto& routing = vrf.routing<F>();
   const auto& root = *routing.root;
   const auto& forwarding = *sw.shared<F>().forwarding;
@@ -131,39 +158,82 @@ std::string dumpJson(const Daemon::Switch& sw, const Daemon::Vrf& vrf) {
   });
 
   const auto* machine = routing.machine();
-  JsonObject dump;
-  dump.add("vrf", jsonString(vrf.name.value()))
-      .add("family", std::to_string(F::kNumber))
-      .add("initialized", machine == nullptr ? "null" : jsonBool(machine->initialized()))
-      .add("routeTable", routesJson<F>(*routing.routeStatus, forwarding, isHost))
-      .add("receiveTable", routesJson<F>(receiveTable, receiveTable, all))
-      .add(neighborTable.name().view(), routesJson<F>(neighborTable, neighborTable, all))
-      .add("prefixToRoute", mapJson(root.prefixToRouteIteratorConst(),
-                                    [&](const auto& route) {
-                                      const auto vias = viasOf<F>(forwarding, route.fecId);
-                                      return routeJson<F>({route, vias}).text();
-                                    }))
-      .add("prefixToAdjacency", mapJson(root.prefixToAdjacencyIteratorConst(),
-                                        [](const auto& fecId) { return std::to_string(fecId); }))
-      .add("adjacencyToPrefix",
+  dump.add("initialized", machine == nullptr ? "null" : jsonBool(machine->initialized()));
+  dump.add("hostRoutesSynced", jsonBool(F::hostRoutesSynced(*vrf.readiness)));
+  dump.add("ready", jsonBool(vrf.readiness->routeStatus(F::kReadyKind)->ready()));
+  dump.add("routeTable", routesJson<F>(*routing.routeStatus, forwarding, isHost));
+  dump.add("receiveTable", routesJson<F>(receiveTable, receiveTable, all));
+  dump.add(neighborTable.name().view(), routesJson<F>(neighborTable, neighborTable, all));
+  dump.add("prefixToRoute", mapJson(root.prefixToRouteIteratorConst(), [&](const auto& route) {
+             return routeJson<F>({route, viasOf<F>(forwarding, route.fecId)}).text();
+           }));
+  dump.add("prefixToAdjacency", mapJson(root.prefixToAdjacencyIteratorConst(),
+                                        [](const auto& fecId) { return std::to_string(fecId); }));
+  dump.add("adjacencyToPrefix",
            mapJson(root.adjacencyToPrefixIteratorConst(),
-                   [](const auto& list) { return keysJson(list->prefixIteratorConst()); }))
-      .add("receiveAddrToIntfName", mapJson(root.receiveAddrToIntfNameIteratorConst(),
-                                            [](const auto& name) { return jsonString(name); }))
-      .add("toMerge", keysJson(root.toMerge()->ipIteratorConst()))
-      .add("hostAdjacencies", hostAdjacencies.text())
-      .add("fibAdjacencies", fibAdjacencies.text())
-      .add("hostRoutesSynced", jsonBool(F::hostRoutesSynced(*vrf.readiness)))
-      .add("ready", jsonBool(vrf.readiness->routeStatus(F::kReadyKind)->ready()));
+                   [](const auto& list) { return keysJson(list->prefixIteratorConst()).text(); }));
+  dump.add("receiveAddrToIntfName", mapJson(root.receiveAddrToIntfNameIteratorConst(),
+                                            [](const auto& name) { return jsonString(name); }));
+  dump.add("toMerge", keysJson(root.toMerge()->ipIteratorConst()));
+  dump.add("hostAdjacencies", std::move(hostAdjacencies));
+  dump.add("fibAdjacencies", std::move(fibAdjacencies));
   addFamilyJson(root, dump);
-  return JsonObject().add("dump", dump.text()).text();
+}
+
+class JsonOutput final : public Output {
+ public:
+  JsonOutput(std::ostream& os, bool inPieces) : os_(os), inPieces_(inPieces) {}
+
+  void dump(const Daemon::Switch& sw, const DumpSelection& selection) override {
+    for (const Daemon::Vrf* vrf : selection.vrfs) {
+      if (selection.ipv4) dump<Ipv4>(sw, *vrf);
+      if (selection.ipv6) dump<Ipv6>(sw, *vrf);
+    }
+  }
+
+  void trace(const Kiv::TraceRecord& record) override {
+    JsonObject trace;
+    trace.add("facility", jsonString(record.facility))
+        .add("level", std::to_string(record.level))
+        .add("object", jsonString(record.objectName))
+        .add("function", jsonString(record.functionName))
+        .add("message", jsonString(record.message));
+    os_ << JsonObject().add("trace", trace.text()).text() << '\n';
+  }
+
+  void event(size_t number, std::string_view) override {
+    os_ << JsonObject().add("event", std::to_string(number)).text() << '\n';
+  }
+
+ private:
+  template <class F>
+  void dump(const Daemon::Switch& sw, const Daemon::Vrf& vrf) {
+    if (inPieces_) {
+      DumpInPieces pieces(std::type_identity<F>(), vrf, os_);
+      describe<F>(sw, vrf, pieces);
+    } else {
+      os_ << dumpJson<F>(sw, vrf) << '\n';
+    }
+  }
+
+  std::ostream& os_;
+  const bool inPieces_;
+};
+
+}  // namespace
+
+template <class F>
+std::string dumpJson(const Daemon::Switch& sw, const Daemon::Vrf& vrf) {
+  WholeDump dump(std::type_identity<F>(), vrf);
+  describe<F>(sw, vrf, dump);
+  return dump.text();
 }
 
 template std::string dumpJson<Ipv4>(const Daemon::Switch&, const Daemon::Vrf&);
 template std::string dumpJson<Ipv6>(const Daemon::Switch&, const Daemon::Vrf&);
 
-std::unique_ptr<Output> jsonOutput(std::ostream& os) {
-  return std::make_unique<JsonOutput>(os);
+std::unique_ptr<Output> jsonOutput(std::ostream& os, bool inPieces) {
+  return std::make_unique<JsonOutput>(os, inPieces);
 }
 
 }  // namespace Replay

@@ -8,6 +8,7 @@
 
 #include "daemon/Switch.h"
 #include "platform/kiv/Trace.h"
+#include "replay/TextTable.h"
 
 namespace Replay {
 
@@ -31,9 +32,12 @@ class Output {
 };
 
 /// One JSON object on each line, keys sorted, lists sorted by the JSON text of their elements.
-std::unique_ptr<Output> jsonOutput(std::ostream& os);
-/// Aligned tables; headings stand out when `coloured`.
-std::unique_ptr<Output> textOutput(std::ostream& os, bool coloured);
+///
+/// \param inPieces  whether a dump is to be many lines: one with the single values, and one for
+///                  each element of its lists and maps.
+std::unique_ptr<Output> jsonOutput(std::ostream& os, bool inPieces = false);
+/// Aligned tables.
+std::unique_ptr<Output> textOutput(std::ostream& os, const TextStyle& style = {});
 
 /// The state of one machine as a JSON object, which has the one member "dump".
 template <class F>

@@ -6,6 +6,9 @@
 #include <iterator>
 #include <limits>
 #include <type_traits>
+#include <utility>
+
+#include "replay/Printable.h"
 
 namespace Replay {
 namespace {
@@ -167,8 +170,8 @@ void enableTraces(uint32_t levels) {
 
 }  // namespace
 
-Tracing::Tracing(Output& output, uint32_t levels) {
-  Kiv::Tracer::sinkIs([&output](const Kiv::TraceRecord& record) { output.trace(record); });
+Tracing::Tracing(Output& output, uint32_t levels) : output_(output) {
+  Kiv::Tracer::sinkIs([this](const Kiv::TraceRecord& record) { trace(record); });
   enableTraces(levels);
 }
 
@@ -177,8 +180,46 @@ Tracing::~Tracing() {
   Kiv::Tracer::sinkIs({});
 }
 
+/// Prints a record. An object that it names by its address, at the start, gets a number instead, so
+/// that two runs print the same.
+void Tracing::trace(const Kiv::TraceRecord& record) {
+  constexpr std::string_view kStart = "0x";
+  const std::string_view message = record.message;
+  const size_t end = message.starts_with(kStart)
+                         ? message.find_first_not_of("0123456789abcdef", kStart.size())
+                         : message.npos;
+  if (end == message.npos || !message.substr(end).starts_with("::")) return output_.trace(record);
+  const auto known = objectNumbers_.find(message.substr(0, end));
+  const size_t number =
+      known != objectNumbers_.end()
+          ? known->second
+          : objectNumbers_.emplace(message.substr(0, end), objectNumbers_.size() + 1).first->second;
+  const std::string numbered =
+      "object " + std::to_string(number) + std::string(message.substr(end));
+  Kiv::TraceRecord shown = record;
+  shown.message = numbered;
+  output_.trace(shown);
+}
+
 Player::Player(Daemon::Switch& sw, Output& output, const Options& options)
-    : sw_(sw), output_(output), options_(options) {}
+    : sw_(sw), output_(output), options_(options) {
+  Kiv::Tracer::failureSinkIs([this](const Kiv::TraceRecord& record) {
+    if (failures_++ != 0) return;
+    firstFailure_ = std::string("VRF ").append(record.objectName).append(": ");
+    firstFailure_ += record.message;
+  });
+}
+
+Player::~Player() {
+  Kiv::Tracer::failureSinkIs({});
+}
+
+std::string Player::takeFailures() {
+  const size_t more = std::exchange(failures_, 0);
+  std::string text = std::exchange(firstFailure_, {});
+  if (more > 1) text += " (and " + std::to_string(more - 1) + " more)";
+  return text;
+}
 
 void Player::apply(std::string_view line) {
   const Event event = Event::parse(line);
@@ -207,19 +248,67 @@ void Player::dumpAll() {
   output_.dump(sw_, selection);
 }
 
+bool readLine(std::istream& in, std::string& line) {
+  line.clear();
+  std::array<char, 4096> piece;
+  for (;;) {
+    in.getline(piece.data(), piece.size());
+    const auto taken = static_cast<size_t>(in.gcount());
+    if (in.good()) {
+      line.append(piece.data(), taken - 1);  // without the line feed
+      return true;
+    }
+    line.append(piece.data(), taken);
+    if (in.bad() || in.eof()) return !in.bad() && !line.empty();
+    // The piece is full, or the line feed is what would stand behind it.
+    if (line.size() > Player::kMaxLineBytes) return true;
+    in.clear();
+  }
+}
+
 Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostream& out,
                             std::ostream& errors, const std::function<void(size_t)>& progress) {
   constexpr size_t kProgressLines = 1 << 14;
+  constexpr size_t kReportedFailures = 10;
   Outcome outcome = Outcome::Done;
   size_t number = 0;
-  const auto report = [&](const char* what) {
+  size_t failures = 0;
+  size_t lastFailure = 0;
+  const auto report = [&](const std::string& what) {
     out.flush();
-    errors << name << ':' << number << ": error: " << what << std::endl;
+    errors << printable(name) << ':' << number << ": error: " << printable(what) << std::endl;
   };
+  const auto failed = [&](const std::string& what) {
+    outcome = Outcome::Failed;
+    lastFailure = number;
+    if (++failures <= kReportedFailures) report(what);
+  };
+  const auto ended = [&] {
+    sw_.setLoading(false);
+    if (progress) progress(0);
+    out.flush();
+    if (failures > kReportedFailures) {
+      errors << printable(name) << ": error: a machine failed on " << failures - kReportedFailures
+             << " more lines, the last is " << lastFailure << std::endl;
+    }
+  };
+  sw_.setLoading(true);
   for (std::string line;;) {
-    if (in.rdbuf()->in_avail() <= 0) out.flush();
-    if (!std::getline(in, line)) break;
+    if (in.rdbuf()->in_avail() <= 0) {
+      sw_.setLoading(false);
+      out.flush();
+    }
+    if (!out) {
+      ended();
+      return outcome;
+    }
+    if (!readLine(in, line)) break;
     ++number;
+    if (line.size() > kMaxLineBytes) {
+      ended();
+      report("the line is longer than " + std::to_string(kMaxLineBytes >> 20) + " MiB");
+      return Outcome::Refused;
+    }
     if (progress && number % kProgressLines == 0) progress(number);
     const auto start = line.find_first_not_of(" \t\r");
     if (start == line.npos || line[start] == '#') continue;
@@ -227,14 +316,16 @@ Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostr
     try {
       apply(line);
     } catch (const EventError& error) {
+      ended();
       report(error.what());
       return Outcome::Refused;
     } catch (const Pindo::Exception& error) {
       // As the daemon would: the event is done as far as it went, and the next one comes.
-      report(error.what());
-      outcome = Outcome::Failed;
+      failed(error.what());
     }
+    if (failures_ != 0) failed(takeFailures());
   }
+  ended();
   if (in.bad()) {
     report("the rest of the input cannot be read");
     return Outcome::Refused;

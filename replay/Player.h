@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <istream>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -28,6 +29,12 @@ class Tracing {
   Tracing(const Tracing&) = delete;
   Tracing& operator=(const Tracing&) = delete;
   ~Tracing();
+
+ private:
+  void trace(const Kiv::TraceRecord& record);
+
+  Output& output_;
+  std::map<std::string, size_t, std::less<>> objectNumbers_;  // by the address as it is traced
 };
 
 /// Feeds events to a switch and prints what comes of it.
@@ -43,23 +50,33 @@ class Player {
     Failed,   ///< an event made a machine fail; all were read
     Refused,  ///< a line was no event, or could not be read; the rest was not read
   };
+  /// How long a line may be.
+  static constexpr size_t kMaxLineBytes = size_t{16} << 20;
 
   /// `sw` and `output` outlive the replay.
   Player(Daemon::Switch& sw, Output& output, const Options& options);
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
+  ~Player();
 
   /// Does what one line says. \throws EventError, having done nothing; Pindo::Exception from a
   /// machine, which has then not done all that the event asked of it.
   void apply(std::string_view line);
+  /// What callbacks of machines have failed with since the last call, for people: the first, and
+  /// how many more. Empty when none has. Such a machine has not done all that an event asked of it.
+  std::string takeFailures();
   /// Prints the state of all machines.
   void dumpAll();
 
   /// Does what the lines of `in` say, and the final dump. `out` is what the output prints to: it is
-  /// flushed before an error and before waiting for more input.
+  /// flushed before an error and before waiting for more input. Once it fails, nothing more is read
+  /// or printed.
+  ///
+  /// The switch is loading until all input that there is has been read.
   ///
   /// \param name      what error messages call the input.
-  /// \param progress  called every few thousand lines with the number of lines read; may be empty.
+  /// \param progress  called every few thousand lines with the number of lines read, and then with
+  ///                  0 at the end of the input, before the final dump; may be empty.
   Outcome run(std::istream& in, const std::string& name, std::ostream& out, std::ostream& errors,
               const std::function<void(size_t)>& progress = {});
 
@@ -69,7 +86,13 @@ class Player {
   Daemon::Switch& sw_;
   Output& output_;
   const Options options_;
+  size_t failures_ = 0;  // that takeFailures() is to tell of
+  std::string firstFailure_;
 };
+
+/// Reads a line, of a longer one so much that it is over Player::kMaxLineBytes. Returns false at
+/// the end, or when the rest cannot be read.
+bool readLine(std::istream& in, std::string& line);
 
 /// The levels that a list such as "0,2,7" or "all" names, a bit for each.
 std::optional<uint32_t> parseTraceLevels(std::string_view text);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "daemon/Family.h"
+#include "replay/HopText.h"
 #include "replay/Json.h"
 
 namespace Replay {
@@ -64,7 +65,7 @@ std::string viasJson(const Vias<F>& vias) {
   JsonList list;
   for (const auto& via : vias) {
     list.add(JsonObject()
-                 .add("hop", jsonString(toString(via.hop)))
+                 .add("hop", jsonString(hopText(via.hop)))
                  .add("intf", jsonString(via.intf.name()))
                  .text());
   }
@@ -92,7 +93,7 @@ std::string viasText(const Vias<F>& vias) {
   std::string text;
   for (const auto& via : vias) {
     if (!text.empty()) text += ", ";
-    if (!via.hop.isZero()) text.append(toString(via.hop)).append(" ");
+    if (!via.hop.isZero()) text.append(hopText(via.hop)).append(" ");
     text += via.intf.name();
   }
   return text.empty() ? "-" : text;

@@ -1,8 +1,10 @@
 // What a replay prints for people.
 #include <map>
+#include <sstream>
 #include <string>
 
 #include "replay/Output.h"
+#include "replay/Printable.h"
 #include "replay/ShownRoute.h"
 #include "replay/TextTable.h"
 
@@ -14,8 +16,8 @@ struct DumpTables {
   TextTable hostRoutes{{"VRF", "FAMILY", "PREFIX", "TYPE", "METRIC", "VIA"}};
   TextTable receiveAddrs{{"VRF", "FAMILY", "INTERFACE", "RECEIVED THERE"}};
   TextTable fibRoutes{{"VRF", "FAMILY", "FIB ROUTE", "TYPE", "FEC", "HOSTS", "VIA"}};
-  TextTable machines{{"VRF", "FAMILY", "INITIALIZED", "READY", "SYNCHRONIZED", "DEFERRED",
-                      "HOST ADJACENCIES", "FIB ADJACENCIES"}};
+  TextTable machines{
+      {"VRF", "FAMILY", "INITIALIZED", "READY", "SYNCHRONIZED", "DEFERRED", "HOST ADJ", "FIB ADJ"}};
 };
 
 std::string yesOrNo(bool value) {
@@ -69,7 +71,7 @@ void addRows(const Daemon::Switch& sw, const Daemon::Vrf& vrf, DumpTables& table
 
 class TextOutput final : public Output {
  public:
-  TextOutput(std::ostream& os, bool coloured) : os_(os), coloured_(coloured) {}
+  TextOutput(std::ostream& os, const TextStyle& style) : os_(os), style_(style) {}
 
   void dump(const Daemon::Switch& sw, const DumpSelection& selection) override {
     DumpTables tables;
@@ -87,27 +89,31 @@ class TextOutput final : public Output {
     print(tables.machines);
   }
 
-  void trace(const Kiv::TraceRecord& record) override { os_ << record << '\n'; }
+  void trace(const Kiv::TraceRecord& record) override {
+    std::ostringstream text;
+    text << record;
+    os_ << printable(text.view()) << '\n';
+  }
 
   void event(size_t number, std::string_view line) override {
-    os_ << "line " << number << ": " << line << '\n';
+    os_ << "line " << number << ": " << printable(line) << '\n';
   }
 
  private:
   void print(const TextTable& table) {
     if (table.empty()) return;
-    table.print(os_, coloured_);
+    table.print(os_, style_);
     os_ << '\n';
   }
 
   std::ostream& os_;
-  const bool coloured_;
+  const TextStyle style_;
 };
 
 }  // namespace
 
-std::unique_ptr<Output> textOutput(std::ostream& os, bool coloured) {
-  return std::make_unique<TextOutput>(os, coloured);
+std::unique_ptr<Output> textOutput(std::ostream& os, const TextStyle& style) {
+  return std::make_unique<TextOutput>(os, style);
 }
 
 }  // namespace Replay

@@ -3,30 +3,53 @@
 
 #include <algorithm>
 
+#include "replay/Printable.h"
+
 namespace Replay {
 namespace {
 
+/// Whether a byte begins a character of a UTF-8 text.
+bool begins(char c) {
+  return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+}
+
 /// How many characters a UTF-8 text shows.
 size_t width(const std::string& text) {
-  const auto begins = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; };
   return static_cast<size_t>(std::count_if(text.begin(), text.end(), begins));
+}
+
+/// Cuts what is over `columns` characters and marks the cut.
+void fit(std::string& line, size_t columns) {
+  if (columns == 0 || width(line) <= columns) return;
+  size_t end = 0;
+  for (size_t shown = 0; end < line.size(); ++end) {
+    if (begins(line[end]) && ++shown == columns) break;
+  }
+  line.replace(end, line.npos, ">");
 }
 
 }  // namespace
 
-void TextTable::print(std::ostream& os, bool coloured) const {
+void TextTable::add(std::vector<std::string> row) {
+  for (std::string& text : row) text = printable(text);
+  rows_.push_back(std::move(row));
+}
+
+void TextTable::print(std::ostream& os, const TextStyle& style) const {
   constexpr size_t kGap = 2;
   std::vector<size_t> widths(rows_.front().size());
   for (const auto& row : rows_) {
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
   }
   for (const auto& row : rows_) {
-    const bool isHeading = coloured && &row == &rows_.front();
-    if (isHeading) os << "\033[1m";
+    std::string line;
     for (size_t i = 0; i + 1 < row.size(); ++i) {
-      os << row[i] << std::string(widths[i] - width(row[i]) + kGap, ' ');
+      line.append(row[i]).append(widths[i] - width(row[i]) + kGap, ' ');
     }
-    os << row.back() << (isHeading ? "\033[0m\n" : "\n");
+    line += row.back();
+    fit(line, style.width);
+    const bool isHeading = style.coloured && &row == &rows_.front();
+    os << (isHeading ? "\033[1m" : "") << line << (isHeading ? "\033[0m\n" : "\n");
   }
 }
 

@@ -4,8 +4,9 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # Debian 12 packages, by what they are needed for.
-buildPackages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libelf-dev libedit-dev)
-testPackages=(libgtest-dev pkg-config binutils)
+buildPackages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libelf-dev libedit-dev
+  libmnl-dev libsystemd-dev libtomlplusplus-dev pkg-config)
+testPackages=(libgtest-dev pkg-config binutils python3 iproute2 iputils-ping procps)
 benchPackages=(libbenchmark-dev liblmdb-dev libboost1.81-dev libabsl-dev libdpdk-dev pkg-config)
 checkPackages=(clang-format-14 clang-tidy-14 python3)
 fuzzPackages=(clang-14 libclang-rt-14-dev)

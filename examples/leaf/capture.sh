@@ -137,9 +137,9 @@ leaf neigh add 10.1.20.50 lladdr 02:00:00:00:03:50 dev Vlan20 nud permanent
 sleep 1
 
 cd "$directory"
-leaf -d -j -p link > link.json
-leaf -j -p addr > addr.json
-leaf -j -p neigh > neigh.json
-leaf -4 -j -p route show table all > route4.json
-leaf -6 -j -p route show table all > route6.json
-leaf -j -p nexthop > nexthop.json
+leaf -N -d -j -p link > link.json
+leaf -N -j -p addr > addr.json
+leaf -N -j -p neigh > neigh.json
+leaf -N -4 -j -p route show table all > route4.json
+leaf -N -6 -j -p route show table all > route6.json
+leaf -N -j -p nexthop > nexthop.json

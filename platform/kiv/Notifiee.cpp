@@ -87,6 +87,7 @@ void Notifiee::notifierIsGone() noexcept {
 }
 
 void NotifierList::add(Notifiee& notifiee) {
+  notifiee.slot_ = static_cast<uint32_t>(slots_.size());
   slots_.push_back(&notifiee);
   ++count_;
   quiet_ += notifiee.isQuiet() ? 1 : 0;
@@ -94,17 +95,21 @@ void NotifierList::add(Notifiee& notifiee) {
 }
 
 void NotifierList::remove(Notifiee& notifiee) noexcept {
-  const auto slot = std::find(slots_.begin(), slots_.end(), &notifiee);
-  if (slot == slots_.end()) return;
+  if (notifiee.slot_ >= slots_.size() || slots_[notifiee.slot_] != &notifiee) return;
+  slots_[notifiee.slot_] = nullptr;
   --count_;
   quiet_ -= notifiee.isQuiet() ? 1 : 0;
   alertIsStale_ = true;
-  if (walks_ == 0) {
-    slots_.erase(slot);
-  } else {
-    *slot = nullptr;
+  if (walks_ != 0) {
     std::replace(alert_.begin(), alert_.end(), &notifiee, static_cast<Notifiee*>(nullptr));
+  } else if (count_ <= slots_.size() / 2) {
+    closeGaps();
   }
+}
+
+void NotifierList::closeGaps() noexcept {
+  std::erase(slots_, nullptr);
+  for (uint32_t slot = 0; slot < slots_.size(); ++slot) slots_[slot]->slot_ = slot;
 }
 
 void NotifierList::quietChanged(Notifiee& notifiee) noexcept {
@@ -116,9 +121,7 @@ void NotifierList::quietChanged(Notifiee& notifiee) noexcept {
 /// Has the walks over alert_ that are under way come to `notifiee`, if it was there when they
 /// began.
 void NotifierList::wake(Notifiee& notifiee) noexcept {
-  const auto judged =
-      slots_.begin() + static_cast<std::ptrdiff_t>(std::min(judged_, slots_.size()));
-  if (std::find(slots_.begin(), judged, &notifiee) == judged) return;
+  if (notifiee.slot_ >= judged_) return;
   if (std::find(alert_.begin(), alert_.end(), &notifiee) != alert_.end()) return;
   // There is room for all that were judged; without it no walk is over alert_.
   if (alert_.size() != alert_.capacity()) alert_.push_back(&notifiee);
@@ -132,8 +135,9 @@ const std::vector<Notifiee*>& NotifierList::toTell() {
     alert_.clear();
     alert_.reserve(slots_.size());
     judged_ = slots_.size();
-    std::copy_if(slots_.begin(), slots_.end(), std::back_inserter(alert_),
-                 [](const Notifiee* notifiee) { return !notifiee->isQuiet(); });
+    std::copy_if(
+        slots_.begin(), slots_.end(), std::back_inserter(alert_),
+        [](const Notifiee* notifiee) { return notifiee != nullptr && !notifiee->isQuiet(); });
     alertIsStale_ = false;
   }
   return alert_;
@@ -155,7 +159,7 @@ void NotifierList::endWalk() noexcept {
   if (orphaned_) {
     delete this;
   } else if (count_ != slots_.size()) {
-    std::erase(slots_, nullptr);
+    closeGaps();
   }
 }
 

@@ -24,7 +24,7 @@ class SnapshotIterator;
 class Notifiee : public Object {
  public:
   /// Whether a notifiee keeps its notifier alive.
-  enum class Hold { kStrong, kWeak };
+  enum class Hold : uint8_t { kStrong, kWeak };
 
   ~Notifiee() override;
 
@@ -110,6 +110,7 @@ class Notifiee : public Object {
   const Entity* notifier_ = nullptr;
   SnapshotIterator* walk_ = nullptr;  // the innermost one that stands here
   Ptr<ActivityConfig> activity_;
+  uint32_t slot_ = 0;  // where it stands in the notifier's list, while registered
   Hold hold_;
   bool registered_ = false;
   bool active_ = true;
@@ -141,6 +142,7 @@ class NotifierList {
  public:
   bool empty() const noexcept { return count_ == 0; }
   void add(Notifiee& notifiee);
+  /// Takes constant time, averaged over the removals.
   void remove(Notifiee& notifiee) noexcept;
   /// A notifiee in the list has become quiet, or is so no longer.
   void quietChanged(Notifiee& notifiee) noexcept;
@@ -154,10 +156,11 @@ class NotifierList {
   friend class SnapshotIterator;
   ~NotifierList() = default;
   void endWalk() noexcept;
+  void closeGaps() noexcept;
 
   void wake(Notifiee& notifiee) noexcept;
 
-  std::vector<Notifiee*> slots_;  // null: left while a walk was under way
+  std::vector<Notifiee*> slots_;  // null: has left
   // Those of the first `judged_` in slots_ that are not quiet, and behind them those that ceased to
   // be so during a walk; see alertIsStale_.
   std::vector<Notifiee*> alert_;

@@ -20,6 +20,11 @@ Tracer::Sink& currentSink() {
   return sink;
 }
 
+Tracer::Sink& currentFailureSink() {
+  static Tracer::Sink sink;
+  return sink;
+}
+
 }  // namespace
 
 std::atomic<uint32_t> TraceFacility::building_ = 0;
@@ -60,6 +65,24 @@ void TraceFacility::refresh() noexcept {
 
 void Tracer::sinkIs(Sink sink) {
   currentSink() = std::move(sink);
+}
+
+void Tracer::failureSinkIs(Sink sink) {
+  currentFailureSink() = std::move(sink);
+}
+
+void Tracer::failed(const TraceFacility& facility, const Entity& object, std::string_view function,
+                    std::string_view message) {
+  const auto& sink = currentFailureSink();
+  if (!sink) return;
+  const Name name = object.name();
+  sink({.facility = facility.name(),
+        .level = 0,
+        .objectName = name,
+        .functionName = function,
+        .message = message,
+        .sourceModule = facility.sourceModule(),
+        .line = 0});
 }
 
 void Tracer::coverageIs(std::ostream* stream) noexcept {

@@ -85,6 +85,14 @@ class Tracer {
   /// Sends records to `sink`; an empty one restores the default, a line on standard error.
   static void sinkIs(Sink sink);
 
+  /// Sends a record for each callback that has ended with an exception to `sink` as well, whatever
+  /// levels are enabled; an empty one restores the default, nowhere. For those who have to know
+  /// that something was not done, where level 0 has ordinary messages too.
+  static void failureSinkIs(Sink sink);
+  /// Hands a failure of `object` on to that sink.
+  static void failed(const TraceFacility& facility, const Entity& object, std::string_view function,
+                     std::string_view message);
+
   /// While set, every statement that is reached builds its message and leaves a line on `stream`,
   /// enabled or not. Null switches it off.
   static void coverageIs(std::ostream* stream) noexcept;

@@ -13,6 +13,23 @@
 
 namespace Tovan {
 
+/// How far the owner of a route table is with it.
+struct RouteTableState {
+  bool loading = false;       ///< the owner is still reading what it starts with
+  bool initialized = false;   ///< the host-route machine has got its inputs and keeps up with them
+  bool synchronized = false;  ///< the FIB's own host routes are merged; see RovelReady::VrfStatus
+
+  uint64_t word() const {
+    return (loading ? 1U : 0U) | (initialized ? 2U : 0U) | (synchronized ? 4U : 0U);
+  }
+  static RouteTableState of(uint64_t word) {
+    return {.loading = (word & 1) != 0,
+            .initialized = (word & 2) != 0,
+            .synchronized = (word & 4) != 0};
+  }
+  friend bool operator==(const RouteTableState&, const RouteTableState&) = default;
+};
+
 /// The routes of one VRF and family by prefix, which other processes can attach to.
 ///
 /// \tparam R  the family's route.
@@ -113,6 +130,11 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
 
   /// Who knows of each route that is stored or removed.
   const Kiv::WatchList<Prefix>& watches() const noexcept { return watches_; }
+  /// What is said of the routes as a whole, to those who attach to the table.
+  void stateIs(const RouteTableState& state) { map_.statusIs(state.word()); }
+  RouteTableState state() const { return RouteTableState::of(map_.status()); }
+  /// Whether a process has the table open for writing, other than by this object.
+  bool hasOtherWriter() const { return map_.hasOtherWriter(); }
 
   /// Told of damage met on a look-up or walk.
   void corruptionDetected(const std::string& message) const { map_.corruptionDetected(message); }

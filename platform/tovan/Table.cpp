@@ -51,6 +51,12 @@ Table::Table(const TableConfig& config, const Shape& shape)
     if (!what.empty()) throw OpenException(titleOf(name_) + " " + what);
   }
   countPages();
+  if (!readOnly_) statusIs(0);
+}
+
+void Table::statusIs(uint64_t status) {
+  requireWritable("statusIs to read-only Tovan table");
+  header().status.store(status, std::memory_order_release);
 }
 
 void Table::create() {

@@ -31,6 +31,7 @@ struct TableHeader {
   /// What readers find entries by: in the low byte the number of hash bits that choose a page, and
   /// above it a count of repairs, which is odd during one.
   std::atomic<uint64_t> directory;
+  std::atomic<uint64_t> status;  ///< see Table::status()
 };
 
 /// What all tables have, whatever their entries.
@@ -41,6 +42,13 @@ class Table {
 
   const std::string& name() const { return name_; }
   bool isReadOnly() const { return readOnly_; }
+  /// What the writer says of the table as a whole; a new writer begins with 0. The bits are for
+  /// those who write and read such tables to agree on.
+  uint64_t status() const { return header().status.load(std::memory_order_acquire); }
+  /// \throws ReadOnlyException on a reader.
+  void statusIs(uint64_t status);
+  /// Whether another object, in this process or another, has the table open for writing.
+  bool hasOtherWriter() const { return memory_.hasOtherWriter(); }
   /// The memory that the table takes, in bytes, used or kept for entries to come.
   size_t bytes() const {
     const size_t most = shape_.pagesAt - shape_.topBytes;

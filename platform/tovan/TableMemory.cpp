@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
 
 #include "platform/tovan/Exceptions.h"
 
@@ -131,12 +132,18 @@ void TableMemory::openNamed(const TableConfig& config) {
   }
   const bool write = config.access == Access::Write;
   for (;;) {
-    fd_ = ::shm_open(fileName(name_).c_str(), write ? O_RDWR | O_CREAT : O_RDONLY, 0644);
+    // Without waiting: a FIFO of that name may never get a writer.
+    const int how = O_NONBLOCK | (write ? O_RDWR | O_CREAT : O_RDONLY);
+    fd_ = ::shm_open(fileName(name_).c_str(), how, 0644);
     if (fd_ < 0) {
       throw OpenException(titleOf(name_) + (errno == ENOENT ? " does not exist"
                                                             : " cannot be opened" + reason(errno)));
     }
     struct stat status {};
+    if (::fstat(fd_, &status) == 0 && !S_ISREG(status.st_mode)) {
+      ::close(fd_);
+      throw OpenException(titleOf(name_) + " cannot be opened: not a regular file");
+    }
     auto lock = wholeFile(F_WRLCK);
     if (write && ::fcntl(fd_, F_OFD_SETLK, &lock) != 0) {
       ::close(fd_);
@@ -196,22 +203,32 @@ void TableMemory::remove() {
 
 std::vector<std::string> tablesOf(std::string_view owner) {
   std::vector<std::string> names;
-  for (const auto& file : std::filesystem::directory_iterator(kSharedMemoryFolder)) {
-    std::string name = file.path().filename();
+  std::error_code error;
+  std::filesystem::directory_iterator file(kSharedMemoryFolder, error);
+  for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
+    std::string name = file->path().filename();
     if (!name.starts_with(kFilePrefix)) continue;
     name.erase(0, kFilePrefix.size());
     if (name.starts_with(owner) && (name.size() == owner.size() || name[owner.size()] == '.')) {
       names.push_back(std::move(name));
     }
   }
+  if (error) {
+    throw OpenException(std::string(kSharedMemoryFolder) +
+                        ", where shared tables are, cannot be read: " + error.message());
+  }
   std::sort(names.begin(), names.end());
   return names;
 }
 
 size_t removeTablesOf(std::string_view owner) {
-  const auto names = tablesOf(owner);
-  for (const auto& name : names) ::shm_unlink(fileName(name).c_str());
-  return names.size();
+  try {
+    const auto names = tablesOf(owner);
+    for (const auto& name : names) ::shm_unlink(fileName(name).c_str());
+    return names.size();
+  } catch (const OpenException&) {
+    return 0;  // nothing can be there
+  }
 }
 
 }  // namespace Tovan

@@ -68,8 +68,10 @@ class TableMemory {
 std::string titleOf(std::string_view table);
 
 /// The names of the shared tables that belong to `owner`: `owner` itself and "owner.anything".
+/// \throws OpenException when there is no folder of shared tables.
 std::vector<std::string> tablesOf(std::string_view owner);
-/// Removes the tables that belong to `owner`, readable or not, and tells how many there were.
+/// Removes the tables that belong to `owner`, readable or not, and tells how many there were: none
+/// where there is no folder of them.
 size_t removeTablesOf(std::string_view owner);
 
 }  // namespace Tovan

@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "replay/Output.h"
+#include "replay/Player.h"
+
 namespace Cli {
 namespace {
 
@@ -127,11 +130,11 @@ TEST(ImportTest, AnInterfaceHasOnePrimaryAddress) {
                               .route4 = {},
                               .route6 = {},
                               .nexthop = {}});
-  EXPECT_EQ(result.of("addr"), R"("intf":"Vlan10","addr":"2001:db8::1/64"}
-"intf":"Vlan10","addr":"10.1.0.1/24"}
+  EXPECT_EQ(result.of("addr"), R"("intf":"Vlan10","addr":"10.1.0.1/24"}
 "intf":"Vlan10","addr":"10.2.0.1/24","secondary":true}
-"intf":"Vlan10","addr":"10.1.0.2/24","secondary":true}
 "intf":"Vlan10","addr":"10.3.0.1/32","secondary":true}
+"intf":"Vlan10","addr":"10.1.0.2/24","secondary":true}
+"intf":"Vlan10","addr":"2001:db8::1/64"}
 )");
   EXPECT_EQ(result.warnings,
             "addr: warning: Vlan10: an address left out: 2001:db8::2 is dadfailed\n");
@@ -197,7 +200,8 @@ TEST(ImportTest, RoutesOfTheSameNextHopsShareAFec) {
 "prefix":"::/0","type":"bgp_","fec":3,"metric":20}
 )");
   EXPECT_EQ(result.warnings,
-            "route4: warning: default: a next hop left out: its next hop is dead\n");
+            "route4: warning: default: a next hop left out: its next hop is dead\n"
+            "route4: warning: 10.4.0.0/16: the weights of its next hops are left out\n");
 }
 
 // `ip route show table all` without -4 prints the IPv6 routes as well.
@@ -216,10 +220,11 @@ TEST(ImportTest, TheRouteDocumentsMayOverlap) {
 
 TEST(ImportTest, WhatCannotBeImportedIsLeftOutWithTheReason) {
   const std::vector<std::pair<std::string, std::string>> cases{
-      {R"("via": {"family": "inet6", "host": "fe80::1"}, "dev": "Ethernet1")",
-       "its next hop fe80::1 is of the other family"},
       {R"("dev": "Ethernet9")", "\"Ethernet9\" is no layer-3 interface here"},
-      {R"("dev": 9)", "type must be string, but is number"},
+      {R"("dev": 9)", R"("dev": 9 is not a string)"},
+      {R"("nexthops": 7)", R"("nexthops": 7 is not a list)"},
+      {R"("dev": "Ethernet1", "metric": -1)", R"("metric": -1 is not a number that it can be)"},
+      {R"("dev": "Ethernet1", "gateway": "x")", R"("gateway": "x" is not an address)"},
       {R"("dev": "Ethernet1", "tos": "0x10")", "it is for one type of service only"},
       {R"("type": "throw")", "a route of type throw forwards nothing"},
       {R"("nhid": 5)", "there is no nexthop object 5"},
@@ -240,15 +245,154 @@ TEST(ImportTest, WhatCannotBeImportedIsLeftOutWithTheReason) {
   }
 }
 
+// The name of a VRF is no name of a table while a number tells, or the kernel has such a table.
+TEST(ImportTest, ARouteIsInTheVrfOfItsTablesNumber) {
+  const auto result = import({.link = {{"link", R"([
+    {"ifname": "main", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 30}}},
+    {"ifname": "10", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 20}}},
+    {"ifname": "20", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 10}}},
+    {"ifname": "default", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 40}}},
+    {"ifname": "Ethernet1"}])"}},
+                              .addr = {},
+                              .neigh = {},
+                              .route4 = {{"route4", R"([
+    {"dst": "10.1.0.0/24", "dev": "Ethernet1", "table": "main"},
+    {"dst": "10.2.0.0/24", "dev": "Ethernet1"},
+    {"dst": "10.3.0.0/24", "dev": "Ethernet1", "table": "10"},
+    {"dst": "10.4.0.0/24", "dev": "Ethernet1", "table": 20},
+    {"dst": "10.5.0.0/24", "dev": "Ethernet1", "table": "default"},
+    {"dst": "10.6.0.0/24", "dev": "Ethernet1", "table": "30"},
+    {"dst": "10.7.0.0/24", "dev": "Ethernet1", "table": "40"}])"}},
+                              .route6 = {},
+                              .nexthop = {}});
+  EXPECT_EQ(result.of("route"), R"("prefix":"10.1.0.0/24","type":"staticConfig_","fec":1}
+"prefix":"10.2.0.0/24","type":"staticConfig_","fec":1}
+"vrf":"main","prefix":"10.6.0.0/24","type":"staticConfig_","fec":1}
+"vrf":"10","prefix":"10.4.0.0/24","type":"staticConfig_","fec":1}
+"vrf":"20","prefix":"10.3.0.0/24","type":"staticConfig_","fec":1}
+"vrf":"linux:default","prefix":"10.7.0.0/24","type":"staticConfig_","fec":1}
+)");
+  EXPECT_EQ(result.warnings,
+            "route4: warning: table default belongs to no VRF: 1 route(s) left out\n");
+}
+
+// What `ip` prints for a tunnel has the keys of the route in it once more.
+TEST(ImportTest, WhatIsNotDirectlyConnectedKeepsItsPrefix) {
+  const auto result = importRoutes(R"([
+    {"dst": "10.1.0.0/24", "encap": "ip", "id": 7, "src": "192.0.2.2", "dst": "192.0.2.1",
+     "ttl": 0, "tos": 4, "dev": "Ethernet1"},
+    {"dst": "10.2.0.0/24", "via": {"family": "inet6", "host": "fe80::1"}, "dev": "Ethernet1"},
+    {"dst": "10.3.0.0/24", "dev": "Ethernet1", "protocol": "2", "flags": ["linkdown"]},
+    {"dst": "10.4.0.0/24", "nhid": 9}])",
+                                   "[]",
+                                   R"([{"id": 9, "encap": "mpls", "id": 0, "dst": "100",
+                                        "gateway": "10.0.0.9", "dev": "Ethernet1"}])");
+  EXPECT_EQ(result.of("fec"), R"("id":1,"family":4,"vias":[{"intf":"Ethernet1","hop":"ipv6"}]}
+)");
+  EXPECT_EQ(result.of("route"), R"("prefix":"10.1.0.0/24","type":"staticConfig_"}
+"prefix":"10.2.0.0/24","type":"staticConfig_","fec":1}
+"prefix":"10.3.0.0/24","type":"connected_"}
+"prefix":"10.4.0.0/24","type":"staticConfig_"}
+)");
+  EXPECT_EQ(result.warnings,
+            "route4: warning: 10.1.0.0/24 kept without its next hop: its next hop is the end of a "
+            "tunnel (encap)\n"
+            "route4: warning: 10.3.0.0/24 kept without its next hop: its next hop's interface "
+            "Ethernet1 has no carrier\n"
+            "route4: warning: 10.4.0.0/24 kept without its next hop: its next hop is the end of a "
+            "tunnel (encap)\n");
+}
+
+TEST(ImportTest, WhatWasLostInSilenceIsCarriedOverOrTold) {
+  const auto result = import({.link = {{"link", R"([
+    {"ifname": "Ethernet1", "flags": ["UP"]}, {"ifname": "Ethernet2", "flags": ["BROADCAST"]},
+    {"ifname": "gre1", "flags": ["UP", "NOARP"]}])"}},
+                              .addr = {{"addr", R"([
+    {"ifname": "Ethernet1", "addr_info": [{"local": "2001:db8::1", "prefixlen": 128}]},
+    {"ifname": "Ethernet2", "addr_info": [{"local": "10.2.0.1", "prefixlen": 24}]}])"}},
+                              .neigh = {{"neigh", R"([
+    {"dst": "10.3.0.5", "dev": "gre1", "lladdr": "192.0.2.1", "state": ["PERMANENT"]}])"}},
+                              .route4 = {{"route4", R"([
+    {"type": "2", "dst": "10.6.0.0/24", "dev": "Ethernet1", "table": "255", "scope": "254"},
+    {"type": "2", "dst": "10.2.0.1", "dev": "Ethernet2", "table": "255", "protocol": "2"}])"}},
+                              .route6 = {{"route6", R"([
+    {"dst": "2001:db8::1", "dev": "Ethernet1", "protocol": "kernel", "metric": 256},
+    {"dst": "2001:db8::2", "dev": "Ethernet1", "protocol": "kernel", "metric": 256}])"}},
+                              .nexthop = {}});
+  EXPECT_EQ(result.of("neighbor"), "\"intf\":\"gre1\",\"ip\":\"10.3.0.5\"}\n");
+  EXPECT_EQ(result.of("addr"), "\"intf\":\"Ethernet1\",\"addr\":\"2001:db8::1/128\"}\n");
+  EXPECT_EQ(result.of("route"),
+            R"("prefix":"2001:db8::2/128","type":"connected_","fec":1,"metric":256}
+)");
+  EXPECT_EQ(result.warnings,
+            "addr: warning: Ethernet2: an address left out: 10.2.0.1 is on an interface that is "
+            "down\n"
+            "route4: warning: 10.6.0.0/24 left out: the machine itself answers for it (a local "
+            "route)\n");
+}
+
+// Each bad entry, or part of one, stands before a good one. What is written can be replayed.
+TEST(ImportTest, ABadEntryCostsItselfOnly) {
+  const auto result =
+      import({.link = {{"link",
+                        "[7, {\"ifname\": 8}, {\"ifname\": \"b\xFF\x01\"},"
+                        R"({"ifname": ""}, {"flags": []},
+    {"ifname": "a\u0000b"}, {"ifname": "m", "linkinfo": {"info_kind": "vrf"}}, {"ifname": "\u0001\"\\"},
+    {"ifname": "Ethernet1"}])"}},
+              .addr = {{"addr", R"([{"ifname": "Ethernet1", "addr_info": [7,
+    {"local": "10.0.0.1", "prefixlen": 33}, {"local": true, "prefixlen": 24}, {"prefixlen": 8},
+    {"local": "10.0.0.2", "prefixlen": 24}]}])"}},
+              .neigh = {{"neigh",
+                         "[{\"dst\": \"10.0.0.4\", \"dev\": \"b\xFF\x01\","
+                         R"("state": ["STALE"]},
+    {"dst": "10.0.0.5", "dev": "Ethernet1", "state": 5}, {"dst": 5, "state": ["STALE"]},
+    {"dst": "10.0.0.6", "dev": "Ethernet1", "lladdr": 5, "state": ["STALE"]},
+    {"dst": "10.0.0.7", "dev": "Ethernet1", "state": ["STALE"]}])"}},
+              .route4 = {{"route4", R"([
+    {"dst": "10.1.0.0/24", "nexthops": [7, {"dev": "none"}, {"gateway": "10.0.0.9"},
+                                        {"dev": "Ethernet1"}]},
+    {"dst": "10.2.0.0/24", "nexthops": [{"dev": "none"}]}, {"dev": "Ethernet1"},
+    {"dst": "10.3.0.0/24", "dev": "\u0001\"\\"}])"}},
+              .route6 = {},
+              .nexthop = {{"nexthop", R"([{"id": -1}, {"id": 1, "group": [7]}])"}}});
+  EXPECT_EQ(result.of("addr"), "\"intf\":\"Ethernet1\",\"addr\":\"10.0.0.2/24\"}\n");
+  EXPECT_EQ(result.of("neighbor"), "\"intf\":\"Ethernet1\",\"ip\":\"10.0.0.7\"}\n");
+  EXPECT_EQ(result.of("route"), R"("prefix":"10.1.0.0/24","type":"staticConfig_","fec":1}
+"prefix":"10.3.0.0/24","type":"staticConfig_","fec":2}
+)");
+  EXPECT_NE(result.warnings.find("link: warning: interface 1 left out: its name is not UTF-8\n"),
+            std::string::npos)
+      << result.warnings;
+  EXPECT_NE(result.warnings.find("neigh: warning: 10.0.0.4 left out: \"b\\xff\\x01\" is no layer-3 "
+                                 "interface here\n"),
+            std::string::npos)
+      << result.warnings;
+  EXPECT_EQ(result.warnings.find("exception"), std::string::npos);
+
+  Daemon::Switch sw;
+  std::ostringstream printed, errors;
+  const auto output = Replay::jsonOutput(printed);
+  std::istringstream lines(result.replay);
+  EXPECT_EQ(Replay::Player(sw, *output, {}).run(lines, "import", printed, errors),
+            Replay::Player::Outcome::Done);
+  EXPECT_EQ(errors.str(), "");
+}
+
 TEST(ImportTest, ADocumentThatIsNoListIsAnError) {
+  const std::string kDeep = std::string(100000, '[') + std::string(100000, ']');
   for (const char* text : {"", "{}", "7", "[{\"dst\": ", "[] []", "Object \"nexthop\" is unknown",
-                           "[{\"metric\": 4e924967295}]"}) {
+                           "[{\"metric\": 4e924967295}]", kDeep.c_str()}) {
     EXPECT_THROW(importRoutes(text), ImportError) << text;
   }
   try {
     importRoutes("{}");
   } catch (const ImportError& error) {
     EXPECT_STREQ(error.what(), "route4: error: this is not the list that ip -j prints");
+  }
+  try {
+    importRoutes("[{},\n {]");
+  } catch (const ImportError& error) {
+    EXPECT_STREQ(error.what(), "route4: error: this is not JSON: line 2, column 3");
   }
 }
 

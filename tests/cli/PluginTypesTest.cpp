@@ -36,8 +36,9 @@ class PluginTypesTest : public testing::Test {
       pluginTypes(file);
     } catch (const PluginError& error) {
       const std::string message = error.what();
-      EXPECT_TRUE(message.starts_with(file + ": ")) << message;
-      return message.substr(file.size() + 2);
+      const std::string place = file + ": error: ";
+      EXPECT_TRUE(message.starts_with(place)) << message;
+      return message.substr(place.size());
     }
     return {};
   }

@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <sstream>
+
+#include "replay/Output.h"
+#include "replay/Player.h"
 
 namespace {
 
@@ -23,7 +27,7 @@ class ShellTest : public testing::Test {
   std::string run(std::string_view line) {
     std::ostringstream os;
     try {
-      Cli::Shell(sw, os, false).execute(line);
+      Cli::Shell(sw, player, os).execute(line);
     } catch (const std::exception& error) {
       return std::string("error: ") + error.what();
     }
@@ -31,6 +35,9 @@ class ShellTest : public testing::Test {
   }
 
   Daemon::Switch sw;
+  std::ostringstream printed;  // by lines of a replay
+  std::unique_ptr<Replay::Output> output = Replay::jsonOutput(printed);
+  Replay::Player player{sw, *output, {}};
 };
 
 TEST_F(ShellTest, DrivesAMachineAndLooksIntoIt) {
@@ -70,7 +77,7 @@ TEST_F(ShellTest, ListsWhatThereIs) {
   EXPECT_NE(listed.find("handleInitialized"), listed.npos);
   EXPECT_EQ(listed.find("arpRoute"), listed.npos);
   using Texts = std::vector<std::string>;
-  Cli::Shell shell(sw, std::cout, false);
+  Cli::Shell shell(sw, player, std::cout);
   EXPECT_EQ(Cli::Shell::completions("ca"), Texts{"call"});
   EXPECT_EQ(Cli::Shell::completions("ls /ipv4/d"), Texts{"/ipv4/default"});
   EXPECT_EQ(Cli::Shell::completions("get /ipv4/default/routeSm/vr"),
@@ -78,6 +85,15 @@ TEST_F(ShellTest, ListsWhatThereIs) {
   EXPECT_EQ(Cli::Shell::completions("call /ipv4/default/routeSm do"),
             (Texts{"doFibLookup", "doMerge"}));
   EXPECT_EQ(Cli::Shell::completions("get /nowhere/x"), Texts{});
+}
+
+TEST_F(ShellTest, TakesLinesOfAReplay) {
+  std::ostringstream os;
+  Cli::Shell shell(sw, player, os);
+  EXPECT_TRUE(shell.execute(R"({"op":"initialized","vrf":"blue","value":true})"));
+  EXPECT_TRUE(shell.execute("get /ipv4/blue/routeSm/initialized"));
+  EXPECT_EQ(os.str(), "true\n");
+  EXPECT_THROW(shell.execute(R"({"op":"jump"})"), Replay::EventError);
 }
 
 TEST_F(ShellTest, RefusesWithTheReason) {

@@ -344,6 +344,7 @@ TYPED_TEST(FrameTest, OffersANotificationToAnObserverBeforeItsHandler) {
   const auto reactor = Kiv::make<Observed<ForwardingStatus>>(Kiv::ActivityConfig::Ptr());
   reactor->routeSmIs(&machine);
   reactor->notifierIs(forwarding);
+  machine.timesMissed = 0;
   forwarding->fecNotify(7);
   EXPECT_EQ(reactor->fecId(), 7u);
   EXPECT_EQ(reactor->offered,

@@ -76,6 +76,29 @@ TEST_F(NotifieeTest, TheWalkIsOfThoseWhoWereThereAndStillAre) {
   EXPECT_EQ(announce(), (Log{"d vlan 1", "e vlan 1"}));
 }
 
+TEST_F(NotifieeTest, ThoseWhoStayAreToldInTheirOrderWhoeverLeaves) {
+  constexpr int kCount = 64;
+  std::vector<std::pair<std::string, BridgeWatcher::Ptr>> watchers;
+  const auto expected = [&] {
+    Log told;
+    for (const auto& [name, watcher] : watchers) told.push_back(name + "vlan 1");
+    return told;
+  };
+  const auto join = [&](int number) {
+    const auto name = std::to_string(number) + ' ';
+    watchers.emplace_back(name, watcherOf(bridge, name.c_str()));
+    watchers.back().second->isQuietIs(number % 5 == 0);
+    watchers.back().second->isQuietIs(false);
+  };
+  for (int i = 0; i < kCount; ++i) join(i);
+  for (size_t round = 1; watchers.size() > 2; ++round) {
+    const size_t leaves = round * 37 % watchers.size();
+    watchers.erase(watchers.begin() + static_cast<std::ptrdiff_t>(leaves));
+    if (round % 4 == 0) join(kCount + static_cast<int>(round));
+    EXPECT_EQ(announce(), expected());
+  }
+}
+
 TEST_F(NotifieeTest, ANotifieeMayMoveAwayInItsOwnCallback) {
   auto old = Kiv::make<Bridge>("old");
   const auto mover = watcherOf(old, "");

@@ -1,5 +1,6 @@
 // The hostroute program: exit statuses, and tables that one process writes and others read.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,10 +23,10 @@ struct Result {
   std::string text;
 };
 
-Result run(const std::string& arguments) {
+/// What a shell prints for `command`.
+Result runShell(const std::string& command) {
   Result result{-1, {}};
-  std::FILE* pipe =
-      ::popen((std::string(HOSTROUTE_PROGRAM " ") + arguments + " 2>&1").c_str(), "r");
+  std::FILE* pipe = ::popen(("(" + command + ") 2>&1").c_str(), "r");
   if (pipe == nullptr) return result;
   for (int c = std::getc(pipe); c != EOF; c = std::getc(pipe)) {
     result.text += static_cast<char>(c);
@@ -33,6 +34,10 @@ Result run(const std::string& arguments) {
   const int status = ::pclose(pipe);
   if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
   return result;
+}
+
+Result run(const std::string& arguments) {
+  return runShell(std::string(HOSTROUTE_PROGRAM " ") + arguments);
 }
 
 /// A replay that shares its tables and takes its events from us.
@@ -115,6 +120,15 @@ TEST_F(ProgramTest, TellsByItsStatusHowItEnded) {
       {"routes --table no-such-tables", 1},
       {"types", 2},
       {"types " HOSTROUTE_PROGRAM, 2},
+      {"--version", 0},
+      {"replay --json --json-lines /dev/null", 2},
+      {"replay /dev/null > /dev/full", 1},
+      {"replay --help > /dev/full", 1},
+      {"import --route4 /dev/null", 2},
+      {"diff /dev/null", 2},
+      {"routes --table x --type attached", 2},
+      {"routes --table x 10.0.0.256", 2},
+      {"shell - < /dev/zero", 2},
   };
   for (const auto& [arguments, status] : statuses) {
     EXPECT_EQ(run(arguments).status, status) << arguments;
@@ -130,6 +144,24 @@ TEST_F(ProgramTest, TracesFromTheStart) {
                            "void Routing::Host::RouteSm::handleFec()",
                            "void Routing6::Host::RouteSm::handleVirtualIp6Status()"}) {
     EXPECT_NE(result.text.find(said), std::string::npos) << said;
+  }
+}
+
+TEST_F(ProgramTest, SaysWhatIsWrong) {
+  const std::pair<const char*, const char*> errors[] = {
+      {"frob",
+       "hostroute: error: no command \"frob\"\nRun hostroute --help for more information.\n"},
+      {"replay /", "/: error: is a directory\n"},
+      {"types /", "/: error: is a directory\n"},
+      {"replay '/no/such\033file'", "/no/such\\x1Bfile: error: No such file or directory\n"},
+      {"import --link /", "/: error: is a directory\n"},
+      {"routes --table no-such-tables",
+       "hostroute routes: error: there are no route tables under \"no-such-tables\"\n"},
+      {"types --help 2>&1 > /dev/full", "standard output: error: cannot be written\n"},
+  };
+  for (const auto& [arguments, text] : errors) {
+    const auto command = std::string(HOSTROUTE_PROGRAM " ") + arguments;
+    EXPECT_EQ(runShell(command).text, text) << arguments;
   }
 }
 
@@ -174,7 +206,8 @@ TEST_F(ProgramTest, TheTablesOfAKilledWriterStayUntilTheNextOne) {
 
   writer.end(SIGKILL);
   const auto after = run("routes --json --table " + name);
-  EXPECT_EQ(after.text, before.text);
+  EXPECT_EQ(after.status, 3);
+  EXPECT_EQ(after.text, before.text + "hostroute routes: warning: VRF a/b% IPv4 is left behind\n");
   EXPECT_EQ(run("replay --shared " + name + " /dev/null").status, 0);
   EXPECT_EQ(run("routes --table " + name).status, 1);
 }
@@ -183,6 +216,7 @@ TEST_F(ProgramTest, ADamagedRouteIsReportedAndTheOthersAreShown) {
   Writer writer(name);
   writer.feed(kScene);
   writer.feed(
+      "{\"op\":\"initialized\",\"value\":true}\n"
       "{\"op\":\"route\",\"prefix\":\"10.3.0.0/16\",\"metric\":3735928559}\n"
       "{\"op\":\"route\",\"prefix\":\"10.4.0.0/16\"}\n");
   EXPECT_EQ(routesOnce("10.4.0.0/16").status, 0);
@@ -201,12 +235,124 @@ TEST_F(ProgramTest, ADamagedRouteIsReportedAndTheOthersAreShown) {
 }
 
 TEST_F(ProgramTest, HeldTablesGoWithASignal) {
-  Writer writer(name, true);
+  for (const int signal : {SIGTERM, SIGHUP, SIGINT}) {
+    Writer writer(name, true);
+    writer.feed(kScene);
+    writer.endInput();
+    EXPECT_EQ(routesOnce("10.0.0.5/32").status, 0);
+    EXPECT_EQ(writer.end(signal), 0) << signal;
+    EXPECT_EQ(run("routes --table " + name).status, 1) << signal;
+  }
+}
+
+// Also when nobody reads any more what it prints.
+TEST_F(ProgramTest, NoTablesAreLeftBehindByAProcessThatFails) {
+  const std::string replay = HOSTROUTE_PROGRAM " replay --shared " + name;
+  runShell("(for i in 1 2 3 4 5 6 7 8; do echo '{\"op\":\"dump\"}'; sleep 0.05; done) | " + replay +
+           " - | true");
+  // Some of the tables can be made, then there are no more descriptors.
+  const auto refused = runShell("ulimit -n 9; " + replay + " /dev/null");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.text.find("Too many open files"), std::string::npos) << refused.text;
+  EXPECT_EQ(runShell("ls /dev/shm/hostroute-" + name + ".*").status, 2);
+}
+
+TEST_F(ProgramTest, WaitsUntilTheTablesAreReady) {
+  EXPECT_EQ(run("routes --wait 0 --table " + name).status, 3);
+  Writer writer(name);
+  writer.feed("{\"op\":\"route\",\"prefix\":\"10.3.0.0/16\"}\n");
+  const auto early = run("routes --wait 0.2 --table " + name);
+  EXPECT_EQ(early.status, 3);
+  EXPECT_NE(early.text.find("not ready: VRF default IPv4 is not initialized"), std::string::npos)
+      << early.text;
+  writer.feed("{\"op\":\"initialized\",\"value\":true}\n");
+  EXPECT_EQ(run("routes --wait 60 --table " + name).status, 0);
+  const auto count = run("routes --count --family 4 --table " + name);
+  EXPECT_EQ(count.text,
+            "VRF      FAMILY  STATE        ROUTES  TYPES\n"
+            "default  IPv4    initialized  1       connected_ 1\n");
+  writer.feed(
+      "{\"op\":\"startRibReadyVerification\",\"value\":true}\n"
+      "{\"op\":\"ribReady\",\"value\":true}\n"
+      "{\"op\":\"route\",\"prefix\":\"10.4.0.0/16\"}\n");
+  routesOnce("10.4.0.0/16");
+  EXPECT_NE(run("routes --count --table " + name).text.find("IPv4    synchronized"),
+            std::string::npos);
+}
+
+TEST_F(ProgramTest, AFifoUnderATablesNameHangsNobody) {
+  const auto fifo = "/dev/shm/hostroute-" + name + ".default.route4";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& command :
+       {"routes --table " + name, "replay /dev/null --shared " + name}) {
+    const auto result = runShell(std::string("timeout 60 " HOSTROUTE_PROGRAM " ") + command);
+    EXPECT_EQ(result.status, 1) << command;
+    EXPECT_NE(result.text.find("not a regular file"), std::string::npos) << result.text;
+  }
+  ::unlink(fifo.c_str());
+}
+
+TEST_F(ProgramTest, ShowsWhatAnAddressMatchesAndFilters) {
+  Writer writer(name);
   writer.feed(kScene);
-  writer.endInput();
-  EXPECT_EQ(routesOnce("10.0.0.5/32").status, 0);
-  EXPECT_EQ(writer.end(SIGTERM), 0);
-  EXPECT_EQ(run("routes --table " + name).status, 1);
+  writer.feed(
+      "{\"op\":\"route\",\"vrf\":\"a/b%\",\"prefix\":\"0.0.0.0/"
+      "0\",\"fec\":2,\"type\":\"staticConfig_\"}\n");
+  routesOnce("0.0.0.0/0");
+  const std::string table = " --table " + name;
+  EXPECT_EQ(run("routes 10.0.0.7" + table).text,
+            "VRF   FAMILY  PREFIX       TYPE           METRIC  PREFERENCE  VIA\n"
+            "a/b%  IPv4    10.0.0.0/24  connected_     0       1           Ethernet1\n"
+            "a/b%  IPv4    0.0.0.0/0    staticConfig_  0       1           Ethernet2\n");
+  EXPECT_EQ(run("routes 10.0.0.7 --type staticConfig_ --intf Ethernet2 --json" + table).text,
+            run("routes --intf Ethernet2 --json" + table).text);
+  EXPECT_EQ(run("routes 2001:db8::1" + table).status, 1);
+  const auto unknown = run("routes --vrf nope" + table);
+  EXPECT_EQ(unknown.text, "hostroute routes: error: \"" + name + "\" has no VRF \"nope\"\n");
+}
+
+TEST_F(ProgramTest, DumpsAreComparedWithOneAnotherAndWithTheTables) {
+  const std::string scene = testing::TempDir() + name;
+  std::ofstream(scene) << kScene;
+  const std::string program = HOSTROUTE_PROGRAM;
+  ASSERT_EQ(run("replay --json " + scene + " > " + scene + ".whole").status, 0);
+  const auto diff = [&](const std::string& with, const std::string& input) {
+    return runShell(input + program + " diff " + scene + ".whole " + with);
+  };
+  EXPECT_EQ(diff("-", program + " replay --json-lines " + scene + " | ").status, 0);
+  const std::string moved =
+      R"(echo '{"op":"neighbor","intf":"Ethernet1","ip":"10.0.0.5","present":false}
+               {"op":"neighbor","intf":"Ethernet1","ip":"10.0.0.6"}')";
+  const auto changed =
+      diff("-", "(cat " + scene + "; " + moved + ") | " + program + " replay --json - | ");
+  EXPECT_EQ(changed.status, 1);
+  EXPECT_EQ(changed.text,
+            "   VRF   FAMILY  PREFIX       TYPE       METRIC  PREFERENCE  VIA\n"
+            "-  a/b%  IPv4    10.0.0.5/32  attached_  0       1           10.0.0.5 Ethernet1\n"
+            "+  a/b%  IPv4    10.0.0.6/32  attached_  0       1           10.0.0.6 Ethernet1\n");
+  EXPECT_EQ(diff(scene, "").status, 2);
+
+  Writer writer(name);
+  writer.feed(kScene);
+  const auto live = routesOnce("10.0.0.5/32");
+  EXPECT_EQ(diff("--table " + name, "").status, 0);
+  std::ofstream(scene + ".live") << live.text;
+  EXPECT_EQ(diff(scene + ".live", "").status, 0);
+  writer.feed("{\"op\":\"neighborTable\",\"intf\":\"Ethernet1\",\"present\":false}\n");
+  while (diff("--table " + name, "").status == 0) ::usleep(1000);
+  EXPECT_EQ(diff("--table " + name + " --vrf default", "").status, 0);
+  runShell("rm -f " + scene + "*");
+}
+
+// Nothing that differs between two runs, such as the address of an object, is printed.
+TEST_F(ProgramTest, TwoRunsTraceTheSame) {
+  const std::string scene = testing::TempDir() + name;
+  std::ofstream(scene) << kScene
+                       << "{\"op\":\"addr\",\"intf\":\"Ethernet1\",\"addr\":\"::1/64\"}\n";
+  const auto first = run("replay --trace all --json " + scene);
+  EXPECT_NE(first.text.find("\"object 1::"), std::string::npos) << first.text;
+  EXPECT_EQ(first.text, run("replay --trace all --json " + scene).text);
+  runShell("rm -f " + scene);
 }
 
 }  // namespace

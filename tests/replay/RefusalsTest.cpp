@@ -95,6 +95,22 @@ TEST_F(RefusalsTest, NameTheLineTheFieldAndTheValue) {
   EXPECT_EQ(sw.vrfs().size(), 1u);
 }
 
+// Reading and printing what nests takes stack.
+TEST_F(RefusalsTest, WhatNestsTooDeepOrIsTooLong) {
+  for (const size_t levels : {size_t{63}, size_t{64}, size_t{100'000}}) {
+    errors.str("");
+    EXPECT_EQ(run("{\"op\":\"fec\",\"id\":1,\"family\":4,\"vias\":" + std::string(levels, '[') +
+                  std::string(levels, ']') + "}"),
+              Replay::Player::Outcome::Refused);
+    const bool isTooDeep = errors.str() == "input:1: error: nested deeper than 64 levels\n";
+    EXPECT_EQ(isTooDeep, levels > 63) << errors.str();
+  }
+  errors.str("");
+  const auto longest = "#" + std::string(Replay::Player::kMaxLineBytes - 1, '[');
+  EXPECT_EQ(run(longest + "\n\n" + longest + "x\n{}"), Replay::Player::Outcome::Refused);
+  EXPECT_EQ(errors.str(), "input:3: error: the line is longer than 16 MiB\n");
+}
+
 TEST_F(RefusalsTest, EndTheReplayWithWhatWasPrintedBefore) {
   const auto outcome =
       run("{\"op\":\"dump\",\"family\":4}\n"
@@ -106,24 +122,44 @@ TEST_F(RefusalsTest, EndTheReplayWithWhatWasPrintedBefore) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
 }
 
-// The machine raises when it meets more vias than it can number; the daemon goes on.
-TEST_F(RefusalsTest, AMachineThatFailsEndsNoReplay) {
+/// A FEC of more vias than a machine can number: it raises when it meets it.
+std::string unusableFec() {
   std::string vias;
   for (int i = 0; i < 129; ++i) {
     vias += std::string(i == 0 ? "" : ",") + R"({"intf":"e)" + std::to_string(i) + "\"}";
   }
-  const auto outcome =
-      run("{\"op\":\"initialized\",\"value\":true}\n"
-          "{\"op\":\"neighbor\",\"intf\":\"e0\",\"ip\":\"10.0.0.5\"}\n"
-          "{\"op\":\"fec\",\"id\":1,\"family\":4,\"vias\":[" +
-          vias +
-          "]}\n"
-          "{\"op\":\"route\",\"prefix\":\"10.0.0.0/24\",\"fec\":1}\n"
-          "{\"op\":\"dump\",\"family\":4}\n");
+  return "{\"op\":\"fec\",\"id\":1,\"family\":4,\"vias\":[" + vias + "]}\n";
+}
+
+constexpr const char* kInitialized = "{\"op\":\"initialized\",\"value\":true}\n";
+constexpr const char* kNeighbor = "{\"op\":\"neighbor\",\"intf\":\"e0\",\"ip\":\"10.0.0.5\"}\n";
+constexpr const char* kRoute = "{\"op\":\"route\",\"prefix\":\"10.0.0.0/24\",\"fec\":1}\n";
+constexpr const char* kRange = "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed\n";
+
+// The daemon goes on.
+TEST_F(RefusalsTest, AMachineThatFailsEndsNoReplay) {
+  const auto outcome = run(kInitialized + std::string(kNeighbor) + unusableFec() + kRoute +
+                           "{\"op\":\"dump\",\"family\":4}\n");
   EXPECT_EQ(outcome, Replay::Player::Outcome::Failed);
-  EXPECT_EQ(errors.str(),
-            "input:4: error: ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed\n");
+  EXPECT_EQ(errors.str(), std::string("input:4: error: ") + kRange);
   EXPECT_NE(printed.str().find("\"arpTable\":[]"), std::string::npos);
+}
+
+// What a callback raises ends in the runtime, and is a failure all the same.
+TEST_F(RefusalsTest, AMachineThatFailsInACallbackIsToldOf) {
+  std::string input = kInitialized + unusableFec() + kRoute;
+  for (int i = 0; i < 12; ++i) {
+    input +=
+        "{\"op\":\"neighbor\",\"intf\":\"e0\",\"ip\":\"10.0.0." + std::to_string(i + 5) + "\"}\n";
+  }
+  EXPECT_EQ(run(input), Replay::Player::Outcome::Failed);
+  const auto text = errors.str();
+  EXPECT_TRUE(text.starts_with("input:4: error: VRF default: exception in the notification of "))
+      << text;
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 11) << text;
+  EXPECT_TRUE(text.ends_with("input: error: a machine failed on 2 more lines, the last is 15\n"))
+      << text;
+  EXPECT_EQ(printed.str(), "");  // no level is traced
 }
 
 }  // namespace

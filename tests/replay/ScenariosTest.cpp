@@ -46,9 +46,8 @@ TEST_P(ScenariosTest, PrintsWhatIsExpected) {
   const auto traceAt = firstLine.find("--trace ");
   const auto levels = traceAt == firstLine.npos ? 0U : 1U << (firstLine.at(traceAt + 8) - '0');
   std::ostringstream printed;
-  const auto output = firstLine.find("--text") == firstLine.npos
-                          ? Replay::jsonOutput(printed)
-                          : Replay::textOutput(printed, false);
+  const auto output = firstLine.find("--text") == firstLine.npos ? Replay::jsonOutput(printed)
+                                                                 : Replay::textOutput(printed);
   const Replay::Tracing tracing(*output, levels);
   Daemon::Switch sw({.settles = settles(input)});
   Replay::Player player(

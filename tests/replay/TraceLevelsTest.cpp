@@ -197,7 +197,8 @@ std::vector<State> statesOf(uint64_t seed, const std::string& universe, uint32_t
   std::ostream nowhere(nullptr);
   const auto output = Replay::jsonOutput(nowhere);
   Daemon::Switch sw;
-  Replay::Player player(sw, *output, {.traceLevels = traceLevels});
+  const Replay::Tracing tracing(*output, traceLevels);
+  Replay::Player player(sw, *output, {});
   Golden::Generator generator(seed, Golden::weightsOf(universe));
   Observers observers(sw);
   Random random(seed);

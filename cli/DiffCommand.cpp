@@ -1,0 +1,333 @@
+// The command that compares the host routes of two dumps, or of a dump and another process.
+#include "cli/DiffCommand.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "cli/Command.h"
+#include "cli/LiveRoutes.h"
+#include "cli/Terminal.h"
+#include "replay/Json.h"
+#include "replay/Printable.h"
+#include "replay/TextTable.h"
+
+namespace Cli {
+namespace {
+
+using nlohmann::json;
+
+constexpr const char* kDescription =
+    R"(Compares the host routes of two switches, or of one before and after: by VRF and prefix,
+their types, metrics, preferences and next hops. The numbers of FECs do not count.)";
+
+constexpr const char* kFooter =
+    R"(A dump is what `replay --json`, `replay --json-lines` or `routes --json` printed; - is
+standard input. Of several dumps of one machine in it, the last counts. With --table, the tables
+that a process keeps in shared memory stand for the second dump.
+
+Examples:
+  hostroute replay --json before.jsonl > before
+  hostroute replay --json after.jsonl | hostroute diff before -
+  hostroute diff before --table leaf1 --vrf blue
+  hostroute diff before after --json            one JSON object for each difference
+
+`-` is before what only the first has, `+` before what only the second has.
+
+Exit status: 0 no difference; 1 differences; 2 the command line is malformed, or a dump or a table
+cannot be read.)";
+
+constexpr int kDifferent = 1;
+
+struct Options {
+  std::vector<std::string> files;
+  std::optional<std::string> table;
+  std::optional<std::string> vrf;
+  std::optional<int> family;
+  bool json = false;
+};
+
+/// What two routes to one prefix are compared by.
+struct Compared {
+  /// A next hop: the hop and the interface, as they are shown.
+  using Via = std::pair<std::string, std::string>;
+
+  std::string type;
+  uint64_t metric = 0;
+  uint64_t preference = 0;
+  std::vector<Via> vias;  // in ascending order
+
+  friend bool operator==(const Compared&, const Compared&) = default;
+
+  /// What a dump says of a route.
+  static Compared of(const json& route) {
+    Compared compared{.type = route.at("type").get<std::string>(),
+                      .metric = route.at("metric").get<uint64_t>(),
+                      .preference = route.at("preference").get<uint64_t>(),
+                      .vias = {}};
+    for (const auto& via : route.at("vias")) {
+      compared.vias.emplace_back(via.at("hop").get<std::string>(),
+                                 via.at("intf").get<std::string>());
+    }
+    std::sort(compared.vias.begin(), compared.vias.end());
+    return compared;
+  }
+  std::string jsonText() const {
+    Replay::JsonList list;
+    for (const auto& [hop, intf] : vias) {
+      Replay::JsonObject via;
+      list.add(
+          via.add("hop", Replay::jsonString(hop)).add("intf", Replay::jsonString(intf)).text());
+    }
+    Replay::JsonObject object;
+    return object.add("type", Replay::jsonString(type))
+        .add("metric", std::to_string(metric))
+        .add("preference", std::to_string(preference))
+        .add("vias", list.text())
+        .text();
+  }
+  std::string viasText() const {
+    std::string text;
+    for (const auto& [hop, intf] : vias) {
+      if (!text.empty()) text += ", ";
+      if (hop != "0.0.0.0" && hop != "::") text.append(hop).append(" ");
+      text += intf;
+    }
+    return text.empty() ? "-" : text;
+  }
+};
+
+/// The host routes of one family, by VRF and prefix.
+template <class F>
+using HostRoutes = std::map<std::string, std::map<typename F::Prefix, Compared>>;
+
+/// The host routes that a dump or the live tables have.
+struct Snapshot {
+  std::tuple<HostRoutes<Daemon::Ipv4>, HostRoutes<Daemon::Ipv6>> routes;
+
+  template <class F>
+  HostRoutes<F>& of() {
+    return std::get<HostRoutes<F>>(routes);
+  }
+};
+
+/// A line is none of a dump.
+struct NoDump {};
+
+template <class F>
+void addRoute(const json& route, const std::string& vrf, Snapshot& snapshot) {
+  const auto prefix = F::Prefix::parse(route.at("prefix").get_ref<const std::string&>());
+  if (!prefix) throw NoDump();
+  if (prefix->len() != F::Prefix::kMaxLen) return;
+  snapshot.of<F>()[vrf].insert_or_assign(*prefix, Compared::of(route));
+}
+
+template <class F>
+void addObject(const json& object, bool isDump, Snapshot& snapshot) {
+  const auto& vrf = object.at("vrf").get_ref<const std::string&>();
+  if (!isDump) return addRoute<F>(object, vrf, snapshot);
+  // Only the first piece of a dump has this member.
+  if (object.contains("initialized")) snapshot.of<F>()[vrf].clear();
+  const auto routes = object.find("routeTable");
+  if (routes == object.end()) return;
+  for (const auto& route : *routes) addRoute<F>(route, vrf, snapshot);
+}
+
+/// Adds what one line of a dump says.
+void addLine(const std::string& line, Snapshot& snapshot) {
+  if (Replay::nestsTooDeep(line)) throw NoDump();
+  const auto document = json::parse(line);
+  for (const char* kind : {"dump", "route"}) {
+    const auto object = document.find(kind);
+    if (object == document.end()) continue;
+    const bool isDump = std::string_view(kind) == "dump";
+    if (object->at("family").get<int>() == Daemon::Ipv4::kNumber) {
+      addObject<Daemon::Ipv4>(*object, isDump, snapshot);
+    } else {
+      addObject<Daemon::Ipv6>(*object, isDump, snapshot);
+    }
+    return;
+  }
+  if (!document.contains("trace") && !document.contains("event") && !document.contains("count")) {
+    throw NoDump();
+  }
+}
+
+Snapshot readDump(const std::string& file) {
+  Input input(file);
+  Snapshot snapshot;
+  size_t number = 0;
+  for (std::string line; std::getline(input.stream(), line);) {
+    ++number;
+    if (line.find_first_not_of(" \t\r") == line.npos) continue;
+    const auto refuse = [&] {
+      throw CommandError(input.name() + ":" + std::to_string(number),
+                         "not what replay --json or routes --json prints", kMisused);
+    };
+    try {
+      addLine(line, snapshot);
+    } catch (const json::exception&) {
+      refuse();
+    } catch (const NoDump&) {
+      refuse();
+    }
+  }
+  if (input.stream().bad()) throw CommandError(input.name(), "cannot be read", kMisused);
+  return snapshot;
+}
+
+template <class F>
+void addTable(const std::string& name, const std::string& vrf, Snapshot& snapshot) {
+  const auto report = [](const std::string& damage) {
+    throw CommandError("hostroute diff", damage, kMisused);
+  };
+  const LiveRoutes<F> table(name, vrf);
+  if (!table.isLive()) {
+    std::cerr << "hostroute diff: warning: the process that wrote \"" << Replay::printable(name)
+              << "\" has ended\n";
+  }
+  auto& routes = snapshot.of<F>()[vrf];
+  for (auto& [route, vias] : table.all(report)) {
+    if (route.key.len() != F::Prefix::kMaxLen) continue;
+    const auto text = Replay::routeJson<F>({route, std::move(vias)}).text();
+    routes.insert_or_assign(route.key, Compared::of(json::parse(text)));
+  }
+}
+
+Snapshot readTables(const std::string& name) {
+  Snapshot snapshot;
+  const auto tables = Daemon::sharedRouteTables(name);
+  if (tables.empty()) {
+    throw CommandError("hostroute diff", "there are no route tables under \"" + name + "\"",
+                       kMisused);
+  }
+  for (const auto& [vrf, number] : tables) {
+    if (number == Daemon::Ipv4::kNumber) {
+      addTable<Daemon::Ipv4>(name, vrf, snapshot);
+    } else {
+      addTable<Daemon::Ipv6>(name, vrf, snapshot);
+    }
+  }
+  return snapshot;
+}
+
+/// Prints differences as they are found, or as one table at the end.
+class Differences {
+ public:
+  explicit Differences(const Options& options) : options_(options) {}
+
+  template <class F>
+  void find(const HostRoutes<F>& before, const HostRoutes<F>& after) {
+    if (options_.family.value_or(F::kNumber) != F::kNumber) return;
+    // Both sides side by side, so that a change stands in one place.
+    std::map<std::string, std::map<typename F::Prefix, std::pair<const Compared*, const Compared*>>>
+        both;
+    for (const auto& [vrf, routes] : before) {
+      for (const auto& [prefix, route] : routes) both[vrf][prefix].first = &route;
+    }
+    for (const auto& [vrf, routes] : after) {
+      for (const auto& [prefix, route] : routes) both[vrf][prefix].second = &route;
+    }
+    for (const auto& [vrf, routes] : both) {
+      if (options_.vrf.value_or(vrf) != vrf) continue;
+      for (const auto& [prefix, pair] : routes) {
+        const auto [was, is] = pair;
+        if (was != nullptr && is != nullptr && *was == *is) continue;
+        areEqual_ = false;
+        if (options_.json) {
+          print<F>(vrf, prefix, was, is);
+        } else {
+          if (was != nullptr) add<F>("-", vrf, prefix, *was);
+          if (is != nullptr) add<F>("+", vrf, prefix, *is);
+        }
+      }
+    }
+  }
+
+  /// Ends the list. Returns the exit status.
+  int finish() const {
+    if (!table_.empty()) table_.print(std::cout, tableStyle());
+    return areEqual_ ? 0 : kDifferent;
+  }
+
+ private:
+  template <class F>
+  void add(const char* side, const std::string& vrf, const typename F::Prefix& prefix,
+           const Compared& route) {
+    table_.add({side, vrf, F::kName, toString(prefix), route.type, std::to_string(route.metric),
+                std::to_string(route.preference), route.viasText()});
+  }
+  template <class F>
+  void print(const std::string& vrf, const typename F::Prefix& prefix, const Compared* was,
+             const Compared* is) {
+    Replay::JsonObject object;
+    object.add("vrf", Replay::jsonString(vrf))
+        .add("family", std::to_string(F::kNumber))
+        .add("prefix", Replay::jsonString(toString(prefix)))
+        .add("before", was == nullptr ? "null" : was->jsonText())
+        .add("after", is == nullptr ? "null" : is->jsonText());
+    std::cout << Replay::JsonObject().add("difference", object.text()).text() << '\n';
+  }
+
+  const Options& options_;
+  bool areEqual_ = true;
+  Replay::TextTable table_{{" ", "VRF", "FAMILY", "PREFIX", "TYPE", "METRIC", "PREFERENCE", "VIA"}};
+};
+
+int compare(const Options& options) {
+  const size_t wanted = options.table ? 1 : 2;
+  if (options.files.size() != wanted) {
+    throw CommandError("hostroute diff", "two dumps are needed, or one and --table", kMisused);
+  }
+  if (options.files.front() == "-" && options.files.back() == "-" && wanted == 2) {
+    throw CommandError("hostroute diff", "only one of the dumps can be standard input", kMisused);
+  }
+  auto before = readDump(options.files[0]);
+  auto after = options.table ? readTables(*options.table) : readDump(options.files[1]);
+  Differences differences(options);
+  Daemon::forEachFamily([&](auto family) {
+    using F = decltype(family);
+    differences.find<F>(before.of<F>(), after.of<F>());
+  });
+  const int status = differences.finish();
+  if (!std::cout.flush()) throw CommandError("standard output", "cannot be written", kMisused);
+  return status;
+}
+
+}  // namespace
+
+void addDiffCommand(CLI::App& app, int& exitCode) {
+  auto* command = app.add_subcommand("diff", kDescription);
+  const auto options = std::make_shared<Options>();
+  command->add_option("dumps", options->files, "The dumps; - for standard input")
+      ->type_name("DUMP")
+      ->expected(1, 2)
+      ->required();
+  command->add_option("--table", options->table, "Compare with the tables shared under this name")
+      ->type_name("NAME");
+  command->add_option("--vrf", options->vrf, "Only this VRF")->type_name("VRF");
+  command->add_option("--family", options->family, "Only IPv4 (4) or IPv6 (6)")
+      ->type_name("FAMILY")
+      ->check(CLI::IsMember({4, 6}));
+  command->add_flag("--json", options->json, "Print one JSON object for each difference");
+  command->footer(kFooter);
+  command->callback([options, &exitCode] {
+    try {
+      exitCode = compare(*options);
+    } catch (const Pindo::Exception& error) {
+      throw CommandError("hostroute diff", error.what(), kMisused);
+    }
+  });
+}
+
+}  // namespace Cli

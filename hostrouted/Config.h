@@ -1,0 +1,72 @@
+// The daemon's configuration: one TOML file, and the command line over it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "linux/Feed.h"
+#include "linux/KernelRoutes.h"
+#include "linux/Probing.h"
+
+namespace Hostrouted {
+
+/// The configuration cannot be used. what() is "FILE:LINE: KEY: MESSAGE", as far as each applies.
+class ConfigError : public std::runtime_error {
+ public:
+  using runtime_error::runtime_error;
+};
+
+/// Where the host routes of one VRF go; 0 where those of a family go nowhere.
+struct OutputTables {
+  Linux::TableId table4 = 0;
+  Linux::TableId table6 = 0;
+
+  friend bool operator==(const OutputTables&, const OutputTables&) = default;
+};
+
+/// What hostrouted.toml(5) describes, with its defaults.
+struct Config {
+  static constexpr const char* kDefaultFile = "/etc/hostroute/hostrouted.toml";
+
+  Linux::FeedOptions feed;
+  Linux::KernelRoutesOptions kernelRoutes;
+  Linux::ProbingOptions probing;
+
+  std::map<std::string, OutputTables, std::less<>> tables{{"default", {10, 10}}};  ///< by VRF
+  uint8_t protocol = 205;
+  uint32_t metric4 = 0;
+  uint32_t metric6 = 1024;
+  std::optional<Linux::Address> preferredSource4;
+  std::optional<Linux::Address> preferredSource6;
+  bool flushesOnExit = false;
+
+  std::string runDir = "/run/hostroute";
+  std::string stateDir = "/var/lib/hostroute";
+  std::string sharedName;                   ///< of the tables in shared memory; empty for none
+  size_t receiveBuffer = size_t{64} << 20;  ///< of the notification socket, in bytes
+  int logLevel = 6;                         ///< syslog(3): 6 is informational
+
+  Config();
+
+  /// Reads a file's text. `name` is what errors call it.
+  /// \throws ConfigError.
+  static Config parse(std::string_view text, const std::string& name);
+  /// Reads a file. \throws ConfigError, also when it cannot be read.
+  static Config load(const std::string& file);
+
+  /// Refuses what no single key is to blame for, such as two VRFs on one table.
+  /// \throws ConfigError.
+  void check() const;
+};
+
+/// The number of a routing protocol, from a number or a name of rtnetlink(7) and routing daemons
+/// ("static", "zebra", "bgp"...).
+std::optional<uint8_t> parseProtocol(std::string_view text);
+/// The number of a log level: "error", "warning", "notice", "info" or "debug".
+std::optional<int> parseLogLevel(std::string_view text);
+
+}  // namespace Hostrouted

@@ -1,0 +1,112 @@
+// The daemon without its event loop: from what the kernel tells to what the kernel is told.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "daemon/Switch.h"
+#include "hostrouted/Config.h"
+#include "hostrouted/Exports.h"
+#include "linux/Feed.h"
+#include "linux/KernelRoutes.h"
+#include "linux/Mirror.h"
+#include "linux/Probing.h"
+
+namespace Hostrouted {
+
+/// How far the daemon is in bringing its view of the kernel up to date.
+enum class Phase : uint8_t {
+  Starting,         ///< the first dump is not through: nothing is written yet
+  Ready,            ///< follows the kernel's notifications
+  Resynchronising,  ///< notifications were lost; routes stay until a new dump is through
+};
+
+/// "starting", "ready" or "resynchronising".
+const char* phaseName(Phase phase);
+
+/// Mirror, feed, switch and kernel routes in a row. Does no I/O but through what it is lent.
+///
+/// The kernel's words come in by apply(), in turns: endTurn() brings everything behind it up to
+/// date, and writes the difference.
+class Router {
+ public:
+  /// What the router uses of the world. All outlive it.
+  struct Services {
+    Linux::RouteChannel& channel;
+    Linux::AdvertisedLog& log;
+    std::function<double()> clock;  ///< seconds, never going back
+    std::function<void(std::span<const Linux::Probe>)> probe;
+    std::function<void(int level, const std::string& message)> report;  ///< syslog(3) levels
+    /// Told of each operation that the switch is given; empty when nobody records.
+    Linux::Feed::Output record = {};
+  };
+  struct Counters {
+    uint64_t changes = 0;     ///< messages of the kernel
+    uint64_t operations = 0;  ///< given to the switch
+    uint64_t failures = 0;    ///< operations that the switch did not finish
+    uint64_t resynchronisations = 0;
+    uint64_t probes = 0;
+  };
+
+  /// \throws Kiv::RangeException, Tovan::OpenException when the shared tables cannot be made.
+  Router(const Config& config, const Services& services);
+  Router(const Router&) = delete;
+  Router& operator=(const Router&) = delete;
+  ~Router();
+
+  /// Takes the kernel's word on one object.
+  void apply(const Linux::Change& change);
+  /// Handles all that was taken since the last turn: feeds the switch, settles, and writes what
+  /// differs to the kernel. Before the first complete dump nothing is written.
+  void endTurn();
+
+  /// A dump of everything begins: the first, or one after notifications were lost.
+  void beginDump();
+  /// The dump is through, with all that was notified meanwhile.
+  void endDump();
+
+  /// Takes another configuration; the next endTurn() does exactly what differs. What concerns the
+  /// process itself (directories, shared tables, protocol number) stays as it was.
+  void reload(const Config& config);
+  /// Removes our routes from the kernel.
+  void flushRoutes();
+
+  /// When endTurn() should be called though nothing came: the clock's time, or none.
+  std::optional<double> nextDeadline() const;
+
+  Phase phase() const { return phase_; }
+  const Counters& counters() const { return counters_; }
+  /// A former process may have told others of this route. Before the first dump.
+  void adoptAdvertised(const Linux::RouteKey& key, uint32_t metric) {
+    routes_.adoptAdvertised(key, metric);
+  }
+
+  const Linux::KernelRoutes& kernelRoutes() const { return routes_; }
+  const Linux::Mirror& mirror() const { return mirror_; }
+  const Daemon::Switch& sw() const { return switch_; }
+  const Config& config() const { return config_; }
+
+ private:
+  bool takeOwnRoute(const Linux::Change& change);
+  void noteDepartures(const Linux::Change& change);
+  void operate(const Daemon::Operation& operation);
+
+  Config config_;
+  const Services services_;
+  Phase phase_ = Phase::Starting;
+  bool dumps_ = false;
+  Counters counters_;
+  Linux::Mirror mirror_;
+  Linux::Feed feed_;
+  Daemon::Switch switch_;
+  Linux::KernelRoutes routes_;
+  Exports exports_;
+  Linux::Probing probing_;
+};
+
+}  // namespace Hostrouted

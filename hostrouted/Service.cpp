@@ -1,0 +1,386 @@
+// The daemon as a process: sockets, signals, timers and the service manager, on one event loop.
+#include "hostrouted/Service.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "hostrouted/InstanceLock.h"
+#include "hostrouted/Router.h"
+#include "hostrouted/Status.h"
+#include "linux/AdvertisedFile.h"
+#include "linux/Netlink.h"
+#include "linux/RequestSocket.h"
+#include "replay/Recording.h"
+
+namespace Hostrouted {
+namespace {
+
+/// About how many messages are read in one turn: enough for a burst to be handled as one, few
+/// enough for timers and signals to have their turn.
+constexpr size_t kMessagesATurn = 65536;
+/// The status file is written at most this often, in seconds.
+constexpr double kStatusInterval = 1;
+/// A dump that was interrupted is asked for again after this long, in seconds, and then after twice
+/// as long each time up to the other.
+constexpr double kFirstRetry = 0.02;
+constexpr double kLongestRetry = 1;
+
+/// \throws std::runtime_error naming the call when `result` is a negative errno.
+int must(int result, const char* call) {
+  if (result < 0) throw std::runtime_error(std::string(call) + ": " + std::strerror(-result));
+  return result;
+}
+
+/// A directory of our own: made if need be, and locked against another daemon.
+class Directory {
+ public:
+  explicit Directory(const std::string& path) {
+    std::error_code problem;
+    std::filesystem::create_directories(path, problem);
+    if (problem) throw std::runtime_error(path + ": " + problem.message());
+    const std::string lock = path + "/lock";
+    fd_ = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ < 0) throw std::runtime_error(lock + ": " + std::strerror(errno));
+    if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      ::close(fd_);
+      throw InUseError("another hostrouted uses " + path);
+    }
+  }
+  Directory(const Directory&) = delete;
+  Directory& operator=(const Directory&) = delete;
+  ~Directory() { ::close(fd_); }
+
+ private:
+  int fd_ = -1;
+};
+
+/// Prints requests in the words of ip(8) instead of carrying them out.
+class PrintingChannel final : public Linux::RouteChannel {
+ public:
+  void perform(std::span<const Linux::RouteRequest> requests, std::span<int> results) override {
+    for (const auto& request : requests) std::cout << Linux::toString(request) << '\n';
+    std::ranges::fill(results, 0);
+  }
+};
+
+class NoLog final : public Linux::AdvertisedLog {
+ public:
+  void add(const Linux::RouteKey&, uint32_t) override {}
+  void remove(const Linux::RouteKey&) override {}
+};
+
+/// Writes each operation as a line of a replay. When the file cannot be written, recording ends.
+class Recorder {
+ public:
+  Recorder(const std::string& path, Log& log) : path_(path), log_(log) {
+    if (path.empty()) return;
+    file_.open(path, std::ios::trunc | std::ios::binary);
+    if (!file_) throw std::runtime_error(path + ": " + std::strerror(errno));
+  }
+  bool isOn() const { return file_.is_open(); }
+  void write(const Daemon::Operation& operation) {
+    if (isOn()) file_ << Replay::linesOf(operation);
+  }
+  void flush() {
+    if (!isOn() || file_.flush()) return;
+    log_.write(LOG_ERR, "record", path_ + ": the recording ends here: it cannot be written");
+    file_.close();
+  }
+
+ private:
+  std::string path_;
+  Log& log_;
+  std::ofstream file_;
+};
+
+class EventSource {
+ public:
+  EventSource() = default;
+  EventSource(const EventSource&) = delete;
+  EventSource& operator=(const EventSource&) = delete;
+  ~EventSource() { ::sd_event_source_unref(source_); }
+  sd_event_source** out() { return &source_; }
+  sd_event_source* get() const { return source_; }
+
+ private:
+  sd_event_source* source_ = nullptr;
+};
+
+}  // namespace
+
+class Service::Loop {
+ public:
+  Loop(const Config& config, Options options, Log& log)
+      : options_(std::move(options)),
+        log_(log),
+        writer_(config.protocol),
+        notifications_({.receiveBuffer = config.receiveBuffer,
+                        .ownPort = options_.isDryRun ? 0 : writer_.port(),
+                        .warn = warner()}),
+        recorder_(options_.recordFile, log) {
+    if (!options_.isDryRun) {
+      locks_.claim(config);
+      runDirectory_.emplace(config.runDir);
+      if (config.stateDir != config.runDir) stateDirectory_.emplace(config.stateDir);
+      advertised_.emplace(config.stateDir + "/advertised", [this](const std::string& problem) {
+        log_.write(LOG_WARNING, "advertised", problem);
+      });
+    }
+    router_.emplace(config, services());
+    if (advertised_) {
+      for (const auto& route : advertised_->keys()) {
+        router_->adoptAdvertised(route.key, route.metric);
+      }
+    }
+    watch();
+  }
+  Loop(const Loop&) = delete;
+  Loop& operator=(const Loop&) = delete;
+  ~Loop() { ::sd_event_unref(event_); }
+
+  int run() {
+    synchronise();
+    afterTurn();
+    if (options_.isDryRun && router_->phase() == Phase::Ready) return 0;
+    return must(::sd_event_loop(event_), "sd_event_loop");
+  }
+
+ private:
+  Router::Services services() {
+    Linux::RouteChannel& channel =
+        options_.isDryRun ? static_cast<Linux::RouteChannel&>(printer_) : writer_;
+    Linux::AdvertisedLog& advertised =
+        advertised_ ? static_cast<Linux::AdvertisedLog&>(*advertised_) : noLog_;
+    Router::Services services{
+        .channel = channel,
+        .log = advertised,
+        .clock = monotonicSeconds,
+        .probe =
+            [this](std::span<const Linux::Probe> probes) {
+              if (!options_.isDryRun) writer_.probe(probes);
+            },
+        .report = [this](int level,
+                         const std::string& message) { log_.write(level, "router", message); },
+        .record = {}};
+    if (recorder_.isOn()) {
+      services.record = [this](const Daemon::Operation& operation) { recorder_.write(operation); };
+    }
+    return services;
+  }
+
+  /// Logs messages of the kernel that cannot be read.
+  Linux::Warn warner() {
+    return [this](const std::string& what) { log_.write(LOG_WARNING, "message", what); };
+  }
+
+  void watch() {
+    must(::sd_event_new(&event_), "sd_event_new");
+    must(::sd_event_add_io(event_, input_.out(), notifications_.fd(), EPOLLIN, onReadable, this),
+         "sd_event_add_io");
+    must(::sd_event_add_time(event_, timer_.out(), CLOCK_MONOTONIC, 0, 1000, onTime, this),
+         "sd_event_add_time");
+    must(::sd_event_source_set_enabled(timer_.get(), SD_EVENT_OFF), "sd_event_source_set_enabled");
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) ::sigaddset(&signals, signal);
+    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
+      must(::sd_event_add_signal(event_, nullptr, signal, onSignal, this), "sd_event_add_signal");
+    }
+    must(::sd_event_set_watchdog(event_, 1), "sd_event_set_watchdog");
+  }
+
+  // The event loop's callbacks. An exception ends the daemon with an error, not by terminate().
+  template <class Act>
+  int guarded(Act act) {
+    try {
+      act();
+      return 0;
+    } catch (const std::exception& error) {
+      log_.write(LOG_CRIT, "loop", std::string("cannot go on: ") + error.what());
+      ::sd_event_exit(event_, 1);
+      return 0;
+    }
+  }
+  static int onReadable(sd_event_source*, int, uint32_t, void* self) {
+    auto& loop = *static_cast<Loop*>(self);
+    return loop.guarded([&] { loop.handleInput(); });
+  }
+  static int onTime(sd_event_source*, uint64_t, void* self) {
+    auto& loop = *static_cast<Loop*>(self);
+    return loop.guarded([&] { loop.handleTime(); });
+  }
+  static int onSignal(sd_event_source*, const signalfd_siginfo* info, void* self) {
+    auto& loop = *static_cast<Loop*>(self);
+    return loop.guarded([&] { loop.handleSignal(static_cast<int>(info->ssi_signo)); });
+  }
+
+  /// Reads what was notified. \return false when some of it was lost.
+  bool readInput() {
+    return notifications_.read(kMessagesATurn,
+                               [this](const Linux::Change& change) { router_->apply(change); });
+  }
+
+  void handleInput() {
+    if (!readInput()) {
+      log_.write(LOG_WARNING, "lost",
+                 "the kernel dropped notifications: all of its state is read again");
+      synchronise();
+    } else {
+      router_->endTurn();
+    }
+    afterTurn();
+  }
+
+  /// Reads all of the kernel's state. When a change came in between that spoils it, another attempt
+  /// is made a little later.
+  void synchronise() {
+    router_->beginDump();
+    ::sd_notify(0, ("STATUS=" + std::string(phaseName(router_->phase()))).c_str());
+    writeStatus();
+    bool isWhole = Linux::dumpAll([this](const Linux::Change& change) { router_->apply(change); });
+    // What was notified meanwhile comes on top; it may be older than the dump, but ends where the
+    // kernel is.
+    isWhole = readInput() && isWhole;
+    if (!isWhole) {
+      retryDelay_ = retryAt_ ? std::min(2 * retryDelay_, kLongestRetry) : kFirstRetry;
+      retryAt_ = monotonicSeconds() + retryDelay_;
+      return;
+    }
+    retryAt_.reset();
+    router_->endDump();
+    if (!isReady_) {
+      isReady_ = true;
+      ::sd_notify(0, "READY=1");
+      log_.write(LOG_INFO, "ready", statusLine(*router_));
+    }
+  }
+
+  void handleTime() {
+    if (retryAt_ && monotonicSeconds() >= *retryAt_) {
+      synchronise();
+      if (options_.isDryRun && router_->phase() == Phase::Ready) ::sd_event_exit(event_, 0);
+    } else {
+      router_->endTurn();
+    }
+    afterTurn();
+  }
+
+  void handleSignal(int signal) {
+    switch (signal) {
+      case SIGHUP:
+        reload();
+        break;
+      case SIGUSR1:
+        writeStatus();
+        break;
+      default:
+        ::sd_notify(0, "STOPPING=1");
+        if (router_->config().flushesOnExit && !options_.isDryRun) router_->flushRoutes();
+        writeStatus();
+        ::sd_event_exit(event_, 0);
+        return;
+    }
+    afterTurn();
+  }
+
+  void reload() {
+    const auto now = std::to_string(static_cast<uint64_t>(monotonicSeconds() * 1e6));
+    ::sd_notify(0, ("RELOADING=1\nMONOTONIC_USEC=" + now).c_str());
+    try {
+      const Config config = options_.reload();
+      if (!options_.isDryRun) locks_.claim(config);
+      log_.setLevel(config.logLevel);
+      router_->reload(config);
+      // Tables that are ours from now on may hold routes of a former process.
+      synchronise();
+      log_.write(LOG_NOTICE, "reload", "the configuration was read again");
+    } catch (const std::exception& error) {
+      log_.write(LOG_ERR, "reload",
+                 std::string(error.what()) + "; the configuration stays as it was");
+    }
+    ::sd_notify(0, "READY=1");
+  }
+
+  /// After each turn: the recording, the status, and the time of the next turn.
+  void afterTurn() {
+    recorder_.flush();
+    const double now = monotonicSeconds();
+    auto line = statusLine(*router_);
+    if (line != statusLine_ && now >= statusAt_ + kStatusInterval) writeStatus();
+    std::optional<double> next = retryAt_;
+    const auto consider = [&](std::optional<double> time) {
+      if (time && (!next || *time < *next)) next = time;
+    };
+    consider(router_->nextDeadline());
+    if (line != statusLine_) consider(statusAt_ + kStatusInterval);
+    if (!next) {
+      ::sd_event_source_set_enabled(timer_.get(), SD_EVENT_OFF);
+      return;
+    }
+    ::sd_event_source_set_time(timer_.get(), static_cast<uint64_t>(std::max(*next, 0.0) * 1e6) + 1);
+    ::sd_event_source_set_enabled(timer_.get(), SD_EVENT_ONESHOT);
+  }
+
+  void writeStatus() {
+    if (options_.isDryRun) return;
+    statusLine_ = statusLine(*router_);
+    statusAt_ = monotonicSeconds();
+    ::sd_notify(0, ("STATUS=" + statusLine_).c_str());
+    const auto path = router_->config().runDir + "/status.json";
+    if (!replaceFile(path, statusJson(*router_))) {
+      log_.write(LOG_WARNING, "status", path + ": " + std::strerror(errno));
+    }
+  }
+
+  const Options options_;
+  Log& log_;
+  PrintingChannel printer_;
+  NoLog noLog_;
+  Linux::RequestSocket writer_;
+  Linux::NotificationSocket notifications_;
+  Recorder recorder_;
+  InstanceLock locks_;
+  std::optional<Directory> runDirectory_;
+  std::optional<Directory> stateDirectory_;
+  std::optional<Linux::AdvertisedFile> advertised_;
+  std::optional<Router> router_;
+
+  sd_event* event_ = nullptr;
+  EventSource input_;
+  EventSource timer_;
+  bool isReady_ = false;
+  std::optional<double> retryAt_;
+  double retryDelay_ = kFirstRetry;
+  std::string statusLine_;
+  double statusAt_ = 0;
+};
+
+Service::Service(const Config& config, Options options, Log& log)
+    : loop_(std::make_unique<Loop>(config, std::move(options), log)) {}
+
+Service::~Service() = default;
+
+int Service::run() {
+  return loop_->run();
+}
+
+}  // namespace Hostrouted

@@ -1,0 +1,166 @@
+// The hostrouted program: the command line over the configuration file, then the service.
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "hostrouted/Config.h"
+#include "hostrouted/InstanceLock.h"
+#include "hostrouted/Log.h"
+#include "hostrouted/Service.h"
+
+namespace {
+
+using Hostrouted::Config;
+using Hostrouted::ConfigError;
+
+constexpr int kFailed = 1;
+constexpr int kMisused = 2;
+constexpr int kInUse = 3;
+
+constexpr const char* kDescription =
+    R"(Keeps a host route in a kernel table for every host that this router has as a neighbour and
+that belongs where it was seen, so that a routing daemon can advertise it.)";
+
+constexpr const char* kFooter =
+    R"(Options override the configuration file. Without --config, /etc/hostroute/hostrouted.toml is read if
+it is there. SIGHUP has the file read again; SIGTERM ends the daemon, and the routes stay unless
+on-exit = "flush" is set.
+
+Examples:
+  hostrouted --interfaces br0                        try it: the hosts on br0, into table 10
+  hostrouted --interfaces 'swp*' --dry-run           print the routes that it would write
+  hostrouted --check-config                          is the file all right?
+  ip route show table 10                             what it wrote
+
+Exit status: 0 ended by a signal; 1 it cannot go on; 2 the command line or the configuration is
+wrong; 3 another hostrouted writes to one of the tables, or uses the directories.)";
+
+struct Arguments {
+  std::string file;
+  std::optional<uint32_t> table4, table6;
+  std::optional<uint32_t> protocol;
+  std::string interfaces;
+  std::string runDir;
+  std::string stateDir;
+  std::string sharedName;
+  std::string logLevel;
+  std::string recordFile;
+  bool foreground = false;
+  bool checksOnly = false;
+  bool isDryRun = false;
+};
+
+std::vector<std::string> split(const std::string& list) {
+  std::vector<std::string> parts;
+  std::istringstream in(list);
+  for (std::string part; std::getline(in, part, ',');) {
+    if (!part.empty()) parts.push_back(part);
+  }
+  return parts;
+}
+
+/// The file's configuration, with what the command line says over it. \throws ConfigError.
+Config configuration(const Arguments& arguments) {
+  Config config;
+  if (!arguments.file.empty()) {
+    config = Config::load(arguments.file);
+  } else if (std::filesystem::exists(Config::kDefaultFile)) {
+    config = Config::load(Config::kDefaultFile);
+  }
+  auto& output = config.tables["default"];
+  output.table4 = arguments.table4.value_or(output.table4);
+  output.table6 = arguments.table6.value_or(output.table6);
+  if (arguments.protocol) config.protocol = static_cast<uint8_t>(*arguments.protocol);
+  if (!arguments.interfaces.empty()) config.feed.interfaces = split(arguments.interfaces);
+  if (!arguments.runDir.empty()) config.runDir = arguments.runDir;
+  if (!arguments.stateDir.empty()) config.stateDir = arguments.stateDir;
+  if (!arguments.sharedName.empty()) config.sharedName = arguments.sharedName;
+  if (!arguments.logLevel.empty()) {
+    config.logLevel = Hostrouted::parseLogLevel(arguments.logLevel).value_or(config.logLevel);
+  }
+  config.check();
+  return config;
+}
+
+void addOptions(CLI::App& app, Arguments& arguments) {
+  app.add_option("--config", arguments.file, "The configuration file, see hostrouted.toml(5)")
+      ->type_name("FILE");
+  app.add_option(
+         "--interfaces", arguments.interfaces,
+         "Whose neighbours count: names and patterns, such as a,b,swp*; !PATTERN takes away")
+      ->type_name("LIST");
+  app.add_option("--table", arguments.table4, "The kernel table of IPv4 host routes; 0 for none")
+      ->type_name("N");
+  app.add_option("--table6", arguments.table6, "The kernel table of IPv6 host routes; 0 for none")
+      ->type_name("N");
+  app.add_option("--protocol", arguments.protocol, "The protocol number of the routes")
+      ->type_name("N")
+      ->check(CLI::Range(1, 255));
+  app.add_option("--run-dir", arguments.runDir, "Where the status file is")->type_name("DIR");
+  app.add_option("--state-dir", arguments.stateDir, "Where the list of advertised routes is")
+      ->type_name("DIR");
+  app.add_option("--shared-tables", arguments.sharedName,
+                 "Keep the engine's tables in shared memory, for `hostroute routes --table NAME`")
+      ->type_name("NAME");
+  app.add_option("--log-level", arguments.logLevel, "error, warning, notice, info or debug")
+      ->type_name("LEVEL")
+      ->check([](const std::string& level) -> std::string {
+        return Hostrouted::parseLogLevel(level) ? ""
+                                                : "the levels are error, warning, notice, "
+                                                  "info and debug";
+      });
+  app.add_option("--record", arguments.recordFile,
+                 "Record what the engine is told, for `hostroute replay --settle FILE`")
+      ->type_name("FILE");
+  app.add_flag("--foreground", arguments.foreground,
+               "Stay in the foreground; it always does, and systemd expects that");
+  app.add_flag("--check-config", arguments.checksOnly,
+               "Only say whether the configuration is right");
+  app.add_flag("--dry-run", arguments.isDryRun,
+               "Print what it would write to the kernel, and end; writes nothing");
+  app.footer(kFooter);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app(kDescription);
+  app.set_version_flag("--version", "hostrouted " HOSTROUTE_VERSION);
+  Arguments arguments;
+  addOptions(app, arguments);
+  Hostrouted::Log log;
+  try {
+    app.parse(argc, argv);
+    const Config config = configuration(arguments);
+    if (arguments.checksOnly) {
+      std::cout << "The configuration is right.\n";
+      return 0;
+    }
+    log.setLevel(config.logLevel);
+    Hostrouted::Service service(config,
+                                {.reload = [&arguments] { return configuration(arguments); },
+                                 .isDryRun = arguments.isDryRun,
+                                 .recordFile = arguments.recordFile},
+                                log);
+    return service.run();
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kMisused;
+  } catch (const ConfigError& error) {
+    std::cerr << "hostrouted: error: " << error.what() << '\n';
+    return kMisused;
+  } catch (const Hostrouted::InUseError& error) {
+    std::cerr << "hostrouted: error: " << error.what() << '\n';
+    return kInUse;
+  } catch (const std::exception& error) {
+    std::cerr << "hostrouted: error: " << error.what() << '\n';
+    return kFailed;
+  }
+}

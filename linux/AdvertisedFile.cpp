@@ -1,0 +1,282 @@
+#include "linux/AdvertisedFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+namespace Linux {
+namespace {
+
+constexpr std::string_view kFormat = "hostroute-advertised ";
+constexpr std::string_view kHeader = "hostroute-advertised 1\n";
+/// Lines that a file may have beyond twice its keys.
+constexpr size_t kSlack = 4096;
+
+/// FNV-1a, which finds a torn or overwritten line; nobody forges one.
+uint32_t checksum(std::string_view text) {
+  uint32_t sum = 2166136261U;
+  for (const char c : text) sum = (sum ^ static_cast<uint8_t>(c)) * 16777619U;
+  return sum;
+}
+
+template <class Number>
+void appendNumber(std::string& out, Number value, int base = 10) {
+  std::array<char, 24> text;
+  const auto end = std::to_chars(text.begin(), text.end(), value, base).ptr;
+  out.append(text.begin(), end);
+}
+
+/// Ends the line that began at `begin`.
+void endLine(std::string& out, size_t begin) {
+  const uint32_t sum = checksum(std::string_view(out).substr(begin));
+  out += ' ';
+  appendNumber(out, sum, 16);
+  out += '\n';
+}
+
+void appendKey(std::string& out, const RouteKey& key) {
+  appendNumber(out, key.table);
+  out += ' ';
+  std::visit(
+      [&out](const auto& prefix) {
+        std::array<char, std::decay_t<decltype(prefix)>::kMaxText> text;
+        out.append(text.data(), prefix.write(text.data()));
+      },
+      key.prefix);
+}
+
+void appendAddition(std::string& out, const RouteKey& key, uint32_t metric) {
+  const size_t begin = out.size();
+  out += "+ ";
+  appendKey(out, key);
+  out += ' ';
+  appendNumber(out, metric);
+  endLine(out, begin);
+}
+
+void appendRemoval(std::string& out, const RouteKey& key) {
+  const size_t begin = out.size();
+  out += "- ";
+  appendKey(out, key);
+  endLine(out, begin);
+}
+
+std::optional<uint32_t> parseNumber(std::string_view text, int base = 10) {
+  uint32_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+std::optional<Prefix> parsePrefix(std::string_view text) {
+  if (const auto prefix = Zemit::Prefix::parse(text)) return Prefix(*prefix);
+  if (const auto prefix = Zemit::Ip6Prefix::parse(text)) return Prefix(*prefix);
+  return std::nullopt;
+}
+
+/// Takes the text up to the next blank, and the blank.
+std::string_view takeWord(std::string_view& text) {
+  const size_t end = std::min(text.find(' '), text.size());
+  const auto word = text.substr(0, end);
+  text.remove_prefix(std::min(end + 1, text.size()));
+  return word;
+}
+
+/// Writes all of `text` at `offset`. \return 0 or errno.
+int writeAll(int fd, std::string_view text, size_t offset) {
+  while (!text.empty()) {
+    const auto written = ::pwrite(fd, text.data(), text.size(), static_cast<off_t>(offset));
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    text.remove_prefix(static_cast<size_t>(written));
+    offset += static_cast<size_t>(written);
+  }
+  return 0;
+}
+
+}  // namespace
+
+AdvertisedFile::AdvertisedFile(std::string path, Report report,
+                               std::chrono::milliseconds retryAfter)
+    : path_(std::move(path)), report_(std::move(report)), retryAfter_(retryAfter) {
+  read();
+}
+
+AdvertisedFile::~AdvertisedFile() {
+  commit();
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void AdvertisedFile::read() {
+  fd_ = ::open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd_ < 0) {
+    // Made with the first key.
+    if (errno != ENOENT) fail("open");
+    isBroken_ = true;
+    return;
+  }
+  struct stat status;
+  if (::fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) {
+    report_(path_ + ": is no regular file, and is replaced by one");
+    isBroken_ = true;
+    return;
+  }
+  std::string text;
+  text.resize(static_cast<size_t>(status.st_size));
+  size_t length = 0;
+  while (length < text.size()) {
+    const auto got = ::read(fd_, text.data() + length, text.size() - length);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) fail("read");
+    if (got <= 0) break;
+    length += static_cast<size_t>(got);
+  }
+  text.resize(length);
+  readLines(text);
+}
+
+/// Takes over what the lines say, those that are whole. A file with others is written anew.
+void AdvertisedFile::readLines(std::string_view text) {
+  size_ = text.size();
+  bool isFirst = true;
+  size_t number = 0;
+  size_t damaged = 0;
+  size_t firstDamaged = 0;
+  while (!text.empty()) {
+    ++number;
+    const size_t end = text.find('\n');
+    const auto line = text.substr(0, end);
+    const bool isWhole = end != std::string_view::npos;
+    text.remove_prefix(isWhole ? end + 1 : text.size());
+    if (std::exchange(isFirst, false)) {
+      if (isWhole && line == kHeader.substr(0, kHeader.size() - 1)) continue;
+      if (isWhole && line.starts_with(kFormat)) {
+        report_(path_ + ":1: version 1 was expected, not \"" + std::string(line) +
+                "\": it is kept as " + path_ + ".unknown");
+        ::rename(path_.c_str(), (path_ + ".unknown").c_str());
+        isBroken_ = true;
+        return;
+      }
+    }
+    if (isWhole && applyLine(line)) {
+      ++lines_;
+    } else if (damaged++ == 0) {
+      firstDamaged = number;
+    }
+  }
+  if (damaged != 0) {
+    report_(path_ + ":" + std::to_string(firstDamaged) + ": torn or damaged, passed over" +
+            (damaged == 1 ? "" : ", and " + std::to_string(damaged - 1) + " more lines"));
+  }
+  // The next line must not be appended to a torn one, nor to nothing.
+  if (damaged != 0 || size_ == 0) isBroken_ = true;
+}
+
+bool AdvertisedFile::applyLine(std::string_view line) {
+  const size_t blank = line.rfind(' ');
+  if (blank == std::string_view::npos) return false;
+  if (parseNumber(line.substr(blank + 1), 16) != checksum(line.substr(0, blank))) return false;
+  line = line.substr(0, blank);
+  const auto verb = takeWord(line);
+  const auto table = parseNumber(takeWord(line));
+  const auto prefix = parsePrefix(takeWord(line));
+  if (!table || !prefix) return false;
+  const RouteKey key{*table, *prefix};
+  if (verb == "-" && line.empty()) {
+    live_.erase(key);
+    return true;
+  }
+  const auto metric = parseNumber(line);
+  if (verb != "+" || !metric) return false;
+  live_.insertOrAssign(key, *metric);
+  return true;
+}
+
+void AdvertisedFile::add(const RouteKey& key, uint32_t metric) {
+  live_.insertOrAssign(key, metric);
+  appendAddition(pending_, key, metric);
+  ++pendingLines_;
+}
+
+void AdvertisedFile::remove(const RouteKey& key) {
+  if (!live_.erase(key)) return;
+  appendRemoval(pending_, key);
+  ++pendingLines_;
+}
+
+void AdvertisedFile::commit() {
+  if (pending_.empty()) return;
+  const bool isLong = lines_ + pendingLines_ > 2 * live_.size() + kSlack;
+  const bool mayRewrite = std::chrono::steady_clock::now() >= retryAt_;
+  const bool isRewritten = (isBroken_ || isLong) && mayRewrite && rewrite();
+  // What a broken file lacks is in live_, and comes with the next that is written.
+  if (!isRewritten && !isBroken_ && !append()) isBroken_ = true;
+  pending_.clear();
+  pendingLines_ = 0;
+}
+
+std::vector<AdvertisedFile::Route> AdvertisedFile::keys() const {
+  std::vector<Route> routes;
+  routes.reserve(live_.size());
+  for (const auto& [key, metric] : live_) routes.push_back({key, metric});
+  return routes;
+}
+
+bool AdvertisedFile::append() {
+  if (const int error = writeAll(fd_, pending_, size_)) {
+    errno = error;
+    fail("write");
+    return false;
+  }
+  size_ += pending_.size();
+  lines_ += pendingLines_;
+  return true;
+}
+
+/// Writes a file of the keys alone beside the old one, and puts it in its place.
+bool AdvertisedFile::rewrite() {
+  std::string text(kHeader);
+  for (const auto& [key, metric] : live_) appendAddition(text, key, metric);
+  const std::string next = path_ + ".new";
+  const int fd = ::open(next.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0640);
+  if (fd < 0) {
+    fail("open");
+    return false;
+  }
+  int error = writeAll(fd, text, 0);
+  if (error == 0 && ::rename(next.c_str(), path_.c_str()) != 0) error = errno;
+  if (error != 0) {
+    ::close(fd);
+    ::unlink(next.c_str());
+    errno = error;
+    fail("write");
+    return false;
+  }
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = fd;
+  size_ = text.size();
+  lines_ = live_.size();
+  if (std::exchange(isReported_, false)) report_(path_ + ": is written again");
+  isBroken_ = false;
+  return true;
+}
+
+/// Tells an error of the system, once until it is over.
+void AdvertisedFile::fail(const char* call) {
+  const int error = errno;
+  retryAt_ = std::chrono::steady_clock::now() + retryAfter_;
+  if (std::exchange(isReported_, true)) return;
+  report_(path_ + ": " + call + ": " + std::strerror(error) +
+          ": what other routers were told is not all known after a crash");
+}
+
+}  // namespace Linux

@@ -1,0 +1,83 @@
+// The prefixes that other routers may have been told of, in a file.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "linux/KernelRoutes.h"
+#include "platform/kiv/HashMap.h"
+
+namespace Linux {
+
+/// An AdvertisedLog in a file to which lines are appended: what it holds when the process dies, at
+/// whatever moment, is what was added before the last commit(), and perhaps some of what came
+/// later.
+///
+/// The first line names the format and its version. Each other one adds a key with its metric or
+/// removes one, and ends with a checksum of itself:
+///
+///     hostroute-advertised 1
+///     + 10 10.0.0.5/32 20 5f3c0a11
+///     - 10 10.0.0.5/32 9b02d7e4
+///
+/// A file with many more lines than keys is written anew beside the old one and takes its place.
+/// Nothing waits for the disk: a machine that loses power has lost its routes, too. A file that
+/// cannot be written is no reason to stop; it is tried again, and written whole, with a later
+/// commit().
+class AdvertisedFile final : public AdvertisedLog {
+ public:
+  using Report = std::function<void(const std::string& problem)>;
+  struct Route {
+    RouteKey key;
+    uint32_t metric = 0;
+
+    friend bool operator==(const Route&, const Route&) = default;
+  };
+
+  /// Reads the file at `path`, if there is one.
+  ///
+  /// \param report      told what is wrong with the file: lines that were passed over, errors of
+  ///                    the system, the end of such an error.
+  /// \param retryAfter  the least time between two attempts at a file that cannot be written.
+  AdvertisedFile(std::string path, Report report,
+                 std::chrono::milliseconds retryAfter = std::chrono::seconds(1));
+  AdvertisedFile(const AdvertisedFile&) = delete;
+  AdvertisedFile& operator=(const AdvertisedFile&) = delete;
+  ~AdvertisedFile() override;
+
+  void add(const RouteKey& key, uint32_t metric) override;
+  void remove(const RouteKey& key) override;
+  void commit() override;
+
+  /// What was added and not removed, in no order.
+  std::vector<Route> keys() const;
+  /// Whether the file holds all that was committed.
+  bool isSound() const { return !isBroken_; }
+
+ private:
+  void read();
+  void readLines(std::string_view text);
+  bool applyLine(std::string_view line);
+  bool append();
+  bool rewrite();
+  void fail(const char* call);
+
+  std::string path_;
+  Report report_;
+  std::chrono::milliseconds retryAfter_;
+  Kiv::HashMap<RouteKey, uint32_t> live_;  // metrics
+  std::string pending_;                    // lines that are not in the file yet
+  size_t pendingLines_ = 0;
+  size_t lines_ = 0;  // in the file
+  size_t size_ = 0;   // of the file, in bytes
+  int fd_ = -1;
+  bool isBroken_ = false;    // the file lacks something
+  bool isReported_ = false;  // and that was told
+  std::chrono::steady_clock::time_point retryAt_;
+};
+
+}  // namespace Linux

@@ -1,0 +1,660 @@
+#include "linux/KernelRoutes.h"
+
+#include <cerrno>
+#include <cmath>
+
+#include "platform/kiv/Hash.h"
+
+namespace Linux {
+namespace {
+
+using Verb = RouteRequest::Verb;
+
+/// How many routes are written before the results are looked at. Of many that change, each is
+/// absent from the kernel while this many are deleted.
+constexpr size_t kChunk = 512;
+/// Most attempts at one route in one flush.
+constexpr int kRounds = 8;
+/// What the kernel takes for an IPv6 metric of 0 (IP6_RT_PRIO_USER).
+constexpr uint32_t kDefaultMetric6 = 1024;
+constexpr double kLongestDelay = 60;
+/// Moments to try again are multiples of this, so that many routes have one in common.
+constexpr double kTick = 0.1;
+
+/// The kernel has no memory or no room at the moment; what is in the tables is not concerned.
+bool isShortage(int error) {
+  return error == ENOBUFS || error == ENOMEM || error == ENOSPC || error == EAGAIN ||
+         error == EBUSY;
+}
+
+/// The interface, or an address that it should have, is not as the route needs it.
+bool dependsOnLink(int error) {
+  return error == ENODEV || error == ENETDOWN || error == ENETUNREACH || error == EHOSTUNREACH ||
+         error == EINVAL || error == EACCES || error == EADDRNOTAVAIL;
+}
+
+bool isAbsent(int error) {
+  return error == ESRCH || error == ENOENT;
+}
+
+/// The seconds until the second attempt.
+double firstDelay(int error) {
+  if (isShortage(error) || error == EIO) return kTick;
+  return dependsOnLink(error) ? 5 : 1;
+}
+
+}  // namespace
+
+uint32_t RouteKey::hash() const {
+  const uint32_t inner = std::visit([](const auto& p) { return p.hash(); }, prefix);
+  return Kiv::hashWord((uint64_t{table} << 32) | inner);
+}
+
+RouteValue normalized(const Prefix& prefix, RouteValue value) {
+  std::ranges::sort(value.vias);
+  value.vias.erase(std::unique(value.vias.begin(), value.vias.end()), value.vias.end());
+  if (familyOf(prefix) == 6) {
+    if (value.metric == 0) value.metric = kDefaultMetric6;
+    const auto direct =
+        std::ranges::find_if(value.vias, [](const auto& via) { return !via.gateway; });
+    if (direct != value.vias.end()) value.vias = std::vector(1, *direct);
+  }
+  return value;
+}
+
+std::string toString(const RouteRequest& request) {
+  const bool adds = request.verb == Verb::Add || request.verb == Verb::AddBlackhole;
+  const bool isBlackhole =
+      request.verb == Verb::AddBlackhole || request.verb == Verb::DeleteBlackhole;
+  std::string text = adds ? "route add " : "route del ";
+  if (isBlackhole) text += "blackhole ";
+  text += toString(request.key.prefix);
+  if (request.verb == Verb::Add) {
+    const bool isMultipath = request.value.vias.size() > 1;
+    for (const auto& via : request.value.vias) {
+      if (isMultipath) text += " nexthop";
+      if (via.gateway) text += " via " + toString(*via.gateway);
+      text += " dev " + std::to_string(via.link);
+    }
+    if (request.value.preferredSource) text += " src " + toString(*request.value.preferredSource);
+  }
+  text += " table " + std::to_string(request.key.table);
+  if (request.value.metric != 0) text += " metric " + std::to_string(request.value.metric);
+  return text;
+}
+
+KernelRoutes::ValueId KernelRoutes::ValuePool::take(RouteValue value) {
+  const auto [at, isNew] = index_.try_emplace(std::move(value), 0);
+  if (isNew) {
+    if (unused_.empty()) {
+      at->second = static_cast<ValueId>(slots_.size());
+      slots_.emplace_back();
+    } else {
+      at->second = unused_.back();
+      unused_.pop_back();
+    }
+    slots_[at->second].at = at;
+  }
+  ++slots_[at->second].users;
+  return at->second;
+}
+
+void KernelRoutes::ValuePool::drop(ValueId id) {
+  if (id == 0 || --slots_[id].users != 0) return;
+  index_.erase(slots_[id].at);
+  unused_.push_back(id);
+}
+
+std::vector<bool> KernelRoutes::ValuePool::through(
+    const std::unordered_set<LinkIndex>& links) const {
+  std::vector<bool> result(slots_.size());
+  for (const auto& [value, id] : index_) {
+    result[id] =
+        std::ranges::any_of(value.vias, [&](const auto& via) { return links.contains(via.link); });
+  }
+  return result;
+}
+
+KernelRoutes::KernelRoutes(RouteChannel& channel, AdvertisedLog& log, std::function<double()> clock,
+                           KernelRoutesOptions options)
+    : channel_(channel), log_(log), clock_(std::move(clock)), options_(options) {}
+
+void KernelRoutes::want(const RouteKey& key, std::optional<RouteValue> value) {
+  Entry* const entry = value ? entries_.tryEmplace(key).first : entries_.find(key);
+  if (entry == nullptr) return;
+  const auto id = value ? values_.take(normalized(key.prefix, std::move(*value))) : 0;
+  if (id == entry->wanted) {
+    values_.drop(id);
+    return;
+  }
+  setWanted(*entry, id);
+  entry->set(kChanged);
+  entry->clear(kMeddled);
+  if (entry->is(kTroubled)) {
+    // What the kernel said was about another value.
+    const auto trouble = troubles_.find(key);
+    if (!trouble->second.blocks) mend(key, *entry);
+  }
+  mark(key, *entry);
+}
+
+void KernelRoutes::adopt(const RouteKey& key, RouteValue value) {
+  Entry& entry = *entries_.tryEmplace(key).first;
+  const auto id = values_.take(normalized(key.prefix, std::move(value)));
+  if (entry.is(kSeen)) {
+    // One key has several routes: none of them is taken for the one that is wanted.
+    if (id != entry.actual) {
+      extras_.emplace_back(key, values_[id].metric);
+      if (values_[id].metric == values_[entry.actual].metric) {
+        setActual(entry, blackhole(values_[id].metric));
+      }
+      mark(key, entry);
+    }
+    values_.drop(id);
+    return;
+  }
+  entry.set(kSeen);
+  if (!started_) ++counters_.adopted;
+  advertise(key, entry, values_[id].metric);
+  entry.clear(kUnsure | kTold);
+  setActual(entry, id);
+  if (entry.wanted != id) mark(key, entry);
+}
+
+void KernelRoutes::adoptAdvertised(const RouteKey& key, uint32_t metric) {
+  Entry& entry = *entries_.tryEmplace(key).first;
+  if (entry.is(kAdvertised)) return;
+  // It is in the log already.
+  entry.set(kAdvertised);
+  entry.metric = familyOf(key.prefix) == 6 && metric == 0 ? kDefaultMetric6 : metric;
+  mark(key, entry);
+}
+
+void KernelRoutes::start() {
+  started_ = true;
+  scansAll_ = true;
+}
+
+void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>& value) {
+  if (!value) {
+    Entry* const entry = entries_.find(key);
+    if (entry == nullptr || entry->actual == 0) return;
+    entry->set(kUnsure | kTold | kMeddled);
+    mark(key, *entry);
+    return;
+  }
+  Entry& entry = *entries_.tryEmplace(key).first;
+  const auto id = values_.take(normalized(key.prefix, *value));
+  if (entry.actual != 0 && values_[entry.actual].metric != values_[id].metric) {
+    // It stands beside ours.
+    extras_.emplace_back(key, values_[id].metric);
+    values_.drop(id);
+    return;
+  }
+  advertise(key, entry, values_[id].metric);
+  entry.clear(kUnsure | kTold | kClaimed);
+  setActual(entry, id);
+  if (entry.wanted == id) return;
+  entry.set(kMeddled);
+  mark(key, entry);
+}
+
+void KernelRoutes::distrust(LinkIndex link) {
+  distrusted_.insert(link);
+}
+
+void KernelRoutes::linkChanged(LinkIndex link) {
+  if (!troubles_.empty()) changedLinks_.insert(link);
+}
+
+void KernelRoutes::beginDump() {
+  extras_.clear();
+  for (auto it = entries_.iterator(); it; ++it) it.value().clear(kSeen);
+}
+
+void KernelRoutes::endDump() {
+  for (auto it = entries_.iterator(); it; ++it) {
+    Entry& entry = it.value();
+    if (entry.actual == 0 || entry.is(kSeen)) continue;
+    setActual(entry, 0);
+    entry.clear(kUnsure | kTold);
+  }
+  scansAll_ = true;
+}
+
+void KernelRoutes::removeAll() {
+  started_ = true;
+  scansAll_ = true;
+  for (auto it = entries_.iterator(); it; ++it) setWanted(it.value(), 0);
+  for (auto& [key, trouble] : troubles_) trouble.retryAt = 0;
+  nextWake_ = 0;
+  flush();
+}
+
+void KernelRoutes::setOptions(KernelRoutesOptions options) {
+  if (options.dampingChanges == 0) {
+    for (const auto& [key, flap] : flaps_) {
+      if (Entry* const entry = entries_.find(key)) mark(key, *entry);
+    }
+    flaps_.clear();
+  }
+  options_ = options;
+}
+
+std::optional<double> KernelRoutes::nextDeadline() const {
+  if (!started_ || std::isinf(nextWake_)) return std::nullopt;
+  return nextWake_;
+}
+
+std::vector<KernelRoutes::Problem> KernelRoutes::problems(size_t most) const {
+  std::vector<Problem> problems;
+  for (const auto& [key, trouble] : troubles_) {
+    if (problems.size() == most) return problems;
+    problems.push_back({key, trouble.error, trouble.since, trouble.retryAt});
+  }
+  for (const auto& [key, flap] : flaps_) {
+    if (problems.size() == most) return problems;
+    const Entry* const entry = entries_.find(key);
+    if (flap.dampedUntil < 0 || entry == nullptr || entry->wanted == 0) continue;
+    problems.push_back({key, 0, flap.dampedSince, flap.dampedUntil});
+  }
+  return problems;
+}
+
+size_t KernelRoutes::problemCount() const {
+  return problems(std::numeric_limits<size_t>::max()).size();
+}
+
+void KernelRoutes::mark(const RouteKey& key, Entry& entry) {
+  // Before the start nothing is written, and then all entries are looked at.
+  if (!started_ || entry.is(kDirty)) return;
+  entry.set(kDirty);
+  dirty_.push_back(key);
+}
+
+void KernelRoutes::setWanted(Entry& entry, ValueId id) {
+  values_.drop(entry.wanted);
+  entry.wanted = id;
+}
+
+void KernelRoutes::setActual(Entry& entry, ValueId id) {
+  installedCount_ += (id != 0 ? 1U : 0U);
+  installedCount_ -= (entry.actual != 0 ? 1U : 0U);
+  values_.drop(entry.actual);
+  entry.actual = id;
+}
+
+KernelRoutes::ValueId KernelRoutes::blackhole(uint32_t metric) {
+  return values_.take({.vias = {}, .metric = metric, .preferredSource = {}});
+}
+
+void KernelRoutes::advertise(const RouteKey& key, Entry& entry, uint32_t metric) {
+  if (entry.is(kAdvertised) && entry.metric == metric) return;
+  log_.add(key, metric);
+  entry.set(kAdvertised);
+  entry.metric = metric;
+}
+
+void KernelRoutes::unadvertise(const RouteKey& key, Entry& entry) {
+  if (!entry.is(kAdvertised)) return;
+  log_.remove(key);
+  entry.clear(kAdvertised);
+}
+
+void KernelRoutes::setTrouble(const RouteKey& key, Entry& entry, int error, bool blocks) {
+  ++counters_.refused;
+  auto& trouble = troubles_[key];
+  if (!entry.is(kTroubled)) trouble.since = now_;
+  if (trouble.error != error) trouble.attempts = 0;
+  entry.set(kTroubled);
+  trouble.error = error;
+  trouble.blocks = blocks;
+  const double delay = std::ldexp(firstDelay(error), static_cast<int>(trouble.attempts));
+  trouble.attempts = std::min(trouble.attempts + 1, 16U);
+  trouble.retryAt = std::ceil((now_ + std::min(delay, kLongestDelay)) / kTick) * kTick;
+  wakeAt(trouble.retryAt);
+}
+
+void KernelRoutes::mend(const RouteKey& key, Entry& entry) {
+  if (!entry.is(kTroubled)) return;
+  troubles_.erase(key);
+  entry.clear(kTroubled);
+}
+
+void KernelRoutes::flush() {
+  if (!started_) return;
+  now_ = clock_();
+  if (scansAll_ || !distrusted_.empty()) scan();
+  if (!changedLinks_.empty()) retryChangedLinks();
+  if (now_ >= nextWake_) wakeDue();
+  if (!extras_.empty()) deleteExtras();
+  if (dirty_.empty()) return;
+
+  auto dirty = std::exchange(dirty_, {});
+  const std::span keys(dirty);
+  for (size_t at = 0; at < keys.size(); at += kChunk) {
+    flushChunk(keys.subspan(at, std::min(kChunk, keys.size() - at)));
+  }
+  log_.commit();
+  if (dirty.capacity() <= kChunk && dirty_.empty()) {
+    dirty.clear();
+    dirty_ = std::move(dirty);
+  }
+}
+
+/// Marks what may differ, looking at all entries.
+void KernelRoutes::scan() {
+  const auto isDistrusted = values_.through(distrusted_);
+  for (auto it = entries_.iterator(); it; ++it) {
+    Entry& entry = it.value();
+    if (entry.actual != 0 && isDistrusted[entry.actual]) entry.set(kUnsure);
+    const bool isOver = entry.actual == 0 && entry.wanted == 0;
+    if (entry.wanted != entry.actual || entry.is(kUnsure) || isOver) mark(it.key(), entry);
+  }
+  distrusted_.clear();
+  scansAll_ = false;
+}
+
+void KernelRoutes::retryChangedLinks() {
+  const auto hasChanged = values_.through(changedLinks_);
+  for (auto& [key, trouble] : troubles_) {
+    if (!dependsOnLink(trouble.error)) continue;
+    Entry& entry = *entries_.find(key);
+    // A preferred source is an address of any interface.
+    if (entry.wanted == 0 ||
+        (!hasChanged[entry.wanted] && !values_[entry.wanted].preferredSource)) {
+      continue;
+    }
+    trouble.retryAt = now_;
+    trouble.attempts = 0;
+    mark(key, entry);
+  }
+  changedLinks_.clear();
+}
+
+/// Marks what was to be tried again at this time.
+void KernelRoutes::wakeDue() {
+  nextWake_ = std::numeric_limits<double>::infinity();
+  const auto markEntry = [this](const RouteKey& key) {
+    if (Entry* const entry = entries_.find(key)) mark(key, *entry);
+  };
+  for (const auto& [key, trouble] : troubles_) {
+    if (trouble.retryAt > now_) {
+      wakeAt(trouble.retryAt);
+    } else {
+      markEntry(key);
+    }
+  }
+  std::erase_if(repairs_, [&](const auto& repair) {
+    const double end = repair.second + options_.repairInterval;
+    if (end > now_) {
+      wakeAt(end);
+      return false;
+    }
+    markEntry(repair.first);
+    return true;
+  });
+  std::erase_if(flaps_, [&](const auto& item) {
+    const auto& [key, flap] = item;
+    const double end =
+        flap.dampedUntil >= 0 ? flap.dampedUntil : flap.changes.back() + options_.dampingWindow;
+    if (end > now_) {
+      wakeAt(end);
+      return false;
+    }
+    markEntry(key);
+    return true;
+  });
+}
+
+/// Deletes what stands beside the routes that were adopted.
+void KernelRoutes::deleteExtras() {
+  for (const auto& [key, metric] : std::exchange(extras_, {})) {
+    requestCount_ = 0;
+    nextRequest(Verb::Delete, key, metric);
+    int result = 0;
+    channel_.perform(std::span(requests_).first(1), std::span(&result, 1));
+    if (result == 0) ++counters_.deleted;
+    // A deletion with metric 0 is of an IPv4 route with any metric.
+    if (Entry* const entry = entries_.find(key); entry != nullptr && entry->actual != 0) {
+      entry->set(kUnsure);
+      mark(key, *entry);
+    }
+  }
+}
+
+void KernelRoutes::flushChunk(std::span<const RouteKey> keys) {
+  work_.clear();
+  for (const auto& key : keys) {
+    Entry* const entry = entries_.find(key);
+    if (entry == nullptr || !entry->is(kDirty)) continue;
+    entry->clear(kDirty);
+    noteChange(key, *entry);
+    work_.push_back({key, entry});
+  }
+  for (int round = 0; !work_.empty(); ++round) {
+    requestCount_ = 0;
+    std::erase_if(work_, [&](Work& work) {
+      work.step = decide(work.key, *work.entry);
+      if (work.step != Step::None && round == kRounds) {
+        // Somebody else undoes each step.
+        setTrouble(work.key, *work.entry, EBUSY, true);
+        work.step = Step::None;
+      }
+      if (work.step == Step::None) {
+        finish(work.key, *work.entry);
+        return true;
+      }
+      request(work.key, *work.entry, work.step);
+      return false;
+    });
+    if (work_.empty()) break;
+    results_.resize(requestCount_);
+    log_.commit();
+    channel_.perform(std::span(requests_).first(requestCount_), results_);
+    const int* results = results_.data();
+    for (const auto& work : work_) {
+      settle(work, results);
+      results += work.step == Step::Announce ? 2 : 1;
+    }
+  }
+}
+
+/// Counts a change for damping.
+void KernelRoutes::noteChange(const RouteKey& key, Entry& entry) {
+  if (!entry.is(kChanged)) return;
+  entry.clear(kChanged);
+  if (options_.dampingChanges == 0) return;
+  auto flap = flaps_.find(key);
+  const bool isDamped = flap != flaps_.end() && flap->second.dampedUntil >= 0;
+  if (entry.wanted == entry.actual && !isDamped) return;
+  if (flap == flaps_.end()) {
+    // A host that appears for the first time does not flap.
+    if (entry.actual == 0) return;
+    flap = flaps_.try_emplace(key).first;
+  }
+  auto& [changes, dampedSince, dampedUntil] = flap->second;
+  std::erase_if(changes, [&](double time) { return time <= now_ - options_.dampingWindow; });
+  if (changes.size() <= options_.dampingChanges) changes.push_back(now_);
+  if (!isDamped && changes.size() > options_.dampingChanges) {
+    ++counters_.damped;
+    dampedSince = now_;
+    dampedUntil = now_;
+  }
+  if (dampedUntil >= 0) dampedUntil = now_ + options_.dampingQuiet;
+  wakeAt(dampedUntil >= 0 ? dampedUntil : now_ + options_.dampingWindow);
+}
+
+bool KernelRoutes::isDamped(const RouteKey& key) const {
+  if (flaps_.empty()) return false;
+  const auto flap = flaps_.find(key);
+  return flap != flaps_.end() && flap->second.dampedUntil >= 0;
+}
+
+/// Whether what somebody else did to the route is to be endured for a while.
+bool KernelRoutes::isHeld(const RouteKey& key, const Entry& entry) {
+  if (!entry.is(kMeddled)) return false;
+  const auto repair = repairs_.find(key);
+  if (repair == repairs_.end() || repair->second + options_.repairInterval <= now_) return false;
+  wakeAt(repair->second + options_.repairInterval);
+  return true;
+}
+
+KernelRoutes::Step KernelRoutes::decide(const RouteKey& key, Entry& entry) {
+  bool isRefused = false;
+  if (entry.is(kTroubled)) {
+    const auto& trouble = troubles_.find(key)->second;
+    isRefused = trouble.retryAt > now_;
+    if (isRefused && trouble.blocks) return Step::None;
+  }
+  const ValueId target = isRefused || isDamped(key) ? 0 : entry.wanted;
+  if (entry.actual == 0) {
+    const bool isStale = entry.is(kAdvertised) && options_.announcesSilentLoss;
+    if (isStale || entry.is(kClaimed)) return Step::Announce;
+    return target == 0 ? Step::None : Step::Add;
+  }
+  if (target == 0) return Step::Delete;
+  if (target == entry.actual && !entry.is(kUnsure)) return Step::None;
+  if (isHeld(key, entry)) return Step::None;
+  if (target != entry.actual) return Step::Delete;
+  // To add it tells whether it is there, and mends it when that is no news to anybody.
+  return entry.is(kTold) || !options_.announcesSilentLoss ? Step::Add : Step::Verify;
+}
+
+RouteRequest& KernelRoutes::nextRequest(RouteRequest::Verb verb, const RouteKey& key,
+                                        uint32_t metric) {
+  if (requestCount_ == requests_.size()) requests_.emplace_back();
+  auto& request = requests_[requestCount_++];
+  request.verb = verb;
+  request.key = key;
+  request.value.vias.clear();
+  request.value.metric = metric;
+  return request;
+}
+
+/// Writes down the requests of a step.
+void KernelRoutes::request(const RouteKey& key, Entry& entry, Step step) {
+  switch (step) {
+    case Step::None:
+      return;
+    case Step::Add: {
+      const auto& value = values_[entry.wanted];
+      advertise(key, entry, value.metric);
+      nextRequest(Verb::Add, key, value.metric).value = value;
+      return;
+    }
+    case Step::Delete:
+      nextRequest(Verb::Delete, key, values_[entry.actual].metric);
+      return;
+    case Step::Verify:
+      advertise(key, entry, values_[entry.actual].metric);
+      nextRequest(Verb::AddBlackhole, key, entry.metric);
+      return;
+    case Step::Announce:
+      advertise(key, entry, entry.metric);
+      nextRequest(Verb::AddBlackhole, key, entry.metric);
+      nextRequest(Verb::DeleteBlackhole, key, entry.metric);
+      return;
+  }
+}
+
+void KernelRoutes::settle(const Work& work, const int* results) {
+  switch (work.step) {
+    case Step::None:
+      return;
+    case Step::Add:
+      return settleAdd(work.key, *work.entry, results[0]);
+    case Step::Delete:
+      return settleDelete(work.key, *work.entry, results[0]);
+    case Step::Verify:
+      return settleVerify(work.key, *work.entry, results[0]);
+    case Step::Announce:
+      return settleAnnounce(work.key, *work.entry, results[0], results[1]);
+  }
+}
+
+void KernelRoutes::settleAdd(const RouteKey& key, Entry& entry, int result) {
+  const bool verifies = entry.actual != 0;
+  if (result == 0) {
+    ++counters_.added;
+    if (entry.is(kMeddled)) {
+      ++counters_.repaired;
+      repairs_[key] = now_;
+      wakeAt(now_ + options_.repairInterval);
+    } else if (verifies) {
+      ++counters_.silentLosses;
+    }
+    if (!verifies) setActual(entry, values_.share(entry.wanted));
+    entry.clear(kUnsure | kTold | kMeddled);
+    mend(key, entry);
+  } else if (result == EEXIST) {
+    if (!verifies) entry.set(kClaimed);
+    entry.clear(kUnsure | kTold | kMeddled);
+  } else if (result == RouteChannel::kUnknown) {
+    setTrouble(key, entry, EIO, true);
+  } else {
+    // A route that was sought in vain is deleted next, which tells whether it was there.
+    setTrouble(key, entry, result, isShortage(result));
+    if (!verifies) unadvertise(key, entry);
+  }
+}
+
+void KernelRoutes::settleDelete(const RouteKey& key, Entry& entry, int result) {
+  if (result != 0 && !isAbsent(result)) {
+    setTrouble(key, entry, result == RouteChannel::kUnknown ? EIO : result, true);
+    return;
+  }
+  if (result == 0) {
+    ++counters_.deleted;
+  } else if (!entry.is(kTold)) {
+    ++counters_.silentLosses;
+  }
+  if (result == 0 || entry.is(kTold)) unadvertise(key, entry);
+  setActual(entry, 0);
+  entry.clear(kUnsure | kTold | kClaimed);
+}
+
+void KernelRoutes::settleVerify(const RouteKey& key, Entry& entry, int result) {
+  if (result == EEXIST) {
+    entry.clear(kUnsure);
+  } else if (result == 0) {
+    ++counters_.silentLosses;
+    setActual(entry, blackhole(values_[entry.actual].metric));
+    entry.clear(kUnsure);
+  } else {
+    setTrouble(key, entry, result == RouteChannel::kUnknown ? EIO : result, true);
+  }
+}
+
+void KernelRoutes::settleAnnounce(const RouteKey& key, Entry& entry, int addition, int deletion) {
+  if (addition == RouteChannel::kUnknown || deletion == RouteChannel::kUnknown) {
+    setTrouble(key, entry, EIO, true);
+    return;
+  }
+  if (addition != 0 && addition != EEXIST) {
+    setTrouble(key, entry, addition, true);
+    return;
+  }
+  if (deletion != 0 && !isAbsent(deletion)) {
+    setActual(entry, blackhole(entry.metric));
+    setTrouble(key, entry, deletion, true);
+    return;
+  }
+  unadvertise(key, entry);
+  entry.clear(kClaimed);
+  // What is in the way and was not ours is another's.
+  const bool isAnothers = addition == EEXIST && deletion != 0;
+  if (isAnothers && entry.wanted != 0) setTrouble(key, entry, EEXIST, false);
+}
+
+/// Nothing more is to be done for the route at this time.
+void KernelRoutes::finish(const RouteKey& key, Entry& entry) {
+  const bool waits = entry.is(kTroubled) && troubles_.find(key)->second.retryAt > now_;
+  if (entry.wanted == entry.actual && !entry.is(kUnsure) && !waits) mend(key, entry);
+  if (entry.wanted != 0 || entry.actual != 0 || (waits && entry.is(kAdvertised))) return;
+  mend(key, entry);
+  unadvertise(key, entry);
+  entries_.erase(key);
+}
+
+}  // namespace Linux

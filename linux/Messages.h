@@ -1,0 +1,52 @@
+// rtnetlink messages, read as values. No socket: bytes in, values out.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "linux/Values.h"
+
+namespace Linux {
+
+/// A message is not what its type says. what() names the type and what is wrong with it.
+class MessageError : public std::runtime_error {
+ public:
+  using runtime_error::runtime_error;
+};
+
+/// What one rtnetlink message says; nothing for kinds that this system does not use (cached routes,
+/// multicast routes, other families, bridge ports' own messages).
+///
+/// Of an attribute that is there several times, the last one counts. What is part of a dump
+/// (NLM_F_MULTI) has no sender.
+///
+/// \param message  one whole message with its header (struct nlmsghdr).
+/// \throws MessageError when it is cut short, an attribute has a wrong size, or one is missing
+///         without which the message says nothing.
+std::optional<Change> readMessage(std::span<const std::byte> message);
+
+/// Calls `visit` with each message of a datagram (or file) of messages, headers included, and with
+/// a copy of the header.
+/// \throws MessageError when the last message is cut short.
+template <class Visit>
+void forEachMessage(std::span<const std::byte> datagram, const Visit& visit) {
+  while (!datagram.empty()) {
+    nlmsghdr header;
+    if (datagram.size() < sizeof header) throw MessageError("a message's header is cut short");
+    std::memcpy(&header, datagram.data(), sizeof header);
+    if (header.nlmsg_len < sizeof header || header.nlmsg_len > datagram.size())
+      throw MessageError("message type " + std::to_string(header.nlmsg_type) + " is cut short");
+    visit(header, datagram.first(header.nlmsg_len));
+    datagram = datagram.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), datagram.size()));
+  }
+}
+
+}  // namespace Linux

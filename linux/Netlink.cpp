@@ -1,0 +1,330 @@
+// rtnetlink sockets, on libmnl.
+#include "linux/Netlink.h"
+
+#include <arpa/inet.h>
+#include <libmnl/libmnl.h>
+#include <linux/filter.h>
+#include <linux/if_link.h>
+#include <linux/neighbour.h>
+#include <linux/nexthop.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <vector>
+
+#include "linux/Messages.h"
+
+namespace Linux {
+namespace {
+
+// The kernel fills up to 32 KiB at a time with a dump; one message may be larger.
+constexpr size_t kBufferSize = 64 << 10;
+// Datagrams that are read with one call.
+constexpr size_t kBuffers = 16;
+
+[[noreturn]] void refuse(const char* call) {
+  throw NetlinkError(std::string(call) + " of a netlink socket: " + std::strerror(errno));
+}
+
+SocketPtr openSocket() {
+  SocketPtr socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
+  if (!socket) refuse("opening");
+  return socket;
+}
+
+void bindSocket(const SocketPtr& socket) {
+  if (mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0) refuse("binding");
+}
+
+void join(const SocketPtr& socket, int group) {
+  if (mnl_socket_setsockopt(socket.get(), NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+    refuse("joining a group");
+}
+
+// A filter reads a message as in network byte order, whatever it is in.
+constexpr uint32_t kTypeOffset = offsetof(nlmsghdr, nlmsg_type);
+constexpr uint32_t kPortOffset = offsetof(nlmsghdr, nlmsg_pid);
+constexpr uint32_t kWholeMessage = UINT32_MAX;
+
+sock_filter load(uint16_t size, uint32_t offset) {
+  return BPF_STMT(static_cast<uint16_t>(BPF_LD | size | BPF_ABS), offset);
+}
+sock_filter jumpIfEqual(uint32_t value, uint8_t ifSo, uint8_t otherwise) {
+  return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, ifSo, otherwise);
+}
+sock_filter accept(uint32_t bytes) {
+  return BPF_STMT(BPF_RET | BPF_K, bytes);
+}
+
+void setFilter(const SocketPtr& socket, std::span<sock_filter> filter) {
+  const sock_fprog program{.len = static_cast<uint16_t>(filter.size()), .filter = filter.data()};
+  const int fd = mnl_socket_get_fd(socket.get());
+  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0)
+    refuse("filtering");
+}
+
+void passOverRoutesOf(const SocketPtr& socket, uint32_t port) {
+  std::array filter = {
+      load(BPF_W, kPortOffset),
+      jumpIfEqual(htonl(port), 0, 3),
+      load(BPF_H, kTypeOffset),
+      jumpIfEqual(htons(RTM_NEWROUTE), 2, 0),
+      jumpIfEqual(htons(RTM_DELROUTE), 1, 0),
+      accept(kWholeMessage),
+      accept(0),
+  };
+  setFilter(socket, filter);
+}
+
+void hearOnly(const SocketPtr& socket, uint16_t type) {
+  std::array filter = {
+      load(BPF_H, kTypeOffset),
+      jumpIfEqual(htons(type), 0, 1),
+      accept(kWholeMessage),
+      accept(0),
+  };
+  setFilter(socket, filter);
+}
+
+/// Reads a message, hands on what it says, and tells when it cannot be read.
+void takeMessage(std::span<const std::byte> message, const TakeChange& take, const Warn& warn) {
+  std::optional<Change> change;
+  try {
+    change = readMessage(message);
+  } catch (const MessageError& error) {
+    if (warn) warn(error.what());
+  }
+  if (change) take(*change);
+}
+
+/// A kind of object to ask for.
+struct Kind {
+  uint16_t request;
+  uint16_t deletion;  ///< what tells of one that is gone
+  int family;
+  size_t headerSize;
+  std::array<int, 2> groups;  ///< in which the deletion is told
+};
+
+constexpr std::array kKinds = {
+    Kind{RTM_GETLINK, RTM_DELLINK, AF_UNSPEC, sizeof(ifinfomsg), {RTNLGRP_LINK}},
+    Kind{RTM_GETADDR,
+         RTM_DELADDR,
+         AF_UNSPEC,
+         sizeof(ifaddrmsg),
+         {RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR}},
+    Kind{RTM_GETNEXTHOP, RTM_DELNEXTHOP, AF_UNSPEC, sizeof(nhmsg), {RTNLGRP_NEXTHOP}},
+    Kind{RTM_GETROUTE, RTM_DELROUTE, AF_INET, sizeof(rtmsg), {RTNLGRP_IPV4_ROUTE}},
+    Kind{RTM_GETROUTE, RTM_DELROUTE, AF_INET6, sizeof(rtmsg), {RTNLGRP_IPV6_ROUTE}},
+    Kind{RTM_GETNEIGH, RTM_DELNEIGH, AF_UNSPEC, sizeof(ndmsg), {RTNLGRP_NEIGH}},
+    Kind{RTM_GETNEIGH, RTM_DELNEIGH, AF_BRIDGE, sizeof(ndmsg), {RTNLGRP_NEIGH}},
+};
+
+/// Hears whether anything of a kind is deleted.
+class DeletionWatch {
+ public:
+  explicit DeletionWatch(const Kind& kind) : socket_(openSocket()) {
+    bindSocket(socket_);
+    hearOnly(socket_, kind.deletion);
+    for (const int group : kind.groups) {
+      if (group != 0) join(socket_, group);
+    }
+  }
+  bool sawAny() {
+    const int fd = mnl_socket_get_fd(socket_.get());
+    return recv(fd, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC) >= 0 || errno != EAGAIN;
+  }
+
+ private:
+  SocketPtr socket_;
+};
+
+/// Asks for all objects of a kind, once.
+class Dump {
+ public:
+  Dump(const TakeChange& take, const Warn& warn)
+      : take_(take), warn_(warn), socket_(openSocket()), buffer_(kBufferSize) {
+    bindSocket(socket_);
+    // Then the kernel minds all of the header: no cached routes, no statistics.
+    int on = 1;
+    mnl_socket_setsockopt(socket_.get(), NETLINK_GET_STRICT_CHK, &on, sizeof on);
+  }
+
+  /// \return false when it was interrupted.
+  bool run(const Kind& kind) {
+    request(kind);
+    isInterrupted_ = false;
+    while (receive(kind)) continue;
+    return !isInterrupted_;
+  }
+
+ private:
+  void request(const Kind& kind) {
+    std::array<std::byte, 256> buffer{};
+    nlmsghdr* const message = mnl_nlmsg_put_header(buffer.data());
+    message->nlmsg_type = kind.request;
+    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    message->nlmsg_seq = ++sequence_;
+    auto* const head =
+        static_cast<unsigned char*>(mnl_nlmsg_put_extra_header(message, kind.headerSize));
+    *head = static_cast<unsigned char>(kind.family);  // the first member of each kind of header
+    if (kind.request == RTM_GETLINK)
+      mnl_attr_put_u32(message, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
+    if (mnl_socket_sendto(socket_.get(), message, message->nlmsg_len) < 0) refuse("writing");
+  }
+
+  /// \return false after the last message.
+  bool receive(const Kind& kind) {
+    const ssize_t size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
+    if (size < 0) {
+      if (errno == EINTR) return true;
+      refuse("reading");
+    }
+    bool isMore = true;
+    forEachMessage(std::span(buffer_).first(static_cast<size_t>(size)),
+                   [&](const nlmsghdr& header, std::span<const std::byte> message) {
+                     if (header.nlmsg_seq != sequence_) return;
+                     if ((header.nlmsg_flags & NLM_F_DUMP_INTR) != 0) isInterrupted_ = true;
+                     if (header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR) {
+                       finish(kind, message);
+                       isMore = false;
+                     } else {
+                       takeMessage(message, take_, warn_);
+                     }
+                   });
+    return isMore;
+  }
+
+  void finish(const Kind& kind, std::span<const std::byte> message) {
+    int error = 0;
+    if (message.size() < sizeof(nlmsghdr) + sizeof error) return;
+    std::memcpy(&error, message.data() + sizeof(nlmsghdr), sizeof error);
+    // Kernels before 5.3 know no nexthop objects.
+    if (error == 0 || (error == -EOPNOTSUPP && kind.request == RTM_GETNEXTHOP)) return;
+    errno = -error;
+    refuse("dumping the objects");
+  }
+
+  const TakeChange& take_;
+  const Warn& warn_;
+  SocketPtr socket_;
+  std::vector<std::byte> buffer_;
+  uint32_t sequence_ = 0;
+  bool isInterrupted_ = false;
+};
+
+}  // namespace
+
+void CloseSocket::operator()(mnl_socket* socket) const {
+  mnl_socket_close(socket);
+}
+
+/// What recvmmsg() fills. The pages that no message reaches take no memory.
+struct NotificationSocket::Buffers {
+  std::unique_ptr<std::array<std::byte, kBufferSize>[]> bytes {
+    new std::array<std::byte, kBufferSize>[ kBuffers ]
+  };
+  std::array<sockaddr_nl, kBuffers> senders{};
+  std::array<iovec, kBuffers> vectors{};
+  std::array<mmsghdr, kBuffers> messages{};
+
+  Buffers() {
+    for (size_t i = 0; i < kBuffers; ++i) {
+      vectors[i] = {.iov_base = bytes[i].data(), .iov_len = kBufferSize};
+      messages[i].msg_hdr.msg_iov = &vectors[i];
+      messages[i].msg_hdr.msg_iovlen = 1;
+      messages[i].msg_hdr.msg_name = &senders[i];
+      messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_nl);
+    }
+  }
+};
+
+NotificationSocket::NotificationSocket(const Options& options)
+    : warn_(options.warn), socket_(openSocket()), buffers_(std::make_unique<Buffers>()) {
+  // The kernel counts its own overhead in and doubles what it is told for it.
+  const int size = static_cast<int>(std::min<size_t>(options.receiveBuffer, INT32_MAX) / 2);
+  if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
+    setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+  if (options.ownPort != 0) passOverRoutesOf(socket_, options.ownPort);
+  bindSocket(socket_);
+  for (const int group : {RTNLGRP_LINK, RTNLGRP_NEIGH, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR,
+                          RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE})
+    join(socket_, group);
+  // Kernels before 5.3 know no nexthop objects.
+  int group = RTNLGRP_NEXTHOP;
+  mnl_socket_setsockopt(socket_.get(), NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
+}
+
+NotificationSocket::~NotificationSocket() = default;
+
+int NotificationSocket::fd() const {
+  return mnl_socket_get_fd(socket_.get());
+}
+
+size_t NotificationSocket::receiveBuffer() const {
+  int size = 0;
+  socklen_t length = sizeof size;
+  if (getsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &size, &length) != 0) refuse("asking for the buffer");
+  return static_cast<size_t>(size);
+}
+
+bool NotificationSocket::read(size_t most, const TakeChange& take) {
+  auto& messages = buffers_->messages;
+  for (size_t count = 0; count < most;) {
+    const int received =
+        recvmmsg(fd(), messages.data(), static_cast<unsigned>(kBuffers), MSG_DONTWAIT, nullptr);
+    if (received < 0) {
+      if (errno == EAGAIN) return true;
+      if (errno == EINTR) continue;
+      if (errno == ENOBUFS) return drain();
+      refuse("reading");
+    }
+    for (size_t i = 0; i < static_cast<size_t>(received); ++i, ++count) {
+      // Other processes may send to this socket as well.
+      if (buffers_->senders[i].nl_pid != 0) continue;
+      if ((messages[i].msg_hdr.msg_flags & MSG_TRUNC) != 0) return drain();
+      const auto datagram =
+          std::span<const std::byte>(buffers_->bytes[i]).first(messages[i].msg_len);
+      try {
+        forEachMessage(datagram, [&](const nlmsghdr&, std::span<const std::byte> message) {
+          takeMessage(message, take, warn_);
+        });
+      } catch (const MessageError& error) {
+        if (warn_) warn_(error.what());
+      }
+    }
+  }
+  return true;
+}
+
+/// Throws away what is in the socket: until it is empty, the kernel goes on dropping without a
+/// word.
+bool NotificationSocket::drain() {
+  while (recv(fd(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC) >= 0 || errno == EINTR ||
+         errno == ENOBUFS)
+    continue;
+  if (errno != EAGAIN) refuse("reading");
+  return false;
+}
+
+bool dumpAll(const TakeChange& take, const Warn& warn) {
+  constexpr int kAttempts = 4;
+  Dump dump(take, warn);
+  for (const Kind& kind : kKinds) {
+    bool isWhole = false;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      DeletionWatch watch(kind);
+      isWhole = dump.run(kind);
+      if (isWhole && !watch.sawAny()) break;
+    }
+    if (!isWhole) return false;
+  }
+  return true;
+}
+
+}  // namespace Linux

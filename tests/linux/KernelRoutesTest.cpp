@@ -1,0 +1,549 @@
+#include "linux/KernelRoutes.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+
+namespace Linux {
+namespace {
+
+constexpr TableId kTable = 10;
+using Verb = RouteRequest::Verb;
+
+RouteKey key4(uint32_t host) {
+  return {kTable, Zemit::Prefix::host(Zemit::IpAddr(0x0A000000 + host))};
+}
+RouteKey key6(uint32_t host) {
+  return {kTable, Zemit::Ip6Prefix::host(Zemit::Ip6Addr(0x20010DB800000000, host))};
+}
+RouteValue direct(LinkIndex link, uint32_t metric = 0) {
+  return {.vias = {{.link = link, .gateway = {}}}, .metric = metric, .preferredSource = {}};
+}
+
+std::string toText(const RouteKey& key, const RouteValue& value) {
+  return toString(RouteRequest{Verb::Add, key, value});
+}
+
+/// Notes keys, and keeps what it is left with when the process that notes them dies.
+class FakeLog final : public AdvertisedLog {
+ public:
+  void add(const RouteKey& key, uint32_t metric) override { noted[key] = metric; }
+  void remove(const RouteKey& key) override { noted.erase(key); }
+  void commit() override { kept = noted; }
+
+  std::map<RouteKey, uint32_t> noted, kept;
+};
+
+/// Behaves as the kernel does with routes, and as a routing daemon that imports its tables does
+/// with what the kernel tells.
+class FakeKernel final : public RouteChannel {
+ public:
+  struct Killed {};
+  struct Route {
+    bool isOurs = true;
+    RouteValue value;
+
+    friend bool operator==(const Route&, const Route&) = default;
+  };
+  /// Prefix and metric are the identity of a route.
+  using Place = std::pair<RouteKey, uint32_t>;
+
+  explicit FakeKernel(FakeLog& log) : log_(log) {}
+
+  void perform(std::span<const RouteRequest> requests, std::span<int> results) override {
+    for (size_t i = 0; i < requests.size(); ++i) {
+      if (requestsUntilKilled == 0) throw Killed();
+      if (requestsUntilKilled > 0) --requestsUntilKilled;
+      ++requestCount;
+      results[i] = perform(requests[i]);
+      told.push_back(toString(requests[i]) + (results[i] == 0 ? "" : " !"));
+    }
+  }
+
+  /// A route appears, of somebody else or of a second process with our protocol number.
+  void put(const RouteKey& key, const Route& route) {
+    routes[{key, route.value.metric}] = route;
+    tellNew({key, route.value.metric}, route.value);
+  }
+  void takeAway(const Place& place) {
+    routes.erase(place);
+    imported.erase(place);
+  }
+  /// The interface loses its last IPv4 address: its IPv4 routes go, and nobody is told.
+  void dropSilently(LinkIndex link) {
+    std::erase_if(routes, [&](const auto& item) {
+      const auto& [place, route] = item;
+      return familyOf(place.first.prefix) == 4 && isOnlyThrough(route.value, link);
+    });
+  }
+  /// \return the IPv6 routes that went, which the kernel does tell.
+  std::vector<RouteKey> setDown(LinkIndex link) {
+    down.insert(link);
+    dropSilently(link);
+    std::vector<RouteKey> told6;
+    std::vector<Place> places;
+    for (const auto& [place, route] : routes) {
+      if (isOnlyThrough(route.value, link)) places.push_back(place);
+    }
+    for (const auto& place : places) {
+      if (routes[place].isOurs) told6.push_back(place.first);
+      takeAway(place);
+    }
+    return told6;
+  }
+
+  std::set<std::string> ours() const {
+    std::set<std::string> result;
+    for (const auto& [place, route] : routes) {
+      if (route.isOurs) result.insert(toText(place.first, route.value));
+    }
+    return result;
+  }
+  /// What the routing daemon has of the tables.
+  std::set<std::string> imports() const {
+    std::set<std::string> result;
+    for (const auto& [place, value] : imported) {
+      result.insert(value ? toText(place.first, *value)
+                          : toString(place.first.prefix) + " added twice");
+    }
+    return result;
+  }
+
+  std::map<Place, Route> routes;
+  /// None for a route that was added twice without a deletion, which a routing daemon drops.
+  std::map<Place, std::optional<RouteValue>> imported;
+  std::set<LinkIndex> down;
+  std::function<int(const RouteRequest&)> fault;
+  int requestsUntilKilled = -1;
+  size_t requestCount = 0;
+  std::vector<std::string> told;
+
+ private:
+  static bool isOnlyThrough(const RouteValue& value, LinkIndex link) {
+    return !value.vias.empty() &&
+           std::ranges::all_of(value.vias, [&](const auto& via) { return via.link == link; });
+  }
+  void tellNew(const Place& place, const RouteValue& value) {
+    const auto [at, isNew] = imported.try_emplace(place, value);
+    if (!isNew) at->second.reset();
+  }
+  int perform(const RouteRequest& request) {
+    const Place place{request.key, request.value.metric};
+    const bool adds = request.verb == Verb::Add || request.verb == Verb::AddBlackhole;
+    if (const int error = fault ? fault(request) : 0) return error;
+    if (adds) {
+      EXPECT_TRUE(log_.kept.contains(request.key)) << "written before it was noted";
+      const bool isUp = std::ranges::none_of(
+          request.value.vias, [&](const auto& via) { return down.contains(via.link); });
+      if (request.verb == Verb::Add) {
+        EXPECT_FALSE(request.value.vias.empty());
+        if (!isUp) return ENETDOWN;
+      }
+      if (!routes.try_emplace(place, Route{true, request.value}).second) return EEXIST;
+      tellNew(place, request.value);
+      return 0;
+    }
+    const auto found = routes.find(place);
+    if (found == routes.end() || !found->second.isOurs) return ESRCH;
+    takeAway(place);
+    return 0;
+  }
+
+  FakeLog& log_;
+};
+
+class KernelRoutesTest : public testing::Test {
+ protected:
+  KernelRoutesTest() { restart(); }
+
+  /// A new process: all it has is the log and the tables.
+  void restart(std::optional<std::map<RouteKey, RouteValue>> wants = {}) {
+    kernel.requestsUntilKilled = -1;
+    log.noted = log.kept;
+    routes = std::make_unique<KernelRoutes>(
+        kernel, log, [this] { return now; }, options);
+    routes->beginDump();
+    dump();
+    routes->endDump();
+    for (const auto& [key, metric] : std::map(log.kept)) routes->adoptAdvertised(key, metric);
+    if (wants) wanted = *wants;
+    for (const auto& [key, value] : wanted) routes->want(key, value);
+    routes->start();
+  }
+  void dump() {
+    for (const auto& [place, route] : kernel.routes) {
+      if (route.isOurs) routes->adopt(place.first, route.value);
+    }
+  }
+  void want(const RouteKey& key, std::optional<RouteValue> value) {
+    if (value) {
+      wanted[key] = *value;
+    } else {
+      wanted.erase(key);
+    }
+    routes->want(key, std::move(value));
+  }
+  void wantNow(const RouteKey& key, std::optional<RouteValue> value) {
+    want(key, std::move(value));
+    routes->flush();
+  }
+  /// What was requested since the last time.
+  std::vector<std::string> told() { return std::exchange(kernel.told, {}); }
+
+  void passTime(double seconds) {
+    const double end = now + seconds;
+    while (routes->nextDeadline() && *routes->nextDeadline() <= end) {
+      now = std::max(now, *routes->nextDeadline());
+      routes->flush();
+    }
+    now = end;
+    routes->flush();
+  }
+  void expectRight() {
+    std::set<std::string> expected;
+    std::map<RouteKey, uint32_t> expectedLog;
+    for (const auto& [key, value] : wanted) {
+      const auto inKernel = normalized(key.prefix, value);
+      expected.insert(toText(key, inKernel));
+      expectedLog[key] = inKernel.metric;
+    }
+    EXPECT_EQ(kernel.ours(), expected);
+    EXPECT_EQ(kernel.imports(), expected);
+    EXPECT_EQ(log.kept, expectedLog);
+    EXPECT_EQ(routes->installedCount(), expected.size());
+    EXPECT_EQ(routes->problemCount(), 0u);
+  }
+
+  double now = 1000;
+  FakeLog log;
+  FakeKernel kernel{log};
+  KernelRoutesOptions options;
+  std::map<RouteKey, RouteValue> wanted;
+  std::unique_ptr<KernelRoutes> routes;
+};
+
+TEST_F(KernelRoutesTest, WritesTheDifference) {
+  want(key4(1), direct(1));
+  want(key4(2), direct(1));
+  want(key4(2), std::nullopt);
+  want(key6(1), direct(1));
+  routes->flush();
+  EXPECT_EQ(routes->counters().added, 2u);
+  EXPECT_EQ(told().size(), 2u);
+  // Taken away and given back before the flush.
+  want(key4(1), std::nullopt);
+  want(key4(1), direct(1));
+  routes->flush();
+  EXPECT_EQ(told(), std::vector<std::string>());
+  // Another metric is another route to the kernel.
+  wantNow(key4(1), direct(2));
+  wantNow(key4(1), direct(2, 20));
+  EXPECT_EQ(told(), (std::vector<std::string>{"route del 10.0.0.1/32 table 10",
+                                              "route add 10.0.0.1/32 dev 2 table 10",
+                                              "route del 10.0.0.1/32 table 10",
+                                              "route add 10.0.0.1/32 dev 2 table 10 metric 20"}));
+  EXPECT_EQ(routes->nextDeadline(), std::nullopt);
+  expectRight();
+  routes->removeAll();
+  wanted.clear();
+  expectRight();
+}
+
+TEST_F(KernelRoutesTest, AdoptsWhatAFormerProcessLeft) {
+  wantNow(key4(1), direct(1));
+  wantNow(key4(2), direct(1));
+  wantNow(key4(3), direct(1));
+  wantNow(key4(4), direct(1));
+  kernel.dropSilently(1);
+  for (uint32_t host : {1U, 2U, 3U}) kernel.routes[{key4(host), 0}] = {true, direct(1)};
+  told();
+  // 1 is as it should be, 2 and 3 are stale, 4 was lost while nobody was there, 5 is new.
+  restart({{{key4(1), direct(1)}, {key4(3), direct(2)}, {key4(5), direct(1)}}});
+  EXPECT_EQ(told(), std::vector<std::string>());
+  routes->flush();
+  const auto written = told();
+  EXPECT_EQ(
+      std::set(written.begin(), written.end()),
+      (std::set<std::string>{
+          "route del 10.0.0.2/32 table 10", "route del 10.0.0.3/32 table 10",
+          "route add 10.0.0.3/32 dev 2 table 10", "route add blackhole 10.0.0.4/32 table 10",
+          "route del blackhole 10.0.0.4/32 table 10", "route add 10.0.0.5/32 dev 1 table 10"}));
+  EXPECT_EQ(routes->counters().adopted, 3u);
+  expectRight();
+
+  // A blackhole that a killed process left behind, and a second route of a prefix.
+  kernel.put(key4(6), {true, {}});
+  kernel.put(key4(1), {true, direct(2, 30)});
+  restart();
+  routes->flush();
+  expectRight();
+}
+
+TEST_F(KernelRoutesTest, AnnouncesWhatTheKernelDroppedInSilence) {
+  for (uint32_t host : {1U, 2U, 3U}) want(key4(host), direct(1, 20));
+  want(key4(4), direct(2, 20));
+  routes->flush();
+  kernel.dropSilently(1);
+  told();
+  // One host goes, one moves, one stays; what goes through other interfaces is left alone.
+  routes->distrust(1);
+  want(key4(1), std::nullopt);
+  want(key4(2), direct(2, 20));
+  routes->flush();
+  expectRight();
+  EXPECT_EQ(routes->counters().silentLosses, 3u);
+  for (const auto& request : told()) EXPECT_EQ(request.find("10.0.0.4"), std::string::npos);
+  // Distrust of what is there changes nothing.
+  routes->distrust(2);
+  routes->flush();
+  EXPECT_EQ(told(),
+            (std::vector<std::string>{"route add blackhole 10.0.0.2/32 table 10 metric 20 !",
+                                      "route add blackhole 10.0.0.4/32 table 10 metric 20 !"}));
+  expectRight();
+}
+
+TEST_F(KernelRoutesTest, WithdrawsFromAnInterfaceThatIsDownAndComesBackWithIt) {
+  for (const auto& key : {key4(1), key6(1)}) want(key, direct(1));
+  routes->flush();
+  for (const auto& key : kernel.setDown(1)) routes->observe(key, std::nullopt);
+  routes->distrust(1);
+  routes->flush();
+  EXPECT_TRUE(kernel.imported.empty());
+  EXPECT_TRUE(log.kept.empty());
+  ASSERT_EQ(routes->problems(9).size(), 2u);
+  EXPECT_EQ(routes->problems(9)[0].error, ENETDOWN);
+  EXPECT_EQ(routes->problems(1).size(), 1u);
+
+  kernel.down.clear();
+  routes->linkChanged(1);
+  routes->flush();
+  expectRight();
+}
+
+TEST_F(KernelRoutesTest, WaitsForAnothersRouteAndTakesItsOwn) {
+  // One of another protocol is in the way, and one of ours that we do not know of.
+  kernel.put(key4(1), {false, direct(2)});
+  kernel.put(key4(2), {true, direct(2)});
+  want(key4(1), direct(1));
+  want(key4(2), direct(1));
+  routes->flush();
+  ASSERT_EQ(routes->problems(9).size(), 1u);
+  EXPECT_EQ(routes->problems(9)[0].key, key4(1));
+  EXPECT_EQ(routes->problems(9)[0].error, EEXIST);
+  const auto before = kernel.requestCount;
+  passTime(600);
+  EXPECT_LT(kernel.requestCount - before, 100u) << "it asks less and less often";
+  EXPECT_EQ(routes->problems(9)[0].since, 1000);
+  kernel.takeAway({key4(1), 0});
+  passTime(60);
+  expectRight();
+}
+
+TEST_F(KernelRoutesTest, RetriesWhatFailsForLackOfMemory) {
+  wantNow(key4(1), direct(1));
+  for (const int error : {ENOBUFS, ENOMEM, ENOSPC, RouteChannel::kUnknown}) {
+    kernel.fault = [error](const auto&) { return error; };
+    want(key4(1), std::nullopt);
+    want(key4(2), direct(1));
+    routes->flush();
+    passTime(5);
+    EXPECT_EQ(routes->problemCount(), 2u);
+    EXPECT_TRUE(kernel.routes.contains({key4(1), 0}));
+    kernel.fault = {};
+    passTime(10);
+    expectRight();
+    want(key4(1), direct(1));
+    want(key4(2), std::nullopt);
+    passTime(0);
+    expectRight();
+  }
+}
+
+TEST_F(KernelRoutesTest, RepairsWhatOthersDeleteOncePerInterval) {
+  wantNow(key4(1), direct(1));
+  const auto deleteIt = [&] {
+    kernel.takeAway({key4(1), 0});
+    routes->observe(key4(1), std::nullopt);
+    routes->flush();
+  };
+  deleteIt();
+  expectRight();
+  for (int i = 0; i < 5; ++i) deleteIt();
+  EXPECT_TRUE(kernel.ours().empty());
+  EXPECT_EQ(routes->counters().repaired, 1u);
+  passTime(options.repairInterval);
+  expectRight();
+  EXPECT_EQ(routes->counters().repaired, 2u);
+  // What the host does is not held back by what others do to its route.
+  deleteIt();
+  wantNow(key4(1), direct(2));
+  expectRight();
+  // Somebody with our protocol number adds and changes.
+  passTime(5);
+  for (const auto& key : {key4(1), key4(7)}) {
+    kernel.put(key, {true, direct(3)});
+    routes->observe(key, direct(3));
+  }
+  passTime(0);
+  expectRight();
+  passTime(5);
+  EXPECT_EQ(routes->nextDeadline(), std::nullopt);
+}
+
+TEST_F(KernelRoutesTest, FindsWhatDiffersAfterANewDump) {
+  for (uint32_t host = 1; host <= 4; ++host) want(key4(host), direct(1));
+  routes->flush();
+  kernel.takeAway({key4(1), 0});
+  kernel.dropSilently(1);
+  kernel.routes[{key4(2), 0}] = {true, direct(1)};
+  kernel.routes[{key4(3), 0}] = {true, direct(2)};
+  kernel.put(key4(9), {true, direct(1)});
+  kernel.imported[{key4(3), 0}].reset();
+  told();
+  routes->beginDump();
+  dump();
+  routes->endDump();
+  routes->flush();
+  expectRight();
+  for (const auto& request : told()) EXPECT_EQ(request.find("10.0.0.2/"), std::string::npos);
+}
+
+TEST_F(KernelRoutesTest, DampsAHostThatFlaps) {
+  options = {.dampingChanges = 3, .dampingWindow = 10, .dampingQuiet = 30};
+  routes->setOptions(options);
+  const auto flap = [&] {
+    wantNow(key4(1), std::nullopt);
+    wantNow(key4(1), direct(1));
+    now += 1;
+  };
+  wantNow(key4(1), direct(1));
+  flap();
+  expectRight();
+  flap();
+  EXPECT_TRUE(kernel.ours().empty());
+  ASSERT_EQ(routes->problems(9).size(), 1u);
+  EXPECT_EQ(routes->problems(9)[0].error, 0);
+  EXPECT_EQ(routes->counters().damped, 1u);
+  passTime(29);
+  flap();
+  told();
+  passTime(25);
+  EXPECT_EQ(told(), std::vector<std::string>());
+  passTime(5);
+  expectRight();
+  // Few changes over a long time are no flapping, and leave nothing behind.
+  for (int i = 0; i < 10; ++i) {
+    flap();
+    passTime(10);
+    expectRight();
+  }
+  EXPECT_EQ(routes->nextDeadline(), std::nullopt);
+}
+
+// Whatever happens, and wherever the process is killed: once it is over, the kernel has what is
+// wanted, whoever imports the table has the same, and the log names no more than that.
+TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
+  for (uint32_t seed = 1; seed <= 300; ++seed) {
+    std::mt19937 random(seed);
+    const auto below = [&random](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+    const auto anyKey = [&] { return below(2) == 0 ? key4(1 + below(6)) : key6(1 + below(6)); };
+    const auto anyValue = [&](const RouteKey& key) {
+      auto value = direct(1 + below(3), below(8) == 0 ? 20 : 0);
+      if (below(4) == 0) value.vias.push_back({4, {}});
+      return normalized(key.prefix, value);
+    };
+    options.dampingChanges = seed % 4 == 0 ? 3 : 0;
+    routes->setOptions(options);
+    for (int step = 0; step < 60; ++step) {
+      const auto key = anyKey();
+      const LinkIndex link = 1 + below(3);
+      try {
+        switch (below(14)) {
+          case 0:
+            for (const auto& gone : kernel.setDown(link)) routes->observe(gone, std::nullopt);
+            routes->distrust(link);
+            break;
+          case 1:
+            kernel.down.erase(link);
+            routes->linkChanged(link);
+            break;
+          case 2:
+            kernel.dropSilently(link);
+            routes->distrust(link);
+            break;
+          case 3:
+            if (kernel.routes.contains({key, 0}) && kernel.routes[{key, 0}].isOurs) {
+              kernel.takeAway({key, 0});
+              routes->observe(key, std::nullopt);
+            }
+            break;
+          case 4: {
+            const auto value = normalized(key.prefix, direct(7));
+            const auto there = kernel.routes.find({key, value.metric});
+            if (there == kernel.routes.end() || !there->second.isOurs) break;
+            kernel.put(key, {true, value});
+            routes->observe(key, value);
+            break;
+          }
+          case 5: {
+            const auto value = normalized(key.prefix, direct(9));
+            // In the place of a route that was lost it would be taken for that one.
+            if (log.noted.contains(key)) break;
+            kernel.put(key, {false, value});
+            break;
+          }
+          case 6:
+            kernel.fault = [&random](const auto&) { return random() % 3 == 0 ? ENOBUFS : 0; };
+            break;
+          case 7:
+            kernel.fault = {};
+            break;
+          case 8:
+            kernel.requestsUntilKilled = static_cast<int>(below(5));
+            break;
+          case 9:
+            // Notifications were lost.
+            kernel.dropSilently(link);
+            routes->beginDump();
+            dump();
+            routes->endDump();
+            break;
+          default:
+            want(key, below(3) == 0 ? std::nullopt : std::optional(anyValue(key)));
+        }
+        if (below(3) == 0) passTime(below(3) * 0.4);
+      } catch (const FakeKernel::Killed&) {
+        restart();
+      }
+    }
+    try {
+      passTime(0);
+    } catch (const FakeKernel::Killed&) {
+      restart();
+    }
+    kernel.requestsUntilKilled = -1;
+    kernel.fault = {};
+    kernel.down.clear();
+    std::vector<FakeKernel::Place> others;
+    for (const auto& [place, route] : kernel.routes) {
+      if (!route.isOurs) others.push_back(place);
+    }
+    for (const auto& place : others) kernel.takeAway(place);
+    passTime(0);
+    passTime(200);
+    expectRight();
+    ASSERT_FALSE(HasFailure()) << "seed " << seed;
+    EXPECT_EQ(routes->nextDeadline(), std::nullopt);
+  }
+}
+
+}  // namespace
+}  // namespace Linux

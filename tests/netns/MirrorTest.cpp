@@ -1,0 +1,432 @@
+// A mirror that is kept by notifications equals one that is filled by a dump, whatever happens.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
+#include <linux/rtnetlink.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <iterator>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "linux/Mirror.h"
+#include "linux/Netlink.h"
+#include "tests/linux/MirrorText.h"
+#include "tests/netns/Namespace.h"
+
+namespace Linux {
+namespace {
+
+using std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+void fill(Mirror& mirror) {
+  mirror.beginDump();
+  while (!dumpAll([&](const Change& change) { mirror.apply(change); })) mirror.beginDump();
+  mirror.endDump();
+}
+
+/// A mirror of the namespace that the test is in, kept by notifications.
+class Kept {
+ public:
+  explicit Kept(const NotificationSocket::Options& options = {.warn = {}}) : socket_(options) {
+    fill(mirror_);
+  }
+
+  /// Takes what the socket has. After a loss, catches up with a dump.
+  void read() {
+    const auto take = [this](const Change& change) {
+      ++changes;
+      mirror_.apply(change);
+    };
+    while (!socket_.read(SIZE_MAX, take)) {
+      ++losses;
+      fill(mirror_);
+    }
+  }
+  /// Whether it equals a mirror that is filled now, within two seconds: some things the kernel does
+  /// in its own time.
+  testing::AssertionResult equalsFresh() {
+    const auto end = steady_clock::now() + 2s;
+    for (;;) {
+      read();
+      Mirror fresh;
+      fill(fresh);
+      read();
+      const std::string found = difference(textOf(mirror_), textOf(fresh));
+      if (found.empty()) return testing::AssertionSuccess();
+      if (steady_clock::now() > end)
+        return testing::AssertionFailure() << "kept -, fresh +\n" << found;
+      std::this_thread::sleep_for(20ms);
+    }
+  }
+
+  size_t changes = 0;
+  size_t losses = 0;
+  Mirror mirror_;
+  NotificationSocket socket_;
+};
+
+// Two pairs of interfaces that stand for ports and the hosts behind them, and a bridge.
+constexpr std::string_view kPorts = R"(
+link set lo up
+link add e1 type veth peer name h1
+link add e2 type veth peer name h2
+link set e1 up
+link set e2 up
+link set h1 up
+link set h2 up
+addr add 10.0.1.1/24 dev e1
+addr add 10.0.2.1/24 dev e2
+addr add 2001:db8:1::1/64 dev e1 nodad
+addr add 2001:db8:2::1/64 dev e2 nodad
+link add br0 type bridge
+link add e3 type veth peer name h3
+link set e3 master br0
+link set e3 up
+link set h3 up
+link set br0 up
+)";
+
+struct Step {
+  const char* what;
+  const char* commands;
+};
+
+constexpr Step kSteps[] = {
+    {"routes with several next hops", R"(
+route add 10.9.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2 weight 3
+route add 2001:db8:9::/64 nexthop via 2001:db8:1::2 nexthop via 2001:db8:2::2
+route add 10.10.0.0/24 via inet6 fe80::1 dev e1
+route add 10.11.0.0/24 dev e1
+route add 2001:db8:a::/64 dev e1
+route append 2001:db8:a::/64 dev e2
+)"},
+    {"routes that follow and precede others", R"(
+route append 10.11.0.0/24 dev e2
+route prepend 10.11.0.0/24 via 10.0.1.5
+route add 10.11.0.0/24 via 10.0.1.6 metric 7
+route replace 10.11.0.0/24 via 10.0.1.7
+)"},
+    {"IPv6 next hops that join and leave", R"(
+route add 2001:db8:b::/64 via 2001:db8:1::3
+route append 2001:db8:b::/64 via 2001:db8:2::3
+route append 2001:db8:b::/64 via 2001:db8:2::4
+route del 2001:db8:b::/64 via 2001:db8:1::3
+route replace 2001:db8:9::/64 via 2001:db8:1::9
+route append 2001:db8:9::/64 via 2001:db8:2::9
+)"},
+    {"routes that drop", R"(
+route add blackhole 10.12.0.0/24
+route add unreachable 2001:db8:c::/64
+route add prohibit 10.13.0.0/24 metric 5
+route add 10.14.0.0/24 dev e1 tos 4
+route add 10.14.0.0/24 dev e2
+)"},
+    {"sources", R"(
+addr add 10.0.3.1/32 dev e1
+route add 10.15.0.0/24 via 10.0.2.2 src 10.0.3.1
+route add 10.15.0.0/24 via 10.0.2.2 src 10.0.3.1 table 10
+addr add 10.0.4.1/32 dev e1
+addr add 10.0.4.1/32 dev e2
+route add 10.16.0.0/24 via 10.0.2.2 src 10.0.4.1
+)"},
+    {"an address that is a preferred source goes", "addr del 10.0.3.1/32 dev e1"},
+    {"one goes that another interface has, too", "addr del 10.0.4.1/32 dev e1"},
+    {"nexthop objects", R"(
+nexthop add id 1 via 10.0.1.7 dev e1
+nexthop add id 2 via 10.0.2.7 dev e2
+nexthop add id 3 via 2001:db8:1::7 dev e1
+nexthop add id 4 blackhole
+nexthop add id 10 group 1/2,5
+nexthop add id 11 group 1
+nexthop add id 12 group 3
+route add 10.20.0.0/24 nhid 1
+route add 10.21.0.0/24 nhid 10
+route add 10.22.0.0/24 nhid 11
+route add 10.23.0.0/24 nhid 4
+route add 2001:db8:20::/64 nhid 3
+route add 2001:db8:21::/64 nhid 12
+nexthop replace id 1 via 10.0.1.8 dev e1
+)"},
+    {"a port without carrier", "link set h1 down"},
+    {"its carrier back", "link set h1 up"},
+    {"nexthop objects are deleted", R"(
+nexthop add id 1 via 10.0.1.7 dev e1
+nexthop replace id 10 group 1/2
+nexthop add id 11 group 1
+route add 10.20.0.0/24 nhid 1
+route add 10.22.0.0/24 nhid 11
+nexthop del id 1
+)"},
+    {"neighbours", R"(
+neigh add 10.0.1.50 lladdr 02:00:00:00:00:01 dev e1
+neigh add 10.0.1.51 lladdr 02:00:00:00:00:02 dev e1 nud reachable
+neigh add 2001:db8:1::50 lladdr 02:00:00:00:00:01 dev e1 nud stale
+neigh add proxy 10.0.1.52 dev e1
+neigh add 10.0.2.50 lladdr 02:00:00:00:00:03 dev e2 extern_learn
+neigh replace 10.0.1.51 lladdr 02:00:00:00:00:04 dev e1 nud stale
+)"},
+    {"a port is taken down", "link set e1 down"},
+    {"and up", "link set e1 up"},
+    {"an interface's last address goes", R"(
+route add 10.30.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2
+route add 10.31.0.0/24 dev e2
+addr flush dev e2
+)"},
+    {"and comes back", "addr add 10.0.2.1/24 dev e2"},
+    {"addresses of several kinds", R"(
+addr add 10.0.1.9/24 dev e1
+addr add 10.0.1.9/16 dev e1
+addr add 10.0.5.1 peer 10.0.5.2 dev e1
+addr add 10.0.5.1 peer 10.0.5.3 dev e1
+addr del 10.0.5.1 peer 10.0.5.2 dev e1
+addr del 10.0.1.1/24 dev e1
+)"},
+    {"a rename", "link set e1 name swp1"},
+    {"a macvlan", R"(
+link add link swp1 name vrrp4 type macvlan mode bridge
+link set vrrp4 address 00:00:5e:00:01:05
+addr add 10.0.1.100/32 dev vrrp4
+link set vrrp4 up
+)"},
+    {"released from its bridge", "link set e3 nomaster"},
+    {"in the bridge again", "link set e3 master br0"},
+    {"another MAC", "link set swp1 address 02:00:00:00:aa:01"},
+    {"both ends of a route down, one up", R"(
+route replace 10.30.0.0/24 nexthop via 10.0.1.2 dev swp1 onlink nexthop via 10.0.2.2
+route replace 2001:db8:30::/64 nexthop via fe80::2 dev swp1 nexthop via fe80::2 dev e2
+link set e2 down
+link set swp1 down
+link set e2 up
+)"},
+    {"all up", "link set swp1 up"},
+    {"an interface deleted, with a route that has another", R"(
+addr add 10.0.1.1/24 dev swp1
+route replace 10.30.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2
+route replace 2001:db8:30::/64 nexthop via fe80::2 dev swp1 nexthop via fe80::2 dev e2
+link del swp1
+)"},
+    {"an interface under its index and name", R"(
+link add swp1 index 50 type veth peer name h1
+link set swp1 up
+addr add 10.0.1.1/24 dev swp1
+link del swp1
+link add swp1 index 50 type bridge
+link set swp1 up
+addr add 10.0.1.1/24 dev swp1
+)"},
+    {"tables", R"(
+route add 10.40.0.0/24 dev e2 table 10
+route add 10.40.0.0/24 dev e2 table 100000
+route add 2001:db8:40::/64 dev e2 table 10
+route flush table 10
+)"},
+};
+
+TEST(MirrorNetns, FollowsWhatTheKernelDoesWithAndWithoutAWord) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  Kept kept;
+  EXPECT_TRUE(kept.equalsFresh()) << "after the start";
+  for (const auto& [what, commands] : kSteps) {
+    space.ip(commands);
+    EXPECT_TRUE(kept.equalsFresh()) << "after: " << what;
+  }
+  EXPECT_GT(kept.changes, 200U);
+  EXPECT_EQ(kept.losses, 0U);
+}
+
+// What an administrator may do in any order; what fails, fails.
+constexpr const char* kDeeds[] = {
+    "link set e1 down",
+    "link set e1 up",
+    "link set e2 down",
+    "link set e2 up",
+    "link set h1 down",
+    "link set h1 up",
+    "addr add 10.0.1.1/24 dev e1",
+    "addr del 10.0.1.1/24 dev e1",
+    "addr add 10.0.2.1/24 dev e2",
+    "addr flush dev e2",
+    "addr add 10.0.2.9/24 dev e1",
+    "addr del 10.0.2.9/24 dev e1",
+    "addr add 2001:db8:1::1/64 dev e1 nodad",
+    "route add 10.9.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2",
+    "route replace 10.9.0.0/24 via 10.0.1.2",
+    "route append 10.9.0.0/24 via 10.0.2.3",
+    "route prepend 10.9.0.0/24 via 10.0.1.3",
+    "route del 10.9.0.0/24",
+    "route replace 10.8.0.0/24 via 10.0.2.2 src 10.0.1.1",
+    "route add 10.7.0.0/24 dev e2 metric 3",
+    "route replace blackhole 10.9.0.0/24",
+    "route add 2001:db8:9::/64 via fe80::2 dev e1",
+    "route append 2001:db8:9::/64 via fe80::2 dev e2",
+    "route del 2001:db8:9::/64 via fe80::2 dev e1",
+    "route replace 2001:db8:9::/64 nexthop via fe80::3 dev e1 nexthop via fe80::3 dev e2",
+    "route replace 2001:db8:9::/64 via fe80::4 dev e1",
+    "route del 2001:db8:9::/64",
+    "nexthop replace id 1 via 10.0.1.7 dev e1",
+    "nexthop replace id 2 via 10.0.2.7 dev e2",
+    "nexthop replace id 3 via fe80::7 dev e1",
+    "nexthop replace id 10 group 1/2",
+    "nexthop replace id 11 group 3",
+    "nexthop del id 1",
+    "nexthop replace id 10 group 2",
+    "route replace 10.6.0.0/24 nhid 1",
+    "route replace 10.6.0.0/24 nhid 10",
+    "route replace 10.6.0.0/24 via 10.0.1.2",
+    "route replace 2001:db8:6::/64 nhid 3",
+    "route replace 2001:db8:6::/64 nhid 11",
+    "neigh replace 10.0.1.50 lladdr 02:00:00:00:00:01 dev e1 nud permanent",
+    "neigh replace 10.0.1.50 lladdr 02:00:00:00:00:02 dev e1 nud stale",
+    "link set e2 master br0",
+    "link set e2 nomaster",
+    "link set e1 name swp1",
+    "link set swp1 name e1",
+    "link del e3",
+    "link add e3 type veth peer name h3",
+    "link set e3 up master br0",
+    "link set h3 up",
+};
+
+TEST(MirrorNetns, FollowsWhateverIsDone) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  Kept kept;
+  std::mt19937 random(testing::UnitTest::GetInstance()->random_seed());
+  std::string done;
+  for (int round = 0; round < 40 && !HasFailure(); ++round) {
+    std::string commands;
+    for (size_t i = 0; i < 8; ++i)
+      commands.append(kDeeds[random() % std::size(kDeeds)]).append("\n");
+    space.ipAnyway(commands);
+    done += commands + "-\n";
+    EXPECT_TRUE(kept.equalsFresh()) << "after:\n" << done;
+  }
+  EXPECT_EQ(kept.losses, 0U);
+}
+
+TEST(MirrorNetns, FollowsAnInterfaceIntoAnotherNamespace) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  Kept kept;
+  const std::string other = "hostroute-test-" + std::to_string(getpid());
+  ASSERT_EQ(std::system(("ip netns add " + other).c_str()), 0);
+  space.ipAnyway(
+      "route add 10.9.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2\n"
+      "neigh add 10.0.1.50 lladdr 02:00:00:00:00:01 dev e1\n"
+      "link set e1 netns " +
+      other);
+  EXPECT_TRUE(kept.equalsFresh());
+  EXPECT_EQ(kept.mirror_.linkByName("e1"), nullptr);
+  EXPECT_EQ(std::system(("ip netns del " + other).c_str()), 0);
+}
+
+TEST(MirrorNetns, FollowsABridge) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  Kept kept;
+  space.bridge(
+      "fdb add 02:00:00:00:00:11 dev e3 master dynamic\n"
+      "fdb add 02:00:00:00:00:12 dev e3 master static\n"
+      "fdb add 02:00:00:00:00:13 dev e3 self permanent\n"
+      "fdb replace 02:00:00:00:00:11 dev e3 master static\n");
+  EXPECT_TRUE(kept.equalsFresh());
+  space.bridge("fdb del 02:00:00:00:00:12 dev e3 master\n");
+  space.ip("link set e3 down\nlink set e3 up");
+  EXPECT_TRUE(kept.equalsFresh());
+  space.ip("link del br0");
+  EXPECT_TRUE(kept.equalsFresh());
+}
+
+/// Lines of `ip -batch` for many neighbours.
+std::string neighbors(std::string_view verb, uint32_t from, uint32_t to, std::string_view rest) {
+  std::string lines;
+  for (uint32_t i = from; i < to; ++i) {
+    const std::string addr = Zemit::toString(Zemit::IpAddr(0x0A400000 + i));
+    lines.append("neigh ").append(verb).append(" ").append(addr).append(" dev e1 ");
+    lines.append(rest).append("\n");
+  }
+  return lines;
+}
+
+TEST(MirrorNetns, SaysSoWhenNotificationsWereLostAndCatchesUp) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  Kept kept({.receiveBuffer = 4096, .warn = {}});
+  ASSERT_LE(kept.socket_.receiveBuffer(), 65536U);
+  for (const std::string& commands :
+       {neighbors("add", 0, 100000, "lladdr 02:00:00:00:00:01 nud permanent"),
+        neighbors("change", 10000, 30000, "lladdr 02:00:00:00:00:02 nud permanent"),
+        neighbors("del", 20000, 40000, "")}) {
+    const size_t losses = kept.losses;
+    std::atomic<bool> isOver = false;
+    std::thread burst([&] {
+      space.ip(commands);
+      isOver = true;
+    });
+    while (!isOver) kept.read();
+    burst.join();
+    EXPECT_GT(kept.losses, losses);
+  }
+  EXPECT_TRUE(kept.equalsFresh());
+  size_t count = 0;
+  const Link* const port = kept.mirror_.linkByName("e1");
+  ASSERT_NE(port, nullptr);
+  kept.mirror_.forEachNeighbor(port->index, [&](const Neighbor&) { ++count; });
+  EXPECT_EQ(count, 80000U);
+}
+
+TEST(MirrorNetns, DoesNotHearOfRoutesThatWeWrite) {
+  SKIP_WITHOUT_NAMESPACES();
+  const Namespace space;
+  space.ip(kPorts);
+  const SocketPtr writer(mnl_socket_open(NETLINK_ROUTE));
+  ASSERT_TRUE(writer && mnl_socket_bind(writer.get(), 0, MNL_SOCKET_AUTOPID) == 0);
+  NotificationSocket deaf({.ownPort = mnl_socket_get_portid(writer.get()), .warn = {}});
+  NotificationSocket hearing({.warn = {}});
+  const auto write = [&](uint16_t type, uint16_t flags) {
+    std::array<char, 256> buffer{};
+    nlmsghdr* const message = mnl_nlmsg_put_header(buffer.data());
+    message->nlmsg_type = type;
+    message->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags);
+    auto* const head = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(rtmsg)));
+    head->rtm_family = AF_INET;
+    head->rtm_dst_len = 32;
+    head->rtm_table = RT_TABLE_MAIN;
+    head->rtm_protocol = RTPROT_STATIC;
+    head->rtm_type = RTN_BLACKHOLE;
+    mnl_attr_put_u32(message, RTA_DST, htonl(0x0A010203));
+    EXPECT_GT(mnl_socket_sendto(writer.get(), message, message->nlmsg_len), 0);
+    std::array<char, 4096> answer{};
+    EXPECT_GT(mnl_socket_recvfrom(writer.get(), answer.data(), answer.size()), 0);
+  };
+  write(RTM_NEWROUTE, NLM_F_CREATE | NLM_F_EXCL);
+  write(RTM_DELROUTE, 0);
+  space.ip("route add blackhole 10.1.2.4/32");
+  const auto routesHeardBy = [](NotificationSocket& socket) {
+    std::vector<std::string> heard;
+    EXPECT_TRUE(socket.read(SIZE_MAX, [&](const Change& change) {
+      if (const auto* route = std::get_if<Route>(&change.object);
+          route && familyOf(route->prefix) == 4)
+        heard.push_back((change.present ? "+" : "-") + toString(route->prefix));
+    }));
+    return heard;
+  };
+  EXPECT_EQ(routesHeardBy(hearing),
+            (std::vector<std::string>{"+10.1.2.3/32", "-10.1.2.3/32", "+10.1.2.4/32"}));
+  EXPECT_EQ(routesHeardBy(deaf), (std::vector<std::string>{"+10.1.2.4/32"}));
+}
+
+}  // namespace
+}  // namespace Linux

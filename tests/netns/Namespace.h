@@ -1,0 +1,69 @@
+// A network namespace of a test's own.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace Linux {
+
+/// Skips the test, and says why, where there are no network namespaces to be had.
+#define SKIP_WITHOUT_NAMESPACES()                                                \
+  do {                                                                           \
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces"; \
+    if (std::system("ip -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "needs ip";   \
+  } while (false)
+
+/// The calling thread, and the programs it starts, are in a new network namespace while one of
+/// these is there.
+class Namespace {
+ public:
+  Namespace() : outer_(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)) {
+    if (outer_ < 0 || unshare(CLONE_NEWNET) != 0)
+      throw std::runtime_error("cannot make a network namespace");
+  }
+  Namespace(const Namespace&) = delete;
+  Namespace& operator=(const Namespace&) = delete;
+  ~Namespace() {
+    if (setns(outer_, CLONE_NEWNET) != 0) std::abort();
+    close(outer_);
+  }
+
+  /// Runs commands of `ip`, one a line. \throws std::runtime_error when one fails.
+  void ip(std::string_view commands) const { run("ip -batch -", commands); }
+  /// The same for `bridge`.
+  void bridge(std::string_view commands) const { run("bridge -batch -", commands); }
+  /// Goes on after a command that fails.
+  void ipAnyway(std::string_view commands) const {
+    pipeInto("ip -force -batch - >/dev/null 2>&1", commands);
+  }
+  static void setSysctl(const std::string& name, const std::string& value) {
+    std::FILE* file = std::fopen(("/proc/sys/net/" + name).c_str(), "w");
+    const bool isOpen = file != nullptr;
+    if (!isOpen || std::fputs(value.c_str(), file) < 0 || std::fclose(file) != 0)
+      throw std::runtime_error("cannot set " + name);
+  }
+
+ private:
+  static int pipeInto(const char* program, std::string_view text) {
+    std::FILE* pipe = popen(program, "w");
+    if (pipe == nullptr) throw std::runtime_error(program);
+    std::fwrite(text.data(), 1, text.size(), pipe);
+    return pclose(pipe);
+  }
+  static void run(const char* program, std::string_view commands) {
+    if (pipeInto(program, commands) != 0)
+      throw std::runtime_error(std::string(program) + " fails in: " + std::string(commands));
+  }
+
+  int outer_;
+};
+
+}  // namespace Linux

@@ -1,0 +1,349 @@
+#!/usr/bin/env python3
+"""hostrouted against a real kernel: a router in a namespace, its hosts in others."""
+import json
+import os
+import random
+import signal
+import time
+
+import lab
+from lab import run
+
+PORTS = '[neighbors]\ninterfaces = ["p*"]\n'
+
+
+class RouterLab(lab.Lab):
+    """A router with two ports: p1 with 10.0.1.1/24 and 2001:db8:1::1/64, p2 with the 2s of these."""
+
+    def setUp(self):
+        self.router = self.namespace()
+        self.hosts = [self.namespace(), self.namespace()]
+        for number, host in enumerate(self.hosts, 1):
+            self.connect(number)
+            host.ip(f'addr add 10.0.{number}.11/24 dev eth0')
+            host.ip(f'addr add 2001:db8:{number}::11/64 dev eth0')
+
+    def connect(self, number):
+        port = f'p{number}'
+        self.cable(self.router, port, self.hosts[number - 1], 'eth0')
+        self.router.ip(f'addr add 10.0.{number}.1/24 dev {port}')
+        self.router.ip(f'addr add 2001:db8:{number}::1/64 dev {port}')
+
+    def neighbor(self, addr, port, verb='replace', state='reachable', mac='02:00:00:00:00:11'):
+        self.router.ip(f'neigh {verb} {addr} dev {port} lladdr {mac} nud {state}')
+
+    def forget(self, addr, port):
+        self.router.ip(f'neigh del {addr} dev {port}')
+
+
+class HostsTest(RouterLab):
+    def test_hosts_that_speak_get_routes_of_both_families_and_lose_them_when_they_fail(self):
+        self.daemon(self.router, PORTS)
+        for number, host in enumerate(self.hosts, 1):
+            host.run('ping', '-c1', '-W5', f'10.0.{number}.1')
+            host.run('ping', '-c1', '-W5', f'2001:db8:{number}::1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1', '10.0.2.11': 'p2'})
+        self.assertRoutes(self.router, {'2001:db8:1::11': 'p1', '2001:db8:2::11': 'p2'}, 6)
+        self.router.ip('neigh replace 10.0.1.11 dev p1 nud failed')
+        self.forget('2001:db8:2::11', 'p2')
+        self.assertRoutes(self.router, {'10.0.2.11': 'p2'})
+        self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
+
+    def test_a_neighbor_counts_only_where_it_belongs_and_in_a_usable_state(self):
+        self.daemon(self.router, PORTS)
+        self.neighbor('10.0.2.50', 'p1')  # of the other port's subnet
+        self.neighbor('192.0.2.1', 'p1')  # of no subnet
+        self.neighbor('10.0.1.51', 'p1', state='noarp')
+        self.neighbor('fe80::51', 'p1')
+        self.router.ip('neigh add proxy 10.0.1.52 dev p1')
+        self.router.ip('neigh add 10.0.1.53 dev p1 lladdr 02:00:00:00:00:53 extern_learn')
+        self.neighbor('10.0.1.54', 'p1', state='stale')
+        self.assertRoutes(self.router, {'10.0.1.54': 'p1'})
+        self.assertEqual(self.router.host_routes(6), {})
+
+    def test_interfaces_that_are_not_selected_are_left_alone(self):
+        self.daemon(self.router, '[neighbors]\ninterfaces = ["p*", "!p2"]\n')
+        self.neighbor('10.0.2.11', 'p2')
+        self.neighbor('10.0.1.11', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+
+    def test_a_host_moves_between_ports_that_a_cover_joins(self):
+        self.router.ip('addr flush dev p1')
+        self.router.ip('addr flush dev p2')
+        for port in ('p1', 'p2'):
+            self.router.ip(f'addr add 10.9.0.1/32 dev {port}')
+        self.daemon(self.router,
+                    PORTS + '[[cover]]\nprefix = "10.9.0.0/24"\ninterfaces = ["p*"]\n')
+        self.neighbor('10.9.0.11', 'p1')
+        self.assertRoutes(self.router, {'10.9.0.11': 'p1'})
+        self.neighbor('10.9.0.11', 'p2')
+        self.assertRoutes(self.router, {'10.9.0.11': 'p1 p2'})
+        self.forget('10.9.0.11', 'p1')
+        self.assertRoutes(self.router, {'10.9.0.11': 'p2'})
+
+    def test_a_static_host_route_wins_and_a_routing_protocols_does_not(self):
+        self.daemon(self.router, PORTS)
+        self.router.ip('route add 10.0.1.20/32 via 10.0.2.11 proto static')
+        self.router.ip('route add 10.0.1.21/32 via 10.0.2.11 proto bgp')
+        self.neighbor('10.0.1.20', 'p1')
+        self.neighbor('10.0.1.21', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.21': 'p1'})
+        self.router.ip('route del 10.0.1.20/32')
+        self.assertRoutes(self.router, {'10.0.1.20': 'p1', '10.0.1.21': 'p1'})
+
+
+class InterfacesTest(RouterLab):
+    """What the kernel drops without a word: routes of interfaces that go down or lose addresses."""
+
+    def setUp(self):
+        super().setUp()
+        self.hostrouted = self.daemon(self.router, PORTS)
+
+    def learn(self):
+        self.neighbor('10.0.1.11', 'p1')
+        self.neighbor('10.0.2.11', 'p2')
+        self.neighbor('2001:db8:1::11', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1', '10.0.2.11': 'p2'})
+        self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
+
+    def assert_only_p2(self):
+        self.assertRoutes(self.router, {'10.0.2.11': 'p2'})
+        self.assertRoutes(self.router, {}, 6)
+
+    def disturbances(self):
+        """What takes p1's hosts away, and what puts the port back as it was, without hosts."""
+        def restore_addresses():
+            self.router.ip('addr replace 10.0.1.1/24 dev p1')
+            self.router.ip('addr replace 2001:db8:1::1/64 dev p1')
+
+        def up():
+            self.router.ip('link set p1 up')
+            restore_addresses()
+
+        return {'down': (lambda: self.router.ip('link set p1 down'), up),
+                'no address': (lambda: self.router.ip('addr flush dev p1'), restore_addresses),
+                'deleted': (lambda: self.router.ip('link del p1'), lambda: self.connect(1))}
+
+    def test_routes_go_with_their_interface_and_come_back(self):
+        for name, (disturb, restore) in self.disturbances().items():
+            with self.subTest(name):
+                self.learn()
+                disturb()
+                self.assert_only_p2()
+                restore()
+                self.learn()
+
+    def test_a_daemon_that_was_dead_meanwhile_ends_alike(self):
+        for name, (disturb, restore) in self.disturbances().items():
+            for restored_first in (False, True):
+                with self.subTest(name, restored_first=restored_first):
+                    self.learn()
+                    self.hostrouted.end(signal.SIGKILL)
+                    disturb()
+                    self.router.ip('neigh flush dev p1 nud all', check=False)
+                    if restored_first:
+                        restore()
+                    self.hostrouted.start()
+                    self.assert_only_p2()
+                    if not restored_first:
+                        restore()
+                    self.learn()
+
+    def test_a_silent_loss_is_announced_by_a_route_that_comes_and_goes(self):
+        self.learn()
+        with lab.Monitor(self.router, '-4') as monitor:
+            self.router.ip('link set p1 down')
+            self.assert_only_p2()
+        lines = [line for line in monitor.lines if '10.0.1.11' in line and 'table 10' in line]
+        self.assertTrue(any('Deleted' in line for line in lines), lines)
+
+    def test_a_renamed_interface_keeps_its_hosts_under_its_new_name(self):
+        self.learn()
+        self.router.ip('link set p1 down')
+        self.router.ip('link set p1 name p9')
+        self.router.ip('link set p9 up')
+        self.neighbor('10.0.1.11', 'p9')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p9', '10.0.2.11': 'p2'})
+
+    def test_a_port_that_joins_a_bridge_loses_its_hosts_to_the_bridge(self):
+        self.learn()
+        self.router.ip('link add pbr type bridge')
+        self.router.ip('link set pbr up')
+        self.router.ip('addr flush dev p1')
+        self.router.ip('link set p1 master pbr')
+        self.router.ip('addr add 10.0.1.1/24 dev pbr')
+        self.neighbor('10.0.1.11', 'pbr')
+        self.assertRoutes(self.router, {'10.0.1.11': 'pbr', '10.0.2.11': 'p2'})
+
+    def test_hosts_on_a_port_without_carrier_are_asked_at_once(self):
+        self.router.ip('link add pbr type bridge')
+        self.router.ip('link set pbr up')
+        self.router.ip('addr flush dev p1')
+        self.router.ip('link set p1 master pbr')
+        self.router.ip('addr add 10.0.1.1/24 dev pbr')
+        self.hosts[0].run('ping', '-c1', '-W5', '10.0.1.1')
+        self.assertEventually(lambda: '10.0.1.11' in self.router.host_routes(), 'the host is there')
+        self.hosts[0].ip('link set eth0 down')
+        self.assertEventually(lambda: '10.0.1.11' not in self.router.host_routes(),
+                              'the host is gone')
+
+
+class ProcessTest(RouterLab):
+    """Restarts, other writers, signals, lost notifications."""
+
+    def test_a_restart_touches_nothing_that_stays(self):
+        first = self.daemon(self.router, PORTS)
+        for last in range(10, 40):
+            self.neighbor(f'10.0.1.{last}', 'p1', mac=f'02:00:00:00:00:{last}')
+        self.assertEventually(lambda: len(self.router.host_routes()) == 30, 'all are there')
+        for end in (signal.SIGTERM, signal.SIGKILL):
+            with self.subTest(end.name):
+                self.assertEqual(first.end(end), 0 if end == signal.SIGTERM else -signal.SIGKILL)
+                self.forget(f'10.0.1.{10 + end}', 'p1')  # lost while nobody watched
+                with lab.Monitor(self.router) as monitor:
+                    first.start()
+                    self.assertEventually(
+                        lambda: f'10.0.1.{10 + end}' not in self.router.host_routes(), 'it went')
+                told = [line for line in monitor.lines if f'proto {lab.PROTOCOL}' in line]
+                self.assertTrue(told)
+                self.assertTrue(all(f'10.0.1.{10 + end} ' in line for line in told), told)
+
+    def test_routes_that_somebody_else_flushes_come_back_at_a_limited_rate(self):
+        daemon = self.daemon(self.router, PORTS + '[repair]\ninterval = 0.5\n')
+        self.neighbor('10.0.1.11', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        for _ in range(3):
+            self.router.ip('route flush table 10')
+            self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        self.assertGreaterEqual(daemon.fresh_status()['counters']['repaired'], 3)
+
+    def test_a_second_daemon_on_the_table_refuses(self):
+        self.daemon(self.router, PORTS)
+        second = self.daemon(self.router, PORTS, start=False)
+        second.start(wait=False)
+        self.assertEqual(second.process.wait(lab.TIMEOUT), 3)
+        self.assertIn('another hostrouted writes to', second.log_text())
+        third = self.daemon(self.router, PORTS + '[export]\ntable = 20\ntable6 = 20\n')
+        self.assertEqual(third.end(), 0)
+
+    def test_on_exit_decides_whether_the_routes_stay(self):
+        self.neighbor('10.0.1.11', 'p1')
+        for on_exit, expected in (('keep', {'10.0.1.11': 'p1'}), ('flush', {})):
+            daemon = self.daemon(self.router, PORTS + f'[export]\non-exit = "{on_exit}"\n')
+            self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+            self.assertEqual(daemon.end(), 0)
+            self.assertEqual(self.router.host_routes(), expected)
+
+    def test_sighup_changes_exactly_what_differs(self):
+        daemon = self.daemon(self.router, PORTS)
+        self.neighbor('10.0.1.11', 'p1')
+        self.neighbor('10.0.2.11', 'p2')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1', '10.0.2.11': 'p2'})
+        daemon.set_config('[neighbors]\ninterfaces = ["p1"]\n')
+        daemon.send(signal.SIGHUP)
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        daemon.set_config('[neighbors]\ninterfaces = ["p2"]\n[export]\ntable = 20\n')
+        daemon.send(signal.SIGHUP)
+        self.assertRoutes(self.router, {'10.0.2.11': 'p2'}, table=20)
+        self.assertRoutes(self.router, {})
+        daemon.set_config('[neighbors]\ninterfaces = 5\n')
+        daemon.send(signal.SIGHUP)
+        self.assertEventually(lambda: 'hostrouted.toml:2: neighbors.interfaces' in daemon.log_text(),
+                              'the error is told')
+        self.neighbor('10.0.2.12', 'p2')
+        self.assertRoutes(self.router, {'10.0.2.11': 'p2', '10.0.2.12': 'p2'}, table=20)
+
+    def test_a_dry_run_prints_the_routes_and_writes_none(self):
+        self.neighbor('10.0.1.11', 'p1')
+        printed = self.router.run(lab.PROGRAM, '--interfaces', 'p*', '--dry-run')
+        self.assertIn('10.0.1.11', printed)
+        self.assertEqual(self.router.host_routes(), {})
+
+    def test_a_host_that_flaps_is_damped_and_shown(self):
+        daemon = self.daemon(self.router,
+                             PORTS + '[damping]\nchanges = 4\nwindow = 20\nquiet = 1\n')
+        for _ in range(4):
+            self.neighbor('10.0.1.11', 'p1')
+            self.assertEventually(lambda: self.router.host_routes() or
+                                  daemon.fresh_status()['problems'], 'it comes or is damped')
+            self.forget('10.0.1.11', 'p1')
+            self.assertRoutes(self.router, {})
+        self.neighbor('10.0.1.11', 'p1')
+        time.sleep(0.3)
+        self.assertEqual(self.router.host_routes(), {})
+        problems = daemon.fresh_status()['problems']
+        self.assertEqual([(row['prefix'], row['reason']) for row in problems],
+                         [('10.0.1.11/32', 'damped')])
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})  # after a second of quiet
+
+    def test_lost_notifications_are_made_up_for(self):
+        # With so small a buffer that every burst overflows it.
+        daemon = self.daemon(self.router, PORTS + '[daemon]\nreceive-buffer = 1\n')
+        self.router.ip('addr add 10.64.0.1/10 dev p1')
+        count = 100000
+        addresses = [f'10.{64 + i // 65536}.{i // 256 % 256}.{i % 256}'
+                     for i in range(256, 256 + count)]
+        mac = '02:00:00:00:00:11'
+        add = [f'neigh replace {a} dev p1 lladdr {mac} nud permanent' for a in addresses]
+        daemon.send(signal.SIGSTOP)  # a burst faster than anybody could read
+        self.router.batch(add)
+        daemon.send(signal.SIGCONT)
+        self.router.batch([f'neigh del {a} dev p1' for a in addresses[::3]])
+        self.router.batch(add[::6])
+        kept = set(addresses) - set(addresses[::3]) | set(addresses[::6])
+        self.assertEventually(lambda: set(self.router.host_routes()) == kept, 'all are right')
+        status = daemon.fresh_status()
+        self.assertGreater(status['counters']['resynchronisations'], 0)
+        self.assertEqual(status['phase'], 'ready')
+        self.assertEqual(status['routes'], len(kept))
+
+
+class SharedTablesTest(RouterLab):
+    def test_the_command_takes_shared_tables_for_ready_after_the_first_pass(self):
+        name = f'hostrouted-test-{os.getpid()}'
+        self.neighbor('10.0.1.11', 'p1')
+        self.daemon(self.router, PORTS, arguments=['--shared-tables', name])
+        shown = run(lab.REPLAY, 'routes', '--table', name, '--wait', '5', '--json', '10.0.1.11/32')
+        routes = [json.loads(line) for line in shown.splitlines()]
+        self.assertEqual(routes[0]['route']['type'], 'attached_', shown)
+
+
+class RecordingTest(RouterLab):
+    def test_a_recordings_replay_ends_in_the_daemons_tables(self):
+        file = os.path.join('/tmp', f'hostrouted-recording-{os.getpid()}.jsonl')
+        self.addCleanup(lambda: os.path.exists(file) and os.unlink(file))
+        daemon = self.daemon(self.router, PORTS, arguments=['--record', file])
+        random.seed(20)
+        for step in range(400):
+            addr = f'10.0.{random.choice("12")}.{random.randrange(10, 30)}'
+            port = random.choice(['p1', 'p2'])
+            action = random.randrange(10)
+            if action < 6:
+                self.router.ip(f'neigh replace {addr} dev {port} lladdr 02:00:00:00:00:{step % 90 + 10}'
+                               ' nud reachable', check=False)
+            elif action < 8:
+                self.router.ip(f'neigh del {addr} dev {port}', check=False)
+            elif action == 8:
+                self.router.ip(f'route replace 10.0.{random.choice("12")}.16/28 via 10.0.2.11',
+                               check=False)
+            else:
+                self.router.ip(f'route del 10.0.{random.choice("12")}.16/28', check=False)
+        time.sleep(0.5)
+        live = self.router.host_routes()
+        daemon.end()
+        shown = run(lab.REPLAY, 'replay', '--settle', '--json', file)
+        replayed = {}
+        for line in shown.splitlines():
+            dump = json.loads(line).get('dump', {})
+            if dump.get('family') != 4:
+                continue
+            for route in dump['routeTable']:
+                if route['type'] == 'attached_':
+                    replayed[route['prefix'].split('/')[0]] = ' '.join(
+                        sorted(via['intf'] for via in route['vias']))
+        self.assertEqual(replayed, live)
+        self.assertTrue(live)
+
+
+if __name__ == '__main__':
+    lab.main()

@@ -1,0 +1,222 @@
+"""Network namespaces with a router and hosts in them, and a hostrouted on the router."""
+import json
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+PROGRAM = os.environ.get('HOSTROUTED', 'build/release/bin/hostrouted')
+REPLAY = os.environ.get('HOSTROUTE', 'build/release/bin/hostroute')
+PROTOCOL = 205
+TIMEOUT = 30
+
+
+def why_not():
+    """Why namespaces cannot be had here; None when they can."""
+    if os.geteuid() != 0:
+        return 'only root can make network namespaces'
+    if shutil.which('ip') is None:
+        return 'there is no ip command'
+    name = f'hr{os.getpid()}probe'
+    tried = subprocess.run(['ip', 'netns', 'add', name], capture_output=True, text=True)
+    if tried.returncode != 0:
+        return f'no network namespaces here: {tried.stderr.strip()}'
+    subprocess.run(['ip', 'netns', 'del', name], check=True)
+    return None
+
+
+def run(*command, check=True, **options):
+    result = subprocess.run(command, capture_output=True, text=True, **options)
+    if check and result.returncode != 0:
+        raise AssertionError(f'{" ".join(command)}: status {result.returncode}: {result.stderr}')
+    return result.stdout
+
+
+class Namespace:
+    """A network namespace, with its loopback up."""
+
+    serial = 0
+
+    def __init__(self):
+        Namespace.serial += 1
+        self.name = f'hr{os.getpid()}n{Namespace.serial}'
+        run('ip', 'netns', 'add', self.name)
+        self.ip('link set lo up')
+
+    def close(self):
+        run('ip', 'netns', 'del', self.name, check=False)
+
+    def command(self, *words):
+        return ['ip', 'netns', 'exec', self.name, *words]
+
+    def run(self, *words, **options):
+        return run(*self.command(*words), **options)
+
+    def ip(self, words, check=True):
+        return run('ip', '-n', self.name, *words.split(), check=check)
+
+    def ip_json(self, words):
+        found = subprocess.run(['ip', '-n', self.name, '-j', *words.split()], capture_output=True,
+                               text=True, check=False)
+        # A table that was never written to is an error.
+        return json.loads(found.stdout or '[]') if found.returncode == 0 else []
+
+    def batch(self, lines):
+        """Runs ip commands, one on each line; those that fail are passed over."""
+        subprocess.run(['ip', '-n', self.name, '-force', '-batch', '-'], input='\n'.join(lines),
+                       text=True, check=False, capture_output=True)
+
+    def sysctl(self, key, value):
+        self.run('sysctl', '-qw', f'{key}={value}')
+
+    def host_routes(self, family=4, table=10):
+        """The routes of hostrouted in a table: prefix to "DEV" or "DEV DEV"."""
+        routes = {}
+        for row in self.ip_json(f'-{family} route show table {table} proto {PROTOCOL}'):
+            devices = [hop['dev'] for hop in row.get('nexthops', [])] or [row.get('dev', '-')]
+            routes[row['dst']] = ' '.join(sorted(devices))
+        return routes
+
+
+class Monitor:
+    """What `ip monitor route` tells while the block runs: `lines` afterwards."""
+
+    def __init__(self, namespace, *options):
+        self.command = namespace.command('stdbuf', '-oL', 'ip', *options, 'monitor', 'route')
+        self.lines = []
+
+    def __enter__(self):
+        self.process = subprocess.Popen(self.command, stdout=subprocess.PIPE, text=True)
+        time.sleep(0.3)  # until it listens
+        return self
+
+    def __exit__(self, *error):
+        time.sleep(0.2)
+        self.process.kill()
+        self.lines = self.process.communicate()[0].splitlines()
+
+
+class Daemon:
+    """A hostrouted in a namespace, with directories of its own."""
+
+    def __init__(self, namespace, config='', arguments=()):
+        self.namespace = namespace
+        self.directory = tempfile.mkdtemp(prefix='hostrouted-test-')
+        self.config_file = os.path.join(self.directory, 'hostrouted.toml')
+        self.arguments = list(arguments)
+        self.process = None
+        self.set_config(config)
+
+    def set_config(self, text):
+        with open(self.config_file, 'w', encoding='utf-8') as file:
+            file.write(text)
+
+    def start(self, wait=True):
+        with open(os.path.join(self.directory, 'log'), 'a', encoding='utf-8') as log:
+            self.process = subprocess.Popen(
+                self.namespace.command(PROGRAM, '--config', self.config_file,
+                                       '--run-dir', os.path.join(self.directory, 'run'),
+                                       '--state-dir', os.path.join(self.directory, 'state'),
+                                       *self.arguments),
+                stdout=log, stderr=log)
+        if wait:
+            started = time.time()
+            self.wait_for(lambda: self.status(since=started).get('phase') == 'ready', 'is ready')
+
+    def status(self, since=0):
+        path = os.path.join(self.directory, 'run', 'status.json')
+        try:
+            if os.stat(path).st_mtime < since - 1:
+                return {}
+            with open(path, encoding='utf-8') as file:
+                return json.load(file)
+        except (FileNotFoundError, json.JSONDecodeError):
+            return {}
+
+    def fresh_status(self):
+        """The status as of now."""
+        path = os.path.join(self.directory, 'run', 'status.json')
+        before = os.stat(path).st_mtime_ns
+        self.send(signal.SIGUSR1)
+        self.wait_for(lambda: os.stat(path).st_mtime_ns != before, 'writes its status')
+        return self.status()
+
+    def wait_for(self, condition, what):
+        end = time.time() + TIMEOUT
+        while not condition():
+            if self.process.poll() is not None:
+                raise AssertionError(f'hostrouted ended with {self.process.returncode}:\n'
+                                     + self.log_text())
+            if time.time() > end:
+                raise AssertionError(f'hostrouted never {what}:\n' + self.log_text())
+            time.sleep(0.02)
+
+    def log_text(self):
+        with open(os.path.join(self.directory, 'log'), encoding='utf-8') as file:
+            return file.read()
+
+    def send(self, number):
+        self.process.send_signal(number)
+
+    def end(self, number=signal.SIGTERM):
+        """Ends the process and gives its exit status."""
+        if self.process is None:
+            return None
+        self.process.send_signal(number)
+        status = self.process.wait(TIMEOUT)
+        self.process = None
+        return status
+
+    def close(self):
+        if self.process is not None and self.process.poll() is None:
+            self.end(signal.SIGKILL)
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+
+class Lab(unittest.TestCase):
+    """A test with namespaces and daemons that go when it ends."""
+
+    def namespace(self):
+        namespace = Namespace()
+        self.addCleanup(namespace.close)
+        return namespace
+
+    def daemon(self, namespace, config='', arguments=(), start=True):
+        daemon = Daemon(namespace, config, arguments)
+        self.addCleanup(daemon.close)
+        if start:
+            daemon.start()
+        return daemon
+
+    def cable(self, a, a_name, b, b_name):
+        """Connects two namespaces by interfaces of these names."""
+        run('ip', '-n', a.name, 'link', 'add', a_name, 'type', 'veth', 'peer', 'name', b_name,
+            'netns', b.name)
+        for namespace, name in ((a, a_name), (b, b_name)):
+            namespace.run('sh', '-c', f'echo 0 > /proc/sys/net/ipv6/conf/{name}/accept_dad')
+            namespace.ip(f'link set {name} up')
+
+    def assertRoutes(self, namespace, expected, family=4, table=10):
+        """Waits until the daemon's routes of a table are these."""
+        end = time.time() + TIMEOUT
+        while (found := namespace.host_routes(family, table)) != expected:
+            if time.time() > end:
+                self.assertEqual(found, expected)
+            time.sleep(0.02)
+
+    def assertEventually(self, condition, what):
+        end = time.time() + TIMEOUT
+        while not condition():
+            self.assertLess(time.time(), end, f'never: {what}')
+            time.sleep(0.02)
+
+
+def main():
+    reason = why_not()
+    if reason:
+        print(f'skipped: {reason}')
+        raise SystemExit(77)
+    unittest.main(verbosity=2)
