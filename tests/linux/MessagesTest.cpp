@@ -96,7 +96,9 @@ class Made {
     std::memcpy(bytes_.data() + at, &size, sizeof size);
     return *this;
   }
-  operator std::span<const std::byte>() const { return bytes_; }  // NOLINT(google-explicit-constructor)
+  operator std::span<const std::byte>() const {
+    return bytes_;
+  }  // NOLINT(google-explicit-constructor)
 
  private:
   void append(const void* data, size_t size) {
