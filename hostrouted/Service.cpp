@@ -144,7 +144,9 @@ class Service::Loop {
         log_.write(LOG_WARNING, "advertised", problem);
       });
     }
-    router_.emplace(config, services());
+    Config used = config;
+    if (options_.isDryRun) used.sharedName.clear();  // a running daemon may have the name
+    router_.emplace(used, services());
     if (advertised_) {
       for (const auto& route : advertised_->keys()) {
         router_->adoptAdvertised(route.key, route.metric);

@@ -302,10 +302,15 @@ class SharedTablesTest(RouterLab):
     def test_the_command_takes_shared_tables_for_ready_after_the_first_pass(self):
         name = f'hostrouted-test-{os.getpid()}'
         self.neighbor('10.0.1.11', 'p1')
-        self.daemon(self.router, PORTS, arguments=['--shared-tables', name])
+        daemon = self.daemon(self.router, PORTS, arguments=['--shared-tables', name])
         shown = run(lab.REPLAY, 'routes', '--table', name, '--wait', '5', '--json', '10.0.1.11/32')
         routes = [json.loads(line) for line in shown.splitlines()]
         self.assertEqual(routes[0]['route']['type'], 'attached_', shown)
+        # Neither in the way of a dry run nor there for longer than the daemon.
+        self.router.run(lab.PROGRAM, '--interfaces', 'p*', '--shared-tables', name, '--dry-run')
+        daemon.end()
+        left = [file for file in os.listdir('/dev/shm') if name in file]
+        self.assertEqual(left, [])
 
 
 class RecordingTest(RouterLab):
