@@ -101,12 +101,6 @@ class Attributes {
     std::memcpy(&value, payloads_[type].data(), sizeof value);
     return value;
   }
-  /// A text up to its first zero byte; empty when the attribute is missing.
-  std::string_view text(size_t type) const {
-    const auto* data = reinterpret_cast<const char*>(payloads_[type].data());
-    const std::string_view whole(data, payloads_[type].size());
-    return whole.substr(0, whole.find('\0'));
-  }
   /// An address of this family; none when the attribute is missing.
   std::optional<Address> address(size_t type, int family) const {
     if (!has(type)) return std::nullopt;
@@ -145,6 +139,12 @@ class Attributes {
   std::array<bool, kMax + 1> present_{};
 };
 
+/// A text up to its first zero byte.
+std::string_view textOf(Bytes bytes) {
+  const std::string_view whole(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  return whole.substr(0, whole.find('\0'));
+}
+
 bool isIp(int family) {
   return family == AF_INET || family == AF_INET6;
 }
@@ -174,7 +174,7 @@ std::optional<Object> readLink(const Reader& reader, Bytes bytes) {
   if (!attributes.has(IFLA_IFNAME)) return std::nullopt;
   Link link;
   link.index = static_cast<LinkIndex>(head.ifi_index);
-  link.name = attributes.text(IFLA_IFNAME);
+  link.name = textOf(attributes.bytes(IFLA_IFNAME));
   if (link.name.empty() || link.name.size() >= IFNAMSIZ)
     reader.refuse("an interface name of " + std::to_string(link.name.size()) + " bytes");
   link.master = attributes.number<uint32_t>(IFLA_MASTER);
@@ -185,8 +185,8 @@ std::optional<Object> readLink(const Reader& reader, Bytes bytes) {
   link.isNoArp = (head.ifi_flags & IFF_NOARP) != 0;
   if (attributes.has(IFLA_LINKINFO)) {
     const Attributes<IFLA_INFO_SLAVE_KIND> info(reader, attributes.bytes(IFLA_LINKINFO));
-    link.kind = info.text(IFLA_INFO_KIND);
-    link.masterKind = info.text(IFLA_INFO_SLAVE_KIND);
+    link.kind = textOf(info.bytes(IFLA_INFO_KIND));
+    link.masterKind = textOf(info.bytes(IFLA_INFO_SLAVE_KIND));
     if (info.has(IFLA_INFO_DATA) && link.kind == "vrf") {
       const Attributes<IFLA_VRF_TABLE> data(reader, info.bytes(IFLA_INFO_DATA));
       link.vrfTable = data.number<uint32_t>(IFLA_VRF_TABLE);

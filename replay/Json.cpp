@@ -51,7 +51,8 @@ std::vector<std::string> JsonObject::pieces() {
   std::sort(members_.begin(), members_.end());
   std::vector<std::string> pieces;
   for (const auto& [name, value] : members_) {
-    pieces.push_back("{" + jsonString(name) + ":" + value + "}");
+    auto& piece = pieces.emplace_back("{");
+    piece.append(jsonString(name)).append(":").append(value).append("}");
   }
   return pieces;
 }

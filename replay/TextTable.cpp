@@ -25,7 +25,8 @@ void fit(std::string& line, size_t columns) {
   for (size_t shown = 0; end < line.size(); ++end) {
     if (begins(line[end]) && ++shown == columns) break;
   }
-  line.replace(end, line.npos, ">");
+  line.resize(end);
+  line += '>';
 }
 
 }  // namespace
