@@ -12,13 +12,13 @@ namespace Tovan {
 /// The entries that a table gave up because they were damaged.
 template <class Key>
 struct Dropped {
+  /// What stands where the keys were stored, as far as it may be a key. It may be damaged, too, so
+  /// any other entry may be the one that went.
   std::vector<Key> keys;
-  /// False when there are others, of which not even the keys could be read.
-  bool isComplete = true;
 };
 
 /// Announces a change of `key` in `owner`, and then what its table had to give up meanwhile: each
-/// key, and the whole collection when not all the keys are known. The watches know before that.
+/// key, and the whole collection, because a key may have been damaged. The watches know before that.
 template <class Attribute, class Owner, class Key>
 void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Key& key,
               const std::optional<Dropped<Key>>& dropped) {
@@ -33,7 +33,7 @@ void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Key&
   for (const Key& gone : dropped->keys) {
     if (gone != key) owner.template notify<Attribute>(gone);
   }
-  if (!dropped->isComplete) owner.template notify<Attribute>();
+  owner.template notify<Attribute>();
 }
 
 }  // namespace Tovan

@@ -258,7 +258,6 @@ auto BasicForwardingStatus<A>::takeDropped() -> std::optional<Dropped<FecId>> {
   Dropped<FecId> dropped;
   if (records) dropped = std::move(*records);
   if (vias) {
-    dropped.isComplete &= vias->isComplete;
     for (const ViaKey& key : vias->keys) dropped.keys.push_back(key.fec);
   }
   std::erase_if(dropped.keys, [](FecId id) { return id >= kFirstAdjacency; });

@@ -160,7 +160,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     const auto isDamaged = [](const Prefix& key) {
       return key.len() > Prefix::kMaxLen || Prefix::enclosing(key.addr(), key.len()) != key;
     };
-    if (std::erase_if(dropped->keys, isDamaged) != 0) dropped->isComplete = false;
+    std::erase_if(dropped->keys, isDamaged);
     return dropped;
   }
 

@@ -1011,11 +1011,7 @@ void TovanMap<Key, Value>::giveUp(const Page& in, const Slot& slot) {
   if (!dropped_) dropped_.emplace();
   Words words;
   load(slot, words);
-  if (leadsTo(in, slot, hashOf(words))) {
-    dropped_->keys.push_back(keyOf(words));
-  } else {
-    dropped_->isComplete = false;
-  }
+  if (leadsTo(in, slot, hashOf(words))) dropped_->keys.push_back(keyOf(words));
 }
 
 /// Whether a search for `hash` comes by this slot of a page: else the key that stands there is not

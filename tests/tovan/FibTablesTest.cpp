@@ -96,14 +96,14 @@ TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
   ASSERT_EQ(this->damage("route", T::host(6)), 1u);
   EXPECT_NE(table->routeDel(T::host(5)).key, T::host(5)) << "what it was is not known";
   EXPECT_EQ(watcher->told, (std::set{T::host(5), T::host(6)}));
-  EXPECT_EQ(watcher->toldOfAll, 0u);
+  EXPECT_EQ(watcher->toldOfAll, 1u) << "a key may be damaged, too";
 
   // Whose key is damaged, nobody knows.
   watcher->told.clear();
   ASSERT_EQ(this->damage("route", T::host(7), 0), 1u);
   table->routeDel(T::host(7));
   EXPECT_TRUE(watcher->told.contains(T::host(7)));
-  EXPECT_EQ(watcher->toldOfAll, 1u);
+  EXPECT_EQ(watcher->toldOfAll, 2u);
   EXPECT_EQ(table->routeCount(), 37u);
 
   // Writing repairs, too.
@@ -111,7 +111,9 @@ TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
   ASSERT_EQ(this->damage("route", T::host(9)), 1u);
   ASSERT_EQ(this->damage("route", T::host(8), 0), 1u);
   table->routeIs(T::route(8, 9));
-  EXPECT_EQ(watcher->told, (std::set{T::host(8), T::host(9)}));
+  EXPECT_TRUE(watcher->told.contains(T::host(8)));
+  EXPECT_TRUE(watcher->told.contains(T::host(9)));
+  EXPECT_EQ(watcher->toldOfAll, 3u);
   EXPECT_EQ(table->route(T::host(8)).fecId, 9u);
 }
 
@@ -125,7 +127,7 @@ TYPED_TEST(FibTablesTest, AFecThatIsGivenUpAsDamagedIsAnnounced) {
   for (const uint64_t id : {2U, 3U}) ASSERT_EQ(this->damageFec(id), 1u);
   table->fecDel(2);
   EXPECT_EQ(watcher->told, (std::set<uint64_t>{2, 3}));
-  EXPECT_EQ(watcher->toldOfAll, 0u);
+  EXPECT_EQ(watcher->toldOfAll, 1u);
   EXPECT_EQ(table->fecKeys().size(), 7u);
 }
 
