@@ -371,9 +371,10 @@ std::vector<Feed::Work::ToldAddress> Feed::Work::addressesOf(const Link& link, P
     return std::tuple(familyOf(a.addr), a.isSecondary, a.addr, a.len);
   });
   // The same address may be there once for each peer.
-  const auto repeated = std::ranges::unique(
-      addresses, [](const auto& a, const auto& b) { return a.addr == b.addr && a.len == b.len; });
-  addresses.erase(repeated.begin(), repeated.end());
+  const auto isRepeated = [](const auto& a, const auto& b) {
+    return a.addr == b.addr && a.len == b.len;
+  };
+  addresses.erase(std::unique(addresses.begin(), addresses.end(), isRepeated), addresses.end());
   // Linux counts a primary address for each subnet, a switch one for the interface.
   for (size_t i = 0; i < addresses.size(); ++i) {
     addresses[i].isSecondary = i != 0 && familyOf(addresses[i].addr) == 4;
@@ -471,7 +472,8 @@ void Feed::Work::withdrawVirtualAddresses(const std::set<VirtualKey>& wanted,
 }
 
 void Feed::Work::withdrawInterfaces(const Output& output) {
-  for (const auto& [index, wanted] : wantedAddresses_) {
+  for (const auto& [index, addresses] : wantedAddresses_) {
+    const auto& wanted = addresses;
     Port& port = ports_[index];
     if (port.vrf == nullptr || !port.isToldAs(port.role)) continue;  // goes with the interface
     std::erase_if(port.addresses, [&](const ToldAddress& told) {

@@ -120,8 +120,7 @@ void Feed::Work::findRouteKeys() {
   if (!everything_) return;
   std::ranges::sort(routeKeys_, {},
                     [](const RouteKey& key) { return std::pair(key.first->number, key.second); });
-  const auto repeated = std::ranges::unique(routeKeys_);
-  routeKeys_.erase(repeated.begin(), repeated.end());
+  routeKeys_.erase(std::unique(routeKeys_.begin(), routeKeys_.end()), routeKeys_.end());
 }
 
 /// What the administrator makes the machine answer for: it is told, because no address shows it.
@@ -250,8 +249,7 @@ std::vector<typename F::Via> Feed::Work::viasOf(const Route& route,
   std::ranges::sort(vias, [](const auto& a, const auto& b) {
     return a.intf != b.intf ? a.intf.name() < b.intf.name() : a.hop < b.hop;
   });
-  const auto repeated = std::ranges::unique(vias);
-  vias.erase(repeated.begin(), repeated.end());
+  vias.erase(std::unique(vias.begin(), vias.end()), vias.end());
   if (vias.size() > kMaxVias) {
     warn(about, false, [&] {
       return nameOf(route.prefix) + ": a switch takes " + std::to_string(kMaxVias) + " of its " +

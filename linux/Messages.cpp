@@ -24,9 +24,9 @@ using Bytes = std::span<const std::byte>;
 constexpr uint32_t kLowerUp = 1U << 16;
 
 /// One message while it is read: knows its type, so that an error can name it.
-class Reader {
+class MessageReader {
  public:
-  explicit Reader(uint16_t type) : type_(type) {}
+  explicit MessageReader(uint16_t type) : type_(type) {}
 
   [[noreturn]] void refuse(const std::string& why) const {
     throw MessageError(std::string(name()) + ": " + why);
@@ -75,7 +75,7 @@ class Reader {
 template <size_t kMax>
 class Attributes {
  public:
-  Attributes(const Reader& reader, Bytes bytes) : reader_(reader) {
+  Attributes(const MessageReader& reader, Bytes bytes) : reader_(reader) {
     while (bytes.size() >= sizeof(nlattr)) {
       nlattr header;
       std::memcpy(&header, bytes.data(), sizeof header);
@@ -134,7 +134,7 @@ class Attributes {
   }
 
  private:
-  const Reader& reader_;
+  const MessageReader& reader_;
   std::array<Bytes, kMax + 1> payloads_;
   std::array<bool, kMax + 1> present_{};
 };
@@ -164,7 +164,7 @@ bool isPair(std::string_view kind) {
   return kind == "veth" || kind == "netkit" || kind == "vxcan";
 }
 
-std::optional<Object> readLink(const Reader& reader, Bytes bytes) {
+std::optional<Object> readLink(const MessageReader& reader, Bytes bytes) {
   const auto head = reader.take<ifinfomsg>(bytes);
   // Bridges tell of their ports with messages of these types, too.
   if (head.ifi_family != AF_UNSPEC) return std::nullopt;
@@ -200,7 +200,7 @@ std::optional<Object> readLink(const Reader& reader, Bytes bytes) {
   return link;
 }
 
-std::optional<Object> readAddress(const Reader& reader, Bytes bytes) {
+std::optional<Object> readAddress(const MessageReader& reader, Bytes bytes) {
   const auto head = reader.take<ifaddrmsg>(bytes);
   const int family = head.ifa_family;
   if (!isIp(family)) return std::nullopt;
@@ -225,7 +225,7 @@ std::optional<Object> readAddress(const Reader& reader, Bytes bytes) {
   return addr;
 }
 
-std::optional<Object> readNeighbor(const Reader& reader, Bytes bytes) {
+std::optional<Object> readNeighbor(const MessageReader& reader, Bytes bytes) {
   const auto head = reader.take<ndmsg>(bytes);
   const int family = head.ndm_family;
   if (!isIp(family) && family != AF_BRIDGE) return std::nullopt;
@@ -255,7 +255,7 @@ std::optional<Object> readNeighbor(const Reader& reader, Bytes bytes) {
 }
 
 /// One next hop, of the attributes of a route or of an entry of RTA_MULTIPATH.
-NextHop hopOf(const Reader& reader, const Attributes<RTA_NH_ID>& attributes, int family,
+NextHop hopOf(const MessageReader& reader, const Attributes<RTA_NH_ID>& attributes, int family,
               uint32_t flags) {
   NextHop hop;
   hop.gateway = attributes.address(RTA_GATEWAY, family);
@@ -279,7 +279,7 @@ NextHop hopOf(const Reader& reader, const Attributes<RTA_NH_ID>& attributes, int
   return hop;
 }
 
-std::vector<NextHop> hopsOf(const Reader& reader, Bytes bytes, int family) {
+std::vector<NextHop> hopsOf(const MessageReader& reader, Bytes bytes, int family) {
   std::vector<NextHop> hops;
   while (!bytes.empty()) {
     rtnexthop head;
@@ -297,7 +297,7 @@ std::vector<NextHop> hopsOf(const Reader& reader, Bytes bytes, int family) {
   return hops;
 }
 
-std::optional<Object> readRoute(const Reader& reader, Bytes bytes) {
+std::optional<Object> readRoute(const MessageReader& reader, Bytes bytes) {
   const auto head = reader.take<rtmsg>(bytes);
   const int family = head.rtm_family;
   if (!isIp(family) || (head.rtm_flags & RTM_F_CLONED) != 0) return std::nullopt;
@@ -326,7 +326,7 @@ std::optional<Object> readRoute(const Reader& reader, Bytes bytes) {
   return route;
 }
 
-std::optional<Object> readNexthop(const Reader& reader, Bytes bytes) {
+std::optional<Object> readNexthop(const MessageReader& reader, Bytes bytes) {
   const auto head = reader.take<nhmsg>(bytes);
   const Attributes<NHA_MAX> attributes(reader, bytes);
   Nexthop nexthop;
@@ -361,7 +361,7 @@ std::optional<Object> readNexthop(const Reader& reader, Bytes bytes) {
 }
 
 std::optional<Object> readObject(uint16_t type, Bytes bytes) {
-  const Reader reader(type);
+  const MessageReader reader(type);
   switch (type) {
     case RTM_NEWLINK:
     case RTM_DELLINK:
