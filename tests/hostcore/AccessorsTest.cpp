@@ -174,13 +174,13 @@ TYPED_TEST(AccessorsTest, TablesAreWalkedAndEmptiedLikeCollections) {
   EXPECT_EQ(world.forwarding->fec(adjacency).id(), adjacency) << "its helper still has it";
 
   auto& virtualIps = *world.virtualIps;
-  for (const uint32_t n : {1, 2, 3})
+  for (const uint32_t n : {1u, 2u, 3u})
     virtualIps.newVirtualIp(S::virtualAddr("red", S::addr(n)), true);
   EXPECT_TRUE(virtualIps.isVirtual(S::addr(1)));
   virtualIps.virtualIpDel(virtualIps.virtualIpIterator());
   EXPECT_EQ(virtualIps.virtualIpCount(), 2u);
   virtualIps.virtualIpDelAll();
-  for (const uint32_t n : {1, 2, 3}) EXPECT_FALSE(virtualIps.isVirtual(S::addr(n))) << n;
+  for (const uint32_t n : {1u, 2u, 3u}) EXPECT_FALSE(virtualIps.isVirtual(S::addr(n))) << n;
 }
 
 TYPED_TEST(AccessorsTest, SingletonsAndPointersAreAnnouncedWithoutAChange) {

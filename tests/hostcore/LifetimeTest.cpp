@@ -22,9 +22,9 @@ struct Watching : Notifier::NotifieeConst {
 };
 
 template <class F>
-struct RootWatcher;
+struct WeakRootWatcher;
 template <>
-struct RootWatcher<Daemon::Ipv4> final : Watching<Routing::Host::RouteSmRoot> {
+struct WeakRootWatcher<Daemon::Ipv4> final : Watching<Routing::Host::RouteSmRoot> {
   void onReceiveTable() override { told(); }
   void onArpTable() override { told(); }
   void onArpRoute(const Zemit::Prefix&) override { told(); }
@@ -33,7 +33,7 @@ struct RootWatcher<Daemon::Ipv4> final : Watching<Routing::Host::RouteSmRoot> {
   void onToMerge() override { told(); }
 };
 template <>
-struct RootWatcher<Daemon::Ipv6> final : Watching<Routing6::Host::RouteSmRoot> {
+struct WeakRootWatcher<Daemon::Ipv6> final : Watching<Routing6::Host::RouteSmRoot> {
   void onReceiveTable() override { told(); }
   void onNeighTable() override { told(); }
   void onNeighRoute(const Zemit::Ip6Prefix&) override { told(); }
@@ -45,16 +45,16 @@ struct RootWatcher<Daemon::Ipv6> final : Watching<Routing6::Host::RouteSmRoot> {
 
 /// Calls `act` at every change of a table of routes.
 template <class Table, class Prefix>
-struct RouteWatcher final : Table::NotifieeConst {
+struct TableWatcher final : Table::NotifieeConst {
   void onRoute(const Prefix&) override {
     if (act) act();
   }
   std::function<void()> act;
 };
 template <class F>
-using RouteTableWatcher = RouteWatcher<typename F::RouteStatus, typename F::Prefix>;
+using RouteTableWatcher = TableWatcher<typename F::RouteStatus, typename F::Prefix>;
 template <class F>
-using HostTableWatcher = RouteWatcher<typename F::HostTable, typename F::Prefix>;
+using HostTableWatcher = TableWatcher<typename F::HostTable, typename F::Prefix>;
 
 /// All routes that a machine writes.
 template <class F>
@@ -348,7 +348,7 @@ TYPED_TEST(LifetimeTest, SettersGiveWhatTheyMadeThoughTheRootGoes) {
   }
   for (const auto& setter : setters) {
     auto root = F::newRoot("red");
-    const auto watcher = Kiv::make<RootWatcher<F>>();
+    const auto watcher = Kiv::make<WeakRootWatcher<F>>();
     watcher->notifierIs(root);
     watcher->act = [&root] { root = nullptr; };
     EXPECT_TRUE(setter(*root));
@@ -358,7 +358,7 @@ TYPED_TEST(LifetimeTest, SettersGiveWhatTheyMadeThoughTheRootGoes) {
   // The machine writes receive routes while it is made.
   World<F> world;
   world.addressIs(*world.interface(world.ethernet1, world.inVrf(world.ethernet1, "red")), 1);
-  const auto watcher = Kiv::make<RootWatcher<F>>();
+  const auto watcher = Kiv::make<WeakRootWatcher<F>>();
   watcher->notifierIs(world.root);
   watcher->act = [&world] { world.root = nullptr; };
   world.newMachine();
@@ -373,7 +373,7 @@ TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayGoWhileItIsMade) {
   world.machine().initializedIs(true);
   const auto l3Status = world.inVrf(world.ethernet1, "red");
   const auto status = world.interface(world.ethernet1, l3Status);
-  const auto watcher = Kiv::make<RootWatcher<F>>();
+  const auto watcher = Kiv::make<WeakRootWatcher<F>>();
   watcher->notifierIs(world.root);
   watcher->act = [&world] {
     if constexpr (Sample<F>::kIsIpv4) {
@@ -418,7 +418,7 @@ TYPED_TEST(LifetimeTest, TheReadinessRecordMayGoWhileItIsAnswered) {
   world.machine().newRibReadyStatus(world.readiness);
   routes->act = nullptr;
   world.routeStatus->routeIs({.key = S::longer(), .routeType = F::kConnected, .fecId = 7});
-  const auto watcher = Kiv::make<RootWatcher<F>>();
+  const auto watcher = Kiv::make<WeakRootWatcher<F>>();
   watcher->notifierIs(world.root);
   watcher->act = [&world] { world.machine().ribReadyStatusDel(); };
   world.readiness->startRibReadyVerificationIs(true);

@@ -46,7 +46,7 @@ TEST(OrderedHashMapTest, IsInOrderAfterMemoryRanShort) {
   std::mt19937 random(2);
   Kiv::OrderedHashMap<uint32_t, Kiv::Present> map;
   std::set<uint32_t> model;
-  for (int i = 0; i < 20'000; ++i) {
+  for (size_t i = 0; i < 20'000; ++i) {
     const auto key = static_cast<uint32_t>(random() % 8'000);
     try {
       const Sample::ShortMemory memory(1 + i % 3);
