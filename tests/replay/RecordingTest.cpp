@@ -77,7 +77,9 @@ std::vector<Operation> life() {
 std::string tablesOf(const Switch& sw) {
   std::string text;
   for (const auto& [name, vrf] : sw.vrfs()) {
-    forEachFamily([&](auto family) { text += Replay::dumpJson<decltype(family)>(sw, vrf) + "\n"; });
+    forEachFamily([&, &vrf = vrf](auto family) {
+      text += Replay::dumpJson<decltype(family)>(sw, vrf) + "\n";
+    });
   }
   return text;
 }

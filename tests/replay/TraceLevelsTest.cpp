@@ -41,7 +41,7 @@ class Stranger {
 
   template <class F>
   typename F::Addr addr() {
-    const uint64_t n = std::array{0, 1, 2, 3, 9}[below(5)];
+    const uint64_t n = std::array{0u, 1u, 2u, 3u, 9u}[below(5)];
     if constexpr (F::kNumber == 4) {
       return typename F::Addr(static_cast<uint32_t>(0x0A010100 + n));
     } else {
