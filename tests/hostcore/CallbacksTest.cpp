@@ -190,12 +190,11 @@ TYPED_TEST(CallbacksTest, ADerivedAdjacencyHelperSeesEveryGetAndEveryDrop) {
   using F = TypeParam;
   struct Counting : F::AdjacencyHelper {
     using F::AdjacencyHelper::AdjacencyHelper;
-    using FecId = Tovan::Fib::FecId;
-    FecId doGetOrCreateFibAdjacency(const typename F::ViaSet& vias) override {
+    Tovan::Fib::FecId doGetOrCreateFibAdjacency(const typename F::ViaSet& vias) override {
       ++held;
       return F::AdjacencyHelper::doGetOrCreateFibAdjacency(vias);
     }
-    void doDropRefOnFibAdjacency(FecId fecId) override {
+    void doDropRefOnFibAdjacency(Tovan::Fib::FecId fecId) override {
       --held;
       F::AdjacencyHelper::doDropRefOnFibAdjacency(fecId);
     }
