@@ -48,8 +48,8 @@ Linux::TableId tableOf(const Config& config, const std::string& vrf) {
 }  // namespace
 
 Exports::Exports(Daemon::Switch& sw, const Linux::Feed& feed, Linux::KernelRoutes& routes,
-                 const Config& config)
-    : sw_(sw), feed_(feed), routes_(routes), config_(config) {
+                 Config config)
+    : sw_(sw), feed_(feed), routes_(routes), config_(std::move(config)) {
   for (const auto& [name, vrf] : sw.vrfs()) addVrf(name);
 }
 

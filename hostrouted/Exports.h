@@ -23,8 +23,7 @@ namespace Hostrouted {
 class Exports {
  public:
   /// All outlive it.
-  Exports(Daemon::Switch& sw, const Linux::Feed& feed, Linux::KernelRoutes& routes,
-          const Config& config);
+  Exports(Daemon::Switch& sw, const Linux::Feed& feed, Linux::KernelRoutes& routes, Config config);
   ~Exports();
 
   /// Watches the route tables of a VRF, from the routes that they hold already on.

@@ -232,7 +232,7 @@ void Reader::read(const IpDocuments& documents) {
   settleMasters();
   for (auto& interface : interfaces_) {
     give(interface.link);
-    for (auto& address : interface.addresses) give(std::move(address));
+    for (const auto& address : interface.addresses) give(address);
     interface.addresses.clear();
   }
   readEntries(documents.nexthop, [this](const Json& entry) { readNexthop(entry); });
@@ -354,7 +354,7 @@ void Reader::readLink(const Json& entry) {
     readParts(getList(entry, "addr_info"), printable(name) + ": an address", [&](const Json& info) {
       auto address = readAddress(info);
       address.link = link.index;
-      interface.addresses.push_back(std::move(address));
+      interface.addresses.push_back(address);
     });
   }
   const auto place = byName_.try_emplace(name, interfaces_.size()).first->second;
@@ -530,7 +530,7 @@ void Reader::readNeighbor(const Json& entry) {
   }
   neighbor.isProxy = find(entry, "proxy") != nullptr;
   neighbor.isLearnedByControlPlane = find(entry, "extern_learn") != nullptr;
-  give(std::move(neighbor));
+  give(neighbor);
 }
 
 }  // namespace

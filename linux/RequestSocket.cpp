@@ -19,6 +19,8 @@
 namespace Linux {
 namespace {
 
+using Verb = RouteRequest::Verb;
+
 /// Wanted for what the kernel answers, and for what is sent at once.
 constexpr int kSocketBuffer = 4 << 20;
 /// What one refusal takes of the receive buffer, with the kernel's own bookkeeping.
@@ -113,7 +115,6 @@ void putVias(nlmsghdr* message, const std::vector<RouteVia>& vias, int family) {
 
 /// Writes the message of a request. \return 0, or why there is none.
 int putRequest(nlmsghdr* message, const RouteRequest& request, uint8_t protocol) {
-  using Verb = RouteRequest::Verb;
   const auto& vias = request.value.vias;
   const bool adds = request.verb == Verb::Add || request.verb == Verb::AddBlackhole;
   if (request.verb == Verb::Add && vias.empty()) return EINVAL;

@@ -122,7 +122,8 @@ void RouteTable::put(const Route& route, bool replaces, bool appends) {
     mergeIpv6(route, std::move(body));
     return;
   }
-  insert(route, std::move(body), body.family == 4 && !appends && !isDumping_);
+  const bool isFirst = body.family == 4 && !appends && !isDumping_;
+  insert(route, std::move(body), isFirst);
 }
 
 /// IPv6 next hops that are added join the route of their prefix and metric. Kernels tell then

@@ -116,7 +116,7 @@ class RouteTable {
   Number share(Body body);
   void index(Number body);
   void unindex(Number body);
-  void release(Number body);
+  void release(Number number);
   /// The routes of a body, by number.
   std::vector<Number> routesOf(Number body) const;
   void removeRoutesOf(Number body);
@@ -126,7 +126,7 @@ class RouteTable {
   /// Changes next hops of a body by `change(hops)`, which says whether it did. The routes of a body
   /// that has none alive then go.
   template <class Change>
-  void changeHops(Number body, const Change& change);
+  void changeHops(Number number, const Change& change);
 
   Changed changed_;
   std::deque<Node> nodes_;

@@ -11,17 +11,12 @@
 #include <map>
 #include <string>
 
+#include "tests/linux/Samples.h"
+
 namespace Linux {
 namespace {
 
 namespace fs = std::filesystem;
-
-RouteKey key4(uint32_t host) {
-  return {10, Zemit::Prefix::host(Zemit::IpAddr(0x0A000000 + host))};
-}
-RouteKey key6(uint32_t host) {
-  return {20, Zemit::Ip6Prefix::host(Zemit::Ip6Addr(0x20010DB800000000, host))};
-}
 
 class AdvertisedFileTest : public testing::Test {
  protected:
@@ -65,7 +60,7 @@ TEST_F(AdvertisedFileTest, LosesNothingButATornLineWhereverItIsCut) {
     EXPECT_TRUE(problems.empty());
     for (uint32_t i = 0; i < 12; ++i) {
       file.add(key4(i % 5), i);
-      file.add(key6(i), 1024);
+      file.add(key6(i, 20), 1024);
       if (i % 3 == 0) file.remove(key4(i % 5));
       file.commit();
       committed.emplace_back(content().size(), keysOf(file));
@@ -134,7 +129,7 @@ TEST_F(AdvertisedFileTest, StaysSmallWhateverComesAndGoes) {
   for (uint32_t i = 0; i < 50000; ++i) {
     file.add(key4(i), 0);
     file.remove(key4(i));
-    if (i % 10 == 0) file.add(key6(i % 1000), i);
+    if (i % 10 == 0) file.add(key6(i % 1000, 20), i);
     file.commit();
     if (i % 100 == 0) largest = std::max(largest, fs::file_size(path));
   }

@@ -12,20 +12,12 @@
 #include <vector>
 
 #include "replay/Recording.h"
+#include "tests/linux/Samples.h"
 
 namespace Linux {
 namespace {
 
 using Daemon::Operation;
-
-Address addr(const std::string& text) {
-  if (const auto addr4 = Zemit::IpAddr::parse(text)) return *addr4;
-  return Zemit::Ip6Addr::parse(text).value();
-}
-Prefix prefix(const std::string& text) {
-  if (const auto prefix4 = Zemit::Prefix::parse(text)) return *prefix4;
-  return Zemit::Ip6Prefix::parse(text).value();
-}
 
 Link link(LinkIndex index, const std::string& name, LinkIndex master = 0) {
   Link link;
@@ -44,33 +36,9 @@ Link vrfDevice(LinkIndex index, const std::string& name, TableId table) {
 InterfaceAddress address(LinkIndex link, const std::string& text, uint32_t len) {
   InterfaceAddress address;
   address.link = link;
-  address.addr = addr(text);
+  address.addr = addrOf(text);
   address.len = len;
   return address;
-}
-Neighbor neighbor(LinkIndex link, const std::string& text, int state = NUD_REACHABLE) {
-  Neighbor neighbor;
-  neighbor.link = link;
-  neighbor.addr = addr(text);
-  neighbor.mac = *Zemit::EthAddr::parse("02:00:00:00:00:05");
-  neighbor.state = static_cast<uint16_t>(state);
-  return neighbor;
-}
-NextHop hop(LinkIndex link, const std::string& gateway = "") {
-  NextHop hop;
-  hop.link = link;
-  if (!gateway.empty()) hop.gateway = addr(gateway);
-  return hop;
-}
-Route route(const std::string& destination, std::vector<NextHop> hops,
-            uint8_t protocol = RTPROT_STATIC, TableId table = RT_TABLE_MAIN) {
-  Route route;
-  route.table = table;
-  route.prefix = prefix(destination);
-  route.type = RTN_UNICAST;
-  route.protocol = protocol;
-  route.hops = std::move(hops);
-  return route;
 }
 
 /// A mirror and its feed. What is fed goes to a switch, too, so that a wrong order of operations
@@ -469,9 +437,9 @@ TEST_F(FeedTest, OptionsChangeExactlyWhatDiffers) {
             "neighborTable,intf:swp2\n"
             "neighbor,intf:swp2,ip:10.0.0.6,mac:02:00:00:00:00:05\n");
   options.interfaces.clear();
-  options.covers = {{.prefix = prefix("10.0.0.0/24"), .interfaces = {"swp*"}},
-                    {.vrf = "none", .prefix = prefix("10.0.0.0/24"), .interfaces = {"swp*"}}};
-  options.virtualAddresses = {{.addr = addr("10.0.0.9"), .len = 24}, {.addr = addr("fd00::9")}};
+  options.covers = {{.prefix = prefixOf("10.0.0.0/24"), .interfaces = {"swp*"}},
+                    {.vrf = "none", .prefix = prefixOf("10.0.0.0/24"), .interfaces = {"swp*"}}};
+  options.virtualAddresses = {{.addr = addrOf("10.0.0.9"), .len = 24}, {.addr = addrOf("fd00::9")}};
   feed.setOptions(options);
   EXPECT_EQ(flush(),
             "fec,id:2,family:4,vias:[{intf:swp1},{intf:swp2}]\n"

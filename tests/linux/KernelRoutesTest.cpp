@@ -12,18 +12,13 @@
 #include <string>
 #include <tuple>
 
+#include "tests/linux/Samples.h"
+
 namespace Linux {
 namespace {
 
-constexpr TableId kTable = 10;
 using Verb = RouteRequest::Verb;
 
-RouteKey key4(uint32_t host) {
-  return {kTable, Zemit::Prefix::host(Zemit::IpAddr(0x0A000000 + host))};
-}
-RouteKey key6(uint32_t host) {
-  return {kTable, Zemit::Ip6Prefix::host(Zemit::Ip6Addr(0x20010DB800000000, host))};
-}
 RouteValue direct(LinkIndex link, uint32_t metric = 0) {
   return {.vias = {{.link = link, .gateway = {}}}, .metric = metric, .preferredSource = {}};
 }

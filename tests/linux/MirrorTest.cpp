@@ -13,19 +13,10 @@
 #include <vector>
 
 #include "tests/linux/MirrorText.h"
+#include "tests/linux/Samples.h"
 
 namespace Linux {
 namespace {
-
-Address addrOf(const char* text) {
-  if (const auto addr = Zemit::IpAddr::parse(text)) return *addr;
-  return Zemit::Ip6Addr::parse(text).value();
-}
-
-Prefix prefixOf(const char* text) {
-  if (const auto prefix = Zemit::Prefix::parse(text)) return *prefix;
-  return Zemit::Ip6Prefix::parse(text).value();
-}
 
 Link link(LinkIndex index, const char* name, bool isUp = true) {
   Link link;
@@ -37,27 +28,6 @@ Link link(LinkIndex index, const char* name, bool isUp = true) {
 
 InterfaceAddress address(LinkIndex link, const char* addr) {
   return {.link = link, .addr = addrOf(addr), .len = 24, .peer = {}};
-}
-
-Neighbor neighbor(LinkIndex link, const char* addr, uint16_t state = NUD_REACHABLE) {
-  return {.link = link, .addr = addrOf(addr), .mac = {}, .state = state};
-}
-
-NextHop hop(LinkIndex link, const char* gateway = nullptr) {
-  NextHop hop;
-  hop.link = link;
-  if (gateway != nullptr) hop.gateway = addrOf(gateway);
-  return hop;
-}
-
-Route route(const char* prefix, std::vector<NextHop> hops) {
-  Route route;
-  route.table = RT_TABLE_MAIN;
-  route.prefix = prefixOf(prefix);
-  route.protocol = RTPROT_STATIC;
-  route.type = RTN_UNICAST;
-  route.hops = std::move(hops);
-  return route;
 }
 
 /// Writes down what it is told of.
@@ -281,7 +251,7 @@ TEST_F(MirrorTest, DropsRoutesWithTheirPreferredSourceWithinAVrf) {
   Link port = link(2, "e2");
   port.master = 9;
   for (const Link& each : {vrf, port, link(3, "e3")}) add(each);
-  for (const LinkIndex index : {2, 3}) {
+  for (const LinkIndex index : {2U, 3U}) {
     add(address(index, "10.0.0.1"));
     add(address(index, "10.0.0.9"));
   }

@@ -300,7 +300,7 @@ TEST(MirrorNetns, FollowsWhateverIsDone) {
   const Namespace space;
   space.ip(kPorts);
   Kept kept;
-  std::mt19937 random(testing::UnitTest::GetInstance()->random_seed());
+  std::mt19937 random(static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()));
   std::string done;
   for (int round = 0; round < 40 && !HasFailure(); ++round) {
     std::string commands;
