@@ -96,9 +96,8 @@ class Made {
     std::memcpy(bytes_.data() + at, &size, sizeof size);
     return *this;
   }
-  operator std::span<const std::byte>() const {
-    return bytes_;
-  }  // NOLINT(google-explicit-constructor)
+  // Passed for the bytes that it makes. NOLINTNEXTLINE(google-explicit-constructor)
+  operator std::span<const std::byte>() const { return bytes_; }
 
  private:
   void append(const void* data, size_t size) {
@@ -198,23 +197,22 @@ std::vector<std::string> routesOf(const std::string& name, bool present = true) 
 }
 
 TEST(Messages, SaysOfACapturedRouteWhatTheKernelMeant) {
-  EXPECT_EQ(
-      routesOf("routes"),
-      (std::vector<std::string>{
-          "route 254 10.9.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 via 10.0.1.2] [link "
-          "0 via 10.0.2.2 weight 3]",
-          "route 254 10.10.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 via fe80::1]",
-          "route 1000 10.11.0.0/24 metric 5 protocol 12 type 1 tos 0 [link 0]",
-          "route 1000 10.11.0.0/24 metric 5 protocol 3 type 1 tos 0 [link 0]",
-          "route 254 10.9.0.0/24 metric 0 protocol 3 type 1 tos 0 src 10.0.2.1 [link 0 via "
-          "10.0.1.3]",
-          "route 254 10.12.0.0/24 metric 0 protocol 3 type 6 tos 0",
-          "route 254 10.13.0.0/24 metric 0 protocol 3 type 7 tos 0",
-          "route 254 10.14.0.0/24 metric 0 protocol 3 type 1 tos 4 [link 0]",
-          "route 254 0.0.0.0/0 metric 0 protocol 3 type 1 tos 0 [link 0 via 10.0.1.254]",
-          "route 255 10.15.0.0/24 metric 0 protocol 3 type 2 tos 0 [link 0]",
-          "route 254 10.16.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 tunnelled]",
-          "route 254 10.18.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 tunnelled]"}));
+  EXPECT_EQ(routesOf("routes"),
+            (std::vector<std::string>{
+                ("route 254 10.9.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 via 10.0.1.2] "
+                 "[link 0 via 10.0.2.2 weight 3]"),
+                "route 254 10.10.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 via fe80::1]",
+                "route 1000 10.11.0.0/24 metric 5 protocol 12 type 1 tos 0 [link 0]",
+                "route 1000 10.11.0.0/24 metric 5 protocol 3 type 1 tos 0 [link 0]",
+                ("route 254 10.9.0.0/24 metric 0 protocol 3 type 1 tos 0 src 10.0.2.1 "
+                 "[link 0 via 10.0.1.3]"),
+                "route 254 10.12.0.0/24 metric 0 protocol 3 type 6 tos 0",
+                "route 254 10.13.0.0/24 metric 0 protocol 3 type 7 tos 0",
+                "route 254 10.14.0.0/24 metric 0 protocol 3 type 1 tos 4 [link 0]",
+                "route 254 0.0.0.0/0 metric 0 protocol 3 type 1 tos 0 [link 0 via 10.0.1.254]",
+                "route 255 10.15.0.0/24 metric 0 protocol 3 type 2 tos 0 [link 0]",
+                "route 254 10.16.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 tunnelled]",
+                "route 254 10.18.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 tunnelled]"}));
 }
 
 // Whatever a message is cut to, and whatever length its header then claims, the reader says so or
