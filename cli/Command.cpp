@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iostream>
 #include <system_error>
+#include <utility>
 
 #include "replay/Printable.h"
 
@@ -21,7 +22,7 @@ void requireOutput() {
   if (!std::cout.flush()) throw CommandError("standard output", "cannot be written", kFailed);
 }
 
-Input::Input(const std::string& name) : name_(name) {
+Input::Input(std::string name) : name_(std::move(name)) {
   if (isStandardInput()) return;
   std::error_code error;
   if (std::filesystem::is_directory(name_, error)) {

@@ -34,7 +34,7 @@ void requireOutput();
 class Input {
  public:
   /// \throws CommandError when it cannot be opened, or is a directory.
-  explicit Input(const std::string& name);
+  explicit Input(std::string name);
 
   const std::string& name() const { return name_; }
   bool isStandardInput() const { return name_ == "-"; }

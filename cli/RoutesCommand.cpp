@@ -161,7 +161,7 @@ class Listing {
       states_.push_back(stateOf(table, vrf));
       const auto prefix = prefixOf<F>(options_.address);
       auto shown = prefix ? table.covering(*prefix, report) : table.all(report);
-      std::erase_if(shown, [this](const auto& route) { return !isWanted<F>(route); });
+      std::erase_if(shown, [this](const auto& route) { return !this->isWanted<F>(route); });
       found_ += shown.size();
       if (options_.counts) {
         count<F>(shown);
