@@ -7,6 +7,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 buildPackages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libelf-dev libedit-dev
   libmnl-dev libsystemd-dev libtomlplusplus-dev pkg-config)
 testPackages=(libgtest-dev pkg-config binutils python3 iproute2 iputils-ping procps)
+# The routing daemons that hostrouted is tried with. They start as services: only CI installs them.
+routerPackages=(frr bird2)
 benchPackages=(libbenchmark-dev liblmdb-dev libboost1.81-dev libabsl-dev libdpdk-dev pkg-config)
 checkPackages=(clang-format-14 clang-tidy-14 python3)
 fuzzPackages=(clang-14 libclang-rt-14-dev)
