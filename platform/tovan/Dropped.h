@@ -18,8 +18,7 @@ struct Dropped {
 };
 
 /// Announces a change of `key` in `owner`, and then what its table had to give up meanwhile: each
-/// key, and the whole collection, because a key may have been damaged. The watches know before
-/// that.
+/// key, and the whole collection, because a key may have been damaged. The watches know first.
 template <class Attribute, class Owner, class Key>
 void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Key& key,
               const std::optional<Dropped<Key>>& dropped) {
