@@ -87,8 +87,6 @@ class Router {
   }
 
   const Linux::KernelRoutes& kernelRoutes() const { return routes_; }
-  const Linux::Mirror& mirror() const { return mirror_; }
-  const Daemon::Switch& sw() const { return switch_; }
   const Config& config() const { return config_; }
 
  private:
