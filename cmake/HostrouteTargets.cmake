@@ -83,7 +83,7 @@ function(hostroute_shared_library name)
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS})
   set_target_properties(${name} PROPERTIES
     OUTPUT_NAME ${ARG_OUTPUT} EXPORT_NAME ${ARG_EXPORT_NAME} LINKER_LANGUAGE CXX
-    VERSION ${PROJECT_VERSION} SOVERSION 0 INSTALL_RPATH $ORIGIN)
+    VERSION ${HOSTROUTE_ABI}.0.0 SOVERSION ${HOSTROUTE_ABI} INSTALL_RPATH $ORIGIN)
 endfunction()
 
 # hostroute_install(TARGET... HEADERS FOLDER...)
@@ -92,23 +92,25 @@ endfunction()
 # pkg-config, wherever the tree is moved to.
 function(hostroute_install)
   cmake_parse_arguments(ARG "" "" "HEADERS" ${ARGN})
-  install(TARGETS ${ARG_UNPARSED_ARGUMENTS} EXPORT hostrouteTargets)
+  install(TARGETS ${ARG_UNPARSED_ARGUMENTS} EXPORT hostrouteTargets
+          LIBRARY COMPONENT library NAMELINK_COMPONENT development)
   install(DIRECTORY ${ARG_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hostroute
-          FILES_MATCHING PATTERN *.h)
+          COMPONENT development FILES_MATCHING PATTERN *.h)
 
   include(CMakePackageConfigHelpers)
   set(package ${CMAKE_INSTALL_LIBDIR}/cmake/hostroute)
   set(version ${PROJECT_BINARY_DIR}/hostrouteConfigVersion.cmake)
   write_basic_package_version_file(${version} COMPATIBILITY SameMinorVersion)
   install(EXPORT hostrouteTargets FILE hostrouteConfig.cmake NAMESPACE hostroute::
-          DESTINATION ${package})
-  install(FILES ${version} DESTINATION ${package})
+          DESTINATION ${package} COMPONENT development)
+  install(FILES ${version} DESTINATION ${package} COMPONENT development)
 
   set(pkgconfig ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
   file(RELATIVE_PATH upToPrefix ${CMAKE_INSTALL_PREFIX}/${pkgconfig} ${CMAKE_INSTALL_PREFIX})
   foreach(module hostroute hostroute-platform)
     configure_file(${PROJECT_SOURCE_DIR}/cmake/${module}.pc.in ${module}.pc @ONLY)
-    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${module}.pc DESTINATION ${pkgconfig})
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${module}.pc DESTINATION ${pkgconfig}
+            COMPONENT development)
   endforeach()
 endfunction()
 

@@ -197,4 +197,10 @@ using AdjacencyHelper = BasicAdjacencyHelper<Routing::Host::Status, Tovan::Fib::
 using Adjacency6Helper =
     BasicAdjacencyHelper<Routing6::Host::Status, Tovan::Fib6::ForwardingStatus>;
 
+// Compiled once, in AdjacencyHelper.cpp.
+extern template class AdjacencyTable<ViaSet>;
+extern template class AdjacencyTable<Via6Set>;
+extern template class BasicAdjacencyHelper<Routing::Host::Status, Tovan::Fib::ForwardingStatus>;
+extern template class BasicAdjacencyHelper<Routing6::Host::Status, Tovan::Fib6::ForwardingStatus>;
+
 }  // namespace Rovel

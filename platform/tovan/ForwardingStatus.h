@@ -344,4 +344,12 @@ namespace Fib6 {
 using ForwardingStatus = BasicForwardingStatus<Zemit::Ip6Addr>;
 }
 
+// Compiled once, in Tables.cpp.
+extern template class TovanMap<Fib::FecId, Fib::ForwardingStatus::Record>;
+extern template class TovanMap<Fib::FecId, Fib6::ForwardingStatus::Record>;
+extern template class TovanMap<Fib::ForwardingStatus::ViaKey, Fib::ForwardingStatus::RawVia>;
+extern template class TovanMap<Fib6::ForwardingStatus::ViaKey, Fib6::ForwardingStatus::RawVia>;
+extern template class BasicForwardingStatus<Zemit::IpAddr>;
+extern template class BasicForwardingStatus<Zemit::Ip6Addr>;
+
 }  // namespace Tovan

@@ -180,4 +180,10 @@ namespace Fib6 {
 using RouteStatus = BasicRouteStatus<Route>;
 }
 
+// Compiled once, in Tables.cpp.
+extern template class TovanMap<Zemit::Prefix, RouteRecord<Fib::Route>>;
+extern template class TovanMap<Zemit::Ip6Prefix, RouteRecord<Fib6::Route>>;
+extern template class BasicRouteStatus<Fib::Route>;
+extern template class BasicRouteStatus<Fib6::Route>;
+
 }  // namespace Tovan

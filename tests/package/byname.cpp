@@ -8,7 +8,7 @@
 #include "typeinfo/ValueTypes.h"
 
 int main() {
-  if (::dlopen("libhostroute.so.0", RTLD_NOW) == nullptr) {
+  if (::dlopen("libhostroute.so.1", RTLD_NOW) == nullptr) {
     std::cerr << ::dlerror() << '\n';
     return 1;
   }
