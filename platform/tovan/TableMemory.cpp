@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <system_error>
 
 #include "platform/tovan/Exceptions.h"
@@ -94,6 +96,43 @@ void unguard(uintptr_t begin) {
   }
 }
 
+bool belongsTo(std::string_view table, std::string_view owner) {
+  return table.starts_with(owner) && (table.size() == owner.size() || table[owner.size()] == '.');
+}
+
+/// The names that this process opened for writing and has not removed. A process that has no
+/// descriptor left to read the folder with still removes what it made.
+class OwnNames {
+ public:
+  /// Never destroyed: tables may go later than any static object.
+  static OwnNames& instance() {
+    static auto* const names = new OwnNames;
+    return *names;
+  }
+  void add(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    names_.insert(name);
+  }
+  void forget(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    names_.erase(name);
+  }
+  std::vector<std::string> takeAllOf(std::string_view owner) {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> taken;
+    std::erase_if(names_, [&](const std::string& name) {
+      if (!belongsTo(name, owner)) return false;
+      taken.push_back(name);
+      return true;
+    });
+    return taken;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::set<std::string> names_;
+};
+
 }  // namespace
 
 std::string titleOf(std::string_view table) {
@@ -131,6 +170,7 @@ void TableMemory::openNamed(const TableConfig& config) {
     throw OpenException(titleOf(name_) + " cannot be opened: not a name");
   }
   const bool write = config.access == Access::Write;
+  if (write) OwnNames::instance().add(name_);
   for (;;) {
     // Without waiting: a FIFO of that name may never get a writer.
     const int how = O_NONBLOCK | (write ? O_RDWR | O_CREAT : O_RDONLY);
@@ -198,7 +238,9 @@ bool TableMemory::hasOtherWriter() const {
 }
 
 void TableMemory::remove() {
-  if (fd_ >= 0) ::shm_unlink(fileName(name_).c_str());
+  if (fd_ < 0) return;
+  ::shm_unlink(fileName(name_).c_str());
+  OwnNames::instance().forget(name_);
 }
 
 std::vector<std::string> tablesOf(std::string_view owner) {
@@ -209,9 +251,7 @@ std::vector<std::string> tablesOf(std::string_view owner) {
     std::string name = file->path().filename();
     if (!name.starts_with(kFilePrefix)) continue;
     name.erase(0, kFilePrefix.size());
-    if (name.starts_with(owner) && (name.size() == owner.size() || name[owner.size()] == '.')) {
-      names.push_back(std::move(name));
-    }
+    if (belongsTo(name, owner)) names.push_back(std::move(name));
   }
   if (error) {
     throw OpenException(std::string(kSharedMemoryFolder) +
@@ -222,13 +262,17 @@ std::vector<std::string> tablesOf(std::string_view owner) {
 }
 
 size_t removeTablesOf(std::string_view owner) {
+  auto names = OwnNames::instance().takeAllOf(owner);
   try {
-    const auto names = tablesOf(owner);
-    for (const auto& name : names) ::shm_unlink(fileName(name).c_str());
-    return names.size();
+    const auto found = tablesOf(owner);
+    names.insert(names.end(), found.begin(), found.end());
   } catch (const OpenException&) {
-    return 0;  // nothing can be there
+    // Without the folder, or a descriptor to read it with, nobody else's tables are found.
   }
+  const auto isRemoved = [](const std::string& name) {
+    return ::shm_unlink(fileName(name).c_str()) == 0;
+  };
+  return static_cast<size_t>(std::count_if(names.begin(), names.end(), isRemoved));
 }
 
 }  // namespace Tovan
