@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <memory>
+#include <span>
 
 #include "platform/tovan/Exceptions.h"
 #include "platform/tovan/TableMemory.h"
@@ -69,14 +70,21 @@ std::vector<SharedRouteTable> sharedRouteTables(std::string_view name) {
 }
 
 void removeSharedLeftovers(std::string_view name) {
-  constexpr size_t kBytes = 4096;  // nothing in them is looked at
-  // A table that is open for writing has no other writer. All are opened before the first goes.
-  std::vector<std::unique_ptr<Tovan::TableMemory>> leftovers;
-  for (const std::string& table : Tovan::tablesOf(name)) {
+  const auto tables = Tovan::tablesOf(name);
+  if (tables.empty()) return;
+  // A table that is open for writing has no other writer. All are tried before the first goes, one
+  // by one, because there may be more of them than a process may have files open. The first is kept
+  // open meanwhile: another process that starts under the name is refused there.
+  const auto open = [](const std::string& table) {
+    constexpr size_t kBytes = 4096;  // nothing in it is looked at
     const Tovan::TableConfig config{.access = Tovan::Access::Write, .name = table};
-    leftovers.push_back(std::make_unique<Tovan::TableMemory>(config, kBytes));
-  }
-  for (const auto& leftover : leftovers) leftover->remove();
+    return std::make_unique<Tovan::TableMemory>(config, kBytes);
+  };
+  const auto first = open(tables.front());
+  const std::span others = std::span(tables).subspan(1);
+  for (const std::string& table : others) open(table);
+  for (const std::string& table : others) open(table)->remove();
+  first->remove();
 }
 
 }  // namespace Daemon

@@ -17,8 +17,17 @@ struct Dropped {
   std::vector<Key> keys;
 };
 
-/// Announces a change of `key` in `owner`, and then what its table had to give up meanwhile: each
-/// key, and the whole collection, because a key may have been damaged. The watches know first.
+/// Announces what a table of `owner` had to give up: each key, and the whole collection, because a
+/// key may have been damaged. The watches know first.
+template <class Attribute, class Owner, class Key>
+void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Dropped<Key>& dropped) {
+  for (const Key& gone : dropped.keys) watches.written(gone);
+  const Kiv::Ptr<const Owner> alive(&owner);  // a callback may drop the last handle
+  for (const Key& gone : dropped.keys) owner.template notify<Attribute>(gone);
+  owner.template notify<Attribute>();
+}
+
+/// Announces a change of `key` in `owner`, and then what its table had to give up meanwhile.
 template <class Attribute, class Owner, class Key>
 void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Key& key,
               const std::optional<Dropped<Key>>& dropped) {
@@ -27,13 +36,12 @@ void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Key&
     owner.template notify<Attribute>(key);
     return;
   }
-  for (const Key& gone : dropped->keys) watches.written(gone);
   const Kiv::Ptr<const Owner> alive(&owner);  // a callback may drop the last handle
+  Dropped<Key> others = *dropped;
+  std::erase(others.keys, key);
+  for (const Key& gone : others.keys) watches.written(gone);
   owner.template notify<Attribute>(key);
-  for (const Key& gone : dropped->keys) {
-    if (gone != key) owner.template notify<Attribute>(gone);
-  }
-  owner.template notify<Attribute>();
+  announce<Attribute>(owner, watches, others);
 }
 
 }  // namespace Tovan

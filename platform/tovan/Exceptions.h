@@ -14,6 +14,13 @@ class KIV_EXPORT CorruptionDetectedException : public Pindo::Exception {
   using Pindo::Exception::Exception;
 };
 
+/// What was to be read is being changed, and still was after a quarter of a second: the writer is
+/// alive, but busy or stopped. Nothing is known to be damaged: try later.
+class KIV_EXPORT BusyException : public Kiv::Exception {
+ public:
+  using Kiv::Exception::Exception;
+};
+
 /// A change was asked of a table that is open for reading only.
 class KIV_EXPORT ReadOnlyException : public Kiv::Exception {
  public:

@@ -88,13 +88,18 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   uint32_t newAdjacencySpace() { return ++adjacencySpaces_; }
   /// Stores a new FIB adjacency, or removes one, without a word. What had to be given up as damaged
   /// on the way is announced with the next change of a FEC. \pre none has the id of a new one
-  void adjacencyIs(const Fec& adjacency) { fecs_.add(adjacency.id(), newRecord(adjacency)); }
+  void adjacencyIs(const Fec& adjacency) {
+    storing(adjacency, [&](const Record& record) { fecs_.add(adjacency.id(), record); });
+  }
   void adjacencyDel(const FecId& id) { remove(id); }
   /// Whether a FIB adjacency can be read.
   bool adjacencyIsSound(const FecId& id) const;
   /// Stores a FIB adjacency in place of what is there of it, damaged or not.
   void adjacencyReplace(const Fec& adjacency) { store(adjacency); }
 
+  /// Looks whether somebody changed or cut the memory, and repairs it; see TovanMap::tend(). What
+  /// had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
+  void tend();
   /// Told of damage met on a look-up or walk.
   void corruptionDetected(const std::string& message) const { fecs_.corruptionDetected(message); }
 
@@ -124,7 +129,8 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   bool readVias(const Record& record, Fec& fec) const;
   bool holds(const Fec& fec) const;
   std::optional<Record> former(const FecId& id) const;
-  Record newRecord(const Fec& fec);
+  template <class Store>
+  void storing(const Fec& fec, Store store);
   void store(const Fec& fec);
   std::optional<Dropped<FecId>> takeDropped();
   bool remove(const FecId& id);
@@ -267,7 +273,7 @@ auto BasicForwardingStatus<A>::takeDropped() -> std::optional<Dropped<FecId>> {
 template <class A>
 void BasicForwardingStatus<A>::store(const Fec& fec) {
   const auto replaced = former(fec.id());
-  fecs_.set(fec.id(), newRecord(fec));
+  storing(fec, [&](const Record& record) { fecs_.set(fec.id(), record); });
   if (replaced) removeVias(fec.id(), *replaced);
 }
 
@@ -293,20 +299,35 @@ void BasicForwardingStatus<A>::fecDelAll() {
   for (const FecId id : fecKeys()) fecDel(id);
 }
 
-/// The record of a FEC, whose further vias are stored already.
+/// Has `store` store the record of a FEC, whose further vias stand in the table by then. Where that
+/// fails, nothing of it is left.
 template <class A>
-auto BasicForwardingStatus<A>::newRecord(const Fec& fec) -> Record {
-  Record record{.viaCount = static_cast<uint32_t>(fec.viaCount()), .change = ++changes_};
-  uint32_t index = 0;
-  for (const Via& via : fec) {
-    if (index == 0) {
-      record.first = raw(via);
-    } else {
-      moreVias_.set({.fec = fec.id(), .change = record.change, .index = index}, raw(via));
+template <class Store>
+void BasicForwardingStatus<A>::storing(const Fec& fec, Store store) {
+  Record record{.viaCount = 0, .change = ++changes_};
+  try {
+    for (const Via& via : fec) {
+      if (record.viaCount == 0) {
+        record.first = raw(via);
+      } else {
+        moreVias_.set({.fec = fec.id(), .change = record.change, .index = record.viaCount},
+                      raw(via));
+      }
+      ++record.viaCount;
     }
-    ++index;
+    store(record);
+  } catch (...) {
+    removeVias(fec.id(), record);
+    throw;
   }
-  return record;
+}
+
+template <class A>
+void BasicForwardingStatus<A>::tend() {
+  intfs_.tend();
+  fecs_.tend();
+  moreVias_.tend();
+  if (const auto dropped = takeDropped()) announce<FecAttribute>(*this, watches_, *dropped);
 }
 
 template <class A>

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace Tovan {
 
@@ -21,13 +22,28 @@ uint32_t IntfNames::numberOf(Zemit::IntfId intf) {
   }
   const std::string_view name = intf.name();
   KIV_REQUIRE(name.size() <= kMaxBytes, "IntfName::bytes > 127 not allowed");
-  Text text{};
-  std::copy(name.begin(), name.end(), text.bytes.begin());
   const uint32_t number = next_;
-  names_.set(number, text);
+  names_.set(number, textOf(name));
   learn(number, intf);
   passOver(number);
+  mend();
   return number;
+}
+
+/// Publishes the names again that the table had to give up.
+void IntfNames::mend() {
+  while (names_.takeDropped()) {
+    for (uint32_t number = 1; number < intfs_.size(); ++number) {
+      if (intfs_[number] == Zemit::IntfId()) continue;
+      names_.set(number, textOf(intfs_[number].name()));
+    }
+  }
+}
+
+IntfNames::Text IntfNames::textOf(std::string_view name) {
+  Text text{};
+  std::copy(name.begin(), name.end(), text.bytes.begin());
+  return text;
 }
 
 void IntfNames::passOver(uint32_t number) {

@@ -32,12 +32,19 @@ class IntfNames {
   void passOver(uint32_t number);
 
   void cleanup() { names_.cleanup(); }
+  /// As TovanMap::tend(); names that were lost are published again.
+  void tend() {
+    names_.tend();
+    mend();
+  }
 
  private:
   struct Text {
     std::array<char, kMaxBytes + 1> bytes;  // ends with a zero byte
   };
 
+  static Text textOf(std::string_view name);
+  void mend();
   Zemit::IntfId fetch(uint32_t number) const;
   static Zemit::IntfId read(const Text& text);
   void learn(uint32_t number, Zemit::IntfId intf) const;

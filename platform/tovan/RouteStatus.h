@@ -19,10 +19,10 @@ struct RouteTableState {
   bool initialized = false;   ///< the host-route machine has got its inputs and keeps up with them
   bool synchronized = false;  ///< the FIB's own host routes are merged; see RovelReady::VrfStatus
 
-  uint64_t word() const {
+  uint32_t word() const {
     return (loading ? 1U : 0U) | (initialized ? 2U : 0U) | (synchronized ? 4U : 0U);
   }
-  static RouteTableState of(uint64_t word) {
+  static RouteTableState of(uint32_t word) {
     return {.loading = (word & 1) != 0,
             .initialized = (word & 2) != 0,
             .synchronized = (word & 4) != 0};
@@ -136,6 +136,12 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   /// Whether a process has the table open for writing, other than by this object.
   bool hasOtherWriter() const { return map_.hasOtherWriter(); }
 
+  /// Looks whether somebody changed or cut the memory, and repairs it; see TovanMap::tend(). What
+  /// had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
+  void tend() {
+    map_.tend();
+    if (const auto dropped = takeDropped()) announce<RouteAttribute>(*this, watches_, *dropped);
+  }
   /// Told of damage met on a look-up or walk.
   void corruptionDetected(const std::string& message) const { map_.corruptionDetected(message); }
   const TovanMap<Prefix, RouteRecord<Route>>& map() const noexcept { return map_; }

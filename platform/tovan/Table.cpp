@@ -6,11 +6,13 @@
 #include <string_view>
 #include <thread>
 
+#include "platform/tovan/Reports.h"
+
 namespace Tovan {
 namespace {
 
 constexpr uint64_t kMagic = 0x6e61'766f'5420'7068;
-constexpr uint64_t kVersion = 3;
+constexpr uint64_t kVersion = 4;
 constexpr auto kLongestUpdate = std::chrono::milliseconds(250);
 /// A table is made with so many pages, and grows by as many at least.
 constexpr size_t kFirstPages = 4;
@@ -37,47 +39,101 @@ uint64_t checksum(const TableHeader::Identity& identity) {
 Table::Table(const TableConfig& config, const Shape& shape)
     : shape_(shape),
       name_(config.name),
-      readOnly_(config.access == Access::Read),
       layout_(layoutOf(config.layout,
                        {shape.keyBytes, shape.valueBytes, shape.pagesAt, shape.pageBytes})),
       memory_(config, shape.pagesAt + shape.maxPages * shape.pageBytes) {
+  if (isReadOnly()) awaitCreation();
   const bool unfinished =
       memory_.bytes() == 0 ||
       (memory_.bytes() >= shape_.topBytes && header().magic.load(std::memory_order_acquire) == 0);
-  if (!readOnly_ && unfinished) {
-    create();
+  if (!isReadOnly() && unfinished) {
+    isNew_ = true;
+    try {
+      create();
+    } catch (const NoSpaceException&) {
+      memory_.remove();
+      throw;
+    }
   } else {
     const auto what = fault();
     if (!what.empty()) throw OpenException(titleOf(name_) + " " + what);
   }
   countPages();
-  if (!readOnly_) statusIs(0);
+  if (isReadOnly()) return;
+  for (size_t i = 0; i < kHeaderWords; ++i) left_[i] = headerWord(i);
+  headerIs(kBytes, memory_.bytes());
+  headerIs(kStatus, guarded(0));
 }
 
-void Table::statusIs(uint64_t status) {
+void Table::corruptionDetected(const std::string& message) {
+  ++corruptions_;
+  lastCorruption_ = message;
+  reportCorruption(name_, message);
+}
+
+void Table::statusIs(uint32_t status) {
   requireWritable("statusIs to read-only Tovan table");
-  header().status.store(status, std::memory_order_release);
+  headerIs(kStatus, guarded(status));
 }
 
 void Table::create() {
   memory_.clear();
-  memory_.provide(0, shape_.topBytes);
-  memory_.provide(shape_.pagesAt, kFirstPages * shape_.pageBytes);
+  provide(0, shape_.topBytes);
+  provide(shape_.pagesAt, kFirstPages * shape_.pageBytes);
   auto& top = header();
   top.version = kVersion;
   top.identity = {.layout = layout_, .seed = Kiv::drawHashSeed()};
   top.identityChecksum = checksum(top.identity);
   top.bytes.store(memory_.bytes(), std::memory_order_relaxed);
+  top.size.store(guarded(0), std::memory_order_relaxed);
   // Readers wait for the directory, which is derived as in a repair.
   top.directory.store(uint64_t{1} << 8, std::memory_order_relaxed);
   top.magic.store(kMagic, std::memory_order_release);
+}
+
+/// Gives a writer that is just making the table the time for it.
+void Table::awaitCreation() const {
+  for (Patience patience(memory_);;) {
+    memory_.refresh();
+    const bool isMade = memory_.bytes() >= sizeof(TableHeader) &&
+                        header().magic.load(std::memory_order_acquire) != 0;
+    if (isMade || !patience.again()) return;
+  }
+}
+
+void Table::restore() {
+  if (memory_.isCut()) {
+    provide(0, shape_.topBytes);
+    provide(shape_.pagesAt, left_[kBytes] - shape_.pagesAt);
+    memory_.remap();
+    corruptionDetected(describe("memory of", memory_.bytes(), "bytes was cut short"));
+  }
+  for (size_t i = 0; i < kHeaderWords; ++i) {
+    if (headerWord(i).load(std::memory_order_relaxed) == left_[i]) continue;
+    corruptionDetected(describe("header at byte", i * sizeof(left_[i]), "is not as it was left"));
+    headerWord(i).store(left_[i], std::memory_order_release);
+  }
+}
+
+void Table::provide(size_t at, size_t bytes) {
+  try {
+    memory_.provide(at, bytes);
+    isShort_ = false;
+  } catch (const NoSpaceException& refusal) {
+    isShort_ = true;
+    const bool isMade = memory_.bytes() >= shape_.pagesAt;
+    reportRefusal(name_, isMade ? this->bytes() : 0, refusal.what());
+    throw;
+  }
 }
 
 std::string Table::fault() const {
   memory_.refresh();
   if (memory_.bytes() < sizeof(TableHeader)) return "is too short to be a table";
   const auto& top = header();
-  if (top.magic.load(std::memory_order_acquire) != kMagic) return "is not a Tovan table";
+  const uint64_t magic = top.magic.load(std::memory_order_acquire);
+  if (magic == 0) return "was never finished";
+  if (magic != kMagic) return "is not a Tovan table";
   if (top.version != kVersion) {
     return "has version " + std::to_string(top.version) + ", known is " + std::to_string(kVersion);
   }
@@ -94,6 +150,7 @@ std::string Table::fault() const {
 
 void Table::validateFiles() {
   requireWritable("validateFiles to read-only Tovan table");
+  noteIfCut();
   const auto what = fault();
   if (!what.empty()) throw CorruptionDetectedException(titleOf(name_) + " " + what);
 }
@@ -106,13 +163,19 @@ void Table::raise(const char* place, size_t index, const char* what) const {
   throw CorruptionDetectedException(describe(place, index, what));
 }
 
+void Table::raiseUnfinished(const Patience& patience, const char* place, size_t index,
+                            const char* what) const {
+  if (patience.writerIsGone()) raise(place, index, what);
+  throw BusyException(describe(place, index, "is being changed by a writer that does not go on"));
+}
+
 void Table::countPages() const {
   const size_t bytes = std::max(memory_.bytes(), shape_.pagesAt) - shape_.pagesAt;
   pages_ = static_cast<uint32_t>(std::min(bytes / shape_.pageBytes, shape_.maxPages));
 }
 
 bool Table::isBackedByNow(uint32_t number) const {
-  if (!readOnly_) return false;
+  if (!isReadOnly()) return false;
   memory_.refresh();
   countPages();
   return number < pages_;
@@ -121,9 +184,9 @@ bool Table::isBackedByNow(uint32_t number) const {
 void Table::addPages() {
   // More at once would hold up the insertion that needs it.
   const size_t bytes = std::min(pages_ * shape_.pageBytes / 8, TableMemory::kLargeRequest);
-  memory_.provide(shape_.pagesAt + pages_ * shape_.pageBytes,
-                  std::max(bytes, kFirstPages * shape_.pageBytes));
-  header().bytes.store(memory_.bytes(), std::memory_order_release);
+  provide(shape_.pagesAt + pages_ * shape_.pageBytes,
+          std::max(bytes, kFirstPages * shape_.pageBytes));
+  headerIs(kBytes, memory_.bytes());
   countPages();
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -27,11 +28,40 @@ struct TableHeader {
   uint64_t identityChecksum;
 
   alignas(64) std::atomic<uint64_t> bytes;  ///< how large the memory is
-  std::atomic<uint64_t> size;               ///< how many entries there are
+  std::atomic<uint64_t> size;               ///< how many entries there are, guarded()
   /// What readers find entries by: in the low byte the number of hash bits that choose a page, and
   /// above it a count of repairs, which is odd during one.
   std::atomic<uint64_t> directory;
-  std::atomic<uint64_t> status;  ///< see Table::status()
+  std::atomic<uint64_t> status;  ///< see Table::status(), guarded()
+};
+
+/// A number of 32 bits with its complement above it, which show each other's damage.
+constexpr uint64_t guarded(uint32_t number) {
+  return uint64_t{~number} << 32 | number;
+}
+constexpr bool isSound(uint64_t word) {
+  return word == guarded(static_cast<uint32_t>(word));
+}
+
+/// Waits for a writer to finish what a reader found half done.
+class Patience {
+ public:
+  explicit Patience(const TableMemory& memory) : memory_(memory) {}
+
+  /// Waits a little. Returns whether to look again: not when there is no writer any more, or none
+  /// that comes to an end.
+  bool again() { return ++looks_ < kQuickLooks || wait(); }
+  /// Whether there was no writer when it was last looked.
+  bool writerIsGone() const { return writerIsGone_; }
+
+ private:
+  static constexpr uint32_t kQuickLooks = 64;
+  bool wait();
+
+  const TableMemory& memory_;
+  uint32_t looks_ = 0;
+  bool writerIsGone_ = false;
+  std::chrono::steady_clock::time_point deadline_;
 };
 
 /// What all tables have, whatever their entries.
@@ -41,12 +71,15 @@ class Table {
   Table& operator=(const Table&) = delete;
 
   const std::string& name() const { return name_; }
-  bool isReadOnly() const { return readOnly_; }
-  /// What the writer says of the table as a whole; a new writer begins with 0. The bits are for
-  /// those who write and read such tables to agree on.
-  uint64_t status() const { return header().status.load(std::memory_order_acquire); }
+  bool isReadOnly() const { return !memory_.isWritable(); }
+  /// What the writer says of the table as a whole; a new writer begins with 0, and what is damaged
+  /// reads as 0. The bits are for those who write and read such tables to agree on.
+  uint32_t status() const {
+    const uint64_t word = header().status.load(std::memory_order_acquire);
+    return isSound(word) ? static_cast<uint32_t>(word) : 0;
+  }
   /// \throws ReadOnlyException on a reader.
-  void statusIs(uint64_t status);
+  void statusIs(uint32_t status);
   /// Whether another object, in this process or another, has the table open for writing.
   bool hasOtherWriter() const { return memory_.hasOtherWriter(); }
   /// The memory that the table takes, in bytes, used or kept for entries to come.
@@ -57,11 +90,8 @@ class Table {
   }
 
   /// Told of every inconsistency: by those who caught a CorruptionDetectedException, and by the
-  /// table when it repairs itself. Counts, and keeps the message.
-  virtual void corruptionDetected(const std::string& message) {
-    ++corruptions_;
-    lastCorruption_ = message;
-  }
+  /// table when it repairs itself. Counts, keeps the message, and reports it; see tableReports().
+  virtual void corruptionDetected(const std::string& message);
   /// How often corruptionDetected() was called.
   size_t corruptions() const { return corruptions_; }
   const std::string& lastCorruption() const { return lastCorruption_; }
@@ -94,23 +124,79 @@ class Table {
 
   /// \throws ReadOnlyException with `refusal` on a reader.
   void requireWritable(const char* refusal) const {
-    if (readOnly_) [[unlikely]]
+    if (isReadOnly()) [[unlikely]]
       throw ReadOnlyException(refusal);
   }
   /// The message for an inconsistency at `place` `index`.
   std::string describe(const char* place, size_t index, const char* what) const;
   /// \throws CorruptionDetectedException with that message.
   [[noreturn]] void raise(const char* place, size_t index, const char* what) const;
+  /// For what is half done, and was when `patience` came to an end.
+  /// \throws BusyException when a writer lives, else CorruptionDetectedException.
+  [[noreturn]] void raiseUnfinished(const Patience& patience, const char* place, size_t index,
+                                    const char* what) const;
 
+  // The writer keeps what stands in the header: nothing that it relies on is changed from outside.
+  // By its words, of which two are not used.
+  static constexpr size_t kHeaderWords = 12;
+  enum HeaderWord : uint8_t { kBytes = 8, kSize = 9, kDirectory = 10, kStatus = 11 };
+  void headerIs(HeaderWord which, uint64_t word) {
+    left_[which] = word;
+    headerWord(which).store(word, std::memory_order_release);
+  }
+  uint64_t left(HeaderWord which) const { return left_[which]; }
+  /// Whether the header is as this writer left it, with no repair begun but not ended, and the file
+  /// as long as it was when it was last used.
+  bool isAsLeft() const {
+    uint64_t differing = memory_.isCut() | (left_[kDirectory] >> 8 & 1);
+#pragma GCC unroll 12
+    for (size_t i = 0; i < kHeaderWords; ++i) {
+      if (i == 6 || i == 7) continue;
+      differing |= headerWord(i).load(std::memory_order_relaxed) ^ left_[i];
+    }
+    return differing == 0;
+  }
+  /// Looks how long the file is.
+  void noteIfCut() {
+    const size_t known = memory_.bytes();
+    memory_.refresh();
+    if (memory_.bytes() < known) memory_.noteCut();
+  }
+  /// Makes the file as long as it was, and the header what it was. \throws NoSpaceException.
+  void restore();
+  /// For a reader that met damage: whether to look again, at what has come in place of a file that
+  /// was cut short.
+  bool isMappedAnew() const {
+    return isReadOnly() && memory_.remap();
+  }
+  /// Whether memory was refused since it was granted last.
+  bool isShort() const {
+    return isShort_;
+  }
+  /// Whether this object has made the table.
+  bool isNew() const {
+    return isNew_;
+  }
+
+  /// Makes memory usable. \throws NoSpaceException, changing nothing; it is reported.
+  void provide(size_t at, size_t bytes);
   /// How many pages are backed by memory.
-  uint32_t pages() const { return pages_; }
+  uint32_t pages() const {
+    return pages_;
+  }
   /// Whether page `number`, as read from the table, is backed by memory.
-  bool isBacked(uint32_t number) const { return number < pages_ || isBackedByNow(number); }
+  bool isBacked(uint32_t number) const {
+    return number < pages_ || isBackedByNow(number);
+  }
   /// Adds pages. \throws NoSpaceException, changing nothing.
   void addPages();
 
  private:
+  std::atomic<uint64_t>& headerWord(size_t number) const {
+    return reinterpret_cast<std::atomic<uint64_t>*>(memory_.base())[number];
+  }
   void create();
+  void awaitCreation() const;
   /// What is wrong with the memory or its header; nothing if all is well.
   std::string fault() const;
   bool isBackedByNow(uint32_t number) const;
@@ -118,31 +204,14 @@ class Table {
 
   const Shape shape_;
   const std::string name_;
-  const bool readOnly_;
   uint64_t layout_;
   mutable TableMemory memory_;
   mutable uint32_t pages_ = 0;
+  bool isNew_ = false;
+  bool isShort_ = false;
+  std::array<uint64_t, kHeaderWords> left_{};
   size_t corruptions_ = 0;
   std::string lastCorruption_;
-};
-
-/// Waits for a writer to finish what a reader found half done.
-class Patience {
- public:
-  explicit Patience(const TableMemory& memory) : memory_(memory) {}
-
-  /// Waits a little. Returns whether to look again: not when there is no writer any more, or none
-  /// that comes to an end.
-  bool again() { return ++looks_ < kQuickLooks || wait(); }
-
- private:
-  static constexpr uint32_t kQuickLooks = 64;
-  bool wait();
-
-  const TableMemory& memory_;
-  uint32_t looks_ = 0;
-  bool writerIsGone_ = false;
-  std::chrono::steady_clock::time_point deadline_;
 };
 
 }  // namespace Tovan

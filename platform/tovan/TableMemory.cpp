@@ -2,6 +2,7 @@
 #include "platform/tovan/TableMemory.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,7 +15,10 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <system_error>
+#include <utility>
 
 #include "platform/tovan/Exceptions.h"
 
@@ -47,51 +51,211 @@ struct flock wholeFile(short type) {
   return lock;
 }
 
+/// A file descriptor that is closed.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : fd_(fd) {}
+  Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  explicit operator bool() const { return fd_ >= 0; }
+  int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
+
+ private:
+  int fd_;
+};
+
 /// The addresses of a shared table, as the signal handler finds them.
 struct Range {
   std::atomic<uintptr_t> begin;
   std::atomic<uintptr_t> end;
+  std::atomic<TableMemory*> memory;
 };
-std::array<Range, 1024> mappedTables;
+/// Never destroyed, so that the handler may walk them at any time.
+struct Ranges {
+  std::array<Range, 1024> ranges;
+  std::atomic<Ranges*> more;
+};
+Ranges mappedTables;
 struct sigaction formerAction;
+
+template <class Visit>
+void forEachRange(Visit visit) {
+  for (Ranges* some = &mappedTables; some != nullptr; some = some->more) {
+    for (Range& range : some->ranges) {
+      if (visit(range)) return;
+    }
+  }
+}
 
 /// Puts a page of zeroes where a table's file has been cut short under us: they are found to be
 /// damage, like anything else that nobody wrote. Other addresses are left to the former handler.
 void onBusError(int signal, siginfo_t* info, void*) {
   const auto at = reinterpret_cast<uintptr_t>(info->si_addr);
-  for (const Range& table : mappedTables) {
-    if (at < table.begin || at >= table.end) continue;
+  bool isMended = false;
+  forEachRange([&](const Range& table) {
+    if (at < table.begin || at >= table.end) return false;
     void* page = reinterpret_cast<void*>(at / kPage * kPage);
     const int kind = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED;
-    if (::mmap(page, kPage, PROT_READ | PROT_WRITE, kind, -1, 0) != MAP_FAILED) return;
-  }
-  ::sigaction(signal, &formerAction, nullptr);
+    isMended = ::mmap(page, kPage, PROT_READ | PROT_WRITE, kind, -1, 0) != MAP_FAILED;
+    if (isMended) table.memory.load()->noteCut();
+    return true;
+  });
+  if (!isMended) ::sigaction(signal, &formerAction, nullptr);
 }
 
-/// Guards a shared table against a file that is cut short; tables beyond the first thousand are
-/// not.
-void guard(uintptr_t begin, size_t bytes) {
-  static const bool installed = [] {
+/// What the tables of this process have in common.
+class Tables {
+ public:
+  /// Never destroyed: tables may go later than any static object.
+  static Tables& instance() {
+    static auto* const tables = new Tables;
+    return *tables;
+  }
+
+  /// Guards a shared table against a file that is cut short.
+  void guard(TableMemory& memory, const std::byte* begin, size_t bytes) {
+    const std::lock_guard lock(mutex_);
+    Ranges* last = &mappedTables;
+    for (;; last = last->more) {
+      for (Range& range : last->ranges) {
+        if (range.begin != 0) continue;
+        range.memory = &memory;
+        range.begin = reinterpret_cast<uintptr_t>(begin);
+        range.end = range.begin + bytes;
+        return;
+      }
+      if (last->more == nullptr) last->more = new Ranges;
+    }
+  }
+  void unguard(const TableMemory& memory) {
+    const std::lock_guard lock(mutex_);
+    forEachRange([&](Range& range) {
+      if (range.memory != &memory) return false;
+      range.end = 0;
+      range.begin = 0;
+      range.memory = nullptr;
+      return true;
+    });
+  }
+
+  // The names that this process opened for writing and has not removed: a process that has no
+  // descriptor left to read the folder with still removes what it made.
+  void addName(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    names_.insert(name);
+  }
+  void forgetName(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    names_.erase(name);
+  }
+  std::vector<std::string> takeNamesOf(std::string_view owner);
+
+ private:
+  Tables() {
     struct sigaction action {};
     action.sa_sigaction = onBusError;
     action.sa_flags = SA_SIGINFO;
-    return ::sigaction(SIGBUS, &action, &formerAction) == 0;
-  }();
-  if (!installed) return;
-  for (Range& table : mappedTables) {
-    uintptr_t none = 0;
-    if (!table.begin.compare_exchange_strong(none, begin)) continue;
-    table.end = begin + bytes;
-    return;
+    ::sigaction(SIGBUS, &action, &formerAction);
+    ::pthread_atfork([] { instance().mutex_.lock(); }, [] { instance().mutex_.unlock(); },
+                     [] {
+                       forEachRange([](Range& range) {
+                         if (range.begin != 0) range.memory.load()->leaveToParent();
+                         return false;
+                       });
+                       instance().names_.clear();
+                       instance().mutex_.unlock();
+                     });
+  }
+
+  std::mutex mutex_;
+  std::set<std::string> names_;
+};
+
+/// A table's file as it was opened.
+struct OpenFile {
+  Descriptor file;     ///< with the lock, if it is for writing
+  Descriptor mapping;  ///< what to map, where that is not the same
+  size_t bytes = 0;
+};
+
+Descriptor openByName(std::string_view name, int how) {
+  // Without waiting: a FIFO of that name may never get a writer.
+  Descriptor fd(::shm_open(fileName(name).c_str(), how | O_NONBLOCK, 0644));
+  if (!fd && errno != ENOENT) {
+    throw OpenException(titleOf(name) + " cannot be opened" + reason(errno));
+  }
+  return fd;
+}
+
+/// The status of an open file; of a name that is gone, one without links.
+struct stat statusOf(const Descriptor& fd) {
+  struct stat status {};
+  if (!fd || ::fstat(fd.get(), &status) != 0) status.st_nlink = 0;
+  return status;
+}
+
+OpenFile openToRead(std::string_view name) {
+  for (;;) {
+    Descriptor file = openByName(name, O_RDONLY);
+    if (!file) throw OpenException(titleOf(name) + " does not exist");
+    const auto status = statusOf(file);
+    if (!S_ISREG(status.st_mode)) {
+      throw OpenException(titleOf(name) + " cannot be opened: not a regular file");
+    }
+    if (status.st_nlink == 0) continue;
+    return {std::move(file), Descriptor(), static_cast<size_t>(status.st_size)};
   }
 }
 
-void unguard(uintptr_t begin) {
-  for (Range& table : mappedTables) {
-    if (table.begin != begin) continue;
-    table.end = 0;
-    table.begin = 0;
+/// Opens and locks a file, and opens it a second time to be mapped: a mapping holds on to what it
+/// was made from, and a child that is forked has it, too. The lock is not to stay with the child.
+OpenFile openToWrite(const std::string& name) {
+  Tables::instance().addName(name);
+  for (;;) {
+    Descriptor file = openByName(name, O_RDWR | O_CREAT);
+    const auto status = statusOf(file);
+    if (!S_ISREG(status.st_mode)) {
+      throw OpenException(titleOf(name) + " cannot be opened: not a regular file");
+    }
+    auto lock = wholeFile(F_WRLCK);
+    if (::fcntl(file.get(), F_OFD_SETLK, &lock) != 0) {
+      throw OpenException(titleOf(name) + " has a living writer");
+    }
+    try {
+      Descriptor mapping = openByName(name, O_RDWR);
+      // The last writer may have removed the name before it let the lock go.
+      const auto named = statusOf(mapping);
+      if (named.st_nlink == 0 || named.st_ino != status.st_ino || named.st_dev != status.st_dev) {
+        continue;
+      }
+      return {std::move(file), std::move(mapping), static_cast<size_t>(named.st_size)};
+    } catch (const OpenException&) {
+      if (status.st_size == 0) ::shm_unlink(fileName(name).c_str());
+      throw;
+    }
   }
+}
+
+bool belongsTo(std::string_view table, std::string_view owner) {
+  return table.starts_with(owner) && (table.size() == owner.size() || table[owner.size()] == '.');
+}
+
+std::vector<std::string> Tables::takeNamesOf(std::string_view owner) {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> taken;
+  std::erase_if(names_, [&](const std::string& name) {
+    if (!belongsTo(name, owner)) return false;
+    taken.push_back(name);
+    return true;
+  });
+  return taken;
 }
 
 }  // namespace
@@ -101,61 +265,69 @@ std::string titleOf(std::string_view table) {
 }
 
 TableMemory::TableMemory(const TableConfig& config, size_t maxBytes)
-    : name_(config.name), reserved_(roundUp(maxBytes, kPage)) {
+    : name_(config.name),
+      reserved_(roundUp(maxBytes, kPage)),
+      // The whole of a shared table is mapped at once: pages behind the end of the file become
+      // usable when it grows. Private memory is made accessible piece by piece, to be accounted for
+      // as used.
+      protection_(config.access == Access::Embedded ? PROT_NONE
+                  : config.access == Access::Read   ? PROT_READ
+                                                    : PROT_READ | PROT_WRITE),
+      isWritable_(config.access != Access::Read) {
   const bool embedded = config.access == Access::Embedded;
-  if (!embedded) openNamed(config);
-  // The whole of a shared table is mapped at once: pages behind the end of the file become usable
-  // when it grows. Private memory is made accessible piece by piece, to be accounted for as used.
-  const int protection = embedded                        ? PROT_NONE
-                         : config.access == Access::Read ? PROT_READ
-                                                         : PROT_READ | PROT_WRITE;
+  OpenFile opened;
+  if (!embedded) {
+    constexpr std::string_view kRefused("/\0", 2);
+    if (name_.empty() || name_.find_first_of(kRefused) != std::string::npos) {
+      throw OpenException(titleOf(name_) + " cannot be opened: not a name");
+    }
+    opened = config.access == Access::Read ? openToRead(name_) : openToWrite(name_);
+  }
+  const Descriptor& source = opened.mapping ? opened.mapping : opened.file;
   const int kind = embedded ? MAP_PRIVATE | MAP_ANONYMOUS : MAP_SHARED;
-  void* at = ::mmap(nullptr, reserved_, protection, kind | MAP_NORESERVE, fd_, 0);
+  void* at = ::mmap(nullptr, reserved_, protection_, kind | MAP_NORESERVE, source.get(), 0);
   if (at == MAP_FAILED) {
     const int error = errno;
-    if (fd_ >= 0) ::close(fd_);
+    if (isWritable_ && !embedded && opened.bytes == 0) ::shm_unlink(fileName(name_).c_str());
     throw OpenException(titleOf(name_) + " cannot be mapped" + reason(error));
   }
   base_ = static_cast<std::byte*>(at);
-  if (!embedded) guard(reinterpret_cast<uintptr_t>(base_), reserved_);
+  if (!embedded) {
+    try {
+      Tables::instance().guard(*this, base_, reserved_);
+    } catch (...) {
+      ::munmap(base_, reserved_);
+      throw;
+    }
+  }
+  bytes_ = opened.bytes;
+  fd_ = opened.file.release();
 }
 
 TableMemory::~TableMemory() {
-  unguard(reinterpret_cast<uintptr_t>(base_));
+  if (protection_ != PROT_NONE) Tables::instance().unguard(*this);
   ::munmap(base_, reserved_);
   if (fd_ >= 0) ::close(fd_);
 }
 
-void TableMemory::openNamed(const TableConfig& config) {
-  if (name_.empty() || name_.find('/') != std::string::npos) {
-    throw OpenException(titleOf(name_) + " cannot be opened: not a name");
-  }
-  const bool write = config.access == Access::Write;
-  for (;;) {
-    // Without waiting: a FIFO of that name may never get a writer.
-    const int how = O_NONBLOCK | (write ? O_RDWR | O_CREAT : O_RDONLY);
-    fd_ = ::shm_open(fileName(name_).c_str(), how, 0644);
-    if (fd_ < 0) {
-      throw OpenException(titleOf(name_) + (errno == ENOENT ? " does not exist"
-                                                            : " cannot be opened" + reason(errno)));
-    }
-    struct stat status {};
-    if (::fstat(fd_, &status) == 0 && !S_ISREG(status.st_mode)) {
-      ::close(fd_);
-      throw OpenException(titleOf(name_) + " cannot be opened: not a regular file");
-    }
-    auto lock = wholeFile(F_WRLCK);
-    if (write && ::fcntl(fd_, F_OFD_SETLK, &lock) != 0) {
-      ::close(fd_);
-      throw OpenException(titleOf(name_) + " has a living writer");
-    }
-    // The last writer may have removed the name before it let the lock go.
-    if (::fstat(fd_, &status) == 0 && status.st_nlink != 0) {
-      bytes_ = static_cast<size_t>(status.st_size);
-      return;
-    }
-    ::close(fd_);
-  }
+void TableMemory::leaveToParent() {
+  if (isWritable_ && fd_ >= 0) ::close(std::exchange(fd_, -1));
+  isWritable_ = false;
+}
+
+bool TableMemory::remap() {
+  struct stat status {};
+  if (!isCut_ || fd_ < 0 || ::fstat(fd_, &status) != 0 || status.st_size == 0) return false;
+  isCut_ = false;
+  // A writer's mapping is not made from the descriptor with the lock, as long as the name is there.
+  const Descriptor named(isWritable_ ? ::shm_open(fileName(name_).c_str(), O_RDWR, 0) : -1);
+  const auto found = statusOf(named);
+  const bool isOurs = found.st_nlink != 0 && found.st_ino == status.st_ino;
+  const int kind = MAP_SHARED | MAP_FIXED | MAP_NORESERVE;
+  const int source = isOurs ? named.get() : fd_;
+  if (::mmap(base_, reserved_, protection_, kind, source, 0) != MAP_FAILED) return true;
+  isCut_ = true;
+  return false;
 }
 
 void TableMemory::provide(size_t at, size_t bytes) {
@@ -198,7 +370,9 @@ bool TableMemory::hasOtherWriter() const {
 }
 
 void TableMemory::remove() {
-  if (fd_ >= 0) ::shm_unlink(fileName(name_).c_str());
+  if (fd_ < 0) return;
+  ::shm_unlink(fileName(name_).c_str());
+  Tables::instance().forgetName(name_);
 }
 
 std::vector<std::string> tablesOf(std::string_view owner) {
@@ -209,9 +383,7 @@ std::vector<std::string> tablesOf(std::string_view owner) {
     std::string name = file->path().filename();
     if (!name.starts_with(kFilePrefix)) continue;
     name.erase(0, kFilePrefix.size());
-    if (name.starts_with(owner) && (name.size() == owner.size() || name[owner.size()] == '.')) {
-      names.push_back(std::move(name));
-    }
+    if (belongsTo(name, owner)) names.push_back(std::move(name));
   }
   if (error) {
     throw OpenException(std::string(kSharedMemoryFolder) +
@@ -222,13 +394,17 @@ std::vector<std::string> tablesOf(std::string_view owner) {
 }
 
 size_t removeTablesOf(std::string_view owner) {
+  auto names = Tables::instance().takeNamesOf(owner);
   try {
-    const auto names = tablesOf(owner);
-    for (const auto& name : names) ::shm_unlink(fileName(name).c_str());
-    return names.size();
+    const auto found = tablesOf(owner);
+    names.insert(names.end(), found.begin(), found.end());
   } catch (const OpenException&) {
-    return 0;  // nothing can be there
+    // Without the folder, or a descriptor to read it with, nobody else's tables are found.
   }
+  const auto isRemoved = [](const std::string& name) {
+    return ::shm_unlink(fileName(name).c_str()) == 0;
+  };
+  return static_cast<size_t>(std::count_if(names.begin(), names.end(), isRemoved));
 }
 
 }  // namespace Tovan

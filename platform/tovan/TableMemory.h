@@ -1,6 +1,7 @@
 // The memory a table lives in: private or named, growing in place.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -26,6 +27,9 @@ struct TableConfig {
 };
 
 /// One table's memory. Its addresses never change: all it may ever need is reserved at the start.
+///
+/// A child that is forked keeps the memory of the parent's tables to read as far as they have grown
+/// by then. It does not write them, and does not keep others from doing so.
 class TableMemory {
  public:
   /// Who asks for so much at once will ask for more.
@@ -41,6 +45,8 @@ class TableMemory {
   std::byte* base() const { return base_; }
   /// Where the memory ends, as of the last provide() or refresh().
   size_t bytes() const { return bytes_; }
+  /// False for a reader, and in a forked child.
+  bool isWritable() const { return isWritable_; }
 
   /// Makes the bytes from `at` on usable, new ones zero.
   /// \throws NoSpaceException, changing nothing.
@@ -54,14 +60,25 @@ class TableMemory {
   /// Takes the name away: processes that are attached keep the memory, nobody finds it any more.
   void remove();
 
- private:
-  void openNamed(const TableConfig& config);
+  /// Whether the file was found to be shorter than it was. Zeroes stand in place of what is missing
+  /// then, which no other process sees.
+  bool isCut() const { return isCut_.load(std::memory_order_relaxed); }
+  /// Notes that it was. Called by signal handlers, too.
+  void noteCut() { isCut_ = true; }
+  /// Maps a file that was cut short as it is now. Returns false when there is none, or it is empty.
+  bool remap();
+  /// Lets go of what a forked child must not share with its parent.
+  void leaveToParent();
 
+ private:
   std::string name_;
   int fd_ = -1;
   std::byte* base_ = nullptr;
-  size_t reserved_ = 0;
+  const size_t reserved_;
   size_t bytes_ = 0;
+  const int protection_;
+  bool isWritable_;
+  std::atomic<bool> isCut_ = false;
 };
 
 /// What a table is called in messages.
@@ -71,7 +88,8 @@ std::string titleOf(std::string_view table);
 /// \throws OpenException when there is no folder of shared tables.
 std::vector<std::string> tablesOf(std::string_view owner);
 /// Removes the tables that belong to `owner`, readable or not, and tells how many there were: none
-/// where there is no folder of them.
+/// where there is no folder of them. Those that this process opened for writing are removed even if
+/// it has no file descriptor left.
 size_t removeTablesOf(std::string_view owner);
 
 }  // namespace Tovan

@@ -6,8 +6,8 @@
 #include <bit>
 #include <cstring>
 #include <iterator>
+#include <new>
 #include <optional>
-#include <stack>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -55,7 +55,7 @@ class TovanMap : public Table {
   explicit TovanMap(const TableConfig& config);
 
   /// The value of `key`, or nothing.
-  /// \throws CorruptionDetectedException.
+  /// \throws CorruptionDetectedException; on a reader BusyException.
   std::optional<Value> get(const Key& key) const;
 
   /// Begins to fetch what get() is going to read; worth it for the writer only.
@@ -85,11 +85,11 @@ class TovanMap : public Table {
   /// Walks the entries in no particular order. The loop's body may write to the table: each key
   /// that was there at the start and still is when its turn comes is visited, and none twice.
   ///
-  /// Advancing throws CorruptionDetectedException, which ends the walk.
+  /// Advancing throws what get() throws, which ends the walk.
   Iterator begin() const { return Iterator(*this); }
   std::default_sentinel_t end() const { return {}; }
   /// Calls `visit` with each entry that is sound, in no order, and `damaged` with a message for
-  /// each slot that is not. \throws CorruptionDetectedException when more than a slot is damaged.
+  /// each slot that is not. \throws as get() when more than a slot cannot be read.
   template <class Visit, class Damaged>
   void forEachSound(Visit visit, Damaged damaged) const;
   /// The keys there are.
@@ -101,6 +101,16 @@ class TovanMap : public Table {
   size_t validate() {
     requireWritable("validate to read-only Tovan table");
     return repair();
+  }
+  /// Looks whether the header is as this writer left it and the file as long, and repairs what is
+  /// not. Each change does so, too: this is for times without any. Where memory was refused, it
+  /// asks for more again.
+  /// \throws NoSpaceException, ReadOnlyException.
+  void tend() {
+    requireWritable("validate to read-only Tovan table");
+    noteIfCut();
+    keep();
+    if (isShort()) reservePages(freePages_.size() + 1);
   }
   /// What was given up as damaged since this was last called, if anything.
   std::optional<Dropped<Key>> takeDropped() {
@@ -275,17 +285,29 @@ class TovanMap : public Table {
                                                  std::optional<Value>& value) const;
   std::optional<Value> readCarefully(uint64_t hash, const Words& key) const;
   static Slot* search(Page& page, uint64_t hash, const Words& key);
+  const char* cutFault() const { return memory().isCut() ? "is cut off" : nullptr; }
   const char* headFault(PageRef ref, uint64_t hash) const;
   const char* missFault(PageRef ref, uint64_t hash) const;
   void verifyAbsence(PageRef ref, uint64_t hash, const Words& key) const;
   template <class Look>
   void inPage(uint64_t hash, const Look& look) const;
+  template <class Look>
+  void inMappedPage(uint64_t hash, const Look& look) const;
   bool readPage(uint32_t& pattern, std::vector<Words>& items,
                 std::vector<std::string>* damages = nullptr) const;
   PageRef refOf(uint64_t hash) const;
   Slot* find(uint64_t hash, const Words& key) const;
   bool refresh(Words& words) const;
 
+  void keep() {
+    if (!isAsLeft()) [[unlikely]]
+      mend();
+  }
+  void mend();
+  void sizeIs(uint64_t size) {
+    size_ = size;
+    headerIs(kSize, guarded(static_cast<uint32_t>(size)));
+  }
   template <class Step>
   auto repairing(Step step);
   static void write(Slot& slot, uint32_t state, const Words& words, uint32_t checksum);
@@ -301,6 +323,7 @@ class TovanMap : public Table {
   uint32_t makePage(uint32_t pattern, uint32_t depth);
   void publish(uint32_t number);
   void freePage(uint32_t number);
+  void fillHole(uint32_t pattern);
   static void freeSlots(Page& of);
   void removeAll();
 
@@ -317,7 +340,7 @@ class TovanMap : public Table {
   uint32_t serial_ = 0;
   uint64_t size_ = 0;
   uint64_t changes_ = 1;
-  std::stack<uint32_t> freePages_;
+  std::vector<uint32_t> freePages_;  // with room for all there are
   std::optional<Dropped<Key>> dropped_;
   /// The last key that was found to be absent, and as of which change.
   mutable struct {
@@ -371,20 +394,25 @@ template <class Key, class Value>
 TovanMap<Key, Value>::TovanMap(const TableConfig& config)
     : Table(config, kShape), seed_(header().identity.seed) {
   if (isReadOnly()) return;
-  repair();
+  try {
+    repair();
+  } catch (...) {
+    if (isNew()) memory().remove();
+    throw;
+  }
   dropped_.reset();  // nobody has known of it
 }
 
 template <class Key, class Value>
 size_t TovanMap<Key, Value>::size() const {
   if (!isReadOnly()) return size_;
-  const uint64_t said = header().size.load(std::memory_order_relaxed);
-  const uint64_t lastPage = said / kSlots;
-  if (lastPage < kNone && isBacked(static_cast<uint32_t>(lastPage))) return said;
+  const uint64_t word = header().size.load(std::memory_order_relaxed);
+  const auto said = static_cast<uint32_t>(word);
+  if (isSound(word) && isBacked(said / kSlots)) return said;
   size_t counted = 0;
   try {
     forEachSound([&counted](const Item&) { ++counted; }, [](const std::string&) {});
-  } catch (const CorruptionDetectedException&) {
+  } catch (const Pindo::Exception&) {
     // What can be read is counted.
   }
   return counted;
@@ -462,7 +490,8 @@ bool TovanMap<Key, Value>::read(const Slot& from, Words& words) const {
       }
     }
     if (!patience.again()) {
-      raise("slot at byte", offsetOf(from), "is left in the middle of an update");
+      raiseUnfinished(patience, "slot at byte", offsetOf(from),
+                      "is left in the middle of an update");
     }
   }
 }
@@ -515,6 +544,18 @@ const char* TovanMap<Key, Value>::missFault(PageRef ref, uint64_t hash) const {
 template <class Key, class Value>
 template <class Look>
 void TovanMap<Key, Value>::inPage(uint64_t hash, const Look& look) const {
+  try {
+    inMappedPage(hash, look);
+  } catch (const CorruptionDetectedException&) {
+    if (!isMappedAnew()) throw;
+    inMappedPage(hash, look);
+  }
+}
+
+/// The same in the file as it is mapped by now.
+template <class Key, class Value>
+template <class Look>
+void TovanMap<Key, Value>::inMappedPage(uint64_t hash, const Look& look) const {
   for (Patience patience(memory());;) {
     const uint64_t state = header().directory.load(std::memory_order_acquire);
     const uint32_t bits = static_cast<uint8_t>(state);
@@ -531,10 +572,13 @@ void TovanMap<Key, Value>::inPage(uint64_t hash, const Look& look) const {
     const bool underRepair = (state >> 8) % 2 != 0;
     if (!underRepair && entry.load(std::memory_order_relaxed) == ref.bits() &&
         header().directory.load(std::memory_order_relaxed) == state) {
+      if (fault == nullptr) fault = cutFault();
       if (fault == nullptr) return;
       raise("page", ref.number(), fault);
     }
-    if (!patience.again()) raise("page", ref.number(), "is left in the middle of a change");
+    if (!patience.again()) {
+      raiseUnfinished(patience, "page", ref.number(), "is left in the middle of a change");
+    }
   }
 }
 
@@ -550,6 +594,7 @@ typename TovanMap<Key, Value>::PageRef TovanMap<Key, Value>::refOf(uint64_t hash
 template <class Key, class Value>
 void TovanMap<Key, Value>::verifyAbsence(PageRef ref, uint64_t hash, const Words& key) const {
   const char* fault = missFault(ref, hash);
+  if (fault == nullptr) fault = cutFault();
   if (fault != nullptr) raise("page", ref.number(), fault);
   missed_ = {.key = key, .changes = changes_};
 }
@@ -673,6 +718,9 @@ bool TovanMap<Key, Value>::readPage(uint32_t& pattern, std::vector<Words>& items
       } catch (const CorruptionDetectedException& damage) {
         if (damages == nullptr) throw;
         damages->emplace_back(damage.what());
+      } catch (const BusyException& busy) {
+        if (damages == nullptr) throw;
+        damages->emplace_back(busy.what());
       }
     }
     depth = std::max(depth, bits);
@@ -716,6 +764,18 @@ std::vector<Key> TovanMap<Key, Value>::keys() const {
 // Writing. Every step leaves what repair() can put right; an entry is in the table from the moment
 // its slot says so.
 
+/// Puts right what somebody else changed in the header or took from the file, and ends a repair
+/// that was not completed.
+template <class Key, class Value>
+void TovanMap<Key, Value>::mend() {
+  const bool isWhole = !memory().isCut() && (left(kDirectory) >> 8) % 2 == 0;
+  if (isWhole) {
+    restore();
+  } else {
+    repair();
+  }
+}
+
 /// Runs `step`, and again after a repair if it finds damage: how a writer goes on after damage.
 template <class Key, class Value>
 template <class Step>
@@ -732,6 +792,7 @@ auto TovanMap<Key, Value>::repairing(Step step) {
 template <class Key, class Value>
 bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
   requireWritable("write to read-only Tovan table");
+  keep();
   const Words words = pack(key, value);
   const uint64_t hash = hashOf(words);
   // As a rule, a new key was looked for in vain just before.
@@ -749,6 +810,7 @@ bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
 template <class Key, class Value>
 void TovanMap<Key, Value>::add(const Key& key, const Value& value) {
   requireWritable("write to read-only Tovan table");
+  keep();
   const Words words = pack(key, value);
   insertNew(hashOf(words), words);
 }
@@ -763,13 +825,14 @@ void TovanMap<Key, Value>::insertNew(uint64_t hash, const Words& words) {
     if (fault != nullptr) raise("page", ref.number(), fault);
     insert(hash, words);
   });
-  header().size.store(++size_, std::memory_order_relaxed);
+  sizeIs(size_ + 1);
   ++changes_;
 }
 
 template <class Key, class Value>
 std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
   requireWritable("remove to read-only Tovan table");
+  keep();
   Words words = pack(key);
   const uint64_t hash = hashOf(words);
   Slot* slot = repairing([&] {
@@ -779,7 +842,7 @@ std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
   });
   if (slot == nullptr) return std::nullopt;
   slot->retire();
-  header().size.store(--size_, std::memory_order_relaxed);
+  sizeIs(size_ - 1);
   ++changes_;
   return valueOf(words);
 }
@@ -817,6 +880,7 @@ void TovanMap<Key, Value>::insert(uint64_t hash, const Words& words) {
   uint32_t number = refOf(hash).number();
   while (!place(page(number), kMaxUsed, hash, words, checksum)) {
     makeRoom(number);
+    if (const char* fault = cutFault()) raise("page", number, fault);
     number = refOf(hash).number();
   }
 }
@@ -900,14 +964,13 @@ void TovanMap<Key, Value>::deepen() {
         .store(directory(i, depth_).load(std::memory_order_relaxed), std::memory_order_relaxed);
   }
   ++depth_;
-  auto& state = header().directory;
-  state.store(state.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  headerIs(kDirectory, left(kDirectory) + 1);
 }
 
 template <class Key, class Value>
 void TovanMap<Key, Value>::provideDirectory(uint32_t depth) {
   if (depth > kMaxDepth) throw NoSpaceException(titleOf(name()) + " has reached its largest size");
-  memory().provide(kTopBytes, sizeof(uint64_t) << depth);
+  provide(kTopBytes, sizeof(uint64_t) << depth);
 }
 
 /// Sees to it that `count` unused pages are there.
@@ -916,15 +979,16 @@ void TovanMap<Key, Value>::reservePages(size_t count) {
   while (freePages_.size() < count) {
     uint32_t number = pages();
     addPages();
-    for (; number < pages(); ++number) freePages_.push(number);
+    freePages_.reserve(pages());
+    for (; number < pages(); ++number) freePages_.push_back(number);
   }
 }
 
 /// Takes an unused page; nothing leads to it yet.
 template <class Key, class Value>
 uint32_t TovanMap<Key, Value>::makePage(uint32_t pattern, uint32_t depth) {
-  const uint32_t number = freePages_.top();
-  freePages_.pop();
+  const uint32_t number = freePages_.back();
+  freePages_.pop_back();
   Page& made = page(number);
   made.serial.store(++serial_, std::memory_order_relaxed);
   made.pattern.store(pattern, std::memory_order_relaxed);
@@ -951,7 +1015,22 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::freePage(uint32_t number) {
   page(number).seal.store(0, std::memory_order_release);
   freeSlots(page(number));
-  freePages_.push(number);
+  freePages_.push_back(number);
+}
+
+/// Makes a page for the entries of the directory around `pattern` that lead nowhere.
+template <class Key, class Value>
+void TovanMap<Key, Value>::fillHole(uint32_t pattern) {
+  const auto isEmpty = [&](uint32_t depth) {
+    for (uint32_t i = low(pattern, depth); i < uint32_t{1} << depth_; i += uint32_t{1} << depth) {
+      if (directory(i, depth_).load(std::memory_order_relaxed) != 0) return false;
+    }
+    return true;
+  };
+  uint32_t depth = depth_;
+  while (depth > 0 && isEmpty(depth - 1)) --depth;
+  reservePages(1);
+  publish(makePage(low(pattern, depth), depth));
 }
 
 template <class Key, class Value>
@@ -969,8 +1048,7 @@ void TovanMap<Key, Value>::freeSlots(Page& of) {
 template <class Key, class Value>
 void TovanMap<Key, Value>::removeAll() {
   for (uint32_t number = 0; number < pages(); ++number) freeSlots(page(number));
-  size_ = 0;
-  header().size.store(0, std::memory_order_relaxed);
+  sizeIs(0);
   ++changes_;
 }
 
@@ -1011,7 +1089,12 @@ void TovanMap<Key, Value>::giveUp(const Page& in, const Slot& slot) {
   if (!dropped_) dropped_.emplace();
   Words words;
   load(slot, words);
-  if (leadsTo(in, slot, hashOf(words))) dropped_->keys.push_back(keyOf(words));
+  if (!leadsTo(in, slot, hashOf(words))) return;
+  try {
+    dropped_->keys.push_back(keyOf(words));
+  } catch (const std::bad_alloc&) {
+    // Those who are told know that the keys are not all there are.
+  }
 }
 
 /// Whether a search for `hash` comes by this slot of a page: else the key that stands there is not
@@ -1042,28 +1125,30 @@ bool TovanMap<Key, Value>::isInOrder(Page& what) const {
 /// Derives the counts from what stands in the pages.
 template <class Key, class Value>
 void TovanMap<Key, Value>::recount() {
-  size_ = 0;
+  uint64_t size = 0;
   for (uint32_t number = 0; number < pages(); ++number) {
     uint32_t used = 0;
     for (const Slot& slot : page(number).slots) {
-      size_ += slot.isLive();
+      size += slot.isLive();
       used += slot.state() != 0;
     }
     page(number).used.store(used, std::memory_order_relaxed);
   }
-  header().size.store(size_, std::memory_order_relaxed);
+  sizeIs(size);
 }
 
 /// Settles every slot, then derives the directory and all counts from what stands in the pages.
 template <class Key, class Value>
 size_t TovanMap<Key, Value>::repair() {
   const size_t before = corruptions();
-  auto& state = header().directory;
-  const uint64_t repairs = state.load(std::memory_order_relaxed) >> 8 | 1;
-  state.store(repairs << 8 | static_cast<uint8_t>(state.load(std::memory_order_relaxed)),
-              std::memory_order_seq_cst);
+  const uint64_t sizeBefore = size_;
+  restore();
+  const uint64_t repairs = left(kDirectory) >> 8 | 1;
+  headerIs(kDirectory, repairs << 8 | static_cast<uint8_t>(left(kDirectory)));
+  std::atomic_thread_fence(std::memory_order_seq_cst);
   ++changes_;
-  freePages_ = {};
+  freePages_.clear();
+  freePages_.reserve(pages());
   depth_ = 0;
   std::vector<uint32_t> kept;
   std::vector<uint32_t> damaged;
@@ -1092,9 +1177,7 @@ size_t TovanMap<Key, Value>::repair() {
   for (uint32_t i = 0; i < size; ++i) directory(i, depth_).store(0, std::memory_order_relaxed);
   for (const uint32_t number : kept) publish(number);
   for (uint32_t i = 0; i < size; ++i) {
-    if (directory(i, depth_).load(std::memory_order_relaxed) != 0) continue;
-    reservePages(1);
-    publish(makePage(i, depth_));
+    if (directory(i, depth_).load(std::memory_order_relaxed) == 0) fillHole(i);
   }
   for (const uint32_t number : kept) {
     // How many entries of the directory lead to the page, of how many that should.
@@ -1122,7 +1205,8 @@ size_t TovanMap<Key, Value>::repair() {
     freePage(number);
   }
   recount();
-  state.store((repairs + 1) << 8 | depth_, std::memory_order_release);
+  headerIs(kDirectory, (repairs + 1) << 8 | depth_);
+  if (size_ < sizeBefore && !dropped_) dropped_.emplace();
   return corruptions() - before;
 }
 

@@ -1,9 +1,11 @@
 // The tables of routes and FECs in shared memory: what is announced, refused and put right.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <set>
 
 #include "platform/rovel/AdjacencyHelper.h"
@@ -129,6 +131,56 @@ TYPED_TEST(FibTablesTest, AFecThatIsGivenUpAsDamagedIsAnnounced) {
   EXPECT_EQ(watcher->told, (std::set<uint64_t>{2, 3}));
   EXPECT_EQ(watcher->toldOfAll, 1u);
   EXPECT_EQ(table->fecKeys().size(), 7u);
+}
+
+// What was stored of it before the memory ran out is not left behind.
+TYPED_TEST(FibTablesTest, AFecThatIsRefusedLeavesNothing) {
+  using T = FibTablesTest<TypeParam>;
+  using WideFec = typename T::Fec;
+  struct ViaKey {
+    uint64_t fec;
+    uint32_t change;
+    uint32_t index;
+  };
+  struct RawVia {
+    typename TypeParam::Addr hop;
+    uint32_t intf;
+  };
+  const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
+  const std::string kind = std::string("via") + TypeParam::kNumber;
+  const Tovan::TovanMap<ViaKey, RawVia> vias(
+      {.access = Access::Read, .name = this->name + "." + kind, .layout = kind + "/1"});
+  const auto fecOf = [](uint64_t id) {
+    WideFec fec(id);
+    for (int i = 0; i < 10; ++i) {
+      fec.newVia({.hop = TypeParam::addr(static_cast<uint32_t>(i)), .intf = {}});
+    }
+    return fec;
+  };
+  table->fecIs(fecOf(1));
+  rlimit limit{};
+  ::getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit former = limit;
+  const auto formerAction = std::signal(SIGXFSZ, SIG_IGN);
+  limit.rlim_cur = 5000000;
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+  uint64_t id = 2;
+  const auto fill = [&] {
+    for (;; ++id) table->fecIs(fecOf(id));
+  };
+  EXPECT_THROW(fill(), Tovan::NoSpaceException);
+  EXPECT_EQ(table->fecKeys().size(), id - 1);
+  EXPECT_EQ(vias.size(), (id - 1) * 9);
+  // An update that is refused leaves what there was.
+  WideFec wider = fecOf(id - 1);
+  for (uint32_t i = 0; i < 100; ++i) wider.newVia({.hop = TypeParam::addr(1000 + i), .intf = {}});
+  EXPECT_THROW(table->fecIs(wider), Tovan::NoSpaceException);
+  EXPECT_EQ(table->fec(id - 1), fecOf(id - 1));
+  EXPECT_EQ(vias.size(), (id - 1) * 9);
+  ::setrlimit(RLIMIT_FSIZE, &former);
+  std::signal(SIGXFSZ, formerAction);
+  table->fecIs(fecOf(id));
+  EXPECT_EQ(vias.size(), id * 9);
 }
 
 // A number stands for one interface as long as anything refers to it.

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -155,6 +156,55 @@ TEST_F(SharingTest, FullMemoryLosesNothing) {
     return table.set(0, Repeated(0)) ? 0 : 3;
   });
   EXPECT_EQ(statusOf(child), 0);
+}
+
+// Neither is there a file then that a reader takes for a table.
+TEST_F(SharingTest, NothingIsLeftOfATableThatCouldNotBeMade) {
+  for (const rlim_t bytes : {rlim_t{0}, rlim_t{4096}, rlim_t{5000}, rlim_t{4198400 + 4096}}) {
+    const pid_t child = inChild([&] {
+      ::signal(SIGXFSZ, SIG_IGN);
+      const rlimit limit = {.rlim_cur = bytes, .rlim_max = bytes};
+      ::setrlimit(RLIMIT_FSIZE, &limit);
+      try {
+        writer();
+        return 1;
+      } catch (const NoSpaceException&) {
+      }
+      return tablesOf(name).empty() ? 0 : 2;
+    });
+    EXPECT_EQ(statusOf(child), 0) << bytes;
+  }
+}
+
+// A process that is forked and lives longer, such as a hook, neither writes nor keeps others out.
+TEST_F(SharingTest, AForkedChildLeavesTheTableToItsParent) {
+  auto table = std::make_unique<Map>(config(Access::Write));
+  table->set(1, Repeated(1));
+  int ends[2];
+  int begun[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ASSERT_EQ(::pipe(begun), 0);
+  char byte = 0;
+  const pid_t child = inChild([&] {
+    ::close(ends[1]);
+    if (::write(begun[1], &byte, 1) != 1) return 4;
+    if (::read(ends[0], &byte, 1) != 0) return 1;  // until the parent has let go of the table
+    try {
+      table->set(2, Repeated(2));
+      return 2;
+    } catch (const ReadOnlyException&) {
+    }
+    return table->get(1)->word() == 1 ? 0 : 3;
+  });
+  ::close(ends[0]);
+  ASSERT_EQ(::read(begun[0], &byte, 1), 1);
+  for (const int end : begun) ::close(end);
+  table->set(3, Repeated(3));
+  table.reset();
+  EXPECT_NO_THROW(writer().set(4, Repeated(4)));
+  ::close(ends[1]);
+  EXPECT_EQ(statusOf(child), 0);
+  EXPECT_EQ(reader().size(), 3u);
 }
 
 }  // namespace

@@ -1,8 +1,13 @@
 // The map by itself: contents, growth, damage, refusals.
+#include <sys/resource.h>
+
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
 
+#include "platform/kiv/Trace.h"
+#include "platform/tovan/Reports.h"
 #include "tests/tovan/Damage.h"
 #include "tests/tovan/SharedTable.h"
 
@@ -91,6 +96,8 @@ TEST(TovanMapTest, WalkSurvivesWritesOfItsBody) {
 
 class TovanMapDamageTest : public SharedTable {
  protected:
+  /// A key that looks like nothing else in the memory.
+  static constexpr uint64_t kOdd = 0x0ddd'0000'0000'0000;
   /// Overwrites `count` bytes of the table from outside, at the same places for each seed.
   void damage(uint32_t seed, int count, size_t from) {
     const int fd = file();
@@ -253,6 +260,47 @@ TEST_F(TovanMapDamageTest, WriterGoesOnAfterDamage) {
   EXPECT_TRUE(table.get(110));
 }
 
+// The count and the trace name the table and the place.
+TEST_F(TovanMapDamageTest, EveryReportIsCountedAndTraced) {
+  writer().set(kOdd, Repeated(1));
+  ASSERT_EQ(Tovan::damage<uint64_t>(name, kOdd, kValue<uint64_t>), 1u);
+  const uint64_t before = corruptionCount();
+  std::vector<std::string> traced;
+  Kiv::Tracer::sinkIs([&](const Kiv::TraceRecord& record) {
+    traced.push_back(std::string(record.objectName) + ": " + std::string(record.message));
+    EXPECT_EQ(record.level, 0u);
+  });
+  Kiv::TraceFacility::find("Tovan")->levelIs(0, true);
+  // Also what is found while the table is taken over, before anybody can ask it.
+  const Map table(config(Access::Write));
+  Kiv::TraceFacility::find("Tovan")->levelIs(0, false);
+  Kiv::Tracer::sinkIs({});
+  EXPECT_EQ(corruptionCount(), before + 1);
+  ASSERT_EQ(traced.size(), 1u);
+  EXPECT_TRUE(traced[0].starts_with(name + ": Tovan table \"" + name + "\": slot at byte "))
+      << traced[0];
+  const auto reports = tableReports();
+  const auto ours = std::ranges::find(reports, name, &TableReport::table);
+  ASSERT_NE(ours, reports.end());
+  EXPECT_GE(ours->corruptions, table.corruptions());
+  EXPECT_EQ(ours->lastCorruption, table.lastCorruption());
+}
+
+// The state of a slot says that it is being written: somebody may be about to end that, or nobody.
+TEST_F(TovanMapDamageTest, WhatALivingWriterDoesNotEndIsNoDamage) {
+  auto table = std::make_unique<Map>(config(Access::Write));
+  table->set(kOdd, Repeated(5));
+  const Map other = reader();
+  ASSERT_EQ(Tovan::damage<uint64_t>(name, kOdd, kState, 1), 1u);
+  EXPECT_THROW(other.get(kOdd), BusyException);
+  table->tend();
+  table->set(kOdd, Repeated(6));
+  EXPECT_EQ(other.get(kOdd)->word(), 6u);
+  ASSERT_EQ(Tovan::damage<uint64_t>(name, kOdd, kState, 1), 1u);
+  table.reset();
+  EXPECT_THROW(other.get(kOdd), CorruptionDetectedException);
+}
+
 class OpenTovanMapTest : public TovanMapDamageTest {
  protected:
   /// The text with which opening is refused; empty when it is not.
@@ -282,6 +330,9 @@ TEST_F(OpenTovanMapTest, RefusesWhatItCannotTrust) {
   EXPECT_EQ(refusal(config(Access::Read)), title + "does not exist");
   EXPECT_EQ(refusal({.access = Access::Write, .name = "a/b"}),
             "Tovan table \"a/b\" cannot be opened: not a name");
+  const std::string withNul = name + std::string("\0x", 2);
+  EXPECT_FALSE(refusal({.access = Access::Write, .name = withNul}).empty());
+  EXPECT_TRUE(tablesOf(name).empty());
   {
     Map table = writer();
     for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
@@ -290,8 +341,8 @@ TEST_F(OpenTovanMapTest, RefusesWhatItCannotTrust) {
     overwrite(offsetof(TableHeader, version), 1);
     EXPECT_THROW(table.validateFiles(), CorruptionDetectedException);
   }
-  expectRefusal("has version 1, known is 3");
-  overwrite(offsetof(TableHeader, version), 3);
+  expectRefusal("has version 1, known is 4");
+  overwrite(offsetof(TableHeader, version), 4);
   EXPECT_EQ((refusal<TovanMap<uint64_t, uint64_t>>(config(Access::Read))),
             title + "has another layout");
   auto other = config(Access::Write);
@@ -345,6 +396,61 @@ TEST_F(OpenTovanMapTest, TableCutShortInUseIsDamageNotACrash) {
   for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
   EXPECT_GT(table.corruptions(), 0u);
   EXPECT_EQ(table.size(), 5000u);
+  // The file is whole again, for those who had it open and for others.
+  for (uint64_t i = 0; i < 5000; ++i) ASSERT_TRUE(other.get(i) && other.get(i)->word() == i) << i;
+  EXPECT_EQ(reader().keys().size(), 5000u);
+}
+
+// As long as there is no change, nothing is mended, and nothing that is missing is called absent.
+TEST_F(OpenTovanMapTest, AFileThatWasEmptiedIsMendedByTheNextChange) {
+  Map table = writer();
+  for (uint64_t i = 0; i < 100; ++i) table.set(i, Repeated(i));
+  Map other = reader();
+  const auto cut = [&] {
+    const int fd = file();
+    ASSERT_EQ(::ftruncate(fd, 0), 0);
+    ::close(fd);
+    EXPECT_THROW(other.get(1), CorruptionDetectedException);
+    EXPECT_THROW(other.keys(), CorruptionDetectedException);
+  };
+  cut();
+  table.set(500, Repeated(500));
+  EXPECT_TRUE(table.takeDropped()) << "what was lost has to be announced";
+  EXPECT_EQ(table.size(), 1u);
+  EXPECT_TRUE(other.get(500)) << "the reader maps the file that is whole again";
+  EXPECT_FALSE(other.get(1));
+  cut();
+  table.tend();
+  EXPECT_EQ(table.size(), 0u);
+  EXPECT_EQ(reader().size(), 0u);
+}
+
+TEST_F(OpenTovanMapTest, MoreThanAThousandTablesAreGuardedWhenCutShort) {
+  constexpr size_t kTables = 1100;
+  constexpr size_t kBytes = 8192;
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit former = limit;
+  limit.rlim_cur = limit.rlim_max;
+  if (limit.rlim_max < kTables + 100 || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    GTEST_SKIP() << "so many files cannot be open";
+  }
+  std::vector<std::unique_ptr<TableMemory>> tables;
+  for (size_t i = 0; i < kTables; ++i) {
+    const TableConfig config{.access = Access::Write, .name = name + "." + std::to_string(i)};
+    tables.push_back(std::make_unique<TableMemory>(config, kBytes));
+    tables.back()->provide(0, kBytes);
+    tables.back()->base()[0] = std::byte{1};
+  }
+  const std::string last = "/hostroute-" + name + "." + std::to_string(kTables - 1);
+  const int fd = ::shm_open(last.c_str(), O_RDWR, 0);
+  ASSERT_EQ(::ftruncate(fd, 0), 0);
+  ::close(fd);
+  EXPECT_EQ(tables.back()->base()[0], std::byte{0});
+  EXPECT_TRUE(tables.back()->isCut());
+  EXPECT_FALSE(tables.front()->isCut());
+  tables.clear();
+  ::setrlimit(RLIMIT_NOFILE, &former);
 }
 
 TEST_F(OpenTovanMapTest, ReaderRefusesEveryChange) {

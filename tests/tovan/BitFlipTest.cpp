@@ -1,0 +1,216 @@
+// Every bit of a table is flipped in turn: nobody may read a wrong value, or miss one without being
+// told.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "platform/tovan/Reports.h"
+#include "tests/tovan/SharedTable.h"
+
+namespace Tovan {
+namespace {
+
+/// How a table is read after a bit was flipped.
+struct Findings {
+  size_t flips = 0;
+  size_t told = 0;  ///< flips of which somebody was told
+  size_t wrong = 0;
+  size_t silentlyLost = 0;
+};
+
+class BitFlipTest : public SharedTable {
+ protected:
+  /// Every so many bits, so that a run of all tests bears it; scripts/flip-bits asks for all.
+  static size_t stride() {
+    const char* asked = std::getenv("HOSTROUTE_FLIP_STRIDE");
+    return asked == nullptr ? 97 : std::strtoul(asked, nullptr, 10);
+  }
+  static constexpr uint64_t key(uint64_t n) { return 0x5eed'0000'0000'0000 + n; }
+
+  /// Makes a table in which each third key was removed again, and maps its file.
+  void make(uint64_t entries) {
+    entries_ = entries;
+    {
+      Map table = writer();
+      for (uint64_t n = 0; n < entries; ++n) table.set(key(n), Repeated(n));
+      for (uint64_t n = 0; n < entries; n += 3) table.erase(key(n));
+    }
+    map();
+    former_.assign(bytes_, bytes_ + size_);
+  }
+  void map() {
+    fd_ = file();
+    size_ = static_cast<size_t>(::lseek(fd_, 0, SEEK_END));
+    bytes_ =
+        static_cast<uint8_t*>(::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
+  }
+  void unmap() {
+    if (bytes_ != nullptr) ::munmap(std::exchange(bytes_, nullptr), size_);
+    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+  }
+  void TearDown() override {
+    unmap();
+    SharedTable::TearDown();
+  }
+  bool isThere(uint64_t n) const { return n % 3 != 0; }
+
+  /// The places of the bits that anybody reads: header, directory, pages.
+  std::vector<size_t> bits(size_t every) const {
+    constexpr size_t kTop = 4096;
+    constexpr size_t kPages = kTop + (size_t{8} << 19);
+    std::vector<size_t> all;
+    for (size_t at = 0; at < size_ * 8; at += every) {
+      const size_t byte = at / 8;
+      if (byte < kTop + 256 || byte >= kPages) all.push_back(at);
+    }
+    return all;
+  }
+  void flip(size_t bit) { bytes_[bit / 8] ^= static_cast<uint8_t>(1U << bit % 8); }
+  void putBack() {
+    ASSERT_EQ(::ftruncate(fd_, static_cast<off_t>(size_)), 0);
+    for (size_t at = 0; at < size_; at += 4096) {
+      if (std::memcmp(bytes_ + at, &former_[at], std::min<size_t>(4096, size_ - at)) != 0) {
+        std::memcpy(bytes_ + at, &former_[at], std::min<size_t>(4096, size_ - at));
+      }
+    }
+  }
+
+  /// Looks everything up, and walks.
+  void read(const Map& table, Findings& findings) {
+    bool isTold = false;
+    for (uint64_t n = 0; n < entries_; ++n) {
+      try {
+        const auto value = table.get(key(n));
+        if (value && (!isThere(n) || value->word() != n || !value->isWhole())) ++findings.wrong;
+        if (!value && isThere(n)) ++findings.silentlyLost;
+      } catch (const CorruptionDetectedException&) {
+        isTold = true;
+      }
+    }
+    bool walkIsTold = false;
+    size_t met = 0;
+    const auto visit = [&](const Map::Item& item) {
+      const uint64_t n = item.key - key(0);
+      ++met;
+      if (n >= entries_ || !isThere(n) || item.value.word() != n) ++findings.wrong;
+    };
+    try {
+      table.forEachSound(visit, [&](const std::string&) { walkIsTold = true; });
+    } catch (const CorruptionDetectedException&) {
+      walkIsTold = true;
+    }
+    const uint64_t there = entries_ - (entries_ + 2) / 3;
+    if (met < there && !walkIsTold) ++findings.silentlyLost;
+    if (!walkIsTold && table.size() != there) ++findings.wrong;
+    findings.told += isTold || walkIsTold;
+  }
+
+  /// The bit is flipped while nobody writes: a reader that is open already, one that opens now, and
+  /// the next writer.
+  void atRest(size_t bit, const Map& reading, Findings& findings) {
+    ++findings.flips;
+    flip(bit);
+    read(reading, findings);
+    try {
+      read(reader(), findings);
+    } catch (const OpenException&) {
+      ++findings.told;
+    }
+    try {
+      const uint64_t reported = corruptionCount();
+      const Map next = writer();
+      const bool isTold = corruptionCount() != reported;
+      size_t met = 0;
+      for (uint64_t n = 0; n < entries_; ++n) {
+        const auto value = next.get(key(n));
+        met += value.has_value();
+        if (value && (!isThere(n) || value->word() != n)) ++findings.wrong;
+        if (!value && isThere(n) && !isTold) ++findings.silentlyLost;
+      }
+      if (next.size() != met) ++findings.wrong;
+      findings.told += isTold;
+    } catch (const OpenException&) {
+      ++findings.told;
+    }
+    putBack();
+  }
+
+  static void expectGood(const Findings& findings) {
+    EXPECT_GT(findings.told, 0U);
+    EXPECT_EQ(findings.wrong, 0U) << "in " << findings.flips << " flips";
+    EXPECT_EQ(findings.silentlyLost, 0U) << "in " << findings.flips << " flips";
+    std::printf("%zu bits flipped, %zu times told, %zu wrong values, %zu silent losses\n",
+                findings.flips, findings.told, findings.wrong, findings.silentlyLost);
+  }
+
+  uint64_t entries_ = 0;
+  int fd_ = -1;
+  uint8_t* bytes_ = nullptr;
+  size_t size_ = 0;
+  std::vector<uint8_t> former_;
+};
+
+TEST_F(BitFlipTest, OfASmallTableAtRest) {
+  make(60);
+  Findings findings;
+  const Map reading = reader();
+  for (const size_t bit : bits(stride())) atRest(bit, reading, findings);
+  expectGood(findings);
+}
+
+TEST_F(BitFlipTest, OfALargeTableAtRest) {
+  make(3000);
+  Findings findings;
+  const Map reading = reader();
+  const auto all = bits(1);
+  std::mt19937 random(1);
+  for (size_t i = 0; i < 20000; i += stride())
+    atRest(all[random() % all.size()], reading, findings);
+  expectGood(findings);
+}
+
+// Whatever it is, the next changes put it right: for the writer, and for those who read meanwhile.
+TEST_F(BitFlipTest, UnderALivingWriter) {
+  make(60);
+  unmap();
+  const auto table = std::make_unique<Map>(config(Access::Write));
+  const Map reading = reader();
+  map();
+  size_t flips = 0;
+  for (const size_t bit : bits(stride())) {
+    flip(bit);
+    ++flips;
+    for (uint64_t n = 0; n < entries_; ++n) {
+      try {
+        const auto value = table->get(key(n));
+        ASSERT_TRUE(value ? isThere(n) && value->word() == n : !isThere(n)) << "bit " << bit;
+      } catch (const CorruptionDetectedException&) {
+      }
+    }
+    for (uint64_t n = 0; n < entries_; ++n) {
+      if (isThere(n)) {
+        table->set(key(n), Repeated(n));
+      } else {
+        table->erase(key(n));
+      }
+    }
+    ASSERT_EQ(table->size(), entries_ - (entries_ + 2) / 3) << "bit " << bit;
+    for (const Map* opened : {&reading, static_cast<const Map*>(table.get())}) {
+      for (uint64_t n = 0; n < entries_; ++n) {
+        const auto value = opened->get(key(n));
+        ASSERT_TRUE(value ? isThere(n) && value->word() == n : !isThere(n)) << "bit " << bit;
+      }
+      ASSERT_EQ(opened->size(), table->size()) << "bit " << bit;
+    }
+    ASSERT_NO_THROW(reader()) << "bit " << bit;
+  }
+  EXPECT_GT(flips, 100U);
+}
+
+}  // namespace
+}  // namespace Tovan

@@ -1,0 +1,92 @@
+// A writer and readers in threads of one process, each with a table of its own.
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "platform/tovan/ForwardingStatus.h"
+#include "platform/tovan/Reports.h"
+#include "tests/tovan/SharedTable.h"
+
+namespace Tovan {
+namespace {
+
+using ThreadsTest = SharedTable;
+
+TEST_F(ThreadsTest, ReadersSeeWholeEntriesWhileTheWriterIsBusy) {
+  constexpr uint64_t kKeys = 300;
+  constexpr uint64_t kRounds = 30;
+  Map table(config(Access::Write));
+  for (uint64_t key = 0; key < kKeys; ++key) table.set(key, Repeated(1));
+  std::atomic<bool> ends = false;
+  std::atomic<size_t> torn = 0;
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 2; ++i) {
+    readers.emplace_back([&] {
+      const Map other(config(Access::Read));
+      while (!ends) {
+        for (uint64_t key = 0; key < kKeys; ++key) {
+          const auto value = other.get(key);
+          torn += !value || !value->isWhole();
+        }
+        size_t met = 0;
+        for (const auto& [key, value] : other) {
+          met += key < kKeys;
+          torn += !value.isWhole();
+        }
+        torn += met != kKeys;
+      }
+    });
+  }
+  // Tables come and go meanwhile, and reports are made: what the tables of a process share.
+  std::thread neighbor([&] {
+    for (int i = 0; !ends; ++i) {
+      Map private_({.name = "private"});
+      private_.set(1, Repeated(1));
+      const auto shared = config(Access::Write);
+      Map own({.access = Access::Write, .name = name + ".own", .layout = shared.layout});
+      own.corruptionDetected("not really");
+      own.cleanup();
+      tableReports();
+    }
+  });
+  for (uint64_t round = 1; round <= kRounds; ++round) {
+    for (uint64_t key = kKeys; key < kKeys + round * 50; ++key) table.set(key, Repeated(key));
+    for (uint64_t key = 0; key < kKeys; ++key) table.set(key, Repeated(round));
+    for (uint64_t key = kKeys; key < kKeys + round * 50; ++key) table.erase(key);
+    if (round % 10 == 0) table.validate();
+  }
+  ends = true;
+  for (auto& reader : readers) reader.join();
+  neighbor.join();
+  EXPECT_EQ(torn, 0u);
+}
+
+TEST_F(ThreadsTest, ReadersOfFecsSeeTheViasOfOneUpdate) {
+  using Fib::ForwardingStatus;
+  const auto status = Kiv::make<ForwardingStatus>(name, Access::Write);
+  const auto fecOf = [](uint32_t vias) {
+    Fib::Fec fec(7);
+    for (uint32_t i = 0; i < vias; ++i) {
+      fec.newVia({.hop = Zemit::IpAddr(vias), .intf = Zemit::IntfId::of("Ethernet1")});
+    }
+    return fec;
+  };
+  status->fecIs(fecOf(1));
+  std::atomic<bool> ends = false;
+  std::atomic<size_t> mixed = 0;
+  std::thread reader([&] {
+    const auto other = Kiv::make<ForwardingStatus>(name, Access::Read);
+    while (!ends) {
+      const auto fec = other->fec(7);
+      for (const auto& via : fec) mixed += via.hop.value() != fec.viaCount();
+    }
+  });
+  for (uint32_t i = 0; i < 3000; ++i) status->fecIs(fecOf(1 + i % 5));
+  ends = true;
+  reader.join();
+  EXPECT_EQ(mixed, 0u);
+}
+
+}  // namespace
+}  // namespace Tovan
