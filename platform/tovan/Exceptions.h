@@ -26,6 +26,12 @@ class KIV_EXPORT OpenException : public Kiv::Exception {
   using Kiv::Exception::Exception;
 };
 
+/// What was to be read changed again and again while it was read. Nothing is damaged: try later.
+class KIV_EXPORT BusyException : public Kiv::Exception {
+ public:
+  using Kiv::Exception::Exception;
+};
+
 /// A table cannot grow: memory is short, or the table has reached its largest size.
 ///
 /// What was asked for did not happen; all entries are as they were.

@@ -95,6 +95,13 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// Stores a FIB adjacency in place of what is there of it, damaged or not.
   void adjacencyReplace(const Fec& adjacency) { store(adjacency); }
 
+  /// Whether all parts of it are those that their names lead to; see Table.
+  bool isCurrent() const {
+    return fecs_.isCurrent() && moreVias_.isCurrent() && intfs_.isCurrent();
+  }
+  /// Differs when a FEC has changed since; see Table.
+  uint64_t changeCount() const { return fecs_.changeCount(); }
+
   /// Told of damage met on a look-up or walk.
   void corruptionDetected(const std::string& message) const { fecs_.corruptionDetected(message); }
 

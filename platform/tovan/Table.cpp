@@ -10,7 +10,7 @@ namespace Tovan {
 namespace {
 
 constexpr uint64_t kMagic = 0x6e61'766f'5420'7068;
-constexpr uint64_t kVersion = 3;
+constexpr uint64_t kVersion = 4;
 constexpr auto kLongestUpdate = std::chrono::milliseconds(250);
 /// A table is made with so many pages, and grows by as many at least.
 constexpr size_t kFirstPages = 4;

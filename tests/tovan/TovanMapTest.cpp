@@ -290,8 +290,8 @@ TEST_F(OpenTovanMapTest, RefusesWhatItCannotTrust) {
     overwrite(offsetof(TableHeader, version), 1);
     EXPECT_THROW(table.validateFiles(), CorruptionDetectedException);
   }
-  expectRefusal("has version 1, known is 3");
-  overwrite(offsetof(TableHeader, version), 3);
+  expectRefusal("has version 1, known is 4");
+  overwrite(offsetof(TableHeader, version), 4);
   EXPECT_EQ((refusal<TovanMap<uint64_t, uint64_t>>(config(Access::Read))),
             title + "has another layout");
   auto other = config(Access::Write);
