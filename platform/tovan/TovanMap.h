@@ -824,7 +824,8 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::write(Slot& slot, uint32_t state, const Words& words,
                                  uint32_t checksum) {
   const uint32_t sequence = slot.sequence.load(std::memory_order_relaxed) & ~kState;
-  slot.sequence.store(sequence | state | kBusy, std::memory_order_relaxed);
+  // Who takes by this the slot's last entry for gone sees all that was before its removal, too.
+  slot.sequence.store(sequence | state | kBusy, std::memory_order_release);
   std::atomic_thread_fence(std::memory_order_release);
 #pragma GCC unroll 8
   for (size_t i = 0; i < words.size(); ++i) {
@@ -1096,7 +1097,9 @@ size_t TovanMap<Key, Value>::repair() {
   auto& state = header().directory;
   const uint64_t repairs = state.load(std::memory_order_relaxed) >> 8 | 1;
   state.store(repairs << 8 | static_cast<uint8_t>(state.load(std::memory_order_relaxed)),
-              std::memory_order_seq_cst);
+              std::memory_order_relaxed);
+  // No reader sees anything of the repair that does not see that there is one.
+  std::atomic_thread_fence(std::memory_order_release);
   noteChange();
   freePages_ = {};
   depth_ = 0;
