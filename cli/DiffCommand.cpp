@@ -206,7 +206,7 @@ void addTable(const std::string& name, const std::string& vrf, Snapshot& snapsho
 
 Snapshot readTables(const std::string& name) {
   Snapshot snapshot;
-  const auto tables = Daemon::sharedRouteTables(name);
+  const auto tables = Tovan::sharedRouteTables(name);
   if (tables.empty()) {
     throw CommandError("hostroute diff", "there are no route tables under \"" + name + "\"",
                        kMisused);

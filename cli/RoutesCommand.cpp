@@ -39,11 +39,12 @@ constexpr const char* kFooter = R"(Examples:
 
 A table is `loading` while its process reads what it starts with, then `not initialized` until its
 host-route machine is, then `initialized`, and `synchronized` when the FIB's own host routes are in
-as well. It is `left behind` when its process has ended without taking it away.
+as well. It is `left behind` when its process has ended without taking it away, and `removed` when
+its process took it away while it was read, as one does that starts again.
 
 Exit status: 0 done; 1 there are no such tables, no route to the address, or a table is damaged
 (what could be read of it is printed); 2 the command line is malformed; 3 what was printed may not
-be what the switch has: a table is left behind, loading or not initialized.)";
+be what the switch has: a table is left behind, removed, loading or not initialized.)";
 
 constexpr int kNotReady = 3;
 constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
@@ -68,10 +69,12 @@ struct TableState {
   std::string vrf;
   int family;
   bool isLive;
+  bool isCurrent;
   Tovan::RouteTableState state;
   size_t routes;
 
   std::string_view text() const {
+    if (!isCurrent) return "removed";
     if (!isLive) return "left behind";
     if (state.loading) return "loading";
     if (!state.initialized) return "not initialized";
@@ -85,8 +88,9 @@ struct TableState {
 std::string unready(const std::vector<TableState>& tables) {
   bool anyInitialized = false;
   for (const TableState& table : tables) {
-    const bool matters = table.routes != 0 || !table.isLive || table.state.loading;
-    if (matters && (!table.isLive || table.state.loading || !table.state.initialized)) {
+    const bool isKept = table.isLive && table.isCurrent;
+    const bool matters = table.routes != 0 || !isKept || table.state.loading;
+    if (matters && (!isKept || table.state.loading || !table.state.initialized)) {
       return "VRF " + table.vrf + " IPv" + std::to_string(table.family) + " is " +
              std::string(table.text());
     }
@@ -98,8 +102,8 @@ std::string unready(const std::vector<TableState>& tables) {
 }
 
 /// The tables that the command is about, each with its VRF and family.
-std::vector<Daemon::SharedRouteTable> chosenTables(const Options& options) {
-  auto tables = Daemon::sharedRouteTables(options.table);
+std::vector<Tovan::SharedRouteTable> chosenTables(const Options& options) {
+  auto tables = Tovan::sharedRouteTables(options.table);
   std::erase_if(tables, [&](const auto& table) {
     return table.vrf != options.vrf.value_or(table.vrf) ||
            table.family != options.family.value_or(table.family);
@@ -117,7 +121,7 @@ void withFamily(int number, Visit visit) {
 
 template <class F>
 TableState stateOf(const LiveRoutes<F>& table, const std::string& vrf) {
-  return {vrf, F::kNumber, table.isLive(), table.state(), table.size()};
+  return {vrf, F::kNumber, table.isLive(), table.isCurrent(), table.state(), table.size()};
 }
 
 /// Waits until the tables are ready. Returns whether they are.
@@ -157,10 +161,14 @@ class Listing {
   void add(const std::string& vrf) {
     try {
       const LiveRoutes<F> table(options_.table, vrf);
+      auto state = stateOf(table, vrf);
       const auto report = [this](const std::string& damage) { reportDamage(damage); };
-      states_.push_back(stateOf(table, vrf));
       const auto prefix = prefixOf<F>(options_.address);
       auto shown = prefix ? table.covering(*prefix, report) : table.all(report);
+      // Kept up to date to the end.
+      state.isLive = table.isLive();
+      state.isCurrent = table.isCurrent();
+      states_.push_back(state);
       std::erase_if(shown, [this](const auto& route) { return !this->isWanted<F>(route); });
       found_ += shown.size();
       if (options_.counts) {
@@ -267,7 +275,7 @@ class Listing {
 
 /// Says why there is nothing to show.
 [[noreturn]] void refuse(const Options& options) {
-  const auto all = Daemon::sharedRouteTables(options.table);
+  const auto all = Tovan::sharedRouteTables(options.table);
   if (all.empty()) {
     throw CommandError(kPlace, "there are no route tables under \"" + options.table + "\"",
                        kFailed);

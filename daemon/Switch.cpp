@@ -6,6 +6,7 @@
 
 #include "daemon/SharedNames.h"
 #include "platform/kiv/Exception.h"
+#include "platform/tovan/SharedNames.h"
 
 namespace Daemon {
 
@@ -77,7 +78,7 @@ void Switch::openRouting(Vrf& vrf) {
   const Kiv::String& name = vrf.name.value();
   const std::string tableName = options_.sharedName.empty()
                                     ? std::string(name.view())
-                                    : sharedRouteStatusName(options_.sharedName, name);
+                                    : Tovan::sharedRouteStatusName(options_.sharedName, name);
   vrf.readiness->newRouteStatus(F::kReadyKind);
   HostRouting<F>& routing = vrf.routing<F>();
   routing.routeStatus = Kiv::make<typename F::RouteStatus>(tableName, access());

@@ -100,6 +100,13 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// Looks whether somebody changed or cut the memory, and repairs it; see TovanMap::tend(). What
   /// had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
   void tend();
+  /// Whether all parts of it are those that their names lead to; see Table.
+  bool isCurrent() const {
+    return fecs_.isCurrent() && moreVias_.isCurrent() && intfs_.isCurrent();
+  }
+  /// Differs when a FEC has changed since; see Table.
+  uint64_t changeCount() const { return fecs_.changeCount(); }
+
   /// Told of damage met on a look-up or walk.
   void corruptionDetected(const std::string& message) const { fecs_.corruptionDetected(message); }
 

@@ -31,6 +31,8 @@ class IntfNames {
   /// A number that is referred to: no interface gets it any more, also when its name is lost.
   void passOver(uint32_t number);
 
+  /// See Table.
+  bool isCurrent() const { return names_.isCurrent(); }
   void cleanup() { names_.cleanup(); }
   /// As TovanMap::tend(); names that were lost are published again.
   void tend() {

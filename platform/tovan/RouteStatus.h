@@ -133,8 +133,11 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   /// What is said of the routes as a whole, to those who attach to the table.
   void stateIs(const RouteTableState& state) { map_.statusIs(state.word()); }
   RouteTableState state() const { return RouteTableState::of(map_.status()); }
-  /// Whether a process has the table open for writing, other than by this object.
-  bool hasOtherWriter() const { return map_.hasOtherWriter(); }
+  /// Whether a process has the table open for writing; whether it is the one that its name leads
+  /// to. See Table.
+  bool hasWriter() const { return map_.hasWriter(); }
+  bool isCurrent() const { return map_.isCurrent(); }
+  uint64_t changeCount() const { return map_.changeCount(); }
 
   /// Looks whether somebody changed or cut the memory, and repairs it; see TovanMap::tend(). What
   /// had to be given up is announced. \throws NoSpaceException, ReadOnlyException.

@@ -33,6 +33,10 @@ struct TableHeader {
   /// above it a count of repairs, which is odd during one.
   std::atomic<uint64_t> directory;
   std::atomic<uint64_t> status;  ///< see Table::status(), guarded()
+
+  /// See Table::changeCount(). Apart from what look-ups read, which it would take from their
+  /// caches.
+  alignas(64) std::atomic<uint64_t> changes;
 };
 
 /// A number of 32 bits with its complement above it, which show each other's damage.
@@ -80,6 +84,14 @@ class Table {
   }
   /// \throws ReadOnlyException on a reader.
   void statusIs(uint32_t status);
+  /// How many changes there were: it differs when there was one since. Whoever sees a change
+  /// counted sees the change. It goes on where a writer is followed by another.
+  uint64_t changeCount() const { return header().changes.load(std::memory_order_acquire); }
+  /// Whether a process has the table open for writing: else it stays as it is.
+  bool hasWriter() const { return !isReadOnly() || memory_.hasOtherWriter(); }
+  /// Whether the table is the one that its name leads to: not when it was removed, whether or not
+  /// another was made in its place. What is read of it is what its last writer left.
+  bool isCurrent() const { return memory_.isCurrent(); }
   /// Whether another object, in this process or another, has the table open for writing.
   bool hasOtherWriter() const { return memory_.hasOtherWriter(); }
   /// The memory that the table takes, in bytes, used or kept for entries to come.

@@ -369,6 +369,14 @@ bool TableMemory::hasOtherWriter() const {
   return fd_ >= 0 && ::fcntl(fd_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
+bool TableMemory::isCurrent() const {
+  struct stat ours {};
+  struct stat named {};
+  return fd_ < 0 || (::fstat(fd_, &ours) == 0 &&
+                     ::stat((kSharedMemoryFolder + fileName(name_)).c_str(), &named) == 0 &&
+                     ours.st_ino == named.st_ino && ours.st_dev == named.st_dev);
+}
+
 void TableMemory::remove() {
   if (fd_ < 0) return;
   ::shm_unlink(fileName(name_).c_str());

@@ -57,6 +57,8 @@ class TableMemory {
   void clear();
   /// Whether another process, or another object of this one, has the table open for writing.
   bool hasOtherWriter() const;
+  /// Whether the name leads to this memory; always so for private memory.
+  bool isCurrent() const;
   /// Takes the name away: processes that are attached keep the memory, nobody finds it any more.
   void remove();
 

@@ -73,6 +73,19 @@ class TovanMap : public Table {
   /// \throws ReadOnlyException.
   std::optional<Value> erase(const Key& key);
 
+  /// Tells versions of an entry apart: where it stands, and how often that place has changed.
+  struct Version {
+    uint64_t page = 0;
+    uint32_t slot = 0;
+    uint32_t sequence = 0;
+
+    friend bool operator==(const Version&, const Version&) = default;
+  };
+  /// The version of the entry of `key`, which get() before or after may not have found as it is.
+  /// When two calls give the same, the entry was there in between and did not change. Nothing when
+  /// there is no such entry, or it is just being written.
+  std::optional<Version> version(const Key& key) const;
+
   /// How many entries there are. A reader whose table cannot have as many as it says counts them.
   size_t size() const;
 
@@ -308,6 +321,8 @@ class TovanMap : public Table {
     size_ = size;
     headerIs(kSize, guarded(static_cast<uint32_t>(size)));
   }
+  /// Counts a change that has been made: what was known of the entries may not hold any more.
+  void noteChange() { header().changes.store(++changes_, std::memory_order_release); }
   template <class Step>
   auto repairing(Step step);
   static void write(Slot& slot, uint32_t state, const Words& words, uint32_t checksum);
@@ -394,6 +409,8 @@ template <class Key, class Value>
 TovanMap<Key, Value>::TovanMap(const TableConfig& config)
     : Table(config, kShape), seed_(header().identity.seed) {
   if (isReadOnly()) return;
+  // Those who wait for a change of the table see the next ones, too. Never 0: see missed_.
+  changes_ = (header().changes.load(std::memory_order_relaxed) & ~uint64_t{0} >> 1) + 1;
   try {
     repair();
   } catch (...) {
@@ -677,6 +694,24 @@ std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
 }
 
 template <class Key, class Value>
+std::optional<typename TovanMap<Key, Value>::Version> TovanMap<Key, Value>::version(
+    const Key& key) const {
+  const uint64_t hash = hashOf(pack(key));
+  const uint32_t bits = depth();
+  if (bits > kMaxDepth) return std::nullopt;
+  const PageRef ref(directory(hash, bits).load(std::memory_order_acquire));
+  if (!isBacked(ref.number())) return std::nullopt;
+  Page& in = page(ref.number());
+  const Slot* slot = search(in, hash, pack(key));
+  if (slot == nullptr) return std::nullopt;
+  const uint32_t sequence = slot->sequence.load(std::memory_order_acquire);
+  if ((sequence & kState) != kLive) return std::nullopt;
+  return Version{.page = ref.bits(),
+                 .slot = static_cast<uint32_t>(slot - in.slots.data()),
+                 .sequence = sequence};
+}
+
+template <class Key, class Value>
 void TovanMap<Key, Value>::prefetch(const Key& key) const {
   if (isReadOnly()) return;
   const uint64_t hash = hashOf(pack(key));
@@ -802,7 +837,7 @@ bool TovanMap<Key, Value>::set(const Key& key, const Value& value) {
     insertNew(hash, words);
   } else {
     replace(*slot, hash, words);
-    ++changes_;
+    noteChange();
   }
   return slot == nullptr;
 }
@@ -826,7 +861,7 @@ void TovanMap<Key, Value>::insertNew(uint64_t hash, const Words& words) {
     insert(hash, words);
   });
   sizeIs(size_ + 1);
-  ++changes_;
+  noteChange();
 }
 
 template <class Key, class Value>
@@ -843,7 +878,7 @@ std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
   if (slot == nullptr) return std::nullopt;
   slot->retire();
   sizeIs(size_ - 1);
-  ++changes_;
+  noteChange();
   return valueOf(words);
 }
 
@@ -852,7 +887,8 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::write(Slot& slot, uint32_t state, const Words& words,
                                  uint32_t checksum) {
   const uint32_t sequence = slot.sequence.load(std::memory_order_relaxed) & ~kState;
-  slot.sequence.store(sequence | state | kBusy, std::memory_order_relaxed);
+  // Who takes by this the slot's last entry for gone sees all that was before its removal, too.
+  slot.sequence.store(sequence | state | kBusy, std::memory_order_release);
   std::atomic_thread_fence(std::memory_order_release);
 #pragma GCC unroll 8
   for (size_t i = 0; i < words.size(); ++i) {
@@ -1049,7 +1085,7 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::removeAll() {
   for (uint32_t number = 0; number < pages(); ++number) freeSlots(page(number));
   sizeIs(0);
-  ++changes_;
+  noteChange();
 }
 
 // Repair.
@@ -1146,7 +1182,7 @@ size_t TovanMap<Key, Value>::repair() {
   const uint64_t repairs = left(kDirectory) >> 8 | 1;
   headerIs(kDirectory, repairs << 8 | static_cast<uint8_t>(left(kDirectory)));
   std::atomic_thread_fence(std::memory_order_seq_cst);
-  ++changes_;
+  noteChange();
   freePages_.clear();
   freePages_.reserve(pages());
   depth_ = 0;
@@ -1206,6 +1242,7 @@ size_t TovanMap<Key, Value>::repair() {
   }
   recount();
   headerIs(kDirectory, (repairs + 1) << 8 | depth_);
+  noteChange();
   if (size_ < sizeBefore && !dropped_) dropped_.emplace();
   return corruptions() - before;
 }

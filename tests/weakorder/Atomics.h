@@ -1,0 +1,88 @@
+// Puts atomics of a model in place of the standard ones. Included before all else in each source of
+// the weak-order test, so that the tables' own code runs in the model.
+#pragma once
+
+// What is compiled as ever: the standard library, and the runtime below the tables.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <charconv>
+#include <chrono>
+#include <concepts>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <source_location>
+#include <span>
+#include <sstream>
+#include <stack>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "platform/kiv/Attributes.h"
+#include "platform/kiv/Hash.h"
+#include "platform/kiv/SmallVector.h"
+#include "platform/kiv/Watch.h"
+#include "platform/zemit/IntfId.h"
+#include "platform/zemit/Ip6Addr.h"
+#include "platform/zemit/IpAddr.h"
+#include "platform/zemit/Prefix.h"
+#include "tests/weakorder/Model.h"
+
+namespace std {
+
+/// An atomic whose plain loads and stores go through the model.
+template <class T>
+class weakAtomic : public Weak::RealAtomic<T> {
+  using Real = Weak::RealAtomic<T>;
+
+ public:
+  using Real::Real;
+
+  T load(memory_order order = memory_order_seq_cst,
+         source_location where = source_location::current()) const noexcept {
+    if (!Weak::model.isOn()) return Real::load(order);
+    return Weak::fromWord<T>(Weak::model.load(this, Weak::toWord(Real::load(order)), order, where));
+  }
+  void store(T value, memory_order order = memory_order_seq_cst,
+             source_location where = source_location::current()) noexcept {
+    if (Weak::model.isOn()) {
+      const uint64_t former = Weak::toWord(Real::load(memory_order_relaxed));
+      Weak::model.store(this, former, Weak::toWord(value), order, where);
+    }
+    Real::store(value, order);
+  }
+  operator T() const noexcept { return load(); }
+  T operator=(T value) noexcept {
+    store(value);
+    return value;
+  }
+};
+
+inline void weakFence(memory_order order,
+                      source_location where = source_location::current()) noexcept {
+  Weak::model.fence(order, where);
+}
+
+}  // namespace std
+
+#define atomic weakAtomic
+#define atomic_thread_fence weakFence

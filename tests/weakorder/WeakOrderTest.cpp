@@ -1,0 +1,253 @@
+// What a reader may see on a machine that orders memory weakly, and whether each memory order in
+// the tables is needed.
+//
+// By default a part of what there is. HOSTROUTE_WEAKORDER=long does it all; see scripts/try-tables.
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "platform/tovan/RouteTableReader.h"
+
+namespace Tovan {
+namespace {
+
+bool isLong() {
+  const char* chosen = std::getenv("HOSTROUTE_WEAKORDER");
+  return chosen != nullptr && std::string_view(chosen) == "long";
+}
+
+const std::string& tableName() {
+  static const std::string name = "weak" + std::to_string(::getpid());
+  return name;
+}
+
+using Map = TovanMap<uint64_t, std::array<uint64_t, 2>>;
+
+TableConfig config(Access access) {
+  return {.access = access, .name = tableName(), .layout = "pair/1"};
+}
+void set(Map& map, uint64_t key, uint64_t value) {
+  map.set(key, {value, value});
+}
+
+/// The value of a key, 0 when it is not there, or a complaint.
+struct Got {
+  uint64_t value = 0;
+  std::string complaint;
+};
+Got get(const Map& map, uint64_t key) {
+  try {
+    const auto value = map.get(key);
+    if (!value) return {};
+    if ((*value)[0] != (*value)[1]) return {.value = 0, .complaint = "torn"};
+    return {.value = (*value)[0], .complaint = ""};
+  } catch (const CorruptionDetectedException& damage) {
+    return {.value = 0, .complaint = damage.what()};
+  }
+}
+
+/// What one scenario found.
+struct Outcome {
+  std::string complaint;
+  size_t runs = 0;
+};
+
+/// Explores what a reader sees of `key` while `change` is made to a table of keys 1 to `count`,
+/// each its own value. `allowed` are the values in the order in which they come, 0 for none.
+Outcome explore(uint64_t count, const std::function<void(Map&)>& change, uint64_t key,
+                const std::vector<uint64_t>& allowed, size_t exceptions) {
+  Map writer(config(Access::Write));
+  for (uint64_t i = 1; i <= count; ++i) set(writer, i, i);
+  const Map reader(config(Access::Read));
+  Weak::model.record(tableName(), [&] { change(writer); });
+  Outcome outcome;
+  outcome.complaint = Weak::model.explore(exceptions, [&]() -> std::string {
+    const Got got = get(reader, key);
+    if (!got.complaint.empty()) return got.complaint;
+    if (std::find(allowed.begin(), allowed.end(), got.value) == allowed.end()) {
+      return "key " + std::to_string(key) + " has " + std::to_string(got.value);
+    }
+    return "";
+  });
+  outcome.runs = Weak::model.runs();
+  writer.cleanup();
+  return outcome;
+}
+
+Outcome replacedTwice(size_t exceptions) {
+  Map writer(config(Access::Write));
+  set(writer, 1, 1);
+  const Map reader(config(Access::Read));
+  const uint64_t start = reader.changeCount();
+  Weak::model.record(tableName(), [&] {
+    set(writer, 1, 2);
+    set(writer, 1, 3);
+  });
+  Outcome outcome;
+  outcome.complaint = Weak::model.explore(exceptions, [&]() -> std::string {
+    const uint64_t counted = reader.changeCount() - start;
+    const Got first = get(reader, 1);
+    const Got second = get(reader, 1);
+    if (!first.complaint.empty()) return first.complaint;
+    if (!second.complaint.empty()) return second.complaint;
+    if (first.value == 0 || second.value == 0) return "is not there";
+    if (first.value < counted + 1) return "a change was counted and is not seen";
+    return first.value <= second.value ? "" : "goes back";
+  });
+  outcome.runs = Weak::model.runs();
+  writer.cleanup();
+  return outcome;
+}
+
+/// In a page that is nearly full, so that slots are used again and chains lead past them.
+Outcome comeAndGone(size_t exceptions) {
+  constexpr uint64_t kCount = 66;
+  const auto change = [](Map& map) {
+    map.erase(5);
+    set(map, 100, 100);
+    map.erase(100);
+    set(map, 5, 205);
+  };
+  Outcome all;
+  // Where keys stand is another matter in each table.
+  for (int table = 0; table < 6; ++table) {
+    for (const uint64_t key : {5, 100, 6, 7, 8, 9, 10, 11, 12, 13}) {
+      const std::vector<uint64_t> allowed = key == 5     ? std::vector<uint64_t>{5, 0, 205}
+                                            : key == 100 ? std::vector<uint64_t>{0, 100}
+                                                         : std::vector<uint64_t>{key};
+      const Outcome one = explore(kCount, change, key, allowed, exceptions);
+      all.runs += one.runs;
+      if (!one.complaint.empty()) return one;
+    }
+  }
+  return all;
+}
+
+/// Pages are split, and those that become free are filled again; the directory is doubled.
+Outcome splitTwice(size_t exceptions) {
+  constexpr uint64_t kCount = 70;
+  const auto change = [](Map& map) {
+    for (uint64_t key = kCount + 1; key <= kCount + 45; ++key) set(map, key, key);
+  };
+  Outcome all;
+  for (const uint64_t key : {1, 2, 3}) {
+    const Outcome one = explore(kCount, change, key, {key}, exceptions);
+    all.runs += one.runs;
+    if (!one.complaint.empty()) return one;
+  }
+  return all;
+}
+
+Outcome repaired(size_t exceptions) {
+  return explore(
+      3, [](Map& map) { map.validate(); }, 2, {2}, exceptions);
+}
+
+/// A route whose FEC's id goes to another route and back.
+Outcome idsUsedAgain(size_t exceptions) {
+  using Zemit::IpAddr;
+  using Zemit::Prefix;
+  const auto forwarding = Kiv::make<Fib::ForwardingStatus>(tableName(), Access::Write);
+  const auto routes =
+      Kiv::make<Fib::RouteStatus>(sharedRouteStatusName(tableName(), "v"), Access::Write);
+  constexpr Fib::FecId kFirst = Fib::ForwardingStatus::kFirstAdjacency;
+  const auto intf = Zemit::IntfId::of("Ethernet1");
+  const auto fec = [&](uint32_t hop) {
+    return Fib::Fec(kFirst, {{.hop = IpAddr(hop), .intf = intf}});
+  };
+  const auto route = [](uint32_t host, uint32_t metric) {
+    return Fib::Route{.key = Prefix::host(IpAddr(host)),
+                      .metricPref = {.metric = metric},
+                      .routeType = {},
+                      .fecId = kFirst};
+  };
+  forwarding->adjacencyIs(fec(1));
+  routes->routeIs(route(1, 1));
+  Fib::RouteTableReader reader(tableName(), "v");
+  reader.find(Prefix::host(IpAddr(1)));  // now it knows the interface's name
+  Weak::model.record(tableName(), [&] {
+    routes->routeDel(Prefix::host(IpAddr(1)));
+    forwarding->adjacencyDel(kFirst);
+    forwarding->adjacencyIs(fec(2));
+    forwarding->adjacencyDel(kFirst);
+    forwarding->adjacencyIs(fec(3));
+    routes->routeIs(route(1, 3));
+  });
+  Outcome outcome;
+  outcome.complaint = Weak::model.explore(exceptions, [&]() -> std::string {
+    try {
+      const auto found = reader.find(Prefix::host(IpAddr(1)));
+      if (!found) return "";
+      if (found->fec.viaCount() != 1) return "without a next hop";
+      const uint32_t hop = found->fec.begin()->hop.value();
+      return found->route.metricPref.metric == hop ? "" : "another's next hop";
+    } catch (const Pindo::Exception& failure) {
+      return failure.what();
+    }
+  });
+  outcome.runs = Weak::model.runs();
+  removeTablesOf(tableName());
+  return outcome;
+}
+
+struct Scenario {
+  const char* name;
+  Outcome (*run)(size_t exceptions);
+  size_t exceptions;  ///< in the short test
+  size_t most;        ///< in the long one
+};
+
+constexpr Scenario kScenarios[] = {
+    {"a value is replaced twice", replacedTwice, 3, 4},
+    {"entries come and go", comeAndGone, 2, 3},
+    {"pages are split", splitTwice, 1, 2},
+    {"a table is repaired", repaired, 2, 3},
+    {"ids of FECs are used again", idsUsedAgain, 2, 3},
+};
+
+TEST(WeakOrderTest, ReadersSeeWhatStoodThereAtOneMoment) {
+  for (const Scenario& scenario : kScenarios) {
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome found = scenario.run(isLong() ? scenario.most : scenario.exceptions);
+    EXPECT_EQ(found.complaint, "") << scenario.name;
+    EXPECT_GT(found.runs, 100u) << scenario.name;
+    std::cout << scenario.name << ": " << found.runs << " runs in "
+              << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
+              << " s\n";
+  }
+}
+
+std::string functionOf(const Weak::Site& site) {
+  return site.substr(site.rfind(' ') + 1);
+}
+
+/// What a scenario complains of, if any does, and which.
+std::string complaintOfAny() {
+  for (const Scenario& scenario : kScenarios) {
+    const Outcome found = scenario.run(isLong() ? scenario.most : scenario.exceptions);
+    if (!found.complaint.empty()) return std::string(scenario.name) + ": " + found.complaint;
+  }
+  return "";
+}
+
+// A model that finds nothing where an order is missing would be worth nothing. What the others are
+// for, docs/tables.md says.
+TEST(WeakOrderTest, AMissingOrderIsNoticed) {
+  const std::set<std::string> noticeable{"write", "read", "setState", "repair", "deepen"};
+  std::set<std::string> known;
+  for (const Scenario& scenario : kScenarios) scenario.run(1);  // makes the sites known
+  for (const Weak::Site& site : Weak::model.sites()) {
+    const bool isNoticeable = noticeable.contains(functionOf(site));
+    if (!isNoticeable && !isLong()) continue;
+    known.insert(functionOf(site));
+    Weak::model.weaken(site);
+    const std::string complaint = complaintOfAny();
+    EXPECT_TRUE(!isNoticeable || !complaint.empty()) << site;
+    std::cout << site << ": " << (complaint.empty() ? "not noticed" : complaint) << '\n';
+  }
+  Weak::model.weaken("");
+  for (const std::string& function : noticeable) EXPECT_TRUE(known.contains(function)) << function;
+}
+
+}  // namespace
+}  // namespace Tovan
