@@ -24,6 +24,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -194,6 +195,13 @@ class Router {
     }
     return 0;
   }
+  /// Processor time of the measured program so far, in the kernel and outside, in seconds.
+  double processorSeconds() const {
+    std::ifstream status("/proc/" + std::to_string(child_) + "/schedstat");
+    double nanoseconds = 0;
+    status >> nanoseconds;
+    return nanoseconds / 1e9;
+  }
   /// Waits until so many routes came, or went when `count` is below zero; the seconds since
   /// `since`.
   double await(long count, Clock::time_point since) {
@@ -228,6 +236,8 @@ class Router {
 
 struct Figures {
   double start = 0, withdrawn = 0, live = 0, median = 0, p99 = 0, kilobytes = 0;
+  // The same in processor time of the program; of one host the mean.
+  double startWork = 0, withdrawnWork = 0, liveWork = 0, oneWork = 0;
 };
 
 Figures measure(const std::vector<std::string>& command, uint32_t neighbors) {
@@ -238,18 +248,26 @@ Figures measure(const std::vector<std::string>& command, uint32_t neighbors) {
   router.start(command);
   figures.start = router.await(neighbors, begin);
   std::this_thread::sleep_for(std::chrono::seconds(1));
+  double worked = router.processorSeconds();
+  figures.startWork = worked;
+  const auto workSince = [&] {
+    const double before = std::exchange(worked, router.processorSeconds());
+    return worked - before;
+  };
 
   router.count();
   begin = Clock::now();
   router.setNeighbors(0, neighbors, false);
   figures.withdrawn = router.await(-static_cast<long>(neighbors), begin);
   std::this_thread::sleep_for(std::chrono::seconds(1));
+  figures.withdrawnWork = workSince();
 
   router.count();
   begin = Clock::now();
   router.setNeighbors(0, neighbors, true);
   figures.live = router.await(neighbors, begin);
   std::this_thread::sleep_for(std::chrono::seconds(1));
+  figures.liveWork = workSince();
 
   constexpr uint32_t kHosts = 500;
   std::vector<double> latencies;
@@ -263,6 +281,7 @@ Figures measure(const std::vector<std::string>& command, uint32_t neighbors) {
   std::ranges::sort(latencies);
   figures.median = latencies[latencies.size() / 2];
   figures.p99 = latencies[latencies.size() * 99 / 100];
+  figures.oneWork = workSince() / kHosts;
   figures.kilobytes = static_cast<double>(router.peakKilobytes());
   router.stop();
   return figures;
@@ -291,8 +310,10 @@ Figures measureApart(const std::vector<std::string>& command, uint32_t neighbors
 
 Figures median(std::vector<Figures> runs) {
   Figures result;
-  for (double Figures::*member : {&Figures::start, &Figures::withdrawn, &Figures::live,
-                                  &Figures::median, &Figures::p99, &Figures::kilobytes}) {
+  for (double Figures::*member :
+       {&Figures::start, &Figures::withdrawn, &Figures::live, &Figures::median, &Figures::p99,
+        &Figures::kilobytes, &Figures::startWork, &Figures::withdrawnWork, &Figures::liveWork,
+        &Figures::oneWork}) {
     std::ranges::sort(runs, {}, member);
     result.*member = runs[runs.size() / 2].*member;
   }
@@ -329,10 +350,14 @@ int main(int argc, char** argv) {
   };
   std::printf("%-32s %10s %10s     %8s\n", "", "hostrouted", "relay", "ratio");
   row("present at the start", a.start, b.start, "s");
+  row("  processor time", a.startWork, b.startWork, "s");
   row("withdrawn in one burst", a.withdrawn, b.withdrawn, "s");
+  row("  processor time", a.withdrawnWork, b.withdrawnWork, "s");
   row("learned in one burst", a.live, b.live, "s");
+  row("  processor time", a.liveWork, b.liveWork, "s");
   row("one host, median", a.median * 1e6, b.median * 1e6, "us");
   row("one host, p99", a.p99 * 1e6, b.p99 * 1e6, "us");
+  row("  processor time, mean", a.oneWork * 1e6, b.oneWork * 1e6, "us");
   row("peak memory", a.kilobytes / 1024, b.kilobytes / 1024, "MiB");
   return 0;
 }

@@ -91,6 +91,7 @@ class Router {
 
  private:
   bool takeOwnRoute(const Linux::Change& change);
+  bool isAnothers(const Linux::RouteKey& key, uint32_t metric) const;
   void noteDepartures(const Linux::Change& change);
   void operate(const Daemon::Operation& operation);
 

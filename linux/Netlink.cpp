@@ -284,7 +284,8 @@ bool NotificationSocket::read(size_t most, const TakeChange& take) {
       if (errno == ENOBUFS) return drain();
       refuse("reading");
     }
-    for (size_t i = 0; i < static_cast<size_t>(received); ++i, ++count) {
+    const auto datagrams = static_cast<size_t>(received);
+    for (size_t i = 0; i < datagrams; ++i, ++count) {
       // Other processes may send to this socket as well.
       if (buffers_->senders[i].nl_pid != 0) continue;
       if ((messages[i].msg_hdr.msg_flags & MSG_TRUNC) != 0) return drain();
@@ -298,6 +299,8 @@ bool NotificationSocket::read(size_t most, const TakeChange& take) {
         if (warn_) warn_(error.what());
       }
     }
+    // There was no more. What came since then, a loss too, makes the socket readable again.
+    if (datagrams < kBuffers) return true;
   }
   return true;
 }
