@@ -162,6 +162,10 @@ class KernelRoutesTest : public testing::Test {
   /// A new process: all it has is the log and the tables.
   void restart(std::optional<std::map<RouteKey, RouteValue>> wants = {}) {
     kernel.requestsUntilKilled = -1;
+    // That a route was replaced dies with the process that was told so.
+    for (auto& [place, value] : kernel.imported) {
+      if (!value && kernel.routes.contains(place)) value = kernel.routes[place].value;
+    }
     log.noted = log.kept;
     routes = std::make_unique<KernelRoutes>(
         kernel, log, [this] { return now; }, options,
