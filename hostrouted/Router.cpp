@@ -13,8 +13,10 @@
 namespace Hostrouted {
 namespace {
 
-Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& mirror) {
+Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& mirror,
+                                     const Router::Services& services) {
   auto options = config.probing;
+  options.collects = services.collects;
   options.isSelected = [&mirror, patterns = config.feed.interfaces](Linux::LinkIndex index) {
     const auto* link = mirror.link(index);
     return link != nullptr && Linux::isSelected(patterns, link->name);
@@ -55,7 +57,7 @@ Router::Router(const Config& config, const Services& services)
       routes_(services.channel, services.log, services.clock, config.kernelRoutes,
               [this](const auto& key, uint32_t metric) { return isAnothers(key, metric); }),
       exports_(switch_, feed_, routes_, config),
-      probing_(mirror_, services.clock, probingOptions(config, mirror_)) {
+      probing_(mirror_, services.clock, probingOptions(config, mirror_, services_)) {
   feed_.setWarningSink(
       [this](const Linux::FeedWarning& warning) { services_.report(LOG_WARNING, warning.text); });
   switch_.setLoading(true);
@@ -192,7 +194,7 @@ void Router::reload(const Config& config) {
   config_ = std::move(next);
   feed_.setOptions(config_.feed);
   routes_.setOptions(config_.kernelRoutes);
-  probing_.setOptions(probingOptions(config_, mirror_));
+  probing_.setOptions(probingOptions(config_, mirror_, services_));
   exports_.setConfig(config_);
 }
 
