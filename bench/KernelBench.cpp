@@ -24,6 +24,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -187,12 +188,31 @@ class Router {
     ::kill(child_, SIGKILL);
     ::waitpid(child_, nullptr, 0);
   }
-  size_t peakKilobytes() const {
+  /// A number of the measured program's status file, see proc(5).
+  size_t status(std::string_view key) const {
     std::ifstream status("/proc/" + std::to_string(child_) + "/status");
     for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("VmHWM:")) return std::strtoul(line.c_str() + 6, nullptr, 10);
+      if (line.starts_with(key)) return std::strtoul(line.c_str() + key.size(), nullptr, 10);
     }
     return 0;
+  }
+  /// How often it has waited so far.
+  size_t wakeUps() const { return status("voluntary_ctxt_switches:"); }
+  /// Ends the measurement unless the routes that came since count(), less those that went, are
+  /// `count`.
+  void expect(long count, const char* otherwise) {
+    while (routes_.read(MSG_DONTWAIT, counter_)) {
+    }
+    if (seen_ == count) return;
+    std::fprintf(stderr, "%ld %s\n", seen_ - count, otherwise);
+    std::exit(1);
+  }
+  /// Processor time of the measured program so far, in the kernel and outside, in seconds.
+  double processorSeconds() const {
+    std::ifstream status("/proc/" + std::to_string(child_) + "/schedstat");
+    double nanoseconds = 0;
+    status >> nanoseconds;
+    return nanoseconds / 1e9;
   }
   /// Waits until so many routes came, or went when `count` is below zero; the seconds since
   /// `since`.
@@ -228,6 +248,10 @@ class Router {
 
 struct Figures {
   double start = 0, withdrawn = 0, live = 0, median = 0, p99 = 0, kilobytes = 0;
+  // The same in processor time of the program; of one host the mean.
+  double startWork = 0, withdrawnWork = 0, liveWork = 0, oneWork = 0;
+  double flapWork = 0;  ///< of hosts that flap, mean for one change
+  double wakeUps = 0;   ///< while nothing happens, in a minute
 };
 
 Figures measure(const std::vector<std::string>& command, uint32_t neighbors) {
@@ -238,18 +262,26 @@ Figures measure(const std::vector<std::string>& command, uint32_t neighbors) {
   router.start(command);
   figures.start = router.await(neighbors, begin);
   std::this_thread::sleep_for(std::chrono::seconds(1));
+  double worked = router.processorSeconds();
+  figures.startWork = worked;
+  const auto workSince = [&] {
+    const double before = std::exchange(worked, router.processorSeconds());
+    return worked - before;
+  };
 
   router.count();
   begin = Clock::now();
   router.setNeighbors(0, neighbors, false);
   figures.withdrawn = router.await(-static_cast<long>(neighbors), begin);
   std::this_thread::sleep_for(std::chrono::seconds(1));
+  figures.withdrawnWork = workSince();
 
   router.count();
   begin = Clock::now();
   router.setNeighbors(0, neighbors, true);
   figures.live = router.await(neighbors, begin);
   std::this_thread::sleep_for(std::chrono::seconds(1));
+  figures.liveWork = workSince();
 
   constexpr uint32_t kHosts = 500;
   std::vector<double> latencies;
@@ -263,7 +295,26 @@ Figures measure(const std::vector<std::string>& command, uint32_t neighbors) {
   std::ranges::sort(latencies);
   figures.median = latencies[latencies.size() / 2];
   figures.p99 = latencies[latencies.size() * 99 / 100];
-  figures.kilobytes = static_cast<double>(router.peakKilobytes());
+  figures.oneWork = workSince() / kHosts;
+
+  constexpr uint32_t kFlapping = 4096;
+  constexpr int kFlaps = 20;
+  router.count();
+  for (int i = 0; i < kFlaps; ++i) {
+    router.setNeighbors(0, kFlapping, false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    router.setNeighbors(0, kFlapping, true);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  router.expect(0, "routes too many after the flaps");
+  figures.flapWork = workSince() / (2 * kFlaps * kFlapping);
+
+  constexpr int kIdleSeconds = 10;
+  const auto woken = router.wakeUps();
+  std::this_thread::sleep_for(std::chrono::seconds(kIdleSeconds));
+  figures.wakeUps = static_cast<double>(router.wakeUps() - woken) * 60 / kIdleSeconds;
+  figures.kilobytes = static_cast<double>(router.status("VmHWM:"));
   router.stop();
   return figures;
 }
@@ -291,8 +342,10 @@ Figures measureApart(const std::vector<std::string>& command, uint32_t neighbors
 
 Figures median(std::vector<Figures> runs) {
   Figures result;
-  for (double Figures::*member : {&Figures::start, &Figures::withdrawn, &Figures::live,
-                                  &Figures::median, &Figures::p99, &Figures::kilobytes}) {
+  for (double Figures::*member :
+       {&Figures::start, &Figures::withdrawn, &Figures::live, &Figures::median, &Figures::p99,
+        &Figures::kilobytes, &Figures::startWork, &Figures::withdrawnWork, &Figures::liveWork,
+        &Figures::oneWork, &Figures::flapWork, &Figures::wakeUps}) {
     std::ranges::sort(runs, {}, member);
     result.*member = runs[runs.size() / 2].*member;
   }
@@ -329,10 +382,16 @@ int main(int argc, char** argv) {
   };
   std::printf("%-32s %10s %10s     %8s\n", "", "hostrouted", "relay", "ratio");
   row("present at the start", a.start, b.start, "s");
+  row("  processor time", a.startWork, b.startWork, "s");
   row("withdrawn in one burst", a.withdrawn, b.withdrawn, "s");
+  row("  processor time", a.withdrawnWork, b.withdrawnWork, "s");
   row("learned in one burst", a.live, b.live, "s");
+  row("  processor time", a.liveWork, b.liveWork, "s");
   row("one host, median", a.median * 1e6, b.median * 1e6, "us");
   row("one host, p99", a.p99 * 1e6, b.p99 * 1e6, "us");
+  row("  processor time, mean", a.oneWork * 1e6, b.oneWork * 1e6, "us");
+  row("4,096 hosts flap, per change", a.flapWork * 1e6, b.flapWork * 1e6, "us");
   row("peak memory", a.kilobytes / 1024, b.kilobytes / 1024, "MiB");
+  std::printf("%-32s %10.0f %10.0f /min\n", "wake-ups while nothing happens", a.wakeUps, b.wakeUps);
   return 0;
 }

@@ -13,8 +13,10 @@
 namespace Hostrouted {
 namespace {
 
-Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& mirror) {
+Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& mirror,
+                                     const Router::Services& services) {
   auto options = config.probing;
+  options.collects = services.collects;
   options.isSelected = [&mirror, patterns = config.feed.interfaces](Linux::LinkIndex index) {
     const auto* link = mirror.link(index);
     return link != nullptr && Linux::isSelected(patterns, link->name);
@@ -25,6 +27,11 @@ Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& 
 std::optional<double> earlier(std::optional<double> a, std::optional<double> b) {
   if (!a || !b) return a ? a : b;
   return std::min(*a, *b);
+}
+
+/// The kernel keeps routes for one type of service or one range of sources apart.
+bool standsWhereOursWould(const Linux::Route& route) {
+  return route.tos == 0 && !route.hasSource;
 }
 
 }  // namespace
@@ -47,9 +54,10 @@ Router::Router(const Config& config, const Services& services)
       mirror_(config.protocol),
       feed_(mirror_, config.feed),
       switch_({.settles = true, .sharedName = config.sharedName}),
-      routes_(services.channel, services.log, services.clock, config.kernelRoutes),
+      routes_(services.channel, services.log, services.clock, config.kernelRoutes,
+              [this](const auto& key, uint32_t metric) { return isAnothers(key, metric); }),
       exports_(switch_, feed_, routes_, config),
-      probing_(mirror_, services.clock, probingOptions(config, mirror_)) {
+      probing_(mirror_, services.clock, probingOptions(config, mirror_, services_)) {
   feed_.setWarningSink(
       [this](const Linux::FeedWarning& warning) { services_.report(LOG_WARNING, warning.text); });
   switch_.setLoading(true);
@@ -71,14 +79,19 @@ void Router::apply(const Linux::Change& change) {
 /// otherwise they were changed by somebody else. Never are they input.
 bool Router::takeOwnRoute(const Linux::Change& change) {
   const auto* route = std::get_if<Linux::Route>(&change.object);
-  if (route == nullptr || route->protocol != config_.protocol) return false;
-  if (!Linux::isHost(route->prefix)) return true;
+  if (route == nullptr) return false;
+  const bool isOurs = route->protocol == config_.protocol;
+  if (!Linux::isHost(route->prefix)) return isOurs;
   const auto isOutput = [&](const auto& entry) {
     const auto& tables = entry.second;
     return route->table == (Linux::familyOf(route->prefix) == 4 ? tables.table4 : tables.table6);
   };
-  if (std::ranges::none_of(config_.tables, isOutput)) return true;
+  if (std::ranges::none_of(config_.tables, isOutput)) return isOurs;
   const Linux::RouteKey key{route->table, route->prefix};
+  if (!isOurs) {
+    if (standsWhereOursWould(*route)) routes_.observeAnother(key, route->metric, change.present);
+    return false;
+  }
   Linux::RouteValue value{
       .vias = {}, .metric = route->metric, .preferredSource = route->preferredSource};
   // A blackhole of ours is left from the announcement of a loss, and has no vias.
@@ -89,9 +102,17 @@ bool Router::takeOwnRoute(const Linux::Change& change) {
   if (dumps_ && change.present) {
     routes_.adopt(key, std::move(value));
   } else {
-    routes_.observe(key, change.present ? std::optional(std::move(value)) : std::nullopt);
+    routes_.observe(key, change.present ? std::optional(std::move(value)) : std::nullopt,
+                    change.replaces);
   }
   return true;
+}
+
+bool Router::isAnothers(const Linux::RouteKey& key, uint32_t metric) const {
+  return std::ranges::any_of(mirror_.routes(key.table, key.prefix),
+                             [metric](const Linux::Route& route) {
+                               return route.metric == metric && standsWhereOursWould(route);
+                             });
 }
 
 /// Some changes say more than they name: routes that the kernel drops without a word, hosts that
@@ -173,7 +194,7 @@ void Router::reload(const Config& config) {
   config_ = std::move(next);
   feed_.setOptions(config_.feed);
   routes_.setOptions(config_.kernelRoutes);
-  probing_.setOptions(probingOptions(config_, mirror_));
+  probing_.setOptions(probingOptions(config_, mirror_, services_));
   exports_.setConfig(config_);
 }
 

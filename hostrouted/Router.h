@@ -42,6 +42,8 @@ class Router {
     std::function<double()> clock;  ///< seconds, never going back
     std::function<void(std::span<const Linux::Probe>)> probe;
     std::function<void(int level, const std::string& message)> report;  ///< syslog(3) levels
+    /// Whether the kernel drops neighbours of a family for lack of use: Linux::collectsNeighbors().
+    std::function<bool(int family)> collects = {};
     /// Told of each operation that the switch is given; empty when nobody records.
     Linux::Feed::Output record = {};
   };
@@ -91,6 +93,7 @@ class Router {
 
  private:
   bool takeOwnRoute(const Linux::Change& change);
+  bool isAnothers(const Linux::RouteKey& key, uint32_t metric) const;
   void noteDepartures(const Linux::Change& change);
   void operate(const Daemon::Operation& operation);
 

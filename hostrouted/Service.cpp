@@ -181,6 +181,7 @@ class Service::Loop {
             },
         .report = [this](int level,
                          const std::string& message) { log_.write(level, "router", message); },
+        .collects = Linux::collectsNeighbors,
         .record = {}};
     if (recorder_.isOn()) {
       services.record = [this](const Daemon::Operation& operation) { recorder_.write(operation); };

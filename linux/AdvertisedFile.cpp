@@ -26,46 +26,45 @@ uint32_t checksum(std::string_view text) {
   return sum;
 }
 
-template <class Number>
-void appendNumber(std::string& out, Number value, int base = 10) {
-  std::array<char, 24> text;
-  const auto end = std::to_chars(text.begin(), text.end(), value, base).ptr;
-  out.append(text.begin(), end);
-}
+/// One line of the file, put together in one place: there is one for each route that is written.
+class Line {
+ public:
+  Line(char verb, const RouteKey& key) {
+    *end_++ = verb;
+    *end_++ = ' ';
+    number(key.table);
+    *end_++ = ' ';
+    end_ = std::visit([this](const auto& prefix) { return prefix.write(end_); }, key.prefix);
+  }
+  void metric(uint32_t metric) {
+    *end_++ = ' ';
+    number(metric);
+  }
+  void appendTo(std::string& out) {
+    const uint32_t sum = checksum({text_.data(), end_});
+    *end_++ = ' ';
+    number(sum, 16);
+    *end_++ = '\n';
+    out.append(text_.data(), end_);
+  }
 
-/// Ends the line that began at `begin`.
-void endLine(std::string& out, size_t begin) {
-  const uint32_t sum = checksum(std::string_view(out).substr(begin));
-  out += ' ';
-  appendNumber(out, sum, 16);
-  out += '\n';
-}
+ private:
+  void number(uint32_t value, int base = 10) {
+    end_ = std::to_chars(end_, text_.data() + text_.size(), value, base).ptr;
+  }
 
-void appendKey(std::string& out, const RouteKey& key) {
-  appendNumber(out, key.table);
-  out += ' ';
-  std::visit(
-      [&out](const auto& prefix) {
-        std::array<char, std::decay_t<decltype(prefix)>::kMaxText> text;
-        out.append(text.data(), prefix.write(text.data()));
-      },
-      key.prefix);
-}
+  std::array<char, Zemit::Ip6Prefix::kMaxText + 64> text_;
+  char* end_ = text_.data();
+};
 
 void appendAddition(std::string& out, const RouteKey& key, uint32_t metric) {
-  const size_t begin = out.size();
-  out += "+ ";
-  appendKey(out, key);
-  out += ' ';
-  appendNumber(out, metric);
-  endLine(out, begin);
+  Line line('+', key);
+  line.metric(metric);
+  line.appendTo(out);
 }
 
 void appendRemoval(std::string& out, const RouteKey& key) {
-  const size_t begin = out.size();
-  out += "- ";
-  appendKey(out, key);
-  endLine(out, begin);
+  Line('-', key).appendTo(out);
 }
 
 std::optional<uint32_t> parseNumber(std::string_view text, int base = 10) {

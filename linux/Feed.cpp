@@ -220,9 +220,9 @@ void Feed::Work::flush(const Output& output) {
   withdrawInterfaces(output);
   tellInterfaces(output);
   tellRoutes(output);
-  tellNeighbors(output);
   tellVirtualAddresses(virtuals, output);
   tellReadiness(output);
+  tellNeighbors(output);
 
   everything_ = false;
   markedLinks_.clear();
@@ -319,14 +319,19 @@ void Feed::Work::findRoles() {
 }
 
 void Feed::Work::markNeighborsOf(LinkIndex link, const Port& port) {
-  std::set<Address> addrs;
-  mirror_.forEachNeighbor(link, [&](const Neighbor& neighbor) { addrs.insert(neighbor.addr); });
+  const auto first = static_cast<std::ptrdiff_t>(markedNeighbors_.size());
+  mirror_.forEachNeighbor(link, [&](const Neighbor& neighbor) {
+    markedNeighbors_.push_back({link, neighbor.addr, {}});
+  });
   Daemon::forEachFamily([&](auto family) {
     for (const auto& told : std::get<ToldNeighbors<decltype(family)>>(port.neighbors)) {
-      addrs.insert(told.key);
+      if (mirror_.neighbor(link, told.key) == nullptr) {
+        markedNeighbors_.push_back({link, told.key, {}});
+      }
     }
   });
-  for (const auto& addr : addrs) markedNeighbors_.push_back({link, addr, {}});
+  std::ranges::sort(markedNeighbors_.begin() + first, markedNeighbors_.end(), {},
+                    &MarkedNeighbor::addr);
 }
 
 void Feed::Work::findAddresses() {

@@ -1,5 +1,6 @@
 #include "linux/KernelRoutes.h"
 
+#include <array>
 #include <cerrno>
 #include <cmath>
 
@@ -116,8 +117,12 @@ std::vector<bool> KernelRoutes::ValuePool::through(
 }
 
 KernelRoutes::KernelRoutes(RouteChannel& channel, AdvertisedLog& log, std::function<double()> clock,
-                           KernelRoutesOptions options)
-    : channel_(channel), log_(log), clock_(std::move(clock)), options_(options) {}
+                           KernelRoutesOptions options, IsAnothers isAnothers)
+    : channel_(channel),
+      log_(log),
+      clock_(std::move(clock)),
+      options_(options),
+      isAnothers_(std::move(isAnothers)) {}
 
 void KernelRoutes::want(const RouteKey& key, std::optional<RouteValue> value) {
   Entry* const entry = value ? entries_.tryEmplace(key).first : entries_.find(key);
@@ -155,18 +160,24 @@ void KernelRoutes::adopt(const RouteKey& key, RouteValue value) {
   }
   entry.set(kSeen);
   if (!started_) ++counters_.adopted;
-  advertise(key, entry, values_[id].metric);
+  advertiseFound(key, entry, values_[id].metric);
+  // It differs from what we believed to be there: it was replaced while notifications were lost.
+  if (entry.actual != 0 && entry.actual != id && !entry.is(kTold)) entry.set(kReplaced);
   entry.clear(kUnsure | kTold);
   setActual(entry, id);
-  if (entry.wanted != id) mark(key, entry);
+  if (entry.wanted != id || entry.is(kReplaced)) mark(key, entry);
 }
 
 void KernelRoutes::adoptAdvertised(const RouteKey& key, uint32_t metric) {
+  if (familyOf(key.prefix) == 6 && metric == 0) metric = kDefaultMetric6;
   Entry& entry = *entries_.tryEmplace(key).first;
-  if (entry.is(kAdvertised)) return;
+  if (entry.is(kAdvertised)) {
+    if (entry.metric != metric) strays_.emplace_back(key, metric);
+    return;
+  }
   // It is in the log already.
   entry.set(kAdvertised);
-  entry.metric = familyOf(key.prefix) == 6 && metric == 0 ? kDefaultMetric6 : metric;
+  entry.metric = metric;
   mark(key, entry);
 }
 
@@ -175,7 +186,8 @@ void KernelRoutes::start() {
   scansAll_ = true;
 }
 
-void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>& value) {
+void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>& value,
+                           bool replaces) {
   if (!value) {
     Entry* const entry = entries_.find(key);
     if (entry == nullptr || entry->actual == 0) return;
@@ -191,12 +203,31 @@ void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>&
     values_.drop(id);
     return;
   }
-  advertise(key, entry, values_[id].metric);
+  const bool isFresh = !entry.is(kAdvertised) || entry.is(kTold);
+  if (!isFresh && (replaces || entry.actual != id)) entry.set(kReplaced);
+  advertiseFound(key, entry, values_[id].metric);
   entry.clear(kUnsure | kTold | kClaimed);
   setActual(entry, id);
-  if (entry.wanted == id) return;
+  if (entry.wanted == id && !entry.is(kReplaced)) return;
   entry.set(kMeddled);
   mark(key, entry);
+}
+
+void KernelRoutes::observeAnother(const RouteKey& key, uint32_t metric, bool present) {
+  Entry* const entry = entries_.find(key);
+  if (entry == nullptr) return;
+  if (present) {
+    if (entry->actual == 0 || values_[entry->actual].metric != metric) return;
+    // It has taken the place of ours, unless somebody put it beside it.
+    entry->set(kUnsure | kMeddled);
+    mark(key, *entry);
+  } else if (entry->is(kTroubled)) {
+    auto& trouble = troubles_.find(key)->second;
+    if (trouble.error != EEXIST) return;
+    trouble.retryAt = 0;
+    trouble.attempts = 0;
+    mark(key, *entry);
+  }
 }
 
 void KernelRoutes::distrust(LinkIndex link) {
@@ -295,6 +326,17 @@ void KernelRoutes::advertise(const RouteKey& key, Entry& entry, uint32_t metric)
   entry.metric = metric;
 }
 
+/// Notes a route that was found, not written. When its key was advertised under another metric,
+/// that route is gone without a word.
+void KernelRoutes::advertiseFound(const RouteKey& key, Entry& entry, uint32_t metric) {
+  if (entry.is(kAdvertised) && entry.metric != metric) strays_.emplace_back(key, entry.metric);
+  advertise(key, entry, metric);
+}
+
+bool KernelRoutes::isAnothers(const RouteKey& key, uint32_t metric) const {
+  return isAnothers_ && isAnothers_(key, metric);
+}
+
 void KernelRoutes::unadvertise(const RouteKey& key, Entry& entry) {
   if (!entry.is(kAdvertised)) return;
   log_.remove(key);
@@ -327,6 +369,7 @@ void KernelRoutes::flush() {
   if (scansAll_ || !distrusted_.empty()) scan();
   if (!changedLinks_.empty()) retryChangedLinks();
   if (now_ >= nextWake_) wakeDue();
+  if (!strays_.empty()) announceStrays();
   if (!extras_.empty()) deleteExtras();
   if (dirty_.empty()) return;
 
@@ -349,7 +392,8 @@ void KernelRoutes::scan() {
     Entry& entry = it.value();
     if (entry.actual != 0 && isDistrusted[entry.actual]) entry.set(kUnsure);
     const bool isOver = entry.actual == 0 && entry.wanted == 0;
-    if (entry.wanted != entry.actual || entry.is(kUnsure) || isOver) mark(it.key(), entry);
+    const bool mayDiffer = entry.is(kUnsure) || entry.is(kReplaced);
+    if (entry.wanted != entry.actual || mayDiffer || isOver) mark(it.key(), entry);
   }
   distrusted_.clear();
   scansAll_ = false;
@@ -405,6 +449,29 @@ void KernelRoutes::wakeDue() {
     markEntry(key);
     return true;
   });
+}
+
+/// Announces as gone what was advertised under another metric than it was found with. The log is
+/// not committed before: it still names that metric.
+void KernelRoutes::announceStrays() {
+  auto strays = std::exchange(strays_, {});
+  if (!options_.announcesSilentLoss) return;
+  for (const auto& [key, metric] : strays) {
+    requestCount_ = 0;
+    nextRequest(Verb::AddBlackhole, key, metric);
+    nextRequest(Verb::DeleteBlackhole, key, metric);
+    std::array<int, 2> results{};
+    const std::span requests = std::span(requests_).first(requestCount_);
+    channel_.perform(requests.first(1), std::span(results).first(1));
+    if (results[0] == EEXIST) continue;  // so it is not gone
+    if (results[0] == 0) channel_.perform(requests.last(1), std::span(results).last(1));
+    if (results[0] == 0 && (results[1] == 0 || isAbsent(results[1]))) {
+      ++counters_.silentLosses;
+      continue;
+    }
+    strays_.emplace_back(key, metric);
+    wakeAt(now_ + firstDelay(EIO));
+  }
 }
 
 /// Deletes what stands beside the routes that were adopted.
@@ -514,9 +581,10 @@ KernelRoutes::Step KernelRoutes::decide(const RouteKey& key, Entry& entry) {
     return target == 0 ? Step::None : Step::Add;
   }
   if (target == 0) return Step::Delete;
-  if (target == entry.actual && !entry.is(kUnsure)) return Step::None;
+  const bool isReplaced = entry.is(kReplaced) && options_.announcesSilentLoss;
+  if (target == entry.actual && !entry.is(kUnsure) && !isReplaced) return Step::None;
   if (isHeld(key, entry)) return Step::None;
-  if (target != entry.actual) return Step::Delete;
+  if (target != entry.actual || isReplaced) return Step::Delete;
   // To add it tells whether it is there, and mends it when that is no news to anybody.
   return entry.is(kTold) || !options_.announcesSilentLoss ? Step::Add : Step::Verify;
 }
@@ -585,10 +653,11 @@ void KernelRoutes::settleAdd(const RouteKey& key, Entry& entry, int result) {
       ++counters_.silentLosses;
     }
     if (!verifies) setActual(entry, values_.share(entry.wanted));
-    entry.clear(kUnsure | kTold | kMeddled);
+    entry.clear(kUnsure | kTold | kMeddled | kReplaced);
     mend(key, entry);
   } else if (result == EEXIST) {
-    if (!verifies) entry.set(kClaimed);
+    if (verifies && isAnothers(key, values_[entry.actual].metric)) setActual(entry, 0);
+    if (entry.actual == 0) entry.set(kClaimed);
     entry.clear(kUnsure | kTold | kMeddled);
   } else if (result == RouteChannel::kUnknown) {
     setTrouble(key, entry, EIO, true);
@@ -611,12 +680,17 @@ void KernelRoutes::settleDelete(const RouteKey& key, Entry& entry, int result) {
   }
   if (result == 0 || entry.is(kTold)) unadvertise(key, entry);
   setActual(entry, 0);
-  entry.clear(kUnsure | kTold | kClaimed);
+  entry.clear(kUnsure | kTold | kClaimed | kReplaced);
 }
 
 void KernelRoutes::settleVerify(const RouteKey& key, Entry& entry, int result) {
   if (result == EEXIST) {
     entry.clear(kUnsure);
+    if (isAnothers(key, entry.metric)) {
+      ++counters_.silentLosses;
+      setActual(entry, 0);
+      entry.set(kClaimed);
+    }
   } else if (result == 0) {
     ++counters_.silentLosses;
     setActual(entry, blackhole(values_[entry.actual].metric));

@@ -127,9 +127,12 @@ class KernelRoutes {
              silentLosses = 0;
   };
 
+  /// Whether a route of another protocol is known to stand where ours with this metric would.
+  using IsAnothers = std::function<bool(const RouteKey& key, uint32_t metric)>;
+
   /// \param clock  seconds from any moment on; never goes back.
   KernelRoutes(RouteChannel& channel, AdvertisedLog& log, std::function<double()> clock,
-               KernelRoutesOptions options);
+               KernelRoutesOptions options, IsAnothers isAnothers = {});
 
   /// The route that should be there, or none. Takes effect at the next flush().
   void want(const RouteKey& key, std::optional<RouteValue> value);
@@ -142,7 +145,10 @@ class KernelRoutes {
   void start();
 
   /// The kernel told of a route with our protocol number that we did not write or delete ourselves.
-  void observe(const RouteKey& key, const std::optional<RouteValue>& value);
+  /// \param replaces  it stands in the place of another (NLM_F_REPLACE).
+  void observe(const RouteKey& key, const std::optional<RouteValue>& value, bool replaces = false);
+  /// The kernel told that another protocol's route came or went where one of ours may be.
+  void observeAnother(const RouteKey& key, uint32_t metric, bool present);
   /// The kernel may have dropped the routes through an interface without a word: it went down, lost
   /// its last IPv4 address, or was deleted.
   void distrust(LinkIndex link);
@@ -210,6 +216,7 @@ class KernelRoutes {
     kClaimed = 64,    // something is in its place, perhaps a route of ours
     kSeen = 128,      // was named by the dump
     kTroubled = 256,  // is in troubles_
+    kReplaced = 512,  // who imports the table may have dropped it for having been replaced
   };
   struct Entry {
     ValueId wanted = 0;
@@ -256,6 +263,8 @@ class KernelRoutes {
   void setActual(Entry& entry, ValueId id);
   ValueId blackhole(uint32_t metric);
   void advertise(const RouteKey& key, Entry& entry, uint32_t metric);
+  void advertiseFound(const RouteKey& key, Entry& entry, uint32_t metric);
+  bool isAnothers(const RouteKey& key, uint32_t metric) const;
   void unadvertise(const RouteKey& key, Entry& entry);
   void wakeAt(double time) { nextWake_ = std::min(nextWake_, time); }
   void setTrouble(const RouteKey& key, Entry& entry, int error, bool blocks);
@@ -264,6 +273,7 @@ class KernelRoutes {
   void scan();
   void retryChangedLinks();
   void wakeDue();
+  void announceStrays();
   void deleteExtras();
   void flushChunk(std::span<const RouteKey> keys);
   void noteChange(const RouteKey& key, Entry& entry);
@@ -283,6 +293,7 @@ class KernelRoutes {
   AdvertisedLog& log_;
   std::function<double()> clock_;
   KernelRoutesOptions options_;
+  IsAnothers isAnothers_;
   bool started_ = false;
   bool scansAll_ = false;
   double now_ = 0;  // when the flush began
@@ -291,6 +302,8 @@ class KernelRoutes {
   std::vector<RouteKey> dirty_;
   std::unordered_set<LinkIndex> distrusted_, changedLinks_;
   std::vector<std::pair<RouteKey, uint32_t>> extras_;  // further routes of a key, by metric
+  // Metrics under which keys were advertised before they were found with others.
+  std::vector<std::pair<RouteKey, uint32_t>> strays_;
   // Of the few keys that have them.
   std::unordered_map<RouteKey, Trouble, KeyHash> troubles_;
   std::unordered_map<RouteKey, double, KeyHash> repairs_;  // when each was repaired last

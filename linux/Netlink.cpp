@@ -218,6 +218,27 @@ class Dump {
   bool isInterrupted_ = false;
 };
 
+/// Reads a neighbour table's message (RTM_NEWNEIGHTBL): whether its entries are as many as
+/// gc_thresh1. Nothing where it is about the table's parameters on one interface.
+std::optional<bool> isAtThreshold(std::span<const std::byte> message) {
+  const auto* const header = reinterpret_cast<const nlmsghdr*>(message.data());
+  const nlattr* config = nullptr;
+  const nlattr* threshold = nullptr;
+  const auto* attribute =
+      static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(header, sizeof(ndtmsg)));
+  const auto* end = static_cast<const char*>(mnl_nlmsg_get_payload_tail(header));
+  while (mnl_attr_ok(attribute, static_cast<int>(end - reinterpret_cast<const char*>(attribute)))) {
+    if (mnl_attr_get_type(attribute) == NDTA_CONFIG) config = attribute;
+    if (mnl_attr_get_type(attribute) == NDTA_THRESH1) threshold = attribute;
+    attribute = mnl_attr_next(attribute);
+  }
+  ndt_config counts{};
+  if (config == nullptr || mnl_attr_get_payload_len(config) < sizeof counts) return std::nullopt;
+  if (threshold == nullptr || mnl_attr_validate(threshold, MNL_TYPE_U32) < 0) return std::nullopt;
+  std::memcpy(&counts, mnl_attr_get_payload(config), sizeof counts);
+  return counts.ndtc_entries >= mnl_attr_get_u32(threshold);
+}
+
 }  // namespace
 
 void CloseSocket::operator()(mnl_socket* socket) const {
@@ -284,7 +305,8 @@ bool NotificationSocket::read(size_t most, const TakeChange& take) {
       if (errno == ENOBUFS) return drain();
       refuse("reading");
     }
-    for (size_t i = 0; i < static_cast<size_t>(received); ++i, ++count) {
+    const auto datagrams = static_cast<size_t>(received);
+    for (size_t i = 0; i < datagrams; ++i, ++count) {
       // Other processes may send to this socket as well.
       if (buffers_->senders[i].nl_pid != 0) continue;
       if ((messages[i].msg_hdr.msg_flags & MSG_TRUNC) != 0) return drain();
@@ -298,6 +320,8 @@ bool NotificationSocket::read(size_t most, const TakeChange& take) {
         if (warn_) warn_(error.what());
       }
     }
+    // There was no more. What came since then, a loss too, makes the socket readable again.
+    if (datagrams < kBuffers) return true;
   }
   return true;
 }
@@ -310,6 +334,34 @@ bool NotificationSocket::drain() {
     continue;
   if (errno != EAGAIN) refuse("reading");
   return false;
+}
+
+bool collectsNeighbors(int family) {
+  const SocketPtr socket = openSocket();
+  bindSocket(socket);
+  std::array<std::byte, 64> request{};
+  nlmsghdr* const message = mnl_nlmsg_put_header(request.data());
+  message->nlmsg_type = RTM_GETNEIGHTBL;
+  message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  auto* const head = static_cast<ndtmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ndtmsg)));
+  head->ndtm_family = family == 4 ? AF_INET : AF_INET6;
+  if (mnl_socket_sendto(socket.get(), message, message->nlmsg_len) < 0) refuse("writing");
+  std::vector<std::byte> buffer(kBufferSize);
+  std::optional<bool> result;
+  for (bool isMore = true; isMore;) {
+    const ssize_t size = mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size());
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0) refuse("reading");
+    forEachMessage(std::span(buffer).first(static_cast<size_t>(size)),
+                   [&](const nlmsghdr& header, std::span<const std::byte> answer) {
+                     if (header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR) {
+                       isMore = false;
+                     } else if (header.nlmsg_type == RTM_NEWNEIGHTBL && !result) {
+                       result = isAtThreshold(answer);
+                     }
+                   });
+  }
+  return result.value_or(true);
 }
 
 bool dumpAll(const TakeChange& take, const Warn& warn) {

@@ -79,4 +79,8 @@ class NotificationSocket {
 /// \throws NetlinkError
 bool dumpAll(const TakeChange& take, const Warn& warn = {});
 
+/// Whether the kernel drops neighbours of a family (4 or 6) that are not in use: its table has as
+/// many entries as gc_thresh1 allows, or more. It does, where it does not say.
+bool collectsNeighbors(int family);
+
 }  // namespace Linux

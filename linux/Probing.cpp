@@ -10,6 +10,8 @@ namespace {
 
 /// Stands for every VLAN; no VLAN has this number.
 constexpr uint16_t kAnyVlan = 0xFFFF;
+/// What the kernel does is asked for again after so many seconds.
+constexpr double kAskInterval = 5;
 
 }  // namespace
 
@@ -52,7 +54,7 @@ void Probing::setOptions(ProbingOptions options) {
   const bool begins = options.keepalive && !options_.keepalive;
   options_ = std::move(options);
   if (!options_.keepalive) {
-    refreshments_ = {};
+    for (auto& refreshments : refreshments_) refreshments = {};
     refreshedAt_.clear();
   }
   if (!begins) return;
@@ -65,7 +67,9 @@ void Probing::setOptions(ProbingOptions options) {
 std::vector<Probe> Probing::due() {
   std::vector<Probe> probes;
   if (!carriersLost_.empty() || !bridges_.empty()) resolveDepartures();
-  if (urgent_.empty() && refreshments_.empty()) return probes;
+  const bool hasRefreshments = std::ranges::any_of(
+      refreshments_, [](const auto& refreshments) { return !refreshments.queue.empty(); });
+  if (urgent_.empty() && !hasRefreshments) return probes;
   tokens_ = tokensNow();
   tokensAt_ = clock_();
   while (!urgent_.empty() && tokens_ >= 1) {
@@ -77,24 +81,40 @@ std::vector<Probe> Probing::due() {
     probes.push_back(probe);
     --tokens_;
   }
-  while (!refreshments_.empty() && refreshments_.top().at <= tokensAt_ && tokens_ >= 1) {
-    const auto probe = refreshments_.top().probe;
-    refreshments_.pop();
+  for (const int family : {4, 6}) takeRefreshments(family, probes);
+  return probes;
+}
+
+/// Takes those that are due, unless the kernel has so few entries that it drops none.
+void Probing::takeRefreshments(int family, std::vector<Probe>& probes) {
+  auto& refreshments = refreshments_[family == 4 ? 0 : 1];
+  if (!refreshments.isDue(tokensAt_)) return;
+  if (tokensAt_ >= refreshments.askAt) {
+    refreshments.areNeeded = !options_.collects || options_.collects(family);
+    refreshments.askAt = tokensAt_ + kAskInterval;
+  }
+  while (refreshments.areNeeded && refreshments.isDue(tokensAt_) && tokens_ >= 1) {
+    const auto probe = refreshments.queue.top().probe;
+    refreshments.queue.pop();
     const auto* neighbor = mirror_.neighbor(probe.link, probe.addr);
     if (neighbor == nullptr || !isOurs(*neighbor) || neighbor->state != NUD_STALE) continue;
     refreshedAt_.insertOrAssign(probe, tokensAt_);
     probes.push_back(probe);
     --tokens_;
   }
-  return probes;
 }
 
 std::optional<double> Probing::nextDeadline() const {
   if (options_.rate == 0) return std::nullopt;
   const double tokenAt = tokensAt_ + std::max(0.0, 1 - tokens_) / options_.rate;
   if (!urgent_.empty() || !carriersLost_.empty() || !bridges_.empty()) return tokenAt;
-  if (refreshments_.empty()) return std::nullopt;
-  return std::max(tokenAt, refreshments_.top().at);
+  std::optional<double> next;
+  for (const auto& [queue, areNeeded, askAt] : refreshments_) {
+    if (queue.empty()) continue;
+    const double at = std::max({tokenAt, queue.top().at, areNeeded ? 0 : askAt});
+    if (!next || at < *next) next = at;
+  }
+  return next;
 }
 
 /// Finds the neighbours behind what left, on the interfaces that stand on it.
@@ -154,7 +174,7 @@ void Probing::considerRefreshing(const Neighbor& neighbor) {
     if (*at > now) return;
     *at = std::max(now, *at + options_.keepaliveInterval);
   }
-  refreshments_.push({*at, probe});
+  refreshments_[familyOf(neighbor.addr) == 4 ? 0 : 1].queue.push({*at, probe});
 }
 
 double Probing::tokensNow() const {

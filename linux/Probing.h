@@ -1,6 +1,7 @@
 // Decides which neighbours the kernel should ask for a sign of life.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -21,6 +22,9 @@ struct ProbingOptions {
   bool onDeparture = true;
   /// Whether entries that the kernel would drop for lack of use are refreshed in time.
   bool keepalive = false;
+  /// Whether the kernel drops entries of a family (4 or 6) for lack of use at all: see
+  /// collectsNeighbors(). Asked now and then; where it is empty, it always does.
+  std::function<bool(int family)> collects;
   /// Seconds between two refreshments of one entry. The kernel drops an entry that was not in use
   /// for gc_stale_time, 60 seconds where nobody set it.
   double keepaliveInterval = 30;
@@ -77,7 +81,17 @@ class Probing {
     friend bool operator>(const Refreshment& a, const Refreshment& b) { return a.at > b.at; }
   };
 
+  /// What is to be refreshed of one family.
+  struct Refreshments {
+    std::priority_queue<Refreshment, std::vector<Refreshment>, std::greater<>> queue;
+    bool areNeeded = false;  ///< the kernel dropped entries when it was asked last
+    double askAt = 0;        ///< whether it does
+
+    bool isDue(double now) const { return !queue.empty() && queue.top().at <= now; }
+  };
+
   void resolveDepartures();
+  void takeRefreshments(int family, std::vector<Probe>& probes);
   void askAll(const Link& link);
   void askDeparted(const Link& link, LinkIndex bridge);
   void ask(const Probe& probe);
@@ -95,7 +109,7 @@ class Probing {
   std::deque<Probe> urgent_;
   Kiv::HashMap<Probe, Kiv::Present> isUrgent_;
   // Entries to be refreshed, and when each was last or is going to be.
-  std::priority_queue<Refreshment, std::vector<Refreshment>, std::greater<>> refreshments_;
+  std::array<Refreshments, 2> refreshments_;  // IPv4, IPv6
   Kiv::HashMap<Probe, double> refreshedAt_;
   // Probes that may be sent at the time tokensAt_; the fraction counts.
   double tokens_ = 0;

@@ -99,7 +99,8 @@ void RouteTable::put(const Route& route, bool replaces, bool appends) {
   Number same = findSame(route, body);
   Number replaced = replaces ? findReplaced(route, body) : kNone;
   if (replaced != kNone && replaced != same) {
-    if (same != kNone) remove(same);
+    // The kernel keeps an equal IPv6 route without gateway that stands further behind.
+    if (same != kNone && (body.family == 4 || body.canJoin() || body.nexthop != 0)) remove(same);
     touch(replaced);
     if (setBody(replaced, std::move(body))) changed(replaced);
     return;

@@ -162,13 +162,21 @@ class KernelRoutesTest : public testing::Test {
   /// A new process: all it has is the log and the tables.
   void restart(std::optional<std::map<RouteKey, RouteValue>> wants = {}) {
     kernel.requestsUntilKilled = -1;
+    // That a route was replaced dies with the process that was told so.
+    for (auto& [place, value] : kernel.imported) {
+      if (!value && kernel.routes.contains(place)) value = kernel.routes[place].value;
+    }
     log.noted = log.kept;
     routes = std::make_unique<KernelRoutes>(
-        kernel, log, [this] { return now; }, options);
+        kernel, log, [this] { return now; }, options,
+        [this](const RouteKey& key, uint32_t metric) {
+          const auto found = kernel.routes.find({key, metric});
+          return found != kernel.routes.end() && !found->second.isOurs;
+        });
+    for (const auto& [key, metric] : std::map(log.kept)) routes->adoptAdvertised(key, metric);
     routes->beginDump();
     dump();
     routes->endDump();
-    for (const auto& [key, metric] : std::map(log.kept)) routes->adoptAdvertised(key, metric);
     if (wants) wanted = *wants;
     for (const auto& [key, value] : wanted) routes->want(key, value);
     routes->start();
@@ -189,6 +197,15 @@ class KernelRoutesTest : public testing::Test {
   void wantNow(const RouteKey& key, std::optional<RouteValue> value) {
     want(key, std::move(value));
     routes->flush();
+  }
+  /// Another protocol's route comes, perhaps in the place of ours.
+  void putAnothers(const RouteKey& key, const RouteValue& value) {
+    kernel.put(key, {false, value});
+    routes->observeAnother(key, value.metric, true);
+  }
+  void takeAnothersAway(const FakeKernel::Place& place) {
+    kernel.takeAway(place);
+    routes->observeAnother(place.first, place.second, false);
   }
   /// What was requested since the last time.
   std::vector<std::string> told() { return std::exchange(kernel.told, {}); }
@@ -342,6 +359,58 @@ TEST_F(KernelRoutesTest, WaitsForAnothersRouteAndTakesItsOwn) {
   expectRight();
 }
 
+TEST_F(KernelRoutesTest, DoesNotTakeAnothersRouteForItsOwn) {
+  wantNow(key4(1), direct(1));
+  wantNow(key4(2), direct(1));
+  // One is lost without a word before another's route comes, one is replaced by it.
+  kernel.dropSilently(1);
+  kernel.routes[{key4(2), 0}] = {true, direct(1)};
+  kernel.put(key4(1), {false, direct(2)});
+  routes->distrust(1);
+  putAnothers(key4(2), direct(2));
+  routes->flush();
+  EXPECT_EQ(routes->installedCount(), 0u);
+  ASSERT_EQ(routes->problems(9).size(), 2u);
+  for (const auto& problem : routes->problems(9)) EXPECT_EQ(problem.error, EEXIST);
+  EXPECT_EQ(kernel.routes.size(), 2u) << "another's stay";
+  // As soon as the place is free.
+  for (const auto& key : {key4(1), key4(2)}) takeAnothersAway({key, 0});
+  routes->flush();
+  expectRight();
+}
+
+TEST_F(KernelRoutesTest, AddsAnewWhatOthersPutInThePlaceOfItsOwn) {
+  // Who imports the table drops a route that is replaced, also where it is what we want by then.
+  wantNow(key4(1), direct(1));
+  wantNow(key4(2), direct(1));
+  kernel.put(key4(1), {true, direct(2)});
+  routes->observe(key4(1), direct(2), true);
+  want(key4(1), direct(2));
+  kernel.put(key4(2), {true, direct(1)});
+  routes->observe(key4(2), direct(1), true);
+  routes->flush();
+  expectRight();
+  // The kernel tells the same again when a switch chip has taken the route: nothing was replaced.
+  told();
+  routes->observe(key4(1), direct(2), false);
+  routes->flush();
+  EXPECT_EQ(told(), std::vector<std::string>());
+}
+
+TEST_F(KernelRoutesTest, AnnouncesTheLossUnderTheMetricThatWasAdvertised) {
+  wantNow(key4(1), direct(1, 20));
+  log.commit();
+  // While nobody is there, it is lost, and one of our protocol number comes with another metric.
+  kernel.dropSilently(1);
+  for (const uint32_t metric : {0U, 30U}) {
+    kernel.put(key4(1), {true, direct(2, metric)});
+    restart();
+    routes->flush();
+    expectRight();
+    kernel.dropSilently(1);
+  }
+}
+
 TEST_F(KernelRoutesTest, RetriesWhatFailsForLackOfMemory) {
   wantNow(key4(1), direct(1));
   for (const int error : {ENOBUFS, ENOMEM, ENOSPC, RouteChannel::kUnknown}) {
@@ -481,20 +550,16 @@ TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
             }
             break;
           case 4: {
-            const auto value = normalized(key.prefix, direct(7));
+            const auto value = below(2) == 0 ? normalized(key.prefix, direct(7)) : anyValue(key);
             const auto there = kernel.routes.find({key, value.metric});
             if (there == kernel.routes.end() || !there->second.isOurs) break;
             kernel.put(key, {true, value});
-            routes->observe(key, value);
+            routes->observe(key, value, true);
             break;
           }
-          case 5: {
-            const auto value = normalized(key.prefix, direct(9));
-            // In the place of a route that was lost it would be taken for that one.
-            if (log.noted.contains(key)) break;
-            kernel.put(key, {false, value});
+          case 5:
+            putAnothers(key, normalized(key.prefix, direct(9)));
             break;
-          }
           case 6:
             kernel.fault = [&random](const auto&) { return random() % 3 == 0 ? ENOBUFS : 0; };
             break;
@@ -531,7 +596,7 @@ TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
     for (const auto& [place, route] : kernel.routes) {
       if (!route.isOurs) others.push_back(place);
     }
-    for (const auto& place : others) kernel.takeAway(place);
+    for (const auto& place : others) takeAnothersAway(place);
     passTime(0);
     passTime(200);
     expectRight();

@@ -130,6 +130,16 @@ TEST_F(MirrorTest, TakesAnIndexUnderAnotherNameForAnotherInterface) {
   EXPECT_EQ(told(), (Told{"link 2 gone", "link 2 new", "link 2 new"}));
 }
 
+TEST_F(MirrorTest, KeepsAnIpv6RouteWithoutGatewayThatIsThereTwice) {
+  add(route("2001:db8::/64", {hop(2)}));
+  add(route("2001:db8::/64", {hop(3)}));
+  // It takes the place of the first.
+  replace(route("2001:db8::/64", {hop(3)}));
+  EXPECT_EQ(hopsOf("2001:db8::/64"), "[link 3];[link 3];");
+  remove(route("2001:db8::/64", {hop(3)}));
+  EXPECT_EQ(hopsOf("2001:db8::/64"), "[link 3];");
+}
+
 // Notifications that the socket kept during a dump are older than what the dump said.
 TEST_F(MirrorTest, EndsRightWhenItHearsOfThePastAfterADump) {
   // A route that came and went with its interface, of which only the interface was told.

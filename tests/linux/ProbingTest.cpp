@@ -132,6 +132,38 @@ TEST_F(ProbingTest, LeavesAloneWhatItMustNotProbe) {
   EXPECT_EQ(probing->nextDeadline(), std::nullopt);
 }
 
+TEST_F(ProbingTest, RefreshesOnlyWhileTheKernelDropsEntries) {
+  std::set<int> collected;
+  int asked = 0;
+  options.keepalive = true;
+  options.collects = [&](int family) {
+    ++asked;
+    return collected.contains(family);
+  };
+  start();
+  neighbor(kRouted, 1, NUD_STALE);
+  Neighbor neighbor6;
+  neighbor6.link = kRouted;
+  neighbor6.addr = Zemit::Ip6Addr(0x20010DB800000000, 9);
+  neighbor6.state = NUD_STALE;
+  add(neighbor6);
+  probing->onNeighbor(kRouted, neighbor6.addr);
+  EXPECT_TRUE(probing->due().empty());
+  // While there is room for all, it is asked only now and then.
+  ASSERT_TRUE(probing->nextDeadline());
+  EXPECT_GE(*probing->nextDeadline(), now + 1);
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(probing->due().empty());
+  EXPECT_EQ(asked, 2);
+  collected = {6};
+  now = *probing->nextDeadline();
+  const auto probes = probing->due();
+  ASSERT_EQ(probes.size(), 1u);
+  EXPECT_EQ(probes[0].addr, neighbor6.addr);
+  collected = {4};
+  now = *probing->nextDeadline();
+  EXPECT_EQ(probed(), Hosts{1});
+}
+
 TEST_F(ProbingTest, KeepsToItsRate) {
   for (uint32_t i = 1; i <= 50; ++i) neighbor(kRouted, i);
   options.rate = 20;

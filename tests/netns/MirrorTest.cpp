@@ -120,6 +120,13 @@ route del 2001:db8:b::/64 via 2001:db8:1::3
 route replace 2001:db8:9::/64 via 2001:db8:1::9
 route append 2001:db8:9::/64 via 2001:db8:2::9
 )"},
+    {"IPv6 routes without gateway, of one metric", R"(
+route add 2001:db8:d::/64 dev e1
+route append 2001:db8:d::/64 dev e2
+route append 2001:db8:d::/64 via 2001:db8:1::3
+route replace 2001:db8:d::/64 dev e2
+route del 2001:db8:d::/64 dev e2
+)"},
     {"routes that drop", R"(
 route add blackhole 10.12.0.0/24
 route add unreachable 2001:db8:c::/64
@@ -271,6 +278,11 @@ constexpr const char* kDeeds[] = {
     "route replace 2001:db8:9::/64 nexthop via fe80::3 dev e1 nexthop via fe80::3 dev e2",
     "route replace 2001:db8:9::/64 via fe80::4 dev e1",
     "route del 2001:db8:9::/64",
+    "route append 2001:db8:8::/64 dev e1",
+    "route append 2001:db8:8::/64 dev e2",
+    "route add blackhole 2001:db8:8::/64",
+    "route del 2001:db8:8::/64 dev e1",
+    "route del 2001:db8:8::/64",
     "nexthop replace id 1 via 10.0.1.7 dev e1",
     "nexthop replace id 2 via 10.0.2.7 dev e2",
     "nexthop replace id 3 via fe80::7 dev e1",
