@@ -1,6 +1,7 @@
 // Following the FECs through which FIB routes resolve.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/InTurn.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
@@ -124,6 +125,7 @@ typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldP
 
 template <Family F>
 void Adjacency<F>::handleFec(Tovan::Fib::FecId fecId) {
+  const Event<F> event(sm_, CauseKind::Fec, fecId);
   const typename Listening<F>::Handling handling(sm_);
   Listening<F>(sm_).fecChanged(fecId);
   if (!root_.adjacencyToPrefix(fecId)) return;

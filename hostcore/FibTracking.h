@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "hostcore/Event.h"
 #include "hostcore/InTurn.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
@@ -101,6 +102,8 @@ void FibTracking<F>::handleHostStatusRoute() {
 
 template <Family F>
 void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
+  const Event<F> event(sm_, CauseKind::Route, prefix,
+                       fibRoute.key == prefix ? fibRoute.fecId : Tovan::Fib::invalidFecId);
   const typename Listening<F>::Handling handling(sm_);
   Listening<F>(sm_).coversChanged();
   Listening<F>(sm_).routeAnnounced(prefix);
