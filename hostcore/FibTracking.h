@@ -184,6 +184,7 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
     SharedFec<F> aboveFec(sm_, above.fecId);
     withdrawInTurn<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
                       [&](const typename F::Addr& addr) {
+                        const About<F> about(sm_, addr);
                         F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
                         neighbors->ipDel(addr);
                         if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec.now());

@@ -104,6 +104,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
       continue;
     }
     for (const Addr& addr : neighborsInside<F>(*table, lookUpAll ? Prefix() : fibRoute.key)) {
+      const About<F> about(sm_, addr);
       if (isNull(sm_.checkIpAddressAgainstFib(addr, table))) {
         KIV_TRACE(F::trace(), 7, sm_,
                   "checkIpAddressAgainstFib returned null prefix, skipping ARP entry for address "

@@ -116,7 +116,6 @@ class VerdictTest : public ExplainTest {
     if (!addr) return;
     const auto host = F::Prefix::host(*addr);
     const auto answer = Daemon::explain(sw_, vrfName, address);
-    SCOPED_TRACE(Daemon::toText(answer));
     const auto route = vrf.routing<F>().routeStatus->route(host);
     std::optional<InTable> inTable;
     if (route.key == host && route.routeType != F::kInvalid) inTable = shown<F>(sw_, route);
@@ -124,13 +123,13 @@ class VerdictTest : public ExplainTest {
     if (answer.winner) {
       verdict = {answer.winner->type, answer.winner->fec, inOrder(answer.winner->vias)};
     }
-    ASSERT_EQ(verdict, inTable);
-    ASSERT_NE(answer.winner.has_value(), answer.missing.has_value());
+    ASSERT_EQ(verdict, inTable) << Daemon::toText(answer);
+    ASSERT_NE(answer.winner.has_value(), answer.missing.has_value()) << Daemon::toText(answer);
     ++answers_;
     if (answer.pending.empty()) return;
     // Then the verdict was read from the table: that must stay an exception, and known to be one.
     ++pending_;
-    ASSERT_TRUE(mayBePending<F>(vrf.routing<F>().machine(), *addr));
+    ASSERT_TRUE(mayBePending<F>(vrf.routing<F>().machine(), *addr)) << Daemon::toText(answer);
   }
 
   size_t answers_ = 0;

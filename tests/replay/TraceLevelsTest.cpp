@@ -290,12 +290,13 @@ TEST(OwnTraceLevelsTest, OneVrfIsTracedOrOneAddressOfIt) {
        }) {
     player.apply(line);
   }
-  EXPECT_TRUE(records.empty());
   const auto learn = [&player](const char* ip, const char* mac) {
     player.apply(std::string(R"({"op":"neighbor","intf":"Ethernet1","ip":")") + ip +
                  R"(","mac":"00:00:00:00:00:)" + mac + R"("})");
   };
 
+  learn("10.1.1.4", "01");
+  EXPECT_TRUE(records.empty());
   sw.traceLevelIs("blue", 0x3FF);
   learn("10.1.1.5", "01");
   const size_t ofOne = records.take("");
