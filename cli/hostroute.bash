@@ -14,7 +14,8 @@ _hostroute() {
   local word=${COMP_WORDS[COMP_CWORD]} options
   COMPREPLY=()
   case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --shared | --vrf | --intf | --wait) return ;;
+    --shared | --vrf | --intf | --wait | --at | --last) return ;;
+    --replay) mapfile -t COMPREPLY < <(compgen -f -- "$word") && return ;;
     --trace) mapfile -t COMPREPLY < <(compgen -W "0,1,2,6,7 all" -- "$word") && return ;;
     --family) mapfile -t COMPREPLY < <(compgen -W "4 6" -- "$word") && return ;;
     --table) mapfile -t COMPREPLY < <(compgen -W "$(_hostroute_tables)" -- "$word") && return ;;
@@ -25,11 +26,13 @@ _hostroute() {
     --dir) mapfile -t COMPREPLY < <(compgen -d -- "$word") && return ;;
   esac
   case ${COMP_CWORD}${COMP_WORDS[1]} in
-    1*) options="replay routes diff import shell types --version --help" ;;
+    1*) options="replay routes diff explain history import shell types --version --help" ;;
     *replay) options="--json --json-lines --trace --echo --settle --no-final-dump --shared --hold
       --help" ;;
     *routes) options="--table --vrf --family --type --intf --wait --count --json --help" ;;
     *diff) options="--table --vrf --family --json --help" ;;
+    *explain) options="--replay --at --settle --vrf --json --help" ;;
+    *history) options="--replay --at --settle --vrf --last --json --help" ;;
     *import) options="--dir --link --addr --neigh --route4 --route6 --nexthop --help" ;;
     *shell) options="--help" ;;
     *types) options="--json --help" ;;

@@ -14,6 +14,8 @@ _hostroute() {
     'replay:play recorded inputs and print the resulting state'
     'routes:show the route tables that a process keeps in shared memory'
     'diff:compare the host routes of two dumps'
+    'explain:say why an address has, or has not, its host route'
+    'history:tell what became of host routes, and by what'
     'import:turn the state of a Linux machine into a recording'
     'shell:play recorded inputs, then look into the machines'
     'types:list the types that a plug-in provides'
@@ -51,6 +53,14 @@ _hostroute() {
     diff)
       _arguments $chosen '--table[compare with shared tables]:name:_hostroute_tables' \
         '--json[print JSON]' '1:dump:_files' '2:dump:_files'
+      ;;
+    explain | history)
+      local -a only
+      [[ $command == history ]] && only=('--last[only so many changes]:count:')
+      _arguments $only '--replay[in these recorded inputs]:recording:_files' \
+        '--at[after this line of them]:line:' '--settle[replay as a daemon does]' \
+        '--vrf[in this VRF]:VRF:' '--json[print JSON]' '--help[print the help]' \
+        '1:address or prefix:'
       ;;
     import)
       _arguments '--dir[directory of the documents]:directory:_files -/' \

@@ -9,6 +9,8 @@
 
 #include "cli/Command.h"
 #include "cli/DiffCommand.h"
+#include "cli/ExplainCommand.h"
+#include "cli/HistoryCommand.h"
 #include "cli/ImportCommand.h"
 #include "cli/ReplayCommand.h"
 #include "cli/RoutesCommand.h"
@@ -49,6 +51,8 @@ int run(CLI::App& app, int argc, char** argv) {
   Cli::addReplayCommand(app, exitCode);
   Cli::addRoutesCommand(app, exitCode);
   Cli::addDiffCommand(app, exitCode);
+  Cli::addExplainCommand(app, exitCode);
+  Cli::addHistoryCommand(app, exitCode);
   Cli::addImportCommand(app, exitCode);
   Cli::addShellCommand(app, exitCode);
   Cli::addTypesCommand(app, exitCode);
