@@ -24,6 +24,7 @@ void requireOutput() {
 
 Input::Input(std::string name) : name_(std::move(name)) {
   if (isStandardInput()) return;
+  if (name_.empty()) throw CommandError("hostroute", "the name of a file is empty", kMisused);
   std::error_code error;
   if (std::filesystem::is_directory(name_, error)) {
     throw CommandError(name_, "is a directory", kMisused);

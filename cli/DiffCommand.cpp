@@ -57,6 +57,9 @@ struct Options {
   bool json = false;
 };
 
+/// A line is none of a dump.
+struct NoDump {};
+
 /// What two routes to one prefix are compared by.
 struct Compared {
   /// A next hop: the hop and the interface, as they are shown.
@@ -71,9 +74,14 @@ struct Compared {
 
   /// What a dump says of a route.
   static Compared of(const json& route) {
+    const auto number = [&route](const char* member) {
+      const json& value = route.at(member);
+      if (!value.is_number_unsigned()) throw NoDump();
+      return value.get<uint64_t>();
+    };
     Compared compared{.type = route.at("type").get<std::string>(),
-                      .metric = route.at("metric").get<uint64_t>(),
-                      .preference = route.at("preference").get<uint64_t>(),
+                      .metric = number("metric"),
+                      .preference = number("preference"),
                       .vias = {}};
     for (const auto& via : route.at("vias")) {
       compared.vias.emplace_back(via.at("hop").get<std::string>(),
@@ -119,10 +127,10 @@ struct Snapshot {
   HostRoutes<F>& of() {
     return std::get<HostRoutes<F>>(routes);
   }
+  bool hasVrf(const std::string& vrf) const {
+    return std::get<0>(routes).contains(vrf) || std::get<1>(routes).contains(vrf);
+  }
 };
-
-/// A line is none of a dump.
-struct NoDump {};
 
 template <class F>
 void addRoute(const json& route, const std::string& vrf, Snapshot& snapshot) {
@@ -137,7 +145,8 @@ void addObject(const json& object, bool isDump, Snapshot& snapshot) {
   const auto& vrf = object.at("vrf").get_ref<const std::string&>();
   if (!isDump) return addRoute<F>(object, vrf, snapshot);
   // Only the first piece of a dump has this member.
-  if (object.contains("initialized")) snapshot.of<F>()[vrf].clear();
+  auto& hosts = snapshot.of<F>()[vrf];
+  if (object.contains("initialized")) hosts.clear();
   const auto routes = object.find("routeTable");
   if (routes == object.end()) return;
   for (const auto& route : *routes) addRoute<F>(route, vrf, snapshot);
@@ -151,11 +160,15 @@ void addLine(const std::string& line, Snapshot& snapshot) {
     const auto object = document.find(kind);
     if (object == document.end()) continue;
     const bool isDump = std::string_view(kind) == "dump";
-    if (object->at("family").get<int>() == Daemon::Ipv4::kNumber) {
-      addObject<Daemon::Ipv4>(*object, isDump, snapshot);
-    } else {
-      addObject<Daemon::Ipv6>(*object, isDump, snapshot);
-    }
+    const json& number = object->at("family");
+    bool isFamily = false;
+    Daemon::forEachFamily([&](auto family) {
+      using F = decltype(family);
+      if (number != F::kNumber) return;
+      isFamily = true;
+      addObject<F>(*object, isDump, snapshot);
+    });
+    if (!isFamily) throw NoDump();
     return;
   }
   if (!document.contains("trace") && !document.contains("event") && !document.contains("count")) {
@@ -195,6 +208,9 @@ void addTable(const std::string& name, const std::string& vrf, Snapshot& snapsho
   if (!table.isLive()) {
     std::cerr << "hostroute diff: warning: the process that wrote \"" << Replay::printable(name)
               << "\" has ended\n";
+  } else if (table.state().loading) {
+    std::cerr << "hostroute diff: warning: the process that writes \"" << Replay::printable(name)
+              << "\" is still loading\n";
   }
   auto& routes = snapshot.of<F>()[vrf];
   for (auto& [route, vias] : table.all(report)) {
@@ -294,6 +310,9 @@ int compare(const Options& options) {
   }
   auto before = readDump(options.files[0]);
   auto after = options.table ? readTables(*options.table) : readDump(options.files[1]);
+  if (options.vrf && !before.hasVrf(*options.vrf) && !after.hasVrf(*options.vrf)) {
+    throw CommandError("hostroute diff", "neither has a VRF \"" + *options.vrf + "\"", kMisused);
+  }
   Differences differences(options);
   Daemon::forEachFamily([&](auto family) {
     using F = decltype(family);
@@ -324,7 +343,9 @@ void addDiffCommand(CLI::App& app, int& exitCode) {
   command->callback([options, &exitCode] {
     try {
       exitCode = compare(*options);
-    } catch (const Pindo::Exception& error) {
+    } catch (const CommandError&) {
+      throw;
+    } catch (const std::exception& error) {
       throw CommandError("hostroute diff", error.what(), kMisused);
     }
   });

@@ -128,7 +128,7 @@ std::string readCommand(const std::string& command) {
 IpDocuments readDocuments(const Options& options) {
   bool isHere = !options.directory;
   if (options.directory && options.directory->empty()) {
-    throw ImportError("--dir", "it names no directory");
+    throw CommandError("hostroute import", "--dir names no directory", kMisused);
   }
   for (const auto& file : options.files) isHere = isHere && file.empty();
   IpDocuments documents;

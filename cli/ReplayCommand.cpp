@@ -60,9 +60,11 @@ struct Options {
 };
 
 /// Holds back the signals that end the process, but for those that it was started to ignore (as
-/// nohup does), and has writing to a closed pipe fail instead. Returns what is held back.
+/// nohup does), and has writing to a closed pipe or beyond the largest file fail instead. Returns
+/// what is held back.
 sigset_t holdSignals() {
   ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGXFSZ, SIG_IGN);
   sigset_t signals;
   ::sigemptyset(&signals);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {

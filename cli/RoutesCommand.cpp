@@ -44,7 +44,8 @@ its process took it away while it was read, as one does that starts again.
 
 Exit status: 0 done; 1 there are no such tables, no route to the address, or a table is damaged
 (what could be read of it is printed); 2 the command line is malformed; 3 what was printed may not
-be what the switch has: a table is left behind, removed, loading or not initialized.)";
+be what the switch has: a table is left behind, removed, loading or not initialized, or --wait was
+in vain.)";
 
 constexpr int kNotReady = 3;
 constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
@@ -144,7 +145,9 @@ bool waitUntilReady(const Options& options) {
     }
     if (reason.empty()) return true;
     if (std::chrono::steady_clock::now() >= deadline) {
-      std::cerr << errorText(kPlace, "\"" + options.table + "\" is not ready: " + reason) << '\n';
+      const std::string vrf = options.vrf ? " (VRF " + *options.vrf + ")" : "";
+      std::cerr << errorText(kPlace, "\"" + options.table + "\"" + vrf + " is not ready: " + reason)
+                << '\n';
       return false;
     }
     std::this_thread::sleep_for(kBetweenLooks);

@@ -168,10 +168,8 @@ int runShell(const std::string& path) {
   Daemon::Switch sw;
   const auto output = Replay::textOutput(std::cout, tableStyle());
   Replay::Player player(sw, *output, {.dumpsAtEnd = false});
-  if (player.run(input.stream(), path, std::cout, std::cerr, showProgress) ==
-      Replay::Player::Outcome::Refused) {
-    return kMisused;
-  }
+  const auto outcome = player.run(input.stream(), path, std::cout, std::cerr, showProgress);
+  if (outcome == Replay::Player::Outcome::Refused) return kMisused;
   if (input.isStandardInput()) turnToTerminal();
 
   const bool isTyped = isTerminal(STDIN_FILENO);
@@ -183,7 +181,7 @@ int runShell(const std::string& path) {
   } catch (const Kiv::Exception& error) {
     throw CommandError(path, error.what(), kMisused);
   }
-  bool failed = false;
+  bool failed = outcome == Replay::Player::Outcome::Failed;
   for (size_t number = 1; std::cout; ++number) {
     const auto line = isTyped ? editedLine() : plainLine();
     if (!line) break;

@@ -144,6 +144,7 @@ function(hostroute_test name folder)
     return()
   endif()
   add_executable(${name} ${sources})
+  target_compile_options(${name} PRIVATE ${HOSTROUTE_TEST_OPTIONS})
   target_link_libraries(${name} PRIVATE hostroute_options ${depends} GTest::gtest_main)
   include(GoogleTest)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 600

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <iterator>
 
+#include "daemon/RootTables.h"
 #include "daemon/Switch.h"
 #include "platform/routing/RouteTypes.h"
 
@@ -121,13 +122,13 @@ class Collector {
         }
         break;
       case Row::kNeighborRoutes:
-        return add(row, {}, F::neighborTable(root_)->routeCount());
+        return add(row, {}, RootTables<F>(root_).neighbors->routeCount());
       case Row::kOwnAddresses:
-        return add(row, {}, root_.receiveTable()->routeCount());
+        return add(row, {}, RootTables<F>(root_).received->routeCount());
       case Row::kTrackedRoutes:
         return add(row, {}, root_.prefixToRouteCount());
       case Row::kDeferred:
-        return add(row, {}, root_.toMerge()->ipCount());
+        return add(row, {}, RootTables<F>(root_).waiting->ipCount());
     }
   }
 

@@ -306,7 +306,8 @@ class Settling {
 template <class F>
 bool isRouteless(const HostRouting<F>& routing, const typename F::Addr& addr) {
   const auto prefix = F::Prefix::host(addr);
-  return F::neighborTable(*routing.root)->route(prefix).key != prefix;
+  const auto& neighbors = F::neighborTable(*routing.root);
+  return !neighbors || neighbors->route(prefix).key != prefix;
 }
 
 }  // namespace

@@ -69,7 +69,6 @@ IntfAddresses::Ptr RouteSmRoot::intfNameToSecondaryAddrWithMaskIs(const Kiv::Str
 
 Obu::AddrSet::Ptr RouteSmRoot::toMergeIs(const Zemit::Prefix& prefix) {
   if (toMerge() && toMerge()->prefix() == prefix) return toMerge();
-  if (routeSm()) routeSm()->missed();  // the merges that waited
   const auto addrs = Obu::AddrSet::AddrSetIs(prefix);
   toMerge_.set(*this, addrs);
   return addrs;

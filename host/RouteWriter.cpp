@@ -19,6 +19,7 @@ void addRouteToRouteTable(const Status::Ptr& hostTable,
                           const Fhrp::VirtualIpStatus* virtualIpStatus,
                           const RouteSmRoot::Ptr& root, const L3::VrfName& /*vrfName*/) {
   HostCore::stepTaken<Ipv4>(*Kiv::validPtr(root));
+  if (hostTable) HostCore::stepTakenOn<Ipv4>(*hostTable);
   HostCore::addRouteToRouteTable<Ipv4>(hostTable, routeTable, ip, fecId, routeType, virtualIpStatus,
                                        *Kiv::validPtr(root));
 }
@@ -35,8 +36,7 @@ void Ipv4::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
 void removeHostRoute(const Zemit::IpAddr& ip, const Status::Ptr& hostTable,
                      const Obu::AddrSet::Ptr& receiveAddrSet,
                      const Rovel::AdjacencyHelper::Ptr& adjHelper) {
-  const auto* root = dynamic_cast<const RouteSmRoot*>(Kiv::validPtr(hostTable)->parent());
-  if (root != nullptr) HostCore::stepTaken<Ipv4>(*root);
+  HostCore::stepTakenOn<Ipv4>(*Kiv::validPtr(hostTable));
   Ipv4::removeHostRoute(ip, hostTable, receiveAddrSet, adjHelper);
 }
 

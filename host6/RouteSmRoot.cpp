@@ -70,7 +70,6 @@ IntfAddresses::Ptr RouteSmRoot::intfNameToAddrWithMaskIs(const Kiv::String8& int
 
 Obu::Ip6AddrSet::Ptr RouteSmRoot::toMergeIs(const Zemit::Ip6Prefix& prefix) {
   if (toMerge() && toMerge()->prefix() == prefix) return toMerge();
-  if (routeSm()) routeSm()->missed();  // the merges that waited
   const auto addrs = Obu::Ip6AddrSet::AddrSetIs(prefix);
   toMerge_.set(*this, addrs);
   return addrs;

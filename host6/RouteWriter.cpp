@@ -19,6 +19,7 @@ void addRouteToRouteTable(const Status::Ptr& hostTable,
                           const Routing::Fhrp::VirtualIp6Status* virtualIp6Status,
                           const RouteSmRoot::Ptr& root, const L3::VrfName& /*vrfName*/) {
   HostCore::stepTaken<Ipv6>(*Kiv::validPtr(root));
+  if (hostTable) HostCore::stepTakenOn<Ipv6>(*hostTable);
   HostCore::addRouteToRouteTable<Ipv6>(hostTable, routeTable, ip, fecId, routeType,
                                        virtualIp6Status, *Kiv::validPtr(root));
 }
@@ -35,8 +36,7 @@ void Ipv6::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
 void removeHostRoute(const Zemit::Ip6Addr& ip, const Status::Ptr& hostTable,
                      const Obu::Ip6AddrSet::Ptr& receiveAddrSet,
                      const Rovel::Adjacency6Helper::Ptr& adjHelper) {
-  const auto* root = dynamic_cast<const RouteSmRoot*>(Kiv::validPtr(hostTable)->parent());
-  if (root != nullptr) HostCore::stepTaken<Ipv6>(*root);
+  HostCore::stepTakenOn<Ipv6>(*Kiv::validPtr(hostTable));
   Ipv6::removeHostRoute(ip, hostTable, receiveAddrSet, adjHelper);
 }
 

@@ -350,10 +350,11 @@ void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv:
     std::ostringstream message;
     message << "exception in the notification of attribute " << id << " of "
             << Kiv::Tracer::objectName(reactor) << ": " << what;
-    KIV_TRACE(facility, 0, sm, message.str());
+    // Before the trace, whose sink may raise.
     Kiv::Tracer::failed(facility, sm, __func__, message.str());
+    KIV_TRACE(facility, 0, sm, message.str());
   } catch (...) {
-    Kiv::Tracer::failed(facility, sm, __func__, "exception that there is no memory to describe");
+    // There is no memory to describe it, or a sink that is told of failures fails itself.
   }
 }
 

@@ -6,7 +6,9 @@
 
 #include "hostcore/Account.h"
 #include "hostcore/Road.h"
+#include "platform/kiv/Entity.h"
 #include "platform/kiv/HashMap.h"
+#include "platform/kiv/Ptr.h"
 #include "platform/kiv/SmallVector.h"
 #include "platform/kiv/Watch.h"
 #include "platform/tovan/FibTypes.h"
@@ -40,6 +42,10 @@ struct Interest {
   Kiv::Watch<Prefix> hostRoutes;
   Kiv::Watch<Tovan::Fib::FecId> fecChanges;
   Kiv::Watch<Addr> virtualAddrs;
+  /// The set of merges that wait for the machine to be initialized, when one was last added, and
+  /// how many there were then. Null when none waits.
+  Kiv::Ptr<const Kiv::Entity> deferredIn;
+  size_t deferred = 0;
   /// The host route that the machine itself is writing to the route table.
   std::optional<Prefix> ownWrite;
   /// The route that is handed to handleRoute() has just been read from its table.

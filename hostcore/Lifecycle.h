@@ -15,6 +15,7 @@ void handleInitialized(typename F::RouteSm& sm) {
   sm.handleHostStatusRoute();
   sm.handleArpEntries();
   const auto toMerge = Kiv::validPtr(sm.rootRaw()).toMerge();
+  Listening<F>(sm).deferredAreIn(toMerge.get());
   if (toMerge && toMerge->ipCount() != 0) {
     KIV_TRACE(F::trace(), 8, sm, "Process ip's deferred before initialization");
     // By hand, before the machine is initialized: it defers the merges again, and then forgets

@@ -120,6 +120,19 @@ class Listening {
     if (interest_.due.empty() || !interest_.due.erase(addr)) return;
     if (interest_.due.empty()) review();
   }
+  /// A merge was added to `waiting`, until the machine is initialized.
+  void mergeDeferred(const typename F::AddrSet& waiting) {
+    deferredAreIn(&waiting);
+    interest_.deferredIn = Kiv::Ptr<const Kiv::Entity>(&waiting);
+    interest_.deferred = waiting.ipCount();
+  }
+  /// The merges that wait are about to be made up for: those in `waiting`, which may be null.
+  void deferredAreIn(const typename F::AddrSet* waiting) {
+    if (!interest_.deferredIn) return;
+    // Another has replaced or emptied the set.
+    if (interest_.deferredIn.get() != waiting || waiting->ipCount() < interest_.deferred) missed();
+    interest_.deferredIn = {};
+  }
   /// The host route of a neighbour was written or withdrawn.
   void hostRouteChanged() { ++interest_.hostRouteChanges; }
   uint64_t hostRouteChanges() const { return interest_.hostRouteChanges; }
@@ -288,6 +301,13 @@ void Listening<F>::virtualIpWritten(const Addr& addr) {
 template <Family F>
 void stepTaken(const typename F::RouteSmRoot& root) {
   if (const auto& machine = root.routeSm()) Listening<F>(*machine).stepTaken();
+}
+
+/// As above, for the machine that owns a host table; none need own it.
+template <Family F>
+void stepTakenOn(const typename F::HostTable& table) {
+  const auto* root = dynamic_cast<const typename F::RouteSmRoot*>(table.parent());
+  if (root != nullptr) stepTaken<F>(*root);
 }
 
 template <Family F>

@@ -177,7 +177,12 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   Listening<F>(sm_).hostRouteChanged();
   // The new adjacency is taken before the old one may lose its last user.
   const auto adjacency = adjHelper.doGetOrCreateHostAdjacency(vias, table);
-  F::addRouteToRouteTable(table, nullptr, ip, adjacency, F::kAttached, sm_, &existing);
+  try {
+    F::addRouteToRouteTable(table, nullptr, ip, adjacency, F::kAttached, sm_, &existing);
+  } catch (...) {
+    adjHelper.doDropRefOnHostAdjacency(table, adjacency);
+    throw;
+  }
   if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
 }
 
@@ -236,6 +241,7 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
     for (auto it = Kiv::validPtr(changed)->ipIteratorConst(); it; ++it) {
       toMerge->ipIs(it.key(), true);
     }
+    Listening<F>(sm_).mergeDeferred(*toMerge);
     return;
   }
   mergeAll(ascending(Kiv::validPtr(changed)->ipIteratorConst()));
@@ -245,7 +251,9 @@ template <Family F>
 void Merge<F>::doMerge(const Addr& changed) {
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 2, sm_, "skipping merge because not initialized yet");
-    Kiv::validPtr(root_.toMerge())->ipIs(changed, true);
+    const auto& toMerge = Kiv::validPtr(root_.toMerge());
+    toMerge->ipIs(changed, true);
+    Listening<F>(sm_).mergeDeferred(*toMerge);
     return;
   }
   mergeAll(std::array{changed});

@@ -123,13 +123,16 @@ void Feed::Work::findRouteKeys() {
   routeKeys_.erase(std::unique(routeKeys_.begin(), routeKeys_.end()), routeKeys_.end());
 }
 
-/// What the administrator makes the machine answer for: it is told, because no address shows it.
+/// What the administrator adds to the table local: it is told, because no address shows it.
 void Feed::Work::warnOfLocalRoutes(const Prefix& prefix) {
   for (const Route& route : mirror_.routes(RT_TABLE_LOCAL, prefix)) {
-    if (!isSilentlyIgnored(route) && route.type == RTN_LOCAL) {
-      warn(aboutOf(prefix), false,
-           [&] { return nameOf(prefix) + " left out: " + objectionTo(route); });
-    }
+    if (isSilentlyIgnored(route)) continue;
+    if (route.type != RTN_LOCAL && route.protocol == RTPROT_KERNEL) continue;
+    warn(aboutOf(prefix), false, [&] {
+      const std::string objection = objectionTo(route);
+      return nameOf(prefix) +
+             " left out: " + (objection.empty() ? "it stands in the table local" : objection);
+    });
   }
 }
 

@@ -1,6 +1,7 @@
 // What a replay prints for programs.
 #include <type_traits>
 
+#include "daemon/RootTables.h"
 #include "replay/Json.h"
 #include "replay/Output.h"
 #include "replay/ShownRoute.h"
@@ -140,8 +141,9 @@ void describe(const Daemon::Switch& sw, const Daemon::Vrf& vrf, Dump& dump) {
   const auto& routing = vrf.routing<F>();
   const auto& root = *routing.root;
   const auto& forwarding = *sw.shared<F>().forwarding;
-  const typename F::HostTable& receiveTable = *root.receiveTable();
-  const typename F::HostTable& neighborTable = *F::neighborTable(root);
+  const Daemon::RootTables<F> tables(root);
+  const typename F::HostTable& receiveTable = *tables.received;
+  const typename F::HostTable& neighborTable = *tables.neighbors;
   const auto all = [](const auto&) { return true; };
   const auto isHost = [](const auto& route) { return route.key.len() == F::Prefix::kMaxLen; };
 
@@ -174,7 +176,7 @@ void describe(const Daemon::Switch& sw, const Daemon::Vrf& vrf, Dump& dump) {
                    [](const auto& list) { return keysJson(list->prefixIteratorConst()).text(); }));
   dump.add("receiveAddrToIntfName", mapJson(root.receiveAddrToIntfNameIteratorConst(),
                                             [](const auto& name) { return jsonString(name); }));
-  dump.add("toMerge", keysJson(root.toMerge()->ipIteratorConst()));
+  dump.add("toMerge", keysJson(tables.waiting->ipIteratorConst()));
   dump.add("hostAdjacencies", std::move(hostAdjacencies));
   dump.add("fibAdjacencies", std::move(fibAdjacencies));
   addFamilyJson(root, dump);

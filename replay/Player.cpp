@@ -116,7 +116,16 @@ void forEachNamedFamily(const Event& event, Visit visit) {
 void applyInitialized(const Event& event, Switch& sw) {
   const auto vrf = event.vrf();
   const bool value = event.flag("value");
-  forEachNamedFamily(event, [&](auto family) { sw.setInitialized<decltype(family)>(vrf, value); });
+  // What one machine fails on is no reason to keep the other from it.
+  std::exception_ptr failure;
+  forEachNamedFamily(event, [&](auto family) {
+    try {
+      sw.setInitialized<decltype(family)>(vrf, value);
+    } catch (const std::exception&) {
+      if (!failure) failure = std::current_exception();
+    }
+  });
+  if (failure) std::rethrow_exception(failure);
 }
 
 void applyRibReady(const Event& event, Switch& sw) {
@@ -261,8 +270,13 @@ bool readLine(std::istream& in, std::string& line) {
     line.append(piece.data(), taken);
     if (in.bad() || in.eof()) return !in.bad() && !line.empty();
     // The piece is full, or the line feed is what would stand behind it.
-    if (line.size() > Player::kMaxLineBytes) return true;
     in.clear();
+    if (line.size() > Player::kMaxLineBytes) {
+      // The rest of the line is no line of its own.
+      in.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+      if (in.eof()) in.clear(std::ios::eofbit);
+      return true;
+    }
   }
 }
 

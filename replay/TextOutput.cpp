@@ -3,6 +3,7 @@
 #include <sstream>
 #include <string>
 
+#include "daemon/RootTables.h"
 #include "replay/Output.h"
 #include "replay/Printable.h"
 #include "replay/ShownRoute.h"
@@ -60,12 +61,12 @@ void addRows(const Daemon::Switch& sw, const Daemon::Vrf& vrf, DumpTables& table
   }
 
   const auto* machine = routing.machine();
+  const Daemon::RootTables<F> own(root);
   tables.machines.add(
       {vrfName, F::kName, machine == nullptr ? "torn down" : yesOrNo(machine->initialized()),
        yesOrNo(vrf.readiness->routeStatus(F::kReadyKind)->ready()),
-       yesOrNo(F::hostRoutesSynced(*vrf.readiness)), std::to_string(root.toMerge()->ipCount()),
-       std::to_string(root.receiveTable()->adjacencies().size() +
-                      F::neighborTable(root)->adjacencies().size()),
+       yesOrNo(F::hostRoutesSynced(*vrf.readiness)), std::to_string(own.waiting->ipCount()),
+       std::to_string(own.received->adjacencies().size() + own.neighbors->adjacencies().size()),
        std::to_string(routing.adjHelper->fibAdjacencies().size())});
 }
 

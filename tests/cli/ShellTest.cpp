@@ -94,6 +94,12 @@ TEST_F(ShellTest, TakesLinesOfAReplay) {
   EXPECT_TRUE(shell.execute("get /ipv4/blue/routeSm/initialized"));
   EXPECT_EQ(os.str(), "true\n");
   EXPECT_THROW(shell.execute(R"({"op":"jump"})"), Replay::EventError);
+  // What was taken away is shown as empty.
+  for (const char* table : {"/ipv4/blue/receiveTable", "/ipv4/blue/arpTable", "/ipv4/blue/toMerge",
+                            "/ipv6/blue/neighTable", "/ipv6/blue/toMerge"}) {
+    EXPECT_TRUE(shell.execute(std::string("del ") + table));
+  }
+  EXPECT_TRUE(shell.execute(R"({"op":"dump"})"));
 }
 
 TEST_F(ShellTest, RefusesWithTheReason) {

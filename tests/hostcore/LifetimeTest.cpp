@@ -30,6 +30,7 @@ struct WeakRootWatcher<Daemon::Ipv4> final : Watching<Routing::Host::RouteSmRoot
   void onArpRoute(const Zemit::Prefix&) override { told(); }
   void onIntfNameToSecondaryAddrWithMask(const Kiv::String8&) override { told(); }
   void onReceiveAddrToIntfName(const Zemit::IpAddr&) override { told(); }
+  void onAdjacencyToPrefix(const Tovan::Fib::FecId&) override { told(); }
   void onToMerge() override { told(); }
 };
 template <>
@@ -39,6 +40,7 @@ struct WeakRootWatcher<Daemon::Ipv6> final : Watching<Routing6::Host::RouteSmRoo
   void onNeighRoute(const Zemit::Ip6Prefix&) override { told(); }
   void onIntfNameToAddrWithMask(const Kiv::String8&) override { told(); }
   void onReceiveAddrToIntfName(const Zemit::Ip6Addr&) override { told(); }
+  void onAdjacencyToPrefix(const Tovan::Fib::FecId&) override { told(); }
   void onToMerge() override { told(); }
   void onVipToMerge() override { told(); }
 };
@@ -311,11 +313,15 @@ TYPED_TEST(LifetimeTest, AMachineThatIsHeldMayEndInACallback) {
     const auto received = Kiv::make<HostTableWatcher<F>>();
     received->notifierIs(world.root->receiveTable());
     routes->act = neighbors->act = received->act = end;
+    const auto filing = Kiv::make<WeakRootWatcher<F>>();
+    filing->notifierIs(world.root);
+    filing->act = end;
     world.changeAll(10);
     if (hasEnded) {
       const auto before = written(world);
       world.changeAll(21);
       EXPECT_EQ(written(world), before);
+      world.expectBalancedReferences();
     }
     EXPECT_TRUE(hasEnded || at > 10) << "the changes write too little to show anything";
   }

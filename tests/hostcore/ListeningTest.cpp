@@ -162,6 +162,8 @@ TYPED_TEST(ListeningTest, WhatIsForgottenIsNotReliedOn) {
   using W = World<TypeParam>;
   const std::function<void(W&)> forget[] = {
       [](W& forgetful) { forgetful.root->toMergeIs(S::subnet()); },
+      [](W& forgetful) { forgetful.root->newToMerge({}); },
+      [](W& forgetful) { forgetful.root->toMerge()->ipDelAll(); },
       [](W& forgetful) { forgetful.machine().handleInitialized(); }};
   for (const auto& forgetWaitingMerges : forget) {
     W red;

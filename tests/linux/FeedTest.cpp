@@ -398,6 +398,7 @@ TEST_F(FeedTest, WhatCannotBeFedIsToldOnce) {
   Route local = route("10.6.0.0/24", {hop(1)}, RTPROT_BOOT, RT_TABLE_LOCAL);
   local.type = RTN_LOCAL;
   put(local);
+  put(route("10.10.0.0/24", {hop(1)}, RTPROT_BOOT, RT_TABLE_LOCAL));
   Route typeOfService = route("10.7.0.0/24", {hop(1)});
   typeOfService.tos = 16;
   put(typeOfService);
@@ -414,6 +415,7 @@ TEST_F(FeedTest, WhatCannotBeFedIsToldOnce) {
   flush();
   std::ranges::sort(warnings);
   EXPECT_EQ(warnings, (std::vector<std::string>{
+                          "10.10.0.0/24 left out: it stands in the table local",
                           "10.6.0.0/24 left out: the machine itself answers for it (a local route)",
                           "10.7.0.0/24 left out: it is for one type of service only",
                           "10.8.0.0/24: the weights of its next hops are left out",

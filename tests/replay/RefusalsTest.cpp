@@ -109,6 +109,11 @@ TEST_F(RefusalsTest, WhatNestsTooDeepOrIsTooLong) {
   const auto longest = "#" + std::string(Replay::Player::kMaxLineBytes - 1, '[');
   EXPECT_EQ(run(longest + "\n\n" + longest + "x\n{}"), Replay::Player::Outcome::Refused);
   EXPECT_EQ(errors.str(), "input:3: error: the line is longer than 16 MiB\n");
+  std::istringstream lines(longest + "xx\nnext");
+  std::string line;
+  EXPECT_TRUE(Replay::readLine(lines, line));
+  EXPECT_TRUE(Replay::readLine(lines, line));
+  EXPECT_EQ(line, "next");
 }
 
 TEST_F(RefusalsTest, EndTheReplayWithWhatWasPrintedBefore) {
@@ -143,6 +148,17 @@ TEST_F(RefusalsTest, AMachineThatFailsEndsNoReplay) {
   EXPECT_EQ(outcome, Replay::Player::Outcome::Failed);
   EXPECT_EQ(errors.str(), std::string("input:4: error: ") + kRange);
   EXPECT_NE(printed.str().find("\"arpTable\":[]"), std::string::npos);
+}
+
+TEST_F(RefusalsTest, WhatOneFamilyFailsOnKeepsTheOtherFromNothing) {
+  const auto outcome = run(unusableFec() + kNeighbor + kRoute +
+                           R"({"op":"fec","id":1,"family":6,"vias":[{"intf":"e0"}]}
+{"op":"neighbor","intf":"e0","ip":"2001:db8::5"}
+{"op":"route","prefix":"2001:db8::/64","fec":1}
+)" + kInitialized + "{\"op\":\"dump\",\"family\":6}\n");
+  EXPECT_EQ(outcome, Replay::Player::Outcome::Failed);
+  EXPECT_NE(printed.str().find("\"prefix\":\"2001:db8::5/128\""), std::string::npos)
+      << printed.str();
 }
 
 // What a callback raises ends in the runtime, and is a failure all the same.
