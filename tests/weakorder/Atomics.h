@@ -55,7 +55,7 @@ namespace std {
 
 /// An atomic whose plain loads and stores go through the model.
 template <class T>
-class weakAtomic : public Weak::RealAtomic<T> {
+class WeakAtomic : public Weak::RealAtomic<T> {
   using Real = Weak::RealAtomic<T>;
 
  public:
@@ -73,6 +73,7 @@ class weakAtomic : public Weak::RealAtomic<T> {
     }
     Real::store(value, order);
   }
+  // NOLINTNEXTLINE(google-explicit-constructor): as the standard one.
   operator T() const noexcept { return load(); }
   T operator=(T value) noexcept {
     store(value);
@@ -86,5 +87,5 @@ inline void weakFence(memory_order order, WEAK_CALLER) noexcept {
 
 }  // namespace std
 
-#define atomic weakAtomic
+#define atomic WeakAtomic
 #define atomic_thread_fence weakFence
