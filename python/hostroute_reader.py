@@ -16,6 +16,7 @@ import ctypes.util
 import dataclasses
 import ipaddress
 import os
+import time
 
 OK, NONE, DAMAGED, BUSY, NO_TABLE, INVALID, FAILED = range(7)
 CHANGED, REOPENED = 1, 2  # what wait() returns
@@ -216,5 +217,11 @@ class RouteTableReader:
     def wait(self, seconds):
         """Waits for a change: CHANGED, REOPENED, or None when there was none."""
         news = ctypes.c_int()
-        status = self._call("wait", max(0, round(seconds * 1000)), ctypes.byref(news))
-        return news.value if status == OK else None
+        end = time.monotonic() + seconds
+        while True:
+            # In parts, between which an interrupt is heeded.
+            left = max(0.0, end - time.monotonic())
+            if self._call("wait", round(min(left, 0.5) * 1000), ctypes.byref(news)) == OK:
+                return news.value
+            if left == 0:
+                return None

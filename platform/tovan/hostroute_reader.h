@@ -9,6 +9,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* Names as C has them. */
+/* NOLINTBEGIN(modernize-use-using,readability-identifier-naming) */
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -69,9 +72,9 @@ typedef struct hostroute_state {
 /* Opens the tables of a VRF that a daemon shares under the name `tables`. `family` is 4 or 6.
  *
  * On HOSTROUTE_OK `*reader` is a reader, to be closed; else it is null, and the reason stands in
- * `error`, cut to `error_bytes` with its final zero. `error` may be null. */
+ * `error`, cut to `errorBytes` with its final zero. `error` may be null. */
 int hostroute_reader_open(const char* tables, const char* vrf, int family,
-                          hostroute_reader** reader, char* error, size_t error_bytes);
+                          hostroute_reader** reader, char* error, size_t errorBytes);
 /* Null is allowed. */
 void hostroute_reader_close(hostroute_reader* reader);
 /* Why the last call on this reader failed, until the next one; never null. */
@@ -80,7 +83,7 @@ const char* hostroute_reader_error(const hostroute_reader* reader);
 int hostroute_reader_state(hostroute_reader* reader, hostroute_state* state);
 
 /* The route with exactly this prefix. `addr` has 4 or 16 bytes, as the family has. */
-int hostroute_reader_find(hostroute_reader* reader, const uint8_t* addr, uint32_t prefix_len,
+int hostroute_reader_find(hostroute_reader* reader, const uint8_t* addr, uint32_t prefixLen,
                           hostroute_route* route);
 /* The route that a packet to `addr` takes. */
 int hostroute_reader_match(hostroute_reader* reader, const uint8_t* addr, hostroute_route* route);
@@ -96,12 +99,14 @@ int hostroute_reader_next(hostroute_reader* reader, hostroute_route* route);
 /* A next hop of the route that was given last. `index` is below its via_count. */
 int hostroute_reader_via(hostroute_reader* reader, uint32_t index, hostroute_via* via);
 
-/* Waits up to `timeout_ms` for something to have changed since the last call returned, or since the
- * tables were opened, and sets `*news`. HOSTROUTE_NONE: nothing did. */
-int hostroute_reader_wait(hostroute_reader* reader, uint32_t timeout_ms, int* news);
+/* Waits up to `timeoutMs` milliseconds for something to have changed since the last call returned,
+ * or since the tables were opened, and sets `*news`. HOSTROUTE_NONE: nothing did. */
+int hostroute_reader_wait(hostroute_reader* reader, uint32_t timeoutMs, int* news);
 
 #ifdef __cplusplus
 }
 #endif
+
+/* NOLINTEND(modernize-use-using,readability-identifier-naming) */
 
 #endif

@@ -24,7 +24,6 @@
 #include <mutex>
 #include <optional>
 #include <set>
-#include <source_location>
 #include <span>
 #include <sstream>
 #include <stack>
@@ -47,29 +46,34 @@
 #include "platform/zemit/Prefix.h"
 #include "tests/weakorder/Model.h"
 
+/// Parameters that say where a call stands. Clang 14 has no std::source_location.
+#define WEAK_CALLER                                                 \
+  const char *file = __builtin_FILE(), int line = __builtin_LINE(), \
+             const char *function = __builtin_FUNCTION()
+
 namespace std {
 
 /// An atomic whose plain loads and stores go through the model.
 template <class T>
-class weakAtomic : public Weak::RealAtomic<T> {
+class WeakAtomic : public Weak::RealAtomic<T> {
   using Real = Weak::RealAtomic<T>;
 
  public:
   using Real::Real;
 
-  T load(memory_order order = memory_order_seq_cst,
-         source_location where = source_location::current()) const noexcept {
+  T load(memory_order order = memory_order_seq_cst, WEAK_CALLER) const noexcept {
     if (!Weak::model.isOn()) return Real::load(order);
-    return Weak::fromWord<T>(Weak::model.load(this, Weak::toWord(Real::load(order)), order, where));
+    return Weak::fromWord<T>(
+        Weak::model.load(this, Weak::toWord(Real::load(order)), order, {file, line, function}));
   }
-  void store(T value, memory_order order = memory_order_seq_cst,
-             source_location where = source_location::current()) noexcept {
+  void store(T value, memory_order order = memory_order_seq_cst, WEAK_CALLER) noexcept {
     if (Weak::model.isOn()) {
       const uint64_t former = Weak::toWord(Real::load(memory_order_relaxed));
-      Weak::model.store(this, former, Weak::toWord(value), order, where);
+      Weak::model.store(this, former, Weak::toWord(value), order, {file, line, function});
     }
     Real::store(value, order);
   }
+  // NOLINTNEXTLINE(google-explicit-constructor): as the standard one.
   operator T() const noexcept { return load(); }
   T operator=(T value) noexcept {
     store(value);
@@ -77,12 +81,11 @@ class weakAtomic : public Weak::RealAtomic<T> {
   }
 };
 
-inline void weakFence(memory_order order,
-                      source_location where = source_location::current()) noexcept {
-  Weak::model.fence(order, where);
+inline void weakFence(memory_order order, WEAK_CALLER) noexcept {
+  Weak::model.fence(order, {file, line, function});
 }
 
 }  // namespace std
 
-#define atomic weakAtomic
+#define atomic WeakAtomic
 #define atomic_thread_fence weakFence

@@ -80,18 +80,13 @@ Model::Place* Model::placeOf(const void* at, bool make, uint64_t before) {
 }
 
 /// The order that counts at a site.
-std::memory_order Model::orderAt(std::memory_order order, const std::source_location& where) {
+std::memory_order Model::orderAt(std::memory_order order, const Where& where) {
   if (order == std::memory_order_relaxed) return order;
-  const uint64_t line = std::hash<std::string_view>()(where.file_name()) ^
-                        (uint64_t{where.line()} << 20 | where.column());
-  auto& site = siteOfLine_[line];
+  auto& site = siteOfLine_[{where.file, where.line}];
   if (site.empty()) {
-    const std::string_view file(where.file_name());
-    std::string_view function(where.function_name());
-    function = function.substr(0, function.find('('));
-    function = function.substr(function.find_last_of(" :") + 1);
-    site = std::string(file.substr(file.rfind('/') + 1)) + ":" + std::to_string(where.line()) +
-           " of " + std::string(function);
+    const std::string_view file(where.file);
+    site = std::string(file.substr(file.rfind('/') + 1)) + ":" + std::to_string(where.line) +
+           " of " + where.function;
     sites_.insert(site);
   }
   return site == weakened_ ? std::memory_order_relaxed : order;
@@ -103,8 +98,7 @@ size_t Model::momentOf(const Parts& parts, uint64_t part) const {
   return found == parts.end() || found->second.run != runs_ ? kAll : found->second.moment;
 }
 
-uint64_t Model::load(const void* at, uint64_t stands, std::memory_order order,
-                     const std::source_location& where) {
+uint64_t Model::load(const void* at, uint64_t stands, std::memory_order order, const Where& where) {
   if (mode_ != Exploring) return stands;
   Place* const place = placeOf(at, false, 0);
   if (place == nullptr) return stands;
@@ -157,7 +151,7 @@ uint64_t Model::load(const void* at, uint64_t stands, std::memory_order order,
 }
 
 void Model::store(const void* at, uint64_t former, uint64_t value, std::memory_order order,
-                  const std::source_location& where) {
+                  const Where& where) {
   if (mode_ != Recording) return;
   Place* const place = placeOf(at, true, former);
   if (place == nullptr) return;
@@ -166,7 +160,7 @@ void Model::store(const void* at, uint64_t former, uint64_t value, std::memory_o
   log_.push_back({.value = value, .publishes = releases ? log_.size() + 1 : fenced_});
 }
 
-void Model::fence(std::memory_order order, const std::source_location& where) {
+void Model::fence(std::memory_order order, const Where& where) {
   if (mode_ == Off || orderAt(order, where) == std::memory_order_relaxed) return;
   if (mode_ == Recording && order != std::memory_order_acquire) fenced_ = log_.size();
   if (mode_ == Exploring && order != std::memory_order_release) {

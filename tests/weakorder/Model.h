@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <set>
-#include <source_location>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -31,7 +31,13 @@ T fromWord(uint64_t word) {
   return value;
 }
 
-/// A place in the code, "FILE:LINE of FUNCTION".
+/// Where a call stands.
+struct Where {
+  const char* file;
+  int line;
+  const char* function;
+};
+/// The same, "FILE:LINE of FUNCTION".
 using Site = std::string;
 
 /// The memory model of C++ for one thread that stores and another that loads only.
@@ -71,11 +77,10 @@ class Model {
   const std::set<Site>& sites() const { return sites_; }
 
   // For the atomics.
-  uint64_t load(const void* at, uint64_t stands, std::memory_order order,
-                const std::source_location& where);
+  uint64_t load(const void* at, uint64_t stands, std::memory_order order, const Where& where);
   void store(const void* at, uint64_t former, uint64_t value, std::memory_order order,
-             const std::source_location& where);
-  void fence(std::memory_order order, const std::source_location& where);
+             const Where& where);
+  void fence(std::memory_order order, const Where& where);
 
  private:
   struct Store {
@@ -112,7 +117,7 @@ class Model {
 
   size_t momentOf(const Parts& parts, uint64_t part) const;
   Place* placeOf(const void* at, bool make, uint64_t before);
-  std::memory_order orderAt(std::memory_order order, const std::source_location& where);
+  std::memory_order orderAt(std::memory_order order, const Where& where);
   size_t choose(size_t count);
 
   enum { Off, Recording, Exploring } mode_ = Off;
@@ -133,7 +138,7 @@ class Model {
   size_t runs_ = 0;
   Site weakened_;
   std::set<Site> sites_;
-  std::unordered_map<uint64_t, Site> siteOfLine_;
+  std::map<std::pair<const char*, int>, Site> siteOfLine_;
 };
 
 extern Model model;
