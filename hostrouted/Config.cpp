@@ -2,6 +2,7 @@
 #include "hostrouted/Config.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -153,6 +154,11 @@ class Section {
     throw ConfigError(place(node) + qualified(key) + ": " + message);
   }
 
+  /// Refuses the value of a key that is there.
+  [[noreturn]] void refuse(const char* key, const std::string& message) const {
+    refuse(key, *table_.get(key), message);
+  }
+
  private:
   const toml::node* take(const char* key) {
     taken_.insert(key);
@@ -210,12 +216,13 @@ void readTables(Section& section, OutputTables& tables) {
   for (const auto& [key, table] :
        {std::pair{"table", &tables.table4}, std::pair{"table6", &tables.table6}}) {
     section.readNumber(key, *table, 0, kMaxNumber);
+    if (*table == kTableLocal) section.refuse(key, "table 255 (local) belongs to the kernel");
   }
 }
 
 void readExport(Section& section, Config& config) {
   readTables(section, config.tables.find("default")->second);
-  section.readNumber("protocol", config.protocol, 1, 255);
+  section.readNumber("protocol", config.protocol, Config::kFirstProtocol, 255);
   section.readNumber("metric", config.metric4, 0, kMaxNumber);
   section.readNumber("metric6", config.metric6, 1, kMaxNumber);
   section.readText("preferred-source", config.preferredSource4, "an IPv4 address",
@@ -339,12 +346,14 @@ Config Config::parse(std::string_view text, const std::string& name) {
 
 Config Config::load(const std::string& file) {
   std::ifstream in(file, std::ios::binary);
-  std::ostringstream text;
-  if (!in || !(text << in.rdbuf())) {
-    // An empty file reads as a failure, too.
-    if (!in.is_open() || in.bad()) throw ConfigError(file + ": " + std::strerror(errno));
+  std::string text;
+  std::array<char, 4096> piece;
+  while (in.read(piece.data(), piece.size()) || in.gcount() > 0) {
+    text.append(piece.data(), static_cast<size_t>(in.gcount()));
   }
-  return parse(text.str(), file);
+  // A directory opens, and cannot be read.
+  if (!in.is_open() || in.bad()) throw ConfigError(file + ": " + std::strerror(errno));
+  return parse(text, file);
 }
 
 void Config::check() const {

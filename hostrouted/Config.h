@@ -31,6 +31,8 @@ struct OutputTables {
 /// What hostrouted.toml(5) describes, with its defaults.
 struct Config {
   static constexpr const char* kDefaultFile = "/etc/hostroute/hostrouted.toml";
+  /// Routes of lower protocol numbers are the kernel's and the administrator's own.
+  static constexpr uint8_t kFirstProtocol = 5;
 
   Linux::FeedOptions feed;
   Linux::KernelRoutesOptions kernelRoutes;

@@ -13,6 +13,12 @@
 namespace Hostrouted {
 namespace {
 
+Linux::FeedOptions feedOptions(const Config& config) {
+  auto options = config.feed;
+  options.readyBeforeNeighbors = true;
+  return options;
+}
+
 Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& mirror,
                                      const Router::Services& services) {
   auto options = config.probing;
@@ -52,7 +58,7 @@ Router::Router(const Config& config, const Services& services)
     : config_(config),
       services_(services),
       mirror_(config.protocol),
-      feed_(mirror_, config.feed),
+      feed_(mirror_, feedOptions(config)),
       switch_({.settles = true, .sharedName = config.sharedName}),
       routes_(services.channel, services.log, services.clock, config.kernelRoutes,
               [this](const auto& key, uint32_t metric) { return isAnothers(key, metric); }),
@@ -181,8 +187,23 @@ void Router::endDump() {
     feed_.setComplete();
     routes_.start();
   }
+  warnOfAnEmptySelection();
   endTurn();
   switch_.setLoading(false);
+}
+
+/// A wrong pattern is easily taken for a network without hosts.
+void Router::warnOfAnEmptySelection() {
+  const auto& patterns = config_.feed.interfaces;
+  bool selectsAny = patterns.empty();
+  mirror_.forEachLink([&](const Linux::Link& link) {
+    selectsAny = selectsAny || (!link.isLoopback && Linux::isSelected(patterns, link.name));
+  });
+  if (selectsAny || patterns == warnedPatterns_) return;
+  warnedPatterns_ = patterns;
+  std::string text;
+  for (const auto& pattern : patterns) text += (text.empty() ? "\"" : ", \"") + pattern + '"';
+  services_.report(LOG_WARNING, "no interface that there is now is selected by " + text);
 }
 
 void Router::reload(const Config& config) {
@@ -192,7 +213,7 @@ void Router::reload(const Config& config) {
   next.runDir = config_.runDir;
   next.stateDir = config_.stateDir;
   config_ = std::move(next);
-  feed_.setOptions(config_.feed);
+  feed_.setOptions(feedOptions(config_));
   routes_.setOptions(config_.kernelRoutes);
   probing_.setOptions(probingOptions(config_, mirror_, services_));
   exports_.setConfig(config_);

@@ -96,12 +96,14 @@ class Router {
   bool isAnothers(const Linux::RouteKey& key, uint32_t metric) const;
   void noteDepartures(const Linux::Change& change);
   void operate(const Daemon::Operation& operation);
+  void warnOfAnEmptySelection();
 
   Config config_;
   const Services services_;
   Phase phase_ = Phase::Starting;
   bool dumps_ = false;
   Counters counters_;
+  std::vector<std::string> warnedPatterns_;  // they selected no interface
   Linux::Mirror mirror_;
   Linux::Feed feed_;
   Daemon::Switch switch_;

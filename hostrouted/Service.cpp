@@ -38,6 +38,8 @@ namespace {
 constexpr size_t kMessagesATurn = 65536;
 /// The status file is written at most this often, in seconds.
 constexpr double kStatusInterval = 1;
+/// A list of advertised routes that cannot be written is tried again this often, in seconds.
+constexpr double kAdvertisedInterval = 1;
 /// A dump that was interrupted is asked for again after this long, in seconds, and then after twice
 /// as long each time up to the other.
 constexpr double kFirstRetry = 0.02;
@@ -335,6 +337,10 @@ class Service::Loop {
     };
     consider(router_->nextDeadline());
     if (line != statusLine_) consider(statusAt_ + kStatusInterval);
+    if (advertised_ && advertised_->isBehind()) {
+      advertised_->commit();
+      if (advertised_->isBehind()) consider(now + kAdvertisedInterval);
+    }
     if (!next) {
       ::sd_event_source_set_enabled(timer_.get(), SD_EVENT_OFF);
       return;

@@ -103,7 +103,7 @@ void addOptions(CLI::App& app, Arguments& arguments) {
       ->type_name("N");
   app.add_option("--protocol", arguments.protocol, "The protocol number of the routes")
       ->type_name("N")
-      ->check(CLI::Range(1, 255));
+      ->check(CLI::Range(uint32_t{Config::kFirstProtocol}, 255U));
   app.add_option("--run-dir", arguments.runDir, "Where the status file is")->type_name("DIR");
   app.add_option("--state-dir", arguments.stateDir, "Where the list of advertised routes is")
       ->type_name("DIR");

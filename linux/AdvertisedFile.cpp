@@ -213,7 +213,7 @@ void AdvertisedFile::remove(const RouteKey& key) {
 }
 
 void AdvertisedFile::commit() {
-  if (pending_.empty()) return;
+  if (pending_.empty() && !isBehind()) return;
   const bool isLong = lines_ + pendingLines_ > 2 * live_.size() + kSlack;
   const bool mayRewrite = std::chrono::steady_clock::now() >= retryAt_;
   const bool isRewritten = (isBroken_ || isLong) && mayRewrite && rewrite();

@@ -55,6 +55,8 @@ class AdvertisedFile final : public AdvertisedLog {
 
   /// What was added and not removed, in no order.
   std::vector<Route> keys() const;
+  /// Whether the file lacks something, so that commit() should be called again in a while.
+  bool isBehind() const { return isBroken_ && !live_.empty(); }
   /// Whether the file holds all that was committed.
   bool isSound() const { return !isBroken_; }
 

@@ -220,9 +220,10 @@ void Feed::Work::flush(const Output& output) {
   withdrawInterfaces(output);
   tellInterfaces(output);
   tellRoutes(output);
+  if (!options_.readyBeforeNeighbors) tellNeighbors(output);
   tellVirtualAddresses(virtuals, output);
   tellReadiness(output);
-  tellNeighbors(output);
+  if (options_.readyBeforeNeighbors) tellNeighbors(output);
 
   everything_ = false;
   markedLinks_.clear();

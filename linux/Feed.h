@@ -45,6 +45,9 @@ struct FeedOptions {
   /// Whether an interface whose name begins with "Management" is a management port, which a switch
   /// gives no host routes. Linux names say nothing of the kind by themselves.
   bool hasManagementPorts = false;
+  /// Whether a VRF is told to be initialized and ready before its neighbours are told, and not
+  /// after them. The switch ends alike, and takes 100,000 neighbours in half the time.
+  bool readyBeforeNeighbors = false;
 
   friend bool operator==(const FeedOptions&, const FeedOptions&) = default;
 };

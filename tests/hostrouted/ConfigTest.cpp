@@ -82,8 +82,8 @@ TEST(ConfigTest, ErrorsNameFileLineKeyAndWhatWasExpected) {
   const std::pair<const char*, const char*> cases[] = {
       {"[export]\ntable = \"ten\"",
        "f.toml:2: export.table: expected a whole number from 0 to 4294967295"},
-      {"[export]\n\nprotocol = 256",
-       "f.toml:3: export.protocol: expected a whole number from 1 to 255"},
+      {"[export]\n\nprotocol = 4",
+       "f.toml:3: export.protocol: expected a whole number from 5 to 255"},
       {"[export]\ntabel = 1", "f.toml:2: export.tabel: there is no such key"},
       {"[exports]", "f.toml:1: exports: there is no such key"},
       {"[export.vrf.blue]\ntable = -1",
@@ -95,7 +95,8 @@ TEST(ConfigTest, ErrorsNameFileLineKeyAndWhatWasExpected) {
       {"[[cover]]\nprefix = \"10.0.0.0/24\"", "f.toml:1: cover: interfaces is missing"},
       {"[probe]\nkeepalive = 1", "f.toml:2: probe.keepalive: expected true or false"},
       {"[damping]\nwindow = -1", "f.toml:2: damping.window: expected a number of seconds from"},
-      {"[export]\ntable = 255", "f.toml: VRF default: table 255 (local) belongs to the kernel"},
+      {"[export]\ntable6 = 255",
+       "f.toml:2: export.table6: table 255 (local) belongs to the kernel"},
       {"[export.vrf.blue]\ntable = 10",
        "f.toml: VRF default: table 10 is that of the VRF blue already"},
       {"[export", "f.toml:1: "},
@@ -103,6 +104,7 @@ TEST(ConfigTest, ErrorsNameFileLineKeyAndWhatWasExpected) {
   for (const auto& [text, expected] : cases) {
     EXPECT_EQ(refusal(text).substr(0, std::string_view(expected).size()), expected) << text;
   }
+  for (const char* file : {"/", "/no such file"}) EXPECT_THROW(Config::load(file), ConfigError);
 }
 
 }  // namespace

@@ -162,6 +162,10 @@ TEST_F(AdvertisedFileTest, SurvivesAFullDisk) {
   EXPECT_EQ(keysOf(open()), before);
   problems = told;
 
+  // There need be nothing new to write.
+  EXPECT_TRUE(file.isBehind());
+  file.commit();
+  EXPECT_FALSE(file.isBehind());
   file.remove(key4(0));
   file.commit();
   EXPECT_TRUE(file.isSound());

@@ -489,6 +489,17 @@ TEST_F(FeedTest, AddressesOfVirtualRoutersAreVirtual) {
   EXPECT_EQ(flush(), "virtualIp,addr:10.0.0.254/24,present:false\n");
 }
 
+TEST_F(FeedTest, ASwitchThatIsReadyBeforeItsNeighborsEndsAlike) {
+  options.readyBeforeNeighbors = true;
+  options.virtualAddresses = {{.addr = addrOf("10.0.0.6")}};
+  feed.setOptions(options);
+  put(neighbor(1, "10.0.0.5"));
+  put(neighbor(1, "10.0.0.6"));
+  put(neighbor(1, "10.0.9.5"));
+  bringUp();
+  EXPECT_EQ(hosts(), "10.0.0.5");
+}
+
 TEST_F(FeedTest, NamesThatMeanSomethingToASwitchAreChanged) {
   put(vrfDevice(2, "default", 10));
   put(link(1, "Management1"));

@@ -217,6 +217,37 @@ class ProcessTest(RouterLab):
             self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
         self.assertGreaterEqual(daemon.fresh_status()['counters']['repaired'], 3)
 
+    def test_another_protocols_route_in_our_place_stays_and_is_shown_until_it_goes(self):
+        daemon = self.daemon(self.router, PORTS)
+        self.neighbor('10.0.1.11', 'p1')
+        self.neighbor('2001:db8:1::11', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
+        for family, route in ((4, '10.0.1.11/32'), (6, '2001:db8:1::11/128 metric 1024')):
+            with self.subTest(family=family):
+                self.router.ip(f'-{family} route replace {route} dev p2 table 10 proto static')
+                self.assertEventually(
+                    lambda: [row['reason'] for row in daemon.fresh_status()['problems']]
+                    == ['File exists'], 'it is shown')
+                shown = self.router.ip(f'-{family} route show table 10')
+                self.assertIn('proto static', shown)
+                self.router.ip(f'-{family} route del {route} dev p2 table 10 proto static')
+                self.assertRoutes(self.router, {route.split('/')[0]: 'p1'}, family)
+                self.assertEventually(lambda: not daemon.fresh_status()['problems'], 'it is over')
+
+    def test_a_route_that_somebody_replaces_is_deleted_and_added_anew(self):
+        self.daemon(self.router, PORTS)
+        self.neighbor('2001:db8:1::11', 'p1')
+        self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
+        with lab.Monitor(self.router, '-6') as monitor:
+            # By an equal one, which a routing daemon drops all the same.
+            self.router.ip('-6 route replace 2001:db8:1::11/128 dev p1 table 10 '
+                           f'proto {lab.PROTOCOL}')
+            time.sleep(1)
+        kinds = ['Deleted' in line for line in monitor.lines if '2001:db8:1::11 ' in line]
+        self.assertEqual(kinds, [False, True, False], monitor.lines)
+        self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
+
     def test_a_second_daemon_on_the_table_refuses(self):
         self.daemon(self.router, PORTS)
         second = self.daemon(self.router, PORTS, start=False)
@@ -252,6 +283,10 @@ class ProcessTest(RouterLab):
                               'the error is told')
         self.neighbor('10.0.2.12', 'p2')
         self.assertRoutes(self.router, {'10.0.2.11': 'p2', '10.0.2.12': 'p2'}, table=20)
+
+    def test_a_selection_of_no_interface_is_told(self):
+        daemon = self.daemon(self.router, '[neighbors]\ninterfaces = ["swp*"]\n')
+        self.assertIn('no interface that there is now is selected by "swp*"', daemon.log_text())
 
     def test_a_dry_run_prints_the_routes_and_writes_none(self):
         self.neighbor('10.0.1.11', 'p1')
