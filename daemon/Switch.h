@@ -1,14 +1,20 @@
 // A switch: the tables and the state machines of all its VRFs.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <utility>
+#include <vector>
 
+#include "daemon/Counters.h"
 #include "daemon/Family.h"
+#include "daemon/History.h"
 #include "platform/arp/NeighborDir.h"
 #include "platform/interface/AllIntfStatusDir.h"
 #include "platform/kiv/HashMap.h"
@@ -147,6 +153,29 @@ class Switch {
   /// Tells the readers of the shared tables whether the inputs that there were at the start are
   /// still being read, so that more routes are to come at once. They are not, unless told so.
   void setLoading(bool loading);
+
+  /// What the machines of a VRF have counted; nothing when there is no such VRF.
+  Counters counters(std::string_view vrf) const;
+
+  /// Keeps the last changes of each VRF's host routes, so many of each family; 0, the default,
+  /// keeps none. The memory is taken when this is called, or the VRF made. What was kept is
+  /// forgotten.
+  void historyIs(std::size_t entriesPerVrf);
+  /// The changes that are kept of the host routes at or inside a prefix, given as text, newest
+  /// last; none when there is no such VRF. \throws Kiv::RangeException when `prefix` is neither a
+  /// prefix nor an address.
+  std::vector<HistoryEntry> history(std::string_view vrf, std::string_view prefix) const;
+  /// Is called with each change of a host route in any VRF from now on, as it is made, whether or
+  /// not changes are kept; it must not change the switch. An empty one ends that.
+  void historyObserverIs(std::function<void(const HistoryEntry&)> observer);
+
+  /// Traces these levels, a bit for each, of what the machines of one VRF do, beside the levels
+  /// that the facilities have for all. The machines of other VRFs go on as fast as before.
+  void traceLevelIs(std::string_view vrf, uint32_t levels);
+  /// Restricts what traceLevelIs() lets through to one address, given as text, and what concerns no
+  /// address in particular; an empty one ends that.
+  /// \throws Kiv::RangeException when it is no address.
+  void traceAddressIs(std::string_view vrf, std::string_view address);
 
   /// Deletes a machine. Its root and all tables stay.
   template <class F>
