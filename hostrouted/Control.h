@@ -67,9 +67,9 @@ class Control {
     Router& router;
     Log& log;
     Recorder& recorder;
-    std::function<double()> clock;                   ///< seconds, never going back
-    std::function<ProcessStatus()> process;          ///< beside the router
-    std::function<void()> resynchronise;             ///< reads all of the kernel's state again
+    std::function<double()> clock;           ///< seconds, never going back
+    std::function<ProcessStatus()> process;  ///< beside the router
+    std::function<void()> resynchronise;     ///< reads all of the kernel's state again
     /// Reads the configuration again. \return why it was refused; empty when it was not.
     std::function<std::string()> reload;
     std::string recordingDirectory;  ///< where recordings without a directory go

@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 #include <list>
+#include <map>
 #include <ostream>
 #include <stdexcept>
 #include <streambuf>
@@ -92,7 +93,7 @@ struct Client {
   sd_event_source* source = nullptr;
   std::string input;
   std::string output;
-  size_t sent = 0;  // of the output
+  size_t sent = 0;        // of the output
   bool hasEnded = false;  // it sends no more
   std::unique_ptr<Feedline> feed;
   pid_t writer = 0;  // the process that answers it, while there is one
@@ -127,6 +128,7 @@ class ControlSocket::Server {
       if (client.writer != 0) ::kill(client.writer, SIGKILL);
     }
     clients_.clear();
+    for (const auto& [pid, source] : writers_) ::sd_event_source_disable_unref(source);
     ::sd_event_source_disable_unref(listener_);
     ::sd_event_source_disable_unref(timer_);
     ::unlink(options_.path.c_str());
@@ -187,8 +189,10 @@ class ControlSocket::Server {
     return 0;
   }
   static int onChild(sd_event_source* source, const siginfo_t* info, void* self) {
+    auto& server = *static_cast<Server*>(self);
     const bool isDone = info->si_code == CLD_EXITED && info->si_status == 0;
-    static_cast<Server*>(self)->finish(info->si_pid, isDone);
+    server.writers_.erase(info->si_pid);
+    server.finish(info->si_pid, isDone);
     ::sd_event_source_disable_unref(source);
     return 0;
   }
@@ -225,10 +229,10 @@ class ControlSocket::Server {
     auto& client = clients_.emplace_back();
     client.fd = fd;
     client.uid = credentials.uid;
-    client.peer = {.isRoot = isRoot,
-                   .mayChange = isRoot || credentials.uid == ::geteuid() ||
-                                (options_.adminGroup &&
-                                 isMember(fd, credentials.gid, *options_.adminGroup))};
+    client.peer = {
+        .isRoot = isRoot,
+        .mayChange = isRoot || credentials.uid == ::geteuid() ||
+                     (options_.adminGroup && isMember(fd, credentials.gid, *options_.adminGroup))};
     client.activeAt = monotonicSeconds();
     if (::sd_event_add_io(event_, &client.source, fd, EPOLLIN, onClient, this) < 0) {
       clients_.pop_back();
@@ -318,6 +322,7 @@ class ControlSocket::Server {
       client.hasEnded = true;
       return;
     }
+    writers_.emplace(pid, source);
     listen(client);
   }
 
@@ -427,6 +432,8 @@ class ControlSocket::Server {
   sd_event_source* listener_ = nullptr;
   sd_event_source* timer_ = nullptr;
   Clients clients_;
+  // The processes that write answers, also of clients that are gone: each is waited for.
+  std::map<pid_t, sd_event_source*> writers_;
 };
 
 ControlSocket::ControlSocket(sd_event* event, Options options, Control& control, Log& log)

@@ -42,8 +42,7 @@ class Router {
     std::function<double()> clock;  ///< seconds, never going back
     std::function<void(std::span<const Linux::Probe>)> probe;
     std::function<void(int level, const std::string& message)> report;  ///< syslog(3) levels
-    /// Told of each operation that the switch is given; empty when nobody records.
-    Linux::Feed::Output record = {};
+    Linux::Feed::Output record;  ///< told of each operation that the switch is given
   };
   struct Counters {
     uint64_t changes = 0;     ///< messages of the kernel
@@ -51,6 +50,13 @@ class Router {
     uint64_t failures = 0;    ///< operations that the switch did not finish
     uint64_t resynchronisations = 0;
     uint64_t probes = 0;
+    uint64_t turns = 0;
+  };
+  /// How long something took, with the meaning for people.
+  struct Times {
+    const char* name;
+    const char* help;
+    const Daemon::LatencyHistogram& histogram;
   };
 
   /// \throws Kiv::RangeException, Tovan::OpenException when the shared tables cannot be made.
@@ -86,7 +92,17 @@ class Router {
     routes_.adoptAdvertised(key, metric);
   }
 
+  /// All that is counted beside the switch, with the number of neighbour entries by what becomes
+  /// of them: these are looked at one by one.
+  Linux::Numbers numbers() const;
+  std::vector<Times> times() const;
+
   const Linux::KernelRoutes& kernelRoutes() const { return routes_; }
+  const Linux::Mirror& mirror() const { return mirror_; }
+  const Linux::Feed& feed() const { return feed_; }
+  const Daemon::Switch& sw() const { return switch_; }
+  /// For those who watch it: nothing may be done to its tables.
+  Daemon::Switch& watchedSwitch() { return switch_; }
   const Config& config() const { return config_; }
 
  private:
@@ -99,6 +115,8 @@ class Router {
   Phase phase_ = Phase::Starting;
   bool dumps_ = false;
   Counters counters_;
+  Daemon::LatencyHistogram turnTimes_;
+  Daemon::LatencyHistogram operationTimes_;
   Linux::Mirror mirror_;
   Linux::Feed feed_;
   Daemon::Switch switch_;
