@@ -39,6 +39,7 @@ void require(bool holds, const char* what) {
 
 enum Event { kLearned, kUpdated, kLost };
 constexpr size_t kEvents = 3;
+constexpr size_t kHistory = 4096;  // changes that are kept
 constexpr const char* kEventNames[] = {"learned", "updated", "lost"};
 
 /// Hosts in an order without system, none twice.
@@ -74,7 +75,7 @@ void events(const Options& options, const std::string& name, size_t hosts) {
       floor.learn(host);
       engine.learn(host);
     }
-    std::vector<double> ofFloor[kEvents], ofEngine[kEvents], traced[kEvents];
+    std::vector<double> ofFloor[kEvents], ofEngine[kEvents], traced[kEvents], kept[kEvents];
     std::mt19937_64 random(1);
     for (size_t round = 0; round < options.rounds; ++round) {
       timeEvents(floor, drawn(1000, hosts, random), ofFloor);
@@ -82,6 +83,9 @@ void events(const Options& options, const std::string& name, size_t hosts) {
       F::trace().levelIs(0, true);
       timeEvents(engine, drawn(1000, hosts, random), traced);
       F::trace().levelIs(0, false);
+      engine.historyIs(kHistory);
+      timeEvents(engine, drawn(1000, hosts, random), kept);
+      engine.historyIs(0);
     }
     require(engine.routes() == hosts && floor.routes() == hosts, "a neighbour lacks its route");
     std::vector<double> medians;
@@ -89,15 +93,18 @@ void events(const Options& options, const std::string& name, size_t hosts) {
       medians.push_back(median(ofEngine[event]));
       medians.push_back(median(traced[event]));
       medians.push_back(median(ofFloor[event]));
+      medians.push_back(median(kept[event]));
     }
     return medians;
   });
   for (size_t event = 0; event < kEvents; ++event) {
     report(name + '/' + kEventNames[event], static_cast<double>(hosts),
-           {{"ns", figures[3 * event]},
-            {"ns_level0", figures[3 * event + 1]},
-            {"floor_ns", figures[3 * event + 2]},
-            {"ratio", figures[3 * event] / figures[3 * event + 2]}});
+           {{"ns", figures[4 * event]},
+            {"ns_level0", figures[4 * event + 1]},
+            {"floor_ns", figures[4 * event + 2]},
+            {"ratio", figures[4 * event] / figures[4 * event + 2]},
+            {"ns_history", figures[4 * event + 3]},
+            {"history_ratio", figures[4 * event + 3] / figures[4 * event]}});
   }
 }
 

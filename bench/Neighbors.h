@@ -55,6 +55,8 @@ class Engine {
   }
   void lose(size_t host) { scene_.neighbor(plan_.intfOf(host), plan_.host(host), false); }
   size_t routes() { return scene_.hostRoutes(); }
+  /// Keeps the last so many changes of host routes; 0 for none.
+  void historyIs(size_t entries) { scene_.sw.historyIs(entries); }
 
  private:
   Plan<F> plan_;

@@ -19,11 +19,12 @@ _hostroute() {
   local word=${COMP_WORDS[COMP_CWORD]} options
   COMPREPLY=()
   case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --shared | --wait | --for | --key | --at | --size | --files | --protocol | --table6) return ;;
+    --shared | --wait | --for | --key | --at | --last | --size | --files | --protocol | --table6) return ;;
     --vrf) mapfile -t COMPREPLY < <(compgen -W "$(_hostroute_names vrfs "$word")" -- "$word") && return ;;
     --intf | --interfaces)
       mapfile -t COMPREPLY < <(compgen -W "$(_hostroute_names interfaces "$word")" -- "$word") && return
       ;;
+    --replay) mapfile -t COMPREPLY < <(compgen -f -- "$word") && return ;;
     --trace | --levels) mapfile -t COMPREPLY < <(compgen -W "0,1,2,6,7 all" -- "$word") && return ;;
     --family) mapfile -t COMPREPLY < <(compgen -W "4 6" -- "$word") && return ;;
     --table) mapfile -t COMPREPLY < <(compgen -W "$(_hostroute_tables)" -- "$word") && return ;;
@@ -44,8 +45,10 @@ _hostroute() {
     *import) options="--dir --link --addr --neigh --route4 --route6 --nexthop --help" ;;
     *shell) options="--help" ;;
     *types) options="--json --help" ;;
-    *explain | *history) options="--vrf --replay --at --json --socket --help
-      $(_hostroute_names prefixes "$word" | sed -E 's/\/(32|128)$//')" ;;
+    *explain) options="--vrf --replay --at --settle --json --socket --help
+      $(_hostroute_names prefixes "$word" | sed -nE 's/\/(32|128)$//p')" ;;
+    *history) options="--vrf --last --replay --at --settle --json --socket --help
+      $(_hostroute_names prefixes "$word")" ;;
     *monitor) options="--vrf --json --socket --help $(_hostroute_names prefixes "$word")" ;;
     *neighbors) options="--vrf --family --intf --json --socket --help" ;;
     *dump) options="--vrf --family --json --socket --help" ;;

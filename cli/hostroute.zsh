@@ -42,7 +42,7 @@ _hostroute() {
     'dump:the state of the running machines'
     'anonymize:make a recording fit for others'
     'replay:play recorded inputs and print the resulting state'
-    'routes:show the route tables that a process keeps in shared memory'
+    'routes:show the routes of the running hostrouted, or tables in shared memory'
     'diff:compare the host routes of two dumps'
     'import:turn the state of a Linux machine into a recording'
     'shell:play recorded inputs, then look into the machines'
@@ -83,10 +83,6 @@ _hostroute() {
         '--wait[wait until the tables are ready]:seconds:' '--count[count routes]' \
         $live '1:address:_hostroute_prefixes'
       ;;
-    explain | history)
-      _arguments '--vrf[of this VRF]:VRF:_hostroute_vrfs' '--replay[of a recording]:recording:_files' \
-        '--at[as of this line]:line:' $live '1:address:_hostroute_addresses'
-      ;;
     monitor) _arguments '--vrf[only this VRF]:VRF:_hostroute_vrfs' $live '1:prefix:_hostroute_prefixes' ;;
     neighbors)
       _arguments $chosen '--intf[only on this interface]:interface:_hostroute_interfaces' $live \
@@ -114,6 +110,13 @@ _hostroute() {
     diff)
       _arguments $chosen '--table[compare with shared tables]:name:_hostroute_tables' \
         '--json[print JSON]' '1:dump:_files' '2:dump:_files'
+      ;;
+    explain | history)
+      local -a only
+      [[ $command == history ]] && only=('--last[only so many changes]:count:')
+      _arguments $only '--replay[in these recorded inputs]:recording:_files' \
+        '--at[after this line of them]:line:' '--settle[replay as a daemon does]' \
+        '--vrf[in this VRF]:VRF:_hostroute_vrfs' $live '1:address or prefix:_hostroute_addresses'
       ;;
     import)
       _arguments '--dir[directory of the documents]:directory:_files -/' \

@@ -12,6 +12,7 @@
 #include "cli/DiffCommand.h"
 #include "cli/DoctorCommand.h"
 #include "cli/ImportCommand.h"
+#include "cli/LiveAnswers.h"
 #include "cli/LiveCommands.h"
 #include "cli/OperateCommands.h"
 #include "cli/ReplayCommand.h"
@@ -54,6 +55,7 @@ int run(CLI::App& app, int argc, char** argv) {
   Cli::addReplayCommand(app, exitCode);
   Cli::addRoutesCommand(app, exitCode);
   Cli::addDiffCommand(app, exitCode);
+  Cli::addAnswerCommands(app, exitCode);
   Cli::addImportCommand(app, exitCode);
   Cli::addShellCommand(app, exitCode);
   Cli::addTypesCommand(app, exitCode);

@@ -4,11 +4,163 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <iterator>
+
+#include "daemon/Switch.h"
+#include "platform/routing/RouteTypes.h"
 
 namespace Daemon {
 
-std::span<const CounterInfo> counterInfos() {
+namespace {
+
+using Kind = CounterInfo::Kind;
+
+// The rows of the table, by what fills them.
+enum class Row : size_t {
+  kEvents,
+  kRefused,
+  kRepairs,
+  kMerges,
+  kExceptions,
+  kHostRoutes,
+  kNeighborRoutes,
+  kOwnAddresses,
+  kTrackedRoutes,
+  kDeferred,
+};
+
+constexpr CounterInfo kInfos[] = {
+    {"events", "kind", Kind::Counter,
+     "Events that reached the machine, by what they were. A neighbour on an interface through "
+     "which "
+     "no route of the VRF leaves does not reach it."},
+    {"neighbors_refused", "reason", Kind::Counter,
+     "Neighbours that got no host route when they were looked up, by the reason. One that is "
+     "looked "
+     "up again counts again."},
+    {"repairs", "", Kind::Counter, "Neighbours that were filed under a FIB route."},
+    {"merges", "", Kind::Counter,
+     "Addresses for which it was settled which host route wins. A merge that could change nothing "
+     "is spared, and not counted."},
+    {"exceptions", "", Kind::Counter,
+     "Events that the machine could not handle to the end. Any but 0 is a fault worth a report."},
+    {"host_routes", "type", Kind::Gauge, "Host routes in the route table, by their type."},
+    {"neighbor_routes", "", Kind::Gauge,
+     "Neighbours that have a host route, whether or not it wins."},
+    {"own_addresses", "", Kind::Gauge,
+     "Addresses for which receive routes are kept: the router\'s own, and the network and "
+     "broadcast "
+     "addresses of its IPv4 subnets."},
+    {"tracked_routes", "", Kind::Gauge, "FIB routes that the machine follows."},
+    {"deferred_merges", "", Kind::Gauge,
+     "Addresses that wait to be merged until the VRF is initialized."},
+};
+
+/// The label of a reason.
+constexpr std::string_view nameOf(HostCore::Lack lack) {
+  using HostCore::Lack;
+  switch (lack) {
+    case Lack::None:
+      return "none";
+    case Lack::RouteStatus:
+    case Lack::HostStatus:
+    case Lack::Table:
+      return "input";
+    case Lack::Cover:
+      return "cover";
+    case Lack::Record:
+      return "coverRecord";
+    case Lack::Fec:
+      return "coverFec";
+    case Lack::Interface:
+      return "otherInterface";
+    case Lack::DirectVia:
+      return "directVia";
+    case Lack::Skipped:
+      return "managementPort";
+  }
   return {};
+}
+// Those that can be met in a switch, whose machines have all their inputs.
+constexpr HostCore::Lack kLacks[] = {HostCore::Lack::Cover,     HostCore::Lack::Record,
+                                     HostCore::Lack::Fec,       HostCore::Lack::Interface,
+                                     HostCore::Lack::DirectVia, HostCore::Lack::Skipped};
+
+/// Collects the numbers of one machine, row by row.
+template <class F>
+class Collector {
+ public:
+  Collector(const typename F::RouteSm& sm, const typename F::RouteSmRoot& root,
+            std::vector<CounterValue>& values)
+      : counts_(sm.interest().account.counts), root_(root), values_(values) {}
+
+  void add(Row row) {
+    switch (row) {
+      case Row::kEvents:
+        for (size_t kind = 0; kind < HostCore::kCauseKinds; ++kind) {
+          if (static_cast<CauseKind>(kind) == CauseKind::Unknown) continue;
+          add(row, Daemon::nameOf(static_cast<CauseKind>(kind)), counts_.events[kind]);
+        }
+        break;
+      case Row::kRefused:
+        for (const auto lack : kLacks) {
+          add(row, nameOf(lack), counts_.refused[static_cast<size_t>(lack)]);
+        }
+        break;
+      case Row::kRepairs:
+        return add(row, {}, counts_.repairs);
+      case Row::kMerges:
+        return add(row, {}, counts_.merges);
+      case Row::kExceptions:
+        return add(row, {}, counts_.exceptions);
+      case Row::kHostRoutes:
+        for (size_t number = 0; number < counts_.hostRoutes.size(); ++number) {
+          const auto type = static_cast<typename F::RouteType>(number);
+          if (counts_.hostRoutes[number] == 0 && !F::isOwnType(type)) continue;
+          add(row, Routing::routeTypeName(type), counts_.hostRoutes[number]);
+        }
+        break;
+      case Row::kNeighborRoutes:
+        return add(row, {}, F::neighborTable(root_)->routeCount());
+      case Row::kOwnAddresses:
+        return add(row, {}, root_.receiveTable()->routeCount());
+      case Row::kTrackedRoutes:
+        return add(row, {}, root_.prefixToRouteCount());
+      case Row::kDeferred:
+        return add(row, {}, root_.toMerge()->ipCount());
+    }
+  }
+
+ private:
+  void add(Row row, std::string_view labelValue, uint64_t value) {
+    values_.push_back({&kInfos[static_cast<size_t>(row)], labelValue, F::kNumber, value});
+  }
+
+  const HostCore::Counts& counts_;
+  const typename F::RouteSmRoot& root_;
+  std::vector<CounterValue>& values_;
+};
+
+}  // namespace
+
+std::span<const CounterInfo> counterInfos() {
+  return kInfos;
+}
+
+Counters Switch::counters(std::string_view vrf) const {
+  Counters counters;
+  const auto known = vrfs_.find(vrf);
+  if (known == vrfs_.end()) return counters;
+  for (size_t row = 0; row < std::size(kInfos); ++row) {
+    forEachFamily([&](auto family) {
+      using F = decltype(family);
+      const auto& routing = known->second.template routing<F>();
+      const auto* machine = routing.machine();
+      if (machine == nullptr) return;
+      Collector<F>(*machine, *routing.root, counters.values).add(static_cast<Row>(row));
+    });
+  }
+  return counters;
 }
 
 uint64_t Counters::sum(std::string_view name, std::string_view labelValue, int family) const {

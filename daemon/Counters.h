@@ -34,7 +34,8 @@ struct CounterValue {
   uint64_t value;
 };
 
-/// The numbers of one VRF, in the order of counterInfos(), then of the label values, IPv4 first.
+/// The numbers of one VRF in the order of counterInfos(), those of IPv4 first in each row. A
+/// machine that has ended has none.
 struct Counters {
   std::vector<CounterValue> values;
 

@@ -13,8 +13,8 @@ class Switch;
 
 /// A next hop. A hop that is the destination itself is the zero address.
 struct ExplainedVia {
-  std::string hop;
-  std::string intf;
+  std::string hop = {};
+  std::string intf = {};
 
   friend bool operator==(const ExplainedVia&, const ExplainedVia&) = default;
 };
@@ -34,15 +34,15 @@ struct Finding {
     OtherVrf,    ///< the route table of another VRF has a route of the address
   };
 
-  Kind kind;
-  std::string text;  ///< for people: a sentence without its full stop
+  Kind kind = {};
+  std::string text = {};  ///< for people: a sentence without its full stop
   // The parts that the text names; empty or 0 where it names none.
-  std::string vrf;
-  std::string intf;
-  std::string prefix;
-  std::string type;  ///< of a route
+  std::string vrf = {};
+  std::string intf = {};
+  std::string prefix = {};
+  std::string type = {};  ///< of a route
   uint64_t fec = 0;
-  std::vector<ExplainedVia> vias;
+  std::vector<ExplainedVia> vias = {};
   uint64_t adjacency = 0;   ///< a host adjacency of the VRF
   uint32_t references = 0;  ///< how many host routes use that
 };
@@ -52,11 +52,11 @@ std::string_view nameOf(Finding::Kind kind);
 
 /// A route that an address could have.
 struct Candidate {
-  std::string source;  ///< "ownAddress", "fibRoute" or "neighbor"
-  std::string type;
-  std::string fec;  ///< the FEC of a FIB route; empty where the vias are written as an adjacency
-  std::vector<ExplainedVia> vias;
-  std::string reason;  ///< why it won, or lost
+  std::string source = {};  ///< "ownAddress", "fibRoute" or "neighbor"
+  std::string type = {};
+  uint64_t fec = 0;  ///< of a FIB route; 0 where the vias are written as an adjacency
+  std::vector<ExplainedVia> vias = {};
+  std::string reason = {};  ///< why it won, or lost
 };
 
 /// What keeps an address from having a route.
@@ -75,15 +75,15 @@ struct Missing {
     Announcement,  ///< nothing but that the neighbour, or the FIB route, is announced again
   };
 
-  Kind kind;
-  std::string text;  ///< what is so
-  std::string mend;  ///< what would give the address a route
+  Kind kind = {};
+  std::string text = {};  ///< what is so
+  std::string mend = {};  ///< what would give the address a route
   // The parts that the texts name; empty or 0 where they name none.
-  std::string vrf;
-  std::string intf;
-  std::string prefix;
+  std::string vrf = {};
+  std::string intf = {};
+  std::string prefix = {};
   uint64_t fec = 0;
-  std::vector<ExplainedVia> vias;
+  std::vector<ExplainedVia> vias = {};
 };
 
 /// The word by which programs know what is missing, such as "otherInterface".
@@ -94,18 +94,18 @@ std::string_view nameOf(Missing::Kind kind);
 /// The findings are in the order in which the machine decides, and come from the functions with
 /// which it does.
 struct Explanation {
-  std::string vrf;
-  std::string address;
+  std::string vrf = {};
+  std::string address = {};
   int family = 4;  ///< 4 or 6
-  std::vector<Finding> findings;
+  std::vector<Finding> findings = {};
   /// The route that the address has in the route table; none when it has none.
-  std::optional<Candidate> winner;
-  std::vector<Candidate> losers;
+  std::optional<Candidate> winner = {};
+  std::vector<Candidate> losers = {};
   /// Set exactly when there is no winner.
-  std::optional<Missing> missing;
+  std::optional<Missing> missing = {};
   /// What a merge of the address would change in the route table now, as a sentence; empty when
   /// that is nothing.
-  std::string pending;
+  std::string pending = {};
 };
 
 /// Explains the host route of an address, given as text. The switch is left as it is.

@@ -1,6 +1,7 @@
 // The address families as a daemon holds them: the engine's seams, and what a switch adds to them.
 #pragma once
 
+#include <optional>
 #include <type_traits>
 
 #include "host/Family.h"
@@ -45,6 +46,11 @@ struct Ipv4 : Routing::Host::Ipv4 {
   }
   static void intfDel(IpStatus& status, Zemit::IntfId intf) { status.ipIntfStatusDel(intf); }
 
+  /// The address of a virtual one; nothing where that is of the other family.
+  static std::optional<Addr> virtualAddr(const Routing::Fhrp::VrfIpWithMaskPair& pair) {
+    return pair.v4Addr();
+  }
+
   static bool hostRoutesSynced(const RovelReady::VrfStatus& readiness) {
     return readiness.v4HostRoutesSynced();
   }
@@ -83,6 +89,10 @@ struct Ipv6 : Routing6::Host::Ipv6 {
     status.newIntf(intf, l3Status);
   }
   static void intfDel(IpStatus& status, Zemit::IntfId intf) { status.intfDel(intf); }
+
+  static std::optional<Addr> virtualAddr(const Routing::Fhrp::VrfIpPair& pair) {
+    return pair.vrfIp();
+  }
 
   static bool hostRoutesSynced(const RovelReady::VrfStatus& readiness) {
     return readiness.v6HostRoutesSynced();

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "daemon/SharedNames.h"
+#include "hostcore/Tracing.h"
 #include "platform/kiv/Exception.h"
 
 namespace Daemon {
@@ -49,6 +50,10 @@ Vrf& Switch::vrf(std::string_view name) {
   Vrf& added = vrfs_.emplace(name, std::move(vrf)).first->second;
   newMachine(added, added.routing<Ipv4>());
   newMachine(added, added.routing<Ipv6>());
+  forEachFamily([&](auto family) {
+    added.routing<decltype(family)>().machine()->interest().account.isSettling = &isSettling_;
+  });
+  openHistory(vrfs_.find(name)->first, added, true);
   publishState(added);
   return added;
 }
@@ -70,6 +75,35 @@ void Switch::setLoading(bool loading) {
   if (loading == loading_) return;
   loading_ = loading;
   for (const auto& [name, vrf] : vrfs_) publishState(vrf);
+}
+
+Vrf& Switch::knownVrf(std::string_view name) {
+  const auto known = vrfs_.find(name);
+  KIV_REQUIRE(known != vrfs_.end(), "there is no VRF \"" + std::string(name) + "\"");
+  return known->second;
+}
+
+void Switch::traceLevelIs(std::string_view vrf, uint32_t levels) {
+  Vrf& traced = knownVrf(vrf);
+  forEachFamily([&](auto family) {
+    using F = decltype(family);
+    if (auto* machine = traced.routing<F>().machine()) {
+      HostCore::tracedLevelsAre<F>(*machine, levels);
+    }
+  });
+}
+
+void Switch::traceAddressIs(std::string_view vrf, std::string_view address) {
+  Vrf& traced = knownVrf(vrf);
+  const auto ipv4 = Zemit::IpAddr::parse(address);
+  const auto ipv6 = Zemit::Ip6Addr::parse(address);
+  KIV_REQUIRE(ipv4 || ipv6 || address.empty(), "\"" + std::string(address) + "\" is no address");
+  if (auto* machine = traced.routing<Ipv4>().machine()) {
+    HostCore::tracedAddressIs<Ipv4>(*machine, ipv4, ipv6.has_value());
+  }
+  if (auto* machine = traced.routing<Ipv6>().machine()) {
+    HostCore::tracedAddressIs<Ipv6>(*machine, ipv6, ipv4.has_value());
+  }
 }
 
 template <class F>
@@ -255,6 +289,18 @@ void Switch::setStartRibReadyVerification(std::string_view vrf, bool start) {
 
 namespace {
 
+/// While one stands, neighbours are announced again.
+class Settling {
+ public:
+  explicit Settling(bool& isSettling) : isSettling_(isSettling) { isSettling_ = true; }
+  Settling(const Settling&) = delete;
+  Settling& operator=(const Settling&) = delete;
+  ~Settling() { isSettling_ = false; }
+
+ private:
+  bool& isSettling_;
+};
+
 /// Whether the neighbour `addr` lacks its host route there.
 template <class F>
 bool isRouteless(const HostRouting<F>& routing, const typename F::Addr& addr) {
@@ -269,13 +315,14 @@ bool isRouteless(const HostRouting<F>& routing, const typename F::Addr& addr) {
 
 /// Announces the neighbours inside `prefix` again that have no host route in this VRF.
 template <class F>
-void Switch::settleInside(const HostRouting<F>& routing, const typename F::Prefix& prefix) const {
+void Switch::settleInside(const HostRouting<F>& routing, const typename F::Prefix& prefix) {
   std::vector<std::pair<typename F::Addr, Zemit::IntfId>> routeless;
   const auto& index = std::get<NeighborIndex<F>>(neighborIndices_);
   for (auto it = index.lower_bound({prefix.addr(), Zemit::IntfId()});
        it != index.end() && prefix.contains(it->first); ++it) {
     if (isRouteless(routing, it->first)) routeless.push_back(*it);
   }
+  const Settling settling(isSettling_);
   for (const auto& [addr, intf] : routeless) {
     F::neighborNotify(*neighborDir_->tableOf(intf), addr);
   }
@@ -283,7 +330,7 @@ void Switch::settleInside(const HostRouting<F>& routing, const typename F::Prefi
 
 /// Announces the neighbours on `intfs` again that have no host route in a VRF with a machine.
 template <class F>
-void Switch::settleOn(const std::set<Zemit::IntfId>& intfs) const {
+void Switch::settleOn(const std::set<Zemit::IntfId>& intfs) {
   std::vector<std::pair<const Arp::ArpIntfStatus*, typename F::Addr>> routeless;
   for (const Zemit::IntfId intf : intfs) {
     const auto* table = neighborDir_->tableOf(intf);
@@ -296,6 +343,7 @@ void Switch::settleOn(const std::set<Zemit::IntfId>& intfs) const {
       if (std::any_of(vrfs_.begin(), vrfs_.end(), lacksIt)) routeless.emplace_back(table, it.key());
     }
   }
+  const Settling settling(isSettling_);
   for (const auto& [table, addr] : routeless) F::neighborNotify(*table, addr);
 }
 

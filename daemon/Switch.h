@@ -171,10 +171,11 @@ class Switch {
 
   /// Traces these levels, a bit for each, of what the machines of one VRF do, beside the levels
   /// that the facilities have for all. The machines of other VRFs go on as fast as before.
+  /// \throws Kiv::RangeException when there is no such VRF.
   void traceLevelIs(std::string_view vrf, uint32_t levels);
   /// Restricts what traceLevelIs() lets through to one address, given as text, and what concerns no
   /// address in particular; an empty one ends that.
-  /// \throws Kiv::RangeException when it is no address.
+  /// \throws Kiv::RangeException when there is no such VRF, or it is no address.
   void traceAddressIs(std::string_view vrf, std::string_view address);
 
   /// Deletes a machine. Its root and all tables stay.
@@ -208,10 +209,14 @@ class Switch {
   void newMachine(Vrf& vrf, HostRouting<Ipv4>& routing);
   void newMachine(Vrf& vrf, HostRouting<Ipv6>& routing);
 
+  /// Gives the machines of a VRF as much of a history as is asked for.
+  void openHistory(const std::string& name, Vrf& vrf, bool forgets);
+  Vrf& knownVrf(std::string_view name);
+
   template <class F>
-  void settleInside(const HostRouting<F>& routing, const typename F::Prefix& prefix) const;
+  void settleInside(const HostRouting<F>& routing, const typename F::Prefix& prefix);
   template <class F>
-  void settleOn(const std::set<Zemit::IntfId>& intfs) const;
+  void settleOn(const std::set<Zemit::IntfId>& intfs);
 
   const Options options_;
   // Everything down to the VRFs is lent to their machines, and so outlives them.
@@ -224,6 +229,9 @@ class Switch {
   /// Where each address is a neighbour, in the order of the addresses. Kept while settling is on.
   std::tuple<NeighborIndex<Ipv4>, NeighborIndex<Ipv6>> neighborIndices_;
   bool loading_ = false;
+  bool isSettling_ = false;  // lent to the machines, which tell by it why a neighbour is announced
+  std::size_t historyEntries_ = 0;
+  std::function<void(const HistoryEntry&)> historyObserver_;
   // Goes first, while the tables are still open: nobody can have taken the names over.
   SharedTablesRemover sharedTables_{options_.sharedName};
 };

@@ -29,6 +29,7 @@ Obu::IntfDir::Ptr subtract(const Obu::IntfDir::PtrConst& a, const Obu::IntfDir::
 }
 
 void RouteSm::handleStatusRoute(const Zemit::Prefix& prefix) {
+  const HostCore::About<Ipv4> about(*this, prefix);
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::handleStatusRoute(const Zemit::Prefix&)"
                 << ", prefix: " << prefix);
@@ -41,6 +42,7 @@ void RouteSm::handleStatusRoute() {
 }
 
 void RouteSm::handleHostStatusRoute(const Zemit::Prefix& prefix) {
+  const HostCore::About<Ipv4> about(*this, prefix);
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::handleHostStatusRoute(const Zemit::Prefix&)"
                 << ", prefix: " << prefix);
@@ -54,6 +56,7 @@ void RouteSm::handleHostStatusRoute() {
 }
 
 void RouteSm::handleRoute(const Zemit::Prefix& prefix, const Tovan::Fib::Route& fibRoute) {
+  const HostCore::About<Ipv4> about(*this, prefix);
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::handleRoute(const Zemit::Prefix&, "
             "const Tovan::Fib::Route&)");

@@ -27,6 +27,7 @@ Obu::AddrSet::Ptr RouteSm::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
 
 void RouteSm::fixupArpRouteOver(Zemit::IpAddr ipAddr, const Tovan::Fib::Route& fibRoute,
                                 const Tovan::Fib::Fec& fec) {
+  const HostCore::About<Ipv4> about(*this, ipAddr);
   KIV_TRACE_AS(hostRouteTrace, 8, *this, "fixupArpRoute",
                "void Routing::Host::RouteSm::fixupArpRoute(Zemit::IpAddr, "
                "const Tovan::Fib::Route&)");

@@ -20,6 +20,7 @@ void RouteSm::KivArpIntfStatus::onArpEntryExpected(const Zemit::IpAddr& addr) co
 }
 
 void RouteSm::KivArpIntfStatus::handleArpEntry(Zemit::IpAddr addr) {
+  const HostCore::About<Ipv4> about(Kiv::validPtr(routeSm()), addr);
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::KivArpIntfStatus::handleArpEntry(Zemit::IpAddr)");
   Steps(Kiv::validPtr(routeSm())).handleArpEntry(*this, addr, Arp::ArpEntryStatus{.ipAddr = addr});
@@ -43,6 +44,7 @@ void RouteSm::handleArpEntries() {
 
 void RouteSm::handleAddedArpEntry(const Arp::ArpEntryStatus& arpEntry,
                                   const ArpTable& arpIntfStatus) {
+  const HostCore::About<Ipv4> about(*this, arpEntry.ipAddr);
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::handleAddedArpEntry(const Arp::ArpEntryStatus&, "
             "const Arp::ArpIntfStatus::PtrConst&)");
@@ -51,6 +53,7 @@ void RouteSm::handleAddedArpEntry(const Arp::ArpEntryStatus& arpEntry,
 
 void RouteSm::handleDeletedArpEntry(const Arp::ArpEntryStatus& arpEntry,
                                     const ArpTable& arpIntfStatus) {
+  const HostCore::About<Ipv4> about(*this, arpEntry.ipAddr);
   KIV_TRACE(hostRouteTrace, 8, *this,
             "void Routing::Host::RouteSm::handleDeletedArpEntry(const Arp::ArpEntryStatus&, "
             "const Arp::ArpIntfStatus::PtrConst&)");

@@ -122,6 +122,8 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
 
 void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus::PtrConst& status) {
   const auto root = Kiv::validPtr(Kiv::validPtr(routeSm)->root());
+  const HostCore::Event<Ipv4> event(*routeSm, HostCore::CauseKind::Address,
+                                    Kiv::validPtr(status)->intfId());
   const HostCore::Listening<Ipv4>::Handling handling(*routeSm);
   const auto name = Kiv::validPtr(status)->name();
   KIV_TRACE(hostRouteTrace, 8, *root,

@@ -9,6 +9,7 @@
 #include "hostcore/Listening.h"
 #include "hostcore/NeighborEntries.h"
 #include "hostcore/ReceiveRoutes.h"
+#include "hostcore/Tracing.h"
 #include "platform/kiv/Assert.h"
 
 namespace Routing::Host {
@@ -55,6 +56,7 @@ RouteSm::~RouteSm() {
 void RouteSm::retire() {
   if (std::exchange(hasEnded_, true)) return;
   const Ptr alive(this);
+  HostCore::tracedLevelsAre<Ipv4>(*this, 0);
   kivDoZombieReactors(true);
   forEachReactor([](auto& reactor) { reactor.routeSmIs(nullptr); });
   initialized_.setQuietly(false);
@@ -206,6 +208,7 @@ void RouteSm::vrfIpIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) 
               "null _vrfIpIntfStatus parameter to mutator for "
               "Routing::Host::RouteSm::vrfIpIntfStatus not allowed");
   const Zemit::IntfId intfId = ipIntfStatus->intfId();
+  const HostCore::Event<Ipv4> event(*this, HostCore::CauseKind::Interface, intfId);
   vrfIpIntfStatus_.set(*this, intfId, ipIntfStatus);
   handleIpIntfStatus(intfId);
   // A callback may have removed the interface, or replaced its status.
@@ -214,6 +217,7 @@ void RouteSm::vrfIpIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) 
 
 void RouteSm::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
   if (!vrfIpIntfStatus_.del(*this, intfId)) return;
+  const HostCore::Event<Ipv4> event(*this, HostCore::CauseKind::Interface, intfId);
   handleIpIntfStatus(intfId);
   if (!vrfIpIntfStatus(intfId)) ipIntfStatusDel(intfId);
 }

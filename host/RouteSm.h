@@ -199,6 +199,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// The VRF's name.
   Kiv::Name name() const override { return vrfName().value(); }
+  /// See HostCore::tracedLevelsAre().
+  uint32_t tracedLevels() const noexcept override { return interest_.account.tracing.now; }
 
   /// The activity that runs all reactors of this machine.
   KIV_POINTER_VIEW(257, kivFwkActivity, KivFwkActivity, Kiv::ActivityConfig)

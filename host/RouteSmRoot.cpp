@@ -23,6 +23,10 @@ RouteSmRoot::~RouteSmRoot() {
   dropNotifiees();
 }
 
+uint32_t RouteSmRoot::tracedLevels() const noexcept {
+  return routeSm() ? routeSm()->tracedLevels() : 0;
+}
+
 void RouteSmRoot::handleInitialized() {
   KIV_TRACE(hostRouteTrace, 8, *this, "void Routing::Host::RouteSmRoot::handleInitialized()");
   const Ptr alive(this);

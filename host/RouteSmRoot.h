@@ -98,6 +98,9 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// Drops what the root owns. No adjacency reference is released: host routes stay.
   ~RouteSmRoot() override;
 
+  /// Those of its machine.
+  uint32_t tracedLevels() const noexcept override;
+
   /// False once the root is being destroyed.
   bool isNondestructing() const noexcept { return !isDestructing(); }
 

@@ -24,7 +24,7 @@ void Ipv6::traceCoveringRoute(const RouteSm& sm, const Prefix& prefix, const Pre
 }
 
 void Ipv6::traceTakenFrom(const RouteSm& sm, const Addr& addr, const Prefix& /*above*/) {
-  if (!trace().builds(6)) return;
+  if (!trace().builds(6, sm)) return;
   const auto& table = Kiv::validPtr(Kiv::validPtr(sm.rootRaw()).neighTable());
   const auto& vias = table->adjIndexToViaSet(table->route(Prefix::host(addr)).fecId);
   const std::string_view intf =

@@ -57,6 +57,7 @@ Obu::IntfDir::Ptr subtract(const Obu::IntfDir::PtrConst& a, const Obu::IntfDir::
 }
 
 void RouteSm::handleStatusRoute(const Zemit::Ip6Prefix& prefix) {
+  const HostCore::About<Ipv6> about(*this, prefix);
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, prefix));
   Steps(*this).handleStatusRoute(prefix);
 }
@@ -67,6 +68,7 @@ void RouteSm::handleStatusRoute() {
 }
 
 void RouteSm::handleHostStatusRoute(const Zemit::Ip6Prefix& prefix) {
+  const HostCore::About<Ipv6> about(*this, prefix);
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, prefix));
   KIV_ASSERT_AS(Ipv6::kModule, prefix.len() == Zemit::Ip6Prefix::kMaxLen, "prefix.len() == 128");
   Steps(*this).handleHostStatusRoute(prefix);
@@ -78,6 +80,7 @@ void RouteSm::handleHostStatusRoute() {
 }
 
 void RouteSm::handleRoute(const Zemit::Ip6Prefix& prefix, const Tovan::Fib6::Route& fibRoute) {
+  const HostCore::About<Ipv6> about(*this, prefix);
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, prefix));
   Steps(*this).handleRoute(prefix, fibRoute);
 }

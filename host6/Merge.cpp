@@ -18,6 +18,7 @@ Obu::Ip6AddrSet::Ptr RouteSm::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
 
 void RouteSm::fixupArpRouteOver(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute,
                                 const Tovan::Fib6::Fec& fec) {
+  const HostCore::About<Ipv6> about(*this, ipAddr);
   static constexpr const char* kName = "fixupArpRoute";
   KIV_TRACE_AS(hostRoute6Trace, 8, *this, kName, Entry(this, kName, ipAddr));
   Steps(*this).fixupArpRoute(ipAddr, fibRoute, fec);

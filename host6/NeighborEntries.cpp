@@ -21,6 +21,7 @@ void RouteSm::KivArpIntfStatus::onIp6NeighborEntryExpected(
 }
 
 void RouteSm::KivArpIntfStatus::handleArpEntry(const Zemit::Ip6Addr& addr) {
+  const HostCore::About<Ipv6> about(Kiv::validPtr(routeSm()), addr);
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, addr));
   Steps(Kiv::validPtr(routeSm())).handleArpEntry(*this, addr, addr);
 }
@@ -41,11 +42,13 @@ void RouteSm::handleArpEntries() {
 }
 
 void RouteSm::handleAddedArpEntry(const Zemit::Ip6Addr& ipAddr, const ArpTable& arpIntfStatus) {
+  const HostCore::About<Ipv6> about(*this, ipAddr);
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, ipAddr));
   Steps(*this).handleAddedArpEntry(ipAddr, ipAddr, arpIntfStatus);
 }
 
 void RouteSm::handleDeletedArpEntry(const Zemit::Ip6Addr& ipAddr, const ArpTable& arpIntfStatus) {
+  const HostCore::About<Ipv6> about(*this, ipAddr);
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__, ipAddr));
   Steps(*this).handleDeletedArpEntry(ipAddr, ipAddr, arpIntfStatus);
 }

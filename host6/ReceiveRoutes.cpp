@@ -56,6 +56,7 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
             "recomputeReceiveRoutes"
                 << " for interface: " << name);
   const auto root = Kiv::validPtr(machine->root());
+  const HostCore::Event<Ipv6> event(*machine, HostCore::CauseKind::Address, status->intfId());
   const HostCore::Listening<Ipv6>::Handling handling(*machine);
   const bool isFollowed = bool(machine->vrfIpIntfStatus(status->intfId()));
   const auto changed = Obu::Ip6AddrSet::AddrSetIs(Zemit::Ip6Prefix::null());

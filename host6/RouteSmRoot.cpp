@@ -24,6 +24,10 @@ RouteSmRoot::~RouteSmRoot() {
   dropNotifiees();
 }
 
+uint32_t RouteSmRoot::tracedLevels() const noexcept {
+  return routeSm() ? routeSm()->tracedLevels() : 0;
+}
+
 void RouteSmRoot::handleInitialized() {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__));
   const Ptr alive(this);

@@ -1,6 +1,7 @@
 // Following the FECs through which FIB routes resolve.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/InTurn.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
@@ -100,6 +101,7 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
   const auto inside =
       neighbors->ipKeysBetween(prefix.addr(), prefix.addr().subnetLast(prefix.len()));
   withdrawInTurn<F>(sm_, *neighbors, inside, [&](const Addr& addr) {
+    const About<F> about(sm_, addr);
     F::traceTakenFrom(sm_, addr, above.key);
     F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
     changed->ipIs(addr, true);
@@ -115,6 +117,7 @@ typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldP
   if (!neighbors) return result;
   withdrawInTurn<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
                     [&](const Addr& addr) {
+                      const About<F> about(sm_, addr);
                       F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
                       neighbors->ipDel(addr);
                       result->ipIs(addr, true);
@@ -124,6 +127,7 @@ typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldP
 
 template <Family F>
 void Adjacency<F>::handleFec(Tovan::Fib::FecId fecId) {
+  const Event<F> event(sm_, CauseKind::Fec, fecId);
   const typename Listening<F>::Handling handling(sm_);
   Listening<F>(sm_).fecChanged(fecId);
   if (!root_.adjacencyToPrefix(fecId)) return;

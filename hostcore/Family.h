@@ -55,4 +55,10 @@ typename F::Prefix hostPrefix(const typename F::Addr& addr) {
   return F::Prefix::host(addr);
 }
 
+/// True when a FIB host route can be written into the route table.
+template <Family F>
+bool isComplete(const typename F::Route& fibRoute) {
+  return fibRoute.fecId != Tovan::Fib::invalidFecId && fibRoute.routeType != F::kInvalid;
+}
+
 }  // namespace HostCore

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "hostcore/Event.h"
 #include "hostcore/InTurn.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
@@ -101,6 +102,8 @@ void FibTracking<F>::handleHostStatusRoute() {
 
 template <Family F>
 void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
+  const Event<F> event(sm_, CauseKind::Route, prefix,
+                       fibRoute.key == prefix ? fibRoute.fecId : Tovan::Fib::invalidFecId);
   const typename Listening<F>::Handling handling(sm_);
   Listening<F>(sm_).coversChanged();
   Listening<F>(sm_).routeAnnounced(prefix);
@@ -181,6 +184,7 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
     SharedFec<F> aboveFec(sm_, above.fecId);
     withdrawInTurn<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
                       [&](const typename F::Addr& addr) {
+                        const About<F> about(sm_, addr);
                         F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
                         neighbors->ipDel(addr);
                         if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec.now());

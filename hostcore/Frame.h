@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <sstream>
 #include <string>
@@ -43,6 +44,9 @@ class MachineReactor : public Notifier::NotifieeConst {
   void retire() override {
     routeSm_ = nullptr;
     Notifier::NotifieeConst::retire();
+  }
+  uint32_t tracedLevels() const noexcept override {
+    return routeSm_ == nullptr ? 0 : routeSm_->tracedLevels();
   }
 
  protected:
@@ -334,6 +338,7 @@ void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Han
 template <class Machine>
 void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv::Notifiee& reactor,
                      Kiv::AttributeId id) noexcept {
+  ++sm.interest().account.counts.exceptions;
   try {
     std::string what = "unknown";
     try {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "hostcore/Account.h"
 #include "hostcore/Road.h"
 #include "platform/kiv/HashMap.h"
 #include "platform/kiv/SmallVector.h"
@@ -17,6 +18,7 @@ namespace HostCore {
 template <class R, class Fec>
 struct Interest {
   using Road = HostCore::Road<R, Fec>;
+  using Account = HostCore::Account<R, Fec>;
   using Addr = typename Road::Addr;
   using Prefix = typename Road::Prefix;
 
@@ -54,6 +56,8 @@ struct Interest {
   bool hasBegun = false;
   /// Something has passed the machine by: its remaining memory of it proves nothing.
   bool isBlind = false;
+  /// What it keeps for its people, also where they may only look at the machine.
+  mutable Account account;
 };
 
 }  // namespace HostCore

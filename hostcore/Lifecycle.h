@@ -1,6 +1,7 @@
 // Catching up when a state machine is initialized.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/Listening.h"
 
 namespace HostCore {
@@ -9,6 +10,7 @@ namespace HostCore {
 /// goes back to false the guarded steps only trace.
 template <Family F>
 void handleInitialized(typename F::RouteSm& sm) {
+  const Event<F> event(sm, CauseKind::Initialization);
   sm.handleStatusRoute();
   sm.handleHostStatusRoute();
   sm.handleArpEntries();

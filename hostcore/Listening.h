@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "hostcore/Event.h"
 #include "hostcore/Family.h"
 #include "hostcore/Interest.h"
 #include "platform/obu/FibLookup.h"
@@ -196,7 +197,8 @@ class Listening {
     return table != nullptr && interest_.intfs.find(table->intfId()) != nullptr;
   }
   bool mayRest() const {
-    return mayTrust() && interest_.due.empty() && interest_.unannounced.empty();
+    return mayTrust() && interest_.due.empty() && interest_.unannounced.empty() &&
+           interest_.account.tracing.levels == 0;
   }
   /// True when all that was changed has been merged, but for what is due.
   bool mayTrust() const {
@@ -234,6 +236,7 @@ void Listening<F>::begin() {
     });
   }
   stateFound();
+  countHostRoutes<F>(sm_);
 }
 
 template <Family F>
@@ -295,9 +298,7 @@ void Listening<F>::routePassedOver(const Prefix& prefix, const Route& fibRoute) 
       if (Kiv::validPtr(sm_.rootRaw()->receiveTable())->route(prefix).key == prefix) return;
     }
     const Route merged = Obu::readRoute(sm_.routeStatusRaw(), prefix);
-    const bool isComplete =
-        fibRoute.fecId != Tovan::Fib::invalidFecId && fibRoute.routeType != F::kInvalid;
-    if (isComplete ? merged == fibRoute : merged.key != prefix) return;
+    if (isComplete<F>(fibRoute) ? merged == fibRoute : merged.key != prefix) return;
   }
   mergeIsDue(prefix.addr());
 }

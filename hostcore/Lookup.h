@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "hostcore/Account.h"
 #include "hostcore/Family.h"
 #include "hostcore/Road.h"
 #include "platform/kiv/SmallVector.h"
@@ -14,9 +15,12 @@
 
 namespace HostCore {
 
+inline bool isManagementPort(Zemit::IntfId intf) {
+  return intf.name().view().starts_with("Management");
+}
 /// True when the table's neighbours yield no host routes: those of a management port.
 inline bool skipInterface(const Arp::ArpIntfStatus& table) {
-  return table.intfId().name().view().starts_with("Management");
+  return isManagementPort(table.intfId());
 }
 
 /// `prefixes` in the order in which routes are handled: a neighbour that several cover ends up
@@ -90,7 +94,8 @@ class Lookup {
   /// all that is read when a host route is made or withdrawn.
   ///
   /// \param isNeighbor  whether `ip` is in the table of `intf` now.
-  void prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighbor) const;
+  /// \returns whether there is a host route.
+  bool prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighbor) const;
 
   /// Begins to fetch the host route of `ip`; when that has come, its adjacency; and then what is
   /// read when that adjacency goes.
@@ -111,7 +116,22 @@ class Lookup {
   /// leaves through this one does not count.
   Cover checkIpAddressAgainstFib(const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const;
 
+  /// Finds that prefix, and says what is lacking. `cover` gets as much of the covering route as was
+  /// found, whatever is lacking.
+  Lack findCover(const Addr& ip, const Arp::ArpIntfStatus* table, Cover& cover) const;
+  /// The same for an address that is a neighbour nowhere: whether a route covers it.
+  Lack findCover(const Addr& ip, Cover& cover) const;
+
  private:
+  /// What of the machine is lacking for any look-up.
+  Lack findInputs() const {
+    if (sm_.routeStatusRaw() == nullptr) return Lack::RouteStatus;
+    return sm_.hostStatusRaw() == nullptr ? Lack::HostStatus : Lack::None;
+  }
+  /// Reads the route of the prefix that covers an address, with its FEC.
+  Lack readCover(const Prefix& longest, Cover& cover) const;
+  const auto& trie() const { return Kiv::validPtr(Kiv::validPtr(sm_.rootRaw()).trieRaw()); }
+
   /// The host routes of neighbours, or null.
   const typename F::HostTable* neighborRoutes() const {
     const auto* root = sm_.rootRaw();
@@ -147,21 +167,22 @@ void Lookup<F>::prefetch(const Addr& ip, const Road& road) const {
 }
 
 template <Family F>
-void Lookup<F>::prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighbor) const {
+bool Lookup<F>::prefetchChange(const Addr& ip, Zemit::IntfId intf, bool isNeighbor) const {
   const auto* routes = neighborRoutes();
-  if (routes == nullptr) return;
+  if (routes == nullptr) return false;
   const Prefix host = hostPrefix<F>(ip);
   const Route route = routes->route(host);
   const auto& adjacencies = routes->adjacencies();
   const bool exists = route.key == host;
   if (exists) adjacencies.prefetch(route.fecId);
-  if (exists == isNeighbor) return;
+  if (exists == isNeighbor) return exists;
   // A neighbour is hardly ever reached through more than one interface.
   const auto vias = viasOf(ip, intf);
   adjacencies.prefetch(vias);
   if (const auto* adjHelper = sm_.adjHelperRaw()) {
     isNeighbor ? adjHelper->prefetchNew(vias) : adjHelper->prefetchLast(vias);
   }
+  return exists;
 }
 
 template <Family F>
@@ -199,54 +220,84 @@ typename F::Route Lookup<F>::doFibLookup(const Prefix& prefix) const {
 }
 
 template <Family F>
-auto Lookup<F>::checkIpAddressAgainstFib(const Addr& ip,
-                                         const Arp::ArpIntfStatus::PtrConst& table) const -> Cover {
-  if (sm_.routeStatusRaw() == nullptr) {
-    KIV_TRACE(F::trace(), 0, sm_, "routeStatus is unset");
-    return {};
+Lack Lookup<F>::readCover(const Prefix& longest, Cover& cover) const {
+  cover.route = sm_.doFibLookup(longest);
+  if (cover.route.key != longest) {
+    cover.route = {.key = longest};
+    return Lack::Record;
   }
-  if (sm_.hostStatusRaw() == nullptr) {
-    KIV_TRACE(F::trace(), 0, sm_, "hostStatus is unset");
-    return {};
-  }
-  if (!table) {
-    KIV_TRACE(F::trace(), 0, sm_, "arpIntfStatus is unset");
-    return {};
-  }
-  const auto& trie = Kiv::validPtr(Kiv::validPtr(sm_.rootRaw()).trieRaw());
-  const Prefix longest = trie.longestMatch(hostPrefix<F>(ip));
-  if (isNull(longest)) {
-    KIV_TRACE(F::trace(), 1, sm_, "there is no route with a prefix for " << ip);
-    return {};
-  }
+  if (cover.route.fecId == Tovan::Fib::invalidFecId) return Lack::Fec;
+  cover.fec = Obu::readFec(sm_.forwardingStatus(), cover.route.fecId);
+  return Lack::None;
+}
+
+template <Family F>
+Lack Lookup<F>::findCover(const Addr& ip, Cover& cover) const {
+  if (const Lack lack = findInputs(); lack != Lack::None) return lack;
+  const Prefix longest = trie().longestMatch(hostPrefix<F>(ip));
+  return isNull(longest) ? Lack::Cover : readCover(longest, cover);
+}
+
+template <Family F>
+Lack Lookup<F>::findCover(const Addr& ip, const Arp::ArpIntfStatus* table, Cover& cover) const {
+  if (const Lack lack = findInputs(); lack != Lack::None) return lack;
+  if (table == nullptr) return Lack::Table;
+  const Prefix longest = trie().longestMatch(hostPrefix<F>(ip));
+  if (isNull(longest)) return Lack::Cover;
   const auto& interest = sm_.interest();
   auto* const road = interest.road;
   if (road != nullptr && road->isCurrent(interest.coverChanges) &&
       road->cover().route.key == longest &&
       Obu::leavesThrough(road->cover().fec, table->intfId())) {
-    return road->cover();
+    cover = road->cover();
+    return Lack::None;
   }
-  Cover cover{.route = sm_.doFibLookup(longest), .fec = {}};
-  const Route& route = cover.route;
-  if (route.key != longest) {
-    KIV_TRACE(F::trace(), 0, sm_,
-              "there is no route for "
-                  << longest << " which is a prefix that should have an associated route");
-    return {};
+  if (const Lack lack = readCover(longest, cover); lack != Lack::None) return lack;
+  if (!Obu::leavesThrough(cover.fec, table->intfId())) return Lack::Interface;
+  if (road != nullptr) road->coverIs(cover, interest.coverChanges);
+  return Lack::None;
+}
+
+template <Family F>
+auto Lookup<F>::checkIpAddressAgainstFib(const Addr& ip,
+                                         const Arp::ArpIntfStatus::PtrConst& table) const -> Cover {
+  Cover cover;
+  const Lack lack = findCover(ip, table.get(), cover);
+  if (lack == Lack::None) return cover;
+  ++sm_.interest().account.counts.refused[static_cast<size_t>(lack)];
+  const Prefix& longest = cover.route.key;
+  switch (lack) {
+    case Lack::RouteStatus:
+      KIV_TRACE(F::trace(), 0, sm_, "routeStatus is unset");
+      break;
+    case Lack::HostStatus:
+      KIV_TRACE(F::trace(), 0, sm_, "hostStatus is unset");
+      break;
+    case Lack::Table:
+      KIV_TRACE(F::trace(), 0, sm_, "arpIntfStatus is unset");
+      break;
+    case Lack::Cover:
+      KIV_TRACE(F::trace(), 1, sm_, "there is no route with a prefix for " << ip);
+      break;
+    case Lack::Record:
+      KIV_TRACE(F::trace(), 0, sm_,
+                "there is no route for "
+                    << longest << " which is a prefix that should have an associated route");
+      break;
+    case Lack::Fec:
+      KIV_TRACE(F::trace(), 1, sm_,
+                "there is no adjacency associated with the route for " << longest);
+      break;
+    case Lack::Interface:
+      KIV_TRACE(F::trace(), 7, sm_,
+                "the matching prefix for "
+                    << ip << " did not have a interface route on the interface " << table->name());
+      break;
+    case Lack::None:
+    case Lack::DirectVia:
+    case Lack::Skipped:
+      break;
   }
-  if (route.fecId == Tovan::Fib::invalidFecId) {
-    KIV_TRACE(F::trace(), 1, sm_,
-              "there is no adjacency associated with the route for " << longest);
-    return {};
-  }
-  cover.fec = Obu::readFec(sm_.forwardingStatus(), route.fecId);
-  if (Obu::leavesThrough(cover.fec, table->intfId())) {
-    if (road != nullptr) road->coverIs(cover, interest.coverChanges);
-    return cover;
-  }
-  KIV_TRACE(F::trace(), 7, sm_,
-            "the matching prefix for " << ip << " did not have a interface route on the interface "
-                                       << table->name());
   return {};
 }
 

@@ -1,11 +1,15 @@
 // Repairing the host routes of neighbours, and settling which host route wins.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 
+#include "hostcore/Event.h"
 #include "hostcore/InTurn.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
+#include "hostcore/RouteWriter.h"
 
 namespace HostCore {
 
@@ -19,6 +23,19 @@ class Merge {
   using Fec = typename F::ForwardingStatus::Fec;
   using AddrSetPtr = typename F::AddrSet::Ptr;
 
+  /// Where the route comes from that an address is to have in the route table.
+  enum class Source : uint8_t {
+    None,
+    OwnAddress,          ///< a receive route
+    FibRoute,            ///< a FIB host route
+    IncompleteFibRoute,  ///< one that cannot be written: the address gets no route
+    Neighbor,            ///< the host route of a neighbour
+  };
+  struct Winner {
+    Source source = Source::None;
+    Route route;  ///< as it is where it comes from
+  };
+
   explicit Merge(typename F::RouteSm& sm) : sm_(sm), root_(Kiv::validPtr(sm.rootRaw())) {}
 
   AddrSetPtr promoteArpEntries(const Obu::IntfDir::Ptr& intfs, const Route& fibRoute);
@@ -28,7 +45,19 @@ class Merge {
   /// True when merging `ip` would leave the route table as it is.
   bool isMerged(const Addr& ip) const;
 
+  /// The route that wins, whether or not the route table may take it; see givesWay().
+  Winner winner(const Addr& ip) const;
+  /// Calls `visit` with each via of the FEC through which `ip` is a neighbour.
+  template <class Visit>
+  void forEachNeighborVia(const Addr& ip, const Fec& fec, Visit visit) const;
+  /// True when a via of the FEC leads to a gateway on an interface on which `ip` is a neighbour.
+  bool isBehindGateway(const Addr& ip, const Fec& fec) const;
+
  private:
+  bool isNeighborOn(const Addr& ip, Zemit::IntfId intf) const {
+    const auto* neighbors = sm_.neighborTable(intf);
+    return neighbors != nullptr && F::findNeighbor(*neighbors, ip) != nullptr;
+  }
   /// The vias through which `ip` is a neighbour on an interface of the FEC.
   typename F::ViaSet neighborVias(const Addr& ip, const Fec& fec) const;
   /// Files the route's prefix under its FEC.
@@ -42,6 +71,11 @@ class Merge {
   ///
   /// \param existing  what the route table has for the address.
   void mergeOne(const Addr& ip, const Route& existing);
+  void erase(const Prefix& prefix, const Route& existing,
+             const typename F::RouteStatus::Ptr& routeTable) {
+    routeTable->routeDel(prefix);
+    HostCore::hostRouteChanged<F>(sm_, prefix, existing, Route());
+  }
   /// Writes a route over a FIB adjacency that is taken for it, and let go of if that fails.
   void writeMerged(const Addr& ip, const typename F::ViaSet& vias, typename F::RouteType routeType,
                    const typename F::RouteStatus::Ptr& routeTable, const Route& existing);
@@ -61,7 +95,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
   }
   // Entries outside the route are looked up only where that would leave a trace of interest.
   const auto& trace = F::trace();
-  const bool lookUpAll = trace.builds(1) || trace.builds(7) || trace.builds(8);
+  const bool lookUpAll = trace.builds(1, sm_) || trace.builds(7, sm_) || trace.builds(8, sm_);
   for (const Zemit::IntfId intf : *Kiv::validPtr(intfs)) {
     const Kiv::Ptr<const Arp::ArpIntfStatus> table(sm_.neighborTable(intf));
     if (!table || skipInterface(*table)) {
@@ -70,6 +104,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
       continue;
     }
     for (const Addr& addr : neighborsInside<F>(*table, lookUpAll ? Prefix() : fibRoute.key)) {
+      const About<F> about(sm_, addr);
       if (isNull(sm_.checkIpAddressAgainstFib(addr, table))) {
         KIV_TRACE(F::trace(), 7, sm_,
                   "checkIpAddressAgainstFib returned null prefix, skipping ARP entry for address "
@@ -103,6 +138,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
 template <Family F>
 void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& fec) {
   Listening<F>(sm_).stepTaken();
+  ++sm_.interest().account.counts.repairs;
   if (fibRoute.fecId == Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 0, sm_,
               "fib route that should be associated with " << ip << " is missing an adjacency");
@@ -119,6 +155,9 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
 
   // What is told of the filing may write the host route, so that is read behind it.
   if (vias.empty()) {
+    if (isBehindGateway(ip, fec)) {
+      ++sm_.interest().account.counts.refused[static_cast<size_t>(Lack::DirectVia)];
+    }
     KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
     const Route removed = table->routeDel(host);
     if (removed.key == host) {
@@ -145,15 +184,27 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
 template <Family F>
 typename F::ViaSet Merge<F>::neighborVias(const Addr& ip, const Fec& fec) const {
   typename F::ViaSet vias;
-  for (uint32_t index = 0; index < fec.viaCount(); ++index) {
-    const typename F::Via via = fec.via(Tovan::Fib::ViaIndex(index));
-    if (!via.hop.isZero()) continue;
-    const auto* neighbors = sm_.neighborTable(via.intf);
-    if (neighbors == nullptr || F::findNeighbor(*neighbors, ip) == nullptr) continue;
+  forEachNeighborVia(ip, fec, [&](const typename F::Via& via) {
     F::traceStoredVia(sm_, ip, via);
     vias.newVia({.hop = ip, .intf = via.intf}, 1);
-  }
+  });
   return vias;
+}
+
+template <Family F>
+template <class Visit>
+void Merge<F>::forEachNeighborVia(const Addr& ip, const Fec& fec, Visit visit) const {
+  for (uint32_t index = 0; index < fec.viaCount(); ++index) {
+    const typename F::Via via = fec.via(Tovan::Fib::ViaIndex(index));
+    if (via.hop.isZero() && isNeighborOn(ip, via.intf)) visit(via);
+  }
+}
+
+template <Family F>
+bool Merge<F>::isBehindGateway(const Addr& ip, const Fec& fec) const {
+  return std::any_of(fec.begin(), fec.end(), [&](const typename F::Via& via) {
+    return !via.hop.isZero() && isNeighborOn(ip, via.intf);
+  });
 }
 
 template <Family F>
@@ -240,6 +291,7 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
   const Lookup<F> lookup(sm_);
   const auto merge = [&](const Addr& addr) {
+    const About<F> about(sm_, addr);
     const Prefix prefix = hostPrefix<F>(addr);
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", " handling prefix: " << prefix);
     if (heldFec != Tovan::Fib::invalidFecId) {
@@ -257,6 +309,7 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
     }
     if (const auto* adjHelper = sm_.adjHelperRaw()) adjHelper->prefetch(heldFec);
     Listening<F>(sm_).merged(addr);
+    ++sm_.interest().account.counts.merges;
     mergeOne(addr, existing);
   };
   inTurn(
@@ -273,43 +326,55 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
 }
 
 template <Family F>
+auto Merge<F>::winner(const Addr& ip) const -> Winner {
+  const Prefix prefix = hostPrefix<F>(ip);
+  if constexpr (F::kMergesReceiveRoutes) {
+    const Route receiveRoute = Kiv::validPtr(root_.receiveTable())->route(prefix);
+    if (receiveRoute.key == prefix) return {Source::OwnAddress, receiveRoute};
+  }
+  const Route fibRoute = sm_.doFibLookup(prefix);
+  if (fibRoute.key == prefix) {
+    return {isComplete<F>(fibRoute) ? Source::FibRoute : Source::IncompleteFibRoute, fibRoute};
+  }
+  const Route neighborRoute = Kiv::validPtr(F::neighborTable(root_))->route(prefix);
+  if (neighborRoute.key == prefix) return {Source::Neighbor, neighborRoute};
+  return {};
+}
+
+template <Family F>
 void Merge<F>::mergeOne(const Addr& ip, const Route& existing) {
   const auto routeTable = sm_.routeStatus();
   if (!routeTable) return;
   const Prefix prefix = hostPrefix<F>(ip);
   const typename Listening<F>::OwnWrite ownWrite(sm_, prefix);
-  if constexpr (F::kMergesReceiveRoutes) {
-    const auto& received = *Kiv::validPtr(root_.receiveTable());
-    const Route receiveRoute = received.route(prefix);
-    if (receiveRoute.key == prefix) {
-      KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", "Adding receive route " << ip);
-      writeMerged(ip, F::receiveVias(received, receiveRoute), receiveRoute.routeType, routeTable,
-                  existing);
-      return;
-    }
-  }
-  const Route fibRoute = sm_.doFibLookup(prefix);
-  if (fibRoute.key == prefix) {
-    if (fibRoute.fecId != Tovan::Fib::invalidFecId && fibRoute.routeType != F::kInvalid) {
-      F::addRouteToRouteTable(nullptr, routeTable, ip, fibRoute.fecId, fibRoute.routeType, sm_,
+  const auto [source, route] = winner(ip);
+  switch (source) {
+    case Source::OwnAddress:
+      if constexpr (F::kMergesReceiveRoutes) {
+        KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", "Adding receive route " << ip);
+        writeMerged(ip, F::receiveVias(*root_.receiveTable(), route), route.routeType, routeTable,
+                    existing);
+      }
+      break;
+    case Source::FibRoute:
+      F::addRouteToRouteTable(nullptr, routeTable, ip, route.fecId, route.routeType, sm_,
                               &existing);
-      return;
-    }
-    KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge",
-                 F::Text::kHostFibRoute << ip << " is missing an adjacency");
-    if constexpr (F::kTracesMergeDeletion) {
-      KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge", " delete prefix from routeStatus " << prefix);
-    }
-    routeTable->routeDel(prefix);
-    return;
-  }
-  const auto& neighbors = *Kiv::validPtr(F::neighborTable(root_));
-  const Route neighborRoute = neighbors.route(prefix);
-  if (neighborRoute.key == prefix) {
-    writeMerged(ip, neighbors.adjIndexToViaSet(neighborRoute.fecId), F::kAttached, routeTable,
-                existing);
-  } else {
-    routeTable->routeDel(prefix);
+      break;
+    case Source::IncompleteFibRoute:
+      KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge",
+                   F::Text::kHostFibRoute << ip << " is missing an adjacency");
+      if constexpr (F::kTracesMergeDeletion) {
+        KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge", " delete prefix from routeStatus " << prefix);
+      }
+      erase(prefix, existing, routeTable);
+      break;
+    case Source::Neighbor:
+      writeMerged(ip, F::neighborTable(root_)->adjIndexToViaSet(route.fecId), F::kAttached,
+                  routeTable, existing);
+      break;
+    case Source::None:
+      erase(prefix, existing, routeTable);
+      break;
   }
 }
 

@@ -1,6 +1,7 @@
 // Neighbours that are learned and lost.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 #include "hostcore/Merge.h"
@@ -45,6 +46,12 @@ class NeighborEntries {
   void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
 
  private:
+  CauseKind kindOf(bool isNeighbor, bool hasRoute) const {
+    if (!isNeighbor) return CauseKind::NeighborLost;
+    const bool* isSettling = sm_.interest().account.isSettling;
+    if (isSettling != nullptr && *isSettling) return CauseKind::Settling;
+    return hasRoute ? CauseKind::NeighborChanged : CauseKind::NeighborLearned;
+  }
   auto coverOf(const Addr& addr, const ArpTable& table) const {
     F::traceCheck(sm_, addr);
     return Lookup<F>(sm_).checkIpAddressAgainstFib(addr, table);
@@ -61,6 +68,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
   if (skipInterface(*table)) {
     KIV_TRACE(F::trace(), 6, reactor,
               F::Text::kSkippingEntry << shown << " on interface " << table->name());
+    ++sm_.interest().account.counts.refused[static_cast<size_t>(Lack::Skipped)];
     return;
   }
   const typename Listening<F>::Handling handling(sm_);
@@ -69,7 +77,8 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
   reactor.road().isTrustedIs(listening.mayTrustCovers());
   const auto changes = listening.hostRouteChanges();
   const auto* entry = F::findNeighbor(*table, addr);
-  Lookup<F>(sm_).prefetchChange(addr, table->intfId(), entry != nullptr);
+  const bool hasRoute = Lookup<F>(sm_).prefetchChange(addr, table->intfId(), entry != nullptr);
+  const Event<F> event(sm_, kindOf(entry != nullptr, hasRoute), table->intfId());
   if (entry != nullptr) {
     KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);
     const auto neighbor = *entry;  // the table may change while it is handled
@@ -80,8 +89,8 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
     sm_.handleDeletedArpEntry(shown, table);
   }
   // A merge that would write nothing could only trace.
-  if (listening.hostRouteChanges() == changes && sm_.initialized() && !F::trace().buildsAbove(0) &&
-      Merge<F>(sm_).isMerged(addr)) {
+  if (listening.hostRouteChanges() == changes && sm_.initialized() &&
+      !F::trace().buildsAbove(0, sm_) && Merge<F>(sm_).isMerged(addr)) {
     listening.merged(addr);
     return;
   }
@@ -96,6 +105,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
     KIV_TRACE(F::trace(), 6, reactor, "skipping Neigh Entry on interface " << table->name());
     return;
   }
+  const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
   const typename Listening<F>::Handling handling(sm_);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(*table))) {
@@ -117,6 +127,7 @@ void NeighborEntries<F>::handleDel(const Reactor& reactor) {
               "skipping processing of deletion of interface " << table->name());
     return;
   }
+  const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
   sm_.handleDeletedArpIntfStatus(table);
 }
 
@@ -198,6 +209,7 @@ template <Family F>
 void NeighborEntries<F>::handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former,
                                                      const ArpTable& table) {
   if (skipInterface(*table)) return;
+  const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
   const typename Listening<F>::Handling handling(sm_);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(former))) {

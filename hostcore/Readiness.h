@@ -1,6 +1,7 @@
 // Telling the daemon that a VRF's host routes are complete.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/Family.h"
 #include "platform/kiv/Clock.h"
 #include "platform/rovel/Readiness.h"
@@ -24,6 +25,7 @@ class Readiness {
   /// Runs the full passes over routes and neighbours again, once initialized.
   void runFullPasses() const {
     if (!sm_.initialized()) return;
+    const Event<F> event(sm_, CauseKind::RibReady);
     sm_.handleStatusRoute();
     sm_.handleHostStatusRoute();
     sm_.handleArpEntries();
@@ -42,6 +44,7 @@ class Readiness {
 
 template <Family F>
 void Readiness<F>::mergeRib() const {
+  const Event<F> event(sm_, CauseKind::RibReady);
   const auto changed = F::AddrSet::AddrSetIs(F::Prefix::null());
   if (const auto* table = sm_.routeStatusRaw()) {
     try {

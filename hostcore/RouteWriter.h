@@ -1,10 +1,19 @@
 // Writing and withdrawing one host route.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/Family.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
+
+/// True when the route table may not take a route of this type: an attached one of an address that
+/// is virtual, in whatever VRF.
+template <Family F>
+bool givesWay(const typename F::Addr& ip, typename F::RouteType routeType,
+              const typename F::VirtualIpStatus* virtualIpStatus) {
+  return routeType == F::kAttached && virtualIpStatus != nullptr && virtualIpStatus->isVirtual(ip);
+}
 
 /// Writes the host route of one address into exactly one of two tables.
 ///
@@ -48,13 +57,14 @@ void addRouteToRouteTable(const typename F::HostTable::Ptr& hostTable,
   const auto write = [&](const typename F::Route& route) {
     if (toRouteTable) {
       routeTable->routeIs(route);
+      if (auto* machine = root.routeSm().get())
+        hostRouteChanged<F>(*machine, prefix, before, route);
     } else {
       hostTable->routeIs(route);
     }
   };
 
-  if (toRouteTable && routeType == F::kAttached && virtualIpStatus != nullptr &&
-      virtualIpStatus->isVirtual(ip)) {
+  if (toRouteTable && givesWay<F>(ip, routeType, virtualIpStatus)) {
     if (exists) {
       existing.routeType = F::kInvalid;
       existing.fecId = Tovan::Fib::invalidFecId;

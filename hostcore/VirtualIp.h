@@ -1,6 +1,7 @@
 // Giving way to virtual addresses.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/Listening.h"
 #include "platform/obu/FibLookup.h"
 
@@ -26,6 +27,7 @@ class VirtualIp {
   }
   /// Gives `addr`, no longer virtual, back to normal processing.
   void handleRemoved(const Addr& addr) {
+    const Event<F> event(sm_, CauseKind::VirtualIp, hostPrefix<F>(addr));
     const auto mergeSet = F::AddrSet::AddrSetIs(Prefix::null());
     mergeSet->ipIs(addr, true);
     sm_.doMerge(mergeSet);
@@ -37,6 +39,7 @@ class VirtualIp {
   /// \param handler  the name of the handler, for its trace.
   void handleAdded(const Addr& addr, const char* handler) {
     const auto prefix = hostPrefix<F>(addr);
+    const Event<F> event(sm_, CauseKind::VirtualIp, prefix);
     const auto routeTable = sm_.routeStatus();
     const auto existing = Obu::readRoute(routeTable.get(), prefix);
     if (existing.key != prefix || existing.routeType != F::kAttached) return;
@@ -48,6 +51,7 @@ class VirtualIp {
       Listening<F>(sm_).merged(addr);
     }
     const auto removed = routeTable->routeDel(prefix);
+    hostRouteChanged<F>(sm_, prefix, removed, typename F::Route());
     if (removed.key != prefix || !F::isOwnType(removed.routeType)) return;
     Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(removed.fecId);
   }

@@ -311,6 +311,7 @@ Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostr
       ended();
       return outcome;
     }
+    if (number != 0 && number == options_.lastLine) break;
     if (!readLine(in, line)) break;
     ++number;
     if (line.size() > kMaxLineBytes) {

@@ -43,6 +43,7 @@ class Player {
   struct Options {
     bool echoes = false;     ///< whether to print each event's line number
     bool dumpsAtEnd = true;  ///< whether to print the state of everything after the last event
+    size_t lastLine = 0;     ///< the line after which to stop; 0 for the last one there is
   };
   /// How a run ended.
   enum class Outcome {

@@ -86,17 +86,10 @@ JsonObject routeJson(const ShownRoute<F>& shown) {
   return object;
 }
 
-/// What people read for next hops: "10.0.0.9 Ethernet1, Ethernet2"; a hop that is the destination
-/// itself is left out.
+/// What people read for next hops; see Daemon::viasText().
 template <class F>
 std::string viasText(const Vias<F>& vias) {
-  std::string text;
-  for (const auto& via : vias) {
-    if (!text.empty()) text += ", ";
-    if (!via.hop.isZero()) text.append(hopText(via.hop)).append(" ");
-    text += via.intf.name();
-  }
-  return text.empty() ? "-" : text;
+  return Daemon::viasText(vias);
 }
 
 }  // namespace Replay

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <concepts>
+#include <cstdint>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -33,6 +34,10 @@ class Entity : public Object {
   /// The road from the outermost owner down to this entity: "/NAME/ATTRIBUTE/NAME ...", with every
   /// byte that a URI path segment may not hold percent-encoded (RFC 3986).
   std::string uriPath() const;
+
+  /// The levels that are traced of what this entity does, beside those that a facility has on for
+  /// all; a bit for each. Who overrides this tells the facility; see TraceFacility::ownLevelsAre().
+  virtual uint32_t tracedLevels() const noexcept { return 0; }
 
   const Entity* parent() const noexcept { return parent_; }
   /// This entity, its owner, and so on up to the outermost one. Where owners form a ring, once

@@ -86,6 +86,9 @@ class Notifiee : public Object {
   /// A callback for attribute `id` has raised; the exception is std::current_exception().
   virtual void onNotificationException(AttributeId /*id*/) noexcept {}
 
+  /// As Entity::tracedLevels(): a reactor has those of what it acts for.
+  virtual uint32_t tracedLevels() const noexcept { return 0; }
+
   /// The last handle to the notifier was dropped. Comes only to a notifiee that does not hold it.
   virtual void onZeroReferences() noexcept {}
 

@@ -56,11 +56,32 @@ void TraceFacility::levelIs(unsigned level, bool enabled) {
 void TraceFacility::refresh() noexcept {
   const uint32_t enabled = enabled_ ? levels_ : 0;
   enabledMask_.store(enabled, std::memory_order_relaxed);
+  uint32_t own = 0;
+  for (unsigned level = 0; level < kLevels; ++level) own |= uint32_t{owners_[level] != 0} << level;
+  ownMask_.store(enabled_ ? own : 0, std::memory_order_relaxed);
   const uint32_t builds = coverage == nullptr ? enabled : ~uint32_t{0};
+  someBuildMask_.store(builds | ownMask_.load(std::memory_order_relaxed),
+                       std::memory_order_relaxed);
   const uint32_t built = buildMask_.exchange(builds, std::memory_order_relaxed);
   if ((builds != 0) != (built != 0)) {
     building_.fetch_add(builds != 0 ? 1 : ~uint32_t{0}, std::memory_order_relaxed);
   }
+}
+
+void TraceFacility::ownLevelsAre(uint32_t former, uint32_t now) noexcept {
+  const std::lock_guard lock(switches);
+  for (unsigned level = 0; level < kLevels; ++level) {
+    owners_[level] += (now >> level & 1) - (former >> level & 1);
+  }
+  refresh();
+}
+
+uint32_t TraceFacility::levelsBuiltFor(const Entity& object) const noexcept {
+  return buildMask_.load(std::memory_order_relaxed) | ownLevels(object.tracedLevels());
+}
+
+uint32_t TraceFacility::levelsBuiltFor(const Notifiee& object) const noexcept {
+  return buildMask_.load(std::memory_order_relaxed) | ownLevels(object.tracedLevels());
 }
 
 void Tracer::sinkIs(Sink sink) {
@@ -110,9 +131,12 @@ struct TraceStatement::State {
   const char* function;
   std::ostringstream message;
 
-  void trace(const Name& objectName) const {
-    traceHelper(facility, objectName, message.str(), level, facility.isEnabled(level),
-                facility.sourceModule(), line, function);
+  template <class Traced>
+  void trace(const Traced& object) const {
+    const uint32_t enabled = facility.enabledMask_.load(std::memory_order_relaxed) |
+                             facility.ownLevels(object.tracedLevels());
+    traceHelper(facility, Tracer::objectName(object), message.str(), level,
+                (enabled >> level & 1) != 0, facility.sourceModule(), line, function);
   }
 };
 
@@ -127,11 +151,11 @@ std::ostream& TraceStatement::stream() noexcept {
 }
 
 void TraceStatement::trace(const Entity& object) const {
-  state_->trace(Tracer::objectName(object));
+  state_->trace(object);
 }
 
 void TraceStatement::trace(const Notifiee& object) const {
-  state_->trace(Tracer::objectName(object));
+  state_->trace(object);
 }
 
 void traceHelper(const TraceFacility& handle, const Name& objectName, const std::string& message,

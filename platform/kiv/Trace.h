@@ -1,6 +1,7 @@
 // Tracing: what the handlers say of their decisions, switched on level by level.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -15,8 +16,9 @@ namespace Kiv {
 
 /// The trace statements of one source module, with its switches.
 ///
-/// A statement is written when the facility is enabled and its level is. A disabled one costs one
-/// test. The switches may be turned by any thread. A facility lives as long as the process.
+/// A statement is written when the facility is enabled and its level is, for all objects or for the
+/// one that traces; see Entity::tracedLevels(). A disabled one costs one test. The switches may be
+/// turned by any thread. A facility lives as long as the process.
 class TraceFacility {
  public:
   static constexpr unsigned kLevels = 10;
@@ -38,32 +40,55 @@ class TraceFacility {
   /// Switches one level. All are off at the start.
   /// \throws RangeException when there is no such level.
   void levelIs(unsigned level, bool enabled);
+  /// True when a level is on for all objects.
   bool isEnabled(unsigned level) const noexcept {
     return (enabledMask_.load(std::memory_order_relaxed) >> level) & 1;
   }
-  /// True when a statement of this level builds its message: it is enabled, or coverage is on.
+  /// Tells the facility that the levels of one object's own were `former`, and are `now`; a bit for
+  /// each.
+  void ownLevelsAre(uint32_t former, uint32_t now) noexcept;
+
+  /// True when a statement of this level builds its message for some object: it is enabled, or
+  /// coverage is on.
   bool builds(unsigned level) const noexcept {
-    return (buildMask_.load(std::memory_order_relaxed) >> level) & 1;
+    return (someBuildMask_.load(std::memory_order_relaxed) >> level) & 1;
   }
-  /// True when a statement of a level above `level` builds its message.
-  bool buildsAbove(unsigned level) const noexcept {
-    return (buildMask_.load(std::memory_order_relaxed) >> level >> 1) != 0;
+  /// True when it does for `object`, an entity or a reactor.
+  template <class Traced>
+  bool builds(unsigned level, const Traced& object) const noexcept {
+    return builds(level) && (levelsBuiltFor(object) >> level & 1) != 0;
   }
-  /// True when any statement of any facility builds its message.
+  /// True when a statement of a level above `level` builds its message for `object`.
+  template <class Traced>
+  bool buildsAbove(unsigned level, const Traced& object) const noexcept {
+    return (someBuildMask_.load(std::memory_order_relaxed) >> level >> 1) != 0 &&
+           (levelsBuiltFor(object) >> level >> 1) != 0;
+  }
+  /// True when any statement of any facility builds its message for all objects.
   static bool anyBuilds() noexcept { return building_.load(std::memory_order_relaxed) != 0; }
 
  private:
   friend class Tracer;
+  friend class TraceStatement;
   void refresh() noexcept;
+  uint32_t levelsBuiltFor(const Entity& object) const noexcept;
+  uint32_t levelsBuiltFor(const Notifiee& object) const noexcept;
+  /// The levels of an object's own that are on.
+  uint32_t ownLevels(uint32_t levels) const noexcept {
+    return levels & ownMask_.load(std::memory_order_relaxed);
+  }
 
   const char* name_;
   const char* sourceModule_;
   TraceFacility* next_;
   uint32_t levels_ = 0;
+  std::array<uint32_t, kLevels> owners_{};  // how many objects have each level as their own
   bool enabled_ = true;
   std::atomic<uint32_t> enabledMask_{0};
+  std::atomic<uint32_t> ownMask_{0};
   std::atomic<uint32_t> buildMask_{0};
-  static std::atomic<uint32_t> building_;  // how many facilities have a level that builds
+  std::atomic<uint32_t> someBuildMask_{0};
+  static std::atomic<uint32_t> building_;  // how many facilities have a level that builds for all
 };
 
 /// One enabled statement that was reached.
@@ -141,7 +166,7 @@ class TraceStatement {
 #define KIV_TRACE_AS(facility, level, object, function, message)                      \
   do {                                                                                \
     ::Kiv::TraceFacility& kivFacility = (facility);                                   \
-    if (kivFacility.builds(level)) [[unlikely]] {                                     \
+    if (kivFacility.builds((level), (object))) [[unlikely]] {                         \
       ::Kiv::TraceStatement kivStatement(kivFacility, (level), __LINE__, (function)); \
       kivStatement.stream() << message;                                               \
       kivStatement.trace(object);                                                     \

@@ -129,6 +129,13 @@ TEST_F(ProgramTest, TellsByItsStatusHowItEnded) {
       {"routes --table x --type attached", 2},
       {"routes --table x 10.0.0.256", 2},
       {"shell - < /dev/zero", 2},
+      {"explain 10.0.0.5", 2},
+      {"explain 10.0.0 --replay /dev/null", 2},
+      {"explain 10.0.0.5 --replay /dev/null", 1},
+      {"explain 10.0.0.5 --replay /dev/null --vrf blue", 2},
+      {"explain 10.0.0.5 --replay /no/such/file", 2},
+      {"history 10.0.0.0/33 --replay /dev/null", 2},
+      {"history 10.0.0.0/24 --replay /dev/null", 0},
   };
   for (const auto& [arguments, status] : statuses) {
     EXPECT_EQ(run(arguments).status, status) << arguments;
@@ -145,6 +152,31 @@ TEST_F(ProgramTest, TracesFromTheStart) {
                            "void Routing6::Host::RouteSm::handleVirtualIp6Status()"}) {
     EXPECT_NE(result.text.find(said), std::string::npos) << said;
   }
+}
+
+TEST_F(ProgramTest, ExplainsARecordingAndTellsItsHistory) {
+  const auto ask = [](const std::string& question) {
+    const auto result =
+        runShell("printf '%s' '" + std::string(kScene) + "' | " HOSTROUTE_PROGRAM " " + question +
+                 " --vrf 'a/b%' --json --replay -");
+    return std::pair(result.status, nlohmann::json::parse(result.text, nullptr, false));
+  };
+  const auto [status, answer] = ask("explain 10.0.0.5");
+  EXPECT_EQ(status, 0);
+  ASSERT_FALSE(answer.is_discarded());
+  EXPECT_EQ(answer["winner"]["vias"],
+            nlohmann::json::parse(R"([{"hop":"10.0.0.5","intf":"Ethernet1"}])"));
+  const auto [before, none] = ask("explain 10.0.0.5 --at 4");
+  EXPECT_EQ(before, 1);
+  EXPECT_EQ(none["missing"]["kind"], "cover");
+
+  const auto [told, history] = ask("history 10.0.0.0/24");
+  EXPECT_EQ(told, 0);
+  const auto& change = history["change"];
+  EXPECT_EQ(change["line"], 5);
+  EXPECT_EQ(change["type"], "attached_");
+  EXPECT_EQ(change["cause"]["prefix"], "10.0.0.0/24");
+  EXPECT_TRUE(ask("history 10.0.0.6").second.is_discarded()) << "nothing became of it";
 }
 
 TEST_F(ProgramTest, SaysWhatIsWrong) {

@@ -1,14 +1,18 @@
 // No trace level decides what a table holds, whoever writes and steps in meanwhile.
+#include <cstdint>
 #include <functional>
 #include <ostream>
 #include <random>
 #include <string>
+#include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "daemon/Switch.h"
+#include "platform/kiv/Exception.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "tests/model/Generator.h"
@@ -191,13 +195,28 @@ struct State {
   std::vector<nlohmann::json> dumps;
 };
 
-/// The states that one scenario runs through while these levels are traced.
-std::vector<State> statesOf(uint64_t seed, const std::string& universe, uint32_t traceLevels) {
+/// What people have switched on.
+struct Watching {
+  uint32_t levels = 0;     ///< for all VRFs
+  uint32_t ownLevels = 0;  ///< of the VRF "default", of one address
+  bool history = false;
+
+  friend std::ostream& operator<<(std::ostream& os, const Watching& watching) {
+    return os << "levels " << std::hex << watching.levels << ", own " << watching.ownLevels
+              << std::dec << ", history " << watching.history;
+  }
+};
+
+/// The states that one scenario runs through while it is watched so.
+std::vector<State> statesOf(uint64_t seed, const std::string& universe, const Watching& watching) {
   constexpr int kEvents = 250;
   std::ostream nowhere(nullptr);
   const auto output = Replay::jsonOutput(nowhere);
   Daemon::Switch sw;
-  const Replay::Tracing tracing(*output, traceLevels);
+  const Replay::Tracing tracing(*output, watching.levels);
+  sw.traceLevelIs("default", watching.ownLevels);
+  sw.traceAddressIs("default", "10.1.1.1");
+  sw.historyIs(watching.history ? 10 : 0);
   Replay::Player player(sw, *output, {});
   Golden::Generator generator(seed, Golden::weightsOf(universe));
   Observers observers(sw);
@@ -222,19 +241,99 @@ class TraceLevelsTest : public testing::TestWithParam<std::tuple<uint64_t, std::
 
 TEST_P(TraceLevelsTest, TheTablesAreTheSameWhateverIsTraced) {
   const auto& [seed, universe] = GetParam();
-  const auto untraced = statesOf(seed, universe, 0);
-  std::vector<uint32_t> levels = {0x3FF};
-  for (const unsigned level : {0U, 1U, 2U, 5U, 6U, 7U, 8U}) levels.push_back(1U << level);
-  for (const uint32_t traced : levels) {
-    const auto states = statesOf(seed, universe, traced);
+  const auto untraced = statesOf(seed, universe, {});
+  std::vector<Watching> ways = {{.levels = 0x3FF}, {.ownLevels = 0x3FF, .history = true}};
+  for (const unsigned level : {0U, 1U, 2U, 5U, 6U, 7U, 8U}) ways.push_back({.levels = 1U << level});
+  for (const Watching& watched : ways) {
+    const auto states = statesOf(seed, universe, watched);
     for (size_t i = 0; i < states.size(); ++i) {
       if (states[i].dumps == untraced[i].dumps) continue;
-      ADD_FAILURE() << "levels " << std::hex << traced << std::dec << " event " << 5 * i << " "
-                    << states[i].event << "\n"
+      ADD_FAILURE() << watched << " event " << 5 * i << " " << states[i].event << "\n"
                     << difference(states[i].dumps, "traced  ", untraced[i].dumps, "untraced");
       break;
     }
   }
+}
+
+/// Keeps what is traced: the object, and the message.
+class Records final : public Replay::Output {
+ public:
+  void dump(const Daemon::Switch&, const Replay::DumpSelection&) override {}
+  void event(size_t, std::string_view) override {}
+  void trace(const Kiv::TraceRecord& record) override {
+    texts_.push_back(std::string(record.objectName) + ": " + std::string(record.message));
+  }
+  /// What was traced since the last call, with this in it.
+  size_t take(std::string_view part) {
+    size_t count = 0;
+    for (const auto& text : std::exchange(texts_, {})) count += text.find(part) != text.npos;
+    return count;
+  }
+  bool empty() const { return texts_.empty(); }
+
+ private:
+  std::vector<std::string> texts_;
+};
+
+TEST(OwnTraceLevelsTest, OneVrfIsTracedOrOneAddressOfIt) {
+  Records records;
+  const Replay::Tracing tracing(records, 0);
+  Daemon::Switch sw;
+  Replay::Player player(sw, records, {});
+  for (const char* line : {
+           R"({"op":"vrf","name":"blue"})",
+           R"({"op":"fec","id":1,"family":4,"vias":[{"intf":"Ethernet1"}]})",
+           R"({"op":"route","prefix":"10.1.1.0/24","fec":1})",
+           R"({"op":"route","vrf":"blue","prefix":"10.1.1.0/24","fec":1})",
+           R"({"op":"initialized","value":true})",
+           R"({"op":"initialized","vrf":"blue","value":true})",
+       }) {
+    player.apply(line);
+  }
+  const auto learn = [&player](const char* ip, const char* mac) {
+    player.apply(std::string(R"({"op":"neighbor","intf":"Ethernet1","ip":")") + ip +
+                 R"(","mac":"00:00:00:00:00:)" + mac + R"("})");
+  };
+
+  learn("10.1.1.4", "01");
+  EXPECT_TRUE(records.empty());
+  sw.traceLevelIs("blue", 0x3FF);
+  learn("10.1.1.5", "01");
+  const size_t ofOne = records.take("");
+  EXPECT_GT(ofOne, 5u);
+  sw.traceLevelIs("default", 0x3FF);
+  learn("10.1.1.6", "01");
+  EXPECT_EQ(records.take(""), 2 * ofOne);
+  sw.traceLevelIs("blue", 0);
+  learn("10.1.1.7", "01");
+  EXPECT_EQ(records.take("blue: "), 0u);
+
+  sw.traceAddressIs("default", "10.1.1.5");
+  learn("10.1.1.6", "02");
+  EXPECT_TRUE(records.empty());
+  learn("10.1.1.5", "02");
+  EXPECT_GT(records.take("10.1.1.5"), 0u);
+  // A route that covers the address concerns it, one that does not does not; and of the neighbours
+  // under it only that one.
+  player.apply(R"({"op":"route","prefix":"10.2.0.0/16","fec":1})");
+  EXPECT_EQ(records.take("10.2.0.0/16"), 0u);
+  player.apply(R"({"op":"route","prefix":"10.1.1.4/30","fec":1})");
+  EXPECT_EQ(records.take("10.1.1.6"), 0u);
+  player.apply(R"({"op":"route","prefix":"10.1.1.4/30","present":false})");
+  EXPECT_GT(records.take("10.1.1.4/30"), 0u);
+  // An address of the other family leaves nothing of this one.
+  sw.traceAddressIs("default", "2001:db8::5");
+  learn("10.1.1.5", "03");
+  EXPECT_TRUE(records.empty());
+  sw.traceAddressIs("default", "");
+  learn("10.1.1.6", "03");
+  EXPECT_GT(records.take("10.1.1.6"), 0u);
+
+  EXPECT_THROW(sw.traceLevelIs("red", 1), Kiv::RangeException);
+  EXPECT_THROW(sw.traceAddressIs("default", "10.1.1"), Kiv::RangeException);
+  // A machine that ends lets go of its levels.
+  player.apply(R"({"op":"teardown"})");
+  EXPECT_FALSE(Daemon::Ipv4::trace().builds(8));
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, TraceLevelsTest,

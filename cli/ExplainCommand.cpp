@@ -1,0 +1,90 @@
+#include "cli/ExplainCommand.h"
+
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/Command.h"
+#include "cli/Replaying.h"
+#include "daemon/Explain.h"
+#include "platform/kiv/Exception.h"
+#include "replay/ExplanationJson.h"
+#include "replay/Printable.h"
+
+namespace Cli {
+namespace {
+
+constexpr const char* kDescription =
+    R"(Says why an address has its host route, or has none: what the machine of its VRF finds, in the
+order in which it decides, which route wins, why each other one loses, and, where there is no route,
+the condition that is missing and what would mend it.)";
+
+constexpr const char* kFooter = R"(Examples:
+  hostroute explain 10.1.10.11                                in the running hostrouted
+  hostroute explain 10.1.10.11 --replay leaf.jsonl            at the end of a recording
+  hostroute explain 10.1.10.11 --replay leaf.jsonl --at 120   after its line 120
+  hostroute explain 2001:db8:10::11 --vrf blue --replay leaf.jsonl
+  hostroute explain 10.1.10.11 --replay leaf.jsonl --json     for programs
+
+Exit status: 0 the address has a route; 1 it has none, or no daemon answers; 2 the command line is malformed, the input
+cannot be read or is malformed, or there is no such VRF.)";
+
+const std::string kPlace = "hostroute explain";
+
+int explainRecording(const ExplainOptions& options) {
+  Daemon::Switch sw({.settles = options.settles});
+  if (replayUpTo(sw, options.recording, options.line) == kMisused) return kMisused;
+  try {
+    const auto explanation = Daemon::explain(sw, options.vrf, options.address);
+    if (options.json) {
+      std::cout << Replay::toJson(explanation).dump(2) << '\n';
+    } else {
+      // Line by line: the text has names from elsewhere in it.
+      std::istringstream lines(Daemon::toText(explanation));
+      for (std::string line; std::getline(lines, line);) {
+        std::cout << Replay::printable(line) << '\n';
+      }
+    }
+    requireOutput();
+    return explanation.winner ? 0 : kFailed;
+  } catch (const Kiv::RangeException& error) {
+    throw CommandError(kPlace, error.what(), kMisused);
+  }
+}
+
+}  // namespace
+
+void addExplainCommand(CLI::App& app, int& exitCode, ExplainLive live) {
+  auto* command = app.add_subcommand("explain", kDescription);
+  const auto options = std::make_shared<ExplainOptions>();
+  options->vrf = Daemon::Switch::kDefaultVrf;
+  command->add_option("address", options->address, "The address, IPv4 or IPv6")
+      ->type_name("ADDRESS")
+      ->required();
+  command->add_option("--vrf", options->vrf, "In this VRF, not in \"default\"")->type_name("VRF");
+  auto* replay = command
+                     ->add_option("--replay", options->recording,
+                                  "In these recorded inputs; - for standard input")
+                     ->type_name("FILE");
+  if (!live) replay->required();
+  command->add_option("--at", options->line, "After this line of them, not at their end")
+      ->type_name("LINE")
+      ->check(CLI::PositiveNumber)
+      ->needs(replay);
+  command
+      ->add_flag("--settle", options->settles,
+                 "Replay as a daemon does: after each route and FEC, announce the neighbours "
+                 "without a route again")
+      ->needs(replay);
+  command->add_flag("--json", options->json, "Print one JSON object");
+  command->footer(kFooter);
+  command->callback([options, live = std::move(live), &exitCode] {
+    exitCode = options->recording.empty() ? live(*options) : explainRecording(*options);
+  });
+}
+
+}  // namespace Cli

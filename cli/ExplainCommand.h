@@ -1,0 +1,31 @@
+// The command that says why an address has, or has not, its host route.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace Cli {
+
+/// What `hostroute explain` was asked.
+struct ExplainOptions {
+  std::string address;
+  std::string vrf;
+  std::string recording;  ///< the file to replay; empty for the live daemon
+  size_t line = 0;        ///< the last line of it to replay; 0 for all
+  bool settles = false;
+  bool json = false;
+};
+
+/// Answers for the live daemon; returns the exit status.
+using ExplainLive = std::function<int(const ExplainOptions&)>;
+
+/// Adds `hostroute explain` to the program.
+///
+/// \param live  without it, only recordings are explained.
+void addExplainCommand(CLI::App& app, int& exitCode, ExplainLive live = {});
+
+}  // namespace Cli

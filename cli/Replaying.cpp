@@ -1,0 +1,43 @@
+#include "cli/Replaying.h"
+
+#include <iostream>
+#include <ostream>
+#include <utility>
+
+#include "cli/Command.h"
+#include "cli/Terminal.h"
+#include "platform/kiv/Hash.h"
+#include "replay/Output.h"
+#include "replay/Player.h"
+
+namespace Cli {
+namespace {
+
+/// Prints nothing, and hands on where the replay is.
+class Whereabouts final : public Replay::Output {
+ public:
+  explicit Whereabouts(std::function<void(size_t)> begins) : begins_(std::move(begins)) {}
+
+  void dump(const Daemon::Switch&, const Replay::DumpSelection&) override {}
+  void trace(const Kiv::TraceRecord&) override {}
+  void event(size_t number, std::string_view) override {
+    if (begins_) begins_(number);
+  }
+
+ private:
+  const std::function<void(size_t)> begins_;
+};
+
+}  // namespace
+
+int replayUpTo(Daemon::Switch& sw, const std::string& recording, size_t last,
+               std::function<void(size_t)> begins) {
+  Input input(recording);
+  Whereabouts output(std::move(begins));
+  Replay::Player player(sw, output, {.echoes = true, .dumpsAtEnd = false, .lastLine = last});
+  const auto outcome = player.run(input.stream(), input.name(), std::cout, std::cerr, showProgress);
+  if (outcome == Replay::Player::Outcome::Refused) return kMisused;
+  return outcome == Replay::Player::Outcome::Done ? 0 : kFailed;
+}
+
+}  // namespace Cli

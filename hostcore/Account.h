@@ -1,0 +1,159 @@
+// What a state machine keeps for the people who run it: counts, a history, and what it traces.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "platform/kiv/Clock.h"
+#include "platform/kiv/SmallVector.h"
+#include "platform/tovan/FibTypes.h"
+#include "platform/zemit/IntfId.h"
+
+namespace HostCore {
+
+/// What an event was that reached a machine.
+enum class CauseKind : uint8_t {
+  Unknown,          ///< a handler was called by hand, or another wrote to the route table
+  NeighborLearned,  ///< a neighbour was announced; for a history: one that had no host route
+  NeighborChanged,  ///< a neighbour that had a host route was announced
+  NeighborLost,     ///< a neighbour went
+  NeighborTable,    ///< an interface's neighbour table came, or went with its neighbours
+  Route,            ///< a FIB route was announced
+  Fec,              ///< a FEC changed
+  Address,          ///< an address of an interface
+  Interface,        ///< an interface came to the VRF, or left it
+  VirtualIp,        ///< a virtual address of a first-hop redundancy group
+  Initialization,   ///< the VRF's inputs are complete, or no longer
+  RibReady,         ///< the RIB is ready, or readiness is to be verified
+  Settling,         ///< a neighbour was announced again after a change of a route or a FEC
+};
+inline constexpr size_t kCauseKinds = 13;
+
+/// Why a neighbour gets no host route under the FIB route that covers its address.
+enum class Lack : uint8_t {
+  None,
+  RouteStatus,  ///< the machine has no route table
+  HostStatus,   ///< the machine has no host-route status
+  Table,        ///< there is no neighbour table
+  Cover,        ///< no FIB route covers the address
+  Record,       ///< the covering prefix has no route any more
+  Fec,          ///< the covering route has no FEC
+  Interface,    ///< the FEC does not leave through the neighbour's interface
+  DirectVia,    ///< it does, but only by way of a gateway
+  Skipped,      ///< the interface is a management port
+};
+inline constexpr size_t kLacks = 10;
+
+/// How often a machine did what, since it was made.
+struct Counts {
+  std::array<uint64_t, kCauseKinds> events{};  ///< by CauseKind
+  std::array<uint64_t, kLacks> refused{};      ///< by Lack: neighbours that were looked up
+  uint64_t repairs = 0;                        ///< neighbours that were filed under a FIB route
+  uint64_t merges = 0;                         ///< addresses whose winner was settled
+  uint64_t exceptions = 0;                     ///< callbacks that ended with one
+  /// The host routes that the machine has in the route table now, by type.
+  std::array<uint64_t, 32> hostRoutes{};
+};
+
+/// An event, with what it was about; what it was not about is null.
+template <class P>
+struct Cause {
+  CauseKind kind = CauseKind::Unknown;
+  Zemit::IntfId intf = {};
+  P prefix = P::null();
+  Tovan::Fib::FecId fec = Tovan::Fib::invalidFecId;
+};
+
+/// One change of a host route in the route table.
+template <class R, class Via>
+struct RouteChange {
+  enum class Kind : uint8_t { Added, Changed, Removed };
+
+  double time = 0;  ///< by Kiv::now(), of the event
+  Kind kind = Kind::Added;
+  R route = {};  ///< what it became; once removed, what it was
+  Kiv::SmallVector<Via> vias = {};
+  Cause<decltype(R::key)> cause = {};
+};
+
+/// The last changes of a machine's host routes, in a memory that is taken once.
+template <class R, class Via>
+class RouteLog {
+ public:
+  using Change = RouteChange<R, Via>;
+  using Prefix = decltype(R::key);
+  using Observer = std::function<void(const Change&)>;
+
+  /// \param capacity  how many changes are kept; may be 0.
+  explicit RouteLog(size_t capacity) { changes_.resize(capacity); }
+
+  size_t capacity() const noexcept { return changes_.size(); }
+  /// Is called with each change; an empty one ends that.
+  void observerIs(Observer observer) { observer_ = std::move(observer); }
+
+  /// An event begins that no other one has caused.
+  void eventBegins(const Cause<Prefix>& cause) {
+    cause_ = cause;
+    time_.reset();
+  }
+  void eventEnds() { eventBegins({}); }
+  void add(typename Change::Kind kind, const R& route, Kiv::SmallVector<Via> vias) {
+    if (!time_) time_ = Kiv::now();
+    Change change{
+        .time = *time_, .kind = kind, .route = route, .vias = std::move(vias), .cause = cause_};
+    if (cause_.kind == CauseKind::Unknown) time_.reset();  // nobody says when that ends
+    if (observer_) observer_(change);
+    if (changes_.empty()) return;
+    changes_[next_] = std::move(change);
+    next_ = next_ + 1 == changes_.size() ? 0 : next_ + 1;
+    if (count_ < changes_.size()) ++count_;
+  }
+
+  /// Calls `visit` with each change that is kept, the oldest first.
+  template <class Visit>
+  void forEach(Visit visit) const {
+    for (size_t i = 0; i < count_; ++i) {
+      visit(changes_[(next_ + changes_.size() - count_ + i) % changes_.size()]);
+    }
+  }
+
+ private:
+  Observer observer_;
+  std::vector<Change> changes_;
+  size_t next_ = 0;
+  size_t count_ = 0;
+  Cause<Prefix> cause_;
+  std::optional<double> time_;  // of the event under way, once somebody asked for it
+};
+
+/// The part of a machine that is for its people. Nothing in it decides what a table holds.
+template <class R, class Fec>
+struct Account {
+  using Prefix = decltype(R::key);
+  using Addr = typename Prefix::Addr;
+  using Via = std::remove_cvref_t<decltype(*std::declval<const Fec&>().begin())>;
+  using Log = RouteLog<R, Via>;
+
+  /// What is traced of this machine beside what is traced of all.
+  struct Tracing {
+    uint32_t levels = 0;       ///< a bit for each
+    uint32_t now = 0;          ///< the same, of what is being handled
+    bool isOff = false;        ///< the one address that is traced is of the other family
+    std::optional<Addr> only;  ///< what is about another address is left out
+  };
+
+  Counts counts;
+  uint32_t events = 0;  ///< how many are being handled, one within the other
+  Tracing tracing;
+  /// Lent by a daemon, true while it announces neighbours again that were there before; or null.
+  const bool* isSettling = nullptr;
+  std::unique_ptr<Log> log;  ///< null while nobody asks for the history
+};
+
+}  // namespace HostCore
