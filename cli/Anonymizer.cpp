@@ -190,6 +190,7 @@ void Anonymizer::note(std::string_view line) {
 
 template <class F>
 void Anonymizer::noteSubnet(const typename F::AddrWithMask& addr) {
+  addresses_.clear();
   std::get<Subnets<F>>(subnets_).insert(F::Prefix::enclosing(addr.addr(), addr.len()));
 }
 
@@ -233,27 +234,25 @@ Zemit::Ip6Addr Anonymizer::address(const Zemit::Ip6Addr& addr) const {
 
 std::string Anonymizer::addressText(const std::string& text) const {
   if (text == Replay::kIpv6NextHopText) return text;
+  auto known = addresses_.find(text);
+  if (known == addresses_.end()) known = addresses_.emplace(text, mappedText(text)).first;
+  return known->second;
+}
+
+std::string Anonymizer::mappedText(const std::string& text) const {
   const auto slash = text.find('/');
   const auto bare = text.substr(0, slash);
   const auto length = slash == text.npos ? "" : text.substr(slash);
-  std::string result;
-  uint32_t len = 0;
-  if (const auto addr = Zemit::IpAddr::parse(bare)) {
-    const auto with = Zemit::IpAddrWithMask::parse(text);
-    len = with ? with->len() : Zemit::IpAddr::kBits;
-    const bool isPrefix = addr->subnetFirst(len) == *addr;
-    const auto other = address(*addr);
-    result = toString(isPrefix ? other.subnetFirst(len) : other);
-  } else if (const auto addr6 = Zemit::Ip6Addr::parse(bare)) {
-    const auto with = Zemit::Ip6AddrWithMask::parse(text);
-    len = with ? with->len() : Zemit::Ip6Addr::kBits;
-    const bool isPrefix = addr6->subnetFirst(len) == *addr6;
-    const auto other = address(*addr6);
-    result = toString(isPrefix ? other.subnetFirst(len) : other);
-  } else {
-    throw EventError("\"" + text + "\" is neither an address nor a prefix");
-  }
-  return result + length;
+  // Of a prefix, what stands behind its length stays 0.
+  const auto mappedIn = [&]<class Addr>(const Addr& addr) {
+    const auto with = Zemit::BasicAddrWithMask<Addr>::parse(text);
+    const uint32_t len = with ? with->len() : Addr::kBits;
+    const auto other = address(addr);
+    return toString(addr.subnetFirst(len) == addr ? other.subnetFirst(len) : other) + length;
+  };
+  if (const auto addr = Zemit::IpAddr::parse(bare)) return mappedIn(*addr);
+  if (const auto addr = Zemit::Ip6Addr::parse(bare)) return mappedIn(*addr);
+  throw EventError("\"" + text + "\" is neither an address nor a prefix");
 }
 
 /// A management port stays one: its name says so.

@@ -5,6 +5,8 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <unordered_map>
 #include <utility>
 
 #include "daemon/Family.h"
@@ -50,9 +52,11 @@ class Anonymizer {
   void noteSubnet(const typename F::AddrWithMask& addr);
   template <class F>
   typename F::Addr mapped(const typename F::Addr& addr) const;
+  std::string mappedText(const std::string& text) const;
   uint64_t hash(std::string_view text) const;
 
   const Key key_;
+  mutable std::unordered_map<std::string, std::string> addresses_;  // those mapped before
   std::tuple<Subnets<Daemon::Ipv4>, Subnets<Daemon::Ipv6>> subnets_;
 };
 

@@ -42,10 +42,10 @@ struct Change {
 
 /// A change as an object. The time would be that of this replay.
 nlohmann::ordered_json json(size_t line, const Daemon::HistoryEntry& entry) {
-  nlohmann::ordered_json object = {{"line", line}};
-  object.update(Replay::toJson(entry));
-  object.erase("time");
-  return object;
+  nlohmann::ordered_json change = {{"line", line}};
+  change.update(Replay::toJson(entry));
+  change.erase("time");
+  return {{"change", std::move(change)}};
 }
 
 void print(const std::deque<Change>& changes, const HistoryOptions& options) {

@@ -69,7 +69,7 @@ int tellLive(const ControlOptions& control, const HistoryOptions& options) {
   for (size_t i = first; i < changes.size(); ++i) {
     const auto& change = changes[i].at("change");
     if (options.json) {
-      std::cout << change.dump() << '\n';
+      std::cout << changes[i].dump() << '\n';
     } else {
       const auto time = text(change, "time");
       table.add({localTime(time, true), age(time), text(change, "prefix"), text(change, "became"),

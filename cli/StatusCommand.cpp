@@ -30,8 +30,8 @@ constexpr const char* kStatusFooter = R"(Examples:
 Exit status: 0 ready; 1 no daemon answers; 2 the command line is malformed; 3 not ready.)";
 
 constexpr const char* kCountersDescription =
-    R"(Shows all that the running hostrouted counts. Counters grow from its start; what is shown as
-"now" may shrink, too.)";
+    R"(Shows all that the running hostrouted counts. Counters grow from its start; what is there
+now may shrink, too.)";
 
 constexpr const char* kCountersFooter = R"(Examples:
   hostroute counters
@@ -75,15 +75,17 @@ std::string text(const Json& object, const char* member) {
   return Replay::printable(found->is_string() ? found->get<std::string>() : found->dump());
 }
 
-/// The value of a family's first sample, or of the one with a label's value.
-uint64_t valueOf(const Json& metrics, std::string_view name, std::string_view labelValue = {}) {
+/// The sum of a family's samples that have these labels.
+uint64_t sumOf(const Json& metrics, std::string_view name, const Json& labels = Json::object()) {
   uint64_t sum = 0;
   for (const auto& family : metrics) {
-    if (family["name"] != name || !family.contains("samples")) continue;
-    for (const auto& sample : family["samples"]) {
-      bool matches = labelValue.empty();
-      for (const auto& label : sample["labels"]) matches = matches || label == labelValue;
-      if (matches) sum += sample["value"].get<uint64_t>();
+    if (family.at("name") != name || !family.contains("samples")) continue;
+    for (const auto& sample : family.at("samples")) {
+      bool matches = true;
+      for (const auto& [label, value] : labels.items()) {
+        matches = matches && sample.at("labels").value(label, Json()) == value;
+      }
+      if (matches) sum += sample.at("value").get<uint64_t>();
     }
   }
   return sum;
@@ -93,13 +95,16 @@ std::string tableText(const Json& table) {
   return table == 0 ? "none" : table.dump();
 }
 
-void printVrfs(const Json& vrfs) {
-  Replay::TextTable table({"VRF", "FAMILY", "INITIALIZED", "KERNEL TABLE"});
+void printVrfs(const Json& vrfs, const Json& metrics) {
+  Replay::TextTable table({"VRF", "FAMILY", "INITIALIZED", "HOSTS", "KERNEL TABLE"});
   for (const auto& vrf : vrfs) {
     for (const auto& [key, name] : {std::pair{"ipv4", "IPv4"}, {"ipv6", "IPv6"}}) {
       const auto& family = vrf.at(key);
+      const auto hosts = sumOf(metrics, "hostroute_host_routes",
+                               {{"vrf", vrf.at("vrf")}, {"family", key}, {"type", "attached_"}});
       table.add({vrf.at("vrf").get<std::string>(), name,
-                 family.at("initialized") == true ? "yes" : "no", tableText(family.at("table"))});
+                 family.at("initialized") == true ? "yes" : "no", std::to_string(hosts),
+                 tableText(family.at("table"))});
     }
   }
   table.print(std::cout, tableStyle());
@@ -129,8 +134,8 @@ void printStatus(const Json& status, const Json& metrics) {
     std::cout << coloured("  " + Replay::printable(warning.get<std::string>()), kYellow) << '\n';
   }
   const auto started = status.at("started").get<std::string>();
-  const uint64_t fed = valueOf(metrics, "hostroute_neighbors", "fed");
-  const uint64_t known = valueOf(metrics, "hostroute_neighbors");
+  const uint64_t fed = sumOf(metrics, "hostroute_neighbors", {{"verdict", "fed"}});
+  const uint64_t known = sumOf(metrics, "hostroute_neighbors");
   std::string patterns;
   for (const auto& pattern : status.at("interfaces")) {
     patterns += (patterns.empty() ? "" : " ") + Replay::printable(pattern.get<std::string>());
@@ -142,7 +147,7 @@ void printStatus(const Json& status, const Json& metrics) {
   line("Running",
        age(started) + ", since " + localTime(started) + ", process " + text(status, "pid"));
   line("Interfaces", patterns.empty() ? "all" : patterns);
-  line("Neighbours", std::to_string(fed) + " count, of " + std::to_string(known) + " known");
+  line("Neighbours", std::to_string(fed) + " count of " + std::to_string(known) + " known");
   line("Host routes", text(status, "routes") + " in the kernel (protocol " +
                           text(status, "protocol") + "), " +
                           coloured(std::to_string(problems.size()) + " not as they should be",
@@ -151,7 +156,7 @@ void printStatus(const Json& status, const Json& metrics) {
   if (status.contains("recording")) line("Recording to", text(status, "recording"));
   std::fflush(stdout);
   std::cout << '\n';
-  printVrfs(status.at("vrfs"));
+  printVrfs(status.at("vrfs"), metrics);
   printProblems(problems);
 }
 
@@ -208,7 +213,7 @@ void showCounters(const Options& options) {
     for (const auto& family : chosen) std::cout << family.dump() << '\n';
     return requireOutput();
   }
-  Replay::TextTable counters({"NAME", "LABELS", "VALUE", ""});
+  Replay::TextTable counters({"NAME", "LABELS", "KIND", "VALUE"});
   Replay::TextTable times({"TIMES OF", "COUNT", "P50", "P99", "P99.99", "LONGEST"});
   Replay::TextTable helps({"NAME", "MEANING"});
   for (const auto& family : chosen) {
@@ -222,8 +227,8 @@ void showCounters(const Options& options) {
       continue;
     }
     for (const auto& sample : family.at("samples")) {
-      counters.add({name, labelsText(sample.at("labels")), sample.at("value").dump(),
-                    family.at("type") == "gauge" ? "now" : ""});
+      counters.add({name, labelsText(sample.at("labels")),
+                    family.at("type") == "gauge" ? "now" : "total", sample.at("value").dump()});
     }
   }
   bool isFirst = true;

@@ -114,16 +114,6 @@ std::optional<Linux::Prefix> parseTarget(const std::string& text) {
   return std::nullopt;
 }
 
-/// Whether `outer` contains `inner`; prefixes of two families never do.
-bool contains(const Linux::Prefix& outer, const Linux::Prefix& inner) {
-  return std::visit(
-      [&]<class Prefix>(const Prefix& prefix) {
-        const auto* other = std::get_if<Prefix>(&inner);
-        return other != nullptr && prefix.contains(*other);
-      },
-      outer);
-}
-
 }  // namespace
 
 void Feedline::add(std::string_view line) {
@@ -203,8 +193,8 @@ class Control::Work {
 /// Changes of host routes at or inside a prefix, as they are made.
 class Control::Work::Monitor final : public Feedline {
  public:
-  Monitor(Work& work, std::optional<std::string> vrf, std::optional<Linux::Prefix> prefix)
-      : work_(work), vrf_(std::move(vrf)), prefix_(prefix) {
+  Monitor(Work& work, std::optional<std::string> vrf, std::optional<Daemon::PrefixFilter> prefixes)
+      : work_(work), vrf_(std::move(vrf)), prefixes_(prefixes) {
     work_.monitors_.insert(this);
     work_.watchHistory();
   }
@@ -216,17 +206,14 @@ class Control::Work::Monitor final : public Feedline {
   }
 
   bool wants(const Daemon::HistoryEntry& entry) const {
-    if (vrf_ && *vrf_ != entry.vrf) return false;
-    if (!prefix_) return true;
-    const auto prefix = parseTarget(entry.prefix);
-    return prefix && contains(*prefix_, *prefix);
+    return (!vrf_ || *vrf_ == entry.vrf) && (!prefixes_ || prefixes_->contains(entry));
   }
   bool hasEnded(double) const override { return false; }
 
  private:
   Work& work_;
   const std::optional<std::string> vrf_;
-  const std::optional<Linux::Prefix> prefix_;
+  const std::optional<Daemon::PrefixFilter> prefixes_;
 };
 
 /// What the machines of a VRF trace of one address, for some time. The levels are off again when it
@@ -422,7 +409,9 @@ Reply Control::Work::history(const Request& request, const Peer&) {
 
 Reply Control::Work::monitor(const Request& request, const Peer&) {
   const auto filter = filterOf(request);
-  return {success(), {}, std::make_unique<Monitor>(*this, filter.vrf, filter.covering)};
+  std::optional<Daemon::PrefixFilter> prefixes;
+  if (filter.covering) prefixes.emplace(*request.text("prefix"));
+  return {success(), {}, std::make_unique<Monitor>(*this, filter.vrf, prefixes)};
 }
 
 void Control::Work::watchHistory() {

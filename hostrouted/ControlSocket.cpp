@@ -167,7 +167,7 @@ class ControlSocket::Server {
     const bool isBound =
         ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     ::umask(former);
-    if (!isBound || ::listen(fd_, 16) != 0) {
+    if (!isBound || ::listen(fd_, SOMAXCONN) != 0) {
       const auto why = systemError(options_.path);
       ::close(fd_);
       throw std::runtime_error(why);

@@ -213,7 +213,7 @@ class Service::Loop {
             .pid = ::getpid(),
             .startedAt = startedAt_,
             .logLevel = log_.level(),
-            .advertisedIsSound = !advertised_ || advertised_->isSound(),
+            .advertisedIsSound = !advertised_ || !advertised_->hasFailed(),
             .recording = recorder_.isOn() ? recorder_.path() : ""};
   }
 

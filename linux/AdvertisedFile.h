@@ -57,6 +57,8 @@ class AdvertisedFile final : public AdvertisedLog {
   std::vector<Route> keys() const;
   /// Whether the file holds all that was committed.
   bool isSound() const { return !isBroken_; }
+  /// Whether the last attempt to write it has failed.
+  bool hasFailed() const { return isReported_; }
 
  private:
   void read();

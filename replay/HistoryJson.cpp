@@ -18,7 +18,7 @@ nlohmann::ordered_json toJson(const Daemon::HistoryEntry& entry) {
   if (!entry.type.empty()) object["type"] = entry.type;
   if (entry.fec != 0) object["fec"] = entry.fec;
   if (!entry.vias.empty()) object["vias"] = entry.vias;
-  nlohmann::ordered_json cause{{"kind", nameOf(entry.cause)}};
+  nlohmann::ordered_json cause{{"kind", Daemon::nameOf(entry.cause)}};
   if (!entry.causeIntf.empty()) cause["intf"] = entry.causeIntf;
   if (!entry.causePrefix.empty()) cause["prefix"] = entry.causePrefix;
   if (entry.causeFec != 0) cause["fec"] = entry.causeFec;

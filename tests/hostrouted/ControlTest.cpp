@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -219,6 +221,10 @@ class RecordingTest : public testing::Test {
   void SetUp() override { std::filesystem::create_directories(directory); }
   void TearDown() override { std::filesystem::remove_all(directory); }
 
+  /// A dump without the numbers of adjacencies, which go by the order of the work.
+  static std::string withoutNumbers(const std::string& dump) {
+    return std::regex_replace(dump, std::regex(R"("fec":\d{10,})"), "\"fec\":0");
+  }
   /// The dumps of a switch that was told what a file holds.
   static std::string replayed(const std::string& file) {
     std::ifstream in(file);
@@ -228,12 +234,12 @@ class RecordingTest : public testing::Test {
     Daemon::Switch sw({.settles = true});
     Replay::Player player(sw, *output, {});
     EXPECT_EQ(player.run(in, file, out, errors), Replay::Player::Outcome::Done) << errors.str();
-    return out.str();
+    return withoutNumbers(out.str());
   }
   std::string live() {
     std::stringstream text;
     listDump(world.router, {}, false, text);
-    return text.str();
+    return withoutNumbers(text.str());
   }
 
   const std::string directory =

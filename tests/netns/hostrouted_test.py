@@ -5,6 +5,7 @@ import json
 import os
 import pwd
 import random
+import re
 import signal
 import socket
 import subprocess
@@ -368,8 +369,11 @@ class RecordingTest(RouterLab):
         self.assertRoutes(self.router, {'10.0.1.12': 'p1', '10.0.2.10': 'p1'})
         self.assertRoutes(self.router, {'2001:db8:1::10': 'p1', '2001:db8:2::12': 'p2'}, 6)
         daemon.ask('record', 'stop')
-        self.assertEqual(run(lab.REPLAY, 'replay', '--settle', '--json', file),
-                         daemon.ask('dump', '--json'))
+        def tables(dumps):
+            # Numbers of adjacencies go by the order of the work.
+            return re.sub(r'"fec":\d{10,}', '"fec":0', dumps)
+        self.assertEqual(tables(run(lab.REPLAY, 'replay', '--settle', '--json', file)),
+                         tables(daemon.ask('dump', '--json')))
         anonymous = os.path.join(daemon.directory, 'anonymous.jsonl')
         with open(anonymous, 'w', encoding='utf-8') as out:
             out.write(run(lab.REPLAY, 'anonymize', file))
@@ -395,8 +399,8 @@ class ControlTest(RouterLab):
 
     def connect_socket(self):
         client = socket.socket(socket.AF_UNIX)
-        client.settimeout(10)
         client.connect(self.path)
+        client.settimeout(lab.TIMEOUT)
         self.addCleanup(client.close)
         return client
 
@@ -458,13 +462,13 @@ class ControlTest(RouterLab):
         with open(self.hostrouted.config_file, 'a', encoding='utf-8') as config:
             config.write(f'[control]\ngroup = "{group}"\n')
         self.hostrouted.start()
-        self.assertEqual(ask('status').returncode, 0)
+        self.assertEventually(lambda: ask('status').returncode == 0, 'the group may ask')
         self.assertIn('only root', ask('resync').stderr)
         self.hostrouted.end()
         with open(self.hostrouted.config_file, 'a', encoding='utf-8') as config:
             config.write(f'admin-group = "{group}"\n')
         self.hostrouted.start()
-        self.assertEqual(ask('resync').returncode, 0)
+        self.assertEventually(lambda: ask('resync').returncode == 0, 'the group may change it')
 
     def test_hostile_clients_cost_the_others_nothing(self):
         flood = self.connect_socket()  # sends what is no request, without an end
