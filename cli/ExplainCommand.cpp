@@ -24,12 +24,13 @@ order in which it decides, which route wins, why each other one loses, and, wher
 the condition that is missing and what would mend it.)";
 
 constexpr const char* kFooter = R"(Examples:
+  hostroute explain 10.1.10.11                                in the running hostrouted
   hostroute explain 10.1.10.11 --replay leaf.jsonl            at the end of a recording
   hostroute explain 10.1.10.11 --replay leaf.jsonl --at 120   after its line 120
   hostroute explain 2001:db8:10::11 --vrf blue --replay leaf.jsonl
   hostroute explain 10.1.10.11 --replay leaf.jsonl --json     for programs
 
-Exit status: 0 the address has a route; 1 it has none; 2 the command line is malformed, the input
+Exit status: 0 the address has a route; 1 it has none, or no daemon answers; 2 the command line is malformed, the input
 cannot be read or is malformed, or there is no such VRF.)";
 
 const std::string kPlace = "hostroute explain";

@@ -13,6 +13,7 @@
 #include "cli/Terminal.h"
 #include "daemon/History.h"
 #include "platform/kiv/Exception.h"
+#include "replay/HistoryJson.h"
 #include "replay/TextTable.h"
 
 namespace Cli {
@@ -23,7 +24,8 @@ constexpr const char* kDescription =
 caused it.)";
 
 constexpr const char* kFooter = R"(Examples:
-  hostroute history 10.1.10.11 --replay leaf.jsonl         one host
+  hostroute history 10.1.10.11                             one host, in the running hostrouted
+  hostroute history 10.1.10.11 --replay leaf.jsonl         one host of a recording
   hostroute history 10.1.10.0/24 --replay leaf.jsonl       a subnet
   hostroute history ::/0 --vrf blue --last 20 --replay leaf.jsonl
   hostroute history 10.1.10.11 --replay leaf.jsonl --json  one JSON object for each change
@@ -38,21 +40,12 @@ struct Change {
   Daemon::HistoryEntry entry;
 };
 
-/// A change as an object; what does not apply is left out. The time would be that of this replay.
+/// A change as an object. The time would be that of this replay.
 nlohmann::ordered_json json(size_t line, const Daemon::HistoryEntry& entry) {
-  nlohmann::ordered_json object = {{"line", line},
-                                   {"vrf", entry.vrf},
-                                   {"family", entry.family},
-                                   {"prefix", entry.prefix},
-                                   {"change", nameOf(entry.change)}};
-  if (!entry.type.empty()) object["type"] = entry.type;
-  if (entry.fec != 0) object["fec"] = entry.fec;
-  if (!entry.vias.empty()) object["vias"] = entry.vias;
-  auto& cause = object["cause"] = {{"kind", Daemon::nameOf(entry.cause)}};
-  if (!entry.causeIntf.empty()) cause["intf"] = entry.causeIntf;
-  if (!entry.causePrefix.empty()) cause["prefix"] = entry.causePrefix;
-  if (entry.causeFec != 0) cause["fec"] = entry.causeFec;
-  return object;
+  nlohmann::ordered_json change = {{"line", line}};
+  change.update(Replay::toJson(entry));
+  change.erase("time");
+  return {{"change", std::move(change)}};
 }
 
 void print(const std::deque<Change>& changes, const HistoryOptions& options) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "cli/Command.h"
+#include "cli/ControlClient.h"
 #include "cli/LiveRoutes.h"
 #include "cli/Terminal.h"
 #include "replay/Json.h"
@@ -24,10 +25,14 @@ namespace Cli {
 namespace {
 
 constexpr const char* kDescription =
-    R"(Shows the route tables that another process keeps in shared memory, as they are now: its FIB
-routes and the host routes derived from them. The other process may go on writing meanwhile.)";
+    R"(Shows the routes of the running hostrouted as they are now: its FIB routes, the host routes
+derived from them, and how each of these is in the kernel. With --table, those that a process keeps
+in shared memory; that process may go on writing meanwhile.)";
 
 constexpr const char* kFooter = R"(Examples:
+  hostroute routes                                      those of the running hostrouted
+  hostroute routes 10.1.10.11                           what an address matches, longest first
+  hostroute routes --type attached_ --vrf blue          the routes to neighbours in a VRF
   hostroute replay --shared leaf1 --hold switch.jsonl &
   hostroute routes --table leaf1 --wait 10              all VRFs, both families
   hostroute routes --table leaf1 --vrf blue --family 4  one table
@@ -42,16 +47,20 @@ host-route machine is, then `initialized`, and `synchronized` when the FIB's own
 as well. It is `left behind` when its process has ended without taking it away, and `removed` when
 its process took it away while it was read, as one does that starts again.
 
-Exit status: 0 done; 1 there are no such tables, no route to the address, or a table is damaged
-(what could be read of it is printed); 2 the command line is malformed; 3 what was printed may not
-be what the switch has: a table is left behind, removed, loading or not initialized, or --wait was
-in vain.)";
+A route's KERNEL column says "installed", "damped" (its host flaps), "pending", or the error with
+which the kernel refuses it; routes that do not go to the kernel have none.
+
+Exit status: 0 done; 1 no daemon answers, there are no such tables, no route to the address, or a
+table is damaged (what could be read of it is printed); 2 the command line is malformed; 3 what was
+printed may not be what the switch has: the daemon is not ready, a table is left behind, removed,
+loading or not initialized, or --wait was in vain.)";
 
 constexpr int kNotReady = 3;
 constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
 constexpr double kLongestWait = 1e6;
 
 struct Options {
+  ControlOptions control;
   std::string address;
   std::string table;
   std::optional<std::string> vrf;
@@ -291,6 +300,114 @@ class Listing {
   throw CommandError(kPlace, "\"" + options.table + "\" has no such tables", kFailed);
 }
 
+/// Whether the daemon becomes ready in time.
+bool waitUntilDaemonIsReady(const Options& options) {
+  const auto wait = std::chrono::duration<double>(*options.waits);
+  const auto deadline = std::chrono::steady_clock::now() + wait;
+  for (;;) {
+    std::string reason;
+    try {
+      const auto status = askOnce(options.control, kPlace, {{"request", "status"}}).at("status");
+      if (status.at("ready") == true) return true;
+      reason = errorText(kPlace, "hostrouted is " + status.at("phase").get<std::string>());
+    } catch (const CommandError& error) {
+      reason = error.what();  // it may be starting
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      std::cerr << reason << '\n';
+      return false;
+    }
+    std::this_thread::sleep_for(kBetweenLooks);
+  }
+}
+
+/// The next hops of a route as the daemon tells them, as Replay::viasText() has them.
+std::string viasText(const Json& vias) {
+  std::string text;
+  for (const auto& via : vias) {
+    const auto hop = via.at("hop").get<std::string>();
+    text += text.empty() ? "" : ", ";
+    if (hop != "0.0.0.0" && hop != "::") text += hop + " ";
+    text += via.at("intf").get<std::string>();
+  }
+  return text.empty() ? "-" : text;
+}
+
+/// Prints how many routes there are by VRF, family and type.
+void printCounts(const Options& options, const std::vector<Json>& routes) {
+  std::map<std::pair<std::string, int>, std::map<std::string, size_t>> counts;
+  for (const auto& route : routes) {
+    const auto key = std::pair(route.at("vrf").get<std::string>(), route.at("family").get<int>());
+    ++counts[key][route.at("type").get<std::string>()];
+  }
+  Replay::TextTable table({"VRF", "FAMILY", "ROUTES", "TYPES"});
+  for (const auto& [key, types] : counts) {
+    size_t sum = 0;
+    std::string list;
+    for (const auto& [type, number] : types) {
+      sum += number;
+      list.append(list.empty() ? "" : ", ").append(type).append(" ").append(std::to_string(number));
+    }
+    if (options.json) {
+      const Json count{
+          {"vrf", key.first}, {"family", key.second}, {"routes", sum}, {"types", types}};
+      std::cout << Json{{"count", count}}.dump() << '\n';
+    } else {
+      table.add({key.first, "IPv" + std::to_string(key.second), std::to_string(sum), list});
+    }
+  }
+  if (!table.empty()) table.print(std::cout, tableStyle());
+}
+
+/// The routes of the daemon.
+int showDaemonRoutes(const Options& options) {
+  if (options.waits && !waitUntilDaemonIsReady(options)) return kNotReady;
+  ControlClient client(options.control, kPlace);
+  Json request{{"request", "routes"}};
+  if (!options.address.empty()) request["prefix"] = options.address;
+  if (options.vrf) request["vrf"] = *options.vrf;
+  if (options.family) request["family"] = static_cast<unsigned>(*options.family);
+  if (options.type) request["type"] = *options.type;
+  if (options.intf) request["intf"] = *options.intf;
+  client.ask(std::move(request));
+  std::vector<Json> routes;
+  Replay::TextTable table(
+      {"VRF", "FAMILY", "PREFIX", "TYPE", "METRIC", "PREFERENCE", "KERNEL", "VIA"});
+  size_t found = 0;
+  bool isWhole = true;
+  while (auto line = client.next()) {
+    if (line->contains("error")) {
+      std::cerr << errorText(kPlace, line->at("error").get<std::string>()) << '\n';
+      isWhole = false;
+      continue;
+    }
+    ++found;
+    const auto& route = line->at("route");
+    if (options.counts) {
+      routes.push_back(route);
+    } else if (options.json) {
+      std::cout << line->dump() << '\n';
+    } else {
+      const auto text = [&](const char* member) { return route.at(member).get<std::string>(); };
+      table.add({text("vrf"), "IPv" + route.at("family").dump(), text("prefix"), text("type"),
+                 route.at("metric").dump(), route.at("preference").dump(),
+                 route.value("kernel", std::string("-")), viasText(route.at("vias"))});
+    }
+  }
+  if (options.counts) printCounts(options, routes);
+  if (!table.empty()) table.print(std::cout, tableStyle());
+  requireOutput();
+  if (!isWhole) return kFailed;
+  if (!options.address.empty() && found == 0) {
+    throw CommandError(kPlace, "no route to " + options.address, kFailed);
+  }
+  const auto status = client.ask({{"request", "status"}}).at("status");
+  if (status.at("ready") == true) return 0;
+  std::cerr << kPlace << ": warning: hostrouted is "
+            << Replay::printable(status.at("phase").get<std::string>()) << '\n';
+  return kNotReady;
+}
+
 int showRoutes(Options options) {
   if (!options.address.empty()) {
     const bool isIpv4 = Listing::prefixOf<Daemon::Ipv4>(options.address).has_value();
@@ -300,6 +417,7 @@ int showRoutes(Options options) {
     }
     options.family = number;
   }
+  if (options.table.empty()) return showDaemonRoutes(options);
   if (options.waits && !waitUntilReady(options)) return kNotReady;
   const auto tables = chosenTables(options);
   if (tables.empty()) refuse(options);
@@ -334,9 +452,10 @@ void addRoutesCommand(CLI::App& app, int& exitCode) {
       ->type_name("ADDRESS")
       ->check(refusedAddress);
   command
-      ->add_option("--table", options->table, "The name under which the process shares its tables")
-      ->type_name("NAME")
-      ->required();
+      ->add_option("--table", options->table,
+                   "The name under which a process shares its tables; without it, the running "
+                   "hostrouted is asked")
+      ->type_name("NAME");
   command->add_option("--vrf", options->vrf, "Only this VRF")->type_name("VRF");
   command->add_option("--family", options->family, "Only IPv4 (4) or IPv6 (6)")
       ->type_name("FAMILY")
@@ -354,6 +473,7 @@ void addRoutesCommand(CLI::App& app, int& exitCode) {
   command->add_flag("--count", options->counts,
                     "Print how many routes each table has, and how far it is");
   command->add_flag("--json", options->json, "Print one JSON object for each route or table");
+  addSocketOption(*command, options->control);
   command->footer(kFooter);
   command->callback([options, &exitCode] { exitCode = showRoutes(*options); });
 }

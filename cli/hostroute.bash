@@ -10,34 +10,62 @@ _hostroute_tables() {
   done
 }
 
+# Names that the running daemon has: vrfs, interfaces or prefixes that begin with a text.
+_hostroute_names() {
+  hostroute names "$1" "$2" 2> /dev/null
+}
+
 _hostroute() {
   local word=${COMP_WORDS[COMP_CWORD]} options
   COMPREPLY=()
   case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --shared | --vrf | --intf | --wait | --at | --last) return ;;
+    --shared | --wait | --for | --key | --at | --last | --size | --files | --protocol | --table6) return ;;
+    --vrf) mapfile -t COMPREPLY < <(compgen -W "$(_hostroute_names vrfs "$word")" -- "$word") && return ;;
+    --intf | --interfaces)
+      mapfile -t COMPREPLY < <(compgen -W "$(_hostroute_names interfaces "$word")" -- "$word") && return
+      ;;
     --replay) mapfile -t COMPREPLY < <(compgen -f -- "$word") && return ;;
-    --trace) mapfile -t COMPREPLY < <(compgen -W "0,1,2,6,7 all" -- "$word") && return ;;
+    --trace | --levels) mapfile -t COMPREPLY < <(compgen -W "0,1,2,6,7 all" -- "$word") && return ;;
     --family) mapfile -t COMPREPLY < <(compgen -W "4 6" -- "$word") && return ;;
     --table) mapfile -t COMPREPLY < <(compgen -W "$(_hostroute_tables)" -- "$word") && return ;;
     --type)
       mapfile -t COMPREPLY < <(compgen -W "attached_ receive_ receiveBcast_ connected_ staticConfig_
         ebgp_ ibgp_ bgp_ ospfIntraArea_ ospf_ isisL1_ isisL2_ kernel_" -- "$word") && return
       ;;
-    --dir) mapfile -t COMPREPLY < <(compgen -d -- "$word") && return ;;
+    --dir | --root) mapfile -t COMPREPLY < <(compgen -d -- "$word") && return ;;
   esac
   case ${COMP_CWORD}${COMP_WORDS[1]} in
-    1*) options="replay routes diff explain history import shell types --version --help" ;;
+    1*) options="status explain history monitor routes neighbors counters metrics doctor log-level trace
+      record resync reload dump anonymize replay diff import shell types --version --help" ;;
     *replay) options="--json --json-lines --trace --echo --settle --no-final-dump --shared --hold
       --help" ;;
-    *routes) options="--table --vrf --family --type --intf --wait --count --json --help" ;;
+    *routes) options="--table --vrf --family --type --intf --wait --count --json --socket --help
+      $(_hostroute_names prefixes "$word")" ;;
     *diff) options="--table --vrf --family --json --help" ;;
-    *explain) options="--replay --at --settle --vrf --json --help" ;;
-    *history) options="--replay --at --settle --vrf --last --json --help" ;;
     *import) options="--dir --link --addr --neigh --route4 --route6 --nexthop --help" ;;
     *shell) options="--help" ;;
     *types) options="--json --help" ;;
+    *explain) options="--vrf --replay --at --settle --json --socket --help
+      $(_hostroute_names prefixes "$word" | sed -nE 's/\/(32|128)$//p')" ;;
+    *history) options="--vrf --last --replay --at --settle --json --socket --help
+      $(_hostroute_names prefixes "$word")" ;;
+    *monitor) options="--vrf --json --socket --help $(_hostroute_names prefixes "$word")" ;;
+    *neighbors) options="--vrf --family --intf --json --socket --help" ;;
+    *dump) options="--vrf --family --json --socket --help" ;;
+    *counters) options="--help-texts --json --socket --help" ;;
+    *metrics) options="--http --socket --help" ;;
+    *doctor) options="--interfaces --table --table6 --protocol --root --json --socket --help" ;;
+    *log-level) options="error warning notice info debug --json --socket --help" ;;
+    *trace) options="--vrf --levels --for --json --socket --help
+      $(_hostroute_names prefixes "$word" | sed -nE 's/\/(32|128)$//p')" ;;
+    2record) options="start stop --help" ;;
+    *record) options="--size --files --json --socket --help" ;;
+    *anonymize) options="--key --help" ;;
+    *status | *resync | *reload) options="--json --socket --help" ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "${options:-}" -- "$word")
   [ ${#COMPREPLY[@]} -gt 0 ] || mapfile -t COMPREPLY < <(compgen -f -- "$word")
+  # An IPv6 address has colons, at which bash ends words.
+  declare -F __ltrim_colon_completions > /dev/null && __ltrim_colon_completions "$word"
 }
 complete -o filenames -F _hostroute hostroute

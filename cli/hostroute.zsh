@@ -8,21 +8,54 @@ _hostroute_tables() {
   compadd -- ${names#hostroute-}
 }
 
+# Names that the running daemon has: vrfs, interfaces or prefixes.
+_hostroute_names() {
+  local -a names
+  names=(${(f)"$(hostroute names $1 "$PREFIX" 2> /dev/null)"})
+  compadd -- $names
+}
+_hostroute_vrfs() { _hostroute_names vrfs }
+_hostroute_interfaces() { _hostroute_names interfaces }
+_hostroute_prefixes() { _hostroute_names prefixes }
+_hostroute_addresses() {
+  local -a names
+  names=(${(f)"$(hostroute names prefixes "$PREFIX" 2> /dev/null)"})
+  compadd -- ${${(M)names:#*/(32|128)}%/*}
+}
+
 _hostroute() {
-  local -a commands chosen
+  local -a commands chosen live
   commands=(
+    'status:how the running hostrouted is'
+    'explain:why an address has, or has not, a host route'
+    'history:the last changes of host routes'
+    'monitor:changes of host routes as they are made'
+    'neighbors:the neighbours of this machine, and which count'
+    'counters:what the running hostrouted counts'
+    'metrics:the same for monitoring systems'
+    'doctor:what on this machine will hurt'
+    'log-level:show or set the log level'
+    'trace:what the machines say while they handle an address'
+    'record:record what the engine is told'
+    'resync:read all of the kernel again'
+    'reload:read the configuration again'
+    'dump:the state of the running machines'
+    'anonymize:make a recording fit for others'
     'replay:play recorded inputs and print the resulting state'
-    'routes:show the route tables that a process keeps in shared memory'
+    'routes:show the routes of the running hostrouted, or tables in shared memory'
     'diff:compare the host routes of two dumps'
-    'explain:say why an address has, or has not, its host route'
-    'history:tell what became of host routes, and by what'
     'import:turn the state of a Linux machine into a recording'
     'shell:play recorded inputs, then look into the machines'
     'types:list the types that a plug-in provides'
   )
   chosen=(
-    '--vrf[only this VRF]:VRF:'
+    '--vrf[only this VRF]:VRF:_hostroute_vrfs'
     '--family[only this family]:family:(4 6)'
+    '--help[print the help]'
+  )
+  live=(
+    '--socket[the control socket]:socket:_files'
+    '--json[print JSON]'
     '--help[print the help]'
   )
   if (( CURRENT == 2 )); then
@@ -46,10 +79,34 @@ _hostroute() {
     routes)
       _arguments $chosen '--table[name of the shared tables]:name:_hostroute_tables' \
         '--type[only this type]:type:(attached_ receive_ receiveBcast_ connected_ staticConfig_)' \
-        '--intf[only through this interface]:interface:' \
+        '--intf[only through this interface]:interface:_hostroute_interfaces' \
         '--wait[wait until the tables are ready]:seconds:' '--count[count routes]' \
-        '--json[print JSON]' '1:address:'
+        $live '1:address:_hostroute_prefixes'
       ;;
+    monitor) _arguments '--vrf[only this VRF]:VRF:_hostroute_vrfs' $live '1:prefix:_hostroute_prefixes' ;;
+    neighbors)
+      _arguments $chosen '--intf[only on this interface]:interface:_hostroute_interfaces' $live \
+        '1:address:'
+      ;;
+    dump) _arguments $chosen $live ;;
+    counters) _arguments '--help-texts[show the meanings]' $live '1:name:' ;;
+    metrics) _arguments '--http[answer a HTTP request]' $live ;;
+    doctor)
+      _arguments '--interfaces[whose neighbours count]:patterns:' '--table[of IPv4 hosts]:table:' \
+        '--table6[of IPv6 hosts]:table:' '--protocol[of the routes]:number:' \
+        '--root[files of another machine]:directory:_files -/' $live
+      ;;
+    log-level) _arguments $live '1:level:(error warning notice info debug)' ;;
+    trace)
+      _arguments '--vrf[of this VRF]:VRF:_hostroute_vrfs' '--levels[the levels]:levels:(0,1,2,6,7 all)' \
+        '--for[how long]:time:' $live '1:address:_hostroute_addresses'
+      ;;
+    record)
+      _arguments '--size[of a file in MiB]:size:' '--files[how many are kept]:number:' $live \
+        '1:action:(start stop)' '2:file:'
+      ;;
+    anonymize) _arguments '--key[what the mapping is made by]:text:' '--help[print the help]' '1:recording:_files' ;;
+    status | resync | reload) _arguments $live ;;
     diff)
       _arguments $chosen '--table[compare with shared tables]:name:_hostroute_tables' \
         '--json[print JSON]' '1:dump:_files' '2:dump:_files'
@@ -59,8 +116,7 @@ _hostroute() {
       [[ $command == history ]] && only=('--last[only so many changes]:count:')
       _arguments $only '--replay[in these recorded inputs]:recording:_files' \
         '--at[after this line of them]:line:' '--settle[replay as a daemon does]' \
-        '--vrf[in this VRF]:VRF:' '--json[print JSON]' '--help[print the help]' \
-        '1:address or prefix:'
+        '--vrf[in this VRF]:VRF:_hostroute_vrfs' $live '1:address or prefix:_hostroute_addresses'
       ;;
     import)
       _arguments '--dir[directory of the documents]:directory:_files -/' \

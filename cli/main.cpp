@@ -7,14 +7,18 @@
 
 #include <CLI/CLI.hpp>
 
+#include "cli/AnonymizeCommand.h"
 #include "cli/Command.h"
 #include "cli/DiffCommand.h"
-#include "cli/ExplainCommand.h"
-#include "cli/HistoryCommand.h"
+#include "cli/DoctorCommand.h"
 #include "cli/ImportCommand.h"
+#include "cli/LiveAnswers.h"
+#include "cli/LiveCommands.h"
+#include "cli/OperateCommands.h"
 #include "cli/ReplayCommand.h"
 #include "cli/RoutesCommand.h"
 #include "cli/ShellCommand.h"
+#include "cli/StatusCommand.h"
 #include "cli/TypesCommand.h"
 
 namespace {
@@ -51,11 +55,15 @@ int run(CLI::App& app, int argc, char** argv) {
   Cli::addReplayCommand(app, exitCode);
   Cli::addRoutesCommand(app, exitCode);
   Cli::addDiffCommand(app, exitCode);
-  Cli::addExplainCommand(app, exitCode);
-  Cli::addHistoryCommand(app, exitCode);
+  Cli::addAnswerCommands(app, exitCode);
   Cli::addImportCommand(app, exitCode);
   Cli::addShellCommand(app, exitCode);
   Cli::addTypesCommand(app, exitCode);
+  Cli::addDoctorCommand(app, exitCode);
+  Cli::addAnonymizeCommand(app);
+  Cli::addStatusCommands(app, exitCode);
+  Cli::addLiveCommands(app);
+  Cli::addOperateCommands(app);
   const std::string first = argc > 1 ? argv[1] : "-";
   const auto isFirst = [&](const CLI::App* command) { return command->get_name() == first; };
   if (first[0] != '-' && app.get_subcommands(isFirst).empty()) {

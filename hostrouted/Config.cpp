@@ -1,6 +1,8 @@
 // The configuration file: each key is read where it is described, and none that is unknown passes.
 #include "hostrouted/Config.h"
 
+#include <grp.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -293,6 +295,26 @@ void readDaemon(Section& section, Config& config) {
   if (mebibytes != 0) config.receiveBuffer = size_t{mebibytes} << 20;
   section.readText("log-level", config.logLevel, "error, warning, notice, info or debug",
                    parseLogLevel);
+  section.readNumber("history", config.historyEntries, 0, 1 << 20);
+}
+
+/// The name of a group that there is, or "".
+std::optional<std::string> parseGroup(std::string name) {
+  if (name.empty() || ::getgrnam(name.c_str()) != nullptr) return name;
+  return std::nullopt;
+}
+
+void readControl(Section& section, Config& config) {
+  section.readText("group", config.controlGroup, "the name of a group of this machine", parseGroup);
+  section.readText("admin-group", config.adminGroup, "the name of a group of this machine",
+                   parseGroup);
+}
+
+void readRecording(Section& section, Config& config) {
+  uint32_t mebibytes = 0;
+  section.readNumber("size", mebibytes, 1, 1 << 20);
+  if (mebibytes != 0) config.recording.fileBytes = uint64_t{mebibytes} << 20;
+  section.readNumber("files", config.recording.files, 1, 1000);
 }
 
 }  // namespace
@@ -334,6 +356,8 @@ Config Config::parse(std::string_view text, const std::string& name) {
     section.readSeconds("keepalive-interval", config.probing.keepaliveInterval, 1);
     section.readNumber("rate", config.probing.rate, 1, 1000000);
   });
+  top.readSection("control", [&](Section& section) { readControl(section, config); });
+  top.readSection("recording", [&](Section& section) { readRecording(section, config); });
   top.readSection("daemon", [&](Section& section) { readDaemon(section, config); });
   top.finish();
   try {
@@ -381,6 +405,12 @@ std::optional<uint8_t> parseProtocol(std::string_view text) {
   const auto [rest, error] = std::from_chars(text.data(), end, number);
   if (error != std::errc() || rest != end || number == 0) return std::nullopt;
   return number;
+}
+
+const char* logLevelName(int level) {
+  const auto* known =
+      std::ranges::find(kLogLevels, level, &std::pair<std::string_view, int>::second);
+  return known == std::end(kLogLevels) ? "" : known->first.data();
 }
 
 std::optional<int> parseLogLevel(std::string_view text) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "hostrouted/Recorder.h"
 #include "linux/Feed.h"
 #include "linux/KernelRoutes.h"
 #include "linux/Probing.h"
@@ -51,6 +52,11 @@ struct Config {
   std::string sharedName;                   ///< of the tables in shared memory; empty for none
   size_t receiveBuffer = size_t{64} << 20;  ///< of the notification socket, in bytes
   int logLevel = 6;                         ///< syslog(3): 6 is informational
+  size_t historyEntries = 1024;             ///< changes kept of each VRF and family; 0 for none
+
+  std::string controlGroup;  ///< whose members may ask the daemon; empty for the process's own
+  std::string adminGroup;    ///< whose members may change it, too; empty for none
+  RecordingLimits recording;
 
   Config();
 
@@ -68,6 +74,8 @@ struct Config {
 /// The number of a routing protocol, from a number or a name of rtnetlink(7) and routing daemons
 /// ("static", "zebra", "bgp"...).
 std::optional<uint8_t> parseProtocol(std::string_view text);
+/// The name of a log level.
+const char* logLevelName(int level);
 /// The number of a log level: "error", "warning", "notice", "info" or "debug".
 std::optional<int> parseLogLevel(std::string_view text);
 

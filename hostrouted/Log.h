@@ -29,6 +29,7 @@ class Log {
   Log();
   /// \param level  syslog(3): lines of a higher number are left out.
   void setLevel(int level) { level_ = level; }
+  int level() const { return level_; }
   /// \param kind  what kind of line it is, for the limit: the text without what varies.
   void write(int level, std::string_view kind, const std::string& message,
              const std::vector<LogField>& fields = {});

@@ -5,6 +5,8 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <utility>
 #include <variant>
 
@@ -29,6 +31,22 @@ Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& 
   };
   return options;
 }
+
+/// Adds the time of its life to a histogram.
+class Stopwatch {
+ public:
+  explicit Stopwatch(Daemon::LatencyHistogram& histogram) : histogram_(histogram) {}
+  Stopwatch(const Stopwatch&) = delete;
+  Stopwatch& operator=(const Stopwatch&) = delete;
+  ~Stopwatch() {
+    const auto time = std::chrono::steady_clock::now() - begin_;
+    histogram_.add(static_cast<uint64_t>(std::chrono::nanoseconds(time).count()));
+  }
+
+ private:
+  Daemon::LatencyHistogram& histogram_;
+  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+};
 
 std::optional<double> earlier(std::optional<double> a, std::optional<double> b) {
   if (!a || !b) return a ? a : b;
@@ -67,6 +85,7 @@ Router::Router(const Config& config, const Services& services)
   feed_.setWarningSink(
       [this](const Linux::FeedWarning& warning) { services_.report(LOG_WARNING, warning.text); });
   switch_.setLoading(true);
+  if (config.historyEntries != 0) switch_.historyIs(config.historyEntries);
 }
 
 Router::~Router() = default;
@@ -145,7 +164,8 @@ void Router::noteDepartures(const Linux::Change& change) {
 
 void Router::operate(const Daemon::Operation& operation) {
   ++counters_.operations;
-  if (services_.record) services_.record(operation);
+  services_.record(operation);
+  const Stopwatch stopwatch(operationTimes_);
   try {
     Daemon::apply(switch_, operation);
     if (const auto* vrf = std::get_if<Daemon::SetVrf>(&operation)) exports_.addVrf(vrf->vrf);
@@ -158,6 +178,8 @@ void Router::operate(const Daemon::Operation& operation) {
 void Router::endTurn() {
   // In the middle of a dump it is not known yet what is gone.
   if (phase_ == Phase::Starting || dumps_) return;
+  const Stopwatch stopwatch(turnTimes_);
+  ++counters_.turns;
   feed_.flush([this](const Daemon::Operation& operation) { operate(operation); });
   exports_.flush();
   routes_.flush();
@@ -212,6 +234,7 @@ void Router::reload(const Config& config) {
   next.sharedName = config_.sharedName;
   next.runDir = config_.runDir;
   next.stateDir = config_.stateDir;
+  next.historyEntries = config_.historyEntries;
   config_ = std::move(next);
   feed_.setOptions(feedOptions(config_));
   routes_.setOptions(config_.kernelRoutes);
@@ -221,6 +244,55 @@ void Router::reload(const Config& config) {
 
 void Router::flushRoutes() {
   routes_.removeAll();
+}
+
+Linux::Numbers Router::numbers() const {
+  using Kind = Daemon::CounterInfo::Kind;
+  static constexpr Linux::CountedMember<Counters> kCounted[] = {
+      {{"kernel_messages", "", Kind::Counter,
+        "Messages of the kernel that were read: interfaces, addresses, neighbours, routes."},
+       &Counters::changes},
+      {{"operations", "", Kind::Counter, "Changes that the engine was told of."},
+       &Counters::operations},
+      {{"operation_failures", "", Kind::Counter, "Changes that the engine did not finish."},
+       &Counters::failures},
+      {{"resynchronisations", "", Kind::Counter,
+        "How often all of the kernel's state was read again, because notifications were lost or "
+        "the configuration changed."},
+       &Counters::resynchronisations},
+      {{"probes", "", Kind::Counter, "Neighbours that the kernel was made to ask."},
+       &Counters::probes},
+      {{"turns", "", Kind::Counter, "Turns in which changes were handled together."},
+       &Counters::turns},
+  };
+  static constexpr Daemon::CounterInfo kNeighbors{
+      "neighbors", "verdict", Kind::Gauge,
+      "Neighbour entries of the kernel by what becomes of them: fed to the engine, or why not."};
+  static constexpr Daemon::CounterInfo kProbeQueue{
+      "probe_queue", "reason", Kind::Gauge,
+      "Neighbours that wait to be asked: they may have left, or are refreshed when it is time."};
+  Linux::Numbers numbers;
+  for (const auto& counted : kCounted) counted.addTo(numbers, counters_);
+  std::array<uint64_t, Linux::kNeighborVerdicts> verdicts{};
+  mirror_.forEachLink([&](const Linux::Link& link) {
+    mirror_.forEachNeighbor(link.index, [&](const Linux::Neighbor& neighbor) {
+      ++verdicts[static_cast<size_t>(feed_.verdictOn(neighbor))];
+    });
+  });
+  for (size_t i = 0; i < verdicts.size(); ++i) {
+    numbers.push_back(
+        {&kNeighbors, Linux::toString(static_cast<Linux::NeighborVerdict>(i)), verdicts[i]});
+  }
+  routes_.addTo(numbers);
+  numbers.push_back({&kProbeQueue, "departure", probing_.urgentCount()});
+  numbers.push_back({&kProbeQueue, "refreshment", probing_.refreshmentCount()});
+  return numbers;
+}
+
+std::vector<Router::Times> Router::times() const {
+  return {{"turn_seconds", "The time of a turn: from the kernel's messages to the kernel's tables.",
+           turnTimes_},
+          {"operation_seconds", "The time that the engine takes for one change.", operationTimes_}};
 }
 
 std::optional<double> Router::nextDeadline() const {

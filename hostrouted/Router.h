@@ -53,6 +53,13 @@ class Router {
     uint64_t failures = 0;    ///< operations that the switch did not finish
     uint64_t resynchronisations = 0;
     uint64_t probes = 0;
+    uint64_t turns = 0;
+  };
+  /// How long something took, with the meaning for people.
+  struct Times {
+    const char* name;
+    const char* help;
+    const Daemon::LatencyHistogram& histogram;
   };
 
   /// \throws Kiv::RangeException, Tovan::OpenException when the shared tables cannot be made.
@@ -88,7 +95,17 @@ class Router {
     routes_.adoptAdvertised(key, metric);
   }
 
+  /// All that is counted beside the switch, with the number of neighbour entries by what becomes
+  /// of them: these are looked at one by one.
+  Linux::Numbers numbers() const;
+  std::vector<Times> times() const;
+
   const Linux::KernelRoutes& kernelRoutes() const { return routes_; }
+  const Linux::Mirror& mirror() const { return mirror_; }
+  const Linux::Feed& feed() const { return feed_; }
+  const Daemon::Switch& sw() const { return switch_; }
+  /// For those who watch it: nothing may be done to its tables.
+  Daemon::Switch& watchedSwitch() { return switch_; }
   const Config& config() const { return config_; }
 
  private:
@@ -104,6 +121,8 @@ class Router {
   bool dumps_ = false;
   Counters counters_;
   std::vector<std::string> warnedPatterns_;  // they selected no interface
+  Daemon::LatencyHistogram turnTimes_;
+  Daemon::LatencyHistogram operationTimes_;
   Linux::Mirror mirror_;
   Linux::Feed feed_;
   Daemon::Switch switch_;

@@ -2,6 +2,7 @@
 #include "hostrouted/Service.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
 #include <syslog.h>
@@ -11,24 +12,26 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "hostrouted/Control.h"
+#include "hostrouted/ControlSocket.h"
 #include "hostrouted/InstanceLock.h"
+#include "hostrouted/Recorder.h"
 #include "hostrouted/Router.h"
 #include "hostrouted/Status.h"
 #include "linux/AdvertisedFile.h"
 #include "linux/Netlink.h"
 #include "linux/RequestSocket.h"
-#include "replay/Recording.h"
 
 namespace Hostrouted {
 namespace {
@@ -83,34 +86,15 @@ class PrintingChannel final : public Linux::RouteChannel {
   }
 };
 
+std::optional<gid_t> groupNamed(const std::string& name) {
+  const auto* group = name.empty() ? nullptr : ::getgrnam(name.c_str());
+  return group == nullptr ? std::nullopt : std::optional(group->gr_gid);
+}
+
 class NoLog final : public Linux::AdvertisedLog {
  public:
   void add(const Linux::RouteKey&, uint32_t) override {}
   void remove(const Linux::RouteKey&) override {}
-};
-
-/// Writes each operation as a line of a replay. When the file cannot be written, recording ends.
-class Recorder {
- public:
-  Recorder(const std::string& path, Log& log) : path_(path), log_(log) {
-    if (path.empty()) return;
-    file_.open(path, std::ios::trunc | std::ios::binary);
-    if (!file_) throw std::runtime_error(path + ": " + std::strerror(errno));
-  }
-  bool isOn() const { return file_.is_open(); }
-  void write(const Daemon::Operation& operation) {
-    if (isOn()) file_ << Replay::linesOf(operation);
-  }
-  void flush() {
-    if (!isOn() || file_.flush()) return;
-    log_.write(LOG_ERR, "record", path_ + ": the recording ends here: it cannot be written");
-    file_.close();
-  }
-
- private:
-  std::string path_;
-  Log& log_;
-  std::ofstream file_;
 };
 
 class EventSource {
@@ -137,7 +121,7 @@ class Service::Loop {
         notifications_({.receiveBuffer = config.receiveBuffer,
                         .ownPort = options_.isDryRun ? 0 : writer_.port(),
                         .warn = warner()}),
-        recorder_(options_.recordFile, log) {
+        recorder_(log) {
     if (!options_.isDryRun) {
       locks_.claim(config);
       runDirectory_.emplace(config.runDir);
@@ -149,16 +133,21 @@ class Service::Loop {
     Config used = config;
     if (options_.isDryRun) used.sharedName.clear();  // a running daemon may have the name
     router_.emplace(used, services());
+    if (!options_.recordFile.empty()) startRecording();
     if (advertised_) {
       for (const auto& route : advertised_->keys()) {
         router_->adoptAdvertised(route.key, route.metric);
       }
     }
     watch();
+    if (!options_.isDryRun) openControl();
   }
   Loop(const Loop&) = delete;
   Loop& operator=(const Loop&) = delete;
-  ~Loop() { ::sd_event_unref(event_); }
+  ~Loop() {
+    controlSocket_.reset();
+    ::sd_event_unref(event_);
+  }
 
   int run() {
     synchronise();
@@ -173,22 +162,61 @@ class Service::Loop {
         options_.isDryRun ? static_cast<Linux::RouteChannel&>(printer_) : writer_;
     Linux::AdvertisedLog& advertised =
         advertised_ ? static_cast<Linux::AdvertisedLog&>(*advertised_) : noLog_;
-    Router::Services services{
-        .channel = channel,
-        .log = advertised,
-        .clock = monotonicSeconds,
-        .probe =
-            [this](std::span<const Linux::Probe> probes) {
-              if (!options_.isDryRun) writer_.probe(probes);
-            },
-        .report = [this](int level,
-                         const std::string& message) { log_.write(level, "router", message); },
-        .collects = Linux::collectsNeighbors,
-        .record = {}};
-    if (recorder_.isOn()) {
-      services.record = [this](const Daemon::Operation& operation) { recorder_.write(operation); };
-    }
-    return services;
+    return {.channel = channel,
+            .log = advertised,
+            .clock = monotonicSeconds,
+            .probe =
+                [this](std::span<const Linux::Probe> probes) {
+                  if (!options_.isDryRun) writer_.probe(probes);
+                },
+            .report = [this](int level,
+                             const std::string& message) { log_.write(level, "router", message); },
+            .record = [this](const Daemon::Operation& operation) { recorder_.write(operation); }};
+  }
+
+  void startRecording() {
+    const auto snapshot = [this](const Recorder::Output& output) {
+      router_->feed().snapshot(output);
+    };
+    recorder_.start(options_.recordFile, router_->config().recording, snapshot, true);
+  }
+
+  void openControl() {
+    const auto& config = router_->config();
+    const auto recordings = config.stateDir + "/recordings";
+    std::error_code problem;
+    std::filesystem::create_directories(recordings, problem);
+    control_.emplace(Control::Services{.router = *router_,
+                                       .log = log_,
+                                       .recorder = recorder_,
+                                       .clock = monotonicSeconds,
+                                       .process = [this] { return processStatus(); },
+                                       .resynchronise =
+                                           [this] {
+                                             synchronise();
+                                             afterTurn();
+                                           },
+                                       .reload =
+                                           [this] {
+                                             auto why = reload();
+                                             afterTurn();
+                                             return why;
+                                           },
+                                       .recordingDirectory = recordings});
+    controlSocket_.emplace(event_,
+                           ControlSocket::Options{.path = config.runDir + "/control.sock",
+                                                  .group = groupNamed(config.controlGroup),
+                                                  .adminGroup = groupNamed(config.adminGroup)},
+                           *control_, log_);
+  }
+
+  ProcessStatus processStatus() const {
+    return {.version = options_.version,
+            .pid = ::getpid(),
+            .startedAt = startedAt_,
+            .logLevel = log_.level(),
+            .advertisedIsSound = !advertised_ || !advertised_->hasFailed(),
+            .recording = recorder_.isOn() ? recorder_.path() : ""};
   }
 
   /// Logs messages of the kernel that cannot be read.
@@ -205,7 +233,10 @@ class Service::Loop {
     must(::sd_event_source_set_enabled(timer_.get(), SD_EVENT_OFF), "sd_event_source_set_enabled");
     sigset_t signals;
     ::sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) ::sigaddset(&signals, signal);
+    // Processes that write answers are waited for.
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGCHLD}) {
+      ::sigaddset(&signals, signal);
+    }
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
       must(::sd_event_add_signal(event_, nullptr, signal, onSignal, this), "sd_event_add_signal");
@@ -307,7 +338,9 @@ class Service::Loop {
     afterTurn();
   }
 
-  void reload() {
+  /// \return why the configuration stays as it was; empty when it does not.
+  std::string reload() {
+    std::string why;
     const auto now = std::to_string(static_cast<uint64_t>(monotonicSeconds() * 1e6));
     ::sd_notify(0, ("RELOADING=1\nMONOTONIC_USEC=" + now).c_str());
     try {
@@ -319,15 +352,17 @@ class Service::Loop {
       synchronise();
       log_.write(LOG_NOTICE, "reload", "the configuration was read again");
     } catch (const std::exception& error) {
-      log_.write(LOG_ERR, "reload",
-                 std::string(error.what()) + "; the configuration stays as it was");
+      why = std::string(error.what()) + "; the configuration stays as it was";
+      log_.write(LOG_ERR, "reload", why);
     }
     ::sd_notify(0, "READY=1");
+    return why;
   }
 
   /// After each turn: the recording, the status, and the time of the next turn.
   void afterTurn() {
-    recorder_.flush();
+    recorder_.endTurn();
+    if (controlSocket_) controlSocket_->pump();
     const double now = monotonicSeconds();
     auto line = statusLine(*router_);
     if (line != statusLine_ && now >= statusAt_ + kStatusInterval) writeStatus();
@@ -355,7 +390,7 @@ class Service::Loop {
     statusAt_ = monotonicSeconds();
     ::sd_notify(0, ("STATUS=" + statusLine_).c_str());
     const auto path = router_->config().runDir + "/status.json";
-    if (!replaceFile(path, statusJson(*router_))) {
+    if (!replaceFile(path, status(*router_, processStatus()).dump(2) + "\n")) {
       log_.write(LOG_WARNING, "status", path + ": " + std::strerror(errno));
     }
   }
@@ -372,6 +407,11 @@ class Service::Loop {
   std::optional<Directory> stateDirectory_;
   std::optional<Linux::AdvertisedFile> advertised_;
   std::optional<Router> router_;
+  std::optional<Control> control_;
+  std::optional<ControlSocket> controlSocket_;
+  const std::chrono::microseconds startedAt_ =
+      std::chrono::duration_cast<std::chrono::microseconds>(
+          std::chrono::system_clock::now().time_since_epoch());
 
   sd_event* event_ = nullptr;
   EventSource input_;

@@ -22,8 +22,10 @@ class Service {
     std::function<Config()> reload;
     /// Prints what it would write to the kernel after the first complete pass, and ends.
     bool isDryRun = false;
-    /// Where the operations that the engine is given are recorded; empty for nowhere.
+    /// Where the operations that the engine is given are recorded from the start; empty for
+    /// nowhere.
     std::string recordFile;
+    std::string version;  ///< of the program, for those who ask
   };
 
   /// \throws std::runtime_error when a socket, a directory or a table cannot be had: InUseError,

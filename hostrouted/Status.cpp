@@ -8,43 +8,116 @@
 #include <cstdio>
 #include <cstring>
 
-#include <nlohmann/json.hpp>
+#include "replay/Time.h"
 
 namespace Hostrouted {
 
-std::string statusJson(const Router& router) {
-  using Json = nlohmann::ordered_json;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+Json problemsJson(const Router& router) {
+  Json problems = Json::array();
+  for (const auto& problem : router.kernelRoutes().problems(kMostProblems)) {
+    Json row{{"table", problem.key.table},
+             {"prefix", Linux::toString(problem.key.prefix)},
+             {"reason", reasonOf(problem)}};
+    if (problem.error != 0) row["errno"] = problem.error;
+    problems.push_back(std::move(row));
+  }
+  return problems;
+}
+
+Json vrfsJson(const Router& router) {
+  Json vrfs = Json::array();
+  const auto& tables = router.config().tables;
+  for (const auto& [name, vrf] : router.sw().vrfs()) {
+    Json row{{"vrf", name}};
+    const auto output = tables.find(name);
+    Daemon::forEachFamily([&](auto family) {
+      using F = decltype(family);
+      const auto* machine = vrf.template routing<F>().machine();
+      const auto table = output == tables.end()
+                             ? 0
+                             : (F::kNumber == 4 ? output->second.table4 : output->second.table6);
+      row["ipv" + std::to_string(F::kNumber)] = {
+          {"initialized", machine != nullptr && machine->initialized()}, {"table", table}};
+    });
+    vrfs.push_back(std::move(row));
+  }
+  return vrfs;
+}
+
+}  // namespace
+
+std::string reasonOf(const Linux::KernelRoutes::Problem& problem) {
+  return problem.error == 0 ? "damped" : std::strerror(problem.error);
+}
+
+std::vector<std::string> warnings(const Router& router, const ProcessStatus& process) {
+  std::vector<std::string> warnings;
+  switch (router.phase()) {
+    case Phase::Starting:
+      warnings.emplace_back("the kernel's state is being read; no route is written yet");
+      break;
+    case Phase::Resynchronising:
+      warnings.emplace_back(
+          "the kernel's state is being read again; routes stay as they are meanwhile");
+      break;
+    case Phase::Ready:
+      break;
+  }
+  if (router.counters().failures != 0) {
+    warnings.push_back("the engine did not finish " + std::to_string(router.counters().failures) +
+                       " changes; the log says which");
+  }
+  const auto& tables = router.config().tables;
+  for (const auto& [name, vrf] : router.sw().vrfs()) {
+    if (tables.find(name) == tables.end()) {
+      warnings.push_back("VRF " + name +
+                         " has no table in the configuration: its host routes go "
+                         "nowhere");
+    }
+  }
+  if (!process.advertisedIsSound) {
+    warnings.emplace_back("the list of advertised routes cannot be written; the log says why");
+  }
+  return warnings;
+}
+
+Json status(const Router& router, const ProcessStatus& process) {
   const auto& routes = router.kernelRoutes();
   const auto& written = routes.counters();
   const auto& done = router.counters();
-  Json problems = Json::array();
-  for (const auto& problem : routes.problems(kMostProblems)) {
-    Json row{{"table", problem.key.table}, {"prefix", Linux::toString(problem.key.prefix)}};
-    if (problem.error == 0) {
-      row["reason"] = "damped";
-    } else {
-      row["reason"] = std::strerror(problem.error);
-      row["errno"] = problem.error;
-    }
-    problems.push_back(std::move(row));
-  }
-  const Json status{{"phase", phaseName(router.phase())},
-                    {"routes", routes.installedCount()},
-                    {"problems", std::move(problems)},
-                    {"counters",
-                     {{"changes", done.changes},
-                      {"operations", done.operations},
-                      {"failures", done.failures},
-                      {"resynchronisations", done.resynchronisations},
-                      {"probes", done.probes},
-                      {"added", written.added},
-                      {"deleted", written.deleted},
-                      {"refused", written.refused},
-                      {"repaired", written.repaired},
-                      {"adopted", written.adopted},
-                      {"damped", written.damped},
-                      {"silentLosses", written.silentLosses}}}};
-  return status.dump(2) + "\n";
+  const auto& config = router.config();
+  Json status{{"phase", phaseName(router.phase())},
+              {"ready", router.phase() == Phase::Ready},
+              {"warnings", warnings(router, process)},
+              {"version", process.version},
+              {"pid", process.pid},
+              {"started", Replay::timeText(process.startedAt)},
+              {"logLevel", logLevelName(process.logLevel)},
+              {"interfaces", config.feed.interfaces},
+              {"protocol", config.protocol},
+              {"vrfs", vrfsJson(router)},
+              {"routes", routes.installedCount()},
+              {"problems", problemsJson(router)},
+              {"counters",
+               {{"changes", done.changes},
+                {"operations", done.operations},
+                {"failures", done.failures},
+                {"resynchronisations", done.resynchronisations},
+                {"probes", done.probes},
+                {"added", written.added},
+                {"deleted", written.deleted},
+                {"refused", written.refused},
+                {"repaired", written.repaired},
+                {"adopted", written.adopted},
+                {"damped", written.damped},
+                {"silentLosses", written.silentLosses}}}};
+  if (!process.recording.empty()) status["recording"] = process.recording;
+  if (!config.sharedName.empty()) status["sharedTables"] = config.sharedName;
+  return status;
 }
 
 std::string statusLine(const Router& router) {

@@ -148,7 +148,8 @@ int main(int argc, char** argv) {
     Hostrouted::Service service(config,
                                 {.reload = [&arguments] { return configuration(arguments); },
                                  .isDryRun = arguments.isDryRun,
-                                 .recordFile = arguments.recordFile},
+                                 .recordFile = arguments.recordFile,
+                                 .version = HOSTROUTE_VERSION},
                                 log);
     return service.run();
   } catch (const CLI::ParseError& error) {

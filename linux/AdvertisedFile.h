@@ -59,6 +59,8 @@ class AdvertisedFile final : public AdvertisedLog {
   bool isBehind() const { return isBroken_ && !live_.empty(); }
   /// Whether the file holds all that was committed.
   bool isSound() const { return !isBroken_; }
+  /// Whether the last attempt to write it has failed.
+  bool hasFailed() const { return isReported_; }
 
  private:
   void read();

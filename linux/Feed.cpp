@@ -4,6 +4,7 @@
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <array>
 
 #include "linux/FeedWork.h"
 #include "linux/Kinds.h"
@@ -88,6 +89,21 @@ std::string switchVrfOf(std::string_view device) {
   return (device == Switch::kDefaultVrf ? "linux:" : "") + std::string(device);
 }
 
+const char* toString(NeighborVerdict verdict) {
+  constexpr std::array<const char*, kNeighborVerdicts> kTexts{
+      "fed",
+      "not usable",
+      "proxy entry",
+      "of a control plane",
+      "loopback address",
+      "multicast address",
+      "link-local address",
+      "no layer-3 interface",
+      "interface not selected",
+  };
+  return kTexts[static_cast<size_t>(verdict)];
+}
+
 Feed::Feed(Mirror& mirror, FeedOptions options)
     : work_(std::make_unique<Work>(mirror, std::move(options))) {}
 Feed::~Feed() = default;
@@ -111,6 +127,9 @@ std::string Feed::vrfOf(LinkIndex link) const {
 }
 LinkIndex Feed::linkOf(Zemit::IntfId intf) const {
   return work_->linkOf(intf);
+}
+NeighborVerdict Feed::verdictOn(const Neighbor& neighbor) const {
+  return work_->verdictOn(neighbor);
 }
 
 Feed::Work::Work(Mirror& mirror, FeedOptions options)
@@ -388,27 +407,43 @@ std::vector<Feed::Work::ToldAddress> Feed::Work::addressesOf(const Link& link, P
   return addresses;
 }
 
+NeighborVerdict Feed::Work::verdictOn(const Neighbor& neighbor, const Role& role) {
+  if ((neighbor.state & kUsableStates) == 0) return NeighborVerdict::NotUsable;
+  if (neighbor.isProxy) return NeighborVerdict::Proxy;
+  if (neighbor.isLearnedByControlPlane) return NeighborVerdict::ControlPlane;
+  const auto byAddress = std::visit(
+      [](const auto& addr) {
+        if (isLoopback(addr)) return NeighborVerdict::Loopback;
+        if (isMulticast(addr)) return NeighborVerdict::Multicast;
+        return isLinkLocal(addr) ? NeighborVerdict::LinkLocal : NeighborVerdict::Fed;
+      },
+      neighbor.addr);
+  if (byAddress != NeighborVerdict::Fed || role.isSelected) return byAddress;
+  return role.vrf == nullptr ? NeighborVerdict::NoLayer3 : NeighborVerdict::NotSelected;
+}
+
+NeighborVerdict Feed::Work::verdictOn(const Neighbor& neighbor) const {
+  const auto found = ports_.find(neighbor.link);
+  return verdictOn(neighbor, found == ports_.end() ? Role() : found->second.role);
+}
+
 /// The MAC that the neighbour is to be told with; nothing when it does not count.
 template <class F>
 std::optional<Zemit::EthAddr> Feed::Work::wantedMac(const Port& port, LinkIndex link,
                                                     const typename F::Addr& addr) {
   const auto* neighbor = mirror_.neighbor(link, addr);
-  if (neighbor == nullptr || (neighbor->state & kUsableStates) == 0 || neighbor->isProxy ||
-      neighbor->isLearnedByControlPlane || isLoopback(addr) || isMulticast(addr) ||
-      isLinkLocal(addr)) {
-    return std::nullopt;
-  }
-  if (!port.role.isSelected) {
-    const auto* at = port.role.vrf == nullptr ? mirror_.link(link) : nullptr;
-    if (at != nullptr) {
+  if (neighbor == nullptr) return std::nullopt;
+  const auto verdict = verdictOn(*neighbor, port.role);
+  if (verdict == NeighborVerdict::Fed) return neighbor->mac;
+  if (verdict == NeighborVerdict::NoLayer3) {
+    if (const auto* at = mirror_.link(link)) {
       warn(About::Neighbors, false, [&] {
         return Zemit::toString(addr) + " left out: \"" + printable(at->name) +
                "\" is no layer-3 interface here";
       });
     }
-    return std::nullopt;
   }
-  return neighbor->mac;
+  return std::nullopt;
 }
 
 /// Takes the neighbours away that are gone; of those marked, leaves the ones to be told.

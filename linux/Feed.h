@@ -62,6 +62,22 @@ std::string switchNameOf(std::string_view interface);
 /// it is not the VRF of the table main.
 std::string switchVrfOf(std::string_view device);
 
+/// Whether a neighbour entry of the kernel's is fed, or why not.
+enum class NeighborVerdict : uint8_t {
+  Fed,
+  NotUsable,     ///< its state says that no host is there (INCOMPLETE, FAILED, NOARP)
+  Proxy,         ///< this machine answers for the host
+  ControlPlane,  ///< another program put it there (extern_learn)
+  Loopback,
+  Multicast,
+  LinkLocal,
+  NoLayer3,     ///< its interface is a port of a bridge or a bond, or not known
+  NotSelected,  ///< its interface is not among those of the configuration
+};
+inline constexpr size_t kNeighborVerdicts = 9;
+/// In the words of people: "fed", "interface not selected".
+const char* toString(NeighborVerdict verdict);
+
 /// Something of the kernel's that cannot be fed as it is.
 struct FeedWarning {
   enum class About : uint8_t { Links, Addresses, Neighbors, Routes4, Routes6 };
@@ -107,6 +123,9 @@ class Feed final {
   /// The VRF of an interface by its kernel number, or empty when a switch was not told of it: it
   /// has no layer 3.
   std::string vrfOf(LinkIndex link) const;
+  /// Whether the neighbour is fed by the present options. Of an interface that changed since the
+  /// last flush(), it tells what was decided there.
+  NeighborVerdict verdictOn(const Neighbor& neighbor) const;
   /// The interface by what a switch was told; 0 when there is none.
   LinkIndex linkOf(Zemit::IntfId intf) const;
 

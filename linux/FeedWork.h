@@ -37,6 +37,7 @@ class Feed::Work final : public Mirror::Observer {
   void setWarningSink(std::function<void(const FeedWarning&)> sink, bool tellsPassing);
   std::string vrfOf(LinkIndex link) const;
   LinkIndex linkOf(Zemit::IntfId intf) const;
+  NeighborVerdict verdictOn(const Neighbor& neighbor) const;
 
  private:
   /// Of every route: there is one to each prefix.
@@ -124,6 +125,7 @@ class Feed::Work final : public Mirror::Observer {
 
   Port* port(LinkIndex link);
   Role roleOf(const Link& link);
+  static NeighborVerdict verdictOn(const Neighbor& neighbor, const Role& role);
   Vrf* vrfNamed(const std::string& name);
   void markNeighborsOf(LinkIndex link, const Port& port);
   void findRouteKeys();

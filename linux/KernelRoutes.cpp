@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstring>
 
 #include "platform/kiv/Hash.h"
 
@@ -292,6 +293,66 @@ std::vector<KernelRoutes::Problem> KernelRoutes::problems(size_t most) const {
   return problems;
 }
 
+KernelRoutes::State KernelRoutes::state(const RouteKey& key) const {
+  State state;
+  const Entry* const entry = entries_.find(key);
+  if (entry == nullptr) return state;
+  state.isWanted = entry->wanted != 0;
+  state.isInstalled = entry->actual != 0;
+  if (const auto trouble = troubles_.find(key); trouble != troubles_.end()) {
+    const auto& [since, retryAt, error, attempts, blocks] = trouble->second;
+    state.problem = Problem{key, error, since, retryAt};
+  } else if (state.isWanted && isDamped(key)) {
+    const auto& flap = flaps_.find(key)->second;
+    state.problem = Problem{key, 0, flap.dampedSince, flap.dampedUntil};
+  }
+  return state;
+}
+
+void KernelRoutes::addTo(Numbers& numbers) const {
+  using Kind = Daemon::CounterInfo::Kind;
+  static constexpr CountedMember<Counters> kCounted[] = {
+      {{"kernel_routes_added", "", Kind::Counter, "Host routes written to the kernel."},
+       &Counters::added},
+      {{"kernel_routes_deleted", "", Kind::Counter, "Host routes deleted from the kernel."},
+       &Counters::deleted},
+      {{"kernel_routes_repaired", "", Kind::Counter,
+        "Host routes written again because somebody else had deleted or changed them."},
+       &Counters::repaired},
+      {{"kernel_routes_adopted", "", Kind::Counter,
+        "Host routes of a former process that were found at the start."},
+       &Counters::adopted},
+      {{"kernel_silent_losses", "", Kind::Counter,
+        "Host routes that the kernel had dropped without a word and that were announced as gone."},
+       &Counters::silentLosses},
+      {{"hosts_damped", "", Kind::Counter, "How often a host was withdrawn because it flapped."},
+       &Counters::damped},
+  };
+  static constexpr Daemon::CounterInfo kRefused{
+      "kernel_refusals", "errno", Kind::Counter,
+      "Requests for host routes that the kernel refused, by its error."};
+  static constexpr Daemon::CounterInfo kInstalled{"kernel_routes", "", Kind::Gauge,
+                                                  "Host routes of ours in the kernel now."};
+  static constexpr Daemon::CounterInfo kRefusedNow{
+      "kernel_routes_refused", "", Kind::Gauge,
+      "Host routes that the kernel does not take now; they are tried again."};
+  static constexpr Daemon::CounterInfo kDampedNow{
+      "hosts_damped_now", "", Kind::Gauge, "Hosts that are withdrawn now because they flap."};
+  static constexpr Daemon::CounterInfo kPending{
+      "kernel_queue", "", Kind::Gauge, "Host routes that wait to be compared with the kernel."};
+  for (const auto& counted : kCounted) counted.addTo(numbers, counters_);
+  for (const auto& [error, count] : counters_.refusedBy) {
+    const char* name = ::strerrorname_np(error);
+    numbers.push_back({&kRefused, name != nullptr ? name : std::to_string(error), count});
+  }
+  const auto damped =
+      std::ranges::count_if(flaps_, [](const auto& flap) { return flap.second.dampedUntil >= 0; });
+  numbers.push_back({&kInstalled, {}, installedCount_});
+  numbers.push_back({&kRefusedNow, {}, troubles_.size()});
+  numbers.push_back({&kDampedNow, {}, static_cast<uint64_t>(damped)});
+  numbers.push_back({&kPending, {}, dirty_.size()});
+}
+
 size_t KernelRoutes::problemCount() const {
   return problems(std::numeric_limits<size_t>::max()).size();
 }
@@ -345,6 +406,7 @@ void KernelRoutes::unadvertise(const RouteKey& key, Entry& entry) {
 
 void KernelRoutes::setTrouble(const RouteKey& key, Entry& entry, int error, bool blocks) {
   ++counters_.refused;
+  ++counters_.refusedBy[error];
   auto& trouble = troubles_[key];
   if (!entry.is(kTroubled)) trouble.since = now_;
   if (trouble.error != error) trouble.attempts = 0;

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "linux/Numbers.h"
 #include "linux/Values.h"
 #include "platform/kiv/HashMap.h"
 
@@ -125,6 +126,7 @@ class KernelRoutes {
   struct Counters {
     uint64_t added = 0, deleted = 0, refused = 0, repaired = 0, adopted = 0, damped = 0,
              silentLosses = 0;
+    std::map<int, uint64_t> refusedBy;  ///< by the kernel's errno
   };
 
   /// Whether a route of another protocol is known to stand where ours with this metric would.
@@ -169,6 +171,15 @@ class KernelRoutes {
   /// When flush() should be called though nothing changed: the clock's time, or none.
   std::optional<double> nextDeadline() const;
   const Counters& counters() const { return counters_; }
+  /// The counters, and how many routes there are now in each state.
+  void addTo(Numbers& numbers) const;
+  /// What is known of one route.
+  struct State {
+    bool isWanted = false;
+    bool isInstalled = false;
+    std::optional<Problem> problem;
+  };
+  State state(const RouteKey& key) const;
   /// At most `most` of the routes that are not as they should be, in no order.
   std::vector<Problem> problems(size_t most) const;
   size_t problemCount() const;

@@ -60,6 +60,9 @@ class Probing {
 
   /// The probes that are due now.
   std::vector<Probe> due();
+  /// How many neighbours wait to be probed, and how many to be refreshed.
+  size_t urgentCount() const { return urgent_.size(); }
+  size_t refreshmentCount() const { return refreshments_.size(); }
   /// When due() should be asked again: the clock's time, or none.
   std::optional<double> nextDeadline() const;
 

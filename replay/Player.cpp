@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "replay/Printable.h"
+#include "replay/Time.h"
 
 namespace Replay {
 namespace {
@@ -145,6 +146,13 @@ void applyTeardown(const Event& event, Switch& sw) {
   forEachNamedFamily(event, [&](auto family) { sw.teardown<decltype(family)>(vrf); });
 }
 
+/// A recording's word on when what follows happened; the machines know no time.
+void applyTime(const Event& event, Switch&) {
+  if (!parseTime(event.string("at"))) {
+    event.refuse("at", "a time, such as \"2026-05-04T10:00:00.5Z\"");
+  }
+}
+
 constexpr Op kOps[] = {
     {"vrf",
      {"name"},
@@ -163,6 +171,7 @@ constexpr Op kOps[] = {
     {"ribReady", {"vrf", "value"}, applyRibReady},
     {"startRibReadyVerification", {"vrf", "value"}, applyStartRibReadyVerification},
     {"notifyFecs", {"family"}, applyNotifyFecs},
+    {"time", {"at"}, applyTime},
     {"teardown", {"vrf", "family"}, applyTeardown},
 };
 

@@ -6,6 +6,7 @@
 
 #include "replay/HopText.h"
 #include "replay/Json.h"
+#include "replay/Time.h"
 
 namespace Replay {
 namespace {
@@ -128,6 +129,10 @@ std::string write(const SetRibReady& op) {
 
 std::string linesOf(const Operation& operation) {
   return std::visit([](const auto& op) { return write(op); }, operation);
+}
+
+std::string timeLine(std::chrono::microseconds sinceEpoch) {
+  return Line("time").add("at", timeText(sinceEpoch)).end();
 }
 
 }  // namespace Replay

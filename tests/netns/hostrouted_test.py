@@ -1,9 +1,14 @@
 #!/usr/bin/env python3
 """hostrouted against a real kernel: a router in a namespace, its hosts in others."""
+import grp
 import json
 import os
+import pwd
 import random
+import re
 import signal
+import socket
+import subprocess
 import time
 
 import lab
@@ -383,6 +388,166 @@ class RecordingTest(RouterLab):
                         sorted(via['intf'] for via in route['vias']))
         self.assertEqual(replayed, live)
         self.assertTrue(live)
+
+
+    def test_a_recording_begun_in_the_middle_ends_where_the_daemon_is_also_when_anonymous(self):
+        daemon = self.daemon(self.router, PORTS)
+        self.neighbor('10.0.1.10', 'p1')
+        self.neighbor('10.0.2.10', 'p1')  # of the other port's subnet
+        self.neighbor('2001:db8:1::10', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.10': 'p1'})
+        file = daemon.ask('record', 'start', 'r.jsonl').split()[-1]
+        self.neighbor('10.0.1.12', 'p1')
+        self.router.ip('route add 10.0.2.0/25 dev p1')  # now the stranger belongs there
+        self.forget('10.0.1.10', 'p1')
+        self.neighbor('2001:db8:2::12', 'p2')
+        self.assertRoutes(self.router, {'10.0.1.12': 'p1', '10.0.2.10': 'p1'})
+        self.assertRoutes(self.router, {'2001:db8:1::10': 'p1', '2001:db8:2::12': 'p2'}, 6)
+        daemon.ask('record', 'stop')
+        def tables(dumps):
+            # Numbers of adjacencies go by the order of the work.
+            return re.sub(r'"fec":\d{10,}', '"fec":0', dumps)
+        self.assertEqual(tables(run(lab.REPLAY, 'replay', '--settle', '--json', file)),
+                         tables(daemon.ask('dump', '--json')))
+        anonymous = os.path.join(daemon.directory, 'anonymous.jsonl')
+        with open(anonymous, 'w', encoding='utf-8') as out:
+            out.write(run(lab.REPLAY, 'anonymize', file))
+        with open(anonymous, encoding='utf-8') as text:
+            self.assertNotRegex(text.read(), r'p1"|10\.0\.[12]\.1|02:00:00:00:00:11')
+        shown = run(lab.REPLAY, 'replay', '--settle', '--json', anonymous)
+        types = [sorted(route['type'] for route in json.loads(line)['dump']['routeTable'])
+                 for line in shown.splitlines()]
+        live = [sorted(route['type'] for route in json.loads(line)['dump']['routeTable'])
+                for line in daemon.ask('dump', '--json').splitlines()]
+        self.assertEqual(types, live)
+
+
+class ControlTest(RouterLab):
+    """The control socket of a running daemon, by the commands and by hand."""
+
+    def setUp(self):
+        super().setUp()
+        self.hostrouted = self.daemon(self.router, PORTS)
+        self.path = os.path.join(self.hostrouted.directory, 'run', 'control.sock')
+        self.neighbor('10.0.1.11', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+
+    def connect_socket(self):
+        client = socket.socket(socket.AF_UNIX)
+        client.connect(self.path)
+        client.settimeout(lab.TIMEOUT)
+        self.addCleanup(client.close)
+        return client
+
+    def test_the_commands_show_what_there_is(self):
+        ask = self.hostrouted.ask
+        self.neighbor('10.0.2.50', 'p1')
+        self.assertIn('ready', ask('status'))
+        rows = [json.loads(line)['neighbor'] for line in ask('neighbors', '--json').splitlines()]
+        routed = {row['address']: row['route'] for row in rows if row['intf'] == 'p1'}
+        self.assertEqual({key: routed.get(key) for key in ('10.0.1.11', '10.0.2.50')},
+                         {'10.0.1.11': True, '10.0.2.50': False})
+        routes = [json.loads(line)['route'] for line in ask('routes', '--json', '10.0.1.11').splitlines()]
+        self.assertEqual((routes[0]['type'], routes[0]['kernel']), ('attached_', 'installed'))
+        self.assertTrue(ask('metrics').endswith('# EOF\n'))
+        self.assertIn('10.0.1.11/32', ask('dump'))
+        self.assertIn('p1', ask('names', 'interfaces', 'p').split())
+        ask('log-level', 'debug')
+        self.assertEqual(ask('log-level'), 'debug\n')
+        ask('resync')
+        self.assertEqual(json.loads(ask('status', '--json'))['counters']['resynchronisations'], 1)
+        with open(self.hostrouted.config_file, 'a', encoding='utf-8') as config:
+            config.write('[export]\ntabel = 3\n')
+        refused = subprocess.run([lab.REPLAY, 'reload', '--socket', self.path],
+                                 capture_output=True, text=True, check=False)
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn('tabel', refused.stderr)
+
+    def test_a_monitor_shows_changes_and_a_trace_one_address(self):
+        def listen(*words):
+            process = subprocess.Popen([lab.REPLAY, *words, '--socket', self.path],
+                                       stdout=subprocess.PIPE, text=True)
+            self.addCleanup(process.stdout.close)
+            self.addCleanup(process.wait)
+            self.addCleanup(process.kill)
+            return process.stdout
+        changes = listen('monitor', '10.0.1.0/24', '--json')
+        records = listen('trace', '10.0.1.77', '--levels', 'all', '--json')
+        time.sleep(0.5)  # until they listen
+        self.neighbor('10.0.2.77', 'p2')
+        self.neighbor('10.0.1.77', 'p1')
+        change = json.loads(changes.readline())['change']
+        self.assertEqual((change['prefix'], change['change'], change['cause']['kind']),
+                         ('10.0.1.77/32', 'added', 'neighborLearned'))
+        record = records.readline()
+        self.assertIn('trace', json.loads(record))
+        self.assertNotIn('10.0.2.77', record)
+
+    def test_only_who_may_asks_and_only_who_may_changes(self):
+        nobody = pwd.getpwnam('nobody')
+        os.chmod(self.hostrouted.directory, 0o755)
+        ask = lambda *words: subprocess.run(
+            ['setpriv', f'--reuid={nobody.pw_uid}', f'--regid={nobody.pw_gid}', '--clear-groups',
+             lab.REPLAY, *words, '--socket', self.path], capture_output=True, text=True, check=False)
+        refused = ask('status')
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn('may not ask', refused.stderr)
+        self.hostrouted.end()
+        group = grp.getgrgid(nobody.pw_gid).gr_name
+        with open(self.hostrouted.config_file, 'a', encoding='utf-8') as config:
+            config.write(f'[control]\ngroup = "{group}"\n')
+        self.hostrouted.start()
+        self.assertEventually(lambda: ask('status').returncode == 0, 'the group may ask')
+        self.assertIn('only root', ask('resync').stderr)
+        self.hostrouted.end()
+        with open(self.hostrouted.config_file, 'a', encoding='utf-8') as config:
+            config.write(f'admin-group = "{group}"\n')
+        self.hostrouted.start()
+        self.assertEventually(lambda: ask('resync').returncode == 0, 'the group may change it')
+
+    def test_hostile_clients_cost_the_others_nothing(self):
+        flood = self.connect_socket()  # sends what is no request, without an end
+        try:
+            flood.sendall(b'x' * (1 << 20))
+        except (BrokenPipeError, ConnectionResetError):
+            pass
+        self.assertFalse(json.loads(flood.makefile().readline())['ok'])
+        lazy = [self.connect_socket() for _ in range(8)]  # ask for much and read nothing
+        for client in lazy:
+            client.sendall(b'{"version":1,"request":"dump"}\n' * 20)
+        listeners = [self.connect_socket() for _ in range(8)]
+        for client in listeners:
+            client.sendall(b'{"version":1,"request":"monitor"}\n')
+        half = self.connect_socket()
+        half.sendall(b'{"version":1,')
+        started = time.time()
+        for last in range(100, 200):
+            self.neighbor(f'10.0.1.{last}', 'p1')
+        self.assertEventually(lambda: len(self.router.host_routes()) == 101, 'all are there')
+        self.assertIn('ready', self.hostrouted.ask('status'))
+        self.assertLess(time.time() - started, 20)
+        crowd = [self.connect_socket() for _ in range(40)]
+        self.assertIn('too many', crowd[-1].makefile().readline())
+        for client in [*crowd, *lazy, *listeners]:
+            client.close()
+        self.assertEventually(
+            lambda: subprocess.run([lab.REPLAY, 'status', '--socket', self.path], check=False,
+                                   capture_output=True).returncode == 0, 'there is room again')
+        # A request that was cut off is none, the next one of another client is.
+        half.shutdown(socket.SHUT_WR)
+        self.assertFalse(json.loads(half.makefile().readline())['ok'])
+
+    def test_the_doctor_looks_at_the_running_daemon(self):
+        found = self.router.run(lab.REPLAY, 'doctor', '--json', '--socket', self.path, check=False)
+        by_subject = {json.loads(line)['subject']: json.loads(line) for line in found.splitlines()}
+        self.assertNotIn('protocol', by_subject)
+        self.assertIn('arp_accept', by_subject)
+        self.router.run('sh', '-c', by_subject['arp_accept']['mend'].replace('sysctl -w', 'sysctl -qw'))
+        self.router.ip('route add 10.99.0.1/32 dev p1 table 99 proto 205')
+        found = self.router.run(lab.REPLAY, 'doctor', '--json', '--socket', self.path, check=False)
+        subjects = [json.loads(line)['subject'] for line in found.splitlines()]
+        self.assertIn('protocol', subjects)
+        self.assertNotIn('arp_accept', subjects)
 
 
 if __name__ == '__main__':

@@ -154,6 +154,10 @@ class Daemon:
                 raise AssertionError(f'hostrouted never {what}:\n' + self.log_text())
             time.sleep(0.02)
 
+    def ask(self, *words):
+        """What `hostroute` prints about this daemon."""
+        return run(REPLAY, *words, '--socket', os.path.join(self.directory, 'run', 'control.sock'))
+
     def log_text(self):
         with open(os.path.join(self.directory, 'log'), encoding='utf-8') as file:
             return file.read()

@@ -1,0 +1,82 @@
+// The command that makes recordings fit for others' eyes.
+#include "cli/AnonymizeCommand.h"
+
+#include <iostream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "cli/Anonymizer.h"
+#include "cli/Command.h"
+#include "replay/Event.h"
+#include "replay/Player.h"
+
+namespace Cli {
+namespace {
+
+constexpr const char* kDescription =
+    R"(Prints a recording with other addresses, MACs and names of interfaces and VRFs, so that it
+can be given to others. It means the same to the machines as before: prefixes keep their lengths and
+nesting, and the same address or name becomes the same other one throughout.)";
+
+constexpr const char* kFooter =
+    R"(Loopback, link-local, multicast and reserved prefixes stay, and with them some of the leading
+bits of other addresses; the VRF "default" and the times stay, too. Comments are left out. Without
+--key, nobody can tell the former addresses, not even by guessing; with it, who knows the key can.
+
+Examples:
+  hostroute anonymize incident.jsonl > report.jsonl
+  hostroute anonymize --key SECRET incident.jsonl.1 > report.jsonl.1    as the others of that key
+
+Exit status: 0 done; 1 the output cannot be written; 2 the command line is malformed, the input
+cannot be read, or a line of it is no event.)";
+
+struct Options {
+  std::string file;
+  std::string key;
+};
+
+Anonymizer::Key randomKey() {
+  std::random_device device;
+  const auto word = [&] { return uint64_t{device()} << 32 | device(); };
+  return {word(), word()};
+}
+
+void anonymize(const Options& options) {
+  Input input(options.file);
+  Anonymizer anonymizer(options.key.empty() ? randomKey() : Anonymizer::keyOf(options.key));
+  std::vector<std::string> lines;
+  for (std::string line; Replay::readLine(input.stream(), line);) {
+    anonymizer.note(line);
+    lines.push_back(line);
+  }
+  if (input.stream().bad()) throw CommandError(input.name(), "cannot be read", kMisused);
+  for (size_t i = 0; i < lines.size(); ++i) {
+    const auto start = lines[i].find_first_not_of(" \t\r");
+    if (start == std::string::npos || lines[i][start] == '#') continue;
+    try {
+      std::cout << anonymizer.line(lines[i]) << '\n';
+    } catch (const Replay::EventError& error) {
+      std::cout.flush();
+      throw CommandError(input.name() + ":" + std::to_string(i + 1), error.what(), kMisused);
+    }
+  }
+  requireOutput();
+}
+
+}  // namespace
+
+void addAnonymizeCommand(CLI::App& app) {
+  const auto options = std::make_shared<Options>();
+  auto* command = app.add_subcommand("anonymize", kDescription);
+  command->add_option("file", options->file, "The recording; - for standard input")
+      ->type_name("FILE")
+      ->required();
+  command->add_option("--key", options->key, "What the mapping is made by; else it is drawn")
+      ->type_name("TEXT");
+  command->footer(kFooter);
+  command->callback([options] { anonymize(*options); });
+}
+
+}  // namespace Cli

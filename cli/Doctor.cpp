@@ -1,0 +1,357 @@
+// What on a Linux machine will hurt hostrouted, and what mends it.
+#include "cli/Doctor.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string_view>
+#include <utility>
+
+namespace Cli {
+namespace {
+
+using Weight = Advice::Weight;
+
+std::optional<std::string> readText(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return std::nullopt;
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+/// A configuration without what stands behind a comment sign.
+std::string withoutComments(const std::string& text, std::string_view signs) {
+  std::string result;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    result += line.substr(0, line.find_first_of(signs)) + "\n";
+  }
+  return result;
+}
+
+bool matches(const std::string& text, const std::string& pattern) {
+  return std::regex_search(text, std::regex(pattern, std::regex::multiline));
+}
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const auto& name : names) text += (text.empty() ? "" : " ") + name;
+  return text;
+}
+
+class Examination {
+ public:
+  explicit Examination(const Machine& machine) : machine_(machine) {}
+
+  std::vector<Advice> run() {
+    checkCapabilities();
+    checkNeighborLimits("ipv4", machine_.neighbors4);
+    checkNeighborLimits("ipv6", machine_.neighbors6);
+    checkForwarding();
+    checkInterfaces();
+    checkReceiveBuffer();
+    checkTables();
+    checkFrr();
+    checkBird();
+    checkClock();
+    std::ranges::stable_sort(advice_, {}, &Advice::weight);
+    return std::move(advice_);
+  }
+
+ private:
+  void add(Weight weight, std::string subject, std::string what, std::string mend) {
+    advice_.push_back({weight, std::move(subject), std::move(what), std::move(mend)});
+  }
+
+  /// A sysctl's number; nothing where this kernel does not have it.
+  std::optional<int64_t> sysctl(const std::string& key) const {
+    const auto text = readText(machine_.root / "proc/sys" / key);
+    if (!text) return std::nullopt;
+    int64_t value = 0;
+    const auto [rest, error] = std::from_chars(text->data(), text->data() + text->size(), value);
+    return error == std::errc() ? std::optional(value) : std::nullopt;
+  }
+  static std::string setting(const std::string& key, int64_t value) {
+    return "sysctl -w " + key + "=" + std::to_string(value);
+  }
+
+  void checkCapabilities() {
+    constexpr unsigned kNetAdmin = 12;
+    if (!machine_.pid) return;
+    const auto status = readText(machine_.root / "proc" / std::to_string(*machine_.pid) / "status");
+    constexpr std::string_view kField = "CapEff:\t";
+    const auto at = status ? status->find(kField) : std::string::npos;
+    if (at == std::string::npos) return;
+    uint64_t mask = 0;
+    const char* begin = status->data() + at + kField.size();
+    std::from_chars(begin, status->data() + status->size(), mask, 16);
+    hasNetAdmin_ = (mask >> kNetAdmin & 1) != 0;
+    if (!*hasNetAdmin_) {
+      add(Weight::Error, "capabilities",
+          "hostrouted runs without CAP_NET_ADMIN: the kernel refuses its routes",
+          "setcap cap_net_admin+ep $(which hostrouted), or AmbientCapabilities=CAP_NET_ADMIN in "
+          "its unit");
+    }
+  }
+
+  /// The kernel drops entries above the first threshold, and takes no new ones above the third.
+  void checkNeighborLimits(const std::string& family, size_t neighbors) {
+    const auto folder = "net/" + family + "/neigh/default/";
+    const auto first = sysctl(folder + "gc_thresh1");
+    const auto second = sysctl(folder + "gc_thresh2");
+    const auto third = sysctl(folder + "gc_thresh3");
+    if (!first || !second || !third) return;
+    constexpr int64_t kRoomy = 16384;
+    const auto count = static_cast<int64_t>(neighbors);
+    const int64_t wanted = std::max(kRoomy, 4 * count);
+    const auto mend = setting(folder + "gc_thresh3", wanted) + " " + folder +
+                      "gc_thresh2=" + std::to_string(wanted / 2) + " " + folder +
+                      "gc_thresh1=" + std::to_string(wanted / 4);
+    if (count * 10 >= *third * 9) {
+      add(Weight::Error, "gc_thresh",
+          "there are " + std::to_string(count) + " " + family +
+              " neighbours, and the kernel takes " + std::to_string(*third) +
+              ": new hosts get no entry, and no route",
+          mend);
+    } else if (count > *first) {
+      add(Weight::Warning, "gc_thresh",
+          "there are " + std::to_string(count) + " " + family + " neighbours: above " +
+              std::to_string(*first) + " the kernel drops those that are idle, and their routes go",
+          mend);
+    } else if (*third < kRoomy) {
+      add(Weight::Note, "gc_thresh",
+          "the kernel takes " + std::to_string(*third) + " " + family +
+              " neighbours, and drops idle ones above " + std::to_string(*first) +
+              ": enough for few hosts only",
+          mend);
+    }
+  }
+
+  void checkForwarding() {
+    if (sysctl("net/ipv4/ip_forward") == 0) {
+      add(Weight::Warning, "forwarding", "this machine does not forward IPv4 packets",
+          setting("net/ipv4/ip_forward", 1));
+    }
+    if (sysctl("net/ipv6/conf/all/forwarding") == 0) {
+      add(Weight::Warning, "forwarding", "this machine does not forward IPv6 packets",
+          setting("net/ipv6/conf/all/forwarding", 1));
+    }
+  }
+
+  /// How the value of `all` and that of an interface make the one that counts.
+  enum class Combined { Alone, Most, Either };
+  struct InterfaceSetting {
+    const char* family;
+    const char* name;
+    Combined combined;
+    int64_t bad;   ///< the value that hurts
+    int64_t good;  ///< the one that mends
+    Weight weight;
+    const char* what;
+  };
+
+  void checkInterfaces() {
+    static constexpr InterfaceSetting kSettings[] = {
+        {"ipv4", "arp_accept", Combined::Most, 0, 1, Weight::Warning,
+         "a host that moves here says so by a gratuitous ARP, which makes no new entry"},
+        {"ipv6", "accept_untracked_na", Combined::Alone, 0, 1, Weight::Warning,
+         "a host that moves here says so by an unsolicited advertisement, which makes no new "
+         "entry"},
+        {"ipv4", "rp_filter", Combined::Most, 1, 0, Weight::Warning,
+         "packets of a host are dropped while its route is not in the table main, or leads "
+         "elsewhere"},
+        {"ipv4", "send_redirects", Combined::Either, 1, 0, Weight::Warning,
+         "hosts of one subnet behind two routers are told to speak with each other directly, which "
+         "they cannot"},
+        {"ipv4", "proxy_arp", Combined::Either, 0, 1, Weight::Note,
+         "hosts of one subnet behind two routers do not find each other by ARP"},
+    };
+    for (const auto& setting : kSettings) checkSetting(setting);
+  }
+
+  void checkSetting(const InterfaceSetting& wanted) {
+    const auto folder = std::string("net/") + wanted.family + "/conf/";
+    const auto key = [&](const std::string& intf) { return folder + intf + "/" + wanted.name; };
+    const auto all = sysctl(key("all")).value_or(0);
+    std::vector<std::string> bad;
+    for (const auto& intf : machine_.interfaces) {
+      const auto own = sysctl(key(intf));
+      if (!own) continue;
+      const int64_t value = wanted.combined == Combined::Alone  ? *own
+                            : wanted.combined == Combined::Most ? std::max(*own, all)
+                            : (*own != 0 || all != 0)           ? 1
+                                                                : 0;
+      if (value == wanted.bad) bad.push_back(intf);
+    }
+    if (bad.empty()) return;
+    std::string mend;
+    // Where the one of `all` makes the bad value, that of the interface is not enough.
+    if (wanted.bad != 0 && all == wanted.bad && wanted.combined != Combined::Alone) {
+      mend = setting(key("all"), wanted.good) + "; ";
+    }
+    mend += bad.size() == 1
+                ? setting(key(bad.front()), wanted.good)
+                : "for i in " + joined(bad) + "; do " + setting(key("$i"), wanted.good) + "; done";
+    constexpr size_t kMostNamed = 4;
+    auto named = std::vector(
+        bad.begin(), bad.begin() + static_cast<ptrdiff_t>(std::min(bad.size(), kMostNamed)));
+    if (bad.size() > kMostNamed) {
+      named.push_back("and " + std::to_string(bad.size() - kMostNamed) + " more");
+    }
+    add(wanted.weight, wanted.name,
+        std::string(wanted.name) + " is " + std::to_string(wanted.bad) + " on " + joined(named) +
+            ": " + wanted.what,
+        mend);
+  }
+
+  void checkReceiveBuffer() {
+    constexpr int64_t kWanted = 64 << 20;
+    const auto most = sysctl("net/core/rmem_max");
+    // With the capability the limit does not matter.
+    if (!most || *most >= kWanted || hasNetAdmin_.value_or(true)) return;
+    add(Weight::Warning, "rmem_max",
+        "the buffer for the kernel's notifications is at most " + std::to_string(*most) +
+            " bytes: when many hosts come at once, all of the kernel's state is read again",
+        setting("net/core/rmem_max", kWanted));
+  }
+
+  bool isOurs(Linux::TableId table) const {
+    return table != 0 &&
+           (table == machine_.table4 || table == machine_.table6 ||
+            std::ranges::find(machine_.otherTables, table) != machine_.otherTables.end());
+  }
+
+  void checkTables() {
+    std::map<std::pair<Linux::TableId, unsigned>, size_t> strangers;
+    std::map<Linux::TableId, size_t> elsewhere;
+    for (const auto& route : machine_.routes) {
+      if (route.protocol == machine_.protocol) {
+        if (!isOurs(route.table) || !Linux::isHost(route.prefix)) ++elsewhere[route.table];
+      } else if (isOurs(route.table) && route.table != RT_TABLE_MAIN) {
+        ++strangers[{route.table, route.protocol}];
+      }
+    }
+    const auto protocol = std::to_string(machine_.protocol);
+    for (const auto& [table, count] : elsewhere) {
+      add(Weight::Error, "protocol",
+          "somebody else writes routes of protocol " + protocol + ": " + std::to_string(count) +
+              " in table " + std::to_string(table) + " that are not hostrouted's",
+          "give hostrouted a protocol number of its own (export.protocol), or delete them: ip "
+          "route "
+          "flush table " +
+              std::to_string(table) + " proto " + protocol);
+    }
+    for (const auto& [key, count] : strangers) {
+      add(Weight::Warning, "tables",
+          "table " + std::to_string(key.first) + " holds " + std::to_string(count) +
+              " routes of protocol " + std::to_string(key.second) +
+              " beside hostrouted's: who imports the table takes them for hosts",
+          "give hostrouted a table of its own (export.table, export.table6)");
+    }
+    for (const auto& link : machine_.links) {
+      if (link.kind != "vrf" || !isOurs(link.vrfTable)) continue;
+      add(Weight::Error, "tables",
+          "table " + std::to_string(link.vrfTable) + " is that of the VRF device " + link.name +
+              ": its packets are forwarded by host routes that were meant for export",
+          "give hostrouted a table of its own (export.table, export.table6, export.vrf)");
+    }
+  }
+
+  void checkFrr() {
+    const auto text = readText(machine_.root / "etc/frr/frr.conf");
+    if (!text) return;
+    const auto config = withoutComments(*text, "!#");
+    const auto table = std::to_string(machine_.table4);
+    if (machine_.table4 != 0 && machine_.table4 != RT_TABLE_MAIN) {
+      if (!matches(config, "^\\s*ip import-table " + table + "\\b")) {
+        add(Weight::Error, "FRR", "FRR does not import table " + table + ": no host is advertised",
+            "vtysh -c 'configure' -c 'ip import-table " + table + "' -c 'end' -c 'write'");
+      }
+      if (!matches(config, "^\\s*redistribute table " + table + "\\b")) {
+        add(Weight::Warning, "FRR",
+            "no routing protocol of FRR redistributes table " + table + " (IPv4 hosts)",
+            "in the router's configuration: redistribute table " + table);
+      }
+    }
+    if (machine_.table6 == 0) return;
+    if (machine_.table6 != RT_TABLE_MAIN) {
+      add(Weight::Warning, "FRR",
+          "FRR imports no IPv6 table but main, and IPv6 hosts are written to table " +
+              std::to_string(machine_.table6),
+          "export.table6 = 254 in hostrouted.toml, and redistribute kernel in FRR");
+    } else if (!matches(config, "^\\s*redistribute kernel\\b")) {
+      add(Weight::Warning, "FRR",
+          "FRR does not redistribute the kernel's routes: no IPv6 host is advertised",
+          "in the router's IPv6 configuration: redistribute kernel route-map HOSTS");
+    }
+  }
+
+  void checkBird() {
+    auto text = readText(machine_.root / "etc/bird/bird.conf");
+    if (!text) text = readText(machine_.root / "etc/bird.conf");
+    if (!text) return;
+    const auto config = withoutComments(*text, "#");
+    for (const auto& [name, table] :
+         {std::pair{"IPv4", machine_.table4}, std::pair{"IPv6", machine_.table6}}) {
+      if (table == 0 || table == RT_TABLE_MAIN) continue;
+      const auto number = std::to_string(table);
+      if (!matches(config, "\\bkernel\\s+table\\s+" + number + "\\s*;")) {
+        add(Weight::Error, "BIRD",
+            "BIRD does not read table " + number + ": no " + name + " host is advertised",
+            "in bird.conf: protocol kernel { kernel table " + number + "; learn; ... }");
+      }
+    }
+    if (!matches(config, "\\blearn\\s*(all|yes|on)?\\s*;")) {
+      add(Weight::Error, "BIRD",
+          "no kernel protocol of BIRD learns routes of others: no host is advertised",
+          "in bird.conf, in the protocol kernel of the table: learn;");
+    }
+    std::smatch source;
+    if (std::regex_search(config, source, std::regex("krt_source\\s*=\\s*([0-9]+)")) &&
+        source[1] != std::to_string(machine_.protocol)) {
+      add(Weight::Error, "BIRD",
+          "BIRD takes routes of protocol " + source[1].str() + ", and hostrouted writes " +
+              std::to_string(machine_.protocol),
+          "in bird.conf: import where krt_source = " + std::to_string(machine_.protocol) + ";");
+    }
+  }
+
+  void checkClock() {
+    if (machine_.isClockSynchronised.value_or(true)) return;
+    add(Weight::Note, "clock",
+        "the clock is not synchronised: times in logs, histories and recordings do not compare "
+        "with "
+        "those of other machines",
+        "timedatectl set-ntp true");
+  }
+
+  const Machine& machine_;
+  std::optional<bool> hasNetAdmin_;
+  std::vector<Advice> advice_;
+};
+
+}  // namespace
+
+const char* toString(Advice::Weight weight) {
+  switch (weight) {
+    case Weight::Error:
+      return "error";
+    case Weight::Warning:
+      return "warning";
+    case Weight::Note:
+      break;
+  }
+  return "note";
+}
+
+std::vector<Advice> examine(const Machine& machine) {
+  return Examination(machine).run();
+}
+
+}  // namespace Cli

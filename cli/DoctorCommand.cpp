@@ -1,0 +1,173 @@
+// The command that looks at the machine and says what will hurt.
+#include "cli/DoctorCommand.h"
+
+#include <sys/timex.h>
+
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/Command.h"
+#include "cli/ControlClient.h"
+#include "cli/Doctor.h"
+#include "cli/Terminal.h"
+#include "linux/Feed.h"
+#include "linux/Mirror.h"
+#include "linux/Netlink.h"
+#include "replay/Printable.h"
+
+namespace Cli {
+namespace {
+
+constexpr const char* kDescription =
+    R"(Looks at this machine and says what will hurt hostrouted, each with what mends it: kernel
+settings, limits, the configuration of FRR or BIRD, tables that others write to, capabilities, the
+clock. It changes nothing.)";
+
+constexpr const char* kFooter =
+    R"(Tables, protocol and interfaces are those of the running hostrouted. Without one, they are as
+given here; all interfaces are looked at unless some are named.
+
+Examples:
+  hostroute doctor
+  hostroute doctor --json | jq -r .mend
+  hostroute doctor --interfaces 'swp*' --table 10 --table6 254     before hostrouted is started
+
+Exit status: 0 nothing but notes; 1 the kernel cannot be asked; 2 the command line is malformed;
+3 errors or warnings were found.)";
+
+constexpr int kFound = 3;
+
+struct Options {
+  ControlOptions control;
+  std::string root = "/";
+  std::vector<std::string> interfaces;
+  std::optional<unsigned> table4, table6, protocol;
+  bool json = false;
+};
+
+/// Takes over what the running daemon says of itself. \return whether there is one.
+bool askDaemon(const Options& options, Machine& machine, std::vector<std::string>& patterns) {
+  Json status;
+  try {
+    status = askOnce(options.control, "hostroute doctor", {{"request", "status"}}).at("status");
+  } catch (const CommandError&) {
+    return false;
+  }
+  machine.pid = status.at("pid").get<int>();
+  machine.protocol = status.at("protocol").get<uint8_t>();
+  patterns = status.at("interfaces").get<std::vector<std::string>>();
+  for (const auto& vrf : status.at("vrfs")) {
+    const auto table4 = vrf.at("ipv4").at("table").get<Linux::TableId>();
+    const auto table6 = vrf.at("ipv6").at("table").get<Linux::TableId>();
+    if (vrf.at("vrf") == "default") {
+      machine.table4 = table4;
+      machine.table6 = table6;
+    } else {
+      machine.otherTables.insert(machine.otherTables.end(), {table4, table6});
+    }
+  }
+  return true;
+}
+
+/// Reads what the kernel has.
+void askKernel(Machine& machine, const std::vector<std::string>& patterns) {
+  Linux::Mirror mirror;
+  mirror.beginDump();
+  Linux::dumpAll([&](const Linux::Change& change) { mirror.apply(change); });
+  mirror.endDump();
+  mirror.forEachLink([&](const Linux::Link& link) {
+    machine.links.push_back(link);
+    const bool hasLayer3 = link.master == 0 || link.masterKind == "vrf";
+    if (!link.isLoopback && hasLayer3 && Linux::isSelected(patterns, link.name)) {
+      machine.interfaces.push_back(link.name);
+    }
+    mirror.forEachNeighbor(link.index, [&](const Linux::Neighbor& neighbor) {
+      ++(Linux::familyOf(neighbor.addr) == 4 ? machine.neighbors4 : machine.neighbors6);
+    });
+  });
+  mirror.forEachRoute([&](Linux::TableId table, const Linux::Prefix& prefix) {
+    for (auto& route : mirror.routes(table, prefix)) machine.routes.push_back(std::move(route));
+  });
+}
+
+void print(const Options& options, const std::vector<Advice>& advice, bool hasDaemon) {
+  if (options.json) {
+    for (const auto& found : advice) {
+      std::cout << Json{{"weight", toString(found.weight)},
+                        {"subject", found.subject},
+                        {"what", found.what},
+                        {"mend", found.mend}}
+                       .dump(-1, ' ', false, Json::error_handler_t::replace)
+                << '\n';
+    }
+    return;
+  }
+  const auto colour = [](Advice::Weight weight) {
+    if (!isColoured()) return "";
+    return weight == Advice::Weight::Error     ? "\033[31m"
+           : weight == Advice::Weight::Warning ? "\033[33m"
+                                               : "\033[36m";
+  };
+  for (const auto& found : advice) {
+    std::cout << colour(found.weight) << toString(found.weight) << (isColoured() ? "\033[0m" : "")
+              << ": " << Replay::printable(found.what) << "\n    " << Replay::printable(found.mend)
+              << '\n';
+  }
+  if (advice.empty()) std::cout << "Nothing that would hurt was found.\n";
+  if (!hasDaemon) {
+    std::cout << "No running hostrouted was asked: tables and interfaces are those given here.\n";
+  }
+}
+
+int examineMachine(const Options& options) {
+  Machine machine;
+  machine.root = options.root;
+  std::vector<std::string> patterns;
+  const bool isHere = options.root == "/";
+  const bool hasDaemon = isHere && askDaemon(options, machine, patterns);
+  if (!options.interfaces.empty()) patterns = options.interfaces;
+  machine.table4 = options.table4.value_or(machine.table4);
+  machine.table6 = options.table6.value_or(machine.table6);
+  if (options.protocol) machine.protocol = static_cast<uint8_t>(*options.protocol);
+  if (isHere) {
+    askKernel(machine, patterns);
+    struct timex clock {};
+    const int state = ::adjtimex(&clock);
+    if (state >= 0) machine.isClockSynchronised = (clock.status & STA_UNSYNC) == 0;
+  } else {
+    machine.interfaces = options.interfaces;
+  }
+  const auto advice = examine(machine);
+  print(options, advice, hasDaemon);
+  requireOutput();
+  return advice.empty() || advice.front().weight == Advice::Weight::Note ? 0 : kFound;
+}
+
+}  // namespace
+
+void addDoctorCommand(CLI::App& app, int& exitCode) {
+  const auto options = std::make_shared<Options>();
+  auto* command = app.add_subcommand("doctor", kDescription);
+  command->add_option("--interfaces", options->interfaces, "Whose neighbours count, as patterns")
+      ->type_name("LIST")
+      ->delimiter(',');
+  command->add_option("--table", options->table4, "The table of IPv4 host routes")->type_name("N");
+  command->add_option("--table6", options->table6, "The table of IPv6 host routes")->type_name("N");
+  command->add_option("--protocol", options->protocol, "The protocol number of the routes")
+      ->type_name("N")
+      ->check(CLI::Range(1, 255));
+  command
+      ->add_option("--root", options->root,
+                   "Look at the files of another machine under this directory, without its kernel")
+      ->type_name("DIR")
+      ->check(CLI::ExistingDirectory);
+  command->add_flag("--json", options->json, "Print one JSON object for each finding");
+  addSocketOption(*command, options->control);
+  command->footer(kFooter);
+  command->callback([options, &exitCode] { exitCode = examineMachine(*options); });
+}
+
+}  // namespace Cli

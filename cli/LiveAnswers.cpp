@@ -1,0 +1,99 @@
+// Questions that a recording can answer, too, put to the running hostrouted.
+#include "cli/LiveAnswers.h"
+
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cli/Command.h"
+#include "cli/ControlClient.h"
+#include "cli/ExplainCommand.h"
+#include "cli/HistoryCommand.h"
+#include "cli/Terminal.h"
+#include "cli/Times.h"
+#include "replay/Printable.h"
+#include "replay/TextTable.h"
+
+namespace Cli {
+namespace {
+
+std::string text(const Json& object, const char* member) {
+  return Replay::printable(object.at(member).get<std::string>());
+}
+
+/// What the kernel has of the address, and what the engine is told of it.
+void printKernel(const Json& kernel) {
+  std::cout << "\nIn the kernel\n";
+  for (const auto& neighbor : kernel.at("neighbors")) {
+    std::cout << "  neighbour on " << text(neighbor, "intf") << ", " << text(neighbor, "state")
+              << ", " << text(neighbor, "mac")
+              << (neighbor.at("fed") == true ? ""
+                                             : ": does not count: " + text(neighbor, "verdict"))
+              << '\n';
+  }
+  if (kernel.at("neighbors").empty()) std::cout << "  no neighbour entry that is usable\n";
+  if (kernel.contains("route")) std::cout << "  host route: " << text(kernel, "route") << '\n';
+}
+
+int explainLive(const ControlOptions& control, const ExplainOptions& options) {
+  const auto reply =
+      askOnce(control, "hostroute explain",
+              {{"request", "explain"}, {"address", options.address}, {"vrf", options.vrf}});
+  const auto& explanation = reply.at("explanation");
+  if (options.json) {
+    auto object = explanation;
+    object["kernel"] = reply.at("kernel");
+    std::cout << object.dump(2) << '\n';
+  } else {
+    // Line by line: the text has names from elsewhere in it.
+    std::istringstream lines(reply.at("text").get<std::string>());
+    for (std::string line; std::getline(lines, line);) {
+      std::cout << Replay::printable(line) << '\n';
+    }
+    printKernel(reply.at("kernel"));
+  }
+  requireOutput();
+  return explanation.contains("winner") ? 0 : kFailed;
+}
+
+int tellLive(const ControlOptions& control, const HistoryOptions& options) {
+  ControlClient client(control, "hostroute history");
+  client.ask({{"request", "history"}, {"prefix", options.prefix}, {"vrf", options.vrf}});
+  std::vector<Json> changes;
+  while (auto line = client.next()) changes.push_back(std::move(*line));
+  const size_t first =
+      options.last != 0 && changes.size() > options.last ? changes.size() - options.last : 0;
+  Replay::TextTable table({"TIME", "AGE", "ROUTE", "BECAME", "BY"});
+  for (size_t i = first; i < changes.size(); ++i) {
+    const auto& change = changes[i].at("change");
+    if (options.json) {
+      std::cout << changes[i].dump() << '\n';
+    } else {
+      const auto time = text(change, "time");
+      table.add({localTime(time, true), age(time), text(change, "prefix"), text(change, "became"),
+                 text(change, "because")});
+    }
+  }
+  if (!table.empty()) table.print(std::cout, tableStyle());
+  requireOutput();
+  return 0;
+}
+
+}  // namespace
+
+void addAnswerCommands(CLI::App& app, int& exitCode) {
+  const auto control = std::make_shared<ControlOptions>();
+  addExplainCommand(app, exitCode, [control](const ExplainOptions& options) {
+    return explainLive(*control, options);
+  });
+  addHistoryCommand(app, exitCode, [control](const HistoryOptions& options) {
+    return tellLive(*control, options);
+  });
+  for (const char* name : {"explain", "history"}) {
+    addSocketOption(*app.get_subcommand(name), *control);
+  }
+}
+
+}  // namespace Cli

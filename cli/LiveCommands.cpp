@@ -1,0 +1,175 @@
+// The commands that show what a running hostrouted has, and what happens in it.
+#include "cli/LiveCommands.h"
+
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/ChangeText.h"
+#include "cli/Command.h"
+#include "cli/ControlClient.h"
+#include "cli/Terminal.h"
+#include "replay/Printable.h"
+#include "replay/TextTable.h"
+
+namespace Cli {
+namespace {
+
+constexpr const char* kNeighborsDescription =
+    R"(Shows the neighbour entries that the kernel has told of: whether each counts for the running
+hostrouted, and whether its address has a route to it.)";
+
+constexpr const char* kNeighborsFooter = R"(Examples:
+  hostroute neighbors
+  hostroute neighbors --intf swp3
+  hostroute neighbors 10.0.0.5
+  hostroute explain 10.0.0.5            why one that counts has no route
+
+Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
+
+constexpr const char* kMonitorDescription =
+    R"(Prints each change of a host route as it is made, one on a line, with the event that caused
+it. Ctrl-C ends it.)";
+
+constexpr const char* kMonitorFooter = R"(Examples:
+  hostroute monitor
+  hostroute monitor 10.0.0.0/24 --vrf blue
+  hostroute monitor --json | jq -r .change.prefix
+
+When changes come faster than they are taken, some are left out, and told as lost.
+
+Exit status: 1 the daemon ended or none answers; 2 the command line is malformed.)";
+
+constexpr const char* kDumpDescription =
+    R"(Prints the whole state of the running hostrouted's machines, as `hostroute replay` does for a
+recording.)";
+
+constexpr const char* kDumpFooter = R"(Examples:
+  hostroute dump --vrf blue
+  hostroute dump --json > before; ...; hostroute dump --json | hostroute diff before -
+
+Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
+
+struct Options {
+  ControlOptions control;
+  std::optional<std::string> prefix;
+  std::optional<std::string> vrf;
+  std::optional<int> family;
+  std::optional<std::string> intf;
+  std::string kind;
+  std::string begin;
+  bool json = false;
+
+  Json request(const char* name) const {
+    Json request{{"request", name}};
+    if (prefix) request["prefix"] = *prefix;
+    if (vrf) request["vrf"] = *vrf;
+    if (family) request["family"] = static_cast<unsigned>(*family);
+    if (intf) request["intf"] = *intf;
+    return request;
+  }
+};
+
+void showNeighbors(const Options& options) {
+  ControlClient client(options.control, "hostroute neighbors");
+  client.ask(options.request("neighbors"));
+  Replay::TextTable table({"VRF", "INTERFACE", "ADDRESS", "MAC", "STATE", "COUNTS", "ROUTE"});
+  while (const auto line = client.next()) {
+    if (options.json) {
+      std::cout << line->dump() << '\n';
+      continue;
+    }
+    const auto& row = line->at("neighbor");
+    const auto text = [&](const char* member) { return row.at(member).get<std::string>(); };
+    table.add({text("vrf").empty() ? "-" : text("vrf"), text("intf"), text("address"), text("mac"),
+               text("state"), row.at("fed") == true ? "yes" : "no: " + text("verdict"),
+               row.at("route") == true ? "yes" : "no"});
+  }
+  if (!table.empty()) table.print(std::cout, tableStyle());
+  requireOutput();
+}
+
+void showChanges(const Options& options) {
+  ControlClient client(options.control, "hostroute monitor");
+  client.ask(options.request("monitor"));
+  while (const auto line = client.next(true)) {
+    if (options.json) {
+      std::cout << line->dump() << '\n';
+    } else if (line->contains("lost")) {
+      std::cout << "(" << line->at("lost") << " changes were lost: they came too fast)\n";
+    } else {
+      std::cout << changeLine(line->at("change")) << '\n';
+    }
+    requireOutput();
+  }
+}
+
+void showDump(const Options& options) {
+  ControlClient client(options.control, "hostroute dump");
+  auto request = options.request("dump");
+  request["format"] = options.json ? "json" : "text";
+  client.ask(std::move(request));
+  while (const auto line = client.next()) {
+    std::cout << (options.json ? line->dump() : line->at("text").get<std::string>()) << '\n';
+  }
+  requireOutput();
+}
+
+void showNames(const Options& options) {
+  ControlClient client(options.control, "hostroute names");
+  client.ask({{"request", "names"}, {"kind", options.kind}, {"begin", options.begin}});
+  while (const auto line = client.next()) {
+    std::cout << Replay::printable(line->at("name").get<std::string>()) << '\n';
+  }
+  requireOutput();
+}
+
+void addSelection(CLI::App& command, Options& options) {
+  command.add_option("--vrf", options.vrf, "Only this VRF")->type_name("VRF");
+  command.add_option("--family", options.family, "Only IPv4 (4) or IPv6 (6)")
+      ->type_name("FAMILY")
+      ->check(CLI::IsMember({4, 6}));
+}
+
+}  // namespace
+
+void addLiveCommands(CLI::App& app) {
+  const auto options = std::make_shared<Options>();
+
+  auto* neighbors = app.add_subcommand("neighbors", kNeighborsDescription);
+  neighbors->add_option("address", options->prefix, "Only this address")->type_name("ADDRESS");
+  addSelection(*neighbors, *options);
+  neighbors->add_option("--intf", options->intf, "Only on this interface")->type_name("INTF");
+  neighbors->add_flag("--json", options->json, "Print one JSON object for each entry");
+  addSocketOption(*neighbors, options->control);
+  neighbors->footer(kNeighborsFooter);
+  neighbors->callback([options] { showNeighbors(*options); });
+
+  auto* monitor = app.add_subcommand("monitor", kMonitorDescription);
+  monitor->add_option("prefix", options->prefix, "Only host routes at or inside this prefix")
+      ->type_name("PREFIX");
+  monitor->add_option("--vrf", options->vrf, "Only this VRF")->type_name("VRF");
+  monitor->add_flag("--json", options->json, "Print one JSON object for each change");
+  addSocketOption(*monitor, options->control);
+  monitor->footer(kMonitorFooter);
+  monitor->callback([options] { showChanges(*options); });
+
+  auto* dump = app.add_subcommand("dump", kDumpDescription);
+  addSelection(*dump, *options);
+  dump->add_flag("--json", options->json, "Print one JSON object for each VRF and family");
+  addSocketOption(*dump, options->control);
+  dump->footer(kDumpFooter);
+  dump->callback([options] { showDump(*options); });
+
+  // For completion only: not in the list of commands.
+  auto* names = app.add_subcommand("names", "Prints names for completion")->group("");
+  names->add_option("kind", options->kind)
+      ->check(CLI::IsMember({"vrfs", "interfaces", "prefixes"}))
+      ->required();
+  names->add_option("begin", options->begin);
+  addSocketOption(*names, options->control);
+  names->callback([options] { showNames(*options); });
+}
+
+}  // namespace Cli

@@ -1,0 +1,13 @@
+// The daemon's numbers as text for monitoring systems.
+#pragma once
+
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace Cli {
+
+/// The list of a reply to "counters" in the OpenMetrics text format 1.0.0, which ends with "# EOF".
+std::string openMetrics(const nlohmann::ordered_json& metrics);
+
+}  // namespace Cli

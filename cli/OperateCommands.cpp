@@ -1,0 +1,198 @@
+// The commands that change something in a running hostrouted.
+#include "cli/OperateCommands.h"
+
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/Command.h"
+#include "cli/ControlClient.h"
+#include "cli/Times.h"
+#include "replay/Player.h"
+#include "replay/Printable.h"
+
+namespace Cli {
+namespace {
+
+constexpr const char* kLogLevelDescription =
+    R"(Shows the level up to which the running hostrouted writes log lines, or sets it until the
+configuration is read again.)";
+constexpr const char* kTraceDescription =
+    R"(Prints what the machines of one VRF say while they handle one address, as it happens. The
+other VRFs go on as fast as before.)";
+constexpr const char* kTraceFooter = R"(Examples:
+  hostroute trace 10.0.0.5 --for 30s
+  hostroute trace 2001:db8::5 --vrf blue --levels all
+
+`hostroute replay --help` says what the levels are. Ctrl-C ends a trace early.)";
+constexpr const char* kResyncDescription =
+    R"(Has the running hostrouted read all of the kernel's state again. Routes stay meanwhile. It
+does so by itself when the kernel drops notifications.)";
+constexpr const char* kReloadDescription =
+    R"(Has the running hostrouted read its configuration again, and says what is wrong with it, if
+anything. The former one stays in force then.)";
+constexpr const char* kRecordDescription =
+    R"(Records what the engine of the running hostrouted is told: a snapshot, and what follows.)";
+constexpr const char* kRecordFooter =
+    R"(A FILE without a directory goes to the directory `recordings` in the daemon's state
+directory; only root may choose another one, and the daemon needs to be allowed to write there. A file that has
+become too long is called FILE.1, FILE.2 and so on, and FILE begins anew, with a snapshot: each can
+be replayed by itself.
+
+Examples:
+  hostroute record start incident.jsonl
+  hostroute record stop
+  hostroute replay --settle /var/lib/hostroute/recordings/incident.jsonl
+  hostroute anonymize /var/lib/hostroute/recordings/incident.jsonl > report.jsonl)";
+
+struct Options {
+  ControlOptions control;
+  std::string level;
+  std::string address;
+  std::string vrf;
+  std::string levels;
+  std::string duration;
+  std::string file;
+  std::optional<unsigned> size;
+  std::optional<unsigned> files;
+  bool json = false;
+};
+
+/// Prints a reply as it is, or one of its members.
+void printReply(const Options& options, const Json& reply, const std::string& text) {
+  std::cout << (options.json ? reply.dump() : Replay::printable(text)) << '\n';
+  requireOutput();
+}
+
+void logLevel(const Options& options) {
+  Json request{{"request", "log-level"}};
+  if (!options.level.empty()) request["level"] = options.level;
+  const auto reply = askOnce(options.control, "hostroute log-level", std::move(request));
+  printReply(options, reply, reply.at("level").get<std::string>());
+}
+
+void trace(const Options& options) {
+  Json request{{"request", "trace"}, {"address", options.address}};
+  if (!options.vrf.empty()) request["vrf"] = options.vrf;
+  if (!options.levels.empty()) request["levels"] = options.levels;
+  if (!options.duration.empty()) {
+    request["seconds"] = static_cast<uint64_t>(parseDuration(options.duration)->count());
+  }
+  ControlClient client(options.control, "hostroute trace");
+  client.ask(std::move(request));
+  while (const auto line = client.next(true)) {
+    if (options.json) {
+      std::cout << line->dump() << '\n';
+    } else if (line->contains("lost")) {
+      std::cout << "(" << line->at("lost") << " records were lost: they came too fast)\n";
+    } else {
+      const auto& record = line->at("trace");
+      std::cout << record.at("level") << ' '
+                << Replay::printable(record.at("object").get<std::string>()) << ' '
+                << Replay::printable(record.at("function").get<std::string>()) << ": "
+                << Replay::printable(record.at("message").get<std::string>()) << '\n';
+    }
+    requireOutput();
+  }
+}
+
+void simple(const Options& options, const std::string& name, const std::string& done) {
+  const auto reply = askOnce(options.control, "hostroute " + name, {{"request", name}});
+  printReply(options, reply, done);
+}
+
+void startRecording(const Options& options) {
+  auto file = options.file;
+  if (file.find('/') != file.npos) file = std::filesystem::absolute(file);
+  Json request{{"request", "record"}, {"action", "start"}, {"file", file}};
+  if (options.size) request["size"] = *options.size;
+  if (options.files) request["files"] = *options.files;
+  const auto reply = askOnce(options.control, "hostroute record", std::move(request));
+  printReply(options, reply, "recording to " + reply.at("file").get<std::string>());
+}
+
+void stopRecording(const Options& options) {
+  const auto reply =
+      askOnce(options.control, "hostroute record", {{"request", "record"}, {"action", "stop"}});
+  printReply(options, reply, "recorded in " + reply.at("file").get<std::string>());
+}
+
+/// What every command here has.
+void addCommon(CLI::App& command, const std::shared_ptr<Options>& options,
+               void (*run)(const Options&)) {
+  command.add_flag("--json", options->json, "Print the daemon's answer as JSON");
+  addSocketOption(command, options->control);
+  command.callback([options, run] { run(*options); });
+}
+
+std::string footer(const std::string& examples) {
+  return examples +
+         "\n\nOnly root, the daemon's own user and its admin group may change it.\n\n"
+         "Exit status: 0 done; 1 the daemon refuses, or none answers; 2 the command line is "
+         "malformed.";
+}
+
+void addRecord(CLI::App& app, const std::shared_ptr<Options>& options) {
+  auto* record = app.add_subcommand("record", kRecordDescription)->require_subcommand(1);
+  record->footer(footer(kRecordFooter));
+  auto* start = record->add_subcommand("start", "Begin a recording");
+  start->add_option("file", options->file, "Where it goes")->type_name("FILE")->required();
+  start->add_option("--size", options->size, "How long a file becomes, in MiB")
+      ->type_name("MIB")
+      ->check(CLI::Range(1, 1 << 20));
+  start->add_option("--files", options->files, "How many files are kept")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1000));
+  start->footer(footer(kRecordFooter));
+  addCommon(*start, options, startRecording);
+  auto* stop = record->add_subcommand("stop", "End the recording");
+  stop->footer(footer("Examples:\n  hostroute record stop"));
+  addCommon(*stop, options, stopRecording);
+}
+
+}  // namespace
+
+void addOperateCommands(CLI::App& app) {
+  const auto options = std::make_shared<Options>();
+
+  auto* level = app.add_subcommand("log-level", kLogLevelDescription);
+  level->add_option("level", options->level, "The level to set")
+      ->type_name("LEVEL")
+      ->check(CLI::IsMember({"error", "warning", "notice", "info", "debug"}));
+  level->footer(footer("Examples:\n  hostroute log-level\n  hostroute log-level debug"));
+  addCommon(*level, options, logLevel);
+
+  auto* traced = app.add_subcommand("trace", kTraceDescription);
+  traced->add_option("address", options->address, "The address")->type_name("ADDRESS")->required();
+  traced->add_option("--vrf", options->vrf, "The VRF, \"default\" unless told")->type_name("VRF");
+  traced->add_option("--levels", options->levels, "The levels, such as 0,1,2,6,7, or all")
+      ->type_name("LEVELS")
+      ->check([](const std::string& levels) -> std::string {
+        return Replay::parseTraceLevels(levels) ? "" : "levels are 0 to 9, such as 0,1,2,6,7";
+      });
+  traced->add_option("--for", options->duration, "How long: 30s, 5m, at most 1h")
+      ->type_name("TIME")
+      ->check([](const std::string& text) -> std::string {
+        const auto time = parseDuration(text);
+        const bool isGood = time && time->count() >= 1 && *time <= std::chrono::hours(1);
+        return isGood ? "" : "a time is such as 30s or 5m, and at most 1h";
+      });
+  traced->footer(footer(kTraceFooter));
+  addCommon(*traced, options, trace);
+
+  auto* resync = app.add_subcommand("resync", kResyncDescription);
+  resync->footer(footer("Examples:\n  hostroute resync"));
+  addCommon(*resync, options,
+            [](const Options& o) { simple(o, "resync", "the kernel's state was read again"); });
+
+  auto* reload = app.add_subcommand("reload", kReloadDescription);
+  reload->footer(footer("Examples:\n  hostroute reload"));
+  addCommon(*reload, options,
+            [](const Options& o) { simple(o, "reload", "the configuration was read again"); });
+  addRecord(app, options);
+}
+
+}  // namespace Cli

@@ -1,0 +1,300 @@
+// The commands that show how a running hostrouted is.
+#include "cli/StatusCommand.h"
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "cli/Command.h"
+#include "cli/ControlClient.h"
+#include "cli/OpenMetrics.h"
+#include "cli/Terminal.h"
+#include "cli/Times.h"
+#include "replay/Printable.h"
+#include "replay/TextTable.h"
+
+namespace Cli {
+namespace {
+
+constexpr const char* kStatusDescription =
+    R"(Shows on one screen how the running hostrouted is: whether it is ready, and why not; how many
+host routes are in the kernel, and which are not as they should be.)";
+
+constexpr const char* kStatusFooter = R"(Examples:
+  hostroute status
+  hostroute status --json | jq .problems
+  hostroute status > /dev/null && echo ready          for scripts
+
+Exit status: 0 ready; 1 no daemon answers; 2 the command line is malformed; 3 not ready.)";
+
+constexpr const char* kCountersDescription =
+    R"(Shows all that the running hostrouted counts. Counters grow from its start; what is there
+now may shrink, too.)";
+
+constexpr const char* kCountersFooter = R"(Examples:
+  hostroute counters
+  hostroute counters --help-texts kernel        those with "kernel" in the name, with their meaning
+  hostroute counters --json
+
+Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
+
+constexpr const char* kMetricsDescription =
+    R"(Prints the counters of the running hostrouted as OpenMetrics text, for the text collector of
+a node exporter, or, with --http, as the answer to a scrape on standard input.)";
+
+constexpr const char* kMetricsFooter = R"(Examples:
+  hostroute metrics > /var/lib/prometheus/node-exporter/hostroute.prom
+  hostroute metrics --http            for a socket unit with Accept=yes; see examples/metrics
+
+Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
+
+constexpr int kNotReady = 3;
+
+struct Options {
+  ControlOptions control;
+  std::string pattern;
+  bool json = false;
+  bool helps = false;
+  bool http = false;
+};
+
+const char* const kGreen = "\033[32m";
+const char* const kYellow = "\033[33m";
+const char* const kRed = "\033[31m";
+
+/// A text in a colour, where standard output has colours.
+std::string coloured(const std::string& text, const char* colour) {
+  return isColoured() ? colour + text + "\033[0m" : text;
+}
+
+std::string text(const Json& object, const char* member) {
+  const auto found = object.find(member);
+  if (found == object.end()) return "-";
+  return Replay::printable(found->is_string() ? found->get<std::string>() : found->dump());
+}
+
+/// The sum of a family's samples that have these labels.
+uint64_t sumOf(const Json& metrics, std::string_view name, const Json& labels = Json::object()) {
+  uint64_t sum = 0;
+  for (const auto& family : metrics) {
+    if (family.at("name") != name || !family.contains("samples")) continue;
+    for (const auto& sample : family.at("samples")) {
+      bool matches = true;
+      for (const auto& [label, value] : labels.items()) {
+        matches = matches && sample.at("labels").value(label, Json()) == value;
+      }
+      if (matches) sum += sample.at("value").get<uint64_t>();
+    }
+  }
+  return sum;
+}
+
+std::string tableText(const Json& table) {
+  return table == 0 ? "none" : table.dump();
+}
+
+void printVrfs(const Json& vrfs, const Json& metrics) {
+  Replay::TextTable table({"VRF", "FAMILY", "INITIALIZED", "HOSTS", "KERNEL TABLE"});
+  for (const auto& vrf : vrfs) {
+    for (const auto& [key, name] : {std::pair{"ipv4", "IPv4"}, {"ipv6", "IPv6"}}) {
+      const auto& family = vrf.at(key);
+      const auto hosts = sumOf(metrics, "hostroute_host_routes",
+                               {{"vrf", vrf.at("vrf")}, {"family", key}, {"type", "attached_"}});
+      table.add({vrf.at("vrf").get<std::string>(), name,
+                 family.at("initialized") == true ? "yes" : "no", std::to_string(hosts),
+                 tableText(family.at("table"))});
+    }
+  }
+  table.print(std::cout, tableStyle());
+}
+
+void printProblems(const Json& problems) {
+  constexpr size_t kMostShown = 10;
+  if (problems.empty()) return;
+  std::cout << "\nNot in the kernel as they should be:\n";
+  Replay::TextTable table({"TABLE", "PREFIX", "REASON"});
+  for (size_t i = 0; i < problems.size() && i < kMostShown; ++i) {
+    table.add(
+        {text(problems[i], "table"), text(problems[i], "prefix"), text(problems[i], "reason")});
+  }
+  table.print(std::cout, tableStyle());
+  if (problems.size() > kMostShown) {
+    std::cout << "and " << problems.size() - kMostShown << " more (hostroute status --json)\n";
+  }
+}
+
+void printStatus(const Json& status, const Json& metrics) {
+  const auto& problems = status.at("problems");
+  const bool isReady = status.at("ready") == true;
+  std::cout << "hostrouted " << text(status, "version") << ": "
+            << coloured(text(status, "phase"), isReady ? kGreen : kRed) << '\n';
+  for (const auto& warning : status.at("warnings")) {
+    std::cout << coloured("  " + Replay::printable(warning.get<std::string>()), kYellow) << '\n';
+  }
+  const auto started = status.at("started").get<std::string>();
+  const uint64_t fed = sumOf(metrics, "hostroute_neighbors", {{"verdict", "fed"}});
+  const uint64_t known = sumOf(metrics, "hostroute_neighbors");
+  std::string patterns;
+  for (const auto& pattern : status.at("interfaces")) {
+    patterns += (patterns.empty() ? "" : " ") + Replay::printable(pattern.get<std::string>());
+  }
+  const auto line = [](const char* name, const std::string& value) {
+    std::printf("%-13s %s\n", name, value.c_str());
+  };
+  std::cout << std::flush;
+  line("Running",
+       age(started) + ", since " + localTime(started) + ", process " + text(status, "pid"));
+  line("Interfaces", patterns.empty() ? "all" : patterns);
+  line("Neighbours", std::to_string(fed) + " count of " + std::to_string(known) + " known");
+  line("Host routes", text(status, "routes") + " in the kernel (protocol " +
+                          text(status, "protocol") + "), " +
+                          coloured(std::to_string(problems.size()) + " not as they should be",
+                                   problems.empty() ? kGreen : kRed));
+  line("Log level", text(status, "logLevel"));
+  if (status.contains("recording")) line("Recording to", text(status, "recording"));
+  std::fflush(stdout);
+  std::cout << '\n';
+  printVrfs(status.at("vrfs"), metrics);
+  printProblems(problems);
+}
+
+int showStatus(const Options& options) {
+  ControlClient client(options.control, "hostroute status");
+  const auto status = client.ask({{"request", "status"}}).at("status");
+  if (options.json) {
+    std::cout << status.dump() << '\n';
+  } else {
+    printStatus(status, client.ask({{"request", "counters"}}).at("metrics"));
+  }
+  requireOutput();
+  return status.at("ready") == true ? 0 : kNotReady;
+}
+
+std::string labelsText(const Json& labels) {
+  std::string result;
+  for (const auto& [name, value] : labels.items()) {
+    result += (result.empty() ? "" : " ") + name + "=" + value.get<std::string>();
+  }
+  return result.empty() ? "-" : result;
+}
+
+std::string secondsText(const Json& seconds) {
+  char shown[32];
+  const double value = seconds.get<double>();
+  if (value < 1e-3) {
+    std::snprintf(shown, sizeof(shown), "%.1f us", value * 1e6);
+  } else if (value < 1) {
+    std::snprintf(shown, sizeof(shown), "%.2f ms", value * 1e3);
+  } else {
+    std::snprintf(shown, sizeof(shown), "%.2f s", value);
+  }
+  return shown;
+}
+
+/// The name without what all have in common.
+std::string shortName(const Json& family) {
+  constexpr std::string_view kPrefix = "hostroute_";
+  auto name = family.at("name").get<std::string>();
+  return name.starts_with(kPrefix) ? name.substr(kPrefix.size()) : name;
+}
+
+void showCounters(const Options& options) {
+  auto metrics =
+      askOnce(options.control, "hostroute counters", {{"request", "counters"}}).at("metrics");
+  Json chosen = Json::array();
+  for (const auto& family : metrics) {
+    if (family.at("name").get<std::string>().find(options.pattern) != std::string::npos) {
+      chosen.push_back(family);
+    }
+  }
+  if (options.json) {
+    for (const auto& family : chosen) std::cout << family.dump() << '\n';
+    return requireOutput();
+  }
+  Replay::TextTable counters({"NAME", "LABELS", "KIND", "VALUE"});
+  Replay::TextTable times({"TIMES OF", "COUNT", "P50", "P99", "P99.99", "LONGEST"});
+  Replay::TextTable helps({"NAME", "MEANING"});
+  for (const auto& family : chosen) {
+    const auto name = shortName(family);
+    helps.add({name, family.at("help").get<std::string>()});
+    if (family.at("type") == "histogram") {
+      const auto& quantiles = family.at("quantiles");
+      times.add({name.substr(0, name.find("_seconds")), family.at("count").dump(),
+                 secondsText(quantiles.at("0.5")), secondsText(quantiles.at("0.99")),
+                 secondsText(quantiles.at("0.9999")), secondsText(family.at("max"))});
+      continue;
+    }
+    for (const auto& sample : family.at("samples")) {
+      counters.add({name, labelsText(sample.at("labels")),
+                    family.at("type") == "gauge" ? "now" : "total", sample.at("value").dump()});
+    }
+  }
+  bool isFirst = true;
+  for (const auto* table : {&counters, &times, options.helps ? &helps : nullptr}) {
+    if (table == nullptr || table->empty()) continue;
+    if (!std::exchange(isFirst, false)) std::cout << '\n';
+    table->print(std::cout, tableStyle());
+  }
+  requireOutput();
+}
+
+/// Reads the request of a scrape, as far as it has to be read: up to an empty line.
+void skipHttpRequest() {
+  constexpr size_t kMostBytes = 65536;
+  size_t read = 0;
+  for (std::string line; read < kMostBytes && std::getline(std::cin, line);) {
+    read += line.size() + 1;
+    if (line.empty() || line == "\r") return;
+  }
+}
+
+void showMetrics(const Options& options) {
+  if (options.http) skipHttpRequest();
+  std::string body;
+  std::string head =
+      "HTTP/1.1 200 OK\r\nContent-Type: application/openmetrics-text; "
+      "version=1.0.0; charset=utf-8\r\n";
+  try {
+    body = openMetrics(
+        askOnce(options.control, "hostroute metrics", {{"request", "counters"}}).at("metrics"));
+  } catch (const CommandError& error) {
+    if (!options.http) throw;
+    head = "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain; charset=utf-8\r\n";
+    body = std::string(error.what()) + "\n";
+  }
+  if (options.http) {
+    std::cout << head << "Content-Length: " << body.size() << "\r\nConnection: close\r\n\r\n";
+  }
+  std::cout << body;
+  requireOutput();
+}
+
+}  // namespace
+
+void addStatusCommands(CLI::App& app, int& exitCode) {
+  const auto options = std::make_shared<Options>();
+  auto* status = app.add_subcommand("status", kStatusDescription);
+  addSocketOption(*status, options->control);
+  status->add_flag("--json", options->json, "Print one JSON object");
+  status->footer(kStatusFooter);
+  status->callback([options, &exitCode] { exitCode = showStatus(*options); });
+
+  auto* counters = app.add_subcommand("counters", kCountersDescription);
+  counters->add_option("name", options->pattern, "Only those with this in their names")
+      ->type_name("NAME");
+  counters->add_flag("--help-texts", options->helps, "Show what each one means, too");
+  counters->add_flag("--json", options->json, "Print one JSON object for each name");
+  addSocketOption(*counters, options->control);
+  counters->footer(kCountersFooter);
+  counters->callback([options] { showCounters(*options); });
+
+  auto* metrics = app.add_subcommand("metrics", kMetricsDescription);
+  metrics->add_flag("--http", options->http, "Read a HTTP request first, and answer it");
+  addSocketOption(*metrics, options->control);
+  metrics->footer(kMetricsFooter);
+  metrics->callback([options] { showMetrics(*options); });
+}
+
+}  // namespace Cli

@@ -1,0 +1,31 @@
+// Any lines as requests to a daemon's control socket: each gets a reply, whose first line is JSON.
+#include <cstdint>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/hostrouted/RouterWorld.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Hostrouted::RouterWorld world;
+  static const bool isSetUp = [] {
+    world.learn("10.0.1.5", 1);
+    world.learn("10.0.3.5", 3);
+    return true;
+  }();
+  (void)isSetUp;
+  std::istringstream in(std::string(data, data + size));
+  for (std::string line; std::getline(in, line);) {
+    // Root's requests do more, but write files where they are told to.
+    const auto reply = world.control.handle(line, {.isRoot = false, .mayChange = true});
+    const auto first = nlohmann::json::parse(reply.text, nullptr, false);
+    if (!first.is_object() || !first.contains("ok")) std::abort();
+    std::ostringstream out;
+    if (reply.bulk) reply.bulk(out);
+    std::string more;
+    if (reply.feed) reply.feed->take(more);
+  }
+  return 0;
+}

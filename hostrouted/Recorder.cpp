@@ -1,0 +1,102 @@
+// Recordings of what the engine is told.
+#include "hostrouted/Recorder.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "replay/Recording.h"
+
+namespace Hostrouted {
+namespace {
+
+std::string numbered(const std::string& path, uint32_t number) {
+  return number == 0 ? path : path + "." + std::to_string(number);
+}
+
+}  // namespace
+
+void Recorder::start(const std::string& path, RecordingLimits limits, Snapshot snapshot,
+                     bool replaces) {
+  if (isOn()) throw std::runtime_error("a recording goes on already: " + path_);
+  for (uint32_t number = 0; !replaces && number < 2; ++number) {
+    std::error_code unknown;
+    const auto taken = numbered(path, number);
+    if (std::filesystem::exists(std::filesystem::symlink_status(taken, unknown))) {
+      throw std::runtime_error(taken + " is there already");
+    }
+  }
+  path_ = path;
+  limits_ = limits;
+  snapshot_ = std::move(snapshot);
+  open();
+  if (!isOn()) throw std::runtime_error(path + ": " + std::strerror(errno));
+  endTurn();
+}
+
+void Recorder::stop() {
+  if (!isOn()) return;
+  file_.close();
+  if (!file_) fail();
+  snapshot_ = {};
+}
+
+void Recorder::open() {
+  bytes_ = 0;
+  hasTime_ = false;
+  file_.clear();
+  file_.open(path_, std::ios::trunc | std::ios::binary);
+  if (!isOn()) return;
+  writeTime();
+  snapshot_([this](const Daemon::Operation& op) { writeText(Replay::linesOf(op)); });
+  snapshotBytes_ = bytes_;
+}
+
+void Recorder::write(const Daemon::Operation& operation) {
+  if (!isOn()) return;
+  if (!std::exchange(hasTime_, true)) writeTime();
+  writeText(Replay::linesOf(operation));
+}
+
+void Recorder::writeTime() {
+  using std::chrono::microseconds;
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  writeText(Replay::timeLine(std::chrono::duration_cast<microseconds>(now)));
+}
+
+void Recorder::writeText(const std::string& text) {
+  file_ << text;
+  bytes_ += text.size();
+}
+
+void Recorder::endTurn() {
+  if (!isOn()) return;
+  hasTime_ = false;
+  if (!file_.flush()) return fail();
+  if (bytes_ > std::max(limits_.fileBytes, 2 * snapshotBytes_)) rotate();
+}
+
+void Recorder::rotate() {
+  file_.close();
+  for (uint32_t number = limits_.files - 1; number > 0; --number) {
+    std::rename(numbered(path_, number - 1).c_str(), numbered(path_, number).c_str());
+  }
+  open();
+  if (!isOn()) return fail();
+  if (!file_.flush()) fail();
+}
+
+void Recorder::fail() {
+  log_.write(LOG_ERR, "record", path_ + ": the recording ends here: it cannot be written");
+  file_.close();
+  snapshot_ = {};
+}
+
+}  // namespace Hostrouted

@@ -1,0 +1,31 @@
+// What the Linux side counts, as numbers with their meanings.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "daemon/Counters.h"
+
+namespace Linux {
+
+/// One number. Its row lives as long as the program.
+struct Number {
+  const Daemon::CounterInfo* info = nullptr;
+  std::string labelValue;  ///< empty where the row has no label
+  uint64_t value = 0;
+};
+using Numbers = std::vector<Number>;
+
+/// A row whose number is a member of `Owner`.
+template <class Owner>
+struct CountedMember {
+  Daemon::CounterInfo info;
+  uint64_t Owner::*value;
+
+  void addTo(Numbers& numbers, const Owner& owner) const {
+    numbers.push_back({&info, {}, owner.*value});
+  }
+};
+
+}  // namespace Linux

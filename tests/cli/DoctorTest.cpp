@@ -1,0 +1,170 @@
+// What the doctor finds on machines that are made of files.
+#include "cli/Doctor.h"
+
+#include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Cli {
+namespace {
+
+class DoctorTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    machine.root = testing::TempDir() + "/doctor-" + std::to_string(::getpid());
+    std::filesystem::remove_all(machine.root);
+    machine.interfaces = {"swp1", "swp2"};
+    for (const char* family : {"ipv4", "ipv6"}) {
+      const auto neigh = "net/" + std::string(family) + "/neigh/default/gc_thresh";
+      sysctl(neigh + "1", "16384");
+      sysctl(neigh + "2", "32768");
+      sysctl(neigh + "3", "65536");
+    }
+    sysctl("net/ipv4/ip_forward", "1");
+    for (const char* intf : {"all", "swp1", "swp2"}) {
+      set(intf, "ipv4", "arp_accept", "1");
+      set(intf, "ipv4", "rp_filter", "0");
+      set(intf, "ipv4", "send_redirects", "0");
+      set(intf, "ipv4", "proxy_arp", "1");
+      set(intf, "ipv6", "accept_untracked_na", "1");
+    }
+    machine.isClockSynchronised = true;
+  }
+  void TearDown() override { std::filesystem::remove_all(machine.root); }
+
+  void write(const std::string& path, const std::string& text) {
+    const auto file = machine.root / path;
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << text << '\n';
+  }
+  void sysctl(const std::string& key, const std::string& value) { write("proc/sys/" + key, value); }
+  void set(const std::string& intf, const std::string& family, const std::string& name,
+           const std::string& value) {
+    sysctl("net/" + family + "/conf/" + intf + "/" + name, value);
+  }
+  /// The only finding.
+  Advice only() {
+    const auto advice = examine(machine);
+    EXPECT_EQ(advice.size(), 1U);
+    for (const auto& each : advice) SCOPED_TRACE(each.what);
+    return advice.empty() ? Advice() : advice.front();
+  }
+  static Linux::Route route(const std::string& prefix, Linux::TableId table, int protocol) {
+    Linux::Route route;
+    route.prefix = *Zemit::Prefix::parse(prefix);
+    route.table = table;
+    route.protocol = static_cast<uint8_t>(protocol);
+    return route;
+  }
+
+  Machine machine;
+};
+
+TEST_F(DoctorTest, AMachineThatIsAllRightIsLeftInPeace) {
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+}
+
+TEST_F(DoctorTest, ASettingIsJudgedWithThatOfAllInterfacesAndMendedWhereItHurts) {
+  set("all", "ipv4", "arp_accept", "0");
+  set("swp2", "ipv4", "arp_accept", "0");
+  auto advice = only();
+  EXPECT_EQ(advice.subject, "arp_accept");
+  EXPECT_EQ(advice.mend, "sysctl -w net/ipv4/conf/swp2/arp_accept=1");
+  // The higher one counts.
+  set("all", "ipv4", "arp_accept", "1");
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+
+  set("all", "ipv4", "rp_filter", "1");
+  advice = only();
+  EXPECT_EQ(advice.mend,
+            "sysctl -w net/ipv4/conf/all/rp_filter=0; for i in swp1 swp2; do sysctl -w "
+            "net/ipv4/conf/$i/rp_filter=0; done");
+  set("all", "ipv4", "rp_filter", "0");
+
+  // That of all interfaces does not count here.
+  set("swp1", "ipv6", "accept_untracked_na", "0");
+  EXPECT_EQ(only().mend, "sysctl -w net/ipv6/conf/swp1/accept_untracked_na=1");
+}
+
+TEST_F(DoctorTest, NeighborLimitsAreJudgedByHowManyThereAre) {
+  machine.neighbors4 = 20000;
+  auto advice = only();
+  EXPECT_EQ(advice.weight, Advice::Weight::Warning);
+  EXPECT_NE(advice.mend.find("gc_thresh3=80000"), std::string::npos) << advice.mend;
+  machine.neighbors4 = 60000;
+  EXPECT_EQ(only().weight, Advice::Weight::Error);
+  machine.neighbors4 = 10;
+  sysctl("net/ipv4/neigh/default/gc_thresh3", "1024");
+  EXPECT_EQ(only().weight, Advice::Weight::Note);
+}
+
+TEST_F(DoctorTest, WithoutTheCapabilityRoutesAreRefusedAndTheBufferIsLimited) {
+  machine.pid = 7;
+  sysctl("net/core/rmem_max", "212992");
+  write("proc/7/status", "Name:\thostrouted\nCapEff:\t0000000000001000");
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+  write("proc/7/status", "Name:\thostrouted\nCapEff:\t0000000000000000");
+  const auto advice = examine(machine);
+  ASSERT_EQ(advice.size(), 2U);
+  EXPECT_EQ(advice[0].subject, "capabilities");
+  EXPECT_EQ(advice[1].subject, "rmem_max");
+}
+
+TEST_F(DoctorTest, TablesAndTheProtocolBelongToNobodyElse) {
+  machine.routes = {route("10.0.0.5/32", 10, 205)};
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+  machine.routes.push_back(route("10.9.0.0/16", 10, RTPROT_STATIC));
+  EXPECT_EQ(only().subject, "tables");
+  machine.routes.back() = route("10.9.0.5/32", 77, 205);
+  EXPECT_EQ(only().subject, "protocol");
+  machine.routes.pop_back();
+  Linux::Link vrf;
+  vrf.name = "blue";
+  vrf.kind = "vrf";
+  vrf.vrfTable = 10;
+  machine.links = {vrf};
+  EXPECT_NE(only().what.find("blue"), std::string::npos);
+  machine.links.clear();
+  // In the table main others' routes belong.
+  machine.table4 = RT_TABLE_MAIN;
+  machine.routes = {route("10.9.0.0/16", RT_TABLE_MAIN, RTPROT_STATIC)};
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+}
+
+TEST_F(DoctorTest, FrrHasToImportAndRedistributeTheTables) {
+  write("etc/frr/frr.conf", "! ip import-table 10\nrouter bgp 65001\n");
+  std::map<std::string, int> found;
+  for (const auto& advice : examine(machine)) ++found[advice.what];
+  EXPECT_EQ(found.size(), 3U);
+  machine.table6 = RT_TABLE_MAIN;
+  write("etc/frr/frr.conf",
+        "ip import-table 10\nrouter bgp 65001\n address-family ipv4 unicast\n"
+        "  redistribute table 10\n address-family ipv6 unicast\n"
+        "  redistribute kernel route-map HOSTS\n");
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+}
+
+TEST_F(DoctorTest, BirdHasToLearnTheTablesByTheirProtocol) {
+  const std::string config =
+      "protocol kernel { kernel table 10; learn; ipv4 { import where "
+      "krt_source = 205; }; }\n";
+  write("etc/bird/bird.conf", config);
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+  machine.protocol = 206;
+  EXPECT_NE(only().what.find("205"), std::string::npos);
+  machine.protocol = 205;
+  machine.table4 = 11;
+  EXPECT_NE(only().what.find("table 11"), std::string::npos);
+  machine.table4 = 10;
+  write("etc/bird/bird.conf", "protocol kernel { kernel table 10; }  # learn;\n");
+  EXPECT_NE(only().what.find("learns"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace Cli

@@ -1,0 +1,294 @@
+// The control protocol without a socket: what each request is answered with, and who may ask it.
+#include "hostrouted/Control.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "daemon/Switch.h"
+#include "hostrouted/Listings.h"
+#include "replay/Output.h"
+#include "replay/Player.h"
+#include "tests/hostrouted/RouterWorld.h"
+
+namespace Hostrouted {
+namespace {
+
+using nlohmann::json;
+
+constexpr Peer kReader{};
+constexpr Peer kAdmin{.isRoot = false, .mayChange = true};
+constexpr Peer kRoot{.isRoot = true, .mayChange = true};
+
+class ControlTest : public testing::Test {
+ protected:
+  Reply handle(const std::string& fields, const Peer& peer = kReader) {
+    return world.control.handle(R"({"version":1,"request":)" + fields + "}", peer);
+  }
+  /// The first line of the reply.
+  json ask(const std::string& fields, const Peer& peer = kReader) {
+    return json::parse(handle(fields, peer).text);
+  }
+  /// The lines behind it.
+  std::vector<json> list(const std::string& fields) {
+    const auto reply = handle(fields);
+    EXPECT_EQ(json::parse(reply.text)["ok"], true) << reply.text;
+    std::stringstream text;
+    if (reply.bulk) reply.bulk(text);
+    std::vector<json> lines;
+    for (std::string line; std::getline(text, line);) lines.push_back(json::parse(line));
+    return lines;
+  }
+  static std::vector<json> taken(Feedline& feed) {
+    std::string text;
+    feed.take(text);
+    std::vector<json> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(json::parse(line));
+    return lines;
+  }
+
+  RouterWorld world;
+};
+
+TEST_F(ControlTest, WhatIsNoRequestIsRefusedWithTheReason) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "not JSON"},
+      {"[1]", "not a JSON object"},
+      {R"({"request":"status"})", "\"version\" is missing"},
+      {R"({"version":2,"request":"status"})", "speaks version 1"},
+      {R"({"version":1})", "there is no request"},
+      {R"({"version":1,"request":7})", "\"request\" is not a text"},
+      {R"({"version":1,"request":"status","vrf":"blue"})", "no field \"vrf\""},
+      {R"({"version":1,"request":"routes","vrf":"blue"})", "no VRF \"blue\""},
+      {R"({"version":1,"request":"routes","family":5})", "\"family\" is not 4 or 6"},
+      {R"({"version":1,"request":"routes","prefix":"10.0.0.1/24x"})", "\"prefix\" is not"},
+      {R"({"version":1,"request":"explain"})", "\"address\" is missing"},
+      {R"({"version":1,"request":"names","kind":"macs"})", "\"kind\" is not"},
+  };
+  for (const auto& [line, why] : cases) {
+    const auto reply = json::parse(world.control.handle(line, kRoot).text);
+    EXPECT_EQ(reply["ok"], false) << line;
+    EXPECT_NE(reply["error"].get<std::string>().find(why), std::string::npos) << reply;
+  }
+  const std::string deep(100, '[');
+  EXPECT_EQ(json::parse(world.control.handle(deep, kRoot).text)["ok"], false);
+}
+
+TEST_F(ControlTest, OnlyThoseWhoMayChangeThings) {
+  for (const char* fields : {R"("resync")", R"("reload")", R"("log-level","level":"debug")",
+                             R"("trace","address":"10.0.1.5")", R"("record","action":"stop")"}) {
+    const auto refused = ask(fields);
+    EXPECT_EQ(refused["ok"], false) << fields;
+    EXPECT_NE(refused["error"].get<std::string>().find("only root"), std::string::npos) << refused;
+  }
+  EXPECT_EQ(world.resynchronisations, 0);
+  EXPECT_EQ(ask(R"("resync")", kAdmin)["ok"], true);
+  EXPECT_EQ(world.resynchronisations, 1);
+  world.reloadError = "f.toml:3: no such key";
+  EXPECT_EQ(ask(R"("reload")", kAdmin)["error"], world.reloadError);
+  // Asking for the level is no change.
+  EXPECT_EQ(ask(R"("log-level")")["level"], "info");
+  EXPECT_EQ(ask(R"("log-level","level":"debug")", kAdmin)["level"], "debug");
+  EXPECT_EQ(world.log.level(), LOG_DEBUG);
+}
+
+TEST_F(ControlTest, StatusTellsWhetherItIsReadyAndWhatIsNotAsItShouldBe) {
+  world.kernel.refused = "10.0.1.6/32";
+  world.learn("10.0.1.5", 1);
+  world.learn("10.0.1.6", 1);
+  auto status = ask(R"("status")")["status"];
+  EXPECT_EQ(status["phase"], "ready");
+  EXPECT_EQ(status["routes"], 1);
+  ASSERT_EQ(status["problems"].size(), 1U) << status;
+  EXPECT_EQ(status["problems"][0]["prefix"], "10.0.1.6/32");
+  EXPECT_EQ(status["problems"][0]["reason"], "Network is down");
+  world.router.beginDump();
+  status = ask(R"("status")")["status"];
+  EXPECT_EQ(status["ready"], false);
+  EXPECT_EQ(status["warnings"].size(), 1U);
+}
+
+TEST_F(ControlTest, CountersCountWhereThingsHappen) {
+  world.kernel.refused = "10.0.1.6/32";
+  world.learn("10.0.1.5", 1);
+  world.learn("10.0.1.6", 1);
+  world.learn("10.0.3.5", 3);
+  const auto metrics = ask(R"("counters")")["metrics"];
+  const auto value = [&](const std::string& name, const json& labels) {
+    for (const auto& family : metrics) {
+      if (family["name"] != "hostroute_" + name) continue;
+      EXPECT_FALSE(family["help"].get<std::string>().empty());
+      for (const auto& sample : family["samples"]) {
+        if (sample["labels"] == labels) return sample["value"].get<int>();
+      }
+    }
+    return -1;
+  };
+  EXPECT_EQ(value("kernel_routes_added", json::object()), 1);
+  EXPECT_EQ(value("kernel_routes", json::object()), 1);
+  EXPECT_EQ(value("kernel_routes_refused", json::object()), 1);
+  EXPECT_GE(value("kernel_refusals", {{"errno", "ENETDOWN"}}), 1);
+  EXPECT_EQ(value("neighbors", {{"verdict", "fed"}}), 2);
+  EXPECT_EQ(value("neighbors", {{"verdict", "interface not selected"}}), 1);
+  EXPECT_EQ(value("ready", json::object()), 1);
+}
+
+TEST_F(ControlTest, RoutesAndNeighborsAreListedWithTheirStateInTheKernel) {
+  world.kernel.refused = "10.0.1.6/32";
+  world.learn("10.0.1.5", 1);
+  world.learn("10.0.1.6", 1);
+  world.learn("10.0.2.7", 1);  // of the other port's subnet
+  world.learn("10.0.3.8", 3);  // on a port that is not selected
+  const auto routes = list(R"("routes","type":"attached_")");
+  ASSERT_EQ(routes.size(), 2U);
+  EXPECT_EQ(routes[0]["route"]["prefix"], "10.0.1.5/32");
+  EXPECT_EQ(routes[0]["route"]["kernel"], "installed");
+  EXPECT_EQ(routes[0]["route"]["vias"][0]["intf"], "p1");
+  EXPECT_EQ(routes[1]["route"]["kernel"], "Network is down");
+
+  const auto covering = list(R"("routes","prefix":"10.0.1.5")");
+  ASSERT_EQ(covering.size(), 2U);
+  EXPECT_EQ(covering[1]["route"]["prefix"], "10.0.1.0/24");
+
+  std::map<std::string, std::string> verdicts;
+  for (const auto& line : list(R"("neighbors")")) {
+    const auto& row = line["neighbor"];
+    verdicts[row["address"]] =
+        row["verdict"].get<std::string>() + (row["route"] == true ? ", routed" : "");
+  }
+  EXPECT_EQ(verdicts, (std::map<std::string, std::string>{{"10.0.1.5", "fed, routed"},
+                                                          {"10.0.1.6", "fed, routed"},
+                                                          {"10.0.2.7", "fed"},
+                                                          {"10.0.3.8", "interface not selected"}}));
+  EXPECT_EQ(list(R"("names","kind":"interfaces","begin":"p")").size(), 2U);
+  EXPECT_EQ(list(R"("dump","family":4)").size(), 1U);
+}
+
+TEST_F(ControlTest, ExplainTellsOfNeighborsThatAreNotFed) {
+  world.learn("10.0.3.8", 3);
+  const auto reply = ask(R"("explain","address":"10.0.3.8")");
+  ASSERT_EQ(reply["ok"], true) << reply;
+  ASSERT_EQ(reply["kernel"]["neighbors"].size(), 1U);
+  EXPECT_EQ(reply["kernel"]["neighbors"][0]["verdict"], "interface not selected");
+}
+
+TEST_F(ControlTest, AMonitorThatDoesNotReadLosesChangesAndIsToldHowMany) {
+  auto reply = handle(R"("monitor","prefix":"10.0.1.0/24")");
+  ASSERT_TRUE(reply.feed);
+  world.learn("10.0.1.5", 1);
+  world.learn("10.0.2.5", 2);
+  auto lines = taken(*reply.feed);
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0]["change"]["prefix"], "10.0.1.5/32");
+
+  constexpr size_t kChanges = 10000;  // some 200 bytes each
+  for (size_t i = 0; i < kChanges / 2; ++i) {
+    world.learn("10.0.1.6", 1);
+    world.learn("10.0.1.6", 1, false);
+  }
+  lines = taken(*reply.feed);
+  ASSERT_TRUE(lines.back().contains("lost"));
+  EXPECT_EQ(lines.size() - 1 + lines.back()["lost"].get<size_t>(), kChanges);
+  EXPECT_TRUE(reply.feed->isEmpty());
+  reply.feed.reset();
+  world.learn("10.0.1.7", 1);  // nobody listens any more
+}
+
+TEST_F(ControlTest, ATraceEndsWithItsTimeOrItsClientAndThereIsOneAtATime) {
+  const std::string request = R"("trace","address":"10.0.1.5","levels":"all","seconds":30)";
+  auto reply = handle(request, kAdmin);
+  ASSERT_TRUE(reply.feed) << reply.text;
+  EXPECT_EQ(ask(request, kAdmin)["ok"], false);
+  world.learn("10.0.1.5", 1);
+  EXPECT_FALSE(taken(*reply.feed).empty());
+  EXPECT_FALSE(reply.feed->hasEnded(world.now + 29));
+  EXPECT_TRUE(reply.feed->hasEnded(world.now + 30));
+  reply.feed.reset();
+  EXPECT_TRUE(handle(request, kAdmin).feed);
+}
+
+class RecordingTest : public testing::Test {
+ protected:
+  void SetUp() override { std::filesystem::create_directories(directory); }
+  void TearDown() override { std::filesystem::remove_all(directory); }
+
+  /// A dump without the numbers of adjacencies, which go by the order of the work.
+  static std::string withoutNumbers(const std::string& dump) {
+    return std::regex_replace(dump, std::regex(R"("fec":\d{10,})"), "\"fec\":0");
+  }
+  /// The dumps of a switch that was told what a file holds.
+  static std::string replayed(const std::string& file) {
+    std::ifstream in(file);
+    std::stringstream out;
+    std::stringstream errors;
+    const auto output = Replay::jsonOutput(out);
+    Daemon::Switch sw({.settles = true});
+    Replay::Player player(sw, *output, {});
+    EXPECT_EQ(player.run(in, file, out, errors), Replay::Player::Outcome::Done) << errors.str();
+    return withoutNumbers(out.str());
+  }
+  std::string live() {
+    std::stringstream text;
+    listDump(world.router, {}, false, text);
+    return withoutNumbers(text.str());
+  }
+
+  const std::string directory =
+      testing::TempDir() + "/hostrouted-recordings-" + std::to_string(::getpid());
+  RouterWorld world{RouterWorld::config(), directory};
+};
+
+TEST_F(RecordingTest, ARecordingBegunInTheMiddleEndsWhereTheDaemonIsAlsoInEachRotatedFile) {
+  world.learn("10.0.1.5", 1);
+  world.learn("10.0.2.5", 1);
+  const auto request = [&](const std::string& fields) {
+    return json::parse(
+        world.control.handle(R"({"version":1,"request":"record",)" + fields + "}", kAdmin).text);
+  };
+  const auto started = request(R"("action":"start","file":"r.jsonl","size":1,"files":2)");
+  ASSERT_EQ(started["ok"], true) << started;
+  EXPECT_EQ(request(R"("action":"start","file":"s.jsonl")")["ok"], false);
+  for (int step = 0; step < 12000; ++step) {
+    world.learn("10.0.1." + std::to_string(6 + step % 100), 1, step % 3 != 0);
+    if (step % 700 == 0) {
+      world.tell(Linux::route("10.0.2.0/25", {Linux::hop(1)}), step % 1400 == 0);
+      world.router.endTurn();
+    }
+    world.recorder.endTurn();
+  }
+  const auto expected = live();
+  ASSERT_EQ(request(R"("action":"stop")")["ok"], true);
+  world.learn("10.0.1.250", 1);
+  EXPECT_TRUE(std::filesystem::exists(directory + "/r.jsonl.1"));
+  EXPECT_FALSE(std::filesystem::exists(directory + "/r.jsonl.2"));
+  EXPECT_LT(std::filesystem::file_size(directory + "/r.jsonl.1"), (1U << 20) + 65536U);
+  EXPECT_EQ(replayed(directory + "/r.jsonl"), expected);
+  // Nothing that is there is written over.
+  EXPECT_NE(request(R"("action":"start","file":"r.jsonl")")["error"].get<std::string>().find(
+                "there already"),
+            std::string::npos);
+}
+
+TEST_F(RecordingTest, OnlyRootChoosesADirectory) {
+  const auto ask = [&](const std::string& file, const Peer& peer) {
+    const auto line = R"({"version":1,"request":"record","action":"start","file":")" + file + "\"}";
+    return json::parse(world.control.handle(line, peer).text)["ok"] == true;
+  };
+  EXPECT_FALSE(ask(directory + "/x", kAdmin));
+  EXPECT_FALSE(ask("../x", kAdmin));
+  EXPECT_FALSE(ask("..", kAdmin));
+  EXPECT_FALSE(ask("", kAdmin));
+  EXPECT_TRUE(ask(directory + "/x", kRoot));
+}
+
+}  // namespace
+}  // namespace Hostrouted
