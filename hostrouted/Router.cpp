@@ -164,7 +164,7 @@ void Router::noteDepartures(const Linux::Change& change) {
 
 void Router::operate(const Daemon::Operation& operation) {
   ++counters_.operations;
-  services_.record(operation);
+  if (services_.record) services_.record(operation);
   const Stopwatch stopwatch(operationTimes_);
   try {
     Daemon::apply(switch_, operation);
