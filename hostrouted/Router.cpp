@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <utility>
 #include <variant>
 
@@ -183,10 +184,24 @@ void Router::endTurn() {
   feed_.flush([this](const Daemon::Operation& operation) { operate(operation); });
   exports_.flush();
   routes_.flush();
+  tellOfRefusals();
   if (const auto probes = probing_.due(); !probes.empty()) {
     counters_.probes += probes.size();
     services_.probe(probes);
   }
+}
+
+/// Tells the log of the first route that the kernel refuses, until none is; the status has them
+/// all.
+void Router::tellOfRefusals() {
+  if (!hasRefusals_ && routes_.counters().refused == seenRefusals_) return;
+  seenRefusals_ = routes_.counters().refused;
+  const auto problems = routes_.problems(1);
+  const bool had = std::exchange(hasRefusals_, !problems.empty() && problems.front().error != 0);
+  if (had || !hasRefusals_) return;
+  const auto& [key, error, since, retryAt] = problems.front();
+  services_.report(LOG_WARNING, "the kernel refuses " + Linux::toString(key.prefix) + " in table " +
+                                    std::to_string(key.table) + ": " + std::strerror(error));
 }
 
 void Router::beginDump() {

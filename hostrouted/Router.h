@@ -114,12 +114,15 @@ class Router {
   void noteDepartures(const Linux::Change& change);
   void operate(const Daemon::Operation& operation);
   void warnOfAnEmptySelection();
+  void tellOfRefusals();
 
   Config config_;
   const Services services_;
   Phase phase_ = Phase::Starting;
   bool dumps_ = false;
   Counters counters_;
+  uint64_t seenRefusals_ = 0;
+  bool hasRefusals_ = false;
   std::vector<std::string> warnedPatterns_;  // they selected no interface
   Daemon::LatencyHistogram turnTimes_;
   Daemon::LatencyHistogram operationTimes_;

@@ -234,6 +234,8 @@ class ProcessTest(RouterLab):
                 self.assertEventually(
                     lambda: [row['reason'] for row in daemon.fresh_status()['problems']]
                     == ['File exists'], 'it is shown')
+                self.assertIn(f'refuses {route.split()[0]} in table 10: File exists',
+                              daemon.log_text())
                 shown = self.router.ip(f'-{family} route show table 10')
                 self.assertIn('proto static', shown)
                 self.router.ip(f'-{family} route del {route} dev p2 table 10 proto static')
