@@ -39,6 +39,7 @@
 #include "platform/kiv/Attributes.h"
 #include "platform/kiv/Hash.h"
 #include "platform/kiv/SmallVector.h"
+#include "platform/kiv/Trace.h"
 #include "platform/kiv/Watch.h"
 #include "platform/zemit/IntfId.h"
 #include "platform/zemit/Ip6Addr.h"

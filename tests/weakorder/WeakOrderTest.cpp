@@ -41,8 +41,8 @@ Got get(const Map& map, uint64_t key) {
     if (!value) return {};
     if ((*value)[0] != (*value)[1]) return {.value = 0, .complaint = "torn"};
     return {.value = (*value)[0], .complaint = ""};
-  } catch (const CorruptionDetectedException& damage) {
-    return {.value = 0, .complaint = damage.what()};
+  } catch (const Pindo::Exception& failure) {
+    return {.value = 0, .complaint = failure.what()};
   }
 }
 
@@ -253,7 +253,7 @@ std::string complaintOfAny() {
 // for, docs/tables.md says.
 TEST(WeakOrderTest, AMissingOrderIsNoticed) {
   const std::set<std::string> noticeable{"write",  "read",   "setState",
-                                         "repair", "deepen", "noteChange"};
+                                         "repair", "headerIs", "noteChange"};
   std::set<std::string> known;
   for (const Scenario& scenario : kScenarios) scenario.run(1);  // makes the sites known
   for (const Weak::Site& site : Weak::model.sites()) {
