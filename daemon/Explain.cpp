@@ -569,8 +569,8 @@ class Explainer {
     const auto& cover = state_.cover;
     const std::string direct = directIntfOf(cover);
     Missing missing{.kind = Missing::Kind::Neighbor,
-                    .text = state_.neighbors.empty() ? "a neighbour on no interface"
-                                                     : "a neighbour on management ports only",
+                    .text = state_.neighbors.empty() ? "it is a neighbour on no interface"
+                                                     : "it is a neighbour on management ports only",
                     .vrf = vrf_,
                     .intf = direct,
                     .prefix = isNull(cover.cover.key) ? "" : toString(cover.cover.key),
@@ -582,7 +582,9 @@ class Explainer {
     } else if (cover.lack == Lack::Cover) {
       missing.mend = "a neighbour, and a FIB route that covers it and leaves through its interface";
     } else {
-      missing.mend = "a neighbour, and a route to its interface without a gateway: ";
+      missing.mend =
+          "a neighbour, and a route that covers it and leaves through its interface "
+          "without a gateway; ";
       missing.mend += cover.lack == Lack::None
                           ? missing.prefix + " " + leavesText(cover.cover, cover.coverVias)
                           : missing.prefix + " has no FEC";

@@ -68,7 +68,7 @@ class ExplainTest : public testing::TestWithParam<std::tuple<uint64_t, std::stri
   void play(Check check) {
     const auto& [seed, universe] = GetParam();
     Golden::Generator generator(seed, Golden::weightsOf(universe));
-    const size_t events = universe == "crowded" ? 500 : 700;
+    const size_t events = universe == "crowded" ? 1100 : 700;  // most of a crowd sets the scene
     for (size_t number = 1; number <= events && !HasFailure(); ++number) {
       const auto event = generator.next();
       SCOPED_TRACE("event " + std::to_string(number) + " " + event.dump());
