@@ -34,9 +34,9 @@ Json vrfsJson(const Router& router) {
   for (const auto& [name, vrf] : router.sw().vrfs()) {
     Json row{{"vrf", name}};
     const auto output = tables.find(name);
-    Daemon::forEachFamily([&](auto family) {
+    Daemon::forEachFamily([&, &routings = vrf](auto family) {
       using F = decltype(family);
-      const auto* machine = vrf.template routing<F>().machine();
+      const auto* machine = routings.template routing<F>().machine();
       const auto table = output == tables.end()
                              ? 0
                              : (F::kNumber == 4 ? output->second.table4 : output->second.table6);
