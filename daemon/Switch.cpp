@@ -1,6 +1,8 @@
 // A switch: the tables and the state machines of all its VRFs.
 #include "daemon/Switch.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <vector>
 
@@ -17,11 +19,15 @@ Switch::Switch(Options options)
     KIV_REQUIRE(isSharedName(options_.sharedName),
                 "the name of shared tables may have neither \".\" nor \"/\"");
     removeSharedLeftovers(options_.sharedName);
-    sharedTables_.isOurs = true;
+    sharedTables_.process = ::getpid();
   }
   openShared<Ipv4>();
   openShared<Ipv6>();
   vrf(kDefaultVrf);
+}
+
+Switch::SharedTablesRemover::~SharedTablesRemover() {
+  if (process == ::getpid()) Tovan::removeTablesOf(sharedName);
 }
 
 Tovan::Access Switch::access() const {
@@ -70,6 +76,50 @@ void Switch::setLoading(bool loading) {
   if (loading == loading_) return;
   loading_ = loading;
   for (const auto& [name, vrf] : vrfs_) publishState(vrf);
+}
+
+bool Switch::tendTables() {
+  bool mayGrow = true;
+  const auto tend = [&mayGrow](auto& table) {
+    try {
+      table.tend();
+    } catch (const Tovan::NoSpaceException&) {
+      mayGrow = false;
+    }
+  };
+  forEachFamily([&](auto family) {
+    using F = decltype(family);
+    tend(*shared<F>().forwarding);
+    for (const auto& vrf : vrfs_) tend(*vrf.second.template routing<F>().routeStatus);
+  });
+  return mayGrow;
+}
+
+void Switch::redo() {
+  forEachFamily([&](auto family) {
+    using F = decltype(family);
+    for (const auto& vrf : vrfs_) redo(vrf.second.template routing<F>());
+  });
+}
+
+template <class F>
+void Switch::redo(const HostRouting<F>& routing) {
+  auto* machine = routing.machine();
+  if (machine == nullptr || !machine->initialized()) return;
+  machine->initializedIs(false);
+  machine->initializedIs(true);
+  if (options_.settles) settleInside(routing, typename F::Prefix());
+  const auto addrs = F::AddrSet::AddrSetIs(F::Prefix::null());
+  const auto add = [&addrs](const typename F::Route& route) {
+    if (route.key.len() == F::Prefix::kMaxLen) addrs->ipIs(route.key.addr(), true);
+  };
+  const typename F::HostTable::Ptr neighbors = F::neighborTable(*routing.root);
+  const typename F::HostTable::Ptr receives = routing.root->receiveTable();
+  routing.routeStatus->forEachRoute(add);
+  for (const auto& table : {neighbors, receives, routing.hostStatus}) table->forEachRoute(add);
+  machine->doMerge(addrs);
+  const std::vector<typename F::RouteStatus::PtrConst> routeTables{routing.routeStatus};
+  routing.adjHelper->validate(routeTables, std::vector{neighbors, receives});
 }
 
 template <class F>

@@ -79,6 +79,9 @@ class Router {
   /// When endTurn() should be called though nothing came: the clock's time, or none.
   std::optional<double> nextDeadline() const;
 
+  /// Whether host routes may be missing because a shared table could not grow, or lost entries. It
+  /// is tried every few seconds to make that good.
+  bool isIncomplete() const { return isIncomplete_; }
   Phase phase() const { return phase_; }
   const Counters& counters() const { return counters_; }
   /// A former process may have told others of this route. Before the first dump.
@@ -93,12 +96,19 @@ class Router {
   bool takeOwnRoute(const Linux::Change& change);
   void noteDepartures(const Linux::Change& change);
   void operate(const Daemon::Operation& operation);
+  void tendTables();
+  void noteTables();
 
   Config config_;
   const Services services_;
   Phase phase_ = Phase::Starting;
   bool dumps_ = false;
   Counters counters_;
+  double nextTending_ = 0;
+  bool isIncomplete_ = false;
+  // As of when they were noted last.
+  uint64_t corruptions_ = 0;
+  uint64_t refusals_ = 0;
   Linux::Mirror mirror_;
   Linux::Feed feed_;
   Daemon::Switch switch_;

@@ -10,6 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/tovan/Reports.h"
+
 namespace Hostrouted {
 
 std::string statusJson(const Router& router) {
@@ -28,9 +30,22 @@ std::string statusJson(const Router& router) {
     }
     problems.push_back(std::move(row));
   }
+  Json tables = Json::array();
+  for (const auto& table : Tovan::tableReports()) {
+    Json row{{"table", table.table}, {"corruptions", table.corruptions}};
+    if (table.corruptions != 0) row["lastCorruption"] = table.lastCorruption;
+    row["refusals"] = table.refusals;
+    if (table.refusals != 0) {
+      row["lastRefusal"] = table.lastRefusal;
+      row["bytes"] = table.bytes;
+    }
+    tables.push_back(std::move(row));
+  }
   const Json status{{"phase", phaseName(router.phase())},
                     {"routes", routes.installedCount()},
                     {"problems", std::move(problems)},
+                    {"complete", !router.isIncomplete()},
+                    {"tables", std::move(tables)},
                     {"counters",
                      {{"changes", done.changes},
                       {"operations", done.operations},
@@ -52,7 +67,8 @@ std::string statusLine(const Router& router) {
   const auto problems = routes.problems(kMostProblems).size();
   return std::string(phaseName(router.phase())) + ": " + std::to_string(routes.installedCount()) +
          " host routes, " + std::to_string(problems) +
-         (problems == kMostProblems ? " or more" : "") + " not as they should be";
+         (problems == kMostProblems ? " or more" : "") + " not as they should be" +
+         (router.isIncomplete() ? ", others missing: a shared table is full or was damaged" : "");
 }
 
 bool replaceFile(const std::string& path, const std::string& text) {

@@ -7,7 +7,8 @@
 
 namespace Hostrouted {
 
-/// The daemon's state as one JSON object: phase, counts, counters, and the host routes that are not
+/// The daemon's state as one JSON object: phase, counts, counters, the shared tables that were
+/// found damaged or could not grow, and the host routes that are not
 /// in the kernel as they should be, with the reason of each (at most kMostProblems of them).
 std::string statusJson(const Router& router);
 
