@@ -14,6 +14,7 @@
 #include "cli/Terminal.h"
 #include "daemon/SharedNames.h"
 #include "platform/kiv/Hash.h"
+#include "platform/tovan/Reports.h"
 #include "platform/tovan/TableMemory.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
@@ -43,8 +44,8 @@ neighbour, or one without a FEC; 2 a merge that waits for `initialized`; 6 what 
 removed, and which interfaces are passed over; 7 what is handled, and why it came to nothing; 8 each
 call and step; 3, 4, 5 and 9 nothing. 0,1,2,6,7 show why a host has (no) route.
 
-Exit status: 0 done; 1 a machine failed on an event, the tables cannot be shared, or the output
-cannot be written; 2 the command line is malformed, the input cannot be read, or a line of it is no
+Exit status: 0 done; 1 a machine failed on an event, the tables cannot be shared, could not grow or
+were found damaged, or the output cannot be written; 2 the command line is malformed, the input cannot be read, or a line of it is no
 event or longer than 16 MiB. Output that was caused by the lines before stands.)";
 
 struct Options {
@@ -99,6 +100,22 @@ void raiseFileLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+/// Prints what has befallen the tables, a line for each and kind. Returns whether there is any.
+bool printTableReports() {
+  const auto reports = Tovan::tableReports();
+  for (const auto& table : reports) {
+    if (table.refusals != 0) {
+      std::cerr << "hostroute: " << table.lastRefusal << ": it has " << table.bytes << " bytes, "
+                << table.refusals << " changes were refused\n";
+    }
+    if (table.corruptions != 0) {
+      std::cerr << "hostroute: " << table.lastCorruption << " (found damaged " << table.corruptions
+                << " times)\n";
+    }
+  }
+  return !reports.empty();
+}
+
 int replay(const Options& options) {
   Kiv::hashSeedIs(Replay::kHashSeed);
   std::ios::sync_with_stdio(false);
@@ -116,13 +133,14 @@ int replay(const Options& options) {
   Replay::Player player(sw, *output,
                         {.echoes = options.echoes, .dumpsAtEnd = !options.noFinalDump});
   const auto outcome = player.run(input.stream(), input.name(), std::cout, std::cerr, showProgress);
+  const bool tablesAreGood = !printTableReports();
   if (outcome == Replay::Player::Outcome::Refused) return kMisused;
   requireOutput();
   if (options.holds) {
     if (isTerminal(STDERR_FILENO)) std::cerr << "The tables stay up until Ctrl-C.\n";
     for (;;) ::pause();
   }
-  return outcome == Replay::Player::Outcome::Done ? 0 : kFailed;
+  return outcome == Replay::Player::Outcome::Done && tablesAreGood ? 0 : kFailed;
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 // A switch: the tables and the state machines of all its VRFs.
 #include "daemon/Switch.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <vector>
 
+#include "daemon/RootTables.h"
 #include "daemon/SharedNames.h"
 #include "hostcore/Tracing.h"
 #include "platform/kiv/Exception.h"
@@ -19,11 +22,15 @@ Switch::Switch(Options options)
     KIV_REQUIRE(isSharedName(options_.sharedName),
                 "the name of shared tables may have neither \".\" nor \"/\"");
     removeSharedLeftovers(options_.sharedName);
-    sharedTables_.isOurs = true;
+    sharedTables_.process = ::getpid();
   }
   openShared<Ipv4>();
   openShared<Ipv6>();
   vrf(kDefaultVrf);
+}
+
+Switch::SharedTablesRemover::~SharedTablesRemover() {
+  if (process == ::getpid()) Tovan::removeTablesOf(sharedName);
 }
 
 Tovan::Access Switch::access() const {
@@ -105,6 +112,49 @@ void Switch::traceAddressIs(std::string_view vrf, std::string_view address) {
   if (auto* machine = traced.routing<Ipv6>().machine()) {
     HostCore::tracedAddressIs<Ipv6>(*machine, ipv6, ipv4.has_value());
   }
+}
+
+bool Switch::tendTables() {
+  bool mayGrow = true;
+  const auto tend = [&mayGrow](auto& table) {
+    try {
+      table.tend();
+    } catch (const Tovan::NoSpaceException&) {
+      mayGrow = false;
+    }
+  };
+  forEachFamily([&](auto family) {
+    using F = decltype(family);
+    tend(*shared<F>().forwarding);
+    for (const auto& vrf : vrfs_) tend(*vrf.second.template routing<F>().routeStatus);
+  });
+  return mayGrow;
+}
+
+void Switch::redo() {
+  forEachFamily([&](auto family) {
+    using F = decltype(family);
+    for (const auto& vrf : vrfs_) redo(vrf.second.template routing<F>());
+  });
+}
+
+template <class F>
+void Switch::redo(const HostRouting<F>& routing) {
+  auto* machine = routing.machine();
+  if (machine == nullptr || !machine->initialized()) return;
+  machine->initializedIs(false);
+  machine->initializedIs(true);
+  if (options_.settles) settleInside(routing, typename F::Prefix());
+  const auto addrs = F::AddrSet::AddrSetIs(F::Prefix::null());
+  const auto add = [&addrs](const typename F::Route& route) {
+    if (route.key.len() == F::Prefix::kMaxLen) addrs->ipIs(route.key.addr(), true);
+  };
+  const RootTables<F> own(*routing.root);
+  routing.routeStatus->forEachRoute(add);
+  for (const auto& table : {own.neighbors, own.received, routing.hostStatus}) table->forEachRoute(add);
+  machine->doMerge(addrs);
+  const std::vector<typename F::RouteStatus::PtrConst> routeTables{routing.routeStatus};
+  routing.adjHelper->validate(routeTables, std::vector{own.neighbors, own.received});
 }
 
 template <class F>

@@ -150,6 +150,14 @@ class Switch {
   void setRibReady(std::string_view vrf, bool ready);
   void setStartRibReadyVerification(std::string_view vrf, bool start);
 
+  /// Looks whether the shared tables are as they were left, and repairs what is not; and asks for
+  /// the memory again that was refused. For a timer. Returns whether every table may grow.
+  bool tendTables();
+  /// Has the machines do again whatever they may have left undone when a table could not grow or
+  /// gave up entries. Before that, what they are made of is to be set again: interfaces, FECs,
+  /// routes, neighbours. \throws as setRoute().
+  void redo();
+
   /// Tells the readers of the shared tables whether the inputs that there were at the start are
   /// still being read, so that more routes are to come at once. They are not, unless told so.
   void setLoading(bool loading);
@@ -190,11 +198,9 @@ class Switch {
   /// Takes the tables from shared memory when it goes, also where the switch could not be made.
   struct SharedTablesRemover {
     const std::string& sharedName;
-    bool isOurs = false;  ///< whether no other switch has the name
+    int process = 0;  ///< whose tables they are, once no other switch has the name; no child's
 
-    ~SharedTablesRemover() {
-      if (isOurs) Tovan::removeTablesOf(sharedName);
-    }
+    ~SharedTablesRemover();
   };
 
   template <class F>
@@ -215,6 +221,8 @@ class Switch {
 
   template <class F>
   void settleInside(const HostRouting<F>& routing, const typename F::Prefix& prefix);
+  template <class F>
+  void redo(const HostRouting<F>& routing);
   template <class F>
   void settleOn(const std::set<Zemit::IntfId>& intfs);
 

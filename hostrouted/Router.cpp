@@ -8,10 +8,13 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <utility>
 #include <variant>
 
 #include "platform/kiv/Exception.h"
+#include "platform/tovan/Exceptions.h"
+#include "platform/tovan/Reports.h"
 
 namespace Hostrouted {
 namespace {
@@ -32,6 +35,9 @@ Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& 
   };
   return options;
 }
+
+/// How many seconds after one look at the shared tables the next one is.
+constexpr double kTendingInterval = 5;
 
 /// Adds the time of its life to a histogram.
 class Stopwatch {
@@ -170,10 +176,56 @@ void Router::operate(const Daemon::Operation& operation) {
   try {
     Daemon::apply(switch_, operation);
     if (const auto* vrf = std::get_if<Daemon::SetVrf>(&operation)) exports_.addVrf(vrf->vrf);
+  } catch (const std::bad_alloc&) {
+    ++counters_.failures;
+    isIncomplete_ = true;
+    services_.report(LOG_ERR, "the engine failed on a change: out of memory");
   } catch (const Pindo::Exception& error) {
     ++counters_.failures;
+    isIncomplete_ |= dynamic_cast<const Tovan::OpenException*>(&error) != nullptr;
     services_.report(LOG_ERR, std::string("the engine failed on a change: ") + error.what());
   }
+}
+
+/// Looks for damage and refusals, and makes good what they left undone once there is room.
+void Router::tendTables() {
+  noteTables();
+  if (services_.clock() < nextTending_) return;
+  nextTending_ = services_.clock() + kTendingInterval;
+  const bool mayGrow = switch_.tendTables();
+  noteTables();
+  if (!isIncomplete_ || !mayGrow) return;
+  isIncomplete_ = false;
+  feed_.snapshot([this](const Daemon::Operation& operation) { operate(operation); });
+  try {
+    switch_.redo();
+  } catch (const Pindo::Exception& error) {
+    isIncomplete_ = true;
+    services_.report(LOG_ERR, std::string("the engine failed on a change: ") + error.what());
+  }
+  noteTables();
+  if (!isIncomplete_) services_.report(LOG_NOTICE, "the shared tables are complete again");
+}
+
+/// Reports what has befallen the shared tables since it was noted last.
+void Router::noteTables() {
+  const uint64_t corruptions = Tovan::corruptionCount();
+  const uint64_t refusals = Tovan::refusalCount();
+  if (corruptions == corruptions_ && refusals == refusals_) return;
+  const bool isNewlyShort = refusals != refusals_ && !isIncomplete_;
+  for (const auto& table : Tovan::tableReports()) {
+    if (table.corruptions != 0 && corruptions != corruptions_) {
+      services_.report(LOG_ERR, "damage, found " + std::to_string(table.corruptions) +
+                                    " times, last: " + table.lastCorruption);
+    }
+    if (table.refusals != 0 && isNewlyShort) {
+      services_.report(LOG_ERR, table.lastRefusal + ": it has " + std::to_string(table.bytes) +
+                                    " bytes; host routes may be missing");
+    }
+  }
+  corruptions_ = corruptions;
+  refusals_ = refusals;
+  isIncomplete_ = true;
 }
 
 void Router::endTurn() {
@@ -182,6 +234,7 @@ void Router::endTurn() {
   const Stopwatch stopwatch(turnTimes_);
   ++counters_.turns;
   feed_.flush([this](const Daemon::Operation& operation) { operate(operation); });
+  tendTables();
   exports_.flush();
   routes_.flush();
   tellOfRefusals();
@@ -311,7 +364,9 @@ std::vector<Router::Times> Router::times() const {
 }
 
 std::optional<double> Router::nextDeadline() const {
-  return earlier(routes_.nextDeadline(), probing_.nextDeadline());
+  const auto next = earlier(routes_.nextDeadline(), probing_.nextDeadline());
+  // While all is well, the tables are looked at when something changes: idle is idle.
+  return phase_ == Phase::Starting || !isIncomplete_ ? next : earlier(next, nextTending_);
 }
 
 }  // namespace Hostrouted

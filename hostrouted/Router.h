@@ -88,6 +88,9 @@ class Router {
   /// When endTurn() should be called though nothing came: the clock's time, or none.
   std::optional<double> nextDeadline() const;
 
+  /// Whether host routes may be missing because a shared table could not grow, or lost entries. It
+  /// is tried every few seconds to make that good.
+  bool isIncomplete() const { return isIncomplete_; }
   Phase phase() const { return phase_; }
   const Counters& counters() const { return counters_; }
   /// A former process may have told others of this route. Before the first dump.
@@ -115,6 +118,8 @@ class Router {
   void operate(const Daemon::Operation& operation);
   void warnOfAnEmptySelection();
   void tellOfRefusals();
+  void tendTables();
+  void noteTables();
 
   Config config_;
   const Services services_;
@@ -126,6 +131,11 @@ class Router {
   std::vector<std::string> warnedPatterns_;  // they selected no interface
   Daemon::LatencyHistogram turnTimes_;
   Daemon::LatencyHistogram operationTimes_;
+  double nextTending_ = 0;
+  bool isIncomplete_ = false;
+  // As of when they were noted last.
+  uint64_t corruptions_ = 0;
+  uint64_t refusals_ = 0;
   Linux::Mirror mirror_;
   Linux::Feed feed_;
   Daemon::Switch switch_;

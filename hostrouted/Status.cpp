@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/tovan/Reports.h"
 #include "replay/Time.h"
 
 namespace Hostrouted {
@@ -48,6 +49,22 @@ Json vrfsJson(const Router& router) {
   return vrfs;
 }
 
+/// The shared tables that were found damaged, or could not grow.
+Json tablesJson() {
+  Json tables = Json::array();
+  for (const auto& table : Tovan::tableReports()) {
+    Json row{{"table", table.table}, {"corruptions", table.corruptions}};
+    if (table.corruptions != 0) row["lastCorruption"] = table.lastCorruption;
+    row["refusals"] = table.refusals;
+    if (table.refusals != 0) {
+      row["lastRefusal"] = table.lastRefusal;
+      row["bytes"] = table.bytes;
+    }
+    tables.push_back(std::move(row));
+  }
+  return tables;
+}
+
 }  // namespace
 
 std::string reasonOf(const Linux::KernelRoutes::Problem& problem) {
@@ -79,6 +96,9 @@ std::vector<std::string> warnings(const Router& router, const ProcessStatus& pro
                          "nowhere");
     }
   }
+  if (router.isIncomplete()) {
+    warnings.emplace_back("a shared table is full or damaged: host routes are missing from it");
+  }
   if (!process.advertisedIsSound) {
     warnings.emplace_back("the list of advertised routes cannot be written; the log says why");
   }
@@ -102,6 +122,8 @@ Json status(const Router& router, const ProcessStatus& process) {
               {"vrfs", vrfsJson(router)},
               {"routes", routes.installedCount()},
               {"problems", problemsJson(router)},
+              {"complete", !router.isIncomplete()},
+              {"tables", tablesJson()},
               {"counters",
                {{"changes", done.changes},
                 {"operations", done.operations},
@@ -125,7 +147,8 @@ std::string statusLine(const Router& router) {
   const auto problems = routes.problems(kMostProblems).size();
   return std::string(phaseName(router.phase())) + ": " + std::to_string(routes.installedCount()) +
          " host routes, " + std::to_string(problems) +
-         (problems == kMostProblems ? " or more" : "") + " not as they should be";
+         (problems == kMostProblems ? " or more" : "") + " not as they should be" +
+         (router.isIncomplete() ? ", others missing: a shared table is full or was damaged" : "");
 }
 
 bool replaceFile(const std::string& path, const std::string& text) {

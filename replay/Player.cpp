@@ -5,9 +5,11 @@
 #include <array>
 #include <iterator>
 #include <limits>
+#include <new>
 #include <type_traits>
 #include <utility>
 
+#include "platform/tovan/Reports.h"
 #include "replay/Printable.h"
 #include "replay/Time.h"
 
@@ -184,6 +186,7 @@ void enableTraces(uint32_t levels) {
       family.trace().levelIs(level, (levels >> level & 1) != 0);
     }
   });
+  Tovan::tableTrace().levelIs(0, (levels & 1) != 0);
 }
 
 }  // namespace
@@ -343,6 +346,8 @@ Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostr
       ended();
       report(error.what());
       return Outcome::Refused;
+    } catch (const std::bad_alloc&) {
+      failed("out of memory");
     } catch (const Pindo::Exception& error) {
       // As the daemon would: the event is done as far as it went, and the next one comes.
       failed(error.what());

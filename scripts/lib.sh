@@ -11,7 +11,7 @@ testPackages=(libgtest-dev pkg-config binutils python3 iproute2 iputils-ping pro
 routerPackages=(frr bird2)
 benchPackages=(libbenchmark-dev liblmdb-dev libboost1.81-dev libabsl-dev libdpdk-dev pkg-config)
 checkPackages=(clang-format-14 clang-tidy-14 python3)
-fuzzPackages=(clang-14 libclang-rt-14-dev)
+fuzzPackages=(clang-14 libclang-rt-14-dev libgtest-dev)
 coveragePackages=(gcovr)
 
 die() {

@@ -355,6 +355,29 @@ class SharedTablesTest(RouterLab):
         self.assertEqual(left, [])
 
 
+    def test_what_a_full_memory_refused_is_shown_and_made_good_when_there_is_room(self):
+        count = 3000
+        small = 'mount -t tmpfs -o size=320k none /dev/shm && exec "$@"'
+        daemon = lab.Daemon(self.router, PORTS, ['--shared-tables', 'full'],
+                            wrapper=['unshare', '-m', 'sh', '-c', small, 'sh'])
+        self.addCleanup(daemon.close)
+        self.router.ip('addr add 10.8.0.1/16 dev p1')
+        daemon.start()
+        self.router.batch([f'neigh replace 10.8.{n // 250 + 1}.{n % 250 + 1} dev p1'
+                           ' lladdr 02:00:00:00:00:11 nud permanent' for n in range(count)])
+        self.assertEventually(lambda: not daemon.fresh_status()['complete'], 'the tables are full')
+        refused = [row for row in daemon.status()['tables'] if row['refusals'] > 0]
+        self.assertTrue(refused)
+        for row in refused:
+            self.assertIn('No space left on device', row['lastRefusal'])
+            self.assertIn(f'{row["lastRefusal"]}: it has', daemon.log_text())
+        self.assertLess(len(self.router.host_routes()), count)
+        run('nsenter', '-t', str(daemon.process.pid), '-m', 'mount', '-o', 'remount,size=16m',
+            '/dev/shm')
+        self.assertEventually(lambda: daemon.fresh_status()['complete'], 'the tables are whole')
+        self.assertEventually(lambda: len(self.router.host_routes()) == count, 'all have routes')
+
+
 class RecordingTest(RouterLab):
     def test_a_recordings_replay_ends_in_the_daemons_tables(self):
         file = os.path.join('/tmp', f'hostrouted-recording-{os.getpid()}.jsonl')

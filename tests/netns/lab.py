@@ -102,11 +102,12 @@ class Monitor:
 class Daemon:
     """A hostrouted in a namespace, with directories of its own."""
 
-    def __init__(self, namespace, config='', arguments=()):
+    def __init__(self, namespace, config='', arguments=(), wrapper=()):
         self.namespace = namespace
         self.directory = tempfile.mkdtemp(prefix='hostrouted-test-')
         self.config_file = os.path.join(self.directory, 'hostrouted.toml')
         self.arguments = list(arguments)
+        self.wrapper = list(wrapper)  # what starts the program
         self.process = None
         self.set_config(config)
 
@@ -117,7 +118,7 @@ class Daemon:
     def start(self, wait=True):
         with open(os.path.join(self.directory, 'log'), 'a', encoding='utf-8') as log:
             self.process = subprocess.Popen(
-                self.namespace.command(PROGRAM, '--config', self.config_file,
+                self.namespace.command(*self.wrapper, PROGRAM, '--config', self.config_file,
                                        '--run-dir', os.path.join(self.directory, 'run'),
                                        '--state-dir', os.path.join(self.directory, 'state'),
                                        *self.arguments),

@@ -8,7 +8,9 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -312,6 +314,40 @@ TEST_F(ProgramTest, NoTablesAreLeftBehindByAProcessThatFails) {
   }
   EXPECT_EQ(status, 0);
   EXPECT_GE(refusals.size(), 7U);
+}
+
+TEST_F(ProgramTest, SaysOnceWhichTablesAreFull) {
+  if (runShell("unshare -m true").status != 0) {
+    GTEST_SKIP() << "only root may give itself a small /dev/shm";
+  }
+  const std::string input = testing::TempDir() + name + ".jsonl";
+  {
+    std::ofstream events(input);
+    events << "{\"op\":\"fec\",\"id\":1,\"family\":4,\"vias\":[{\"intf\":\"Ethernet1\"}]}\n"
+              "{\"op\":\"route\",\"prefix\":\"10.0.0.0/8\",\"fec\":1}\n"
+              "{\"op\":\"initialized\",\"value\":true}\n";
+    for (int n = 0; n < 15000; ++n) {
+      events << "{\"op\":\"neighbor\",\"intf\":\"Ethernet1\",\"ip\":\"10.1." << n / 250 << '.'
+             << n % 250 + 1 << "\"}\n";
+    }
+  }
+  const auto full =
+      runShell("unshare -m sh -c 'mount -t tmpfs -o size=600k none /dev/shm && " HOSTROUTE_PROGRAM
+               " replay --no-final-dump --shared " +
+               name + " " + input + "'");
+  ::unlink(input.c_str());
+  EXPECT_EQ(full.status, 1);
+  std::map<std::string, int> told;
+  std::istringstream lines(full.text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("hostroute: ")) ++told[line.substr(0, line.find("\" cannot") + 1)];
+  }
+  EXPECT_EQ(told["hostroute: Tovan table \"" + name + ".default.route4\""] +
+                told["hostroute: Tovan table \"" + name + ".fec4\""],
+            2)
+      << full.text;
+  for (const auto& [table, times] : told) EXPECT_LE(times, 1) << table;
+  EXPECT_NE(full.text.find("No space left on device: it has "), std::string::npos) << full.text;
 }
 
 TEST_F(ProgramTest, WaitsUntilTheTablesAreReady) {

@@ -1,0 +1,131 @@
+// Any bytes as a shared table: a reader refuses or reads it, the next writer refuses or repairs it
+// and then keeps what it is given. (A checksum can be forged: what was read may be anything.)
+//
+// The input either is the file, or says what to change in that of a good table: four bytes for the
+// place and one for the byte that is to stand there.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/kiv/Hash.h"
+#include "platform/tovan/TovanMap.h"
+
+namespace {
+
+using Value = std::array<uint64_t, 2>;
+using Map = Tovan::TovanMap<uint64_t, Value>;
+
+constexpr uint64_t kEntries = 120;
+constexpr size_t kTop = 4096;
+constexpr size_t kPages = kTop + (size_t{8} << 19);
+constexpr size_t kDirectory = 256;
+const std::string name = "fuzz" + std::to_string(::getpid());
+
+Value valueOf(uint64_t key) {
+  return {key * 3, ~key};
+}
+Tovan::TableConfig config(Tovan::Access access) {
+  return {.access = access, .name = name, .layout = "fuzz/1"};
+}
+int openFile(int how) {
+  return ::shm_open(("/hostroute-" + name).c_str(), how, 0600);
+}
+
+/// What is read of a file: its top, the used part of its directory, its pages.
+std::vector<uint8_t> goodTable() {
+  {
+    Map table(config(Tovan::Access::Write));
+    for (uint64_t key = 0; key < kEntries; ++key) table.set(key, valueOf(key));
+    for (uint64_t key = 0; key < kEntries; key += 3) table.erase(key);
+  }
+  const int fd = openFile(O_RDONLY);
+  const auto size = static_cast<size_t>(::lseek(fd, 0, SEEK_END));
+  std::vector<uint8_t> bytes(kTop + kDirectory + size - kPages);
+  const auto read = [&](size_t at, size_t count, size_t from) {
+    if (::pread(fd, &bytes[at], count, static_cast<off_t>(from)) < 0) std::abort();
+  };
+  read(0, kTop + kDirectory, 0);
+  read(kTop + kDirectory, size - kPages, kPages);
+  ::close(fd);
+  return bytes;
+}
+
+void writeFile(const std::vector<uint8_t>& bytes) {
+  const int fd = openFile(O_RDWR | O_CREAT | O_TRUNC);
+  const auto write = [&](size_t at, size_t count, size_t to) {
+    if (count != 0 && ::pwrite(fd, &bytes[at], count, static_cast<off_t>(to)) < 0) std::abort();
+  };
+  const size_t head = std::min(bytes.size(), kTop + kDirectory);
+  write(0, head, 0);
+  write(head, bytes.size() - head, kPages);
+  ::close(fd);
+}
+
+void readAll(const Map& table) {
+  for (uint64_t key = 0; key < kEntries + 4; ++key) {
+    try {
+      table.get(key);
+    } catch (const Tovan::CorruptionDetectedException&) {
+    }
+  }
+  try {
+    table.forEachSound([](const Map::Item&) {}, [](const std::string&) {});
+  } catch (const Tovan::CorruptionDetectedException&) {
+  }
+  try {
+    table.keys();
+  } catch (const Tovan::CorruptionDetectedException&) {
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  Kiv::hashSeedIs({.add = 0x9E3779B97F4A7C15, .multiply = 0xD6E8FEB86659FD93});
+  std::atexit([] { Tovan::removeTablesOf(name); });
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const std::vector<uint8_t> good = goodTable();
+  if (size == 0) return 0;
+  const bool changesGood = data[0] % 2 == 0;
+  std::vector<uint8_t> bytes(data + 1, data + size);
+  if (changesGood) {
+    constexpr size_t kChange = 5;
+    bytes = good;
+    for (size_t at = 1; at + kChange <= size; at += kChange) {
+      uint32_t place = 0;
+      std::memcpy(&place, data + at, sizeof(place));
+      bytes[place % bytes.size()] = data[at + sizeof(place)];
+    }
+  }
+  writeFile(bytes);
+  try {
+    readAll(Map(config(Tovan::Access::Read)));
+  } catch (const Tovan::OpenException&) {
+  }
+  try {
+    Map table(config(Tovan::Access::Write));
+    readAll(table);
+    for (uint64_t key = 0; key < kEntries; ++key) table.set(key, valueOf(key));
+    for (uint64_t key = 0; key < kEntries; ++key) {
+      if (table.get(key) != valueOf(key)) std::abort();
+    }
+    table.clear();
+    if (table.size() != 0 || table.validate() != 0) std::abort();
+  } catch (const Tovan::OpenException&) {
+  } catch (const Tovan::NoSpaceException&) {
+    // A depth that only a larger table than is possible can have.
+  }
+  return 0;
+}
