@@ -14,7 +14,7 @@ namespace Daemon {
 
 namespace {
 
-using Kind = CounterInfo::Kind;
+using InfoKind = CounterInfo::Kind;
 
 // The rows of the table, by what fills them.
 enum class Row : size_t {
@@ -31,29 +31,29 @@ enum class Row : size_t {
 };
 
 constexpr CounterInfo kInfos[] = {
-    {"events", "kind", Kind::Counter,
+    {"events", "kind", InfoKind::Counter,
      "Events that reached the machine, by what they were. A neighbour on an interface through "
      "which "
      "no route of the VRF leaves does not reach it."},
-    {"neighbors_refused", "reason", Kind::Counter,
+    {"neighbors_refused", "reason", InfoKind::Counter,
      "Neighbours that got no host route when they were looked up, by the reason. One that is "
      "looked "
      "up again counts again."},
-    {"repairs", "", Kind::Counter, "Neighbours that were filed under a FIB route."},
-    {"merges", "", Kind::Counter,
+    {"repairs", "", InfoKind::Counter, "Neighbours that were filed under a FIB route."},
+    {"merges", "", InfoKind::Counter,
      "Addresses for which it was settled which host route wins. A merge that could change nothing "
      "is spared, and not counted."},
-    {"exceptions", "", Kind::Counter,
+    {"exceptions", "", InfoKind::Counter,
      "Events that the machine could not handle to the end. Any but 0 is a fault worth a report."},
-    {"host_routes", "type", Kind::Gauge, "Host routes in the route table, by their type."},
-    {"neighbor_routes", "", Kind::Gauge,
+    {"host_routes", "type", InfoKind::Gauge, "Host routes in the route table, by their type."},
+    {"neighbor_routes", "", InfoKind::Gauge,
      "Neighbours that have a host route, whether or not it wins."},
-    {"own_addresses", "", Kind::Gauge,
+    {"own_addresses", "", InfoKind::Gauge,
      "Addresses for which receive routes are kept: the router\'s own, and the network and "
      "broadcast "
      "addresses of its IPv4 subnets."},
-    {"tracked_routes", "", Kind::Gauge, "FIB routes that the machine follows."},
-    {"deferred_merges", "", Kind::Gauge,
+    {"tracked_routes", "", InfoKind::Gauge, "FIB routes that the machine follows."},
+    {"deferred_merges", "", InfoKind::Gauge,
      "Addresses that wait to be merged until the VRF is initialized."},
 };
 
