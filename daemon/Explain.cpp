@@ -413,9 +413,9 @@ class Explainer {
       case Lack::Cover:
         return "no FIB route covers the address";
       case Lack::Record:
-        return prefix + " covers the address, but has no route any more";
+        return prefix + ", which covers it, has no route any more";
       case Lack::Fec:
-        return prefix + " covers the address, but has no FEC";
+        return prefix + ", which covers it, has no FEC";
       case Lack::Interface:
         return prefix + " " + leavesText(cover, neighbor.coverVias);
       case Lack::DirectVia:
@@ -528,7 +528,7 @@ class Explainer {
     const std::string on = "neighbour on " + intf;
     const std::string why = whyNot(*best);
     const std::string direct = directIntfOf(*best);
-    const std::string through = " that leaves through " + intf + " without a gateway";
+    const std::string through = " leaves through " + intf + " without a gateway";
     Missing missing{.text = on + ", but " + why,
                     .vrf = vrf_,
                     .intf = intf,
@@ -543,16 +543,16 @@ class Explainer {
         break;
       case Lack::DirectVia:
         missing.kind = Missing::Kind::DirectVia;
-        missing.mend = "a route that covers " + result_.address + through;
+        missing.mend = "a route that covers " + result_.address + " and" + through;
         break;
       case Lack::Interface:
         missing.kind = Missing::Kind::OtherInterface;
-        missing.mend = "a route that covers " + result_.address + through;
+        missing.mend = "a route that covers " + result_.address + " and" + through;
         if (!direct.empty()) missing.mend = "the neighbour on " + direct + ", or " + missing.mend;
         break;
       case Lack::Fec:
         missing.kind = Missing::Kind::CoverFec;
-        missing.mend = "a FEC of " + missing.prefix + through;
+        missing.mend = "a FEC of " + missing.prefix + " that" + through;
         break;
       case Lack::Record:
         missing.kind = Missing::Kind::CoverRecord;
@@ -560,7 +560,7 @@ class Explainer {
         break;
       default:
         missing.kind = Missing::Kind::Cover;
-        missing.mend = "a FIB route that covers " + result_.address + through;
+        missing.mend = "a FIB route that covers " + result_.address + " and" + through;
     }
     return missing;
   }
@@ -735,8 +735,11 @@ std::string toText(const Explanation& explanation) {
     row("wins", std::string(labelOf(*explanation.winner)) + ": " + explanation.winner->reason);
   }
   for (const Candidate& loser : explanation.losers) {
-    row("loses",
-        std::string(labelOf(loser)) + " through " + textOf(loser.vias) + ": " + loser.reason);
+    const auto& missing = explanation.missing;
+    if (missing && missing->text.find(loser.reason) != std::string::npos) continue;  // told there
+    row("loses", std::string(labelOf(loser)) +
+                     (loser.vias.empty() ? "" : " through " + textOf(loser.vias)) + ": " +
+                     loser.reason);
   }
   if (explanation.missing) {
     row("missing", explanation.missing->text);

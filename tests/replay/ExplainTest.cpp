@@ -365,7 +365,7 @@ TEST_P(HistoryTest, TellsEachChangeOnceWithItsCause) {
 }
 
 const auto kSeeds =
-    testing::Combine(testing::Range<uint64_t>(1, 4), testing::Values("small", "crowded", "apart"));
+    testing::Combine(testing::Range<uint64_t>(1, 3), testing::Values("small", "crowded", "apart"));
 INSTANTIATE_TEST_SUITE_P(Seeds, VerdictTest, kSeeds);
 INSTANTIATE_TEST_SUITE_P(Seeds, MendTest, kSeeds);
 INSTANTIATE_TEST_SUITE_P(Seeds, HistoryTest, kSeeds);
