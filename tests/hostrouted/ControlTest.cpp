@@ -227,7 +227,8 @@ class RecordingTest : public testing::Test {
     std::set<std::string> routes;
     std::istringstream in(dumps);
     for (std::string line; std::getline(in, line);) {
-      for (auto route : json::parse(line)["dump"]["routeTable"]) {
+      const auto dump = json::parse(line).at("dump");
+      for (auto route : dump.at("routeTable")) {
         route.erase("fec");
         routes.insert(route.dump());
       }
