@@ -196,9 +196,12 @@ class Listening {
     return intfs;
   }
   void intfsAre(FecId fecId, const Kiv::SmallVector<Zemit::IntfId>& intfs) {
-    const auto former = std::exchange(interest_.fecs.find(fecId)->intfs, intfs);
+    // What may fail for lack of memory comes before the counts. One of 0 does no harm.
+    for (const Zemit::IntfId intf : intfs) interest_.intfs.tryEmplace(intf);
+    Kiv::SmallVector<Zemit::IntfId> copy = intfs;
+    const auto former = std::exchange(interest_.fecs.find(fecId)->intfs, std::move(copy));
     for (const Zemit::IntfId intf : intfs) {
-      if (++*interest_.intfs.tryEmplace(intf).first == 1) review(intf);
+      if (++*interest_.intfs.find(intf) == 1) review(intf);
     }
     for (const Zemit::IntfId intf : former) {
       if (--*interest_.intfs.find(intf) != 0) continue;

@@ -17,6 +17,9 @@ ShortMemory::ShortMemory(size_t count) {
 ShortMemory::~ShortMemory() {
   allocationsLeft = 0;
 }
+bool ShortMemory::hasRunOut() const {
+  return allocationsLeft == 0;
+}
 
 }  // namespace Sample
 

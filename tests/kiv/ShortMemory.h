@@ -12,6 +12,8 @@ class ShortMemory {
   ShortMemory(const ShortMemory&) = delete;
   ShortMemory& operator=(const ShortMemory&) = delete;
   ~ShortMemory();
+  /// Whether the allocation that fails has been made.
+  bool hasRunOut() const;
 };
 
 }  // namespace Sample

@@ -1,0 +1,171 @@
+// Memory that runs out in the middle of events, and comes back.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "daemon/Switch.h"
+#include "platform/kiv/Exception.h"
+#include "platform/tovan/Reports.h"
+#include "replay/Output.h"
+#include "replay/Player.h"
+#include "replay/ShownRoute.h"
+#include "tests/replay/Invariants.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+/// While one stands, no file of this process grows beyond `bytes`: shared tables run full.
+class SmallFiles {
+ public:
+  explicit SmallFiles(rlim_t bytes) : action_(std::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &former_);
+    const rlimit limit{.rlim_cur = bytes, .rlim_max = former_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  SmallFiles(const SmallFiles&) = delete;
+  SmallFiles& operator=(const SmallFiles&) = delete;
+  ~SmallFiles() {
+    ::setrlimit(RLIMIT_FSIZE, &former_);
+    std::signal(SIGXFSZ, action_);
+  }
+
+ private:
+  rlimit former_{};
+  void (*action_)(int);
+};
+
+/// A switch that goes on when an event fails, as the daemon does.
+class Engine {
+ public:
+  explicit Engine(const std::string& sharedName = {})
+      : sw({.settles = true, .sharedName = sharedName}), player_(sw, *output_, {}) {}
+
+  /// Returns how many of the events failed.
+  size_t play(const Lines& lines) {
+    size_t failures = 0;
+    for (const std::string& line : lines) {
+      try {
+        player_.apply(line);
+        failures += !player_.takeFailures().empty();
+      } catch (const Pindo::Exception&) {
+        ++failures;
+      } catch (const std::bad_alloc&) {
+        ++failures;
+      }
+    }
+    return failures;
+  }
+  /// The routes in the tables, with their next hops.
+  std::string state() const {
+    std::string text;
+    for (const auto& [name, vrf] : sw.vrfs()) {
+      Daemon::forEachFamily([&, &named = vrf](auto family) {
+        using F = decltype(family);
+        const auto& routing = named.routing<F>();
+        const auto& forwarding = *sw.shared<F>().forwarding;
+        for (auto shown : Replay::shownRoutes<F>(*routing.routeStatus, forwarding,
+                                                 [](const auto&) { return true; })) {
+          // An adjacency's number depends on which were there before.
+          if (shown.route.fecId >= F::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
+          text += Replay::routeJson<F>(shown).text() + "\n";
+        }
+      });
+    }
+    return text;
+  }
+
+ private:
+  std::ostringstream printed_;
+  std::unique_ptr<Replay::Output> output_ = Replay::jsonOutput(printed_);
+
+ public:
+  Daemon::Switch sw;
+
+ private:
+  Replay::Player player_;
+};
+
+std::string neighbor(uint32_t n, bool present = true) {
+  return R"({"op":"neighbor","intf":"Ethernet1","ip":"10.0.)" + std::to_string(n / 200) + "." +
+         std::to_string(n % 200 + 1) + R"(","present":)" + (present ? "true}" : "false}");
+}
+std::string neighbor6(uint32_t n) {
+  std::ostringstream text;
+  text << R"({"op":"neighbor","intf":"Ethernet1","ip":"2001:db8::)" << std::hex << n + 1 << "\"}";
+  return text.str();
+}
+
+const Lines kSubnets = {
+    R"({"op":"intf","name":"Ethernet1"})",
+    R"({"op":"addr","intf":"Ethernet1","addr":"10.0.255.254/16"})",
+    R"({"op":"initialized","value":true})",
+    R"({"op":"ribReady","value":true})",
+    R"({"op":"fec","id":1,"family":4,"vias":[{"intf":"Ethernet1"}]})",
+    R"({"op":"fec","id":2,"family":6,"vias":[{"intf":"Ethernet1"}]})",
+    R"({"op":"route","prefix":"10.0.0.0/16","fec":1})",
+    R"({"op":"route","prefix":"2001:db8::/64","fec":2})",
+};
+
+class ExhaustionTest : public testing::Test {
+ protected:
+  const std::string name = "exhaustion-test-" + std::to_string(::getpid());
+};
+
+TEST_F(ExhaustionTest, ASwitchIsWholeAfterRoomWasMade) {
+  constexpr uint32_t kNeighbors = 1500;
+  constexpr rlim_t kBytes = 4198400 + (60 << 10);
+  Lines inputs = kSubnets;
+  for (uint32_t n = 0; n < kNeighbors; ++n) {
+    inputs.push_back(neighbor(n));
+    if (n % 4 == 0) inputs.push_back(neighbor6(n));
+  }
+  for (uint32_t n = 0; n < 40; ++n) {
+    inputs.push_back(R"({"op":"route","prefix":"10.1.)" + std::to_string(n) + R"(.0/24","fec":1})");
+  }
+  Lines departures;
+  for (uint32_t n = 0; n < kNeighbors; n += 3) departures.push_back(neighbor(n, false));
+  Lines left;
+  for (const std::string& line : inputs) {
+    const std::string gone = line.substr(0, line.find(R"(,"present")"));
+    const bool leaves = std::any_of(departures.begin(), departures.end(), [&](const auto& other) {
+      return other.starts_with(gone + ",\"present\"");
+    });
+    if (!leaves) left.push_back(line);
+  }
+
+  Engine whole;
+  EXPECT_EQ(whole.play(inputs), 0U);
+  Engine full(name);
+  const uint64_t refusals = Tovan::refusalCount();
+  {
+    const SmallFiles memory(kBytes);
+    EXPECT_GT(full.play(inputs), kNeighbors / 10);
+    EXPECT_GT(Tovan::refusalCount(), refusals);
+    EXPECT_FALSE(full.sw.tendTables());
+    full.play(departures);
+  }
+  const auto reports = Tovan::tableReports();
+  EXPECT_TRUE(std::any_of(reports.begin(), reports.end(), [&](const auto& report) {
+    return report.table.starts_with(name + ".") && report.refusals != 0 && report.bytes > 20 << 10;
+  }));
+  whole.play(departures);
+  EXPECT_NE(full.state(), whole.state());
+
+  EXPECT_TRUE(full.sw.tendTables());
+  EXPECT_EQ(full.play(left), 0U);
+  full.sw.redo();
+  EXPECT_EQ(full.state(), whole.state());
+  checkInvariants(full.sw);
+}
+
+}  // namespace
