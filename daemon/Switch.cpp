@@ -151,7 +151,8 @@ void Switch::redo(const HostRouting<F>& routing) {
   };
   const RootTables<F> own(*routing.root);
   routing.routeStatus->forEachRoute(add);
-  for (const auto& table : {own.neighbors, own.received, routing.hostStatus}) table->forEachRoute(add);
+  for (const auto& table : {own.neighbors, own.received, routing.hostStatus})
+    table->forEachRoute(add);
   machine->doMerge(addrs);
   const std::vector<typename F::RouteStatus::PtrConst> routeTables{routing.routeStatus};
   routing.adjHelper->validate(routeTables, std::vector{own.neighbors, own.received});

@@ -23,7 +23,8 @@ struct ProcessStatus {
 
 /// The daemon's state: phase, whether it is ready and why not, configuration, VRFs, counts,
 /// counters, the shared tables that were found damaged or could not grow, and the host routes that
-/// are not in the kernel as they should be, with the reason of each (at most kMostProblems of them).
+/// are not in the kernel as they should be, with the reason of each (at most kMostProblems of
+/// them).
 nlohmann::ordered_json status(const Router& router, const ProcessStatus& process);
 /// Why the routes may not be what they should be; nothing when all is well.
 std::vector<std::string> warnings(const Router& router, const ProcessStatus& process);

@@ -14,9 +14,9 @@ class KIV_EXPORT CorruptionDetectedException : public Pindo::Exception {
   using Pindo::Exception::Exception;
 };
 
-/// What was to be read is being changed, and still was after a quarter of a second, or changed again
-/// and again while it was read. The writer is alive, but busy or stopped. Nothing is known to be
-/// damaged: try later.
+/// What was to be read is being changed, and still was after a quarter of a second, or changed
+/// again and again while it was read. The writer is alive, but busy or stopped. Nothing is known to
+/// be damaged: try later.
 class KIV_EXPORT BusyException : public Kiv::Exception {
  public:
   using Kiv::Exception::Exception;

@@ -252,7 +252,7 @@ std::string complaintOfAny() {
 // A model that finds nothing where an order is missing would be worth nothing. What the others are
 // for, docs/tables.md says.
 TEST(WeakOrderTest, AMissingOrderIsNoticed) {
-  const std::set<std::string> noticeable{"write",  "read",   "setState",
+  const std::set<std::string> noticeable{"write",  "read",     "setState",
                                          "repair", "headerIs", "noteChange"};
   std::set<std::string> known;
   for (const Scenario& scenario : kScenarios) scenario.run(1);  // makes the sites known
