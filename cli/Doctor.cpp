@@ -264,6 +264,7 @@ class Examination {
   }
 
   void checkFrr() {
+    if (!machine_.frrRuns.value_or(true)) return;
     const auto text = readText(machine_.root / "etc/frr/frr.conf");
     if (!text) return;
     const auto config = withoutComments(*text, "!#");
@@ -293,6 +294,7 @@ class Examination {
   }
 
   void checkBird() {
+    if (!machine_.birdRuns.value_or(true)) return;
     auto text = readText(machine_.root / "etc/bird/bird.conf");
     if (!text) text = readText(machine_.root / "etc/bird.conf");
     if (!text) return;

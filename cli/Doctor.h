@@ -25,6 +25,8 @@ struct Machine {
   std::vector<Linux::Route> routes;
   std::vector<Linux::Link> links;
   std::optional<bool> isClockSynchronised;
+  std::optional<bool> frrRuns;  ///< where it does not, its configuration says nothing
+  std::optional<bool> birdRuns;
 };
 
 /// Something that was found.

@@ -3,10 +3,14 @@
 
 #include <sys/timex.h>
 
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "cli/Command.h"
@@ -122,6 +126,17 @@ void print(const Options& options, const std::vector<Advice>& advice, bool hasDa
   }
 }
 
+/// Whether a process of this name runs here.
+bool runs(std::string_view name) {
+  std::error_code problem;
+  for (const auto& process : std::filesystem::directory_iterator("/proc", problem)) {
+    std::ifstream file(process.path() / "comm");
+    std::string command;
+    if (std::getline(file, command) && command == name) return true;
+  }
+  return false;
+}
+
 int examineMachine(const Options& options) {
   Machine machine;
   machine.root = options.root;
@@ -134,6 +149,8 @@ int examineMachine(const Options& options) {
   if (options.protocol) machine.protocol = static_cast<uint8_t>(*options.protocol);
   if (isHere) {
     askKernel(machine, patterns);
+    machine.frrRuns = runs("zebra");
+    machine.birdRuns = runs("bird");
     struct timex clock {};
     const int state = ::adjtimex(&clock);
     if (state >= 0) machine.isClockSynchronised = (clock.status & STA_UNSYNC) == 0;

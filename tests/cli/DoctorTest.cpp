@@ -139,6 +139,9 @@ TEST_F(DoctorTest, TablesAndTheProtocolBelongToNobodyElse) {
 
 TEST_F(DoctorTest, FrrHasToImportAndRedistributeTheTables) {
   write("etc/frr/frr.conf", "! ip import-table 10\nrouter bgp 65001\n");
+  machine.frrRuns = false;
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+  machine.frrRuns = true;
   std::map<std::string, int> found;
   for (const auto& advice : examine(machine)) ++found[advice.what];
   EXPECT_EQ(found.size(), 3U);
