@@ -96,7 +96,7 @@ class _State(ctypes.Structure):
 
 def _load():
     path = os.environ.get("HOSTROUTE_PLATFORM") or ctypes.util.find_library("hostroute_platform")
-    library = ctypes.CDLL(path or "libhostroute_platform.so.0")
+    library = ctypes.CDLL(path or "libhostroute_platform.so.1")
     handle, text = ctypes.c_void_p, ctypes.c_char_p
     for name, result, *arguments in (
         ("open", ctypes.c_int, text, text, ctypes.c_int, ctypes.POINTER(handle), text, ctypes.c_size_t),
