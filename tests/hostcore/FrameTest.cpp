@@ -333,6 +333,7 @@ struct Handlers {
   void handleFec() {}
   void reportException(const Kiv::Notifiee&, Kiv::AttributeId) const noexcept {}
   void missed() { ++timesMissed; }
+  static uint32_t tracedLevels() noexcept { return 0; }
   size_t timesMissed = 0;
   std::vector<Tovan::Fib::FecId> handled;
 };
