@@ -14,6 +14,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/Command.h"
+#include "replay/Json.h"
 
 namespace Cli {
 namespace {
@@ -57,6 +58,16 @@ void ControlClient::fail(const std::string& what) const {
   throw CommandError(place_, path_ + ": " + what, kFailed);
 }
 
+namespace {
+
+/// A line of the answer; discarded where it is not JSON that one may read.
+Json parsed(const std::string& line) {
+  if (Replay::nestsTooDeep(line)) return Json(Json::value_t::discarded);
+  return Json::parse(line, nullptr, false);
+}
+
+}  // namespace
+
 Json ControlClient::ask(Json request) {
   request["version"] = kVersion;
   const auto line = request.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
@@ -67,16 +78,16 @@ Json ControlClient::ask(Json request) {
     if (size < 0 && errno != EINTR) fail(std::strerror(errno));
     if (size > 0) sent += static_cast<size_t>(size);
   }
-  auto reply = Json::parse(readLine(false), nullptr, false);
+  auto reply = parsed(readLine(false));
   if (!reply.is_object() || !reply.contains("ok")) fail("the answer is not understood");
   if (reply["ok"] == true) return reply;
   const auto why = reply.value("error", std::string("the daemon refuses"));
-  throw CommandError(place_, why, kFailed);
+  throw CommandError(place_, why, reply.value("malformed", false) ? kMisused : kFailed);
 }
 
 std::optional<Json> ControlClient::next(bool waits) {
-  auto line = Json::parse(readLine(waits), nullptr, false);
-  if (line.is_discarded()) fail("the answer is not understood");
+  auto line = parsed(readLine(waits));
+  if (!line.is_object()) fail("the answer is not understood");
   if (line.is_object() && line.contains("end")) return std::nullopt;
   return line;
 }

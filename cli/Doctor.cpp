@@ -30,7 +30,8 @@ std::string withoutComments(const std::string& text, std::string_view signs) {
   std::string result;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    result += line.substr(0, line.find_first_of(signs)) + "\n";
+    line.resize(std::min(line.size(), line.find_first_of(signs)));
+    if (line.find_first_not_of(" \t\r") != line.npos) result += line + "\n";
   }
   return result;
 }
@@ -270,11 +271,11 @@ class Examination {
     const auto config = withoutComments(*text, "!#");
     const auto table = std::to_string(machine_.table4);
     if (machine_.table4 != 0 && machine_.table4 != RT_TABLE_MAIN) {
-      if (!matches(config, "^\\s*ip import-table " + table + "\\b")) {
+      if (!matches(config, "^[ \\t]*ip import-table " + table + "\\b")) {
         add(Weight::Error, "FRR", "FRR does not import table " + table + ": no host is advertised",
             "vtysh -c 'configure' -c 'ip import-table " + table + "' -c 'end' -c 'write'");
       }
-      if (!matches(config, "^\\s*redistribute table " + table + "\\b")) {
+      if (!matches(config, "^[ \\t]*redistribute table " + table + "\\b")) {
         add(Weight::Warning, "FRR",
             "no routing protocol of FRR redistributes table " + table + " (IPv4 hosts)",
             "in the router's configuration: redistribute table " + table);
@@ -286,7 +287,7 @@ class Examination {
           "FRR imports no IPv6 table but main, and IPv6 hosts are written to table " +
               std::to_string(machine_.table6),
           "export.table6 = 254 in hostrouted.toml, and redistribute kernel in FRR");
-    } else if (!matches(config, "^\\s*redistribute kernel\\b")) {
+    } else if (!matches(config, "^[ \\t]*redistribute kernel\\b")) {
       add(Weight::Warning, "FRR",
           "FRR does not redistribute the kernel's routes: no IPv6 host is advertised",
           "in the router's IPv6 configuration: redistribute kernel route-map HOSTS");

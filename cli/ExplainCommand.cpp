@@ -1,6 +1,7 @@
 #include "cli/ExplainCommand.h"
 
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -73,7 +74,7 @@ void addExplainCommand(CLI::App& app, int& exitCode, ExplainLive live) {
   if (!live) replay->required();
   command->add_option("--at", options->line, "After this line of them, not at their end")
       ->type_name("LINE")
-      ->check(CLI::PositiveNumber)
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->needs(replay);
   command
       ->add_flag("--settle", options->settles,

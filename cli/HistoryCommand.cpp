@@ -2,6 +2,7 @@
 
 #include <deque>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <utility>
 
@@ -104,11 +105,11 @@ void addHistoryCommand(CLI::App& app, int& exitCode, HistoryLive live) {
   if (!live) replay->required();
   command->add_option("--at", options->line, "Up to this line of them, not to their end")
       ->type_name("LINE")
-      ->check(CLI::PositiveNumber)
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
       ->needs(replay);
   command->add_option("--last", options->last, "Only so many changes, the newest")
       ->type_name("COUNT")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
   command
       ->add_flag("--settle", options->settles,
                  "Replay as a daemon does: after each route and FEC, announce the neighbours "

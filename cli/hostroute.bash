@@ -16,9 +16,11 @@ _hostroute_names() {
 }
 
 _hostroute() {
-  local word=${COMP_WORDS[COMP_CWORD]} options
+  local word=${COMP_WORDS[COMP_CWORD]} words=("${COMP_WORDS[@]}") cword=$COMP_CWORD options
+  # An IPv6 address has colons, at which bash ends words.
+  declare -F _get_comp_words_by_ref > /dev/null && _get_comp_words_by_ref -n : -c word -w words -i cword
   COMPREPLY=()
-  case ${COMP_WORDS[COMP_CWORD - 1]} in
+  case ${words[cword - 1]} in
     --shared | --wait | --for | --key | --at | --last | --size | --files | --protocol | --table6) return ;;
     --vrf) mapfile -t COMPREPLY < <(compgen -W "$(_hostroute_names vrfs "$word")" -- "$word") && return ;;
     --intf | --interfaces)
@@ -34,8 +36,8 @@ _hostroute() {
       ;;
     --dir | --root) mapfile -t COMPREPLY < <(compgen -d -- "$word") && return ;;
   esac
-  case ${COMP_CWORD}${COMP_WORDS[1]} in
-    1*) options="status explain history monitor routes neighbors counters metrics doctor log-level trace
+  case ${cword}:${words[1]} in
+    1:*) options="status explain history monitor routes neighbors counters metrics doctor log-level trace
       record resync reload dump anonymize replay diff import shell types --version --help" ;;
     *replay) options="--json --json-lines --trace --echo --settle --no-final-dump --shared --hold
       --help" ;;
@@ -58,14 +60,13 @@ _hostroute() {
     *log-level) options="error warning notice info debug --json --socket --help" ;;
     *trace) options="--vrf --levels --for --json --socket --help
       $(_hostroute_names prefixes "$word" | sed -nE 's/\/(32|128)$//p')" ;;
-    2record) options="start stop --help" ;;
+    2:record) options="start stop --help" ;;
     *record) options="--size --files --json --socket --help" ;;
     *anonymize) options="--key --help" ;;
     *status | *resync | *reload) options="--json --socket --help" ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "${options:-}" -- "$word")
   [ ${#COMPREPLY[@]} -gt 0 ] || mapfile -t COMPREPLY < <(compgen -f -- "$word")
-  # An IPv6 address has colons, at which bash ends words.
   declare -F __ltrim_colon_completions > /dev/null && __ltrim_colon_completions "$word"
 }
 complete -o filenames -F _hostroute hostroute

@@ -113,10 +113,11 @@ _hostroute() {
       ;;
     explain | history)
       local -a only
-      [[ $command == history ]] && only=('--last[only so many changes]:count:')
+      local what=_hostroute_addresses
+      [[ $command == history ]] && only=('--last[only so many changes]:count:') what=_hostroute_prefixes
       _arguments $only '--replay[in these recorded inputs]:recording:_files' \
         '--at[after this line of them]:line:' '--settle[replay as a daemon does]' \
-        '--vrf[in this VRF]:VRF:_hostroute_vrfs' $live '1:address or prefix:_hostroute_addresses'
+        '--vrf[in this VRF]:VRF:_hostroute_vrfs' $live "1:address or prefix:$what"
       ;;
     import)
       _arguments '--dir[directory of the documents]:directory:_files -/' \

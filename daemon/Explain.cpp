@@ -270,6 +270,14 @@ class Explainer {
            (fec == 0 ? "" : " (FEC " + std::to_string(fec) + ")");
   }
 
+  /// What is expected in the route table, without the number of a host table's adjacency, which is
+  /// no FEC.
+  auto shownExpected() const {
+    auto shown = *state_.expected;
+    shown.route.fecId = candidate(shown, state_.source).fec;
+    return shown;
+  }
+
   void findRouteTable() {
     if (!state_.inTable) {
       add(Finding::Kind::RouteTable, "no route");
@@ -310,7 +318,7 @@ class Explainer {
     if (!state_.isSettled) {
       const std::string when = state_.isInitialized ? " when the address is merged again"
                                                     : " once " + name() + " is initialized";
-      result_.pending = isExpected ? inTableText(*state_.expected) + " is written" + when
+      result_.pending = isExpected ? inTableText(shownExpected()) + " is written" + when
                                    : "the route goes" + when;
     }
     if (state_.isSettled && isExpected) {
@@ -565,12 +573,20 @@ class Explainer {
     return missing;
   }
 
+  std::string whyNoNeighbor() const {
+    const std::string own =
+        state_.ownAddress
+            ? "it is the router's own address, whose receive route is in receiveTable "
+              "alone, and "
+            : "";
+    return own + (state_.neighbors.empty() ? "it is a neighbour on no interface"
+                                           : "it is a neighbour on management ports only");
+  }
   Missing missingNeighbor() const {
     const auto& cover = state_.cover;
     const std::string direct = directIntfOf(cover);
     Missing missing{.kind = Missing::Kind::Neighbor,
-                    .text = state_.neighbors.empty() ? "it is a neighbour on no interface"
-                                                     : "it is a neighbour on management ports only",
+                    .text = whyNoNeighbor(),
                     .vrf = vrf_,
                     .intf = direct,
                     .prefix = isNull(cover.cover.key) ? "" : toString(cover.cover.key),

@@ -35,6 +35,12 @@ class RequestError : public std::runtime_error {
   using runtime_error::runtime_error;
 };
 
+/// What was asked for means nothing here: the user has mistyped it.
+class Malformed : public RequestError {
+ public:
+  using RequestError::RequestError;
+};
+
 /// The first line of a reply: all is well. What `members` has comes behind that.
 std::string success(const Json& members = Json::object()) {
   Json reply{{"version", kControlVersion}, {"ok", true}};
@@ -73,7 +79,7 @@ class Request {
   }
   std::string requiredText(const char* field) const {
     auto value = text(field);
-    if (!value) throw RequestError("\"" + std::string(field) + "\" is missing");
+    if (!value) throw Malformed("\"" + std::string(field) + "\" is missing");
     return *std::move(value);
   }
   std::optional<uint64_t> number(const char* field, uint64_t min, uint64_t max) const {
@@ -86,7 +92,7 @@ class Request {
     return found->get<uint64_t>();
   }
   [[noreturn]] static void refuse(const char* field, const std::string& expected) {
-    throw RequestError("\"" + std::string(field) + "\" is not " + expected);
+    throw Malformed("\"" + std::string(field) + "\" is not " + expected);
   }
 
  private:
@@ -130,8 +136,10 @@ void Feedline::take(std::string& out) {
   if (lost_ != 0) out += toLine({{"lost", std::exchange(lost_, 0)}});
 }
 
-std::string Control::refusal(std::string_view why) {
-  return toLine({{"version", kControlVersion}, {"ok", false}, {"error", why}});
+std::string Control::refusal(std::string_view why, bool isMalformed) {
+  Json reply{{"version", kControlVersion}, {"ok", false}, {"error", why}};
+  if (isMalformed) reply["malformed"] = true;
+  return toLine(reply);
 }
 
 class Control::Work {
@@ -290,8 +298,12 @@ Reply Control::Work::handle(std::string_view line, const Peer& peer) {
       throw RequestError("only root, the daemon's user and the admin group may ask for " + name);
     }
     return (this->*kind->answer)(request, peer);
+  } catch (const Malformed& error) {
+    return {refusal(error.what(), true), {}, {}};
   } catch (const RequestError& error) {
     return {refusal(error.what()), {}, {}};
+  } catch (const Kiv::RangeException& error) {
+    return {refusal(error.what(), true), {}, {}};
   } catch (const Pindo::Exception& error) {
     return {refusal(error.what()), {}, {}};
   }
@@ -300,7 +312,7 @@ Reply Control::Work::handle(std::string_view line, const Peer& peer) {
 std::string Control::Work::vrfOf(const Request& request) const {
   auto vrf = request.text("vrf").value_or(Daemon::Switch::kDefaultVrf);
   if (!router().sw().vrfs().contains(vrf)) {
-    throw RequestError("there is no VRF " + Replay::jsonString(vrf));
+    throw Malformed("there is no VRF " + Replay::jsonString(vrf));
   }
   return vrf;
 }
@@ -378,8 +390,15 @@ Reply Control::Work::explain(const Request& request, const Peer&) {
   const auto vrf = vrfOf(request);
   const auto address = request.requiredText("address");
   const auto explanation = Daemon::explain(router().sw(), vrf, address);
+  auto text = Daemon::toText(explanation);
+  if (router().isIncomplete()) {
+    text +=
+        "but              a shared table is full or damaged: host routes are missing from it "
+        "(hostroute status)\n";
+  }
   return {success({{"explanation", Replay::toJson(explanation)},
-                   {"text", Daemon::toText(explanation)},
+                   {"text", text},
+                   {"complete", !router().isIncomplete()},
                    {"kernel", kernelJson(vrf, address)}}),
           {},
           {}};

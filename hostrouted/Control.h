@@ -82,8 +82,9 @@ class Control {
 
   /// Answers a line without its newline. Whatever it holds, there is a reply.
   Reply handle(std::string_view line, const Peer& peer);
-  /// The reply to a request that cannot be answered.
-  static std::string refusal(std::string_view why);
+  /// The reply to a request that cannot be answered; `isMalformed`: whoever sent it has mistyped
+  /// it.
+  static std::string refusal(std::string_view why, bool isMalformed = false);
 
  private:
   class Work;

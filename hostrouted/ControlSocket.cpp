@@ -219,8 +219,9 @@ class ControlSocket::Server {
     }
     const auto ofUser = std::ranges::count(clients_, credentials.uid, &Client::uid);
     const bool isRoot = credentials.uid == 0;
-    if (clients_.size() >= kMostClients ||
-        (!isRoot && static_cast<size_t>(ofUser) >= kMostOfOneUser)) {
+    // Whoever else fills the places does not keep root out.
+    if (!isRoot &&
+        (clients_.size() >= kMostClients || static_cast<size_t>(ofUser) >= kMostOfOneUser)) {
       const auto text = Control::refusal("too many clients");
       (void)::send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
       ::close(fd);
@@ -272,7 +273,10 @@ class ControlSocket::Server {
     if (!client.isBusy()) answer(client);
     if (client.writer != 0) return;
     if (client.feed) {
-      if (client.output.size() - client.sent < kPiece) client.feed->take(client.output);
+      if (client.output.size() - client.sent < kPiece) {
+        client.output.erase(0, std::exchange(client.sent, 0));
+        client.feed->take(client.output);
+      }
       if (client.feed->isEmpty() && client.feed->hasEnded(monotonicSeconds())) {
         client.output += "{\"end\":true}\n";
         client.feed.reset();

@@ -18,7 +18,9 @@ class Exports::Watch final : public F::RouteStatus::NotifieeConst {
     this->notifierIs(routing.routeStatus);
   }
 
-  void onRoute(const typename F::Prefix& prefix) override {
+  void onRoute(const typename F::Prefix& prefix) override { note(prefix); }
+  /// The prefix's route is to be looked at, if it is a host's.
+  void note(const typename F::Prefix& prefix) {
     if (prefix.len() == F::Prefix::kMaxLen) changed_.push_back(prefix);
   }
   void noteAll() {
@@ -75,25 +77,36 @@ void Exports::flushFamily() {
   for (auto& [vrf, watch] : std::get<Watches<F>>(watches_)) {
     for (const auto& prefix : watch->takeChanged()) {
       if (watch->table() == 0) continue;
-      routes_.want({watch->table(), prefix}, exported(*watch, prefix));
+      try {
+        routes_.want({watch->table(), prefix}, exported(*watch, prefix));
+      } catch (const Tovan::CorruptionDetectedException& damage) {
+        // What cannot be read says nothing about the host: its route stays as it is meanwhile.
+        watch->routing().routeStatus->corruptionDetected(damage.what());
+        watch->note(prefix);
+      }
     }
   }
 }
 
+void Exports::noteAll() {
+  Daemon::forEachFamily([&](auto family) {
+    for (auto& [vrf, watch] : std::get<Watches<decltype(family)>>(watches_)) watch->noteAll();
+  });
+}
+
 /// What the kernel should hold for a host prefix; nothing unless its route is attached_.
+/// \throws Tovan::CorruptionDetectedException when the tables do not tell.
 template <class F>
 std::optional<Linux::RouteValue> Exports::exported(const Watch<F>& watch,
                                                    const typename F::Prefix& prefix) const {
-  typename F::Route route;
-  try {
-    route = watch.routing().routeStatus->route(prefix);
-  } catch (const Tovan::CorruptionDetectedException& damage) {
-    watch.routing().routeStatus->corruptionDetected(damage.what());
-    return std::nullopt;
-  }
+  const auto route = watch.routing().routeStatus->route(prefix);
   if (route.key != prefix || route.routeType != F::kAttached) return std::nullopt;
   Linux::RouteValue value;
-  for (const auto& via : sw_.shared<F>().forwarding->fec(route.fecId)) {
+  const auto fec = sw_.shared<F>().forwarding->fec(route.fecId);
+  if (fec.viaCount() == 0) {
+    throw Tovan::CorruptionDetectedException("the next hop of " + toString(prefix) + " is lost");
+  }
+  for (const auto& via : fec) {
     Linux::RouteVia hop{.link = feed_.linkOf(via.intf), .gateway = {}};
     if (hop.link == 0) continue;
     if (!via.hop.isZero() && via.hop != prefix.addr()) hop.gateway = via.hop;

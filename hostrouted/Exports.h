@@ -30,6 +30,8 @@ class Exports {
   void addVrf(const std::string& vrf);
   /// Hands the routes that changed since the last time to the kernel's routes.
   void flush();
+  /// Has all host routes looked at again, for changes that nobody announced.
+  void noteAll();
   /// Takes another configuration: all routes are handed on again, and those of tables that are no
   /// longer ours are wanted no more.
   void setConfig(const Config& config);

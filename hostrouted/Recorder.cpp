@@ -26,7 +26,7 @@ std::string numbered(const std::string& path, uint32_t number) {
 void Recorder::start(const std::string& path, RecordingLimits limits, Snapshot snapshot,
                      bool replaces) {
   if (isOn()) throw std::runtime_error("a recording goes on already: " + path_);
-  for (uint32_t number = 0; !replaces && number < 2; ++number) {
+  for (uint32_t number = 0; !replaces && number < limits.files; ++number) {
     std::error_code unknown;
     const auto taken = numbered(path, number);
     if (std::filesystem::exists(std::filesystem::symlink_status(taken, unknown))) {
@@ -39,6 +39,10 @@ void Recorder::start(const std::string& path, RecordingLimits limits, Snapshot s
   open();
   if (!isOn()) throw std::runtime_error(path + ": " + std::strerror(errno));
   endTurn();
+  if (isOn()) return;
+  std::error_code unknown;
+  std::filesystem::remove(path, unknown);
+  throw std::runtime_error(path + ": cannot be written");
 }
 
 void Recorder::stop() {

@@ -204,6 +204,7 @@ void Router::tendTables() {
     services_.report(LOG_ERR, std::string("the engine failed on a change: ") + error.what());
   }
   noteTables();
+  exports_.noteAll();
   if (!isIncomplete_) services_.report(LOG_NOTICE, "the shared tables are complete again");
 }
 
@@ -276,6 +277,8 @@ void Router::endDump() {
   if (isFirst) {
     feed_.setComplete();
     routes_.start();
+  } else {
+    exports_.noteAll();
   }
   warnOfAnEmptySelection();
   endTurn();
@@ -364,6 +367,7 @@ std::vector<Router::Times> Router::times() const {
 }
 
 std::optional<double> Router::nextDeadline() const {
+  if (dumps_) return std::nullopt;  // a turn would do nothing
   const auto next = earlier(routes_.nextDeadline(), probing_.nextDeadline());
   // While all is well, the tables are looked at when something changes: idle is idle.
   return phase_ == Phase::Starting || !isIncomplete_ ? next : earlier(next, nextTending_);
