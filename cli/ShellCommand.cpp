@@ -188,7 +188,9 @@ int runShell(const std::string& path) {
     std::string problem;
     bool goesOn = true;
     try {
-      if (line->size() > Replay::Player::kMaxLineBytes) throw ShellError("the line is too long");
+      // Its rest is no line of its own, so nothing behind it can be read.
+      goesOn = line->size() <= Replay::Player::kMaxLineBytes;
+      if (!goesOn) throw ShellError("the line is too long");
       goesOn = shell->execute(*line);
       problem = player.takeFailures();
     } catch (const std::exception& error) {

@@ -23,6 +23,7 @@ namespace Hostrouted {
 class ControlSocket {
  public:
   static constexpr size_t kMostClients = 32;
+  static constexpr size_t kRootsClients = 8;  ///< of these, which nobody else gets
   static constexpr size_t kMostOfOneUser = 8;
   /// A client that asks nothing, or does not take its answer, is dropped after so many seconds.
   static constexpr double kPatience = 30;

@@ -282,13 +282,8 @@ bool readLine(std::istream& in, std::string& line) {
     line.append(piece.data(), taken);
     if (in.bad() || in.eof()) return !in.bad() && !line.empty();
     // The piece is full, or the line feed is what would stand behind it.
+    if (line.size() > Player::kMaxLineBytes) return true;
     in.clear();
-    if (line.size() > Player::kMaxLineBytes) {
-      // The rest of the line is no line of its own.
-      in.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-      if (in.eof()) in.clear(std::ios::eofbit);
-      return true;
-    }
   }
 }
 

@@ -109,11 +109,6 @@ TEST_F(RefusalsTest, WhatNestsTooDeepOrIsTooLong) {
   const auto longest = "#" + std::string(Replay::Player::kMaxLineBytes - 1, '[');
   EXPECT_EQ(run(longest + "\n\n" + longest + "x\n{}"), Replay::Player::Outcome::Refused);
   EXPECT_EQ(errors.str(), "input:3: error: the line is longer than 16 MiB\n");
-  std::istringstream lines(longest + "xx\nnext");
-  std::string line;
-  EXPECT_TRUE(Replay::readLine(lines, line));
-  EXPECT_TRUE(Replay::readLine(lines, line));
-  EXPECT_EQ(line, "next");
 }
 
 TEST_F(RefusalsTest, EndTheReplayWithWhatWasPrintedBefore) {
