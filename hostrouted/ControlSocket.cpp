@@ -221,8 +221,7 @@ class ControlSocket::Server {
     const bool isRoot = credentials.uid == 0;
     // Whoever else fills the places does not keep root out.
     const auto places = isRoot ? kMostClients : kMostClients - kRootsClients;
-    if (clients_.size() >= places ||
-        (!isRoot && static_cast<size_t>(ofUser) >= kMostOfOneUser)) {
+    if (clients_.size() >= places || (!isRoot && static_cast<size_t>(ofUser) >= kMostOfOneUser)) {
       const auto text = Control::refusal("too many clients");
       (void)::send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
       ::close(fd);
