@@ -205,7 +205,9 @@ void Router::tendTables() {
   }
   noteTables();
   exports_.noteAll();
-  if (!isIncomplete_) services_.report(LOG_NOTICE, "the shared tables are complete again");
+  if (isIncomplete_) return;
+  fullTables_.clear();
+  services_.report(LOG_NOTICE, "the shared tables are complete again");
 }
 
 /// Reports what has befallen the shared tables since it was noted last.
@@ -213,13 +215,12 @@ void Router::noteTables() {
   const uint64_t corruptions = Tovan::corruptionCount();
   const uint64_t refusals = Tovan::refusalCount();
   if (corruptions == corruptions_ && refusals == refusals_) return;
-  const bool isNewlyShort = refusals != refusals_ && !isIncomplete_;
   for (const auto& table : Tovan::tableReports()) {
     if (table.corruptions != 0 && corruptions != corruptions_) {
       services_.report(LOG_ERR, "damage, found " + std::to_string(table.corruptions) +
                                     " times, last: " + table.lastCorruption);
     }
-    if (table.refusals != 0 && isNewlyShort) {
+    if (table.refusals != 0 && refusals != refusals_ && fullTables_.insert(table.table).second) {
       services_.report(LOG_ERR, table.lastRefusal + ": it has " + std::to_string(table.bytes) +
                                     " bytes; host routes may be missing");
     }

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -133,6 +134,7 @@ class Router {
   Daemon::LatencyHistogram operationTimes_;
   double nextTending_ = 0;
   bool isIncomplete_ = false;
+  std::set<std::string> fullTables_;  // which has been reported
   // As of when they were noted last.
   uint64_t corruptions_ = 0;
   uint64_t refusals_ = 0;
