@@ -1,7 +1,6 @@
 #include "cli/ExplainCommand.h"
 
 #include <iostream>
-#include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -62,25 +61,11 @@ int explainRecording(const ExplainOptions& options) {
 void addExplainCommand(CLI::App& app, int& exitCode, ExplainLive live) {
   auto* command = app.add_subcommand("explain", kDescription);
   const auto options = std::make_shared<ExplainOptions>();
-  options->vrf = Daemon::Switch::kDefaultVrf;
   command->add_option("address", options->address, "The address, IPv4 or IPv6")
       ->type_name("ADDRESS")
       ->required();
-  command->add_option("--vrf", options->vrf, "In this VRF, not in \"default\"")->type_name("VRF");
-  auto* replay = command
-                     ->add_option("--replay", options->recording,
-                                  "In these recorded inputs; - for standard input")
-                     ->type_name("FILE");
-  if (!live) replay->required();
-  command->add_option("--at", options->line, "After this line of them, not at their end")
-      ->type_name("LINE")
-      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
-      ->needs(replay);
-  command
-      ->add_flag("--settle", options->settles,
-                 "Replay as a daemon does: after each route and FEC, announce the neighbours "
-                 "without a route again")
-      ->needs(replay);
+  addStateOptions(*command, *options, static_cast<bool>(live),
+                  "After this line of them, not at their end");
   command->add_flag("--json", options->json, "Print one JSON object");
   command->footer(kFooter);
   command->callback([options, live = std::move(live), &exitCode] {

@@ -7,16 +7,13 @@
 namespace CLI {
 class App;
 }
+#include "cli/Replaying.h"
 
 namespace Cli {
 
 /// What `hostroute explain` was asked.
-struct ExplainOptions {
+struct ExplainOptions : ReplayedState {
   std::string address;
-  std::string vrf;
-  std::string recording;  ///< the file to replay; empty for the live daemon
-  size_t line = 0;        ///< the last line of it to replay; 0 for all
-  bool settles = false;
   bool json = false;
 };
 

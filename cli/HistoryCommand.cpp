@@ -93,28 +93,14 @@ int tellRecording(const HistoryOptions& options) {
 void addHistoryCommand(CLI::App& app, int& exitCode, HistoryLive live) {
   auto* command = app.add_subcommand("history", kDescription);
   const auto options = std::make_shared<HistoryOptions>();
-  options->vrf = Daemon::Switch::kDefaultVrf;
   command->add_option("prefix", options->prefix, "A prefix or an address, IPv4 or IPv6")
       ->type_name("PREFIX")
       ->required();
-  command->add_option("--vrf", options->vrf, "In this VRF, not in \"default\"")->type_name("VRF");
-  auto* replay = command
-                     ->add_option("--replay", options->recording,
-                                  "In these recorded inputs; - for standard input")
-                     ->type_name("FILE");
-  if (!live) replay->required();
-  command->add_option("--at", options->line, "Up to this line of them, not to their end")
-      ->type_name("LINE")
-      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
-      ->needs(replay);
+  addStateOptions(*command, *options, static_cast<bool>(live),
+                  "Up to this line of them, not to their end");
   command->add_option("--last", options->last, "Only so many changes, the newest")
       ->type_name("COUNT")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()));
-  command
-      ->add_flag("--settle", options->settles,
-                 "Replay as a daemon does: after each route and FEC, announce the neighbours "
-                 "without a route again")
-      ->needs(replay);
   command->add_flag("--json", options->json, "Print one JSON object for each change");
   command->footer(kFooter);
   command->callback([options, live = std::move(live), &exitCode] {

@@ -7,17 +7,14 @@
 namespace CLI {
 class App;
 }
+#include "cli/Replaying.h"
 
 namespace Cli {
 
 /// What `hostroute history` was asked.
-struct HistoryOptions {
+struct HistoryOptions : ReplayedState {
   std::string prefix;
-  std::string vrf;
-  std::string recording;  ///< the file to replay; empty for the live daemon
-  size_t line = 0;        ///< the last line of it to replay; 0 for all
-  size_t last = 0;        ///< how many changes to show; 0 for all
-  bool settles = false;
+  size_t last = 0;  ///< how many changes to show; 0 for all
   bool json = false;
 };
 

@@ -1,6 +1,7 @@
 #include "cli/Replaying.h"
 
 #include <iostream>
+#include <limits>
 #include <ostream>
 #include <utility>
 
@@ -11,6 +12,25 @@
 #include "replay/Player.h"
 
 namespace Cli {
+
+void addStateOptions(CLI::App& command, ReplayedState& state, bool isLive,
+                     const std::string& atHelp) {
+  command.add_option("--vrf", state.vrf, "In this VRF, not in \"default\"")->type_name("VRF");
+  auto* replay =
+      command
+          .add_option("--replay", state.recording, "In these recorded inputs; - for standard input")
+          ->type_name("FILE");
+  if (!isLive) replay->required();
+  command.add_option("--at", state.line, atHelp)
+      ->type_name("LINE")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+      ->needs(replay);
+  command
+      .add_flag("--settle", state.settles,
+                "Replay as a daemon does: after each route and FEC, announce the neighbours "
+                "without a route again")
+      ->needs(replay);
+}
 namespace {
 
 /// Prints nothing, and hands on where the replay is.

@@ -5,9 +5,26 @@
 #include <functional>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "daemon/Switch.h"
 
 namespace Cli {
+
+/// Which switch a question is put to, and in which VRF.
+struct ReplayedState {
+  std::string vrf = Daemon::Switch::kDefaultVrf;
+  std::string recording;  ///< the file to replay; empty for the live daemon
+  size_t line = 0;        ///< the last line of it to replay; 0 for all
+  bool settles = false;
+};
+
+/// Adds --vrf, --replay, --at and --settle, which fill `state`.
+///
+/// \param isLive  whether there is an answer without a recording.
+/// \param atHelp  what --at means to the command.
+void addStateOptions(CLI::App& command, ReplayedState& state, bool isLive,
+                     const std::string& atHelp);
 
 /// Feeds `sw` the recording, up to line `last`; 0 stands for all of it. Errors go to standard
 /// error.

@@ -33,12 +33,10 @@ enum class Row : size_t {
 constexpr CounterInfo kInfos[] = {
     {"events", "kind", InfoKind::Counter,
      "Events that reached the machine, by what they were. A neighbour on an interface through "
-     "which "
-     "no route of the VRF leaves does not reach it."},
+     "which no route of the VRF leaves does not reach it."},
     {"neighbors_refused", "reason", InfoKind::Counter,
      "Neighbours that got no host route when they were looked up, by the reason. One that is "
-     "looked "
-     "up again counts again."},
+     "looked up again counts again."},
     {"repairs", "", InfoKind::Counter, "Neighbours that were filed under a FIB route."},
     {"merges", "", InfoKind::Counter,
      "Addresses for which it was settled which host route wins. A merge that could change nothing "
@@ -49,9 +47,8 @@ constexpr CounterInfo kInfos[] = {
     {"neighbor_routes", "", InfoKind::Gauge,
      "Neighbours that have a host route, whether or not it wins."},
     {"own_addresses", "", InfoKind::Gauge,
-     "Addresses for which receive routes are kept: the router\'s own, and the network and "
-     "broadcast "
-     "addresses of its IPv4 subnets."},
+     "Addresses for which receive routes are kept: the router's own, and the network and "
+     "broadcast addresses of its IPv4 subnets."},
     {"tracked_routes", "", InfoKind::Gauge, "FIB routes that the machine follows."},
     {"deferred_merges", "", InfoKind::Gauge,
      "Addresses that wait to be merged until the VRF is initialized."},
