@@ -79,6 +79,10 @@ link set swp3 master br0
 link set swp3 up
 link set host3 up
 link set br0 up
+)");
+  Namespace::awaitCarrier("swp1");
+  Namespace::awaitCarrier("br0");
+  inside.ip(R"(
 addr add 10.1.0.1/24 dev swp1
 addr add 10.1.0.2/24 dev swp1
 addr add 10.3.0.1 peer 10.3.0.2/32 dev swp1

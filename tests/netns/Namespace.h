@@ -3,11 +3,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -43,6 +47,22 @@ class Namespace {
   /// Goes on after a command that fails.
   void ipAnyway(std::string_view commands) const {
     pipeInto("ip -force -batch - >/dev/null 2>&1", commands);
+  }
+  /// Waits until the kernel has noticed that an interface has a carrier, for a minute at the most.
+  /// It refuses nexthop objects before.
+  static void awaitCarrier(const char* name) {
+    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq request = {};
+    std::strncpy(request.ifr_name, name, IFNAMSIZ - 1);
+    for (int tries = 0; tries < 6000; ++tries) {
+      if (::ioctl(socket, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_RUNNING) != 0) {
+        ::close(socket);
+        return;
+      }
+      ::usleep(10'000);
+    }
+    ::close(socket);
+    throw std::runtime_error(std::string(name) + " never has a carrier");
   }
   static void setSysctl(const std::string& name, const std::string& value) {
     std::FILE* file = std::fopen(("/proc/sys/net/" + name).c_str(), "w");
