@@ -30,6 +30,12 @@ void* operator new(size_t bytes) {
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
+// AddressSanitizer's own form of this one gives memory that only its own delete may take back.
+void* operator new(size_t bytes, const std::nothrow_t&) noexcept try {
+  return ::operator new(bytes);
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
