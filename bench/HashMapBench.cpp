@@ -234,6 +234,43 @@ void longestInsertion(benchmark::State& state) {
   }
 }
 
+/// Nanoseconds of one search among `keys`, with the hash seed that is in force.
+double searchTime(const std::vector<Key8>& keys) {
+  const auto map = filled<Ours<Key8>>(keys);
+  const auto sought = shuffled(keys);
+  double least = 1;
+  for (int round = 0; round < 3; ++round) {
+    const double before = threadSeconds();
+    for (const Key8& key : sought) benchmark::DoNotOptimize(map->find(key));
+    least = std::min(least, threadSeconds() - before);
+  }
+  return least / static_cast<double>(keys.size()) * 1e9;
+}
+
+// Keys a fixed distance apart, as addresses of a subnet are. The time shown is that of a search
+// with the worst of 100 hash seeds; `beside_random` compares it with the median of random keys.
+void worstSeed(benchmark::State& state, unsigned shift) {
+  const auto count = static_cast<size_t>(state.range(0));
+  std::vector<Key8> keys(count);
+  for (size_t i = 0; i < count; ++i) keys[i] = i << shift;
+  const auto scattered = randomKeys<Key8>(count, 1);
+  const Kiv::HashSeed usual = Kiv::hashSeed;
+  std::mt19937_64 random(1);
+  for (auto _ : state) {
+    double worst = 0;
+    double worstOfRandom = 0;
+    for (int seed = 0; seed < 100; ++seed) {
+      const uint64_t sum = random();
+      Kiv::hashSeedIs({.add = sum, .multiply = random()});
+      worst = std::max(worst, searchTime(keys));
+      worstOfRandom = std::max(worstOfRandom, searchTime(scattered));
+    }
+    state.SetIterationTime(worst * 1e-9);
+    state.counters["beside_random"] = worst / worstOfRandom;
+  }
+  Kiv::hashSeedIs(usual);
+}
+
 template <template <class> class Map, class K>
 void add(const std::string& keyName) {
   using M = Map<K>;
@@ -267,6 +304,13 @@ const bool added = [] {
 #ifdef HOSTROUTE_HAS_ABSL
   addAllKeys<Absl>();
 #endif
+  for (const unsigned shift : {0, 8, 16, 32, 44}) {
+    benchmark::RegisterBenchmark(("worstSeed/keys 2^" + std::to_string(shift) + " apart").c_str(),
+                                 worstSeed, shift)
+        ->Arg(50'000)
+        ->UseManualTime()
+        ->Iterations(1);
+  }
   return true;
 }();
 

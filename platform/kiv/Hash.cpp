@@ -27,8 +27,7 @@ uint32_t hashBytes(const void* bytes, size_t size) noexcept {
   }
   uint64_t rest = 0;
   if (size != 0) std::memcpy(&rest, at, size);
-  h = detail::fold(h ^ rest, hashSeed.multiply);
-  return static_cast<uint32_t>(h ^ (h >> 32));
+  return detail::finishHash(detail::fold(h ^ rest, hashSeed.multiply));
 }
 
 }  // namespace Kiv

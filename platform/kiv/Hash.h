@@ -38,17 +38,25 @@ constexpr uint64_t fold(uint64_t a, uint64_t b) {
   const auto product = static_cast<Uint128>(a) * b;
   return static_cast<uint64_t>(product ^ (product >> 64));
 }
+
+/// The hash that a map is given, from the last folded word.
+///
+/// One product alone turns keys in arithmetic progression, such as the addresses of a subnet, into
+/// hashes in arithmetic progression. With one seed in twenty these meet in few groups of a map.
+inline uint32_t finishHash(uint64_t folded) {
+  return static_cast<uint32_t>((folded * hashSeed.multiply) >> 32);
+}
 }  // namespace detail
 
 /// The 32-bit hash of one word.
 inline uint32_t hashWord(uint64_t word) {
-  return static_cast<uint32_t>(detail::fold(word ^ hashSeed.add, hashSeed.multiply));
+  return detail::finishHash(detail::fold(word ^ hashSeed.add, hashSeed.multiply));
 }
 
 /// The 32-bit hash of two words, such as an IPv6 address.
 inline uint32_t hashWords(uint64_t high, uint64_t low) {
   const uint64_t first = detail::fold(high ^ hashSeed.add, hashSeed.multiply);
-  return static_cast<uint32_t>(detail::fold(low ^ first, hashSeed.multiply));
+  return detail::finishHash(detail::fold(low ^ first, hashSeed.multiply));
 }
 
 /// The 32-bit hash of a byte string.

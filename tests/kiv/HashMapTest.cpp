@@ -314,5 +314,33 @@ TEST(HashMapTest, BothMatchersAgree) {
   }
 }
 
+// Addresses of a subnet, one in each subnet, and the like. Whatever the seed is, they meet in the
+// groups of a map about as often as random keys do.
+TEST(HashTest, SpreadsKeysAFixedDistanceApart) {
+  constexpr size_t kGroups = 4096;
+  constexpr size_t kKeys = kGroups * 14;
+  const HashSeed usual = hashSeed;
+  std::mt19937_64 random(3);
+  for (int round = 0; round < 20; ++round) {
+    const uint64_t sum = random();
+    hashSeedIs({.add = sum, .multiply = random()});
+    for (const unsigned shift : {0, 8, 16, 32, 44}) {
+      std::array<size_t, kGroups> ofWord{}, ofTwo{}, ofName{};
+      for (uint64_t i = 0; i < kKeys; ++i) {
+        const uint64_t key = i << shift;
+        ++ofWord[hashWord(key) / (0x1'0000'0000 / kGroups)];
+        ++ofTwo[hashWords(0x20010db8, key) / (0x1'0000'0000 / kGroups)];
+        ++ofName[hashBytes(&key, sizeof(key)) / (0x1'0000'0000 / kGroups)];
+      }
+      for (const auto& groups : {ofWord, ofTwo, ofName}) {
+        size_t tooMany = 0;
+        for (const size_t keys : groups) tooMany += keys > 15 ? keys - 15 : 0;
+        EXPECT_LT(tooMany, kKeys / 10) << "of keys " << (1ULL << shift) << " apart";
+      }
+    }
+  }
+  hashSeedIs(usual);
+}
+
 }  // namespace
 }  // namespace Kiv
