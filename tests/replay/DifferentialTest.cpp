@@ -14,6 +14,7 @@
 #include "tests/model/Model.h"
 #include "tests/replay/Dumps.h"
 #include "tests/replay/Invariants.h"
+#include "tests/replay/Seeds.h"
 
 namespace {
 
@@ -63,7 +64,7 @@ TEST_P(DifferentialTest, EngineAndModelAgreeAfterEveryEvent) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, DifferentialTest,
-                         testing::Combine(testing::Range<uint64_t>(1, 5), testing::Bool(),
+                         testing::Combine(Replay::seeds(4), testing::Bool(),
                                           testing::Values("small", "crowded", "apart")));
 
 }  // namespace

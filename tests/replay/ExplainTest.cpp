@@ -21,6 +21,7 @@
 #include "replay/Player.h"
 #include "replay/ShownRoute.h"
 #include "tests/model/Generator.h"
+#include "tests/replay/Seeds.h"
 
 namespace {
 
@@ -365,7 +366,7 @@ TEST_P(HistoryTest, TellsEachChangeOnceWithItsCause) {
 }
 
 const auto kSeeds =
-    testing::Combine(testing::Range<uint64_t>(1, 3), testing::Values("small", "crowded", "apart"));
+    testing::Combine(Replay::seeds(2), testing::Values("small", "crowded", "apart"));
 INSTANTIATE_TEST_SUITE_P(Seeds, VerdictTest, kSeeds);
 INSTANTIATE_TEST_SUITE_P(Seeds, MendTest, kSeeds);
 INSTANTIATE_TEST_SUITE_P(Seeds, HistoryTest, kSeeds);
