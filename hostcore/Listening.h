@@ -122,7 +122,6 @@ class Listening {
   }
   /// A merge was added to `waiting`, until the machine is initialized.
   void mergeDeferred(const typename F::AddrSet& waiting) {
-    deferredAreIn(&waiting);
     interest_.deferredIn = Kiv::Ptr<const Kiv::Entity>(&waiting);
     interest_.deferred = waiting.ipCount();
   }

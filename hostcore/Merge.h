@@ -238,6 +238,7 @@ void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 2, sm_, "skipping merge because not initialized yet");
     const auto& toMerge = Kiv::validPtr(root_.toMerge());
+    Listening<F>(sm_).deferredAreIn(toMerge.get());
     for (auto it = Kiv::validPtr(changed)->ipIteratorConst(); it; ++it) {
       toMerge->ipIs(it.key(), true);
     }
@@ -252,6 +253,7 @@ void Merge<F>::doMerge(const Addr& changed) {
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 2, sm_, "skipping merge because not initialized yet");
     const auto& toMerge = Kiv::validPtr(root_.toMerge());
+    Listening<F>(sm_).deferredAreIn(toMerge.get());
     toMerge->ipIs(changed, true);
     Listening<F>(sm_).mergeDeferred(*toMerge);
     return;
@@ -295,8 +297,10 @@ template <class Addrs>
 void Merge<F>::mergeAll(const Addrs& addrs) {
   const typename Listening<F>::Handling handling(sm_);
   // The reference of the route about to be replaced. It is dropped only after the replacement has
-  // been written, so that a FEC never reaches a zero count while it is still in use.
+  // been written, so that a FEC never reaches a zero count while it is still in use. Its helper is
+  // kept with it: a callback of the write may end the machine.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
+  typename F::AdjacencyHelper* helper = nullptr;
   const Lookup<F> lookup(sm_);
   const auto merge = [&](const Addr& addr) {
     const About<F> about(sm_, addr);
@@ -306,8 +310,9 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
       KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge",
                    " Dropping ref on fec id: "
                        << " fecId: " << heldFec);
-      Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
+      Kiv::validPtr(helper).doDropRefOnFibAdjacency(heldFec);
     }
+    helper = sm_.adjHelperRaw();
     const Route existing = Obu::readRoute(sm_.routeStatusRaw(), prefix);
     heldFec = Tovan::Fib::invalidFecId;
     if (existing.key == prefix && F::isOwnType(existing.routeType)) {
@@ -315,7 +320,7 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
       KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge",
                    " oldFecId: " << heldFec << " routeType: " << existing.routeType);
     }
-    if (const auto* adjHelper = sm_.adjHelperRaw()) adjHelper->prefetch(heldFec);
+    if (helper != nullptr) helper->prefetch(heldFec);
     Listening<F>(sm_).merged(addr);
     ++sm_.interest().account.counts.merges;
     mergeOne(addr, existing);
@@ -329,7 +334,7 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
       [&](const Addr& addr) { lookup.prefetchAdjacency(addr); });
   if (heldFec != Tovan::Fib::invalidFecId) {
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", F::Text::kDroppingLast << heldFec);
-    Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
+    Kiv::validPtr(helper).doDropRefOnFibAdjacency(heldFec);
   }
 }
 

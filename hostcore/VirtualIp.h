@@ -50,10 +50,11 @@ class VirtualIp {
     if (hostStatus == nullptr || hostStatus->route(prefix).key != prefix) {
       Listening<F>(sm_).merged(addr);
     }
+    auto* const adjHelper = sm_.adjHelperRaw();  // a callback may end the machine
     const auto removed = routeTable->routeDel(prefix);
     hostRouteChanged<F>(sm_, prefix, removed, typename F::Route());
     if (removed.key != prefix || !F::isOwnType(removed.routeType)) return;
-    Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(removed.fecId);
+    Kiv::validPtr(adjHelper).doDropRefOnFibAdjacency(removed.fecId);
   }
 
  private:

@@ -164,11 +164,16 @@ TYPED_TEST(ListeningTest, WhatIsForgottenIsNotReliedOn) {
       [](W& forgetful) { forgetful.root->toMergeIs(S::subnet()); },
       [](W& forgetful) { forgetful.root->newToMerge({}); },
       [](W& forgetful) { forgetful.root->toMerge()->ipDelAll(); },
+      [](W& forgetful) {
+        forgetful.root->toMerge()->ipDelAll();
+        forgetful.lose(forgetful.ethernet1, 6);
+      },
       [](W& forgetful) { forgetful.machine().handleInitialized(); }};
   for (const auto& forgetWaitingMerges : forget) {
     W red;
     red.startWithSubnet();
     red.learn(red.ethernet1, 5);
+    red.learn(red.ethernet1, 6);
     red.machine().initializedIs(false);
     red.lose(red.ethernet1, 5);
     forgetWaitingMerges(red);
