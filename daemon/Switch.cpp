@@ -59,7 +59,7 @@ Vrf& Switch::vrf(std::string_view name) {
   newMachine(added, added.routing<Ipv4>());
   newMachine(added, added.routing<Ipv6>());
   forEachFamily([&](auto family) {
-    added.routing<decltype(family)>().machine()->interest().account.isSettling = &isSettling_;
+    added.routing<decltype(family)>().machine()->account().isSettling = &isSettling_;
   });
   openHistory(vrfs_.find(name)->first, added, true);
   publishState(added);

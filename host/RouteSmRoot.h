@@ -35,6 +35,7 @@ class VrfStatus;
 
 namespace Routing::Host {
 
+struct Ipv4;
 class RouteSm;
 
 /// What one VRF's IPv4 host routes are derived from; outlives the state machine that fills it.
@@ -131,6 +132,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
                             Tovan::Fib::FecId>;
 
  private:
+  friend struct Ipv4;
   Tracked tracked_;
 
  public:

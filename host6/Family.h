@@ -58,6 +58,7 @@ struct Ipv6 {
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRoute6Trace; }
+  static constexpr const char* kNamespace = "Routing6::Host";
   static constexpr const char* kModule = "HostRoute6Sm";
 
   static constexpr RouteType kInvalid = Fib::invalid_;
@@ -113,8 +114,8 @@ struct Ipv6 {
     return root.neighRouteIfMade(prefix);
   }
   /// Gives a prefix an entry, whose set is made when somebody looks at it.
-  static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
-    root.neighRouteExpect(prefix);
+  static void neighborSetReserve(RouteSmRoot& root, const Prefix& prefix) {
+    root.neighRouteReserve(prefix);
   }
   static AddrSet::Ptr neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIs(prefix);
@@ -123,7 +124,12 @@ struct Ipv6 {
     root.neighRouteDel(prefix);
   }
 
-  static const VirtualIpStatus* virtualIps(const RouteSm& sm) { return sm.virtualIps(); }
+  // Members of the entities under a neutral name.
+  static auto& seqInfoSlot(RouteSm& sm) { return sm.ipv6SeqInfo_; }
+  static auto& virtualIpSlot(RouteSm& sm) { return sm.virtualIp6Status_; }
+  static auto& routeSmSlot(RouteSmRoot& root) { return root.routeSm_; }
+  static void handleVirtualIps(RouteSm& sm) { sm.handleVirtualIp6Status(); }
+  static void followInterfaces(RouteSm::KivIpStatus& reactor) { reactor.onIntfkivImmediate(); }
   /// Reports the VRF's host routes synchronised as of now, unless that was done before.
   static void hostRoutesSyncedNow(RovelReady::VrfStatus& readiness) {
     if (readiness.v6HostRoutesSynced()) return;
@@ -151,12 +157,7 @@ struct Ipv6 {
   static Obu::IntfDir::Ptr subtract(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
                                     const Obu::IntfDir::Ptr& b);
 
-  /// Writes with the shared writer, for a machine's VRF.
-  static void addRouteToRouteTable(const HostTable::Ptr& hostTable,
-                                   const RouteStatus::Ptr& routeTable, const Addr& ip,
-                                   Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm,
-                                   const Route* known = nullptr);
-  /// Withdraws for a handler, which the machine need not be told of.
+  /// Withdraws a host route in a handler, which merges the address.
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper);
   /// What a machine traces when it looks a neighbour's address up.

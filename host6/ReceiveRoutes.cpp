@@ -14,7 +14,7 @@ void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status, const Kiv::Nam
   KIV_TRACE(hostRoute6Trace, 8, *root,
             "removeReceiveRoutes"
                 << " intfName " << intfName << " intf " << status);
-  HostCore::stepTaken<Ipv6>(*root);
+  HostCore::leavesMerge<Ipv6>(*root);
   if (const auto recorded = root->intfNameToAddrWithMask(intfName)) {
     for (const auto& addrWithMask : recorded->addrWithMaskKeys()) {
       // What the interface has no more leaves with the record as a whole, below.
@@ -57,7 +57,7 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
                 << " for interface: " << name);
   const auto root = Kiv::validPtr(machine->root());
   const HostCore::Event<Ipv6> event(*machine, HostCore::CauseKind::Address, status->intfId());
-  const HostCore::Listening<Ipv6>::Handling handling(*machine);
+  const HostCore::HandlerScope<Ipv6> handler(*machine);
   const bool isFollowed = bool(machine->vrfIpIntfStatus(status->intfId()));
   const auto changed = Obu::Ip6AddrSet::AddrSetIs(Zemit::Ip6Prefix::null());
   removeReceiveRoutes(status, name, root, changed);

@@ -35,6 +35,7 @@ class VrfStatus;
 
 namespace Routing6::Host {
 
+struct Ipv6;
 class RouteSm;
 
 /// What one VRF's IPv6 host routes are derived from; outlives the state machine that fills it.
@@ -130,6 +131,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
                             Tovan::RouteRecord<Tovan::Fib6::Route>, Tovan::Fib::FecId>;
 
  private:
+  friend struct Ipv6;
   Tracked tracked_;
 
  public:

@@ -4,8 +4,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "hostcore/Account.h"
 #include "hostcore/Family.h"
-#include "hostcore/Interest.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
@@ -18,12 +18,11 @@ class About {
   using Addr = typename F::Addr;
   using Prefix = typename F::Prefix;
 
-  About(const typename F::RouteSm& sm, const Addr& addr) : tracing_(sm.interest().account.tracing) {
+  About(const typename F::RouteSm& sm, const Addr& addr) : tracing_(sm.account().tracing) {
     if (tracing_.only) [[unlikely]]
       enter(addr == *tracing_.only);
   }
-  About(const typename F::RouteSm& sm, const Prefix& prefix)
-      : tracing_(sm.interest().account.tracing) {
+  About(const typename F::RouteSm& sm, const Prefix& prefix) : tracing_(sm.account().tracing) {
     if (tracing_.only) [[unlikely]]
       enter(!isNull(prefix) && prefix.contains(*tracing_.only));
   }
@@ -35,7 +34,7 @@ class About {
   }
 
  private:
-  using Tracing = typename F::RouteSm::Interest::Account::Tracing;
+  using Tracing = typename F::RouteSm::Account::Tracing;
 
   void enter(bool isTraced) {
     hasEntered_ = true;
@@ -69,7 +68,7 @@ class Event {
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
   ~Event() {
-    auto& account = sm_.interest().account;
+    auto& account = sm_.account();
     if (--account.events == 0 && account.log != nullptr) [[unlikely]]
       account.log->eventEnds();
   }
@@ -79,7 +78,7 @@ class Event {
   requires std::is_invocable_r_v<Cause, MakeCause> Event(typename F::RouteSm& sm, CauseKind kind,
                                                          MakeCause makeCause)
       : sm_(sm) {
-    auto& account = sm.interest().account;
+    auto& account = sm.account();
     if (account.events++ != 0) return;
     ++account.counts.events[static_cast<size_t>(kind)];
     if (account.log != nullptr) [[unlikely]]
@@ -94,8 +93,8 @@ class Event {
 template <Family F>
 void hostRouteChanged(typename F::RouteSm& sm, const typename F::Prefix& prefix,
                       const typename F::Route& before, const typename F::Route& now) {
-  using Change = typename F::RouteSm::Interest::Account::Log::Change;
-  auto& account = sm.interest().account;
+  using Change = typename F::RouteSm::Account::Log::Change;
+  auto& account = sm.account();
   const bool was = before.key == prefix;
   const bool is = now.key == prefix;
   if (!was && !is) return;
@@ -115,19 +114,22 @@ void hostRouteChanged(typename F::RouteSm& sm, const typename F::Prefix& prefix,
                    is ? now : before, std::move(vias));
 }
 
-/// Counts the host routes that are in the route table when a machine begins.
+/// Counts the host routes that are in the route table when a machine begins. Returns whether all of
+/// them could be read.
 template <Family F>
-void countHostRoutes(typename F::RouteSm& sm) {
+bool countHostRoutes(typename F::RouteSm& sm) {
   const auto* table = sm.routeStatusRaw();
-  if (table == nullptr || table->routeCount() == 0) return;
-  auto& ofType = sm.interest().account.counts.hostRoutes;
+  if (table == nullptr || table->routeCount() == 0) return true;
+  auto& ofType = sm.account().counts.hostRoutes;
   try {
     table->forEachRoute([&ofType](const typename F::Route& route) {
       if (route.key.len() == F::Addr::kBits) ++ofType[route.routeType % ofType.size()];
     });
   } catch (const Tovan::CorruptionDetectedException& damage) {
     table->corruptionDetected(damage.what());
+    return false;
   }
+  return true;
 }
 
 }  // namespace HostCore

@@ -116,7 +116,7 @@ auto Explain<F>::stateOf(const Addr& addr) const -> State {
   state.ownAddress = found(*Kiv::validPtr(root_.receiveTable()), host);
   if (const auto* owner = root_.receiveAddrToIntfNameFind(addr)) state.ownIntf = *owner;
   if (const auto route = sm_.doFibLookup(host); route.key == host) state.fibRoute = overFec(route);
-  const auto* virtualIps = F::virtualIps(sm_);
+  const auto* virtualIps = sm_.virtualIps();
   state.isVirtual = virtualIps != nullptr && virtualIps->isVirtual(addr);
   findNeighbors(addr, state);
   findFilings(addr, state);
@@ -211,7 +211,7 @@ void Explain<F>::settle(const Addr& addr, State& state) const {
       break;
   }
   const bool isAttached = state.expected && state.expected->route.routeType == F::kAttached;
-  state.givesWay = isAttached && givesWay<F>(addr, F::kAttached, F::virtualIps(sm_));
+  state.givesWay = isAttached && givesWay<F>(addr, F::kAttached, sm_.virtualIps());
 
   const auto existing = Obu::readRoute(sm_.routeStatusRaw(), host);
   const bool exists = existing.key == host;

@@ -66,7 +66,7 @@ class MachineReactor : public Notifier::NotifieeConst {
   Machine* routeSm_ = nullptr;
 };
 
-/// A reactor on an input of which the machine knows more than it handles; see Listening.
+/// A reactor on an input that the machine's short cuts watch as well.
 template <class Notifier, class Machine>
 class InputReactor : public MachineReactor<Notifier, Machine> {
  public:
@@ -338,7 +338,7 @@ void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Han
 template <class Machine>
 void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv::Notifiee& reactor,
                      Kiv::AttributeId id) noexcept {
-  ++sm.interest().account.counts.exceptions;
+  ++sm.account().counts.exceptions;
   try {
     std::string what = "unknown";
     try {

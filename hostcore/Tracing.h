@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "hostcore/Listening.h"
+#include "hostcore/fast/ShortCuts.h"
 
 namespace HostCore {
 
@@ -11,12 +11,12 @@ namespace HostCore {
 /// on for all. Machines without levels of their own go on as fast as before.
 template <Family F>
 void tracedLevelsAre(typename F::RouteSm& sm, uint32_t levels) {
-  auto& tracing = sm.interest().account.tracing;
+  auto& tracing = sm.account().tracing;
   if (levels == tracing.levels) return;
   F::trace().ownLevelsAre(tracing.levels, levels);
   tracing.levels = levels;
   tracing.now = tracing.isOff ? 0 : levels;
-  Listening<F>(sm).review();
+  Relevance<F>(sm).review();
 }
 
 /// Leaves out, of what the levels of the machine's own let through, all that is about another
@@ -26,7 +26,7 @@ void tracedLevelsAre(typename F::RouteSm& sm, uint32_t levels) {
 template <Family F>
 void tracedAddressIs(typename F::RouteSm& sm, const std::optional<typename F::Addr>& addr,
                      bool isElsewhere = false) {
-  auto& tracing = sm.interest().account.tracing;
+  auto& tracing = sm.account().tracing;
   tracing.only = addr;
   tracing.isOff = isElsewhere;
   tracing.now = isElsewhere ? 0 : tracing.levels;

@@ -64,7 +64,8 @@ size_t QueueingActivity::run() {
     const auto notification = std::move(queue_.front());
     queue_.pop_front();
     if (notification == nullptr) continue;
-    // No longer known when it is delivered: what its callback announces again must wait again.
+    // Not pending any more while it is delivered: if its callback announces it again, it waits
+    // again.
     waiting_.erase({notification.get()});
     if (deliver(*notification)) ++delivered;
   }

@@ -25,7 +25,7 @@ class PendingNotification {
       : reactor_(reactor), attribute_(attribute) {}
   virtual ~PendingNotification() = default;
 
-  /// Who is to be told. Takes its notifications back when it goes.
+  /// The reactor. Takes its notifications back when it goes.
   Notifiee& reactor() const noexcept { return reactor_; }
   AttributeId attribute() const noexcept { return attribute_; }
 
@@ -51,7 +51,7 @@ class ActivityConfig : public Object {
   bool queues() const noexcept { return queues_; }
   /// Delivers `notification`: an activity that queues when it runs, another now.
   virtual void enqueue(std::unique_ptr<PendingNotification> notification);
-  /// Gives back what waits for `reactor`, in the order of arrival.
+  /// Returns the notifications that wait for `reactor`, in the order of arrival.
   virtual std::vector<std::unique_ptr<PendingNotification>> withdraw(Notifiee& reactor);
   /// Calls the callback for which this activity has entered `reactor`'s handleNotification().
   void deliverCurrent(Notifiee& reactor);
@@ -79,7 +79,7 @@ class QueueingActivity final : public ActivityConfig {
 
   QueueingActivity() : ActivityConfig(true) {}
 
-  /// Delivers all that waits now; what is announced meanwhile waits for the next run. A run from
+  /// Delivers all notifications that wait now; later ones wait for the next run. A run from
   /// within a callback delivers nothing.
   /// \returns how many notifications were delivered.
   size_t run();

@@ -1,4 +1,4 @@
-// Assertions on what must hold: a broken one stops the process.
+// Assertions: a broken invariant stops the process.
 #pragma once
 
 #include <string_view>
@@ -7,7 +7,7 @@ namespace Kiv {
 
 /// Reports a broken invariant on standard error and aborts.
 ///
-/// \param expression  what did not hold, as written.
+/// \param expression  the condition that did not hold, as written.
 /// \param module      the source module, such as "HostRouteSm".
 /// \param function    the full signature of the function.
 [[noreturn]] void assertionFailed(std::string_view expression, std::string_view module, int line,

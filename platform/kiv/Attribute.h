@@ -1,4 +1,4 @@
-// What identifies an attribute of an entity type.
+// The id and the name of an attribute of an entity type.
 #pragma once
 
 #include <cstdint>

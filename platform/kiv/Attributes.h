@@ -1,8 +1,9 @@
 // The kinds of attributes an entity can have: their storage, change detection and announcement.
 //
-// The templates hold all behaviour. One macro for each kind stamps what needs the attribute's name:
-// a tag type (the id, the name, and which callback reports a change) and the uniform one-line
-// members. Setters whose arguments or refusals are an attribute's own stand beside it in the class.
+// The templates hold all behaviour. One macro for each kind stamps the members that need the
+// attribute's name: a tag type (the id, the name, and which callback reports a change) and the
+// uniform one-line members. Setters whose arguments or refusals are an attribute's own stand beside
+// it in the class.
 //
 // Each macro stands in the public part of a class, after its NotifieeConst, which must declare the
 // attribute's callbacks: on##Attr() for one value, on##Attr(key) and on##Attr##kivImmediate() for a
@@ -38,7 +39,7 @@ class Scalar {
     owner.notify<Tag>();
     return true;
   }
-  /// Stores `value` without a word: for constructors.
+  /// Stores `value` without a notification: for constructors.
   void setQuietly(T value) { value_ = std::move(value); }
 
  private:
@@ -91,7 +92,7 @@ void disown(const V& value) {
   }
 }
 
-/// Handles to objects that end when their owner lets go of them, whoever else holds them: reactors,
+/// Handles to objects that end when their owner releases them, even if others hold them: reactors,
 /// and entities that own some.
 template <class V>
 inline constexpr bool isRetiring = false;
@@ -106,7 +107,7 @@ template <class Tag, class V, class... Key>
 void left(const Entity& owner, const V& old, const Key&... key) {
   disown(old);
   if constexpr (isRetiring<V>) {
-    // What it lets go of in turn may be all that holds the owner.
+    // An object that it releases in turn may hold the last handle to the owner.
     const Ptr<const Entity> alive(&owner);
     if (old) old->retire();
     owner.notify<Tag>(key...);
@@ -145,7 +146,7 @@ class Singleton {
     return made;
   }
   bool del(const Entity& owner) { return set(owner, nullptr); }
-  /// Forgets the object without a word.
+  /// Drops the object without a notification.
   void drop() {
     const Ptr<T> old = std::exchange(object_, nullptr);
     detail::disown(old);
@@ -160,7 +161,7 @@ class Singleton {
 
 /// Entries by key: values, or entities (and reactors) that the collection owns.
 ///
-/// What a walk's body may do to the collection is told at HashMap::Iterator.
+/// HashMap::Iterator says how a walk's body may change the collection.
 template <class Tag, class Key, class Value, class Storage = HashMap<Key, Value>>
 class Collection {
  public:
@@ -216,20 +217,20 @@ class Collection {
   }
   /// Removes the entry on which `it` stands; `it` may then be advanced.
   void del(const Entity& owner, const typename Map::Iterator& it) { del(owner, it.key()); }
-  /// Removes all entries, announcing each. What a callback adds stays.
+  /// Removes all entries, announcing each. Entries that a callback adds stay.
   void delAll(const Entity& owner) {
     if (!owner.hasNotifiees()) return dropAll();
     const Ptr<const Entity> alive(&owner);  // a callback may drop the last handle
     for (const Key& key : map_.keys()) del(owner, key);
   }
-  /// Forgets all entries without a word.
+  /// Drops all entries without a notification.
   void dropAll() {
     disownAll();
     map_.clear();
   }
 
  private:
-  /// The entry, whatever more the storage does for who looks at it.
+  /// The entry itself: a lazy storage does not make its object for this.
   Value* findStored(const Key& key) {
     if constexpr (requires { map_.findMade(key); }) {
       return map_.findMade(key);
@@ -239,7 +240,7 @@ class Collection {
   }
   void disownAll() {
     if constexpr (detail::isRetiring<Value>) {
-      // What they let go of may run anybody's code: it finds nothing here any more.
+      // Objects that they release may run anybody's code: it finds nothing here any more.
       const Map dropped = std::exchange(map_, Map());
       for (const auto& entry : dropped) {
         if (entry.value) entry.value->retire();
@@ -265,10 +266,10 @@ class LazyMap : public Base {
   using typename Base::Key;
 
   /// Gives `key` an entry, whose object is to be made later. \returns true when there was none.
-  bool expect(const Entity& owner, const Key& key) {
+  bool reserve(const Entity& owner, const Key& key) {
     owner_ = &owner;
     const auto [object, isNew] = Base::tryEmplace(key);
-    // A walk may be under way that is going to come by.
+    // A walk that is under way may reach the entry.
     if (isNew && isWalked_) made(key, *object);
     return isNew;
   }
@@ -420,8 +421,8 @@ class KeySet {
     attr##_.set(*this, object);                   \
   }
 
-/// An owned object that anybody may read: attr(), attrNotify(). What makes and removes it stands
-/// beside it.
+/// An owned object that anybody may read: attr(), attrNotify(). The members that make and remove
+/// it stand beside it.
 #define KIV_SINGLETON_VIEW(id, attr, Attr, Type)   \
   KIV_VALUE_TAG(id, attr, Attr);                   \
   const ::Kiv::Ptr<Type>& attr() const noexcept {  \
@@ -443,8 +444,8 @@ class KeySet {
     attr##_.del(*this);                     \
   }
 
-/// What sets and collections of values or owned entities have in common, over the storage class
-/// given last: attrCount(), attrIterator(), attrIteratorConst(), attrKeys() (a snapshot);
+/// The common members of sets and of collections of values or owned entities, over the storage
+/// class given last: attrCount(), attrIterator(), attrIteratorConst(), attrKeys() (a snapshot);
 /// attrNotify(key) and attrNotify() announce an entry or the whole without a change.
 #define KIV_KEYED_MEMBERS(id, attr, Attr, Key, ...)           \
   KIV_COLLECTION_TAG(id, attr, Attr, Key);                    \
@@ -498,8 +499,8 @@ class KeySet {
 
 /// A collection that is read by anybody and changed by its entity alone: attr(key), which gives the
 /// entry or an empty value, attrFind(key), which gives null for none, attrPrefetch(key), which
-/// begins to fetch what these read, and the common members. What changes it stands beside it. What
-/// is given is good until the collection changes.
+/// prefetches the memory that these read, and the common members. The members that change it stand
+/// beside it. A result is good until the collection changes.
 #define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                                  \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::Collection<Attr##Attribute, Key, Value>) \
   KIV_COLLECTION_READERS(attr, Key)
@@ -541,17 +542,17 @@ class KeySet {
   KIV_ORDERED_KEYS(attr, Key)
 
 /// A set of keys that is read by anybody and changed by its entity alone: attr(key),
-/// attrWhereabouts(), a hint at what it reads, and the common members.
+/// attrPrefetchHint(), a prefetch hint, and the common members.
 #define KIV_SET_VIEW(id, attr, Attr, Key)                                     \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::KeySet<Attr##Attribute, Key>) \
   KIV_SET_READER(attr, Key)
 
-#define KIV_SET_READER(attr, Key)       \
-  bool attr(const Key& key) const {     \
-    return attr##_.contains(key);       \
-  }                                     \
-  auto attr##Whereabouts() const {      \
-    return attr##_.map().whereabouts(); \
+#define KIV_SET_READER(attr, Key)        \
+  bool attr(const Key& key) const {      \
+    return attr##_.contains(key);        \
+  }                                      \
+  auto attr##PrefetchHint() const {      \
+    return attr##_.map().prefetchHint(); \
   }
 
 /// A set of keys: adds attrIs(key, present), newAttr(key, present), which also returns whether it
@@ -581,25 +582,25 @@ class KeySet {
 
 /// A collection of objects that are made of their keys, each when it is first looked at, on the
 /// storage given last: adds attrIs(key), which makes an entry unless it is there and gives its
-/// object; newAttr(key), which puts a new object in place of another; attrExpect(key), which leaves
-/// the object to be made; and attrIfMade(key), which gives null for one that is not made.
-#define KIV_LAZY_COLLECTION_ON(id, attr, Attr, Key, Type, ...)                         \
-  KIV_COLLECTION_ON(id, attr, Attr, Key, ::Kiv::Ptr<Type>,                             \
-                    ::Kiv::LazyMap<Attr##Attribute, __VA_ARGS__>)                      \
-  ::Kiv::Ptr<Type> attr##Is(const Key& key) {                                          \
-    if (const auto* present = attr##Find(key)) return *present;                        \
-    attr##_.map().expect(*this, key);                                                  \
-    const ::Kiv::Ptr<Type> made = attr(key);                                           \
-    this->template notify<Attr##Attribute>(key);                                       \
-    return made;                                                                       \
-  }                                                                                    \
-  ::Kiv::Ptr<Type> new##Attr(const Key& key) {                                         \
-    return attr##_.create(*this, key);                                                 \
-  }                                                                                    \
-  void attr##Expect(const Key& key) {                                                  \
-    if (attr##_.map().expect(*this, key)) this->template notify<Attr##Attribute>(key); \
-  }                                                                                    \
-  ::Kiv::Ptr<Type> attr##IfMade(const Key& key) const {                                \
-    const auto* made = attr##_.map().findMade(key);                                    \
-    return made == nullptr ? nullptr : *made;                                          \
+/// object; newAttr(key), which puts a new object in place of another; attrReserve(key), which
+/// leaves the object to be made; and attrIfMade(key), which gives null for one that is not made.
+#define KIV_LAZY_COLLECTION_ON(id, attr, Attr, Key, Type, ...)                          \
+  KIV_COLLECTION_ON(id, attr, Attr, Key, ::Kiv::Ptr<Type>,                              \
+                    ::Kiv::LazyMap<Attr##Attribute, __VA_ARGS__>)                       \
+  ::Kiv::Ptr<Type> attr##Is(const Key& key) {                                           \
+    if (const auto* present = attr##Find(key)) return *present;                         \
+    attr##_.map().reserve(*this, key);                                                  \
+    const ::Kiv::Ptr<Type> made = attr(key);                                            \
+    this->template notify<Attr##Attribute>(key);                                        \
+    return made;                                                                        \
+  }                                                                                     \
+  ::Kiv::Ptr<Type> new##Attr(const Key& key) {                                          \
+    return attr##_.create(*this, key);                                                  \
+  }                                                                                     \
+  void attr##Reserve(const Key& key) {                                                  \
+    if (attr##_.map().reserve(*this, key)) this->template notify<Attr##Attribute>(key); \
+  }                                                                                     \
+  ::Kiv::Ptr<Type> attr##IfMade(const Key& key) const {                                 \
+    const auto* made = attr##_.map().findMade(key);                                     \
+    return made == nullptr ? nullptr : *made;                                           \
   }

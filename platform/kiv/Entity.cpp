@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/kiv/Percent.h"
+
 namespace Kiv {
 
 namespace {
@@ -16,19 +18,7 @@ constexpr bool isPlain(char c) {
 }  // namespace
 
 std::string uriSegment(std::string_view name) {
-  static constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string segment;
-  for (const char c : name) {
-    if (isPlain(c)) {
-      segment += c;
-      continue;
-    }
-    const auto byte = static_cast<unsigned char>(c);
-    segment += '%';
-    segment += kDigits[byte >> 4];
-    segment += kDigits[byte & 0xf];
-  }
-  return segment;
+  return percentEncoded(name, isPlain);
 }
 
 std::vector<const Entity*> Entity::withOwners() const {

@@ -35,8 +35,8 @@ class Entity : public Object {
   /// byte that a URI path segment may not hold percent-encoded (RFC 3986).
   std::string uriPath() const;
 
-  /// The levels that are traced of what this entity does, beside those that a facility has on for
-  /// all; a bit for each. Who overrides this tells the facility; see TraceFacility::ownLevelsAre().
+  /// The levels that are traced for this entity, beside those that a facility has on for all; a bit
+  /// for each. An override must tell the facility; see TraceFacility::ownLevelsAre().
   virtual uint32_t tracedLevels() const noexcept { return 0; }
 
   const Entity* parent() const noexcept { return parent_; }
@@ -47,13 +47,13 @@ class Entity : public Object {
   std::string_view parentAttr() const noexcept;
   /// The id of that attribute; 0 without an owner.
   AttributeId parentAttrId() const noexcept { return parentAttr_ == nullptr ? 0 : parentAttr_->id; }
-  /// Says who owns this entity through which attribute. Null takes it back.
+  /// Sets the owner of this entity, and the attribute by which it is owned. Null clears both.
   void parentIs(const Entity* parent, const AttributeInfo* attribute) noexcept {
     parent_ = parent;
     parentAttr_ = parent == nullptr ? nullptr : attribute;
   }
 
-  /// Those who are told of this entity's changes. Being told is no change of the entity, so a
+  /// The notifiees of this entity. A registration is no change of the entity, so a
   /// const one has them too.
   NotifierList& notifierList() const {
     if (notifiees_ == nullptr) notifiees_ = new NotifierList();
@@ -73,8 +73,8 @@ class Entity : public Object {
       notifyAll<Attribute>(Key(key)...);
   }
 
-  /// Calls `visit` with those who would be told of a change now. It must change neither them nor
-  /// who they are.
+  /// Calls `visit` with each notifiee that a change would now be delivered to. It must change
+  /// neither them nor the list.
   template <class Visit>
   void forEachNotifiee(Visit visit) const {
     if (!hasNotifiees()) return;
@@ -153,7 +153,7 @@ struct EntityType;
 
 }  // namespace Kiv
 
-/// What a type that reflection knows declares: its description, made when it is first asked for,
+/// The declarations of a reflected type: its description, made when it is first asked for,
 /// and the interface to its entities. Both stand where the types are registered.
 #define KIV_REFLECTED(Type)                    \
   using _Type = ::Kiv::EntityType<Type>;       \

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "platform/kiv/Exception.h"
+#include "platform/kiv/Percent.h"
 
 namespace Kiv {
 
@@ -13,27 +14,6 @@ namespace {
 std::map<std::string, GenericValue, std::less<>>& mounted() {
   static std::map<std::string, GenericValue, std::less<>> handles;
   return handles;
-}
-
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
-std::string decoded(std::string_view segment) {
-  std::string text;
-  for (size_t at = 0; at < segment.size(); ++at) {
-    if (segment[at] == '%' && at + 2 < segment.size() && hexDigit(segment[at + 1]) >= 0 &&
-        hexDigit(segment[at + 2]) >= 0) {
-      text += static_cast<char>(hexDigit(segment[at + 1]) * 16 + hexDigit(segment[at + 2]));
-      at += 2;
-    } else {
-      text += segment[at];
-    }
-  }
-  return text;
 }
 
 /// Takes the first segment of "/A/B" and leaves "/B".
@@ -47,7 +27,7 @@ std::string_view takeSegment(std::string_view& path) {
 /// The one form of a path: each segment with the bytes percent-encoded that it may not hold.
 std::string canonical(std::string_view path) {
   std::string text;
-  while (!path.empty()) text += '/' + uriSegment(decoded(takeSegment(path)));
+  while (!path.empty()) text += '/' + uriSegment(percentDecoded(takeSegment(path)));
   return text;
 }
 
@@ -73,7 +53,7 @@ std::optional<std::pair<GenericValue, GenericValue>> takeMember(
   }
   for (auto end = ends.rbegin(); end != ends.rend(); ++end) {
     try {
-      const GenericValue key = keyOf(attribute, decoded(path.substr(1, *end - 1)));
+      const GenericValue key = keyOf(attribute, percentDecoded(path.substr(1, *end - 1)));
       auto value = entity.attributeOp({GenericIf::Op::kRead, attribute.id}, {}, key);
       path.remove_prefix(*end);
       return std::pair(key, std::move(value));
@@ -140,7 +120,7 @@ EntityDirectory::Place EntityDirectory::find(std::string_view path, LastKey last
     place.holder = std::move(place.entity);
     place.value = {};
     place.key = {};
-    place.attribute = place.holder->type().attribute(decoded(takeSegment(path)));
+    place.attribute = place.holder->type().attribute(percentDecoded(takeSegment(path)));
     if (place.attribute == nullptr) throw nowhere(path);
     if (place.attribute->isMethod()) continue;
     if (!place.attribute->isCollection()) {
@@ -149,7 +129,7 @@ EntityDirectory::Place EntityDirectory::find(std::string_view path, LastKey last
       if (auto member = takeMember(*place.holder, *place.attribute, path)) {
         std::tie(place.key, place.value) = std::move(*member);
       } else if (lastKey == LastKey::kAny) {
-        place.key = keyOf(*place.attribute, decoded(path.substr(1)));
+        place.key = keyOf(*place.attribute, percentDecoded(path.substr(1)));
         return place;
       } else {
         throw nowhere("");

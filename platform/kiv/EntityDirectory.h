@@ -36,8 +36,8 @@ class EntityDirectory {
 
   /// Where a path leads: to an entity, an attribute, or a member of a collection.
   struct Place {
-    /// What is there: the value, or the handle to the entity. None for a method, a whole
-    /// collection, what is null, and above the entities.
+    /// The value, or the handle to the entity. None for a method, a whole collection, a null
+    /// handle, and above the entities.
     GenericValue value;
     std::unique_ptr<GenericIf> entity;  ///< the interface to `value`, if that is an entity
     // The last step of the path. Null or none where a path begins.

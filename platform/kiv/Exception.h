@@ -14,7 +14,7 @@ class KIV_EXPORT Exception : public std::exception {
  public:
   explicit Exception(std::string message) : message_(std::move(message)) {}
 
-  /// What went wrong, for people.
+  /// The reason, for people.
   const char* what() const noexcept override { return message_.c_str(); }
 
  private:
@@ -25,13 +25,13 @@ class KIV_EXPORT Exception : public std::exception {
 
 namespace Kiv {
 
-/// An operation of the runtime was asked for what it cannot do.
+/// An operation of the runtime is not possible.
 class KIV_EXPORT Exception : public Pindo::Exception {
  public:
   using Pindo::Exception::Exception;
 };
 
-/// A value or an argument was refused because it is outside what its type allows.
+/// A value or an argument is outside the range that its type allows.
 class KIV_EXPORT RangeException : public Exception {
  public:
   using Exception::Exception;

@@ -1,4 +1,4 @@
-// What a shared library shows to those who link or load it.
+// The symbols that a shared library exports.
 #pragma once
 
 /// Marks a class, function or variable as visible outside the shared library that defines it. The

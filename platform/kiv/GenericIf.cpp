@@ -138,7 +138,7 @@ GenericValue GenericIfEntity::attributeOp(AttributeOp op, const GenericValue& va
   switch (op.op) {
     case Op::kRead: {
       GenericValue result = attribute.read(attribute, entity, index);
-      // What a const entity refers to is not to be changed by way of it.
+      // Nothing that a const entity refers to may be changed through it.
       if (writable_ || result.isNone() || !result.type().operations().constHandle) return result;
       return result.type().operations().constHandle(result);
     }

@@ -34,10 +34,10 @@ class GenericObserver {
   virtual void onZeroReferences() noexcept = 0;
 };
 
-/// What every reflective interface offers, and how it refuses.
+/// The operations of every reflective interface, and their errors.
 ///
-/// What is refused raises Kiv::Exception and leaves the entity as it was. What the typed accessor
-/// itself refuses is raised as that does.
+/// A refused operation raises Kiv::Exception and leaves the entity as it was. What the typed
+/// accessor itself refuses is raised as that does.
 class GenericIf {
  public:
   enum class Op { kRead, kSet, kDel, kDelAll, kCreate, kCall };
@@ -63,9 +63,9 @@ class GenericIf {
   /// Does one operation on one attribute: reads or sets it, deletes it (of a collection, an entry)
   /// or all entries, makes what it holds, or calls a method.
   ///
-  /// \param value  what to set; or the arguments of a creation or call, as a list or the only one.
-  /// \param index  the key of a collection's entry; none for another attribute.
-  /// \returns what was read or made, or the method's result.
+  /// \param value  the new value; or the arguments of a creation or call, as a list or the only
+  /// one. \param index  the key of a collection's entry; none for another attribute. \returns the
+  /// value that was read or made, or the method's result.
   virtual GenericValue attributeOp(AttributeOp op, const GenericValue& value = {},
                                    const GenericValue& index = {}) const = 0;
 
@@ -73,8 +73,8 @@ class GenericIf {
   /// collections at once, and must outlive this interface or be taken back.
   /// \throws Kiv::Exception where a type tells of no changes, as all but the roots.
   virtual void observerIs(GenericObserver* observer);
-  /// The entity itself, for who knows its type. \throws Kiv::Exception when it is another, or
-  /// const.
+  /// The entity itself, for a caller that knows its type. \throws Kiv::Exception when it is
+  /// another, or const.
   virtual void* voidPtrIs(const TypeInfo& type) const = 0;
 
   /// A walk over a collection from its beginning. The Const ones delete no members.
@@ -84,7 +84,7 @@ class GenericIf {
   virtual AttributeIterator attributeIteratorKeyConst(AttributeId id,
                                                       const GenericValue& key) const = 0;
 
-  // The refusals. `attribute` is the name of what was to be accessed.
+  // The errors. `attribute` is the name of the attribute or method.
   [[noreturn]] static void throwConstException(const char* attribute);
   [[noreturn]] static void throwOpNotSupportedException(const char* attribute, Op op);
   [[noreturn]] static void throwBadIndexAttrException(const char* attribute,
@@ -192,7 +192,7 @@ class GenericIfOf : public GenericIfEntity {
 /// \throws Kiv::Exception when it refers to no entity whose type is known.
 std::unique_ptr<GenericIf> genericIf(const GenericValue& handle, bool writable);
 
-/// How to come by the interface to a T.
+/// Makes the interface to a T.
 template <class T>
 struct EntityType {
   static std::unique_ptr<GenericIf> genericIf(const Ptr<T>& entity, bool writable) {

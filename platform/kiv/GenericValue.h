@@ -58,7 +58,7 @@ class GenericValue {
   const T* as() const noexcept {
     return std::any_cast<T>(&value_);
   }
-  /// The text that reads back as this value; "null" for none. What no path leads to is shown
+  /// The text that reads back as this value; "null" for none. An entity without a path is shown
   /// between < and >, which nothing reads.
   std::string text() const;
 

@@ -26,8 +26,8 @@ KIV_EXPORT inline HashSeed hashSeed = drawHashSeed();
 
 /// Fixes the seed, for runs that must repeat themselves exactly.
 ///
-/// To be called before any table or string is filled: what was stored under another seed is not
-/// found again, and equal strings made before and after count as different.
+/// To be called before any table or string is filled: an entry that was stored under another seed
+/// is not found again, and equal strings made before and after count as different.
 void hashSeedIs(const HashSeed& seed) noexcept;
 
 namespace detail {

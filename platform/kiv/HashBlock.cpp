@@ -21,8 +21,8 @@ constexpr size_t roundUp(size_t bytes, size_t unit) {
   return (bytes + unit - 1) & ~(unit - 1);
 }
 
-/// What stands before the slots. Whole groups, so that each is in one cache line when there are
-/// many.
+/// The control bytes before the slots. Whole groups, so that each is in one cache line when there
+/// are many.
 size_t headBytes(size_t groups) {
   const size_t emptying = groups == 1 ? 0 : sizeof(HashBlock::Emptying);
   return emptying + groups * sizeof(HashGroup) + sizeof(HashBlock);

@@ -166,7 +166,7 @@ struct HashBlock {
   std::byte* end(size_t slotSize) noexcept;
   /// Lets the system put huge pages in place of small ones, in its own time.
   void useHugePages(size_t slotSize) noexcept;
-  /// Gives back the memory up to `end`; what was behind that has been given back already.
+  /// Releases the memory up to `end`; the memory behind it was released before.
   void release(std::byte* end) noexcept;
   /// Gives back what it can of the slots behind the first `groups` groups, when it is worth a call.
   /// \returns where the rest ends.
@@ -175,7 +175,7 @@ struct HashBlock {
   void releaseAround(void* slot, size_t slotSize) noexcept;
 };
 
-/// What a map without memory points at: a block that has no slot. Known by its address.
+/// The block of a map without memory: it has no slot. Known by its address.
 struct NoHashBlock {
   HashGroup group;
   HashBlock block;

@@ -33,7 +33,7 @@ class HashMap {
   using Key = K;
   using Value = V;
 
-  /// What range-for sees of a map; of a set it sees the keys.
+  /// The element of a range-for over a map; over a set it is the key.
   struct Entry {
     K key;
     [[no_unique_address]] V value;
@@ -156,11 +156,11 @@ class HashMap {
   };
 
  public:
-  /// Where a map had its elements when it was asked: a hint that may outlive the map.
-  class Whereabouts {
+  /// A hint at the memory of a map's elements. It may outlive the map.
+  class PrefetchHint {
    public:
-    Whereabouts() = default;
-    /// Begins to fetch what a search for `key` read there.
+    PrefetchHint() = default;
+    /// Prefetches the memory that a search for `key` would read.
     void prefetch(const K& key) const {
       if (block_ == nullptr) return;
       const uint32_t hash = H()(key);
@@ -171,9 +171,9 @@ class HashMap {
 
    private:
     friend HashMap;
-    explicit Whereabouts(Block* block) : block_(block), shift_(block->shift) {}
+    explicit PrefetchHint(Block* block) : block_(block), shift_(block->shift) {}
 
-    Block* block_ = nullptr;  // never followed: it may be gone
+    Block* block_ = nullptr;  // never dereferenced: it may be gone
     uint8_t shift_ = 0;
   };
 
@@ -204,8 +204,8 @@ class HashMap {
   /// The value of `key`, or null.
   V* find(const K& key) { return valueAt(locate(key)); }
   const V* find(const K& key) const { return valueAt(locate(key)); }
-  /// Begins to fetch what find() is going to read; so several maps can be searched in the time of
-  /// one. \returns the hash to call it with.
+  /// Prefetches the memory that find() reads, so that several maps are searched in the time of one.
+  /// \returns the hash for find().
   uint32_t prefetch(const K& key) const {
     const uint32_t hash = H()(key);
     prefetchHash(hash);
@@ -214,7 +214,7 @@ class HashMap {
   /// The same for a key of this hash.
   void prefetchHash(uint32_t hash) const { prefetchGroup(block_, homeOf(block_, hash), hash); }
   /// A hint for a later prefetch, also when the map itself is not at hand then.
-  Whereabouts whereabouts() const { return Whereabouts(block_); }
+  PrefetchHint prefetchHint() const { return PrefetchHint(block_); }
   const V* find(const K& key, uint32_t hash) const { return valueAt(locate(key, hash)); }
   /// The key that equals `probe`, of another type, whose hash is `hash`; or null.
   template <class Probe>
@@ -244,12 +244,6 @@ class HashMap {
     ++block_->size;
     --block_->free;
     return &entry->value;
-  }
-  /// Makes `value` the value of `key`. \returns true when there was none.
-  bool insertOrAssign(const K& key, V value) {
-    const auto [stored, isNew] = tryEmplace(key, std::move(value));
-    if (!isNew) *stored = std::move(value);  // NOLINT(bugprone-use-after-move): still there
-    return isNew;
   }
   /// Adds a key to a set. \returns true when it was not there.
   bool insert(const K& key) requires std::is_same_v<V, Present> { return tryEmplace(key).second; }
@@ -379,7 +373,7 @@ class HashMap {
   /// The slot in which to put a key if it is empty, else one of the next.
   static size_t firstChoice(uint32_t hash) {
     // Large slots are spread, so that the one sought can be fetched before its group is read.
-    // Small ones are filled in order: what they take of a cache counts more.
+    // Small ones are filled in order: there the use of cache lines counts more.
     return sizeof(Entry) > 16 ? hash & 14 : 0;
   }
   /// Fetches the control bytes of a group, and all slots that a key of this hash is likely to be
@@ -406,7 +400,7 @@ class HashMap {
     return reinterpret_cast<Entry*>(block->slots(group, sizeof(Entry)));
   }
   static size_t homeOf(const Block* block, uint32_t hash) { return uint64_t{hash} >> block->shift; }
-  /// Steps of growing length come by every group.
+  /// Steps of growing length reach every group.
   static size_t nextGroup(const Block* block, size_t group, size_t step) {
     return (group + step) & (block->groupCount() - 1);
   }

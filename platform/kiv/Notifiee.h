@@ -1,4 +1,4 @@
-// Those who are told of changes, and the lists through which they are told.
+// Notifiees, which are told of changes, and the lists in which a notifier keeps them.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ class Entity;
 class NotifierList;
 class SnapshotIterator;
 
-/// What all reactors have in common: one notifier, an activity, and whether they may act.
+/// The base of all reactors: one notifier, an activity, and whether they may act.
 ///
 /// A type's own `NotifieeConst` derives from this through NotifieeOf and adds one callback for each
 /// attribute. A callback runs after the change that it reports.
@@ -34,7 +34,7 @@ class Notifiee : public Object {
   bool acceptsNotifications() const noexcept { return registered_ && active_ && isLive(); }
 
   bool hasNotificationActive() const noexcept { return active_; }
-  /// Switches delivery on or off without unregistering. What is missed meanwhile is lost.
+  /// Switches delivery on or off without unregistering. Notifications that come meanwhile are lost.
   virtual void hasNotificationActiveIs(bool active) { active_ = active; }
 
   bool isZombie() const noexcept { return zombie_; }
@@ -86,7 +86,7 @@ class Notifiee : public Object {
   /// A callback for attribute `id` has raised; the exception is std::current_exception().
   virtual void onNotificationException(AttributeId /*id*/) noexcept {}
 
-  /// As Entity::tracedLevels(): a reactor has those of what it acts for.
+  /// As Entity::tracedLevels(): a reactor has those of the entity for which it acts.
   virtual uint32_t tracedLevels() const noexcept { return 0; }
 
   /// The last handle to the notifier was dropped. Comes only to a notifiee that does not hold it.
@@ -139,7 +139,7 @@ class NotifieeOf : public Notifiee {
 
 /// The notifiees of one entity.
 ///
-/// May be changed while it is walked: those who leave are skipped, those who join wait for the next
+/// May be changed while it is walked: notifiees that leave are skipped, new ones wait for the next
 /// walk.
 class NotifierList {
  public:
@@ -182,7 +182,7 @@ class SnapshotIterator {
   explicit SnapshotIterator(NotifierList& list)
       : list_(list),
         slots_(list.toTell()),
-        // Those who are woken meanwhile stand behind the others.
+        // Notifiees that are woken meanwhile stand behind the others.
         end_(&slots_ == &list.alert_ ? SIZE_MAX : slots_.size()) {
     ++list_.walks_;
   }
@@ -200,7 +200,7 @@ class SnapshotIterator {
     standOn(notifiee);
     return notifiee;
   }
-  /// What next() gave last, also if it has left the list; null once it has been destroyed.
+  /// The last result of next(), also if it has left the list; null once it is destroyed.
   Notifiee* current() const noexcept { return current_; }
 
  private:

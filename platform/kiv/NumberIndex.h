@@ -22,7 +22,7 @@ class NumberIndex {
     const Entry* found = entries_.findKey(Sought<Test>{hash, isSought}, hash);
     return found == nullptr ? nullptr : &found->number;
   }
-  /// Begins to fetch what find() is going to read.
+  /// Prefetches the memory that find() reads.
   void prefetch(uint32_t hash) const { entries_.prefetchHash(hash); }
 
   /// \pre the number is not there \throws std::bad_alloc

@@ -85,45 +85,64 @@ class OrderedKeys {
 
 /// A hash map that also gives the keys of a range, at a cost that does not depend on the others.
 ///
-/// Its order is worked out when a large map is first asked for a range, and kept from then on.
+/// Its order is worked out when a large map is first asked for a range, and kept from then on. The
+/// members that HashMap has too do the same as there.
 template <class K, class V>
-class OrderedHashMap : public HashMap<K, V> {
-  using Base = HashMap<K, V>;
+class OrderedHashMap {
+  using Map = HashMap<K, V>;
 
  public:
+  using Key = typename Map::Key;
+  using Value = typename Map::Value;
+  using Iterator = typename Map::Iterator;
+  using IteratorConst = typename Map::IteratorConst;
+
+  size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+  V* find(const K& key) { return map_.find(key); }
+  const V* find(const K& key) const { return map_.find(key); }
+  bool contains(const K& key) const { return map_.contains(key); }
+  void prefetch(const K& key) const { map_.prefetch(key); }
+  auto prefetchHint() const { return map_.prefetchHint(); }
+  Iterator iterator() { return map_.iterator(); }
+  IteratorConst iteratorConst() const { return map_.iteratorConst(); }
+  std::vector<K> keys() const { return map_.keys(); }
+  auto begin() const { return map_.begin(); }
+  auto end() const { return map_.end(); }
+
   template <class... Args>
   std::pair<V*, bool> tryEmplace(const K& key, Args&&... args) {
-    const auto result = Base::tryEmplace(key, std::forward<Args>(args)...);
+    const auto result = map_.tryEmplace(key, std::forward<Args>(args)...);
     if (order_ && result.second) keepInOrder(key);
     return result;
   }
   bool insert(const K& key) { return tryEmplace(key).second; }
   bool erase(const K& key) {
     const K erased = key;  // NOLINT(performance-*): `key` may be the stored one
-    if (!Base::erase(erased)) return false;
+    if (!map_.erase(erased)) return false;
     if (order_) order_->erase(erased);
-    if (Base::empty()) order_ = nullptr;
+    if (empty()) order_ = nullptr;
     return true;
   }
   void clear() noexcept {
     order_ = nullptr;
-    Base::clear();
+    map_.clear();
   }
 
   /// The keys from `first` to `last`, in ascending order.
   std::vector<K> keysBetween(const K& first, const K& last) const {
-    if (!order_ && Base::size() > kWalked) {
-      auto keys = Base::keys();
-      std::sort(keys.begin(), keys.end());
-      order_ = std::make_unique<OrderedKeys<K>>(keys);
+    if (!order_ && size() > kWalked) {
+      auto all = keys();
+      std::sort(all.begin(), all.end());
+      order_ = std::make_unique<OrderedKeys<K>>(all);
     }
     if (order_) return order_->between(first, last);
-    std::vector<K> keys;
-    for (auto it = Base::iteratorConst(); it; ++it) {
-      if (first <= it.key() && it.key() <= last) keys.push_back(it.key());
+    std::vector<K> found;
+    for (auto it = iteratorConst(); it; ++it) {
+      if (first <= it.key() && it.key() <= last) found.push_back(it.key());
     }
-    std::sort(keys.begin(), keys.end());
-    return keys;
+    std::sort(found.begin(), found.end());
+    return found;
   }
 
  private:
@@ -134,10 +153,11 @@ class OrderedHashMap : public HashMap<K, V> {
     try {
       order_->insert(key);
     } catch (const std::bad_alloc&) {
-      order_ = nullptr;  // it may lack the key; whoever asks next has it worked out again
+      order_ = nullptr;  // it may lack the key; the next range has it worked out again
     }
   }
 
+  Map map_;
   mutable std::unique_ptr<OrderedKeys<K>> order_;
 };
 

@@ -16,7 +16,7 @@ namespace Kiv {
 
 /// Base of everything that is held through Kiv::Ptr.
 ///
-/// The count starts at one, the reference of whoever makes the object (Kiv::make), so that a
+/// The count starts at one, the reference of the maker (Kiv::make), so that a
 /// handler run by the constructor may take and drop handles. While the object is being destroyed
 /// the count is negative: handles may come and go, and nothing is destroyed twice.
 class Object {
@@ -151,7 +151,7 @@ const Ptr<T>& validPtr(const Ptr<T>& handle) {
     throw Exception("null ValidPtr");
   return handle;
 }
-/// What `object` points at.
+/// The object that the pointer points at.
 /// \throws Kiv::Exception "null ValidPtr" when it is null.
 template <class T>
 T& validPtr(T* object) {

@@ -19,7 +19,7 @@ namespace Kiv {
 /// Maps whose keys are for the most part the same: a row for each key that is in one of them, and a
 /// Column for each map, which is told by the type of its values.
 ///
-/// A key is stored once, and what is there of it is found side by side. Rows do not move, and a row
+/// A key is stored once, and its values stand side by side. Rows do not move, and a row
 /// goes with its last entry: pointers to values are good until their own entry is deleted.
 template <class K, class... Values>
 class Rows {
@@ -52,7 +52,7 @@ class Rows {
   class WalkOf {
    public:
     using Value = std::conditional_t<kIsConst, const V, V>;
-    /// What range-for sees.
+    /// The element of a range-for.
     struct Entry {
       const K& key;
       Value& value;
@@ -90,7 +90,7 @@ class Rows {
   };
 
  public:
-  /// One of the maps, with what a collection needs of a HashMap.
+  /// One of the maps, with the members of a HashMap that a collection needs.
   template <class V>
   class Column {
    public:
@@ -107,7 +107,7 @@ class Rows {
     /// The value of `key`, or null.
     V* find(const K& key) { return rows_.template find<V>(key); }
     const V* find(const K& key) const { return rows_.template find<V>(key); }
-    /// Begins to fetch what find() is going to read first, for all columns.
+    /// Prefetches the memory that find() reads first, for all columns.
     void prefetch(const K& key) const { rows_.index_.prefetch(Hash<K>()(key)); }
 
     /// The value of `key`, which is made of `args` if there was none. \returns true when it was

@@ -66,7 +66,7 @@ class SmallVector {
   T* data() noexcept { return isOnHeap() ? many_ : &one_; }
   const T* data() const noexcept { return isOnHeap() ? many_ : &one_; }
 
-  /// Moves the elements of `other` in; what this list held is not released.
+  /// Moves the elements of `other` in; the former elements of this list are not released.
   void take(SmallVector& other) noexcept {
     size_ = other.size_;
     if (isOnHeap()) {

@@ -35,9 +35,9 @@ class TextReader {
   bool take(std::string_view literal);
   /// Takes the longest run of characters of `alphabet`; it may be empty.
   std::string_view run(std::string_view alphabet);
-  /// Takes what comes before the next blank, comma, quote, bracket or brace.
+  /// Takes the text before the next blank, comma, quote, bracket or brace.
   std::string_view word();
-  /// Takes what comes before the next blank or brace.
+  /// Takes the text before the next blank or brace.
   std::string_view path();
   /// Takes a word, or a text in double quotes: there \x and two hexadecimal digits stand for a
   /// byte, and \ before another character for that one.
@@ -48,7 +48,7 @@ class TextReader {
  private:
   static constexpr std::string_view kBlanks = " \t";
 
-  /// Takes what comes before the next of these characters.
+  /// Takes the text before the next of these characters.
   std::string_view upTo(std::string_view ends);
 
   std::string_view text_;
@@ -58,7 +58,7 @@ class TextReader {
 /// How a T is written and read. Each has
 ///
 ///     static void print(std::ostream&, const T&);
-///     static std::optional<T> read(TextReader&);  // takes what belongs to the value and no more
+///     static std::optional<T> read(TextReader&);  // takes the text of the value and no more
 template <class T>
 struct TextForm;
 

@@ -21,7 +21,7 @@ namespace Kiv {
 /// compared by their stored hashes first. May be dropped by any thread.
 class StringN {
  public:
-  /// What pos() returns when there is no such place.
+  /// The result of pos() when there is no such place.
   static constexpr size_t kNotFound = static_cast<size_t>(-1);
 
   StringN() noexcept = default;

@@ -1,4 +1,4 @@
-// Tracing: what the handlers say of their decisions, switched on level by level.
+// Tracing: the handlers' decisions in words, switched on level by level.
 #pragma once
 
 #include <array>

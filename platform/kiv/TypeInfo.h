@@ -1,4 +1,4 @@
-// What reflection knows of a type: its name, text form, attributes, methods and constructor.
+// The reflected description of a type: its name, text form, attributes, methods, constructor.
 #pragma once
 
 #include <memory>
@@ -18,12 +18,12 @@ namespace Kiv {
 class CollectionWalk;
 class GenericIf;
 
-/// What may be done with an attribute, as six bits.
+/// The operations that an attribute allows, as six bits.
 class KivAttrIntrospectionFlags {
  public:
   static constexpr uint32_t kReadOnly = 0x01;       ///< reflection may not change it
   static constexpr uint32_t kNotifying = 0x02;      ///< its changes are announced
-  static constexpr uint32_t kInstantiating = 0x04;  ///< its entity makes and owns what it holds
+  static constexpr uint32_t kInstantiating = 0x04;  ///< its entity makes and owns its objects
   static constexpr uint32_t kCollection = 0x08;     ///< entries by key
   static constexpr uint32_t kKey = 0x10;            ///< it names its entity among others
   static constexpr uint32_t kMethod = 0x20;         ///< called, not read
@@ -46,7 +46,7 @@ using TypeRef = const TypeInfo& (*)();
 struct ArgumentInfo {
   const char* name = "";
   TypeRef type = nullptr;
-  const char* typeName = nullptr;  ///< what the type is called here; null: by its own name
+  const char* typeName = nullptr;  ///< the type's name here; null: its own name
 
   const char* shownType() const;
 };
@@ -57,7 +57,7 @@ struct AttributeDescriptor {
   const char* name = nullptr;
   KivAttrIntrospectionFlags flags;
   TypeRef type = nullptr;          ///< of the value or the result; null for a method without one
-  const char* typeName = nullptr;  ///< what that type is called here; null: by its own name
+  const char* typeName = nullptr;  ///< that type's name here; null: its own name
   ArgumentInfo key;                ///< of a collection
   std::vector<ArgumentInfo> arguments = {};  ///< of a call, or of the creation of a member
   bool isConst = false;                      ///< a method that changes nothing
@@ -86,10 +86,10 @@ struct AttributeDescriptor {
 /// The description of one type. Made once, and good until its library is unloaded.
 class TypeInfo {
  public:
-  /// What the type's values can do; filled in by whoever makes the description.
+  /// The operations on the type's values; filled in by the maker of the description.
   struct Operations {
     std::string (*print)(const GenericValue& value) = nullptr;
-    /// Takes what belongs to the value and no more; nothing when no value begins there.
+    /// Takes the text of the value and no more; nothing when no value begins there.
     std::optional<GenericValue> (*read)(TextReader& reader) = nullptr;
     /// The entity a handle refers to; null when it is no entity.
     const Entity* (*entity)(const GenericValue& handle) = nullptr;
@@ -178,7 +178,7 @@ auto withHandle(const GenericValue& value, Visit visit) -> decltype(visit(Ptr<co
   return {};
 }
 
-/// What handles to T have in common.
+/// The operations on handles to T.
 template <class T>
 TypeInfo::Operations handleOperations() {
   TypeInfo::Operations operations;

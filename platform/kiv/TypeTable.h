@@ -13,7 +13,7 @@ namespace Kiv {
 
 namespace detail {
 
-/// A value as reflection shows it: for a reactor, what it watches.
+/// A value as reflection shows it: for a reactor, its notifier.
 template <class V>
 decltype(auto) shown(const V& value) {
   if constexpr (requires { value->notifier(); }) {
@@ -27,7 +27,7 @@ decltype(auto) shown(const V& value) {
 template <class V>
 using Shown = std::remove_cvref_t<decltype(shown(std::declval<const V&>()))>;
 
-/// The description of a value type, or of what a handle refers to.
+/// The description of a value type, or of the type that a handle refers to.
 template <class V>
 constexpr TypeRef typeRef() {
   if constexpr (isHandle<V>) {
@@ -76,7 +76,7 @@ GenericValue pack(const R& result) {
   return GenericValue::of(shown(result));
 }
 
-/// What a function, or a member function with the entity before its arguments, takes and gives.
+/// The arguments and the result of a function, or of a member function with the entity first.
 template <class F>
 struct Signature;
 template <class R, class... A>
@@ -149,7 +149,7 @@ inline constexpr bool isSingleton = requires {
 
 }  // namespace detail
 
-/// The name of an argument, and what its type is called where that is not its own name.
+/// The name of an argument, and the name of its type where that is not the type's own.
 struct ArgumentName {
   constexpr ArgumentName(const char* itsName,  // NOLINT(google-explicit-constructor): it will do
                          const char* itsTypeName = nullptr)
@@ -167,8 +167,8 @@ constexpr auto overloaded(R (C::*method)(A...)) {
 
 /// Makes the description of the entity type T, row by row in the order of the ids.
 ///
-/// What reads and deletes is taken from the attribute's storage, which is what its accessors do
-/// too. What has a mind of its own is named: an accessor that sets, makes or deletes.
+/// Reading and deletion use the attribute's storage, as its accessors do. An accessor with rules of
+/// its own is named: one that sets, makes or deletes.
 template <class T>
 class TypeTable {
  public:
@@ -206,7 +206,7 @@ class TypeTable {
 
   // These say more of the attribute of the row before.
 
-  /// What its keys are called.
+  /// The name of its keys.
   TypeTable& key(ArgumentName name) {
     row().key.name = name.name;
     row().key.typeName = name.typeName;
@@ -215,7 +215,7 @@ class TypeTable {
   /// It is set through this accessor: of its value alone, or of a key and its value.
   template <auto Setter>
   TypeTable& setter();
-  /// What it holds is made by this accessor.
+  /// This accessor makes its objects.
   template <auto Creator, size_t N>
   TypeTable& creator(const std::array<ArgumentName, N>& names);
   template <auto Creator>
@@ -230,7 +230,7 @@ class TypeTable {
   template <auto Deleter, auto DelAll = nullptr>
   TypeTable& deleter();
 
-  /// A row for a value that is not stored as an attribute: what `Getter` gives.
+  /// A row for a value that is not stored as an attribute: the result of `Getter`.
   template <auto Getter>
   TypeTable& computed(ArgumentName name, uint32_t flags = 0) {
     using S = detail::Signature<decltype(Getter)>;
@@ -370,7 +370,7 @@ TypeTable<T>& TypeTable<T>::creator(const std::array<ArgumentName, N>& names) {
       }
     };
     GenericValue made = detail::applyTo<Values>(make, given, self.name, self.arguments);
-    // An accessor that does not say what it made has put it into the attribute.
+    // An accessor without a result has put the new object into the attribute.
     return made.isNone() && !self.isCollection() ? self.read(self, entity, {}) : made;
   };
   return *this;

@@ -11,9 +11,9 @@ namespace Kiv {
 template <class Key>
 class WatchList;
 
-/// For who keeps knowledge that is derived from a table, and may be asked by anybody who is told of
-/// a change of that table: a function that is called with the key of each entry that is stored or
-/// removed, before the notifiees are. It must change nothing that anybody watches.
+/// A function that is called with the key of each entry that a table stores or removes, before the
+/// notifiees are told. It keeps knowledge that is derived from the table up to date, for a notifiee
+/// may already ask for it. It must change nothing that has notifiees.
 template <class Key>
 class Watch {
  public:

@@ -1,4 +1,4 @@
-// Sets of weighted vias: what an adjacency is made of.
+// Sets of weighted vias, of which adjacencies are made.
 #pragma once
 
 #include <algorithm>

@@ -157,12 +157,8 @@ struct World {
 
   /// Every route that holds an adjacency holds one reference on it, and nobody else holds any.
   void expectBalancedReferences() {
-    expectBalancedHostReferences();
     EXPECT_EQ(users(adjHelper->fibAdjacencies()),
               holders(routeStatus, F::ForwardingStatus::kFirstAdjacency));
-  }
-  /// The same for the host tables alone.
-  void expectBalancedHostReferences() {
     EXPECT_EQ(users(neighborTable()->adjacencies()), holders(neighborTable(), 1));
     EXPECT_EQ(users(root->receiveTable()->adjacencies()), holders(root->receiveTable(), 1));
   }

@@ -87,13 +87,12 @@ class HashMapModelTest : public testing::Test {
   void store(uint64_t n, uint64_t value) {
     numbers.emplace(keyOf<K>(n), n);
     const bool isNew = model.emplace(n, value).second;
+    const auto [stored, added] = map.tryEmplace(keyOf<K>(n), valueOf<V>(value));
+    ASSERT_EQ(added, isNew);
+    ASSERT_TRUE(isValueOf(*stored, model[n]));
     if (value % 3 == 0) {
-      ASSERT_EQ(map.insertOrAssign(keyOf<K>(n), valueOf<V>(value)), isNew);
+      *stored = valueOf<V>(value);
       model[n] = value;
-    } else {
-      const auto [stored, added] = map.tryEmplace(keyOf<K>(n), valueOf<V>(value));
-      ASSERT_EQ(added, isNew);
-      ASSERT_TRUE(isValueOf(*stored, model[n]));
     }
   }
   void eraseOnWalk(uint64_t oneIn) {

@@ -6,7 +6,7 @@
 namespace {
 
 template <class F>
-class ListeningTest : public testing::Test {
+class ShortCutsTest : public testing::Test {
  protected:
   bool isQuiet(Zemit::IntfId intf) { return world.machine().arpIntfStatus(intf.name())->isQuiet(); }
   void announce(Zemit::IntfId intf, uint32_t n) {
@@ -21,9 +21,9 @@ class ListeningTest : public testing::Test {
 
   World<F> world;  // the VRF "red"
 };
-TYPED_TEST_SUITE(ListeningTest, Families);
+TYPED_TEST_SUITE(ShortCutsTest, Families);
 
-TYPED_TEST(ListeningTest, ATableIsHeardWhileARouteLeavesThroughItsInterface) {
+TYPED_TEST(ShortCutsTest, ATableIsHeardWhileARouteLeavesThroughItsInterface) {
   auto& red = this->world;
   const auto [first, second] = std::pair(red.ethernet1, red.ethernet2);
   red.table(first);
@@ -45,14 +45,14 @@ TYPED_TEST(ListeningTest, ATableIsHeardWhileARouteLeavesThroughItsInterface) {
   EXPECT_FALSE(this->isQuiet(second));
 }
 
-TYPED_TEST(ListeningTest, NothingIsQuietWhereNotificationsWait) {
+TYPED_TEST(ShortCutsTest, NothingIsQuietWhereNotificationsWait) {
   this->world.activity = Kiv::make<Kiv::QueueingActivity>();
   this->world.table(this->world.ethernet2);
   this->world.startWithSubnet();
   EXPECT_FALSE(this->isQuiet(this->world.ethernet2));
 }
 
-TYPED_TEST(ListeningTest, AnotherVrfsVirtualAddressTakesEffectAtTheNextEventOfItsNeighbour) {
+TYPED_TEST(ShortCutsTest, AnotherVrfsVirtualAddressTakesEffectAtTheNextEventOfItsNeighbour) {
   auto& red = this->world;
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);
@@ -72,7 +72,7 @@ TYPED_TEST(ListeningTest, AnotherVrfsVirtualAddressTakesEffectAtTheNextEventOfIt
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(ListeningTest, AStepTakenByHandIsMergedByTheNextEvent) {
+TYPED_TEST(ShortCutsTest, AStepTakenByHandIsMergedByTheNextEvent) {
   auto& red = this->world;
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);
@@ -83,7 +83,7 @@ TYPED_TEST(ListeningTest, AStepTakenByHandIsMergedByTheNextEvent) {
 }
 
 // Whatever another wrote meanwhile, traced or not.
-TYPED_TEST(ListeningTest, ANeighboursEventEndsWithItsMerge) {
+TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithItsMerge) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -126,7 +126,7 @@ TYPED_TEST(ListeningTest, ANeighboursEventEndsWithItsMerge) {
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(ListeningTest, WhatIsWrittenUnannouncedCountsOnQuietInterfacesToo) {
+TYPED_TEST(ShortCutsTest, WhatIsWrittenUnannouncedCountsOnQuietInterfacesToo) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -157,7 +157,7 @@ TYPED_TEST(ListeningTest, WhatIsWrittenUnannouncedCountsOnQuietInterfacesToo) {
   EXPECT_TRUE(this->isQuiet(red.ethernet1));
 }
 
-TYPED_TEST(ListeningTest, WhatIsForgottenIsNotReliedOn) {
+TYPED_TEST(ShortCutsTest, WhatIsForgottenIsNotReliedOn) {
   using S = Sample<TypeParam>;
   using W = World<TypeParam>;
   const std::function<void(W&)> forget[] = {
@@ -184,7 +184,7 @@ TYPED_TEST(ListeningTest, WhatIsForgottenIsNotReliedOn) {
   }
 }
 
-TYPED_TEST(ListeningTest, AReactorMovedByItselfEndsTheTrust) {
+TYPED_TEST(ShortCutsTest, AReactorMovedByItselfEndsTheTrust) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -209,7 +209,7 @@ TYPED_TEST(ListeningTest, AReactorMovedByItselfEndsTheTrust) {
   EXPECT_FALSE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
 }
 
-TYPED_TEST(ListeningTest, ANewMachineDoesNotRelyOnWhatItFinds) {
+TYPED_TEST(ShortCutsTest, ANewMachineDoesNotRelyOnWhatItFinds) {
   auto& red = this->world;
   using Prefix = typename TypeParam::Prefix;
   const auto host = Prefix::host(Sample<TypeParam>::addr(9));
@@ -228,7 +228,7 @@ TYPED_TEST(ListeningTest, ANewMachineDoesNotRelyOnWhatItFinds) {
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 9));
 }
 
-TYPED_TEST(ListeningTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
+TYPED_TEST(ShortCutsTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
   auto& red = this->world;
   using Fec = typename TypeParam::Fec;
   red.startWithSubnet();
@@ -267,7 +267,7 @@ struct ActsOnce : HostTable::NotifieeConst {
   std::function<void()> action;
 };
 
-TYPED_TEST(ListeningTest, ATableMayGoWhileItsNeighbourIsHandled) {
+TYPED_TEST(ShortCutsTest, ATableMayGoWhileItsNeighbourIsHandled) {
   auto& red = this->world;
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);
@@ -282,7 +282,7 @@ TYPED_TEST(ListeningTest, ATableMayGoWhileItsNeighbourIsHandled) {
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
 }
 
-TYPED_TEST(ListeningTest, AnInputThatGoesIsNoticed) {
+TYPED_TEST(ShortCutsTest, AnInputThatGoesIsNoticed) {
   auto& red = this->world;
   red.startWithSubnet();
   this->virtualIn("red", 5, true);
@@ -338,11 +338,11 @@ TEST(NeighborDirTest, AnExpectedChangeIsToldToThoseWhoWillHearOfIt) {
 
 TEST(RootTest, AWalkMeetsNoAddressSetThatIsNotMade) {
   World<Daemon::Ipv4> world;
-  world.root->arpRouteExpect(Sample<Daemon::Ipv4>::subnet());
+  world.root->arpRouteReserve(Sample<Daemon::Ipv4>::subnet());
   EXPECT_FALSE(world.root->arpRouteIfMade(Sample<Daemon::Ipv4>::subnet()));
   auto walk = world.root->arpRouteIteratorConst();
   for (uint32_t length = 1; length <= 32; ++length) {
-    world.root->arpRouteExpect(Zemit::Prefix::enclosing(Sample<Daemon::Ipv4>::addr(0), length));
+    world.root->arpRouteReserve(Zemit::Prefix::enclosing(Sample<Daemon::Ipv4>::addr(0), length));
   }
   for (; walk; ++walk) {
     EXPECT_EQ(walk.value()->prefix(), walk.key());
