@@ -9,7 +9,7 @@
 #include "daemon/RootTables.h"
 #include "daemon/SharedNames.h"
 #include "hostcore/Tracing.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "platform/tovan/SharedNames.h"
 
 namespace Daemon {

@@ -4,8 +4,8 @@
 #include "host/ReceiveRoutes.h"
 #include "host/RouteSm.h"
 #include "host/RouteWriter.h"
-#include "platform/kiv/Clock.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Clock.h"
+#include "platform/kiv/runtime/Trace.h"
 
 namespace Routing::Host {
 
@@ -79,13 +79,13 @@ struct Ipv4 {
   static size_t neighborCount(const Arp::ArpIntfStatus& table) { return table.arpEntryCount(); }
   static const Neighbor& argument(const Neighbor& neighbor) { return neighbor; }
 
-  // What the root derives from neighbours.
+  // The root's data about neighbours.
   static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.arpTable(); }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIfMade(prefix);
   }
-  /// Gives a prefix an entry, whose set is made when somebody looks at it.
+  /// Gives a prefix an entry, whose set is made at the first look-up.
   static void neighborSetReserve(RouteSmRoot& root, const Prefix& prefix) {
     root.arpRouteReserve(prefix);
   }
@@ -132,10 +132,10 @@ struct Ipv4 {
   /// Withdraws a host route in a handler, which merges the address.
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper);
-  /// What a receive route resolves to in the route table; a broadcast one has no interface.
+  /// The vias of a receive route in the route table; a broadcast one has no interface.
   static ViaSet receiveVias(const HostTable& table, const Route& receiveRoute);
 
-  /// What a machine traces when it looks a neighbour's address up.
+  /// The entry trace of a look-up of a neighbour's address.
   static void traceCheck(const RouteSm& sm, const Addr& ip);
   // Traces that one half has, or has in another form.
   static void traceCoveringRoute(const RouteSm&, const Prefix&, const Prefix&) {}

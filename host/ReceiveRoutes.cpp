@@ -143,7 +143,7 @@ void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus:
   for (const auto& secondary : secondaries) {
     if (root->intfNameToSecondaryAddrWithMaskIs(name)->addrWithMask(secondary)) continue;
     addActiveReceiveRoutes(status, secondary, root, changed);
-    // Looked up again: a callback of what was written may have taken the former record away.
+    // Looked up again: a callback of a write may have removed the former record.
     root->intfNameToSecondaryAddrWithMaskIs(name)->addrWithMaskIs(secondary, true);
   }
   // A callback may have moved the interface to another VRF meanwhile.

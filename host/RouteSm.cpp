@@ -5,7 +5,7 @@
 #include "hostcore/Lifecycle.h"
 #include "hostcore/Machine.h"
 #include "hostcore/ReceiveRoutes.h"
-#include "platform/kiv/Assert.h"
+#include "platform/kiv/runtime/Assert.h"
 
 namespace Routing::Host {
 

@@ -38,7 +38,7 @@ void RouteSmRoot::handleInitialized() {
   initialized_.setQuietly(true);
 }
 
-// A callback may drop the last handle to the root: what is returned is not read from it again.
+// A callback may drop the last handle to the root, so the result is not read from it again.
 
 Status::Ptr RouteSmRoot::receiveTableIs(const Kiv::Name& name) {
   if (receiveTable() && receiveTable()->name() == name) return receiveTable();

@@ -7,8 +7,8 @@
 #include "host6/ReceiveRoutes.h"
 #include "host6/RouteSm.h"
 #include "host6/RouteWriter.h"
-#include "platform/kiv/Clock.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Clock.h"
+#include "platform/kiv/runtime/Trace.h"
 
 namespace Routing6::Host {
 
@@ -107,13 +107,13 @@ struct Ipv6 {
   }
   static const Addr& argument(const Neighbor& neighbor) { return neighbor.ipAddr; }
 
-  // What the root derives from neighbours.
+  // The root's data about neighbours.
   static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.neighTable(); }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIfMade(prefix);
   }
-  /// Gives a prefix an entry, whose set is made when somebody looks at it.
+  /// Gives a prefix an entry, whose set is made at the first look-up.
   static void neighborSetReserve(RouteSmRoot& root, const Prefix& prefix) {
     root.neighRouteReserve(prefix);
   }
@@ -160,7 +160,7 @@ struct Ipv6 {
   /// Withdraws a host route in a handler, which merges the address.
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper);
-  /// What a machine traces when it looks a neighbour's address up.
+  /// The entry trace of a look-up of a neighbour's address.
   static void traceCheck(const RouteSm& sm, const Addr& ip);
   // Traces that one half has, or has in another form.
   static void traceCoveringRoute(const RouteSm& sm, const Prefix& prefix, const Prefix& above);

@@ -8,8 +8,8 @@
 #include "hostcore/Frame.h"
 #include "platform/arp/NeighborDir.h"
 #include "platform/ip/Ip6Status.h"
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/obu/FibLookup.h"
 #include "platform/obu/IntfDir.h"
 #include "platform/routing/SeqConfig.h"
@@ -35,9 +35,8 @@ struct Ipv6;
 ///
 /// Each reactor watches one input and calls one handler. A handler without a key walks the whole
 /// input, a keyed one handles one entry. Everything runs on the thread of the activity. The inputs,
-/// the root and the activity are lent: whoever made the machine keeps them alive as long as it
-/// lives. A null input reads as an empty table. A callback of what the machine writes must not
-/// destroy it.
+/// the root and the activity are lent: the maker of the machine keeps them alive as long as it
+/// lives. A null input reads as an empty table. A callback of a write must not destroy the machine.
 ///
 /// Until `initialized` is set the machine only records; then it catches up in one pass.
 class KIV_EXPORT RouteSm final : public Kiv::Entity {
@@ -89,7 +88,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   using FastState = HostCore::FastState<Tovan::Fib6::Route, Tovan::Fib6::Fec>;
   using CoverCache = HostCore::CoverCache<Tovan::Fib6::Route, Tovan::Fib6::Fec>;
 
-  /// What a machine works on. Each may be null.
+  /// The inputs of a machine. Each may be null.
   struct Inputs {
     Kiv::ActivityConfig::Ptr activity;
     Tovan::Fib6::RouteStatus::Ptr routeStatus;
@@ -209,7 +208,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     Routing::Fhrp::VrfIpPair virtualIp_;
   };
 
-  /// Binds a reactor to each input that is not null, and records what the inputs hold.
+  /// Binds a reactor to each input that is not null, and records the contents of the inputs.
   RouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
           const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
           const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
@@ -221,10 +220,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
           const RouteSmRoot::Ptr& root, const L3::VrfName& vrfName);
   explicit RouteSm(const Inputs& inputs);
   ~RouteSm() override;
-  /// Ends the machine, for whoever still holds it too: its reactors are zombies and let go of it
-  /// and of the inputs. Nothing is withdrawn. What is read afterwards is empty but for the VRF's
-  /// name, what is set is refused with Kiv::Exception, and a handler that needs the root raises
-  /// "null ValidPtr". Run by the root that lets go of the machine, and when its last handle goes.
+  /// Ends the machine, also while others hold it: its reactors are zombies and let go of it and of
+  /// the inputs. Nothing is withdrawn. Afterwards all attributes but the VRF's name read as empty,
+  /// a setter raises Kiv::Exception, and a handler that needs the root raises "null ValidPtr". Run
+  /// by the root that lets go of the machine, and when its last handle goes.
   void retire();
 
   /// The VRF's name.
@@ -419,9 +418,9 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Puts every reactor into or out of the state in which nothing is delivered.
   void kivDoZombieReactors(bool zombie);
 
-  /// Its counts, its history and its tracing. Nothing in it decides what a table holds.
+  /// Its counts, its history and its tracing. They decide nothing about a table.
   Account& account() const noexcept { return account_; }
-  /// What the short cuts store; see hostcore/fast/.
+  /// The state of the short cuts; see hostcore/fast/.
   FastState& fast() const noexcept { return *fast_; }
 
   /// Something may have happened without the machine's knowledge, such as a notification that was

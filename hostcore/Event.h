@@ -1,4 +1,4 @@
-// Where an event enters a state machine, and what the machine is busy with.
+// Scopes: the event that a state machine handles, and the address with which it is busy.
 #pragma once
 
 #include <type_traits>
@@ -11,7 +11,7 @@
 namespace HostCore {
 
 /// While one stands, the machine is busy with one address or prefix: of a machine that traces one
-/// address only, what is about others is left out.
+/// address only, the traces about others are left out.
 template <Family F>
 class About {
  public:
@@ -48,8 +48,7 @@ class About {
 };
 
 /// Stands in the handler by which an event enters the machine: counts the event and, while there is
-/// a history, takes down what it is. What the machine does on its own to follow an event is part of
-/// it, and no other.
+/// a history, records it. The machine's own further steps belong to the same event.
 template <Family F>
 class Event {
  public:

@@ -1,11 +1,11 @@
-// What an address family must offer to the steps of host routing.
+// The interface of an address family, as the steps of host routing use it.
 #pragma once
 
 #include <concepts>
 
 #include "platform/arp/NeighborDir.h"
-#include "platform/kiv/Assert.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Assert.h"
+#include "platform/kiv/runtime/Trace.h"
 #include "platform/obu/IntfDir.h"
 #include "platform/rovel/Readiness.h"
 #include "platform/tovan/Exceptions.h"
@@ -43,7 +43,7 @@ concept FamilyConstants = requires {
   requires std::convertible_to<decltype(F::kInvalid), typename F::RouteType>;
   requires std::convertible_to<decltype(F::kAttached), typename F::RouteType>;
   requires std::convertible_to<decltype(F::kReadyKind), RovelReady::RouteType>;
-  // What one half does at a step and the other does not.
+  // Switches for steps that only one half takes.
   requires std::same_as<decltype(F::kWriterTracesTables), const bool>;
   requires std::same_as<decltype(F::kTracesFibRoute), const bool>;
   requires std::same_as<decltype(F::kMergesReceiveRoutes), const bool>;
@@ -61,7 +61,7 @@ concept FamilyAccessors = requires(typename F::RouteSm& sm, typename F::RouteSmR
                                    const typename F::Prefix& prefix,
                                    const typename F::Neighbor& neighbor,
                                    RovelReady::VrfStatus& readiness, Zemit::IntfId intf) {
-  // The neighbours of a table, and what a handler is given of one.
+  // The neighbours of a table, and the argument that a handler gets for one.
   { F::findNeighbor(table, addr) } -> std::same_as<const typename F::Neighbor*>;
   F::prefetchNeighbor(table, addr);
   F::neighbors(table);
@@ -69,7 +69,7 @@ concept FamilyAccessors = requires(typename F::RouteSm& sm, typename F::RouteSmR
   F::neighborsBetween(table, addr, addr);
   { F::neighborCount(table) } -> std::convertible_to<size_t>;
   F::argument(neighbor);
-  // What the root derives from neighbours: their host routes, and the neighbours by FIB prefix.
+  // The root's data about neighbours: their host routes, and the neighbours by FIB prefix.
   { F::neighborTable(root) } -> std::convertible_to<typename F::HostTable::Ptr>;
   { F::neighborSet(root, prefix) } -> std::same_as<typename F::AddrSet::Ptr>;
   { F::neighborSetIs(root, prefix) } -> std::same_as<typename F::AddrSet::Ptr>;
@@ -85,7 +85,7 @@ concept FamilyAccessors = requires(typename F::RouteSm& sm, typename F::RouteSmR
   F::hostRoutesSyncedNow(readiness);
 };
 
-/// What the halves do in their own way at a step, and the traces that one of them has, or has in
+/// Functions that differ between the halves, and traces that only one of them has, or has in
 /// another form.
 template <class F>
 concept FamilySteps = requires(typename F::RouteSm& sm, const typename F::RouteSmRoot& root,
@@ -114,7 +114,7 @@ concept FamilySteps = requires(typename F::RouteSm& sm, const typename F::RouteS
   };
 };
 
-/// What a family must offer: all that the steps use of it.
+/// All that the steps use of a family.
 template <class F>
 concept Family = FamilyTypes<F> && FamilyConstants<F> && FamilyAccessors<F> && FamilySteps<F>;
 

@@ -46,7 +46,7 @@ class FibTracking {
  private:
   /// Records a FIB route, which is new or has changed. \param oldFec  of the former one, or none.
   void track(const Route& fibRoute, Tovan::Fib::FecId oldFec, Root& root);
-  /// Forgets a FIB route that went, with what hangs off its prefix.
+  /// Forgets a FIB route that went, with the state under its prefix.
   void untrack(const Prefix& prefix, const std::optional<Route>& tracked, Root& root);
 
   typename F::RouteSm& sm_;
@@ -57,7 +57,7 @@ void FibTracking<F>::handleStatusRoute(const Prefix& prefix) {
   if (isNull(prefix)) {
     KIV_TRACE(F::trace(), 0, sm_, "there is a fib route for the null prefix " << prefix);
   }
-  // The route table's host prefixes are what this system merged into it.
+  // The host prefixes of the route table are this system's own merged routes.
   if (prefix.len() == F::Addr::kBits) return;
   ShortCuts<F>(sm_).reads(prefix);
   const Route fibRoute = Obu::readRoute(sm_.routeStatusRaw(), prefix);

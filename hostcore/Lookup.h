@@ -10,7 +10,7 @@
 #include "hostcore/Account.h"
 #include "hostcore/Family.h"
 #include "hostcore/fast/ShortCuts.h"
-#include "platform/kiv/SmallVector.h"
+#include "platform/kiv/containers/SmallVector.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
@@ -33,8 +33,8 @@ std::vector<Prefix> shortestFirst(std::vector<Prefix> prefixes) {
   return prefixes;
 }
 
-/// The keys of a walk in ascending order. What follows from the order in which neighbours are
-/// handled, such as the ids that their adjacencies get, is the same each time by this.
+/// The keys of a walk in ascending order. Results that depend on the order in which neighbours are
+/// handled, such as the ids of their adjacencies, are the same each time by this.
 template <class Iterator>
 auto ascending(Iterator walk) {
   Kiv::SmallVector<std::remove_cvref_t<decltype(walk.key())>> keys;
@@ -81,7 +81,7 @@ class Lookup {
   Lack findCover(const Addr& ip, Cover& cover) const;
 
  private:
-  /// What of the machine is lacking for any look-up.
+  /// The input that any look-up needs and the machine has not.
   Lack findInputs() const {
     if (sm_.routeStatusRaw() == nullptr) return Lack::RouteStatus;
     return sm_.hostStatusRaw() == nullptr ? Lack::HostStatus : Lack::None;

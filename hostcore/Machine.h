@@ -13,7 +13,7 @@
 
 namespace HostCore {
 
-/// What both families' machines do to their inputs, their reactors and themselves. The entity, with
+/// The operations of both families' machines on their inputs, reactors and state. The entity, with
 /// all of its attributes, is declared in full in each half.
 template <class F>
 class Machine {
@@ -22,7 +22,7 @@ class Machine {
 
   explicit Machine(RouteSm& sm) : sm_(sm) {}
 
-  /// Stores the inputs and binds the reactors, then records what the inputs hold.
+  /// Stores the inputs and binds the reactors, then records the contents of the inputs.
   void begin(const typename RouteSm::Inputs& inputs);
   /// True when the machine works on exactly these inputs.
   bool isOver(const typename RouteSm::Inputs& inputs) const;

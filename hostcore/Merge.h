@@ -66,7 +66,7 @@ class Merge {
   void mergeAll(const Addrs& addrs);
   /// Writes the host route that an address should have into the route table, or removes it there.
   ///
-  /// \param existing  what the route table has for the address.
+  /// \param existing  the route table's record of the address.
   void mergeOne(const Addr& ip, const Route& existing);
   void erase(const Prefix& prefix, const Route& existing,
              const typename F::RouteStatus::Ptr& routeTable) {
@@ -148,7 +148,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   Kiv::validPtr(table);
   const auto neighbors = F::neighborSetIs(root_, fibRoute.key);
 
-  // What is told of the filing may write the host route, so that is read behind it.
+  // A callback of the filing may write the host route, so the host route is read after it.
   if (vias.empty()) {
     if (isBehindGateway(ip, fec)) {
       ++sm_.account().counts.refused[static_cast<size_t>(Lack::DirectVia)];

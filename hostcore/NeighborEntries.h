@@ -10,7 +10,7 @@ namespace HostCore {
 
 /// The steps from a change of a neighbour table to the repair and the merge of its host routes.
 ///
-/// `shown`, in what follows, is what the traces print for a neighbour.
+/// An argument `shown` is the form in which traces print a neighbour.
 template <Family F>
 class NeighborEntries {
  public:
@@ -43,7 +43,7 @@ class NeighborEntries {
   void handleDeletedArpEntry(const Addr& addr, const Shown& shown, const ArpTable& table);
   /// Handles the neighbours that a deleted table still has as lost.
   void handleDeletedArpIntfStatus(const ArpTable& table);
-  /// The reactor of a table was pointed at another one: what only `former` has is lost.
+  /// The reactor of a table was pointed at another one: neighbours that only `former` has are lost.
   void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
 
  private:

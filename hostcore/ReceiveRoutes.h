@@ -1,4 +1,4 @@
-// What both families do about the router's own addresses.
+// The steps for the router's own addresses that both families share.
 #pragma once
 
 #include "hostcore/RouteWriter.h"
@@ -25,7 +25,7 @@ void writeReceiveRoute(const typename F::Addr& ip, Tovan::Fib::FecId adjacency,
   changed->ipIs(ip, true);
 }
 
-/// A host adjacency of the receive table for what is received on `intf`, with a reference.
+/// A host adjacency of the receive table for packets that `intf` receives, with a reference.
 template <Family F>
 Tovan::Fib::FecId receiveAdjacency(Zemit::IntfId intf, typename F::RouteSmRoot& root) {
   typename F::ViaSet vias;

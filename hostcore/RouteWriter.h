@@ -170,12 +170,12 @@ typename F::Route RouteWriter<F>::changedRoute(const Route& existing, const Want
   return route;
 }
 
-/// The root that owns a host-route table: who traces for a function that is given the table alone.
+/// The root that owns a host-route table: the traced object of functions that get the table alone.
 inline const Kiv::Entity& rootOf(const Kiv::Entity& hostTable) {
   return hostTable.parent() == nullptr ? hostTable : *hostTable.parent();
 }
 
-/// Withdraws the host route of one address and lets go of what the route held.
+/// Withdraws the host route of one address and releases the adjacency that the route held.
 ///
 /// The reference on the route's host adjacency is dropped for the route types this system writes;
 /// a route of any other type goes without a release, because its adjacency is not ours. An address

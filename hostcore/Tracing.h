@@ -1,4 +1,4 @@
-// Tracing what one state machine does, or what it does about one address.
+// Tracing one state machine, or one address of it.
 #pragma once
 
 #include <optional>
@@ -7,7 +7,7 @@
 
 namespace HostCore {
 
-/// Traces these levels of what the machine does, a bit for each, beside those that the facility has
+/// Traces these levels of the machine, a bit for each, beside those that the facility has
 /// on for all. Machines without levels of their own go on as fast as before.
 template <Family F>
 void tracedLevelsAre(typename F::RouteSm& sm, uint32_t levels) {
@@ -19,7 +19,7 @@ void tracedLevelsAre(typename F::RouteSm& sm, uint32_t levels) {
   Relevance<F>(sm).review();
 }
 
-/// Leaves out, of what the levels of the machine's own let through, all that is about another
+/// Leaves out, of the traces by the machine's own levels, all that is about another
 /// address, or about a prefix that does not contain it. Nothing takes that back.
 ///
 /// \param isElsewhere  the address is of the other family: nothing of this machine is let through.

@@ -1,4 +1,4 @@
-// The first short cut: caches of what was looked up for the neighbour before.
+// The first short cut: caches of look-ups.
 #pragma once
 
 #include <cstdint>
@@ -6,9 +6,9 @@
 
 #include "hostcore/Family.h"
 #include "hostcore/fast/State.h"
-#include "platform/kiv/HashMap.h"
-#include "platform/kiv/Prefetch.h"
-#include "platform/kiv/Ptr.h"
+#include "platform/kiv/containers/HashMap.h"
+#include "platform/kiv/containers/Prefetch.h"
+#include "platform/kiv/containers/Ptr.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {

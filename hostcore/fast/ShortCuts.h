@@ -18,7 +18,7 @@
 
 namespace HostCore {
 
-/// What a step tells the short cuts of its machine.
+/// The verbs with which a step informs the short cuts of its machine.
 template <Family F>
 class ShortCuts {
  public:

@@ -1,14 +1,14 @@
-// What a state machine stores for its short cuts. None of it decides what a table holds.
+// The state of a machine's short cuts. It decides nothing about a table.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 
-#include "platform/kiv/Entity.h"
-#include "platform/kiv/HashMap.h"
-#include "platform/kiv/Ptr.h"
-#include "platform/kiv/SmallVector.h"
-#include "platform/kiv/Watch.h"
+#include "platform/kiv/containers/HashMap.h"
+#include "platform/kiv/containers/Ptr.h"
+#include "platform/kiv/containers/SmallVector.h"
+#include "platform/kiv/runtime/Entity.h"
+#include "platform/kiv/runtime/Watch.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/zemit/IntfId.h"
 

@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/routing/HostStatus.h"
+#include "platform/rovel/HostStatus.h"
 #include "platform/tovan/ForwardingStatus.h"
 #include "platform/tovan/RouteStatus.h"
 

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/NumberIndex.h"
-#include "platform/kiv/Prefetch.h"
+#include "platform/kiv/containers/NumberIndex.h"
+#include "platform/kiv/containers/Prefetch.h"
 
 namespace Rovel {
 

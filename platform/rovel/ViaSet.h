@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "platform/kiv/Hash.h"
-#include "platform/kiv/SmallVector.h"
+#include "platform/kiv/containers/Hash.h"
+#include "platform/kiv/containers/SmallVector.h"
 #include "platform/tovan/FibTypes.h"
 
 namespace Rovel {

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "platform/kiv/Percent.h"
+#include "platform/kiv/containers/Percent.h"
 #include "platform/tovan/TableMemory.h"
 
 namespace Tovan {

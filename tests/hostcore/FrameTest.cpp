@@ -1,7 +1,7 @@
 // How a state machine and its reactors come, go and reach each other.
 #include <functional>
 
-#include "platform/kiv/Clock.h"
+#include "platform/kiv/runtime/Clock.h"
 #include "tests/hostcore/World.h"
 
 namespace {

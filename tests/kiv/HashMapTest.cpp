@@ -1,5 +1,5 @@
 // Tests of HashMap against a model, and of what an iterator survives.
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 
 #include <gtest/gtest.h>
 
@@ -10,8 +10,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/kiv/Ptr.h"
-#include "platform/kiv/String.h"
+#include "platform/kiv/containers/Ptr.h"
+#include "platform/kiv/containers/String.h"
 
 namespace Kiv {
 namespace {
