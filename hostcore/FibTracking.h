@@ -107,17 +107,16 @@ void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   const Event<F> event(sm_, CauseKind::Route, prefix,
                        isPresent ? fibRoute.fecId : Tovan::Fib::invalidFecId);
   const HandlerScope<F> handler(sm_);
-  ShortCuts<F> shortCuts(sm_);
-  shortCuts.announced(prefix);
+  ShortCuts<F>(sm_).announced(prefix);
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
-    return shortCuts.passedOver(prefix, fibRoute);
+    return;
   }
   auto& root = Kiv::validPtr(sm_.rootRaw());
   Kiv::validPtr(root.trieRaw());
   const auto tracked = root.prefixToRouteFind(prefix);
   if (!isPresent) return untrack(prefix, tracked, root);
-  if (tracked == fibRoute) return shortCuts.passedOver(prefix, fibRoute);
+  if (tracked == fibRoute) return;
   if (!tracked) {
     KIV_TRACE(F::trace(), 6, sm_, "oldFibRoute for " << prefix << F::Text::kWasNone);
   } else {

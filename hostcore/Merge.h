@@ -92,7 +92,6 @@ class Merge {
 template <Family F>
 typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
                                                      const Route& fibRoute) {
-  ShortCuts<F>(sm_).leavesMerge();
   auto result = F::AddrSet::AddrSetIs(Prefix::null());
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");

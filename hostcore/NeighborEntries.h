@@ -147,7 +147,6 @@ template <Family F>
 template <class Shown>
 void NeighborEntries<F>::handleAddedArpEntry(const Addr& addr, const Shown& shown,
                                              const ArpTable& table) {
-  ShortCuts<F>(sm_).leavesMerge();
   const auto cover = coverOf(addr, table);
   if (isNull(cover.route.key)) {
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNotStoring << shown << " for " << table);
@@ -160,7 +159,6 @@ template <Family F>
 template <class Shown>
 void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& shown,
                                                const ArpTable& table) {
-  ShortCuts<F>(sm_).leavesMerge();
   const auto host = hostPrefix<F>(addr);
   if (Kiv::validPtr(F::neighborTable(Kiv::validPtr(sm_.rootRaw())))->route(host).key != host) {
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNoRoutesForDeleted << shown);

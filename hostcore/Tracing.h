@@ -16,7 +16,7 @@ void tracedLevelsAre(typename F::RouteSm& sm, uint32_t levels) {
   F::trace().ownLevelsAre(tracing.levels, levels);
   tracing.levels = levels;
   tracing.now = tracing.isOff ? 0 : levels;
-  Relevance<F>(sm).review();
+  ShortCuts<F>(sm).levelsChanged();
 }
 
 /// Leaves out, of the traces by the machine's own levels, all that is about another

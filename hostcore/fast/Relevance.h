@@ -17,7 +17,7 @@ namespace HostCore {
 /// gets no host route here when no tracked route leaves through its interface. Its event still ends
 /// with the merge of its address, but a second merge of the same state changes nothing. Such an
 /// event therefore only writes traces, unless the address is due: another VRF's virtual address
-/// came or went, a FIB host route was passed over, or somebody else wrote the host route.
+/// came or went, the host-route status changed, or somebody else wrote the host route.
 ///
 /// While a route has another FEC than the one with which it was last announced, no reactor is
 /// quiet.
@@ -51,9 +51,6 @@ class Relevance {
   void routeAnnounced(const Prefix& prefix) {
     if (state_.unannounced.erase(prefix) && state_.unannounced.empty()) review();
   }
-  /// A tracked FIB route was announced, or its deletion, and the machine took no step. A host
-  /// route that differs from the last merge makes its address due.
-  void routePassedOver(const Prefix& prefix, const Route& fibRoute);
   /// The address is being merged.
   void merged(const Addr& addr) {
     if (state_.due.empty() || !state_.due.erase(addr)) return;
@@ -202,21 +199,6 @@ void Relevance<F>::virtualIpWritten(const Addr& addr) {
       (hostStatus != nullptr && hostStatus->route(host).key == host)) {
     mergeIsDue(addr);
   }
-}
-
-template <Family F>
-void Relevance<F>::routePassedOver(const Prefix& prefix, const Route& fibRoute) {
-  if (prefix.len() != Addr::kBits) return;
-  const auto* root = sm_.rootRaw();
-  if (root == nullptr || !root->prefixToRouteFind(prefix)) return;
-  if (fibRoute.key == prefix) {
-    if constexpr (F::kMergesReceiveRoutes) {
-      if (Kiv::validPtr(root->receiveTable())->route(prefix).key == prefix) return;
-    }
-    const Route merged = Obu::readRoute(sm_.routeStatusRaw(), prefix);
-    if (isComplete<F>(fibRoute) ? merged == fibRoute : merged.key != prefix) return;
-  }
-  mergeIsDue(prefix.addr());
 }
 
 }  // namespace HostCore

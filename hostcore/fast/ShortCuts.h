@@ -43,10 +43,6 @@ class ShortCuts {
     Trust<F>(sm_).routeHandedOver(isRead);
     Relevance<F>(sm_).routeAnnounced(prefix);
   }
-  /// No step follows the announcement.
-  void passedOver(const Prefix& prefix, const Route& fibRoute) {
-    Relevance<F>(sm_).routePassedOver(prefix, fibRoute);
-  }
   /// A FEC was announced; without an id, all were.
   void announced(Tovan::Fib::FecId fecId) { Relevance<F>(sm_).fecChanged(fecId); }
   void announced() { Relevance<F>(sm_).fecsChanged(); }
@@ -67,6 +63,9 @@ class ShortCuts {
     trust.deferredMergesFound(waiting);
     if (waiting != nullptr && waiting->ipCount() != 0) trust.deferredMergesForgotten();
   }
+
+  /// The machine has other trace levels of its own.
+  void levelsChanged() { Relevance<F>(sm_).review(); }
 
  private:
   typename F::RouteSm& sm_;

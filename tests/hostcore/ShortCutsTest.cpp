@@ -209,23 +209,99 @@ TYPED_TEST(ShortCutsTest, AReactorMovedByItselfEndsTheTrust) {
   EXPECT_FALSE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
 }
 
+// Each of these alone may mean that something is not merged.
 TYPED_TEST(ShortCutsTest, ANewMachineDoesNotRelyOnWhatItFinds) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  using W = World<F>;
+  const auto host = F::Prefix::host(S::addr(9));
+  const auto route = [](const typename F::Prefix& prefix) {
+    return
+        typename F::Route{.key = prefix, .metricPref = {}, .routeType = F::kAttached, .fecId = 0};
+  };
+  const std::function<void(W&)> former[] = {
+      [&](W& red) { red.routeStatus->routeIs(route(host)); },
+      [&](W& red) { red.neighborTable()->routeIs(route(host)); },
+      [&](W& red) { red.root->prefixToRouteIs(route(S::wider())); }};
+  for (const auto& leaveState : former) {
+    SCOPED_TRACE(&leaveState - former);
+    W red;
+    leaveState(red);
+    red.table(red.ethernet2);
+    red.startWithSubnet();
+    EXPECT_FALSE(red.machine().arpIntfStatus("Ethernet2")->isQuiet());
+  }
   auto& red = this->world;
-  using Prefix = typename TypeParam::Prefix;
-  const auto host = Prefix::host(Sample<TypeParam>::addr(9));
+  red.routeStatus->routeIs(route(host));
   red.startWithSubnet();
-  red.hostStatus->routeIs({.key = host,
-                           .metricPref = {.metric = 0, .preference = 1},
-                           .routeType = Sample<TypeParam>::kForeignType,
-                           .fecId = 7});
-  red.machine().handleHostStatusRoute(host);
-  EXPECT_TRUE(red.hasRoute(red.routeStatus, 9));
-  red.root->routeSmDel();
-  red.hostStatus->routeDel(host);
-  red.newMachine();
-  red.machine().initializedIs(true);
   red.learn(red.ethernet2, 9);
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 9));
+}
+
+TYPED_TEST(ShortCutsTest, ARouteOverAnAdjacencyEndsTheTrust) {
+  auto& red = this->world;
+  red.table(red.ethernet2);
+  red.startWithSubnet();
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));
+  typename TypeParam::ViaSet vias;
+  vias.newVia({.hop = {}, .intf = red.ethernet1}, 1);
+  red.routeIs(Sample<TypeParam>::wider(), red.adjHelper->doGetOrCreateFibAdjacency(vias));
+  EXPECT_FALSE(this->isQuiet(red.ethernet2)) << "nobody is told when an adjacency changes";
+}
+
+/// Fails once, where it is told to.
+template <class F>
+struct FailingHelper : F::AdjacencyHelper {
+  using F::AdjacencyHelper::AdjacencyHelper;
+  Tovan::Fib::FecId doGetOrCreateHostAdjacency(const typename F::ViaSet& vias,
+                                               const typename F::HostTable::Ptr& table) override {
+    fail(failsOnGet);
+    return F::AdjacencyHelper::doGetOrCreateHostAdjacency(vias, table);
+  }
+  void doDropRefOnFibAdjacency(Tovan::Fib::FecId fecId) override {
+    F::AdjacencyHelper::doDropRefOnFibAdjacency(fecId);
+    fail(failsOnDrop);
+  }
+  static void fail(bool& fails) {
+    if (std::exchange(fails, false)) throw Kiv::Exception("no adjacency");
+  }
+  bool failsOnGet = false;
+  bool failsOnDrop = false;
+};
+
+TYPED_TEST(ShortCutsTest, AnExceptionEndsTheTrust) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  using W = World<F>;
+  using Failing = FailingHelper<F>;
+  const std::function<void(W&, Failing&)> failures[] = {
+      // In a handler that somebody calls by hand.
+      [](W& red, Failing& helper) {
+        red.forwarding->fecIs(typename F::Fec(8, {{.hop = {}, .intf = red.ethernet1}}));
+        red.routeStatus->routeIs(
+            {.key = S::longer(), .metricPref = {}, .routeType = F::kConnected, .fecId = 8});
+        helper.failsOnGet = true;
+        EXPECT_THROW(red.machine().handleStatusRoute(S::longer()), Kiv::Exception);
+      },
+      // In a callback whose handler leaves nothing to be merged.
+      [](W& red, Failing& helper) {
+        helper.failsOnDrop = true;
+        red.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(5)), true);
+        EXPECT_FALSE(helper.failsOnDrop);
+      }};
+  for (const auto& failOnce : failures) {
+    SCOPED_TRACE(&failOnce - failures);
+    W red;
+    const auto helper = Kiv::make<Failing>("failing", red.forwarding);
+    red.adjHelper = helper;
+    red.root->adjHelperIs(helper);
+    red.table(red.ethernet2);
+    red.startWithSubnet();
+    red.learn(red.ethernet1, 5);
+    ASSERT_TRUE(red.machine().arpIntfStatus("Ethernet2")->isQuiet());
+    failOnce(red, *helper);
+    EXPECT_FALSE(red.machine().arpIntfStatus("Ethernet2")->isQuiet());
+  }
 }
 
 TYPED_TEST(ShortCutsTest, AnAnnouncedCoverCountsForTheNextNeighbour) {

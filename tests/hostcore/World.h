@@ -44,6 +44,13 @@ struct Sample {
     else
       return Routing6::Fib::staticConfig_;
   }();
+  static constexpr auto kBgpTypes = [] {
+    if constexpr (kIsIpv4) {
+      return std::to_array({Routing::Fib::ibgp_, Routing::Fib::ebgp_, Routing::Fib::bgpAggregate_});
+    } else {
+      return std::to_array({Routing6::Fib::bgp_, Routing6::Fib::bgpAggregate_});
+    }
+  }();
   static constexpr auto kReceive = kOwnTypes[0];
 
   /// `addr` as a virtual address of a VRF.
