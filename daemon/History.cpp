@@ -14,7 +14,7 @@ namespace Daemon {
 namespace {
 
 template <class F>
-using RouteLog = typename F::RouteSm::Interest::Account::Log;
+using RouteLog = typename F::RouteSm::Account::Log;
 
 template <class F>
 HistoryEntry entryOf(const std::string& vrf, const typename RouteLog<F>::Change& change) {

@@ -74,8 +74,8 @@ class Lookup {
   /// leaves through this one does not count.
   Cover checkIpAddressAgainstFib(const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const;
 
-  /// Finds that prefix, and says what is lacking. `cover` gets as much of the covering route as was
-  /// found, whatever is lacking.
+  /// Finds that prefix, and says what is lacking. `cover` gets the part of the covering route that
+  /// was found.
   Lack findCover(const Addr& ip, const Arp::ArpIntfStatus* table, Cover& cover) const;
   /// The same for an address that is a neighbour nowhere: whether a route covers it.
   Lack findCover(const Addr& ip, Cover& cover) const;

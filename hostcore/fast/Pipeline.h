@@ -10,7 +10,7 @@
 namespace HostCore {
 
 /// A software pipeline over a list: the stages run kAhead keys apart, and `visit` comes last. Each
-/// stage prefetches what the next one reads.
+/// stage prefetches the memory that the next one reads.
 template <class Keys, class Visit, class... Stages>
 void pipelined(const Keys& keys, Visit visit, Stages... stages) {
   constexpr size_t kAhead = 4;

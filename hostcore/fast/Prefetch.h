@@ -1,4 +1,4 @@
-// The third short cut, in part: prefetching what a step is going to read.
+// The third short cut, in part: prefetching the memory that a step will read.
 #pragma once
 
 #include "hostcore/Family.h"
@@ -17,17 +17,17 @@ class Prefetch {
 
   explicit Prefetch(const typename F::RouteSm& sm) : sm_(sm) {}
 
-  /// What the event of the neighbour `ip` reads first; `cache` is the one of its table.
+  /// The memory that the event of the neighbour `ip` reads first; `cache` is the one of its table.
   void neighbor(const Addr& ip, const Cache& cache) const;
-  /// What it reads next: the vias of its host route, or all that the making or the withdrawal of a
-  /// host route reads.
+  /// The memory that it reads next: the vias of its host route, or all that a new or a withdrawn
+  /// host route needs.
   ///
   /// \param hostRoute   the present one, or any other route.
   /// \param isNeighbor  whether `ip` is in the table of `intf` now.
   void change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor, const Route& hostRoute) const;
 
-  /// The host route of `ip`; once that has come, its adjacency; and then what the removal of that
-  /// adjacency reads.
+  /// The host route of `ip`; once that has arrived, its adjacency; and then the memory that the
+  /// removal of that adjacency reads.
   void hostRoute(const Addr& ip) const {
     if (const auto* routes = neighborRoutes()) routes->prefetch(hostPrefix<F>(ip));
   }
@@ -41,7 +41,7 @@ class Prefetch {
     const auto fecId = routes->route(hostPrefix<F>(ip)).fecId;
     routes->adjacencies().prefetch(routes->adjIndexToViaSet(fecId));
   }
-  /// What the making of an adjacency of `ip` through `intf` reads.
+  /// The memory that a new adjacency of `ip` through `intf` needs.
   void newAdjacency(const Addr& ip, Zemit::IntfId intf) const {
     if (const auto* routes = neighborRoutes()) routes->adjacencies().prefetch(viasOf(ip, intf));
   }
@@ -78,7 +78,7 @@ void Prefetch<F>::neighbor(const Addr& ip, const Cache& cache) const {
   root->prefixToRoutePrefetch(cover.key);  // the set of neighbours is in the same row
   root->adjacencyToPrefixPrefetch(cover.fecId);
   hostRoute(ip);
-  // What tells whether the merge may be omitted.
+  // The records that tell whether the merge may be omitted.
   const Prefix host = hostPrefix<F>(ip);
   root->prefixToRoutePrefetch(host);
   route(host);

@@ -31,7 +31,7 @@ class Relevance {
 
   explicit Relevance(typename F::RouteSm& sm) : sm_(sm), state_(sm.fast()), trust_(sm) {}
 
-  /// Begins to watch what is written to the machine's inputs.
+  /// Begins to watch the machine's inputs for writes.
   void watchInputs();
   /// A tracked route resolves through `now` in place of `before`; either may be none.
   void routeMoved(FecId before, FecId now) {

@@ -28,7 +28,7 @@ class ShortCuts {
 
   explicit ShortCuts(typename F::RouteSm& sm) : sm_(sm) {}
 
-  /// This step leaves it to its caller to merge what it changes.
+  /// This step leaves the merge of its changes to its caller.
   void leavesMerge() { Trust<F>(sm_).stepTaken(); }
   /// The route of `prefix` is about to be read from its table, for handleRoute().
   void reads(const Prefix& prefix) {
@@ -131,7 +131,7 @@ class NeighborScope {
   CoverCache<Route, typename F::ForwardingStatus::Fec>* former_;
 };
 
-/// True when the route table has what the merge of the address would write.
+/// True when the route table already has the route that the merge of the address would write.
 template <Family F, class Reactor>
 bool NeighborScope<F, Reactor>::isMerged() const {
   const auto* routeTable = sm_.routeStatusRaw();
@@ -172,8 +172,8 @@ class WriteScope {
   using Prefix = typename F::Prefix;
   using Route = typename F::Route;
 
-  /// \param replaced  what the route table has for the address.
-  /// \param isMerge   whether the address has in the route table, after this, what a merge writes.
+  /// \param replaced  the route table's record of the address.
+  /// \param isMerge   whether the write leaves the record that a merge would write.
   WriteScope(typename F::RouteSm& sm, const typename F::Addr& addr, const Route& replaced,
              bool isMerge = true)
       : state_(sm.fast()), former_(std::exchange(state_.ownWrite, hostPrefix<F>(addr))) {
@@ -220,8 +220,8 @@ void leavesMerge(const typename F::HostTable& table) {
   if (root != nullptr) leavesMerge<F>(*root);
 }
 
-/// An event of the neighbour `addr` will come: prefetches what it reads. Before the first event of
-/// the table nothing is known of that.
+/// An event of the neighbour `addr` will come: prefetches the memory that it reads. Before the
+/// first event of the table nothing is known of that.
 template <Family F, class Reactor>
 void neighborExpected(const Reactor& reactor, const typename F::Addr& addr) {
   const auto* machine = reactor.routeSm();

@@ -33,8 +33,8 @@ class Trust {
     for (auto it = sm_.arpIntfStatusIterator(); it; ++it) it.value()->isQuietIs(false);
   }
 
-  /// A machine begins. It has not merged what it finds: host routes in the route table, or what a
-  /// former machine left in the root.
+  /// A machine begins. It has not merged the host routes that are in the route table, nor the state
+  /// that a former machine left in the root.
   ///
   /// \param isAllRead  whether the whole route table could be read.
   void machineBegan(bool isAllRead) {
@@ -82,7 +82,7 @@ class Trust {
   void inputSet(bool isOther) {
     if (isOther) end();
   }
-  /// An activity is replaced. What it has queued comes late.
+  /// An activity is replaced. Its queued notifications come late.
   void activityReplaced(const Kiv::ActivityConfig* former) {
     if (isQueueing(former)) end();
   }
@@ -92,7 +92,8 @@ class Trust {
   }
 
  private:
-  // Queued notifications are handled with the tables as they are then, which nobody knows yet.
+  // Queued notifications are handled with the tables as they are then, in a state that nobody knows
+  // yet.
   static bool isQueueing(const Kiv::ActivityConfig* activity) {
     return activity != nullptr && activity->queues();
   }
