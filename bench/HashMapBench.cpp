@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 #ifdef HOSTROUTE_HAS_BOOST
 #include <boost/container_hash/hash.hpp>
 #include <boost/unordered/unordered_flat_map.hpp>

@@ -1,8 +1,8 @@
 // What a trace statement costs while its level is off: the same loop with and without it.
 #include <benchmark/benchmark.h>
 
-#include "platform/kiv/Hash.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/containers/Hash.h"
+#include "platform/kiv/runtime/Trace.h"
 
 namespace {
 

@@ -30,7 +30,7 @@
 #include <rte_malloc.h>
 #endif
 
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 #include "platform/routing/Trie.h"
 
 namespace {

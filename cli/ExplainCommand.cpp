@@ -11,7 +11,7 @@
 #include "cli/Command.h"
 #include "cli/Replaying.h"
 #include "daemon/Explain.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "replay/ExplanationJson.h"
 #include "replay/Printable.h"
 

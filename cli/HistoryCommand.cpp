@@ -13,7 +13,7 @@
 #include "cli/Replaying.h"
 #include "cli/Terminal.h"
 #include "daemon/History.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "replay/HistoryJson.h"
 #include "replay/TextTable.h"
 

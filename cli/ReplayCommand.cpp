@@ -13,7 +13,7 @@
 #include "cli/Command.h"
 #include "cli/Terminal.h"
 #include "daemon/SharedNames.h"
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "platform/tovan/Reports.h"
 #include "platform/tovan/TableMemory.h"
 #include "replay/Output.h"

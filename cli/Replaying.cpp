@@ -7,7 +7,7 @@
 
 #include "cli/Command.h"
 #include "cli/Terminal.h"
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/EntityDirectory.h"
+#include "platform/kiv/reflection/EntityDirectory.h"
 #include "replay/Player.h"
 #include "replay/TextTable.h"
 

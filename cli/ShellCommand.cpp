@@ -21,7 +21,7 @@
 #include "cli/Command.h"
 #include "cli/Shell.h"
 #include "cli/Terminal.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "replay/Printable.h"

@@ -90,7 +90,7 @@ class Collector {
  public:
   Collector(const typename F::RouteSm& sm, const typename F::RouteSmRoot& root,
             std::vector<CounterValue>& values)
-      : counts_(sm.interest().account.counts), root_(root), values_(values) {}
+      : counts_(sm.account().counts), root_(root), values_(values) {}
 
   void add(Row row) {
     switch (row) {

@@ -8,7 +8,7 @@
 #include "daemon/HopText.h"
 #include "daemon/Switch.h"
 #include "hostcore/Explain.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "platform/routing/RouteTypes.h"
 
 namespace Daemon {

@@ -7,14 +7,14 @@
 
 #include "daemon/HopText.h"
 #include "daemon/Switch.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "platform/routing/RouteTypes.h"
 
 namespace Daemon {
 namespace {
 
 template <class F>
-using RouteLog = typename F::RouteSm::Interest::Account::Log;
+using RouteLog = typename F::RouteSm::Account::Log;
 
 template <class F>
 HistoryEntry entryOf(const std::string& vrf, const typename RouteLog<F>::Change& change) {
@@ -151,7 +151,7 @@ void Switch::openHistory(const std::string& name, Vrf& vrf, bool forgets) {
     using F = decltype(family);
     auto* machine = vrf.routing<F>().machine();
     if (machine == nullptr) return;
-    auto& log = machine->interest().account.log;
+    auto& log = machine->account().log;
     if (historyEntries_ == 0 && !historyObserver_) {
       log = nullptr;
       return;
@@ -181,8 +181,8 @@ std::vector<HistoryEntry> Switch::history(std::string_view vrf, std::string_view
   forEachFamily([&](auto family) {
     using F = decltype(family);
     const auto* machine = known->second.template routing<F>().machine();
-    if (machine == nullptr || machine->interest().account.log == nullptr) return;
-    machine->interest().account.log->forEach([&](const auto& change) {
+    if (machine == nullptr || machine->account().log == nullptr) return;
+    machine->account().log->forEach([&](const auto& change) {
       if (wanted.contains(change.route.key.addr())) {
         entries.push_back(entryOf<F>(known->first, change));
       }

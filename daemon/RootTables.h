@@ -1,7 +1,7 @@
 // The tables of a VRF's root, for those who show them.
 #pragma once
 
-#include "platform/kiv/Ptr.h"
+#include "platform/kiv/containers/Ptr.h"
 
 namespace Daemon {
 

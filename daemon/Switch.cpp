@@ -9,7 +9,7 @@
 #include "daemon/RootTables.h"
 #include "daemon/SharedNames.h"
 #include "hostcore/Tracing.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "platform/tovan/SharedNames.h"
 
 namespace Daemon {
@@ -59,7 +59,7 @@ Vrf& Switch::vrf(std::string_view name) {
   newMachine(added, added.routing<Ipv4>());
   newMachine(added, added.routing<Ipv6>());
   forEachFamily([&](auto family) {
-    added.routing<decltype(family)>().machine()->interest().account.isSettling = &isSettling_;
+    added.routing<decltype(family)>().machine()->account().isSettling = &isSettling_;
   });
   openHistory(vrfs_.find(name)->first, added, true);
   publishState(added);

@@ -17,7 +17,7 @@
 #include "daemon/History.h"
 #include "platform/arp/NeighborDir.h"
 #include "platform/interface/AllIntfStatusDir.h"
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 #include "platform/l3/IntfStatus.h"
 #include "platform/routing/SeqConfig.h"
 #include "platform/rovel/Readiness.h"

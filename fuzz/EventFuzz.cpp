@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "tests/model/Model.h"

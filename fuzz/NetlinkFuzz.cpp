@@ -6,7 +6,7 @@
 
 #include "linux/Messages.h"
 #include "linux/Mirror.h"
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "tests/linux/MirrorText.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/Exception.h"
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Exception.h"
+#include "platform/kiv/containers/Hash.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
 

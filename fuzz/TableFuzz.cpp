@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "platform/tovan/TovanMap.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "typeinfo/ValueTypes.h"
 
 namespace {

@@ -26,7 +26,7 @@ void RouteSm::handleFec(const Tovan::Fib::FecId& fecId) {
 
 void RouteSm::handleFec() {
   KIV_TRACE(hostRouteTrace, 8, *this, "void Routing::Host::RouteSm::handleFec()");
-  HostCore::Listening<Ipv4>(*this).fecsChanged();
+  HostCore::Adjacency<Ipv4>(*this).handleFec();
 }
 
 }  // namespace Routing::Host

@@ -4,8 +4,8 @@
 #include "host/ReceiveRoutes.h"
 #include "host/RouteSm.h"
 #include "host/RouteWriter.h"
-#include "platform/kiv/Clock.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Clock.h"
+#include "platform/kiv/runtime/Trace.h"
 
 namespace Routing::Host {
 
@@ -32,6 +32,7 @@ struct Ipv4 {
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRouteTrace; }
+  static constexpr const char* kNamespace = "Routing::Host";
   static constexpr const char* kModule = "HostRouteSm";
 
   static constexpr RouteType kInvalid = Fib::invalid_;
@@ -78,22 +79,29 @@ struct Ipv4 {
   static size_t neighborCount(const Arp::ArpIntfStatus& table) { return table.arpEntryCount(); }
   static const Neighbor& argument(const Neighbor& neighbor) { return neighbor; }
 
-  // What the root derives from neighbours.
+  // The root's data about neighbours.
   static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.arpTable(); }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIfMade(prefix);
   }
-  /// Gives a prefix an entry, whose set is made when somebody looks at it.
-  static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
-    root.arpRouteExpect(prefix);
+  /// Gives a prefix an entry, whose set is made at the first look-up.
+  static void neighborSetReserve(RouteSmRoot& root, const Prefix& prefix) {
+    root.arpRouteReserve(prefix);
   }
   static AddrSet::Ptr neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIs(prefix);
   }
   static void neighborSetDel(RouteSmRoot& root, const Prefix& prefix) { root.arpRouteDel(prefix); }
 
-  static const VirtualIpStatus* virtualIps(const RouteSm& sm) { return sm.virtualIps(); }
+  // Members of the entities under a neutral name.
+  static auto& seqInfoSlot(RouteSm& sm) { return sm.ipv4SeqInfo_; }
+  static auto& virtualIpSlot(RouteSm& sm) { return sm.virtualIpStatus_; }
+  static auto& routeSmSlot(RouteSmRoot& root) { return root.routeSm_; }
+  static void handleVirtualIps(RouteSm& sm) { sm.handleVirtualIpStatus(); }
+  static void followInterfaces(RouteSm::KivIpStatus& reactor) {
+    reactor.onIpIntfStatuskivImmediate();
+  }
   /// Reports the VRF's host routes synchronised as of now, unless that was done before.
   static void hostRoutesSyncedNow(RovelReady::VrfStatus& readiness) {
     if (readiness.v4HostRoutesSynced()) return;
@@ -121,18 +129,13 @@ struct Ipv4 {
   static Obu::IntfDir::Ptr subtract(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
                                     const Obu::IntfDir::Ptr& b);
 
-  /// Writes with the shared writer, for a machine's VRF.
-  static void addRouteToRouteTable(const HostTable::Ptr& hostTable,
-                                   const RouteStatus::Ptr& routeTable, const Addr& ip,
-                                   Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm,
-                                   const Route* known = nullptr);
-  /// Withdraws for a handler, which the machine need not be told of.
+  /// Withdraws a host route in a handler, which merges the address.
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper);
-  /// What a receive route resolves to in the route table; a broadcast one has no interface.
+  /// The vias of a receive route in the route table; a broadcast one has no interface.
   static ViaSet receiveVias(const HostTable& table, const Route& receiveRoute);
 
-  /// What a machine traces when it looks a neighbour's address up.
+  /// The entry trace of a look-up of a neighbour's address.
   static void traceCheck(const RouteSm& sm, const Addr& ip);
   // Traces that one half has, or has in another form.
   static void traceCoveringRoute(const RouteSm&, const Prefix&, const Prefix&) {}

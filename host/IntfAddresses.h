@@ -1,8 +1,8 @@
 // The secondary addresses of one interface.
 #pragma once
 
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/zemit/IpAddrWithMask.h"
 
 namespace Routing::Host {

@@ -2,7 +2,7 @@
 #include "hostcore/Merge.h"
 
 #include "host/Family.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Trace.h"
 
 namespace Routing::Host {
 

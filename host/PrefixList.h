@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/zemit/Prefix.h"
 

@@ -47,7 +47,7 @@ void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
   KIV_TRACE(hostRouteTrace, 8, *root,
             "addActiveReceiveRoutes"
                 << "  addrMask: " << addrWithMask << " intfName: " << name);
-  HostCore::stepTaken<Ipv4>(*root);
+  HostCore::leavesMerge<Ipv4>(*root);
   bool isOwn = true;  // the first one, also where the network's address is the same
   for (const Zemit::IpAddr ip : yieldedBy(addrWithMask)) {
     const auto adjacency = isOwn ? HostCore::receiveAdjacency<Ipv4>(status->intfId(), *root)
@@ -65,7 +65,7 @@ void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& /*status*/, const Kiv
   KIV_TRACE(hostRouteTrace, 8, *root,
             "removeReceiveRoutes"
                 << "  intf: " << intfName);
-  HostCore::stepTaken<Ipv4>(*root);
+  HostCore::leavesMerge<Ipv4>(*root);
   // Each address leaves the record before its routes go, so that only those that remain count as
   // overlapping.
   if (const auto* recorded = root->intfNameToAddrWithMaskFind(intfName)) {
@@ -90,7 +90,7 @@ void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
   KIV_TRACE(hostRouteTrace, 8, *root,
             "removeAddrMaskFromReceiveTable"
                 << " remove recv route: " << addrWithMask);
-  HostCore::stepTaken<Ipv4>(*root);
+  HostCore::leavesMerge<Ipv4>(*root);
   for (const Zemit::IpAddr ip : DerivedAddresses(addrWithMask)) {
     const auto* owner = root->receiveAddrToIntfNameFind(ip);
     if (owner == nullptr || *owner != intfName) continue;
@@ -105,7 +105,7 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
             "void Routing::Host::removeReceiveRoute(Zemit::IpAddr, const Kiv::Name&, "
             "const Routing::Host::RouteSmRoot::Ptr&)"
                 << " remove recv route: " << ip);
-  HostCore::stepTaken<Ipv4>(*root);
+  HostCore::leavesMerge<Ipv4>(*root);
   if (yieldedBy(root->intfNameToAddrWithMask(intfName)).contain(ip)) {
     KIV_TRACE(hostRouteTrace, 8, *root, " found overlapping addr ");
     return;
@@ -124,7 +124,7 @@ void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus:
   const auto root = Kiv::validPtr(Kiv::validPtr(routeSm)->root());
   const HostCore::Event<Ipv4> event(*routeSm, HostCore::CauseKind::Address,
                                     Kiv::validPtr(status)->intfId());
-  const HostCore::Listening<Ipv4>::Handling handling(*routeSm);
+  const HostCore::HandlerScope<Ipv4> handler(*routeSm);
   const auto name = Kiv::validPtr(status)->name();
   KIV_TRACE(hostRouteTrace, 8, *root,
             "recomputeReceiveRoutes"
@@ -143,7 +143,7 @@ void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus:
   for (const auto& secondary : secondaries) {
     if (root->intfNameToSecondaryAddrWithMaskIs(name)->addrWithMask(secondary)) continue;
     addActiveReceiveRoutes(status, secondary, root, changed);
-    // Looked up again: a callback of what was written may have taken the former record away.
+    // Looked up again: a callback of a write may have removed the former record.
     root->intfNameToSecondaryAddrWithMaskIs(name)->addrWithMaskIs(secondary, true);
   }
   // A callback may have moved the interface to another VRF meanwhile.

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/RouteSm.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
 
 namespace Routing::Host {
 
@@ -36,7 +36,7 @@ KIV_EXPORT void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addr
 KIV_EXPORT void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName,
                                    const RouteSmRoot::Ptr& root);
 
-/// Rebuilds an interface's receive routes from scratch and merges what that touched.
+/// Rebuilds an interface's receive routes from scratch and merges their addresses.
 KIV_EXPORT void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm,
                                        const Ip::IpIntfStatus::PtrConst& status);
 

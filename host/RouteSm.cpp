@@ -1,247 +1,135 @@
 #include "host/RouteSm.h"
 
-#include <string>
-#include <utility>
-
 #include "host/Family.h"
 #include "host/ReceiveRoutes.h"
 #include "hostcore/Lifecycle.h"
-#include "hostcore/Listening.h"
-#include "hostcore/NeighborEntries.h"
+#include "hostcore/Machine.h"
 #include "hostcore/ReceiveRoutes.h"
-#include "hostcore/Tracing.h"
-#include "platform/kiv/Assert.h"
+#include "platform/kiv/runtime/Assert.h"
 
 namespace Routing::Host {
 
-RouteSm::RouteSm(
-    const Kiv::ActivityConfig::Ptr& activityConfig, const Tovan::Fib::RouteStatus::Ptr& routeStatus,
-    const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
-    const RovelReady::VrfStatus::Ptr& ribReadyStatus, const Routing::SeqConfig::Ptr& seqConfig,
-    const Rovel::SeqInfo::Ptr& ipv4SeqInfo, const Rovel::AdjacencyHelper::Ptr& adjHelper,
-    const Ip::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
-    const RouteSmRoot::Ptr& root, const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus,
-    const L3::VrfName& vrfName) {
-  kivFwkActivity_.setQuietly(activityConfig);
-  routeStatus_.setQuietly(routeStatus);
-  newFwdStatus(fwdStatus);
-  hostStatus_.setQuietly(hostStatus);
-  newRibReadyStatus(ribReadyStatus);
-  newSeqConfig(seqConfig);
-  newIpv4SeqInfo(ipv4SeqInfo);
-  adjHelper_.setQuietly(adjHelper);
-  newIpStatus(ipStatus);
-  newNeighborDirByIntfName(neighborDirByIntfName);
-  root_.setQuietly(root);
-  newVirtualIpStatus(virtualIpStatus);
-  vrfName_.setQuietly(vrfName);
-  initialized_.setQuietly(false);
-  // From here on the reactors reach the machine, whose inputs are all stored.
-  inputsStored_ = true;
-  forEachReactor([this](auto& reactor) { reactor.routeSmIs(this); });
-
-  HostCore::Listening<Ipv4>(*this).begin();
-  handleFec();
-  if (this->ipStatus()) this->ipStatus()->onIpIntfStatuskivImmediate();
-  if (this->neighborDirByIntfName()) {
-    this->neighborDirByIntfName()->onArpIntfStatuskivImmediate();
-  }
-  handleVirtualIpStatus();
+namespace {
+using Frame = HostCore::Machine<Ipv4>;
 }
+
+RouteSm::RouteSm(const Inputs& inputs) : fast_(std::make_unique<FastState>()) {
+  Frame(*this).begin(inputs);
+}
+
+RouteSm::RouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
+                 const Tovan::Fib::RouteStatus::Ptr& routeStatus,
+                 const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus,
+                 const Status::PtrConst& hostStatus,
+                 const RovelReady::VrfStatus::Ptr& ribReadyStatus,
+                 const Routing::SeqConfig::Ptr& seqConfig, const Rovel::SeqInfo::Ptr& ipv4SeqInfo,
+                 const Rovel::AdjacencyHelper::Ptr& adjHelper, const Ip::Status::PtrConst& ipStatus,
+                 const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
+                 const RouteSmRoot::Ptr& root,
+                 const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus, const L3::VrfName& vrfName)
+    : RouteSm(Inputs{activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig,
+                     ipv4SeqInfo, adjHelper, ipStatus, neighborDirByIntfName, root, virtualIpStatus,
+                     vrfName}) {}
 
 RouteSm::~RouteSm() {
   retire();
 }
 
 void RouteSm::retire() {
-  if (std::exchange(hasEnded_, true)) return;
-  const Ptr alive(this);
-  HostCore::tracedLevelsAre<Ipv4>(*this, 0);
-  kivDoZombieReactors(true);
-  forEachReactor([](auto& reactor) { reactor.routeSmIs(nullptr); });
-  initialized_.setQuietly(false);
-  routeStatus_.setQuietly(nullptr);
-  hostStatus_.setQuietly(nullptr);
-  adjHelper_.setQuietly(nullptr);
-  root_.setQuietly(nullptr);
-  // Without the collections' hooks: nothing is withdrawn at teardown. The reactors let go of the
-  // inputs here, which may run anybody's code.
-  arpIntfStatus_.dropAll();
-  ipIntfStatusFilter_.dropAll();
-  vrfIpIntfStatus_.dropAll();
-  ipIntfStatus_.dropAll();
-  fwdStatus_.drop();
-  ribReadyStatus_.drop();
-  seqConfig_.drop();
-  ipv4SeqInfo_.drop();
-  ipStatus_.drop();
-  neighborDirByIntfName_.drop();
-  virtualIpStatus_.drop();
-  kivFwkActivity_.setQuietly(nullptr);
-}
-
-void RouteSm::requireNotEnded() const {
-  if (!hasEnded_) return;
-  throw Kiv::Exception("the state machine of VRF " + std::string(name().view()) + " has ended");
-}
-
-template <class Visit>
-void RouteSm::forEachReactor(Visit visit) {
-  const auto visitOne = [&visit](const auto& reactor) {
-    if (reactor) visit(*reactor);
-  };
-  visitOne(fwdStatus());
-  visitOne(ribReadyStatus());
-  visitOne(seqConfig());
-  visitOne(ipv4SeqInfo());
-  visitOne(ipStatus());
-  for (auto it = ipIntfStatusFilterIterator(); it; ++it) visitOne(it.value());
-  for (auto it = ipIntfStatusIterator(); it; ++it) visitOne(it.value());
-  visitOne(neighborDirByIntfName());
-  for (auto it = arpIntfStatusIterator(); it; ++it) visitOne(it.value());
-  visitOne(virtualIpStatus());
+  Frame(*this).retire();
 }
 
 void RouteSm::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig) {
-  requireNotEnded();
-  // What has waited is handled late.
-  if (kivFwkActivityRaw() != nullptr && kivFwkActivityRaw()->queues()) {
-    HostCore::Listening<Ipv4>(*this).missed();
-  }
-  kivFwkActivity_.set(*this, activityConfig);
-  forEachReactor([&](auto& reactor) { reactor.kivFwkActivityIs(activityConfig); });
-  HostCore::Listening<Ipv4>(*this).review();
+  Frame(*this).kivFwkActivityIs(activityConfig);
 }
 
 void RouteSm::hasNotificationActiveIs(bool active) {
-  requireNotEnded();
-  hasNotificationActive_ = active;
-  if (!active) HostCore::Listening<Ipv4>(*this).missed();
-  forEachReactor([active](auto& reactor) { reactor.hasNotificationActiveIs(active); });
+  Frame(*this).hasNotificationActiveIs(active);
 }
 
 void RouteSm::kivDoZombieReactors(bool zombie) {
-  if (zombie) HostCore::Listening<Ipv4>(*this).missed();
-  forEachReactor([zombie](auto& reactor) { reactor.kivDoZombieReactors(zombie); });
+  Frame(*this).kivDoZombieReactors(zombie);
 }
 
 void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept {
-  HostCore::reportException(hostRouteTrace, *this, reactor, id);
-  HostCore::Listening<Ipv4>(*this).missed();
+  Frame(*this).reportException(reactor, id);
 }
 
 void RouteSm::missed() {
-  HostCore::Listening<Ipv4>(*this).missed();
+  HostCore::Trust<Ipv4>(*this).end();
 }
 
-void RouteSm::inputReplaced(bool changed) {
-  if (changed) missed();
+void RouteSm::routeStatusIs(const Kiv::Ptr<Tovan::Fib::RouteStatus>& routeStatus) {
+  Frame(*this).inputIs(routeStatus_, routeStatus);
+}
+
+void RouteSm::hostStatusIs(const Kiv::Ptr<const Status>& hostStatus) {
+  Frame(*this).inputIs(hostStatus_, hostStatus);
+}
+
+void RouteSm::adjHelperIs(const Kiv::Ptr<Rovel::AdjacencyHelper>& adjHelper) {
+  Frame(*this).inputIs(adjHelper_, adjHelper);
+}
+
+void RouteSm::rootIs(const Kiv::Ptr<RouteSmRoot>& root) {
+  Frame(*this).inputIs(root_, root);
 }
 
 Kiv::Ptr<RouteSm::KivFwdStatus> RouteSm::newFwdStatus(
     const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus) {
-  requireNotEnded();
-  HostCore::bindNew(fwdStatus_, *this, inputsStored_, fwdStatus);
-  return fwdStatus_.get();
-}
-
-const Tovan::Fib::ForwardingStatus* RouteSm::forwardingStatus() const noexcept {
-  return HostCore::watchedBy(fwdStatus());
+  return Frame(*this).newReactor(fwdStatus_, fwdStatus);
 }
 
 Kiv::Ptr<RouteSm::KivRibReadyStatus> RouteSm::newRibReadyStatus(
     const RovelReady::VrfStatus::Ptr& ribReadyStatus) {
-  requireNotEnded();
-  HostCore::bindNew(ribReadyStatus_, *this, inputsStored_, ribReadyStatus);
-  return ribReadyStatus_.get();
-}
-
-RovelReady::VrfStatus* RouteSm::vrfReadiness() const noexcept {
-  return ribReadyStatus() ? ribReadyStatus()->status() : nullptr;
+  return Frame(*this).newReactor(ribReadyStatus_, ribReadyStatus);
 }
 
 Kiv::Ptr<RouteSm::KivSeqConfig> RouteSm::newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig) {
-  requireNotEnded();
-  HostCore::bindNew(seqConfig_, *this, inputsStored_, seqConfig);
-  return seqConfig_.get();
+  return Frame(*this).newReactor(seqConfig_, seqConfig);
 }
 
 Kiv::Ptr<RouteSm::KivIpv4SeqInfo> RouteSm::newIpv4SeqInfo(const Rovel::SeqInfo::Ptr& ipv4SeqInfo) {
-  requireNotEnded();
-  HostCore::bindNew(ipv4SeqInfo_, *this, inputsStored_, ipv4SeqInfo);
-  return ipv4SeqInfo_.get();
+  return Frame(*this).newReactor(ipv4SeqInfo_, ipv4SeqInfo);
 }
 
 Kiv::Ptr<RouteSm::KivIpStatus> RouteSm::newIpStatus(const Ip::Status::PtrConst& ipStatus) {
-  requireNotEnded();
-  HostCore::bindNew(ipStatus_, *this, inputsStored_, ipStatus);
-  return ipStatus_.get();
+  return Frame(*this).newReactor(ipStatus_, ipStatus);
 }
 
 Kiv::Ptr<RouteSm::KivNeighborDirByIntfName> RouteSm::newNeighborDirByIntfName(
     const Arp::NeighborDir::PtrConst& neighborDirByIntfName) {
-  requireNotEnded();
-  HostCore::bindNew(neighborDirByIntfName_, *this, inputsStored_, neighborDirByIntfName);
-  return neighborDirByIntfName_.get();
+  return Frame(*this).newReactor(neighborDirByIntfName_, neighborDirByIntfName);
 }
 
 Kiv::Ptr<RouteSm::KivVirtualIpStatus> RouteSm::newVirtualIpStatus(
     const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus) {
-  requireNotEnded();
-  HostCore::bindNew(virtualIpStatus_, *this, inputsStored_, virtualIpStatus);
-  inputReplaced(inputsStored_);
-  return virtualIpStatus_.get();
+  return Frame(*this).newVirtualIps(virtualIpStatus);
 }
 
-const Fhrp::VirtualIpStatus* RouteSm::virtualIps() const noexcept {
-  return HostCore::watchedBy(virtualIpStatus());
-}
-
-const Arp::ArpIntfStatus* RouteSm::neighborTable(Zemit::IntfId intf) const {
-  const auto* dir = HostCore::watchedBy(neighborDirByIntfName());
-  return dir == nullptr ? nullptr : dir->tableOf(intf);
+void RouteSm::virtualIpStatusDel() {
+  Frame(*this).virtualIpsDel();
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  requireNotEnded();
-  KIV_REQUIRE(ipIntfStatus,
-              "null _vrfIpIntfStatus parameter to mutator for "
-              "Routing::Host::RouteSm::vrfIpIntfStatus not allowed");
-  const Zemit::IntfId intfId = ipIntfStatus->intfId();
-  const HostCore::Event<Ipv4> event(*this, HostCore::CauseKind::Interface, intfId);
-  vrfIpIntfStatus_.set(*this, intfId, ipIntfStatus);
-  handleIpIntfStatus(intfId);
-  // A callback may have removed the interface, or replaced its status.
-  if (vrfIpIntfStatus(intfId) == ipIntfStatus) ipIntfStatusIs(ipIntfStatus);
+  Frame(*this).vrfIpIntfStatusIs(ipIntfStatus);
 }
 
 void RouteSm::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
-  if (!vrfIpIntfStatus_.del(*this, intfId)) return;
-  const HostCore::Event<Ipv4> event(*this, HostCore::CauseKind::Interface, intfId);
-  handleIpIntfStatus(intfId);
-  if (!vrfIpIntfStatus(intfId)) ipIntfStatusDel(intfId);
+  Frame(*this).vrfIpIntfStatusDel(intfId);
 }
 
 void RouteSm::ipIntfStatusFilterIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  requireNotEnded();
-  KIV_REQUIRE(ipIntfStatus,
-              "null _ipIntfStatusFilter parameter to mutator for "
-              "Routing::Host::RouteSm::ipIntfStatusFilter not allowed");
-  HostCore::bindMember(ipIntfStatusFilter_, *this, ipIntfStatus->intfId(), ipIntfStatus);
+  Frame(*this).intfMemberIs(ipIntfStatusFilter_, "ipIntfStatusFilter", ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatusFilter> RouteSm::newIpIntfStatusFilter(
     const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  if (ipIntfStatus) HostCore::renewMember(ipIntfStatusFilter_, *this, ipIntfStatus->intfId());
-  ipIntfStatusFilterIs(ipIntfStatus);  // refuses null
-  return ipIntfStatusFilter(ipIntfStatus->intfId());
+  return Frame(*this).newIntfMember(ipIntfStatusFilter_, "ipIntfStatusFilter", ipIntfStatus);
 }
 
 void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
-  const auto filter = ipIntfStatusFilter(intfId);
-  if (!filter) return;
-  kiv_handleIpIntfStatusFilter(*filter);
-  ipIntfStatusFilter_.del(*this, intfId);
+  Frame(*this).ipIntfStatusFilterDel(intfId);
 }
 
 void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) {
@@ -249,50 +137,24 @@ void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) 
 }
 
 void RouteSm::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  requireNotEnded();
-  KIV_REQUIRE(ipIntfStatus,
-              "null _ipIntfStatus parameter to mutator for "
-              "Routing::Host::RouteSm::ipIntfStatus not allowed");
-  HostCore::bindMember(ipIntfStatus_, *this, ipIntfStatus->intfId(), ipIntfStatus);
+  Frame(*this).intfMemberIs(ipIntfStatus_, "ipIntfStatus", ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatus> RouteSm::newIpIntfStatus(
     const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  if (ipIntfStatus) HostCore::renewMember(ipIntfStatus_, *this, ipIntfStatus->intfId());
-  ipIntfStatusIs(ipIntfStatus);  // refuses null
-  return this->ipIntfStatus(ipIntfStatus->intfId());
+  return Frame(*this).newIntfMember(ipIntfStatus_, "ipIntfStatus", ipIntfStatus);
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
-  requireNotEnded();
-  KIV_REQUIRE(arpIntfStatus,
-              "null _arpIntfStatus parameter to mutator for "
-              "Routing::Host::RouteSm::arpIntfStatus not allowed");
-  const ArpTable former =
-      HostCore::bindMember(arpIntfStatus_, *this, arpIntfStatus->name(), arpIntfStatus);
-  HostCore::Listening<Ipv4>(*this).review(arpIntfStatus->intfId());
-  if (former && former != arpIntfStatus) {
-    HostCore::NeighborEntries<Ipv4>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
-  }
+  Frame(*this).arpIntfStatusIs(arpIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivArpIntfStatus> RouteSm::newArpIntfStatus(const ArpTable& arpIntfStatus) {
-  ArpTable former;
-  if (arpIntfStatus) {
-    former = HostCore::renewMember(arpIntfStatus_, *this, arpIntfStatus->name());
-  }
-  arpIntfStatusIs(arpIntfStatus);  // refuses null
-  if (former && former != arpIntfStatus) {
-    HostCore::NeighborEntries<Ipv4>(*this).handleReplacedArpIntfStatus(*former, arpIntfStatus);
-  }
-  return this->arpIntfStatus(arpIntfStatus->name());
+  return Frame(*this).newArpIntfStatus(arpIntfStatus);
 }
 
 void RouteSm::arpIntfStatusDel(const Kiv::Name& name) {
-  const auto reactor = arpIntfStatus(name);
-  if (!reactor) return;
-  kiv_handleArpIntfStatus(*reactor);
-  arpIntfStatus_.del(*this, name);
+  Frame(*this).arpIntfStatusDel(name);
 }
 
 void RouteSm::kiv_handleArpIntfStatus(KivArpIntfStatus& reactor) {
@@ -300,10 +162,7 @@ void RouteSm::kiv_handleArpIntfStatus(KivArpIntfStatus& reactor) {
 }
 
 void RouteSm::initializedIs(bool initialized) {
-  requireNotEnded();
-  if (!initialized_.set(*this, initialized)) return;
-  HostCore::Listening<Ipv4>(*this).review();
-  handleInitialized();
+  Frame(*this).initializedIs(initialized);
 }
 
 void RouteSm::handleInitialized() {
@@ -416,9 +275,9 @@ RouteSm::Ptr routeSmFactory(
     const Ip::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
     const RouteSmRoot::Ptr& root, const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus,
     const L3::VrfName& vrfName) {
-  return Kiv::make<RouteSm>(activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus,
-                            seqConfig, ipv4SeqInfo, adjHelper, ipStatus, neighborDirByIntfName,
-                            root, virtualIpStatus, vrfName);
+  return Kiv::make<RouteSm>(RouteSm::Inputs{
+      activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig, ipv4SeqInfo,
+      adjHelper, ipStatus, neighborDirByIntfName, root, virtualIpStatus, vrfName});
 }
 
 }  // namespace Routing::Host

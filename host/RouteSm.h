@@ -4,12 +4,12 @@
 #include <memory>
 
 #include "host/RouteSmRoot.h"
+#include "hostcore/Account.h"
 #include "hostcore/Frame.h"
-#include "hostcore/Interest.h"
 #include "platform/arp/NeighborDir.h"
 #include "platform/ip/IpStatus.h"
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/obu/FibLookup.h"
 #include "platform/obu/IntfDir.h"
 #include "platform/routing/SeqConfig.h"
@@ -18,15 +18,25 @@
 #include "platform/tovan/ForwardingStatus.h"
 #include "platform/tovan/RouteStatus.h"
 
+namespace HostCore {
+template <class F>
+class Machine;
+template <class R, class Fec>
+class CoverCache;
+template <class R, class Fec>
+struct FastState;
+}  // namespace HostCore
+
 namespace Routing::Host {
+
+struct Ipv4;
 
 /// Watches the inputs of one VRF and keeps the host routes of its root and route table in step.
 ///
 /// Each reactor watches one input and calls one handler. A handler without a key walks the whole
 /// input, a keyed one handles one entry. Everything runs on the thread of the activity. The inputs,
-/// the root and the activity are lent: whoever made the machine keeps them alive as long as it
-/// lives. A null input reads as an empty table. A callback of what the machine writes must not
-/// destroy it.
+/// the root and the activity are lent: the maker of the machine keeps them alive as long as it
+/// lives. A null input reads as an empty table. A callback of a write must not destroy the machine.
 ///
 /// Until `initialized` is set the machine only records; then it catches up in one pass.
 class KIV_EXPORT RouteSm final : public Kiv::Entity {
@@ -74,7 +84,26 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   template <class Notifier>
   using Reactor = HostCore::MachineReactor<Notifier, RouteSm>;
-  using Interest = HostCore::Interest<Tovan::Fib::Route, Tovan::Fib::Fec>;
+  using Account = HostCore::Account<Tovan::Fib::Route, Tovan::Fib::Fec>;
+  using FastState = HostCore::FastState<Tovan::Fib::Route, Tovan::Fib::Fec>;
+  using CoverCache = HostCore::CoverCache<Tovan::Fib::Route, Tovan::Fib::Fec>;
+
+  /// The inputs of a machine. Each may be null.
+  struct Inputs {
+    Kiv::ActivityConfig::Ptr activity;
+    Tovan::Fib::RouteStatus::Ptr routeStatus;
+    Tovan::Fib::ForwardingStatus::Ptr fwdStatus;
+    Status::PtrConst hostStatus;
+    RovelReady::VrfStatus::Ptr ribReadyStatus;
+    Routing::SeqConfig::Ptr seqConfig;
+    Rovel::SeqInfo::Ptr seqInfo;
+    Rovel::AdjacencyHelper::Ptr adjHelper;
+    Ip::Status::PtrConst ipStatus;
+    Arp::NeighborDir::PtrConst neighborDir;
+    RouteSmRoot::Ptr root;
+    Fhrp::VirtualIpStatus::PtrConst virtualIps;
+    L3::VrfName vrfName;
+  };
 
   /// Watches the FECs of the forwarding status.
   class KivFwdStatus final
@@ -145,7 +174,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Watches one interface's ARP table and hands each change to the state machine.
   class KivArpIntfStatus final : public Reactor<Arp::ArpIntfStatus> {
    public:
-    using MachineReactor::MachineReactor;
+    explicit KivArpIntfStatus(const Kiv::ActivityConfig::Ptr& activity);
+    ~KivArpIntfStatus() override;
 
     void onArpEntry(const Zemit::IpAddr& addr) override;
     void onArpEntrykivImmediate() override;
@@ -157,14 +187,12 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     void handleArpEntry();
     /// Withdraws the host routes of a table that was deleted with entries in it.
     void handleDel();
-    /// Where the table's last neighbour led; made when the first one is handled.
-    Interest::Road& road() const {
-      if (road_ == nullptr) road_ = std::make_unique<Interest::Road>();
-      return *road_;
-    }
+    /// The short cuts' cache, made at the first use; see hostcore/fast/.
+    CoverCache& coverCache() const;
+    bool hasCoverCache() const noexcept { return coverCache_ != nullptr; }
 
    private:
-    mutable std::unique_ptr<Interest::Road> road_;  // remembered work, no state of the reactor
+    mutable std::unique_ptr<CoverCache> coverCache_;  // no state of the reactor
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.
@@ -181,7 +209,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     Fhrp::VrfIpWithMaskPair virtualIp_;
   };
 
-  /// Binds a reactor to each input that is not null, and records what the inputs hold.
+  /// Binds a reactor to each input that is not null, and records the contents of the inputs.
   RouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
           const Tovan::Fib::RouteStatus::Ptr& routeStatus,
           const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus, const Status::PtrConst& hostStatus,
@@ -190,17 +218,18 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
           const Rovel::AdjacencyHelper::Ptr& adjHelper, const Ip::Status::PtrConst& ipStatus,
           const Arp::NeighborDir::PtrConst& neighborDirByIntfName, const RouteSmRoot::Ptr& root,
           const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus, const L3::VrfName& vrfName);
+  explicit RouteSm(const Inputs& inputs);
   ~RouteSm() override;
-  /// Ends the machine, for whoever still holds it too: its reactors are zombies and let go of it
-  /// and of the inputs. Nothing is withdrawn. What is read afterwards is empty but for the VRF's
-  /// name, what is set is refused with Kiv::Exception, and a handler that needs the root raises
-  /// "null ValidPtr". Run by the root that lets go of the machine, and when its last handle goes.
+  /// Ends the machine, also while others hold it: its reactors are zombies and let go of it and of
+  /// the inputs. Nothing is withdrawn. Afterwards all attributes but the VRF's name read as empty,
+  /// a setter raises Kiv::Exception, and a handler that needs the root raises "null ValidPtr". Run
+  /// by the root that lets go of the machine, and when its last handle goes.
   void retire();
 
   /// The VRF's name.
   Kiv::Name name() const override { return vrfName().value(); }
   /// See HostCore::tracedLevelsAre().
-  uint32_t tracedLevels() const noexcept override { return interest_.account.tracing.now; }
+  uint32_t tracedLevels() const noexcept override { return account_.tracing.now; }
 
   /// The activity that runs all reactors of this machine.
   KIV_POINTER_VIEW(257, kivFwkActivity, KivFwkActivity, Kiv::ActivityConfig)
@@ -210,27 +239,25 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// The shared-memory route table: FIB routes shorter than a host prefix are read from it, the
   /// merged host routes are written into it.
   KIV_POINTER_VIEW(258, routeStatus, RouteStatus, Tovan::Fib::RouteStatus)
-  void routeStatusIs(const Kiv::Ptr<Tovan::Fib::RouteStatus>& routeStatus) {
-    requireNotEnded();
-    inputReplaced(routeStatus_.set(*this, routeStatus));
-  }
+  void routeStatusIs(const Kiv::Ptr<Tovan::Fib::RouteStatus>& routeStatus);
 
   KIV_SINGLETON(259, fwdStatus, FwdStatus, KivFwdStatus)
   Kiv::Ptr<KivFwdStatus> newFwdStatus(const Tovan::Fib::ForwardingStatus::Ptr& fwdStatus);
   /// The forwarding status itself, or null.
-  const Tovan::Fib::ForwardingStatus* forwardingStatus() const noexcept;
+  const Tovan::Fib::ForwardingStatus* forwardingStatus() const noexcept {
+    return HostCore::watchedBy(fwdStatus());
+  }
 
   /// The daemon's FIB host routes; only read.
   KIV_POINTER_VIEW(260, hostStatus, HostStatus, const Status)
-  void hostStatusIs(const Kiv::Ptr<const Status>& hostStatus) {
-    requireNotEnded();
-    inputReplaced(hostStatus_.set(*this, hostStatus));
-  }
+  void hostStatusIs(const Kiv::Ptr<const Status>& hostStatus);
 
   KIV_SINGLETON(261, ribReadyStatus, RibReadyStatus, KivRibReadyStatus)
   Kiv::Ptr<KivRibReadyStatus> newRibReadyStatus(const RovelReady::VrfStatus::Ptr& ribReadyStatus);
   /// The readiness record itself, or null.
-  RovelReady::VrfStatus* vrfReadiness() const noexcept;
+  RovelReady::VrfStatus* vrfReadiness() const noexcept {
+    return ribReadyStatus() ? ribReadyStatus()->status() : nullptr;
+  }
 
   KIV_SINGLETON(262, seqConfig, SeqConfig, KivSeqConfig)
   Kiv::Ptr<KivSeqConfig> newSeqConfig(const Routing::SeqConfig::Ptr& seqConfig);
@@ -241,10 +268,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Keeper of the host adjacencies of the root's tables and the FIB adjacencies of the route
   /// table.
   KIV_POINTER_VIEW(269, adjHelper, AdjHelper, Rovel::AdjacencyHelper)
-  void adjHelperIs(const Kiv::Ptr<Rovel::AdjacencyHelper>& adjHelper) {
-    requireNotEnded();
-    inputReplaced(adjHelper_.set(*this, adjHelper));
-  }
+  void adjHelperIs(const Kiv::Ptr<Rovel::AdjacencyHelper>& adjHelper);
 
   KIV_SINGLETON(272, ipStatus, IpStatus, KivIpStatus)
   Kiv::Ptr<KivIpStatus> newIpStatus(const Ip::Status::PtrConst& ipStatus);
@@ -283,7 +307,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   Kiv::Ptr<KivNeighborDirByIntfName> newNeighborDirByIntfName(
       const Arp::NeighborDir::PtrConst& neighborDirByIntfName);
   /// The neighbour table of an interface, as the directory has it now, or null.
-  const Arp::ArpIntfStatus* neighborTable(Zemit::IntfId intf) const;
+  const Arp::ArpIntfStatus* neighborTable(Zemit::IntfId intf) const {
+    const auto* dir = HostCore::watchedBy(neighborDirByIntfName());
+    return dir == nullptr ? nullptr : dir->tableOf(intf);
+  }
 
   /// A reactor for each neighbour table.
   KIV_COLLECTION_VIEW(282, arpIntfStatus, ArpIntfStatus, Kiv::Name, Kiv::Ptr<KivArpIntfStatus>)
@@ -299,17 +326,16 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// The root that owns this machine's state.
   KIV_POINTER_VIEW(283, root, Root, RouteSmRoot)
-  void rootIs(const Kiv::Ptr<RouteSmRoot>& root) {
-    requireNotEnded();
-    inputReplaced(root_.set(*this, root));
-  }
+  void rootIs(const Kiv::Ptr<RouteSmRoot>& root);
 
   KIV_SINGLETON_VIEW(291, virtualIpStatus, VirtualIpStatus, KivVirtualIpStatus)
-  void virtualIpStatusDel() { inputReplaced(virtualIpStatus_.del(*this)); }
+  void virtualIpStatusDel();
   Kiv::Ptr<KivVirtualIpStatus> newVirtualIpStatus(
       const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus);
   /// The virtual addresses themselves, or null.
-  const Fhrp::VirtualIpStatus* virtualIps() const noexcept;
+  const Fhrp::VirtualIpStatus* virtualIps() const noexcept {
+    return HostCore::watchedBy(virtualIpStatus());
+  }
 
   /// The VRF.
   KIV_SCALAR(295, vrfName, VrfName, L3::VrfName)
@@ -393,32 +419,27 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Puts every reactor into or out of the state in which nothing is delivered.
   void kivDoZombieReactors(bool zombie);
 
-  /// What it remembers to tell which neighbours are its affair; kept by HostCore::Listening.
-  Interest& interest() noexcept { return interest_; }
-  const Interest& interest() const noexcept { return interest_; }
+  /// Its counts, its history and its tracing. They decide nothing about a table.
+  Account& account() const noexcept { return account_; }
+  /// The state of the short cuts; see hostcore/fast/.
+  FastState& fast() const noexcept { return *fast_; }
 
-  /// Something may have passed the machine by, such as a notification that was kept from its
-  /// handler: it takes no short cut from now on.
+  /// Something may have happened without the machine's knowledge, such as a notification that was
+  /// kept from its handler: it takes no short cut from now on.
   void missed();
 
   /// Traces the exception with which a reactor's callback has just ended.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
 
  private:
+  friend class HostCore::Machine<Ipv4>;
+  friend struct Ipv4;
+
   void kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter);
   void kiv_handleArpIntfStatus(KivArpIntfStatus& reactor);
 
-  /// Calls `visit` with every reactor the machine has, in the order of teardown.
-  template <class Visit>
-  void forEachReactor(Visit visit);
-
-  /// \throws Kiv::Exception when the machine has ended.
-  void requireNotEnded() const;
-
-  /// An input may be another object than it was, and is if `changed`.
-  void inputReplaced(bool changed);
-
-  Interest interest_;
+  mutable Account account_;
+  std::unique_ptr<FastState> fast_;
   bool hasNotificationActive_ = true;
   bool inputsStored_ = false;
   bool hasEnded_ = false;

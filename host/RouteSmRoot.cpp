@@ -2,6 +2,7 @@
 
 #include "host/Family.h"
 #include "host/RouteSm.h"
+#include "hostcore/Machine.h"
 
 namespace Routing::Host {
 
@@ -37,7 +38,7 @@ void RouteSmRoot::handleInitialized() {
   initialized_.setQuietly(true);
 }
 
-// A callback may drop the last handle to the root: what is returned is not read from it again.
+// A callback may drop the last handle to the root, so the result is not read from it again.
 
 Status::Ptr RouteSmRoot::receiveTableIs(const Kiv::Name& name) {
   if (receiveTable() && receiveTable()->name() == name) return receiveTable();
@@ -86,13 +87,10 @@ RouteSm::Ptr RouteSmRoot::newRouteSm(
     const Ip::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
     const Ptr& root, const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus,
     const L3::VrfName& vrfName) {
-  const Ptr alive(this);
-  routeSmDel();
-  const auto machine = routeSmFactory(activityConfig, routeStatus, fwdStatus, hostStatus,
-                                      ribReadyStatus, seqConfig, ipv4SeqInfo, adjHelper, ipStatus,
-                                      neighborDirByIntfName, root, virtualIpStatus, vrfName);
-  routeSm_.set(*this, machine);
-  return machine;
+  return HostCore::newRouteSm<Ipv4>(
+      *this,
+      {activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig, ipv4SeqInfo,
+       adjHelper, ipStatus, neighborDirByIntfName, root, virtualIpStatus, vrfName});
 }
 
 RouteSm::Ptr RouteSmRoot::routeSmIs(
@@ -103,22 +101,10 @@ RouteSm::Ptr RouteSmRoot::routeSmIs(
     const Ip::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
     const Ptr& root, const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus,
     const L3::VrfName& vrfName) {
-  using HostCore::watchedBy;
-  const auto* sm = routeSm().get();
-  const bool isThere =
-      sm != nullptr && sm->kivFwkActivityRaw() == activityConfig.get() &&
-      sm->routeStatusRaw() == routeStatus.get() && sm->forwardingStatus() == fwdStatus.get() &&
-      sm->hostStatusRaw() == hostStatus.get() && sm->vrfReadiness() == ribReadyStatus.get() &&
-      watchedBy(sm->seqConfig()) == seqConfig.get() &&
-      watchedBy(sm->ipv4SeqInfo()) == ipv4SeqInfo.get() && sm->adjHelperRaw() == adjHelper.get() &&
-      watchedBy(sm->ipStatus()) == ipStatus.get() &&
-      watchedBy(sm->neighborDirByIntfName()) == neighborDirByIntfName.get() &&
-      sm->rootRaw() == root.get() && sm->virtualIps() == virtualIpStatus.get() &&
-      sm->vrfName() == vrfName;
-  if (isThere) return routeSm();
-  return newRouteSm(activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig,
-                    ipv4SeqInfo, adjHelper, ipStatus, neighborDirByIntfName, root, virtualIpStatus,
-                    vrfName);
+  return HostCore::routeSmIs<Ipv4>(
+      *this,
+      {activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig, ipv4SeqInfo,
+       adjHelper, ipStatus, neighborDirByIntfName, root, virtualIpStatus, vrfName});
 }
 
 RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name) {

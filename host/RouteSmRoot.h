@@ -4,15 +4,15 @@
 #include "host/IntfAddresses.h"
 #include "host/PrefixList.h"
 #include "platform/interface/AllIntfStatusDir.h"
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Export.h"
-#include "platform/kiv/Rows.h"
+#include "platform/kiv/containers/Export.h"
+#include "platform/kiv/containers/Rows.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/l3/VrfName.h"
 #include "platform/obu/AddrSet.h"
-#include "platform/routing/HostStatus.h"
 #include "platform/routing/Trie.h"
 #include "platform/routing/VirtualIpStatus.h"
 #include "platform/rovel/AdjacencyHelper.h"
+#include "platform/rovel/HostStatus.h"
 #include "platform/tovan/RouteCollection.h"
 #include "platform/tovan/RouteStatus.h"
 #include "platform/zemit/IpAddrWithMask.h"
@@ -35,9 +35,11 @@ class VrfStatus;
 
 namespace Routing::Host {
 
+struct Ipv4;
 class RouteSm;
 
-/// What one VRF's IPv4 host routes are derived from; outlives the state machine that fills it.
+/// The data from which one VRF's IPv4 host routes are derived; outlives the state machine that
+/// fills it.
 ///
 /// Four collections are read together. arpRoute and prefixToRoute have an entry for every tracked
 /// FIB prefix; arpRoute names the neighbours whose host routes hang off it. prefixToAdjacency says
@@ -49,7 +51,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   using Ptr = Kiv::Ptr<RouteSmRoot>;
   using PtrConst = Kiv::Ptr<const RouteSmRoot>;
 
-  // What reflection knows of the type; see KIV_REFLECTED. Its interface also tells of changes.
+  // The reflected description of the type; see KIV_REFLECTED. Its interface also reports changes.
   using _Type = Kiv::EntityType<RouteSmRoot>;
   class GenericIf_;
   static const Kiv::TypeInfo& _fwkType();
@@ -95,7 +97,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
 
   /// Makes the root with its tables, initialized.
   explicit RouteSmRoot(Kiv::Name name);
-  /// Drops what the root owns. No adjacency reference is released: host routes stay.
+  /// Drops the objects that the root owns. No adjacency reference is released: host routes stay.
   ~RouteSmRoot() override;
 
   /// Those of its machine.
@@ -126,11 +128,12 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// Keeper of the adjacency references.
   KIV_POINTER(262, adjHelper, AdjHelper, Rovel::AdjacencyHelper)
 
-  /// What is kept of each tracked prefix, side by side: the next three collections.
+  /// The data of each tracked prefix, side by side: the next three collections.
   using Tracked = Kiv::Rows<Zemit::Prefix, Obu::AddrSet::Ptr, Tovan::RouteRecord<Tovan::Fib::Route>,
                             Tovan::Fib::FecId>;
 
  private:
+  friend struct Ipv4;
   Tracked tracked_;
 
  public:

@@ -1,27 +1,20 @@
 #include "host/RouteWriter.h"
 
 #include "host/Family.h"
-#include "hostcore/Listening.h"
 #include "hostcore/RouteWriter.h"
+#include "hostcore/fast/ShortCuts.h"
 
 namespace Routing::Host {
-
-void Ipv4::addRouteToRouteTable(const HostTable::Ptr& hostTable, const RouteStatus::Ptr& routeTable,
-                                const Addr& ip, Tovan::Fib::FecId fecId, RouteType routeType,
-                                const RouteSm& sm, const Route* known) {
-  HostCore::addRouteToRouteTable<Ipv4>(hostTable, routeTable, ip, fecId, routeType, sm.virtualIps(),
-                                       Kiv::validPtr(sm.rootRaw()), known);
-}
 
 void addRouteToRouteTable(const Status::Ptr& hostTable,
                           const Tovan::Fib::RouteStatus::Ptr& routeTable, const Zemit::IpAddr& ip,
                           Tovan::Fib::FecId fecId, Routing::Fib::RouteType routeType,
                           const Fhrp::VirtualIpStatus* virtualIpStatus,
                           const RouteSmRoot::Ptr& root, const L3::VrfName& /*vrfName*/) {
-  HostCore::stepTaken<Ipv4>(*Kiv::validPtr(root));
-  if (hostTable) HostCore::stepTakenOn<Ipv4>(*hostTable);
-  HostCore::addRouteToRouteTable<Ipv4>(hostTable, routeTable, ip, fecId, routeType, virtualIpStatus,
-                                       *Kiv::validPtr(root));
+  HostCore::leavesMerge<Ipv4>(*Kiv::validPtr(root));
+  if (hostTable) HostCore::leavesMerge<Ipv4>(*hostTable);
+  HostCore::RouteWriter<Ipv4>(hostTable, routeTable, *root)
+      .add({ip, fecId, routeType}, virtualIpStatus);
 }
 
 void Ipv4::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
@@ -36,7 +29,7 @@ void Ipv4::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
 void removeHostRoute(const Zemit::IpAddr& ip, const Status::Ptr& hostTable,
                      const Obu::AddrSet::Ptr& receiveAddrSet,
                      const Rovel::AdjacencyHelper::Ptr& adjHelper) {
-  HostCore::stepTakenOn<Ipv4>(*Kiv::validPtr(hostTable));
+  HostCore::leavesMerge<Ipv4>(*Kiv::validPtr(hostTable));
   Ipv4::removeHostRoute(ip, hostTable, receiveAddrSet, adjHelper);
 }
 

@@ -22,7 +22,7 @@ void RouteSm::handleFec(const Tovan::Fib::FecId& fecId) {
 
 void RouteSm::handleFec() {
   KIV_TRACE(hostRoute6Trace, 8, *this, Entry(this, __func__));
-  HostCore::Listening<Ipv6>(*this).fecsChanged();
+  HostCore::Adjacency<Ipv6>(*this).handleFec();
 }
 
 }  // namespace Routing6::Host

@@ -7,8 +7,8 @@
 #include "host6/ReceiveRoutes.h"
 #include "host6/RouteSm.h"
 #include "host6/RouteWriter.h"
-#include "platform/kiv/Clock.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Clock.h"
+#include "platform/kiv/runtime/Trace.h"
 
 namespace Routing6::Host {
 
@@ -58,6 +58,7 @@ struct Ipv6 {
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRoute6Trace; }
+  static constexpr const char* kNamespace = "Routing6::Host";
   static constexpr const char* kModule = "HostRoute6Sm";
 
   static constexpr RouteType kInvalid = Fib::invalid_;
@@ -106,15 +107,15 @@ struct Ipv6 {
   }
   static const Addr& argument(const Neighbor& neighbor) { return neighbor.ipAddr; }
 
-  // What the root derives from neighbours.
+  // The root's data about neighbours.
   static const HostTable::Ptr& neighborTable(const RouteSmRoot& root) { return root.neighTable(); }
   /// The neighbours filed under a prefix; null for none.
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIfMade(prefix);
   }
-  /// Gives a prefix an entry, whose set is made when somebody looks at it.
-  static void neighborSetExpect(RouteSmRoot& root, const Prefix& prefix) {
-    root.neighRouteExpect(prefix);
+  /// Gives a prefix an entry, whose set is made at the first look-up.
+  static void neighborSetReserve(RouteSmRoot& root, const Prefix& prefix) {
+    root.neighRouteReserve(prefix);
   }
   static AddrSet::Ptr neighborSetIs(RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIs(prefix);
@@ -123,7 +124,12 @@ struct Ipv6 {
     root.neighRouteDel(prefix);
   }
 
-  static const VirtualIpStatus* virtualIps(const RouteSm& sm) { return sm.virtualIps(); }
+  // Members of the entities under a neutral name.
+  static auto& seqInfoSlot(RouteSm& sm) { return sm.ipv6SeqInfo_; }
+  static auto& virtualIpSlot(RouteSm& sm) { return sm.virtualIp6Status_; }
+  static auto& routeSmSlot(RouteSmRoot& root) { return root.routeSm_; }
+  static void handleVirtualIps(RouteSm& sm) { sm.handleVirtualIp6Status(); }
+  static void followInterfaces(RouteSm::KivIpStatus& reactor) { reactor.onIntfkivImmediate(); }
   /// Reports the VRF's host routes synchronised as of now, unless that was done before.
   static void hostRoutesSyncedNow(RovelReady::VrfStatus& readiness) {
     if (readiness.v6HostRoutesSynced()) return;
@@ -151,15 +157,10 @@ struct Ipv6 {
   static Obu::IntfDir::Ptr subtract(const RouteSmRoot& root, const Obu::IntfDir::Ptr& a,
                                     const Obu::IntfDir::Ptr& b);
 
-  /// Writes with the shared writer, for a machine's VRF.
-  static void addRouteToRouteTable(const HostTable::Ptr& hostTable,
-                                   const RouteStatus::Ptr& routeTable, const Addr& ip,
-                                   Tovan::Fib::FecId fecId, RouteType routeType, const RouteSm& sm,
-                                   const Route* known = nullptr);
-  /// Withdraws for a handler, which the machine need not be told of.
+  /// Withdraws a host route in a handler, which merges the address.
   static void removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper);
-  /// What a machine traces when it looks a neighbour's address up.
+  /// The entry trace of a look-up of a neighbour's address.
   static void traceCheck(const RouteSm& sm, const Addr& ip);
   // Traces that one half has, or has in another form.
   static void traceCoveringRoute(const RouteSm& sm, const Prefix& prefix, const Prefix& above);

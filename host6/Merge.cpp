@@ -2,7 +2,7 @@
 #include "hostcore/Merge.h"
 
 #include "host6/Family.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Trace.h"
 
 namespace Routing6::Host {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "platform/arp/NeighborDir.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
 #include "platform/obu/IntfDir.h"
 
 namespace Routing6::Host {

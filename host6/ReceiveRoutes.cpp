@@ -14,10 +14,10 @@ void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status, const Kiv::Nam
   KIV_TRACE(hostRoute6Trace, 8, *root,
             "removeReceiveRoutes"
                 << " intfName " << intfName << " intf " << status);
-  HostCore::stepTaken<Ipv6>(*root);
+  HostCore::leavesMerge<Ipv6>(*root);
   if (const auto recorded = root->intfNameToAddrWithMask(intfName)) {
     for (const auto& addrWithMask : recorded->addrWithMaskKeys()) {
-      // What the interface has no more leaves with the record as a whole, below.
+      // An address that the interface has lost leaves with the record as a whole, below.
       if (status && status->addr(addrWithMask) != Ip6::AddressInfo()) {
         recorded->addrWithMaskDel(addrWithMask);
       }
@@ -47,7 +47,7 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
   KIV_TRACE(hostRoute6Trace, 8, *this,
             "void Routing6::Host::RouteSm::KivIpIntfStatus::handleActiveAddrWithMask()"
                 << " In VRF: " << routeSm()->vrfName());
-  // A callback of what is written here may take the interface, and this reactor, from the machine.
+  // A callback of a write may take the interface, and this reactor, from the machine.
   const Kiv::Ptr<KivIpIntfStatus> alive(this);
   const RouteSm::Ptr machine(routeSm());
   const Ip6::IntfStatus::PtrConst status = Kiv::validPtr(notifier());
@@ -57,7 +57,7 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
                 << " for interface: " << name);
   const auto root = Kiv::validPtr(machine->root());
   const HostCore::Event<Ipv6> event(*machine, HostCore::CauseKind::Address, status->intfId());
-  const HostCore::Listening<Ipv6>::Handling handling(*machine);
+  const HostCore::HandlerScope<Ipv6> handler(*machine);
   const bool isFollowed = bool(machine->vrfIpIntfStatus(status->intfId()));
   const auto changed = Obu::Ip6AddrSet::AddrSetIs(Zemit::Ip6Prefix::null());
   removeReceiveRoutes(status, name, root, changed);
@@ -75,7 +75,7 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
       const auto adjacency = HostCore::receiveAdjacency<Ipv6>(status->intfId(), *root);
       HostCore::writeReceiveRoute<Ipv6>(ip, adjacency, Fib::receive_, name, *root, changed);
     }
-    // Looked up again: a callback of what was written may have taken the former record away.
+    // Looked up again: a callback of a write may have removed the former record.
     root->intfNameToAddrWithMaskIs(name)->addrWithMaskIs(addrWithMask, true);
   }
   // A callback may have moved the interface to another VRF meanwhile.

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host6/RouteSm.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
 
 namespace Routing6::Host {
 

@@ -2,6 +2,7 @@
 
 #include "host6/Family.h"
 #include "host6/RouteSm.h"
+#include "hostcore/Machine.h"
 
 namespace Routing6::Host {
 
@@ -38,7 +39,7 @@ void RouteSmRoot::handleInitialized() {
   initialized_.setQuietly(true);
 }
 
-// A callback may drop the last handle to the root: what is returned is not read from it again.
+// A callback may drop the last handle to the root, so the result is not read from it again.
 
 Status::Ptr RouteSmRoot::receiveTableIs(const Kiv::Name& name) {
   if (receiveTable() && receiveTable()->name() == name) return receiveTable();
@@ -95,13 +96,10 @@ RouteSm::Ptr RouteSmRoot::newRouteSm(
     const Ip6::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
     const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status, const Ptr& root,
     const L3::VrfName& vrfName) {
-  const Ptr alive(this);
-  routeSmDel();
-  const auto machine = routeSmFactory(activityConfig, routeStatus, fwdStatus, hostStatus,
-                                      ribReadyStatus, seqConfig, ipv6SeqInfo, adjHelper, ipStatus,
-                                      neighborDirByIntfName, virtualIp6Status, root, vrfName);
-  routeSm_.set(*this, machine);
-  return machine;
+  return HostCore::newRouteSm<Ipv6>(
+      *this,
+      {activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig, ipv6SeqInfo,
+       adjHelper, ipStatus, neighborDirByIntfName, root, virtualIp6Status, vrfName});
 }
 
 RouteSm::Ptr RouteSmRoot::routeSmIs(
@@ -113,22 +111,10 @@ RouteSm::Ptr RouteSmRoot::routeSmIs(
     const Ip6::Status::PtrConst& ipStatus, const Arp::NeighborDir::PtrConst& neighborDirByIntfName,
     const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status, const Ptr& root,
     const L3::VrfName& vrfName) {
-  using HostCore::watchedBy;
-  const auto* sm = routeSm().get();
-  const bool isThere =
-      sm != nullptr && sm->kivFwkActivityRaw() == activityConfig.get() &&
-      sm->routeStatusRaw() == routeStatus.get() && sm->forwardingStatus() == fwdStatus.get() &&
-      sm->hostStatusRaw() == hostStatus.get() && sm->vrfReadiness() == ribReadyStatus.get() &&
-      watchedBy(sm->seqConfig()) == seqConfig.get() &&
-      watchedBy(sm->ipv6SeqInfo()) == ipv6SeqInfo.get() && sm->adjHelperRaw() == adjHelper.get() &&
-      watchedBy(sm->ipStatus()) == ipStatus.get() &&
-      watchedBy(sm->neighborDirByIntfName()) == neighborDirByIntfName.get() &&
-      sm->rootRaw() == root.get() && sm->virtualIps() == virtualIp6Status.get() &&
-      sm->vrfName() == vrfName;
-  if (isThere) return routeSm();
-  return newRouteSm(activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig,
-                    ipv6SeqInfo, adjHelper, ipStatus, neighborDirByIntfName, virtualIp6Status, root,
-                    vrfName);
+  return HostCore::routeSmIs<Ipv6>(
+      *this,
+      {activityConfig, routeStatus, fwdStatus, hostStatus, ribReadyStatus, seqConfig, ipv6SeqInfo,
+       adjHelper, ipStatus, neighborDirByIntfName, root, virtualIp6Status, vrfName});
 }
 
 RouteSmRoot::Ptr routeSmRootFactory(const Kiv::Name& name) {

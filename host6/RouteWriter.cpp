@@ -1,27 +1,20 @@
 #include "host6/RouteWriter.h"
 
 #include "host6/Family.h"
-#include "hostcore/Listening.h"
 #include "hostcore/RouteWriter.h"
+#include "hostcore/fast/ShortCuts.h"
 
 namespace Routing6::Host {
-
-void Ipv6::addRouteToRouteTable(const HostTable::Ptr& hostTable, const RouteStatus::Ptr& routeTable,
-                                const Addr& ip, Tovan::Fib::FecId fecId, RouteType routeType,
-                                const RouteSm& sm, const Route* known) {
-  HostCore::addRouteToRouteTable<Ipv6>(hostTable, routeTable, ip, fecId, routeType, sm.virtualIps(),
-                                       Kiv::validPtr(sm.rootRaw()), known);
-}
 
 void addRouteToRouteTable(const Status::Ptr& hostTable,
                           const Tovan::Fib6::RouteStatus::Ptr& routeTable, const Zemit::Ip6Addr& ip,
                           Tovan::Fib::FecId fecId, Routing6::Fib::RouteType routeType,
                           const Routing::Fhrp::VirtualIp6Status* virtualIp6Status,
                           const RouteSmRoot::Ptr& root, const L3::VrfName& /*vrfName*/) {
-  HostCore::stepTaken<Ipv6>(*Kiv::validPtr(root));
-  if (hostTable) HostCore::stepTakenOn<Ipv6>(*hostTable);
-  HostCore::addRouteToRouteTable<Ipv6>(hostTable, routeTable, ip, fecId, routeType,
-                                       virtualIp6Status, *Kiv::validPtr(root));
+  HostCore::leavesMerge<Ipv6>(*Kiv::validPtr(root));
+  if (hostTable) HostCore::leavesMerge<Ipv6>(*hostTable);
+  HostCore::RouteWriter<Ipv6>(hostTable, routeTable, *root)
+      .add({ip, fecId, routeType}, virtualIp6Status);
 }
 
 void Ipv6::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
@@ -36,7 +29,7 @@ void Ipv6::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
 void removeHostRoute(const Zemit::Ip6Addr& ip, const Status::Ptr& hostTable,
                      const Obu::Ip6AddrSet::Ptr& receiveAddrSet,
                      const Rovel::Adjacency6Helper::Ptr& adjHelper) {
-  HostCore::stepTakenOn<Ipv6>(*Kiv::validPtr(hostTable));
+  HostCore::leavesMerge<Ipv6>(*Kiv::validPtr(hostTable));
   Ipv6::removeHostRoute(ip, hostTable, receiveAddrSet, adjHelper);
 }
 

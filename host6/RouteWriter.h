@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host6/RouteSmRoot.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
 #include "platform/tovan/RouteStatus.h"
 
 namespace Routing6::Host {
@@ -17,7 +17,7 @@ namespace Routing6::Host {
 ///                         virtual address that the route table may not take, it is dropped.
 /// \param routeType        never `invalid_`.
 /// \param virtualIp6Status  null when no address counts as virtual.
-/// \param vrfName          not consulted, deliberately: what is virtual in any VRF counts.
+/// \param vrfName          not consulted, deliberately: a virtual address of any VRF counts.
 KIV_EXPORT void addRouteToRouteTable(const Status::Ptr& hostTable,
                                      const Tovan::Fib6::RouteStatus::Ptr& routeTable,
                                      const Zemit::Ip6Addr& ip, Tovan::Fib::FecId fecId,

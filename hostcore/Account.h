@@ -1,4 +1,4 @@
-// What a state machine keeps for the people who run it: counts, a history, and what it traces.
+// A state machine's account for the people who run it: counts, a history, its own trace levels.
 #pragma once
 
 #include <array>
@@ -11,14 +11,14 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/Clock.h"
-#include "platform/kiv/SmallVector.h"
+#include "platform/kiv/containers/SmallVector.h"
+#include "platform/kiv/runtime/Clock.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/zemit/IntfId.h"
 
 namespace HostCore {
 
-/// What an event was that reached a machine.
+/// The kind of an event that reached a machine.
 enum class CauseKind : uint8_t {
   Unknown,          ///< a handler was called by hand, or another wrote to the route table
   NeighborLearned,  ///< a neighbour was announced; for a history: one that had no host route
@@ -51,7 +51,7 @@ enum class Lack : uint8_t {
 };
 inline constexpr size_t kLacks = 10;
 
-/// How often a machine did what, since it was made.
+/// A machine's counters, since it was made.
 struct Counts {
   std::array<uint64_t, kCauseKinds> events{};  ///< by CauseKind
   std::array<uint64_t, kLacks> refused{};      ///< by Lack: neighbours that were looked up
@@ -62,7 +62,7 @@ struct Counts {
   std::array<uint64_t, 32> hostRoutes{};
 };
 
-/// An event, with what it was about; what it was not about is null.
+/// An event with its subject. A field that is not part of the subject is null.
 template <class P>
 struct Cause {
   CauseKind kind = CauseKind::Unknown;
@@ -78,7 +78,7 @@ struct RouteChange {
 
   double time = 0;  ///< by Kiv::now(), of the event
   Kind kind = Kind::Added;
-  R route = {};  ///< what it became; once removed, what it was
+  R route = {};  ///< the new route; of a removal, the old one
   Kiv::SmallVector<Via> vias = {};
   Cause<decltype(R::key)> cause = {};
 };
@@ -133,7 +133,7 @@ class RouteLog {
   std::optional<double> time_;  // of the event under way, once somebody asked for it
 };
 
-/// The part of a machine that is for its people. Nothing in it decides what a table holds.
+/// The part of a machine that is for the people who run it. It decides nothing about a table.
 template <class R, class Fec>
 struct Account {
   using Prefix = decltype(R::key);
@@ -141,12 +141,12 @@ struct Account {
   using Via = std::remove_cvref_t<decltype(*std::declval<const Fec&>().begin())>;
   using Log = RouteLog<R, Via>;
 
-  /// What is traced of this machine beside what is traced of all.
+  /// The trace levels of this machine, beside those that are on for all.
   struct Tracing {
     uint32_t levels = 0;       ///< a bit for each
-    uint32_t now = 0;          ///< the same, of what is being handled
+    uint32_t now = 0;          ///< the same, for the address that is being handled
     bool isOff = false;        ///< the one address that is traced is of the other family
-    std::optional<Addr> only;  ///< what is about another address is left out
+    std::optional<Addr> only;  ///< other addresses are left out
   };
 
   Counts counts;

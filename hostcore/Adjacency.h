@@ -2,9 +2,9 @@
 #pragma once
 
 #include "hostcore/Event.h"
-#include "hostcore/InTurn.h"
-#include "hostcore/Listening.h"
+#include "hostcore/Filing.h"
 #include "hostcore/Lookup.h"
+#include "hostcore/fast/ShortCuts.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
@@ -23,8 +23,18 @@ class Adjacency {
   void handleAdjacency(const Route& fibRoute);
   AddrSetPtr handleDeletedAdjacency(const Prefix& oldPrefix);
   void handleFec(Tovan::Fib::FecId fecId);
+  /// All FECs may have changed. Deliberately takes no step: each changed FEC is announced by
+  /// itself.
+  void handleFec() { ShortCuts<F>(sm_).announced(); }
 
  private:
+  /// Files the prefix of a route whose FEC was `oldFec`. Deliberate, all three ways:
+  ///
+  /// - A prefix whose old FEC had no list gets none here. It is filed with its first neighbour.
+  /// - A prefix whose old list has other prefixes stays in that list, so that a change of the old
+  ///   FEC still reaches it.
+  /// - A prefix that was the last of its list goes to the list of its new FEC.
+  void fileAgain(const Route& fibRoute, Tovan::Fib::FecId oldFec);
   /// Takes the neighbours inside `prefix` from the route that covers it, with their host routes.
   void takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr& changed);
 
@@ -34,7 +44,7 @@ class Adjacency {
 
 template <Family F>
 void Adjacency<F>::handleAdjacency(const Route& fibRoute) {
-  const typename Listening<F>::Handling handling(sm_);
+  const HandlerScope<F> handler(sm_);
   const Prefix prefix = fibRoute.key;
   if constexpr (F::kTracesFibRoute) {
     KIV_TRACE(F::trace(), 7, sm_, "handling fibRoute=" << prefix);
@@ -51,44 +61,29 @@ void Adjacency<F>::handleAdjacency(const Route& fibRoute) {
   }
   if (prefix.len() == Addr::kBits) changed->ipIs(prefix.addr(), true);
   root_.prefixToAdjacencyDel(prefix);
-
-  auto list = root_.adjacencyToPrefix(oldFec);
-  const bool hadList = static_cast<bool>(list);
-  if (hadList) {
-    list->prefixDel(prefix);
-    if (list->prefixCount() == 0) {
-      root_.adjacencyToPrefixDel(oldFec);
-      list = nullptr;
-    }
-  }
-  Obu::IntfDir::Ptr intfs;
-  if (fibRoute.fecId == Tovan::Fib::invalidFecId) {
-    intfs = Obu::IntfDir::IntfDirIs();
-  } else {
-    KIV_TRACE(F::trace(), 7, sm_, "handling new adjacency " << fibRoute.fecId);
-    root_.prefixToAdjacencyIs(prefix, fibRoute.fecId);
-    // Deliberate, all three ways: a prefix that had no list gets none here, but when the first
-    // neighbour is filed under it; one whose old list has other prefixes is filed again in that
-    // list, so that a change of the old FEC still reaches it; only one that was the last of its
-    // list goes to the list of its new FEC.
-    if (hadList) {
-      if (!list) {
-        list = root_.adjacencyToPrefix(fibRoute.fecId);
-        if (!list) {
-          list = F::PrefixList::PrefixListIs(fibRoute.fecId);
-          root_.adjacencyToPrefixIs(list);
-        }
-      }
-      list->prefixIs(prefix, true);
-    }
-    intfs = F::intfs(sm_.forwardingStatus(), fibRoute.fecId);
-  }
-
+  fileAgain(fibRoute, oldFec);
+  const auto intfs = fibRoute.fecId == Tovan::Fib::invalidFecId
+                         ? Obu::IntfDir::IntfDirIs()
+                         : F::intfs(sm_.forwardingStatus(), fibRoute.fecId);
   takeFromCoveringRoute(prefix, changed);
-
   const auto promoted = sm_.promoteArpEntries(intfs, fibRoute);
   for (auto it = promoted->ipIteratorConst(); it; ++it) changed->ipIs(it.key(), true);
   if (changed->ipCount() != 0) sm_.doMerge(changed);
+}
+
+template <Family F>
+void Adjacency<F>::fileAgain(const Route& fibRoute, Tovan::Fib::FecId oldFec) {
+  const bool hadList = static_cast<bool>(root_.adjacencyToPrefix(oldFec));
+  const auto oldList = unfile<F>(root_, oldFec, fibRoute.key);
+  if (fibRoute.fecId == Tovan::Fib::invalidFecId) return;
+  KIV_TRACE_AS(F::trace(), 7, sm_, "handleAdjacency", "handling new adjacency " << fibRoute.fecId);
+  root_.prefixToAdjacencyIs(fibRoute.key, fibRoute.fecId);
+  if (!hadList) return;
+  if (oldList) {
+    oldList->prefixIs(fibRoute.key, true);
+  } else {
+    file<F>(sm_, root_, fibRoute.fecId, fibRoute.key);
+  }
 }
 
 template <Family F>
@@ -100,7 +95,7 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
   if (!neighbors) return;
   const auto inside =
       neighbors->ipKeysBetween(prefix.addr(), prefix.addr().subnetLast(prefix.len()));
-  withdrawInTurn<F>(sm_, *neighbors, inside, [&](const Addr& addr) {
+  forEachWithdrawal<F>(sm_, *neighbors, inside, [&](const Addr& addr) {
     const About<F> about(sm_, addr);
     F::traceTakenFrom(sm_, addr, above.key);
     F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
@@ -111,25 +106,25 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
 
 template <Family F>
 typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldPrefix) {
-  Listening<F>(sm_).stepTaken();
+  ShortCuts<F>(sm_).leavesMerge();
   auto result = F::AddrSet::AddrSetIs(Prefix::null());
   const auto neighbors = F::neighborSet(root_, oldPrefix);
   if (!neighbors) return result;
-  withdrawInTurn<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
-                    [&](const Addr& addr) {
-                      const About<F> about(sm_, addr);
-                      F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
-                      neighbors->ipDel(addr);
-                      result->ipIs(addr, true);
-                    });
+  forEachWithdrawal<F>(
+      sm_, *neighbors, ascending(neighbors->ipIteratorConst()), [&](const Addr& addr) {
+        const About<F> about(sm_, addr);
+        F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
+        neighbors->ipDel(addr);
+        result->ipIs(addr, true);
+      });
   return result;
 }
 
 template <Family F>
 void Adjacency<F>::handleFec(Tovan::Fib::FecId fecId) {
   const Event<F> event(sm_, CauseKind::Fec, fecId);
-  const typename Listening<F>::Handling handling(sm_);
-  Listening<F>(sm_).fecChanged(fecId);
+  const HandlerScope<F> handler(sm_);
+  ShortCuts<F>(sm_).announced(fecId);
   if (!root_.adjacencyToPrefix(fecId)) return;
   // Handling a route files its prefix again, perhaps in a new list, so the walk is over the
   // prefixes that were there at the start and still are.

@@ -1,29 +1,28 @@
-// Where an event enters a state machine, and what the machine is busy with.
+// Scopes: the event that a state machine handles, and the address with which it is busy.
 #pragma once
 
 #include <type_traits>
 #include <utility>
 
+#include "hostcore/Account.h"
 #include "hostcore/Family.h"
-#include "hostcore/Interest.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
 
 /// While one stands, the machine is busy with one address or prefix: of a machine that traces one
-/// address only, what is about others is left out.
+/// address only, the traces about others are left out.
 template <Family F>
 class About {
  public:
   using Addr = typename F::Addr;
   using Prefix = typename F::Prefix;
 
-  About(const typename F::RouteSm& sm, const Addr& addr) : tracing_(sm.interest().account.tracing) {
+  About(const typename F::RouteSm& sm, const Addr& addr) : tracing_(sm.account().tracing) {
     if (tracing_.only) [[unlikely]]
       enter(addr == *tracing_.only);
   }
-  About(const typename F::RouteSm& sm, const Prefix& prefix)
-      : tracing_(sm.interest().account.tracing) {
+  About(const typename F::RouteSm& sm, const Prefix& prefix) : tracing_(sm.account().tracing) {
     if (tracing_.only) [[unlikely]]
       enter(!isNull(prefix) && prefix.contains(*tracing_.only));
   }
@@ -35,7 +34,7 @@ class About {
   }
 
  private:
-  using Tracing = typename F::RouteSm::Interest::Account::Tracing;
+  using Tracing = typename F::RouteSm::Account::Tracing;
 
   void enter(bool isTraced) {
     hasEntered_ = true;
@@ -49,8 +48,7 @@ class About {
 };
 
 /// Stands in the handler by which an event enters the machine: counts the event and, while there is
-/// a history, takes down what it is. What the machine does on its own to follow an event is part of
-/// it, and no other.
+/// a history, records it. The machine's own further steps belong to the same event.
 template <Family F>
 class Event {
  public:
@@ -69,7 +67,7 @@ class Event {
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
   ~Event() {
-    auto& account = sm_.interest().account;
+    auto& account = sm_.account();
     if (--account.events == 0 && account.log != nullptr) [[unlikely]]
       account.log->eventEnds();
   }
@@ -79,7 +77,7 @@ class Event {
   requires std::is_invocable_r_v<Cause, MakeCause> Event(typename F::RouteSm& sm, CauseKind kind,
                                                          MakeCause makeCause)
       : sm_(sm) {
-    auto& account = sm.interest().account;
+    auto& account = sm.account();
     if (account.events++ != 0) return;
     ++account.counts.events[static_cast<size_t>(kind)];
     if (account.log != nullptr) [[unlikely]]
@@ -94,8 +92,8 @@ class Event {
 template <Family F>
 void hostRouteChanged(typename F::RouteSm& sm, const typename F::Prefix& prefix,
                       const typename F::Route& before, const typename F::Route& now) {
-  using Change = typename F::RouteSm::Interest::Account::Log::Change;
-  auto& account = sm.interest().account;
+  using Change = typename F::RouteSm::Account::Log::Change;
+  auto& account = sm.account();
   const bool was = before.key == prefix;
   const bool is = now.key == prefix;
   if (!was && !is) return;
@@ -115,19 +113,22 @@ void hostRouteChanged(typename F::RouteSm& sm, const typename F::Prefix& prefix,
                    is ? now : before, std::move(vias));
 }
 
-/// Counts the host routes that are in the route table when a machine begins.
+/// Counts the host routes that are in the route table when a machine begins. Returns whether all of
+/// them could be read.
 template <Family F>
-void countHostRoutes(typename F::RouteSm& sm) {
+bool countHostRoutes(typename F::RouteSm& sm) {
   const auto* table = sm.routeStatusRaw();
-  if (table == nullptr || table->routeCount() == 0) return;
-  auto& ofType = sm.interest().account.counts.hostRoutes;
+  if (table == nullptr || table->routeCount() == 0) return true;
+  auto& ofType = sm.account().counts.hostRoutes;
   try {
     table->forEachRoute([&ofType](const typename F::Route& route) {
       if (route.key.len() == F::Addr::kBits) ++ofType[route.routeType % ofType.size()];
     });
   } catch (const Tovan::CorruptionDetectedException& damage) {
     table->corruptionDetected(damage.what());
+    return false;
   }
+  return true;
 }
 
 }  // namespace HostCore

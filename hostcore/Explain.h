@@ -1,4 +1,4 @@
-// What the steps of host routing find about one address, without taking any of them.
+// Explains the state of one address, without taking a step.
 #pragma once
 
 #include <algorithm>
@@ -11,8 +11,8 @@
 
 namespace HostCore {
 
-/// What a machine knows of one address, and what follows from that. All of it comes from the
-/// tables, and from the functions with which the steps decide.
+/// The facts that a machine has about one address, and the result. All of it comes from the tables,
+/// and from the functions with which the steps decide.
 template <Family F>
 struct AddressState {
   using Prefix = typename F::Prefix;
@@ -20,7 +20,7 @@ struct AddressState {
   using Vias = std::vector<typename F::Via>;
   using Source = typename Merge<F>::Source;
 
-  /// The route of the address in a table, with what it resolves to.
+  /// The route of the address in a table, with the vias to which it resolves.
   struct Found {
     Route route = {};
     Vias vias = {};
@@ -29,7 +29,7 @@ struct AddressState {
   /// The address as a neighbour on one interface.
   struct Neighbor {
     Zemit::IntfId intf = {};
-    /// What it lacks for a host route under the route that covers it.
+    /// Why it has no host route under the route that covers it.
     Lack lack = Lack::None;
     /// As much of that route as there is: its prefix, its record and its vias.
     Route cover{.key = Prefix::null()};
@@ -54,9 +54,9 @@ struct AddressState {
   std::vector<Found> takers;
 
   Source source = Source::None;   ///< of the winner
-  std::optional<Found> expected;  ///< what a merge would have in the route table
+  std::optional<Found> expected;  ///< the route that a merge would write
   bool givesWay = false;          ///< the winner must not be written: the address is virtual
-  std::optional<Found> inTable;   ///< what the route table has
+  std::optional<Found> inTable;   ///< the route in the route table
   bool isSettled = false;         ///< a merge would change nothing
 };
 
@@ -116,7 +116,7 @@ auto Explain<F>::stateOf(const Addr& addr) const -> State {
   state.ownAddress = found(*Kiv::validPtr(root_.receiveTable()), host);
   if (const auto* owner = root_.receiveAddrToIntfNameFind(addr)) state.ownIntf = *owner;
   if (const auto route = sm_.doFibLookup(host); route.key == host) state.fibRoute = overFec(route);
-  const auto* virtualIps = F::virtualIps(sm_);
+  const auto* virtualIps = sm_.virtualIps();
   state.isVirtual = virtualIps != nullptr && virtualIps->isVirtual(addr);
   findNeighbors(addr, state);
   findFilings(addr, state);
@@ -190,7 +190,7 @@ void Explain<F>::settle(const Addr& addr, State& state) const {
   const Prefix host = hostPrefix<F>(addr);
   const auto [source, route] = merge_.winner(addr);
   state.source = source;
-  std::optional<typename F::ViaSet> asAdjacency;  // what the merge asks the adjacency helper for
+  std::optional<typename F::ViaSet> asAdjacency;  // the vias of the adjacency that the merge takes
   switch (source) {
     case State::Source::OwnAddress:
       if constexpr (F::kMergesReceiveRoutes) {
@@ -211,7 +211,7 @@ void Explain<F>::settle(const Addr& addr, State& state) const {
       break;
   }
   const bool isAttached = state.expected && state.expected->route.routeType == F::kAttached;
-  state.givesWay = isAttached && givesWay<F>(addr, F::kAttached, F::virtualIps(sm_));
+  state.givesWay = isAttached && givesWay<F>(addr, F::kAttached, sm_.virtualIps());
 
   const auto existing = Obu::readRoute(sm_.routeStatusRaw(), host);
   const bool exists = existing.key == host;

@@ -1,11 +1,11 @@
-// What an address family must offer to the steps of host routing.
+// The interface of an address family, as the steps of host routing use it.
 #pragma once
 
 #include <concepts>
 
 #include "platform/arp/NeighborDir.h"
-#include "platform/kiv/Assert.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Assert.h"
+#include "platform/kiv/runtime/Trace.h"
 #include "platform/obu/IntfDir.h"
 #include "platform/rovel/Readiness.h"
 #include "platform/tovan/Exceptions.h"
@@ -13,41 +13,119 @@
 
 namespace HostCore {
 
-/// A family names its types, its constants, its trace facility, the words of its messages that
-/// differ, and reaches what the halves name differently under one neutral name.
+/// The types of a family.
 template <class F>
-concept Family = requires(const typename F::RouteSm& sm, const typename F::RouteSmRoot& root,
-                          const Arp::ArpIntfStatus& table, const typename F::Addr& addr,
-                          RovelReady::VrfStatus& readiness) {
+concept FamilyTypes = requires {
+  typename F::Addr;
   typename F::Prefix;
   typename F::Route;
+  typename F::RouteType;
   typename F::RouteStatus;
   typename F::ForwardingStatus;
-  typename F::HostTable;
   typename F::Via;
   typename F::ViaSet;
+  typename F::HostTable;
   typename F::AddrSet;
   typename F::AdjacencyHelper;
   typename F::VirtualIpStatus;
+  typename F::Neighbor;
   typename F::PrefixList;
-  { F::trace() } -> std::same_as<Kiv::TraceFacility&>;
-  { F::kModule } -> std::convertible_to<const char*>;
-  { F::kInvalid } -> std::convertible_to<typename F::RouteType>;
-  { F::kAttached } -> std::convertible_to<typename F::RouteType>;
-  // The route types of the host routes that this system writes, and of those that BGP brings.
-  { F::isOwnType(F::kAttached) } -> std::same_as<bool>;
-  { F::isBgpType(F::kAttached) } -> std::same_as<bool>;
-  // The neighbours, and the root's tables of what is derived from them.
-  { F::findNeighbor(table, addr) } -> std::convertible_to<const typename F::Neighbor*>;
+  typename F::RouteSm;
+  typename F::RouteSm::Inputs;
+  typename F::RouteSmRoot;
+};
+
+/// Its constants, and the words of its messages that differ.
+template <class F>
+concept FamilyConstants = requires {
+  requires std::convertible_to<decltype(F::kModule), const char*>;
+  requires std::convertible_to<decltype(F::kNamespace), const char*>;
+  requires std::convertible_to<decltype(F::kInvalid), typename F::RouteType>;
+  requires std::convertible_to<decltype(F::kAttached), typename F::RouteType>;
+  requires std::convertible_to<decltype(F::kReadyKind), RovelReady::RouteType>;
+  // Switches for steps that only one half takes.
+  requires std::same_as<decltype(F::kWriterTracesTables), const bool>;
+  requires std::same_as<decltype(F::kTracesFibRoute), const bool>;
+  requires std::same_as<decltype(F::kMergesReceiveRoutes), const bool>;
+  requires std::same_as<decltype(F::kTracesMergeDeletion), const bool>;
+  // const char*, each
+  F::Text::kTypeIsValid, F::Text::kEntry, F::Text::kSkippingEntry, F::Text::kHandlingAdded,
+      F::Text::kNotStoring, F::Text::kNoRoutesForDeleted, F::Text::kEntriesLeft, F::Text::kWasNone,
+      F::Text::kRemovingRoute, F::Text::kHostFibRoute, F::Text::kDroppingLast;
+};
+
+/// Members that the halves name differently, under a neutral name.
+template <class F>
+concept FamilyAccessors = requires(typename F::RouteSm& sm, typename F::RouteSmRoot& root,
+                                   const Arp::ArpIntfStatus& table, const typename F::Addr& addr,
+                                   const typename F::Prefix& prefix,
+                                   const typename F::Neighbor& neighbor,
+                                   RovelReady::VrfStatus& readiness, Zemit::IntfId intf) {
+  // The neighbours of a table, and the argument that a handler gets for one.
+  { F::findNeighbor(table, addr) } -> std::same_as<const typename F::Neighbor*>;
+  F::prefetchNeighbor(table, addr);
   F::neighbors(table);
   // The addresses from the first to the last, in ascending order.
   F::neighborsBetween(table, addr, addr);
   { F::neighborCount(table) } -> std::convertible_to<size_t>;
+  F::argument(neighbor);
+  // The root's data about neighbours: their host routes, and the neighbours by FIB prefix.
   { F::neighborTable(root) } -> std::convertible_to<typename F::HostTable::Ptr>;
-  F::neighborSet(root, typename F::Prefix());
-  { F::virtualIps(sm) } -> std::convertible_to<const typename F::VirtualIpStatus*>;
+  { F::neighborSet(root, prefix) } -> std::same_as<typename F::AddrSet::Ptr>;
+  { F::neighborSetIs(root, prefix) } -> std::same_as<typename F::AddrSet::Ptr>;
+  F::neighborSetReserve(root, prefix);
+  F::neighborSetDel(root, prefix);
+  // Inputs and reactors.
+  F::intfStatus(sm, intf);
+  F::seqInfoSlot(sm);
+  F::virtualIpSlot(sm);
+  F::routeSmSlot(root);
+  F::handleVirtualIps(sm);
+  F::followInterfaces(*sm.ipStatus());
   F::hostRoutesSyncedNow(readiness);
 };
+
+/// Functions that differ between the halves, and traces that only one of them has, or has in
+/// another form.
+template <class F>
+concept FamilySteps = requires(typename F::RouteSm& sm, const typename F::RouteSmRoot& root,
+                               const Kiv::Ptr<typename F::RouteSmRoot>& rootPtr,
+                               const typename F::Addr& addr, const typename F::Prefix& prefix,
+                               const typename F::AddrSet::Ptr& addrs,
+                               const Obu::IntfDir::Ptr& intfs, Zemit::IntfId intf,
+                               const typename F::Via& via) {
+  { F::trace() } -> std::same_as<Kiv::TraceFacility&>;
+  // The route types that this system writes, and those of routes learned by BGP.
+  { F::isOwnType(F::kAttached) } -> std::same_as<bool>;
+  { F::isBgpType(F::kAttached) } -> std::same_as<bool>;
+  { F::intfs(sm.forwardingStatus(), 1) } -> std::same_as<Obu::IntfDir::Ptr>;
+  { F::routeAbove(prefix, sm.routeStatusRaw(), root.trieRaw()) } -> std::same_as<typename F::Route>;
+  { F::nonemptyIntersection(root, intfs, intfs) } -> std::same_as<bool>;
+  { F::subtract(root, intfs, intfs) } -> std::same_as<Obu::IntfDir::Ptr>;
+  F::removeHostRoute(addr, F::neighborTable(root), addrs, sm.adjHelper());
+  F::removeReceiveRoutes(F::intfStatus(sm, intf), intf.name(), rootPtr, addrs);
+  F::traceCheck(sm, addr);
+  F::traceCoveringRoute(sm, prefix, prefix);
+  F::traceTakenFrom(sm, addr, prefix);
+  F::traceStoredVia(sm, addr, via);
+  // The vias of a receive route in the route table, in the half that merges them.
+  requires !F::kMergesReceiveRoutes || requires(const typename F::Route& route) {
+    { F::receiveVias(*root.receiveTable(), route) } -> std::same_as<typename F::ViaSet>;
+  };
+};
+
+/// All that the steps use of a family.
+template <class F>
+concept Family = FamilyTypes<F> && FamilyConstants<F> && FamilyAccessors<F> && FamilySteps<F>;
+
+/// The FIB route that covers an address, with its FEC. Without a route its key is the null prefix.
+template <class R, class Fec>
+struct Cover {
+  R route{.key = decltype(R::key)::null()};
+  Fec fec;
+};
+template <class F>
+using CoverOf = Cover<typename F::Route, typename F::ForwardingStatus::Fec>;
 
 /// A family's address, the way a record of it is looked up: its host prefix.
 template <Family F>

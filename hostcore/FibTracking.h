@@ -2,11 +2,12 @@
 #pragma once
 
 #include <algorithm>
+#include <optional>
 
 #include "hostcore/Event.h"
-#include "hostcore/InTurn.h"
-#include "hostcore/Listening.h"
+#include "hostcore/Filing.h"
 #include "hostcore/Lookup.h"
+#include "hostcore/fast/ShortCuts.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
@@ -31,6 +32,7 @@ class FibTracking {
  public:
   using Prefix = typename F::Prefix;
   using Route = typename F::Route;
+  using Root = typename F::RouteSmRoot;
 
   explicit FibTracking(typename F::RouteSm& sm) : sm_(sm) {}
 
@@ -42,6 +44,11 @@ class FibTracking {
   void handleDeletedRoute(const Route& oldFibRoute);
 
  private:
+  /// Records a FIB route, which is new or has changed. \param oldFec  of the former one, or none.
+  void track(const Route& fibRoute, Tovan::Fib::FecId oldFec, Root& root);
+  /// Forgets a FIB route that went, with the state under its prefix.
+  void untrack(const Prefix& prefix, const std::optional<Route>& tracked, Root& root);
+
   typename F::RouteSm& sm_;
 };
 
@@ -50,11 +57,10 @@ void FibTracking<F>::handleStatusRoute(const Prefix& prefix) {
   if (isNull(prefix)) {
     KIV_TRACE(F::trace(), 0, sm_, "there is a fib route for the null prefix " << prefix);
   }
-  // The route table's host prefixes are what this system merged into it.
+  // The host prefixes of the route table are this system's own merged routes.
   if (prefix.len() == F::Addr::kBits) return;
-  if (const auto* root = sm_.rootRaw()) root->prefixToRoutePrefetch(prefix);
+  ShortCuts<F>(sm_).reads(prefix);
   const Route fibRoute = Obu::readRoute(sm_.routeStatusRaw(), prefix);
-  Listening<F>(sm_).routeIsRead();
   sm_.handleRoute(prefix, fibRoute);
 }
 
@@ -64,24 +70,20 @@ void FibTracking<F>::handleStatusRoute() {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
   }
-  Listening<F>(sm_).coversChanged();
   const auto* table = sm_.routeStatusRaw();
   if (table == nullptr) return;
-  const auto prefixes = shortestFirst(table->routeKeys());
-  Listening<F>(sm_).routesFound(prefixes.empty() ? Prefix() : prefixes.back());
-  const auto handle = [&](const Prefix& prefix) {
+  forEachRoute<F>(sm_, shortestFirst(table->routeKeys()), [&](const Prefix& prefix) {
     // A shorter prefix's merge may have removed the host routes behind it.
     const bool mayBeGone = prefix.len() == F::Addr::kBits;
     if (mayBeGone && Obu::readRoute(table, prefix).key != prefix) return;
     sm_.handleStatusRoute(prefix);
-  };
-  inTurn(prefixes, handle, [&](const Prefix& prefix) { table->prefetch(prefix); });
+  });
 }
 
 template <Family F>
 void FibTracking<F>::handleHostStatusRoute(const Prefix& prefix) {
   const auto* hostStatus = sm_.hostStatusRaw();
-  Listening<F>(sm_).routeIsRead();
+  ShortCuts<F>(sm_).reads(prefix);
   sm_.handleRoute(prefix, hostStatus == nullptr ? Tovan::noRoute<typename F::Route>(prefix)
                                                 : hostStatus->route(prefix));
 }
@@ -92,7 +94,6 @@ void FibTracking<F>::handleHostStatusRoute() {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
   }
-  Listening<F>(sm_).coversChanged();
   const auto* hostStatus = sm_.hostStatusRaw();
   if (hostStatus == nullptr) return;
   for (const Prefix& prefix : shortestFirst(hostStatus->routeKeys())) {
@@ -102,67 +103,62 @@ void FibTracking<F>::handleHostStatusRoute() {
 
 template <Family F>
 void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
+  const bool isPresent = fibRoute.key == prefix;
   const Event<F> event(sm_, CauseKind::Route, prefix,
-                       fibRoute.key == prefix ? fibRoute.fecId : Tovan::Fib::invalidFecId);
-  const typename Listening<F>::Handling handling(sm_);
-  Listening<F>(sm_).coversChanged();
-  Listening<F>(sm_).routeAnnounced(prefix);
+                       isPresent ? fibRoute.fecId : Tovan::Fib::invalidFecId);
+  const HandlerScope<F> handler(sm_);
+  ShortCuts<F>(sm_).announced(prefix);
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
-    const auto* known = sm_.rootRaw();
-    if (known != nullptr && known->prefixToRouteFind(prefix)) {
-      Listening<F>(sm_).routePassedOver(prefix, fibRoute);
-    }
     return;
   }
   auto& root = Kiv::validPtr(sm_.rootRaw());
-  auto& trie = Kiv::validPtr(root.trieRaw());
+  Kiv::validPtr(root.trieRaw());
   const auto tracked = root.prefixToRouteFind(prefix);
-
-  if (fibRoute.key == prefix) {
-    if (tracked == fibRoute) {
-      Listening<F>(sm_).routePassedOver(prefix, fibRoute);
-      return;
-    }
-    if (!tracked) {
-      KIV_TRACE(F::trace(), 6, sm_, "oldFibRoute for " << prefix << F::Text::kWasNone);
-    } else {
-      KIV_TRACE(F::trace(), 0, sm_, "oldFibRoute for " << prefix << " was " << *tracked);
-    }
-    const auto oldFec = tracked ? tracked->fecId : Tovan::Fib::invalidFecId;
-    F::neighborSetExpect(root, prefix);
-    trie.routeIs(prefix, true);
-    Listening<F>(sm_).routeMoved(oldFec, fibRoute.fecId);
-    root.prefixToRouteIs(fibRoute);
-    if (prefix.len() != F::Addr::kBits) {
-      sm_.handleAdjacency(fibRoute);
-      return;
-    }
-    sm_.doMerge(prefix.addr());
-    return;
+  if (!isPresent) return untrack(prefix, tracked, root);
+  if (tracked == fibRoute) return;
+  if (!tracked) {
+    KIV_TRACE(F::trace(), 6, sm_, "oldFibRoute for " << prefix << F::Text::kWasNone);
+  } else {
+    KIV_TRACE(F::trace(), 0, sm_, "oldFibRoute for " << prefix << " was " << *tracked);
   }
+  track(fibRoute, tracked ? tracked->fecId : Tovan::Fib::invalidFecId, root);
+  if (prefix.len() != F::Addr::kBits) {
+    sm_.handleAdjacency(fibRoute);
+  } else {
+    sm_.doMerge(prefix.addr());
+  }
+}
 
+template <Family F>
+void FibTracking<F>::track(const Route& fibRoute, Tovan::Fib::FecId oldFec, Root& root) {
+  F::neighborSetReserve(root, fibRoute.key);
+  Kiv::validPtr(root.trieRaw()).routeIs(fibRoute.key, true);
+  ShortCuts<F>(sm_).moved(oldFec, fibRoute.fecId);
+  root.prefixToRouteIs(fibRoute);
+}
+
+template <Family F>
+void FibTracking<F>::untrack(const Prefix& prefix, const std::optional<Route>& tracked,
+                             Root& root) {
   const Route old = tracked.value_or(Route());
-  trie.routeDel(prefix);
+  Kiv::validPtr(root.trieRaw()).routeDel(prefix);
   if (tracked) {
-    KIV_TRACE(F::trace(), 6, sm_, "removing route " << old << " for " << prefix);
+    KIV_TRACE_AS(F::trace(), 6, sm_, "handleRoute", "removing route " << old << " for " << prefix);
     sm_.handleDeletedRoute(old);
   }
   // A prefix that was never tracked counts as one with FEC 0.
-  if (const auto list = root.adjacencyToPrefix(old.fecId)) {
-    list->prefixDel(prefix);
-    if (list->prefixCount() == 0) root.adjacencyToPrefixDel(old.fecId);
-  }
+  unfile<F>(root, old.fecId, prefix);
   root.prefixToAdjacencyDel(prefix);
   F::neighborSetDel(root, prefix);
   if (root.prefixToRouteDel(prefix)) {
-    Listening<F>(sm_).routeMoved(old.fecId, Tovan::Fib::invalidFecId);
+    ShortCuts<F>(sm_).moved(old.fecId, Tovan::Fib::invalidFecId);
   }
 }
 
 template <Family F>
 void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
-  const typename Listening<F>::Handling handling(sm_);
+  const HandlerScope<F> handler(sm_);
   KIV_TRACE(F::trace(), 7, sm_,
             "fib route being deleted=" << oldFibRoute << " with prefix=" << oldFibRoute.key);
   auto& root = Kiv::validPtr(sm_.rootRaw());
@@ -181,15 +177,16 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
   }
 
   if (const auto neighbors = F::neighborSet(root, oldFibRoute.key)) {
-    SharedFec<F> aboveFec(sm_, above.fecId);
-    withdrawInTurn<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
-                      [&](const typename F::Addr& addr) {
-                        const About<F> about(sm_, addr);
-                        F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm_.adjHelper());
-                        neighbors->ipDel(addr);
-                        if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec.now());
-                        mergeSet->ipIs(addr, true);
-                      });
+    CachedFec<F> aboveFec(sm_, above.fecId);
+    forEachWithdrawal<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
+                         [&](const typename F::Addr& addr) {
+                           const About<F> about(sm_, addr);
+                           F::removeHostRoute(addr, F::neighborTable(root), nullptr,
+                                              sm_.adjHelper());
+                           neighbors->ipDel(addr);
+                           if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec.get());
+                           mergeSet->ipIs(addr, true);
+                         });
   }
 
   if (covered) {

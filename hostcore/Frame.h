@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/Activity.h"
-#include "platform/kiv/Notifiee.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Activity.h"
+#include "platform/kiv/runtime/Notifiee.h"
+#include "platform/kiv/runtime/Trace.h"
 #include "platform/l3/IntfStatus.h"
 #include "platform/rovel/Readiness.h"
 #include "platform/tovan/FibTypes.h"
@@ -34,7 +34,7 @@ class MachineReactor : public Notifier::NotifieeConst {
 
   void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) override {
     Notifier::NotifieeConst::kivFwkActivityIs(activity);
-    // What waits is handled with the tables as they will be, which nobody knows yet.
+    // Queued notifications are handled with the tables as they are then.
     if (routeSm_ != nullptr && activity && activity->queues()) routeSm_->missed();
   }
 
@@ -66,13 +66,13 @@ class MachineReactor : public Notifier::NotifieeConst {
   Machine* routeSm_ = nullptr;
 };
 
-/// A reactor on an input of which the machine knows more than it handles; see Listening.
+/// A reactor on an input that the machine's short cuts watch as well.
 template <class Notifier, class Machine>
 class InputReactor : public MachineReactor<Notifier, Machine> {
  public:
   using MachineReactor<Notifier, Machine>::MachineReactor;
 
-  /// Watches another input. What the machine knows is of the former one.
+  /// Watches another input. The machine's short cuts know the former one.
   void notifierIs(const Kiv::Ptr<const Notifier>& notifier) {
     if (this->routeSm() != nullptr && notifier.get() != this->notifierRaw()) {
       this->routeSm()->missed();
@@ -156,7 +156,7 @@ class NeighborDirReactor : public MachineReactor<NeighborDir, Machine> {
   void onArpIntfStatuskivImmediate() override {
     if (!this->mayAct()) return;
     const Kiv::Ptr<const Kiv::Object> alive(this);  // a callback may take the machine's handle
-    // In the order of their names, by which what is made for the neighbours is numbered.
+    // In the order of their names: the ids of new adjacencies depend on the order.
     for (const auto& name : sorted(this->notifierRaw()->arpIntfStatusKeys())) onArpIntfStatus(name);
     if (!this->mayAct()) return;
     for (const auto& name : sorted(this->routeSm()->arpIntfStatusKeys())) onArpIntfStatus(name);
@@ -206,7 +206,7 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
 
   const Kiv::Ptr<KivL3Status>& l3Status() const noexcept { return l3Status_; }
 
-  // What is done to the filter is done to the reactor that it owns.
+  // The filter hands each call on to the reactor that it owns.
   void notifierIs(const typename IntfStatus::PtrConst& status) {
     if (status.get() == this->notifierRaw()) return;
     Base::notifierIs(status);
@@ -270,11 +270,11 @@ void bindNew(Slot& slot, Machine& sm, bool inputsStored, const Input& input) {
   reactor->hasNotificationActiveIs(sm.hasNotificationActive());
   if (inputsStored) reactor->routeSmIs(&sm);
   slot.set(sm, reactor);
-  // Who was told of it may have put another in its place.
+  // A callback may have put another in its place.
   if (slot.get() == reactor) reactor->notifierIs(input);
 }
 
-/// What a reactor watches; null when there is no reactor or it watches nothing.
+/// The input that a reactor watches; null when there is no reactor or it watches nothing.
 template <class Reactor>
 auto* watchedBy(const Kiv::Ptr<Reactor>& reactor) {
   return reactor ? reactor->notifierRaw() : nullptr;
@@ -290,7 +290,7 @@ auto newMember(Collection& collection, Machine& sm, const Key& key) {
 }
 
 /// Puts a new reactor, not yet bound, in place of the one of `key`, if there is one, which lets go
-/// of the machine and of its input. Returns what that was, or null.
+/// of the machine and of its input. Returns that input, or null.
 template <class Collection, class Machine, class Key>
 auto renewMember(Collection& collection, Machine& sm, const Key& key) {
   const auto former = collection.get(key);
@@ -303,14 +303,14 @@ auto renewMember(Collection& collection, Machine& sm, const Key& key) {
   return input;
 }
 
-/// Points the reactor of `key` at `input`, made first if it is not there. Returns what the reactor
-/// watched before, or null.
+/// Points the reactor of `key` at `input`, made first if it is not there. Returns the reactor's
+/// former input, or null.
 template <class Collection, class Machine, class Key, class Input>
 Input bindMember(Collection& collection, Machine& sm, const Key& key, const Input& input) {
   auto reactor = collection.get(key);
   if (!reactor) {
     reactor = newMember(collection, sm, key);
-    // Who was told of it may have removed it.
+    // A callback may have removed it.
     if (collection.get(key) != reactor) return nullptr;
   }
   const Input former = reactor->notifier();
@@ -338,7 +338,7 @@ void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Han
 template <class Machine>
 void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv::Notifiee& reactor,
                      Kiv::AttributeId id) noexcept {
-  ++sm.interest().account.counts.exceptions;
+  ++sm.account().counts.exceptions;
   try {
     std::string what = "unknown";
     try {

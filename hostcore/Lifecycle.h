@@ -2,7 +2,7 @@
 #pragma once
 
 #include "hostcore/Event.h"
-#include "hostcore/Listening.h"
+#include "hostcore/fast/ShortCuts.h"
 
 namespace HostCore {
 
@@ -15,12 +15,9 @@ void handleInitialized(typename F::RouteSm& sm) {
   sm.handleHostStatusRoute();
   sm.handleArpEntries();
   const auto toMerge = Kiv::validPtr(sm.rootRaw()).toMerge();
-  Listening<F>(sm).deferredAreIn(toMerge.get());
+  ShortCuts<F>(sm).deferredMergesTaken(toMerge.get());
   if (toMerge && toMerge->ipCount() != 0) {
     KIV_TRACE(F::trace(), 8, sm, "Process ip's deferred before initialization");
-    // By hand, before the machine is initialized: it defers the merges again, and then forgets
-    // them.
-    if (!sm.initialized()) Listening<F>(sm).missed();
     sm.doMerge(toMerge);
     toMerge->ipDelAll();
   }

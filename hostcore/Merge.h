@@ -6,10 +6,10 @@
 #include <cstdint>
 
 #include "hostcore/Event.h"
-#include "hostcore/InTurn.h"
-#include "hostcore/Listening.h"
+#include "hostcore/Filing.h"
 #include "hostcore/Lookup.h"
 #include "hostcore/RouteWriter.h"
+#include "hostcore/fast/ShortCuts.h"
 
 namespace HostCore {
 
@@ -42,8 +42,6 @@ class Merge {
   void fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& fec);
   void doMerge(const typename F::AddrSet::PtrConst& changed);
   void doMerge(const Addr& changed);
-  /// True when merging `ip` would leave the route table as it is.
-  bool isMerged(const Addr& ip) const;
 
   /// The route that wins, whether or not the route table may take it; see givesWay().
   Winner winner(const Addr& ip) const;
@@ -60,21 +58,28 @@ class Merge {
   }
   /// The vias through which `ip` is a neighbour on an interface of the FEC.
   typename F::ViaSet neighborVias(const Addr& ip, const Fec& fec) const;
-  /// Files the route's prefix under its FEC.
-  void file(const Route& fibRoute);
-  /// Takes the route's prefix out of the list of its FEC.
-  void unfile(const Route& fibRoute);
+  /// Keeps the merges of addresses until the machine is initialized.
+  template <class Addrs>
+  void defer(const Addrs& addrs);
   /// Merges addresses, given in ascending order.
   template <class Addrs>
   void mergeAll(const Addrs& addrs);
   /// Writes the host route that an address should have into the route table, or removes it there.
   ///
-  /// \param existing  what the route table has for the address.
+  /// \param existing  the route table's record of the address.
   void mergeOne(const Addr& ip, const Route& existing);
   void erase(const Prefix& prefix, const Route& existing,
              const typename F::RouteStatus::Ptr& routeTable) {
     routeTable->routeDel(prefix);
     HostCore::hostRouteChanged<F>(sm_, prefix, existing, Route());
+  }
+  /// Writes a host route into one of two tables; see RouteWriter.
+  void write(const typename F::HostTable::Ptr& hostTable,
+             const typename F::RouteStatus::Ptr& routeTable,
+             const typename RouteWriter<F>::Wanted& wanted, const Route& existing) {
+    // Not root_: a callback may have ended the machine.
+    RouteWriter<F>(hostTable, routeTable, Kiv::validPtr(sm_.rootRaw()))
+        .add(wanted, sm_.virtualIps(), &existing);
   }
   /// Writes a route over a FIB adjacency that is taken for it, and let go of if that fails.
   void writeMerged(const Addr& ip, const typename F::ViaSet& vias, typename F::RouteType routeType,
@@ -87,7 +92,6 @@ class Merge {
 template <Family F>
 typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
                                                      const Route& fibRoute) {
-  Listening<F>(sm_).stepTaken();
   auto result = F::AddrSet::AddrSetIs(Prefix::null());
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
@@ -118,27 +122,17 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
     }
   }
   if (result->ipCount() == 0) return result;
-  SharedFec<F> fec(sm_, fibRoute.fecId);
-  const Lookup<F> lookup(sm_);
-  const auto neighbors = F::neighborSet(root_, fibRoute.key);
-  inTurn(
-      ascending(result->ipIteratorConst()),
-      [&](const Addr& addr) { sm_.fixupArpRouteOver(addr, fibRoute, fec.now()); },
-      [&](const Addr& addr) {
-        lookup.prefetchHostRoute(addr);
-        if (neighbors) neighbors->ipWhereabouts().prefetch(addr);
-        for (const Zemit::IntfId intf : *intfs) {
-          if (const auto* table = sm_.neighborTable(intf)) F::prefetchNeighbor(*table, addr);
-          lookup.prefetchNewAdjacency(addr, intf);
-        }
-      });
+  CachedFec<F> fec(sm_, fibRoute.fecId);
+  forEachRepair<F>(sm_, ascending(result->ipIteratorConst()), *intfs,
+                   F::neighborSet(root_, fibRoute.key),
+                   [&](const Addr& addr) { sm_.fixupArpRouteOver(addr, fibRoute, fec.get()); });
   return result;
 }
 
 template <Family F>
 void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& fec) {
-  Listening<F>(sm_).stepTaken();
-  ++sm_.interest().account.counts.repairs;
+  ShortCuts<F>(sm_).leavesMerge();
+  ++sm_.account().counts.repairs;
   if (fibRoute.fecId == Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 0, sm_,
               "fib route that should be associated with " << ip << " is missing an adjacency");
@@ -153,32 +147,28 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   Kiv::validPtr(table);
   const auto neighbors = F::neighborSetIs(root_, fibRoute.key);
 
-  // What is told of the filing may write the host route, so that is read behind it.
+  // A callback of the filing may write the host route, so the host route is read after it.
   if (vias.empty()) {
     if (isBehindGateway(ip, fec)) {
-      ++sm_.interest().account.counts.refused[static_cast<size_t>(Lack::DirectVia)];
+      ++sm_.account().counts.refused[static_cast<size_t>(Lack::DirectVia)];
     }
     KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
     const Route removed = table->routeDel(host);
-    if (removed.key == host) {
-      Listening<F>(sm_).hostRouteChanged();
-      adjHelper.doDropRefOnHostAdjacency(table, removed.fecId);
-    }
+    if (removed.key == host) adjHelper.doDropRefOnHostAdjacency(table, removed.fecId);
     neighbors->ipDel(ip);
-    if (neighbors->ipCount() == 0) unfile(fibRoute);
+    if (neighbors->ipCount() == 0) unfile<F>(root_, fibRoute.fecId, fibRoute.key);
     return;
   }
-  if (auto* road = sm_.interest().road) road->leadsTo(*neighbors);
+  ShortCuts<F>(sm_).filedIn(*neighbors);
   neighbors->ipIs(ip, true);
-  file(fibRoute);
+  file<F>(sm_, root_, fibRoute.fecId, fibRoute.key);
   const Route existing = table->route(host);
   const bool exists = existing.key == host;
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;
-  Listening<F>(sm_).hostRouteChanged();
   // The new adjacency is taken before the old one may lose its last user.
   const auto adjacency = adjHelper.doGetOrCreateHostAdjacency(vias, table);
   try {
-    F::addRouteToRouteTable(table, nullptr, ip, adjacency, F::kAttached, sm_, &existing);
+    write(table, nullptr, {ip, adjacency, F::kAttached}, existing);
   } catch (...) {
     adjHelper.doDropRefOnHostAdjacency(table, adjacency);
     throw;
@@ -213,92 +203,36 @@ bool Merge<F>::isBehindGateway(const Addr& ip, const Fec& fec) const {
 }
 
 template <Family F>
-void Merge<F>::file(const Route& fibRoute) {
-  auto* road = sm_.interest().road;
-  if (const auto& list = root_.adjacencyToPrefix(fibRoute.fecId)) {
-    if (road != nullptr) road->isFiledIn(*list);
-    list->prefixIs(fibRoute.key, true);
-    return;
-  }
-  const auto list = F::PrefixList::PrefixListIs(fibRoute.fecId);
-  root_.adjacencyToPrefixIs(list);
-  list->prefixIs(fibRoute.key, true);
-}
-
-template <Family F>
-void Merge<F>::unfile(const Route& fibRoute) {
-  const auto list = root_.adjacencyToPrefix(fibRoute.fecId);
-  if (!list) return;
-  list->prefixDel(fibRoute.key);
-  if (list->prefixCount() == 0) root_.adjacencyToPrefixDel(fibRoute.fecId);
-}
-
-template <Family F>
 void Merge<F>::doMerge(const typename F::AddrSet::PtrConst& changed) {
-  if (!sm_.initialized()) {
-    KIV_TRACE(F::trace(), 2, sm_, "skipping merge because not initialized yet");
-    const auto& toMerge = Kiv::validPtr(root_.toMerge());
-    for (auto it = Kiv::validPtr(changed)->ipIteratorConst(); it; ++it) {
-      toMerge->ipIs(it.key(), true);
-    }
-    Listening<F>(sm_).mergeDeferred(*toMerge);
-    return;
-  }
-  mergeAll(ascending(Kiv::validPtr(changed)->ipIteratorConst()));
+  const auto addrs = ascending(Kiv::validPtr(changed)->ipIteratorConst());
+  sm_.initialized() ? mergeAll(addrs) : defer(addrs);
 }
 
 template <Family F>
 void Merge<F>::doMerge(const Addr& changed) {
-  if (!sm_.initialized()) {
-    KIV_TRACE(F::trace(), 2, sm_, "skipping merge because not initialized yet");
-    const auto& toMerge = Kiv::validPtr(root_.toMerge());
-    toMerge->ipIs(changed, true);
-    Listening<F>(sm_).mergeDeferred(*toMerge);
-    return;
-  }
-  mergeAll(std::array{changed});
+  const std::array addrs{changed};
+  sm_.initialized() ? mergeAll(addrs) : defer(addrs);
 }
 
 template <Family F>
-bool Merge<F>::isMerged(const Addr& ip) const {
-  const auto* routeTable = sm_.routeStatusRaw();
-  if (routeTable == nullptr) return true;
-  const Prefix prefix = hostPrefix<F>(ip);
-  const auto isIn = [&prefix](const typename F::HostTable* table) {
-    return table != nullptr && table->route(prefix).key == prefix;
-  };
-  // The winner is a neighbour as a rule; what is more rare is merged.
-  if constexpr (F::kMergesReceiveRoutes) {
-    if (isIn(Kiv::validPtr(root_.receiveTable()).get())) return false;
-  }
-  if (isIn(sm_.hostStatusRaw())) return false;
-  Route existing;
-  try {
-    existing = routeTable->route(prefix);
-  } catch (const Tovan::CorruptionDetectedException&) {
-    return false;  // the merge reports it
-  }
-  const bool exists = existing.key == prefix;
-  const auto& neighbors = *Kiv::validPtr(F::neighborTable(root_));
-  const Route neighborRoute = neighbors.route(prefix);
-  if (neighborRoute.key != prefix) return !exists;
-  const auto* virtualIps = F::virtualIps(sm_);
-  if (virtualIps != nullptr && virtualIps->isVirtual(ip)) return false;
-  // The metric of a tracked route would be taken.
-  return exists && existing.routeType == F::kAttached && !root_.prefixToRouteFind(prefix) &&
-         Kiv::validPtr(sm_.adjHelperRaw())
-             .isFibAdjacency(existing.fecId, neighbors.adjIndexToViaSet(neighborRoute.fecId));
+template <class Addrs>
+void Merge<F>::defer(const Addrs& addrs) {
+  KIV_TRACE_AS(F::trace(), 2, sm_, "doMerge", "skipping merge because not initialized yet");
+  const typename F::AddrSet::Ptr toMerge = Kiv::validPtr(root_.toMerge());
+  const DeferralScope<F> deferral(sm_, toMerge);
+  for (const Addr& addr : addrs) toMerge->ipIs(addr, true);
 }
 
 template <Family F>
 template <class Addrs>
 void Merge<F>::mergeAll(const Addrs& addrs) {
-  const typename Listening<F>::Handling handling(sm_);
+  const HandlerScope<F> handler(sm_);
   // The reference of the route about to be replaced. It is dropped only after the replacement has
-  // been written, so that a FEC never reaches a zero count while it is still in use.
+  // been written, so that a FEC never reaches a zero count while it is still in use. Its helper is
+  // kept with it: a callback of the write may end the machine.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
-  const Lookup<F> lookup(sm_);
-  const auto merge = [&](const Addr& addr) {
+  typename F::AdjacencyHelper* helper = nullptr;
+  forEachMerge<F>(sm_, addrs, [&](const Addr& addr) {
     const About<F> about(sm_, addr);
     const Prefix prefix = hostPrefix<F>(addr);
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", " handling prefix: " << prefix);
@@ -306,8 +240,9 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
       KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge",
                    " Dropping ref on fec id: "
                        << " fecId: " << heldFec);
-      Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
+      Kiv::validPtr(helper).doDropRefOnFibAdjacency(heldFec);
     }
+    helper = sm_.adjHelperRaw();
     const Route existing = Obu::readRoute(sm_.routeStatusRaw(), prefix);
     heldFec = Tovan::Fib::invalidFecId;
     if (existing.key == prefix && F::isOwnType(existing.routeType)) {
@@ -315,21 +250,12 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
       KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge",
                    " oldFecId: " << heldFec << " routeType: " << existing.routeType);
     }
-    if (const auto* adjHelper = sm_.adjHelperRaw()) adjHelper->prefetch(heldFec);
-    Listening<F>(sm_).merged(addr);
-    ++sm_.interest().account.counts.merges;
+    ++sm_.account().counts.merges;
     mergeOne(addr, existing);
-  };
-  inTurn(
-      addrs, merge,
-      [&](const Addr& addr) {
-        if (const auto* routes = sm_.routeStatusRaw()) routes->prefetch(hostPrefix<F>(addr));
-        lookup.prefetchHostRoute(addr);
-      },
-      [&](const Addr& addr) { lookup.prefetchAdjacency(addr); });
+  });
   if (heldFec != Tovan::Fib::invalidFecId) {
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", F::Text::kDroppingLast << heldFec);
-    Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(heldFec);
+    Kiv::validPtr(helper).doDropRefOnFibAdjacency(heldFec);
   }
 }
 
@@ -354,7 +280,7 @@ void Merge<F>::mergeOne(const Addr& ip, const Route& existing) {
   const auto routeTable = sm_.routeStatus();
   if (!routeTable) return;
   const Prefix prefix = hostPrefix<F>(ip);
-  const typename Listening<F>::OwnWrite ownWrite(sm_, prefix);
+  const WriteScope<F> scope(sm_, ip, existing);
   const auto [source, route] = winner(ip);
   switch (source) {
     case Source::OwnAddress:
@@ -365,8 +291,7 @@ void Merge<F>::mergeOne(const Addr& ip, const Route& existing) {
       }
       break;
     case Source::FibRoute:
-      F::addRouteToRouteTable(nullptr, routeTable, ip, route.fecId, route.routeType, sm_,
-                              &existing);
+      write(nullptr, routeTable, {ip, route.fecId, route.routeType}, existing);
       break;
     case Source::IncompleteFibRoute:
       KIV_TRACE_AS(F::trace(), 7, sm_, "doMerge",
@@ -393,7 +318,7 @@ void Merge<F>::writeMerged(const Addr& ip, const typename F::ViaSet& vias,
   auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
   const auto fec = adjHelper.takeFibAdjacency(vias, existing.fecId);
   try {
-    F::addRouteToRouteTable(nullptr, routeTable, ip, fec, routeType, sm_, &existing);
+    write(nullptr, routeTable, {ip, fec, routeType}, existing);
   } catch (...) {
     adjHelper.doDropRefOnFibAdjacency(fec);
     throw;

@@ -2,19 +2,20 @@
 #pragma once
 
 #include "hostcore/Event.h"
-#include "hostcore/Listening.h"
 #include "hostcore/Lookup.h"
 #include "hostcore/Merge.h"
+#include "hostcore/fast/ShortCuts.h"
 
 namespace HostCore {
 
 /// The steps from a change of a neighbour table to the repair and the merge of its host routes.
 ///
-/// `shown`, in what follows, is what the traces print for a neighbour.
+/// An argument `shown` is the form in which traces print a neighbour.
 template <Family F>
 class NeighborEntries {
  public:
   using Addr = typename F::Addr;
+  using Route = typename F::Route;
   using ArpTable = Arp::ArpIntfStatus::PtrConst;
 
   explicit NeighborEntries(typename F::RouteSm& sm) : sm_(sm) {}
@@ -42,15 +43,22 @@ class NeighborEntries {
   void handleDeletedArpEntry(const Addr& addr, const Shown& shown, const ArpTable& table);
   /// Handles the neighbours that a deleted table still has as lost.
   void handleDeletedArpIntfStatus(const ArpTable& table);
-  /// The reactor of a table was pointed at another one: what only `former` has is lost.
+  /// The reactor of a table was pointed at another one: neighbours that only `former` has are lost.
   void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
 
  private:
   CauseKind kindOf(bool isNeighbor, bool hasRoute) const {
     if (!isNeighbor) return CauseKind::NeighborLost;
-    const bool* isSettling = sm_.interest().account.isSettling;
+    const bool* isSettling = sm_.account().isSettling;
     if (isSettling != nullptr && *isSettling) return CauseKind::Settling;
     return hasRoute ? CauseKind::NeighborChanged : CauseKind::NeighborLearned;
+  }
+  /// The host route that `addr` has as a neighbour, or a record whose key is the null prefix.
+  Route hostRouteOf(const Addr& addr) const {
+    const auto* root = sm_.rootRaw();
+    const auto* table = root == nullptr ? nullptr : F::neighborTable(*root).get();
+    const auto host = hostPrefix<F>(addr);
+    return table == nullptr ? Tovan::noRoute<Route>(host) : table->route(host);
   }
   auto coverOf(const Addr& addr, const ArpTable& table) const {
     F::traceCheck(sm_, addr);
@@ -68,16 +76,13 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
   if (skipInterface(*table)) {
     KIV_TRACE(F::trace(), 6, reactor,
               F::Text::kSkippingEntry << shown << " on interface " << table->name());
-    ++sm_.interest().account.counts.refused[static_cast<size_t>(Lack::Skipped)];
+    ++sm_.account().counts.refused[static_cast<size_t>(Lack::Skipped)];
     return;
   }
-  const typename Listening<F>::Handling handling(sm_);
-  Listening<F> listening(sm_);
-  const Travel travel(sm_.interest(), reactor);
-  reactor.road().isTrustedIs(listening.mayTrustCovers());
-  const auto changes = listening.hostRouteChanges();
   const auto* entry = F::findNeighbor(*table, addr);
-  const bool hasRoute = Lookup<F>(sm_).prefetchChange(addr, table->intfId(), entry != nullptr);
+  const Route hostRoute = hostRouteOf(addr);
+  const NeighborScope<F, Reactor> handler(sm_, reactor, addr, entry != nullptr, hostRoute);
+  const bool hasRoute = hostRoute.key == hostPrefix<F>(addr);
   const Event<F> event(sm_, kindOf(entry != nullptr, hasRoute), table->intfId());
   if (entry != nullptr) {
     KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);
@@ -88,13 +93,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
               "handling a deleted arp entry for " << addr << " for " << table);
     sm_.handleDeletedArpEntry(shown, table);
   }
-  // A merge that would write nothing could only trace.
-  if (listening.hostRouteChanges() == changes && sm_.initialized() &&
-      !F::trace().buildsAbove(0, sm_) && Merge<F>(sm_).isMerged(addr)) {
-    listening.merged(addr);
-    return;
-  }
-  sm_.doMerge(addr);
+  if (!handler.mayOmitMerge()) sm_.doMerge(addr);
 }
 
 template <Family F>
@@ -106,7 +105,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
     return;
   }
   const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
-  const typename Listening<F>::Handling handling(sm_);
+  const HandlerScope<F> handler(sm_);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(*table))) {
     const auto* entry = F::findNeighbor(*table, addr);
@@ -148,7 +147,6 @@ template <Family F>
 template <class Shown>
 void NeighborEntries<F>::handleAddedArpEntry(const Addr& addr, const Shown& shown,
                                              const ArpTable& table) {
-  Listening<F>(sm_).stepTaken();
   const auto cover = coverOf(addr, table);
   if (isNull(cover.route.key)) {
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNotStoring << shown << " for " << table);
@@ -161,7 +159,6 @@ template <Family F>
 template <class Shown>
 void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& shown,
                                                const ArpTable& table) {
-  Listening<F>(sm_).stepTaken();
   const auto host = hostPrefix<F>(addr);
   if (Kiv::validPtr(F::neighborTable(Kiv::validPtr(sm_.rootRaw())))->route(host).key != host) {
     KIV_TRACE(F::trace(), 7, sm_, F::Text::kNoRoutesForDeleted << shown);
@@ -193,7 +190,7 @@ void NeighborEntries<F>::handleDeletedArpIntfStatus(const ArpTable& table) {
   KIV_TRACE(F::trace(), 7, sm_,
             "arpIntfStatus for " << table->name() << " was deleted"
                                  << " with " << count << F::Text::kEntriesLeft);
-  const typename Listening<F>::Handling handling(sm_);
+  const HandlerScope<F> handler(sm_);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(*table))) {
     const auto* entry = F::findNeighbor(*table, addr);
@@ -210,7 +207,7 @@ void NeighborEntries<F>::handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& f
                                                      const ArpTable& table) {
   if (skipInterface(*table)) return;
   const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
-  const typename Listening<F>::Handling handling(sm_);
+  const HandlerScope<F> handler(sm_);
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(former))) {
     const auto* entry = F::findNeighbor(former, addr);

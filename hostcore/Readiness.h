@@ -3,7 +3,7 @@
 
 #include "hostcore/Event.h"
 #include "hostcore/Family.h"
-#include "platform/kiv/Clock.h"
+#include "platform/kiv/runtime/Clock.h"
 #include "platform/rovel/Readiness.h"
 
 namespace HostCore {
@@ -38,7 +38,7 @@ class Readiness {
 
  private:
   typename F::RouteSm& sm_;
-  // What is called meanwhile may take the record from the machine; the answer is still due.
+  // A callback may take the record from the machine; the answer is still due.
   RovelReady::VrfStatus::Ptr record_;
 };
 

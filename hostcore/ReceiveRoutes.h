@@ -1,8 +1,8 @@
-// What both families do about the router's own addresses.
+// The steps for the router's own addresses that both families share.
 #pragma once
 
-#include "hostcore/Listening.h"
 #include "hostcore/RouteWriter.h"
+#include "hostcore/fast/ShortCuts.h"
 
 namespace HostCore {
 
@@ -17,7 +17,7 @@ void writeReceiveRoute(const typename F::Addr& ip, Tovan::Fib::FecId adjacency,
                        typename F::RouteSmRoot& root, const typename F::AddrSet::Ptr& changed) {
   const auto& table = Kiv::validPtr(root.receiveTable());
   const auto replaced = table->route(hostPrefix<F>(ip));
-  addRouteToRouteTable<F>(table, nullptr, ip, adjacency, routeType, nullptr, root);
+  RouteWriter<F>(table, nullptr, root).add({ip, adjacency, routeType}, nullptr);
   if (replaced.key == hostPrefix<F>(ip) && replaced.fecId != Tovan::Fib::invalidFecId) {
     Kiv::validPtr(root.adjHelperRaw()).doDropRefOnHostAdjacency(table, replaced.fecId);
   }
@@ -25,7 +25,7 @@ void writeReceiveRoute(const typename F::Addr& ip, Tovan::Fib::FecId adjacency,
   changed->ipIs(ip, true);
 }
 
-/// A host adjacency of the receive table for what is received on `intf`, with a reference.
+/// A host adjacency of the receive table for packets that `intf` receives, with a reference.
 template <Family F>
 Tovan::Fib::FecId receiveAdjacency(Zemit::IntfId intf, typename F::RouteSmRoot& root) {
   typename F::ViaSet vias;
@@ -49,7 +49,7 @@ void handleIpIntfStatus(typename F::RouteSm& sm, Zemit::IntfId intfId) {
   const auto present = F::intfStatus(sm, intfId);
   if (followed && present && followed->name() == present->name()) return;
   KIV_TRACE(F::trace(), 6, sm, "removing receive routes for " << intfId.name());
-  const typename Listening<F>::Handling handling(sm);
+  const HandlerScope<F> handler(sm);
   const auto changed = F::AddrSet::AddrSetIs(F::Prefix::null());
   F::removeReceiveRoutes(present, intfId.name(), Kiv::validPtr(sm.root()), changed);
   sm.doMerge(changed);

@@ -16,114 +16,166 @@ bool givesWay(const typename F::Addr& ip, typename F::RouteType routeType,
 }
 
 /// Writes the host route of one address into exactly one of two tables.
-///
-/// The caller holds a reference on `fecId`, which passes to the route. The FEC of a route that is
-/// replaced is not released here: a caller that replaces one does that itself.
-///
-/// A virtual address takes no attached route in the route table, whatever VRF it is virtual in: a
-/// route that is there stays without type and FEC, and the caller's reference is dropped.
-///
-/// \param known  the table's record of the address, where the caller has just read it; else null.
 template <Family F>
-void addRouteToRouteTable(const typename F::HostTable::Ptr& hostTable,
-                          const typename F::RouteStatus::Ptr& routeTable,
-                          const typename F::Addr& ip, Tovan::Fib::FecId fecId,
-                          typename F::RouteType routeType,
-                          const typename F::VirtualIpStatus* virtualIpStatus,
-                          const typename F::RouteSmRoot& root,
-                          const typename F::Route* known = nullptr) {
-  KIV_TRACE(F::trace(), 8, root, "addRouteToRouteTable");
-  KIV_ASSERT_AS(F::kModule, hostTable || routeTable, "hostTable || routeTable");
-  KIV_ASSERT_AS(F::kModule, !(hostTable && routeTable), "!(hostTable && routeTable)");
-  if constexpr (F::kWriterTracesTables) {
-    KIV_TRACE(F::trace(), 6, root,
-              "adding route for " << ip << " with type " << routeType << " FecId: " << std::hex
-                                  << fecId << std::dec << " table: " << hostTable << "/"
-                                  << routeTable);
-  } else {
-    KIV_TRACE(F::trace(), 6, root,
-              "adding route for " << ip << " with type " << routeType << " FecId: " << std::hex
-                                  << fecId << std::dec);
-  }
-  KIV_ASSERT_AS(F::kModule, routeType != F::kInvalid, F::Text::kTypeIsValid);
+class RouteWriter {
+ public:
+  using Route = typename F::Route;
+  using Prefix = typename F::Prefix;
+  using HostTablePtr = typename F::HostTable::Ptr;
+  using RouteTablePtr = typename F::RouteStatus::Ptr;
 
-  const auto prefix = hostPrefix<F>(ip);
-  const bool toRouteTable = !hostTable;
-  typename F::Route existing = known != nullptr ? *known
-                               : toRouteTable   ? Obu::readRoute(routeTable.get(), prefix)
-                                                : hostTable->route(prefix);
-  const auto before = existing;
-  const bool exists = existing.key == prefix;
-  const auto write = [&](const typename F::Route& route) {
-    if (toRouteTable) {
-      routeTable->routeIs(route);
-      if (auto* machine = root.routeSm().get())
-        hostRouteChanged<F>(*machine, prefix, before, route);
-    } else {
-      hostTable->routeIs(route);
-    }
+  struct Wanted {
+    typename F::Addr ip;
+    Tovan::Fib::FecId fecId;
+    typename F::RouteType routeType;  ///< never F::kInvalid
   };
 
-  if (toRouteTable && givesWay<F>(ip, routeType, virtualIpStatus)) {
-    if (exists) {
-      existing.routeType = F::kInvalid;
-      existing.fecId = Tovan::Fib::invalidFecId;
-      write(existing);
-    }
-    Kiv::validPtr(root.adjHelperRaw()).doDropRefOnFibAdjacency(fecId);
-    return;
-  }
+  /// One of the tables is null. The caller keeps all three alive.
+  RouteWriter(const HostTablePtr& hostTable, const RouteTablePtr& routeTable,
+              const typename F::RouteSmRoot& root)
+      : hostTable_(hostTable), routeTable_(routeTable), root_(root) {}
 
-  const typename F::Route fibRoute = root.prefixToRoute(prefix);
-  const bool isTracked = fibRoute.key == prefix;
-  if (!exists) {
-    typename F::Route added{.key = prefix,
-                            .metricPref = {.metric = 0, .preference = 1},
-                            .routeType = routeType,
-                            .fecId = fecId};
-    if (toRouteTable && isTracked) {
-      KIV_TRACE(F::trace(), 6, root, "Set new route metric to " << fibRoute.metricPref);
-      added.metricPref = fibRoute.metricPref;
-    }
-    write(added);
-    return;
-  }
+  /// Adds a route, or changes the one that is there.
+  ///
+  /// The caller holds a reference on the FEC, which passes to the route. The FEC of a route that is
+  /// replaced is not released here: a caller that replaces one does that itself.
+  ///
+  /// A virtual address takes no attached route in the route table, whatever VRF it is virtual in: a
+  /// route that is there stays without type and FEC, and the caller's reference is dropped.
+  ///
+  /// \param known  the table's record of the address, if the caller has just read it; else null.
+  void add(const Wanted& wanted, const typename F::VirtualIpStatus* virtualIpStatus,
+           const Route* known = nullptr);
 
-  KIV_TRACE(F::trace(), 6, root, "Old " << existing.routeType << " New " << routeType);
-  if (existing.routeType == routeType) {
-    if (isTracked && fibRoute.metricPref != existing.metricPref) {
-      KIV_TRACE(F::trace(), 0, root,
-                "Old metric " << existing.metricPref << " changed to " << fibRoute.metricPref);
-      KIV_TRACE(F::trace(), 0, root, "Set route metric to " << fibRoute.metricPref);
-      existing.metricPref = fibRoute.metricPref;
-    }
+ private:
+  bool isToRouteTable() const { return !hostTable_; }
+  void traceAndCheck(const Wanted& wanted) const;
+  Route read(const Prefix& prefix) const {
+    return isToRouteTable() ? Obu::readRoute(routeTable_.get(), prefix) : hostTable_->route(prefix);
+  }
+  /// \param before  the record in whose place it comes.
+  void write(const Route& route, const Route& before) const;
+  /// \param tracked  the FIB route of the same prefix, or one whose key is the null prefix.
+  Route newRoute(const Prefix& prefix, const Wanted& wanted, const Route& tracked) const;
+  Route changedRoute(const Route& existing, const Wanted& wanted, const Route& tracked) const;
+
+  const HostTablePtr& hostTable_;
+  const RouteTablePtr& routeTable_;
+  const typename F::RouteSmRoot& root_;
+};
+
+template <Family F>
+void RouteWriter<F>::traceAndCheck(const Wanted& wanted) const {
+  KIV_TRACE_AS(F::trace(), 8, root_, "addRouteToRouteTable", "addRouteToRouteTable");
+  KIV_ASSERT_AS(F::kModule, hostTable_ || routeTable_, "hostTable || routeTable");
+  KIV_ASSERT_AS(F::kModule, !(hostTable_ && routeTable_), "!(hostTable && routeTable)");
+  if constexpr (F::kWriterTracesTables) {
+    KIV_TRACE_AS(F::trace(), 6, root_, "addRouteToRouteTable",
+                 "adding route for " << wanted.ip << " with type " << wanted.routeType
+                                     << " FecId: " << std::hex << wanted.fecId << std::dec
+                                     << " table: " << hostTable_ << "/" << routeTable_);
   } else {
-    if (toRouteTable) {
-      KIV_TRACE(F::trace(), 0, root,
-                "existing route in " << routeTable << " for " << ip << " has type of "
-                                     << existing.routeType << " when we expected " << routeType);
-    } else {
-      KIV_TRACE(F::trace(), 0, root,
-                "existing route in " << hostTable << " for " << ip << " has type of "
-                                     << existing.routeType << " when we expected " << routeType);
-    }
-    // The metric of a FIB route is the route table's affair; the type is changed in either table.
-    if (toRouteTable && isTracked) {
-      existing.metricPref = fibRoute.metricPref;
-      KIV_TRACE(F::trace(), 6, root, "Set route metric to " << fibRoute.metricPref);
-    }
-    existing.routeType = routeType;
+    KIV_TRACE_AS(F::trace(), 6, root_, "addRouteToRouteTable",
+                 "adding route for " << wanted.ip << " with type " << wanted.routeType
+                                     << " FecId: " << std::hex << wanted.fecId << std::dec);
   }
-  existing.fecId = fecId;
-  if (existing != before) write(existing);
+  KIV_ASSERT_AS(F::kModule, wanted.routeType != F::kInvalid, F::Text::kTypeIsValid);
 }
 
-/// The root that owns a host-route table: who traces for a function that is given the table alone.
+template <Family F>
+void RouteWriter<F>::add(const Wanted& wanted, const typename F::VirtualIpStatus* virtualIpStatus,
+                         const Route* known) {
+  traceAndCheck(wanted);
+  const auto prefix = hostPrefix<F>(wanted.ip);
+  const Route existing = known != nullptr ? *known : read(prefix);
+  const bool exists = existing.key == prefix;
+  if (isToRouteTable() && givesWay<F>(wanted.ip, wanted.routeType, virtualIpStatus)) {
+    if (exists) {
+      Route withoutFec = existing;
+      withoutFec.routeType = F::kInvalid;
+      withoutFec.fecId = Tovan::Fib::invalidFecId;
+      write(withoutFec, existing);
+    }
+    Kiv::validPtr(root_.adjHelperRaw()).doDropRefOnFibAdjacency(wanted.fecId);
+    return;
+  }
+  const Route tracked = root_.prefixToRoute(prefix);
+  if (!exists) return write(newRoute(prefix, wanted, tracked), existing);
+  const Route changed = changedRoute(existing, wanted, tracked);
+  if (changed != existing) write(changed, existing);
+}
+
+template <Family F>
+void RouteWriter<F>::write(const Route& route, const Route& before) const {
+  if (!isToRouteTable()) {
+    hostTable_->routeIs(route);
+    return;
+  }
+  routeTable_->routeIs(route);
+  if (auto* machine = root_.routeSm().get()) {
+    hostRouteChanged<F>(*machine, route.key, before, route);
+  }
+}
+
+template <Family F>
+typename F::Route RouteWriter<F>::newRoute(const Prefix& prefix, const Wanted& wanted,
+                                           const Route& tracked) const {
+  Route route{.key = prefix,
+              .metricPref = {.metric = 0, .preference = 1},
+              .routeType = wanted.routeType,
+              .fecId = wanted.fecId};
+  if (isToRouteTable() && tracked.key == prefix) {
+    KIV_TRACE_AS(F::trace(), 6, root_, "addRouteToRouteTable",
+                 "Set new route metric to " << tracked.metricPref);
+    route.metricPref = tracked.metricPref;
+  }
+  return route;
+}
+
+template <Family F>
+typename F::Route RouteWriter<F>::changedRoute(const Route& existing, const Wanted& wanted,
+                                               const Route& tracked) const {
+  static constexpr const char* kFunction = "addRouteToRouteTable";
+  const bool isTracked = tracked.key == existing.key;
+  Route route = existing;
+  route.routeType = wanted.routeType;
+  route.fecId = wanted.fecId;
+  KIV_TRACE_AS(F::trace(), 6, root_, kFunction,
+               "Old " << existing.routeType << " New " << wanted.routeType);
+  if (existing.routeType == wanted.routeType) {
+    if (isTracked && tracked.metricPref != existing.metricPref) {
+      KIV_TRACE_AS(F::trace(), 0, root_, kFunction,
+                   "Old metric " << existing.metricPref << " changed to " << tracked.metricPref);
+      KIV_TRACE_AS(F::trace(), 0, root_, kFunction, "Set route metric to " << tracked.metricPref);
+      route.metricPref = tracked.metricPref;
+    }
+    return route;
+  }
+  if (isToRouteTable()) {
+    KIV_TRACE_AS(F::trace(), 0, root_, kFunction,
+                 "existing route in " << routeTable_ << " for " << wanted.ip << " has type of "
+                                      << existing.routeType << " when we expected "
+                                      << wanted.routeType);
+  } else {
+    KIV_TRACE_AS(F::trace(), 0, root_, kFunction,
+                 "existing route in " << hostTable_ << " for " << wanted.ip << " has type of "
+                                      << existing.routeType << " when we expected "
+                                      << wanted.routeType);
+  }
+  // The type changes in either table, the metric of a FIB route is for the route table alone.
+  if (isToRouteTable() && isTracked) {
+    route.metricPref = tracked.metricPref;
+    KIV_TRACE_AS(F::trace(), 6, root_, kFunction, "Set route metric to " << tracked.metricPref);
+  }
+  return route;
+}
+
+/// The root that owns a host-route table: the traced object of functions that get the table alone.
 inline const Kiv::Entity& rootOf(const Kiv::Entity& hostTable) {
   return hostTable.parent() == nullptr ? hostTable : *hostTable.parent();
 }
 
-/// Withdraws the host route of one address and lets go of what the route held.
+/// Withdraws the host route of one address and releases the adjacency that the route held.
 ///
 /// The reference on the route's host adjacency is dropped for the route types this system writes;
 /// a route of any other type goes without a release, because its adjacency is not ours. An address

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "hostcore/Event.h"
-#include "hostcore/Listening.h"
+#include "hostcore/fast/ShortCuts.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
@@ -19,7 +19,7 @@ class VirtualIp {
   /// Calls `handle` with each pair that was there at the start and still is.
   template <class Handle>
   void handleAll(Handle handle) {
-    const typename F::VirtualIpStatus::PtrConst status(F::virtualIps(sm_));
+    const typename F::VirtualIpStatus::PtrConst status(sm_.virtualIps());
     if (!status) return;
     for (const auto& pair : status->virtualIpKeys()) {
       if (status->virtualIp(pair)) handle(pair);
@@ -44,16 +44,15 @@ class VirtualIp {
     const auto existing = Obu::readRoute(routeTable.get(), prefix);
     if (existing.key != prefix || existing.routeType != F::kAttached) return;
     KIV_TRACE_AS(F::trace(), 8, sm_, handler, "Removing host route");
-    const typename Listening<F>::OwnWrite ownWrite(sm_, prefix);
-    // A merge would write nothing now, unless a FIB host route has come without a word.
+    // A merge would write nothing after this, unless an unannounced FIB host route is there.
     const auto* hostStatus = sm_.hostStatusRaw();
-    if (hostStatus == nullptr || hostStatus->route(prefix).key != prefix) {
-      Listening<F>(sm_).merged(addr);
-    }
+    const bool isMerge = hostStatus == nullptr || hostStatus->route(prefix).key != prefix;
+    const WriteScope<F> write(sm_, addr, existing, isMerge);
+    auto* const adjHelper = sm_.adjHelperRaw();  // a callback may end the machine
     const auto removed = routeTable->routeDel(prefix);
     hostRouteChanged<F>(sm_, prefix, removed, typename F::Route());
     if (removed.key != prefix || !F::isOwnType(removed.routeType)) return;
-    Kiv::validPtr(sm_.adjHelperRaw()).doDropRefOnFibAdjacency(removed.fecId);
+    Kiv::validPtr(adjHelper).doDropRefOnFibAdjacency(removed.fecId);
   }
 
  private:

@@ -17,8 +17,8 @@
 
 #include "hostrouted/Listings.h"
 #include "hostrouted/Metrics.h"
-#include "platform/kiv/Exception.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/containers/Exception.h"
+#include "platform/kiv/runtime/Trace.h"
 #include "replay/ExplanationJson.h"
 #include "replay/HistoryJson.h"
 #include "replay/Json.h"

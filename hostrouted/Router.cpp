@@ -12,7 +12,7 @@
 #include <utility>
 #include <variant>
 
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "platform/tovan/Exceptions.h"
 #include "platform/tovan/Reports.h"
 

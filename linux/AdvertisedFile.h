@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "linux/KernelRoutes.h"
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 
 namespace Linux {
 

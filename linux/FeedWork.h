@@ -11,7 +11,7 @@
 
 #include "linux/Fecs.h"
 #include "linux/Feed.h"
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 
 namespace Linux {
 

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 
 namespace Linux {
 namespace {

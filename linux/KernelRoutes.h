@@ -17,7 +17,7 @@
 
 #include "linux/Numbers.h"
 #include "linux/Values.h"
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 
 namespace Linux {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 
 namespace Linux {
 

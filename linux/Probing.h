@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "linux/Mirror.h"
-#include "platform/kiv/Hash.h"
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/Hash.h"
+#include "platform/kiv/containers/HashMap.h"
 
 namespace Linux {
 

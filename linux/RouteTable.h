@@ -8,7 +8,7 @@
 
 #include "linux/UserIndex.h"
 #include "linux/Values.h"
-#include "platform/kiv/NumberIndex.h"
+#include "platform/kiv/containers/NumberIndex.h"
 
 namespace Linux {
 

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 
 namespace Linux {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Trace.h"
 #include "replay/TextTable.h"
 
 namespace Replay {

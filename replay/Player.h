@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "replay/Event.h"
 #include "replay/Output.h"
 

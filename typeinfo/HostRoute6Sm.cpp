@@ -1,6 +1,6 @@
 #include "typeinfo/HostRoute6Sm.h"
 
-#include "platform/kiv/TypeTable.h"
+#include "platform/kiv/reflection/TypeTable.h"
 #include "typeinfo/TypeNames.h"
 
 // The rows stand in the order of the attributes' ids. A type reads the storage of its own

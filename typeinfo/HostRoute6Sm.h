@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host6/HostRoute6Sm.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Export.h"
 #include "typeinfo/RootInterface.h"
 #include "typeinfo/ValueTypes.h"
 

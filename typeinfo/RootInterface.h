@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "platform/kiv/GenericIf.h"
+#include "platform/kiv/reflection/GenericIf.h"
 
 namespace Reflection {
 

@@ -7,7 +7,7 @@
 #include "platform/interface/AllIntfStatusDir.h"
 #include "platform/ip/Ip6Status.h"
 #include "platform/ip/IpStatus.h"
-#include "platform/kiv/TypeInfo.h"
+#include "platform/kiv/reflection/TypeInfo.h"
 #include "platform/l3/VrfName.h"
 #include "platform/obu/AddrSet.h"
 #include "platform/obu/IntfDir.h"

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "platform/arp/ArpEntryStatus.h"
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/zemit/IntfId.h"
 
 namespace Arp {

@@ -1,7 +1,7 @@
 // All interfaces of the switch.
 #pragma once
 
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/zemit/IntfId.h"
 
 namespace Interface {

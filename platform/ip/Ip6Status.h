@@ -1,7 +1,7 @@
 // The IPv6 addresses of the interfaces, as the IP agent publishes them.
 #pragma once
 
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/l3/IntfStatus.h"
 #include "platform/zemit/IntfId.h"
 #include "platform/zemit/IpAddrWithMask.h"

@@ -1,7 +1,7 @@
 // The layer-3 side of an interface, as the interface agent publishes it.
 #pragma once
 
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/l3/VrfName.h"
 
 namespace L3::Intf {

@@ -6,8 +6,8 @@
 #include <ostream>
 #include <utility>
 
-#include "platform/kiv/Exception.h"
-#include "platform/kiv/String.h"
+#include "platform/kiv/containers/Exception.h"
+#include "platform/kiv/containers/String.h"
 
 namespace L3 {
 

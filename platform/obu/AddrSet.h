@@ -3,7 +3,7 @@
 
 #include <sstream>
 
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/zemit/Prefix.h"
 
 namespace Obu {

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "platform/kiv/Ptr.h"
+#include "platform/kiv/containers/Ptr.h"
 #include "platform/obu/IntfDir.h"
 #include "platform/routing/Trie.h"
 #include "platform/tovan/Exceptions.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "platform/kiv/Ptr.h"
+#include "platform/kiv/containers/Ptr.h"
 #include "platform/zemit/IntfId.h"
 
 namespace Obu {

@@ -7,7 +7,7 @@
 #include <ostream>
 #include <utility>
 
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "platform/l3/VrfName.h"
 #include "platform/zemit/AnyAddrWithMask.h"
 

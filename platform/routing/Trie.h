@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/kiv/HashMap.h"
-#include "platform/kiv/Ptr.h"
+#include "platform/kiv/containers/HashMap.h"
+#include "platform/kiv/containers/Ptr.h"
 #include "platform/routing/detail/TrieNode.h"
 #include "platform/zemit/Prefix.h"
 

@@ -1,8 +1,8 @@
 // Virtual addresses of first-hop redundancy groups (VRRP, RFC 9568, and its kin).
 #pragma once
 
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Watch.h"
+#include "platform/kiv/runtime/Attributes.h"
+#include "platform/kiv/runtime/Watch.h"
 #include "platform/routing/FhrpTypes.h"
 
 namespace Routing::Fhrp {

@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/routing/HostStatus.h"
+#include "platform/rovel/HostStatus.h"
 #include "platform/tovan/ForwardingStatus.h"
 #include "platform/tovan/RouteStatus.h"
 
@@ -52,8 +52,8 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
     likely_ = likely;
     return doGetOrCreateFibAdjacency(vias);
   }
-  /// True when the FEC is the adjacency for `vias` that this helper handed out, and what is
-  /// published of it can be read.
+  /// True when the FEC is the adjacency for `vias` that this helper handed out, and its published
+  /// record can be read.
   bool isFibAdjacency(FecId fecId, const ViaSet& vias) const {
     const uint32_t index = indexOf(fecId);
     return fibAdjacencies_.users(index) != 0 && fibAdjacencies_.viaSet(index) == vias &&
@@ -62,19 +62,19 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
   virtual void doDropRefOnFibAdjacency(FecId fecId);
 
-  /// Compares the references on adjacencies with the routes that hold them, and what is published
-  /// of FIB adjacencies with what was handed out, and mends both: a host route that was damaged has
-  /// lost its reference. Not to be called while host routes are being written.
+  /// Mends the reference counts and the published FIB adjacencies. The counts are compared with the
+  /// routes that hold references: a damaged host route has lost its own. Not to be called while
+  /// host routes are being written.
   ///
   /// \param routeTables  all route tables that have FIB adjacencies of this helper.
   /// \param hostTables   host-route tables to compare, too; each has adjacencies of its own.
   /// \returns how many adjacencies were mended.
   /// \throws Tovan::CorruptionDetectedException when a route table cannot be walked, or
-  ///         Tovan::NoSpaceException; what was mended before stays so.
+  ///         Tovan::NoSpaceException; adjacencies that were mended before stay so.
   virtual size_t validate(std::span<const typename RouteTable::PtrConst> routeTables,
                           std::span<const typename HostTable::Ptr> hostTables = {});
 
-  /// Begins to fetch what is read when a new FIB adjacency of `vias` is made.
+  /// Prefetches the memory that a new FIB adjacency of `vias` needs.
   void prefetchNew(const ViaSet& vias) const {
     fibAdjacencies_.prefetch(vias);
     if (fwdStatus_) fwdStatus_->prefetch(space_ | fibAdjacencies_.next());
@@ -107,7 +107,7 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   bool isPublished(uint32_t index) const {
     return !fwdStatus_ || fwdStatus_->adjacencyIsSound(space_ | index);
   }
-  /// Publishes a FIB adjacency anew if what is there of it is damaged. Returns whether it was.
+  /// Publishes a FIB adjacency anew if its record is damaged. Returns whether it was.
   bool mendPublished(uint32_t index) {
     if (isPublished(index)) return false;
     fwdStatus_->adjacencyReplace(fecOf(index));
@@ -120,7 +120,7 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
 
   typename W::Ptr fwdStatus_;
   FecId likely_ = Tovan::Fib::invalidFecId;  // a hint
-  FecId space_;  // what the ids of this helper's FIB adjacencies have above the index
+  FecId space_;  // the upper half of the ids of this helper's FIB adjacencies
   AdjacencyTable<ViaSet> fibAdjacencies_;
 };
 

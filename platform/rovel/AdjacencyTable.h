@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/NumberIndex.h"
-#include "platform/kiv/Prefetch.h"
+#include "platform/kiv/containers/NumberIndex.h"
+#include "platform/kiv/containers/Prefetch.h"
 
 namespace Rovel {
 
@@ -38,8 +38,8 @@ class AdjacencyTable {
   uint32_t users(uint64_t index) const {
     return index == 0 || index > count_ ? 0 : entry(index).users;
   }
-  /// Begins to fetch what take() or the last drop() reads of a set, or what the others read of an
-  /// entry.
+  /// Prefetches the memory that take() or the last drop() of a set reads, or that the others read
+  /// of an entry.
   void prefetch(const ViaSet& vias) const {
     numbers_.prefetch(vias.hash());
     prefetch(uint64_t{firstFree_});
@@ -81,7 +81,7 @@ class AdjacencyTable {
 
   Entry& entry(uint64_t index) const { return chunks_[(index - 1) / kChunk][(index - 1) % kChunk]; }
 
-  std::vector<std::unique_ptr<Entry[]>> chunks_;  // grows without moving what it has
+  std::vector<std::unique_ptr<Entry[]>> chunks_;  // grows without moving its entries
   Index count_ = 0;                               // entries that there ever were
   Index firstFree_ = 0;
   Kiv::NumberIndex numbers_;  // by the sets, which stand in the entries alone

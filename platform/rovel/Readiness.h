@@ -3,7 +3,7 @@
 
 #include <array>
 
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/l3/VrfName.h"
 
 namespace RovelReady {

@@ -1,7 +1,7 @@
 // Sequencing of the routing agents at start-up: progress.
 #pragma once
 
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 
 namespace Rovel {
 

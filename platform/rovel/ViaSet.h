@@ -1,11 +1,11 @@
-// Sets of weighted vias: what an adjacency is made of.
+// Sets of weighted vias, of which adjacencies are made.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 
-#include "platform/kiv/Hash.h"
-#include "platform/kiv/SmallVector.h"
+#include "platform/kiv/containers/Hash.h"
+#include "platform/kiv/containers/SmallVector.h"
 #include "platform/tovan/FibTypes.h"
 
 namespace Rovel {

@@ -4,8 +4,8 @@
 #include <optional>
 #include <vector>
 
-#include "platform/kiv/Ptr.h"
-#include "platform/kiv/Watch.h"
+#include "platform/kiv/containers/Ptr.h"
+#include "platform/kiv/runtime/Watch.h"
 
 namespace Tovan {
 

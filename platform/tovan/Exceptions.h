@@ -1,8 +1,8 @@
 // What shared-memory tables raise.
 #pragma once
 
-#include "platform/kiv/Exception.h"
-#include "platform/kiv/Export.h"
+#include "platform/kiv/containers/Exception.h"
+#include "platform/kiv/containers/Export.h"
 
 namespace Tovan {
 

@@ -6,8 +6,8 @@
 #include <initializer_list>
 #include <ostream>
 
-#include "platform/kiv/Exception.h"
-#include "platform/kiv/SmallVector.h"
+#include "platform/kiv/containers/Exception.h"
+#include "platform/kiv/containers/SmallVector.h"
 #include "platform/routing/MetricPref.h"
 #include "platform/routing/RouteTypes.h"
 #include "platform/zemit/IntfId.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Watch.h"
+#include "platform/kiv/runtime/Attributes.h"
+#include "platform/kiv/runtime/Watch.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/tovan/IntfNames.h"
 #include "platform/tovan/TableWalk.h"

@@ -5,7 +5,7 @@
 #include <map>
 #include <mutex>
 
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Trace.h"
 
 namespace Tovan {
 namespace {

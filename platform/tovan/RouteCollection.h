@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 #include "platform/tovan/RouteRecord.h"
 
 namespace Tovan {

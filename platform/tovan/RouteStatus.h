@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Watch.h"
+#include "platform/kiv/runtime/Attributes.h"
+#include "platform/kiv/runtime/Watch.h"
 #include "platform/tovan/FibTypes.h"
 #include "platform/tovan/RouteRecord.h"
 #include "platform/tovan/TableWalk.h"

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "platform/tovan/Exceptions.h"
 #include "platform/tovan/TableMemory.h"
 

@@ -12,7 +12,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "platform/kiv/Prefetch.h"
+#include "platform/kiv/containers/Prefetch.h"
 #include "platform/tovan/Dropped.h"
 #include "platform/tovan/Table.h"
 

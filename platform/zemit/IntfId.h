@@ -9,8 +9,8 @@
 #include <optional>
 #include <ostream>
 
-#include "platform/kiv/Hash.h"
-#include "platform/kiv/String.h"
+#include "platform/kiv/containers/Hash.h"
+#include "platform/kiv/containers/String.h"
 
 namespace Zemit {
 

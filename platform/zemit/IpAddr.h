@@ -7,7 +7,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 #include "platform/zemit/Text.h"
 
 namespace Zemit {

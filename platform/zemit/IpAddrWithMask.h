@@ -6,7 +6,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "platform/zemit/Ip6Addr.h"
 #include "platform/zemit/IpAddr.h"
 

@@ -1,6 +1,6 @@
 #include "platform/zemit/Prefix.h"
 
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 
 namespace Zemit {
 

@@ -1,7 +1,7 @@
 // How a state machine and its reactors come, go and reach each other.
 #include <functional>
 
-#include "platform/kiv/Clock.h"
+#include "platform/kiv/runtime/Clock.h"
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -249,6 +249,47 @@ TYPED_TEST(FrameTest, LosesWhatIsAnnouncedWhileDeliveryIsOff) {
   world.machine().kivDoZombieReactors(true);
   world.lose(world.ethernet1, 7);
   EXPECT_TRUE(world.hasRoute(world.neighborTable(), 7)) << "a zombie has acted";
+}
+
+// The reactors that other reactors own are switched with them.
+TYPED_TEST(FrameTest, SwitchesTheReactorsOfFiltersToo) {
+  using Machine = typename TypeParam::RouteSm;
+  const std::function<void(Machine&, bool)> switches[] = {
+      [](Machine& machine, bool isOn) { machine.hasNotificationActiveIs(isOn); },
+      [](Machine& machine, bool isOn) { machine.kivDoZombieReactors(!isOn); }};
+  for (const auto& switchTo : switches) {
+    SCOPED_TRACE(&switchTo - switches);
+    World<TypeParam> world;
+    world.startWithSubnet();
+    const auto l3Status = world.inVrf(world.ethernet2, "blue");
+    world.interface(world.ethernet2, l3Status);
+    switchTo(world.machine(), false);
+    l3Status->vrfIs(L3::VrfName("red"));
+    EXPECT_EQ(world.machine().vrfIpIntfStatusCount(), 0u);
+    switchTo(world.machine(), true);
+    l3Status->vrfNotify();
+    EXPECT_EQ(world.machine().vrfIpIntfStatusCount(), 1u);
+  }
+}
+
+// A host prefix that BGP wrote into the route table is left alone, one of another kind is settled.
+TYPED_TEST(FrameTest, LeavesBgpsHostPrefixesToBgpWhenTheRibIsReady) {
+  using S = Sample<TypeParam>;
+  World<TypeParam> world;
+  world.startWithSubnet();
+  uint32_t n = 20;
+  const auto strange = [&](typename TypeParam::RouteType type) {
+    world.routeStatus->routeIs({.key = TypeParam::Prefix::host(S::addr(++n)),
+                                .metricPref = {},
+                                .routeType = type,
+                                .fecId = 0});
+  };
+  for (const auto type : S::kBgpTypes) strange(type);
+  const uint32_t lastOfBgp = n;
+  strange(S::kForeignType);
+  world.readiness->ribReadyIs(true);
+  for (uint32_t at = 21; at <= lastOfBgp; ++at) EXPECT_TRUE(world.hasRoute(world.routeStatus, at));
+  EXPECT_FALSE(world.hasRoute(world.routeStatus, n));
 }
 
 // Handlers wait for the new activity, those of reactors that other reactors own among them.

@@ -321,7 +321,7 @@ TYPED_TEST(LifetimeTest, AMachineThatIsHeldMayEndInACallback) {
       const auto before = written(world);
       world.changeAll(21);
       EXPECT_EQ(written(world), before);
-      world.expectBalancedHostReferences();
+      world.expectBalancedReferences();
     }
     EXPECT_TRUE(hasEnded || at > 10) << "the changes write too little to show anything";
   }

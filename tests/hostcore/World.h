@@ -44,6 +44,13 @@ struct Sample {
     else
       return Routing6::Fib::staticConfig_;
   }();
+  static constexpr auto kBgpTypes = [] {
+    if constexpr (kIsIpv4) {
+      return std::to_array({Routing::Fib::ibgp_, Routing::Fib::ebgp_, Routing::Fib::bgpAggregate_});
+    } else {
+      return std::to_array({Routing6::Fib::bgp_, Routing6::Fib::bgpAggregate_});
+    }
+  }();
   static constexpr auto kReceive = kOwnTypes[0];
 
   /// `addr` as a virtual address of a VRF.
@@ -157,12 +164,8 @@ struct World {
 
   /// Every route that holds an adjacency holds one reference on it, and nobody else holds any.
   void expectBalancedReferences() {
-    expectBalancedHostReferences();
     EXPECT_EQ(users(adjHelper->fibAdjacencies()),
               holders(routeStatus, F::ForwardingStatus::kFirstAdjacency));
-  }
-  /// The same for the host tables alone.
-  void expectBalancedHostReferences() {
     EXPECT_EQ(users(neighborTable()->adjacencies()), holders(neighborTable(), 1));
     EXPECT_EQ(users(root->receiveTable()->adjacencies()), holders(root->receiveTable(), 1));
   }

@@ -1,5 +1,5 @@
 // Activities: notifications that wait, and when they are delivered.
-#include "platform/kiv/Activity.h"
+#include "platform/kiv/runtime/Activity.h"
 
 #include <gtest/gtest.h>
 

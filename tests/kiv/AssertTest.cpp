@@ -1,12 +1,12 @@
 // Broken invariants, and the clock that a replay puts in place of the system's.
-#include "platform/kiv/Assert.h"
+#include "platform/kiv/runtime/Assert.h"
 
 #include <gtest/gtest.h>
 
 #include <ctime>
 #include <string>
 
-#include "platform/kiv/Clock.h"
+#include "platform/kiv/runtime/Clock.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Attributes of entities: what is stored, what is announced, who owns what.
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/Attributes.h"
+#include "platform/kiv/runtime/Attributes.h"
 
 namespace Sample {
 

@@ -1,11 +1,11 @@
 // Who is told of a change, and what may happen meanwhile.
-#include "platform/kiv/Notifiee.h"
+#include "platform/kiv/runtime/Notifiee.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Trace.h"
 #include "tests/kiv/Bridge.h"
 
 namespace {

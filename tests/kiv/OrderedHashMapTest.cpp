@@ -1,5 +1,5 @@
 // A hash map's keys in order, beside a std::set of them.
-#include "platform/kiv/OrderedHashMap.h"
+#include "platform/kiv/containers/OrderedHashMap.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Handles and the counts of the objects they hold.
-#include "platform/kiv/Ptr.h"
+#include "platform/kiv/containers/Ptr.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Rows with several columns, beside a std::map for each column.
-#include "platform/kiv/Rows.h"
+#include "platform/kiv/containers/Rows.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <random>
 #include <string>
 
-#include "platform/kiv/Ptr.h"
+#include "platform/kiv/containers/Ptr.h"
 
 namespace Kiv {
 namespace {

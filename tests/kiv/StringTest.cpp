@@ -1,9 +1,9 @@
 // Strings, names, and the hashes under which tables keep them.
-#include "platform/kiv/String.h"
+#include "platform/kiv/containers/String.h"
 
 #include <gtest/gtest.h>
 
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 
 namespace Sample {
 const Kiv::Name& staticName();

@@ -1,11 +1,11 @@
 // Tracing: what is written, what a record says, and what a disabled statement does not do.
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Trace.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "tests/kiv/Bridge.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <array>
 #include <iostream>
 
-#include "platform/kiv/EntityDirectory.h"
+#include "platform/kiv/reflection/EntityDirectory.h"
 #include "typeinfo/ValueTypes.h"
 
 int main() {

@@ -3,7 +3,7 @@
 
 #include "host/RouteSmRoot.h"
 #include "host6/RouteSmRoot.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 
 int main() {
   const auto root = Routing::Host::routeSmRootFactory("red");

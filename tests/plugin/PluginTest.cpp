@@ -7,7 +7,7 @@
 
 #include "host/HostRouteSm.h"
 #include "host6/HostRoute6Sm.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "tests/hostcore/World.h"
 
 namespace {

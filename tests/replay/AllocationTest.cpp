@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "replay/ShownRoute.h"
 #include "tests/kiv/ShortMemory.h"
 

@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "platform/tovan/Reports.h"
 #include "replay/Output.h"
 #include "replay/Player.h"

@@ -16,6 +16,7 @@
 
 #include "daemon/Explain.h"
 #include "daemon/Switch.h"
+#include "hostcore/fast/State.h"
 #include "replay/ExplanationJson.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
@@ -105,8 +106,8 @@ class ExplainTest : public testing::TestWithParam<std::tuple<uint64_t, std::stri
 /// Whether the machine has been told that there is something to merge, or cannot be told.
 template <class F>
 bool mayBePending(const typename F::RouteSm* machine, const typename F::Addr& addr) {
-  return machine == nullptr || !machine->initialized() || machine->interest().isBlind ||
-         machine->interest().due.find(addr) != nullptr;
+  return machine == nullptr || !machine->initialized() || !machine->fast().isTrusted ||
+         machine->fast().due.find(addr) != nullptr;
 }
 
 class VerdictTest : public ExplainTest {

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "tests/model/Generator.h"

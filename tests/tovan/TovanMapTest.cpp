@@ -6,7 +6,7 @@
 #include <random>
 #include <set>
 
-#include "platform/kiv/Trace.h"
+#include "platform/kiv/runtime/Trace.h"
 #include "platform/tovan/Reports.h"
 #include "tests/tovan/Damage.h"
 #include "tests/tovan/SharedTable.h"

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "daemon/Family.h"
-#include "platform/kiv/EntityDirectory.h"
+#include "platform/kiv/reflection/EntityDirectory.h"
 #include "typeinfo/HostRoute6Sm.h"
 #include "typeinfo/HostRouteSm.h"
 

@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "daemon/Switch.h"
-#include "platform/kiv/EntityDirectory.h"
+#include "platform/kiv/reflection/EntityDirectory.h"
 #include "typeinfo/HostRoute6Sm.h"
 #include "typeinfo/HostRouteSm.h"
 

@@ -36,11 +36,11 @@
 #include <variant>
 #include <vector>
 
-#include "platform/kiv/Attributes.h"
-#include "platform/kiv/Hash.h"
-#include "platform/kiv/SmallVector.h"
-#include "platform/kiv/Trace.h"
-#include "platform/kiv/Watch.h"
+#include "platform/kiv/containers/Hash.h"
+#include "platform/kiv/containers/SmallVector.h"
+#include "platform/kiv/runtime/Attributes.h"
+#include "platform/kiv/runtime/Trace.h"
+#include "platform/kiv/runtime/Watch.h"
 #include "platform/zemit/IntfId.h"
 #include "platform/zemit/Ip6Addr.h"
 #include "platform/zemit/IpAddr.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "platform/zemit/AnyAddrWithMask.h"
 
 namespace Zemit {

@@ -1,0 +1,307 @@
+// The life of a state machine: its inputs and reactors, from the start to the end.
+#pragma once
+
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include "hostcore/Event.h"
+#include "hostcore/Frame.h"
+#include "hostcore/NeighborEntries.h"
+#include "hostcore/Tracing.h"
+#include "hostcore/fast/ShortCuts.h"
+
+namespace HostCore {
+
+/// The operations of both families' machines on their inputs, reactors and state. The entity, with
+/// all of its attributes, is declared in full in each half.
+template <class F>
+class Machine {
+ public:
+  using RouteSm = typename F::RouteSm;
+
+  explicit Machine(RouteSm& sm) : sm_(sm) {}
+
+  /// Stores the inputs and binds the reactors, then records the contents of the inputs.
+  void begin(const typename RouteSm::Inputs& inputs);
+  /// True when the machine works on exactly these inputs.
+  bool isOver(const typename RouteSm::Inputs& inputs) const;
+  /// See RouteSm::retire().
+  void retire();
+  /// \throws Kiv::Exception when the machine has ended.
+  void requireNotEnded() const {
+    if (!sm_.hasEnded_) return;
+    throw Kiv::Exception("the state machine of VRF " + std::string(sm_.name().view()) +
+                         " has ended");
+  }
+
+  /// Calls `visit` with every reactor the machine has, in the order of teardown.
+  template <class Visit>
+  void forEachReactor(Visit visit);
+  void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity);
+  void hasNotificationActiveIs(bool active);
+  void kivDoZombieReactors(bool zombie);
+  void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept {
+    HostCore::reportException(F::trace(), sm_, reactor, id);
+    Trust<F>(sm_).handlerFailed();
+  }
+
+  /// Sets an input that the machine only refers to.
+  template <class Attribute, class Input>
+  void inputIs(Attribute& attribute, const Input& input) {
+    requireNotEnded();
+    Trust<F>(sm_).inputSet(attribute.set(sm_, input));
+  }
+  /// Makes a reactor of `slot` on an input; a null one leaves no reactor there. Returns it.
+  template <class Slot, class Input>
+  auto newReactor(Slot& slot, const Input& input) {
+    requireNotEnded();
+    bindNew(slot, sm_, sm_.inputsStored_, input);
+    return slot.get();
+  }
+  /// The same for the virtual addresses, which the machine also reads without the reactor.
+  template <class Input>
+  auto newVirtualIps(const Input& input) {
+    newReactor(F::virtualIpSlot(sm_), input);
+    Trust<F>(sm_).inputSet(sm_.inputsStored_);
+    return F::virtualIpSlot(sm_).get();
+  }
+  void virtualIpsDel() { Trust<F>(sm_).inputSet(F::virtualIpSlot(sm_).del(sm_)); }
+
+  /// Points the reactor of an interface at its status, made first if it is not there.
+  ///
+  /// \param attribute  the collection's name, for the exception.
+  template <class Collection, class Status>
+  void intfMemberIs(Collection& collection, const char* attribute, const Status& status) {
+    requireNotEnded();
+    requireInput(bool(status), attribute);
+    bindMember(collection, sm_, status->intfId(), status);
+  }
+  /// The same with a new reactor in place of one that is there. Returns it.
+  template <class Collection, class Status>
+  auto newIntfMember(Collection& collection, const char* attribute, const Status& status) {
+    if (status) renewMember(collection, sm_, status->intfId());
+    intfMemberIs(collection, attribute, status);  // refuses null
+    return collection.get(status->intfId());
+  }
+  template <class Status>
+  void vrfIpIntfStatusIs(const Status& status);
+  void vrfIpIntfStatusDel(Zemit::IntfId intfId);
+  void ipIntfStatusFilterDel(Zemit::IntfId intfId);
+  void arpIntfStatusIs(const Arp::ArpIntfStatus::PtrConst& table);
+  auto newArpIntfStatus(const Arp::ArpIntfStatus::PtrConst& table);
+  void arpIntfStatusDel(const Kiv::Name& name);
+
+  void initializedIs(bool initialized) {
+    requireNotEnded();
+    if (!sm_.initialized_.set(sm_, initialized)) return;
+    Relevance<F>(sm_).review();
+    sm_.handleInitialized();
+  }
+
+ private:
+  /// \throws Kiv::RangeException when an input of the attribute is null.
+  static void requireInput(bool isThere, const char* attribute) {
+    if (isThere) return;
+    std::ostringstream message;
+    message << "null _" << attribute << " parameter to mutator for " << F::kNamespace
+            << "::RouteSm::" << attribute << " not allowed";
+    throw Kiv::RangeException(message.str());
+  }
+
+  RouteSm& sm_;
+};
+
+template <class F>
+void Machine<F>::begin(const typename RouteSm::Inputs& inputs) {
+  sm_.kivFwkActivity_.setQuietly(inputs.activity);
+  sm_.routeStatus_.setQuietly(inputs.routeStatus);
+  newReactor(sm_.fwdStatus_, inputs.fwdStatus);
+  sm_.hostStatus_.setQuietly(inputs.hostStatus);
+  newReactor(sm_.ribReadyStatus_, inputs.ribReadyStatus);
+  newReactor(sm_.seqConfig_, inputs.seqConfig);
+  newReactor(F::seqInfoSlot(sm_), inputs.seqInfo);
+  sm_.adjHelper_.setQuietly(inputs.adjHelper);
+  newReactor(sm_.ipStatus_, inputs.ipStatus);
+  newReactor(sm_.neighborDirByIntfName_, inputs.neighborDir);
+  sm_.root_.setQuietly(inputs.root);
+  newReactor(F::virtualIpSlot(sm_), inputs.virtualIps);
+  sm_.vrfName_.setQuietly(inputs.vrfName);
+  sm_.initialized_.setQuietly(false);
+  // From here on the reactors reach the machine, whose inputs are all stored.
+  sm_.inputsStored_ = true;
+  forEachReactor([this](auto& reactor) { reactor.routeSmIs(&sm_); });
+
+  Relevance<F>(sm_).watchInputs();
+  Trust<F>(sm_).machineBegan(countHostRoutes<F>(sm_));
+  sm_.handleFec();
+  if (sm_.ipStatus()) F::followInterfaces(*sm_.ipStatus());
+  if (sm_.neighborDirByIntfName()) sm_.neighborDirByIntfName()->onArpIntfStatuskivImmediate();
+  F::handleVirtualIps(sm_);
+}
+
+template <class F>
+bool Machine<F>::isOver(const typename RouteSm::Inputs& inputs) const {
+  return sm_.kivFwkActivityRaw() == inputs.activity.get() &&
+         sm_.routeStatusRaw() == inputs.routeStatus.get() &&
+         sm_.forwardingStatus() == inputs.fwdStatus.get() &&
+         sm_.hostStatusRaw() == inputs.hostStatus.get() &&
+         sm_.vrfReadiness() == inputs.ribReadyStatus.get() &&
+         watchedBy(sm_.seqConfig()) == inputs.seqConfig.get() &&
+         watchedBy(F::seqInfoSlot(sm_).get()) == inputs.seqInfo.get() &&
+         sm_.adjHelperRaw() == inputs.adjHelper.get() &&
+         watchedBy(sm_.ipStatus()) == inputs.ipStatus.get() &&
+         watchedBy(sm_.neighborDirByIntfName()) == inputs.neighborDir.get() &&
+         sm_.rootRaw() == inputs.root.get() && sm_.virtualIps() == inputs.virtualIps.get() &&
+         sm_.vrfName() == inputs.vrfName;
+}
+
+template <class F>
+void Machine<F>::retire() {
+  if (std::exchange(sm_.hasEnded_, true)) return;
+  const Kiv::Ptr<RouteSm> alive(&sm_);
+  tracedLevelsAre<F>(sm_, 0);
+  kivDoZombieReactors(true);
+  forEachReactor([](auto& reactor) { reactor.routeSmIs(nullptr); });
+  sm_.initialized_.setQuietly(false);
+  sm_.routeStatus_.setQuietly(nullptr);
+  sm_.hostStatus_.setQuietly(nullptr);
+  sm_.adjHelper_.setQuietly(nullptr);
+  sm_.root_.setQuietly(nullptr);
+  // Without the collections' hooks: nothing is withdrawn at teardown. The reactors let go of the
+  // inputs here, which may run anybody's code.
+  sm_.arpIntfStatus_.dropAll();
+  sm_.ipIntfStatusFilter_.dropAll();
+  sm_.vrfIpIntfStatus_.dropAll();
+  sm_.ipIntfStatus_.dropAll();
+  sm_.fwdStatus_.drop();
+  sm_.ribReadyStatus_.drop();
+  sm_.seqConfig_.drop();
+  F::seqInfoSlot(sm_).drop();
+  sm_.ipStatus_.drop();
+  sm_.neighborDirByIntfName_.drop();
+  F::virtualIpSlot(sm_).drop();
+  sm_.kivFwkActivity_.setQuietly(nullptr);
+}
+
+template <class F>
+template <class Visit>
+void Machine<F>::forEachReactor(Visit visit) {
+  const auto visitOne = [&visit](const auto& reactor) {
+    if (reactor) visit(*reactor);
+  };
+  visitOne(sm_.fwdStatus());
+  visitOne(sm_.ribReadyStatus());
+  visitOne(sm_.seqConfig());
+  visitOne(F::seqInfoSlot(sm_).get());
+  visitOne(sm_.ipStatus());
+  for (auto it = sm_.ipIntfStatusFilterIterator(); it; ++it) visitOne(it.value());
+  for (auto it = sm_.ipIntfStatusIterator(); it; ++it) visitOne(it.value());
+  visitOne(sm_.neighborDirByIntfName());
+  for (auto it = sm_.arpIntfStatusIterator(); it; ++it) visitOne(it.value());
+  visitOne(F::virtualIpSlot(sm_).get());
+}
+
+template <class F>
+void Machine<F>::kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) {
+  requireNotEnded();
+  Trust<F>(sm_).activityReplaced(sm_.kivFwkActivityRaw());
+  sm_.kivFwkActivity_.set(sm_, activity);
+  forEachReactor([&](auto& reactor) { reactor.kivFwkActivityIs(activity); });
+  Relevance<F>(sm_).review();
+}
+
+template <class F>
+void Machine<F>::hasNotificationActiveIs(bool active) {
+  requireNotEnded();
+  sm_.hasNotificationActive_ = active;
+  Trust<F>(sm_).deliverySwitched(active);
+  forEachReactor([active](auto& reactor) { reactor.hasNotificationActiveIs(active); });
+}
+
+template <class F>
+void Machine<F>::kivDoZombieReactors(bool zombie) {
+  Trust<F>(sm_).deliverySwitched(!zombie);
+  forEachReactor([zombie](auto& reactor) { reactor.kivDoZombieReactors(zombie); });
+}
+
+template <class F>
+template <class Status>
+void Machine<F>::vrfIpIntfStatusIs(const Status& status) {
+  requireNotEnded();
+  requireInput(bool(status), "vrfIpIntfStatus");
+  const Zemit::IntfId intfId = status->intfId();
+  const Event<F> event(sm_, CauseKind::Interface, intfId);
+  sm_.vrfIpIntfStatus_.set(sm_, intfId, status);
+  sm_.handleIpIntfStatus(intfId);
+  // A callback may have removed the interface, or replaced its status.
+  if (sm_.vrfIpIntfStatus(intfId) == status) sm_.ipIntfStatusIs(status);
+}
+
+template <class F>
+void Machine<F>::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
+  if (!sm_.vrfIpIntfStatus_.del(sm_, intfId)) return;
+  const Event<F> event(sm_, CauseKind::Interface, intfId);
+  sm_.handleIpIntfStatus(intfId);
+  if (!sm_.vrfIpIntfStatus(intfId)) sm_.ipIntfStatusDel(intfId);
+}
+
+template <class F>
+void Machine<F>::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
+  const auto filter = sm_.ipIntfStatusFilter(intfId);
+  if (!filter) return;
+  sm_.kiv_handleIpIntfStatusFilter(*filter);
+  sm_.ipIntfStatusFilter_.del(sm_, intfId);
+}
+
+template <class F>
+void Machine<F>::arpIntfStatusIs(const Arp::ArpIntfStatus::PtrConst& table) {
+  requireNotEnded();
+  requireInput(bool(table), "arpIntfStatus");
+  const auto former = bindMember(sm_.arpIntfStatus_, sm_, table->name(), table);
+  Relevance<F>(sm_).review(table->intfId());
+  if (former && former != table) {
+    NeighborEntries<F>(sm_).handleReplacedArpIntfStatus(*former, table);
+  }
+}
+
+template <class F>
+auto Machine<F>::newArpIntfStatus(const Arp::ArpIntfStatus::PtrConst& table) {
+  Arp::ArpIntfStatus::PtrConst former;
+  if (table) former = renewMember(sm_.arpIntfStatus_, sm_, table->name());
+  sm_.arpIntfStatusIs(table);  // refuses null
+  if (former && former != table) {
+    NeighborEntries<F>(sm_).handleReplacedArpIntfStatus(*former, table);
+  }
+  return sm_.arpIntfStatus(table->name());
+}
+
+template <class F>
+void Machine<F>::arpIntfStatusDel(const Kiv::Name& name) {
+  const auto reactor = sm_.arpIntfStatus(name);
+  if (!reactor) return;
+  sm_.kiv_handleArpIntfStatus(*reactor);
+  sm_.arpIntfStatus_.del(sm_, name);
+}
+
+/// Ends the root's machine, if there is one, and makes another. Returns it.
+template <class F>
+typename F::RouteSm::Ptr newRouteSm(typename F::RouteSmRoot& root,
+                                    const typename F::RouteSm::Inputs& inputs) {
+  const typename F::RouteSmRoot::Ptr alive(&root);
+  root.routeSmDel();
+  const auto machine = Kiv::make<typename F::RouteSm>(inputs);
+  F::routeSmSlot(root).set(root, machine);
+  return machine;
+}
+
+/// Makes the root's machine unless there is one over the same inputs. Returns it.
+template <class F>
+typename F::RouteSm::Ptr routeSmIs(typename F::RouteSmRoot& root,
+                                   const typename F::RouteSm::Inputs& inputs) {
+  const auto present = root.routeSm();
+  if (present && Machine<F>(*present).isOver(inputs)) return present;
+  return newRouteSm<F>(root, inputs);
+}
+
+}  // namespace HostCore

@@ -1,0 +1,105 @@
+// The third short cut, in part: prefetching the memory that a step will read.
+#pragma once
+
+#include "hostcore/Family.h"
+#include "hostcore/fast/CoverCache.h"
+
+namespace HostCore {
+
+/// Prefetches. Nothing here reads memory that a step would not read, or changes anything.
+template <Family F>
+class Prefetch {
+ public:
+  using Addr = typename F::Addr;
+  using Prefix = typename F::Prefix;
+  using Route = typename F::Route;
+  using Cache = CoverCache<Route, typename F::ForwardingStatus::Fec>;
+
+  explicit Prefetch(const typename F::RouteSm& sm) : sm_(sm) {}
+
+  /// The memory that the event of the neighbour `ip` reads first; `cache` is the one of its table.
+  void neighbor(const Addr& ip, const Cache& cache) const;
+  /// The memory that it reads next: the vias of its host route, or all that a new or a withdrawn
+  /// host route needs.
+  ///
+  /// \param hostRoute   the present one, or any other route.
+  /// \param isNeighbor  whether `ip` is in the table of `intf` now.
+  void change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor, const Route& hostRoute) const;
+
+  /// The host route of `ip`; once that has arrived, its adjacency; and then the memory that the
+  /// removal of that adjacency reads.
+  void hostRoute(const Addr& ip) const {
+    if (const auto* routes = neighborRoutes()) routes->prefetch(hostPrefix<F>(ip));
+  }
+  void adjacency(const Addr& ip) const {
+    const auto* routes = neighborRoutes();
+    if (routes != nullptr) routes->adjacencies().prefetch(routes->route(hostPrefix<F>(ip)).fecId);
+  }
+  void lastUse(const Addr& ip) const {
+    const auto* routes = neighborRoutes();
+    if (routes == nullptr) return;
+    const auto fecId = routes->route(hostPrefix<F>(ip)).fecId;
+    routes->adjacencies().prefetch(routes->adjIndexToViaSet(fecId));
+  }
+  /// The memory that a new adjacency of `ip` through `intf` needs.
+  void newAdjacency(const Addr& ip, Zemit::IntfId intf) const {
+    if (const auto* routes = neighborRoutes()) routes->adjacencies().prefetch(viasOf(ip, intf));
+  }
+  /// The record of `prefix` in the route table.
+  void route(const Prefix& prefix) const {
+    if (const auto* routes = sm_.routeStatusRaw()) routes->prefetch(prefix);
+  }
+
+ private:
+  /// The host routes of neighbours, or null.
+  const typename F::HostTable* neighborRoutes() const {
+    const auto* root = sm_.rootRaw();
+    return root == nullptr ? nullptr : F::neighborTable(*root).get();
+  }
+  static typename F::ViaSet viasOf(const Addr& ip, Zemit::IntfId intf) {
+    typename F::ViaSet vias;
+    vias.newVia({.hop = ip, .intf = intf}, 1);
+    return vias;
+  }
+
+  const typename F::RouteSm& sm_;
+};
+
+template <Family F>
+void Prefetch<F>::neighbor(const Addr& ip, const Cache& cache) const {
+  const auto* root = sm_.rootRaw();
+  if (root == nullptr) return;
+  cache.prefetch(ip);
+  const Route& cover = cache.cover().route;
+  if (!cache.isValid(sm_.fast().coverVersion)) {
+    route(cover.key);
+    if (const auto* forwarding = sm_.forwardingStatus()) forwarding->prefetch(cover.fecId);
+  }
+  root->prefixToRoutePrefetch(cover.key);  // the set of neighbours is in the same row
+  root->adjacencyToPrefixPrefetch(cover.fecId);
+  hostRoute(ip);
+  // The records that tell whether the merge may be omitted.
+  const Prefix host = hostPrefix<F>(ip);
+  root->prefixToRoutePrefetch(host);
+  route(host);
+  if (const auto* hostStatus = sm_.hostStatusRaw()) hostStatus->prefetch(host);
+}
+
+template <Family F>
+void Prefetch<F>::change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor,
+                         const Route& hostRoute) const {
+  const auto* routes = neighborRoutes();
+  if (routes == nullptr) return;
+  const auto& adjacencies = routes->adjacencies();
+  const bool exists = hostRoute.key == hostPrefix<F>(ip);
+  if (exists) adjacencies.prefetch(hostRoute.fecId);
+  if (exists == isNeighbor) return;
+  // A neighbour is hardly ever reached through more than one interface.
+  const auto vias = viasOf(ip, intf);
+  adjacencies.prefetch(vias);
+  if (const auto* adjHelper = sm_.adjHelperRaw()) {
+    isNeighbor ? adjHelper->prefetchNew(vias) : adjHelper->prefetchLast(vias);
+  }
+}
+
+}  // namespace HostCore

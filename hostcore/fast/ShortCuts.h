@@ -1,0 +1,233 @@
+// The seam between the steps and the short cuts: a step includes nothing else of this folder.
+//
+// A step reads well without it: every line that names a short cut may be removed, or replaced by
+// the plain form that its comment gives, and the tables come out the same.
+#pragma once
+
+#include <exception>
+#include <optional>
+#include <utility>
+
+#include "hostcore/Family.h"
+#include "hostcore/fast/CoverCache.h"
+#include "hostcore/fast/Pipeline.h"
+#include "hostcore/fast/Prefetch.h"
+#include "hostcore/fast/Relevance.h"
+#include "hostcore/fast/Trust.h"
+#include "platform/obu/FibLookup.h"
+
+namespace HostCore {
+
+/// The verbs with which a step informs the short cuts of its machine.
+template <Family F>
+class ShortCuts {
+ public:
+  using Addr = typename F::Addr;
+  using Prefix = typename F::Prefix;
+  using Route = typename F::Route;
+
+  explicit ShortCuts(typename F::RouteSm& sm) : sm_(sm) {}
+
+  /// This step leaves the merge of its changes to its caller.
+  void leavesMerge() { Trust<F>(sm_).stepTaken(); }
+  /// The route of `prefix` is about to be read from its table, for handleRoute().
+  void reads(const Prefix& prefix) {
+    sm_.fast().routeIsRead = true;
+    if (const auto* root = sm_.rootRaw()) root->prefixToRoutePrefetch(prefix);
+  }
+  /// The FIB route of `prefix` was announced.
+  void announced(const Prefix& prefix) {
+    ++sm_.fast().coverVersion;
+    const bool isRead = std::exchange(sm_.fast().routeIsRead, false);
+    if (!sm_.initialized()) return;
+    Trust<F>(sm_).routeHandedOver(isRead);
+    Relevance<F>(sm_).routeAnnounced(prefix);
+  }
+  /// A FEC was announced; without an id, all were.
+  void announced(Tovan::Fib::FecId fecId) { Relevance<F>(sm_).fecChanged(fecId); }
+  void announced() { Relevance<F>(sm_).fecsChanged(); }
+  /// A tracked route resolves through `now` in place of `before`; either may be none.
+  void moved(Tovan::Fib::FecId before, Tovan::Fib::FecId now) {
+    Relevance<F>(sm_).routeMoved(before, now);
+  }
+  /// A neighbour is filed in this set, or the prefix of its cover in this list.
+  void filedIn(const typename F::AddrSet& neighbors) {
+    if (auto* cache = sm_.fast().cache) cache->neighborSetIs(neighbors);
+  }
+  void filedIn(const typename F::PrefixList& prefixes) {
+    if (auto* cache = sm_.fast().cache) cache->prefixListIs(prefixes);
+  }
+  /// The deferred merges are made up for, and then forgotten. `waiting` may be null.
+  void deferredMergesTaken(const typename F::AddrSet* waiting) {
+    Trust<F> trust(sm_);
+    trust.deferredMergesFound(waiting);
+    if (waiting != nullptr && waiting->ipCount() != 0) trust.deferredMergesForgotten();
+  }
+
+  /// The machine has other trace levels of its own.
+  void levelsChanged() { Relevance<F>(sm_).review(); }
+
+ private:
+  typename F::RouteSm& sm_;
+};
+
+/// The scope that a handler stands in. A handler merges all that it changes, unless an exception
+/// ends it.
+template <Family F>
+class HandlerScope {
+ public:
+  explicit HandlerScope(typename F::RouteSm& sm) : sm_(sm) { ++sm_.fast().handlers; }
+  HandlerScope(const HandlerScope&) = delete;
+  HandlerScope& operator=(const HandlerScope&) = delete;
+  ~HandlerScope() {
+    --sm_.fast().handlers;
+    if (std::uncaught_exceptions() != 0) Trust<F>(sm_).handlerFailed();
+  }
+
+ private:
+  typename F::RouteSm& sm_;
+};
+
+/// The scope of one neighbour's handler. It knows whether the merge at the end may be omitted.
+template <Family F, class Reactor>
+class NeighborScope {
+ public:
+  using Addr = typename F::Addr;
+  using Route = typename F::Route;
+
+  /// \param isNeighbor  whether the reactor's table has `addr` now.
+  /// \param hostRoute   the host route that `addr` has as a neighbour, or any other route.
+  NeighborScope(typename F::RouteSm& sm, const Reactor& reactor, const Addr& addr, bool isNeighbor,
+                const Route& hostRoute)
+      : handler_(sm),
+        sm_(sm),
+        reactor_(&reactor),
+        addr_(addr),
+        hostRoute_(hostRoute),
+        former_(std::exchange(sm.fast().cache, &reactor.coverCache())) {
+    reactor.coverCache().isTrustedIs(Trust<F>(sm).holds());
+    Prefetch<F>(sm).change(addr, reactor.notifierRaw()->intfId(), isNeighbor, hostRoute);
+  }
+  NeighborScope(const NeighborScope&) = delete;
+  NeighborScope& operator=(const NeighborScope&) = delete;
+  ~NeighborScope() { sm_.fast().cache = former_; }
+
+  /// True when the merge of the address would write nothing and trace nothing. It is then as if it
+  /// had been made.
+  bool mayOmitMerge() const {
+    if (!sm_.initialized() || F::trace().buildsAbove(0, sm_) || !isMerged()) return false;
+    Relevance<F>(sm_).merged(addr_);
+    return true;
+  }
+
+ private:
+  bool isMerged() const;
+
+  HandlerScope<F> handler_;
+  typename F::RouteSm& sm_;
+  Kiv::Ptr<const Reactor> reactor_;  // a callback may remove the table, and with it the cache
+  const Addr addr_;
+  const Route hostRoute_;
+  CoverCache<Route, typename F::ForwardingStatus::Fec>* former_;
+};
+
+/// True when the route table already has the route that the merge of the address would write.
+template <Family F, class Reactor>
+bool NeighborScope<F, Reactor>::isMerged() const {
+  const auto* routeTable = sm_.routeStatusRaw();
+  if (routeTable == nullptr) return true;
+  const auto prefix = hostPrefix<F>(addr_);
+  const auto& root = Kiv::validPtr(sm_.rootRaw());
+  const auto& neighbors = *Kiv::validPtr(F::neighborTable(root));
+  const Route neighborRoute = neighbors.route(prefix);
+  if (neighborRoute != hostRoute_) return false;
+  const auto isIn = [&prefix](const typename F::HostTable* table) {
+    return table != nullptr && table->route(prefix).key == prefix;
+  };
+  // The winner is a neighbour as a rule. A rarer one is merged.
+  if constexpr (F::kMergesReceiveRoutes) {
+    if (isIn(Kiv::validPtr(root.receiveTable()).get())) return false;
+  }
+  if (isIn(sm_.hostStatusRaw())) return false;
+  Route existing;
+  try {
+    existing = routeTable->route(prefix);
+  } catch (const Tovan::CorruptionDetectedException&) {
+    return false;  // the merge reports it
+  }
+  const bool exists = existing.key == prefix;
+  if (neighborRoute.key != prefix) return !exists;
+  const auto* virtualIps = sm_.virtualIps();
+  if (virtualIps != nullptr && virtualIps->isVirtual(addr_)) return false;
+  // The merge would take over the metric of a tracked route.
+  return exists && existing.routeType == F::kAttached && !root.prefixToRouteFind(prefix) &&
+         Kiv::validPtr(sm_.adjHelperRaw())
+             .isFibAdjacency(existing.fecId, neighbors.adjIndexToViaSet(neighborRoute.fecId));
+}
+
+/// While one stands, the machine itself writes the host route of one address to the route table.
+template <Family F>
+class WriteScope {
+ public:
+  using Prefix = typename F::Prefix;
+  using Route = typename F::Route;
+
+  /// \param replaced  the route table's record of the address.
+  /// \param isMerge   whether the write leaves the record that a merge would write.
+  WriteScope(typename F::RouteSm& sm, const typename F::Addr& addr, const Route& replaced,
+             bool isMerge = true)
+      : state_(sm.fast()), former_(std::exchange(state_.ownWrite, hostPrefix<F>(addr))) {
+    if (isMerge) Relevance<F>(sm).merged(addr);
+    if (const auto* adjHelper = sm.adjHelperRaw()) adjHelper->prefetch(replaced.fecId);
+  }
+  WriteScope(const WriteScope&) = delete;
+  WriteScope& operator=(const WriteScope&) = delete;
+  ~WriteScope() { state_.ownWrite = former_; }
+
+ private:
+  typename F::RouteSm::FastState& state_;
+  std::optional<Prefix> former_;
+};
+
+/// While one stands, merges are added to the set of those that wait for the machine to be
+/// initialized.
+template <Family F>
+class DeferralScope {
+ public:
+  DeferralScope(typename F::RouteSm& sm, const typename F::AddrSet::Ptr& waiting)
+      : trust_(sm), waiting_(waiting) {
+    trust_.deferredMergesFound(waiting_.get());
+  }
+  DeferralScope(const DeferralScope&) = delete;
+  DeferralScope& operator=(const DeferralScope&) = delete;
+  ~DeferralScope() { trust_.mergesDeferred(*waiting_); }
+
+ private:
+  Trust<F> trust_;
+  typename F::AddrSet::Ptr waiting_;  // a callback may replace it in the root
+};
+
+/// Somebody has called a function that takes a step and leaves the merge to its caller, with this
+/// root. It may have no machine.
+template <Family F>
+void leavesMerge(const typename F::RouteSmRoot& root) {
+  if (const auto& machine = root.routeSm()) ShortCuts<F>(*machine).leavesMerge();
+}
+/// The same for the machine that owns a host table. None need own it.
+template <Family F>
+void leavesMerge(const typename F::HostTable& table) {
+  const auto* root = dynamic_cast<const typename F::RouteSmRoot*>(table.parent());
+  if (root != nullptr) leavesMerge<F>(*root);
+}
+
+/// An event of the neighbour `addr` will come: prefetches the memory that it reads. Before the
+/// first event of the table nothing is known of that.
+template <Family F, class Reactor>
+void neighborExpected(const Reactor& reactor, const typename F::Addr& addr) {
+  const auto* machine = reactor.routeSm();
+  if (machine != nullptr && reactor.hasCoverCache()) {
+    Prefetch<F>(*machine).neighbor(addr, reactor.coverCache());
+  }
+}
+
+}  // namespace HostCore

@@ -1,0 +1,71 @@
+// The state of a machine's short cuts. It decides nothing about a table.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "platform/kiv/containers/HashMap.h"
+#include "platform/kiv/containers/Ptr.h"
+#include "platform/kiv/containers/SmallVector.h"
+#include "platform/kiv/runtime/Entity.h"
+#include "platform/kiv/runtime/Watch.h"
+#include "platform/tovan/FibTypes.h"
+#include "platform/zemit/IntfId.h"
+
+namespace HostCore {
+
+template <class R, class Fec>
+class CoverCache;
+
+template <class R, class Fec>
+struct FastState {
+  using Prefix = decltype(R::key);
+  using Addr = typename Prefix::Addr;
+
+  /// A FEC of tracked routes.
+  struct FecUse {
+    uint32_t routes = 0;                    ///< how many resolve through it
+    Kiv::SmallVector<Zemit::IntfId> intfs;  ///< of its vias
+  };
+
+  /// \name Trust, see Trust.h
+  /// @{
+  bool isTrusted = true;
+  /// How many handlers are running, one within the other.
+  uint32_t handlers = 0;
+  /// The route that handleRoute() is about to get was read from its table.
+  bool routeIsRead = false;
+  /// The set of merges that wait for the machine to be initialized, when one was last added, and
+  /// how many there were then. Null when none waits.
+  Kiv::Ptr<const Kiv::Entity> deferredIn;
+  size_t deferred = 0;
+  /// @}
+
+  /// \name Caches, see CoverCache.h
+  /// @{
+  /// Of the table whose neighbour is being handled; else null.
+  CoverCache<R, Fec>* cache = nullptr;
+  /// Goes up with each change that may concern the cover of an address.
+  uint64_t coverVersion = 1;
+  /// @}
+
+  /// \name Relevance, see Relevance.h
+  /// @{
+  /// The FECs of the tracked routes.
+  Kiv::HashMap<Tovan::Fib::FecId, FecUse> fecs;
+  /// The interfaces through which tracked routes leave, each with the number of such vias.
+  Kiv::HashMap<Zemit::IntfId, uint32_t> intfs;
+  /// The addresses whose next merge may change something.
+  Kiv::HashMap<Addr, Kiv::Present> due;
+  /// The tracked prefixes whose route was written with another FEC and not announced yet.
+  Kiv::HashMap<Prefix, Kiv::Present> unannounced;
+  /// The host route that the machine itself is writing to the route table.
+  std::optional<Prefix> ownWrite;
+  Kiv::Watch<Prefix> routeWatch;
+  Kiv::Watch<Prefix> hostRouteWatch;
+  Kiv::Watch<Tovan::Fib::FecId> fecWatch;
+  Kiv::Watch<Addr> virtualIpWatch;
+  /// @}
+};
+
+}  // namespace HostCore

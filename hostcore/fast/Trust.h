@@ -1,0 +1,105 @@
+// When the short cuts of a machine may be trusted.
+#pragma once
+
+#include <utility>
+
+#include "hostcore/Family.h"
+#include "hostcore/fast/State.h"
+
+namespace HostCore {
+
+/// Decides whether a machine may use its short cuts. All rules stand here.
+///
+/// A short cut relies on this: the machine has merged each address that it changed, and it hears of
+/// each change of its inputs. Kiv::Watch tells it of every write to its route table, the host-route
+/// status, the FECs and the virtual addresses at once, announced or not. When something else may
+/// have happened without its knowledge, the machine loses the trust for good: from then on it takes
+/// every step.
+template <Family F>
+class Trust {
+ public:
+  explicit Trust(typename F::RouteSm& sm) : sm_(sm), state_(sm.fast()) {}
+
+  /// True when everything that was changed is merged, except the addresses in `due`.
+  bool holds() const {
+    return state_.isTrusted && sm_.initialized() && !isQueueing(sm_.kivFwkActivityRaw()) &&
+           sm_.routeStatusRaw() != nullptr && sm_.hostStatusRaw() != nullptr &&
+           sm_.forwardingStatus() != nullptr;
+  }
+  /// Something may have happened without the machine's knowledge.
+  void end() {
+    state_.isTrusted = false;
+    ++state_.coverVersion;
+    for (auto it = sm_.arpIntfStatusIterator(); it; ++it) it.value()->isQuietIs(false);
+  }
+
+  /// A machine begins. It has not merged the host routes that are in the route table, nor the state
+  /// that a former machine left in the root.
+  ///
+  /// \param isAllRead  whether the whole route table could be read.
+  void machineBegan(bool isAllRead) {
+    bool isFirst = isAllRead;
+    for (const uint64_t ofType : sm_.account().counts.hostRoutes) isFirst = isFirst && ofType == 0;
+    if (const auto* root = sm_.rootRaw()) {
+      const auto& neighbors = F::neighborTable(*root);
+      isFirst = isFirst && root->prefixToRouteCount() == 0 &&
+                (!neighbors || neighbors->routeCount() == 0);
+    }
+    if (!isFirst) end();
+  }
+  /// An exception that ends a handler may have kept it from a merge.
+  void handlerFailed() { end(); }
+  /// A step that leaves the merge to its caller was taken. Outside of a handler there may be none.
+  void stepTaken() {
+    if (state_.handlers == 0) end();
+  }
+  /// A route was handed over. One that was not read from its table just now may differ from what
+  /// the next event reads.
+  void routeHandedOver(bool isRead) {
+    if (!isRead) end();
+  }
+  /// A FEC is tracked. Changes of the adjacencies among the FECs are not announced.
+  void fecTracked(Tovan::Fib::FecId fecId) {
+    if (fecId >= F::ForwardingStatus::kFirstAdjacency) end();
+  }
+  /// Merges were added to the set of those that wait.
+  void mergesDeferred(const typename F::AddrSet& waiting) {
+    state_.deferredIn = Kiv::Ptr<const Kiv::Entity>(&waiting);
+    state_.deferred = waiting.ipCount();
+  }
+  /// `waiting`, which may be null, is now the set of merges that wait. Somebody may have replaced
+  /// or emptied the one that had them.
+  void deferredMergesFound(const typename F::AddrSet* waiting) {
+    if (!state_.deferredIn) return;
+    if (state_.deferredIn.get() != waiting || waiting->ipCount() < state_.deferred) end();
+    state_.deferredIn = {};
+  }
+  /// The machine forgets the merges that wait. Until it is initialized it has not made up for them.
+  void deferredMergesForgotten() {
+    if (!sm_.initialized()) end();
+  }
+  /// An input was set. The machine knows of the former one.
+  void inputSet(bool isOther) {
+    if (isOther) end();
+  }
+  /// An activity is replaced. Its queued notifications come late.
+  void activityReplaced(const Kiv::ActivityConfig* former) {
+    if (isQueueing(former)) end();
+  }
+  /// Notifications that come while delivery is switched off are lost.
+  void deliverySwitched(bool isOn) {
+    if (!isOn) end();
+  }
+
+ private:
+  // Queued notifications are handled with the tables as they are then, in a state that nobody knows
+  // yet.
+  static bool isQueueing(const Kiv::ActivityConfig* activity) {
+    return activity != nullptr && activity->queues();
+  }
+
+  typename F::RouteSm& sm_;
+  typename F::RouteSm::FastState& state_;
+};
+
+}  // namespace HostCore

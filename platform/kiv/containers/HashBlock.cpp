@@ -1,0 +1,138 @@
+// The memory of a hash table: where it comes from and how it is given back.
+#include "platform/kiv/containers/HashBlock.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <new>
+
+namespace Kiv::detail {
+
+namespace {
+
+constexpr size_t kPage = 4096;
+constexpr size_t kHugePage = size_t{2} << 20;
+// From this size on memory is mapped. Its pages come zeroed when they are first touched and go a
+// few at a time, so no insertion pays for the whole. They are small while a block is being filled:
+// for a huge one the system may have to move others out of the way, which takes milliseconds.
+constexpr size_t kMappedBytes = 2 * kHugePage;
+
+constexpr size_t roundUp(size_t bytes, size_t unit) {
+  return (bytes + unit - 1) & ~(unit - 1);
+}
+
+/// The control bytes before the slots. Whole groups, so that each is in one cache line when there
+/// are many.
+size_t headBytes(size_t groups) {
+  const size_t emptying = groups == 1 ? 0 : sizeof(HashBlock::Emptying);
+  return emptying + groups * sizeof(HashGroup) + sizeof(HashBlock);
+}
+size_t blockBytes(size_t groups, size_t slots, size_t slotSize) {
+  const size_t bytes = headBytes(groups) + slots * slotSize;
+  return bytes < kMappedBytes ? bytes : roundUp(bytes, kPage);
+}
+
+/// The slots of one group that fit what the heap hands out for `elements` of them: multiples of 16
+/// bytes less the 8 it keeps for itself.
+size_t slotsInHeapBlock(size_t elements, size_t slotSize) {
+  const size_t usable = roundUp(blockBytes(1, elements, slotSize) + 8, 16) - 8;
+  return std::min<size_t>(HashGroup::kSlots, (usable - headBytes(1)) / slotSize);
+}
+
+/// Where the huge page of `at`, or the next one, begins.
+std::byte* downToHugePage(std::byte* at) {
+  return at - reinterpret_cast<uintptr_t>(at) % kHugePage;
+}
+std::byte* upToHugePage(std::byte* at) {
+  return downToHugePage(at + kHugePage - 1);
+}
+
+/// Maps memory that begins on a huge page, so that it can be made of them.
+std::byte* map(size_t bytes) {
+  const size_t mappedBytes = bytes + kHugePage;
+  void* mapped =
+      mmap(nullptr, mappedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED) throw std::bad_alloc();
+  auto* const first = static_cast<std::byte*>(mapped);
+  std::byte* const start = upToHugePage(first);
+  if (start != first) munmap(first, static_cast<size_t>(start - first));
+  munmap(start + bytes, static_cast<size_t>(first + mappedBytes - (start + bytes)));
+  return start;
+}
+
+}  // namespace
+
+HashBlock* HashBlock::allocate(size_t elements, size_t slotSize) {
+  size_t groups = 1;
+  size_t slots = elements;
+  if (elements <= HashGroup::kSlots) {
+    slots = slotsInHeapBlock(elements, slotSize);
+  } else {
+    for (slots = 0; slots - slots / 8 < elements; slots = groups * HashGroup::kSlots) groups *= 2;
+  }
+  const size_t bytes = blockBytes(groups, slots, slotSize);
+  const bool isMapped = bytes >= kMappedBytes;
+  auto* memory = isMapped ? map(bytes) : static_cast<std::byte*>(::operator new(bytes));
+  if (!isMapped) std::memset(memory, HashGroup::kEmptySlot, headBytes(groups));
+  auto* block = reinterpret_cast<HashBlock*>(memory + headBytes(groups)) - 1;
+  *block = {.size = 0,
+            .free = 0,
+            .generation = 0,
+            .shift = static_cast<uint8_t>(32 - std::countr_zero(groups)),
+            .slotsOfOne = static_cast<uint8_t>(groups == 1 ? slots : 0),
+            .isMapped = isMapped,
+            .emptiesAnother = false};
+  block->free = static_cast<uint32_t>(block->capacity());
+  if (groups == 1) {
+    std::memset(block->group(0)->control + slots, HashGroup::kNoSlot, HashGroup::kSlots - slots);
+  }
+  return block;
+}
+
+size_t HashBlock::bytes(size_t slotSize) const noexcept {
+  return slotCount() == 0 ? 0 : blockBytes(groupCount(), slotCount(), slotSize);
+}
+
+std::byte* HashBlock::end(size_t slotSize) noexcept {
+  return slots(0, slotSize) - headBytes(groupCount()) + bytes(slotSize);
+}
+
+void HashBlock::useHugePages(size_t slotSize) noexcept {
+  if (!isMapped) return;
+  std::byte* const start = slots(0, 0) - headBytes(groupCount());
+  madvise(start, static_cast<size_t>(end(slotSize) - start), MADV_HUGEPAGE);
+}
+
+void HashBlock::release(std::byte* end) noexcept {
+  std::byte* const start = slots(0, 0) - headBytes(groupCount());
+  if (isMapped) {
+    munmap(start, static_cast<size_t>(end - start));
+  } else {
+    ::operator delete(start);
+  }
+}
+
+std::byte* HashBlock::releaseBehind(size_t groups, size_t slotSize, std::byte* end) noexcept {
+  if (!isMapped) return end;
+  std::byte* const unused = upToHugePage(slots(groups, slotSize));
+  if (unused >= end) return end;
+  munmap(unused, static_cast<size_t>(end - unused));
+  return unused;
+}
+
+void HashBlock::releaseAround(void* slot, size_t slotSize) noexcept {
+  if (!isMapped) return;
+  std::byte* const page = downToHugePage(static_cast<std::byte*>(slot));
+  std::byte* const first = slots(0, slotSize);
+  std::byte* const from = std::max(page, first + -reinterpret_cast<uintptr_t>(first) % kPage);
+  std::byte* const to = std::min(page + kHugePage, end(slotSize));
+  if (from >= to) return;
+  const size_t groupBytes = HashGroup::kSlots * slotSize;
+  const size_t last = std::min(static_cast<size_t>(to - 1 - first) / groupBytes, groupCount() - 1);
+  for (auto number = static_cast<size_t>(from - first) / groupBytes; number <= last; ++number) {
+    if (HashMatcher::full(*group(number)) != 0) return;
+  }
+  madvise(from, static_cast<size_t>(to - from), MADV_DONTNEED);
+}
+
+}  // namespace Kiv::detail

@@ -1,0 +1,134 @@
+// Activities: when the notifications of a reactor are delivered.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <tuple>
+#include <vector>
+
+#include "platform/kiv/containers/Hash.h"
+#include "platform/kiv/containers/HashMap.h"
+#include "platform/kiv/containers/Ptr.h"
+#include "platform/kiv/runtime/Attribute.h"
+
+namespace Kiv {
+
+class Notifiee;
+
+/// One notification that waits to be delivered: a reactor, an attribute and, for a collection
+/// entry, its key.
+class PendingNotification {
+ public:
+  PendingNotification(Notifiee& reactor, AttributeId attribute)
+      : reactor_(reactor), attribute_(attribute) {}
+  virtual ~PendingNotification() = default;
+
+  /// The reactor. Takes its notifications back when it goes.
+  Notifiee& reactor() const noexcept { return reactor_; }
+  AttributeId attribute() const noexcept { return attribute_; }
+
+  /// Calls the reactor's callback.
+  virtual void deliver() const = 0;
+  virtual uint32_t hash() const = 0;
+  virtual bool isSame(const PendingNotification& other) const = 0;
+
+ private:
+  Notifiee& reactor_;
+  AttributeId attribute_;
+};
+
+/// The scheduling context of reactors. This one delivers at once: a callback runs inside the call
+/// that made the change.
+class ActivityConfig : public Object {
+ public:
+  using Ptr = Kiv::Ptr<ActivityConfig>;
+
+  ActivityConfig() = default;
+
+  /// True when notifications wait for the activity to run.
+  bool queues() const noexcept { return queues_; }
+  /// Delivers `notification`: an activity that queues when it runs, another now.
+  virtual void enqueue(std::unique_ptr<PendingNotification> notification);
+  /// Returns the notifications that wait for `reactor`, in the order of arrival.
+  virtual std::vector<std::unique_ptr<PendingNotification>> withdraw(Notifiee& reactor);
+  /// Calls the callback for which this activity has entered `reactor`'s handleNotification().
+  void deliverCurrent(Notifiee& reactor);
+
+ protected:
+  explicit ActivityConfig(bool queues) : queues_(queues) {}
+
+  /// Enters the reactor's handleNotification(); an exception is reported to the reactor.
+  /// \returns false when the reactor accepts no notifications.
+  bool deliver(const PendingNotification& notification);
+  bool isDelivering() const noexcept { return current_ != nullptr; }
+
+ private:
+  const PendingNotification* current_ = nullptr;
+  bool queues_ = false;
+};
+
+/// An activity that keeps notifications until it is run.
+///
+/// The same reactor, attribute and key wait once, however often they are announced, in the place
+/// of their first announcement.
+class QueueingActivity final : public ActivityConfig {
+ public:
+  using Ptr = Kiv::Ptr<QueueingActivity>;
+
+  QueueingActivity() : ActivityConfig(true) {}
+
+  /// Delivers all notifications that wait now; later ones wait for the next run. A run from
+  /// within a callback delivers nothing.
+  /// \returns how many notifications were delivered.
+  size_t run();
+  /// The number of notifications that wait.
+  size_t pending() const noexcept { return waiting_.size(); }
+
+  void enqueue(std::unique_ptr<PendingNotification> notification) override;
+  std::vector<std::unique_ptr<PendingNotification>> withdraw(Notifiee& reactor) override;
+
+ private:
+  /// A notification as a key: the same reactor, attribute and key are equal.
+  struct Waiting {
+    const PendingNotification* notification;
+
+    uint32_t hash() const { return notification->hash(); }
+    friend bool operator==(const Waiting& a, const Waiting& b) {
+      return a.notification->isSame(*b.notification);
+    }
+  };
+
+  std::deque<std::unique_ptr<PendingNotification>> queue_;  // null: taken back
+  HashMap<Waiting, Present> waiting_;
+};
+
+/// A waiting notification of attribute `Attribute`; `Key` is empty for a scalar and for the
+/// announcement of a whole collection.
+template <class Attribute, class... Key>
+class PendingNotificationOf final : public PendingNotification {
+ public:
+  explicit PendingNotificationOf(Notifiee& reactor, const Key&... key)
+      : PendingNotification(reactor, Attribute::kInfo.id), key_(key...) {}
+
+  void deliver() const override {
+    std::apply([this](const Key&... key) { Attribute::deliver(reactor(), key...); }, key_);
+  }
+  uint32_t hash() const override {
+    uint32_t ofKey = 0;
+    if constexpr (sizeof...(Key) == 1) ofKey = Hash<Key...>()(std::get<0>(key_));
+    return hashWords(reinterpret_cast<uintptr_t>(&reactor()),
+                     (uint64_t{attribute()} << 32) | ofKey);
+  }
+  bool isSame(const PendingNotification& other) const override {
+    if (&other.reactor() != &reactor() || other.attribute() != attribute()) return false;
+    const auto* same = dynamic_cast<const PendingNotificationOf*>(&other);
+    return same != nullptr && same->key_ == key_;
+  }
+
+ private:
+  std::tuple<Key...> key_;
+};
+
+}  // namespace Kiv

@@ -1,0 +1,28 @@
+// Assertions: a broken invariant stops the process.
+#pragma once
+
+#include <string_view>
+
+namespace Kiv {
+
+/// Reports a broken invariant on standard error and aborts.
+///
+/// \param expression  the condition that did not hold, as written.
+/// \param module      the source module, such as "HostRouteSm".
+/// \param function    the full signature of the function.
+[[noreturn]] void assertionFailed(std::string_view expression, std::string_view module, int line,
+                                  std::string_view function) noexcept;
+
+}  // namespace Kiv
+
+/// Stops the process with the expression, the module, the line and the function's full signature
+/// unless `expression` holds.
+#define KIV_ASSERT(module, expression) KIV_ASSERT_AS(module, expression, #expression)
+
+/// KIV_ASSERT for an expression whose text is relied on, however the code spells it: `text` is
+/// shown.
+#define KIV_ASSERT_AS(module, expression, text)                            \
+  do {                                                                     \
+    if (!(expression)) [[unlikely]]                                        \
+      ::Kiv::assertionFailed(text, module, __LINE__, __PRETTY_FUNCTION__); \
+  } while (false)

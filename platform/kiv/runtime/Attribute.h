@@ -1,0 +1,30 @@
+// The id and the name of an attribute of an entity type.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace Kiv {
+
+/// The number by which reflection, queued notifications and exception reports know an attribute.
+/// Unique within its type and stable; a type's own attributes count from kFirstAttributeId.
+using AttributeId = uint32_t;
+
+/// Ids below this one belong to the attributes every entity has.
+inline constexpr AttributeId kFirstAttributeId = 257;
+
+/// An attribute's id and name.
+struct AttributeInfo {
+  AttributeId id;
+  const char* name;
+};
+
+/// True when `capitalised` is `name` with its first letter in upper case. The attribute macros are
+/// given both spellings, because the preprocessor cannot make one from the other.
+constexpr bool isCapitalised(std::string_view name, std::string_view capitalised) {
+  return name.size() == capitalised.size() && !name.empty() && name.front() >= 'a' &&
+         name.front() <= 'z' && name.front() - 'a' == capitalised.front() - 'A' &&
+         name.substr(1) == capitalised.substr(1);
+}
+
+}  // namespace Kiv

@@ -1,0 +1,606 @@
+// The kinds of attributes an entity can have: their storage, change detection and announcement.
+//
+// The templates hold all behaviour. One macro for each kind stamps the members that need the
+// attribute's name: a tag type (the id, the name, and which callback reports a change) and the
+// uniform one-line members. Setters whose arguments or refusals are an attribute's own stand beside
+// it in the class.
+//
+// Each macro stands in the public part of a class, after its NotifieeConst, which must declare the
+// attribute's callbacks: on##Attr() for one value, on##Attr(key) and on##Attr##kivImmediate() for a
+// collection.
+#pragma once
+
+#include <concepts>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "platform/kiv/containers/HashMap.h"
+#include "platform/kiv/containers/OrderedHashMap.h"
+#include "platform/kiv/runtime/Entity.h"
+
+namespace Kiv {
+
+/// A value that belongs to its entity, such as a bool, an address or a name.
+template <class Tag, class T>
+class Scalar {
+ public:
+  using AttributeTag = Tag;
+
+  Scalar() = default;
+  explicit Scalar(T value) : value_(std::move(value)) {}
+
+  const T& get() const noexcept { return value_; }
+  /// Stores `value` and announces it, if it differs from the stored one.
+  /// \returns true when it differed.
+  bool set(const Entity& owner, T value) {
+    if (value_ == value) return false;
+    value_ = std::move(value);
+    owner.notify<Tag>();
+    return true;
+  }
+  /// Stores `value` without a notification: for constructors.
+  void setQuietly(T value) { value_ = std::move(value); }
+
+ private:
+  T value_{};
+};
+
+/// A reference to an object that somebody else owns and must keep alive as long as it is set.
+template <class Tag, class T>
+class PointerAttribute {
+ public:
+  using AttributeTag = Tag;
+
+  PointerAttribute() = default;
+  explicit PointerAttribute(const Ptr<T>& object) : object_(object.get()) {}
+
+  Ptr<T> get() const noexcept { return Ptr<T>(object_); }
+  /// The object for the length of a call, without touching its count.
+  T* raw() const noexcept { return object_; }
+  bool set(const Entity& owner, const Ptr<T>& object) {
+    if (object_ == object.get()) return false;
+    object_ = object.get();
+    owner.notify<Tag>();
+    return true;
+  }
+  void setQuietly(const Ptr<T>& object) { object_ = object.get(); }
+
+ private:
+  T* object_ = nullptr;
+};
+
+namespace detail {
+
+template <class V>
+inline constexpr bool isEntityHandle = false;
+template <std::derived_from<Entity> T>
+inline constexpr bool isEntityHandle<Ptr<T>> = !std::is_const_v<T>;
+
+/// Tells an owned entity whose it is, or that it is nobody's. Other values, handles to const
+/// entities among them, have no owner.
+template <class Tag, class V>
+void adopt(const Entity& owner, const V& value) {
+  if constexpr (isEntityHandle<V>) {
+    if (value) value->parentIs(&owner, &Tag::kInfo);
+  }
+}
+template <class V>
+void disown(const V& value) {
+  if constexpr (isEntityHandle<V>) {
+    if (value) value->parentIs(nullptr, nullptr);
+  }
+}
+
+/// Handles to objects that end when their owner releases them, even if others hold them: reactors,
+/// and entities that own some.
+template <class V>
+inline constexpr bool isRetiring = false;
+template <class T>
+requires std::derived_from<T, Notifiee> || requires(T& object) {
+  object.retire();
+}
+inline constexpr bool isRetiring<Ptr<T>> = true;
+
+/// Says that `owner` has let go of `old`, and announces it.
+template <class Tag, class V, class... Key>
+void left(const Entity& owner, const V& old, const Key&... key) {
+  disown(old);
+  if constexpr (isRetiring<V>) {
+    // An object that it releases in turn may hold the last handle to the owner.
+    const Ptr<const Entity> alive(&owner);
+    if (old) old->retire();
+    owner.notify<Tag>(key...);
+  } else {
+    owner.notify<Tag>(key...);
+  }
+}
+
+}  // namespace detail
+
+/// One object that its entity creates and owns.
+template <class Tag, class T>
+class Singleton {
+ public:
+  using AttributeTag = Tag;
+  using Element = T;
+
+  Singleton() = default;
+  Singleton(const Singleton&) = delete;
+  Singleton& operator=(const Singleton&) = delete;
+  ~Singleton() { drop(); }
+
+  const Ptr<T>& get() const noexcept { return object_; }
+  bool set(const Entity& owner, Ptr<T> object) {
+    if (object_ == object) return false;
+    const Ptr<T> old = std::exchange(object_, std::move(object));
+    detail::adopt<Tag>(owner, object_);
+    detail::left<Tag>(owner, old);
+    return true;
+  }
+  /// Makes an object of `args` and stores it in place of another. Returns it.
+  template <class... Args>
+  Ptr<T> create(const Entity& owner, const Args&... args) {
+    const auto made = make<T>(args...);
+    set(owner, made);
+    return made;
+  }
+  bool del(const Entity& owner) { return set(owner, nullptr); }
+  /// Drops the object without a notification.
+  void drop() {
+    const Ptr<T> old = std::exchange(object_, nullptr);
+    detail::disown(old);
+    if constexpr (detail::isRetiring<Ptr<T>>) {
+      if (old) old->retire();
+    }
+  }
+
+ private:
+  Ptr<T> object_;
+};
+
+/// Entries by key: values, or entities (and reactors) that the collection owns.
+///
+/// HashMap::Iterator says how a walk's body may change the collection.
+template <class Tag, class Key, class Value, class Storage = HashMap<Key, Value>>
+class Collection {
+ public:
+  using AttributeTag = Tag;
+  using Map = Storage;
+
+  Collection() = default;
+  /// A collection whose storage is a column of `rows`.
+  template <class Rows>
+  requires std::constructible_from<Storage, Rows&>
+  explicit Collection(Rows& rows) : map_(rows) {}
+  Collection(const Collection&) = delete;
+  Collection& operator=(const Collection&) = delete;
+  ~Collection() { disownAll(); }
+
+  /// The entry, or an empty value. Good until the collection changes.
+  const Value& get(const Key& key) const {
+    if (const Value* value = map_.find(key)) return *value;
+    static const Value kNone{};
+    return kNone;
+  }
+  bool contains(const Key& key) const { return map_.find(key) != nullptr; }
+  const Map& map() const noexcept { return map_; }
+  Map& map() noexcept { return map_; }
+
+  /// Stores an entry and announces its key, if it is new or its value differs.
+  bool set(const Entity& owner, const Key& key, Value value) {
+    const auto [stored, added] = map_.tryEmplace(key);
+    if (!added && *stored == value) return false;
+    const Value old = std::exchange(*stored, std::move(value));
+    detail::adopt<Tag>(owner, *stored);
+    detail::left<Tag>(owner, old, key);
+    return true;
+  }
+
+  /// Of owned objects that are made of their keys: makes the one of `key`, in place of another.
+  /// Returns it.
+  Value create(const Entity& owner, const Key& key) {
+    const auto made = make<typename Value::Element>(key);
+    set(owner, key, made);
+    return made;
+  }
+
+  /// Removes an entry and announces its key. The removed value lives until that is done.
+  bool del(const Entity& owner, const Key& key) {
+    Value* found = findStored(key);
+    if (found == nullptr) return false;
+    const Key removed = key;  // NOLINT(performance-*): `key` may be the stored one
+    const Value old = std::move(*found);
+    map_.erase(removed);
+    detail::left<Tag>(owner, old, removed);
+    return true;
+  }
+  /// Removes the entry on which `it` stands; `it` may then be advanced.
+  void del(const Entity& owner, const typename Map::Iterator& it) { del(owner, it.key()); }
+  /// Removes all entries, announcing each. Entries that a callback adds stay.
+  void delAll(const Entity& owner) {
+    if (!owner.hasNotifiees()) return dropAll();
+    const Ptr<const Entity> alive(&owner);  // a callback may drop the last handle
+    for (const Key& key : map_.keys()) del(owner, key);
+  }
+  /// Drops all entries without a notification.
+  void dropAll() {
+    disownAll();
+    map_.clear();
+  }
+
+ private:
+  /// The entry itself: a lazy storage does not make its object for this.
+  Value* findStored(const Key& key) {
+    if constexpr (requires { map_.findMade(key); }) {
+      return map_.findMade(key);
+    } else {
+      return map_.find(key);
+    }
+  }
+  void disownAll() {
+    if constexpr (detail::isRetiring<Value>) {
+      // Objects that they release may run anybody's code: it finds nothing here any more.
+      const Map dropped = std::exchange(map_, Map());
+      for (const auto& entry : dropped) {
+        if (entry.value) entry.value->retire();
+      }
+    } else if constexpr (detail::isEntityHandle<Value>) {
+      for (const auto& entry : map_) detail::disown(entry.value);
+    }
+  }
+
+  Map map_;
+};
+
+/// The storage of a collection of owned objects that are made of their keys alone: each is made
+/// when somebody first looks at it, and all from the first walk on.
+///
+/// \tparam Base  a map from keys to handles.
+template <class Tag, class Base>
+class LazyMap : public Base {
+  using Object = typename Base::Value;
+
+ public:
+  using Base::Base;
+  using typename Base::Key;
+
+  /// Gives `key` an entry, whose object is to be made later. \returns true when there was none.
+  bool reserve(const Entity& owner, const Key& key) {
+    owner_ = &owner;
+    const auto [object, isNew] = Base::tryEmplace(key);
+    // A walk that is under way may reach the entry.
+    if (isNew && isWalked_) made(key, *object);
+    return isNew;
+  }
+  /// The object of `key` if it has been made.
+  const Object* findMade(const Key& key) const { return Base::find(key); }
+  Object* findMade(const Key& key) { return Base::find(key); }
+
+  const Object* find(const Key& key) const {
+    const Object* object = Base::find(key);
+    return object == nullptr ? nullptr : &made(key, const_cast<Object&>(*object));
+  }
+  auto iterator() {
+    makeMissing();
+    return Base::iterator();
+  }
+  auto iteratorConst() const {
+    makeMissing();
+    return Base::iteratorConst();
+  }
+  auto iteratorConst(const Key& key) const {
+    makeMissing();
+    return Base::iteratorConst(key);
+  }
+
+ private:
+  Object& made(const Key& key, Object& object) const {
+    if (!object) {
+      object = make<typename Object::Element>(key);
+      detail::adopt<Tag>(*owner_, object);
+    }
+    return object;
+  }
+  void makeMissing() const {
+    if (std::exchange(isWalked_, true)) return;
+    for (auto it = const_cast<LazyMap*>(this)->Base::iterator(); it; ++it)
+      made(it.key(), it.value());
+  }
+
+  const Entity* owner_ = nullptr;
+  mutable bool isWalked_ = false;
+};
+
+/// A set of keys, in the form of a collection from each key to true.
+template <class Tag, class Key, class Storage = HashMap<Key, Present>>
+class KeySet {
+ public:
+  using AttributeTag = Tag;
+  using Map = Storage;
+
+  bool contains(const Key& key) const { return map_.contains(key); }
+  const Map& map() const noexcept { return map_; }
+  Map& map() noexcept { return map_; }
+
+  /// Puts `key` in or takes it out, and announces it if that changed anything.
+  bool set(const Entity& owner, const Key& key, bool present) {
+    if (!present) return del(owner, key);
+    if (!map_.insert(key)) return false;
+    owner.notify<Tag>(key);
+    return true;
+  }
+  bool del(const Entity& owner, const Key& key) {
+    const Key removed = key;  // NOLINT(performance-*): `key` may be the stored one
+    if (!map_.erase(removed)) return false;
+    owner.notify<Tag>(removed);
+    return true;
+  }
+  void del(const Entity& owner, const typename Map::Iterator& it) { del(owner, it.key()); }
+  void delAll(const Entity& owner) {
+    if (!owner.hasNotifiees()) return map_.clear();
+    const Ptr<const Entity> alive(&owner);  // a callback may drop the last handle
+    for (const Key& key : map_.keys()) del(owner, key);
+  }
+
+ private:
+  Map map_;
+};
+
+}  // namespace Kiv
+
+/// The tag of an attribute with one value; its change is reported by onAttr().
+#define KIV_VALUE_TAG(id, attr, Attr)                       \
+  struct Attr##Attribute {                                  \
+    static_assert(::Kiv::isCapitalised(#attr, #Attr));      \
+    static constexpr ::Kiv::AttributeInfo kInfo{id, #attr}; \
+    static void deliver(::Kiv::Notifiee& notifiee) {        \
+      static_cast<NotifieeConst&>(notifiee).on##Attr();     \
+    }                                                       \
+  }
+
+/// The tag of a collection; the change of an entry is reported by onAttr(key), the announcement of
+/// the whole by onAttrkivImmediate().
+#define KIV_COLLECTION_TAG(id, attr, Attr, Key)                       \
+  struct Attr##Attribute {                                            \
+    static_assert(::Kiv::isCapitalised(#attr, #Attr));                \
+    static constexpr ::Kiv::AttributeInfo kInfo{id, #attr};           \
+    static void deliver(::Kiv::Notifiee& notifiee, const Key& key) {  \
+      static_cast<NotifieeConst&>(notifiee).on##Attr(key);            \
+    }                                                                 \
+    static void deliver(::Kiv::Notifiee& notifiee) {                  \
+      static_cast<NotifieeConst&>(notifiee).on##Attr##kivImmediate(); \
+    }                                                                 \
+  }
+
+/// A value: attr(), attrNotify(). Its setter stands beside it.
+#define KIV_SCALAR(id, attr, Attr, Type)        \
+  KIV_VALUE_TAG(id, attr, Attr);                \
+  const Type& attr() const noexcept {           \
+    return attr##_.get();                       \
+  }                                             \
+  void attr##Notify() const {                   \
+    this->template notify<Attr##Attribute>();   \
+  }                                             \
+                                                \
+ private:                                       \
+  ::Kiv::Scalar<Attr##Attribute, Type> attr##_; \
+                                                \
+ public:
+
+/// A value that anybody may set: adds attrIs(value).
+#define KIV_SETTABLE_SCALAR(id, attr, Attr, Type) \
+  KIV_SCALAR(id, attr, Attr, Type)                \
+  void attr##Is(const Type& value) {              \
+    attr##_.set(*this, value);                    \
+  }
+
+/// A reference to an object of another owner: attr(), attrRaw(), attrNotify(). Its setter stands
+/// beside it.
+#define KIV_POINTER_VIEW(id, attr, Attr, Type)            \
+  KIV_VALUE_TAG(id, attr, Attr);                          \
+  ::Kiv::Ptr<Type> attr() const noexcept {                \
+    return attr##_.get();                                 \
+  }                                                       \
+  void attr##Notify() const {                             \
+    this->template notify<Attr##Attribute>();             \
+  }                                                       \
+  Type* attr##Raw() const noexcept {                      \
+    return attr##_.raw();                                 \
+  }                                                       \
+                                                          \
+ private:                                                 \
+  ::Kiv::PointerAttribute<Attr##Attribute, Type> attr##_; \
+                                                          \
+ public:
+
+/// A reference that anybody may set: adds attrIs(object).
+#define KIV_POINTER(id, attr, Attr, Type)         \
+  KIV_POINTER_VIEW(id, attr, Attr, Type)          \
+  void attr##Is(const ::Kiv::Ptr<Type>& object) { \
+    attr##_.set(*this, object);                   \
+  }
+
+/// An owned object that anybody may read: attr(), attrNotify(). The members that make and remove
+/// it stand beside it.
+#define KIV_SINGLETON_VIEW(id, attr, Attr, Type)   \
+  KIV_VALUE_TAG(id, attr, Attr);                   \
+  const ::Kiv::Ptr<Type>& attr() const noexcept {  \
+    return attr##_.get();                          \
+  }                                                \
+  void attr##Notify() const {                      \
+    this->template notify<Attr##Attribute>();      \
+  }                                                \
+                                                   \
+ private:                                          \
+  ::Kiv::Singleton<Attr##Attribute, Type> attr##_; \
+                                                   \
+ public:
+
+/// An owned object: adds attrDel(). newAttr(...) or attrIs(...) stands beside it.
+#define KIV_SINGLETON(id, attr, Attr, Type) \
+  KIV_SINGLETON_VIEW(id, attr, Attr, Type)  \
+  void attr##Del() {                        \
+    attr##_.del(*this);                     \
+  }
+
+/// The common members of sets and of collections of values or owned entities, over the storage
+/// class given last: attrCount(), attrIterator(), attrIteratorConst(), attrKeys() (a snapshot);
+/// attrNotify(key) and attrNotify() announce an entry or the whole without a change.
+#define KIV_KEYED_MEMBERS(id, attr, Attr, Key, ...)           \
+  KIV_COLLECTION_TAG(id, attr, Attr, Key);                    \
+  using Attr##Iterator = typename __VA_ARGS__::Map::Iterator; \
+  size_t attr##Count() const noexcept {                       \
+    return attr##_.map().size();                              \
+  }                                                           \
+  auto attr##Iterator() {                                     \
+    return attr##_.map().iterator();                          \
+  }                                                           \
+  auto attr##IteratorConst() const {                          \
+    return attr##_.map().iteratorConst();                     \
+  }                                                           \
+  std::vector<Key> attr##Keys() const {                       \
+    return attr##_.map().keys();                              \
+  }                                                           \
+  void attr##Notify(const Key& key) const {                   \
+    this->template notify<Attr##Attribute>(key);              \
+  }                                                           \
+  void attr##Notify() const {                                 \
+    this->template notify<Attr##Attribute>();                 \
+  }                                                           \
+                                                              \
+ private:                                                     \
+  __VA_ARGS__ attr##_;                                        \
+                                                              \
+ public:
+
+/// The deletions: attrDel(key), attrDel(iterator) and attrDelAll().
+#define KIV_KEYED_DELETIONS(attr, Attr, Key) \
+  bool attr##Del(const Key& key) {           \
+    return attr##_.del(*this, key);          \
+  }                                          \
+  void attr##Del(const Attr##Iterator& it) { \
+    attr##_.del(*this, it);                  \
+  }                                          \
+  void attr##DelAll() {                      \
+    attr##_.delAll(*this);                   \
+  }
+
+/// The further forms of a deletion that stands beside the attribute, attrDel(key), with all that it
+/// does: attrDel(iterator) and attrDelAll().
+#define KIV_FURTHER_DELETIONS(attr, Attr)                \
+  void attr##Del(const Attr##Iterator& it) {             \
+    attr##Del(it.key());                                 \
+  }                                                      \
+  void attr##DelAll() {                                  \
+    const ::Kiv::Ptr<const ::Kiv::Entity> alive(this);   \
+    for (const auto& key : attr##Keys()) attr##Del(key); \
+  }
+
+/// A collection that is read by anybody and changed by its entity alone: attr(key), which gives the
+/// entry or an empty value, attrFind(key), which gives null for none, attrPrefetch(key), which
+/// prefetches the memory that these read, and the common members. The members that change it stand
+/// beside it. A result is good until the collection changes.
+#define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                                  \
+  KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::Collection<Attr##Attribute, Key, Value>) \
+  KIV_COLLECTION_READERS(attr, Key)
+
+#define KIV_COLLECTION_READERS(attr, Key)     \
+  decltype(auto) attr(const Key& key) const { \
+    return attr##_.get(key);                  \
+  }                                           \
+  void attr##Prefetch(const Key& key) const { \
+    attr##_.map().prefetch(key);              \
+  }                                           \
+  auto attr##Find(const Key& key) const {     \
+    return attr##_.map().find(key);           \
+  }
+
+/// A collection: adds the deletions. Its setter stands beside it.
+#define KIV_COLLECTION(id, attr, Attr, Key, Value) \
+  KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)  \
+  KIV_KEYED_DELETIONS(attr, Attr, Key)
+
+/// Of an ordered collection or set: attrKeysBetween(first, last), the keys of a range in ascending
+/// order.
+#define KIV_ORDERED_KEYS(attr, Key)                                             \
+  std::vector<Key> attr##KeysBetween(const Key& first, const Key& last) const { \
+    return attr##_.map().keysBetween(first, last);                              \
+  }
+
+/// A collection on the storage given last. That may be a column of the entity's Kiv::Rows: then the
+/// entity's constructor gives attr_ the rows, which stand before it.
+#define KIV_COLLECTION_ON(id, attr, Attr, Key, Value, ...)                       \
+  KIV_KEYED_MEMBERS(id, attr, Attr, Key,                                         \
+                    ::Kiv::Collection<Attr##Attribute, Key, Value, __VA_ARGS__>) \
+  KIV_COLLECTION_READERS(attr, Key)                                              \
+  KIV_KEYED_DELETIONS(attr, Attr, Key)
+
+/// A collection that also gives the keys of a range.
+#define KIV_ORDERED_COLLECTION(id, attr, Attr, Key, Value)                         \
+  KIV_COLLECTION_ON(id, attr, Attr, Key, Value, ::Kiv::OrderedHashMap<Key, Value>) \
+  KIV_ORDERED_KEYS(attr, Key)
+
+/// A set of keys that is read by anybody and changed by its entity alone: attr(key),
+/// attrPrefetchHint(), a prefetch hint, and the common members.
+#define KIV_SET_VIEW(id, attr, Attr, Key)                                     \
+  KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::KeySet<Attr##Attribute, Key>) \
+  KIV_SET_READER(attr, Key)
+
+#define KIV_SET_READER(attr, Key)        \
+  bool attr(const Key& key) const {      \
+    return attr##_.contains(key);        \
+  }                                      \
+  auto attr##PrefetchHint() const {      \
+    return attr##_.map().prefetchHint(); \
+  }
+
+/// A set of keys: adds attrIs(key, present), newAttr(key, present), which also returns whether it
+/// is a member, and the deletions.
+#define KIV_SET(id, attr, Attr, Key) \
+  KIV_SET_VIEW(id, attr, Attr, Key)  \
+  KIV_SET_CHANGES(attr, Attr, Key)
+
+#define KIV_SET_CHANGES(attr, Attr, Key)         \
+  KIV_KEYED_DELETIONS(attr, Attr, Key)           \
+  void attr##Is(const Key& key, bool present) {  \
+    attr##_.set(*this, key, present);            \
+  }                                              \
+  bool new##Attr(const Key& key, bool present) { \
+    attr##Is(key, present);                      \
+    return present;                              \
+  }
+
+/// A set of keys that also gives those of a range.
+#define KIV_ORDERED_SET(id, attr, Attr, Key)                                           \
+  KIV_KEYED_MEMBERS(                                                                   \
+      id, attr, Attr, Key,                                                             \
+      ::Kiv::KeySet<Attr##Attribute, Key, ::Kiv::OrderedHashMap<Key, ::Kiv::Present>>) \
+  KIV_SET_READER(attr, Key)                                                            \
+  KIV_SET_CHANGES(attr, Attr, Key)                                                     \
+  KIV_ORDERED_KEYS(attr, Key)
+
+/// A collection of objects that are made of their keys, each when it is first looked at, on the
+/// storage given last: adds attrIs(key), which makes an entry unless it is there and gives its
+/// object; newAttr(key), which puts a new object in place of another; attrReserve(key), which
+/// leaves the object to be made; and attrIfMade(key), which gives null for one that is not made.
+#define KIV_LAZY_COLLECTION_ON(id, attr, Attr, Key, Type, ...)                          \
+  KIV_COLLECTION_ON(id, attr, Attr, Key, ::Kiv::Ptr<Type>,                              \
+                    ::Kiv::LazyMap<Attr##Attribute, __VA_ARGS__>)                       \
+  ::Kiv::Ptr<Type> attr##Is(const Key& key) {                                           \
+    if (const auto* present = attr##Find(key)) return *present;                         \
+    attr##_.map().reserve(*this, key);                                                  \
+    const ::Kiv::Ptr<Type> made = attr(key);                                            \
+    this->template notify<Attr##Attribute>(key);                                        \
+    return made;                                                                        \
+  }                                                                                     \
+  ::Kiv::Ptr<Type> new##Attr(const Key& key) {                                          \
+    return attr##_.create(*this, key);                                                  \
+  }                                                                                     \
+  void attr##Reserve(const Key& key) {                                                  \
+    if (attr##_.map().reserve(*this, key)) this->template notify<Attr##Attribute>(key); \
+  }                                                                                     \
+  ::Kiv::Ptr<Type> attr##IfMade(const Key& key) const {                                 \
+    const auto* made = attr##_.map().findMade(key);                                     \
+    return made == nullptr ? nullptr : *made;                                           \
+  }

@@ -1,0 +1,161 @@
+// Entities: named objects with attributes, whose changes are announced.
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/kiv/containers/Ptr.h"
+#include "platform/kiv/containers/String.h"
+#include "platform/kiv/runtime/Activity.h"
+#include "platform/kiv/runtime/Attribute.h"
+#include "platform/kiv/runtime/Notifiee.h"
+
+namespace Kiv {
+
+/// Base of everything that has attributes.
+///
+/// An entity that another one owns knows its owner and the attribute that holds it. The owner is
+/// not kept alive by that.
+class Entity : public Object {
+ public:
+  using Ptr = Kiv::Ptr<Entity>;
+  using PtrConst = Kiv::Ptr<const Entity>;
+
+  /// The entity's own name.
+  virtual Name name() const = 0;
+  /// The names from the outermost owner down to this entity, with "/" between them.
+  std::string fullName() const;
+  /// The road from the outermost owner down to this entity: "/NAME/ATTRIBUTE/NAME ...", with every
+  /// byte that a URI path segment may not hold percent-encoded (RFC 3986).
+  std::string uriPath() const;
+
+  /// The levels that are traced for this entity, beside those that a facility has on for all; a bit
+  /// for each. An override must tell the facility; see TraceFacility::ownLevelsAre().
+  virtual uint32_t tracedLevels() const noexcept { return 0; }
+
+  const Entity* parent() const noexcept { return parent_; }
+  /// This entity, its owner, and so on up to the outermost one. Where owners form a ring, once
+  /// around it.
+  std::vector<const Entity*> withOwners() const;
+  /// The name of the owner's attribute that holds this entity; empty without an owner.
+  std::string_view parentAttr() const noexcept;
+  /// The id of that attribute; 0 without an owner.
+  AttributeId parentAttrId() const noexcept { return parentAttr_ == nullptr ? 0 : parentAttr_->id; }
+  /// Sets the owner of this entity, and the attribute by which it is owned. Null clears both.
+  void parentIs(const Entity* parent, const AttributeInfo* attribute) noexcept {
+    parent_ = parent;
+    parentAttr_ = parent == nullptr ? nullptr : attribute;
+  }
+
+  /// The notifiees of this entity. A registration is no change of the entity, so a
+  /// const one has them too.
+  NotifierList& notifierList() const {
+    if (notifiees_ == nullptr) notifiees_ = new NotifierList();
+    return *notifiees_;
+  }
+
+  /// True when a change would be announced to somebody.
+  bool hasNotifiees() const noexcept { return notifiees_ != nullptr && !notifiees_->empty(); }
+
+  /// Announces a change of the attribute with tag `Attribute`, under `key` for a collection entry.
+  ///
+  /// A callback that raises is told so itself; the others are still called. Callbacks may take away
+  /// what `key` refers to, or the entity itself.
+  template <class Attribute, class... Key>
+  void notify(const Key&... key) const {
+    if (hasNotifiees()) [[unlikely]]
+      notifyAll<Attribute>(Key(key)...);
+  }
+
+  /// Calls `visit` with each notifiee that a change would now be delivered to. It must change
+  /// neither them nor the list.
+  template <class Visit>
+  void forEachNotifiee(Visit visit) const {
+    if (!hasNotifiees()) return;
+    for (const Notifiee* notifiee : notifiees_->toTell()) {
+      if (notifiee != nullptr && notifiee->acceptsNotifications()) visit(*notifiee);
+    }
+  }
+
+ protected:
+  Entity() = default;
+  ~Entity() override { dropNotifiees(); }
+  void zeroReferences() noexcept override;
+  /// Forgets the notifiees: from here on nothing is announced. For destructors.
+  void dropNotifiees() noexcept {
+    if (notifiees_ != nullptr) std::exchange(notifiees_, nullptr)->ownerIsGone();
+  }
+
+ private:
+  template <class Attribute, class... Key>
+  void notifyAll(const Key&... key) const;
+
+  const Entity* parent_ = nullptr;
+  const AttributeInfo* parentAttr_ = nullptr;
+  mutable NotifierList* notifiees_ = nullptr;
+};
+
+template <class Attribute, class... Key>
+void Entity::notifyAll(const Key&... key) const {
+  SnapshotIterator walk(*notifiees_);
+  while (Notifiee* notifiee = walk.next()) {
+    if (!notifiee->acceptsNotifications()) continue;
+    const auto& activity = notifiee->kivFwkActivity();
+    try {
+      if (activity && activity->queues()) {
+        activity->enqueue(
+            std::make_unique<PendingNotificationOf<Attribute, Key...>>(*notifiee, key...));
+      } else {
+        Attribute::deliver(*notifiee, key...);
+      }
+    } catch (...) {
+      if (walk.current() != nullptr) notifiee->onNotificationException(Attribute::kInfo.id);
+    }
+  }
+}
+
+/// `name` as a segment of a URI path: every byte that may not stand there percent-encoded.
+std::string uriSegment(std::string_view name);
+
+/// An entity that keeps its name.
+class NamedEntity : public Entity {
+ public:
+  Name name() const override { return name_; }
+
+ protected:
+  explicit NamedEntity(Name name) : name_(std::move(name)) {}
+
+ private:
+  Name name_;
+};
+
+/// An entity in a trace or a message reads as its name; a null handle as "null".
+inline std::ostream& operator<<(std::ostream& os, const Entity& entity) {
+  return os << entity.name();
+}
+template <std::derived_from<Entity> T>
+std::ostream& operator<<(std::ostream& os, const Ptr<T>& entity) {
+  if (!entity) return os << "null";
+  return os << entity->name();
+}
+
+class TypeInfo;
+template <class T>
+class GenericIfOf;
+template <class T>
+struct EntityType;
+
+}  // namespace Kiv
+
+/// The declarations of a reflected type: its description, made when it is first asked for,
+/// and the interface to its entities. Both stand where the types are registered.
+#define KIV_REFLECTED(Type)                    \
+  using _Type = ::Kiv::EntityType<Type>;       \
+  using GenericIf_ = ::Kiv::GenericIfOf<Type>; \
+  static const ::Kiv::TypeInfo& _fwkType()

@@ -1,0 +1,122 @@
+// Host-route tables.
+#pragma once
+
+#include <vector>
+
+#include "platform/kiv/runtime/Attributes.h"
+#include "platform/kiv/runtime/Watch.h"
+#include "platform/rovel/AdjacencyTable.h"
+#include "platform/rovel/ViaSet.h"
+#include "platform/tovan/FibTypes.h"
+#include "platform/tovan/RouteCollection.h"
+#include "platform/tovan/RouteRecord.h"
+
+namespace Routing {
+
+/// Host routes by prefix, in this process. Their FEC ids are indices of the table's own adjacencies
+/// when an adjacency helper made them, else FECs of the forwarding status.
+///
+/// \tparam R  the family's route.  \tparam V  its via set.
+template <class R, class V>
+class BasicHostStatus final : public Kiv::NamedEntity {
+ public:
+  using Route = R;
+  using Prefix = decltype(R::key);
+  using ViaSet = V;
+  using Adjacencies = Rovel::AdjacencyTable<ViaSet>;
+  using Ptr = Kiv::Ptr<BasicHostStatus>;
+  using PtrConst = Kiv::Ptr<const BasicHostStatus>;
+
+  /// Derive from this to be told of changes. A callback runs after the change it reports.
+  class NotifieeConst : public Kiv::NotifieeOf<BasicHostStatus> {
+   public:
+    virtual void onRoute(const Prefix&) {}
+    virtual void onRoutekivImmediate() {}
+
+   protected:
+    void kivImmediate() override { onRoutekivImmediate(); }
+  };
+
+  KIV_COLLECTION_TAG(258, route, Route, Prefix);
+
+ private:
+  using Record = Tovan::RouteRecord<Route>;
+  using Records = Kiv::HashMap<Prefix, Record>;
+
+ public:
+  /// A walk over the routes, which gives them by value.
+  using RouteIterator =
+      typename Tovan::RouteCollection<RouteAttribute, Route, Records>::Map::IteratorConst;
+
+  explicit BasicHostStatus(Kiv::Name name) : NamedEntity(std::move(name)) {}
+
+  /// The route with exactly this prefix, or noRoute(prefix). Under the null prefix nothing is
+  /// found.
+  Route route(const Prefix& prefix) const {
+    if (isNull(prefix)) [[unlikely]]
+      return Tovan::noRoute<Route>(prefix);
+    const Record* record = route_.map().find(prefix);
+    return record == nullptr ? Tovan::noRoute<Route>(prefix) : record->withKey(prefix);
+  }
+  /// Begins to fetch what route() is going to read.
+  void prefetch(const Prefix& prefix) const { route_.map().prefetch(prefix); }
+  /// Stores a route under its key; announces it if it is new or differs.
+  void routeIs(const Route& route) {
+    if (!watches_.empty() && this->route(route.key) != route) watches_.written(route.key);
+    route_.set(*this, route.key, Record(route));
+  }
+  /// Removes a route, announces that and returns it; or noRoute(prefix).
+  Route routeDel(const Prefix& prefix) {
+    const Record* record = route_.map().find(prefix);
+    if (record == nullptr) return Tovan::noRoute<Route>(prefix);
+    const Route removed = record->withKey(prefix);
+    watches_.written(prefix);
+    route_.del(*this, prefix);
+    return removed;
+  }
+  Route routeDel(const RouteIterator& it) { return routeDel(it.key()); }
+  /// Removes all routes, announcing each. What a callback adds stays.
+  void routeDelAll() {
+    const Kiv::Ptr<const Kiv::Entity> alive(this);
+    for (const Prefix& prefix : routeKeys()) routeDel(prefix);
+  }
+  size_t routeCount() const noexcept { return route_.map().size(); }
+  RouteIterator routeIterator() const { return routeIteratorConst(); }
+  RouteIterator routeIteratorConst() const { return RouteIterator(route_.map().iteratorConst()); }
+  /// Calls `visit` with each route, in no order. The body must not write to the table.
+  template <class Visit>
+  void forEachRoute(Visit visit) const {
+    for (auto it = route_.map().iteratorConst(); it; ++it) visit(it.value().withKey(it.key()));
+  }
+  /// The prefixes there are, in no order.
+  std::vector<Prefix> routeKeys() const { return route_.map().keys(); }
+  /// Announces a prefix, or the whole table, without a change.
+  void routeNotify(const Prefix& prefix) const { this->template notify<RouteAttribute>(prefix); }
+  void routeNotify() const { this->template notify<RouteAttribute>(); }
+
+  /// Who knows of each route that is about to be stored or removed.
+  const Kiv::WatchList<Prefix>& watches() const noexcept { return watches_; }
+
+  /// The vias of a host adjacency; none when there is no such adjacency.
+  const ViaSet& adjIndexToViaSet(Tovan::Fib::FecId index) const {
+    return adjacencies_.viaSet(index);
+  }
+  /// The table's host adjacencies, which an adjacency helper keeps.
+  const Adjacencies& adjacencies() const noexcept { return adjacencies_; }
+  Adjacencies& adjacencies() noexcept { return adjacencies_; }
+
+ private:
+  Kiv::Collection<RouteAttribute, Prefix, Record, Records> route_;
+  Adjacencies adjacencies_;
+  Kiv::WatchList<Prefix> watches_;
+};
+
+namespace Host {
+using Status = BasicHostStatus<Tovan::Fib::Route, Rovel::ViaSet>;
+}
+
+}  // namespace Routing
+
+namespace Routing6::Host {
+using Status = Routing::BasicHostStatus<Tovan::Fib6::Route, Rovel::Via6Set>;
+}

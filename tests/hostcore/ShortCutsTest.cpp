@@ -1,0 +1,429 @@
+// Which neighbour tables a machine hears of, and which merges it leaves out.
+#include <functional>
+
+#include "tests/hostcore/World.h"
+
+namespace {
+
+template <class F>
+class ShortCutsTest : public testing::Test {
+ protected:
+  bool isQuiet(Zemit::IntfId intf) { return world.machine().arpIntfStatus(intf.name())->isQuiet(); }
+  void announce(Zemit::IntfId intf, uint32_t n) {
+    F::neighborNotify(world.table(intf), Sample<F>::addr(n));
+  }
+  typename F::Route merged(uint32_t n) {
+    return world.routeStatus->route(F::Prefix::host(Sample<F>::addr(n)));
+  }
+  void virtualIn(const char* vrf, uint32_t n, bool present) {
+    world.virtualIps->virtualIpIs(Sample<F>::virtualAddr(vrf, Sample<F>::addr(n)), present);
+  }
+
+  World<F> world;  // the VRF "red"
+};
+TYPED_TEST_SUITE(ShortCutsTest, Families);
+
+TYPED_TEST(ShortCutsTest, ATableIsHeardWhileARouteLeavesThroughItsInterface) {
+  auto& red = this->world;
+  const auto [first, second] = std::pair(red.ethernet1, red.ethernet2);
+  red.table(first);
+  red.startWithSubnet();
+  red.learn(second, 5);
+  EXPECT_FALSE(this->isQuiet(first));
+  EXPECT_TRUE(this->isQuiet(second));
+
+  red.forwarding->fecIs(typename TypeParam::Fec(7, {{.hop = {}, .intf = second}}));
+  EXPECT_TRUE(this->isQuiet(first));
+  EXPECT_FALSE(this->isQuiet(second));
+  this->announce(second, 5);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+
+  red.routeDel(Sample<TypeParam>::subnet());
+  EXPECT_TRUE(this->isQuiet(second));
+  red.machine().initializedIs(false);
+  EXPECT_FALSE(this->isQuiet(first));
+  EXPECT_FALSE(this->isQuiet(second));
+}
+
+TYPED_TEST(ShortCutsTest, NothingIsQuietWhereNotificationsWait) {
+  this->world.activity = Kiv::make<Kiv::QueueingActivity>();
+  this->world.table(this->world.ethernet2);
+  this->world.startWithSubnet();
+  EXPECT_FALSE(this->isQuiet(this->world.ethernet2));
+}
+
+TYPED_TEST(ShortCutsTest, AnotherVrfsVirtualAddressTakesEffectAtTheNextEventOfItsNeighbour) {
+  auto& red = this->world;
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  red.learn(red.ethernet2, 6);
+  this->virtualIn("blue", 6, true);
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));  // no host route gives way
+
+  this->virtualIn("blue", 5, true);
+  EXPECT_EQ(this->merged(5).routeType, TypeParam::kAttached);
+  red.learn(red.ethernet2, 5);
+  EXPECT_EQ(this->merged(5).routeType, TypeParam::kInvalid);
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));
+
+  this->virtualIn("blue", 5, false);
+  this->announce(red.ethernet1, 5);
+  EXPECT_EQ(this->merged(5).routeType, TypeParam::kAttached);
+  red.expectBalancedReferences();
+}
+
+TYPED_TEST(ShortCutsTest, AStepTakenByHandIsMergedByTheNextEvent) {
+  auto& red = this->world;
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  red.machine().handleDeletedAdjacency(Sample<TypeParam>::subnet());
+  red.lose(red.ethernet1, 5);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+  red.expectBalancedReferences();
+}
+
+// Whatever another wrote meanwhile, traced or not.
+TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithItsMerge) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  const auto host = [](uint32_t n) { return F::Prefix::host(S::addr(n)); };
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  red.learn(red.ethernet2, 7);
+  const auto merged = this->merged(5);
+  const std::pair<const char*, std::function<void()>> events[] = {
+      {"announced", [&] { this->announce(red.ethernet1, 5); }},
+      {"changed",
+       [&] {
+         F::neighborIs(red.table(red.ethernet1),
+                       {.ipAddr = S::addr(5), .mac = Zemit::EthAddr({2, 0, 0, 0, 0, 1})});
+       }},
+      {"handled by name",
+       [&] { red.machine().arpIntfStatus("Ethernet1")->handleArpEntry(S::addr(5)); }},
+      {"announced elsewhere", [&] { red.learn(red.ethernet2, 5); }}};
+  for (const auto& [what, event] : events) {
+    SCOPED_TRACE(what);
+    red.adjHelper->doDropRefOnFibAdjacency(red.routeStatus->routeDel(host(5)).fecId);
+    event();
+    EXPECT_EQ(this->merged(5), merged);
+    auto wrong = merged;
+    wrong.routeType = S::kReceive;
+    red.routeStatus->routeIs(wrong);
+    this->announce(red.ethernet2, 5);
+    EXPECT_EQ(this->merged(5), merged);
+  }
+  // One of a neighbour that was not stored.
+  red.routeStatus->routeIs(
+      {.key = host(7), .metricPref = {}, .routeType = F::kAttached, .fecId = 7});
+  this->announce(red.ethernet2, 7);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 7));
+
+  red.learn(red.ethernet1, 6);
+  red.removeHostRouteByHand(6);
+  red.lose(red.ethernet1, 6);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 6));
+  red.expectBalancedReferences();
+}
+
+TYPED_TEST(ShortCutsTest, WhatIsWrittenUnannouncedCountsOnQuietInterfacesToo) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  const auto host = F::Prefix::host(S::addr(6));
+  red.table(red.ethernet1);
+  red.startWithSubnet();
+  red.learn(red.ethernet2, 6);
+  red.hostStatus->routeIs({.key = host,
+                           .metricPref = {.metric = 0, .preference = 1},
+                           .routeType = S::kForeignType,
+                           .fecId = 7});
+  this->announce(red.ethernet2, 6);
+  EXPECT_EQ(this->merged(6), red.hostStatus->route(host));
+  red.hostStatus->routeDel(host);
+  this->announce(red.ethernet2, 6);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 6));
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));
+
+  red.forwarding->fecIs(typename F::Fec(8, {{.hop = {}, .intf = red.ethernet2}}));
+  auto route = red.routeStatus->route(S::subnet());
+  route.fecId = 8;
+  red.routeStatus->routeIs(route);
+  this->announce(red.ethernet2, 6);
+  EXPECT_TRUE(red.hasRoute(red.neighborTable(), 6));
+  red.machine().handleStatusRoute(S::subnet());
+  this->announce(red.ethernet2, 6);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 6));
+  EXPECT_TRUE(this->isQuiet(red.ethernet1));
+}
+
+TYPED_TEST(ShortCutsTest, WhatIsForgottenIsNotReliedOn) {
+  using S = Sample<TypeParam>;
+  using W = World<TypeParam>;
+  const std::function<void(W&)> forget[] = {
+      [](W& forgetful) { forgetful.root->toMergeIs(S::subnet()); },
+      [](W& forgetful) { forgetful.root->newToMerge({}); },
+      [](W& forgetful) { forgetful.root->toMerge()->ipDelAll(); },
+      [](W& forgetful) {
+        forgetful.root->toMerge()->ipDelAll();
+        forgetful.lose(forgetful.ethernet1, 6);
+      },
+      [](W& forgetful) { forgetful.machine().handleInitialized(); }};
+  for (const auto& forgetWaitingMerges : forget) {
+    W red;
+    red.startWithSubnet();
+    red.learn(red.ethernet1, 5);
+    red.learn(red.ethernet1, 6);
+    red.machine().initializedIs(false);
+    red.lose(red.ethernet1, 5);
+    forgetWaitingMerges(red);
+    red.machine().initializedIs(true);
+    EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+    red.learn(red.ethernet2, 5);
+    EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+  }
+}
+
+TYPED_TEST(ShortCutsTest, AReactorMovedByItselfEndsTheTrust) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  auto& red = this->world;
+  red.startWithSubnet();
+  this->virtualIn("red", 5, true);
+  red.learn(red.ethernet1, 5);
+  const auto others = Kiv::make<typename F::VirtualIpStatus>("others");
+  const auto& machine = red.machine();
+  if constexpr (S::kIsIpv4) {
+    machine.virtualIpStatus()->notifierIs(others);
+  } else {
+    machine.virtualIp6Status()->notifierIs(others);
+  }
+  red.learn(red.ethernet2, 5);  // which is no longer virtual
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+
+  World<F> blue;
+  blue.table(blue.ethernet2);
+  blue.startWithSubnet();
+  ASSERT_TRUE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
+  blue.machine().arpIntfStatus("Ethernet2")->kivFwkActivityIs(Kiv::make<Kiv::QueueingActivity>());
+  EXPECT_FALSE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
+}
+
+// Each of these alone may mean that something is not merged.
+TYPED_TEST(ShortCutsTest, ANewMachineDoesNotRelyOnWhatItFinds) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  using W = World<F>;
+  const auto host = F::Prefix::host(S::addr(9));
+  const auto route = [](const typename F::Prefix& prefix) {
+    return
+        typename F::Route{.key = prefix, .metricPref = {}, .routeType = F::kAttached, .fecId = 0};
+  };
+  const std::function<void(W&)> former[] = {
+      [&](W& red) { red.routeStatus->routeIs(route(host)); },
+      [&](W& red) { red.neighborTable()->routeIs(route(host)); },
+      [&](W& red) { red.root->prefixToRouteIs(route(S::wider())); }};
+  for (const auto& leaveState : former) {
+    SCOPED_TRACE(&leaveState - former);
+    W red;
+    leaveState(red);
+    red.table(red.ethernet2);
+    red.startWithSubnet();
+    EXPECT_FALSE(red.machine().arpIntfStatus("Ethernet2")->isQuiet());
+  }
+  auto& red = this->world;
+  red.routeStatus->routeIs(route(host));
+  red.startWithSubnet();
+  red.learn(red.ethernet2, 9);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 9));
+}
+
+TYPED_TEST(ShortCutsTest, ARouteOverAnAdjacencyEndsTheTrust) {
+  auto& red = this->world;
+  red.table(red.ethernet2);
+  red.startWithSubnet();
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));
+  typename TypeParam::ViaSet vias;
+  vias.newVia({.hop = {}, .intf = red.ethernet1}, 1);
+  red.routeIs(Sample<TypeParam>::wider(), red.adjHelper->doGetOrCreateFibAdjacency(vias));
+  EXPECT_FALSE(this->isQuiet(red.ethernet2)) << "nobody is told when an adjacency changes";
+}
+
+/// Fails once, where it is told to.
+template <class F>
+struct FailingHelper : F::AdjacencyHelper {
+  using F::AdjacencyHelper::AdjacencyHelper;
+  Tovan::Fib::FecId doGetOrCreateHostAdjacency(const typename F::ViaSet& vias,
+                                               const typename F::HostTable::Ptr& table) override {
+    fail(failsOnGet);
+    return F::AdjacencyHelper::doGetOrCreateHostAdjacency(vias, table);
+  }
+  void doDropRefOnFibAdjacency(Tovan::Fib::FecId fecId) override {
+    F::AdjacencyHelper::doDropRefOnFibAdjacency(fecId);
+    fail(failsOnDrop);
+  }
+  static void fail(bool& fails) {
+    if (std::exchange(fails, false)) throw Kiv::Exception("no adjacency");
+  }
+  bool failsOnGet = false;
+  bool failsOnDrop = false;
+};
+
+TYPED_TEST(ShortCutsTest, AnExceptionEndsTheTrust) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  using W = World<F>;
+  using Failing = FailingHelper<F>;
+  const std::function<void(W&, Failing&)> failures[] = {
+      // In a handler that somebody calls by hand.
+      [](W& red, Failing& helper) {
+        red.forwarding->fecIs(typename F::Fec(8, {{.hop = {}, .intf = red.ethernet1}}));
+        red.routeStatus->routeIs(
+            {.key = S::longer(), .metricPref = {}, .routeType = F::kConnected, .fecId = 8});
+        helper.failsOnGet = true;
+        EXPECT_THROW(red.machine().handleStatusRoute(S::longer()), Kiv::Exception);
+      },
+      // In a callback whose handler leaves nothing to be merged.
+      [](W& red, Failing& helper) {
+        helper.failsOnDrop = true;
+        red.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(5)), true);
+        EXPECT_FALSE(helper.failsOnDrop);
+      }};
+  for (const auto& failOnce : failures) {
+    SCOPED_TRACE(&failOnce - failures);
+    W red;
+    const auto helper = Kiv::make<Failing>("failing", red.forwarding);
+    red.adjHelper = helper;
+    red.root->adjHelperIs(helper);
+    red.table(red.ethernet2);
+    red.startWithSubnet();
+    red.learn(red.ethernet1, 5);
+    ASSERT_TRUE(red.machine().arpIntfStatus("Ethernet2")->isQuiet());
+    failOnce(red, *helper);
+    EXPECT_FALSE(red.machine().arpIntfStatus("Ethernet2")->isQuiet());
+  }
+}
+
+TYPED_TEST(ShortCutsTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
+  auto& red = this->world;
+  using Fec = typename TypeParam::Fec;
+  red.startWithSubnet();
+  red.forwarding->fecIs(Fec(8, {{.hop = {}, .intf = red.ethernet1}}));
+  red.forwarding->fecIs(Fec(9, {{.hop = {}, .intf = red.ethernet2}}));
+  red.learn(red.ethernet1, 5);
+  red.forwarding->fecIs(Fec(7, {{.hop = Sample<TypeParam>::addr(1), .intf = red.ethernet1}}));
+  red.learn(red.ethernet1, 6);
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 6));
+
+  red.routeIs(Sample<TypeParam>::subnet(), 8);
+  red.learn(red.ethernet1, 7);
+  EXPECT_TRUE(red.hasRoute(red.neighborTable(), 7));
+  EXPECT_TRUE(red.root->adjacencyToPrefix(8)->prefix(Sample<TypeParam>::subnet()));
+
+  red.routeIs(Sample<TypeParam>::longer(), 9);
+  red.learn(red.ethernet1, 8);
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 8));
+  red.routeDel(Sample<TypeParam>::longer());
+  red.learn(red.ethernet1, 8);
+  EXPECT_TRUE(red.hasRoute(red.neighborTable(), 8));
+
+  red.routeStatus->routeDel(Sample<TypeParam>::subnet());
+  red.machine().handleStatusRoute();
+  red.learn(red.ethernet1, 9);
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 9));
+  red.expectBalancedReferences();
+}
+
+template <class HostTable>
+struct ActsOnce : HostTable::NotifieeConst {
+  using Prefix = typename HostTable::Prefix;
+  void onRoute(const Prefix&) override {
+    if (action) std::exchange(action, nullptr)();
+  }
+  std::function<void()> action;
+};
+
+TYPED_TEST(ShortCutsTest, ATableMayGoWhileItsNeighbourIsHandled) {
+  auto& red = this->world;
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  const auto observer = Kiv::make<ActsOnce<typename TypeParam::HostTable>>();
+  observer->notifierIs(red.neighborTable());
+  observer->action = [&] { red.neighborDir->arpIntfStatusDel(red.ethernet1.name()); };
+  red.learn(red.ethernet1, 6);
+  EXPECT_EQ(red.machine().arpIntfStatusCount(), 0u);
+  EXPECT_EQ(red.neighborDir->tableOf(red.ethernet1), nullptr);
+  red.learn(red.ethernet1, 7);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 7));
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+}
+
+TYPED_TEST(ShortCutsTest, AnInputThatGoesIsNoticed) {
+  auto& red = this->world;
+  red.startWithSubnet();
+  this->virtualIn("red", 5, true);
+  red.learn(red.ethernet1, 5);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+  if constexpr (Sample<TypeParam>::kIsIpv4) {
+    red.machine().virtualIpStatusDel();
+  } else {
+    red.machine().virtualIp6StatusDel();
+  }
+  this->announce(red.ethernet1, 5);
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+
+  red.machine().fwdStatusDel();
+  red.learn(red.ethernet1, 6);
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 6));
+}
+
+TEST(NeighborDirTest, FindsTheTablesThatItHas) {
+  const auto dir = Kiv::make<Arp::NeighborDir>("dir");
+  const auto [first, second] =
+      std::pair(Zemit::IntfId::of("Ethernet1"), Zemit::IntfId::of("Vlan2"));
+  EXPECT_EQ(dir->tableOf(first), nullptr);
+  dir->newArpIntfStatus(second.name());
+  dir->newArpIntfStatus(first.name());
+  const auto replacement = Kiv::make<Arp::ArpIntfStatus>(first);
+  dir->arpIntfStatusIs(replacement);
+  EXPECT_EQ(dir->tableOf(first), replacement.get());
+  EXPECT_EQ(dir->tableOf(second), dir->arpIntfStatus(second.name()).get());
+  dir->arpIntfStatusDel(second.name());
+  EXPECT_EQ(dir->tableOf(second), nullptr);
+  dir->arpIntfStatusDelAll();
+  EXPECT_EQ(dir->tableOf(first), nullptr);
+}
+
+TEST(NeighborDirTest, AnExpectedChangeIsToldToThoseWhoWillHearOfIt) {
+  struct Watcher : Arp::ArpIntfStatus::NotifieeConst {
+    void onArpEntry(const Zemit::IpAddr&) override { ++changes; }
+    void onArpEntryExpected(const Zemit::IpAddr&) const noexcept override { ++expected; }
+    int changes = 0;
+    mutable int expected = 0;
+  };
+  const auto table = Kiv::make<Arp::ArpIntfStatus>(Zemit::IntfId::of("Ethernet1"));
+  const auto watcher = Kiv::make<Watcher>();
+  table->arpEntryExpect({});
+  watcher->notifierIs(table);
+  table->arpEntryExpect({});
+  watcher->isQuietIs(true);
+  table->arpEntryExpect({});
+  EXPECT_EQ(watcher->expected, 1);
+  EXPECT_EQ(watcher->changes, 0);
+}
+
+TEST(RootTest, AWalkMeetsNoAddressSetThatIsNotMade) {
+  World<Daemon::Ipv4> world;
+  world.root->arpRouteReserve(Sample<Daemon::Ipv4>::subnet());
+  EXPECT_FALSE(world.root->arpRouteIfMade(Sample<Daemon::Ipv4>::subnet()));
+  auto walk = world.root->arpRouteIteratorConst();
+  for (uint32_t length = 1; length <= 32; ++length) {
+    world.root->arpRouteReserve(Zemit::Prefix::enclosing(Sample<Daemon::Ipv4>::addr(0), length));
+  }
+  for (; walk; ++walk) {
+    EXPECT_EQ(walk.value()->prefix(), walk.key());
+    EXPECT_EQ(walk.value()->parent(), world.root.get());
+  }
+}
+
+}  // namespace

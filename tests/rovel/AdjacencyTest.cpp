@@ -1,0 +1,192 @@
+// Via sets, the tables that number them, and the helper that counts who uses them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "platform/rovel/AdjacencyHelper.h"
+
+namespace {
+
+struct Ipv4 {
+  using Helper = Rovel::AdjacencyHelper;
+  using Forwarding = Tovan::Fib::ForwardingStatus;
+  using Via = Tovan::Fib::Via;
+  static Zemit::IpAddr addr(uint32_t n) { return Zemit::IpAddr(0x0A000000 + n); }
+};
+struct Ipv6 {
+  using Helper = Rovel::Adjacency6Helper;
+  using Forwarding = Tovan::Fib6::ForwardingStatus;
+  using Via = Tovan::Fib6::Via;
+  static Zemit::Ip6Addr addr(uint32_t n) { return {0x20010DB800000000, n}; }
+};
+
+template <class F>
+class AdjacencyTest : public testing::Test {
+ protected:
+  using Helper = typename F::Helper;
+  using HostTable = typename Helper::HostTable;
+  using RouteTable = typename Helper::RouteTable;
+  using ViaSet = typename Helper::ViaSet;
+  using Route = typename HostTable::Route;
+  using Prefix = typename HostTable::Prefix;
+
+  typename F::Via via(uint32_t n) const { return {.hop = F::addr(n), .intf = intf}; }
+  ViaSet vias(std::vector<uint32_t> hops) const {
+    ViaSet set;
+    for (const uint32_t n : hops) set.newVia(via(n), 1);
+    return set;
+  }
+  Route route(uint32_t n, Tovan::Fib::FecId fecId) const {
+    return {.key = Prefix::host(F::addr(n)), .metricPref = {}, .routeType = {}, .fecId = fecId};
+  }
+
+  const Zemit::IntfId intf = Zemit::IntfId::of("Ethernet1");
+  typename F::Forwarding::Ptr forwarding = Kiv::make<typename F::Forwarding>("forwarding");
+  typename Helper::Ptr helper = Kiv::make<Helper>("helper", forwarding);
+  typename HostTable::Ptr table = Kiv::make<HostTable>("table");
+};
+using Families = testing::Types<Ipv4, Ipv6>;
+TYPED_TEST_SUITE(AdjacencyTest, Families);
+
+TYPED_TEST(AdjacencyTest, AViaSetIsTheSameInWhateverOrderItWasMade) {
+  const auto set = this->vias({3, 1, 2});
+  EXPECT_EQ(set, this->vias({1, 2, 3}));
+  EXPECT_EQ(set.hash(), this->vias({1, 2, 3}).hash());
+  EXPECT_NE(set, this->vias({1, 2}));
+  auto heavier = set;
+  heavier.newVia(this->via(2), 5);
+  EXPECT_EQ(heavier.size(), 3u);
+  EXPECT_NE(heavier, set);
+  heavier.newVia(this->via(2), 1);
+  EXPECT_EQ(heavier, set);
+}
+
+// Beside a map from sets to users; enough of them that the table takes several pieces of memory.
+TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndForgetsItWithItsLastUser) {
+  using ViaSet = typename TestFixture::ViaSet;
+  Rovel::AdjacencyTable<ViaSet> table;
+  struct Model {
+    uint32_t index = 0;
+    uint32_t users = 0;
+  };
+  std::map<uint32_t, Model> model;
+  std::mt19937 random(1);
+  uint32_t highest = 0;
+  for (int i = 0; i < 20'000; ++i) {
+    const auto n = static_cast<uint32_t>(random() % 900);
+    auto& expected = model[n];
+    if (random() % 2 == 0) {
+      const uint32_t next = table.next();
+      const auto [index, isNew] = table.take(this->vias({n, n + 1}));
+      ASSERT_EQ(isNew, expected.users == 0);
+      ASSERT_EQ(index, isNew ? next : expected.index);
+      expected = {index, expected.users + 1};
+      highest = std::max(highest, index);
+    } else if (expected.users != 0) {
+      table.drop(expected.index);
+      --expected.users;
+    }
+  }
+  size_t sets = 0;
+  for (const auto& [n, expected] : model) {
+    if (expected.users == 0) continue;
+    ++sets;
+    EXPECT_EQ(table.users(expected.index), expected.users);
+    EXPECT_EQ(table.viaSet(expected.index), this->vias({n, n + 1}));
+  }
+  EXPECT_EQ(table.size(), sets);
+  EXPECT_EQ(table.last(), highest);
+  EXPECT_GT(highest, 256u);
+  EXPECT_LE(highest, 900u) << "numbers that are free again are not given out";
+  size_t walked = 0;
+  table.forEach([&](const ViaSet&, uint32_t users) { walked += users != 0; });
+  EXPECT_EQ(walked, sets);
+}
+
+TYPED_TEST(AdjacencyTest, ATableKnowsNothingUnderOtherNumbers) {
+  Rovel::AdjacencyTable<typename TestFixture::ViaSet> table;
+  const auto index = table.take(this->vias({1})).first;
+  for (const uint64_t other : {uint64_t{0}, uint64_t{index} + 1, uint64_t{1} << 40}) {
+    table.drop(other);
+    EXPECT_EQ(table.users(other), 0u);
+    EXPECT_TRUE(table.viaSet(other).empty());
+  }
+  EXPECT_EQ(table.users(index), 1u);
+  table.share(index);
+  table.usersAre(index, 7);
+  EXPECT_EQ(table.users(index), 7u);
+  table.usersAre(index, 0);
+  EXPECT_EQ(table.size(), 0u);
+}
+
+TYPED_TEST(AdjacencyTest, AFibAdjacencyIsPublishedFromItsFirstReferenceToItsLast) {
+  const auto vias = this->vias({1, 2});
+  const auto id = this->helper->doGetOrCreateFibAdjacency(vias);
+  EXPECT_GE(id, TypeParam::Forwarding::kFirstAdjacency);
+  EXPECT_EQ(this->helper->takeFibAdjacency(vias, id), id);
+  EXPECT_EQ(this->helper->takeFibAdjacency(vias, id + 1), id) << "a wrong guess";
+  EXPECT_EQ(this->forwarding->fec(id).viaCount(), 2u);
+  EXPECT_TRUE(this->helper->isFibAdjacency(id, vias));
+  EXPECT_FALSE(this->helper->isFibAdjacency(id, this->vias({1})));
+
+  const auto other = Kiv::make<typename TypeParam::Helper>("other", this->forwarding);
+  EXPECT_FALSE(other->isFibAdjacency(id, vias));
+  const auto othersId = other->doGetOrCreateFibAdjacency(vias);
+  EXPECT_NE(othersId, id) << "two helpers hand out the same id";
+  for (int i = 0; i < 5; ++i) {
+    other->doDropRefOnFibAdjacency(id);
+    this->helper->doDropRefOnFibAdjacency(7);
+  }
+  this->helper->doDropRefOnFibAdjacency(id);
+  this->helper->doDropRefOnFibAdjacency(id);
+  EXPECT_EQ(this->forwarding->fec(id).viaCount(), 2u);
+  this->helper->doDropRefOnFibAdjacency(id);
+  EXPECT_FALSE(this->forwarding->adjacencyIsSound(id));
+  EXPECT_FALSE(this->helper->isFibAdjacency(id, vias));
+  EXPECT_EQ(this->forwarding->fec(othersId).viaCount(), 2u);
+}
+
+TYPED_TEST(AdjacencyTest, AHostAdjacencyBelongsToItsTable) {
+  const auto otherTable = Kiv::make<typename TestFixture::HostTable>("otherTable");
+  const auto index = this->helper->doGetOrCreateHostAdjacency(this->vias({1}), this->table);
+  EXPECT_EQ(this->helper->doGetOrCreateHostAdjacency(this->vias({1}), this->table), index);
+  EXPECT_EQ(this->table->adjIndexToViaSet(index), this->vias({1}));
+  EXPECT_TRUE(otherTable->adjIndexToViaSet(index).empty());
+  this->helper->doDropRefOnHostAdjacency(otherTable, index);
+  this->helper->doDropRefOnHostAdjacency(this->table, index);
+  EXPECT_EQ(this->table->adjacencies().users(static_cast<uint32_t>(index)), 1u);
+  this->helper->doDropRefOnHostAdjacency(this->table, index);
+  EXPECT_TRUE(this->table->adjIndexToViaSet(index).empty());
+}
+
+TYPED_TEST(AdjacencyTest, ValidationBringsReferencesInStepWithRoutes) {
+  auto& helper = *this->helper;
+  const auto routes = Kiv::make<typename TestFixture::RouteTable>("routes");
+  const auto kept = helper.doGetOrCreateFibAdjacency(this->vias({1}));
+  const auto lost = helper.doGetOrCreateFibAdjacency(this->vias({2}));
+  const auto shared = helper.doGetOrCreateFibAdjacency(this->vias({3}));
+  routes->routeIs(this->route(1, kept));
+  routes->routeIs(this->route(3, shared));
+  routes->routeIs(this->route(4, shared));
+  const auto hostIndex = helper.doGetOrCreateHostAdjacency(this->vias({1}), this->table);
+  helper.doGetOrCreateHostAdjacency(this->vias({1}), this->table);
+  this->table->routeIs(this->route(1, hostIndex));
+
+  const std::array routeTables{typename TestFixture::RouteTable::PtrConst(routes)};
+  const std::array hostTables{this->table};
+  EXPECT_EQ(helper.validate(routeTables, hostTables), 3u);
+  EXPECT_FALSE(this->forwarding->adjacencyIsSound(lost));
+  EXPECT_EQ(this->table->adjacencies().users(static_cast<uint32_t>(hostIndex)), 1u);
+  EXPECT_EQ(helper.validate(routeTables, hostTables), 0u);
+  helper.doDropRefOnFibAdjacency(shared);
+  EXPECT_TRUE(this->forwarding->adjacencyIsSound(shared));
+  helper.doDropRefOnFibAdjacency(shared);
+  EXPECT_FALSE(this->forwarding->adjacencyIsSound(shared));
+  EXPECT_TRUE(this->forwarding->adjacencyIsSound(kept));
+}
+
+}  // namespace
