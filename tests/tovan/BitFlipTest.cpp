@@ -2,11 +2,13 @@
 // told.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "platform/tovan/Reports.h"
@@ -58,6 +60,7 @@ class BitFlipTest : public SharedTable {
     SharedTable::TearDown();
   }
   bool isThere(uint64_t n) const { return n % 3 != 0; }
+  uint64_t there() const { return entries_ - (entries_ + 2) / 3; }
 
   /// The places of the bits that anybody reads: header, directory, pages.
   std::vector<size_t> bits(size_t every) const {
@@ -80,6 +83,15 @@ class BitFlipTest : public SharedTable {
     }
   }
 
+  /// So many of the bits of a large table, with repetitions.
+  std::vector<size_t> someBits(size_t count) const {
+    const auto all = bits(1);
+    std::mt19937 random(1);
+    std::vector<size_t> some(count);
+    for (size_t& bit : some) bit = all[random() % all.size()];
+    return some;
+  }
+
   /// Looks everything up, and walks.
   void read(const Map& table, Findings& findings) {
     bool isTold = false;
@@ -88,7 +100,7 @@ class BitFlipTest : public SharedTable {
         const auto value = table.get(key(n));
         if (value && (!isThere(n) || value->word() != n || !value->isWhole())) ++findings.wrong;
         if (!value && isThere(n)) ++findings.silentlyLost;
-      } catch (const CorruptionDetectedException&) {
+      } catch (const Pindo::Exception&) {
         isTold = true;
       }
     }
@@ -101,12 +113,10 @@ class BitFlipTest : public SharedTable {
     };
     try {
       table.forEachSound(visit, [&](const std::string&) { walkIsTold = true; });
-    } catch (const CorruptionDetectedException&) {
+    } catch (const Pindo::Exception&) {
       walkIsTold = true;
     }
-    const uint64_t there = entries_ - (entries_ + 2) / 3;
-    if (met < there && !walkIsTold) ++findings.silentlyLost;
-    if (!walkIsTold && table.size() != there) ++findings.wrong;
+    if (!walkIsTold && (met < there() || table.size() != there())) ++findings.silentlyLost;
     findings.told += isTold || walkIsTold;
   }
 
@@ -140,6 +150,44 @@ class BitFlipTest : public SharedTable {
     putBack();
   }
 
+  /// Each bit is flipped somewhere in the middle of a reading, and put back when all was read with
+  /// it once more.
+  void whileRead(const std::vector<size_t>& chosen) {
+    constexpr size_t kNone = ~size_t{0};
+    std::atomic<size_t> flipped = kNone;
+    std::atomic<bool> ends = false;
+    Findings findings;
+    std::thread other([&] {
+      const Map reading = reader();
+      while (!ends) {
+        const size_t bit = flipped;
+        const size_t told = findings.told;
+        read(reading, findings);
+        if (bit == kNone) {
+          findings.told = told;
+        } else {
+          flip(bit);
+          flipped = kNone;
+        }
+      }
+    });
+    std::mt19937 random(2);
+    for (const size_t bit : chosen) {
+      while (flipped != kNone) std::this_thread::yield();
+      const auto start = std::chrono::steady_clock::now();
+      const auto delay = std::chrono::nanoseconds(random() % (entries_ * 200));
+      while (std::chrono::steady_clock::now() - start < delay) {
+      }
+      flip(bit);
+      flipped = bit;
+    }
+    while (flipped != kNone) std::this_thread::yield();
+    ends = true;
+    other.join();
+    findings.flips = chosen.size();
+    expectGood(findings);
+  }
+
   static void expectGood(const Findings& findings) {
     EXPECT_GT(findings.told, 0U);
     EXPECT_EQ(findings.wrong, 0U) << "in " << findings.flips << " flips";
@@ -167,11 +215,18 @@ TEST_F(BitFlipTest, OfALargeTableAtRest) {
   make(3000);
   Findings findings;
   const Map reading = reader();
-  const auto all = bits(1);
-  std::mt19937 random(1);
-  for (size_t i = 0; i < 20000; i += stride())
-    atRest(all[random() % all.size()], reading, findings);
+  for (const size_t bit : someBits(20000 / stride())) atRest(bit, reading, findings);
   expectGood(findings);
+}
+
+TEST_F(BitFlipTest, OfASmallTableWhileRead) {
+  make(60);
+  whileRead(bits(stride()));
+}
+
+TEST_F(BitFlipTest, OfALargeTableWhileRead) {
+  make(3000);
+  whileRead(someBits(20000 / stride()));
 }
 
 // Whatever it is, the next changes put it right: for the writer, and for those who read meanwhile.
@@ -199,7 +254,7 @@ TEST_F(BitFlipTest, UnderALivingWriter) {
         table->erase(key(n));
       }
     }
-    ASSERT_EQ(table->size(), entries_ - (entries_ + 2) / 3) << "bit " << bit;
+    ASSERT_EQ(table->size(), there()) << "bit " << bit;
     for (const Map* opened : {&reading, static_cast<const Map*>(table.get())}) {
       for (uint64_t n = 0; n < entries_; ++n) {
         const auto value = opened->get(key(n));
@@ -210,6 +265,46 @@ TEST_F(BitFlipTest, UnderALivingWriter) {
     ASSERT_NO_THROW(reader()) << "bit " << bit;
   }
   EXPECT_GT(flips, 100U);
+}
+
+// Where nothing changes, the writer finds it all the same, tells of it once, and what it gives up
+// is all that is missing.
+TEST_F(BitFlipTest, UnderAWriterThatTends) {
+  make(60);
+  unmap();
+  Map table = writer();
+  const Map reading = reader();
+  map();
+  Findings findings;
+  Findings meanwhile;
+  std::atomic<bool> ends = false;
+  std::thread other([&] {
+    for (const Map third = reader(); !ends;) read(third, meanwhile);
+  });
+  for (const size_t bit : bits(stride())) {
+    const size_t reported = table.corruptions();
+    flip(bit);
+    ++findings.flips;
+    tend(table);
+    const size_t told = table.corruptions() - reported;
+    findings.told += told;
+    EXPECT_LE(told, 1U) << "bit " << bit << ": " << table.lastCorruption();
+    const bool hasDropped = table.takeDropped().has_value();
+    for (uint64_t n = 0; n < entries_; ++n) {
+      const auto value = reading.get(key(n));
+      if (value && (!isThere(n) || value->word() != n)) ++findings.wrong;
+      if (value || !isThere(n)) continue;
+      if (told == 0 || !hasDropped) ++findings.silentlyLost;
+      table.set(key(n), Repeated(n));
+    }
+    ASSERT_EQ(reading.size(), there()) << "bit " << bit;
+    tend(table);
+    ASSERT_EQ(table.corruptions(), reported + told) << "bit " << bit;
+  }
+  ends = true;
+  other.join();
+  findings.wrong += meanwhile.wrong;
+  expectGood(findings);
 }
 
 }  // namespace
