@@ -53,8 +53,8 @@ struct Outcome {
 };
 
 /// Explores what a reader sees while `change` is made to a table of keys 1 to `count`, each its own
-/// value. `complaint` has what is wrong with what it sees, or nothing; it is given the table and
-/// how many changes were counted before it looks.
+/// value. `complaint` looks, and has what is wrong with what it sees, or nothing; it is given the
+/// table and the count of changes before.
 Outcome explore(uint64_t count, const std::function<void(Map&)>& change,
                 const std::function<std::string(const Map&, uint64_t)>& complaint,
                 size_t exceptions) {
@@ -65,7 +65,7 @@ Outcome explore(uint64_t count, const std::function<void(Map&)>& change,
   Weak::model.record(tableName(), [&] { change(writer); });
   Outcome outcome;
   outcome.complaint = Weak::model.explore(
-      exceptions, [&]() -> std::string { return complaint(reader, reader.changeCount() - start); });
+      exceptions, [&]() -> std::string { return complaint(reader, start); });
   outcome.runs = Weak::model.runs();
   writer.cleanup();
   return outcome;
@@ -88,7 +88,8 @@ Outcome replacedTwice(size_t exceptions) {
     set(map, 1, 2);
     set(map, 1, 3);
   };
-  const auto complaint = [](const Map& reader, uint64_t counted) -> std::string {
+  const auto complaint = [](const Map& reader, uint64_t start) -> std::string {
+    const uint64_t counted = reader.changeCount() - start;
     const Got first = get(reader, 1);
     const Got second = get(reader, 1);
     if (!first.complaint.empty()) return first.complaint;
@@ -101,7 +102,8 @@ Outcome replacedTwice(size_t exceptions) {
 }
 
 Outcome removedAndCounted(size_t exceptions) {
-  const auto complaint = [](const Map& reader, uint64_t counted) -> std::string {
+  const auto complaint = [](const Map& reader, uint64_t start) -> std::string {
+    const uint64_t counted = reader.changeCount() - start;
     const Got got = get(reader, 1);
     if (!got.complaint.empty()) return got.complaint;
     return counted != 0 && got.value != 0 ? "a removal was counted and is not seen" : "";
