@@ -157,8 +157,8 @@ class BitFlipTest : public SharedTable {
     std::atomic<size_t> flipped = kNone;
     std::atomic<bool> ends = false;
     Findings findings;
+    const Map reading = reader();
     std::thread other([&] {
-      const Map reading = reader();
       while (!ends) {
         const size_t bit = flipped;
         const size_t told = findings.told;
@@ -278,8 +278,9 @@ TEST_F(BitFlipTest, UnderAWriterThatTends) {
   Findings findings;
   Findings meanwhile;
   std::atomic<bool> ends = false;
+  const Map third = reader();
   std::thread other([&] {
-    for (const Map third = reader(); !ends;) read(third, meanwhile);
+    while (!ends) read(third, meanwhile);
   });
   for (const size_t bit : bits(stride())) {
     const size_t reported = table.corruptions();
