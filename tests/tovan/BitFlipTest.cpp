@@ -1,8 +1,10 @@
 // Every bit of a table is flipped in turn: nobody may read a wrong value, or miss one without being
 // told.
 #include <gtest/gtest.h>
+#include <sys/time.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -150,40 +152,32 @@ class BitFlipTest : public SharedTable {
     putBack();
   }
 
-  /// Each bit is flipped somewhere in the middle of a reading, and put back when all was read with
-  /// it once more.
+  /// Each bit is flipped by a signal, between any two instructions of a reading, and put back when
+  /// all was read with it once more.
   void whileRead(const std::vector<size_t>& chosen) {
-    constexpr size_t kNone = ~size_t{0};
-    std::atomic<size_t> flipped = kNone;
-    std::atomic<bool> ends = false;
+    const auto former = std::signal(SIGALRM, [](int) {
+      if (waits_ != 0) *toFlip_ ^= static_cast<uint8_t>(1U << bitToFlip_ % 8);
+      waits_ = 0;
+    });
     Findings findings;
     const Map reading = reader();
-    std::thread other([&] {
-      while (!ends) {
-        const size_t bit = flipped;
-        const size_t told = findings.told;
-        read(reading, findings);
-        if (bit == kNone) {
-          findings.told = told;
-        } else {
-          flip(bit);
-          flipped = kNone;
-        }
-      }
-    });
     std::mt19937 random(2);
     for (const size_t bit : chosen) {
-      while (flipped != kNone) std::this_thread::yield();
-      const auto start = std::chrono::steady_clock::now();
-      const auto delay = std::chrono::nanoseconds(random() % (entries_ * 200));
-      while (std::chrono::steady_clock::now() - start < delay) {
+      toFlip_ = bytes_ + bit / 8;
+      bitToFlip_ = bit;
+      waits_ = 1;
+      itimerval soon{};
+      soon.it_value.tv_usec = static_cast<suseconds_t>(1 + random() % (entries_ / 3));
+      ::setitimer(ITIMER_REAL, &soon, nullptr);
+      for (Findings other; waits_ != 0;) {
+        read(reading, other);
+        findings.wrong += std::exchange(other.wrong, 0);
+        findings.silentlyLost += std::exchange(other.silentlyLost, 0);
       }
+      read(reading, findings);
       flip(bit);
-      flipped = bit;
     }
-    while (flipped != kNone) std::this_thread::yield();
-    ends = true;
-    other.join();
+    std::signal(SIGALRM, former);
     findings.flips = chosen.size();
     expectGood(findings);
   }
@@ -195,6 +189,11 @@ class BitFlipTest : public SharedTable {
     std::printf("%zu bits flipped, %zu times told, %zu wrong values, %zu silent losses\n",
                 findings.flips, findings.told, findings.wrong, findings.silentlyLost);
   }
+
+  // For the signal.
+  static inline uint8_t* volatile toFlip_ = nullptr;
+  static inline volatile size_t bitToFlip_ = 0;
+  static inline volatile std::sig_atomic_t waits_ = 0;
 
   uint64_t entries_ = 0;
   int fd_ = -1;
