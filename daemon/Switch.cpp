@@ -114,11 +114,17 @@ void Switch::traceAddressIs(std::string_view vrf, std::string_view address) {
   }
 }
 
-bool Switch::tendTables() {
+bool Switch::tendTables(bool all) {
+  constexpr size_t kPagesATurn = 512;  // some microseconds each
+  if (all) {
+    tendRound_.turnIsWhole();
+  } else {
+    tendRound_.turnIs(kPagesATurn);
+  }
   bool mayGrow = true;
-  const auto tend = [&mayGrow](auto& table) {
+  const auto tend = [&](auto& table) {
     try {
-      table.tend();
+      table.tend(tendRound_);
     } catch (const Tovan::NoSpaceException&) {
       mayGrow = false;
     }

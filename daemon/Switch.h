@@ -151,8 +151,9 @@ class Switch {
   void setStartRibReadyVerification(std::string_view vrf, bool start);
 
   /// Looks whether the shared tables are as they were left, and repairs what is not; and asks for
-  /// the memory again that was refused. For a timer. Returns whether every table may grow.
-  bool tendTables();
+  /// the memory again that was refused. For a timer: each call looks at some pages of the tables,
+  /// one after the other, or at `all`. Returns whether every table may grow.
+  bool tendTables(bool all = false);
   /// Has the machines do again whatever they may have left undone when a table could not grow or
   /// gave up entries. Before that, what they are made of is to be set again: interfaces, FECs,
   /// routes, neighbours. \throws as setRoute().
@@ -236,6 +237,7 @@ class Switch {
   std::map<std::string, Vrf, std::less<>> vrfs_;
   /// Where each address is a neighbour, in the order of the addresses. Kept while settling is on.
   std::tuple<NeighborIndex<Ipv4>, NeighborIndex<Ipv6>> neighborIndices_;
+  Tovan::TendRound tendRound_;
   bool loading_ = false;
   bool isSettling_ = false;  // lent to the machines, which tell by it why a neighbour is announced
   std::size_t historyEntries_ = 0;

@@ -1,8 +1,9 @@
 // Any bytes as a shared table: a reader refuses or reads it, the next writer refuses or repairs it
-// and then keeps what it is given. (A checksum can be forged: what was read may be anything.)
+// and then keeps what it is given. What changes under a writer is mended when it tends the table.
+// (A checksum can be forged: what was read may be anything.)
 //
-// The input either is the file, or says what to change in that of a good table: four bytes for the
-// place and one for the byte that is to stand there.
+// The input either is the file, or says what to change in that of a good table, before it is opened
+// or under its writer: four bytes for the place and one for the byte that is to stand there.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -70,6 +71,28 @@ void writeFile(const std::vector<uint8_t>& bytes) {
   ::close(fd);
 }
 
+/// Makes the changes of an input in a good table under its writer.
+void changeAndTend(const std::vector<uint8_t>& good, const std::vector<uint8_t>& changed) {
+  writeFile(good);
+  Map table(config(Tovan::Access::Write));
+  const Map reader(config(Tovan::Access::Read));
+  const int fd = openFile(O_RDWR);
+  for (size_t at = 0; at < good.size(); ++at) {
+    if (changed[at] == good[at]) continue;
+    const size_t to = at < kTop + kDirectory ? at : at - (kTop + kDirectory) + kPages;
+    if (::pwrite(fd, &changed[at], 1, static_cast<off_t>(to)) != 1) std::abort();
+  }
+  ::close(fd);
+  Tovan::TendRound round;
+  table.tend(round);
+  for (const Map* map : {static_cast<const Map*>(&table), &reader}) {
+    size_t met = 0;
+    for (uint64_t key = 0; key < kEntries; ++key) met += map->get(key).has_value();
+    if (met > map->size() || map->keys().size() != map->size()) std::abort();
+  }
+  if (table.validate() != 0) std::abort();
+}
+
 void readAll(const Map& table) {
   for (uint64_t key = 0; key < kEntries + 4; ++key) {
     try {
@@ -108,6 +131,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       std::memcpy(&place, data + at, sizeof(place));
       bytes[place % bytes.size()] = data[at + sizeof(place)];
     }
+  }
+  if (data[0] % 4 == 2) {
+    changeAndTend(good, bytes);
+    return 0;
   }
   writeFile(bytes);
   try {

@@ -192,7 +192,7 @@ void Router::tendTables() {
   noteTables();
   if (services_.clock() < nextTending_) return;
   nextTending_ = services_.clock() + kTendingInterval;
-  const bool mayGrow = switch_.tendTables();
+  const bool mayGrow = switch_.tendTables(std::exchange(suspectsTables_, false));
   noteTables();
   if (!isIncomplete_ || !mayGrow) return;
   isIncomplete_ = false;
@@ -225,6 +225,7 @@ void Router::noteTables() {
                                     " bytes; host routes may be missing");
     }
   }
+  suspectsTables_ |= corruptions != corruptions_;
   corruptions_ = corruptions;
   refusals_ = refusals;
   isIncomplete_ = true;
@@ -280,6 +281,7 @@ void Router::endDump() {
     routes_.start();
   } else {
     exports_.noteAll();
+    suspectsTables_ = true;
   }
   warnOfAnEmptySelection();
   endTurn();
@@ -370,8 +372,8 @@ std::vector<Router::Times> Router::times() const {
 std::optional<double> Router::nextDeadline() const {
   if (dumps_) return std::nullopt;  // a turn would do nothing
   const auto next = earlier(routes_.nextDeadline(), probing_.nextDeadline());
-  // While all is well, the tables are looked at when something changes: idle is idle.
-  return phase_ == Phase::Starting || !isIncomplete_ ? next : earlier(next, nextTending_);
+  const bool tends = isIncomplete_ || !config_.sharedName.empty();
+  return phase_ == Phase::Starting || !tends ? next : earlier(next, nextTending_);
 }
 
 }  // namespace Hostrouted

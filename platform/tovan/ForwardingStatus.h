@@ -97,9 +97,9 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// Stores a FIB adjacency in place of what is there of it, damaged or not.
   void adjacencyReplace(const Fec& adjacency) { store(adjacency); }
 
-  /// Looks whether somebody changed or cut the memory, and repairs it; see TovanMap::tend(). What
-  /// had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
-  void tend();
+  /// Looks whether somebody changed or removed the memory, and repairs it; see TovanMap::tend().
+  /// What had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
+  void tend(TendRound& round);
   /// Whether all parts of it are those that their names lead to; see Table.
   bool isCurrent() const {
     return fecs_.isCurrent() && moreVias_.isCurrent() && intfs_.isCurrent();
@@ -330,10 +330,10 @@ void BasicForwardingStatus<A>::storing(const Fec& fec, Store store) {
 }
 
 template <class A>
-void BasicForwardingStatus<A>::tend() {
-  intfs_.tend();
-  fecs_.tend();
-  moreVias_.tend();
+void BasicForwardingStatus<A>::tend(TendRound& round) {
+  intfs_.tend(round);
+  fecs_.tend(round);
+  moreVias_.tend(round);
   if (const auto dropped = takeDropped()) announce<FecAttribute>(*this, watches_, *dropped);
 }
 

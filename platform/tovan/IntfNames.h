@@ -35,8 +35,8 @@ class IntfNames {
   bool isCurrent() const { return names_.isCurrent(); }
   void cleanup() { names_.cleanup(); }
   /// As TovanMap::tend(); names that were lost are published again.
-  void tend() {
-    names_.tend();
+  void tend(TendRound& round) {
+    names_.tend(round);
     mend();
   }
 

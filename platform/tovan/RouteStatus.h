@@ -139,10 +139,10 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   bool isCurrent() const { return map_.isCurrent(); }
   uint64_t changeCount() const { return map_.changeCount(); }
 
-  /// Looks whether somebody changed or cut the memory, and repairs it; see TovanMap::tend(). What
-  /// had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
-  void tend() {
-    map_.tend();
+  /// Looks whether somebody changed or removed the memory, and repairs it; see TovanMap::tend().
+  /// What had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
+  void tend(TendRound& round) {
+    map_.tend(round);
     if (const auto dropped = takeDropped()) announce<RouteAttribute>(*this, watches_, *dropped);
   }
   /// Told of damage met on a look-up or walk.

@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "platform/tovan/Reports.h"
 
@@ -109,9 +110,32 @@ void Table::restore() {
     corruptionDetected(describe("memory of", memory_.bytes(), "bytes was cut short"));
   }
   for (size_t i = 0; i < kHeaderWords; ++i) {
-    if (headerWord(i).load(std::memory_order_relaxed) == left_[i]) continue;
+    if (isUnused(i) || headerWord(i).load(std::memory_order_relaxed) == left_[i]) continue;
     corruptionDetected(describe("header at byte", i * sizeof(left_[i]), "is not as it was left"));
     headerWord(i).store(left_[i], std::memory_order_release);
+  }
+}
+
+void Table::keepName() {
+  if (memory_.isCurrent()) {
+    lostName_.clear();
+    return;
+  }
+  const auto say = [&](std::string what) {
+    if (what == lostName_) return;
+    lostName_ = std::move(what);
+    corruptionDetected(lostName_);
+  };
+  if (lostName_.empty()) say(titleOf(name_) + " was removed, and is made again");
+  try {
+    const size_t directory = bytes() - (memory_.bytes() - shape_.pagesAt);
+    memory_.makeAgain({{{0, directory}, {shape_.pagesAt, memory_.bytes() - shape_.pagesAt}}});
+    lostName_.clear();
+  } catch (const OpenException& failure) {
+    say(failure.what());
+  } catch (const NoSpaceException& refusal) {
+    reportRefusal(name_, bytes(), refusal.what());
+    throw;
   }
 }
 

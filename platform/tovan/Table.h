@@ -68,6 +68,40 @@ class Patience {
   std::chrono::steady_clock::time_point deadline_;
 };
 
+/// How much of a number of tables is looked at: all of it, or a few pages at each turn, which goes
+/// on where the last one ended. All the tables are to be given the same object.
+class TendRound {
+ public:
+  /// A round that is done in one turn.
+  TendRound() : number_(next()) {}
+  /// Begins a turn of at most `pages`. Where the last one had pages left, all tables have been
+  /// looked at, and the next round begins.
+  void turnIs(size_t pages) {
+    if (pagesLeft_ != 0) number_ = next();
+    pagesLeft_ = pages;
+  }
+  /// Begins a new round, of one turn.
+  void turnIsWhole() { *this = TendRound(); }
+
+  /// Tells this round from all others of the process; not 0.
+  uint64_t number() const { return number_; }
+  /// Whether one page more may be looked at in this turn, which is taken for it then.
+  bool takePage() {
+    if (pagesLeft_ == 0) return false;
+    --pagesLeft_;
+    return true;
+  }
+
+ private:
+  static uint64_t next() {
+    static std::atomic<uint64_t> last = 0;
+    return ++last;
+  }
+
+  uint64_t number_;
+  size_t pagesLeft_ = ~size_t{0};
+};
+
 /// What all tables have, whatever their entries.
 class Table {
  public:
@@ -151,6 +185,7 @@ class Table {
   // The writer keeps what stands in the header: nothing that it relies on is changed from outside.
   // By its words, of which two are not used.
   static constexpr size_t kHeaderWords = 12;
+  static constexpr bool isUnused(size_t word) { return word == 6 || word == 7; }
   enum HeaderWord : uint8_t { kBytes = 8, kSize = 9, kDirectory = 10, kStatus = 11 };
   void headerIs(HeaderWord which, uint64_t word) {
     left_[which] = word;
@@ -163,7 +198,7 @@ class Table {
     uint64_t differing = memory_.isCut() | (left_[kDirectory] >> 8 & 1);
 #pragma GCC unroll 12
     for (size_t i = 0; i < kHeaderWords; ++i) {
-      if (i == 6 || i == 7) continue;
+      if (isUnused(i)) continue;
       differing |= headerWord(i).load(std::memory_order_relaxed) ^ left_[i];
     }
     return differing == 0;
@@ -174,8 +209,16 @@ class Table {
     memory_.refresh();
     if (memory_.bytes() < known) memory_.noteCut();
   }
+  /// Whether the file had no name any more when noteIfCut() looked.
+  bool isUnlinked() const {
+    return memory_.isUnlinked();
+  }
   /// Makes the file as long as it was, and the header what it was. \throws NoSpaceException.
   void restore();
+  /// Makes a file again that was removed under its name, with all that is in it. Where that cannot
+  /// be, as when another file has the name, it is reported and the table goes on without a name.
+  /// \throws NoSpaceException.
+  void keepName();
   /// For a reader that met damage: whether to look again, at what has come in place of a file that
   /// was cut short.
   bool isMappedAnew() const {
@@ -221,6 +264,7 @@ class Table {
   mutable uint32_t pages_ = 0;
   bool isNew_ = false;
   bool isShort_ = false;
+  std::string lostName_;  // what was last said of a file that is not there under its name
   std::array<uint64_t, kHeaderWords> left_{};
   size_t corruptions_ = 0;
   std::string lastCorruption_;

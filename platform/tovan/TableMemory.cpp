@@ -51,6 +51,12 @@ struct flock wholeFile(short type) {
   return lock;
 }
 
+/// Whether another open file than `file` has it locked for writing.
+bool isLocked(int file) {
+  auto lock = wholeFile(F_RDLCK);
+  return ::fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
 /// A file descriptor that is closed.
 class Descriptor {
  public:
@@ -156,6 +162,7 @@ class Tables {
     names_.erase(name);
   }
   std::vector<std::string> takeNamesOf(std::string_view owner);
+  bool isAnothers(const std::string& name);
 
  private:
   Tables() {
@@ -258,6 +265,44 @@ std::vector<std::string> Tables::takeNamesOf(std::string_view owner) {
   return taken;
 }
 
+/// Whether the file of this name is neither this process's nor left behind.
+bool Tables::isAnothers(const std::string& name) {
+  {
+    const std::lock_guard lock(mutex_);
+    const TableMemory* ours = nullptr;
+    forEachRange([&](const Range& range) {
+      const TableMemory* memory = range.begin == 0 ? nullptr : range.memory.load();
+      if (memory != nullptr && memory->isWritable() && memory->name() == name) ours = memory;
+      return ours != nullptr;
+    });
+    if (ours != nullptr) return !ours->isCurrent();
+  }
+  const Descriptor file(::shm_open(fileName(name).c_str(), O_RDONLY | O_NONBLOCK, 0));
+  return file && isLocked(file.get());
+}
+
+/// Allocated now, a page that memory has no room for fails here and not when it is touched.
+/// Returns an error number, or 0.
+int allocate(int file, size_t at, size_t bytes) {
+  int error = 0;
+  do {
+    error = ::posix_fallocate(file, static_cast<off_t>(at), static_cast<off_t>(bytes));
+  } while (error == EINTR);
+  return error;
+}
+
+bool writeAll(int file, const std::byte* from, size_t bytes, size_t at) {
+  while (bytes != 0) {
+    const ssize_t written = ::pwrite(file, from, bytes, static_cast<off_t>(at));
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    from += written;
+    at += static_cast<size_t>(written);
+    bytes -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string titleOf(std::string_view table) {
@@ -335,10 +380,7 @@ void TableMemory::provide(size_t at, size_t bytes) {
   if (end > reserved_) throw NoSpaceException(titleOf(name_) + " has reached its largest size");
   int error = 0;
   if (fd_ >= 0) {
-    // Allocated now, a page that memory has no room for fails here and not when it is touched.
-    do {
-      error = ::posix_fallocate(fd_, static_cast<off_t>(at), static_cast<off_t>(bytes));
-    } while (error == EINTR);
+    error = allocate(fd_, at, bytes);
   } else if (end > bytes_) {
     const bool large = bytes >= kLargeRequest;
     if (large && bytes_ >= kHugePage) {
@@ -357,7 +399,9 @@ void TableMemory::provide(size_t at, size_t bytes) {
 
 void TableMemory::refresh() {
   struct stat status {};
-  if (fd_ >= 0 && ::fstat(fd_, &status) == 0) bytes_ = static_cast<size_t>(status.st_size);
+  if (fd_ < 0 || ::fstat(fd_, &status) != 0) return;
+  bytes_ = static_cast<size_t>(status.st_size);
+  isUnlinked_ = status.st_nlink == 0;
 }
 
 void TableMemory::clear() {
@@ -365,8 +409,7 @@ void TableMemory::clear() {
 }
 
 bool TableMemory::hasOtherWriter() const {
-  auto lock = wholeFile(F_RDLCK);
-  return fd_ >= 0 && ::fcntl(fd_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+  return fd_ >= 0 && isLocked(fd_);
 }
 
 bool TableMemory::isCurrent() const {
@@ -379,8 +422,37 @@ bool TableMemory::isCurrent() const {
 
 void TableMemory::remove() {
   if (fd_ < 0) return;
-  ::shm_unlink(fileName(name_).c_str());
+  if (isCurrent()) ::shm_unlink(fileName(name_).c_str());
   Tables::instance().forgetName(name_);
+}
+
+void TableMemory::makeAgain(const std::array<Part, 2>& parts) {
+  const std::string what = titleOf(name_) + " cannot be made again";
+  Descriptor made(::open(kSharedMemoryFolder, O_TMPFILE | O_RDWR | O_CLOEXEC, 0644));
+  const std::string nameless = "/proc/self/fd/" + std::to_string(made.get());
+  const Descriptor mapping(made ? ::open(nameless.c_str(), O_RDWR | O_CLOEXEC) : -1);
+  auto lock = wholeFile(F_WRLCK);
+  if (!mapping || ::fcntl(made.get(), F_OFD_SETLK, &lock) != 0) {
+    throw OpenException(what + reason(errno));
+  }
+  for (const auto& [at, bytes] : parts) {
+    if (const int error = allocate(made.get(), at, bytes)) {
+      throw NoSpaceException(what + reason(error));
+    }
+    if (!writeAll(made.get(), base_ + at, bytes, at)) throw OpenException(what + reason(errno));
+  }
+  const std::string path = kSharedMemoryFolder + fileName(name_);
+  if (::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+    throw OpenException(what + (errno == EEXIST ? ": another file has its name" : reason(errno)));
+  }
+  const int kind = MAP_SHARED | MAP_FIXED | MAP_NORESERVE;
+  if (::mmap(base_, reserved_, protection_, kind, mapping.get(), 0) == MAP_FAILED) {
+    const int error = errno;
+    ::unlink(path.c_str());
+    throw OpenException(what + reason(error));
+  }
+  ::close(std::exchange(fd_, made.release()));
+  isUnlinked_ = false;
 }
 
 std::vector<std::string> tablesOf(std::string_view owner) {
@@ -410,7 +482,7 @@ size_t removeTablesOf(std::string_view owner) {
     // Without the folder, or a descriptor to read it with, nobody else's tables are found.
   }
   const auto isRemoved = [](const std::string& name) {
-    return ::shm_unlink(fileName(name).c_str()) == 0;
+    return !Tables::instance().isAnothers(name) && ::shm_unlink(fileName(name).c_str()) == 0;
   };
   return static_cast<size_t>(std::count_if(names.begin(), names.end(), isRemoved));
 }

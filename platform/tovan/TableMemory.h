@@ -1,6 +1,7 @@
 // The memory a table lives in: private or named, growing in place.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <string>
@@ -32,6 +33,11 @@ struct TableConfig {
 /// by then. It does not write them, and does not keep others from doing so.
 class TableMemory {
  public:
+  /// Bytes of the memory.
+  struct Part {
+    size_t at;
+    size_t bytes;
+  };
   /// Who asks for so much at once will ask for more.
   static constexpr size_t kLargeRequest = size_t{16} << 10;
 
@@ -51,16 +57,24 @@ class TableMemory {
   /// Makes the bytes from `at` on usable, new ones zero.
   /// \throws NoSpaceException, changing nothing.
   void provide(size_t at, size_t bytes);
-  /// Looks how far the writer has grown the table by now.
+  /// Looks how far the writer has grown the table by now, and whether its file has a name.
   void refresh();
+  /// Whether the file had no name any more when that was last looked.
+  bool isUnlinked() const { return isUnlinked_; }
   /// Gives all memory back, so that provide() starts from zeroes.
   void clear();
   /// Whether another process, or another object of this one, has the table open for writing.
   bool hasOtherWriter() const;
   /// Whether the name leads to this memory; always so for private memory.
   bool isCurrent() const;
-  /// Takes the name away: processes that are attached keep the memory, nobody finds it any more.
+  /// Takes the name away, if it leads here: processes that are attached keep the memory, nobody
+  /// finds it any more.
   void remove();
+  /// Makes another file under the name, which leads nowhere, with these parts of the memory in it;
+  /// it takes the place of the former one. It is complete, and locked, before the name leads to it.
+  /// \throws OpenException when there is a file under the name, or one cannot be made;
+  ///   NoSpaceException.
+  void makeAgain(const std::array<Part, 2>& parts);
 
   /// Whether the file was found to be shorter than it was. Zeroes stand in place of what is missing
   /// then, which no other process sees.
@@ -71,6 +85,7 @@ class TableMemory {
   bool remap();
   /// Lets go of what a forked child must not share with its parent.
   void leaveToParent();
+  const std::string& name() const { return name_; }
 
  private:
   std::string name_;
@@ -80,6 +95,7 @@ class TableMemory {
   size_t bytes_ = 0;
   const int protection_;
   bool isWritable_;
+  bool isUnlinked_ = false;
   std::atomic<bool> isCut_ = false;
 };
 
@@ -91,7 +107,8 @@ std::string titleOf(std::string_view table);
 std::vector<std::string> tablesOf(std::string_view owner);
 /// Removes the tables that belong to `owner`, readable or not, and tells how many there were: none
 /// where there is no folder of them. Those that this process opened for writing are removed even if
-/// it has no file descriptor left.
+/// it has no file descriptor left. What another process has open for writing stays, and what was
+/// put in place of a table of this process.
 size_t removeTablesOf(std::string_view owner);
 
 }  // namespace Tovan

@@ -116,15 +116,11 @@ class TovanMap : public Table {
     return repair();
   }
   /// Looks whether the header is as this writer left it and the file as long, and repairs what is
-  /// not. Each change does so, too: this is for times without any. Where memory was refused, it
-  /// asks for more again.
+  /// not. Each change does so, too: this is for times without any. Once in a round it also looks
+  /// whether the name still leads here and all pages are sound, which nobody else does with pages
+  /// that are not written. Where memory was refused, it asks for more again.
   /// \throws NoSpaceException, ReadOnlyException.
-  void tend() {
-    requireWritable("validate to read-only Tovan table");
-    noteIfCut();
-    keep();
-    if (isShort()) reservePages(freePages_.size() + 1);
-  }
+  void tend(TendRound& round);
   /// What was given up as damaged since this was last called, if anything.
   std::optional<Dropped<Key>> takeDropped() {
     return dropped_ ? std::exchange(dropped_, std::nullopt) : std::nullopt;
@@ -342,6 +338,9 @@ class TovanMap : public Table {
   static void freeSlots(Page& of);
   void removeAll();
 
+  void inspect(TendRound& round);
+  const char* pageFault(uint32_t number) const;
+  const char* slotFault(Page& in, const Slot& slot) const;
   size_t repair();
   void settle(const Page& in, Slot& slot);
   void giveUp(const Page& in, const Slot& slot);
@@ -357,6 +356,10 @@ class TovanMap : public Table {
   uint64_t changes_ = 1;
   std::vector<uint32_t> freePages_;  // with room for all there are
   std::optional<Dropped<Key>> dropped_;
+  struct {
+    uint64_t round = 0;
+    uint32_t next = 0;  ///< the page to look at
+  } inspected_;
   /// The last key that was found to be absent, and as of which change.
   mutable struct {
     Words key;
@@ -1089,6 +1092,87 @@ void TovanMap<Key, Value>::removeAll() {
 }
 
 // Repair.
+
+template <class Key, class Value>
+void TovanMap<Key, Value>::tend(TendRound& round) {
+  requireWritable("validate to read-only Tovan table");
+  noteIfCut();
+  keep();
+  if (isUnlinked()) keepName();
+  inspect(round);
+  if (isShort()) reservePages(freePages_.size() + 1);
+}
+
+/// Looks at the next pages of a round, and repairs the table if one of them is damaged.
+template <class Key, class Value>
+void TovanMap<Key, Value>::inspect(TendRound& round) {
+  auto& [of, next] = inspected_;
+  if (of != round.number()) {
+    if (!round.takePage()) return;
+    of = round.number();
+    next = 0;
+    keepName();
+  }
+  while (next < pages() && round.takePage()) {
+    const uint32_t number = next++;
+    const char* fault = pageFault(number);
+    if (fault == nullptr) continue;
+    next = pages();  // a repair looks at them all
+    // Where it finds nothing to give up or to announce, what it was called for is told here.
+    const size_t before = corruptions();
+    const auto message = describe("page", number, fault);
+    try {
+      repair();
+    } catch (...) {
+      if (corruptions() == before) corruptionDetected(message);
+      throw;
+    }
+    if (corruptions() == before) corruptionDetected(message);
+  }
+}
+
+/// What is wrong with a page and what leads to it, or null. Nothing is being changed.
+template <class Key, class Value>
+const char* TovanMap<Key, Value>::pageFault(uint32_t number) const {
+  Page& what = page(number);
+  uint32_t used = 0;
+  for (const Slot& slot : what.slots) used += slot.state() != 0;
+  if (what.seal.load(std::memory_order_relaxed) == 0) {
+    const auto isEmpty = [](const Slot& slot) { return slot.checksum.load() == 0; };
+    if (used != 0 || !std::ranges::all_of(what.slots, isEmpty)) return "is in use, but unmarked";
+    return nullptr;
+  }
+  const uint32_t depth = what.depth.load(std::memory_order_relaxed);
+  if (!isSealed(what) || depth > depth_) return "has a damaged head";
+  const PageRef ref(number, what.serial.load(std::memory_order_relaxed));
+  uint32_t i = what.pattern.load(std::memory_order_relaxed);
+  for (; i < uint32_t{1} << depth_; i += uint32_t{1} << depth) {
+    if (PageRef(directory(i, depth_).load(std::memory_order_relaxed)) != ref) {
+      return "is not found by the directory";
+    }
+  }
+  if (what.used.load(std::memory_order_relaxed) != used) return "has a wrong count of slots";
+  for (const Slot& slot : what.slots) {
+    if (const char* fault = slotFault(what, slot)) return fault;
+  }
+  return nullptr;
+}
+
+template <class Key, class Value>
+const char* TovanMap<Key, Value>::slotFault(Page& in, const Slot& slot) const {
+  const uint32_t state = slot.state();
+  const uint32_t checksum = slot.checksum.load(std::memory_order_relaxed);
+  bool isSound = false;
+  if (state == kLive) {
+    Words words;
+    load(slot, words);
+    const uint64_t hash = hashOf(words);
+    isSound = checksum == checksumOf(hash, words) && search(in, hash, words) == &slot;
+  } else {
+    isSound = (state == 0 && checksum == 0) || (state == kGone && checksum == kSpoilt);
+  }
+  return isSound ? nullptr : "has a damaged slot";
+}
 
 /// Ends what a killed writer began in a slot of a page, and gives up an entry that is damaged.
 template <class Key, class Value>

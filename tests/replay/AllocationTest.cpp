@@ -1,106 +1,119 @@
 // An allocation that fails in the middle of an event.
-#include <functional>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "daemon/Switch.h"
-#include "platform/kiv/containers/Exception.h"
-#include "replay/ShownRoute.h"
+#include "daemon/Operation.h"
+#include "platform/kiv/Exception.h"
 #include "tests/kiv/ShortMemory.h"
+#include "tests/replay/Dumps.h"
 
 namespace {
 
-using Daemon::Ipv4;
+using Daemon::Operation;
 using Daemon::Switch;
-using Step = std::function<void(Switch&)>;
-using Steps = std::vector<Step>;
+using Steps = std::vector<Operation>;
 
-Zemit::IntfId portNamed(const char* name = "Ethernet1") {
-  return Zemit::IntfId::of(std::string_view(name));
-}
-Step neighborStep(uint32_t n, bool present = true) {
-  return [=](Switch& sw) {
-    sw.setNeighbor(portNamed(), Ipv4::Neighbor{.ipAddr = Zemit::IpAddr(0x0A000000 + n), .mac = {}},
-                   present);
-  };
-}
-Step routeStep(uint32_t addr, uint32_t len, bool present = true) {
-  return [=](Switch& sw) {
-    const Ipv4::Route made{.key = Zemit::Prefix::enclosing(Zemit::IpAddr(addr), len),
-                           .metricPref = {.metric = 0, .preference = 1},
-                           .routeType = Ipv4::kConnected,
-                           .fecId = 1};
-    sw.setRoute("default", made, present);
-  };
-}
-Step fecStep(const char* intf) {
-  return [=](Switch& sw) { sw.setFec(Ipv4::Fec(1, {{.hop = {}, .intf = portNamed(intf)}})); };
-}
+template <class F>
+class AllocationTest : public testing::Test {
+ protected:
+  using Prefix = typename F::Prefix;
 
-/// Goes on when a step fails, as the daemon does. Returns how many did.
-size_t playSteps(Switch& sw, const Steps& steps) {
-  size_t failures = 0;
-  for (const Step& step : steps) {
-    try {
-      step(sw);
-    } catch (const Pindo::Exception&) {
-      ++failures;
-    } catch (const std::bad_alloc&) {
-      ++failures;
+  static constexpr bool kIsIpv4 = std::is_same_v<F, Daemon::Ipv4>;
+  static typename F::Addr addr(uint32_t n) {
+    if constexpr (kIsIpv4) {
+      return Zemit::IpAddr(0x0A000000 + n);
+    } else {
+      return {0x20010DB800000000, n};
     }
   }
-  return failures;
-}
-
-/// The routes in the table, with their next hops.
-std::string routesOf(const Switch& sw) {
-  std::string text;
-  const auto& routing = sw.vrfs().at("default").routing<Ipv4>();
-  for (auto shown : Replay::shownRoutes<Ipv4>(*routing.routeStatus, *sw.shared<Ipv4>().forwarding,
-                                              [](const auto&) { return true; })) {
-    // An adjacency's number depends on which were there before.
-    if (shown.route.fecId >= Ipv4::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
-    text += Replay::routeJson<Ipv4>(shown).text() + "\n";
+  static Zemit::IntfId port(const char* name = "Ethernet1") {
+    return Zemit::IntfId::of(std::string_view(name));
   }
-  return text;
-}
+  static Operation neighbor(uint32_t n, bool present = true) {
+    return Daemon::SetNeighbor<F>{
+        .intf = port(), .neighbor = {.ipAddr = addr(n), .mac = {}}, .present = present};
+  }
+  static Operation route(uint32_t hostBits, bool present = true) {
+    return Daemon::SetRoute<F>{
+        .vrf = "default",
+        .route = {.key = Prefix::enclosing(addr(0), Prefix::kMaxLen - hostBits),
+                  .metricPref = {.metric = 0, .preference = 1},
+                  .routeType = F::kConnected,
+                  .fecId = 1},
+        .present = present};
+  }
+  static Operation fec(const char* intf) {
+    return Daemon::SetFec<F>{.fec = typename F::Fec(1, {{.hop = {}, .intf = port(intf)}})};
+  }
+  static Operation address(uint32_t n, bool present = true) {
+    return Daemon::SetAddress<F>{
+        .intf = port(), .addr = {addr(n), Prefix::kMaxLen - 16}, .present = present};
+  }
+  static Operation virtualIp(uint32_t n, bool present = true) {
+    return Daemon::SetVirtualIp<F>{
+        .vrf = "default", .addr = {addr(n), Prefix::kMaxLen}, .present = present};
+  }
+
+  /// Goes on when a step fails, as the daemon does.
+  static void play(Switch& sw, const Steps& steps) {
+    for (const Operation& step : steps) {
+      try {
+        Daemon::apply(sw, step);
+      } catch (const Pindo::Exception&) {
+      } catch (const std::bad_alloc&) {
+      }
+    }
+  }
+};
+using Families = testing::Types<Daemon::Ipv4, Daemon::Ipv6>;
+TYPED_TEST_SUITE(AllocationTest, Families);
 
 // The process goes on, and what it is told again afterwards makes it whole.
-TEST(AllocationTest, MayFailAnywhereInAnEvent) {
-  const Steps before{[](Switch& sw) { sw.setInterface(portNamed(), "default"); },
-                     [](Switch& sw) { sw.setInitialized<Ipv4>("default", true); },
-                     fecStep("Ethernet1"),
-                     routeStep(0x0A000000, 16),
-                     neighborStep(5),
-                     neighborStep(6),
-                     neighborStep(7)};
-  const std::pair<const char*, Steps> events[] = {{"learned", {neighborStep(8)}},
-                                                  {"lost", {neighborStep(6, false)}},
-                                                  {"narrower", {routeStep(0x0A000000, 24)}},
-                                                  {"withdrawn", {routeStep(0x0A000000, 16, false)}},
-                                                  {"moved", {fecStep("Ethernet2")}}};
+TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
+  using T = AllocationTest<TypeParam>;
+  const Steps before{Daemon::SetInterface{.intf = T::port(), .vrf = "default"},
+                     Daemon::SetInitialized{.vrf = "default"},
+                     T::fec("Ethernet1"),
+                     T::route(16),
+                     T::address(1),
+                     T::virtualIp(3),
+                     T::neighbor(5),
+                     T::neighbor(6),
+                     T::neighbor(7)};
+  const std::pair<const char*, Operation> events[] = {{"learned", T::neighbor(8)},
+                                                      {"lost", T::neighbor(6, false)},
+                                                      {"narrower", T::route(8)},
+                                                      {"withdrawn", T::route(16, false)},
+                                                      {"moved", T::fec("Ethernet2")},
+                                                      {"addressed", T::address(2)},
+                                                      {"unaddressed", T::address(1, false)},
+                                                      {"virtual", T::virtualIp(6)},
+                                                      {"no more virtual", T::virtualIp(3, false)}};
   for (const auto& [name, event] : events) {
+    const Steps after{event};
     Switch whole({.settles = true});
-    playSteps(whole, before);
-    playSteps(whole, event);
+    T::play(whole, before);
+    T::play(whole, after);
+    const auto expected = canonicalDumps(whole);
     size_t tried = 0;
     for (bool hasRunOut = true; hasRunOut;) {
       SCOPED_TRACE(std::string(name) + ", allocation " + std::to_string(++tried));
       Switch sw({.settles = true});
-      playSteps(sw, before);
+      T::play(sw, before);
       {
         const Sample::ShortMemory memory(tried);
-        playSteps(sw, event);
+        T::play(sw, after);
         hasRunOut = memory.hasRunOut();
       }
-      ASSERT_NO_THROW(routesOf(sw)) << "the tables cannot be read";
-      playSteps(sw, before);
-      playSteps(sw, event);
+      ASSERT_NO_THROW(canonicalDumps(sw)) << "the tables cannot be read";
+      T::play(sw, before);
+      T::play(sw, after);
       sw.redo();
-      EXPECT_EQ(routesOf(sw), routesOf(whole));
+      EXPECT_EQ(difference(canonicalDumps(sw), "after", expected, "whole"), "");
     }
     EXPECT_GT(tried, 1U) << name;
   }

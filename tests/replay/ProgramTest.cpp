@@ -1,6 +1,9 @@
 // The hostroute program: exit statuses, and tables that one process writes and others read.
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -252,6 +255,46 @@ TEST_F(ProgramTest, TheTablesOfAKilledWriterStayUntilTheNextOne) {
   EXPECT_EQ(after.text, before.text + "hostroute routes: warning: VRF a/b% IPv4 is left behind\n");
   EXPECT_EQ(run("replay --shared " + name + " /dev/null").status, 0);
   EXPECT_EQ(run("routes --table " + name).status, 1);
+}
+
+// The program is stopped where it asks the kernel for the first time whether there is a writer: it
+// has opened the tables by then, and not read them.
+TEST_F(ProgramTest, TablesAreCalledRemovedThatGoWhileTheyAreRead) {
+  Writer writer(name);
+  writer.feed(kScene);
+  const auto before = routesOnce("10.0.0.5/32");
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(ends[1], STDOUT_FILENO);
+    ::dup2(ends[1], STDERR_FILENO);
+    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    ::execl(HOSTROUTE_PROGRAM, HOSTROUTE_PROGRAM, "routes", "--json", "--vrf", "a/b%", "--family",
+            "4", "--table", name.c_str(), nullptr);
+    ::_exit(127);
+  }
+  ::close(ends[1]);
+  int status = 0;
+  __ptrace_syscall_info call{};
+  do {
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSTOPPED(status)) << "it ended before it asked";
+    ::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof(call), &call);
+  } while ((call.op != PTRACE_SYSCALL_INFO_ENTRY || call.entry.nr != SYS_fcntl ||
+            call.entry.args[1] != F_OFD_GETLK) &&
+           ::ptrace(PTRACE_SYSCALL, child, nullptr, nullptr) == 0);
+  for (const char* table : {".a%2Fb%25.route4", ".fec4", ".via4", ".intf4"}) {
+    EXPECT_EQ(::shm_unlink(("/hostroute-" + name + table).c_str()), 0) << table;
+  }
+  ::ptrace(PTRACE_DETACH, child, nullptr, nullptr);
+  std::string text;
+  char byte = 0;
+  while (::read(ends[0], &byte, 1) == 1) text += byte;
+  ::close(ends[0]);
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), 3);
+  EXPECT_EQ(text, before.text + "hostroute routes: warning: VRF a/b% IPv4 is removed\n");
 }
 
 TEST_F(ProgramTest, ADamagedRouteIsReportedAndTheOthersAreShown) {

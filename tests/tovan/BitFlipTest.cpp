@@ -1,12 +1,16 @@
 // Every bit of a table is flipped in turn: nobody may read a wrong value, or miss one without being
 // told.
 #include <gtest/gtest.h>
+#include <sys/time.h>
 
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "platform/tovan/Reports.h"
@@ -58,6 +62,7 @@ class BitFlipTest : public SharedTable {
     SharedTable::TearDown();
   }
   bool isThere(uint64_t n) const { return n % 3 != 0; }
+  uint64_t there() const { return entries_ - (entries_ + 2) / 3; }
 
   /// The places of the bits that anybody reads: header, directory, pages.
   std::vector<size_t> bits(size_t every) const {
@@ -80,6 +85,15 @@ class BitFlipTest : public SharedTable {
     }
   }
 
+  /// So many of the bits of a large table, with repetitions.
+  std::vector<size_t> someBits(size_t count) const {
+    const auto all = bits(1);
+    std::mt19937 random(1);
+    std::vector<size_t> some(count);
+    for (size_t& bit : some) bit = all[random() % all.size()];
+    return some;
+  }
+
   /// Looks everything up, and walks.
   void read(const Map& table, Findings& findings) {
     bool isTold = false;
@@ -88,7 +102,7 @@ class BitFlipTest : public SharedTable {
         const auto value = table.get(key(n));
         if (value && (!isThere(n) || value->word() != n || !value->isWhole())) ++findings.wrong;
         if (!value && isThere(n)) ++findings.silentlyLost;
-      } catch (const CorruptionDetectedException&) {
+      } catch (const Pindo::Exception&) {
         isTold = true;
       }
     }
@@ -101,12 +115,10 @@ class BitFlipTest : public SharedTable {
     };
     try {
       table.forEachSound(visit, [&](const std::string&) { walkIsTold = true; });
-    } catch (const CorruptionDetectedException&) {
+    } catch (const Pindo::Exception&) {
       walkIsTold = true;
     }
-    const uint64_t there = entries_ - (entries_ + 2) / 3;
-    if (met < there && !walkIsTold) ++findings.silentlyLost;
-    if (!walkIsTold && table.size() != there) ++findings.wrong;
+    if (!walkIsTold && (met < there() || table.size() != there())) ++findings.silentlyLost;
     findings.told += isTold || walkIsTold;
   }
 
@@ -140,6 +152,36 @@ class BitFlipTest : public SharedTable {
     putBack();
   }
 
+  /// Each bit is flipped by a signal, between any two instructions of a reading, and put back when
+  /// all was read with it once more.
+  void whileRead(const std::vector<size_t>& chosen) {
+    const auto former = std::signal(SIGALRM, [](int) {
+      if (waits_ != 0) *toFlip_ ^= static_cast<uint8_t>(1U << bitToFlip_ % 8);
+      waits_ = 0;
+    });
+    Findings findings;
+    const Map reading = reader();
+    std::mt19937 random(2);
+    for (const size_t bit : chosen) {
+      toFlip_ = bytes_ + bit / 8;
+      bitToFlip_ = bit;
+      waits_ = 1;
+      itimerval soon{};
+      soon.it_value.tv_usec = static_cast<suseconds_t>(1 + random() % (entries_ / 3));
+      ::setitimer(ITIMER_REAL, &soon, nullptr);
+      for (Findings other; waits_ != 0;) {
+        read(reading, other);
+        findings.wrong += std::exchange(other.wrong, 0);
+        findings.silentlyLost += std::exchange(other.silentlyLost, 0);
+      }
+      read(reading, findings);
+      flip(bit);
+    }
+    std::signal(SIGALRM, former);
+    findings.flips = chosen.size();
+    expectGood(findings);
+  }
+
   static void expectGood(const Findings& findings) {
     EXPECT_GT(findings.told, 0U);
     EXPECT_EQ(findings.wrong, 0U) << "in " << findings.flips << " flips";
@@ -147,6 +189,11 @@ class BitFlipTest : public SharedTable {
     std::printf("%zu bits flipped, %zu times told, %zu wrong values, %zu silent losses\n",
                 findings.flips, findings.told, findings.wrong, findings.silentlyLost);
   }
+
+  // For the signal.
+  static inline uint8_t* volatile toFlip_ = nullptr;
+  static inline volatile size_t bitToFlip_ = 0;
+  static inline volatile std::sig_atomic_t waits_ = 0;
 
   uint64_t entries_ = 0;
   int fd_ = -1;
@@ -167,11 +214,18 @@ TEST_F(BitFlipTest, OfALargeTableAtRest) {
   make(3000);
   Findings findings;
   const Map reading = reader();
-  const auto all = bits(1);
-  std::mt19937 random(1);
-  for (size_t i = 0; i < 20000; i += stride())
-    atRest(all[random() % all.size()], reading, findings);
+  for (const size_t bit : someBits(20000 / stride())) atRest(bit, reading, findings);
   expectGood(findings);
+}
+
+TEST_F(BitFlipTest, OfASmallTableWhileRead) {
+  make(60);
+  whileRead(bits(stride()));
+}
+
+TEST_F(BitFlipTest, OfALargeTableWhileRead) {
+  make(3000);
+  whileRead(someBits(20000 / stride()));
 }
 
 // Whatever it is, the next changes put it right: for the writer, and for those who read meanwhile.
@@ -199,7 +253,7 @@ TEST_F(BitFlipTest, UnderALivingWriter) {
         table->erase(key(n));
       }
     }
-    ASSERT_EQ(table->size(), entries_ - (entries_ + 2) / 3) << "bit " << bit;
+    ASSERT_EQ(table->size(), there()) << "bit " << bit;
     for (const Map* opened : {&reading, static_cast<const Map*>(table.get())}) {
       for (uint64_t n = 0; n < entries_; ++n) {
         const auto value = opened->get(key(n));
@@ -210,6 +264,47 @@ TEST_F(BitFlipTest, UnderALivingWriter) {
     ASSERT_NO_THROW(reader()) << "bit " << bit;
   }
   EXPECT_GT(flips, 100U);
+}
+
+// Where nothing changes, the writer finds it all the same, tells of it once, and what it gives up
+// is all that is missing.
+TEST_F(BitFlipTest, UnderAWriterThatTends) {
+  make(60);
+  unmap();
+  Map table = writer();
+  const Map reading = reader();
+  map();
+  Findings findings;
+  Findings meanwhile;
+  std::atomic<bool> ends = false;
+  const Map third = reader();
+  std::thread other([&] {
+    while (!ends) read(third, meanwhile);
+  });
+  for (const size_t bit : bits(stride())) {
+    const size_t reported = table.corruptions();
+    flip(bit);
+    ++findings.flips;
+    tend(table);
+    const size_t told = table.corruptions() - reported;
+    findings.told += told;
+    EXPECT_LE(told, 1U) << "bit " << bit << ": " << table.lastCorruption();
+    const bool hasDropped = table.takeDropped().has_value();
+    for (uint64_t n = 0; n < entries_; ++n) {
+      const auto value = reading.get(key(n));
+      if (value && (!isThere(n) || value->word() != n)) ++findings.wrong;
+      if (value || !isThere(n)) continue;
+      if (told == 0 || !hasDropped) ++findings.silentlyLost;
+      table.set(key(n), Repeated(n));
+    }
+    ASSERT_EQ(reading.size(), there()) << "bit " << bit;
+    tend(table);
+    ASSERT_EQ(table.corruptions(), reported + told) << "bit " << bit;
+  }
+  ends = true;
+  other.join();
+  findings.wrong += meanwhile.wrong;
+  expectGood(findings);
 }
 
 }  // namespace

@@ -1,55 +1,32 @@
 // The tables of routes and FECs in shared memory: what is announced, refused and put right.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <csignal>
 #include <set>
 
-#include "platform/rovel/AdjacencyHelper.h"
-#include "platform/tovan/RouteStatus.h"
+#include "platform/tovan/Reports.h"
 #include "tests/tovan/Damage.h"
+#include "tests/tovan/RouteTablesTest.h"
 
 namespace {
 
 using Tovan::Access;
 
-struct Ipv4 {
-  using Addr = Zemit::IpAddr;
-  using Prefix = Zemit::Prefix;
-  using RouteStatus = Tovan::Fib::RouteStatus;
-  using ForwardingStatus = Tovan::Fib::ForwardingStatus;
-  using HostStatus = Routing::Host::Status;
-  using AdjacencyHelper = Rovel::AdjacencyHelper;
-  static constexpr const char* kNumber = "4";
-  static Addr addr(uint32_t n) { return Addr(0x0A000000 + n); }
-};
-struct Ipv6 {
-  using Addr = Zemit::Ip6Addr;
-  using Prefix = Zemit::Ip6Prefix;
-  using RouteStatus = Tovan::Fib6::RouteStatus;
-  using ForwardingStatus = Tovan::Fib6::ForwardingStatus;
-  using HostStatus = Routing6::Host::Status;
-  using AdjacencyHelper = Rovel::Adjacency6Helper;
-  static constexpr const char* kNumber = "6";
-  static Addr addr(uint32_t n) { return {0x20010DB800000000, n}; }
-};
-
 template <class F>
-class FibTablesTest : public testing::Test {
+class FibTablesTest : public Tovan::RouteTablesTest<F> {
  protected:
-  using Prefix = typename F::Prefix;
-  using RouteStatus = typename F::RouteStatus;
-  using Route = typename RouteStatus::Route;
-  using ForwardingStatus = typename F::ForwardingStatus;
-  using Fec = typename ForwardingStatus::Fec;
+  using Base = Tovan::RouteTablesTest<F>;
+  using typename Base::Fec;
+  using typename Base::ForwardingStatus;
+  using typename Base::Prefix;
+  using typename Base::Route;
+  using typename Base::RouteStatus;
   using FecId = Tovan::Fib::FecId;
+  using Base::host;
+  using Base::name;
 
-  ~FibTablesTest() override { Tovan::removeTablesOf(name); }
-
-  static Prefix host(uint32_t n) { return Prefix::host(F::addr(n)); }
   static Route route(uint32_t n, FecId fecId = 7) {
     return {.key = host(n), .metricPref = {}, .routeType = {}, .fecId = fecId};
   }
@@ -80,11 +57,8 @@ class FibTablesTest : public testing::Test {
     std::set<FecId> told;
     size_t toldOfAll = 0;
   };
-
-  const std::string name = "test" + std::to_string(::getpid());
 };
-using Families = testing::Types<Ipv4, Ipv6>;
-TYPED_TEST_SUITE(FibTablesTest, Families);
+TYPED_TEST_SUITE(FibTablesTest, Tovan::TestFamilies);
 
 // An observer that is not told keeps a route that is gone.
 TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
@@ -207,6 +181,39 @@ TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
       for (const uint64_t id : {8U, 9U}) EXPECT_EQ(opened->fec(id), T::fec(id, intf(id)));
     }
     Tovan::removeTablesOf(this->name);
+  }
+}
+
+// The writer looks at what it does not change, and knows the names itself.
+TYPED_TEST(FibTablesTest, WhatNobodyWritesIsTended) {
+  using T = FibTablesTest<TypeParam>;
+  const auto routes = this->template open<typename T::RouteStatus>(Access::Write);
+  const auto fecs = this->template open<typename T::ForwardingStatus>(Access::Write);
+  const auto intf = [](uint64_t n) { return "Ethernet" + std::to_string(n); };
+  for (uint32_t n = 1; n <= 9; ++n) {
+    routes->routeIs(T::route(n, n));
+    fecs->fecIs(T::fec(n, intf(n)));
+  }
+  const auto routeWatcher = Kiv::make<typename T::RouteWatcher>();
+  const auto fecWatcher = Kiv::make<typename T::FecWatcher>();
+  routeWatcher->notifierIs(routes);
+  fecWatcher->notifierIs(fecs);
+  routeWatcher->toldOfAll = fecWatcher->toldOfAll = 0;
+  ASSERT_EQ(this->damage("route", T::host(4)), 1u);
+  ASSERT_EQ(this->damageFec(5), 1u);
+  ASSERT_EQ(this->damage("intf", uint64_t{'6'}, 0), 1u);  // the second word of what is stored
+  const uint64_t reported = Tovan::corruptionCount();
+  for (Tovan::TendRound round; fecWatcher->toldOfAll == 0; round.turnIs(2)) {
+    routes->tend(round);
+    fecs->tend(round);
+  }
+  EXPECT_EQ(Tovan::corruptionCount(), reported + 3);
+  EXPECT_EQ(routeWatcher->told, std::set{T::host(4)});
+  EXPECT_EQ(routeWatcher->toldOfAll, 1u);
+  EXPECT_EQ(fecWatcher->told, std::set<uint64_t>{5});
+  const auto reader = this->template open<typename T::ForwardingStatus>(Access::Read);
+  for (uint64_t n = 1; n <= 9; ++n) {
+    if (n != 5) EXPECT_EQ(reader->fec(n), T::fec(n, intf(n))) << n;
   }
 }
 

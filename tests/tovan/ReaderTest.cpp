@@ -1,7 +1,4 @@
 // What readers of routes rely on: next hops that are the route's own, and news of every change.
-#include "platform/tovan/RouteTableReader.h"
-
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,7 +7,7 @@
 #include <optional>
 #include <thread>
 
-#include "platform/rovel/AdjacencyHelper.h"
+#include "tests/tovan/RouteTablesTest.h"
 
 namespace Tovan {
 namespace {
@@ -18,32 +15,12 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-struct Reader4 {
-  using Addr = Zemit::IpAddr;
-  using Reader = Fib::RouteTableReader;
-  using RouteStatus = Fib::RouteStatus;
-  using ForwardingStatus = Fib::ForwardingStatus;
-  using AdjacencyHelper = Rovel::AdjacencyHelper;
-  static Addr addr(uint32_t n) { return Addr(0x0A000000 + n); }
-};
-struct Reader6 {
-  using Addr = Zemit::Ip6Addr;
-  using Reader = Fib6::RouteTableReader;
-  using RouteStatus = Fib6::RouteStatus;
-  using ForwardingStatus = Fib6::ForwardingStatus;
-  using AdjacencyHelper = Rovel::Adjacency6Helper;
-  static Addr addr(uint32_t n) { return {0x20010DB800000000, n}; }
-};
-
 template <class F>
-class ReaderTest : public testing::Test {
+class ReaderTest : public RouteTablesTest<F> {
  protected:
-  using Reader = typename F::Reader;
-  using Route = typename Reader::Route;
-  using Prefix = typename Reader::Prefix;
-  using ViaSet = typename F::AdjacencyHelper::ViaSet;
-
-  ~ReaderTest() override { removeTablesOf(name); }
+  using typename RouteTablesTest<F>::Route;
+  using typename RouteTablesTest<F>::ViaSet;
+  using RouteTablesTest<F>::host;
 
   /// The tables of a VRF, and what a daemon does to a route in them.
   struct Owner {
@@ -72,7 +49,6 @@ class ReaderTest : public testing::Test {
     }
   };
 
-  static Prefix host(uint32_t n) { return Prefix::host(F::addr(n)); }
   static typename F::Addr hopOf(uint32_t n, uint32_t metric) {
     return F::addr(n << 16 | (metric & 0xFFFF));
   }
@@ -80,12 +56,8 @@ class ReaderTest : public testing::Test {
   static bool isPair(uint32_t n, const Route& route, const Fec& fec) {
     return fec.viaCount() == 1 && fec.begin()->hop == hopOf(n, route.metricPref.metric);
   }
-
-  const std::string name = "reader" + std::to_string(::getpid());
 };
-
-using Readers = testing::Types<Reader4, Reader6>;
-TYPED_TEST_SUITE(ReaderTest, Readers);
+TYPED_TEST_SUITE(ReaderTest, TestFamilies);
 
 // The ids of FIB adjacencies are used again at once: here each id goes to another route, and comes
 // back to the same one with another next hop. Who reads one after the other gets wrong pairs.

@@ -37,6 +37,11 @@ class SharedTable : public testing::Test {
   }
   Map writer() const { return Map(config(Access::Write)); }
   Map reader() const { return Map(config(Access::Read)); }
+  /// Looks at all of a table.
+  static void tend(Map& table) {
+    TendRound round;
+    table.tend(round);
+  }
 
   /// The table's file, opened past the library.
   int file() const { return ::shm_open(("/hostroute-" + name).c_str(), O_RDWR, 0); }

@@ -54,6 +54,7 @@ TEST_F(ThreadsTest, ReadersSeeWholeEntriesWhileTheWriterIsBusy) {
     for (uint64_t key = kKeys; key < kKeys + round * 50; ++key) table.set(key, Repeated(key));
     for (uint64_t key = 0; key < kKeys; ++key) table.set(key, Repeated(round));
     for (uint64_t key = kKeys; key < kKeys + round * 50; ++key) table.erase(key);
+    tend(table);
     if (round % 10 == 0) table.validate();
   }
   ends = true;

@@ -149,6 +149,28 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
   EXPECT_GT(repaired, 0u);
 }
 
+// Nobody else looks at pages that nobody writes.
+TEST_F(TovanMapDamageTest, IsFoundAtRestOnceInARound) {
+  Map table = writer();
+  for (uint64_t i = 0; i < 2000; ++i) table.set(kOdd + i, Repeated(i));
+  const Map other = reader();
+  ASSERT_EQ(Tovan::damage<uint64_t>(name, kOdd + 7, kValue<uint64_t>), 1u);
+  TendRound round;
+  int turns = 0;
+  for (round.turnIs(5); table.corruptions() == 0 && turns < 1000; ++turns) {
+    EXPECT_THROW(other.get(kOdd + 7), CorruptionDetectedException);
+    table.tend(round);
+    round.turnIs(5);
+  }
+  EXPECT_GT(turns, 1) << "a turn is not to take long";
+  EXPECT_NE(table.lastCorruption().find("slot at byte"), std::string::npos);
+  EXPECT_EQ(table.takeDropped()->keys, std::vector{kOdd + 7});
+  EXPECT_FALSE(other.get(kOdd + 7));
+  EXPECT_EQ(other.keys().size(), 1999u);
+  tend(table);
+  EXPECT_EQ(table.corruptions(), 1u);
+}
+
 class FlippedBitTest : public TovanMapDamageTest {
  protected:
   static constexpr uint64_t kEntries = 100;
@@ -293,7 +315,7 @@ TEST_F(TovanMapDamageTest, WhatALivingWriterDoesNotEndIsNoDamage) {
   const Map other = reader();
   ASSERT_EQ(Tovan::damage<uint64_t>(name, kOdd, kState, 1), 1u);
   EXPECT_THROW(other.get(kOdd), BusyException);
-  table->tend();
+  tend(*table);
   table->set(kOdd, Repeated(6));
   EXPECT_EQ(other.get(kOdd)->word(), 6u);
   ASSERT_EQ(Tovan::damage<uint64_t>(name, kOdd, kState, 1), 1u);
@@ -420,9 +442,79 @@ TEST_F(OpenTovanMapTest, AFileThatWasEmptiedIsMendedByTheNextChange) {
   EXPECT_TRUE(other.get(500)) << "the reader maps the file that is whole again";
   EXPECT_FALSE(other.get(1));
   cut();
-  table.tend();
+  tend(table);
   EXPECT_EQ(table.size(), 0u);
   EXPECT_EQ(reader().size(), 0u);
+}
+
+TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
+  constexpr uint64_t kEntries = 5000;
+  Map table = writer();
+  for (uint64_t i = 0; i < kEntries; ++i) table.set(i, Repeated(i));
+  const Map before = reader();
+  const std::string file = "/hostroute-" + name;
+  TendRound turn;
+  turn.turnIs(0);
+  ::shm_unlink(file.c_str());
+  table.tend(turn);  // its removal is noticed at any turn
+  EXPECT_EQ(table.corruptions(), 1u);
+  EXPECT_NE(table.lastCorruption().find("was removed, and is made again"), std::string::npos);
+  EXPECT_TRUE(table.isCurrent());
+  EXPECT_FALSE(before.isCurrent());
+  EXPECT_FALSE(before.hasWriter());
+  EXPECT_TRUE(before.get(kEntries - 1));
+  const Map after = reader();
+  EXPECT_TRUE(after.hasWriter());
+  EXPECT_EQ(refusal(config(Access::Write)), "Tovan table \"" + name + "\" has a living writer");
+  for (uint64_t i = 0; i < 2 * kEntries; ++i) table.set(i, Repeated(i + 1));  // it grows, too
+  for (uint64_t i = 0; i < 2 * kEntries; ++i) ASSERT_EQ(after.get(i)->word(), i + 1);
+
+  // A file that somebody put there is neither overwritten nor removed.
+  ASSERT_EQ(::rename(("/dev/shm" + file).c_str(), ("/dev/shm" + file + ".x").c_str()), 0);
+  const int fd = ::shm_open(file.c_str(), O_RDWR | O_CREAT, 0644);
+  ASSERT_EQ(::write(fd, "foreign", 7), 7);
+  for (int i = 0; i < 3; ++i) tend(table);
+  EXPECT_EQ(table.corruptions(), 3u) << "that it was removed, and that it cannot be made again";
+  EXPECT_NE(table.lastCorruption().find("again: another file has its name"), std::string::npos);
+  table.set(1, Repeated(7));
+  table.cleanup();
+  EXPECT_EQ(removeTablesOf(name), 0u);
+  ::shm_unlink((file + ".x").c_str());
+  struct stat status {};
+  ASSERT_EQ(::fstat(fd, &status), 0);
+  EXPECT_EQ(status.st_nlink, 1u);
+  EXPECT_EQ(status.st_size, 7);
+  ::close(fd);
+  // It is tried again for as long as it takes.
+  ::shm_unlink(file.c_str());
+  table.set(1, Repeated(8));
+  tend(table);
+  EXPECT_EQ(table.corruptions(), 3u);
+  EXPECT_EQ(reader().get(1)->word(), 8u);
+}
+
+// The loser of a name leaves the winner's table alone.
+TEST_F(OpenTovanMapTest, AnothersTableIsNotRemoved) {
+  Map table = writer();
+  ::shm_unlink(("/hostroute-" + name).c_str());
+  int begun[2];
+  int ends[2];
+  ASSERT_EQ(::pipe(begun), 0);
+  ASSERT_EQ(::pipe(ends), 0);
+  char byte = 0;
+  const pid_t child = inChild([&] {
+    ::close(ends[1]);
+    const Map own(config(Access::Write));
+    if (::write(begun[1], &byte, 1) != 1 || ::read(ends[0], &byte, 1) != 0) return 1;
+    return own.isCurrent() ? 0 : 2;
+  });
+  ASSERT_EQ(::read(begun[0], &byte, 1), 1);
+  tend(table);
+  EXPECT_FALSE(table.isCurrent());
+  EXPECT_EQ(removeTablesOf(name), 0u);
+  table.cleanup();
+  for (const int end : {begun[0], begun[1], ends[0], ends[1]}) ::close(end);
+  EXPECT_EQ(statusOf(child), 0);
 }
 
 TEST_F(OpenTovanMapTest, MoreThanAThousandTablesAreGuardedWhenCutShort) {

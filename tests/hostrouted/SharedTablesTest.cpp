@@ -1,0 +1,75 @@
+// What befalls the shared tables of a daemon for which nothing happens.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "platform/tovan/RouteTableReader.h"
+#include "platform/tovan/TableMemory.h"
+#include "tests/hostrouted/RouterWorld.h"
+#include "tests/tovan/Damage.h"
+
+namespace Hostrouted {
+namespace {
+
+class SharedTablesTest : public testing::Test {
+ protected:
+  SharedTablesTest() {
+    for (int host = 5; host < 10; ++host) world.learn("10.0.1." + std::to_string(host), 1);
+  }
+  Config config() const {
+    Config config = RouterWorld::config();
+    config.sharedName = name;
+    return config;
+  }
+  static Zemit::Prefix host(uint32_t n) {
+    return Zemit::Prefix::host(Zemit::IpAddr(0x0A000100 + n));
+  }
+  /// The daemon's turns, for as long as it asks for them, up to some seconds.
+  void idle(double seconds) {
+    for (const double end = world.now + seconds;;) {
+      const auto next = world.router.nextDeadline();
+      if (!next || *next > end) break;
+      world.now = std::max(world.now, *next);
+      world.router.endTurn();
+    }
+  }
+  /// Whether whoever opens the tables now finds the route of each host, and its next hop.
+  void expectWhole(const char* what) const {
+    const Tovan::Fib::RouteTableReader reader(name, "default");
+    for (uint32_t n = 5; n < 10; ++n) {
+      const auto found = reader.find(host(n));
+      ASSERT_TRUE(found) << what << ": host " << n;
+      EXPECT_EQ(found->fec.begin()->intf, Zemit::IntfId::of("p1")) << what << ": host " << n;
+    }
+  }
+
+  const std::string name = "idle" + std::to_string(::getpid());
+  RouterWorld world{config()};
+};
+
+TEST_F(SharedTablesTest, AreMendedThoughNothingHappens) {
+  expectWhole("at first");
+  ASSERT_EQ(Tovan::damage(name + ".default.route4", host(7), Tovan::kValue<Zemit::Prefix>), 1u);
+  EXPECT_THROW(expectWhole("damaged"), Tovan::CorruptionDetectedException);
+  idle(20);
+  expectWhole("a damaged route");
+  EXPECT_FALSE(world.router.isIncomplete());
+
+  uint64_t text = 0;  // the name that the next hops show
+  std::memcpy(&text, "p1\0\0\0\0\0", sizeof(text));
+  ASSERT_EQ(Tovan::damage(name + ".intf4", text, 0), 1u);
+  const auto adjacency = Tovan::Fib::ForwardingStatus::kFirstAdjacency;
+  ASSERT_EQ(Tovan::damage(name + ".fec4", adjacency, Tovan::kValue<uint64_t>), 1u);
+  idle(20);
+  expectWhole("a damaged name and adjacency");
+
+  for (const std::string& table : Tovan::tablesOf(name)) {
+    ::shm_unlink(("/hostroute-" + table).c_str());
+  }
+  idle(20);
+  expectWhole("removed tables");
+}
+
+}  // namespace
+}  // namespace Hostrouted
