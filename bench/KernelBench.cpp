@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -188,16 +189,16 @@ class Router {
     ::kill(child_, SIGKILL);
     ::waitpid(child_, nullptr, 0);
   }
-  /// A number of the measured program's status file, see proc(5).
-  size_t status(std::string_view key) const {
-    std::ifstream status("/proc/" + std::to_string(child_) + "/status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with(key)) return std::strtoul(line.c_str() + key.size(), nullptr, 10);
+  /// Its peak memory, in kilobytes.
+  size_t kilobytes() const { return numberIn(processFiles() / "status", "VmHWM:"); }
+  /// How often its threads have waited so far.
+  size_t wakeUps() const {
+    size_t count = 0;
+    for (const auto& thread : std::filesystem::directory_iterator(processFiles() / "task")) {
+      count += numberIn(thread.path() / "status", "voluntary_ctxt_switches:");
     }
-    return 0;
+    return count;
   }
-  /// How often it has waited so far.
-  size_t wakeUps() const { return status("voluntary_ctxt_switches:"); }
   /// Ends the measurement unless the routes that came since count(), less those that went, are
   /// `count`.
   void expect(long count, const char* otherwise) {
@@ -207,22 +208,32 @@ class Router {
     std::fprintf(stderr, "%ld %s\n", seen_ - count, otherwise);
     std::exit(1);
   }
-  /// Processor time of the measured program so far, in the kernel and outside, in seconds.
+  /// Processor time of its threads so far, in the kernel and outside, in seconds.
   double processorSeconds() const {
-    std::ifstream status("/proc/" + std::to_string(child_) + "/schedstat");
-    double nanoseconds = 0;
-    status >> nanoseconds;
-    return nanoseconds / 1e9;
+    double sum = 0;
+    for (const auto& thread : std::filesystem::directory_iterator(processFiles() / "task")) {
+      std::ifstream status(thread.path() / "schedstat");
+      double nanoseconds = 0;
+      status >> nanoseconds;
+      sum += nanoseconds;
+    }
+    return sum / 1e9;
   }
   /// Waits until so many routes came, or went when `count` is below zero; the seconds since
-  /// `since`.
+  /// `since`. Of many, the measured program has all processors nearly to itself: it is looked once
+  /// in a millisecond.
   double await(long count, Clock::time_point since) {
     while (count < 0 ? seen_ > count : seen_ < count) {
       if (Seconds(Clock::now() - since).count() > 120) {
         std::fprintf(stderr, "only %ld of %ld changes came\n", seen_, count);
         std::exit(1);
       }
-      if (!routes_.read(MSG_DONTWAIT, counter_)) std::this_thread::yield();
+      if (routes_.read(MSG_DONTWAIT, counter_)) continue;
+      if (count == 1) {
+        std::this_thread::yield();
+      } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
     }
     return Seconds(Clock::now() - since).count();
   }
@@ -234,6 +245,16 @@ class Router {
   }
 
  private:
+  /// See proc(5).
+  std::filesystem::path processFiles() const { return "/proc/" + std::to_string(child_); }
+  static size_t numberIn(const std::filesystem::path& file, std::string_view key) {
+    std::ifstream status(file);
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with(key)) return std::strtoul(line.c_str() + key.size(), nullptr, 10);
+    }
+    return 0;
+  }
+
   Socket writer_;
   Socket routes_;
   unsigned index_ = 0;
@@ -314,7 +335,7 @@ Figures measure(const std::vector<std::string>& command, uint32_t neighbors) {
   const auto woken = router.wakeUps();
   std::this_thread::sleep_for(std::chrono::seconds(kIdleSeconds));
   figures.wakeUps = static_cast<double>(router.wakeUps() - woken) * 60 / kIdleSeconds;
-  figures.kilobytes = static_cast<double>(router.status("VmHWM:"));
+  figures.kilobytes = static_cast<double>(router.kilobytes());
   router.stop();
   return figures;
 }

@@ -122,6 +122,12 @@ class Switch {
   void setNeighbor(Zemit::IntfId intf, const Arp::BasicNeighborStatus<Addr>& neighbor,
                    bool present = true);
   /// Makes an empty table where there is none; or removes the table with its neighbours.
+  /// A neighbour will be set soon: begins to fetch what that takes.
+  template <class Addr>
+  void expectNeighbor(Zemit::IntfId intf, const Addr& addr) const {
+    const auto* table = neighborDir_->tableOf(intf);
+    if (table != nullptr) FamilyOf<Addr>::neighborExpect(*table, addr);
+  }
   void setNeighborTable(Zemit::IntfId intf, bool present = true);
 
   /// \throws Kiv::RangeException when the id is 0 or over 2^32 - 1.

@@ -36,6 +36,10 @@ Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& 
   return options;
 }
 
+/// Fewer routes are written by the thread that decides on them.
+constexpr size_t kMostDirect = 32;
+/// Of so many new neighbours, the routes are handed on while the next ones are handled.
+constexpr size_t kNeighborsAhead = 256;
 /// How many seconds after one look at the shared tables the next one is.
 constexpr double kTendingInterval = 5;
 
@@ -85,7 +89,9 @@ Router::Router(const Config& config, const Services& services)
       mirror_(config.protocol),
       feed_(mirror_, feedOptions(config)),
       switch_({.settles = true, .sharedName = config.sharedName}),
-      routes_(services.channel, services.log, services.clock, config.kernelRoutes,
+      writer_(services.channel,
+              services.writesApart ? kMostDirect : Linux::BackgroundWriter::kNoThread),
+      routes_(writer_, services.log, services.clock, config.kernelRoutes,
               [this](const auto& key, uint32_t metric) { return isAnothers(key, metric); }),
       exports_(switch_, feed_, routes_, config),
       probing_(mirror_, services.clock, probingOptions(config, mirror_, services_)) {
@@ -236,7 +242,15 @@ void Router::endTurn() {
   if (phase_ == Phase::Starting || dumps_) return;
   const Stopwatch stopwatch(turnTimes_);
   ++counters_.turns;
-  feed_.flush([this](const Daemon::Operation& operation) { operate(operation); });
+  toldNeighbors_ = 0;
+  feed_.flush(
+      [this](const Daemon::Operation& operation) {
+        operate(operation);
+        writeAhead(operation);
+      },
+      [this](Zemit::IntfId intf, const Linux::Address& address) {
+        std::visit([&](const auto& addr) { switch_.expectNeighbor(intf, addr); }, address);
+      });
   tendTables();
   exports_.flush();
   routes_.flush();
@@ -245,6 +259,28 @@ void Router::endTurn() {
     counters_.probes += probes.size();
     services_.probe(probes);
   }
+}
+
+/// Has the routes of many new neighbours written meanwhile. The feed tells these last: nothing that
+/// comes afterwards withdraws them.
+void Router::writeAhead(const Daemon::Operation& operation) {
+  const bool isNeighbor = std::visit(
+      []<class Op>(const Op& op) {
+        if constexpr (requires { op.neighbor; }) return op.present;
+        return false;
+      },
+      operation);
+  if (!isNeighbor || ++toldNeighbors_ < kNeighborsAhead) return;
+  toldNeighbors_ = 0;
+  exports_.flush();
+  routes_.flushAdditions();
+}
+
+void Router::onWritten() {
+  writer_.acknowledge();
+  if (phase_ == Phase::Starting || dumps_) return;
+  routes_.flush();
+  tellOfRefusals();
 }
 
 /// Tells the log of the first route that the kernel refuses, until none is; the status has them
@@ -285,6 +321,7 @@ void Router::endDump() {
   }
   warnOfAnEmptySelection();
   endTurn();
+  routes_.flushAndWait();
   switch_.setLoading(false);
 }
 

@@ -13,6 +13,7 @@
 #include "daemon/Switch.h"
 #include "hostrouted/Config.h"
 #include "hostrouted/Exports.h"
+#include "linux/BackgroundWriter.h"
 #include "linux/Feed.h"
 #include "linux/KernelRoutes.h"
 #include "linux/Mirror.h"
@@ -38,7 +39,7 @@ class Router {
  public:
   /// What the router uses of the world. All outlive it.
   struct Services {
-    Linux::RouteChannel& channel;
+    Linux::RouteChannel& channel;  ///< used by another thread, too, when writesApart
     Linux::AdvertisedLog& log;
     std::function<double()> clock;  ///< seconds, never going back
     std::function<void(std::span<const Linux::Probe>)> probe;
@@ -47,6 +48,8 @@ class Router {
     std::function<bool(int family)> collects = {};
     /// Told of each operation that the switch is given; empty when nobody records.
     Linux::Feed::Output record = {};
+    /// Whether many routes are written by a thread of their own.
+    bool writesApart = false;
   };
   struct Counters {
     uint64_t changes = 0;     ///< messages of the kernel
@@ -77,7 +80,8 @@ class Router {
 
   /// A dump of everything begins: the first, or one after notifications were lost.
   void beginDump();
-  /// The dump is through, with all that was notified meanwhile.
+  /// The dump is through, with all that was notified meanwhile. The kernel's tables are right
+  /// afterwards, but for what the kernel refuses.
   void endDump();
 
   /// Takes another configuration; the next endTurn() does exactly what differs. What concerns the
@@ -85,6 +89,12 @@ class Router {
   void reload(const Config& config);
   /// Removes our routes from the kernel.
   void flushRoutes();
+
+  /// Readable when routes were written by the other thread: onWritten() is to be called.
+  int writtenFd() const { return writer_.fd(); }
+  void onWritten();
+  /// Waits until all that was handed to the other thread is written.
+  void finishWriting() { routes_.drain(); }
 
   /// When endTurn() should be called though nothing came: the clock's time, or none.
   std::optional<double> nextDeadline() const;
@@ -117,6 +127,7 @@ class Router {
   bool isAnothers(const Linux::RouteKey& key, uint32_t metric) const;
   void noteDepartures(const Linux::Change& change);
   void operate(const Daemon::Operation& operation);
+  void writeAhead(const Daemon::Operation& operation);
   void warnOfAnEmptySelection();
   void tellOfRefusals();
   void tendTables();
@@ -126,6 +137,7 @@ class Router {
   const Services services_;
   Phase phase_ = Phase::Starting;
   bool dumps_ = false;
+  size_t toldNeighbors_ = 0;  // since routes were written
   Counters counters_;
   uint64_t seenRefusals_ = 0;
   bool hasRefusals_ = false;
@@ -142,6 +154,7 @@ class Router {
   Linux::Mirror mirror_;
   Linux::Feed feed_;
   Daemon::Switch switch_;
+  Linux::BackgroundWriter writer_;
   Linux::KernelRoutes routes_;
   Exports exports_;
   Linux::Probing probing_;

@@ -36,9 +36,9 @@
 namespace Hostrouted {
 namespace {
 
-/// About how many messages are read in one turn: enough for a burst to be handled as one, few
-/// enough for timers and signals to have their turn.
-constexpr size_t kMessagesATurn = 65536;
+/// About how many messages are read in one turn: enough for what belongs together to be handled as
+/// one, few enough for the routes of one turn to be written while the next is handled.
+constexpr size_t kMessagesATurn = 4096;
 /// The status file is written at most this often, in seconds.
 constexpr double kStatusInterval = 1;
 /// A list of advertised routes that cannot be written is tried again this often, in seconds.
@@ -118,6 +118,7 @@ class Service::Loop {
       : options_(std::move(options)),
         log_(log),
         writer_(config.protocol),
+        prober_(config.protocol),
         notifications_({.receiveBuffer = config.receiveBuffer,
                         .ownPort = options_.isDryRun ? 0 : writer_.port(),
                         .warn = warner()}),
@@ -167,11 +168,12 @@ class Service::Loop {
             .clock = monotonicSeconds,
             .probe =
                 [this](std::span<const Linux::Probe> probes) {
-                  if (!options_.isDryRun) writer_.probe(probes);
+                  if (!options_.isDryRun) prober_.probe(probes);
                 },
             .report = [this](int level,
                              const std::string& message) { log_.write(level, "router", message); },
-            .record = [this](const Daemon::Operation& operation) { recorder_.write(operation); }};
+            .record = [this](const Daemon::Operation& operation) { recorder_.write(operation); },
+            .writesApart = !options_.isDryRun};
   }
 
   void startRecording() {
@@ -228,6 +230,8 @@ class Service::Loop {
     must(::sd_event_new(&event_), "sd_event_new");
     must(::sd_event_add_io(event_, input_.out(), notifications_.fd(), EPOLLIN, onReadable, this),
          "sd_event_add_io");
+    must(::sd_event_add_io(event_, written_.out(), router_->writtenFd(), EPOLLIN, onWritten, this),
+         "sd_event_add_io");
     must(::sd_event_add_time(event_, timer_.out(), CLOCK_MONOTONIC, 0, 1000, onTime, this),
          "sd_event_add_time");
     must(::sd_event_source_set_enabled(timer_.get(), SD_EVENT_OFF), "sd_event_source_set_enabled");
@@ -259,6 +263,13 @@ class Service::Loop {
   static int onReadable(sd_event_source*, int, uint32_t, void* self) {
     auto& loop = *static_cast<Loop*>(self);
     return loop.guarded([&] { loop.handleInput(); });
+  }
+  static int onWritten(sd_event_source*, int, uint32_t, void* self) {
+    auto& loop = *static_cast<Loop*>(self);
+    return loop.guarded([&] {
+      loop.router_->onWritten();
+      loop.afterTurn();
+    });
   }
   static int onTime(sd_event_source*, uint64_t, void* self) {
     auto& loop = *static_cast<Loop*>(self);
@@ -331,6 +342,7 @@ class Service::Loop {
       default:
         ::sd_notify(0, "STOPPING=1");
         if (router_->config().flushesOnExit && !options_.isDryRun) router_->flushRoutes();
+        router_->finishWriting();
         writeStatus();
         ::sd_event_exit(event_, 0);
         return;
@@ -399,7 +411,8 @@ class Service::Loop {
   Log& log_;
   PrintingChannel printer_;
   NoLog noLog_;
-  Linux::RequestSocket writer_;
+  Linux::RequestSocket writer_;  // of routes: another thread may be using it
+  Linux::RequestSocket prober_;
   Linux::NotificationSocket notifications_;
   Recorder recorder_;
   InstanceLock locks_;
@@ -415,6 +428,7 @@ class Service::Loop {
 
   sd_event* event_ = nullptr;
   EventSource input_;
+  EventSource written_;
   EventSource timer_;
   bool isReady_ = false;
   std::optional<double> retryAt_;

@@ -107,8 +107,8 @@ const char* toString(NeighborVerdict verdict) {
 Feed::Feed(Mirror& mirror, FeedOptions options)
     : work_(std::make_unique<Work>(mirror, std::move(options))) {}
 Feed::~Feed() = default;
-void Feed::flush(const Output& output) {
-  work_->flush(output);
+void Feed::flush(const Output& output, const Expect& expect) {
+  work_->flush(output, expect);
 }
 void Feed::setComplete() {
   work_->setComplete();
@@ -215,7 +215,7 @@ Feed::Work::Vrf* Feed::Work::vrfNamed(const std::string& name) {
   return vrf;
 }
 
-void Feed::Work::flush(const Output& output) {
+void Feed::Work::flush(const Output& output, const Expect& expect) {
   if (everything_) {
     for (const auto& [index, port] : ports_) markedLinks_.insert(index);
     mirror_.forEachLink([&](const Link& link) { markedLinks_.insert(link.index); });
@@ -239,10 +239,10 @@ void Feed::Work::flush(const Output& output) {
   withdrawInterfaces(output);
   tellInterfaces(output);
   tellRoutes(output);
-  if (!options_.readyBeforeNeighbors) tellNeighbors(output);
+  if (!options_.readyBeforeNeighbors) tellNeighbors(output, expect);
   tellVirtualAddresses(virtuals, output);
   tellReadiness(output);
-  if (options_.readyBeforeNeighbors) tellNeighbors(output);
+  if (options_.readyBeforeNeighbors) tellNeighbors(output, expect);
 
   everything_ = false;
   markedLinks_.clear();
@@ -572,14 +572,21 @@ void Feed::Work::tellInterfaces(const Output& output) {
   }
 }
 
-void Feed::Work::tellNeighbors(const Output& output) {
+void Feed::Work::tellNeighbors(const Output& output, const Expect& expect) {
   for (const LinkIndex index : markedLinks_) {
     Port* port = this->port(index);
     if (port == nullptr || !port->role.resolves || port->hasTable) continue;
     port->hasTable = true;
     output(Daemon::SetNeighborTable{port->intf});
   }
-  for (const auto& mark : markedNeighbors_) {
+  constexpr size_t kAhead = 3;
+  for (size_t i = 0; i < markedNeighbors_.size(); ++i) {
+    if (expect && i + kAhead < markedNeighbors_.size()) {
+      const auto& next = markedNeighbors_[i + kAhead];
+      const Port* port = this->port(next.link);
+      if (port != nullptr) expect(port->intf, next.addr);
+    }
+    const auto& mark = markedNeighbors_[i];
     Port* port = this->port(mark.link);
     if (port == nullptr) continue;
     std::visit(

@@ -97,6 +97,8 @@ struct FeedWarning {
 class Feed final {
  public:
   using Output = std::function<void(const Daemon::Operation&)>;
+  /// Told of a neighbour some operations before it is handed out.
+  using Expect = std::function<void(Zemit::IntfId, const Address&)>;
 
   /// Observes `mirror`, which outlives it.
   Feed(Mirror& mirror, FeedOptions options);
@@ -106,7 +108,7 @@ class Feed final {
 
   /// Hands out what changed since the last time. Everything at the first one, sorted: the same
   /// state gives the same operations, in whatever order the kernel told it.
-  void flush(const Output& output);
+  void flush(const Output& output, const Expect& expect = {});
   /// The kernel's state is complete: VRFs that appear from now on (and those there are) get
   /// initialized and ready, at the next flush().
   void setComplete();

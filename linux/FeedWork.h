@@ -30,7 +30,7 @@ class Feed::Work final : public Mirror::Observer {
   void onNeighbor(LinkIndex link, const Address& addr) override;
   void onRoute(TableId table, const Prefix& prefix) override;
 
-  void flush(const Output& output);
+  void flush(const Output& output, const Expect& expect);
   void setComplete() { isComplete_ = true; }
   void setOptions(FeedOptions options);
   void snapshot(const Output& output) const;
@@ -119,7 +119,7 @@ class Feed::Work final : public Mirror::Observer {
   void withdrawInterfaces(const Output& output);
   void tellInterfaces(const Output& output);
   void tellRoutes(const Output& output);
-  void tellNeighbors(const Output& output);
+  void tellNeighbors(const Output& output, const Expect& expect);
   void tellVirtualAddresses(const std::set<VirtualKey>& wanted, const Output& output);
   void tellReadiness(const Output& output);
 

@@ -1,24 +1,21 @@
 #include "linux/KernelRoutes.h"
 
-#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-
-#include "platform/kiv/containers/Hash.h"
 
 namespace Linux {
 namespace {
 
 using Verb = RouteRequest::Verb;
 
-/// How many routes are written before the results are looked at. Of many that change, each is
-/// absent from the kernel while this many are deleted.
+/// How many routes are written together. Of many that change, each is absent from the kernel while
+/// this many are deleted.
 constexpr size_t kChunk = 512;
+/// How many routes ahead memory is asked for.
+constexpr size_t kAhead = 4;
 /// Most attempts at one route in one flush.
 constexpr int kRounds = 8;
-/// What the kernel takes for an IPv6 metric of 0 (IP6_RT_PRIO_USER).
-constexpr uint32_t kDefaultMetric6 = 1024;
 constexpr double kLongestDelay = 60;
 /// Moments to try again are multiples of this, so that many routes have one in common.
 constexpr double kTick = 0.1;
@@ -47,45 +44,9 @@ double firstDelay(int error) {
 
 }  // namespace
 
-uint32_t RouteKey::hash() const {
-  const uint32_t inner = std::visit([](const auto& p) { return p.hash(); }, prefix);
-  return Kiv::hashWord((uint64_t{table} << 32) | inner);
-}
-
-RouteValue normalized(const Prefix& prefix, RouteValue value) {
-  std::ranges::sort(value.vias);
-  value.vias.erase(std::unique(value.vias.begin(), value.vias.end()), value.vias.end());
-  if (familyOf(prefix) == 6) {
-    if (value.metric == 0) value.metric = kDefaultMetric6;
-    const auto direct =
-        std::ranges::find_if(value.vias, [](const auto& via) { return !via.gateway; });
-    if (direct != value.vias.end()) value.vias = std::vector(1, *direct);
-  }
-  return value;
-}
-
-std::string toString(const RouteRequest& request) {
-  const bool adds = request.verb == Verb::Add || request.verb == Verb::AddBlackhole;
-  const bool isBlackhole =
-      request.verb == Verb::AddBlackhole || request.verb == Verb::DeleteBlackhole;
-  std::string text = adds ? "route add " : "route del ";
-  if (isBlackhole) text += "blackhole ";
-  text += toString(request.key.prefix);
-  if (request.verb == Verb::Add) {
-    const bool isMultipath = request.value.vias.size() > 1;
-    for (const auto& via : request.value.vias) {
-      if (isMultipath) text += " nexthop";
-      if (via.gateway) text += " via " + toString(*via.gateway);
-      text += " dev " + std::to_string(via.link);
-    }
-    if (request.value.preferredSource) text += " src " + toString(*request.value.preferredSource);
-  }
-  text += " table " + std::to_string(request.key.table);
-  if (request.value.metric != 0) text += " metric " + std::to_string(request.value.metric);
-  return text;
-}
-
 KernelRoutes::ValueId KernelRoutes::ValuePool::take(RouteValue value) {
+  // That of the last route, as a rule.
+  if (slots_[last_].users != 0 && slots_[last_].at->first == value) return share(last_);
   const auto [at, isNew] = index_.try_emplace(std::move(value), 0);
   if (isNew) {
     if (unused_.empty()) {
@@ -97,8 +58,8 @@ KernelRoutes::ValueId KernelRoutes::ValuePool::take(RouteValue value) {
     }
     slots_[at->second].at = at;
   }
-  ++slots_[at->second].users;
-  return at->second;
+  last_ = at->second;
+  return share(last_);
 }
 
 void KernelRoutes::ValuePool::drop(ValueId id) {
@@ -117,9 +78,9 @@ std::vector<bool> KernelRoutes::ValuePool::through(
   return result;
 }
 
-KernelRoutes::KernelRoutes(RouteChannel& channel, AdvertisedLog& log, std::function<double()> clock,
+KernelRoutes::KernelRoutes(RouteWriter& writer, AdvertisedLog& log, std::function<double()> clock,
                            KernelRoutesOptions options, IsAnothers isAnothers)
-    : channel_(channel),
+    : writer_(writer),
       log_(log),
       clock_(std::move(clock)),
       options_(options),
@@ -189,10 +150,12 @@ void KernelRoutes::start() {
 
 void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>& value,
                            bool replaces) {
+  const bool wasUnderWay = settleBefore(key);
   if (!value) {
     Entry* const entry = entries_.find(key);
     if (entry == nullptr || entry->actual == 0) return;
-    entry->set(kUnsure | kTold | kMeddled);
+    // It may be one that was there before the request under way.
+    entry->set(kUnsure | kMeddled | (wasUnderWay ? 0 : kTold));
     mark(key, *entry);
     return;
   }
@@ -215,6 +178,7 @@ void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>&
 }
 
 void KernelRoutes::observeAnother(const RouteKey& key, uint32_t metric, bool present) {
+  settleBefore(key);
   Entry* const entry = entries_.find(key);
   if (entry == nullptr) return;
   if (present) {
@@ -231,15 +195,25 @@ void KernelRoutes::observeAnother(const RouteKey& key, uint32_t metric, bool pre
   }
 }
 
+/// What the kernel tells of a route may be older or younger than a request under way: it is looked
+/// at when the answer is known. \return whether there was one.
+bool KernelRoutes::settleBefore(const RouteKey& key) {
+  const Entry* const entry = entries_.find(key);
+  if (entry == nullptr || !entry->is(kUnderWay)) return false;
+  drain();
+  return true;
+}
+
 void KernelRoutes::distrust(LinkIndex link) {
   distrusted_.insert(link);
 }
 
 void KernelRoutes::linkChanged(LinkIndex link) {
-  if (!troubles_.empty()) changedLinks_.insert(link);
+  if (!troubles_.empty() || !underWay_.empty()) changedLinks_.insert(link);
 }
 
 void KernelRoutes::beginDump() {
+  drain();
   extras_.clear();
   for (auto it = entries_.iterator(); it; ++it) it.value().clear(kSeen);
 }
@@ -260,7 +234,7 @@ void KernelRoutes::removeAll() {
   for (auto it = entries_.iterator(); it; ++it) setWanted(it.value(), 0);
   for (auto& [key, trouble] : troubles_) trouble.retryAt = 0;
   nextWake_ = 0;
-  flush();
+  flushAndWait();
 }
 
 void KernelRoutes::setOptions(KernelRoutesOptions options) {
@@ -350,7 +324,7 @@ void KernelRoutes::addTo(Numbers& numbers) const {
   numbers.push_back({&kInstalled, {}, installedCount_});
   numbers.push_back({&kRefusedNow, {}, troubles_.size()});
   numbers.push_back({&kDampedNow, {}, static_cast<uint64_t>(damped)});
-  numbers.push_back({&kPending, {}, dirty_.size()});
+  numbers.push_back({&kPending, {}, pendingCount()});
 }
 
 size_t KernelRoutes::problemCount() const {
@@ -428,23 +402,42 @@ void KernelRoutes::mend(const RouteKey& key, Entry& entry) {
 void KernelRoutes::flush() {
   if (!started_) return;
   now_ = clock_();
+  settleFinished();
+  const bool looksAtMany = scansAll_ || !distrusted_.empty() || !changedLinks_.empty();
+  if (looksAtMany || !strays_.empty() || !extras_.empty()) drain();
   if (scansAll_ || !distrusted_.empty()) scan();
   if (!changedLinks_.empty()) retryChangedLinks();
   if (now_ >= nextWake_) wakeDue();
   if (!strays_.empty()) announceStrays();
   if (!extras_.empty()) deleteExtras();
-  if (dirty_.empty()) return;
-
-  auto dirty = std::exchange(dirty_, {});
-  const std::span keys(dirty);
-  for (size_t at = 0; at < keys.size(); at += kChunk) {
-    flushChunk(keys.subspan(at, std::min(kChunk, keys.size() - at)));
-  }
+  dirty_.insert(dirty_.end(), leftForLater_.begin(), leftForLater_.end());
+  leftForLater_ = {};
+  while (writeNext(Extent::All)) settleFinished();
   log_.commit();
-  if (dirty.capacity() <= kChunk && dirty_.empty()) {
-    dirty.clear();
-    dirty_ = std::move(dirty);
-  }
+}
+
+void KernelRoutes::flushAndWait() {
+  if (!started_) return;
+  do {
+    flush();
+    drain();
+  } while (pendingCount() != 0);
+  log_.commit();
+}
+
+void KernelRoutes::flushAdditions() {
+  // A host that flaps is found by what differs at the end.
+  if (!started_ || options_.dampingChanges != 0) return;
+  now_ = clock_();
+  settleFinished();
+  while (writeNext(Extent::Additions)) settleFinished();
+}
+
+void KernelRoutes::drain() {
+  if (underWay_.empty()) return;
+  now_ = clock_();
+  while (const RouteBatch* batch = writer_.await()) settleOldest(*batch);
+  changes_ = false;
 }
 
 /// Marks what may differ, looking at all entries.
@@ -519,15 +512,10 @@ void KernelRoutes::announceStrays() {
   auto strays = std::exchange(strays_, {});
   if (!options_.announcesSilentLoss) return;
   for (const auto& [key, metric] : strays) {
-    requestCount_ = 0;
-    nextRequest(Verb::AddBlackhole, key, metric);
-    nextRequest(Verb::DeleteBlackhole, key, metric);
-    std::array<int, 2> results{};
-    const std::span requests = std::span(requests_).first(requestCount_);
-    channel_.perform(requests.first(1), std::span(results).first(1));
-    if (results[0] == EEXIST) continue;  // so it is not gone
-    if (results[0] == 0) channel_.perform(requests.last(1), std::span(results).last(1));
-    if (results[0] == 0 && (results[1] == 0 || isAbsent(results[1]))) {
+    const int added = performAlone(Verb::AddBlackhole, key, metric);
+    if (added == EEXIST) continue;  // so it is not gone
+    const int deleted = added == 0 ? performAlone(Verb::DeleteBlackhole, key, metric) : 0;
+    if (added == 0 && (deleted == 0 || isAbsent(deleted))) {
       ++counters_.silentLosses;
       continue;
     }
@@ -539,11 +527,7 @@ void KernelRoutes::announceStrays() {
 /// Deletes what stands beside the routes that were adopted.
 void KernelRoutes::deleteExtras() {
   for (const auto& [key, metric] : std::exchange(extras_, {})) {
-    requestCount_ = 0;
-    nextRequest(Verb::Delete, key, metric);
-    int result = 0;
-    channel_.perform(std::span(requests_).first(1), std::span(&result, 1));
-    if (result == 0) ++counters_.deleted;
+    if (performAlone(Verb::Delete, key, metric) == 0) ++counters_.deleted;
     // A deletion with metric 0 is of an IPv4 route with any metric.
     if (Entry* const entry = entries_.find(key); entry != nullptr && entry->actual != 0) {
       entry->set(kUnsure);
@@ -552,41 +536,120 @@ void KernelRoutes::deleteExtras() {
   }
 }
 
-void KernelRoutes::flushChunk(std::span<const RouteKey> keys) {
-  work_.clear();
-  for (const auto& key : keys) {
+/// Carries out one request now. Nothing else is under way.
+int KernelRoutes::performAlone(Verb verb, const RouteKey& key, uint32_t metric) {
+  RouteBatch& batch = *writer_.vacant();
+  batch.clear();
+  batch.add(verb, key, metric);
+  writer_.submit();
+  const int result = writer_.await()->results().front();
+  writer_.release();
+  return result;
+}
+
+/// How many routes wait to be compared with the kernel, or for its answer.
+size_t KernelRoutes::pendingCount() const {
+  size_t count = dirty_.size() - nextDirty_ + leftForLater_.size();
+  for (const auto& work : underWay_) count += work.size();
+  return count;
+}
+
+/// Submits the requests for some of the routes that may differ. \return false when there is none
+/// any more, or no room for requests.
+bool KernelRoutes::writeNext(Extent extent) {
+  if (nextDirty_ == dirty_.size() || writer_.vacant() == nullptr) return false;
+  std::vector<Work> work;
+  if (!spareWork_.empty()) {
+    work = std::move(spareWork_.back());
+    spareWork_.pop_back();
+  }
+  for (; nextDirty_ < dirty_.size() && work.size() < kChunk; ++nextDirty_) {
+    if (nextDirty_ + kAhead < dirty_.size()) entries_.prefetch(dirty_[nextDirty_ + kAhead]);
+    const auto& key = dirty_[nextDirty_];
     Entry* const entry = entries_.find(key);
     if (entry == nullptr || !entry->is(kDirty)) continue;
-    entry->clear(kDirty);
-    noteChange(key, *entry);
-    work_.push_back({key, entry});
-  }
-  for (int round = 0; !work_.empty(); ++round) {
-    requestCount_ = 0;
-    std::erase_if(work_, [&](Work& work) {
-      work.step = decide(work.key, *work.entry);
-      if (work.step != Step::None && round == kRounds) {
-        // Somebody else undoes each step.
-        setTrouble(work.key, *work.entry, EBUSY, true);
-        work.step = Step::None;
-      }
-      if (work.step == Step::None) {
-        finish(work.key, *work.entry);
-        return true;
-      }
-      request(work.key, *work.entry, work.step);
-      return false;
-    });
-    if (work_.empty()) break;
-    results_.resize(requestCount_);
-    log_.commit();
-    channel_.perform(std::span(requests_).first(requestCount_), results_);
-    const int* results = results_.data();
-    for (const auto& work : work_) {
-      settle(work, results);
-      results += work.step == Step::Announce ? 2 : 1;
+    if (extent == Extent::Additions && !isPlainAddition(*entry)) {
+      leftForLater_.push_back(key);
+      continue;
     }
+    entry->clear(kDirty);
+    // It is looked at again when the answer has come.
+    if (!entry->is(kUnderWay)) work.push_back({.key = key, .entry = entry});
   }
+  if (nextDirty_ == dirty_.size()) {
+    // A burst takes its memory with it.
+    if (dirty_.capacity() > kChunk) dirty_ = {};
+    dirty_.clear();
+    nextDirty_ = 0;
+  }
+  decideAndSubmit(std::move(work));
+  if (changes_) drain();
+  return true;
+}
+
+/// Whether nothing of ours is or was in the place of a route that is wanted.
+bool KernelRoutes::isPlainAddition(const Entry& entry) {
+  constexpr uint32_t kOtherwise = kAdvertised | kClaimed | kTroubled | kUnderWay;
+  return entry.wanted != 0 && entry.actual == 0 && (entry.flags & kOtherwise) == 0;
+}
+
+/// Submits the next step for each of these routes, in the vacant batch. Those for which nothing is
+/// to be done leave.
+void KernelRoutes::decideAndSubmit(std::vector<Work> work) {
+  RouteBatch& batch = *writer_.vacant();
+  batch.clear();
+  std::erase_if(work, [&](Work& item) {
+    Entry& entry = *item.entry;
+    if (entry.is(kChanged)) item.round = 0;
+    noteChange(item.key, entry);
+    item.step = decide(item.key, entry);
+    if (item.step != Step::None && item.round == kRounds) {
+      // Somebody else undoes each step.
+      setTrouble(item.key, entry, EBUSY, true);
+      item.step = Step::None;
+    }
+    if (item.step == Step::None) {
+      finish(item.key, entry);
+      return true;
+    }
+    request(item, batch);
+    return false;
+  });
+  if (work.empty()) {
+    spareWork_.push_back(std::move(work));
+    return;
+  }
+  log_.commit();
+  underWay_.push_back(std::move(work));
+  writer_.submit();
+}
+
+void KernelRoutes::settleFinished() {
+  while (const RouteBatch* batch = writer_.finished()) {
+    now_ = clock_();
+    settleOldest(*batch);
+  }
+  // A route that is deleted to be added otherwise is not to be absent for long.
+  if (changes_) drain();
+}
+
+/// Takes the results of the oldest batch, and submits what is to be done next for its routes.
+void KernelRoutes::settleOldest(const RouteBatch& batch) {
+  auto work = std::move(underWay_.front());
+  underWay_.pop_front();
+  auto results = batch.results();
+  for (size_t i = 0; i < work.size(); ++i) {
+    if (i + kAhead < work.size()) entries_.prefetch(work[i + kAhead].key);
+    Work& item = work[i];
+    item.entry = entries_.find(item.key);
+    item.entry->clear(kUnderWay);
+    settle(item, results);
+    results = results.subspan(item.step == Step::Announce ? 2 : 1);
+    values_.drop(std::exchange(item.added, 0));
+    ++item.round;
+  }
+  writer_.release();
+  decideAndSubmit(std::move(work));
 }
 
 /// Counts a change for damping.
@@ -651,49 +714,43 @@ KernelRoutes::Step KernelRoutes::decide(const RouteKey& key, Entry& entry) {
   return entry.is(kTold) || !options_.announcesSilentLoss ? Step::Add : Step::Verify;
 }
 
-RouteRequest& KernelRoutes::nextRequest(RouteRequest::Verb verb, const RouteKey& key,
-                                        uint32_t metric) {
-  if (requestCount_ == requests_.size()) requests_.emplace_back();
-  auto& request = requests_[requestCount_++];
-  request.verb = verb;
-  request.key = key;
-  request.value.vias.clear();
-  request.value.metric = metric;
-  return request;
-}
-
 /// Writes down the requests of a step.
-void KernelRoutes::request(const RouteKey& key, Entry& entry, Step step) {
-  switch (step) {
+void KernelRoutes::request(Work& work, RouteBatch& batch) {
+  const RouteKey& key = work.key;
+  Entry& entry = *work.entry;
+  entry.set(kUnderWay);
+  switch (work.step) {
     case Step::None:
       return;
     case Step::Add: {
-      const auto& value = values_[entry.wanted];
+      work.added = values_.share(entry.wanted);
+      const auto& value = values_[work.added];
       advertise(key, entry, value.metric);
-      nextRequest(Verb::Add, key, value.metric).value = value;
+      batch.add(Verb::Add, key, value.metric).value = value;
       return;
     }
     case Step::Delete:
-      nextRequest(Verb::Delete, key, values_[entry.actual].metric);
+      changes_ |= entry.wanted != 0;
+      batch.add(Verb::Delete, key, values_[entry.actual].metric);
       return;
     case Step::Verify:
       advertise(key, entry, values_[entry.actual].metric);
-      nextRequest(Verb::AddBlackhole, key, entry.metric);
+      batch.add(Verb::AddBlackhole, key, entry.metric);
       return;
     case Step::Announce:
       advertise(key, entry, entry.metric);
-      nextRequest(Verb::AddBlackhole, key, entry.metric);
-      nextRequest(Verb::DeleteBlackhole, key, entry.metric);
+      batch.add(Verb::AddBlackhole, key, entry.metric);
+      batch.add(Verb::DeleteBlackhole, key, entry.metric);
       return;
   }
 }
 
-void KernelRoutes::settle(const Work& work, const int* results) {
+void KernelRoutes::settle(const Work& work, std::span<const int> results) {
   switch (work.step) {
     case Step::None:
       return;
     case Step::Add:
-      return settleAdd(work.key, *work.entry, results[0]);
+      return settleAdd(work.key, *work.entry, work.added, results[0]);
     case Step::Delete:
       return settleDelete(work.key, *work.entry, results[0]);
     case Step::Verify:
@@ -703,7 +760,7 @@ void KernelRoutes::settle(const Work& work, const int* results) {
   }
 }
 
-void KernelRoutes::settleAdd(const RouteKey& key, Entry& entry, int result) {
+void KernelRoutes::settleAdd(const RouteKey& key, Entry& entry, ValueId added, int result) {
   const bool verifies = entry.actual != 0;
   if (result == 0) {
     ++counters_.added;
@@ -714,7 +771,7 @@ void KernelRoutes::settleAdd(const RouteKey& key, Entry& entry, int result) {
     } else if (verifies) {
       ++counters_.silentLosses;
     }
-    if (!verifies) setActual(entry, values_.share(entry.wanted));
+    if (!verifies) setActual(entry, values_.share(added));
     entry.clear(kUnsure | kTold | kMeddled | kReplaced);
     mend(key, entry);
   } else if (result == EEXIST) {

@@ -2,83 +2,24 @@
 #pragma once
 
 #include <algorithm>
-#include <compare>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <limits>
 #include <map>
 #include <optional>
 #include <span>
-#include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "linux/Numbers.h"
-#include "linux/Values.h"
-#include "platform/kiv/containers/HashMap.h"
+#include "linux/RouteRequest.h"
+#include "linux/RouteWriter.h"
+#include "platform/kiv/HashMap.h"
 
 namespace Linux {
-
-/// Where a host route is in the kernel.
-struct RouteKey {
-  TableId table = 0;
-  Prefix prefix;
-
-  uint32_t hash() const;
-
-  friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
-};
-
-/// One next hop of a host route: an interface, and a gateway unless the host itself is there.
-struct RouteVia {
-  LinkIndex link = 0;
-  std::optional<Address> gateway;
-
-  friend auto operator<=>(const RouteVia&, const RouteVia&) = default;
-};
-
-/// What a host route says, beside its key.
-struct RouteValue {
-  std::vector<RouteVia> vias;  ///< empty for a blackhole, which drops what it matches
-  uint32_t metric = 0;
-  std::optional<Address> preferredSource;
-
-  friend auto operator<=>(const RouteValue&, const RouteValue&) = default;
-};
-
-/// The form in which the kernel holds a value: vias in order, each once; an IPv6 metric of 0 as
-/// 1024; of IPv6 vias one only when there is one without gateway, as the kernel has no multipath
-/// routes of such.
-RouteValue normalized(const Prefix& prefix, RouteValue value);
-
-/// A change to the kernel's tables. Blackhole is a route of the same key that drops what it
-/// matches, or any other that is ours when it is deleted.
-struct RouteRequest {
-  enum class Verb : uint8_t { Add, Delete, AddBlackhole, DeleteBlackhole };
-  Verb verb = Verb::Add;
-  RouteKey key;
-  RouteValue value;  ///< of Add; of the others the metric only
-
-  friend bool operator==(const RouteRequest&, const RouteRequest&) = default;
-};
-
-/// A request in the words of ip(8): "route add 10.0.0.5/32 dev 3 table 10 metric 20". Interfaces
-/// are numbers.
-std::string toString(const RouteRequest& request);
-
-/// Carries requests out, in order. An addition is exclusive: it fails where there is a route of the
-/// same table, prefix and metric. A deletion takes away a route with our protocol number only.
-class RouteChannel {
- public:
-  /// The result of a request whose answer was lost: it was carried out or not.
-  static constexpr int kUnknown = -1;
-
-  virtual ~RouteChannel() = default;
-  /// \param results  one for each request: 0, the kernel's errno, or kUnknown.
-  virtual void perform(std::span<const RouteRequest> requests, std::span<int> results) = 0;
-};
 
 /// Where the prefixes are kept that other routers may have been told of, over the life of this
 /// process. Every key is noted before its route is written.
@@ -113,7 +54,10 @@ struct KernelRoutesOptions {
 /// a former process left. A change of a route is a deletion and an addition, never a replacement:
 /// some routing daemons drop a replaced route, and one that is added twice without a deletion in
 /// between. So a route that the kernel dropped without a word is announced as gone before it comes
-/// back. Does no I/O but through its channel and its log.
+/// back. Does no I/O but through its writer and its log.
+///
+/// While requests are under way, what is wanted may change; what is to be done next for a route is
+/// decided when the answer has come.
 class KernelRoutes {
  public:
   /// A route that is not as it should be, and why.
@@ -133,7 +77,7 @@ class KernelRoutes {
   using IsAnothers = std::function<bool(const RouteKey& key, uint32_t metric)>;
 
   /// \param clock  seconds from any moment on; never goes back.
-  KernelRoutes(RouteChannel& channel, AdvertisedLog& log, std::function<double()> clock,
+  KernelRoutes(RouteWriter& writer, AdvertisedLog& log, std::function<double()> clock,
                KernelRoutesOptions options, IsAnothers isAnothers = {});
 
   /// The route that should be there, or none. Takes effect at the next flush().
@@ -161,10 +105,20 @@ class KernelRoutes {
   void beginDump();
   void endDump();
 
-  /// Writes what differs. The time it takes goes with the number of routes that may differ, but for
-  /// the first flush() after start(), endDump() or distrust(), which looks at all.
+  /// Has written what differs, as far as the writer takes it: the rest follows when flush() is
+  /// called again after a batch was carried out. The time it takes goes with the number of routes
+  /// that may differ, but for the first flush() after start(), endDump() or distrust(), which looks
+  /// at all.
   void flush();
-  /// Removes all our routes, and wants none from here on.
+  /// The same, and waits until nothing is left that can be written now.
+  void flushAndWait();
+  /// Has written, of what was wanted since, the routes that nobody was told of yet: more changes
+  /// are still to be wanted before flush().
+  void flushAdditions();
+  /// Waits until the requests that are under way, and what follows from them, have been carried
+  /// out.
+  void drain();
+  /// Removes all our routes, and wants none from here on. They are gone afterwards.
   void removeAll();
   void setOptions(KernelRoutesOptions options);
 
@@ -215,19 +169,21 @@ class KernelRoutes {
     Index index_;
     std::vector<Slot> slots_{1};
     std::vector<ValueId> unused_;
+    ValueId last_ = 0;  // that was taken
   };
 
   enum Flag : uint32_t {
-    kDirty = 1,       // is in dirty_
-    kChanged = 2,     // is wanted otherwise than at the last flush
-    kAdvertised = 4,  // is in the log
-    kUnsure = 8,      // may have gone from the kernel
-    kTold = 16,       // the kernel told that it went
-    kMeddled = 32,    // somebody else changed it
-    kClaimed = 64,    // something is in its place, perhaps a route of ours
-    kSeen = 128,      // was named by the dump
-    kTroubled = 256,  // is in troubles_
-    kReplaced = 512,  // who imports the table may have dropped it for having been replaced
+    kDirty = 1,        // is in dirty_
+    kChanged = 2,      // is wanted otherwise than at the last flush
+    kAdvertised = 4,   // is in the log
+    kUnsure = 8,       // may have gone from the kernel
+    kTold = 16,        // the kernel told that it went
+    kMeddled = 32,     // somebody else changed it
+    kClaimed = 64,     // something is in its place, perhaps a route of ours
+    kSeen = 128,       // was named by the dump
+    kTroubled = 256,   // is in troubles_
+    kReplaced = 512,   // who imports the table may have dropped it for having been replaced
+    kUnderWay = 1024,  // a request for it is
   };
   struct Entry {
     ValueId wanted = 0;
@@ -262,8 +218,10 @@ class KernelRoutes {
   };
   struct Work {
     RouteKey key;
-    Entry* entry = nullptr;
+    Entry* entry = nullptr;  // while it is decided and settled
     Step step = Step::None;
+    ValueId added = 0;  // the value of Add
+    int round = 0;      // steps so far
   };
   struct KeyHash {
     size_t operator()(const RouteKey& key) const { return key.hash(); }
@@ -281,26 +239,33 @@ class KernelRoutes {
   void setTrouble(const RouteKey& key, Entry& entry, int error, bool blocks);
   void mend(const RouteKey& key, Entry& entry);
 
+  bool settleBefore(const RouteKey& key);
   void scan();
   void retryChangedLinks();
   void wakeDue();
   void announceStrays();
   void deleteExtras();
-  void flushChunk(std::span<const RouteKey> keys);
+  enum class Extent : uint8_t { All, Additions };
+  bool writeNext(Extent extent);
+  static bool isPlainAddition(const Entry& entry);
+  void decideAndSubmit(std::vector<Work> work);
+  void settleFinished();
+  void settleOldest(const RouteBatch& batch);
+  int performAlone(RouteRequest::Verb verb, const RouteKey& key, uint32_t metric);
+  size_t pendingCount() const;
   void noteChange(const RouteKey& key, Entry& entry);
   bool isDamped(const RouteKey& key) const;
   bool isHeld(const RouteKey& key, const Entry& entry);
   Step decide(const RouteKey& key, Entry& entry);
-  void request(const RouteKey& key, Entry& entry, Step step);
-  RouteRequest& nextRequest(RouteRequest::Verb verb, const RouteKey& key, uint32_t metric);
-  void settle(const Work& work, const int* results);
-  void settleAdd(const RouteKey& key, Entry& entry, int result);
+  void request(Work& work, RouteBatch& batch);
+  void settle(const Work& work, std::span<const int> results);
+  void settleAdd(const RouteKey& key, Entry& entry, ValueId added, int result);
   void settleDelete(const RouteKey& key, Entry& entry, int result);
   void settleVerify(const RouteKey& key, Entry& entry, int result);
   void settleAnnounce(const RouteKey& key, Entry& entry, int addition, int deletion);
   void finish(const RouteKey& key, Entry& entry);
 
-  RouteChannel& channel_;
+  RouteWriter& writer_;
   AdvertisedLog& log_;
   std::function<double()> clock_;
   KernelRoutesOptions options_;
@@ -311,6 +276,8 @@ class KernelRoutes {
   Kiv::HashMap<RouteKey, Entry> entries_;
   ValuePool values_;
   std::vector<RouteKey> dirty_;
+  size_t nextDirty_ = 0;                // of dirty_, the first that was not looked at
+  std::vector<RouteKey> leftForLater_;  // dirty ones that flushAdditions() passed over
   std::unordered_set<LinkIndex> distrusted_, changedLinks_;
   std::vector<std::pair<RouteKey, uint32_t>> extras_;  // further routes of a key, by metric
   // Metrics under which keys were advertised before they were found with others.
@@ -320,11 +287,10 @@ class KernelRoutes {
   std::unordered_map<RouteKey, double, KeyHash> repairs_;  // when each was repaired last
   std::unordered_map<RouteKey, Flap, KeyHash> flaps_;
   double nextWake_ = std::numeric_limits<double>::infinity();
-  // Of one chunk; kept for the memory.
-  std::vector<Work> work_;
-  std::vector<RouteRequest> requests_;
-  size_t requestCount_ = 0;
-  std::vector<int> results_;
+  // Of each batch under way, the oldest first; and their memory.
+  std::deque<std::vector<Work>> underWay_;
+  std::vector<std::vector<Work>> spareWork_;
+  bool changes_ = false;  // a route is deleted to be added otherwise
   Counters counters_;
   size_t installedCount_ = 0;
 };

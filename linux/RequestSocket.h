@@ -7,8 +7,8 @@
 #include <span>
 #include <vector>
 
-#include "linux/KernelRoutes.h"
 #include "linux/Probing.h"
+#include "linux/RouteRequest.h"
 
 struct mnl_socket;
 struct nlmsghdr;

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <list>
 #include <map>
 #include <memory>
 #include <random>
@@ -155,6 +157,49 @@ class FakeKernel final : public RouteChannel {
   FakeLog& log_;
 };
 
+/// Carries batches out in submit(), or later when it lags.
+class FakeWriter final : public RouteWriter {
+ public:
+  explicit FakeWriter(RouteChannel& channel) : channel_(channel) {}
+
+  RouteBatch* vacant() override { return underWay_.size() < kMost ? &vacant_ : nullptr; }
+  void submit() override {
+    underWay_.push_back(std::exchange(vacant_, {}));
+    if (!lags) finishNext();
+  }
+  RouteBatch* finished() override { return finished_ != 0 ? &underWay_.front() : nullptr; }
+  RouteBatch* await() override {
+    if (finished_ == 0) finishNext();
+    return finished();
+  }
+  void release() override {
+    underWay_.pop_front();
+    --finished_;
+    --performed_;
+  }
+
+  /// Carries out a batch, and leaves it unsaid.
+  void performNext() {
+    if (performed_ == underWay_.size()) return;
+    std::next(underWay_.begin(), static_cast<std::ptrdiff_t>(performed_))->performOn(channel_);
+    ++performed_;
+  }
+  void finishNext() {
+    if (performed_ == finished_) performNext();
+    finished_ = std::min(finished_ + 1, performed_);
+  }
+
+  bool lags = false;
+
+ private:
+  static constexpr size_t kMost = 3;
+
+  RouteChannel& channel_;
+  RouteBatch vacant_;
+  std::list<RouteBatch> underWay_;
+  size_t performed_ = 0, finished_ = 0;
+};
+
 class KernelRoutesTest : public testing::Test {
  protected:
   KernelRoutesTest() { restart(); }
@@ -167,8 +212,11 @@ class KernelRoutesTest : public testing::Test {
       if (!value && kernel.routes.contains(place)) value = kernel.routes[place].value;
     }
     log.noted = log.kept;
+    const bool lags = writer != nullptr && writer->lags;
+    writer = std::make_unique<FakeWriter>(kernel);
+    writer->lags = lags;
     routes = std::make_unique<KernelRoutes>(
-        kernel, log, [this] { return now; }, options,
+        *writer, log, [this] { return now; }, options,
         [this](const RouteKey& key, uint32_t metric) {
           const auto found = kernel.routes.find({key, metric});
           return found != kernel.routes.end() && !found->second.isOurs;
@@ -239,6 +287,7 @@ class KernelRoutesTest : public testing::Test {
   FakeKernel kernel{log};
   KernelRoutesOptions options;
   std::map<RouteKey, RouteValue> wanted;
+  std::unique_ptr<FakeWriter> writer;
   std::unique_ptr<KernelRoutes> routes;
 };
 
@@ -512,6 +561,70 @@ TEST_F(KernelRoutesTest, DampsAHostThatFlaps) {
   EXPECT_EQ(routes->nextDeadline(), std::nullopt);
 }
 
+TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatAreWantedOtherwiseMeanwhile) {
+  for (uint32_t host = 1; host <= 4; ++host) wantNow(key4(host), direct(1));
+  told();
+  writer->lags = true;
+  kernel.fault = [](const auto& request) { return request.key == key4(6) ? ENOBUFS : 0; };
+  wantNow(key4(1), std::nullopt);
+  for (uint32_t host = 5; host <= 7; ++host) want(key4(host), direct(1));
+  routes->flush();
+  want(key4(1), direct(1));  // as it was before its deletion, which is under way
+  want(key4(5), direct(2));
+  want(key4(7), std::nullopt);
+  routes->flush();
+  EXPECT_EQ(told(), std::vector<std::string>());
+  EXPECT_EQ(routes->installedCount(), 4u);
+  routes->drain();
+  EXPECT_EQ(told(),
+            (std::vector<std::string>{
+                "route del 10.0.0.1/32 table 10", "route add 10.0.0.5/32 dev 1 table 10",
+                "route add 10.0.0.6/32 dev 1 table 10 !", "route add 10.0.0.7/32 dev 1 table 10",
+                "route add 10.0.0.1/32 dev 1 table 10", "route del 10.0.0.5/32 table 10",
+                "route del 10.0.0.7/32 table 10", "route add 10.0.0.5/32 dev 2 table 10"}));
+  ASSERT_EQ(routes->problemCount(), 1u);
+  EXPECT_EQ(routes->problems(1).front().key, key4(6));
+  kernel.fault = {};
+  writer->lags = false;
+  passTime(1);
+  expectRight();
+}
+
+TEST_F(KernelRoutesTest, FillsTheWriterNoFurtherThanItTakes) {
+  writer->lags = true;
+  constexpr uint32_t kHosts = 5000;
+  for (uint32_t host = 1; host <= kHosts; ++host) want(key4(host), direct(1));
+  routes->flush();
+  EXPECT_EQ(kernel.requestCount, 0u);
+  // A batch that was carried out makes room for the next.
+  for (size_t before = 0; before < kHosts; before = kernel.requestCount) {
+    writer->finishNext();
+    ASSERT_GT(kernel.requestCount, before);
+    routes->flush();
+  }
+  routes->drain();
+  expectRight();
+  // Not all of them are under way when all are to go.
+  routes->removeAll();
+  wanted.clear();
+  expectRight();
+}
+
+TEST_F(KernelRoutesTest, WritesAheadOnlyWhatNobodyWasToldOf) {
+  wantNow(key4(1), direct(1));
+  wantNow(key4(2), direct(1));
+  kernel.dropSilently(1);
+  told();
+  restart();
+  want(key4(1), direct(2));
+  want(key4(2), std::nullopt);
+  want(key4(3), direct(1));
+  routes->flushAdditions();
+  EXPECT_EQ(told(), std::vector<std::string>{"route add 10.0.0.3/32 dev 1 table 10"});
+  routes->flush();
+  expectRight();
+}
+
 // Whatever happens, and wherever the process is killed: once it is over, the kernel has what is
 // wanted, whoever imports the table has the same, and the log names no more than that.
 TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
@@ -524,7 +637,8 @@ TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
       if (below(4) == 0) value.vias.push_back({4, {}});
       return normalized(key.prefix, value);
     };
-    options.dampingChanges = seed % 4 == 0 ? 3 : 0;
+    writer->lags = seed % 2 == 0;
+    options.dampingChanges = seed % 4 >= 2 ? 3 : 0;
     routes->setOptions(options);
     for (int step = 0; step < 60; ++step) {
       const auto key = anyKey();
@@ -580,6 +694,9 @@ TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
             want(key, below(3) == 0 ? std::nullopt : std::optional(anyValue(key)));
         }
         if (below(3) == 0) passTime(below(3) * 0.4);
+        if (below(4) == 0) routes->flushAdditions();
+        if (below(3) == 0) writer->performNext();
+        if (below(4) == 0) writer->finishNext();
       } catch (const FakeKernel::Killed&) {
         restart();
       }
@@ -590,6 +707,8 @@ TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
       restart();
     }
     kernel.requestsUntilKilled = -1;
+    writer->lags = false;
+    routes->drain();
     kernel.fault = {};
     kernel.down.clear();
     std::vector<FakeKernel::Place> others;

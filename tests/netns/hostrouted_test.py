@@ -340,6 +340,91 @@ class ProcessTest(RouterLab):
         self.assertEqual(status['routes'], len(kept))
 
 
+class BurstTest(RouterLab):
+    """What befalls the daemon while a thread writes many routes."""
+
+    COUNT = 20000
+
+    def setUp(self):
+        super().setUp()
+        self.router.ip('addr add 10.64.0.1/10 dev p1')
+        self.addresses = [f'10.64.{i // 256}.{i % 256}' for i in range(256, 256 + self.COUNT)]
+        self.all = {address: 'p1' for address in self.addresses}
+
+    def changes(self, verb, addresses):
+        suffix = ' lladdr 02:00:00:00:00:11 nud permanent' if verb == 'replace' else ''
+        return [f'neigh {verb} {address} dev p1{suffix}' for address in addresses]
+
+    def await_some(self, table=10):
+        """Until the burst is in the middle."""
+        self.assertEventually(lambda: len(self.router.host_routes(table=table)) > 500, 'some came')
+
+    def advertised(self, daemon):
+        keys = set()
+        path = os.path.join(daemon.directory, 'state', 'advertised')
+        with open(path, encoding='utf-8') as file:
+            for verb, _, prefix, *_ in (line.split() for line in list(file)[1:]):
+                (keys.add if verb == '+' else keys.discard)(prefix.removesuffix('/32'))
+        return keys
+
+    def test_a_daemon_that_is_ended_in_a_burst_goes_on_with_it_when_it_starts_again(self):
+        daemon = self.daemon(self.router, PORTS)
+        with self.router.started_batch(self.changes('replace', self.addresses)):
+            self.await_some()
+            self.assertEqual(daemon.end(), 0)
+            self.assertLessEqual(set(self.router.host_routes()), self.advertised(daemon))
+        daemon.start()
+        self.assertRoutes(self.router, self.all)
+        self.assertEqual(daemon.fresh_status()['counters']['silentLosses'], 0)
+
+    def test_a_flush_on_exit_leaves_nothing_of_a_burst(self):
+        daemon = self.daemon(self.router, PORTS + '[export]\non-exit = "flush"\n')
+        with self.router.started_batch(self.changes('replace', self.addresses)):
+            self.await_some()
+            self.assertEqual(daemon.end(), 0)
+        self.assertEqual(self.router.host_routes(), {})
+        self.assertEqual(self.advertised(daemon), set())
+
+    def test_another_table_by_sighup_in_a_burst_gets_all_of_it(self):
+        daemon = self.daemon(self.router, PORTS)
+        with self.router.started_batch(self.changes('replace', self.addresses)):
+            self.await_some()
+            daemon.set_config(PORTS + '[export]\ntable = 20\n')
+            daemon.send(signal.SIGHUP)
+        self.assertRoutes(self.router, self.all, table=20)
+        self.assertRoutes(self.router, {})
+
+    def test_an_interface_that_goes_down_in_a_burst_keeps_no_routes_and_gets_them_back(self):
+        daemon = self.daemon(self.router, PORTS)
+        with self.router.started_batch(self.changes('replace', self.addresses)):
+            self.await_some()
+            self.router.ip('link set p1 down')
+        # Entries that came after it went down are in the kernel still.
+        self.router.ip('neigh flush dev p1 nud all', check=False)
+        self.assertRoutes(self.router, {})
+        self.router.ip('link set p1 up')
+        self.router.batch(self.changes('replace', self.addresses))
+        self.assertRoutes(self.router, self.all)
+        self.assertEventually(lambda: not daemon.fresh_status()['problems'], 'all is mended')
+
+    def test_kills_in_bursts_end_as_if_there_had_been_none(self):
+        random.seed(17)
+        daemon = self.daemon(self.router, PORTS)
+        there = set()
+        for _ in range(8):
+            changed = set(random.sample(self.addresses, self.COUNT // 3))
+            lines = self.changes('del', changed & there) + self.changes('replace', changed - there)
+            with self.router.started_batch(lines):
+                time.sleep(random.random() * 0.2)  # any moment will do
+                daemon.end(signal.SIGKILL)
+                daemon.start(wait=False)
+            there ^= changed
+        self.assertRoutes(self.router, {address: 'p1' for address in there})
+        self.assertEventually(lambda: self.advertised(daemon) == there, 'the list names the routes')
+        status = daemon.fresh_status()
+        self.assertEqual((status['routes'], status['problems']), (len(there), []))
+
+
 class SharedTablesTest(RouterLab):
     def test_the_command_takes_shared_tables_for_ready_after_the_first_pass(self):
         name = f'hostrouted-test-{os.getpid()}'

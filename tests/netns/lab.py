@@ -1,4 +1,5 @@
 """Network namespaces with a router and hosts in them, and a hostrouted on the router."""
+import contextlib
 import json
 import os
 import shutil
@@ -68,6 +69,16 @@ class Namespace:
         """Runs ip commands, one on each line; those that fail are passed over."""
         subprocess.run(['ip', '-n', self.name, '-force', '-batch', '-'], input='\n'.join(lines),
                        text=True, check=False, capture_output=True)
+
+    @contextlib.contextmanager
+    def started_batch(self, lines):
+        """The same while the block runs; waits for its end after it."""
+        with tempfile.NamedTemporaryFile('w') as file:
+            file.write('\n'.join(lines) + '\n')
+            file.flush()
+            with subprocess.Popen(['ip', '-n', self.name, '-force', '-batch', file.name],
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL):
+                yield
 
     def sysctl(self, key, value):
         self.run('sysctl', '-qw', f'{key}={value}')
