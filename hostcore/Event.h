@@ -70,6 +70,7 @@ class Event {
   Event& operator=(const Event&) = delete;
   ~Event() {
     auto& account = sm_.interest().account;
+    if (!kCounts && account.log == nullptr) return;
     if (--account.events == 0 && account.log != nullptr) [[unlikely]]
       account.log->eventEnds();
   }
@@ -80,6 +81,7 @@ class Event {
                                                          MakeCause makeCause)
       : sm_(sm) {
     auto& account = sm.interest().account;
+    if (!kCounts && account.log == nullptr) return;
     if (account.events++ != 0) return;
     ++account.counts.events[static_cast<size_t>(kind)];
     if (account.log != nullptr) [[unlikely]]
