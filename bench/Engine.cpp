@@ -35,37 +35,6 @@ void require(bool holds, const char* what) {
   if (!holds) throw std::runtime_error(what);
 }
 
-// One event of a neighbour.
-
-enum Event { kLearned, kUpdated, kLost };
-constexpr size_t kEvents = 3;
-constexpr size_t kHistory = 4096;  // changes that are kept
-constexpr const char* kEventNames[] = {"learned", "updated", "lost"};
-
-/// Hosts in an order without system, none twice.
-std::vector<size_t> drawn(size_t count, size_t hosts, std::mt19937_64& random) {
-  std::vector<size_t> batch(count);
-  const size_t first = random() % hosts;
-  for (size_t i = 0; i < count; ++i) batch[i] = (first + i * (hosts / count)) % hosts;
-  std::shuffle(batch.begin(), batch.end(), random);
-  return batch;
-}
-
-/// Nanoseconds of each kind of event, all done to the hosts of `batch`.
-template <class Subject>
-void timeEvents(Subject& subject, const std::vector<size_t>& batch,
-                std::vector<double> (&nanoseconds)[kEvents]) {
-  const double toNs = 1e9 / static_cast<double>(batch.size());
-  const auto time = [&](Event event, auto step) {
-    nanoseconds[event].push_back(toNs * secondsOf([&] {
-                                   for (const size_t host : batch) step(host);
-                                 }));
-  };
-  time(kUpdated, [&](size_t host) { subject.update(host); });
-  time(kLost, [&](size_t host) { subject.lose(host); });
-  time(kLearned, [&](size_t host) { subject.learn(host); });
-}
-
 template <class F>
 void events(const Options& options, const std::string& name, size_t hosts) {
   const auto figures = inProcess([&]() -> std::vector<double> {

@@ -1,9 +1,12 @@
 // One neighbour learned, updated and lost: the engine's whole road, and beside it the floor.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <random>
 #include <vector>
 
+#include "bench/Measure.h"
 #include "bench/Scene.h"
 
 #ifdef HOSTROUTE_HAS_BOOST
@@ -165,5 +168,34 @@ class Floor {
   Map<uint64_t, Via> fibFecs_;
   Map<Prefix, Route> routeTable_;
 };
+
+enum Event { kLearned, kUpdated, kLost };
+inline constexpr size_t kEvents = 3;
+inline constexpr size_t kHistory = 4096;  ///< changes that are kept
+inline constexpr const char* kEventNames[] = {"learned", "updated", "lost"};
+
+/// Hosts in an order without system, none twice.
+inline std::vector<size_t> drawn(size_t count, size_t hosts, std::mt19937_64& random) {
+  std::vector<size_t> batch(count);
+  const size_t first = random() % hosts;
+  for (size_t i = 0; i < count; ++i) batch[i] = (first + i * (hosts / count)) % hosts;
+  std::shuffle(batch.begin(), batch.end(), random);
+  return batch;
+}
+
+/// Nanoseconds of each kind of event, all done to the hosts of `batch`.
+template <class Subject>
+void timeEvents(Subject& subject, const std::vector<size_t>& batch,
+                std::vector<double> (&nanoseconds)[kEvents]) {
+  const double toNs = 1e9 / static_cast<double>(batch.size());
+  const auto time = [&](Event event, auto step) {
+    nanoseconds[event].push_back(toNs * secondsOf([&] {
+                                   for (const size_t host : batch) step(host);
+                                 }));
+  };
+  time(kUpdated, [&](size_t host) { subject.update(host); });
+  time(kLost, [&](size_t host) { subject.lose(host); });
+  time(kLearned, [&](size_t host) { subject.learn(host); });
+}
 
 }  // namespace Bench

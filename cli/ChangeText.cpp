@@ -1,15 +1,13 @@
 // Changes of host routes as lines for people.
 #include "cli/ChangeText.h"
 
+#include "cli/ControlClient.h"
 #include "cli/Times.h"
-#include "replay/Printable.h"
 
 namespace Cli {
 
 std::string changeLine(const nlohmann::ordered_json& change) {
-  const auto text = [&](const char* member) {
-    return Replay::printable(change.at(member).get<std::string>());
-  };
+  const auto text = [&](const char* member) { return shownText(change, member); };
   return localTime(text("time"), true) + "  " + text("vrf") + "  " + text("prefix") + "  " +
          text("became") + "  (" + text("because") + ")";
 }

@@ -58,6 +58,7 @@ class Examination {
     checkInterfaces();
     checkReceiveBuffer();
     checkTables();
+    checkRules();
     checkFrr();
     checkBird();
     checkClock();
@@ -165,8 +166,7 @@ class Examination {
          "a host that moves here says so by an unsolicited advertisement, which makes no new "
          "entry"},
         {"ipv4", "rp_filter", Combined::Most, 1, 0, Weight::Warning,
-         "packets of a host are dropped while its route is not in the table main, or leads "
-         "elsewhere"},
+         "packets of a host are dropped while its route is not in table main, or leads elsewhere"},
         {"ipv4", "send_redirects", Combined::Either, 1, 0, Weight::Warning,
          "hosts of one subnet behind two routers are told to speak with each other directly, which "
          "they cannot"},
@@ -243,9 +243,8 @@ class Examination {
       add(Weight::Error, "protocol",
           "somebody else writes routes of protocol " + protocol + ": " + std::to_string(count) +
               " in table " + std::to_string(table) + " that are not hostrouted's",
-          "give hostrouted a protocol number of its own (export.protocol), or delete them: ip "
-          "route "
-          "flush table " +
+          "give hostrouted a protocol number of its own (export.protocol), or delete them: "
+          "ip route flush table " +
               std::to_string(table) + " proto " + protocol);
     }
     for (const auto& [key, count] : strangers) {
@@ -261,6 +260,63 @@ class Examination {
           "table " + std::to_string(link.vrfTable) + " is that of the VRF device " + link.name +
               ": its packets are forwarded by host routes that were meant for export",
           "give hostrouted a table of its own (export.table, export.table6, export.vrf)");
+    }
+  }
+
+  /// Which tables packets are forwarded by, and in which order.
+  void checkRules() {
+    for (const auto& rule : machine_.rules) {
+      const auto family = "IPv" + std::to_string(rule.family);
+      const auto which = "the " + family + " rule of priority " + std::to_string(rule.priority);
+      const auto removal = std::string(rule.family == 4 ? "ip" : "ip -6") + " rule del pref " +
+                           std::to_string(rule.priority) + " table " + std::to_string(rule.table);
+      if (isOurs(rule.table) && rule.table != RT_TABLE_MAIN) {
+        add(Weight::Warning, "rules",
+            which + " looks up table " + std::to_string(rule.table) +
+                ": packets are forwarded by host routes that were meant for export",
+            removal);
+      } else if (hidesMain(rule)) {
+        add(Weight::Error, "rules",
+            which + " sends all packets to table " + std::to_string(rule.table) +
+                ", which has a default route: the hosts' subnets in table main are never reached",
+            removal + ", or give it a priority behind that of table main");
+      }
+    }
+    for (const int family : {4, 6}) checkVrfRule(family);
+  }
+
+  /// Whether a rule keeps all packets of a family from the table main.
+  bool hidesMain(const Linux::Rule& rule) const {
+    if (rule.table == RT_TABLE_MAIN || rule.table == RT_TABLE_LOCAL || rule.isForVrfs ||
+        !rule.isForAll || rule.skipsShort) {
+      return false;
+    }
+    const auto isMain = [&](const Linux::Rule& other) {
+      return other.family == rule.family && other.table == RT_TABLE_MAIN && other.isForAll &&
+             !other.skipsShort && other.priority < rule.priority;
+    };
+    const auto isDefault = [&](const Linux::Route& route) {
+      return route.table == rule.table && Linux::familyOf(route.prefix) == rule.family &&
+             std::visit([](const auto& prefix) { return prefix.len() == 0; }, route.prefix);
+    };
+    return std::ranges::none_of(machine_.rules, isMain) &&
+           std::ranges::any_of(machine_.routes, isDefault);
+  }
+
+  /// Without a rule for them, packets of VRFs are looked up in the table main.
+  void checkVrfRule(int family) {
+    if (machine_.rules.empty()) return;
+    for (const auto& link : machine_.links) {
+      if (link.kind != "vrf") continue;
+      const bool isLookedUp = std::ranges::any_of(machine_.rules, [&](const Linux::Rule& rule) {
+        return rule.family == family && (rule.isForVrfs || rule.table == link.vrfTable);
+      });
+      if (isLookedUp) continue;
+      add(Weight::Error, "rules",
+          "no IPv" + std::to_string(family) + " rule leads packets of the VRF device " + link.name +
+              " to its table " + std::to_string(link.vrfTable) + ": its hosts are not reached",
+          std::string(family == 4 ? "ip" : "ip -6") + " rule add l3mdev pref 1000");
+      return;
     }
   }
 
@@ -329,8 +385,7 @@ class Examination {
     if (machine_.isClockSynchronised.value_or(true)) return;
     add(Weight::Note, "clock",
         "the clock is not synchronised: times in logs, histories and recordings do not compare "
-        "with "
-        "those of other machines",
+        "with those of other machines",
         "timedatectl set-ntp true");
   }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "linux/Rules.h"
 #include "linux/Values.h"
 
 namespace Cli {
@@ -24,6 +25,7 @@ struct Machine {
   size_t neighbors6 = 0;
   std::vector<Linux::Route> routes;
   std::vector<Linux::Link> links;
+  std::vector<Linux::Rule> rules;
   std::optional<bool> isClockSynchronised;
   std::optional<bool> frrRuns;  ///< where it does not, its configuration says nothing
   std::optional<bool> birdRuns;

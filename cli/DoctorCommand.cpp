@@ -27,8 +27,8 @@ namespace {
 
 constexpr const char* kDescription =
     R"(Looks at this machine and says what will hurt hostrouted, each with what mends it: kernel
-settings, limits, the configuration of FRR or BIRD, tables that others write to, capabilities, the
-clock. It changes nothing.)";
+settings, limits, the configuration of FRR or BIRD, tables that others write to, routing rules that
+lead past them, capabilities, the clock. It changes nothing.)";
 
 constexpr const char* kFooter =
     R"(Tables, protocol and interfaces are those of the running hostrouted. Without one, they are as
@@ -53,10 +53,11 @@ struct Options {
 };
 
 /// Takes over what the running daemon says of itself. \return whether there is one.
-bool askDaemon(const Options& options, Machine& machine, std::vector<std::string>& patterns) {
+bool askDaemon(const Options& options, const std::string& place, Machine& machine,
+               std::vector<std::string>& patterns) {
   Json status;
   try {
-    status = askOnce(options.control, "hostroute doctor", {{"request", "status"}}).at("status");
+    status = askOnce(options.control, place, {{"request", "status"}}).at("status");
   } catch (const CommandError&) {
     return false;
   }
@@ -100,11 +101,10 @@ void askKernel(Machine& machine, const std::vector<std::string>& patterns) {
 void print(const Options& options, const std::vector<Advice>& advice, bool hasDaemon) {
   if (options.json) {
     for (const auto& found : advice) {
-      std::cout << Json{{"weight", toString(found.weight)},
-                        {"subject", found.subject},
-                        {"what", found.what},
-                        {"mend", found.mend}}
-                       .dump(-1, ' ', false, Json::error_handler_t::replace)
+      std::cout << shownJson({{"weight", toString(found.weight)},
+                              {"subject", found.subject},
+                              {"what", found.what},
+                              {"mend", found.mend}})
                 << '\n';
     }
     return;
@@ -137,18 +137,19 @@ bool runs(std::string_view name) {
   return false;
 }
 
-int examineMachine(const Options& options) {
+int examineMachine(const Options& options, const std::string& place) {
   Machine machine;
   machine.root = options.root;
   std::vector<std::string> patterns;
   const bool isHere = options.root == "/";
-  const bool hasDaemon = isHere && askDaemon(options, machine, patterns);
+  const bool hasDaemon = isHere && askDaemon(options, place, machine, patterns);
   if (!options.interfaces.empty()) patterns = options.interfaces;
   machine.table4 = options.table4.value_or(machine.table4);
   machine.table6 = options.table6.value_or(machine.table6);
   if (options.protocol) machine.protocol = static_cast<uint8_t>(*options.protocol);
   if (isHere) {
     askKernel(machine, patterns);
+    machine.rules = Linux::dumpRules();
     machine.frrRuns = runs("zebra");
     machine.birdRuns = runs("bird");
     struct timex clock {};
@@ -182,9 +183,9 @@ void addDoctorCommand(CLI::App& app, int& exitCode) {
       ->type_name("DIR")
       ->check(CLI::ExistingDirectory);
   command->add_flag("--json", options->json, "Print one JSON object for each finding");
-  addSocketOption(*command, options->control);
   command->footer(kFooter);
-  command->callback([options, &exitCode] { exitCode = examineMachine(*options); });
+  addLiveCommand(*command, options->control, exitCode,
+                 [options](const std::string& place) { return examineMachine(*options, place); });
 }
 
 }  // namespace Cli

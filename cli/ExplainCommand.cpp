@@ -10,6 +10,7 @@
 
 #include "cli/Command.h"
 #include "cli/Replaying.h"
+#include "cli/Terminal.h"
 #include "daemon/Explain.h"
 #include "platform/kiv/containers/Exception.h"
 #include "replay/ExplanationJson.h"
@@ -41,7 +42,7 @@ int explainRecording(const ExplainOptions& options) {
   try {
     const auto explanation = Daemon::explain(sw, options.vrf, options.address);
     if (options.json) {
-      std::cout << Replay::toJson(explanation).dump(2) << '\n';
+      std::cout << shownJson(Replay::toJson(explanation), 2) << '\n';
     } else {
       // Line by line: the text has names from elsewhere in it.
       std::istringstream lines(Daemon::toText(explanation));

@@ -1,10 +1,13 @@
 #include "cli/HistoryCommand.h"
 
+#include <algorithm>
 #include <deque>
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -12,10 +15,12 @@
 #include "cli/Command.h"
 #include "cli/Replaying.h"
 #include "cli/Terminal.h"
+#include "cli/Times.h"
 #include "daemon/History.h"
 #include "platform/kiv/containers/Exception.h"
 #include "replay/HistoryJson.h"
 #include "replay/TextTable.h"
+#include "replay/Time.h"
 
 namespace Cli {
 namespace {
@@ -37,29 +42,36 @@ be written; 2 the command line is malformed, or the input cannot be read or is m
 const std::string kPlace = "hostroute history";
 
 struct Change {
-  size_t line;
+  Whereabouts at;
   Daemon::HistoryEntry entry;
 };
 
-/// A change as an object. The time would be that of this replay.
-nlohmann::ordered_json json(size_t line, const Daemon::HistoryEntry& entry) {
-  nlohmann::ordered_json change = {{"line", line}};
-  change.update(Replay::toJson(entry));
-  change.erase("time");
-  return {{"change", std::move(change)}};
+/// A change as an object. Its time is that of the recording, not that of this replay.
+Json json(const Change& change) {
+  Json object = {{"line", change.at.line}};
+  object.update(Replay::toJson(change.entry));
+  object.erase("time");
+  if (change.at.time) object["time"] = Replay::timeText(*change.at.time);
+  return {{"change", std::move(object)}};
 }
 
 void print(const std::deque<Change>& changes, const HistoryOptions& options) {
   if (options.json) {
-    for (const auto& [line, entry] : changes) {
-      std::cout << json(line, entry).dump() << '\n';
-    }
+    for (const auto& change : changes) std::cout << shownJson(json(change)) << '\n';
     return;
   }
-  Replay::TextTable table({"LINE", "ROUTE", "BECAME", "BY"});
-  for (const auto& [line, entry] : changes) {
-    table.add(
-        {std::to_string(line), entry.prefix, Daemon::changeText(entry), Daemon::causeText(entry)});
+  const bool hasTimes =
+      std::ranges::any_of(changes, [](const Change& change) { return change.at.time.has_value(); });
+  std::vector<std::string> headings{"LINE", "ROUTE", "BECAME", "BY"};
+  if (hasTimes) headings.insert(headings.begin() + 1, "TIME");
+  Replay::TextTable table(std::move(headings));
+  for (const auto& [at, entry] : changes) {
+    std::vector<std::string> row{std::to_string(at.line), entry.prefix, Daemon::changeText(entry),
+                                 Daemon::causeText(entry)};
+    if (hasTimes) {
+      row.insert(row.begin() + 1, at.time ? localTime(Replay::timeText(*at.time), true) : "-");
+    }
+    table.add(std::move(row));
   }
   if (!table.empty()) table.print(std::cout, tableStyle());
 }
@@ -74,14 +86,14 @@ int tellRecording(const HistoryOptions& options) {
   }();
   Daemon::Switch sw({.settles = options.settles});
   std::deque<Change> changes;
-  size_t line = 0;
+  Whereabouts now;
   sw.historyObserverIs([&](const Daemon::HistoryEntry& entry) {
     if (entry.vrf != options.vrf || !wanted.contains(entry)) return;
-    changes.push_back({line, entry});
+    changes.push_back({now, entry});
     if (options.last != 0 && changes.size() > options.last) changes.pop_front();
   });
   const int status =
-      replayUpTo(sw, options.recording, options.line, [&line](size_t number) { line = number; });
+      replayUpTo(sw, options.recording, options.line, [&now](const auto& at) { now = at; });
   if (status == kMisused) return kMisused;
   print(changes, options);
   requireOutput();

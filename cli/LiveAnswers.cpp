@@ -19,33 +19,30 @@
 namespace Cli {
 namespace {
 
-std::string text(const Json& object, const char* member) {
-  return Replay::printable(object.at(member).get<std::string>());
-}
-
 /// What the kernel has of the address, and what the engine is told of it.
 void printKernel(const Json& kernel) {
   std::cout << "\nIn the kernel\n";
   for (const auto& neighbor : kernel.at("neighbors")) {
-    std::cout << "  neighbour on " << text(neighbor, "intf") << ", " << text(neighbor, "state")
-              << ", " << text(neighbor, "mac")
-              << (neighbor.at("fed") == true ? ""
-                                             : ": does not count: " + text(neighbor, "verdict"))
+    std::cout << "  neighbour on " << shownText(neighbor, "intf") << ", "
+              << shownText(neighbor, "state") << ", " << shownText(neighbor, "mac")
+              << (neighbor.at("fed") == true
+                      ? ""
+                      : ": does not count: " + shownText(neighbor, "verdict"))
               << '\n';
   }
   if (kernel.at("neighbors").empty()) std::cout << "  no neighbour entry that is usable\n";
-  if (kernel.contains("route")) std::cout << "  host route: " << text(kernel, "route") << '\n';
+  if (kernel.contains("route")) std::cout << "  host route: " << shownText(kernel, "route") << '\n';
 }
 
-int explainLive(const ControlOptions& control, const ExplainOptions& options) {
-  const auto reply =
-      askOnce(control, "hostroute explain",
-              {{"request", "explain"}, {"address", options.address}, {"vrf", options.vrf}});
+int explainLive(const ControlOptions& control, const ExplainOptions& options,
+                const std::string& place) {
+  const auto reply = askOnce(
+      control, place, {{"request", "explain"}, {"address", options.address}, {"vrf", options.vrf}});
   const auto& explanation = reply.at("explanation");
   if (options.json) {
     auto object = explanation;
     object["kernel"] = reply.at("kernel");
-    std::cout << object.dump(2) << '\n';
+    std::cout << shownJson(object, 2) << '\n';
   } else {
     // Line by line: the text has names from elsewhere in it.
     std::istringstream lines(reply.at("text").get<std::string>());
@@ -58,8 +55,9 @@ int explainLive(const ControlOptions& control, const ExplainOptions& options) {
   return explanation.contains("winner") ? 0 : kFailed;
 }
 
-int tellLive(const ControlOptions& control, const HistoryOptions& options) {
-  ControlClient client(control, "hostroute history");
+int tellLive(const ControlOptions& control, const HistoryOptions& options,
+             const std::string& place) {
+  ControlClient client(control, place);
   client.ask({{"request", "history"}, {"prefix", options.prefix}, {"vrf", options.vrf}});
   std::vector<Json> changes;
   while (auto line = client.next()) changes.push_back(std::move(*line));
@@ -69,15 +67,15 @@ int tellLive(const ControlOptions& control, const HistoryOptions& options) {
   for (size_t i = first; i < changes.size(); ++i) {
     const auto& change = changes[i].at("change");
     if (options.json) {
-      std::cout << changes[i].dump() << '\n';
+      std::cout << shownJson(changes[i]) << '\n';
     } else {
-      const auto time = text(change, "time");
-      table.add({localTime(time, true), age(time), text(change, "prefix"), text(change, "became"),
-                 text(change, "because")});
+      const auto time = shownText(change, "time");
+      table.add({localTime(time, true), age(time), shownText(change, "prefix"),
+                 shownText(change, "became"), shownText(change, "because")});
     }
   }
   if (!table.empty()) table.print(std::cout, tableStyle());
-  requireOutput();
+  client.finish();
   return 0;
 }
 
@@ -86,10 +84,12 @@ int tellLive(const ControlOptions& control, const HistoryOptions& options) {
 void addAnswerCommands(CLI::App& app, int& exitCode) {
   const auto control = std::make_shared<ControlOptions>();
   addExplainCommand(app, exitCode, [control](const ExplainOptions& options) {
-    return explainLive(*control, options);
+    return runLive(*control, "hostroute explain",
+                   [&](const std::string& place) { return explainLive(*control, options, place); });
   });
   addHistoryCommand(app, exitCode, [control](const HistoryOptions& options) {
-    return tellLive(*control, options);
+    return runLive(*control, "hostroute history",
+                   [&](const std::string& place) { return tellLive(*control, options, place); });
   });
   for (const char* name : {"explain", "history"}) {
     addSocketOption(*app.get_subcommand(name), *control);

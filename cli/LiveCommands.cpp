@@ -10,7 +10,6 @@
 #include "cli/Command.h"
 #include "cli/ControlClient.h"
 #include "cli/Terminal.h"
-#include "replay/Printable.h"
 #include "replay/TextTable.h"
 
 namespace Cli {
@@ -26,7 +25,8 @@ constexpr const char* kNeighborsFooter = R"(Examples:
   hostroute neighbors 10.0.0.5
   hostroute explain 10.0.0.5            why one that counts has no route
 
-Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
+Exit status: 0 done; 1 no daemon answers, or it has damaged tables (what could be read is printed);
+2 the command line is malformed.)";
 
 constexpr const char* kMonitorDescription =
     R"(Prints each change of a host route as it is made, one on a line, with the event that caused
@@ -49,7 +49,8 @@ constexpr const char* kDumpFooter = R"(Examples:
   hostroute dump --vrf blue
   hostroute dump --json > before; ...; hostroute dump --json | hostroute diff before -
 
-Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
+Exit status: 0 done; 1 no daemon answers, or it has damaged tables (what could be read is printed);
+2 the command line is malformed.)";
 
 struct Options {
   ControlOptions control;
@@ -71,58 +72,65 @@ struct Options {
   }
 };
 
-void showNeighbors(const Options& options) {
-  ControlClient client(options.control, "hostroute neighbors");
+int showNeighbors(const Options& options, const std::string& place) {
+  ControlClient client(options.control, place);
   client.ask(options.request("neighbors"));
   Replay::TextTable table({"VRF", "INTERFACE", "ADDRESS", "MAC", "STATE", "COUNTS", "ROUTE"});
   while (const auto line = client.next()) {
     if (options.json) {
-      std::cout << line->dump() << '\n';
+      std::cout << shownJson(*line) << '\n';
       continue;
     }
     const auto& row = line->at("neighbor");
-    const auto text = [&](const char* member) { return row.at(member).get<std::string>(); };
+    const auto text = [&](const char* member) { return shownText(row, member); };
+    const auto& isRouted = row.at("route");
     table.add({text("vrf").empty() ? "-" : text("vrf"), text("intf"), text("address"), text("mac"),
                text("state"), row.at("fed") == true ? "yes" : "no: " + text("verdict"),
-               row.at("route") == true ? "yes" : "no"});
+               isRouted.is_null() ? "unknown"
+               : isRouted == true ? "yes"
+                                  : "no"});
   }
   if (!table.empty()) table.print(std::cout, tableStyle());
-  requireOutput();
+  client.finish();
+  return 0;
 }
 
-void showChanges(const Options& options) {
-  ControlClient client(options.control, "hostroute monitor");
+int showChanges(const Options& options, const std::string& place) {
+  ControlClient client(options.control, place);
   client.ask(options.request("monitor"));
   while (const auto line = client.next(true)) {
     if (options.json) {
-      std::cout << line->dump() << '\n';
+      std::cout << shownJson(*line) << '\n';
     } else if (line->contains("lost")) {
-      std::cout << "(" << line->at("lost") << " changes were lost: they came too fast)\n";
+      std::cout << "(" << shownText(*line, "lost") << " changes were lost: they came too fast)\n";
     } else {
       std::cout << changeLine(line->at("change")) << '\n';
     }
     requireOutput();
   }
+  return 0;
 }
 
-void showDump(const Options& options) {
-  ControlClient client(options.control, "hostroute dump");
+int showDump(const Options& options, const std::string& place) {
+  ControlClient client(options.control, place);
   auto request = options.request("dump");
   request["format"] = options.json ? "json" : "text";
   client.ask(std::move(request));
   while (const auto line = client.next()) {
-    std::cout << (options.json ? line->dump() : line->at("text").get<std::string>()) << '\n';
+    std::cout << (options.json ? shownJson(*line) : shownText(*line, "text")) << '\n';
   }
-  requireOutput();
+  client.finish();
+  return 0;
 }
 
-void showNames(const Options& options) {
-  ControlClient client(options.control, "hostroute names");
+int showNames(const Options& options, const std::string& place) {
+  ControlClient client(options.control, place);
   client.ask({{"request", "names"}, {"kind", options.kind}, {"begin", options.begin}});
   while (const auto line = client.next()) {
-    std::cout << Replay::printable(line->at("name").get<std::string>()) << '\n';
+    std::cout << shownText(*line, "name") << '\n';
   }
-  requireOutput();
+  client.finish();
+  return 0;
 }
 
 void addSelection(CLI::App& command, Options& options) {
@@ -134,7 +142,7 @@ void addSelection(CLI::App& command, Options& options) {
 
 }  // namespace
 
-void addLiveCommands(CLI::App& app) {
+void addLiveCommands(CLI::App& app, int& exitCode) {
   const auto options = std::make_shared<Options>();
 
   auto* neighbors = app.add_subcommand("neighbors", kNeighborsDescription);
@@ -142,25 +150,25 @@ void addLiveCommands(CLI::App& app) {
   addSelection(*neighbors, *options);
   neighbors->add_option("--intf", options->intf, "Only on this interface")->type_name("INTF");
   neighbors->add_flag("--json", options->json, "Print one JSON object for each entry");
-  addSocketOption(*neighbors, options->control);
   neighbors->footer(kNeighborsFooter);
-  neighbors->callback([options] { showNeighbors(*options); });
+  addLiveCommand(*neighbors, options->control, exitCode,
+                 [options](const std::string& place) { return showNeighbors(*options, place); });
 
   auto* monitor = app.add_subcommand("monitor", kMonitorDescription);
   monitor->add_option("prefix", options->prefix, "Only host routes at or inside this prefix")
       ->type_name("PREFIX");
   monitor->add_option("--vrf", options->vrf, "Only this VRF")->type_name("VRF");
   monitor->add_flag("--json", options->json, "Print one JSON object for each change");
-  addSocketOption(*monitor, options->control);
   monitor->footer(kMonitorFooter);
-  monitor->callback([options] { showChanges(*options); });
+  addLiveCommand(*monitor, options->control, exitCode,
+                 [options](const std::string& place) { return showChanges(*options, place); });
 
   auto* dump = app.add_subcommand("dump", kDumpDescription);
   addSelection(*dump, *options);
   dump->add_flag("--json", options->json, "Print one JSON object for each VRF and family");
-  addSocketOption(*dump, options->control);
   dump->footer(kDumpFooter);
-  dump->callback([options] { showDump(*options); });
+  addLiveCommand(*dump, options->control, exitCode,
+                 [options](const std::string& place) { return showDump(*options, place); });
 
   // For completion only: not in the list of commands.
   auto* names = app.add_subcommand("names", "Prints names for completion")->group("");
@@ -168,8 +176,8 @@ void addLiveCommands(CLI::App& app) {
       ->check(CLI::IsMember({"vrfs", "interfaces", "prefixes"}))
       ->required();
   names->add_option("begin", options->begin);
-  addSocketOption(*names, options->control);
-  names->callback([options] { showNames(*options); });
+  addLiveCommand(*names, options->control, exitCode,
+                 [options](const std::string& place) { return showNames(*options, place); });
 }
 
 }  // namespace Cli

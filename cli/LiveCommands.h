@@ -6,6 +6,6 @@
 namespace Cli {
 
 /// Adds `neighbors`, `monitor` and `dump`, and `names`, which completion uses.
-void addLiveCommands(CLI::App& app);
+void addLiveCommands(CLI::App& app, int& exitCode);
 
 }  // namespace Cli

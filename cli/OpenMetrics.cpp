@@ -1,31 +1,40 @@
 // The daemon's numbers as text for monitoring systems.
 #include "cli/OpenMetrics.h"
 
+#include <algorithm>
 #include <string_view>
+
+#include "cli/Terminal.h"
+#include "replay/Printable.h"
 
 namespace Cli {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-/// A text with the escapes of a label's value or a help text.
+/// A text that a terminal may show, with the escapes of a label's value or a help text.
 std::string escaped(std::string_view text) {
   std::string result;
-  for (const char c : text) {
-    if (c == '\\' || c == '"') result += '\\';
-    if (c == '\n') {
-      result += "\\n";
-    } else {
+  for (;;) {
+    const auto end = std::min(text.find('\n'), text.size());
+    for (const char c : Replay::printable(text.substr(0, end))) {
+      if (c == '\\' || c == '"') result += '\\';
       result += c;
     }
+    if (end == text.size()) return result;
+    result += "\\n";
+    text.remove_prefix(end + 1);
   }
-  return result;
+}
+
+/// \throws Json::exception when `value` is no number.
+std::string numberText(const Json& value) {
+  (void)value.get<double>();
+  return value.dump();
 }
 
 std::string labelsText(const Json& labels) {
   std::string text;
   for (const auto& [name, value] : labels.items()) {
-    text.append(text.empty() ? "{" : ",").append(name).append("=\"");
+    text.append(text.empty() ? "{" : ",").append(Replay::printable(name)).append("=\"");
     text.append(escaped(value.is_string() ? value.get<std::string>() : value.dump())).append("\"");
   }
   return text.empty() ? text : text + "}";
@@ -33,13 +42,13 @@ std::string labelsText(const Json& labels) {
 
 void addHistogram(const Json& family, const std::string& name, std::string& text) {
   for (const auto& bucket : family.at("buckets")) {
-    text.append(name).append("_bucket{le=\"").append(bucket.at("le").dump()).append("\"} ");
-    text.append(bucket.at("count").dump()).append("\n");
+    text.append(name).append("_bucket{le=\"").append(numberText(bucket.at("le"))).append("\"} ");
+    text.append(numberText(bucket.at("count"))).append("\n");
   }
-  const auto count = family.at("count").dump();
+  const auto count = numberText(family.at("count"));
   text.append(name).append("_bucket{le=\"+Inf\"} ").append(count).append("\n");
   text.append(name).append("_count ").append(count).append("\n");
-  text.append(name).append("_sum ").append(family.at("sum").dump()).append("\n");
+  text.append(name).append("_sum ").append(numberText(family.at("sum"))).append("\n");
 }
 
 }  // namespace
@@ -47,8 +56,8 @@ void addHistogram(const Json& family, const std::string& name, std::string& text
 std::string openMetrics(const Json& metrics) {
   std::string text;
   for (const auto& family : metrics) {
-    const auto name = family.at("name").get<std::string>();
-    const auto type = family.at("type").get<std::string>();
+    const auto name = shownText(family, "name");
+    const auto type = shownText(family, "type");
     text.append("# TYPE ").append(name).append(" ").append(type).append("\n");
     if (name.ends_with("_seconds")) text.append("# UNIT ").append(name).append(" seconds\n");
     text.append("# HELP ").append(name).append(" ");
@@ -60,7 +69,7 @@ std::string openMetrics(const Json& metrics) {
     for (const auto& sample : family.at("samples")) {
       text.append(name).append(type == "counter" ? "_total" : "");
       text.append(labelsText(sample.at("labels"))).append(" ");
-      text.append(sample.at("value").dump()).append("\n");
+      text.append(numberText(sample.at("value"))).append("\n");
     }
   }
   return text + "# EOF\n";

@@ -61,71 +61,75 @@ struct Options {
   bool json = false;
 };
 
-/// Prints a reply as it is, or one of its members.
-void printReply(const Options& options, const Json& reply, const std::string& text) {
-  std::cout << (options.json ? reply.dump() : Replay::printable(text)) << '\n';
+/// Prints a reply as it is, or what it means.
+int printReply(const Options& options, const Json& reply, const std::string& text) {
+  std::cout << (options.json ? shownJson(reply) : Replay::printable(text)) << '\n';
   requireOutput();
+  return 0;
 }
 
-void logLevel(const Options& options) {
+int logLevel(const Options& options, const std::string& place) {
   Json request{{"request", "log-level"}};
   if (!options.level.empty()) request["level"] = options.level;
-  const auto reply = askOnce(options.control, "hostroute log-level", std::move(request));
-  printReply(options, reply, reply.at("level").get<std::string>());
+  const auto reply = askOnce(options.control, place, std::move(request));
+  return printReply(options, reply, reply.at("level").get<std::string>());
 }
 
-void trace(const Options& options) {
+int trace(const Options& options, const std::string& place) {
   Json request{{"request", "trace"}, {"address", options.address}};
   if (!options.vrf.empty()) request["vrf"] = options.vrf;
   if (!options.levels.empty()) request["levels"] = options.levels;
   if (!options.duration.empty()) {
     request["seconds"] = static_cast<uint64_t>(parseDuration(options.duration)->count());
   }
-  ControlClient client(options.control, "hostroute trace");
+  ControlClient client(options.control, place);
   client.ask(std::move(request));
   while (const auto line = client.next(true)) {
     if (options.json) {
-      std::cout << line->dump() << '\n';
+      std::cout << shownJson(*line) << '\n';
     } else if (line->contains("lost")) {
-      std::cout << "(" << line->at("lost") << " records were lost: they came too fast)\n";
+      std::cout << "(" << shownText(*line, "lost") << " records were lost: they came too fast)\n";
     } else {
       const auto& record = line->at("trace");
-      std::cout << record.at("level") << ' '
-                << Replay::printable(record.at("object").get<std::string>()) << ' '
-                << Replay::printable(record.at("function").get<std::string>()) << ": "
-                << Replay::printable(record.at("message").get<std::string>()) << '\n';
+      std::cout << shownText(record, "level") << ' ' << shownText(record, "object") << ' '
+                << shownText(record, "function") << ": " << shownText(record, "message") << '\n';
     }
     requireOutput();
   }
+  return 0;
 }
 
-void simple(const Options& options, const std::string& name, const std::string& done) {
-  const auto reply = askOnce(options.control, "hostroute " + name, {{"request", name}});
-  printReply(options, reply, done);
+int resync(const Options& options, const std::string& place) {
+  const auto reply = askOnce(options.control, place, {{"request", "resync"}});
+  return printReply(options, reply, "the kernel's state was read again");
 }
 
-void startRecording(const Options& options) {
+int reload(const Options& options, const std::string& place) {
+  const auto reply = askOnce(options.control, place, {{"request", "reload"}});
+  return printReply(options, reply, "the configuration was read again");
+}
+
+int startRecording(const Options& options, const std::string& place) {
   auto file = options.file;
   if (file.find('/') != file.npos) file = std::filesystem::absolute(file);
   Json request{{"request", "record"}, {"action", "start"}, {"file", file}};
   if (options.size) request["size"] = *options.size;
   if (options.files) request["files"] = *options.files;
-  const auto reply = askOnce(options.control, "hostroute record", std::move(request));
-  printReply(options, reply, "recording to " + reply.at("file").get<std::string>());
+  const auto reply = askOnce(options.control, place, std::move(request));
+  return printReply(options, reply, "recording to " + reply.at("file").get<std::string>());
 }
 
-void stopRecording(const Options& options) {
-  const auto reply =
-      askOnce(options.control, "hostroute record", {{"request", "record"}, {"action", "stop"}});
-  printReply(options, reply, "recorded in " + reply.at("file").get<std::string>());
+int stopRecording(const Options& options, const std::string& place) {
+  const auto reply = askOnce(options.control, place, {{"request", "record"}, {"action", "stop"}});
+  return printReply(options, reply, "recorded in " + reply.at("file").get<std::string>());
 }
 
 /// What every command here has.
-void addCommon(CLI::App& command, const std::shared_ptr<Options>& options,
-               void (*run)(const Options&)) {
+void addCommon(CLI::App& command, const std::shared_ptr<Options>& options, int& exitCode,
+               int (*run)(const Options&, const std::string& place)) {
   command.add_flag("--json", options->json, "Print the daemon's answer as JSON");
-  addSocketOption(command, options->control);
-  command.callback([options, run] { run(*options); });
+  addLiveCommand(command, options->control, exitCode,
+                 [options, run](const std::string& place) { return run(*options, place); });
 }
 
 std::string footer(const std::string& examples) {
@@ -135,7 +139,7 @@ std::string footer(const std::string& examples) {
          "malformed.";
 }
 
-void addRecord(CLI::App& app, const std::shared_ptr<Options>& options) {
+void addRecord(CLI::App& app, const std::shared_ptr<Options>& options, int& exitCode) {
   auto* record = app.add_subcommand("record", kRecordDescription)->require_subcommand(1);
   record->footer(footer(kRecordFooter));
   auto* start = record->add_subcommand("start", "Begin a recording");
@@ -147,15 +151,15 @@ void addRecord(CLI::App& app, const std::shared_ptr<Options>& options) {
       ->type_name("N")
       ->check(CLI::Range(1, 1000));
   start->footer(footer(kRecordFooter));
-  addCommon(*start, options, startRecording);
+  addCommon(*start, options, exitCode, startRecording);
   auto* stop = record->add_subcommand("stop", "End the recording");
   stop->footer(footer("Examples:\n  hostroute record stop"));
-  addCommon(*stop, options, stopRecording);
+  addCommon(*stop, options, exitCode, stopRecording);
 }
 
 }  // namespace
 
-void addOperateCommands(CLI::App& app) {
+void addOperateCommands(CLI::App& app, int& exitCode) {
   const auto options = std::make_shared<Options>();
 
   auto* level = app.add_subcommand("log-level", kLogLevelDescription);
@@ -163,7 +167,7 @@ void addOperateCommands(CLI::App& app) {
       ->type_name("LEVEL")
       ->check(CLI::IsMember({"error", "warning", "notice", "info", "debug"}));
   level->footer(footer("Examples:\n  hostroute log-level\n  hostroute log-level debug"));
-  addCommon(*level, options, logLevel);
+  addCommon(*level, options, exitCode, logLevel);
 
   auto* traced = app.add_subcommand("trace", kTraceDescription);
   traced->add_option("address", options->address, "The address")->type_name("ADDRESS")->required();
@@ -181,18 +185,16 @@ void addOperateCommands(CLI::App& app) {
         return isGood ? "" : "a time is such as 30s or 5m, and at most 1h";
       });
   traced->footer(footer(kTraceFooter));
-  addCommon(*traced, options, trace);
+  addCommon(*traced, options, exitCode, trace);
 
-  auto* resync = app.add_subcommand("resync", kResyncDescription);
-  resync->footer(footer("Examples:\n  hostroute resync"));
-  addCommon(*resync, options,
-            [](const Options& o) { simple(o, "resync", "the kernel's state was read again"); });
+  auto* resynced = app.add_subcommand("resync", kResyncDescription);
+  resynced->footer(footer("Examples:\n  hostroute resync"));
+  addCommon(*resynced, options, exitCode, resync);
 
-  auto* reload = app.add_subcommand("reload", kReloadDescription);
-  reload->footer(footer("Examples:\n  hostroute reload"));
-  addCommon(*reload, options,
-            [](const Options& o) { simple(o, "reload", "the configuration was read again"); });
-  addRecord(app, options);
+  auto* reloaded = app.add_subcommand("reload", kReloadDescription);
+  reloaded->footer(footer("Examples:\n  hostroute reload"));
+  addCommon(*reloaded, options, exitCode, reload);
+  addRecord(app, options, exitCode);
 }
 
 }  // namespace Cli

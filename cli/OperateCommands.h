@@ -6,6 +6,6 @@
 namespace Cli {
 
 /// Adds `log-level`, `trace`, `resync`, `reload` and `record`.
-void addOperateCommands(CLI::App& app);
+void addOperateCommands(CLI::App& app, int& exitCode);
 
 }  // namespace Cli

@@ -173,7 +173,9 @@ void addReplayCommand(CLI::App& app, int& exitCode) {
                                   "Keep the tables in shared memory under this name while running")
                      ->type_name("NAME")
                      ->check([](const std::string& name) -> std::string {
-                       return Daemon::isSharedName(name) ? "" : "a name has neither . nor /";
+                       return Daemon::isSharedName(name)
+                                  ? ""
+                                  : "a name has neither . nor /, and at most 100 bytes";
                      });
   command->add_flag("--hold", options->holds, "Then keep the tables up until Ctrl-C or SIGTERM")
       ->needs(shared);

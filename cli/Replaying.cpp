@@ -34,26 +34,29 @@ void addStateOptions(CLI::App& command, ReplayedState& state, bool isLive,
 namespace {
 
 /// Prints nothing, and hands on where the replay is.
-class Whereabouts final : public Replay::Output {
+class Follower final : public Replay::Output {
  public:
-  explicit Whereabouts(std::function<void(size_t)> begins) : begins_(std::move(begins)) {}
+  explicit Follower(std::function<void(const Whereabouts&)> begins) : begins_(std::move(begins)) {}
 
   void dump(const Daemon::Switch&, const Replay::DumpSelection&) override {}
   void trace(const Kiv::TraceRecord&) override {}
   void event(size_t number, std::string_view) override {
-    if (begins_) begins_(number);
+    at_.line = number;
+    if (begins_) begins_(at_);
   }
+  void time(std::chrono::microseconds time) override { at_.time = time; }
 
  private:
-  const std::function<void(size_t)> begins_;
+  const std::function<void(const Whereabouts&)> begins_;
+  Whereabouts at_;
 };
 
 }  // namespace
 
 int replayUpTo(Daemon::Switch& sw, const std::string& recording, size_t last,
-               std::function<void(size_t)> begins) {
+               std::function<void(const Whereabouts&)> begins) {
   Input input(recording);
-  Whereabouts output(std::move(begins));
+  Follower output(std::move(begins));
   Replay::Player player(sw, output, {.echoes = true, .dumpsAtEnd = false, .lastLine = last});
   const auto outcome = player.run(input.stream(), input.name(), std::cout, std::cerr, showProgress);
   if (outcome == Replay::Player::Outcome::Refused) return kMisused;

@@ -309,7 +309,7 @@ bool waitUntilDaemonIsReady(const Options& options) {
     try {
       const auto status = askOnce(options.control, kPlace, {{"request", "status"}}).at("status");
       if (status.at("ready") == true) return true;
-      reason = errorText(kPlace, "hostrouted is " + status.at("phase").get<std::string>());
+      reason = errorText(kPlace, "hostrouted is " + shownText(status, "phase"));
     } catch (const CommandError& error) {
       reason = error.what();  // it may be starting
     }
@@ -351,7 +351,7 @@ void printCounts(const Options& options, const std::vector<Json>& routes) {
     if (options.json) {
       const Json count{
           {"vrf", key.first}, {"family", key.second}, {"routes", sum}, {"types", types}};
-      std::cout << Json{{"count", count}}.dump() << '\n';
+      std::cout << shownJson({{"count", count}}) << '\n';
     } else {
       table.add({key.first, "IPv" + std::to_string(key.second), std::to_string(sum), list});
     }
@@ -374,37 +374,29 @@ int showDaemonRoutes(const Options& options) {
   Replay::TextTable table(
       {"VRF", "FAMILY", "PREFIX", "TYPE", "METRIC", "PREFERENCE", "KERNEL", "VIA"});
   size_t found = 0;
-  bool isWhole = true;
   while (auto line = client.next()) {
-    if (line->contains("error")) {
-      std::cerr << errorText(kPlace, line->at("error").get<std::string>()) << '\n';
-      isWhole = false;
-      continue;
-    }
     ++found;
     const auto& route = line->at("route");
     if (options.counts) {
       routes.push_back(route);
     } else if (options.json) {
-      std::cout << line->dump() << '\n';
+      std::cout << shownJson(*line) << '\n';
     } else {
-      const auto text = [&](const char* member) { return route.at(member).get<std::string>(); };
-      table.add({text("vrf"), "IPv" + route.at("family").dump(), text("prefix"), text("type"),
-                 route.at("metric").dump(), route.at("preference").dump(),
-                 route.value("kernel", std::string("-")), viasText(route.at("vias"))});
+      const auto text = [&](const char* member) { return shownText(route, member); };
+      table.add({text("vrf"), "IPv" + text("family"), text("prefix"), text("type"), text("metric"),
+                 text("preference"), route.contains("kernel") ? text("kernel") : "-",
+                 viasText(route.at("vias"))});
     }
   }
   if (options.counts) printCounts(options, routes);
   if (!table.empty()) table.print(std::cout, tableStyle());
-  requireOutput();
-  if (!isWhole) return kFailed;
+  client.finish();
   if (!options.address.empty() && found == 0) {
     throw CommandError(kPlace, "no route to " + options.address, kFailed);
   }
   const auto status = client.ask({{"request", "status"}}).at("status");
   if (status.at("ready") == true) return 0;
-  std::cerr << kPlace << ": warning: hostrouted is "
-            << Replay::printable(status.at("phase").get<std::string>()) << '\n';
+  std::cerr << kPlace << ": warning: hostrouted is " << shownText(status, "phase") << '\n';
   return kNotReady;
 }
 
@@ -417,7 +409,10 @@ int showRoutes(Options options) {
     }
     options.family = number;
   }
-  if (options.table.empty()) return showDaemonRoutes(options);
+  if (options.table.empty()) {
+    return runLive(options.control, kPlace,
+                   [&](const std::string&) { return showDaemonRoutes(options); });
+  }
   if (options.waits && !waitUntilReady(options)) return kNotReady;
   const auto tables = chosenTables(options);
   if (tables.empty()) refuse(options);

@@ -69,12 +69,6 @@ std::string coloured(const std::string& text, const char* colour) {
   return isColoured() ? colour + text + "\033[0m" : text;
 }
 
-std::string text(const Json& object, const char* member) {
-  const auto found = object.find(member);
-  if (found == object.end()) return "-";
-  return Replay::printable(found->is_string() ? found->get<std::string>() : found->dump());
-}
-
 /// The sum of a family's samples that have these labels.
 uint64_t sumOf(const Json& metrics, std::string_view name, const Json& labels = Json::object()) {
   uint64_t sum = 0;
@@ -116,8 +110,8 @@ void printProblems(const Json& problems) {
   std::cout << "\nNot in the kernel as they should be:\n";
   Replay::TextTable table({"TABLE", "PREFIX", "REASON"});
   for (size_t i = 0; i < problems.size() && i < kMostShown; ++i) {
-    table.add(
-        {text(problems[i], "table"), text(problems[i], "prefix"), text(problems[i], "reason")});
+    table.add({shownText(problems[i], "table"), shownText(problems[i], "prefix"),
+               shownText(problems[i], "reason")});
   }
   table.print(std::cout, tableStyle());
   if (problems.size() > kMostShown) {
@@ -128,12 +122,12 @@ void printProblems(const Json& problems) {
 void printStatus(const Json& status, const Json& metrics) {
   const auto& problems = status.at("problems");
   const bool isReady = status.at("ready") == true;
-  std::cout << "hostrouted " << text(status, "version") << ": "
-            << coloured(text(status, "phase"), isReady ? kGreen : kRed) << '\n';
+  std::cout << "hostrouted " << shownText(status, "version") << ": "
+            << coloured(shownText(status, "phase"), isReady ? kGreen : kRed) << '\n';
   for (const auto& warning : status.at("warnings")) {
     std::cout << coloured("  " + Replay::printable(warning.get<std::string>()), kYellow) << '\n';
   }
-  const auto started = status.at("started").get<std::string>();
+  const auto started = shownText(status, "started");
   const uint64_t fed = sumOf(metrics, "hostroute_neighbors", {{"verdict", "fed"}});
   const uint64_t known = sumOf(metrics, "hostroute_neighbors");
   std::string patterns;
@@ -145,26 +139,26 @@ void printStatus(const Json& status, const Json& metrics) {
   };
   std::cout << std::flush;
   line("Running",
-       age(started) + ", since " + localTime(started) + ", process " + text(status, "pid"));
+       age(started) + ", since " + localTime(started) + ", process " + shownText(status, "pid"));
   line("Interfaces", patterns.empty() ? "all" : patterns);
   line("Neighbours", std::to_string(fed) + " count of " + std::to_string(known) + " known");
-  line("Host routes", text(status, "routes") + " in the kernel (protocol " +
-                          text(status, "protocol") + "), " +
+  line("Host routes", shownText(status, "routes") + " in the kernel (protocol " +
+                          shownText(status, "protocol") + "), " +
                           coloured(std::to_string(problems.size()) + " not as they should be",
                                    problems.empty() ? kGreen : kRed));
-  line("Log level", text(status, "logLevel"));
-  if (status.contains("recording")) line("Recording to", text(status, "recording"));
+  line("Log level", shownText(status, "logLevel"));
+  if (status.contains("recording")) line("Recording to", shownText(status, "recording"));
   std::fflush(stdout);
   std::cout << '\n';
   printVrfs(status.at("vrfs"), metrics);
   printProblems(problems);
 }
 
-int showStatus(const Options& options) {
-  ControlClient client(options.control, "hostroute status");
+int showStatus(const Options& options, const std::string& place) {
+  ControlClient client(options.control, place);
   const auto status = client.ask({{"request", "status"}}).at("status");
   if (options.json) {
-    std::cout << status.dump() << '\n';
+    std::cout << shownJson(status) << '\n';
   } else {
     printStatus(status, client.ask({{"request", "counters"}}).at("metrics"));
   }
@@ -200,9 +194,8 @@ std::string shortName(const Json& family) {
   return name.starts_with(kPrefix) ? name.substr(kPrefix.size()) : name;
 }
 
-void showCounters(const Options& options) {
-  auto metrics =
-      askOnce(options.control, "hostroute counters", {{"request", "counters"}}).at("metrics");
+int showCounters(const Options& options, const std::string& place) {
+  const auto metrics = askOnce(options.control, place, {{"request", "counters"}}).at("metrics");
   Json chosen = Json::array();
   for (const auto& family : metrics) {
     if (family.at("name").get<std::string>().find(options.pattern) != std::string::npos) {
@@ -210,8 +203,9 @@ void showCounters(const Options& options) {
     }
   }
   if (options.json) {
-    for (const auto& family : chosen) std::cout << family.dump() << '\n';
-    return requireOutput();
+    for (const auto& family : chosen) std::cout << shownJson(family) << '\n';
+    requireOutput();
+    return 0;
   }
   Replay::TextTable counters({"NAME", "LABELS", "KIND", "VALUE"});
   Replay::TextTable times({"TIMES OF", "COUNT", "P50", "P99", "P99.99", "LONGEST"});
@@ -238,6 +232,7 @@ void showCounters(const Options& options) {
     table->print(std::cout, tableStyle());
   }
   requireOutput();
+  return 0;
 }
 
 /// Reads the request of a scrape, as far as it has to be read: up to an empty line.
@@ -250,15 +245,17 @@ void skipHttpRequest() {
   }
 }
 
-void showMetrics(const Options& options) {
+int showMetrics(const Options& options, const std::string& place) {
   if (options.http) skipHttpRequest();
   std::string body;
   std::string head =
       "HTTP/1.1 200 OK\r\nContent-Type: application/openmetrics-text; "
       "version=1.0.0; charset=utf-8\r\n";
   try {
-    body = openMetrics(
-        askOnce(options.control, "hostroute metrics", {{"request", "counters"}}).at("metrics"));
+    runLive(options.control, place, [&](const std::string&) {
+      body = openMetrics(askOnce(options.control, place, {{"request", "counters"}}).at("metrics"));
+      return 0;
+    });
   } catch (const CommandError& error) {
     if (!options.http) throw;
     head = "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain; charset=utf-8\r\n";
@@ -269,6 +266,7 @@ void showMetrics(const Options& options) {
   }
   std::cout << body;
   requireOutput();
+  return 0;
 }
 
 }  // namespace
@@ -276,25 +274,25 @@ void showMetrics(const Options& options) {
 void addStatusCommands(CLI::App& app, int& exitCode) {
   const auto options = std::make_shared<Options>();
   auto* status = app.add_subcommand("status", kStatusDescription);
-  addSocketOption(*status, options->control);
   status->add_flag("--json", options->json, "Print one JSON object");
   status->footer(kStatusFooter);
-  status->callback([options, &exitCode] { exitCode = showStatus(*options); });
+  addLiveCommand(*status, options->control, exitCode,
+                 [options](const std::string& place) { return showStatus(*options, place); });
 
   auto* counters = app.add_subcommand("counters", kCountersDescription);
   counters->add_option("name", options->pattern, "Only those with this in their names")
       ->type_name("NAME");
   counters->add_flag("--help-texts", options->helps, "Show what each one means, too");
   counters->add_flag("--json", options->json, "Print one JSON object for each name");
-  addSocketOption(*counters, options->control);
   counters->footer(kCountersFooter);
-  counters->callback([options] { showCounters(*options); });
+  addLiveCommand(*counters, options->control, exitCode,
+                 [options](const std::string& place) { return showCounters(*options, place); });
 
   auto* metrics = app.add_subcommand("metrics", kMetricsDescription);
   metrics->add_flag("--http", options->http, "Read a HTTP request first, and answer it");
-  addSocketOption(*metrics, options->control);
   metrics->footer(kMetricsFooter);
-  metrics->callback([options] { showMetrics(*options); });
+  addLiveCommand(*metrics, options->control, exitCode,
+                 [options](const std::string& place) { return showMetrics(*options, place); });
 }
 
 }  // namespace Cli

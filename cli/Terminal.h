@@ -1,4 +1,4 @@
-// What the commands need to know of the terminal.
+// The terminal: what it is like, and texts from elsewhere that it may show.
 #pragma once
 
 #include <sys/ioctl.h>
@@ -6,10 +6,15 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <string>
+
+#include <nlohmann/json.hpp>
 
 #include "replay/TextTable.h"
 
 namespace Cli {
+
+using Json = nlohmann::ordered_json;
 
 /// Whether what goes to the file descriptor is read by a person right now.
 inline bool isTerminal(int fd) {
@@ -28,6 +33,11 @@ inline Replay::TextStyle tableStyle() {
   const bool isKnown = isTerminal(STDOUT_FILENO) && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0;
   return {.coloured = isColoured(), .width = isKnown ? size.ws_col : size_t{0}};
 }
+
+/// A member of an object, as a text that a terminal may show. \throws Json::exception.
+std::string shownText(const Json& object, const char* member);
+/// An object for programs, and for people where standard output is a terminal.
+std::string shownJson(const Json& object, int indent = -1);
 
 /// Shows how far a long input is, on standard error where that is a terminal; 0 takes it away.
 inline void showProgress(size_t lines) {

@@ -12,13 +12,19 @@ _hostroute_tables() {
 
 # Names that the running daemon has: vrfs, interfaces or prefixes that begin with a text.
 _hostroute_names() {
-  hostroute names "$1" "$2" 2> /dev/null
+  local i socket=()
+  for ((i = 1; i < cword - 1; ++i)); do
+    [[ ${words[i]} == --socket ]] && socket=(--socket "${words[i + 1]}")
+  done
+  hostroute names "${socket[@]}" "$1" "$2" 2> /dev/null
 }
 
 _hostroute() {
-  local word=${COMP_WORDS[COMP_CWORD]} words=("${COMP_WORDS[@]}") cword=$COMP_CWORD options
   # An IPv6 address has colons, at which bash ends words.
-  declare -F _get_comp_words_by_ref > /dev/null && _get_comp_words_by_ref -n : -c word -w words -i cword
+  local line=${COMP_LINE:0:COMP_POINT} words word cword options
+  read -ra words <<< "$line"
+  [[ $line == *[[:space:]] ]] && words+=("")
+  cword=$((${#words[@]} - 1)) word=${words[-1]}
   COMPREPLY=()
   case ${words[cword - 1]} in
     --shared | --wait | --for | --key | --at | --last | --size | --files | --protocol | --table6) return ;;
@@ -67,6 +73,8 @@ _hostroute() {
   esac
   mapfile -t COMPREPLY < <(compgen -W "${options:-}" -- "$word")
   [ ${#COMPREPLY[@]} -gt 0 ] || mapfile -t COMPREPLY < <(compgen -f -- "$word")
-  declare -F __ltrim_colon_completions > /dev/null && __ltrim_colon_completions "$word"
+  if [[ $word == *:* && $COMP_WORDBREAKS == *:* ]]; then
+    COMPREPLY=("${COMPREPLY[@]#"${word%"${word##*:}"}"}")
+  fi
 }
 complete -o filenames -F _hostroute hostroute

@@ -8,10 +8,16 @@ _hostroute_tables() {
   compadd -- ${names#hostroute-}
 }
 
-# Names that the running daemon has: vrfs, interfaces or prefixes.
+# Prints names that the running daemon has: vrfs, interfaces or prefixes.
+_hostroute_ask() {
+  local -i at=${words[(I)--socket]}
+  local -a socket
+  (( at && at + 1 < CURRENT )) && socket=(--socket "${(Q)words[at + 1]}")
+  hostroute names $socket $1 "$PREFIX" 2> /dev/null
+}
 _hostroute_names() {
   local -a names
-  names=(${(f)"$(hostroute names $1 "$PREFIX" 2> /dev/null)"})
+  names=(${(f)"$(_hostroute_ask $1)"})
   compadd -- $names
 }
 _hostroute_vrfs() { _hostroute_names vrfs }
@@ -19,7 +25,7 @@ _hostroute_interfaces() { _hostroute_names interfaces }
 _hostroute_prefixes() { _hostroute_names prefixes }
 _hostroute_addresses() {
   local -a names
-  names=(${(f)"$(hostroute names prefixes "$PREFIX" 2> /dev/null)"})
+  names=(${(f)"$(_hostroute_ask prefixes)"})
   compadd -- ${${(M)names:#*/(32|128)}%/*}
 }
 

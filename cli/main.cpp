@@ -62,8 +62,8 @@ int run(CLI::App& app, int argc, char** argv) {
   Cli::addDoctorCommand(app, exitCode);
   Cli::addAnonymizeCommand(app);
   Cli::addStatusCommands(app, exitCode);
-  Cli::addLiveCommands(app);
-  Cli::addOperateCommands(app);
+  Cli::addLiveCommands(app, exitCode);
+  Cli::addOperateCommands(app, exitCode);
   const std::string first = argc > 1 ? argv[1] : "-";
   const auto isFirst = [&](const CLI::App* command) { return command->get_name() == first; };
   if (first[0] != '-' && app.get_subcommands(isFirst).empty()) {

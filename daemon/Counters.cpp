@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <iterator>
 
 #include "daemon/RootTables.h"
 #include "daemon/Switch.h"
@@ -16,43 +15,35 @@ namespace {
 
 using InfoKind = CounterInfo::Kind;
 
-// The rows of the table, by what fills them.
-enum class Row : size_t {
-  kEvents,
-  kRefused,
-  kRepairs,
-  kMerges,
-  kExceptions,
-  kHostRoutes,
-  kNeighborRoutes,
-  kOwnAddresses,
-  kTrackedRoutes,
-  kDeferred,
-};
-
-constexpr CounterInfo kInfos[] = {
-    {"events", "kind", InfoKind::Counter,
-     "Events that reached the machine, by what they were. A neighbour on an interface through "
-     "which no route of the VRF leaves does not reach it."},
-    {"neighbors_refused", "reason", InfoKind::Counter,
-     "Neighbours that got no host route when they were looked up, by the reason. One that is "
-     "looked up again counts again."},
-    {"repairs", "", InfoKind::Counter, "Neighbours that were filed under a FIB route."},
-    {"merges", "", InfoKind::Counter,
-     "Addresses for which it was settled which host route wins. A merge that could change nothing "
-     "is spared, and not counted."},
-    {"exceptions", "", InfoKind::Counter,
-     "Events that the machine could not handle to the end. Any but 0 is a fault worth a report."},
-    {"host_routes", "type", InfoKind::Gauge, "Host routes in the route table, by their type."},
-    {"neighbor_routes", "", InfoKind::Gauge,
-     "Neighbours that have a host route, whether or not it wins."},
-    {"own_addresses", "", InfoKind::Gauge,
-     "Addresses for which receive routes are kept: the router's own, and the network and "
-     "broadcast addresses of its IPv4 subnets."},
-    {"tracked_routes", "", InfoKind::Gauge, "FIB routes that the machine follows."},
-    {"deferred_merges", "", InfoKind::Gauge,
-     "Addresses that wait to be merged until the VRF is initialized."},
-};
+constexpr CounterInfo kEvents{
+    "events", "kind", InfoKind::Counter,
+    "Events that reached the machine, by what they were. A neighbour on an interface through which "
+    "no route of the VRF leaves does not reach it."};
+constexpr CounterInfo kRefused{
+    "neighbors_refused", "reason", InfoKind::Counter,
+    "Neighbours that got no host route when they were looked up, by the reason. One that is looked "
+    "up again counts again."};
+constexpr CounterInfo kRepairs{"repairs", "", InfoKind::Counter,
+                               "Neighbours that were filed under a FIB route."};
+constexpr CounterInfo kMerges{
+    "merges", "", InfoKind::Counter,
+    "Addresses for which it was settled which host route wins. A merge that could change nothing "
+    "is spared, and not counted."};
+constexpr CounterInfo kExceptions{
+    "exceptions", "", InfoKind::Counter,
+    "Events that the machine could not handle to the end. Any but 0 is a fault worth a report."};
+constexpr CounterInfo kHostRoutes{"host_routes", "type", InfoKind::Gauge,
+                                  "Host routes in the route table, by their type."};
+constexpr CounterInfo kNeighborRoutes{"neighbor_routes", "", InfoKind::Gauge,
+                                      "Neighbours that have a host route, whether or not it wins."};
+constexpr CounterInfo kOwnAddresses{
+    "own_addresses", "", InfoKind::Gauge,
+    "Addresses for which receive routes are kept: the router's own, and the network and broadcast "
+    "addresses of its IPv4 subnets."};
+constexpr CounterInfo kTrackedRoutes{"tracked_routes", "", InfoKind::Gauge,
+                                     "FIB routes that the machine follows."};
+constexpr CounterInfo kDeferred{"deferred_merges", "", InfoKind::Gauge,
+                                "Addresses that wait to be merged until the VRF is initialized."};
 
 /// The label of a reason.
 constexpr std::string_view nameOf(HostCore::Lack lack) {
@@ -84,80 +75,49 @@ constexpr HostCore::Lack kLacks[] = {HostCore::Lack::Cover,     HostCore::Lack::
                                      HostCore::Lack::Fec,       HostCore::Lack::Interface,
                                      HostCore::Lack::DirectVia, HostCore::Lack::Skipped};
 
-/// Collects the numbers of one machine, row by row.
+/// Adds the numbers of one machine.
 template <class F>
-class Collector {
- public:
-  Collector(const typename F::RouteSm& sm, const typename F::RouteSmRoot& root,
-            std::vector<CounterValue>& values)
-      : counts_(sm.account().counts), root_(root), values_(values) {}
-
-  void add(Row row) {
-    switch (row) {
-      case Row::kEvents:
-        for (size_t kind = 0; kind < HostCore::kCauseKinds; ++kind) {
-          if (static_cast<CauseKind>(kind) == CauseKind::Unknown) continue;
-          add(row, Daemon::nameOf(static_cast<CauseKind>(kind)), counts_.events[kind]);
-        }
-        break;
-      case Row::kRefused:
-        for (const auto lack : kLacks) {
-          add(row, nameOf(lack), counts_.refused[static_cast<size_t>(lack)]);
-        }
-        break;
-      case Row::kRepairs:
-        return add(row, {}, counts_.repairs);
-      case Row::kMerges:
-        return add(row, {}, counts_.merges);
-      case Row::kExceptions:
-        return add(row, {}, counts_.exceptions);
-      case Row::kHostRoutes:
-        for (size_t number = 0; number < counts_.hostRoutes.size(); ++number) {
-          const auto type = static_cast<typename F::RouteType>(number);
-          if (counts_.hostRoutes[number] == 0 && !F::isOwnType(type)) continue;
-          add(row, Routing::routeTypeName(type), counts_.hostRoutes[number]);
-        }
-        break;
-      case Row::kNeighborRoutes:
-        return add(row, {}, RootTables<F>(root_).neighbors->routeCount());
-      case Row::kOwnAddresses:
-        return add(row, {}, RootTables<F>(root_).received->routeCount());
-      case Row::kTrackedRoutes:
-        return add(row, {}, root_.prefixToRouteCount());
-      case Row::kDeferred:
-        return add(row, {}, RootTables<F>(root_).waiting->ipCount());
-    }
+void collect(const typename F::RouteSm& sm, const typename F::RouteSmRoot& root,
+             std::vector<CounterValue>& values) {
+  const auto add = [&](const CounterInfo& info, uint64_t value, std::string_view label = {}) {
+    values.push_back({&info, label, F::kNumber, value});
+  };
+  const auto& counts = sm.account().counts;
+  const RootTables<F> tables(root);
+  for (size_t number = 0; number < HostCore::kCauseKinds; ++number) {
+    const auto kind = static_cast<CauseKind>(number);
+    if (kind != CauseKind::Unknown) add(kEvents, counts.events[number], Daemon::nameOf(kind));
   }
-
- private:
-  void add(Row row, std::string_view labelValue, uint64_t value) {
-    values_.push_back({&kInfos[static_cast<size_t>(row)], labelValue, F::kNumber, value});
+  for (const auto lack : kLacks) {
+    add(kRefused, counts.refused[static_cast<size_t>(lack)], nameOf(lack));
   }
-
-  const HostCore::Counts& counts_;
-  const typename F::RouteSmRoot& root_;
-  std::vector<CounterValue>& values_;
-};
+  add(kRepairs, counts.repairs);
+  add(kMerges, counts.merges);
+  add(kExceptions, counts.exceptions);
+  for (size_t number = 0; number < counts.hostRoutes.size(); ++number) {
+    const auto type = static_cast<typename F::RouteType>(number);
+    if (counts.hostRoutes[number] == 0 && !F::isOwnType(type)) continue;
+    add(kHostRoutes, counts.hostRoutes[number], Routing::routeTypeName(type));
+  }
+  add(kNeighborRoutes, tables.neighbors->routeCount());
+  add(kOwnAddresses, tables.received->routeCount());
+  add(kTrackedRoutes, root.prefixToRouteCount());
+  add(kDeferred, tables.waiting->ipCount());
+}
 
 }  // namespace
-
-std::span<const CounterInfo> counterInfos() {
-  return kInfos;
-}
 
 Counters Switch::counters(std::string_view vrf) const {
   Counters counters;
   const auto known = vrfs_.find(vrf);
   if (known == vrfs_.end()) return counters;
-  for (size_t row = 0; row < std::size(kInfos); ++row) {
-    forEachFamily([&](auto family) {
-      using F = decltype(family);
-      const auto& routing = known->second.template routing<F>();
-      const auto* machine = routing.machine();
-      if (machine == nullptr) return;
-      Collector<F>(*machine, *routing.root, counters.values).add(static_cast<Row>(row));
-    });
-  }
+  forEachFamily([&](auto family) {
+    using F = decltype(family);
+    const auto& routing = known->second.template routing<F>();
+    if (const auto* machine = routing.machine()) {
+      collect<F>(*machine, *routing.root, counters.values);
+    }
+  });
   return counters;
 }
 

@@ -4,13 +4,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
 #include <vector>
 
 namespace Daemon {
 
-/// One row of the table that says what is counted. Numbers of one name differ in a label.
+/// What is counted. Numbers of one name differ in a label.
 struct CounterInfo {
   enum class Kind {
     Counter,  ///< only grows, from the start of the VRF
@@ -23,19 +22,16 @@ struct CounterInfo {
   const char* help;  ///< the meaning, a sentence
 };
 
-/// All rows, in the order in which they are shown.
-std::span<const CounterInfo> counterInfos();
-
 /// One number.
 struct CounterValue {
-  const CounterInfo* info;      ///< a row of counterInfos()
+  const CounterInfo* info;      ///< lives as long as the program
   std::string_view labelValue;  ///< "" where the row has no label; lives as long as the program
   int family;                   ///< 4 or 6
   uint64_t value;
 };
 
-/// The numbers of one VRF in the order of counterInfos(), those of IPv4 first in each row. A
-/// machine that has ended has none.
+/// The numbers of one VRF, those of IPv4 first. Those of one name stand together. A machine that
+/// has ended has none.
 struct Counters {
   std::vector<CounterValue> values;
 

@@ -11,7 +11,8 @@
 namespace Daemon {
 
 bool isSharedName(std::string_view name) {
-  return !name.empty() && name.find_first_of(std::string_view("./\0", 3)) == std::string_view::npos;
+  return !name.empty() && name.size() <= kMaxSharedNameBytes &&
+         name.find_first_of(std::string_view("./\0", 3)) == std::string_view::npos;
 }
 
 void removeSharedLeftovers(std::string_view name) {

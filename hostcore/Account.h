@@ -51,15 +51,30 @@ enum class Lack : uint8_t {
 };
 inline constexpr size_t kLacks = 10;
 
+#ifdef HOSTROUTE_WITHOUT_COUNTERS
+/// Counts nothing: beside an engine that has this, a benchmark sees what counting costs.
+struct Count {
+  constexpr Count() = default;
+  constexpr Count(uint64_t) {}
+  constexpr operator uint64_t() const { return 0; }
+  constexpr Count& operator++() { return *this; }
+  constexpr Count& operator--() { return *this; }
+};
+inline constexpr bool kCounts = false;
+#else
+using Count = uint64_t;
+inline constexpr bool kCounts = true;
+#endif
+
 /// A machine's counters, since it was made.
 struct Counts {
-  std::array<uint64_t, kCauseKinds> events{};  ///< by CauseKind
-  std::array<uint64_t, kLacks> refused{};      ///< by Lack: neighbours that were looked up
-  uint64_t repairs = 0;                        ///< neighbours that were filed under a FIB route
-  uint64_t merges = 0;                         ///< addresses whose winner was settled
-  uint64_t exceptions = 0;                     ///< callbacks that ended with one
+  std::array<Count, kCauseKinds> events{};  ///< by CauseKind
+  std::array<Count, kLacks> refused{};      ///< by Lack: neighbours that were looked up
+  Count repairs = 0;                        ///< neighbours that were filed under a FIB route
+  Count merges = 0;                         ///< addresses whose winner was settled
+  Count exceptions = 0;                     ///< callbacks that ended with one
   /// The host routes that the machine has in the route table now, by type.
-  std::array<uint64_t, 32> hostRoutes{};
+  std::array<Count, 32> hostRoutes{};
 };
 
 /// An event with its subject. A field that is not part of the subject is null.

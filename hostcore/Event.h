@@ -68,6 +68,7 @@ class Event {
   Event& operator=(const Event&) = delete;
   ~Event() {
     auto& account = sm_.account();
+    if (!kCounts && account.log == nullptr) return;
     if (--account.events == 0 && account.log != nullptr) [[unlikely]]
       account.log->eventEnds();
   }
@@ -78,6 +79,7 @@ class Event {
                                                          MakeCause makeCause)
       : sm_(sm) {
     auto& account = sm.account();
+    if (!kCounts && account.log == nullptr) return;
     if (account.events++ != 0) return;
     ++account.counts.events[static_cast<size_t>(kind)];
     if (account.log != nullptr) [[unlikely]]

@@ -1,14 +1,16 @@
 // The configuration file: each key is read where it is described, and none that is unknown passes.
 #include "hostrouted/Config.h"
 
+#include <fcntl.h>
 #include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <set>
 #include <sstream>
@@ -17,6 +19,7 @@
 
 #include <toml++/toml.h>
 
+#include "daemon/SharedNames.h"
 #include "platform/l3/VrfName.h"
 #include "platform/zemit/IpAddrWithMask.h"
 
@@ -286,10 +289,15 @@ void readVirtualAddress(Section& section, Config& config) {
   config.feed.virtualAddresses.push_back(std::move(virtualAddress));
 }
 
+std::optional<std::string> parseSharedName(std::string name) {
+  if (!name.empty() && !Daemon::isSharedName(name)) return std::nullopt;
+  return name;
+}
+
 void readDaemon(Section& section, Config& config) {
   section.read("run-dir", config.runDir);
   section.read("state-dir", config.stateDir);
-  section.read("shared-tables", config.sharedName);
+  section.readText("shared-tables", config.sharedName, Config::kSharedNameForm, parseSharedName);
   uint32_t mebibytes = 0;
   section.readNumber("receive-buffer", mebibytes, 0, 1024);
   if (mebibytes != 0) config.receiveBuffer = size_t{mebibytes} << 20;
@@ -369,18 +377,31 @@ Config Config::parse(std::string_view text, const std::string& name) {
 }
 
 Config Config::load(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
+  // Whatever else it may be is not waited for.
+  const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  struct stat status {};
   std::string text;
-  std::array<char, 4096> piece;
-  while (in.read(piece.data(), piece.size()) || in.gcount() > 0) {
-    text.append(piece.data(), static_cast<size_t>(in.gcount()));
+  std::string problem;
+  if (fd < 0 || ::fstat(fd, &status) != 0) {
+    problem = std::strerror(errno);
+  } else if (!S_ISREG(status.st_mode)) {
+    problem = "expected a regular file";
   }
-  // A directory opens, and cannot be read.
-  if (!in.is_open() || in.bad()) throw ConfigError(file + ": " + std::strerror(errno));
+  std::array<char, 4096> piece;
+  for (ssize_t size = 1; problem.empty() && size != 0;) {
+    size = ::read(fd, piece.data(), piece.size());
+    if (size > 0) text.append(piece.data(), static_cast<size_t>(size));
+    if (size < 0 && errno != EINTR) problem = std::strerror(errno);
+  }
+  if (fd >= 0) ::close(fd);
+  if (!problem.empty()) throw ConfigError(file + ": " + problem);
   return parse(text, file);
 }
 
 void Config::check() const {
+  if (!parseSharedName(sharedName)) {
+    throw ConfigError("shared-tables: expected " + std::string(kSharedNameForm));
+  }
   std::map<std::pair<int, Linux::TableId>, std::string_view> owners;
   for (const auto& [vrf, output] : tables) {
     for (const auto& [family, table] : {std::pair{4, output.table4}, std::pair{6, output.table6}}) {

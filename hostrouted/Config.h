@@ -34,6 +34,7 @@ struct Config {
   static constexpr const char* kDefaultFile = "/etc/hostroute/hostrouted.toml";
   /// Routes of lower protocol numbers are the kernel's and the administrator's own.
   static constexpr uint8_t kFirstProtocol = 5;
+  static constexpr const char* kSharedNameForm = "a name of at most 100 bytes without . and /";
 
   Linux::FeedOptions feed;
   Linux::KernelRoutesOptions kernelRoutes;
@@ -63,7 +64,7 @@ struct Config {
   /// Reads a file's text. `name` is what errors call it.
   /// \throws ConfigError.
   static Config parse(std::string_view text, const std::string& name);
-  /// Reads a file. \throws ConfigError, also when it cannot be read.
+  /// Reads a regular file. \throws ConfigError, also when it cannot be read.
   static Config load(const std::string& file);
 
   /// Refuses what no single key is to blame for, such as two VRFs on one table.

@@ -23,6 +23,7 @@
 #include "replay/HistoryJson.h"
 #include "replay/Json.h"
 #include "replay/Player.h"
+#include "replay/Printable.h"
 
 namespace Hostrouted {
 namespace {
@@ -300,11 +301,9 @@ Reply Control::Work::handle(std::string_view line, const Peer& peer) {
     return (this->*kind->answer)(request, peer);
   } catch (const Malformed& error) {
     return {refusal(error.what(), true), {}, {}};
-  } catch (const RequestError& error) {
-    return {refusal(error.what()), {}, {}};
   } catch (const Kiv::RangeException& error) {
     return {refusal(error.what(), true), {}, {}};
-  } catch (const Pindo::Exception& error) {
+  } catch (const std::exception& error) {
     return {refusal(error.what()), {}, {}};
   }
 }
@@ -378,7 +377,8 @@ Json Control::Work::kernelJson(const std::string& vrf, const std::string& addres
   listNeighbors(router(), filter, lines);
   Json kernel{{"neighbors", Json::array()}};
   for (std::string line; std::getline(lines, line);) {
-    kernel["neighbors"].push_back(Json::parse(line).at("neighbor"));
+    const auto row = Json::parse(line);
+    if (row.contains("neighbor")) kernel["neighbors"].push_back(row.at("neighbor"));
   }
   if (const auto state = kernelState(router(), vrf, *prefix); !state.empty()) {
     kernel["route"] = state;
@@ -494,12 +494,18 @@ Reply Control::Work::record(const Request& request, const Peer& peer) {
   auto& recorder = services_.recorder;
   const auto action = request.requiredText("action");
   if (action == "stop") {
-    if (!recorder.isOn()) throw RequestError("there is no recording");
+    if (!recorder.isOn() && recorder.problem().empty()) {
+      throw RequestError("there is no recording");
+    }
     recorder.stop();
+    if (!recorder.problem().empty()) throw RequestError(recorder.problem());
     return {success({{"file", recorder.path()}}), {}, {}};
   }
   if (action != "start") Request::refuse("action", "start or stop");
   auto file = request.requiredText("file");
+  if (Replay::printable(file) != file) {
+    Request::refuse("file", "a name without control characters");
+  }
   if (file.find('/') == file.npos) {
     if (file.empty() || file.front() == '.') Request::refuse("file", "the name of a file");
     file = services_.recordingDirectory + "/" + file;

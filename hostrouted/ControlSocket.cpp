@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -21,8 +22,11 @@
 #include <ostream>
 #include <stdexcept>
 #include <streambuf>
+#include <string_view>
 #include <utility>
 #include <vector>
+
+#include "hostrouted/Listings.h"
 
 namespace Hostrouted {
 namespace {
@@ -31,8 +35,10 @@ namespace {
 constexpr size_t kPiece = 65536;
 /// How often silent clients are looked for, in seconds, while there are clients.
 constexpr double kRounds = 1;
-/// A process that writes a long answer ends after so many seconds.
-constexpr unsigned kLongestAnswer = 300;
+/// A process that writes a long answer ends after so many seconds, however slowly it is read.
+constexpr unsigned kLongestAnswer = 120;
+/// How far such a process stands back behind the daemon (nice(2)).
+constexpr int kWriterNiceness = 10;
 
 std::string systemError(const std::string& what) {
   return what + ": " + std::strerror(errno);
@@ -53,33 +59,35 @@ bool isMember(int fd, gid_t primary, gid_t group) {
   }
 }
 
-/// Writes to a socket and waits where it has to. After an error the rest is thrown away.
+/// Writes to a socket and waits where it has to. Ends the process when it cannot.
 class SocketBuffer final : public std::streambuf {
  public:
   explicit SocketBuffer(int fd) : fd_(fd) { setp(buffer_.data(), buffer_.data() + kPiece); }
 
  protected:
   int_type overflow(int_type c) override {
-    if (!flushBuffer()) return traits_type::eof();
+    flushBuffer();
     if (!traits_type::eq_int_type(c, traits_type::eof())) {
       *pptr() = traits_type::to_char_type(c);
       pbump(1);
     }
     return traits_type::not_eof(c);
   }
-  int sync() override { return flushBuffer() ? 0 : -1; }
+  int sync() override {
+    flushBuffer();
+    return 0;
+  }
 
  private:
-  bool flushBuffer() {
+  void flushBuffer() {
     const char* at = pbase();
     while (at != pptr()) {
       const auto sent = ::send(fd_, at, static_cast<size_t>(pptr() - at), MSG_NOSIGNAL);
       if (sent < 0 && errno == EINTR) continue;
-      if (sent < 0) return false;
+      if (sent < 0) ::_exit(1);
       at += sent;
     }
     setp(buffer_.data(), buffer_.data() + kPiece);
-    return true;
   }
 
   int fd_;
@@ -312,6 +320,11 @@ class ControlSocket::Server {
   /// Has another process write the answer: it has the state as it is now.
   void write(Client& client, const std::function<void(std::ostream&)>& bulk) {
     const auto text = std::exchange(client.output, {});
+    const auto most = client.peer.isRoot ? kMostWriters : kMostWriters - kRootsWriters;
+    if (writers_.size() >= most) {
+      client.output = Control::refusal("other long answers are being written; ask again later");
+      return;
+    }
     const pid_t pid = ::fork();
     if (pid < 0) {
       client.output = Control::refusal(systemError("the answer cannot be written: fork"));
@@ -334,6 +347,7 @@ class ControlSocket::Server {
   /// of its tables) is let go of.
   [[noreturn]] static void writeAndExit(int fd, const std::string& text,
                                         const std::function<void(std::ostream&)>& bulk) {
+    standBack();
     constexpr int kKept = 3;
     ::dup2(fd, kKept);
     ::close_range(kKept + 1, ~0U, 0);
@@ -343,16 +357,26 @@ class ControlSocket::Server {
     ::alarm(kLongestAnswer);
     const timeval patience{.tv_sec = static_cast<time_t>(kPatience), .tv_usec = 0};
     ::setsockopt(kKept, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    SocketBuffer buffer(kKept);
+    std::ostream os(&buffer);
+    os << text;
     try {
-      SocketBuffer buffer(kKept);
-      std::ostream os(&buffer);
-      os << text;
       bulk(os);
-      os << "{\"end\":true}\n" << std::flush;
-      ::_exit(os ? 0 : 1);
-    } catch (...) {
-      ::_exit(1);
+    } catch (const std::exception& error) {
+      os << toLine({{"error", error.what()}});
     }
+    os << "{\"end\":true}\n" << std::flush;
+    ::_exit(0);
+  }
+
+  /// In the other process: the daemon comes first, and when memory runs out, this one is to end.
+  static void standBack() {
+    ::setpriority(PRIO_PROCESS, 0, kWriterNiceness);
+    const int file = ::open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
+    if (file < 0) return;
+    constexpr std::string_view kFirst = "1000";
+    (void)!::write(file, kFirst.data(), kFirst.size());
+    ::close(file);
   }
 
   void finish(pid_t pid, bool isDone) {

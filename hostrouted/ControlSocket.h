@@ -19,12 +19,15 @@ namespace Hostrouted {
 /// A client costs the others nothing: each has a limit to what it may send and to what waits for
 /// it, its next request is read when the former is answered, and it is dropped when it is silent or
 /// does not read for too long. There is room for kMostClients, of which each user but root takes at
-/// most kMostOfOneUser.
+/// most kMostOfOneUser. Long answers are written by processes of their own, kMostWriters at once;
+/// who asks for one more is told to come again.
 class ControlSocket {
  public:
   static constexpr size_t kMostClients = 32;
   static constexpr size_t kRootsClients = 8;  ///< of these, which nobody else gets
   static constexpr size_t kMostOfOneUser = 8;
+  static constexpr size_t kMostWriters = 4;
+  static constexpr size_t kRootsWriters = 1;  ///< of these, which nobody else gets
   /// A client that asks nothing, or does not take its answer, is dropped after so many seconds.
   static constexpr double kPatience = 30;
 

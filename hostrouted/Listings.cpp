@@ -38,29 +38,49 @@ const char* stateName(uint16_t state) {
   return known == kNames.end() ? "NONE" : known->second;
 }
 
-/// Calls `visit` with each family of each VRF that the filter lets through.
+/// What cannot be listed, among the lines of a listing.
+void tellDamage(const std::string& damage, std::ostream& out) {
+  out << toLine({{"error", damage}});
+}
+
+/// Calls `visit` with each family of each VRF that the filter lets through. Where a table is
+/// damaged, the others are listed all the same.
 template <class Visit>
-void forEachTable(const Router& router, const ListingFilter& filter, Visit visit) {
+void forEachTable(const Router& router, const ListingFilter& filter, std::ostream& out,
+                  Visit visit) {
   for (const auto& [name, vrf] : router.sw().vrfs()) {
     if (!filter.hasVrf(name)) continue;
     Daemon::forEachFamily([&, &vrfName = name, &tables = vrf](auto family) {
       using F = decltype(family);
-      if (filter.hasFamily(F::kNumber)) visit(family, vrfName, tables.template routing<F>());
+      if (!filter.hasFamily(F::kNumber)) return;
+      try {
+        visit(family, vrfName, tables.template routing<F>());
+      } catch (const Tovan::CorruptionDetectedException& damage) {
+        tellDamage(damage.what(), out);
+      }
     });
   }
+}
+
+/// The prefixes of a table, but for those whose entries are damaged, which are told.
+template <class F>
+std::vector<typename F::Prefix> soundPrefixesOf(const Daemon::HostRouting<F>& routing,
+                                                std::ostream& out) {
+  std::vector<typename F::Prefix> prefixes;
+  routing.routeStatus->map().forEachSound(
+      [&prefixes](const auto& item) { prefixes.push_back(item.key); },
+      [&out](const std::string& damage) { tellDamage(damage, out); });
+  std::ranges::sort(prefixes);
+  return prefixes;
 }
 
 /// The prefixes of a table that the filter lets through, in the order in which they are listed.
 template <class F>
 std::vector<typename F::Prefix> prefixesOf(const Daemon::HostRouting<F>& routing,
-                                           const ListingFilter& filter) {
+                                           const ListingFilter& filter, std::ostream& out) {
   using Prefix = typename F::Prefix;
+  if (!filter.covering) return soundPrefixesOf<F>(routing, out);
   std::vector<Prefix> prefixes;
-  if (!filter.covering) {
-    for (const auto& prefix : routing.routeStatus->routeKeys()) prefixes.push_back(prefix);
-    std::ranges::sort(prefixes);
-    return prefixes;
-  }
   if (const auto* covered = std::get_if<Prefix>(&*filter.covering)) {
     for (uint32_t lengths = covered->len() + 1; lengths > 0; --lengths) {
       prefixes.push_back(Prefix::enclosing(covered->addr(), lengths - 1));
@@ -114,14 +134,14 @@ std::string kernelState(const Router& router, const std::string& vrf, const Linu
 }
 
 void listRoutes(const Router& router, const ListingFilter& filter, std::ostream& out) {
-  forEachTable(router, filter, [&](auto family, const std::string& vrf, const auto& routing) {
+  forEachTable(router, filter, out, [&](auto family, const std::string& vrf, const auto& routing) {
     using F = decltype(family);
-    for (const auto& prefix : prefixesOf<F>(routing, filter)) {
+    for (const auto& prefix : prefixesOf<F>(routing, filter, out)) {
       try {
         const auto route = routing.routeStatus->route(prefix);
         if (route.key == prefix) listRoute<F>(router, filter, vrf, route, out);
       } catch (const Tovan::CorruptionDetectedException& damage) {
-        out << toLine({{"error", damage.what()}});
+        tellDamage(damage.what(), out);
       }
     }
   });
@@ -146,11 +166,16 @@ void listNeighbors(const Router& router, const ListingFilter& filter, std::ostre
     std::ranges::sort(neighbors, {}, &Linux::Neighbor::addr);
     for (const auto& neighbor : neighbors) {
       const auto verdict = router.feed().verdictOn(neighbor);
-      const bool isRouted = std::visit(
-          [&]<class Addr>(const Addr& addr) {
-            return hasRoute<Daemon::FamilyOf<Addr>>(router, vrf, addr);
-          },
-          neighbor.addr);
+      Json isRouted;
+      try {
+        isRouted = std::visit(
+            [&]<class Addr>(const Addr& addr) {
+              return hasRoute<Daemon::FamilyOf<Addr>>(router, vrf, addr);
+            },
+            neighbor.addr);
+      } catch (const Tovan::CorruptionDetectedException& damage) {
+        tellDamage(damage.what(), out);
+      }
       Json row{{"vrf", vrf},
                {"intf", link->name},
                {"address", Linux::toString(neighbor.addr)},
@@ -158,7 +183,7 @@ void listNeighbors(const Router& router, const ListingFilter& filter, std::ostre
                {"state", stateName(neighbor.state)},
                {"verdict", Linux::toString(verdict)},
                {"fed", verdict == Linux::NeighborVerdict::Fed},
-               {"route", isRouted}};
+               {"route", std::move(isRouted)}};
       out << toLine({{"neighbor", std::move(row)}});
     }
   }
@@ -179,8 +204,9 @@ void listNames(const Router& router, NameKind kind, const std::string& begin, st
       });
       break;
     case NameKind::Prefixes:
-      forEachTable(router, {}, [&](auto, const std::string&, const auto& routing) {
-        for (const auto& prefix : routing.routeStatus->routeKeys()) note(toString(prefix));
+      forEachTable(router, {}, out, [&](auto family, const std::string&, const auto& routing) {
+        using F = decltype(family);
+        for (const auto& prefix : soundPrefixesOf<F>(routing, out)) note(toString(prefix));
       });
       break;
   }
@@ -188,14 +214,28 @@ void listNames(const Router& router, NameKind kind, const std::string& begin, st
 }
 
 void listDump(const Router& router, const ListingFilter& filter, bool isText, std::ostream& out) {
+  const auto& vrfs = router.sw().vrfs();
+  const auto dumpEach = [&](Replay::Output& output) {
+    forEachTable(router, filter, out, [&](auto family, const std::string& vrf, const auto&) {
+      constexpr bool kIsIpv4 = decltype(family)::kNumber == 4;
+      output.dump(router.sw(),
+                  {.vrfs = {&vrfs.find(vrf)->second}, .ipv4 = kIsIpv4, .ipv6 = !kIsIpv4});
+    });
+  };
+  if (!isText) return dumpEach(*Replay::jsonOutput(out));
   Replay::DumpSelection selection{
       .vrfs = {}, .ipv4 = filter.hasFamily(4), .ipv6 = filter.hasFamily(6)};
-  for (const auto& [name, vrf] : router.sw().vrfs()) {
+  for (const auto& [name, vrf] : vrfs) {
     if (filter.hasVrf(name)) selection.vrfs.push_back(&vrf);
   }
-  if (!isText) return Replay::jsonOutput(out)->dump(router.sw(), selection);
   std::stringstream text;
-  Replay::textOutput(text)->dump(router.sw(), selection);
+  const auto output = Replay::textOutput(text);
+  try {
+    output->dump(router.sw(), selection);
+  } catch (const Tovan::CorruptionDetectedException&) {
+    text.str({});
+    dumpEach(*output);  // says which table it was, and shows the others
+  }
   for (std::string line; std::getline(text, line);) out << toLine({{"text", line}});
 }
 

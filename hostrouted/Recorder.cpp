@@ -33,27 +33,25 @@ void Recorder::start(const std::string& path, RecordingLimits limits, Snapshot s
       throw std::runtime_error(taken + " is there already");
     }
   }
+  problem_.clear();
   path_ = path;
   limits_ = limits;
   snapshot_ = std::move(snapshot);
   open();
   if (!isOn()) throw std::runtime_error(path + ": " + std::strerror(errno));
   endTurn();
-  if (isOn()) return;
-  std::error_code unknown;
-  std::filesystem::remove(path, unknown);
-  throw std::runtime_error(path + ": cannot be written");
+  if (!isOn()) throw std::runtime_error(std::exchange(problem_, {}));
 }
 
 void Recorder::stop() {
-  if (!isOn()) return;
+  if (!isOn() || !flush()) return;
   file_.close();
-  if (!file_) fail();
   snapshot_ = {};
 }
 
 void Recorder::open() {
   bytes_ = 0;
+  keptBytes_ = 0;
   hasTime_ = false;
   file_.clear();
   file_.open(path_, std::ios::trunc | std::ios::binary);
@@ -83,8 +81,16 @@ void Recorder::writeText(const std::string& text) {
 void Recorder::endTurn() {
   if (!isOn()) return;
   hasTime_ = false;
-  if (!file_.flush()) return fail();
-  if (bytes_ > std::max(limits_.fileBytes, 2 * snapshotBytes_)) rotate();
+  if (flush() && bytes_ > std::max(limits_.fileBytes, 2 * snapshotBytes_)) rotate();
+}
+
+bool Recorder::flush() {
+  if (!file_.flush()) {
+    fail();
+    return false;
+  }
+  keptBytes_ = bytes_;
+  return true;
 }
 
 void Recorder::rotate() {
@@ -93,14 +99,28 @@ void Recorder::rotate() {
     std::rename(numbered(path_, number - 1).c_str(), numbered(path_, number).c_str());
   }
   open();
-  if (!isOn()) return fail();
-  if (!file_.flush()) fail();
+  if (isOn()) {
+    flush();
+  } else {
+    fail();
+  }
 }
 
 void Recorder::fail() {
-  log_.write(LOG_ERR, "record", path_ + ": the recording ends here: it cannot be written");
+  problem_ = path_ + ": the recording ends here: it cannot be written: " + std::strerror(errno);
+  const bool isOurs = isOn();
   file_.close();
   snapshot_ = {};
+  // The line that was being written has no end.
+  std::error_code unknown;
+  if (isOurs && std::filesystem::is_regular_file(path_, unknown)) {
+    if (keptBytes_ != 0) {
+      std::filesystem::resize_file(path_, keptBytes_, unknown);
+    } else {
+      std::filesystem::remove(path_, unknown);
+    }
+  }
+  log_.write(LOG_ERR, "record", problem_);
 }
 
 }  // namespace Hostrouted

@@ -25,7 +25,8 @@ struct RecordingLimits {
 ///
 /// Every file begins with a snapshot of all that the engine was told, so each can be replayed by
 /// itself. The file in use has the recording's name; those before are called NAME.1, NAME.2 and so
-/// on, the newest first. When a file cannot be written, recording ends.
+/// on, the newest first. When a file cannot be written, recording ends; the file keeps what was
+/// written of whole turns of the loop, and can be replayed.
 class Recorder {
  public:
   using Output = std::function<void(const Daemon::Operation&)>;
@@ -41,6 +42,8 @@ class Recorder {
              bool replaces = false);
   /// Ends it, with what was written in the file; does nothing when there is none.
   void stop();
+  /// Why the last recording ended by itself, or misses its end; empty when it does not.
+  const std::string& problem() const { return problem_; }
 
   bool isOn() const { return file_.is_open(); }
   /// The file in use, or the last one; empty when there was none.
@@ -58,6 +61,8 @@ class Recorder {
   void open();
   void writeTime();
   void writeText(const std::string& text);
+  /// What was written goes to the file. \return whether the recording goes on.
+  bool flush();
   void rotate();
   void fail();
 
@@ -68,6 +73,8 @@ class Recorder {
   Snapshot snapshot_;
   uint64_t bytes_ = 0;
   uint64_t snapshotBytes_ = 0;
+  uint64_t keptBytes_ = 0;  // of the file in use, which are in it for sure
+  std::string problem_;
   bool hasTime_ = false;  // whether this turn's time is in the file
 };
 

@@ -218,7 +218,8 @@ class Service::Loop {
             .startedAt = startedAt_,
             .logLevel = log_.level(),
             .advertisedIsSound = !advertised_ || !advertised_->hasFailed(),
-            .recording = recorder_.isOn() ? recorder_.path() : ""};
+            .recording = recorder_.isOn() ? recorder_.path() : "",
+            .recordingProblem = recorder_.problem()};
   }
 
   /// Logs messages of the kernel that cannot be read.

@@ -102,6 +102,7 @@ std::vector<std::string> warnings(const Router& router, const ProcessStatus& pro
   if (!process.advertisedIsSound) {
     warnings.emplace_back("the list of advertised routes cannot be written; the log says why");
   }
+  if (!process.recordingProblem.empty()) warnings.push_back(process.recordingProblem);
   return warnings;
 }
 

@@ -19,6 +19,7 @@ struct ProcessStatus {
   int logLevel = 0;                        ///< syslog(3)
   bool advertisedIsSound = true;           ///< whether the list of advertised routes is on the disk
   std::string recording;                   ///< the file of the recording that goes on; else empty
+  std::string recordingProblem;            ///< why the last one ended by itself; else empty
 };
 
 /// The daemon's state: phase, whether it is ready and why not, configuration, VRFs, counts,

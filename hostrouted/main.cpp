@@ -15,6 +15,7 @@
 #include "hostrouted/InstanceLock.h"
 #include "hostrouted/Log.h"
 #include "hostrouted/Service.h"
+#include "replay/Printable.h"
 
 namespace {
 
@@ -129,6 +130,11 @@ void addOptions(CLI::App& app, Arguments& arguments) {
   app.footer(kFooter);
 }
 
+int failure(const std::exception& error, int status) {
+  std::cerr << "hostrouted: error: " << Replay::printable(error.what()) << '\n';
+  return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -155,13 +161,10 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kMisused;
   } catch (const ConfigError& error) {
-    std::cerr << "hostrouted: error: " << error.what() << '\n';
-    return kMisused;
+    return failure(error, kMisused);
   } catch (const Hostrouted::InUseError& error) {
-    std::cerr << "hostrouted: error: " << error.what() << '\n';
-    return kInUse;
+    return failure(error, kInUse);
   } catch (const std::exception& error) {
-    std::cerr << "hostrouted: error: " << error.what() << '\n';
-    return kFailed;
+    return failure(error, kFailed);
   }
 }

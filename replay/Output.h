@@ -1,6 +1,7 @@
 // What a replay prints, for programs and for people.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <ostream>
 #include <string_view>
@@ -29,6 +30,8 @@ class Output {
   virtual void trace(const Kiv::TraceRecord& record) = 0;
   /// Announces what the event in line `number`, whose text is `line`, causes.
   virtual void event(size_t number, std::string_view line) = 0;
+  /// What follows happened so long after 1970-01-01T00:00:00Z, says the recording.
+  virtual void time(std::chrono::microseconds) {}
 };
 
 /// One JSON object on each line, keys sorted, lists sorted by the JSON text of their elements.

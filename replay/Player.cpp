@@ -148,13 +148,6 @@ void applyTeardown(const Event& event, Switch& sw) {
   forEachNamedFamily(event, [&](auto family) { sw.teardown<decltype(family)>(vrf); });
 }
 
-/// A recording's word on when what follows happened; the machines know no time.
-void applyTime(const Event& event, Switch&) {
-  if (!parseTime(event.string("at"))) {
-    event.refuse("at", "a time, such as \"2026-05-04T10:00:00.5Z\"");
-  }
-}
-
 constexpr Op kOps[] = {
     {"vrf",
      {"name"},
@@ -173,11 +166,11 @@ constexpr Op kOps[] = {
     {"ribReady", {"vrf", "value"}, applyRibReady},
     {"startRibReadyVerification", {"vrf", "value"}, applyStartRibReadyVerification},
     {"notifyFecs", {"family"}, applyNotifyFecs},
-    {"time", {"at"}, applyTime},
     {"teardown", {"vrf", "family"}, applyTeardown},
 };
 
 constexpr std::string_view kDumpFields[] = {"vrf", "family"};
+constexpr std::string_view kTimeFields[] = {"at"};
 
 /// Switches the levels of both families' facilities.
 void enableTraces(uint32_t levels) {
@@ -245,6 +238,7 @@ std::string Player::takeFailures() {
 void Player::apply(std::string_view line) {
   const Event event = Event::parse(line);
   if (event.op() == "dump") return dump(event);
+  if (event.op() == "time") return time(event);
   const auto* op = std::find_if(std::begin(kOps), std::end(kOps),
                                 [&](const Op& known) { return known.name == event.op(); });
   if (op == std::end(kOps)) event.refuse("op", "an operation");
@@ -261,6 +255,14 @@ void Player::dump(const Event& event) {
     for (const auto& [name, vrf] : sw_.vrfs()) selection.vrfs.push_back(&vrf);
   }
   output_.dump(sw_, selection);
+}
+
+/// The machines know no time.
+void Player::time(const Event& event) {
+  event.refuseOthersThan(kTimeFields);
+  const auto at = parseTime(event.string("at"));
+  if (!at) event.refuse("at", "a time, such as \"2026-05-04T10:00:00.5Z\"");
+  output_.time(*at);
 }
 
 void Player::dumpAll() {

@@ -83,6 +83,7 @@ class Player {
 
  private:
   void dump(const Event& event);
+  void time(const Event& event);
 
   Daemon::Switch& sw_;
   Output& output_;

@@ -137,6 +137,39 @@ TEST_F(DoctorTest, TablesAndTheProtocolBelongToNobodyElse) {
   EXPECT_EQ(examine(machine), std::vector<Advice>());
 }
 
+TEST_F(DoctorTest, RulesLeadPacketsPastTablesOfExportAndToThoseOfHosts) {
+  const Linux::Rule local{.priority = 0, .table = RT_TABLE_LOCAL};
+  const Linux::Rule main{.priority = 32766, .table = RT_TABLE_MAIN};
+  machine.rules = {local, main};
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+
+  machine.rules = {local, {.priority = 100, .table = 10}, main};
+  EXPECT_EQ(only().mend, "ip rule del pref 100 table 10");
+
+  // Another table in front of main hides it where nothing falls through.
+  machine.rules[1].table = 77;
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+  machine.routes = {route("0.0.0.0/0", 77, RTPROT_STATIC)};
+  EXPECT_EQ(only().mend.substr(0, 29), "ip rule del pref 100 table 77");
+  for (const Linux::Rule& harmless :
+       {Linux::Rule{.priority = 32767, .table = 77}, Linux::Rule{.family = 6, .table = 77},
+        Linux::Rule{.table = 77, .isForAll = false},
+        Linux::Rule{.table = 77, .skipsShort = true}}) {
+    machine.rules[1] = harmless;
+    EXPECT_EQ(examine(machine), std::vector<Advice>());
+  }
+
+  Linux::Link vrf;
+  vrf.name = "blue";
+  vrf.kind = "vrf";
+  vrf.vrfTable = 77;
+  machine.links = {vrf};
+  machine.rules = {local, {.priority = 1000, .isForVrfs = true}, main};
+  EXPECT_EQ(only().mend, "ip -6 rule add l3mdev pref 1000");
+  machine.rules.push_back({.family = 6, .priority = 5, .table = 77, .isForAll = false});
+  EXPECT_EQ(examine(machine), std::vector<Advice>());
+}
+
 TEST_F(DoctorTest, FrrHasToImportAndRedistributeTheTables) {
   write("etc/frr/frr.conf", "! ip import-table 10\nrouter bgp 65001\n");
   machine.frrRuns = false;

@@ -2,6 +2,8 @@
 #include "hostrouted/Config.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -99,12 +101,28 @@ TEST(ConfigTest, ErrorsNameFileLineKeyAndWhatWasExpected) {
        "f.toml:2: export.table6: table 255 (local) belongs to the kernel"},
       {"[export.vrf.blue]\ntable = 10",
        "f.toml: VRF default: table 10 is that of the VRF blue already"},
+      {"[daemon]\nshared-tables = \"a/b\"",
+       "f.toml:2: daemon.shared-tables: expected a name of at most 100 bytes without . and /"},
       {"[export", "f.toml:1: "},
   };
   for (const auto& [text, expected] : cases) {
     EXPECT_EQ(refusal(text).substr(0, std::string_view(expected).size()), expected) << text;
   }
   for (const char* file : {"/", "/no such file"}) EXPECT_THROW(Config::load(file), ConfigError);
+}
+
+TEST(ConfigTest, WhatIsNoRegularFileIsRefusedAndNotWaitedFor) {
+  const auto fifo = testing::TempDir() + "/config-" + std::to_string(::getpid());
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& file : {fifo, std::string("/dev/zero"), testing::TempDir()}) {
+    try {
+      Config::load(file);
+      ADD_FAILURE() << file;
+    } catch (const ConfigError& error) {
+      EXPECT_EQ(error.what(), file + ": expected a regular file");
+    }
+  }
+  ::unlink(fifo.c_str());
 }
 
 }  // namespace

@@ -2,7 +2,11 @@
 #include "hostrouted/Control.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,6 +22,7 @@
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "tests/hostrouted/RouterWorld.h"
+#include "tests/tovan/Damage.h"
 
 namespace Hostrouted {
 namespace {
@@ -140,6 +145,13 @@ TEST_F(ControlTest, CountersCountWhereThingsHappen) {
   EXPECT_EQ(value("neighbors", {{"verdict", "fed"}}), 2);
   EXPECT_EQ(value("neighbors", {{"verdict", "interface not selected"}}), 1);
   EXPECT_EQ(value("ready", json::object()), 1);
+
+  std::ifstream file(SOURCE_DIR "/cli/hostroute.1");
+  const std::string manual((std::istreambuf_iterator<char>(file)), {});
+  for (const auto& family : metrics) {
+    const auto name = family["name"].get<std::string>().substr(std::strlen("hostroute_"));
+    EXPECT_NE(manual.find("\n.B " + name), std::string::npos) << name << " is not in the manual";
+  }
 }
 
 TEST_F(ControlTest, RoutesAndNeighborsAreListedWithTheirStateInTheKernel) {
@@ -214,6 +226,42 @@ TEST_F(ControlTest, ATraceEndsWithItsTimeOrItsClientAndThereIsOneAtATime) {
   EXPECT_TRUE(reply.feed->hasEnded(world.now + 30));
   reply.feed.reset();
   EXPECT_TRUE(handle(request, kAdmin).feed);
+}
+
+TEST(DamageTest, WhatIsDamagedIsToldAndTheRestIsListed) {
+  auto config = RouterWorld::config();
+  config.sharedName = "control-test-" + std::to_string(::getpid());
+  RouterWorld world(config);
+  world.learn("10.0.1.5", 1);
+  world.learn("10.0.1.6", 1);
+  const auto table = config.sharedName + ".default.route4";
+  constexpr auto kValue = Tovan::kValue<Zemit::Prefix>;
+  ASSERT_EQ(Tovan::damage(table, *Zemit::Prefix::parse("10.0.1.5/32"), kValue), 1U);
+  const auto linesOf = [&](const std::string& request) {
+    const auto reply = world.control.handle(R"({"version":1,"request":)" + request + "}", kReader);
+    EXPECT_TRUE(reply.bulk) << reply.text;
+    std::stringstream text;
+    if (reply.bulk) reply.bulk(text);
+    std::map<std::string, int> counts;
+    for (std::string line; std::getline(text, line);) ++counts[json::parse(line).begin().key()];
+    return counts;
+  };
+  auto counts = linesOf(R"("routes","type":"attached_")");
+  EXPECT_EQ(counts["error"], 1);
+  EXPECT_EQ(counts["route"], 1);
+  counts = linesOf(R"("neighbors")");
+  EXPECT_EQ(counts["error"], 1);
+  EXPECT_EQ(counts["neighbor"], 2);
+  counts = linesOf(R"("dump")");
+  EXPECT_EQ(counts["error"], 1);
+  EXPECT_EQ(counts["dump"], 1);
+  counts = linesOf(R"("dump","format":"text")");
+  EXPECT_EQ(counts["error"], 1);
+  EXPECT_GT(counts["text"], 1);
+  const auto explained = json::parse(
+      world.control.handle(R"({"version":1,"request":"explain","address":"10.0.1.5"})", kReader)
+          .text);
+  EXPECT_TRUE(explained.contains("ok"));
 }
 
 class RecordingTest : public testing::Test {
@@ -295,6 +343,58 @@ TEST_F(RecordingTest, ThereIsOneAtATimeAndNoFileIsWrittenOver) {
   EXPECT_NE(again["error"].get<std::string>().find("there already"), std::string::npos) << again;
 }
 
+/// While it lives, no file of this process may become longer than so many bytes.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes) : formerSignal_(std::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &former_);
+    const rlimit limit{.rlim_cur = bytes, .rlim_max = former_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+  ~FullDisk() {
+    ::setrlimit(RLIMIT_FSIZE, &former_);
+    std::signal(SIGXFSZ, formerSignal_);
+  }
+
+ private:
+  rlimit former_{};
+  void (*formerSignal_)(int);
+};
+
+TEST_F(RecordingTest, AFullDiskEndsItAtTheEndOfALineAndStoppingItSaysSo) {
+  const auto request = [&](const std::string& fields) {
+    return json::parse(
+        world.control.handle(R"({"version":1,"request":"record",)" + fields + "}", kAdmin).text);
+  };
+  const auto file = directory + "/r";
+  ASSERT_EQ(request(R"("action":"start","file":"r")")["ok"], true);
+  {
+    // In the middle of a line.
+    const FullDisk full(std::filesystem::file_size(file) + 1000);
+    for (int last = 1; last < 100 && world.recorder.isOn(); ++last) {
+      world.learn("10.0.1." + std::to_string(last), 1);
+      world.recorder.endTurn();
+    }
+  }
+  ASSERT_FALSE(world.recorder.isOn());
+  std::ifstream in(file);
+  const std::string text((std::istreambuf_iterator<char>(in)), {});
+  EXPECT_TRUE(text.ends_with("}\n")) << text.substr(text.size() - 80);
+  EXPECT_GT(replayed(file).size(), 3U);
+  const auto stopped = request(R"("action":"stop")");
+  EXPECT_EQ(stopped["ok"], false);
+  EXPECT_NE(stopped["error"].get<std::string>().find("cannot be written: File too large"),
+            std::string::npos)
+      << stopped;
+  {
+    const FullDisk full(100);
+    EXPECT_EQ(request(R"("action":"start","file":"s")")["ok"], false);
+  }
+  EXPECT_FALSE(std::filesystem::exists(directory + "/s"));
+}
+
 TEST_F(RecordingTest, OnlyRootChoosesADirectory) {
   const auto ask = [&](const std::string& file, const Peer& peer) {
     const auto line = R"({"version":1,"request":"record","action":"start","file":")" + file + "\"}";
@@ -304,6 +404,7 @@ TEST_F(RecordingTest, OnlyRootChoosesADirectory) {
   EXPECT_FALSE(ask("../x", kAdmin));
   EXPECT_FALSE(ask("..", kAdmin));
   EXPECT_FALSE(ask("", kAdmin));
+  EXPECT_FALSE(ask("a\\u001b[31mb", kRoot));
   EXPECT_TRUE(ask(directory + "/x", kRoot));
 }
 

@@ -190,6 +190,15 @@ TEST_F(ProgramTest, ExplainsARecordingAndTellsItsHistory) {
   EXPECT_EQ(change["type"], "attached_");
   EXPECT_EQ(change["cause"]["prefix"], "10.0.0.0/24");
   EXPECT_TRUE(ask("history 10.0.0.6").second.is_discarded()) << "nothing became of it";
+
+  // With the time of the recording, where it says one.
+  EXPECT_FALSE(change.contains("time"));
+  const auto timed =
+      runShell("(echo '{\"op\":\"time\",\"at\":\"2026-05-04T10:00:00.5Z\"}'; printf '%s' '" +
+               std::string(kScene) +
+               "') | TZ=UTC " HOSTROUTE_PROGRAM " history 10.0.0.0/24 --vrf 'a/b%' --replay -");
+  EXPECT_NE(timed.text.find("6     2026-05-04 10:00:00.500  10.0.0.5/32"), std::string::npos)
+      << timed.text;
 }
 
 TEST_F(ProgramTest, SaysWhatIsWrong) {
