@@ -17,7 +17,7 @@
 #include "linux/Numbers.h"
 #include "linux/RouteRequest.h"
 #include "linux/RouteWriter.h"
-#include "platform/kiv/HashMap.h"
+#include "platform/kiv/containers/HashMap.h"
 
 namespace Linux {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/kiv/Hash.h"
+#include "platform/kiv/containers/Hash.h"
 
 namespace Linux {
 

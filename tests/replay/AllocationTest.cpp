@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon/Operation.h"
-#include "platform/kiv/Exception.h"
+#include "platform/kiv/containers/Exception.h"
 #include "tests/kiv/ShortMemory.h"
 #include "tests/replay/Dumps.h"
 
