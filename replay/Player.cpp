@@ -1,4 +1,4 @@
-// The recorded inputs of a switch, fed to its state machines again.
+// Applies the recorded inputs of a switch to its state machines.
 #include "replay/Player.h"
 
 #include <algorithm>
@@ -18,9 +18,9 @@ namespace {
 
 using Daemon::Switch;
 
-/// What an op is called, which fields it has, and what it does.
+/// An operation: its name, its fields and its function.
 ///
-/// All fields are read before anything is done.
+/// The function reads all fields before it changes anything, so a bad field changes nothing.
 struct Op {
   std::string_view name;
   std::array<std::string_view, 8> fields;
@@ -119,7 +119,7 @@ void forEachNamedFamily(const Event& event, Visit visit) {
 void applyInitialized(const Event& event, Switch& sw) {
   const auto vrf = event.vrf();
   const bool value = event.flag("value");
-  // What one machine fails on is no reason to keep the other from it.
+  // The failure of one family's machine must not keep the event from the other's.
   std::exception_ptr failure;
   forEachNamedFamily(event, [&](auto family) {
     try {
@@ -148,7 +148,7 @@ void applyTeardown(const Event& event, Switch& sw) {
   forEachNamedFamily(event, [&](auto family) { sw.teardown<decltype(family)>(vrf); });
 }
 
-/// A recording's word on when what follows happened; the machines know no time.
+/// The time of the events that follow. Checked and otherwise ignored: the machines do not use time.
 void applyTime(const Event& event, Switch&) {
   if (!parseTime(event.string("at"))) {
     event.refuse("at", "a time, such as \"2026-05-04T10:00:00.5Z\"");
@@ -179,7 +179,7 @@ constexpr Op kOps[] = {
 
 constexpr std::string_view kDumpFields[] = {"vrf", "family"};
 
-/// Switches the levels of both families' facilities.
+/// Enables exactly these levels of both families' trace facilities.
 void enableTraces(uint32_t levels) {
   Daemon::forEachFamily([levels](auto family) {
     for (unsigned level = 0; level < Kiv::TraceFacility::kLevels; ++level) {
@@ -201,8 +201,8 @@ Tracing::~Tracing() {
   Kiv::Tracer::sinkIs({});
 }
 
-/// Prints a record. An object that it names by its address, at the start, gets a number instead, so
-/// that two runs print the same.
+/// Prints a record. Replaces an object's memory address at its start by a number, so that two runs
+/// print the same text.
 void Tracing::trace(const Kiv::TraceRecord& record) {
   constexpr std::string_view kStart = "0x";
   const std::string_view message = record.message;
@@ -281,7 +281,7 @@ bool readLine(std::istream& in, std::string& line) {
     }
     line.append(piece.data(), taken);
     if (in.bad() || in.eof()) return !in.bad() && !line.empty();
-    // The piece is full, or the line feed is what would stand behind it.
+    // The buffer is full. The line continues, or its line feed is the next byte.
     if (line.size() > Player::kMaxLineBytes) return true;
     in.clear();
   }
@@ -344,7 +344,7 @@ Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostr
     } catch (const std::bad_alloc&) {
       failed("out of memory");
     } catch (const Pindo::Exception& error) {
-      // As the daemon would: the event is done as far as it went, and the next one comes.
+      // Like the daemon, keeps the changes made so far and goes on with the next event.
       failed(error.what());
     }
     if (failures_ != 0) failed(takeFailures());
