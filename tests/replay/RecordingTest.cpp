@@ -1,4 +1,4 @@
-// What is done to a switch, once it is written down and replayed, gives the same switch again.
+// Tests that the recorded operations of a switch, replayed, give the same switch.
 #include "replay/Recording.h"
 
 #include <gtest/gtest.h>
@@ -33,7 +33,7 @@ SetRoute<F> route(const char* vrf, const char* prefix, typename F::RouteType typ
                     .fecId = fec}};
 }
 
-/// A switch's life, in which each kind of operation and each of its members matters.
+/// A sequence of operations with each kind of operation and each of its members.
 std::vector<Operation> life() {
   const auto swp1 = intf("swp1"), odd = intf("swp\t\"2\"");
   const auto mac = *Zemit::EthAddr::parse("02:00:00:00:00:05");
@@ -84,7 +84,7 @@ std::string tablesOf(const Switch& sw) {
   return text;
 }
 
-TEST(RecordingTest, ALifeReplayedAfterEachStepGivesTheSameTables) {
+TEST(RecordingTest, ReplayingEachOperationGivesTheSameTables) {
   Switch lived, replayed;
   std::ostringstream printed;
   const auto output = Replay::jsonOutput(printed);
@@ -100,12 +100,12 @@ TEST(RecordingTest, ALifeReplayedAfterEachStepGivesTheSameTables) {
     ASSERT_EQ(tablesOf(replayed), tablesOf(lived)) << recorded;
     states.insert(tablesOf(lived));
   }
-  // The steps had something to show.
+  // The operations must have produced different states.
   EXPECT_GT(states.size(), 12u);
   EXPECT_NE(tablesOf(lived).find(R"("prefix":"10.0.0.5/32")"), std::string::npos);
 }
 
-TEST(RecordingTest, LinesSayWhatTheyMust) {
+TEST(RecordingTest, LinesHaveTheDocumentedFields) {
   const auto swp1 = intf("swp1");
   EXPECT_EQ(Replay::linesOf(SetFec<Ipv4>{Ipv4::Fec(2, {{.hop = kIpv6NextHop, .intf = swp1}})}),
             R"({"op":"fec","id":2,"family":4,"vias":[{"intf":"swp1","hop":"ipv6"}]})"
