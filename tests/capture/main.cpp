@@ -1,4 +1,4 @@
-// Makes the captures that the tests of messages read: what the kernel here tells of changes.
+// Makes the captures for the tests of messages: the kernel's notifications of changes.
 //
 // Usage, as root: netlink_capture DIR. Writes a file of netlink messages for each kind of change.
 #include <libmnl/libmnl.h>

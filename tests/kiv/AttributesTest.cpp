@@ -111,7 +111,7 @@ TEST_F(AttributesTest, OnlyOwnedEntitiesAreHeldAndKnowTheirOwner) {
   EXPECT_EQ(port->fullName(), "br0/eth 1/é");
   EXPECT_EQ(port->uriPath(), "/br0/port/eth%201%2F%C3%A9");
 
-  // The path of an entity may be long without overflowing the stack.
+  // A cycle of owners must not make a path endless.
   bridge->parentIs(port.get(), &Bridge::PortAttribute::kInfo);
   EXPECT_EQ(port->fullName(), "br0/eth 1/é");
   EXPECT_EQ(bridge->uriPath(), "/eth%201%2F%C3%A9/port/br0");
