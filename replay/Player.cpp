@@ -344,7 +344,7 @@ Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostr
     } catch (const std::bad_alloc&) {
       failed("out of memory");
     } catch (const Pindo::Exception& error) {
-      // Like the daemon, keeps the changes made so far and goes on with the next event.
+      // Like the daemon, keeps the changes made so far and continues with the next event.
       failed(error.what());
     }
     if (failures_ != 0) failed(takeFailures());

@@ -15,7 +15,7 @@ class ArpIntfStatus final : public Kiv::Entity {
   using Ptr = Kiv::Ptr<ArpIntfStatus>;
   using PtrConst = Kiv::Ptr<const ArpIntfStatus>;
 
-  /// Derive from this to be told of changes; a new notifiee is told of all entries at once.
+  /// Derive from this to be told of changes. A new notifiee is told of all entries at once.
   class NotifieeConst : public Kiv::NotifieeOf<ArpIntfStatus> {
    public:
     virtual void onArpEntry(const Zemit::IpAddr&) {}

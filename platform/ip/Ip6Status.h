@@ -22,7 +22,7 @@ class IntfStatus final : public Kiv::Entity {
   using Ptr = Kiv::Ptr<IntfStatus>;
   using PtrConst = Kiv::Ptr<const IntfStatus>;
 
-  /// Derive from this to be told of changes; a new notifiee is told of all addresses at once.
+  /// Derive from this to be told of changes. A new notifiee is told of all addresses at once.
   class NotifieeConst : public Kiv::NotifieeOf<IntfStatus> {
    public:
     virtual void onAddr(const Zemit::Ip6AddrWithMask&) {}

@@ -14,7 +14,7 @@ class IpIntfStatus final : public Kiv::Entity {
   using Ptr = Kiv::Ptr<IpIntfStatus>;
   using PtrConst = Kiv::Ptr<const IpIntfStatus>;
 
-  /// Derive from this to be told of changes; a new notifiee is told of all addresses at once.
+  /// Derive from this to be told of changes. A new notifiee is told of all addresses at once.
   class NotifieeConst : public Kiv::NotifieeOf<IpIntfStatus> {
    public:
     virtual void onActiveAddrWithMask() {}

@@ -324,7 +324,7 @@ TEST(Messages, ReadsVrfsAndVlans) {
   EXPECT_EQ(vlan.lower, 3U);
   EXPECT_EQ(vlan.master, 9U);
   EXPECT_EQ(vlan.masterKind, "vrf");
-  // What it stands on has that number in another namespace.
+  // The number of the lower interface belongs to another namespace.
   EXPECT_EQ(read<Link>(Made(vlanMessage).add(IFLA_LINK_NETNSID, uint32_t{0})).lower, 0U);
 }
 
