@@ -40,10 +40,10 @@ void require(bool holds, const char* what) {
 
 enum Event { kLearned, kUpdated, kLost };
 constexpr size_t kEvents = 3;
-constexpr size_t kHistory = 4096;  // entries
+constexpr size_t kHistory = 4096;  // changes that are kept
 constexpr const char* kEventNames[] = {"learned", "updated", "lost"};
 
-/// Different hosts in random order.
+/// Hosts in an order without system, none twice.
 std::vector<size_t> drawn(size_t count, size_t hosts, std::mt19937_64& random) {
   std::vector<size_t> batch(count);
   const size_t first = random() % hosts;
@@ -52,7 +52,7 @@ std::vector<size_t> drawn(size_t count, size_t hosts, std::mt19937_64& random) {
   return batch;
 }
 
-/// Adds the times of each kind of event on the hosts of `batch`, in nanoseconds.
+/// Nanoseconds of each kind of event, all done to the hosts of `batch`.
 template <class Subject>
 void timeEvents(Subject& subject, const std::vector<size_t>& batch,
                 std::vector<double> (&nanoseconds)[kEvents]) {

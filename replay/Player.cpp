@@ -148,7 +148,7 @@ void applyTeardown(const Event& event, Switch& sw) {
   forEachNamedFamily(event, [&](auto family) { sw.teardown<decltype(family)>(vrf); });
 }
 
-/// The time of the events that follow. Checked and otherwise ignored: the machines do not use time.
+/// A recording's word on when what follows happened; the machines know no time.
 void applyTime(const Event& event, Switch&) {
   if (!parseTime(event.string("at"))) {
     event.refuse("at", "a time, such as \"2026-05-04T10:00:00.5Z\"");

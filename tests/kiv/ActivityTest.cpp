@@ -1,4 +1,4 @@
-// Tests of activities: queued notifications and their delivery.
+// Activities: notifications that wait, and when they are delivered.
 #include "platform/kiv/Activity.h"
 
 #include <gtest/gtest.h>

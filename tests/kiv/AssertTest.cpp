@@ -1,4 +1,4 @@
-// Tests of assertions, and of the clock that a replay can replace.
+// Broken invariants, and the clock that a replay puts in place of the system's.
 #include "platform/kiv/Assert.h"
 
 #include <gtest/gtest.h>

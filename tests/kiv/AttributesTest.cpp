@@ -1,4 +1,4 @@
-// Tests of the attributes of entities: storage, notifications and ownership.
+// Attributes of entities: what is stored, what is announced, who owns what.
 #include "platform/kiv/Attributes.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tests of HashMap against a model, and of iterators during changes.
+// Tests of HashMap against a model, and of what an iterator survives.
 #include "platform/kiv/HashMap.h"
 
 #include <gtest/gtest.h>

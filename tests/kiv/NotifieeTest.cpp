@@ -1,4 +1,4 @@
-// Tests of notifications: their receivers, and changes during a notification.
+// Who is told of a change, and what may happen meanwhile.
 #include "platform/kiv/Notifiee.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tests of the ordered hash map against a std::set of its keys.
+// A hash map's keys in order, beside a std::set of them.
 #include "platform/kiv/OrderedHashMap.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tests of handles and reference counts.
+// Handles and the counts of the objects they hold.
 #include "platform/kiv/Ptr.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tests of rows with several columns against one std::map for each column.
+// Rows with several columns, beside a std::map for each column.
 #include "platform/kiv/Rows.h"
 
 #include <gtest/gtest.h>

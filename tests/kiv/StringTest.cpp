@@ -1,4 +1,4 @@
-// Tests of strings, names and their hashes.
+// Strings, names, and the hashes under which tables keep them.
 #include "platform/kiv/String.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tests of tracing: the trace records and their destination, and the cost of disabled statements.
+// Tracing: what is written, what a record says, and what a disabled statement does not do.
 #include "platform/kiv/Trace.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tests of events during which an allocation fails.
+// An allocation that fails in the middle of an event.
 #include <functional>
 #include <new>
 #include <string>
@@ -40,7 +40,7 @@ Step fecStep(const char* intf) {
   return [=](Switch& sw) { sw.setFec(Ipv4::Fec(1, {{.hop = {}, .intf = portNamed(intf)}})); };
 }
 
-/// Continues after a failed step, like the daemon. Returns the number of failed steps.
+/// Goes on when a step fails, as the daemon does. Returns how many did.
 size_t playSteps(Switch& sw, const Steps& steps) {
   size_t failures = 0;
   for (const Step& step : steps) {
@@ -61,14 +61,14 @@ std::string routesOf(const Switch& sw) {
   const auto& routing = sw.vrfs().at("default").routing<Ipv4>();
   for (auto shown : Replay::shownRoutes<Ipv4>(*routing.routeStatus, *sw.shared<Ipv4>().forwarding,
                                               [](const auto&) { return true; })) {
-    // An adjacency's number depends on earlier adjacencies, so it is not compared.
+    // An adjacency's number depends on which were there before.
     if (shown.route.fecId >= Ipv4::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
     text += Replay::routeJson<Ipv4>(shown).text() + "\n";
   }
   return text;
 }
 
-// After the failure the process continues. The same inputs, applied again, restore the full state.
+// The process goes on, and what it is told again afterwards makes it whole.
 TEST(AllocationTest, MayFailAnywhereInAnEvent) {
   const Steps before{[](Switch& sw) { sw.setInterface(portNamed(), "default"); },
                      [](Switch& sw) { sw.setInitialized<Ipv4>("default", true); },
