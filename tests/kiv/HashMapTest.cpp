@@ -266,23 +266,23 @@ TEST(HashMapTest, NoGenerationIsThatOfTheEmptyMap) {
 }
 
 /// Reads the map in its destructor.
-struct Inquisitive : Object {
-  using Map = HashMap<uint64_t, Ptr<Inquisitive>>;
-  explicit Inquisitive(const Map& from) : map(from) {}
-  ~Inquisitive() override { keysSeen = map.keys(); }
+struct MapReader : Object {
+  using Map = HashMap<uint64_t, Ptr<MapReader>>;
+  explicit MapReader(const Map& from) : map(from) {}
+  ~MapReader() override { keysSeen = map.keys(); }
   const Map& map;
   static inline std::vector<uint64_t> keysSeen;
 };
 
 // The destructor of an erased value must find the map in a consistent state.
 TEST(HashMapTest, AValueMayUseTheMapWhileItIsErased) {
-  Inquisitive::Map map;
-  map.tryEmplace(1, make<Inquisitive>(map));
-  map.tryEmplace(2, make<Inquisitive>(map));
+  MapReader::Map map;
+  map.tryEmplace(1, make<MapReader>(map));
+  map.tryEmplace(2, make<MapReader>(map));
   map.erase(1);
-  EXPECT_EQ(Inquisitive::keysSeen, std::vector<uint64_t>{2});
+  EXPECT_EQ(MapReader::keysSeen, std::vector<uint64_t>{2});
   map.clear();
-  EXPECT_EQ(Inquisitive::keysSeen, std::vector<uint64_t>{});
+  EXPECT_EQ(MapReader::keysSeen, std::vector<uint64_t>{});
 }
 
 TEST(HashMapTest, AReservedMapIsNotRebuilt) {

@@ -125,24 +125,24 @@ TEST_F(RowsTest, AValueKeepsItsAddressWhileOthersAreInsertedAndErased) {
 }
 
 /// Reads the column in its destructor.
-struct LooksBack : Object {
-  using Table = Rows<Key, Ptr<LooksBack>, uint64_t>;
-  using Column = Table::Column<Ptr<LooksBack>>;
-  explicit LooksBack(const Column& from) : column(from) {}
-  ~LooksBack() override { keysSeen = column.keys(); }
+struct ColumnReader : Object {
+  using Table = Rows<Key, Ptr<ColumnReader>, uint64_t>;
+  using Column = Table::Column<Ptr<ColumnReader>>;
+  explicit ColumnReader(const Column& from) : column(from) {}
+  ~ColumnReader() override { keysSeen = column.keys(); }
   const Column& column;
   static inline std::vector<Key> keysSeen;
 };
 
 // The destructor of an erased value must find the rows in a consistent state.
 TEST(RowsOfObjectsTest, AValueMayUseTheColumnWhileItIsErased) {
-  LooksBack::Table rows;
-  LooksBack::Column column(rows);
-  for (const Key key : {1U, 2U, 3U}) column.tryEmplace(key, make<LooksBack>(column));
+  ColumnReader::Table rows;
+  ColumnReader::Column column(rows);
+  for (const Key key : {1U, 2U, 3U}) column.tryEmplace(key, make<ColumnReader>(column));
   column.erase(column.iterator().key());
-  EXPECT_EQ(LooksBack::keysSeen, (std::vector<Key>{2, 3}));
+  EXPECT_EQ(ColumnReader::keysSeen, (std::vector<Key>{2, 3}));
   column.clear();
-  EXPECT_EQ(LooksBack::keysSeen, std::vector<Key>{});
+  EXPECT_EQ(ColumnReader::keysSeen, std::vector<Key>{});
 }
 
 }  // namespace

@@ -70,9 +70,8 @@ class ExplainTest : public testing::TestWithParam<std::tuple<uint64_t, std::stri
   void play(Check check) {
     const auto& [seed, universe] = GetParam();
     Golden::Generator generator(seed, Golden::weightsOf(universe));
-    const size_t events = universe == "crowded"
-                              ? 1100
-                              : 700;  // the first events mostly add the neighbours of the crowd
+    // The first events of a crowded universe mostly add neighbours.
+    const size_t events = universe == "crowded" ? 1100 : 700;
     for (size_t number = 1; number <= events && !HasFailure(); ++number) {
       const auto event = generator.next();
       SCOPED_TRACE("event " + std::to_string(number) + " " + event.dump());

@@ -34,7 +34,7 @@ SetRoute<F> route(const char* vrf, const char* prefix, typename F::RouteType typ
 }
 
 /// A sequence of operations with each kind of operation and each of its members.
-std::vector<Operation> life() {
+std::vector<Operation> operations() {
   const auto swp1 = intf("swp1"), odd = intf("swp\t\"2\"");
   const auto mac = *Zemit::EthAddr::parse("02:00:00:00:00:05");
   return {
@@ -85,24 +85,24 @@ std::string tablesOf(const Switch& sw) {
 }
 
 TEST(RecordingTest, ReplayingEachOperationGivesTheSameTables) {
-  Switch lived, replayed;
+  Switch original, replayed;
   std::ostringstream printed;
   const auto output = Replay::jsonOutput(printed);
   Replay::Player player(replayed, *output, {});
   std::set<std::string> states;
-  for (const Operation& operation : life()) {
-    apply(lived, operation);
+  for (const Operation& operation : operations()) {
+    apply(original, operation);
     const std::string recorded = Replay::linesOf(operation);
     std::istringstream lines(recorded);
     for (std::string line; std::getline(lines, line);) {
       ASSERT_NO_THROW(player.apply(line)) << line;
     }
-    ASSERT_EQ(tablesOf(replayed), tablesOf(lived)) << recorded;
-    states.insert(tablesOf(lived));
+    ASSERT_EQ(tablesOf(replayed), tablesOf(original)) << recorded;
+    states.insert(tablesOf(original));
   }
   // The operations must have produced different states.
   EXPECT_GT(states.size(), 12u);
-  EXPECT_NE(tablesOf(lived).find(R"("prefix":"10.0.0.5/32")"), std::string::npos);
+  EXPECT_NE(tablesOf(original).find(R"("prefix":"10.0.0.5/32")"), std::string::npos);
 }
 
 TEST(RecordingTest, LinesHaveTheDocumentedFields) {

@@ -25,9 +25,9 @@ using Random = std::mt19937_64;
 
 /// Random actions of other code on a switch: writes to its tables without a notification, and
 /// direct calls of its machines' handlers.
-class Stranger {
+class OtherCode {
  public:
-  Stranger(Daemon::Switch& sw, uint64_t seed) : sw_(sw), random_(seed) {}
+  OtherCode(Daemon::Switch& sw, uint64_t seed) : sw_(sw), random_(seed) {}
 
   void act() {
     // Some actions throw in some states. They throw at every trace level alike.
@@ -224,9 +224,9 @@ std::vector<State> statesOf(uint64_t seed, const std::string& universe, const Wa
   Random random(seed);
   std::vector<State> states;
   for (int number = 0; number < kEvents; ++number) {
-    if (random() % 3 == 0) Stranger(sw, random()).act();
+    if (random() % 3 == 0) OtherCode(sw, random()).act();
     const uint64_t callback = random();
-    if (random() % 4 == 0) observers.thenIs([&sw, callback] { Stranger(sw, callback).act(); });
+    if (random() % 4 == 0) observers.thenIs([&sw, callback] { OtherCode(sw, callback).act(); });
     const auto event = generator.next().dump();
     try {
       player.apply(event);
