@@ -1,4 +1,5 @@
-// The engine under the loads of a switch: what an event costs beside the floor, and how costs grow.
+// The engine under the loads of a switch: the cost of an event beside the floor, and the growth of
+// costs.
 #include <sys/mman.h>
 
 #include <chrono>
@@ -15,13 +16,13 @@
 namespace Bench {
 namespace {
 
-/// What a run is asked to do.
+/// The options of a run.
 struct Options {
   bool quick = false;      ///< a tenth of the sizes, and fewer rounds
   std::string filter;      ///< only the measurements whose names contain this
-  size_t scale = 1;        ///< by which sizes are divided
-  size_t rounds = 25;      ///< of which medians are taken
-  size_t repetitions = 3;  ///< of what takes long
+  size_t scale = 1;        ///< divisor of the sizes
+  size_t rounds = 25;      ///< number of rounds for a median
+  size_t repetitions = 3;  ///< repetitions of long measurements
 
   bool wants(const std::string& name) const { return name.find(filter) != std::string::npos; }
   std::vector<size_t> sizes(std::initializer_list<size_t> all) const {
@@ -95,10 +96,10 @@ void memory(const std::string& name, size_t hosts) {
          {{"bytes", engine}, {"floor_bytes", floor}, {"ratio", engine / floor}});
 }
 
-/// How long single events take while the tables grow from nothing.
+/// The times of single events while the tables grow from empty.
 ///
-/// Each run makes the same calls on the same data, so what is slow in every one of them is the
-/// engine's doing: of each event, the shortest time counts.
+/// Each run makes the same calls on the same data. Of each event the shortest time counts, because
+/// only the engine's own delays repeat in every run.
 template <class F>
 void latency(const Options& options, const std::string& name, size_t hosts) {
   std::vector<size_t> order(hosts);
@@ -148,7 +149,7 @@ void latency(const Options& options, const std::string& name, size_t hosts) {
   munmap(shortest, count * sizeof(float));
 }
 
-// The loads. Each is run at several sizes; `Series` fits how its figures grow.
+// The loads. Each runs at several sizes; `Series` fits the growth of its figures.
 
 /// The figures of one load at several sizes.
 class Series {
@@ -179,8 +180,8 @@ class Series {
   std::vector<std::vector<std::pair<double, double>>> costs_;
 };
 
-/// Seconds for, and bytes held after, a table of prefixes behind a gateway on an interface with
-/// neighbours; with the machine gone, only the input tables are filled.
+/// Adds prefixes behind a gateway on an interface with neighbours. Returns the seconds and the
+/// additional bytes. Without the machine only the input tables are filled.
 template <class F>
 std::vector<double> gatewayRun(size_t prefixes, size_t neighbors, bool withMachine) {
   return inProcess([&]() -> std::vector<double> {
@@ -202,7 +203,7 @@ std::vector<double> gatewayRun(size_t prefixes, size_t neighbors, bool withMachi
   });
 }
 
-/// 1. A full table behind a gateway, on an interface with ever more neighbours.
+/// 1. A full table behind a gateway, on an interface with a growing number of neighbours.
 template <class F>
 void behindGateway(const Options& options, const std::string& name) {
   const size_t prefixes = 1'000'000 / options.scale;
@@ -218,7 +219,8 @@ void behindGateway(const Options& options, const std::string& name) {
   }
 }
 
-/// 2. More specific routes that come and go under a cover with many hosts, ten in each.
+/// 2. More specific routes, with ten hosts in each, are added and removed under a cover with many
+///    hosts.
 template <class F>
 void nestedCovers(const Options& options, const std::string& name) {
   Series series(name, {"added_ns", "removed_ns"});
@@ -253,7 +255,7 @@ void nestedCovers(const Options& options, const std::string& name) {
   }
 }
 
-/// 3. A FEC that gains and loses an interface on which there is no host: no host changes.
+/// 3. A FEC gains and loses an interface without hosts, so that no host route changes.
 template <class F>
 void fecChange(const Options& options, const std::string& name) {
   Series series(name, {"changed_ms", "learned_ms"});
@@ -285,7 +287,8 @@ void fecChange(const Options& options, const std::string& name) {
   }
 }
 
-/// Times the same events on two subjects in turn; the ratio of their medians.
+/// Times the same events alternately on two subjects. Returns the mean of the events' medians for
+/// each.
 template <class Subject, class Other>
 std::vector<double> compared(const Options& options, Subject& subject, Other& other, size_t hosts,
                              size_t otherHosts) {
@@ -305,14 +308,14 @@ std::vector<double> compared(const Options& options, Subject& subject, Other& ot
   return {sum / kCount, otherSum / kCount};
 }
 
-/// A switch with virtual addresses or several VRFs, under the events of neighbours.
+/// A switch with virtual addresses or several VRFs, for events of neighbours.
 template <class F>
 class LadenSwitch {
  public:
   /// Each VRF has its own interfaces, subnets and `hosts` neighbours.
   LadenSwitch(size_t vrfs, size_t hosts, size_t virtualIps) : hosts_(hosts) {
     for (size_t i = 0; i < virtualIps; ++i) {
-      // None is a neighbour's.
+      // The virtual addresses are not those of neighbours.
       const auto addr = Net<F>::addr(50'000 + i / 250, i % 250);
       const L3::VrfName vrf{Kiv::String(std::string_view(scene_.kVrf))};
       if constexpr (Net<F>::kIsIpv4) {
@@ -330,7 +333,8 @@ class LadenSwitch {
         scene_.direct(subnet + 1, {intfs_.back()});
         scene_.route(Net<F>::subnet(subnet), subnet + 1, true, name);
       }
-      // As a daemon does; a machine that is not initialized notes every neighbour of the switch.
+      // Initialized as in a daemon, because a machine that is not initialized tracks every
+      // neighbour of the switch.
       Daemon::forEachFamily(
           [&](auto family) { scene_.sw.template setInitialized<decltype(family)>(name, true); });
     }
@@ -355,7 +359,7 @@ class LadenSwitch {
   uint64_t changes_ = 1;
 };
 
-/// 4. Events beside ever more virtual addresses.
+/// 4. Events beside a growing number of virtual addresses.
 template <class F>
 void virtualAddresses(const Options& options, const std::string& name) {
   Series series(name, {"ns"});
@@ -372,8 +376,9 @@ void virtualAddresses(const Options& options, const std::string& name) {
   }
 }
 
-/// 5. Events on a switch with ever more VRFs, beside one with a single VRF of the same size, and
-/// beside one with a single VRF that has all the neighbours: that one misses the caches as often.
+/// 5. Events on a switch with a growing number of VRFs. The first peer is a switch with a single
+///    VRF of the same size. The second has a single VRF with all neighbours and thus as many cache
+///    misses.
 template <class F>
 void manyVrfs(const Options& options, const std::string& name) {
   Series series(name, {"ns"});
@@ -395,7 +400,8 @@ void manyVrfs(const Options& options, const std::string& name) {
   }
 }
 
-/// 6. A full table and its neighbours, there before the machine is told or fed to it afterwards.
+/// 6. A full table and its neighbours, present before the machine's initialization or fed to it
+///    afterwards.
 template <class F>
 void startUp(const Options& options, const std::string& name) {
   Series series(name, {"start_s", "feed_s"});
@@ -458,7 +464,7 @@ void manyAddresses(const Options& options, const std::string& name) {
 }
 
 void run(const Options& options) {
-  // Level 0 is switched on in places, for what its statements cost, not for what they say.
+  // Some measurements enable trace level 0 for its cost. The records are dropped.
   Kiv::Tracer::sinkIs([](const Kiv::TraceRecord&) {});
   forEachFamily([&](auto family, const std::string& suffix) {
     using F = decltype(family);

@@ -1,8 +1,8 @@
-// HashMap beside the two fastest open-addressing maps in common use, where they are installed.
+// HashMap beside the two fastest open-addressing maps in common use, if these are installed.
 //
-// Every map gets the hash function its makers give it: ours is seeded, absl's too, boost's is not
-// but mixes once more inside. Run it with --benchmark_enable_random_interleaving=true and some
-// repetitions, so that all meet the same machine.
+// Every map uses its own default hash function. Ours and absl's are seeded. Boost's is not, but the
+// map mixes the hash again. Run with --benchmark_enable_random_interleaving=true and some
+// repetitions, so that all maps run under the same conditions.
 #include <benchmark/benchmark.h>
 #include <time.h>
 
@@ -24,7 +24,7 @@
 
 namespace {
 
-/// A key of 16 bytes, such as an IPv6 address, or 24, such as an IPv6 prefix.
+/// A key of 16 bytes, the size of an IPv6 address, or of 24 bytes, that of an IPv6 prefix.
 template <size_t kWords>
 struct Words {
   std::array<uint64_t, kWords> words{};
@@ -172,7 +172,7 @@ void erase(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-// One in, one out, at a constant size.
+// Alternates insertions and erasures at a constant size.
 template <class M, class K>
 void churn(benchmark::State& state) {
   const auto count = static_cast<size_t>(state.range(0));
@@ -198,7 +198,7 @@ void iterate(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-// With the iterator that survives changes.
+// Uses the iterator that stays valid across changes.
 template <class M, class K>
 void walk(benchmark::State& state) {
   const auto map = filled<M>(randomKeys<K>(static_cast<size_t>(state.range(0)), 1));
@@ -216,7 +216,7 @@ double threadSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// The time shown is the processor time of the longest insertion on the way.
+// Reports the processor time of the longest insertion during the growth.
 template <class M, class K>
 void longestInsertion(benchmark::State& state) {
   const auto keys = randomKeys<K>(static_cast<size_t>(state.range(0)), 1);
@@ -234,7 +234,7 @@ void longestInsertion(benchmark::State& state) {
   }
 }
 
-/// Nanoseconds of one search among `keys`, with the hash seed that is in force.
+/// The time of one search among `keys` with the current hash seed, in nanoseconds.
 double searchTime(const std::vector<Key8>& keys) {
   const auto map = filled<Ours<Key8>>(keys);
   const auto sought = shuffled(keys);
@@ -247,8 +247,8 @@ double searchTime(const std::vector<Key8>& keys) {
   return least / static_cast<double>(keys.size()) * 1e9;
 }
 
-// Keys a fixed distance apart, as addresses of a subnet are. The time shown is that of a search
-// with the worst of 100 hash seeds; `beside_random` compares it with the median of random keys.
+// Keys at a fixed distance, like the addresses of a subnet. Reports the time of a search with the
+// worst of 100 hash seeds. `beside_random` is its ratio to the median of random keys.
 void worstSeed(benchmark::State& state, unsigned shift) {
   const auto count = static_cast<size_t>(state.range(0));
   std::vector<Key8> keys(count);

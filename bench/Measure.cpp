@@ -1,4 +1,4 @@
-// How the engine benchmark measures and reports.
+// Measuring and reporting for the engine benchmark.
 #include "bench/Measure.h"
 
 #include <malloc.h>

@@ -1,4 +1,4 @@
-// How the engine benchmark measures and reports.
+// Measuring and reporting for the engine benchmark.
 #pragma once
 
 #include <time.h>
@@ -13,7 +13,7 @@
 
 namespace Bench {
 
-/// Seconds of processor time this thread has used: what others do on the machine is not in it.
+/// The processor time of this thread, in seconds. Excludes other processes.
 inline double cpuSeconds() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -33,22 +33,22 @@ inline double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-/// Bytes of memory this process has in use, freed heap given back first.
+/// The resident memory of this process, in bytes, after returning freed heap to the system.
 double residentBytes();
 
-/// What `measure` returns, run in a process of its own: with a fresh heap, and nothing left behind.
+/// Runs `measure` in a process of its own, with a fresh heap, and returns its result.
 /// \throws std::runtime_error when the process fails.
 std::vector<double> inProcess(const std::function<std::vector<double>()>& measure);
 
-/// Named figures of one measurement, in the order in which they are shown.
+/// The named figures of one measurement, in the order of the output.
 using Figures = std::vector<std::pair<std::string, double>>;
 
-/// Shows the figures of `name` at `size`, and keeps them as a line of JSON if a file is open.
+/// Prints the figures of `name` at `size`, and writes them as a line of JSON if a file is open.
 void report(const std::string& name, double size, const Figures& figures);
 /// Opens the file to which report() writes its JSON lines.
 void reportTo(const std::string& path);
 
-/// The power of the size with which a cost grows: the slope of the line through the logarithms.
+/// The exponent of a cost's growth with the size: the slope of a line fitted to the logarithms.
 inline double exponentOf(const std::vector<std::pair<double, double>>& costBySize) {
   double x = 0, y = 0, xx = 0, xy = 0;
   for (const auto& [size, cost] : costBySize) {

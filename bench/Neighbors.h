@@ -1,4 +1,5 @@
-// One neighbour learned, updated and lost: the engine's whole road, and beside it the floor.
+// Events of one neighbour (learned, updated, lost): the engine's whole processing, and the floor
+// beside it.
 #pragma once
 
 #include <algorithm>
@@ -19,7 +20,7 @@
 
 namespace Bench {
 
-/// Where the hosts are: so many on each subnet, a subnet on each interface.
+/// The places of the hosts: one subnet on each interface, kHostsPerSubnet hosts on each subnet.
 template <class F>
 class Plan {
  public:
@@ -39,7 +40,7 @@ class Plan {
   std::vector<Zemit::IntfId> intfs;
 };
 
-/// The engine under the events of neighbours.
+/// The engine, for events of neighbours.
 template <class F>
 class Engine {
  public:
@@ -58,7 +59,7 @@ class Engine {
   }
   void lose(size_t host) { scene_.neighbor(plan_.intfOf(host), plan_.host(host), false); }
   size_t routes() { return scene_.hostRoutes(); }
-  /// Keeps the last so many changes of host routes; 0 for none.
+  /// Keeps the last `entries` changes of host routes; 0 for none.
   void historyIs(size_t entries) { scene_.sw.historyIs(entries); }
 
  private:
@@ -67,7 +68,8 @@ class Engine {
   uint64_t changes_ = 1;
 };
 
-/// What any implementation has to look up and to write for the same outcome, on plain hash maps.
+/// The floor: the look-ups and writes that every implementation needs for the same result, on plain
+/// hash maps.
 template <class F>
 class Floor {
  public:

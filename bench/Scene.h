@@ -1,4 +1,4 @@
-// A switch with its tables in this process's own memory, as the engine benchmark sets it up.
+// The switch of the engine benchmark. Its tables are in this process's memory.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace Bench {
 
-/// The addresses that the loads are made of. A subnet holds some 250 hosts.
+/// The addresses of the loads. A subnet has about 250 hosts.
 template <class F>
 struct Net {
   using Addr = typename F::Addr;
@@ -27,13 +27,13 @@ struct Net {
     }
   }
   static Prefix subnet(size_t index) { return Prefix::enclosing(addr(index, 0), kSubnetBits); }
-  /// What covers all subnets.
+  /// The prefix that covers all subnets.
   static Prefix cover() { return Prefix::enclosing(addr(0, 0), kCoverBits); }
-  /// A prefix outside the cover, another one for each index below 2^20, scattered.
+  /// A prefix outside the cover. Indices below 2^20 give different, scattered prefixes.
   static Prefix outside(size_t index) {
     const uint64_t place = index * 0x9E3779B1 % (uint64_t{1} << 20);
     const bool isLong =
-        index % 10 < 6;  // the Internet's most frequent length, and one for the rest
+        index % 10 < 6;  // the most frequent length in the Internet, or a shorter one
     if constexpr (kIsIpv4) {
       const auto bits =
           static_cast<uint32_t>(isLong ? 0x40000000 + (place << 8) : 0x80000000 + (place << 10));
@@ -47,7 +47,7 @@ struct Net {
   }
 };
 
-/// The tables of a switch, by the shortest words for what the loads do to them.
+/// A switch with short functions for the operations of the loads.
 template <class F>
 class Scene {
  public:
@@ -60,13 +60,13 @@ class Scene {
   }
 
   void initialized(std::string_view vrf = kVrf) { sw.setInitialized<F>(vrf, true); }
-  /// A FEC that leaves directly through `intfs`.
+  /// Sets a FEC with a direct via on each of `intfs`.
   void direct(uint64_t fecId, const std::vector<Zemit::IntfId>& intfs) {
     typename F::ForwardingStatus::Fec fec(fecId);
     for (const Zemit::IntfId via : intfs) fec.newVia({.hop = {}, .intf = via});
     sw.setFec(fec);
   }
-  /// A FEC that leaves through a gateway.
+  /// Sets a FEC with a via to a gateway.
   void gateway(uint64_t fecId, Zemit::IntfId via, const Addr& hop) {
     typename F::ForwardingStatus::Fec fec(fecId);
     fec.newVia({.hop = hop, .intf = via});
@@ -89,7 +89,7 @@ class Scene {
   const Daemon::HostRouting<F>& routing(std::string_view vrf = kVrf) {
     return sw.vrf(vrf).template routing<F>();
   }
-  /// The host routes in the route table that neighbours gave rise to.
+  /// The number of neighbour-derived host routes.
   size_t hostRoutes(std::string_view vrf = kVrf) {
     return F::neighborTable(*routing(vrf).root)->routeCount();
   }

@@ -1,6 +1,6 @@
-// Shared-memory maps beside a bare seqlock table and LMDB: updates, look-ups, growth.
+// Shared-memory maps beside a bare seqlock table and LMDB: updates, look-ups and growth.
 //
-// The bare table is the least that gives readers whole entries: fixed size, no checksum, no
+// The bare table is the minimum that gives readers consistent entries: fixed size, no checksum, no
 // journal.
 #include <benchmark/benchmark.h>
 #include <lmdb.h>
@@ -35,7 +35,7 @@ Value valueOf(uint64_t n) {
   return {n, n, n, n};
 }
 
-/// The keys 1..count, scrambled: an order that no cache foresees.
+/// The keys 1..count in random order, which no prefetcher can predict.
 std::vector<uint64_t> shuffledKeys(size_t count) {
   std::vector<uint64_t> keys(count);
   std::iota(keys.begin(), keys.end(), 1);
@@ -112,7 +112,7 @@ class BareTable {
   Slot* slots_;
 };
 
-/// LMDB in memory, without synchronising to disk; writes are committed a thousand at a time.
+/// LMDB in memory, without synchronisation to disk. Commits after every kBatch writes.
 class Lmdb {
  public:
   static constexpr size_t kBatch = 1000;
@@ -177,7 +177,7 @@ class Lmdb {
   size_t pending_ = 0;
 };
 
-/// Another process's LMDB; what it reads is as of the last thousand look-ups.
+/// A reader of another process's LMDB. Renews its snapshot after every thousand look-ups.
 class LmdbReader {
  public:
   explicit LmdbReader(const std::string& path) {
@@ -217,7 +217,7 @@ void fill(Table& table, const std::vector<uint64_t>& keys) {
   for (const uint64_t key : keys) table.set(key, valueOf(key));
 }
 
-/// New values for entries that are there.
+/// Updates of existing entries.
 template <class Table>
 void update(benchmark::State& state) {
   const auto keys = shuffledKeys(static_cast<size_t>(state.range(0)));
@@ -230,7 +230,7 @@ void update(benchmark::State& state) {
   }
 }
 
-/// A table filled from nothing; the time is that of one insertion.
+/// Fills an empty table. Reports the time of one insertion.
 template <class Table>
 void insertAll(benchmark::State& state) {
   const auto keys = shuffledKeys(static_cast<size_t>(state.range(0)));
@@ -252,7 +252,7 @@ void lookUpAll(benchmark::State& state, Table& table, const std::vector<uint64_t
   }
 }
 
-/// Look-ups by the object that wrote the table.
+/// Look-ups in the writer's own object.
 template <class Table>
 void lookUp(benchmark::State& state) {
   const auto keys = shuffledKeys(static_cast<size_t>(state.range(0)));
@@ -261,7 +261,7 @@ void lookUp(benchmark::State& state) {
   lookUpAll(state, table, keys);
 }
 
-// One table seen from two processes: owned() is called in the writer, attached() in the reader.
+// Tables for two processes: owned() opens the table in the writer, attached() in the reader.
 
 class TwoSidedMap {
  public:
@@ -299,7 +299,7 @@ class TwoSidedLmdb {
   std::string path_ = "/dev/shm/lmdb-bench" + std::to_string(::getpid());
 };
 
-/// Look-ups in another process's table, which is at rest or updated all the time.
+/// Look-ups in another process's table, which is unchanged or continuously updated.
 template <class TwoSided>
 void lookUpAttached(benchmark::State& state) {
   const auto keys = shuffledKeys(static_cast<size_t>(state.range(0)));
@@ -333,8 +333,8 @@ double cpuMicroseconds() {
   return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
 }
 
-/// What single insertions cost while the table grows: the longest, and all but one in 10,000.
-/// Processor time, page faults and system calls included, but not what else the machine runs.
+/// The costs of single insertions while the table grows: the longest, and the 99.99th percentile.
+/// Processor time, including page faults and system calls, excluding other processes.
 template <class Table>
 void growth(benchmark::State& state) {
   const auto keys = shuffledKeys(static_cast<size_t>(state.range(0)));
@@ -353,7 +353,8 @@ void growth(benchmark::State& state) {
     longest.push_back(times.back());
     usual.push_back(times[times.size() - times.size() / 10000 - 1]);
   }
-  // The least of several runs: interrupts are charged to whom they hit.
+  // The minimum of several runs, because the processor time of interrupts is charged to the running
+  // thread.
   state.counters["longest_us"] = *std::min_element(longest.begin(), longest.end());
   state.counters["p99.99_us"] = *std::min_element(usual.begin(), usual.end());
   state.counters["bytesPerEntry"] = bytes / static_cast<double>(keys.size());
@@ -383,7 +384,7 @@ BENCHMARK_ATTACHED(TwoSidedBareTable);
 BENCHMARK_ATTACHED(TwoSidedLmdb);
 BENCHMARK(growth<EmbeddedMap>)->Arg(kLarge)->Iterations(5)->Unit(benchmark::kMillisecond);
 BENCHMARK(growth<SharedMap>)->Arg(kLarge)->Iterations(5)->Unit(benchmark::kMillisecond);
-// Does not grow: what page faults, interrupts and the clock cost by themselves.
+// This table does not grow: the baseline of page faults, interrupts and the clock.
 BENCHMARK(growth<BareTable>)->Arg(kLarge)->Iterations(5)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What a trace statement costs while its level is off: the same loop with and without it.
+// The cost of a trace statement with its level off: the same loop with and without the statement.
 #include <benchmark/benchmark.h>
 
 #include "platform/kiv/containers/Hash.h"
@@ -12,7 +12,7 @@ class Machine final : public Kiv::NamedEntity {
  public:
   Machine() : NamedEntity("machine") {}
 
-  /// A short handler: a few instructions that depend on those of the call before.
+  /// A short handler of a few instructions, which depend on those of the previous call.
   template <bool kTraces>
   [[gnu::noinline]] uint32_t handle(uint32_t key) const {
     if constexpr (kTraces) {

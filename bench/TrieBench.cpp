@@ -1,6 +1,6 @@
-// Prefix tries beside one flat hash map per prefix length and DPDK's FIB library: longest match,
-// building, taking apart, the slowest single insertions, memory. Peers that are not installed are
-// left out.
+// Prefix tries beside one flat hash map for each prefix length and DPDK's FIB library: longest
+// match, insertion, deletion, the slowest single insertions, memory. Skips peers that are not
+// installed.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -42,7 +42,7 @@ using Zemit::Prefix;
 
 using Random = std::mt19937_64;
 
-/// How often, of a thousand, a prefix has each length: about as in the Internet's tables.
+/// The share of a prefix length, per mille. The shares are roughly those of the Internet's tables.
 struct Share {
   uint32_t len;
   uint32_t perMille;
@@ -69,8 +69,8 @@ Prefix draw(Random& random, const std::vector<Prefix>&) {
   const auto addr = static_cast<uint32_t>(0x01000000 + random() % (0xE0000000 - 0x01000000));
   return Prefix::enclosing(IpAddr(addr), drawLen(kShares4, random));
 }
-/// Allocations are drawn from a few large blocks, longer prefixes mostly from one of the
-/// allocations.
+/// Short prefixes are random in a few large blocks. Most longer prefixes are inside a former
+/// prefix.
 Ip6Prefix draw(Random& random, const std::vector<Ip6Prefix>& former) {
   constexpr uint64_t kBlocks[] = {0x2001, 0x2400, 0x2600, 0x2604, 0x2800, 0x2a00, 0x2a02, 0x2c00};
   const uint32_t len = drawLen(kShares6, random);
@@ -84,7 +84,7 @@ Ip6Prefix draw(Random& random, const std::vector<Ip6Prefix>& former) {
 template <class P>
 constexpr size_t kPrefixes = std::is_same_v<P, Prefix> ? 1'000'000 : 200'000;
 
-/// Different prefixes, in no order.
+/// Different prefixes in random order.
 template <class P>
 const std::vector<P>& prefixes() {
   static const auto result = [] {
@@ -110,7 +110,7 @@ Ip6Addr inside(const Ip6Prefix& prefix, Random& random) {
           prefix.addr().low() | (random() & (last.low() ^ prefix.addr().low()))};
 }
 
-/// An address in each of randomly chosen prefixes.
+/// Addresses in randomly chosen prefixes.
 template <class P>
 const std::vector<typename P::Addr>& addresses() {
   static const auto result = [] {
@@ -129,7 +129,7 @@ size_t heapBytes() {
   return info.uordblks + info.hblkhd;
 }
 
-/// The set under test: match() gives the length of the longest match.
+/// Our trie. match() returns the length of the longest match.
 template <class P>
 class OurTrie {
  public:
@@ -152,8 +152,8 @@ std::pair<uint64_t, uint64_t> key(const Ip6Addr& addr) {
 template <class P>
 using Key = decltype(key(typename P::Addr()));
 
-/// One hash map for each length, tried from the longest in use to the shortest; the value stands
-/// for a next hop.
+/// One hash map for each length. A look-up tries the lengths in use, the longest first. The value
+/// represents a next hop.
 template <class P, class Map>
 class PerLength {
  public:
@@ -194,7 +194,7 @@ using Absl = PerLength<P, absl::flat_hash_map<Key<P>, uint32_t>>;
 #endif
 
 #ifdef HOSTROUTE_HAS_DPDK
-/// Starts DPDK on ordinary memory, without devices.
+/// Starts DPDK without huge pages and without devices.
 void startDpdk() {
   static const bool started = [] {
     const char* args[] = {"trie_bench", "--no-huge", "--no-shconf", "--no-pci",         "-m",
@@ -247,7 +247,7 @@ class Dpdk4 {
   size_t before_;
 };
 
-/// An IPv6 address as DPDK takes it.
+/// An IPv6 address in DPDK's form.
 struct Bytes {
   explicit Bytes(const Ip6Addr& addr) {
     const uint64_t words[] = {__builtin_bswap64(addr.high()), __builtin_bswap64(addr.low())};
@@ -293,7 +293,7 @@ class Dpdk6 {
   size_t before_;
 };
 
-/// Looked up only: taking one prefix out costs it milliseconds.
+/// Only for look-ups, because a deletion takes milliseconds.
 class Lpm6 {
  public:
   using Prefix = Ip6Prefix;
@@ -330,7 +330,7 @@ std::unique_ptr<Set> filled() {
   return set;
 }
 
-/// Look-ups of which each has to wait for the one before.
+/// Look-ups that each depend on the result of the previous one.
 template <class Set>
 void longestMatch(benchmark::State& state) {
   using P = typename Set::Prefix;
@@ -344,7 +344,7 @@ void longestMatch(benchmark::State& state) {
   state.counters["B/prefix"] = double(set->bytes()) / double(prefixes<P>().size());
 }
 
-/// One insertion into a set that grows from nothing.
+/// One insertion into a set that grows from empty.
 template <class Set>
 void insertion(benchmark::State& state) {
   const auto& all = prefixes<typename Set::Prefix>();
@@ -362,7 +362,7 @@ void insertion(benchmark::State& state) {
   }
 }
 
-/// One deletion from a set that shrinks to nothing.
+/// One deletion from a set that shrinks to empty.
 template <class Set>
 void deletion(benchmark::State& state) {
   auto all = prefixes<typename Set::Prefix>();
@@ -381,7 +381,7 @@ void deletion(benchmark::State& state) {
   }
 }
 
-/// The slowest single insertions while a set grows from nothing.
+/// The slowest single insertions while a set grows from empty.
 template <class Set>
 void slowestInsertion(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;

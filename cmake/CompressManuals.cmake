@@ -1,4 +1,4 @@
-# Run by cpack before it makes the packages of what it has installed into a folder of its own.
+# Compresses the manuals. cpack runs this in its staging folder before it makes the packages.
 file(GLOB_RECURSE manuals ${CPACK_TEMPORARY_DIRECTORY}/*.[1-8])
 list(FILTER manuals INCLUDE REGEX /share/man/)
 if(manuals)

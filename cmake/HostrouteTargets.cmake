@@ -1,18 +1,19 @@
-# How targets of this project are made: one library for each folder, all with the same warnings.
+# Functions that define the targets of this project: one library for each folder, all with the same
+# warnings.
 #
-# The target of the library NAME is hostroute_NAME, so that it does not meet a target of a project
-# that this one is put into. Whoever makes or uses a library here writes NAME.
+# The target of the library NAME is hostroute_NAME, so that it does not collide with a target of a
+# project that includes this one. The arguments of these functions are the plain names, NAME.
 
 add_library(hostroute_options INTERFACE)
 target_include_directories(hostroute_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_features(hostroute_options INTERFACE cxx_std_20)
-# Which warnings an embedding project wants is for that project to say.
+# An embedding project chooses its own warnings.
 if(PROJECT_IS_TOP_LEVEL)
   target_compile_options(hostroute_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 endif()
 
-# Sets `result` to the targets of what is named, each a library of this project or anything else that
-# can be linked.
+# Sets `result` to the targets of the given names. A name is a library of this project or anything
+# else that can be linked.
 function(hostroute_targets result)
   set(targets)
   foreach(name IN LISTS ARGN)
@@ -25,7 +26,7 @@ function(hostroute_targets result)
   set(${result} ${targets} PARENT_SCOPE)
 endfunction()
 
-# Adds find_package()d PACKAGES to `target`.
+# Finds packages with find_package() and links `target` with them.
 function(hostroute_packages target scope)
   foreach(package IN LISTS ARGN)
     find_package(${package} REQUIRED)
@@ -37,9 +38,9 @@ endfunction()
 
 # hostroute_library(NAME FOLDER... [HIDDEN] DEPENDS TARGET... PACKAGES PACKAGE...)
 #
-# A static library of the sources of the folders; an interface library while they hold headers only.
-# Other projects link it as hostroute::NAME. HIDDEN: once in a shared library, it shows of itself
-# what is marked KIV_EXPORT.
+# A static library of the sources of the folders; an interface library when the folders have only
+# headers. Other projects link it as hostroute::NAME. HIDDEN: in a shared library, only symbols
+# marked KIV_EXPORT are visible.
 function(hostroute_library name)
   cmake_parse_arguments(ARG "HIDDEN" "" "DEPENDS;PACKAGES" ${ARGN})
   hostroute_targets(depends ${ARG_DEPENDS})
@@ -67,8 +68,8 @@ endfunction()
 
 # hostroute_shared_library(TARGET OUTPUT OUTPUT EXPORT_NAME NAME OF LIBRARY... DEPENDS TARGET...)
 #
-# The versioned shared library libOUTPUT.so of the same objects as the static libraries. Other
-# projects find it as hostroute::EXPORT_NAME once it is installed.
+# The versioned shared library libOUTPUT.so, made of the static libraries' objects. Other projects
+# find the installed library as hostroute::EXPORT_NAME.
 function(hostroute_shared_library name)
   cmake_parse_arguments(ARG "" "OUTPUT;EXPORT_NAME" "OF;DEPENDS" ${ARGN})
   add_library(${name} SHARED)
@@ -88,8 +89,8 @@ endfunction()
 
 # hostroute_install(TARGET... HEADERS FOLDER...)
 #
-# Installs shared libraries and headers so that other projects find them, by find_package() or by
-# pkg-config, wherever the tree is moved to.
+# Installs shared libraries and headers. Other projects find them with find_package() or pkg-config.
+# The installed tree can be moved.
 function(hostroute_install)
   cmake_parse_arguments(ARG "" "" "HEADERS" ${ARGN})
   install(TARGETS ${ARG_UNPARSED_ARGUMENTS} EXPORT hostrouteTargets
@@ -116,7 +117,8 @@ endfunction()
 
 # hostroute_program(NAME FOLDER DEPENDS TARGET... PACKAGES PACKAGE...)
 #
-# An executable of the folder's sources. All but main.cpp go into the library NAME_lib, for the tests.
+# An executable of the folder's sources. All sources but main.cpp are in the library NAME_lib, which
+# the tests link.
 function(hostroute_program name folder)
   cmake_parse_arguments(ARG "" "" "DEPENDS;PACKAGES" ${ARGN})
   hostroute_targets(depends ${ARG_DEPENDS})
@@ -135,7 +137,7 @@ function(hostroute_program name folder)
 endfunction()
 
 # hostroute_test(NAME FOLDER [LABEL LABEL] DEPENDS TARGET...): a GoogleTest program of the folder's
-# sources, whose tests have the label.
+# sources. Its tests have the label LABEL.
 function(hostroute_test name folder)
   cmake_parse_arguments(ARG "" "LABEL" "DEPENDS" ${ARGN})
   hostroute_targets(depends ${ARG_DEPENDS})

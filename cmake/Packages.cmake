@@ -48,7 +48,7 @@ and descriptions for CMake and pkg-config.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "libhostroute${HOSTROUTE_ABI} (= ${PROJECT_VERSION})")
 
-# What Debian asks of every package: a copyright file, a compressed changelog and compressed manuals.
+# Debian requires of every package a copyright file, a compressed changelog and compressed manuals.
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/CompressManuals.cmake)
 find_program(GZIP gzip REQUIRED)
 set(changelog ${PROJECT_BINARY_DIR}/packages/changelog.gz)
@@ -62,7 +62,8 @@ foreach(component programs library development)
           DESTINATION ${folder} COMPONENT ${component} EXCLUDE_FROM_ALL)
 endforeach()
 
-# The service: its configuration is the administrator's, its unit is enabled and started.
+# The service. Its configuration is a conffile, so upgrades keep the administrator's changes. Its
+# unit is enabled and started.
 install(FILES hostrouted/hostrouted.toml
         DESTINATION /etc/hostroute COMPONENT programs EXCLUDE_FROM_ALL)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_CONTROL_EXTRA

@@ -1,4 +1,4 @@
-// One line of a replay: what happened, as fields that are checked when they are read.
+// One line of a replay: an event, whose fields are checked when they are read.
 #include "replay/Event.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ Event Event::parse(std::string_view line) {
   try {
     object = json::parse(line);
   } catch (const json::exception& error) {
-    // Without the library's own number and the line, which is always the first.
+    // Drops the library's error number and the line number, which is always 1.
     const std::string_view message = error.what();
     const auto column = message.find("column ");
     throw EventError("not JSON: " +

@@ -1,4 +1,4 @@
-// One line of a replay: what happened, as fields that are checked when they are read.
+// One line of a replay: an event, whose fields are checked when they are read.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 
 namespace Replay {
 
-/// A line is not an event. what() says which field is wrong, and why.
+/// A line is not a valid event. what() names the wrong field and gives the reason.
 class EventError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -25,8 +25,8 @@ class EventError : public std::runtime_error {
 
 /// The fields of one event, or of an object inside one.
 ///
-/// Each accessor throws EventError when the field is missing (unless it has a default), of another
-/// type, or has a value that is none of those allowed.
+/// Each accessor throws EventError when the field has another type or a value that is not allowed,
+/// and when a field without a default is missing.
 class Event {
  public:
   static constexpr uint64_t kMaxFecId = std::numeric_limits<uint32_t>::max();
@@ -53,7 +53,8 @@ class Event {
   /// The VRF that the event names, or the default one.
   std::string_view vrf(const char* field = "vrf") const;
   Zemit::IntfId intf(const char* field = "intf") const;
-  /// The value that the field's text stands for, such as an address; `what` says what it should be.
+  /// Parses the field's text, such as an address. `what` names the expected value in the error
+  /// message.
   template <class Value>
   Value value(const char* field, const char* what) const {
     const auto parsed = Value::parse(string(field));
@@ -68,11 +69,11 @@ class Event {
   template <class F>
   typename F::Fec fec() const;
 
-  /// The next hop in the field "hop" of a via of a FEC; the zero address where there is none.
+  /// The next hop in the field "hop" of a via of a FEC; the zero address when the field is missing.
   template <class F>
   typename F::Addr hop() const;
 
-  /// Whether the event is about the family of number `family`, by its field "family".
+  /// True when the field "family" is `family` (4 or 6) or missing.
   bool concerns(int family) const { return !has("family") || this->family() == family; }
   int family() const;
   /// Calls `visit` with the family of the address or prefix in `field`.

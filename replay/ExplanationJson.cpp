@@ -1,4 +1,4 @@
-// An explanation for programs.
+// Explanations as JSON.
 #include "replay/ExplanationJson.h"
 
 #include <string>

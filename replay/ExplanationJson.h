@@ -1,4 +1,4 @@
-// An explanation for programs.
+// Explanations as JSON.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -7,8 +7,8 @@
 
 namespace Replay {
 
-/// The explanation as an object, members in the order in which the machine decides. What does not
-/// apply is left out.
+/// The explanation as an object. The members are in the order in which the machine decides. Members
+/// that do not apply are left out.
 nlohmann::ordered_json toJson(const Daemon::Explanation& explanation);
 
 }  // namespace Replay

@@ -1,4 +1,4 @@
-// Changes of host routes for programs.
+// Changes of host routes as JSON.
 #include "replay/HistoryJson.h"
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// Changes of host routes for programs.
+// Changes of host routes as JSON.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -7,7 +7,8 @@
 
 namespace Replay {
 
-/// A change as an object. What does not apply is left out; "became" and "because" are for people.
+/// A change as an object. Members that do not apply are left out. The texts of "became" and
+/// "because" are for people to read.
 nlohmann::ordered_json toJson(const Daemon::HistoryEntry& entry);
 
 }  // namespace Replay

@@ -1,4 +1,4 @@
-// JSON text put together piece by piece, so that what belongs together sorts together.
+// JSON text built from sorted pieces, so that equal states have equal texts.
 #include "replay/Json.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// JSON text put together piece by piece, so that what belongs together sorts together.
+// JSON text built from sorted pieces, so that equal states have equal texts.
 #pragma once
 
 #include <cstddef>
@@ -9,10 +9,10 @@
 
 namespace Replay {
 
-/// How deeply lists and objects may stand inside one another in what is read.
+/// The maximum nesting depth of lists and objects in JSON input.
 inline constexpr size_t kMaxDepth = 64;
-/// True when those of a JSON text do so more deeply. Who parses or prints such a text descends
-/// level by level, on a stack that has an end.
+/// True when a JSON text is nested more deeply than kMaxDepth. Parsing and printing are recursive,
+/// so a deeper text could overflow the stack.
 bool nestsTooDeep(std::string_view text);
 
 /// `text` as a JSON string. Bytes that are not UTF-8 become U+FFFD.
@@ -21,7 +21,8 @@ inline std::string jsonBool(bool value) {
   return value ? "true" : "false";
 }
 
-/// A JSON object; prints its members by name, and is given each once.
+/// A JSON object that prints its members in the order of their names. The caller adds each name
+/// once.
 class JsonObject {
  public:
   /// Adds a member whose value is the JSON text `value`.
@@ -30,7 +31,7 @@ class JsonObject {
     return *this;
   }
   std::string text();
-  /// The members by name, each as a JSON object of its own.
+  /// The members in the order of their names, each as a JSON object of its own.
   std::vector<std::string> pieces();
 
  private:
@@ -46,7 +47,7 @@ class JsonList {
     return *this;
   }
   std::string text();
-  /// The elements in that order, each as a JSON list of its own.
+  /// The elements in the order of their texts, each as a JSON list of its own.
   std::vector<std::string> pieces();
 
  private:

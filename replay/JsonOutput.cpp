@@ -1,4 +1,4 @@
-// What a replay prints for programs.
+// The output of a replay as JSON.
 #include <type_traits>
 
 #include "daemon/RootTables.h"
@@ -28,7 +28,7 @@ std::string keyText(const Value& value) {
   return toString(value);
 }
 
-/// The keys of a set of values, from an iterator on it.
+/// The members of a set, from an iterator on it.
 template <class Iterator>
 JsonList keysJson(Iterator it) {
   JsonList list;
@@ -36,7 +36,8 @@ JsonList keysJson(Iterator it) {
   return list;
 }
 
-/// A map of texts, from an iterator on the entries; `valueText` gives the JSON text of a value.
+/// A map as a JSON object, from an iterator on its entries. `valueText` gives the JSON text of a
+/// value.
 template <class Iterator, class ValueText>
 JsonObject mapJson(Iterator it, ValueText valueText) {
   JsonObject object;
@@ -73,8 +74,8 @@ class WholeDump {
   JsonObject dump_;
 };
 
-/// The same in pieces, each an object on a line: first all that is neither a list nor a map, then
-/// each element of those.
+/// The state of one machine in pieces, one JSON object on each line. The first line has the single
+/// values. Each element of a list or map has a line of its own.
 class DumpInPieces {
  public:
   template <class F>
@@ -111,7 +112,7 @@ JsonObject adjacencyJson(const typename F::ViaSet& vias, uint32_t users) {
   return object;
 }
 
-/// What only one family's root has, or has under another name.
+/// Adds the attributes that only one family's root has, or that it has under another name.
 template <class Dump>
 void addFamilyJson(const Routing::Host::RouteSmRoot& root, Dump& dump) {
   dump.add("arpRoute", mapJson(root.arpRouteIteratorConst(), [](const auto& addrs) {
@@ -135,7 +136,7 @@ void addFamilyJson(const Routing6::Host::RouteSmRoot& root, Dump& dump) {
            }));
 }
 
-/// Adds what there is to say of one machine to `dump`, single values first.
+/// Adds the state of one machine to `dump`, the single values first.
 template <class F, class Dump>
 void describe(const Daemon::Switch& sw, const Daemon::Vrf& vrf, Dump& dump) {
   const auto& routing = vrf.routing<F>();

@@ -1,4 +1,4 @@
-// What a replay prints, for programs and for people.
+// The output of a replay, for programs and for people.
 #pragma once
 
 #include <chrono>
@@ -13,14 +13,14 @@
 
 namespace Replay {
 
-/// Which machines a dump is about.
+/// The machines that a dump shows.
 struct DumpSelection {
-  std::vector<const Daemon::Vrf*> vrfs;  ///< by name
+  std::vector<const Daemon::Vrf*> vrfs;  ///< in the order of their names
   bool ipv4 = true;
   bool ipv6 = true;
 };
 
-/// A form of output.
+/// An output format.
 class Output {
  public:
   virtual ~Output() = default;
@@ -28,21 +28,22 @@ class Output {
   /// Prints the state of machines, with their roots and tables.
   virtual void dump(const Daemon::Switch& sw, const DumpSelection& selection) = 0;
   virtual void trace(const Kiv::TraceRecord& record) = 0;
-  /// Announces what the event in line `number`, whose text is `line`, causes.
+  /// Prints the event that is about to be applied: the line number and the text of the line.
   virtual void event(size_t number, std::string_view line) = 0;
   /// What follows happened so long after 1970-01-01T00:00:00Z, says the recording.
   virtual void time(std::chrono::microseconds) {}
 };
 
-/// One JSON object on each line, keys sorted, lists sorted by the JSON text of their elements.
+/// One JSON object on each line. Keys are sorted. Lists are sorted by the JSON text of their
+/// elements.
 ///
-/// \param inPieces  whether a dump is to be many lines: one with the single values, and one for
-///                  each element of its lists and maps.
+/// \param inPieces  splits a dump into lines: one with the single values, and one for each element
+///                  of its lists and maps.
 std::unique_ptr<Output> jsonOutput(std::ostream& os, bool inPieces = false);
 /// Aligned tables.
 std::unique_ptr<Output> textOutput(std::ostream& os, const TextStyle& style = {});
 
-/// The state of one machine as a JSON object, which has the one member "dump".
+/// The state of one machine as a JSON object with the single member "dump".
 template <class F>
 std::string dumpJson(const Daemon::Switch& sw, const Daemon::Vrf& vrf);
 

@@ -1,4 +1,4 @@
-// The recorded inputs of a switch, fed to its state machines again.
+// Applies the recorded inputs of a switch to its state machines.
 #include "replay/Player.h"
 
 #include <algorithm>
@@ -18,9 +18,9 @@ namespace {
 
 using Daemon::Switch;
 
-/// What an op is called, which fields it has, and what it does.
+/// An operation: its name, its fields and its function.
 ///
-/// All fields are read before anything is done.
+/// The function reads all fields before it changes anything, so a bad field changes nothing.
 struct Op {
   std::string_view name;
   std::array<std::string_view, 8> fields;
@@ -119,7 +119,7 @@ void forEachNamedFamily(const Event& event, Visit visit) {
 void applyInitialized(const Event& event, Switch& sw) {
   const auto vrf = event.vrf();
   const bool value = event.flag("value");
-  // What one machine fails on is no reason to keep the other from it.
+  // The failure of one family's machine must not keep the event from the other's.
   std::exception_ptr failure;
   forEachNamedFamily(event, [&](auto family) {
     try {
@@ -172,7 +172,7 @@ constexpr Op kOps[] = {
 constexpr std::string_view kDumpFields[] = {"vrf", "family"};
 constexpr std::string_view kTimeFields[] = {"at"};
 
-/// Switches the levels of both families' facilities.
+/// Enables exactly these levels of both families' trace facilities.
 void enableTraces(uint32_t levels) {
   Daemon::forEachFamily([levels](auto family) {
     for (unsigned level = 0; level < Kiv::TraceFacility::kLevels; ++level) {
@@ -194,8 +194,8 @@ Tracing::~Tracing() {
   Kiv::Tracer::sinkIs({});
 }
 
-/// Prints a record. An object that it names by its address, at the start, gets a number instead, so
-/// that two runs print the same.
+/// Prints a record. Replaces an object's memory address at its start by a number, so that two runs
+/// print the same text.
 void Tracing::trace(const Kiv::TraceRecord& record) {
   constexpr std::string_view kStart = "0x";
   const std::string_view message = record.message;
@@ -283,7 +283,7 @@ bool readLine(std::istream& in, std::string& line) {
     }
     line.append(piece.data(), taken);
     if (in.bad() || in.eof()) return !in.bad() && !line.empty();
-    // The piece is full, or the line feed is what would stand behind it.
+    // The buffer is full. The line continues, or its line feed is the next byte.
     if (line.size() > Player::kMaxLineBytes) return true;
     in.clear();
   }
@@ -346,7 +346,7 @@ Player::Outcome Player::run(std::istream& in, const std::string& name, std::ostr
     } catch (const std::bad_alloc&) {
       failed("out of memory");
     } catch (const Pindo::Exception& error) {
-      // As the daemon would: the event is done as far as it went, and the next one comes.
+      // Like the daemon, keeps the changes made so far and continues with the next event.
       failed(error.what());
     }
     if (failures_ != 0) failed(takeFailures());

@@ -1,4 +1,4 @@
-// The recorded inputs of a switch, fed to its state machines again.
+// Applies the recorded inputs of a switch to its state machines.
 #pragma once
 
 #include <cstdint>
@@ -17,14 +17,15 @@
 
 namespace Replay {
 
-/// With this, two runs on the same input print the same traces in the same order.
+/// A fixed hash seed: two runs on the same input print the same traces in the same order.
 inline constexpr Kiv::HashSeed kHashSeed{.add = 0x9E3779B97F4A7C15, .multiply = 0xD6E8FEB86659FD93};
 
-/// While it lives, the trace records of both families go to an output, which outlives it. To have
-/// all of them it is there before the switch, whose first machines trace while they are made.
+/// Sends the trace records of both families to an output during its lifetime. The output must
+/// outlive it. Create it before the switch, because the first machines already trace in their
+/// constructors.
 class Tracing {
  public:
-  /// \param levels  those that are on, a bit for each.
+  /// \param levels  the enabled trace levels, one bit for each.
   Tracing(Output& output, uint32_t levels);
   Tracing(const Tracing&) = delete;
   Tracing& operator=(const Tracing&) = delete;
@@ -34,50 +35,52 @@ class Tracing {
   void trace(const Kiv::TraceRecord& record);
 
   Output& output_;
-  std::map<std::string, size_t, std::less<>> objectNumbers_;  // by the address as it is traced
+  std::map<std::string, size_t, std::less<>>
+      objectNumbers_;  // key: the address as the traces print it
 };
 
-/// Feeds events to a switch and prints what comes of it.
+/// Applies events to a switch and prints the results.
 class Player {
  public:
   struct Options {
     bool echoes = false;     ///< whether to print each event's line number
-    bool dumpsAtEnd = true;  ///< whether to print the state of everything after the last event
-    size_t lastLine = 0;     ///< the line after which to stop; 0 for the last one there is
+    bool dumpsAtEnd = true;  ///< whether to print the state of all machines after the last event
+    size_t lastLine = 0;     ///< the line after which to stop; 0 for the end of the input
   };
-  /// How a run ended.
+  /// The result of a run.
   enum class Outcome {
     Done,
-    Failed,   ///< an event made a machine fail; all were read
-    Refused,  ///< a line was no event, or could not be read; the rest was not read
+    Failed,   ///< a machine failed on an event; all events were read
+    Refused,  ///< a line was not an event or could not be read; the rest was not read
   };
-  /// How long a line may be.
+  /// The maximum length of a line.
   static constexpr size_t kMaxLineBytes = size_t{16} << 20;
 
-  /// `sw` and `output` outlive the replay.
+  /// `sw` and `output` must outlive the player.
   Player(Daemon::Switch& sw, Output& output, const Options& options);
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
   ~Player();
 
-  /// Does what one line says. \throws EventError, having done nothing; Pindo::Exception from a
-  /// machine, which has then not done all that the event asked of it.
+  /// Applies one line. \throws EventError before anything was changed; Pindo::Exception from a
+  /// machine that could not complete the event.
   void apply(std::string_view line);
-  /// What callbacks of machines have failed with since the last call, for people: the first, and
-  /// how many more. Empty when none has. Such a machine has not done all that an event asked of it.
+  /// The failures of machines' callbacks since the last call, as a text for people: the first
+  /// failure and the number of further ones. Empty when there was none. After a failure, a machine
+  /// has not completed an event.
   std::string takeFailures();
   /// Prints the state of all machines.
   void dumpAll();
 
-  /// Does what the lines of `in` say, and the final dump. `out` is what the output prints to: it is
-  /// flushed before an error and before waiting for more input. Once it fails, nothing more is read
-  /// or printed.
+  /// Applies the lines of `in`, then prints the final dump. `out` is the stream of the output. It
+  /// is flushed before an error message and before waiting for more input. After `out` fails,
+  /// nothing more is read or printed.
   ///
-  /// The switch is loading until all input that there is has been read.
+  /// The switch is set to loading until the input that is available at the start has been read.
   ///
-  /// \param name      what error messages call the input.
-  /// \param progress  called every few thousand lines with the number of lines read, and then with
-  ///                  0 at the end of the input, before the final dump; may be empty.
+  /// \param name      the name of the input in error messages.
+  /// \param progress  called every few thousand lines with the number of lines read, and with 0 at
+  ///                  the end of the input, before the final dump; may be empty.
   Outcome run(std::istream& in, const std::string& name, std::ostream& out, std::ostream& errors,
               const std::function<void(size_t)>& progress = {});
 
@@ -88,15 +91,15 @@ class Player {
   Daemon::Switch& sw_;
   Output& output_;
   const Options options_;
-  size_t failures_ = 0;  // that takeFailures() is to tell of
+  size_t failures_ = 0;  // since the last takeFailures()
   std::string firstFailure_;
 };
 
-/// Reads a line, of a longer one so much that it is over Player::kMaxLineBytes. Returns false at
-/// the end, or when the rest cannot be read.
+/// Reads a line. Stops reading soon after Player::kMaxLineBytes, so a longer line is returned in
+/// part. Returns false at the end of the input and when the input cannot be read.
 bool readLine(std::istream& in, std::string& line);
 
-/// The levels that a list such as "0,2,7" or "all" names, a bit for each.
+/// Parses a list of trace levels, such as "0,2,7", or "all". Returns one bit for each level.
 std::optional<uint32_t> parseTraceLevels(std::string_view text);
 
 }  // namespace Replay

@@ -26,7 +26,7 @@ void appendByte(std::string& text, char byte) {
   }
 }
 
-/// A code point at the start of a text, or none: `bytes` is 0 then.
+/// The code point at the start of a text. `bytes` is 0 when the text starts with no valid one.
 struct CodePoint {
   size_t bytes = 0;
   uint32_t value = 0;
@@ -52,7 +52,7 @@ CodePoint decoded(std::string_view text) {
   return {.bytes = bytes, .value = value};
 }
 
-/// Control characters of the upper half, separators of lines, marks of direction or without width.
+/// True for C1 control characters, line separators, direction marks and characters without width.
 bool isHarmful(uint32_t value) {
   return value < 0xA0 || (value >= 0x200B && value <= 0x200F) ||
          (value >= 0x2028 && value <= 0x202E) || (value >= 0x2060 && value <= 0x206F) ||

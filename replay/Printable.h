@@ -1,4 +1,4 @@
-// Texts from elsewhere, made safe for a terminal.
+// Makes texts from untrusted sources safe for a terminal.
 #pragma once
 
 #include <string>
@@ -6,9 +6,9 @@
 
 namespace Replay {
 
-/// `text` with escapes for all that a terminal would act on instead of showing it: control
-/// characters, marks that turn the direction of writing or take no room, and bytes that are not
-/// UTF-8. A line feed is "\n", an escape character "\x1B", a code point "\u202E".
+/// `text` with escapes for everything that a terminal would interpret instead of showing it:
+/// control characters, direction marks, characters without width, and bytes that are not UTF-8. A
+/// line feed becomes "\n", an escape character "\x1B", another code point for instance "\u202E".
 std::string printable(std::string_view text);
 
 }  // namespace Replay

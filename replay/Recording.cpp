@@ -1,4 +1,4 @@
-// What is done to a switch, written down in the replay format.
+// Writes the operations on a switch in the replay format.
 #include "replay/Recording.h"
 
 #include <concepts>
@@ -13,7 +13,7 @@ namespace {
 
 using namespace Daemon;
 
-/// One event, its fields in the order in which they are added, as people write replay lines.
+/// One event. The fields keep the order in which they are added, as in a hand-written replay.
 class Line {
  public:
   explicit Line(std::string_view op) : text_("{\"op\":") { text_ += jsonString(op); }
@@ -28,13 +28,13 @@ class Line {
     return raw(field, std::to_string(number));
   }
   Line& add(std::string_view field, bool value) { return raw(field, jsonBool(value)); }
-  /// The default VRF goes without saying.
+  /// Leaves out the default VRF.
   Line& addVrf(std::string_view vrf) {
     return vrf == Switch::kDefaultVrf ? *this : add("vrf", vrf);
   }
-  /// So does presence.
+  /// Leaves out `true`, the default.
   Line& addPresent(bool present) { return present ? *this : add("present", false); }
-  /// A field with JSON text as its value.
+  /// Adds a field whose value is JSON text.
   Line& raw(std::string_view field, std::string_view json) {
     text_.append(",\"").append(field).append("\":").append(json);
     return *this;

@@ -1,4 +1,4 @@
-// What is done to a switch, written down in the replay format.
+// Writes the operations on a switch in the replay format.
 #pragma once
 
 #include <chrono>
@@ -8,13 +8,13 @@
 
 namespace Replay {
 
-/// The lines of a replay that do what `operation` does, each with its newline: one line, but two
-/// where a replay has an event for each half of the operation.
+/// The replay lines that repeat `operation`, each with its newline. An operation is one line, or
+/// two when the replay format has an event for each half of it.
 ///
-/// Names are written as UTF-8; bytes that are none become U+FFFD.
+/// Names are written as UTF-8. Bytes that are not UTF-8 become U+FFFD.
 std::string linesOf(const Daemon::Operation& operation);
 
-/// The line of a replay that tells when what follows happened, with its newline.
+/// The replay line with the time of the events that follow, with its newline.
 /// \param sinceEpoch  since 1970-01-01T00:00:00Z.
 std::string timeLine(std::chrono::microseconds sinceEpoch);
 

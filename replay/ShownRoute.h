@@ -1,4 +1,4 @@
-// Routes as they are shown: with the next hops that they resolve to.
+// Routes as they are shown: with their resolved next hops.
 #pragma once
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 
 namespace Replay {
 
-/// Next hops in the order of the hops, then of the interfaces' names.
+/// Next hops, sorted by address and then by interface name.
 template <class F>
 using Vias = std::vector<typename F::Via>;
 
@@ -24,7 +24,7 @@ Vias<F> sorted(Vias<F> vias) {
   return vias;
 }
 
-/// The next hops of a FEC or a FIB adjacency; none when there is no such.
+/// The next hops of a FEC or a FIB adjacency; an empty list when it does not exist.
 template <class F>
 Vias<F> viasOf(const typename F::ForwardingStatus& forwarding, Tovan::Fib::FecId fecId) {
   const auto fec = forwarding.fec(fecId);
@@ -36,7 +36,7 @@ Vias<F> viasOf(const typename F::ViaSet& viaSet) {
   for (const auto& member : viaSet) vias.push_back(member.via);
   return sorted<F>(std::move(vias));
 }
-/// The next hops of a host adjacency of `table`; none when there is no such.
+/// The next hops of a host adjacency of `table`; an empty list when it does not exist.
 template <class F>
 Vias<F> viasOf(const typename F::HostTable& table, Tovan::Fib::FecId index) {
   return viasOf<F>(table.adjIndexToViaSet(index));
@@ -48,7 +48,7 @@ struct ShownRoute {
   Vias<F> vias;
 };
 
-/// The routes of `table` for which `isShown` holds, by prefix; `tables` resolves their FECs.
+/// The routes of `table` for which `isShown` holds, sorted by prefix. `tables` resolves their FECs.
 template <class F, class Table, class Tables, class IsShown>
 std::vector<ShownRoute<F>> shownRoutes(const Table& table, const Tables& tables, IsShown isShown) {
   std::vector<ShownRoute<F>> routes;
@@ -72,7 +72,7 @@ std::string viasJson(const Vias<F>& vias) {
   return list.text();
 }
 
-/// The members that a route is shown with.
+/// A route as a JSON object.
 template <class F>
 JsonObject routeJson(const ShownRoute<F>& shown) {
   const auto& route = shown.route;
@@ -86,7 +86,7 @@ JsonObject routeJson(const ShownRoute<F>& shown) {
   return object;
 }
 
-/// What people read for next hops; see Daemon::viasText().
+/// Next hops as a text for people; see Daemon::viasText().
 template <class F>
 std::string viasText(const Vias<F>& vias) {
   return Daemon::viasText(vias);

@@ -1,4 +1,4 @@
-// What a replay prints for people.
+// The output of a replay as text tables.
 #include <map>
 #include <sstream>
 #include <string>

@@ -1,4 +1,4 @@
-// Tables for people: columns that line up.
+// Text tables with aligned columns.
 #include "replay/TextTable.h"
 
 #include <algorithm>
@@ -8,17 +8,17 @@
 namespace Replay {
 namespace {
 
-/// Whether a byte begins a character of a UTF-8 text.
+/// True for the first byte of a UTF-8 character.
 bool begins(char c) {
   return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
 }
 
-/// How many characters a UTF-8 text shows.
+/// The number of characters in a UTF-8 text.
 size_t width(const std::string& text) {
   return static_cast<size_t>(std::count_if(text.begin(), text.end(), begins));
 }
 
-/// Cuts what is over `columns` characters and marks the cut.
+/// Cuts `line` to `columns` characters and marks the cut with ">".
 void fit(std::string& line, size_t columns) {
   if (columns == 0 || width(line) <= columns) return;
   size_t end = 0;

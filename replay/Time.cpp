@@ -1,4 +1,4 @@
-// Points in time as recordings and programs have them.
+// The text form of points in time in recordings and JSON output.
 #include "replay/Time.h"
 
 #include <charconv>
@@ -10,7 +10,8 @@ namespace {
 
 using namespace std::chrono;
 
-/// Takes a number of so many digits and what stands behind it off the front of `text`.
+/// Removes a number of exactly `digits` digits, followed by the text `behind`, from the front of
+/// `text`. False when `text` does not start so.
 bool takeNumber(std::string_view& text, size_t digits, std::string_view behind, unsigned& number) {
   if (text.size() < digits + behind.size()) return false;
   const auto* end = text.data() + digits;

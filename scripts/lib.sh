@@ -1,13 +1,14 @@
-# What the scripts share: the packages they need, and building a preset. Source it, do not run it.
+# Functions of all scripts: installing packages and building a preset. To be sourced, not run.
 # shellcheck shell=bash disable=SC2034
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-# Debian 12 packages, by what they are needed for.
+# Debian 12 packages by purpose.
 buildPackages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libelf-dev libedit-dev
   libmnl-dev libsystemd-dev libtomlplusplus-dev pkg-config)
 testPackages=(libgtest-dev pkg-config binutils python3 iproute2 iputils-ping procps)
-# The routing daemons that hostrouted is tried with. They start as services: only CI installs them.
+# Routing daemons for the tests of hostrouted. Only CI installs them, because they start as
+# services.
 routerPackages=(frr bird2)
 benchPackages=(libbenchmark-dev liblmdb-dev libboost1.81-dev libabsl-dev libdpdk-dev pkg-config)
 checkPackages=(clang-format-14 clang-tidy-14 python3)
@@ -23,7 +24,7 @@ isInstalled() {
   [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-# installMissing PACKAGE...: installs those that are missing, through sudo when not root.
+# installMissing PACKAGE...: installs the missing packages, with sudo when not root.
 installMissing() {
   if ! command -v dpkg-query apt-get >/dev/null; then
     echo "Not a Debian system: going on as if these, or their like, were installed: $*" >&2
@@ -40,13 +41,13 @@ installMissing() {
     command -v sudo >/dev/null ||
       die "root must do this first, there is no sudo here: apt-get install ${missing[*]}"
     asRoot=(sudo)
-    # Nobody can be asked for a password without a terminal.
+    # Without a terminal sudo cannot ask for a password.
     [ -t 0 ] || asRoot+=(-n)
   fi
   echo "Installing: ${missing[*]}"
   local apt=("${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq
     -o DPkg::Lock::Timeout=120 -o Dpkg::Use-Pty=0)
-  # A failed update is no reason to stop: the lists that are there may do.
+  # A failed update is not fatal: the present package lists may be sufficient.
   "${apt[@]}" update </dev/null || echo "The package lists could not be brought up to date." >&2
   "${apt[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null ||
     die "could not do this: apt-get install ${missing[*]}"

@@ -1,4 +1,4 @@
-// The IPv6 module's types as reflection knows them.
+// The reflective descriptions of the IPv6 module's types.
 #pragma once
 
 #include "host6/HostRoute6Sm.h"
@@ -6,13 +6,13 @@
 #include "typeinfo/RootInterface.h"
 #include "typeinfo/ValueTypes.h"
 
-/// Makes the IPv6 module's four types known to the runtime. Run when the library is loaded; more
-/// calls do nothing.
+/// Registers the IPv6 module's four types with the runtime. Runs when the library is loaded;
+/// further calls do nothing.
 extern "C" KIV_EXPORT void kivInitHostRoute6Sm();
 
 namespace Routing6::Host {
 
-/// The reflective interface to a root, which also tells of the root's changes.
+/// The reflective interface to a root. It also reports the root's changes.
 class KIV_EXPORT RouteSmRoot::GenericIf_ final : public Reflection::RootInterface<RouteSmRoot> {
  public:
   using RootInterface::RootInterface;

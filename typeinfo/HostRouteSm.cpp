@@ -3,8 +3,8 @@
 #include "platform/kiv/reflection/TypeTable.h"
 #include "typeinfo/TypeNames.h"
 
-// The rows stand in the order of the attributes' ids. A type reads the storage of its own
-// attributes here, so each description is made by the type itself.
+// The rows are in the order of the attributes' ids. Each type makes its own description, because a
+// description reads the type's private storage.
 namespace Routing::Host {
 
 namespace {
@@ -14,7 +14,7 @@ constexpr std::array<Kiv::ArgumentName, 13> kMachineInputs{
     "seqConfig",      "ipv4SeqInfo",     "adjHelper", "ipStatus",   "neighborDirByIntfName",
     "root",           "virtualIpStatus", "vrfName"};
 
-/// Of a set: the member, and true.
+/// The arguments of a set's mutator: the member, and true.
 constexpr std::array<Kiv::ArgumentName, 2> kMemberArguments{"key", "value"};
 
 IntfAddresses::Ptr intfAddressesFactory(const Kiv::String8& intfName) {

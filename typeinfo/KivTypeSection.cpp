@@ -1,4 +1,5 @@
-// The data section that tells a loader which types the plug-in provides before it loads it.
+// The data section that lists the types of the plug-in. A loader reads it before it loads the
+// plug-in.
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -15,7 +16,7 @@ constexpr size_t kSectionSize = [] {
   return size;
 }();
 
-/// The names one after the other, each with a zero byte at its end.
+/// The names in sequence. Each ends with a zero byte.
 constexpr std::array<char, kSectionSize> terminatedNames() {
   std::array<char, kSectionSize> bytes{};
   auto end = bytes.begin();
@@ -25,7 +26,7 @@ constexpr std::array<char, kSectionSize> terminatedNames() {
   return bytes;
 }
 
-// Nothing refers to it, so the compiler (used) and the linker (retain) are told to keep it.
+// Nothing refers to the section, so `used` makes the compiler keep it and `retain` the linker.
 [[gnu::used, gnu::retain, gnu::section(".kiv.type")]] constinit const auto kSection =
     terminatedNames();
 

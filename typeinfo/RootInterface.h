@@ -1,4 +1,4 @@
-// What the reflective interfaces to the two halves' roots have in common.
+// The common part of the reflective interfaces to the IPv4 and IPv6 roots.
 #pragma once
 
 #include <utility>
@@ -7,7 +7,8 @@
 
 namespace Reflection {
 
-/// A notifiee of a root that hands everything on to an observer. It does not keep the root.
+/// A notifiee of a root that passes each notification on to an observer. It holds no reference to
+/// the root.
 template <class Root>
 class RootAdapter : public Root::NotifieeConst {
  public:
@@ -21,7 +22,8 @@ class RootAdapter : public Root::NotifieeConst {
   void onZeroReferences() noexcept override {
     if (observer_ != nullptr) observer_->onZeroReferences();
   }
-  /// The observer is taken back: it is not told of anything more, though a walk may be under way.
+  /// Removes the observer. It gets no more notifications, even while a walk over the root is in
+  /// progress.
   void retire() override {
     observer_ = nullptr;
     Root::NotifieeConst::retire();
@@ -43,7 +45,7 @@ class RootAdapter : public Root::NotifieeConst {
   Kiv::GenericObserver* observer_;
 };
 
-/// The interface to a root, with an observer if one is set.
+/// The interface to a root, with an optional observer.
 template <class Root>
 class RootInterface : public Kiv::GenericIfOf<Root> {
  public:
@@ -59,8 +61,8 @@ class RootInterface : public Kiv::GenericIfOf<Root> {
     if (const auto former = std::exchange(adapter_, nullptr)) former->retire();
     if (observer == nullptr) return;
     const auto adapter = Kiv::make<typename Root::GenericIf_::GenericIf_Adapter_>(*observer);
-    // Stored first: while it catches up the observer may take itself back, set another, or let go
-    // of this interface.
+    // Stored before the first notifications: during these the observer may remove itself, set
+    // another observer, or release this interface.
     adapter_ = adapter;
     try {
       adapter->notifierIs(Kiv::Ptr<const Root>(static_cast<const Root*>(this->entity().get())));

@@ -15,7 +15,7 @@ inline constexpr std::string_view kIntfAddresses6 = "Routing6::Host::IntfAddress
 inline constexpr std::string_view kPrefixList6 = "Routing6::Host::PrefixList";
 inline constexpr std::string_view kRouteSmRoot6 = "Routing6::Host::RouteSmRoot";
 
-/// All of them in the order in which they are registered.
+/// All names in the order of registration.
 inline constexpr std::array kTypeNames = {kRouteSm,  kIntfAddresses,  kPrefixList,  kRouteSmRoot,
                                           kRouteSm6, kIntfAddresses6, kPrefixList6, kRouteSmRoot6};
 

@@ -1,4 +1,4 @@
-// The platform's types as reflection knows them: their names and their text forms.
+// The reflective descriptions of the platform's value types: their names and their text forms.
 #pragma once
 
 #include <algorithm>
@@ -68,12 +68,12 @@ namespace Kiv {
 
 namespace detail {
 
-/// The characters of an address of this family.
+/// The characters that may occur in an address of this family.
 template <class Addr>
 inline constexpr std::string_view addrAlphabet =
     Addr::kBits == 32 ? "0123456789." : "0123456789abcdefABCDEF:.";
 
-/// The run of characters that comes next and looks like an address with a length behind it.
+/// Takes the next characters that can be an address with a length.
 template <class Addr>
 std::string_view takeAddrAndLen(TextReader& reader) {
   const std::string_view from = reader.rest();
@@ -82,7 +82,7 @@ std::string_view takeAddrAndLen(TextReader& reader) {
   return from.substr(0, from.size() - reader.rest().size());
 }
 
-/// A word that is a field's name, and the blanks around it.
+/// Takes the field name `name` and the blanks around it. False when the next word is another one.
 inline bool takeField(TextReader& reader, std::string_view name) {
   TextReader ahead = reader;
   if (!ahead.takeBlanks() || ahead.word() != name || !ahead.takeBlanks()) return false;
@@ -123,8 +123,8 @@ struct TextForm<Zemit::BasicAddrWithMask<Addr>> : RunForm<Zemit::BasicAddrWithMa
   }
 };
 
-/// The interface's name. One that nobody has used yet is the name of none: what is only asked after
-/// must not be kept.
+/// The interface's name. A name without an id is refused, because reading must not add names to the
+/// registry.
 template <>
 struct TextForm<Zemit::IntfId> {
   static void print(std::ostream& os, Zemit::IntfId intf) {
@@ -147,12 +147,12 @@ struct TextForm<L3::VrfName> {
   }
 };
 
-/// "10.0.0.5/32 attached_ metric 0 preference 1 fec 0x1f", of which only the prefix must be there.
+/// "10.0.0.5/32 attached_ metric 0 preference 1 fec 0x1f". All parts but the prefix are optional.
 template <class P, class Type>
 struct TextForm<Tovan::BasicRoute<P, Type>> {
   using Route = Tovan::BasicRoute<P, Type>;
   static void print(std::ostream& os, const Route& route) { os << route; }
-  /// Of a route with another type the text would be that of an unknown one.
+  /// False for a type outside the enumeration, whose text would be "unknown_".
   static bool isInEnumeration(const Route& route) {
     return Routing::parseRouteType<Type>(Routing::routeTypeName(route.routeType)) ==
            route.routeType;
@@ -185,7 +185,7 @@ struct TextForm<Tovan::BasicRoute<P, Type>> {
   }
 };
 
-/// The address and, where it is known, the Ethernet address behind a blank.
+/// The address and, when it is known, a blank and the Ethernet address.
 template <>
 struct TextForm<Arp::ArpEntryStatus> {
   static void print(std::ostream& os, const Arp::ArpEntryStatus& entry) { os << entry; }
@@ -254,7 +254,7 @@ struct TextForm<Routing::Fhrp::VrfIpPair> {
   }
 };
 
-/// The addresses. What is read has the null prefix for its name.
+/// The addresses. A set that was read has the null prefix as its name.
 template <class P>
 struct TextForm<Ptr<Obu::BasicAddrSet<P>>> {
   using Set = Obu::BasicAddrSet<P>;

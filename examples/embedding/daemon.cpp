@@ -1,5 +1,5 @@
-// A small routing daemon with the host-route engine in it: one VRF, IPv4. It prints the host routes
-// that the engine derives, and ends with status 1 when one that must be there is not.
+// A small routing daemon with the host-route engine: one VRF, IPv4. It prints the derived host
+// routes. Its exit status is 1 when an expected route is missing.
 #include <iostream>
 
 #include "host/HostRouteSm.h"
@@ -9,26 +9,26 @@ namespace {
 using Zemit::IpAddr;
 using Zemit::Prefix;
 
-/// The tables of one VRF, and the engine over them.
+/// The tables of one VRF and the engine that works on them.
 ///
-/// What the machine is lent is declared before the root that owns it: members go in the opposite
-/// order, so the machine goes first and its inputs outlive it.
+/// The machine's inputs are declared before the root, which owns the machine. Members are destroyed
+/// in reverse order, so the inputs outlive the machine.
 struct Vrf {
   explicit Vrf(const char* name)
       : vrfName(Kiv::String(name)),
         routeStatus(Kiv::make<Tovan::Fib::RouteStatus>(name)),
         root(Routing::Host::routeSmRootFactory(name)) {
-    // The daemon's helpers first: the machine uses them from its constructor on.
+    // Set before the machine is made, because its constructor uses them.
     root->trieIs(trie);
     root->adjHelperIs(adjHelper);
     root->intfStatusDirIs(intfStatusDir);
-    // Where the machine reports that its routes are complete.
+    // The machine reports here that its routes are complete.
     readiness->newRouteStatus(RovelReady::v4Host_);
     root->newRouteSm(activity, routeStatus, forwarding, hostStatus, readiness, seqConfig, seqInfo,
                      adjHelper, ipStatus, neighborDir, root, virtualIps, vrfName);
   }
 
-  /// A FIB route is told to the machine by whoever changes it: the table has no reactor on it.
+  /// Stores a FIB route and calls the machine, because the table has no reactor.
   void setRoute(const Tovan::Fib::Route& route) {
     routeStatus->routeIs(route);
     root->routeSm()->handleStatusRoute(route.key);
@@ -60,7 +60,7 @@ struct Vrf {
 int main() {
   Vrf red("red");
 
-  // An interface in the VRF, with an address: its receive routes follow.
+  // Adds an interface with an address to the VRF. The engine derives its receive routes.
   const auto vlan10 = Zemit::IntfId::of("Vlan10");
   const auto l3Status = Kiv::make<L3::Intf::Status>(vlan10.name());
   l3Status->vrfIs(red.vrfName);
@@ -68,17 +68,17 @@ int main() {
   const Ip::IpIntfStatus::Ptr intf = red.ipStatus->ipIntfStatus(vlan10);
   intf->activeAddrWithMaskIs(Zemit::IpAddrWithMask(*IpAddr::parse("10.1.10.1"), 24));
 
-  // The connected route, over a FEC that leaves through the interface.
+  // Adds the connected route. Its FEC has a direct via on the interface.
   red.forwarding->fecIs(Tovan::Fib::Fec(1, {{.hop = {}, .intf = vlan10}}));
   red.setRoute(
       {.key = *Prefix::parse("10.1.10.0/24"), .routeType = Routing::Fib::connected_, .fecId = 1});
 
-  // All inputs are there. From now on each change is handled as it comes.
+  // All inputs are present. From now on the machine handles each change at once.
   red.root->routeSm()->initializedIs(true);
   red.readiness->startRibReadyVerificationIs(true);
   red.readiness->ribReadyIs(true);
 
-  // A neighbour is learned: its host route is written before this returns.
+  // Learns a neighbour. Its host route is written before the call returns.
   const auto host = *IpAddr::parse("10.1.10.5");
   red.neighborDir->newArpIntfStatus(vlan10.name())->arpEntryIs({.ipAddr = host});
 
@@ -88,7 +88,7 @@ int main() {
   const bool hasRoute = red.routeStatus->route(Prefix::host(host)).key == Prefix::host(host);
   const bool isReady = red.readiness->routeStatus(RovelReady::v4Host_)->ready();
 
-  // Without its machine the VRF keeps the host routes that were written.
+  // The host routes stay in the tables after the machine was deleted.
   red.root->routeSmDel();
   return hasRoute && isReady && red.readiness->v4HostRoutesSynced() ? 0 : 1;
 }

@@ -1,10 +1,10 @@
 #!/bin/bash
-# Builds a small leaf switch out of network namespaces and writes what `ip -j` prints about it.
+# Builds a small leaf switch from network namespaces and stores the output of `ip -j` about it.
 #
 #   sudo examples/leaf/capture.sh [DIRECTORY]      default: the script's own directory
 #
-# All traffic stays inside the namespaces, which are deleted at the end. A kernel without VRF or
-# VLAN devices gets a leaf without the tenant VRF or the routed subinterface; the script says so.
+# All traffic stays inside the namespaces, which are deleted at the end. On a kernel without VRF or
+# VLAN devices the leaf has no tenant VRF or no routed subinterface; the script prints this.
 set -euo pipefail
 
 directory=$(realpath "${1:-$(dirname "$0")}")
@@ -22,12 +22,12 @@ leaf() { ip -n "$prefix-switch" "$@"; }
 
 for name in switch "${hosts[@]}"; do
   ip netns add "$prefix-$name"
-  # Nothing else uses these addresses, so they need not be tried out first.
+  # Nothing else uses these addresses, so duplicate address detection is not needed.
   on "$name" sh -c 'echo 0 > /proc/sys/net/ipv6/conf/default/accept_dad'
   ip -n "$prefix-$name" link set lo up
 done
 
-# cable PORT HOST: a port of the switch with a host on it.
+# cable PORT HOST: connects a host to a new port of the switch.
 cable() {
   local number
   number=$(printf %02d "${1//[^0-9]/}")
@@ -40,7 +40,7 @@ cable() {
 address() {
   for each in "${@:2}"; do ip -n "$prefix-$1" addr add "$each" dev eth0; done
 }
-# svi NAME PORT...: a switched LAN of these ports, on which the switch has addresses of its own.
+# svi NAME PORT...: a switched LAN of these ports, with an interface for the switch's own addresses.
 svi() {
   leaf link add name "$1" address "02:00:00:00:02:${1//[^0-9]/}" type bridge
   leaf link set "$1" up
@@ -76,7 +76,7 @@ leaf addr add 2001:db8:10::1/64 dev Vlan10
 address host11 10.1.10.11/24 2001:db8:10::11/64
 address host12 10.1.11.12/24 2001:db8:10::12/64
 
-# A LAN with one host, and one of a tenant that uses the same addresses.
+# A LAN with one host, and a tenant's LAN with the same addresses.
 cable Ethernet13 host13
 svi Vlan20 Ethernet13
 leaf addr add 10.1.20.1/24 dev Vlan20
@@ -112,8 +112,8 @@ else
   leaf route add 10.3.0.0/16 via 10.0.3.2 proto ospf metric 20
 fi
 
-# Routes: defaults through spine1, what BGP learned through both spines (as a group of nexthop
-# objects and route by route), an aggregate that drops what no LAN holds, a host behind a host.
+# Routes: default routes through spine1; BGP routes through both spines, as a group of nexthop
+# objects and without one; an aggregate blackhole route; a route to a host behind a host.
 leaf nexthop add id 1 via 10.0.0.0 dev Ethernet1 proto bgp
 leaf nexthop add id 2 via 10.0.0.2 dev Ethernet2 proto bgp
 leaf nexthop add id 12 group 1/2 proto bgp
@@ -126,12 +126,13 @@ leaf -6 route add default via 2001:db8:0:1:: proto static
 leaf -6 route add 2001:db8:100::/40 proto bgp metric 20 \
   nexthop via 2001:db8:0:1:: nexthop via 2001:db8:0:2::
 
-# A datagram to each host makes the switch resolve it. Nobody has 10.1.10.99, which stays in vain.
+# A datagram to each host makes the switch resolve its address. Resolving 10.1.10.99 fails, because
+# no host has it.
 for each in 192.0.2.10 10.0.0.0 10.0.0.2 10.0.3.2 10.1.10.11 10.1.11.12 10.1.20.13 10.1.10.99 \
   2001:db8:0:1:: 2001:db8:0:2:: 2001:db8:10::11 2001:db8:10::12 2001:db8:20::13; do
   on switch bash -c "echo > /dev/udp/$each/9"
 done
-# The other way round the switch learns the sender, and needs no process inside the VRF.
+# Here the host sends the datagram, and the switch learns the sender without a process in the VRF.
 if [ -n "$tenant" ]; then on host21 bash -c 'echo > /dev/udp/10.1.20.1/9'; fi
 leaf neigh add 10.1.20.50 lladdr 02:00:00:00:03:50 dev Vlan20 nud permanent
 sleep 1

@@ -1,11 +1,10 @@
-// Prints the IPv4 routes of a VRF that a daemon shares, and then each that changes:
+// Prints the IPv4 routes of a VRF in a daemon's shared tables, and then each change:
 //
 //   reader TABLES VRF SECONDS
 //
-// A line is "+ PREFIX INTERFACE..." for a route that is new or has changed, "- PREFIX" for one that
-// has gone, and "restarted" when the daemon has made its tables anew. Ends when nothing has
-// happened for so many seconds; with status 1 when the tables cannot be opened, or something is
-// damaged.
+// A line is "+ PREFIX INTERFACE..." for a new or changed route, "- PREFIX" for a removed one, and
+// "restarted" after the daemon created its tables again. Ends after SECONDS without a change. The
+// exit status is 1 when the tables cannot be opened or are damaged.
 #include <chrono>
 #include <iostream>
 #include <map>
@@ -18,7 +17,7 @@ namespace {
 using Reader = Tovan::Fib::RouteTableReader;
 using Routes = std::map<Zemit::Prefix, Reader::Resolved>;
 
-/// All routes as they are now. Those that are damaged are told of and left out.
+/// Reads all routes. Reports damaged routes and leaves them out.
 Routes readAll(const Reader& reader, bool& isSound) {
   Routes routes;
   const auto keep = [&](const Reader::Resolved& found) { routes.emplace(found.route.key, found); };

@@ -1,4 +1,4 @@
-// What is known of one neighbour.
+// The status of one neighbour.
 #pragma once
 
 #include <compare>
@@ -10,7 +10,7 @@
 
 namespace Arp {
 
-/// A neighbour: its address and, once resolved, its Ethernet address.
+/// A neighbour's IP address and, when the neighbour is resolved, its Ethernet address.
 template <class A>
 struct BasicNeighborStatus {
   A ipAddr{};

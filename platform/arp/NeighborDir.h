@@ -9,20 +9,20 @@
 
 namespace Arp {
 
-/// The neighbours of one interface, IPv4 (RFC 826) and IPv6 (RFC 4861). Named by the interface.
+/// The IPv4 (RFC 826) and IPv6 (RFC 4861) neighbours of one interface. Has the interface's name.
 class ArpIntfStatus final : public Kiv::Entity {
  public:
   using Ptr = Kiv::Ptr<ArpIntfStatus>;
   using PtrConst = Kiv::Ptr<const ArpIntfStatus>;
 
-  /// Derive from this to be told of changes; a new notifiee is told of all entries at once.
+  /// Derive from this to be told of changes. A new notifiee is told of all entries at once.
   class NotifieeConst : public Kiv::NotifieeOf<ArpIntfStatus> {
    public:
     virtual void onArpEntry(const Zemit::IpAddr&) {}
     virtual void onArpEntrykivImmediate() {}
     virtual void onIp6NeighborEntry(const Zemit::Ip6Addr&) {}
     virtual void onIp6NeighborEntrykivImmediate() {}
-    // Told that an entry is going to change, before it does.
+    // Called before an entry changes.
     virtual void onArpEntryExpected(const Zemit::IpAddr&) const noexcept {}
     virtual void onIp6NeighborEntryExpected(const Zemit::Ip6Addr&) const noexcept {}
 
@@ -41,8 +41,8 @@ class ArpIntfStatus final : public Kiv::Entity {
   /// The IPv4 neighbours.
   KIV_ORDERED_COLLECTION(258, arpEntry, ArpEntry, Zemit::IpAddr, ArpEntryStatus)
   void arpEntryIs(const ArpEntryStatus& entry) { arpEntry_.set(*this, entry.ipAddr, entry); }
-  /// A hint that the entry of `addr` is going to change: all who read it then may begin to fetch
-  /// what they will need. Changes nothing.
+  /// A prefetch hint: the entry of `addr` is going to change. Each notifiee may prefetch the data
+  /// that its callback for that change will read. Changes nothing.
   void arpEntryExpect(const Zemit::IpAddr& addr) const {
     arpEntryPrefetch(addr);
     forEachNotifiee([&](const Kiv::Notifiee& notifiee) {
@@ -74,7 +74,7 @@ class NeighborDir final : public Kiv::NamedEntity {
   using Ptr = Kiv::Ptr<NeighborDir>;
   using PtrConst = Kiv::Ptr<const NeighborDir>;
 
-  /// Derive from this to be told of tables that come and go.
+  /// Derive from this to be told of tables that are added or removed.
   class NotifieeConst : public Kiv::NotifieeOf<NeighborDir> {
    public:
     virtual void onArpIntfStatus(const Kiv::Name&) {}
@@ -88,7 +88,7 @@ class NeighborDir final : public Kiv::NamedEntity {
 
   /// The table of each interface.
   KIV_COLLECTION_VIEW(258, arpIntfStatus, ArpIntfStatus, Kiv::Name, ArpIntfStatus::Ptr)
-  /// Puts `table` in, in place of one that its interface may have.
+  /// Adds `table`. Replaces the table of the same interface, if there is one.
   /// \throws Kiv::RangeException when it is null.
   void arpIntfStatusIs(const ArpIntfStatus::Ptr& table) {
     KIV_REQUIRE(table,
@@ -104,7 +104,7 @@ class NeighborDir final : public Kiv::NamedEntity {
     return true;
   }
   KIV_FURTHER_DELETIONS(arpIntfStatus, ArpIntfStatus)
-  /// Makes the interface's table unless it is there; returns it.
+  /// Returns the interface's table. Makes an empty one when there is none.
   ArpIntfStatus::Ptr newArpIntfStatus(const Kiv::Name& intfName) {
     if (const auto& present = arpIntfStatus(intfName)) return present;
     auto added = Kiv::make<Arp::ArpIntfStatus>(Zemit::IntfId::of(intfName));
@@ -112,13 +112,13 @@ class NeighborDir final : public Kiv::NamedEntity {
     return added;
   }
 
-  /// The table of an interface, sooner found than by its name; null for none.
+  /// The table of an interface, or null. Faster than a look-up by name.
   ArpIntfStatus* tableOf(Zemit::IntfId intf) const noexcept {
     return intf.value() < tables_.size() ? tables_[intf.value()] : nullptr;
   }
 
  private:
-  /// Enters an interface's table, or null, before `change` announces it.
+  /// Stores an interface's table, or null, in `tables_` before `change` announces it.
   template <class Change>
   void tableOfIs(Zemit::IntfId intf, ArpIntfStatus* table, Change change) {
     if (intf.value() >= tables_.size()) tables_.resize(size_t{intf.value()} + 1);
@@ -131,7 +131,7 @@ class NeighborDir final : public Kiv::NamedEntity {
     }
   }
 
-  std::vector<ArpIntfStatus*> tables_;  // by interface
+  std::vector<ArpIntfStatus*> tables_;  // index: the interface id
 };
 
 }  // namespace Arp

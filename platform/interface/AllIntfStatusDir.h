@@ -6,7 +6,7 @@
 
 namespace Interface {
 
-/// The interfaces that exist, whatever their VRF.
+/// The interfaces that exist, in all VRFs.
 class AllIntfStatusDir final : public Kiv::NamedEntity {
  public:
   using Ptr = Kiv::Ptr<AllIntfStatusDir>;

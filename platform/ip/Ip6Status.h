@@ -8,21 +8,21 @@
 
 namespace Ip6 {
 
-/// What is known of one address of an interface. The default value says that the interface does
-/// not have the address.
+/// The status of one address of an interface. The default value means that the interface does not
+/// have the address.
 struct AddressInfo {
   bool active = false;
 
   friend bool operator==(const AddressInfo&, const AddressInfo&) = default;
 };
 
-/// One interface: all its addresses, link-local ones included.
+/// One interface and all its addresses, including link-local addresses.
 class IntfStatus final : public Kiv::Entity {
  public:
   using Ptr = Kiv::Ptr<IntfStatus>;
   using PtrConst = Kiv::Ptr<const IntfStatus>;
 
-  /// Derive from this to be told of changes; a new notifiee is told of all addresses at once.
+  /// Derive from this to be told of changes. A new notifiee is told of all addresses at once.
   class NotifieeConst : public Kiv::NotifieeOf<IntfStatus> {
    public:
     virtual void onAddr(const Zemit::Ip6AddrWithMask&) {}
@@ -51,13 +51,13 @@ class IntfStatus final : public Kiv::Entity {
   L3::Intf::Status::PtrConst l3Status_;
 };
 
-/// The interfaces that do IPv6.
+/// The interfaces with IPv6 enabled.
 class Status final : public Kiv::NamedEntity {
  public:
   using Ptr = Kiv::Ptr<Status>;
   using PtrConst = Kiv::Ptr<const Status>;
 
-  /// Derive from this to be told of interfaces that come and go.
+  /// Derive from this to be told of interfaces that are added or removed.
   class NotifieeConst : public Kiv::NotifieeOf<Status> {
    public:
     virtual void onIntf(const Zemit::IntfId&) {}
@@ -71,7 +71,7 @@ class Status final : public Kiv::NamedEntity {
 
   /// The status of each interface.
   KIV_COLLECTION(258, intf, Intf, Zemit::IntfId, IntfStatus::Ptr)
-  /// Makes the interface's status, without addresses, unless it is there; returns it.
+  /// Returns the interface's status. Makes one without addresses when there is none.
   IntfStatus::Ptr newIntf(Zemit::IntfId intfId, const L3::Intf::Status::PtrConst& l3Status) {
     if (const auto& present = intf(intfId)) return present;
     auto added = Kiv::make<IntfStatus>(intfId, l3Status);

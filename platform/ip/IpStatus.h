@@ -8,13 +8,13 @@
 
 namespace Ip {
 
-/// One interface: its active primary address and its active secondary ones.
+/// One interface with its active primary address and its active secondary addresses.
 class IpIntfStatus final : public Kiv::Entity {
  public:
   using Ptr = Kiv::Ptr<IpIntfStatus>;
   using PtrConst = Kiv::Ptr<const IpIntfStatus>;
 
-  /// Derive from this to be told of changes; a new notifiee is told of all addresses at once.
+  /// Derive from this to be told of changes. A new notifiee is told of all addresses at once.
   class NotifieeConst : public Kiv::NotifieeOf<IpIntfStatus> {
    public:
     virtual void onActiveAddrWithMask() {}
@@ -47,13 +47,13 @@ class IpIntfStatus final : public Kiv::Entity {
   L3::Intf::Status::PtrConst l3Status_;
 };
 
-/// The interfaces that do IPv4.
+/// The interfaces with IPv4 enabled.
 class Status final : public Kiv::NamedEntity {
  public:
   using Ptr = Kiv::Ptr<Status>;
   using PtrConst = Kiv::Ptr<const Status>;
 
-  /// Derive from this to be told of interfaces that come and go.
+  /// Derive from this to be told of interfaces that are added or removed.
   class NotifieeConst : public Kiv::NotifieeOf<Status> {
    public:
     virtual void onIpIntfStatus(const Zemit::IntfId&) {}
@@ -67,7 +67,7 @@ class Status final : public Kiv::NamedEntity {
 
   /// The status of each interface.
   KIV_COLLECTION(258, ipIntfStatus, IpIntfStatus, Zemit::IntfId, IpIntfStatus::Ptr)
-  /// Makes the interface's status, without addresses, unless it is there; returns it.
+  /// Returns the interface's status. Makes one without addresses when there is none.
   IpIntfStatus::Ptr newIpIntfStatus(Zemit::IntfId intfId,
                                     const L3::Intf::Status::PtrConst& l3Status) {
     if (const auto& present = ipIntfStatus(intfId)) return present;

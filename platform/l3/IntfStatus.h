@@ -12,7 +12,7 @@ class Status final : public Kiv::NamedEntity {
   using Ptr = Kiv::Ptr<Status>;
   using PtrConst = Kiv::Ptr<const Status>;
 
-  /// Derive from this to be told of changes; a new notifiee is told of the VRF at once.
+  /// Derive from this to be told of changes. A new notifiee is told of the VRF at once.
   class NotifieeConst : public Kiv::NotifieeOf<Status> {
    public:
     virtual void onVrf() {}
@@ -24,7 +24,7 @@ class Status final : public Kiv::NamedEntity {
   /// \param intfName  the interface.
   explicit Status(Kiv::Name intfName) : NamedEntity(std::move(intfName)) {}
 
-  /// The VRF whose routes the interface's packets follow.
+  /// The VRF that routes the packets received on the interface.
   KIV_SETTABLE_SCALAR(258, vrf, Vrf, L3::VrfName)
 };
 

@@ -8,7 +8,7 @@
 
 namespace Obu {
 
-/// A set of addresses that is named by a prefix. An empty one costs no more than the object.
+/// A set of addresses. Its name is a prefix. An empty set allocates no memory.
 template <class P>
 class BasicAddrSet final : public Kiv::Entity {
  public:

@@ -1,4 +1,4 @@
-// Look-ups in the FIB's tables, of which a damaged one reads as empty.
+// Look-ups in the FIB's tables. A damaged table reads as empty.
 #pragma once
 
 #include <algorithm>
@@ -26,7 +26,8 @@ typename RouteStatus::Route readRoute(const RouteStatus* table, const Prefix& pr
   }
 }
 
-/// The FEC, or one without vias. Null reads as an empty table, damage as "no such FEC".
+/// The FEC; one without vias when there is none. Null reads as an empty table, damage as "no such
+/// FEC".
 template <class ForwardingStatus>
 typename ForwardingStatus::Fec readFec(const ForwardingStatus* table, Tovan::Fib::FecId fecId) {
   if (table == nullptr) return {};
@@ -38,13 +39,13 @@ typename ForwardingStatus::Fec readFec(const ForwardingStatus* table, Tovan::Fib
   }
 }
 
-/// True when a via of the FEC leaves through `intf`.
+/// True when `intf` is the outgoing interface of a via of the FEC.
 template <class Fec>
 bool leavesThrough(const Fec& fec, Zemit::IntfId intf) {
   return std::any_of(fec.begin(), fec.end(), [intf](const auto& via) { return via.intf == intf; });
 }
 
-/// The interfaces through which the FEC's vias leave.
+/// The outgoing interfaces of the FEC's vias.
 template <class ForwardingStatus>
 IntfDir::Ptr intfsOf(const ForwardingStatus* table, Tovan::Fib::FecId fecId) {
   auto intfs = IntfDir::IntfDirIs();
@@ -60,8 +61,8 @@ inline IntfDir::Ptr getIp6Intfs(const Tovan::Fib6::ForwardingStatus* table,
   return intfsOf(table, fecId);
 }
 
-/// The table's route of the longest prefix that strictly contains `prefix`, or a record whose key
-/// is the null prefix. A prefix of the trie for which the table has no route is passed over.
+/// The table's route with the longest prefix that contains `prefix` and is shorter, or a record
+/// whose key is the null prefix. Skips a prefix of the trie that has no route in the table.
 template <class RouteStatus, class TrieType, class Prefix>
 typename RouteStatus::Route routeAbove(const Prefix& prefix, const RouteStatus* table,
                                        const TrieType& trie) {

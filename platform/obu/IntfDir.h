@@ -9,8 +9,8 @@
 
 namespace Obu {
 
-/// A set of interface names, such as those through which a FEC leaves. Iterates in the order of
-/// the interface ids.
+/// A set of interfaces, such as the outgoing interfaces of a FEC. Iterates in the order of the
+/// interface ids.
 class IntfDir final : public Kiv::Object {
  public:
   using Ptr = Kiv::Ptr<IntfDir>;
@@ -19,7 +19,7 @@ class IntfDir final : public Kiv::Object {
   /// A new, empty set.
   static Ptr IntfDirIs() { return Kiv::make<IntfDir>(); }
 
-  /// Puts an interface in.
+  /// Adds an interface.
   void intfNameIs(const Kiv::String8& name) { intfIs(Zemit::IntfId::of(name)); }
   void intfIs(Zemit::IntfId intf) {
     const auto at = std::lower_bound(intfs_.begin(), intfs_.end(), intf);

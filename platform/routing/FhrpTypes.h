@@ -1,4 +1,4 @@
-// The keys of first-hop redundancy: which VRF has which virtual address.
+// The keys of first-hop redundancy: a VRF and a virtual address in it.
 #pragma once
 
 #include <compare>
@@ -45,7 +45,7 @@ class VrfIpWithMaskPair : public BasicVrfPair<Zemit::AnyAddrWithMask> {
   using BasicVrfPair::BasicVrfPair;
 
   const Zemit::AnyAddrWithMask& ipWithMask() const noexcept { return address(); }
-  /// The IPv4 virtual address; an IPv6 one has none.
+  /// The IPv4 virtual address; nothing for an IPv6 address.
   std::optional<Zemit::IpAddr> v4Addr() const { return address().v4Addr(); }
 };
 

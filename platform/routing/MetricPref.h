@@ -1,4 +1,4 @@
-// How routes to the same prefix rank.
+// The order of preference of routes to the same prefix.
 #pragma once
 
 #include <compare>
@@ -11,7 +11,7 @@ namespace Routing {
 
 /// A route's cost within its routing protocol.
 using RouteMetric = uint32_t;
-/// The rank of a route's source; the lower one is preferred.
+/// The rank of a route's source. A lower value is preferred.
 using RoutePreference = uint8_t;
 
 /// The metric and preference of a route.

@@ -6,7 +6,7 @@
 namespace Routing {
 namespace {
 
-/// The enumerators' names by value.
+/// The enumerators' names. The index is the value.
 template <class RouteType>
 constexpr auto kNames = nullptr;
 template <>

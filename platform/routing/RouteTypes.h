@@ -1,4 +1,4 @@
-// The types of FIB routes: where a route came from.
+// The types of FIB routes: the sources of routes.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace Routing::Fib {
 
-/// What put an IPv4 route into the FIB.
+/// The source of an IPv4 route in the FIB.
 enum RouteType : uint32_t {
   invalid_ = 0,
   receive_ = 1,
@@ -43,7 +43,7 @@ std::ostream& operator<<(std::ostream& os, RouteType type);
 
 namespace Routing6::Fib {
 
-/// What put an IPv6 route into the FIB.
+/// The source of an IPv6 route in the FIB.
 enum RouteType : uint32_t {
   invalid_ = 0,
   receive_ = 1,

@@ -5,13 +5,13 @@
 
 namespace Routing {
 
-/// How the routing agents' start-up is sequenced. The host-route machines hold it for the daemon
-/// and read nothing of it.
+/// The configuration of the routing agents' start-up sequence. The host-route machines keep a
+/// reference for the daemon and do not read it.
 class SeqConfig final : public Kiv::NamedEntity {
  public:
   using Ptr = Kiv::Ptr<SeqConfig>;
 
-  /// Derive from this to be bound to it; it announces nothing.
+  /// Derive from this to bind to the configuration. It has no notifications.
   class NotifieeConst : public Kiv::NotifieeOf<SeqConfig> {};
 
   explicit SeqConfig(Kiv::Name name) : NamedEntity(std::move(name)) {}

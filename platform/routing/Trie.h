@@ -1,4 +1,4 @@
-// Sets of prefixes that answer longest-match questions.
+// Sets of prefixes with longest-match look-up.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace Routing {
 
 namespace detail {
 
-/// The bits of an address, the first one foremost in a word, and the address of such bits.
+/// The bits of an address as an integer, with the first bit as the most significant one, and back.
 inline uint64_t bitsOf(const Zemit::IpAddr& addr) {
   return uint64_t{addr.value()} << 32;
 }
@@ -34,11 +34,12 @@ inline Zemit::Ip6Addr addrOf(Kiv::detail::Uint128 bits) {
 
 /// A set of prefixes with longest-match look-up.
 ///
-/// Six lengths make a level: the prefixes that agree in all bits but the last one to six share a
-/// node, in which each is one bit. A level is a hash table of its nodes by the bits in common,
-/// their path. A look-up tries the levels in use, the longest first; what it reads of one level
-/// does not depend on another, so the processor fetches ahead. No set of prefixes makes it slow:
-/// there are six levels (IPv6: 22), and the hash is secret. The null prefix is never in the set.
+/// A level covers six prefix lengths. Prefixes that differ only in their last one to six bits share
+/// a node, and each prefix is one bit of the node. The path of a node is the bits that its prefixes
+/// have in common. A level is a hash table of nodes by path. A look-up tries the levels in use, the
+/// longest prefixes first. The reads of one level do not depend on another level, so the processor
+/// can overlap them. The worst case is bounded: there are six levels (IPv6: 22), and the hash seed
+/// is secret. The null prefix is never in the set.
 template <class P>
 class BasicTrie final : public Kiv::Object {
  public:
@@ -47,9 +48,9 @@ class BasicTrie final : public Kiv::Object {
   using Prefix = P;
   using Addr = typename P::Addr;
 
-  /// Puts `prefix` into the set, or takes it out when not `present`. True when the set changed.
+  /// Adds `prefix` to the set, or removes it when not `present`. True when the set changed.
   bool routeIs(const P& prefix, bool present) { return present ? insert(prefix) : erase(prefix); }
-  /// Takes `prefix` out of the set. True when it was there.
+  /// Removes `prefix` from the set. True when the set contained it.
   bool routeDel(const P& prefix) { return erase(prefix); }
 
   bool contains(const P& prefix) const { return !isNull(prefix) && longestMatch(prefix) == prefix; }
@@ -68,23 +69,24 @@ class BasicTrie final : public Kiv::Object {
   }
 
   size_t size() const { return size_; }
-  /// The memory held, this object included.
+  /// The memory in use, in bytes, including this object.
   size_t bytes() const;
 
-  /// Calls `visit(prefix)` for every prefix of the set, in no order. The set must not change
-  /// meanwhile.
+  /// Calls `visit(prefix)` for every prefix of the set, in no particular order. The set must not
+  /// change during the walk.
   template <class Visit>
   void forEach(Visit&& visit) const;
 
  private:
-  /// The bits of an address, or the first of them, the others zero.
+  /// The bits of an address or of a path. The bits behind a path are zero.
   using Bits = decltype(detail::bitsOf(Addr()));
   static constexpr uint32_t kWidth = 8 * sizeof(Bits);
   static constexpr uint32_t kStride = detail::TrieNode::kStride;
   static constexpr uint32_t kLevels = (P::kMaxLen + kStride - 1) / kStride;
   /// The levels whose paths are no longer than 64 bits.
   static constexpr uint32_t kShortLevels = std::min(kLevels, 64 / kStride + 1);
-  /// Where the levels are few, a processor's own guesses get ahead as well and cost nothing.
+  /// Prefetching pays only with many levels. With few levels the processor's speculative execution
+  /// already overlaps the reads.
   static constexpr bool kFetchesAhead = kLevels > 6;
 
   static uint32_t levelOf(uint32_t len) { return (std::max(len, 1U) - 1) / kStride; }
@@ -92,7 +94,7 @@ class BasicTrie final : public Kiv::Object {
   static uint32_t nextOf(Bits bits, uint32_t level) {
     return static_cast<uint32_t>((bits << level * kStride) >> (kWidth - kStride));
   }
-  /// The path of a level that `bits` begin with.
+  /// The leading bits of `bits` that are their path in a level.
   template <class Path>
   static Path pathOf(Bits bits, uint32_t level) {
     return static_cast<Path>(bits >> (kWidth - 8 * sizeof(Path))) & ~(~Path{0} >> level * kStride);
@@ -114,7 +116,7 @@ class BasicTrie final : public Kiv::Object {
 
   std::array<Kiv::HashMap<uint64_t, detail::TrieNode>, kShortLevels> short_;
   std::array<Kiv::HashMap<Addr, detail::TrieNode>, kLevels - kShortLevels> long_;
-  uint32_t used_ = 0;  // a bit for each level that has nodes
+  uint32_t used_ = 0;  // one bit for each level that has nodes
   size_t size_ = 0;
 };
 

@@ -1,4 +1,4 @@
-// Virtual addresses of first-hop redundancy groups (VRRP, RFC 9568, and its kin).
+// Virtual addresses of first-hop redundancy groups (VRRP, RFC 9568, and similar protocols).
 #pragma once
 
 #include "platform/kiv/runtime/Attributes.h"
@@ -7,7 +7,7 @@
 
 namespace Routing::Fhrp {
 
-/// The virtual addresses for which this switch may answer, in every VRF.
+/// The virtual addresses of all VRFs for which this switch may answer.
 ///
 /// \tparam Pair  the key: VRF and address.
 /// \tparam A     the family's address type.
@@ -35,7 +35,7 @@ class BasicVirtualIpStatus final : public Kiv::NamedEntity {
   KIV_SET_VIEW(258, virtualIp, VirtualIp, Pair)
   void virtualIpIs(const Pair& pair, bool present) {
     if (present == virtualIp(pair)) return;
-    // The index goes first: a callback already sees it with the change made.
+    // The index is updated first, so that a callback reads the new state.
     if (const auto addr = addrOf(pair)) {
       count(*addr, present);
       watches_.written(*addr);
@@ -48,7 +48,8 @@ class BasicVirtualIpStatus final : public Kiv::NamedEntity {
 
   /// True when `addr` is virtual in any VRF.
   bool isVirtual(const A& addr) const { return users_.find(addr) != nullptr; }
-  /// Who knows of each address that becomes virtual in a VRF, or is so no longer.
+  /// The watches that are called before an address becomes virtual in a VRF or stops being virtual
+  /// in one.
   const Kiv::WatchList<A>& watches() const noexcept { return watches_; }
 
  private:
@@ -61,7 +62,7 @@ class BasicVirtualIpStatus final : public Kiv::NamedEntity {
     if (*users == 0) users_.erase(addr);
   }
 
-  Kiv::HashMap<A, uint32_t> users_;  // how many pairs have the address
+  Kiv::HashMap<A, uint32_t> users_;  // the number of pairs with the address
   Kiv::WatchList<A> watches_;
 };
 

@@ -13,8 +13,9 @@
 
 namespace Routing {
 
-/// Host routes by prefix, in this process. Their FEC ids are indices of the table's own adjacencies
-/// when an adjacency helper made them, else FECs of the forwarding status.
+/// Host routes by prefix, in this process. The FEC id of a route is an index of the table's own
+/// adjacencies when an adjacency helper allocated it. Otherwise it is a FEC of the forwarding
+/// status.
 ///
 /// \tparam R  the family's route.  \tparam V  its via set.
 template <class R, class V>
@@ -44,28 +45,28 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   using Records = Kiv::HashMap<Prefix, Record>;
 
  public:
-  /// A walk over the routes, which gives them by value.
+  /// An iterator over the routes, by value.
   using RouteIterator =
       typename Tovan::RouteCollection<RouteAttribute, Route, Records>::Map::IteratorConst;
 
   explicit BasicHostStatus(Kiv::Name name) : NamedEntity(std::move(name)) {}
 
-  /// The route with exactly this prefix, or noRoute(prefix). Under the null prefix nothing is
-  /// found.
+  /// The route with exactly this prefix, or noRoute(prefix). The null prefix has no route.
   Route route(const Prefix& prefix) const {
     if (isNull(prefix)) [[unlikely]]
       return Tovan::noRoute<Route>(prefix);
     const Record* record = route_.map().find(prefix);
     return record == nullptr ? Tovan::noRoute<Route>(prefix) : record->withKey(prefix);
   }
-  /// Begins to fetch what route() is going to read.
+  /// Prefetches the memory that route() will read.
   void prefetch(const Prefix& prefix) const { route_.map().prefetch(prefix); }
-  /// Stores a route under its key; announces it if it is new or differs.
+  /// Stores a route under its key. Announces a new or changed route.
   void routeIs(const Route& route) {
     if (!watches_.empty() && this->route(route.key) != route) watches_.written(route.key);
     route_.set(*this, route.key, Record(route));
   }
-  /// Removes a route, announces that and returns it; or noRoute(prefix).
+  /// Removes the route, announces the removal and returns the route. Returns noRoute(prefix) when
+  /// there is none.
   Route routeDel(const Prefix& prefix) {
     const Record* record = route_.map().find(prefix);
     if (record == nullptr) return Tovan::noRoute<Route>(prefix);
@@ -75,7 +76,7 @@ class BasicHostStatus final : public Kiv::NamedEntity {
     return removed;
   }
   Route routeDel(const RouteIterator& it) { return routeDel(it.key()); }
-  /// Removes all routes, announcing each. What a callback adds stays.
+  /// Removes all routes and announces each removal. Routes that a callback adds stay.
   void routeDelAll() {
     const Kiv::Ptr<const Kiv::Entity> alive(this);
     for (const Prefix& prefix : routeKeys()) routeDel(prefix);
@@ -83,25 +84,25 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   size_t routeCount() const noexcept { return route_.map().size(); }
   RouteIterator routeIterator() const { return routeIteratorConst(); }
   RouteIterator routeIteratorConst() const { return RouteIterator(route_.map().iteratorConst()); }
-  /// Calls `visit` with each route, in no order. The body must not write to the table.
+  /// Calls `visit` with each route, in no particular order. `visit` must not write to the table.
   template <class Visit>
   void forEachRoute(Visit visit) const {
     for (auto it = route_.map().iteratorConst(); it; ++it) visit(it.value().withKey(it.key()));
   }
-  /// The prefixes there are, in no order.
+  /// The prefixes of all routes, in no particular order.
   std::vector<Prefix> routeKeys() const { return route_.map().keys(); }
-  /// Announces a prefix, or the whole table, without a change.
+  /// Announces a prefix, or the whole table, as if it had changed.
   void routeNotify(const Prefix& prefix) const { this->template notify<RouteAttribute>(prefix); }
   void routeNotify() const { this->template notify<RouteAttribute>(); }
 
-  /// Who knows of each route that is about to be stored or removed.
+  /// The watches that are called before a route is stored or removed.
   const Kiv::WatchList<Prefix>& watches() const noexcept { return watches_; }
 
-  /// The vias of a host adjacency; none when there is no such adjacency.
+  /// The vias of a host adjacency; an empty set when there is no such adjacency.
   const ViaSet& adjIndexToViaSet(Tovan::Fib::FecId index) const {
     return adjacencies_.viaSet(index);
   }
-  /// The table's host adjacencies, which an adjacency helper keeps.
+  /// The table's host adjacencies. An adjacency helper maintains them.
   const Adjacencies& adjacencies() const noexcept { return adjacencies_; }
   Adjacencies& adjacencies() noexcept { return adjacencies_; }
 

@@ -17,7 +17,7 @@ class AnyAddrWithMask {
   constexpr AnyAddrWithMask(const IpAddrWithMask& v4) : v4_(v4) {}                // NOLINT
   constexpr AnyAddrWithMask(const Ip6AddrWithMask& v6) : isV6_(true), v6_(v6) {}  // NOLINT
 
-  /// The address without its mask if it is an IPv4 one.
+  /// The IPv4 address without its mask; nothing for an IPv6 address.
   constexpr std::optional<IpAddr> v4Addr() const {
     return isV6_ ? std::nullopt : std::optional(v4_.addr());
   }

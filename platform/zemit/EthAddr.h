@@ -18,7 +18,7 @@ class EthAddr {
   static constexpr size_t kMaxText = 17;
 
   constexpr EthAddr() = default;
-  /// \param bytes  in the order in which they are sent.
+  /// \param bytes  in network order.
   constexpr explicit EthAddr(const Bytes& bytes) : bytes_(bytes) {}
   /// Reads six pairs of hexadecimal digits: "00:11:22:aa:bb:cc".
   static std::optional<EthAddr> parse(std::string_view text);

@@ -13,7 +13,7 @@ struct Registry {
 };
 
 Registry& registry() {
-  static Registry& only = *new Registry;  // never destroyed: destructors may print names
+  static Registry& only = *new Registry;  // never destroyed: other destructors may print names
   return only;
 }
 

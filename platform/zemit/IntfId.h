@@ -1,4 +1,4 @@
-// Interface ids: small numbers that know their interface's name.
+// Interface ids: small numbers that stand for interface names.
 #pragma once
 
 #include <array>
@@ -14,21 +14,21 @@
 
 namespace Zemit {
 
-/// The id of an interface: one for each name, for the life of the process. The default value means
-/// "no interface" and has an empty name.
+/// The id of an interface. The process has one id for each name and never reuses it. The default
+/// value means "no interface" and has an empty name.
 ///
-/// Ids count up in the order in which names were first seen, and sort so; they mean nothing to
-/// another process. All of this may be used by any thread.
+/// Ids are numbered, and therefore sort, in the order in which names were first used. They are
+/// valid in this process only. All functions are thread-safe.
 class IntfId {
  public:
   constexpr IntfId() = default;
-  /// The id of the interface called `name`, made unless it is known.
+  /// The id of the interface called `name`. Assigns a new id to a new name.
   static IntfId of(const Kiv::String8& name);
-  /// The id of the interface called `name`; nothing while nobody has named one so.
+  /// The id of the interface called `name`; nothing when the name has no id yet.
   static std::optional<IntfId> find(const Kiv::String8& name);
 
   constexpr uint32_t value() const { return value_; }
-  /// The interface's name. Takes no lock; the reference stays good.
+  /// The interface's name. Takes no lock; the reference stays valid for the life of the process.
   const Kiv::String8& name() const {
     if (value_ == 0) return kNoName;
     const auto [chunk, at] = place(value_);

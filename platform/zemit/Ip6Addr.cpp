@@ -10,7 +10,8 @@ namespace {
 
 using Groups = std::array<uint16_t, 8>;
 
-/// Where the longest run of two or more zero groups begins and ends, the first of equal ones.
+/// The begin and the end of the longest run of two or more zero groups; the first of equally long
+/// runs.
 std::pair<size_t, size_t> longestZeros(const Groups& groups) {
   std::pair<size_t, size_t> best{groups.size(), groups.size()};
   size_t longest = 1;

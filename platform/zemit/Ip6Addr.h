@@ -22,7 +22,7 @@ class Ip6Addr {
   constexpr Ip6Addr() = default;
   /// \param high, low  the first and the last 64 bits, in host byte order.
   constexpr Ip6Addr(uint64_t high, uint64_t low) : high_(high), low_(low) {}
-  /// Reads any text form of RFC 4291, section 2.2; a zone is refused.
+  /// Reads any text form of RFC 4291, section 2.2. Refuses a zone ("%eth0").
   static std::optional<Ip6Addr> parse(std::string_view text);
 
   /// The first 64 bits, in host byte order.
@@ -55,7 +55,7 @@ class Ip6Addr {
   friend constexpr auto operator<=>(const Ip6Addr&, const Ip6Addr&) = default;
 
  private:
-  /// Aligned to four bytes only: an address with a length then takes 20 bytes and not 24.
+  /// Four-byte alignment, so that an address with a length takes 20 bytes instead of 24.
   using Word [[gnu::aligned(4)]] = uint64_t;
 
   static constexpr uint64_t highMask(uint32_t len) {

@@ -15,7 +15,7 @@ namespace Zemit {
 /// A word whose first `count` bits are one and the others zero; `count` is at most its width.
 template <class Word>
 constexpr Word leadingOnes(uint32_t count) {
-  // A shift by the full width is undefined, so count 0 is not left to the shift.
+  // A shift by the full width is undefined behaviour, so count 0 is a case of its own.
   return count == 0 ? 0 : ~Word{0} << (std::numeric_limits<Word>::digits - count);
 }
 

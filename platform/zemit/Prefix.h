@@ -12,11 +12,11 @@
 
 namespace Zemit {
 
-/// A set of addresses that begin alike, such as 10.0.0.0/24: its first address and the number of
-/// leading bits they share. All other bits of the address are zero.
+/// A set of addresses with the same leading bits, such as 10.0.0.0/24. Holds the first address of
+/// the set and the number of those bits. All other bits of the address are zero.
 ///
-/// The default value is 0.0.0.0/0 (::/0), which contains every address. The null prefix, whose
-/// length is no length at all, stands for "no such prefix".
+/// The default value is 0.0.0.0/0 (::/0), which contains every address. The null prefix means "no
+/// such prefix". Its length is kNullLen, which no real prefix has.
 template <class A>
 class BasicPrefix {
  public:
@@ -28,14 +28,14 @@ class BasicPrefix {
 
   constexpr BasicPrefix() = default;
   /// Address zero with length kNullLen is the null prefix.
-  /// \throws Kiv::RangeException when `len` is over kMaxLen or `addr` has bits set behind it.
+  /// \throws Kiv::RangeException when `len` is over kMaxLen or `addr` has host bits set.
   constexpr BasicPrefix(const A& addr, uint32_t len) : addr_(addr), len_(len) {
     if (!isValid(addr, len)) [[unlikely]]
       refuse();
   }
   /// "No such prefix".
   static constexpr BasicPrefix null() { return {A(), kNullLen}; }
-  /// The prefix that contains `addr` alone.
+  /// The host prefix of `addr`, a /32 or /128.
   static constexpr BasicPrefix host(const A& addr) { return {addr, kMaxLen}; }
   /// The prefix of length `len`, at most kMaxLen, that contains `addr`.
   static constexpr BasicPrefix enclosing(const A& addr, uint32_t len) {

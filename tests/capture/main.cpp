@@ -1,4 +1,4 @@
-// Makes the captures that the tests of messages read: what the kernel here tells of changes.
+// Makes the captures for the tests of messages: the kernel's notifications of changes.
 //
 // Usage, as root: netlink_capture DIR. Writes a file of netlink messages for each kind of change.
 #include <libmnl/libmnl.h>
@@ -121,7 +121,7 @@ constexpr std::array kGroups = {RTNLGRP_LINK,        RTNLGRP_NEIGH,      RTNLGRP
                                 RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE,
                                 RTNLGRP_NEXTHOP};
 
-/// What the sockets of a namespace deliver while the commands run, and a little later.
+/// The notifications of a namespace's sockets during the commands and shortly afterwards.
 std::string capture(const Scenario& scenario) {
   const Linux::Namespace space;
   space.ip(kPorts);

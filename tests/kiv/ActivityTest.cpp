@@ -27,7 +27,7 @@ class ActivityTest : public testing::Test {
     log.clear();
     return made;
   }
-  /// What a run of the activity tells.
+  /// Runs the activity and returns the notifications that it delivered.
   Log run() {
     const size_t delivered = activity->run();
     EXPECT_EQ(delivered == 0, log.empty());
@@ -40,7 +40,7 @@ class ActivityTest : public testing::Test {
   BridgeWatcher::Ptr watcher = watcherOn(activity, "");
 };
 
-TEST_F(ActivityTest, WhatWaitsIsDeliveredOnceInTheOrderOfItsFirstArrival) {
+TEST_F(ActivityTest, QueuedNotificationsAreDeliveredOnceInTheOrderOfFirstArrival) {
   const auto other = watcherOn(activity, "other ");
   bridge->vlanNotify(2);
   bridge->stationNotify(2);
@@ -58,8 +58,8 @@ TEST_F(ActivityTest, WhatWaitsIsDeliveredOnceInTheOrderOfItsFirstArrival) {
   EXPECT_EQ(run(), Log{});
 }
 
-// Delivering it in the same run could keep the run from ending.
-TEST_F(ActivityTest, WhatACallbackAnnouncesWaitsForTheNextRun) {
+// If such notifications were delivered in the same run, the run might never end.
+TEST_F(ActivityTest, AnnouncementsOfACallbackWaitForTheNextRun) {
   const auto second = watcherOn(activity, "second ");
   watcher->then = [this] {
     bridge->vlanNotify(1);
@@ -67,13 +67,14 @@ TEST_F(ActivityTest, WhatACallbackAnnouncesWaitsForTheNextRun) {
   };
   bridge->vlanNotify(1);
   EXPECT_EQ(run(), (Log{"vlan 1", "second vlan 1"}));
-  // The second reactor's had still been waiting when the first one's callback announced it again.
+  // The second reactor's notification was still queued when the callback announced the change
+  // again, so the second reactor gets it only once.
   EXPECT_EQ(run(), Log{"vlan 1"});
   watcher->then = nullptr;
   EXPECT_EQ(run(), (Log{"vlan 1", "second vlan 1"}));
 }
 
-TEST_F(ActivityTest, NothingIsDeliveredToAReactorThatWentMeanwhile) {
+TEST_F(ActivityTest, NothingIsDeliveredToAReactorThatLeftTheQueue) {
   const auto zombie = watcherOn(activity, "zombie ");
   const auto off = watcherOn(activity, "off ");
   const auto moved = watcherOn(activity, "moved ");
@@ -95,8 +96,8 @@ TEST_F(ActivityTest, NothingIsDeliveredToAReactorThatWentMeanwhile) {
   EXPECT_EQ(run(), (Log{"vlan 1", "successor vlan 1"}));
 }
 
-// A change that was announced and never delivered would leave a wrong route for good.
-TEST_F(ActivityTest, AReactorTakesAlongWhatWaitsForIt) {
+// A queued notification that is lost would leave a wrong route permanently.
+TEST_F(ActivityTest, AReactorThatChangesItsActivityKeepsItsQueuedNotifications) {
   const auto next = Kiv::make<QueueingActivity>();
   const auto staying = watcherOn(activity, "staying ");
   for (const uint32_t vlan : {1u, 2u}) bridge->vlanNotify(vlan);
@@ -112,7 +113,7 @@ TEST_F(ActivityTest, AReactorTakesAlongWhatWaitsForIt) {
   EXPECT_EQ(next->run(), 0u);
 }
 
-TEST_F(ActivityTest, WhatCannotBeQueuedLeavesNothingBehind) {
+TEST_F(ActivityTest, AFailedAllocationLeavesTheQueueUnchanged) {
   constexpr uint32_t kVlans = 300;
   for (uint32_t vlan = 0; vlan < kVlans; ++vlan) {
     for (size_t allocation : {1U, 2U, 3U, 4U}) {

@@ -19,7 +19,7 @@ struct Checked {
   }
 };
 
-TEST(AssertDeathTest, ABrokenInvariantStopsTheProcessAndSaysWhere) {
+TEST(AssertDeathTest, AFailedAssertionStopsTheProcessAndNamesItsPlace) {
   EXPECT_EQ(Checked::positive(1), 1);
   const auto place = [](int line) {
     return " \\(HostRouteSm:" + std::to_string(line) + ", .*Checked::positive\\(int\\)\\)";
@@ -29,7 +29,7 @@ TEST(AssertDeathTest, ABrokenInvariantStopsTheProcessAndSaysWhere) {
                "assertion failed: value\\.isSmall\\(\\)" + place(kAssertLine + 1));
 }
 
-TEST(ClockTest, AnotherClockMayTakeThePlaceOfTheSystems) {
+TEST(ClockTest, TheSystemClockCanBeReplaced) {
   Kiv::clockIs([] { return 12.5; });
   EXPECT_EQ(Kiv::now(), 12.5);
   Kiv::clockIs(nullptr);

@@ -15,7 +15,7 @@ using Sample::Log;
 using Sample::Port;
 using Sample::take;
 
-/// Logs the end of a port that somebody else owns.
+/// Logs the destruction of a port that it does not own.
 class PortWatcher final : public Port::NotifieeConst {
  public:
   explicit PortWatcher(Log& log) : NotifieeConst(Hold::kWeak), log_(log) {}
@@ -32,7 +32,7 @@ class AttributesTest : public testing::Test {
     log.clear();
   }
 
-  /// Files a new port whose end is logged.
+  /// Adds a new port and logs its destruction.
   void portIs(const Kiv::Name& name) {
     const auto port = Kiv::make<Port>(name);
     portWatcher->notifierIs(port);
@@ -46,7 +46,7 @@ class AttributesTest : public testing::Test {
   Kiv::Ptr<PortWatcher> portWatcher = Kiv::make<PortWatcher>(log);
 };
 
-// Announcing what did not change makes reactors work for nothing, and can make them work for ever.
+// Announcing a value that did not change wastes work, and can cause an endless loop of reactors.
 TEST_F(AttributesTest, SettingStoresAndAnnouncesChangesOnly) {
   const auto port = Kiv::make<Port>("eth1");
   for (int i = 0; i < 2; ++i) {
@@ -65,7 +65,7 @@ TEST_F(AttributesTest, SettingStoresAndAnnouncesChangesOnly) {
   EXPECT_EQ(bridge->port("eth1"), port);
 
   bridge->stationIs(0xa, "eth2");
-  bridge->stationIs(0xb, "");  // an entry is new even if its value is the empty one
+  bridge->stationIs(0xb, "");  // an entry is new even when its value is empty
   bridge->newCpuPort("cpu");
   bridge->newVlan(8, true);
   bridge->vlanIs(8, false);
@@ -81,7 +81,7 @@ TEST_F(AttributesTest, SettingStoresAndAnnouncesChangesOnly) {
   EXPECT_EQ(take(log), (Log{"mtu", "vlan 7", "vlan*", "port eth9"}));
 }
 
-TEST_F(AttributesTest, WhatIsAbsentReadsAsTheEmptyValue) {
+TEST_F(AttributesTest, AbsentValuesReadAsTheEmptyValue) {
   EXPECT_EQ(bridge->cpuPort(), nullptr);
   EXPECT_EQ(bridge->uplink(), nullptr);
   EXPECT_EQ(bridge->port("eth1"), nullptr);
@@ -95,7 +95,7 @@ TEST_F(AttributesTest, WhatIsAbsentReadsAsTheEmptyValue) {
   EXPECT_EQ(log, Log{});
 }
 
-// A pointer attribute that held its object would keep tables of a deleted VRF.
+// A pointer attribute that owned its object would keep the tables of a deleted VRF alive.
 TEST_F(AttributesTest, OnlyOwnedEntitiesAreHeldAndKnowTheirOwner) {
   const auto port = Kiv::make<Port>("eth 1/é");
   bridge->uplinkIs(port);
@@ -111,7 +111,7 @@ TEST_F(AttributesTest, OnlyOwnedEntitiesAreHeldAndKnowTheirOwner) {
   EXPECT_EQ(port->fullName(), "br0/eth 1/é");
   EXPECT_EQ(port->uriPath(), "/br0/port/eth%201%2F%C3%A9");
 
-  // No list of names is too long for the stack.
+  // A cycle of owners must not make a path endless.
   bridge->parentIs(port.get(), &Bridge::PortAttribute::kInfo);
   EXPECT_EQ(port->fullName(), "br0/eth 1/é");
   EXPECT_EQ(bridge->uriPath(), "/eth%201%2F%C3%A9/port/br0");
@@ -176,8 +176,8 @@ TEST_F(AttributesTest, DeletionsAnnounceEachKeyOnce) {
   EXPECT_EQ(bridge->vlanCount() + bridge->portCount(), 0u);
 }
 
-// A reactor that hears of a removal may still have business with what was removed.
-TEST_F(AttributesTest, WhatIsRemovedLivesUntilThatHasBeenAnnounced) {
+// A reactor may still need an object when it is notified of the object's removal.
+TEST_F(AttributesTest, ARemovedObjectLivesUntilItsRemovalWasAnnounced) {
   portIs("eth1");
   bridge->portDel("eth1");
   EXPECT_EQ(take(log), (Log{"port eth1", "destroyed"}));
@@ -192,8 +192,8 @@ TEST_F(AttributesTest, WhatIsRemovedLivesUntilThatHasBeenAnnounced) {
   EXPECT_EQ(take(log), (Log{"cpuPort", "cpuPort", "destroyed"}));
 }
 
-// The key may stand where a callback erases it or puts another: all are told of the same.
-TEST_F(AttributesTest, CallbacksMayTakeAwayTheKeyTheyAreToldOf) {
+// The caller's key may be a variable that a callback changes. All notifiees must get the same key.
+TEST_F(AttributesTest, CallbacksMayChangeTheVariableThatHoldsTheirKey) {
   const auto second = Kiv::make<BridgeWatcher>(log, "second ");
   second->notifierIs(bridge);
   log.clear();

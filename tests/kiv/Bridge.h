@@ -1,4 +1,4 @@
-// A small entity with an attribute of each kind, which the tests of the runtime work on.
+// A small entity with an attribute of each kind, for the tests of the runtime.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ class Port final : public Kiv::NamedEntity {
   KIV_SETTABLE_SCALAR(257, speed, Speed, uint32_t)
 };
 
-/// A bridge: owns its ports, and knows behind which of them each station is.
+/// A bridge. Owns its ports and stores the port of each station.
 class Bridge : public Kiv::NamedEntity {
  public:
   using Ptr = Kiv::Ptr<Bridge>;
@@ -60,7 +60,7 @@ class Bridge : public Kiv::NamedEntity {
 
   /// The largest frame, in bytes.
   KIV_SETTABLE_SCALAR(257, mtu, Mtu, uint32_t)
-  /// The port towards the root of the tree, lent by whoever computes the tree.
+  /// The port towards the root of the spanning tree. Not owned by the bridge.
   KIV_POINTER(258, uplink, Uplink, Port)
   /// The bridge's own port.
   KIV_SINGLETON(259, cpuPort, CpuPort, Port)
@@ -68,14 +68,14 @@ class Bridge : public Kiv::NamedEntity {
     cpuPort_.set(*this, Kiv::make<Port>(name));
     return cpuPort();
   }
-  /// The VLANs that are bridged.
+  /// The bridged VLANs.
   KIV_SET(260, vlan, Vlan, uint32_t)
-  /// The port behind which each station was seen last, by the station's MAC address.
+  /// The last known port of each station, by the station's MAC address.
   KIV_COLLECTION(261, station, Station, uint64_t, Kiv::Name)
   void stationIs(const uint64_t& mac, const Kiv::Name& port) { station_.set(*this, mac, port); }
   /// The ports by name.
   KIV_COLLECTION(262, port, Port, Kiv::Name, Port::Ptr)
-  /// Files `port` under its name.
+  /// Adds `port` under its name.
   /// \throws Kiv::RangeException when `port` is null.
   void portIs(const Port::Ptr& port) {
     KIV_REQUIRE(port, "null port");
@@ -85,7 +85,7 @@ class Bridge : public Kiv::NamedEntity {
 
 using Log = std::vector<std::string>;
 
-/// Writes into a log what it is told, then does what the test gave it to do.
+/// Logs each notification, then calls the function `then` of the test.
 class BridgeWatcher : public Bridge::NotifieeConst {
  public:
   using Ptr = Kiv::Ptr<BridgeWatcher>;
@@ -112,7 +112,7 @@ class BridgeWatcher : public Bridge::NotifieeConst {
  private:
   void told(const std::string& what, bool act = true) {
     log_.push_back(name_ + what);
-    // A copy: what is to be done may destroy this.
+    // A copy, because the function may destroy this object.
     if (const auto action = then; act && action) action();
   }
 
@@ -120,7 +120,7 @@ class BridgeWatcher : public Bridge::NotifieeConst {
   std::string name_;
 };
 
-/// What was logged since the last call.
+/// Returns the log since the last call and empties it.
 inline Log take(Log& log) {
   return std::exchange(log, {});
 }

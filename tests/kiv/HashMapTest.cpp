@@ -23,14 +23,14 @@ struct Counted : Object {
   static inline int living = 0;
 };
 
-/// An IPv6 prefix in size.
+/// A key of the size of an IPv6 prefix.
 struct LongKey {
   std::array<uint64_t, 3> words{};
   uint32_t hash() const { return hashWords(words[0] ^ words[2], words[1]); }
   friend bool operator==(const LongKey&, const LongKey&) = default;
 };
 
-/// Sends all keys to few groups, with few tags: every probe collides.
+/// Maps all keys to few groups and few tags, so that every probe collides.
 struct PoorHash {
   uint32_t operator()(uint64_t key) const { return static_cast<uint32_t>(key % 5) << 29; }
 };
@@ -108,21 +108,22 @@ class HashMapModelTest : public testing::Test {
   };
   M map;
   std::unordered_map<uint64_t, uint64_t> model;      // value by number
-  std::unordered_map<K, uint64_t, KeyHash> numbers;  // of all keys ever stored
+  std::unordered_map<K, uint64_t, KeyHash> numbers;  // the numbers of all keys ever stored
   std::mt19937_64 random{20};
 };
 using Maps = testing::Types<HashMap<uint64_t, uint64_t>, HashMap<LongKey, std::string>,
                             HashMap<StringN, Ptr<Counted>>, HashMap<uint64_t, uint32_t, PoorHash>>;
 TYPED_TEST_SUITE(HashMapModelTest, Maps);
 
-// Fills and drains to varying levels, so that tables grow, are cleaned of overflow, and shrink.
+// Fills and empties the map to varying levels, so that tables grow, lose their overflow entries,
+// and shrink.
 TYPED_TEST(HashMapModelTest, AgreesWithAModelUnderRandomChanges) {
   constexpr bool isPoor = std::is_same_v<TypeParam, HashMap<uint64_t, uint32_t, PoorHash>>;
   const std::vector<uint64_t> levels = isPoor ? std::vector<uint64_t>{100, 10, 600}
                                               : std::vector<uint64_t>{20, 9000, 40, 70000, 100};
   for (const uint64_t level : levels) {
     for (uint64_t i = 0; i < std::max<uint64_t>(3 * level, 20000); ++i) {
-      // Half of the numbers is present once as many are erased as stored.
+      // With equally many insertions and erasures, half of the numbers is present.
       const uint64_t n = this->random() % (2 * level);
       if (this->random() % 2 == 0) {
         this->store(n, this->random() >> 1);
@@ -141,7 +142,7 @@ TYPED_TEST(HashMapModelTest, AgreesWithAModelUnderRandomChanges) {
   EXPECT_EQ(Counted::living, 0);
 }
 
-// A million entries and back: a table that keeps its size would make each later walk slow.
+// Grows to a million entries and shrinks. A table that kept its size would make later walks slow.
 TEST(HashMapTest, GivesMemoryBackWhenItShrinks) {
   HashMap<uint64_t, Ptr<Counted>> map;
   const auto shared = make<Counted>(uint64_t{0});
@@ -164,7 +165,7 @@ TEST(HashMapTest, GivesMemoryBackWhenItShrinks) {
   EXPECT_EQ(shared->referenceCount(), 1);
 }
 
-// Pages without an element go while the last ones are still there: those must keep their values.
+// Empty pages are freed while other elements remain. The remaining elements must keep their values.
 TEST(HashMapTest, KeepsTheLastOfManyElements) {
   constexpr uint64_t kCount = 300'000;
   HashMap<uint64_t, uint64_t> map;
@@ -178,7 +179,7 @@ TEST(HashMapTest, KeepsTheLastOfManyElements) {
   EXPECT_EQ(map.bytes(), 0u);
 }
 
-// Millions of maps are empty or nearly so.
+// A switch has millions of maps that are empty or almost empty.
 TEST(HashMapTest, SmallMapsAreSmall) {
   HashMap<uint32_t, Present> set;
   EXPECT_EQ(sizeof set, sizeof(void*));
@@ -196,13 +197,14 @@ TEST(HashMapTest, SmallMapsAreSmall) {
   EXPECT_EQ(sum, 36u);
 }
 
-TEST(HashMapTest, AnIteratorFindsItsPlaceAgainAfterInsertions) {
+TEST(HashMapTest, AnIteratorStaysValidAcrossInsertions) {
   HashMap<uint64_t, uint64_t> map;
   for (uint64_t n = 0; n < 10; ++n) map.tryEmplace(n, n);
   auto it = map.iterator();
   const uint64_t first = it.key();
   const uint32_t generation = map.generation();
-  // Each insertion may move the element: to larger tables, and within the one that is emptied.
+  // Each insertion may move the element to a larger table, or within the table that is being
+  // emptied.
   for (uint64_t n = 100; n < 5000; ++n) {
     map.tryEmplace(n, n);
     ASSERT_EQ(it.value(), first);
@@ -214,27 +216,28 @@ TEST(HashMapTest, AnIteratorFindsItsPlaceAgainAfterInsertions) {
   while (++it) ++left;
   EXPECT_LT(left, map.size() + 1);
 
-  // Its element gone and the table changed, it has no place to go on from.
+  // When its element was erased and the table was changed, the iterator ends.
   auto lost = map.iterator();
   map.erase(lost.key());
   map.tryEmplace(lost.key() + 1'000'000, 0U);
   EXPECT_TRUE(lost);
   EXPECT_FALSE(++lost);
-  // Only the element gone, it has.
+  // When only its element was erased, the iterator continues.
   auto kept = map.iterator();
   map.erase(kept.key());
   map.erase(kept);
   std::set<uint64_t> seen;
   while (++kept) seen.insert(kept.key());
   EXPECT_EQ(seen.size(), map.size());
-  // A map that was emptied and filled again is another one, wherever its memory is.
+  // After clear() and refilling, an old iterator ends, even when the map's memory has the same
+  // address.
   auto old = map.iterator();
   map.clear();
   map.tryEmplace(old.key() + 1, 0U);
   EXPECT_FALSE(++old);
 }
 
-TEST(HashMapTest, AnIteratorFindsItsPlaceAgainWhenRoomWasMade) {
+TEST(HashMapTest, AnIteratorStaysValidAcrossReserve) {
   HashMap<uint64_t, uint64_t> map;
   size_t bytes = 0;
   for (uint64_t n = 0; n < 2000 || map.bytes() <= bytes; ++n) {  // the last one made it grow
@@ -251,7 +254,7 @@ TEST(HashMapTest, AnIteratorFindsItsPlaceAgainWhenRoomWasMade) {
   for (const auto& it : walks) ASSERT_EQ(it.value(), it.key());
 }
 
-// An iterator would take the empty map for the one it was made on.
+// With the generation of the empty map, an iterator would mistake the empty map for its own.
 TEST(HashMapTest, NoGenerationIsThatOfTheEmptyMap) {
   detail::lastHashGeneration = UINT32_MAX - 1;
   HashMap<uint64_t, uint64_t> map;
@@ -261,24 +264,24 @@ TEST(HashMapTest, NoGenerationIsThatOfTheEmptyMap) {
   }
 }
 
-/// Looks into the map that it is going from.
-struct Inquisitive : Object {
-  using Map = HashMap<uint64_t, Ptr<Inquisitive>>;
-  explicit Inquisitive(const Map& from) : map(from) {}
-  ~Inquisitive() override { keysSeen = map.keys(); }
+/// Reads the map in its destructor.
+struct MapReader : Object {
+  using Map = HashMap<uint64_t, Ptr<MapReader>>;
+  explicit MapReader(const Map& from) : map(from) {}
+  ~MapReader() override { keysSeen = map.keys(); }
   const Map& map;
   static inline std::vector<uint64_t> keysSeen;
 };
 
-// A destructor that reaches the map again must find it whole.
+// The destructor of an erased value must find the map in a consistent state.
 TEST(HashMapTest, AValueMayUseTheMapWhileItIsErased) {
-  Inquisitive::Map map;
-  map.tryEmplace(1, make<Inquisitive>(map));
-  map.tryEmplace(2, make<Inquisitive>(map));
+  MapReader::Map map;
+  map.tryEmplace(1, make<MapReader>(map));
+  map.tryEmplace(2, make<MapReader>(map));
   map.erase(1);
-  EXPECT_EQ(Inquisitive::keysSeen, std::vector<uint64_t>{2});
+  EXPECT_EQ(MapReader::keysSeen, std::vector<uint64_t>{2});
   map.clear();
-  EXPECT_EQ(Inquisitive::keysSeen, std::vector<uint64_t>{});
+  EXPECT_EQ(MapReader::keysSeen, std::vector<uint64_t>{});
 }
 
 TEST(HashMapTest, AReservedMapIsNotRebuilt) {
@@ -292,7 +295,7 @@ TEST(HashMapTest, AReservedMapIsNotRebuilt) {
   }
 }
 
-// Machines without SSE2 take the other one.
+// Processors without SSE2 use the other matcher.
 TEST(HashMapTest, BothMatchersAgree) {
   std::mt19937 random{7};
   for (int round = 0; round < 10000; ++round) {
@@ -313,8 +316,8 @@ TEST(HashMapTest, BothMatchersAgree) {
   }
 }
 
-// Addresses of a subnet, one in each subnet, and the like. Whatever the seed is, they meet in the
-// groups of a map about as often as random keys do.
+// Keys such as all addresses of a subnet, or one address of each subnet. With every seed they
+// collide in the groups of a map about as often as random keys.
 TEST(HashTest, SpreadsKeysAFixedDistanceApart) {
   constexpr size_t kGroups = 4096;
   constexpr size_t kKeys = kGroups * 14;

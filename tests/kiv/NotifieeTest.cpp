@@ -25,7 +25,7 @@ class NotifieeTest : public testing::Test {
     log.clear();
     return watcher;
   }
-  /// What is told when the bridge's VLAN 1 is announced.
+  /// Announces the bridge's VLAN 1 and returns the resulting notifications.
   Log announce() {
     bridge->vlanNotify(1);
     return take(log);
@@ -57,26 +57,26 @@ TEST_F(NotifieeTest, BindingCatchesUpWithEachNewNotifier) {
   EXPECT_EQ(take(log), Log{});
 }
 
-// The walk would call into a destroyed reactor, or step over one that is still there.
-TEST_F(NotifieeTest, TheWalkIsOfThoseWhoWereThereAndStillAre) {
+// A wrong walk would call a destroyed reactor or skip a registered one.
+TEST_F(NotifieeTest, AnAnnouncementReachesThoseRegisteredBeforeAndStillRegistered) {
   std::vector<BridgeWatcher::Ptr> watchers;
   for (const char* name : {"a ", "b ", "c ", "d "}) watchers.push_back(watcherOf(bridge, name));
   BridgeWatcher::Ptr joined;
   watchers[1]->then = [&] {
     watchers[1]->then = nullptr;
-    watchers[0] = nullptr;             // has been told
-    watchers[1]->notifierIs(nullptr);  // is being told
-    watchers[2] = nullptr;             // has not been told
+    watchers[0] = nullptr;             // was already notified
+    watchers[1]->notifierIs(nullptr);  // is being notified
+    watchers[2] = nullptr;             // was not yet notified
     joined = Kiv::make<BridgeWatcher>(log, "e ");
     joined->notifierIs(bridge);
-    bridge->vlanNotify(2);  // a walk within the walk
+    bridge->vlanNotify(2);  // a nested walk
   };
   EXPECT_EQ(announce(),
             (Log{"a vlan 1", "b vlan 1", "e mtu", "e port*", "d vlan 2", "e vlan 2", "d vlan 1"}));
   EXPECT_EQ(announce(), (Log{"d vlan 1", "e vlan 1"}));
 }
 
-TEST_F(NotifieeTest, ThoseWhoStayAreToldInTheirOrderWhoeverLeaves) {
+TEST_F(NotifieeTest, TheOrderOfNotifieesSurvivesDepartures) {
   constexpr int kCount = 64;
   std::vector<std::pair<std::string, BridgeWatcher::Ptr>> watchers;
   const auto expected = [&] {
@@ -99,13 +99,13 @@ TEST_F(NotifieeTest, ThoseWhoStayAreToldInTheirOrderWhoeverLeaves) {
   }
 }
 
-TEST_F(NotifieeTest, ANotifieeMayMoveAwayInItsOwnCallback) {
+TEST_F(NotifieeTest, ANotifieeMayChangeItsNotifierInItsOwnCallback) {
   auto old = Kiv::make<Bridge>("old");
   const auto mover = watcherOf(old, "");
   const auto weak = watcherOf(old, "weak ", Hold::kWeak);
   mover->then = [&] {
     mover->then = nullptr;
-    mover->notifierIs(bridge);  // which destroys the old one in the middle of its walk
+    mover->notifierIs(bridge);  // destroys the old notifier during its walk
   };
   Bridge& changed = *old;
   old = nullptr;
@@ -115,7 +115,7 @@ TEST_F(NotifieeTest, ANotifieeMayMoveAwayInItsOwnCallback) {
   EXPECT_EQ(bridge->referenceCount(), 2);
 }
 
-TEST_F(NotifieeTest, TheOldNotifierMayBeAllThatHoldsTheNewOne) {
+TEST_F(NotifieeTest, TheOldNotifierMayHoldTheOnlyHandleToTheNewOne) {
   struct Outer final : Bridge {
     Outer() : Bridge("outer") {}
     Kiv::Ptr<const Bridge> inner = Kiv::make<Bridge>("inner");
@@ -129,7 +129,7 @@ TEST_F(NotifieeTest, TheOldNotifierMayBeAllThatHoldsTheNewOne) {
   EXPECT_EQ(watcher->notifierRaw()->fullName(), "inner");
 }
 
-TEST_F(NotifieeTest, ACallbackThatRaisesIsToldSoAndTheWalkGoesOn) {
+TEST_F(NotifieeTest, AThrowingCallbackIsReportedAndTheWalkContinues) {
   std::vector<BridgeWatcher::Ptr> watchers;
   for (const char* name : {"a ", "b ", "c ", "d "}) {
     watchers.push_back(watcherOf(bridge, name, Hold::kWeak));
@@ -137,7 +137,7 @@ TEST_F(NotifieeTest, ACallbackThatRaisesIsToldSoAndTheWalkGoesOn) {
   watchers[0]->then = [] { throw std::runtime_error("a"); };
   watchers[1]->then = [&] {
     watchers[1]->notifierIs(nullptr);
-    throw 1;  // NOLINT(hicpp-exception-baseclass): any type will do
+    throw 1;  // NOLINT(hicpp-exception-baseclass): any type must be caught
   };
   watchers[2]->then = [&] {
     watchers[2] = nullptr;
@@ -153,7 +153,7 @@ TEST_F(NotifieeTest, ACallbackThatRaisesIsToldSoAndTheWalkGoesOn) {
   EXPECT_EQ(take(log), (Log{"a mtu", "a zero", "d zero", "a exception 257"}));
 }
 
-TEST_F(NotifieeTest, WhatIsMissedWhileDeliveryIsOffIsLost) {
+TEST_F(NotifieeTest, NotificationsWhileDeliveryIsOffAreLost) {
   const auto watcher = watcherOf(bridge, "");
   const auto other = Kiv::make<Bridge>("br1");
   const auto expectNothingUntil = [&](const auto& on) {
@@ -172,7 +172,7 @@ TEST_F(NotifieeTest, WhatIsMissedWhileDeliveryIsOffIsLost) {
   expectNothingUntil([&] { watcher->kivDoZombieReactors(false); });
 }
 
-TEST_F(NotifieeTest, AQuietNotifieeIsToldOnlyWhileSomethingIsTraced) {
+TEST_F(NotifieeTest, AQuietNotifieeIsNotifiedOnlyWhileATraceLevelIsOn) {
   static Kiv::TraceFacility facility("NotifieeTest", "NotifieeTest");
   const auto first = watcherOf(bridge, "first ");
   auto second = watcherOf(bridge, "second ");
@@ -182,7 +182,7 @@ TEST_F(NotifieeTest, AQuietNotifieeIsToldOnlyWhileSomethingIsTraced) {
   EXPECT_EQ(announce(), (Log{"first vlan 1", "second vlan 1"}));
   facility.levelIs(0, false);
 
-  // Who goes quiet, or away, while the others are told.
+  // Notifiees that become quiet or leave during an announcement.
   second->then = [&] { second = nullptr; };
   const auto third = watcherOf(bridge, "third ");
   EXPECT_EQ(announce(), (Log{"second vlan 1", "third vlan 1"}));
@@ -195,8 +195,8 @@ TEST_F(NotifieeTest, AQuietNotifieeIsToldOnlyWhileSomethingIsTraced) {
   EXPECT_EQ(announce(), Log{"first vlan 1"});
 }
 
-// What one does may make a change the affair of another, which was there when it was announced.
-TEST_F(NotifieeTest, ANotifieeThatIsWokenDuringAnAnnouncementIsToldInIt) {
+// The callback of one notifiee can make the current change relevant to a notifiee that was quiet.
+TEST_F(NotifieeTest, ANotifieeThatStopsBeingQuietDuringAnAnnouncementReceivesIt) {
   const auto first = watcherOf(bridge, "first ");
   const auto second = watcherOf(bridge, "second ");
   const auto third = watcherOf(bridge, "third ");
@@ -207,7 +207,7 @@ TEST_F(NotifieeTest, ANotifieeThatIsWokenDuringAnAnnouncementIsToldInIt) {
     late->isQuietIs(true);
     late->notifierIs(bridge);
     for (const auto& watcher : {late, third, first}) watcher->isQuietIs(false);
-    second->isQuietIs(true);  // it has been told, and is not again
+    second->isQuietIs(true);  // it was already notified, so not again
     second->isQuietIs(false);
   };
   EXPECT_EQ(announce(),
@@ -225,7 +225,7 @@ TEST_F(NotifieeTest, ANotifieeThatIsWokenDuringAnAnnouncementIsToldInIt) {
                              "first vlan 1", "third vlan 1"}));
 }
 
-TEST_F(NotifieeTest, ANotifieeThatDoesNotHoldItsNotifierIsToldOfItsEnd) {
+TEST_F(NotifieeTest, AWeakNotifieeIsNotifiedOfItsNotifiersDestruction) {
   const auto weak = watcherOf(bridge, "weak ", Hold::kWeak);
   const auto off = watcherOf(bridge, "off ", Hold::kWeak);
   off->hasNotificationActiveIs(false);
@@ -237,8 +237,9 @@ TEST_F(NotifieeTest, ANotifieeThatDoesNotHoldItsNotifierIsToldOfItsEnd) {
   EXPECT_EQ(off->notifier(), nullptr);
 }
 
-// One that is not in the list cannot be told of the end, and would be left with a stray pointer.
-TEST_F(NotifieeTest, OnlyANotifieeThatHoldsItsNotifierKeepsItWhenUnregistered) {
+// An unregistered notifiee cannot be notified of the notifier's destruction, so it would keep a
+// dangling pointer.
+TEST_F(NotifieeTest, OnlyAStrongNotifieeKeepsItsNotifierWhenUnregistered) {
   const auto strong = watcherOf(bridge, "strong ");
   const auto weak = watcherOf(bridge, "weak ", Hold::kWeak);
   for (const auto& watcher : {strong, weak}) watcher->isRegisteredNotifieeIs(false);

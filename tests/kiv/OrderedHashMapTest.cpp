@@ -16,8 +16,8 @@ Keys between(const std::set<uint32_t>& keys, uint32_t first, uint32_t last) {
   return {keys.lower_bound(first), keys.upper_bound(last)};
 }
 
-// The phases make the map grow past the size at which it is put in order, shrink to nothing, and
-// grow again.
+// In its phases the map grows beyond the size at which it is sorted, becomes empty, and grows
+// again.
 TEST(OrderedHashMapTest, GivesTheKeysOfAnyRangeInOrder) {
   std::mt19937 random(1);
   const auto below = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
@@ -42,7 +42,7 @@ TEST(OrderedHashMapTest, GivesTheKeysOfAnyRangeInOrder) {
   EXPECT_EQ(map.keysBetween(1, 0), Keys());
 }
 
-TEST(OrderedHashMapTest, IsInOrderAfterMemoryRanShort) {
+TEST(OrderedHashMapTest, KeepsItsOrderAfterAFailedAllocation) {
   std::mt19937 random(2);
   Kiv::OrderedHashMap<uint32_t, Kiv::Present> map;
   std::set<uint32_t> model;

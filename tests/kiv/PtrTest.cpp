@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Runs one action when it is made and another when it is destroyed.
+/// Runs one action in its constructor and another in its destructor.
 class Probe : public Kiv::Object {
  public:
   using Action = std::function<void(Probe&)>;
@@ -33,7 +33,7 @@ TEST(PtrTest, NullAndInvalidHandlesReferToNothing) {
   EXPECT_FALSE(invalid);
   EXPECT_FALSE(null.isInvalid());
   EXPECT_NE(null, invalid);
-  // A handle to the base or to const says the same, and dropping it touches no object.
+  // A converted handle to the base or to const is invalid, too. Its destruction accesses no object.
   EXPECT_TRUE(Kiv::Ptr<const Probe>(invalid).isInvalid());
   EXPECT_EQ(Kiv::Ptr<const Probe>(null), nullptr);
   for (const auto& handle : {null, invalid}) {
@@ -54,7 +54,7 @@ TEST(PtrTest, TheLastHandleDestroysTheObjectWhateverItsKind) {
   EXPECT_EQ(asConst, made);
   EXPECT_EQ(made->referenceCount(), 2);
   Kiv::Ptr<Probe> moved = std::move(made);
-  EXPECT_EQ(made, nullptr);  // NOLINT(bugprone-use-after-move): that is the question
+  EXPECT_EQ(made, nullptr);  // NOLINT(bugprone-use-after-move): the test's subject
   EXPECT_EQ(moved->referenceCount(), 2);
   moved = nullptr;
   EXPECT_EQ(destroyed, 0);
@@ -62,7 +62,7 @@ TEST(PtrTest, TheLastHandleDestroysTheObjectWhateverItsKind) {
   EXPECT_EQ(destroyed, 1);
 }
 
-// A handler that a constructor or a destructor runs passes handles to its object around.
+// Handlers that run in a constructor or destructor pass handles to the object to other code.
 TEST(PtrTest, HandlesMadeDuringConstructionAndDestructionDestroyNothing) {
   int destroyed = 0;
   const auto passHandles = [](Probe& probe) {
@@ -87,7 +87,7 @@ TEST(PtrTest, HandlesMadeDuringConstructionAndDestructionDestroyNothing) {
   EXPECT_EQ(destroyed, 1);
 }
 
-// A lost update would leak the object or destroy it under a handle.
+// A lost update would leak the object, or destroy it while a handle still refers to it.
 TEST(PtrTest, CountsAreExactWhenThreadsCopyAndDropHandles) {
   int destroyed = 0;
   auto probe = Kiv::make<Probe>([&](Probe&) { ++destroyed; });

@@ -18,7 +18,7 @@ class RowsTest : public testing::Test {
  protected:
   using Table = Rows<Key, uint64_t, std::string>;
 
-  /// A column and what must be in it.
+  /// A column and its model.
   template <class V>
   struct Checked {
     explicit Checked(Table& rows) : column(rows) {}
@@ -59,8 +59,8 @@ class RowsTest : public testing::Test {
   std::mt19937 random{1};
 };
 
-// The phases fill the rows, turn them over, empty all but few, all, and fill them again.
-TEST_F(RowsTest, EachColumnIsAMapOfItsOwn) {
+// The phases fill the rows, replace rows, remove most rows, remove all rows, and fill them again.
+TEST_F(RowsTest, EachColumnBehavesAsASeparateMap) {
   constexpr Key kKeys = 3'000;
   for (const Key percentInserted : {100U, 50U, 3U, 0U, 80U}) {
     for (int i = 0; i < 20'000; ++i) {
@@ -81,8 +81,8 @@ TEST_F(RowsTest, EachColumnIsAMapOfItsOwn) {
   numbers.expectSame(kKeys);
 }
 
-// What a walk stands on and where it goes may change in either column while it is under way.
-TEST_F(RowsTest, AWalkMeetsOnceWhatIsThereAllTheTime) {
+// During a walk, the current entry and later entries may change in either column.
+TEST_F(RowsTest, AWalkVisitsEachStayingEntryOnce) {
   constexpr Key kKeys = 1'000;
   for (int round = 0; round < 20; ++round) {
     for (Key key = 0; key < kKeys; key += 1 + below(3)) numbers.emplace(key, key);
@@ -114,8 +114,8 @@ TEST_F(RowsTest, AWalkMeetsOnceWhatIsThereAllTheTime) {
   EXPECT_FALSE(std::as_const(numbers.column).iteratorConst(2 * kKeys));
 }
 
-// Who holds an entry of one collection may change another of the same rows.
-TEST_F(RowsTest, ValuesStayWhereTheyAreWhileOthersComeAndGo) {
+// Code with a pointer to an entry of one column may change another column of the same rows.
+TEST_F(RowsTest, AValueKeepsItsAddressWhileOthersAreInsertedAndErased) {
   numbers.emplace(7, 70);
   const uint64_t* value = numbers.column.find(7);
   for (Key key = 8; key < 2'000; ++key) numbers.emplace(key, key);
@@ -124,25 +124,25 @@ TEST_F(RowsTest, ValuesStayWhereTheyAreWhileOthersComeAndGo) {
   EXPECT_EQ(*value, 70u);
 }
 
-/// Looks into the column that it is going from.
-struct LooksBack : Object {
-  using Table = Rows<Key, Ptr<LooksBack>, uint64_t>;
-  using Column = Table::Column<Ptr<LooksBack>>;
-  explicit LooksBack(const Column& from) : column(from) {}
-  ~LooksBack() override { keysSeen = column.keys(); }
+/// Reads the column in its destructor.
+struct ColumnReader : Object {
+  using Table = Rows<Key, Ptr<ColumnReader>, uint64_t>;
+  using Column = Table::Column<Ptr<ColumnReader>>;
+  explicit ColumnReader(const Column& from) : column(from) {}
+  ~ColumnReader() override { keysSeen = column.keys(); }
   const Column& column;
   static inline std::vector<Key> keysSeen;
 };
 
-// A destructor that reaches the rows again must find them whole.
+// The destructor of an erased value must find the rows in a consistent state.
 TEST(RowsOfObjectsTest, AValueMayUseTheColumnWhileItIsErased) {
-  LooksBack::Table rows;
-  LooksBack::Column column(rows);
-  for (const Key key : {1U, 2U, 3U}) column.tryEmplace(key, make<LooksBack>(column));
+  ColumnReader::Table rows;
+  ColumnReader::Column column(rows);
+  for (const Key key : {1U, 2U, 3U}) column.tryEmplace(key, make<ColumnReader>(column));
   column.erase(column.iterator().key());
-  EXPECT_EQ(LooksBack::keysSeen, (std::vector<Key>{2, 3}));
+  EXPECT_EQ(ColumnReader::keysSeen, (std::vector<Key>{2, 3}));
   column.clear();
-  EXPECT_EQ(LooksBack::keysSeen, std::vector<Key>{});
+  EXPECT_EQ(ColumnReader::keysSeen, std::vector<Key>{});
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 namespace {
 
-size_t allocationsLeft = 0;  // none: memory does not run out
+size_t allocationsLeft = 0;  // 0: no allocation fails
 
 }  // namespace
 
@@ -30,7 +30,7 @@ void* operator new(size_t bytes) {
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
-// AddressSanitizer's own form of this one gives memory that only its own delete may take back.
+// Defined because AddressSanitizer's version returns memory that only its own delete may free.
 void* operator new(size_t bytes, const std::nothrow_t&) noexcept try {
   return ::operator new(bytes);
 } catch (const std::bad_alloc&) {

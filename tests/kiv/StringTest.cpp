@@ -24,11 +24,11 @@ TEST(StringTest, CopiesShareTheirBytes) {
   assigned = itself;
   EXPECT_EQ(assigned.view().data(), name.view().data());
   String moved = std::move(assigned);
-  EXPECT_TRUE(assigned.empty());  // NOLINT(bugprone-use-after-move): that is the question
+  EXPECT_TRUE(assigned.empty());  // NOLINT(bugprone-use-after-move): the test's subject
   EXPECT_EQ(moved, "Ethernet1"sv);
 }
 
-// A VRF's name in a table of the daemon's must be the one of its machine.
+// The daemon finds a VRF's machine by name, so equal names must compare equal.
 TEST(StringTest, ANameOfAStaticInitialiserEqualsLaterOnes) {
   EXPECT_EQ(Sample::staticName(), Kiv::Name("red"));
 }
@@ -49,7 +49,7 @@ TEST(StringTest, EqualityHashAndOrderAreThoseOfTheText) {
   EXPECT_EQ(String(""), ""sv);
 }
 
-TEST(StringTest, PosFindsTheFirstOccurrenceFromThere) {
+TEST(StringTest, PosFindsTheFirstOccurrenceFromTheGivenStart) {
   const String path("a/bb/bb");
   EXPECT_EQ(path.pos("bb"), 2u);
   EXPECT_EQ(path.pos("bb", 3), 5u);
@@ -59,7 +59,7 @@ TEST(StringTest, PosFindsTheFirstOccurrenceFromThere) {
   EXPECT_EQ(String().pos("a"), String::kNotFound);
 }
 
-// A run that is to be repeated exactly needs the same hashes; other runs must not be predictable.
+// A fixed seed gives a repeatable run. A random seed must give unpredictable hashes.
 TEST(HashTest, HashesDependOnTheSeedAlone) {
   const Kiv::HashSeed drawn = Kiv::hashSeed;
   const auto hashesUnder = [](const Kiv::HashSeed& seed) {
@@ -71,7 +71,7 @@ TEST(HashTest, HashesDependOnTheSeedAlone) {
   const auto second = hashesUnder({.add = 2, .multiply = 0x9e37'79b9'7f4a'7c15});
   EXPECT_EQ(hashesUnder({.add = 1, .multiply = 0x9e37'79b9'7f4a'7c15}), first);
   for (size_t i = 0; i < first.size(); ++i) EXPECT_NE(first[i], second[i]) << i;
-  // A multiplier of zero would make every hash the same.
+  // With a multiplier of zero all hashes would be equal.
   EXPECT_NE(hashesUnder({.add = 0, .multiply = 0})[0], Kiv::hashWord(8));
   Kiv::hashSeedIs(drawn);
 }

@@ -34,7 +34,7 @@ class TraceTest : public testing::Test {
     }
   }
 
-  /// Reaches a statement of each level; \returns the line in which they stand.
+  /// Runs a trace statement of each level. Returns their line number.
   int traceAll() {
     for (unsigned level = 0; level < Kiv::TraceFacility::kLevels; ++level) {
       KIV_TRACE(facility, level, *bridge, "level " << level << (++evaluated, ""));

@@ -52,9 +52,9 @@ class AdvertisedFileTest : public testing::Test {
   std::vector<std::string> problems;
 };
 
-// A process that dies leaves the lines that it had written, the last one cut anywhere.
-TEST_F(AdvertisedFileTest, LosesNothingButATornLineWhereverItIsCut) {
-  std::vector<std::pair<size_t, Keys>> committed;  // the length of the file, and what it holds
+// The file of a killed process has the lines written so far. The last line may be cut at any byte.
+TEST_F(AdvertisedFileTest, ACutFileLosesOnlyItsLastLine) {
+  std::vector<std::pair<size_t, Keys>> committed;  // the length of the file and its keys
   {
     auto file = open();
     EXPECT_TRUE(problems.empty());
@@ -78,7 +78,7 @@ TEST_F(AdvertisedFileTest, LosesNothingButATornLineWhereverItIsCut) {
       for (const auto& [size, keys] : committed) {
         EXPECT_TRUE(size != length || found == keys) << length;
       }
-      // It goes on from there.
+      // The new process can append to the file.
       file.add(key4(99), 7);
       file.commit();
     }
@@ -90,7 +90,7 @@ TEST_F(AdvertisedFileTest, LosesNothingButATornLineWhereverItIsCut) {
   }
 }
 
-TEST_F(AdvertisedFileTest, PassesOverDamagedLinesAndTellsOfThem) {
+TEST_F(AdvertisedFileTest, SkipsAndReportsDamagedLines) {
   {
     auto file = open();
     for (uint32_t i = 0; i < 10; ++i) file.add(key4(i), i);
@@ -103,7 +103,7 @@ TEST_F(AdvertisedFileTest, PassesOverDamagedLinesAndTellsOfThem) {
     auto file = open();
     EXPECT_EQ(problems.size(), 1u) << at;
     const bool isHeader = at < whole.find('\n');
-    // A line without its end takes the next one with it; a new version's file is not read at all.
+    // A line without a line feed also spoils the next line. A file of a newer version is not read.
     if (!problems[0].ends_with(".unknown")) {
       EXPECT_GE(file.keys().size(), isHeader ? 10u : whole[at] == '\n' ? 8u : 9u) << at;
       EXPECT_NE(
@@ -123,7 +123,7 @@ TEST_F(AdvertisedFileTest, PassesOverDamagedLinesAndTellsOfThem) {
   EXPECT_EQ(keysOf(open()), (Keys{{key4(1), 0}}));
 }
 
-TEST_F(AdvertisedFileTest, StaysSmallWhateverComesAndGoes) {
+TEST_F(AdvertisedFileTest, StaysSmallUnderManyChanges) {
   auto file = open();
   uintmax_t largest = 0;
   for (uint32_t i = 0; i < 50000; ++i) {
@@ -143,7 +143,7 @@ TEST_F(AdvertisedFileTest, SurvivesAFullDisk) {
   for (uint32_t i = 0; i < 100; ++i) file.add(key4(i), 0);
   file.commit();
   const auto before = keysOf(file);
-  // The limit on a file's size stands for a disk that is full.
+  // A limit on the file size simulates a full disk.
   ::signal(SIGXFSZ, SIG_IGN);
   rlimit old{};
   ::getrlimit(RLIMIT_FSIZE, &old);
@@ -157,12 +157,12 @@ TEST_F(AdvertisedFileTest, SurvivesAFullDisk) {
   EXPECT_EQ(problems.size(), 1u);
   const auto kept = content();
   ::setrlimit(RLIMIT_FSIZE, &old);
-  // What was committed before is there, if the process dies now.
+  // If the process dies now, the keys committed before are in the file.
   const auto told = problems;
   EXPECT_EQ(keysOf(open()), before);
   problems = told;
 
-  // There need be nothing new to write.
+  // The retry needs no new key.
   EXPECT_TRUE(file.isBehind());
   file.commit();
   EXPECT_FALSE(file.isBehind());
@@ -174,7 +174,7 @@ TEST_F(AdvertisedFileTest, SurvivesAFullDisk) {
   EXPECT_EQ(file.keys().size(), 199u);
 }
 
-TEST_F(AdvertisedFileTest, GoesOnWithoutItsDirectory) {
+TEST_F(AdvertisedFileTest, ContinuesWithoutItsDirectory) {
   path = directory / "no" / "log";
   auto file = open();
   file.add(key4(1), 0);

@@ -1,4 +1,4 @@
-// What the kernel has becomes what a switch is told: values in, operations out.
+// Tests of the feed, which turns the kernel's objects into operations on a switch.
 #include "linux/Feed.h"
 
 #include <gtest/gtest.h>
@@ -41,8 +41,8 @@ InterfaceAddress address(LinkIndex link, const std::string& text, uint32_t len) 
   return address;
 }
 
-/// A mirror and its feed. What is fed goes to a switch, too, so that a wrong order of operations
-/// shows in the tables.
+/// A mirror and its feed. The operations are also applied to a switch, so that a wrong order
+/// changes the tables.
 class FeedTest : public testing::Test {
  protected:
   FeedTest() {
@@ -52,7 +52,7 @@ class FeedTest : public testing::Test {
   void put(Object object) { mirror.apply({.object = std::move(object)}); }
   void drop(Object object) { mirror.apply({.object = std::move(object), .present = false}); }
 
-  /// The lines of what changed, without the "op" and the outer braces.
+  /// Flushes the feed. Returns the operations as replay lines without "op" and the outer braces.
   std::string flush() {
     std::string text;
     feed.flush([&](const Operation& operation) {
@@ -71,7 +71,7 @@ class FeedTest : public testing::Test {
     std::erase(text, '"');
     return text;
   }
-  /// The host routes of neighbours in a VRF.
+  /// The host routes of the neighbours in a VRF.
   template <class F = Daemon::Ipv4>
   std::string hosts(const std::string& vrf = "default") {
     std::string text;
@@ -90,7 +90,7 @@ class FeedTest : public testing::Test {
     return found;
   }
 
-  /// A port with a subnet, its route and what an initialized switch was told of them.
+  /// Adds a port with a subnet and its route, and initializes the switch.
   void bringUp() {
     put(link(1, "swp1"));
     put(address(1, "10.0.0.1", 24));
@@ -106,7 +106,7 @@ class FeedTest : public testing::Test {
   Feed feed{mirror, options};
 };
 
-TEST_F(FeedTest, TheFirstFlushTellsEverythingInOrder) {
+TEST_F(FeedTest, TheFirstFlushHasAllOperationsInOrder) {
   put(neighbor(2, "2001:db8::5"));
   put(route("2001:db8::/64", {hop(2)}, RTPROT_KERNEL, 10));
   put(route("10.9.0.0/16", {hop(1, "10.0.0.9")}));
@@ -172,7 +172,7 @@ TEST_F(FeedTest, NeighborsCountWhileTheyAreUsable) {
   EXPECT_EQ(flush(), "");
 }
 
-TEST_F(FeedTest, WhatComesAndGoesBetweenTwoFlushesIsNotTold) {
+TEST_F(FeedTest, AChangeUndoneBeforeTheFlushGivesNoOperation) {
   bringUp();
   put(neighbor(1, "10.0.0.5"));
   drop(neighbor(1, "10.0.0.5"));
@@ -181,7 +181,7 @@ TEST_F(FeedTest, WhatComesAndGoesBetweenTwoFlushesIsNotTold) {
   EXPECT_EQ(flush(), "");
 }
 
-TEST_F(FeedTest, AnInterfaceEndsInItsVrfWithItsNeighborsHoweverItMoves) {
+TEST_F(FeedTest, AnInterfaceKeepsItsNeighborsThroughEveryMove) {
   put(vrfDevice(8, "blue", 10));
   put(vrfDevice(9, "red", 20));
   bringUp();
@@ -189,7 +189,7 @@ TEST_F(FeedTest, AnInterfaceEndsInItsVrfWithItsNeighborsHoweverItMoves) {
   flush();
   EXPECT_EQ(feed.vrfOf(1), "default");
 
-  // Enslaved: the kernel moves its routes.
+  // The interface joins a VRF; the kernel moves its routes.
   drop(route("10.0.0.0/24", {hop(1)}, RTPROT_KERNEL));
   put(link(1, "swp1", 8));
   put(route("10.0.0.0/24", {hop(1)}, RTPROT_KERNEL, 10));
@@ -197,7 +197,7 @@ TEST_F(FeedTest, AnInterfaceEndsInItsVrfWithItsNeighborsHoweverItMoves) {
   EXPECT_EQ(hosts() + "|" + hosts("blue"), "|10.0.0.5");
   EXPECT_EQ(feed.vrfOf(1), "blue");
 
-  // Renamed, with the VRF device.
+  // The interface and the VRF device are renamed.
   put(link(1, "left", 8));
   drop(vrfDevice(8, "blue", 10));
   put(vrfDevice(8, "green", 10));
@@ -213,7 +213,7 @@ TEST_F(FeedTest, AnInterfaceEndsInItsVrfWithItsNeighborsHoweverItMoves) {
   flush();
   EXPECT_EQ(hosts("green") + "|" + hosts("red"), "|10.0.0.5");
 
-  // A bridge takes it as a port, and gives it up.
+  // The interface becomes a port of a bridge and leaves it again.
   Link bridge = link(7, "br0");
   bridge.kind = "bridge";
   put(bridge);
@@ -225,7 +225,7 @@ TEST_F(FeedTest, AnInterfaceEndsInItsVrfWithItsNeighborsHoweverItMoves) {
   flush();
   EXPECT_EQ(hosts("red"), "10.0.0.5");
 
-  // Deleted, and made again under the same name with another number.
+  // The interface is deleted and created again with the same name and another index.
   drop(link(1, "left"));
   EXPECT_EQ(flush(),
             "neighborTable,intf:left,present:false\n"
@@ -254,7 +254,7 @@ TEST_F(FeedTest, InterfacesMayExchangeTheirNames) {
   flush();
   EXPECT_EQ(hosts(), "10.0.0.5 10.2.0.5");
   EXPECT_EQ(feed.linkOf(Zemit::IntfId::of(Kiv::String8("swp1"))), 2u);
-  // Each route has an FEC that it did not have before, and no FEC has other vias.
+  // Each route has a new FEC, and no FEC changed its vias.
   std::string told;
   feed.snapshot([&](const Operation& operation) { told += Replay::linesOf(operation); });
   EXPECT_EQ(shortened(told),
@@ -275,7 +275,7 @@ TEST_F(FeedTest, InterfacesMayExchangeTheirNames) {
             "startRibReadyVerification,value:true\n");
 }
 
-TEST_F(FeedTest, OneAddressIsPrimaryAndSomeDoNotCount) {
+TEST_F(FeedTest, OneAddressIsPrimaryAndSomeAreIgnored) {
   bringUp();
   put(address(1, "10.2.0.1", 24));
   put(address(1, "10.1.0.1", 24));
@@ -307,7 +307,7 @@ TEST_F(FeedTest, OneAddressIsPrimaryAndSomeDoNotCount) {
             Kiv::String8());
 }
 
-TEST_F(FeedTest, TheRouteThatTheKernelUsesIsToldWithWhatIsDirectlyConnected) {
+TEST_F(FeedTest, TheKernelsBestRouteIsFedWithItsUsableHops) {
   bringUp();
   put(link(2, "swp2"));
   flush();
@@ -336,7 +336,7 @@ TEST_F(FeedTest, TheRouteThatTheKernelUsesIsToldWithWhatIsDirectlyConnected) {
   for (const char* nobodys : {"fe80::/64", "ff00::/8", "224.0.0.0/4", "127.0.0.0/8"}) {
     EXPECT_EQ(told(route(nobodys, {hop(1)})), "") << nobodys;
   }
-  // Of several, the one of the lowest metric.
+  // Of several routes, the one with the lowest metric counts.
   Route worse = route("10.1.0.0/24", {hop(2)}), better = route("10.1.0.0/24", {hop(1)});
   worse.metric = 200;
   better.metric = 100;
@@ -348,7 +348,7 @@ TEST_F(FeedTest, TheRouteThatTheKernelUsesIsToldWithWhatIsDirectlyConnected) {
             "fec,id:2,family:4,present:false\n");
 }
 
-TEST_F(FeedTest, AnIdOfAFecIsUsedAgainOnceNoRouteUsesIt) {
+TEST_F(FeedTest, AnUnusedFecIdIsReused) {
   bringUp();
   put(route("10.1.0.0/24", {hop(1, "10.0.0.8")}));
   put(route("10.2.0.0/24", {hop(1, "10.0.0.8")}));
@@ -369,7 +369,7 @@ TEST_F(FeedTest, AnIdOfAFecIsUsedAgainOnceNoRouteUsesIt) {
             "route,prefix:10.5.0.0/24,type:staticConfig_,fec:2\n");
 }
 
-TEST_F(FeedTest, HostRoutesAreOtherDaemonsOrTheMachinesOwn) {
+TEST_F(FeedTest, HostRoutesOfIgnoredProtocolsAndOwnAddressesAreNotFed) {
   options.ignoredHostRouteProtocols = {RTPROT_BGP};
   feed.setOptions(options);
   bringUp();
@@ -381,7 +381,8 @@ TEST_F(FeedTest, HostRoutesAreOtherDaemonsOrTheMachinesOwn) {
             "fec,id:2,family:4,vias:[{intf:swp1,hop:10.0.0.9}]\n"
             "route,prefix:10.1.0.0/24,type:ebgp_,fec:2\n"
             "route,prefix:10.0.0.6/32,type:staticConfig_,fec:2\n");
-  // The kernel's route to an own address, whichever of the two is told first.
+  // The kernel's route to an own address does not count, whether the route or the address comes
+  // first.
   put(route("2001:db8::1/128", {hop(1)}, RTPROT_KERNEL));
   put(address(1, "2001:db8::1", 128));
   EXPECT_EQ(flush(), "addr,intf:swp1,addr:2001:db8::1/128\n");
@@ -392,7 +393,7 @@ TEST_F(FeedTest, HostRoutesAreOtherDaemonsOrTheMachinesOwn) {
             "route,prefix:2001:db8::1/128,type:connected_,fec:3\n");
 }
 
-TEST_F(FeedTest, WhatCannotBeFedIsToldOnce) {
+TEST_F(FeedTest, AnObjectThatCannotBeFedIsReportedOnce) {
   bringUp();
   put(link(3, "b\xFF\x01"));
   Route local = route("10.6.0.0/24", {hop(1)}, RTPROT_BOOT, RT_TABLE_LOCAL);
@@ -423,7 +424,7 @@ TEST_F(FeedTest, WhatCannotBeFedIsToldOnce) {
                           "interface 3 left out: its name is not UTF-8"}));
 }
 
-TEST_F(FeedTest, OptionsChangeExactlyWhatDiffers) {
+TEST_F(FeedTest, NewOptionsGiveOnlyTheDifference) {
   put(link(2, "swp2"));
   bringUp();
   put(neighbor(1, "10.0.0.5"));
@@ -489,7 +490,7 @@ TEST_F(FeedTest, AddressesOfVirtualRoutersAreVirtual) {
   EXPECT_EQ(flush(), "virtualIp,addr:10.0.0.254/24,present:false\n");
 }
 
-TEST_F(FeedTest, ASwitchThatIsReadyBeforeItsNeighborsEndsAlike) {
+TEST_F(FeedTest, ReadinessBeforeTheNeighborsGivesTheSameResult) {
   options.readyBeforeNeighbors = true;
   options.virtualAddresses = {{.addr = addrOf("10.0.0.6")}};
   feed.setOptions(options);
@@ -500,7 +501,7 @@ TEST_F(FeedTest, ASwitchThatIsReadyBeforeItsNeighborsEndsAlike) {
   EXPECT_EQ(hosts(), "10.0.0.5");
 }
 
-TEST_F(FeedTest, NamesThatMeanSomethingToASwitchAreChanged) {
+TEST_F(FeedTest, NamesWithAMeaningForASwitchAreReplaced) {
   put(vrfDevice(2, "default", 10));
   put(link(1, "Management1"));
   put(route("10.0.0.0/24", {hop(1)}, RTPROT_KERNEL));

@@ -29,7 +29,7 @@ std::string toText(const RouteKey& key, const RouteValue& value) {
   return toString(RouteRequest{Verb::Add, key, value});
 }
 
-/// Notes keys, and keeps what it is left with when the process that notes them dies.
+/// Keeps the keys of the last commit apart, as the file does when the process is killed.
 class FakeLog final : public AdvertisedLog {
  public:
   void add(const RouteKey& key, uint32_t metric) override { noted[key] = metric; }
@@ -39,8 +39,8 @@ class FakeLog final : public AdvertisedLog {
   std::map<RouteKey, uint32_t> noted, kept;
 };
 
-/// Behaves as the kernel does with routes, and as a routing daemon that imports its tables does
-/// with what the kernel tells.
+/// Simulates the kernel's routes, and a routing daemon that imports them from the kernel's
+/// notifications.
 class FakeKernel final : public RouteChannel {
  public:
   struct Killed {};
@@ -50,7 +50,7 @@ class FakeKernel final : public RouteChannel {
 
     friend bool operator==(const Route&, const Route&) = default;
   };
-  /// Prefix and metric are the identity of a route.
+  /// A prefix and a metric identify a route.
   using Place = std::pair<RouteKey, uint32_t>;
 
   explicit FakeKernel(FakeLog& log) : log_(log) {}
@@ -65,7 +65,7 @@ class FakeKernel final : public RouteChannel {
     }
   }
 
-  /// A route appears, of somebody else or of a second process with our protocol number.
+  /// Adds a route of another protocol, or of a second process with our protocol number.
   void put(const RouteKey& key, const Route& route) {
     routes[{key, route.value.metric}] = route;
     tellNew({key, route.value.metric}, route.value);
@@ -74,14 +74,15 @@ class FakeKernel final : public RouteChannel {
     routes.erase(place);
     imported.erase(place);
   }
-  /// The interface loses its last IPv4 address: its IPv4 routes go, and nobody is told.
+  /// The interface loses its last IPv4 address. The kernel drops its IPv4 routes without a
+  /// notification.
   void dropSilently(LinkIndex link) {
     std::erase_if(routes, [&](const auto& item) {
       const auto& [place, route] = item;
       return familyOf(place.first.prefix) == 4 && isOnlyThrough(route.value, link);
     });
   }
-  /// \return the IPv6 routes that went, which the kernel does tell.
+  /// Returns the removed IPv6 routes. The kernel sends notifications of these.
   std::vector<RouteKey> setDown(LinkIndex link) {
     down.insert(link);
     dropSilently(link);
@@ -104,7 +105,7 @@ class FakeKernel final : public RouteChannel {
     }
     return result;
   }
-  /// What the routing daemon has of the tables.
+  /// The routes that the routing daemon imported.
   std::set<std::string> imports() const {
     std::set<std::string> result;
     for (const auto& [place, value] : imported) {
@@ -115,7 +116,8 @@ class FakeKernel final : public RouteChannel {
   }
 
   std::map<Place, Route> routes;
-  /// None for a route that was added twice without a deletion, which a routing daemon drops.
+  /// No value for a route that was added twice without a deletion; a routing daemon drops such a
+  /// route.
   std::map<Place, std::optional<RouteValue>> imported;
   std::set<LinkIndex> down;
   std::function<int(const RouteRequest&)> fault;
@@ -204,10 +206,10 @@ class KernelRoutesTest : public testing::Test {
  protected:
   KernelRoutesTest() { restart(); }
 
-  /// A new process: all it has is the log and the tables.
+  /// Starts a new process. It knows only the log and the tables.
   void restart(std::optional<std::map<RouteKey, RouteValue>> wants = {}) {
     kernel.requestsUntilKilled = -1;
-    // That a route was replaced dies with the process that was told so.
+    // The new process cannot know of routes that were replaced before, so the test forgives these.
     for (auto& [place, value] : kernel.imported) {
       if (!value && kernel.routes.contains(place)) value = kernel.routes[place].value;
     }
@@ -246,7 +248,7 @@ class KernelRoutesTest : public testing::Test {
     want(key, std::move(value));
     routes->flush();
   }
-  /// Another protocol's route comes, perhaps in the place of ours.
+  /// Adds another protocol's route, which may replace ours.
   void putAnothers(const RouteKey& key, const RouteValue& value) {
     kernel.put(key, {false, value});
     routes->observeAnother(key, value.metric, true);
@@ -255,7 +257,7 @@ class KernelRoutesTest : public testing::Test {
     kernel.takeAway(place);
     routes->observeAnother(place.first, place.second, false);
   }
-  /// What was requested since the last time.
+  /// The requests since the last call.
   std::vector<std::string> told() { return std::exchange(kernel.told, {}); }
 
   void passTime(double seconds) {
@@ -299,12 +301,12 @@ TEST_F(KernelRoutesTest, WritesTheDifference) {
   routes->flush();
   EXPECT_EQ(routes->counters().added, 2u);
   EXPECT_EQ(told().size(), 2u);
-  // Taken away and given back before the flush.
+  // Withdrawn and wanted again before the flush.
   want(key4(1), std::nullopt);
   want(key4(1), direct(1));
   routes->flush();
   EXPECT_EQ(told(), std::vector<std::string>());
-  // Another metric is another route to the kernel.
+  // For the kernel, another metric makes another route.
   wantNow(key4(1), direct(2));
   wantNow(key4(1), direct(2, 20));
   EXPECT_EQ(told(), (std::vector<std::string>{"route del 10.0.0.1/32 table 10",
@@ -318,7 +320,7 @@ TEST_F(KernelRoutesTest, WritesTheDifference) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, AdoptsWhatAFormerProcessLeft) {
+TEST_F(KernelRoutesTest, AdoptsTheRoutesOfAFormerProcess) {
   wantNow(key4(1), direct(1));
   wantNow(key4(2), direct(1));
   wantNow(key4(3), direct(1));
@@ -326,7 +328,7 @@ TEST_F(KernelRoutesTest, AdoptsWhatAFormerProcessLeft) {
   kernel.dropSilently(1);
   for (uint32_t host : {1U, 2U, 3U}) kernel.routes[{key4(host), 0}] = {true, direct(1)};
   told();
-  // 1 is as it should be, 2 and 3 are stale, 4 was lost while nobody was there, 5 is new.
+  // Route 1 is right, 2 and 3 are stale, 4 was lost between the processes, 5 is new.
   restart({{{key4(1), direct(1)}, {key4(3), direct(2)}, {key4(5), direct(1)}}});
   EXPECT_EQ(told(), std::vector<std::string>());
   routes->flush();
@@ -340,7 +342,7 @@ TEST_F(KernelRoutesTest, AdoptsWhatAFormerProcessLeft) {
   EXPECT_EQ(routes->counters().adopted, 3u);
   expectRight();
 
-  // A blackhole that a killed process left behind, and a second route of a prefix.
+  // Adds a blackhole route of a killed process, and a second route for a prefix.
   kernel.put(key4(6), {true, {}});
   kernel.put(key4(1), {true, direct(2, 30)});
   restart();
@@ -348,13 +350,13 @@ TEST_F(KernelRoutesTest, AdoptsWhatAFormerProcessLeft) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, AnnouncesWhatTheKernelDroppedInSilence) {
+TEST_F(KernelRoutesTest, AnnouncesRoutesThatTheKernelDroppedWithoutANotification) {
   for (uint32_t host : {1U, 2U, 3U}) want(key4(host), direct(1, 20));
   want(key4(4), direct(2, 20));
   routes->flush();
   kernel.dropSilently(1);
   told();
-  // One host goes, one moves, one stays; what goes through other interfaces is left alone.
+  // One host leaves, one moves and one stays. Routes through other interfaces stay unchanged.
   routes->distrust(1);
   want(key4(1), std::nullopt);
   want(key4(2), direct(2, 20));
@@ -362,7 +364,7 @@ TEST_F(KernelRoutesTest, AnnouncesWhatTheKernelDroppedInSilence) {
   expectRight();
   EXPECT_EQ(routes->counters().silentLosses, 3u);
   for (const auto& request : told()) EXPECT_EQ(request.find("10.0.0.4"), std::string::npos);
-  // Distrust of what is there changes nothing.
+  // Distrust of routes that the kernel still has changes nothing.
   routes->distrust(2);
   routes->flush();
   EXPECT_EQ(told(),
@@ -371,7 +373,7 @@ TEST_F(KernelRoutesTest, AnnouncesWhatTheKernelDroppedInSilence) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, WithdrawsFromAnInterfaceThatIsDownAndComesBackWithIt) {
+TEST_F(KernelRoutesTest, RemovesTheRoutesOfADownInterfaceAndRestoresThem) {
   for (const auto& key : {key4(1), key6(1)}) want(key, direct(1));
   routes->flush();
   for (const auto& key : kernel.setDown(1)) routes->observe(key, std::nullopt);
@@ -389,8 +391,9 @@ TEST_F(KernelRoutesTest, WithdrawsFromAnInterfaceThatIsDownAndComesBackWithIt) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, WaitsForAnothersRouteAndTakesItsOwn) {
-  // One of another protocol is in the way, and one of ours that we do not know of.
+TEST_F(KernelRoutesTest, LeavesAnothersRouteAndTakesOverItsOwn) {
+  // A route of another protocol has the place of one route, and an unknown route of ours that of
+  // another.
   kernel.put(key4(1), {false, direct(2)});
   kernel.put(key4(2), {true, direct(2)});
   want(key4(1), direct(1));
@@ -408,10 +411,11 @@ TEST_F(KernelRoutesTest, WaitsForAnothersRouteAndTakesItsOwn) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, DoesNotTakeAnothersRouteForItsOwn) {
+TEST_F(KernelRoutesTest, DoesNotMistakeAnothersRouteForItsOwn) {
   wantNow(key4(1), direct(1));
   wantNow(key4(2), direct(1));
-  // One is lost without a word before another's route comes, one is replaced by it.
+  // The first route is dropped without a notification before another's route comes. The second one
+  // is replaced by another's.
   kernel.dropSilently(1);
   kernel.routes[{key4(2), 0}] = {true, direct(1)};
   kernel.put(key4(1), {false, direct(2)});
@@ -422,14 +426,15 @@ TEST_F(KernelRoutesTest, DoesNotTakeAnothersRouteForItsOwn) {
   ASSERT_EQ(routes->problems(9).size(), 2u);
   for (const auto& problem : routes->problems(9)) EXPECT_EQ(problem.error, EEXIST);
   EXPECT_EQ(kernel.routes.size(), 2u) << "another's stay";
-  // As soon as the place is free.
+  // Our routes return when the places are free.
   for (const auto& key : {key4(1), key4(2)}) takeAnothersAway({key, 0});
   routes->flush();
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, AddsAnewWhatOthersPutInThePlaceOfItsOwn) {
-  // Who imports the table drops a route that is replaced, also where it is what we want by then.
+TEST_F(KernelRoutesTest, DeletesAndAddsARouteThatWasReplaced) {
+  // A daemon that imports the table drops a replaced route, even if the new route equals the wanted
+  // one.
   wantNow(key4(1), direct(1));
   wantNow(key4(2), direct(1));
   kernel.put(key4(1), {true, direct(2)});
@@ -439,17 +444,18 @@ TEST_F(KernelRoutesTest, AddsAnewWhatOthersPutInThePlaceOfItsOwn) {
   routes->observe(key4(2), direct(1), true);
   routes->flush();
   expectRight();
-  // The kernel tells the same again when a switch chip has taken the route: nothing was replaced.
+  // The kernel repeats a notification after the offload to a switch chip. This is no replacement.
   told();
   routes->observe(key4(1), direct(2), false);
   routes->flush();
   EXPECT_EQ(told(), std::vector<std::string>());
 }
 
-TEST_F(KernelRoutesTest, AnnouncesTheLossUnderTheMetricThatWasAdvertised) {
+TEST_F(KernelRoutesTest, AnnouncesALossWithTheAdvertisedMetric) {
   wantNow(key4(1), direct(1, 20));
   log.commit();
-  // While nobody is there, it is lost, and one of our protocol number comes with another metric.
+  // Between the processes the route is lost, and a route with our protocol number and another
+  // metric appears.
   kernel.dropSilently(1);
   for (const uint32_t metric : {0U, 30U}) {
     kernel.put(key4(1), {true, direct(2, metric)});
@@ -460,7 +466,7 @@ TEST_F(KernelRoutesTest, AnnouncesTheLossUnderTheMetricThatWasAdvertised) {
   }
 }
 
-TEST_F(KernelRoutesTest, RetriesWhatFailsForLackOfMemory) {
+TEST_F(KernelRoutesTest, RetriesRequestsThatFailForLackOfMemory) {
   wantNow(key4(1), direct(1));
   for (const int error : {ENOBUFS, ENOMEM, ENOSPC, RouteChannel::kUnknown}) {
     kernel.fault = [error](const auto&) { return error; };
@@ -480,7 +486,7 @@ TEST_F(KernelRoutesTest, RetriesWhatFailsForLackOfMemory) {
   }
 }
 
-TEST_F(KernelRoutesTest, RepairsWhatOthersDeleteOncePerInterval) {
+TEST_F(KernelRoutesTest, RestoresRoutesThatOthersDeleteOncePerInterval) {
   wantNow(key4(1), direct(1));
   const auto deleteIt = [&] {
     kernel.takeAway({key4(1), 0});
@@ -495,11 +501,11 @@ TEST_F(KernelRoutesTest, RepairsWhatOthersDeleteOncePerInterval) {
   passTime(options.repairInterval);
   expectRight();
   EXPECT_EQ(routes->counters().repaired, 2u);
-  // What the host does is not held back by what others do to its route.
+  // The rate limit for repairs does not delay changes by the host itself.
   deleteIt();
   wantNow(key4(1), direct(2));
   expectRight();
-  // Somebody with our protocol number adds and changes.
+  // Another process with our protocol number adds and changes routes.
   passTime(5);
   for (const auto& key : {key4(1), key4(7)}) {
     kernel.put(key, {true, direct(3)});
@@ -511,7 +517,7 @@ TEST_F(KernelRoutesTest, RepairsWhatOthersDeleteOncePerInterval) {
   EXPECT_EQ(routes->nextDeadline(), std::nullopt);
 }
 
-TEST_F(KernelRoutesTest, FindsWhatDiffersAfterANewDump) {
+TEST_F(KernelRoutesTest, FindsDifferencesAfterANewDump) {
   for (uint32_t host = 1; host <= 4; ++host) want(key4(host), direct(1));
   routes->flush();
   kernel.takeAway({key4(1), 0});
@@ -552,7 +558,7 @@ TEST_F(KernelRoutesTest, DampsAHostThatFlaps) {
   EXPECT_EQ(told(), std::vector<std::string>());
   passTime(5);
   expectRight();
-  // Few changes over a long time are no flapping, and leave nothing behind.
+  // Few changes over a long time are not damped, and leave no state.
   for (int i = 0; i < 10; ++i) {
     flap();
     passTime(10);
@@ -684,7 +690,7 @@ TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
             kernel.requestsUntilKilled = static_cast<int>(below(5));
             break;
           case 9:
-            // Notifications were lost.
+            // Notifications are lost.
             kernel.dropSilently(link);
             routes->beginDump();
             dump();

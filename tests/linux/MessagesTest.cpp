@@ -1,4 +1,4 @@
-// Tests of the reader of messages, on messages that a kernel sent and on others made by hand.
+// Tests of the message reader with captured and with hand-made netlink messages.
 #include "linux/Messages.h"
 
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ Bytes bytesOf(const void* data, size_t size) {
   return {first, first + size};
 }
 
-/// The messages of a capture, each by itself.
+/// The messages of a capture.
 std::vector<Bytes> captured(const std::string& name) {
   std::ifstream in(SOURCE_DIR "/tests/linux/captures/" + name + ".nl", std::ios::binary);
   const std::string text{std::istreambuf_iterator<char>(in), {}};
@@ -54,7 +54,7 @@ std::vector<T> objectsOf(const std::string& name, bool present = true) {
   return objects;
 }
 
-/// A message that grows.
+/// Builds a message.
 class Made {
  public:
   template <class Head>
@@ -78,7 +78,7 @@ class Made {
   Made& add(uint16_t type, T value) {
     return add(type, &value, sizeof value);
   }
-  /// A nested attribute of what `fill` adds.
+  /// Adds a nested attribute. `fill` adds its content.
   Made& nest(uint16_t type, const std::function<void(Made&)>& fill) {
     const size_t at = bytes_.size();
     add(type, "");
@@ -87,7 +87,7 @@ class Made {
     std::memcpy(bytes_.data() + at, &size, sizeof size);
     return finish();
   }
-  /// An entry of RTA_MULTIPATH, with what `fill` adds.
+  /// Adds an entry of RTA_MULTIPATH. `fill` adds its attributes.
   Made& hop(const rtnexthop& head, const std::function<void(Made&)>& fill) {
     const size_t at = bytes_.size();
     append(&head, sizeof head);
@@ -96,7 +96,7 @@ class Made {
     std::memcpy(bytes_.data() + at, &size, sizeof size);
     return *this;
   }
-  // Passed for the bytes that it makes. NOLINTNEXTLINE(google-explicit-constructor)
+  // Converts to the bytes of the message. NOLINTNEXTLINE(google-explicit-constructor)
   operator std::span<const std::byte>() const { return bytes_; }
 
  private:
@@ -115,7 +115,7 @@ class Made {
   Bytes bytes_;
 };
 
-/// A struct of a message with its family, all else zero.
+/// A message header with its family. All other members are zero.
 template <class Head>
 Head headOf(uint8_t family) {
   Head head{};
@@ -147,8 +147,8 @@ T read(std::span<const std::byte> message) {
   return std::get<T>(readMessage(message).value().object);
 }
 
-// The text says what the reader saw; what it should have seen was read with `ip monitor`.
-TEST(Messages, SaysOfACapturedMessageWhatTheKernelMeant) {
+// The expected text was read with `ip monitor` during the capture.
+TEST(Messages, ReadsCapturedMessages) {
   std::multimap<std::string, Link> links;
   for (const Link& link : objectsOf<Link>("links")) links.emplace(link.name, link);
   ASSERT_TRUE(links.contains("vrrp4") && links.contains("br0") && links.contains("swp1"));
@@ -186,7 +186,7 @@ TEST(Messages, SaysOfACapturedMessageWhatTheKernelMeant) {
   EXPECT_TRUE(neighbors[3].isLearnedByControlPlane);
 }
 
-/// The routes of a capture as text, without the numbers of interfaces.
+/// The routes of a capture as text, without interface indexes.
 std::vector<std::string> routesOf(const std::string& name, bool present = true) {
   std::vector<std::string> texts;
   for (Route route : objectsOf<Route>(name, present)) {
@@ -196,7 +196,7 @@ std::vector<std::string> routesOf(const std::string& name, bool present = true) 
   return texts;
 }
 
-TEST(Messages, SaysOfACapturedRouteWhatTheKernelMeant) {
+TEST(Messages, ReadsCapturedRoutes) {
   EXPECT_EQ(routesOf("routes"),
             (std::vector<std::string>{
                 ("route 254 10.9.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 via 10.0.1.2] "
@@ -215,9 +215,10 @@ TEST(Messages, SaysOfACapturedRouteWhatTheKernelMeant) {
                 "route 254 10.18.0.0/24 metric 0 protocol 3 type 1 tos 0 [link 0 tunnelled]"}));
 }
 
-// Whatever a message is cut to, and whatever length its header then claims, the reader says so or
-// reads what is there. It reads nothing beyond: each copy ends with its memory.
-TEST(Messages, OfAnyLengthAreReadOrRefused) {
+// Cuts messages to each length and sets each length in the header. The reader refuses such a
+// message or reads the present part. Each copy ends with its memory, so that the sanitizers find a
+// read beyond the end.
+TEST(Messages, CutMessagesAreReadOrRefused) {
   size_t refused = 0;
   size_t read = 0;
   for (const char* name : kCaptures) {
@@ -243,7 +244,7 @@ TEST(Messages, OfAnyLengthAreReadOrRefused) {
   EXPECT_GT(read, 1000U);
 }
 
-/// Where the attributes of a message begin.
+/// The offset of a message's attributes.
 size_t attributesOf(const Bytes& message) {
   nlmsghdr header;
   std::memcpy(&header, message.data(), sizeof header);
@@ -264,7 +265,7 @@ Bytes sized(Bytes message) {
   return message;
 }
 
-TEST(Messages, WithAttributesRepeatedSayTheSame) {
+TEST(Messages, RepeatedAttributesChangeNothing) {
   for (const char* name : kCaptures) {
     for (const Bytes& message : captured(name)) {
       Bytes doubled = message;
@@ -278,7 +279,7 @@ TEST(Messages, WithAttributesRepeatedSayTheSame) {
   EXPECT_EQ(toString(read<Route>(twice).prefix), "10.9.0.0/24") << "the last one counts";
 }
 
-TEST(Messages, WithoutOneOfTheirAttributesAreReadOrRefused) {
+TEST(Messages, MessagesWithoutOneAttributeAreReadOrRefused) {
   size_t refused = 0;
   for (const char* name : kCaptures) {
     for (const Bytes& message : captured(name)) {
@@ -301,8 +302,8 @@ TEST(Messages, WithoutOneOfTheirAttributesAreReadOrRefused) {
   EXPECT_GT(refused, 20U) << "destinations, addresses, ids";
 }
 
-// This kernel makes neither VRF nor VLAN interfaces.
-TEST(Messages, TellOfVrfsAndVlans) {
+// The kernel of the captures has no VRF and no VLAN interfaces.
+TEST(Messages, ReadsVrfsAndVlans) {
   const Link vrf = read<Link>(link(9, "red").nest(IFLA_LINKINFO, [](Made& info) {
     info.add(IFLA_INFO_KIND, "vrf");
     info.nest(IFLA_INFO_DATA, [](Made& data) { data.add(IFLA_VRF_TABLE, uint32_t{1001}); });
@@ -323,11 +324,11 @@ TEST(Messages, TellOfVrfsAndVlans) {
   EXPECT_EQ(vlan.lower, 3U);
   EXPECT_EQ(vlan.master, 9U);
   EXPECT_EQ(vlan.masterKind, "vrf");
-  // What it stands on has that number in another namespace.
+  // The number of the lower interface belongs to another namespace.
   EXPECT_EQ(read<Link>(Made(vlanMessage).add(IFLA_LINK_NETNSID, uint32_t{0})).lower, 0U);
 }
 
-TEST(Messages, WithAttributesOfWrongSizeOrMissingAreRefusedByName) {
+TEST(Messages, ErrorsNameMissingAndWronglySizedAttributes) {
   const auto error = [](std::span<const std::byte> message) -> std::string {
     try {
       readMessage(message);
@@ -354,20 +355,20 @@ TEST(Messages, WithAttributesOfWrongSizeOrMissingAreRefusedByName) {
   EXPECT_EQ(error(Made(RTM_NEWNEXTHOP, nhmsg{}).add(NHA_GROUP, kNet, 4)), "RTM_NEWNEXTHOP: no id");
 }
 
-TEST(Messages, ThatConcernNobodyHereSayNothing) {
+TEST(Messages, IrrelevantMessagesAreIgnored) {
   EXPECT_EQ(readMessage(Made(RTM_NEWRULE, rtmsg{})), std::nullopt);
   auto cached = headOf<rtmsg>(AF_INET);
   cached.rtm_flags = RTM_F_CLONED;
   EXPECT_EQ(readMessage(Made(RTM_NEWROUTE, cached)), std::nullopt);
   const auto multicast = headOf<rtmsg>(RTNL_FAMILY_IPMR);
   EXPECT_EQ(readMessage(Made(RTM_NEWROUTE, multicast)), std::nullopt);
-  // A port that leaves a bridge is no interface that goes.
+  // A port that leaves a bridge is not a deleted interface.
   auto port = headOf<ifinfomsg>(AF_BRIDGE);
   port.ifi_index = 3;
   EXPECT_EQ(readMessage(Made(RTM_DELLINK, port).add(IFLA_IFNAME, "e1")), std::nullopt);
 }
 
-TEST(Messages, KeepWhatMattersOfTheHeader) {
+TEST(Messages, ReadsTheRelevantHeaderFields) {
   const auto message = route().add(RTA_DST, kNet, 4).add(RTA_OIF, uint32_t{3});
   const Change change = readMessage(message).value();
   EXPECT_TRUE(change.present && change.replaces && change.appends);
@@ -379,13 +380,13 @@ TEST(Messages, KeepWhatMattersOfTheHeader) {
   EXPECT_EQ(dumped.sender, 0U);
 }
 
-TEST(Messages, TellWhichNextHopsAreTunnelled) {
+TEST(Messages, ReadsTunnelledNextHops) {
   const auto encap = uint16_t{LWTUNNEL_ENCAP_MPLS};
   const auto tunnelled = route().add(RTA_DST, kNet, 4).add(RTA_OIF, uint32_t{3});
   EXPECT_TRUE(read<Route>(Made(tunnelled).add(RTA_ENCAP_TYPE, encap)).hops.at(0).isTunnelled);
   EXPECT_TRUE(read<Route>(Made(tunnelled).add(RTA_NEWDST, kNet, 4)).hops.at(0).isTunnelled);
   EXPECT_FALSE(read<Route>(tunnelled).hops.at(0).isTunnelled);
-  // One of two, with a weight and a flag.
+  // One of two hops, with a weight and a flag.
   const Route both = read<Route>(route(AF_INET6, 0).nest(RTA_MULTIPATH, [&](Made& hops) {
     hops.hop({.rtnh_len = 0, .rtnh_flags = RTNH_F_LINKDOWN, .rtnh_hops = 254, .rtnh_ifindex = 3},
              [&](Made& hop) { hop.add(RTA_ENCAP_TYPE, encap); });

@@ -1,4 +1,5 @@
-// Tests of the mirror on what a namespace of this kernel cannot show: VRFs, old kernels, losses.
+// Tests of the mirror in situations that a namespace of this kernel cannot produce: VRFs, old
+// kernels, losses.
 #include "linux/Mirror.h"
 
 #include <gtest/gtest.h>
@@ -30,7 +31,7 @@ InterfaceAddress address(LinkIndex link, const char* addr) {
   return {.link = link, .addr = addrOf(addr), .len = 24, .peer = {}};
 }
 
-/// Writes down what it is told of.
+/// Records its notifications.
 class Recorder final : public Mirror::Observer {
  public:
   explicit Recorder(const Mirror& mirror) : mirror_(mirror) {}
@@ -55,7 +56,7 @@ class Recorder final : public Mirror::Observer {
     }
     add(text);
   }
-  /// What it was told since the last time.
+  /// The notifications since the last call.
   std::vector<std::string> take() { return std::exchange(told_, {}); }
 
  private:
@@ -93,7 +94,7 @@ class MirrorTest : public testing::Test {
 
 using Told = std::vector<std::string>;
 
-TEST_F(MirrorTest, TakesADumpForTheWholeTruth) {
+TEST_F(MirrorTest, ADumpReplacesAllObjects) {
   const FdbEntry entry{.port = 2, .bridge = 9, .mac = {}};
   Link port = link(2, "e2");
   port.master = 9;
@@ -118,7 +119,7 @@ TEST_F(MirrorTest, TakesADumpForTheWholeTruth) {
   EXPECT_EQ(textOf(mirror), (std::set<std::string>{}));
 }
 
-TEST_F(MirrorTest, TakesAnIndexUnderAnotherNameForAnotherInterface) {
+TEST_F(MirrorTest, AnIndexWithAnotherNameIsAnotherInterface) {
   add(link(2, "old"));
   add(link(2, "new"));
   EXPECT_EQ(told(), (Told{"link 2 old", "link 2 gone", "link 2 new"}));
@@ -133,34 +134,35 @@ TEST_F(MirrorTest, TakesAnIndexUnderAnotherNameForAnotherInterface) {
 TEST_F(MirrorTest, KeepsAnIpv6RouteWithoutGatewayThatIsThereTwice) {
   add(route("2001:db8::/64", {hop(2)}));
   add(route("2001:db8::/64", {hop(3)}));
-  // It takes the place of the first.
+  // The new route replaces the first one.
   replace(route("2001:db8::/64", {hop(3)}));
   EXPECT_EQ(hopsOf("2001:db8::/64"), "[link 3];[link 3];");
   remove(route("2001:db8::/64", {hop(3)}));
   EXPECT_EQ(hopsOf("2001:db8::/64"), "[link 3];");
 }
 
-// Notifications that the socket kept during a dump are older than what the dump said.
-TEST_F(MirrorTest, EndsRightWhenItHearsOfThePastAfterADump) {
-  // A route that came and went with its interface, of which only the interface was told.
+// Notifications that wait in the socket during a dump are older than the dump.
+TEST_F(MirrorTest, OldNotificationsAfterADumpDoNotHarm) {
+  // A route was added and then removed with its interface. The kernel announces only the removal of
+  // the interface.
   dump({link(2, "e2", false), link(3, "e3")});
   add(route("10.1.0.0/24", {hop(2)}));
   add(link(2, "e2", false));
   EXPECT_EQ(hopsOf("10.1.0.0/24"), "");
 
-  // Replaced twice: the dump had the last.
+  // A route was replaced twice. The dump had the last one.
   dump({link(3, "e3"), route("10.2.0.0/24", {hop(3, "10.0.0.3")})});
   add(route("10.2.0.0/24", {hop(3, "10.0.0.1")}));
   replace(route("10.2.0.0/24", {hop(3, "10.0.0.2")}));
   replace(route("10.2.0.0/24", {hop(3, "10.0.0.3")}));
   EXPECT_EQ(hopsOf("10.2.0.0/24"), "[link 3 via 10.0.0.3];");
 
-  // A former route deleted, beside one that was there all the time.
+  // A former route was deleted. Another route of the same prefix stayed.
   dump({link(3, "e3"), route("10.3.0.0/24", {hop(3, "10.0.0.3")})});
   remove(route("10.3.0.0/24", {hop(3, "10.0.0.1")}));
   EXPECT_EQ(hopsOf("10.3.0.0/24"), "[link 3 via 10.0.0.3];");
 
-  // A last address that went, and came back with the routes.
+  // The last address was removed and added again with its routes.
   dump({link(3, "e3"), address(3, "10.0.3.1"), route("10.4.0.0/24", {hop(3)})});
   remove(address(3, "10.0.3.1"));
   EXPECT_EQ(hopsOf("10.4.0.0/24"), "");
@@ -169,8 +171,8 @@ TEST_F(MirrorTest, EndsRightWhenItHearsOfThePastAfterADump) {
   EXPECT_EQ(hopsOf("10.4.0.0/24"), "[link 3];");
 }
 
-// A dead next hop makes a group smaller, before the dump says that the group is gone altogether.
-TEST_F(MirrorTest, DropsAGroupThatADumpDoesNotName) {
+// A dead next hop leaves its group, and then the dump lacks the whole group.
+TEST_F(MirrorTest, DropsAGroupThatIsNotInTheDump) {
   const Nexthop one{.id = 1, .family = 4, .hop = hop(2), .group = {}};
   const Nexthop two{.id = 2, .family = 4, .hop = hop(3), .group = {}};
   Route user = route("10.1.0.0/24", {});
@@ -184,7 +186,7 @@ TEST_F(MirrorTest, DropsAGroupThatADumpDoesNotName) {
   EXPECT_EQ(hopsOf("10.1.0.0/24"), "");
 }
 
-TEST_F(MirrorTest, ResolvesANexthopObjectAsSoonAsItKnowsIt) {
+TEST_F(MirrorTest, ResolvesNexthopObjectsThatComeLater) {
   Route user = route("10.1.0.0/24", {hop(2, "10.0.2.1")});
   user.nexthop = 10;
   add(user);
@@ -207,8 +209,8 @@ TEST_F(MirrorTest, ResolvesANexthopObjectAsSoonAsItKnowsIt) {
   EXPECT_EQ(mirror.nexthop(11), nullptr) << "a group with one member twice";
 }
 
-// Kernels before 4.11 tell of IPv6 routes with several next hops one by one.
-TEST_F(MirrorTest, JoinsIpv6NextHopsThatAreToldOneByOne) {
+// Kernels before 4.11 announce each next hop of an IPv6 route in a message of its own.
+TEST_F(MirrorTest, JoinsIpv6NextHopsOfSeparateMessages) {
   const char* const prefix = "2001:db8::/64";
   add(route(prefix, {hop(2, "fe80::1")}));
   add(route(prefix, {hop(3, "fe80::1")}));
@@ -222,14 +224,14 @@ TEST_F(MirrorTest, JoinsIpv6NextHopsThatAreToldOneByOne) {
   EXPECT_EQ(hopsOf(prefix), "[link 4 via fe80::1][link 5 via fe80::1];");
   dump({route(prefix, {hop(5, "fe80::1")})});
   EXPECT_EQ(hopsOf(prefix), "[link 5 via fe80::1];") << "a dump joins only what it names";
-  // The whole form, in the kernel's order, takes the single one in.
+  // A message with all next hops replaces the single ones.
   add(route(prefix, {hop(7, "fe80::1"), hop(5, "fe80::1")}));
   EXPECT_EQ(hopsOf(prefix), "[link 5 via fe80::1][link 7 via fe80::1];");
   replace(route(prefix, {hop(8, "fe80::1")}));
   EXPECT_EQ(hopsOf(prefix), "[link 8 via fe80::1];");
 }
 
-TEST_F(MirrorTest, PassesOverOurOwnRoutesAndWhatIsNoNeighbor) {
+TEST_F(MirrorTest, IgnoresOurOwnRoutesAndEntriesThatAreNoNeighbors) {
   Route own = route("10.1.0.0/24", {hop(2)});
   own.protocol = 205;
   add(route("10.1.0.0/24", {hop(3)}));
@@ -252,8 +254,8 @@ TEST_F(MirrorTest, PassesOverOurOwnRoutesAndWhatIsNoNeighbor) {
   EXPECT_EQ(told(), (Told{"neighbor 10.0.0.2 gone"}));
 }
 
-// The kernel looks for another owner of an address among the interfaces of the VRF, and drops the
-// routes of the VRF's table.
+// When an address is removed, the kernel looks for the same address on the other interfaces of the
+// VRF. If there is none, it drops the routes of the VRF's table with this preferred source.
 TEST_F(MirrorTest, DropsRoutesWithTheirPreferredSourceWithinAVrf) {
   Link vrf = link(9, "red");
   vrf.kind = "vrf";
@@ -280,10 +282,10 @@ TEST_F(MirrorTest, DropsRoutesWithTheirPreferredSourceWithinAVrf) {
   EXPECT_EQ(hopsOf("10.1.0.0/24"), "") << "that of the VRF is another";
 }
 
-// Many routes through many next hops come and go; what is found is what a plain map holds.
+// Adds and removes many routes through many next hops, and compares with a plain map.
 TEST_F(MirrorTest, KeepsManyRoutesApart) {
   mirror.setObserver(nullptr);
-  std::map<std::pair<uint32_t, uint32_t>, std::set<LinkIndex>> expected;  // by number and metric
+  std::map<std::pair<uint32_t, uint32_t>, std::set<LinkIndex>> expected;  // key: number and metric
   uint64_t random = 1;
   const auto draw = [&](uint64_t below) {
     random = random * 6364136223846793005U + 1442695040888963407U;

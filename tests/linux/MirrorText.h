@@ -1,4 +1,4 @@
-// What a mirror holds, as text that can be compared and read.
+// The content of a mirror as text, for comparison.
 #pragma once
 
 #include <cstdint>
@@ -50,7 +50,7 @@ inline std::set<std::string> textOf(const Mirror& mirror) {
   });
   for (const LinkIndex index : indexes) {
     mirror.forEachAddress(index, [&](const InterfaceAddress& a) {
-      // The kernel tells of an IPv6 address when it is no longer tentative.
+      // The kernel announces an IPv6 address only when it is no longer tentative.
       if (a.isTentative) return;
       add("address ", index, " ", toString(a.addr), "/", a.len,
           a.peer ? " peer " + toString(*a.peer) : "", a.isSecondary ? " secondary" : "",
@@ -79,7 +79,7 @@ inline std::set<std::string> textOf(const Mirror& mirror) {
   return lines;
 }
 
-/// What only one of two texts has, one a line with a sign before it.
+/// The lines that only one of two texts has, each with a sign before it.
 inline std::string difference(const std::set<std::string>& a, const std::set<std::string>& b) {
   std::string text;
   for (const std::string& line : a) {

@@ -58,7 +58,7 @@ class ProbingTest : public testing::Test {
     return probing.emplace(
         mirror, [this] { return now; }, options);
   }
-  /// The hosts that are probed now, by their numbers.
+  /// The numbers of the hosts that are probed now.
   std::multiset<uint32_t> probed() {
     std::multiset<uint32_t> hosts;
     for (const auto& probe : probing->due()) {
@@ -74,7 +74,7 @@ class ProbingTest : public testing::Test {
   std::optional<Probing> probing;
 };
 
-TEST_F(ProbingTest, AsksTheHostsBehindAMacThatTheBridgeForgot) {
+TEST_F(ProbingTest, ProbesTheHostsOfAMacThatLeftTheFdb) {
   neighbor(kBridge, 1);
   neighbor(kVlan10, 1 + 256);
   neighbor(kVlan20, 1 + 512);
@@ -88,7 +88,7 @@ TEST_F(ProbingTest, AsksTheHostsBehindAMacThatTheBridgeForgot) {
   EXPECT_EQ(probed(), (Hosts{1, 1 + 256}));
   EXPECT_EQ(probed(), Hosts{});
   EXPECT_EQ(probing->nextDeadline(), std::nullopt);
-  // A bridge without VLANs carries those of the interfaces on it.
+  // An FDB entry without VLAN also concerns the VLAN interfaces on the bridge.
   probing->onFdbEntryGone(fdbEntry(1));
   EXPECT_EQ(probed(), (Hosts{1, 1 + 256, 1 + 512}));
   auto own = fdbEntry(2);
@@ -97,7 +97,7 @@ TEST_F(ProbingTest, AsksTheHostsBehindAMacThatTheBridgeForgot) {
   EXPECT_EQ(probed(), Hosts{});
 }
 
-TEST_F(ProbingTest, AsksTheHostsBehindAPortWithoutCarrier) {
+TEST_F(ProbingTest, ProbesTheHostsOfAPortWithoutCarrier) {
   neighbor(kBridge, 1);
   neighbor(kBridge, 2);
   neighbor(kRouted, 3);
@@ -111,7 +111,7 @@ TEST_F(ProbingTest, AsksTheHostsBehindAPortWithoutCarrier) {
   EXPECT_EQ(probed(), Hosts{3});
 }
 
-TEST_F(ProbingTest, LeavesAloneWhatItMustNotProbe) {
+TEST_F(ProbingTest, DoesNotProbeExcludedEntries) {
   for (const int state : {NUD_PERMANENT, NUD_NOARP, NUD_FAILED, NUD_INCOMPLETE, NUD_PROBE}) {
     neighbor(kRouted, 1000U + static_cast<uint32_t>(state), state);
   }
@@ -149,7 +149,7 @@ TEST_F(ProbingTest, RefreshesOnlyWhileTheKernelDropsEntries) {
   add(neighbor6);
   probing->onNeighbor(kRouted, neighbor6.addr);
   EXPECT_TRUE(probing->due().empty());
-  // While there is room for all, it is asked only now and then.
+  // While the kernel has room for all entries, it is asked rarely.
   ASSERT_TRUE(probing->nextDeadline());
   EXPECT_GE(*probing->nextDeadline(), now + 1);
   for (int i = 0; i < 10; ++i) EXPECT_TRUE(probing->due().empty());
@@ -164,7 +164,7 @@ TEST_F(ProbingTest, RefreshesOnlyWhileTheKernelDropsEntries) {
   EXPECT_EQ(probed(), Hosts{1});
 }
 
-TEST_F(ProbingTest, KeepsToItsRate) {
+TEST_F(ProbingTest, KeepsItsRate) {
   for (uint32_t i = 1; i <= 50; ++i) neighbor(kRouted, i);
   options.rate = 20;
   start();
@@ -186,7 +186,8 @@ TEST_F(ProbingTest, RefreshesStaleEntriesInTime) {
   start();
   neighbor(kRouted, 1);
   EXPECT_EQ(probing->nextDeadline(), std::nullopt);
-  // Its age is not known: it is asked at once, and not again while that is fresh.
+  // The age of the entry is unknown, so the host is probed at once, and not again while the answer
+  // is fresh.
   neighbor(kRouted, 1, NUD_STALE);
   neighbor(kRouted, 2, NUD_STALE);
   neighbor(kRouted, 2, NUD_DELAY);
@@ -199,12 +200,12 @@ TEST_F(ProbingTest, RefreshesStaleEntriesInTime) {
   EXPECT_EQ(probing->nextDeadline(), now + 15);
   now += 15;
   EXPECT_EQ(probed(), Hosts{1});
-  // One that went is forgotten.
+  // A removed entry is forgotten.
   now += 40;
   neighbor(kRouted, 1, NUD_NONE);
   EXPECT_EQ(probed(), Hosts{});
   EXPECT_EQ(probing->nextDeadline(), std::nullopt);
-  // Switched on later, it begins with what is there.
+  // When keepalive is enabled later, it starts with the present entries.
   options.keepalive = false;
   start();
   neighbor(kRouted, 4, NUD_STALE);

@@ -1,4 +1,4 @@
-// Objects of the kernel's, made of text, and keys of routes.
+// Helpers that make kernel objects from text, and keys of routes.
 #pragma once
 
 #include <linux/neighbour.h>
@@ -50,7 +50,7 @@ inline Route route(const std::string& prefix, std::vector<NextHop> hops,
   return route;
 }
 
-/// The key of a host's route.
+/// The key of a host route.
 inline RouteKey key4(uint32_t host, TableId table = 10) {
   return {table, Zemit::Prefix::host(Zemit::IpAddr(0x0A000000 + host))};
 }

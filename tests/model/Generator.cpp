@@ -1,4 +1,4 @@
-// Random replays: the small universe, and how events are drawn from it.
+// Random replays: the small universe and the random events in it.
 #include "tests/model/Generator.h"
 
 #include <algorithm>
@@ -14,7 +14,7 @@ struct Generator::Universe {
   int family;
   Texts prefixes;
   Texts hosts;
-  std::string crowd;  // what the addresses of the crowd begin with; the last number follows
+  std::string crowd;  // the addresses of the crowd without their last number
   Texts intfAddrs;
   Texts virtualIps;
   Texts gateways;
@@ -99,7 +99,7 @@ void Generator::setTheScene() {
     const Universe& of = universe();
     scene_.push_back(fec(1 + below(kFecs), of));
     scene_.push_back(route(prefix(of), of));
-    // A crowd is on one interface for the most part.
+    // Most neighbours of a crowd are on one interface.
     const std::string& intf = weights_.crowded && chance(70) ? kIntfs[0] : pick(kIntfs);
     scene_.push_back({{"op", "neighbor"}, {"intf", intf}, {"ip", host(of)}});
     if (chance(30)) scene_.push_back(addr(of));
@@ -133,7 +133,7 @@ json Generator::route(const std::string& prefix, const Universe& of) {
 
 json Generator::fec(uint64_t id, const Universe& of) {
   std::set<std::pair<std::string, std::string>> vias;
-  // One direct via is the usual case.
+  // Most FECs have one direct via.
   for (uint64_t n = chance(60) ? 1 : below(4); n > 0; --n) {
     const std::string& intf = weights_.apart && !chance(10) ? kIntfs[id % 3] : pick(kIntfs);
     vias.emplace(intf, chance(25) ? pick(of.gateways) : "");

@@ -1,4 +1,4 @@
-// Random replays over a universe so small that routes, addresses and neighbours keep colliding.
+// Random replays over a small universe, in which routes, addresses and neighbours often collide.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace Golden {
 
-/// How often each kind of event comes, relative to the others; 0 leaves it out.
+/// The relative frequency of each kind of event; 0 excludes the kind.
 struct Weights {
   unsigned neighbor = 300;
   unsigned neighborTable = 20;
@@ -33,16 +33,16 @@ struct Weights {
   bool ipv4 = true;
   bool ipv6 = true;
   bool manyVrfs = true;  ///< false: the default VRF only
-  bool apart = false;    ///< each VRF has a FEC and an interface of its own, for the most part
-  bool crowded = false;  ///< a hundred neighbours in place of ten, and prefixes of all sizes there
+  bool apart = false;    ///< most routes of a VRF use its own FEC and interface
+  bool crowded = false;  ///< a hundred neighbours instead of ten, with prefixes of all lengths
 };
 
-/// The weights of a named universe: "crowded", "apart", or the small one.
+/// The weights of the universe "crowded" or "apart"; those of the small one for any other name.
 inline Weights weightsOf(std::string_view universe) {
   return {.apart = universe == "apart", .crowded = universe == "crowded"};
 }
 
-/// Makes one valid replay event after another; the same seed makes the same events.
+/// Generates valid replay events. Equal seeds give equal events.
 class Generator {
  public:
   explicit Generator(uint64_t seed, const Weights& weights = {});
@@ -62,12 +62,12 @@ class Generator {
   std::string prefix(const Universe& of);
   std::string vrf();
   nlohmann::json random();
-  /// A FEC for a route of the VRF.
+  /// A random FEC for a route of the VRF.
   uint64_t fecOf(const std::string& vrf);
   nlohmann::json route(const std::string& prefix, const Universe& of);
   nlohmann::json fec(uint64_t id, const Universe& of);
   nlohmann::json addr(const Universe& of);
-  /// Puts routes, FECs, interfaces and neighbours in place, so that what follows meets something.
+  /// Adds routes, FECs, interfaces and neighbours, so that later events find something to change.
   void setTheScene();
 
   std::mt19937_64 random_;

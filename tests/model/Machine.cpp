@@ -1,4 +1,4 @@
-// The steps of the golden model's state machine, one by one, over sorted maps and sets.
+// The steps of the golden model's state machine, over sorted maps and sets.
 #include "tests/model/Machine.h"
 
 #include <algorithm>
@@ -16,7 +16,8 @@ std::optional<Route> lookUp(const RouteTable& table, const Prefix& prefix) {
   return it == table.end() ? std::nullopt : std::optional(it->second);
 }
 
-/// The prefixes in the order in which routes are handled, so that longer ones have the last word.
+/// The prefixes in the order in which routes are handled. Longer prefixes come last, so their
+/// result stays.
 template <class Prefixes>
 std::vector<Prefix> shortestFirst(const Prefixes& prefixes) {
   std::vector<Prefix> sorted(prefixes.begin(), prefixes.end());
@@ -39,7 +40,7 @@ bool intersects(const IntfSet& a, const IntfSet& b) {
   return std::any_of(a.begin(), a.end(), [&b](const auto& name) { return b.contains(name); });
 }
 
-/// What `b` has and `a` lacks.
+/// The members of `b` that are not in `a`.
 IntfSet subtract(const IntfSet& a, const IntfSet& b) {
   IntfSet result;
   for (const auto& name : b) {
@@ -186,7 +187,8 @@ void Machine::addRouteToRouteTable(RouteTable& table, bool toRouteTable, Bits ad
     return;
   }
   Route route = existing.value_or(Route{.key = prefix, .metric = 0, .preference = 1});
-  // A tracked FIB route lends its metric, except to a host table's route that is new or re-typed.
+  // A host route takes the metric of a tracked FIB route. A host table's route that is new or
+  // changes its type does not.
   const bool sameType = existing && existing->type == type;
   if (tracked && (toRouteTable || sameType)) {
     route.metric = tracked->metric;
@@ -294,7 +296,8 @@ void Machine::handleAdjacency(const Route& route) {
   IntfSet intfs;
   if (route.fec != 0) {
     prefixToAdjacency_[prefix] = route.fec;
-    // A surviving old list takes its prefix back, and without an old list none is begun here.
+    // If the old list still exists, the prefix is put back into it. Without an old list, no new
+    // list is made here.
     if (oldListExisted) fileUnder(oldListSurvived ? oldFec : route.fec, prefix);
     intfs = getIntfs(route.fec);
   }
@@ -327,7 +330,7 @@ void Machine::handleFec(FecId fec) {
   if (!adjacencyToPrefix_.contains(fec)) return;
   for (const auto& prefix : shortestFirst(adjacencyToPrefix_[fec])) {
     if (!adjacencyToPrefix_.contains(fec) || !adjacencyToPrefix_[fec].contains(prefix)) continue;
-    // A filed prefix without a FIB route is handled as the route to everywhere, without FEC.
+    // A listed prefix without a FIB route is handled like a default route without a FEC.
     const Route route = lookUp(routeStatus, prefix).value_or(Route{});
     if (prefix.len == family_.width && owns(route)) continue;
     handleAdjacency(route);
@@ -468,7 +471,7 @@ void Machine::handleVrf(const std::string& intf) {
   if (world_.intfs.contains(intf) && l3Vrf != world_.l3Vrf.end() && l3Vrf->second == vrf_) {
     vrfIntfs_.insert(intf);
     handleIpIntfStatus(intf);
-    // A new reactor catches up with each of the attributes that it watches.
+    // A new reactor is notified of each attribute that it watches.
     for (int left = family_.addressAttributes; left > 0; --left) recomputeReceiveRoutes(intf);
   } else {
     vrfIntfs_.erase(intf);
@@ -538,7 +541,8 @@ void Machine::removeReceiveRoutes(const std::string& intf, AddrSet& changed) {
     intfNameToPrimary_.erase(it);
     removeAddrMask(intf, primary, changed);
   }
-  // What is left of the set is what the overlap test of the addresses to come still sees.
+  // The overlap test of each following address reads the remaining set, so each address is erased
+  // before its routes are removed.
   auto& secondaries = intfNameToSecondary_[intf];
   for (const auto& secondary : std::set<AddrLen>(secondaries)) {
     secondaries.erase(secondary);
@@ -564,7 +568,7 @@ void Machine::removeAddrMask(const std::string& intf, const AddrLen& addr, AddrS
 }
 
 void Machine::removeReceiveRoute(const std::string& intf, Bits addr) {
-  // Still yielded by an address of the interface that stays.
+  // True when a remaining address of the interface also derives this receive address.
   const auto yields = [this, addr](const AddrLen& left) {
     if (left.addr == 0) return false;
     const Bits mask = hostMask(family_, left.len);
@@ -595,7 +599,7 @@ void Machine::handleVirtualIp(const std::pair<std::string, AddrLen>& virtualIp) 
   fibAdjacencies_.drop(route->fec);
 }
 
-// State for a reader
+// State for dumps
 
 ViaSet Machine::resolve(FecId fec) const {
   const auto vias = fecVias(fec);

@@ -15,17 +15,17 @@
 
 namespace Golden {
 
-/// One interface's addresses, as `Ip::Status` and `Ip6::Status` publish them.
+/// One interface's addresses, as in `Ip::Status` and `Ip6::Status`.
 struct Interface {
   AddrLen primary;
   std::set<AddrLen> secondary;
   std::set<AddrLen> addrs6;
 };
 
-/// One interface's neighbours, by address with the MAC address, for each family.
+/// One interface's neighbours for each family: the MAC address by IP address.
 using Neighbors = std::array<std::map<Bits, std::string>, 2>;
 
-/// What all VRFs share.
+/// The state that all VRFs share.
 struct World {
   std::map<std::string, Interface> intfs;
   std::map<std::string, std::string> l3Vrf;
@@ -42,7 +42,7 @@ struct Readiness {
   std::array<bool, 2> ready{};
 };
 
-/// Counted adjacencies, found by via set. Ids are never used twice.
+/// Reference-counted adjacencies by via set. Ids are never reused.
 class Adjacencies {
  public:
   struct Adjacency {
@@ -51,7 +51,7 @@ class Adjacencies {
   };
 
   FecId getOrCreate(const ViaSet& vias);
-  /// Does nothing for an id that was not handed out here.
+  /// Does nothing for an id that was not allocated here.
   void drop(FecId id);
   /// Empty for an unknown id.
   ViaSet vias(FecId id) const;
@@ -73,15 +73,15 @@ using IntfSet = std::set<std::string>;
 
 /// The state machine of one VRF and family together with its root.
 ///
-/// The handlers keep the engine's names. The callers are the notifications: they come after the
-/// change, and only to a machine that was not torn down.
+/// The handlers have the same names as the engine's. The model calls them as notifications: after
+/// the change, and only on a machine that was not torn down.
 class Machine {
  public:
   Machine(const Family& family, const World& world, Readiness& readiness, std::string vrf);
 
   RouteTable routeStatus;  ///< the route table: FIB routes, and the host routes written here
   RouteTable hostStatus;   ///< the FIB's host routes
-  bool alive = true;       ///< false once torn down; the root stays
+  bool alive = true;       ///< false after the teardown; the root stays
 
   const Family& family() const { return family_; }
   bool hasNeighborRoute(Bits addr) const { return neighborTable_.routes.contains(host(addr)); }
@@ -94,13 +94,13 @@ class Machine {
   void handleVirtualIp(const std::pair<std::string, AddrLen>& virtualIp);
   void handleRibReady();
   void setHostRouteRibReady();
-  /// The interface appeared, went, or changed its VRF.
+  /// The interface was added or removed, or changed its VRF.
   void handleVrf(const std::string& intf);
-  /// The addresses of the interface changed; does nothing for an interface of another VRF.
+  /// The addresses of the interface changed. Does nothing for an interface of another VRF.
   void handleAddresses(const std::string& intf);
   void handleArpEntry(const std::string& intf, Bits addr);
   void handleArpEntries(const std::string& intf);
-  /// The interface's neighbour table went, with the neighbours that it still had.
+  /// The interface's neighbour table was removed. `left` has the neighbours that it had.
   void handleDeletedTable(const std::string& intf, const Neighbors& left);
 
  private:

@@ -1,4 +1,4 @@
-// The events of a replay, done to the golden model's tables and told to its state machines.
+// Applies the events of a replay to the golden model's tables and notifies its state machines.
 #include "tests/model/Model.h"
 
 #include <algorithm>
@@ -14,14 +14,13 @@ using nlohmann::json;
 
 namespace {
 
-/// The families that an event names: one, or both where it names none.
+/// The family that an event names; both families when it names none.
 std::vector<const Family*> familiesOf(const json& event) {
   if (!event.is_object() || !event.contains("family")) return {&kIpv4, &kIpv6};
   return {event.at("family") == 4 ? &kIpv4 : &kIpv6};
 }
 
-/// Puts `value` under `key`, or takes the key out where `value` is empty; tells whether that
-/// changed anything.
+/// Stores `value` under `key`, or erases the key when `value` is empty. True when the map changed.
 template <class Map>
 bool store(Map& map, const typename Map::key_type& key,
            const std::optional<typename Map::mapped_type>& value) {
@@ -42,7 +41,7 @@ bool store(Set& set, const typename Set::value_type& value, bool present) {
 
 }  // namespace
 
-/// What belongs to one VRF.
+/// The state of one VRF.
 struct Vrf {
   Vrf(const World& world, const std::string& name)
       : machines{Machine(kIpv4, world, readiness, name), Machine(kIpv6, world, readiness, name)} {}
@@ -129,7 +128,7 @@ void Model::applyAddr(const Event& event, bool present) {
   bool changed = false;
   if (family.number == 6) {
     changed = store(status->second.addrs6, addr, present);
-    // A link-local address is never a reason to look at the others.
+    // A change of a link-local address does not recompute the interface's receive routes.
     if (inside(kIpv6, addr.addr, {parseAddr("fe80::"), 10})) return;
   } else if (event.value("secondary", false)) {
     changed = store(status->second.secondary, addr, present);
@@ -203,7 +202,7 @@ void Model::applyRoute(const Event& event, bool present) {
              .type = event.value("type", "connected_"),
              .fec = event.value("fec", FecId{0})};
   }
-  // The machine is told whether or not the route changed.
+  // The machine is notified even when the route did not change.
   store(isHost ? machine.hostStatus : machine.routeStatus, prefix, route);
   if (!machine.alive) return;
   if (isHost) {
@@ -245,7 +244,8 @@ void Model::applyReadiness(const Event& event) {
 template <class Chosen>
 void Model::announceRouteless(const Family& family, const std::vector<Machine*>& machines,
                               Chosen chosen) {
-  // All that lack a route now, whatever the first announcements give the others.
+  // Collected before the first announcement, because an announcement can give other neighbours a
+  // route.
   std::vector<std::pair<std::string, Bits>> routeless;
   for (const auto& [intf, table] : world_->neighborDir) {
     for (const auto& [addr, mac] : table[family.slot]) {

@@ -1,5 +1,4 @@
-// The golden model: the observable behaviour of the host-route engine, written as plainly as can
-// be.
+// The golden model: a simple second implementation of the host-route engine's observable behaviour.
 #pragma once
 
 #include <map>
@@ -17,23 +16,22 @@ class Machine;
 struct Vrf;
 struct World;
 
-/// A whole switch: feed it the events of a replay one by one and compare its dumps with the
-/// engine's.
+/// A whole switch. A test applies the events of a replay and compares the dumps with the engine's.
 ///
-/// Shares no code with the engine. Every table is a sorted map or set and every question is
-/// answered by walking all of it, so it is slow, and its order of work is the order of addresses
-/// and names.
+/// Shares no code with the engine. Every table is a sorted map or set, and every look-up walks the
+/// whole table. The model is therefore slow, and it works in the order of addresses and names.
 class Model {
  public:
-  /// With `settle`, neighbours whose host route went with a FIB or FEC change are announced again.
+  /// With `settle`, the model announces again each neighbour that lost its host route by a FIB or
+  /// FEC change.
   explicit Model(bool settle = false);
   ~Model();
 
-  /// Does what one line of a replay asks. The event has to be valid; a `dump` prints nothing.
+  /// Applies one event of a replay. The event must be valid. A `dump` prints nothing.
   void apply(const nlohmann::json& event);
 
-  /// The `{"dump": {...}}` records of the VRFs and families that `selection` (a `dump` event, or
-  /// null for all) names: VRFs by name, IPv4 before IPv6.
+  /// The `{"dump": {...}}` records of the VRFs and families that `selection` names, sorted by VRF
+  /// name, IPv4 before IPv6. `selection` is a `dump` event, or null for all.
   std::vector<nlohmann::json> dumps(const nlohmann::json& selection = nullptr) const;
 
  private:
@@ -59,8 +57,8 @@ class Model {
   std::map<std::string, std::unique_ptr<Vrf>> vrfs_;
 };
 
-/// A dump record with what two correct engines may do differently taken out: the order of lists,
-/// and which numbers the adjacency helper chose for its adjacencies.
+/// A dump record without the details in which two correct engines may differ: the order of lists,
+/// and the numbers of the adjacency helper's adjacencies.
 nlohmann::json canonical(nlohmann::json dump);
 
 }  // namespace Golden

@@ -1,4 +1,5 @@
-// Addresses, prefixes, routes and next hops of the golden model, one form for both families.
+// Addresses, prefixes, routes and next hops of the golden model, with the same types for both
+// families.
 #pragma once
 
 #include <compare>
@@ -13,18 +14,18 @@ namespace Golden {
 __extension__ using Bits = unsigned __int128;
 using FecId = uint64_t;
 
-/// What tells IPv4 and IPv6 apart; everything else is written once.
+/// The differences between IPv4 and IPv6. All other code serves both families.
 struct Family {
   int number;                      ///< 4 or 6
-  size_t slot;                     ///< index into tables that exist once for each family
+  size_t slot;                     ///< index into arrays with one element for each family
   int width;                       ///< bits of an address
   std::set<std::string> ownTypes;  ///< types of the host routes that this system writes
-  std::set<std::string> bgpTypes;  ///< types that the RIB-ready merge leaves out
+  std::set<std::string> bgpTypes;  ///< types that the RIB-ready merge skips
   bool derivesBroadcast;           ///< a subnet's first and last address are receive addresses too
   bool mergesReceiveRoutes;        ///< receive routes take part in the merge
-  int addressAttributes;           ///< how many attributes of an interface hold its addresses
+  int addressAttributes;           ///< number of attributes of an interface that hold addresses
   std::string neighborTable;       ///< name of the table of neighbour-derived host routes
-  std::string neighborRoute;       ///< name of the collection of filed addresses
+  std::string neighborRoute;       ///< name of the collection of tracked neighbours
 };
 
 inline const Family kIpv4{.number = 4,
@@ -60,13 +61,13 @@ struct AddrLen {
 };
 using Prefix = AddrLen;
 
-/// The bits of `family`'s address that a prefix of `len` bits leaves open.
+/// The host bits of an address of `family` under a prefix of length `len`.
 inline Bits hostMask(const Family& family, int len) {
   const int open = family.width - len;
   return open == 128 ? ~Bits{0} : (Bits{1} << open) - 1;
 }
 
-/// `addr` cut to its first `len` bits.
+/// The prefix of length `len` that contains `addr`.
 inline Prefix cut(const Family& family, Bits addr, int len) {
   return {addr & ~hostMask(family, len), len};
 }
@@ -84,7 +85,7 @@ inline const Family& familyOf(const std::string& text) {
   return text.find(':') == std::string::npos ? kIpv4 : kIpv6;
 }
 
-/// A next hop; the all-zero hop is a directly connected one.
+/// A next hop. An all-zero hop means directly connected.
 struct Via {
   Bits hop = 0;
   std::string intf;

@@ -1,4 +1,4 @@
-// The golden model as a program: what a replay comes to, and random replays to try.
+// The golden model as a program: dumps the result of a replay, and generates random replays.
 #include <cstring>
 #include <fstream>
 #include <iostream>

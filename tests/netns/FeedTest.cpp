@@ -1,4 +1,4 @@
-// What `ip` prints about a namespace feeds a switch with what the kernel's own messages do.
+// Tests that the output of `ip` and the kernel's own messages give a switch the same operations.
 #include "linux/Feed.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@
 namespace Linux {
 namespace {
 
-/// The replay that a full mirror feeds.
+/// The replay of a full mirror's feed.
 std::string replayOf(Mirror& mirror) {
   Feed feed(mirror, {});
   feed.setComplete();
@@ -62,7 +62,7 @@ std::string toldByText(const std::string& flags) {
   return replayOf(mirror);
 }
 
-TEST(FeedTest, WhatIpPrintsIsWhatTheKernelTells) {
+TEST(FeedTest, TheOutputOfIpAgreesWithTheKernelsMessages) {
   SKIP_WITHOUT_NAMESPACES();
   const Namespace inside;
   Namespace::setSysctl("ipv6/conf/default/accept_dad", "0");
@@ -123,8 +123,8 @@ route add 2001:db8:9::/64 nexthop via 2001:db8:1::5 nexthop via 2001:db8:2::5
 route add 2001:db8:a::/64 via fe80::9 dev swp1 proto ra
 route add blackhole 2001:db8:b::/48
 )");
-  // The kernel goes on for a while: it finds that a peer is down, and makes addresses and routes.
-  // What it tells in both ways can be compared only if nothing changed in between.
+  // For a while the kernel still changes its state: it detects down peers, and adds addresses and
+  // routes. The two outputs are comparable only when nothing changed in between.
   std::string told, asNumbers, asNames;
   bool isQuiet = false;
   for (int attempt = 0; attempt < 100 && !isQuiet; ++attempt) {

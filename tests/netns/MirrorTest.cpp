@@ -1,4 +1,4 @@
-// A mirror that is kept by notifications equals one that is filled by a dump, whatever happens.
+// Tests that a mirror updated by notifications always equals one filled by a dump.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
@@ -30,14 +30,14 @@ void fill(Mirror& mirror) {
   mirror.endDump();
 }
 
-/// A mirror of the namespace that the test is in, kept by notifications.
+/// A mirror of the test's namespace, updated by notifications.
 class Kept {
  public:
   explicit Kept(const NotificationSocket::Options& options = {.warn = {}}) : socket_(options) {
     fill(mirror_);
   }
 
-  /// Takes what the socket has. After a loss, catches up with a dump.
+  /// Reads all waiting notifications. After a loss, fills the mirror from a dump.
   void read() {
     const auto take = [this](const Change& change) {
       ++changes;
@@ -48,8 +48,8 @@ class Kept {
       fill(mirror_);
     }
   }
-  /// Whether it equals a mirror that is filled now, within half a minute: some things the kernel
-  /// does in its own time.
+  /// True when the mirror equals a newly filled one within half a minute. The kernel makes some
+  /// changes with a delay.
   testing::AssertionResult equalsFresh() {
     const auto end = steady_clock::now() + 30s;
     for (;;) {
@@ -71,7 +71,7 @@ class Kept {
   NotificationSocket socket_;
 };
 
-// Two pairs of interfaces that stand for ports and the hosts behind them, and a bridge.
+// Two pairs of interfaces, which represent ports and their hosts, and a bridge.
 constexpr std::string_view kPorts = R"(
 link set lo up
 link add e1 type veth peer name h1
@@ -240,7 +240,7 @@ route flush table 10
 )"},
 };
 
-TEST(MirrorNetns, FollowsWhatTheKernelDoesWithAndWithoutAWord) {
+TEST(MirrorNetns, FollowsAnnouncedAndUnannouncedChanges) {
   SKIP_WITHOUT_NAMESPACES();
   const Namespace space;
   addPorts(space);
@@ -254,8 +254,8 @@ TEST(MirrorNetns, FollowsWhatTheKernelDoesWithAndWithoutAWord) {
   EXPECT_EQ(kept.losses, 0U);
 }
 
-// What an administrator may do in any order; what fails, fails.
-constexpr const char* kDeeds[] = {
+// Commands that an administrator may run in any order. Some of them fail.
+constexpr const char* kCommands[] = {
     "link set e1 down",
     "link set e1 up",
     "link set e2 down",
@@ -312,7 +312,7 @@ constexpr const char* kDeeds[] = {
     "link set h3 up",
 };
 
-TEST(MirrorNetns, FollowsWhateverIsDone) {
+TEST(MirrorNetns, FollowsRandomCommands) {
   SKIP_WITHOUT_NAMESPACES();
   const Namespace space;
   addPorts(space);
@@ -322,7 +322,7 @@ TEST(MirrorNetns, FollowsWhateverIsDone) {
   for (int round = 0; round < 40 && !HasFailure(); ++round) {
     std::string commands;
     for (size_t i = 0; i < 8; ++i)
-      commands.append(kDeeds[random() % std::size(kDeeds)]).append("\n");
+      commands.append(kCommands[random() % std::size(kCommands)]).append("\n");
     space.ipAnyway(commands);
     done += commands + "-\n";
     EXPECT_TRUE(kept.equalsFresh()) << "after:\n" << done;
@@ -365,7 +365,7 @@ TEST(MirrorNetns, FollowsABridge) {
   EXPECT_TRUE(kept.equalsFresh());
 }
 
-/// Lines of `ip -batch` for many neighbours.
+/// Lines for `ip -batch` with many neighbours.
 std::string neighbors(std::string_view verb, uint32_t from, uint32_t to, std::string_view rest) {
   std::string lines;
   for (uint32_t i = from; i < to; ++i) {
@@ -376,7 +376,7 @@ std::string neighbors(std::string_view verb, uint32_t from, uint32_t to, std::st
   return lines;
 }
 
-TEST(MirrorNetns, SaysSoWhenNotificationsWereLostAndCatchesUp) {
+TEST(MirrorNetns, ReportsLostNotificationsAndRecovers) {
   SKIP_WITHOUT_NAMESPACES();
   const Namespace space;
   addPorts(space);
@@ -404,7 +404,7 @@ TEST(MirrorNetns, SaysSoWhenNotificationsWereLostAndCatchesUp) {
   EXPECT_EQ(count, 80000U);
 }
 
-TEST(MirrorNetns, DoesNotHearOfRoutesThatWeWrite) {
+TEST(MirrorNetns, ReceivesNoNotificationsOfOurOwnRoutes) {
   SKIP_WITHOUT_NAMESPACES();
   const Namespace space;
   addPorts(space);

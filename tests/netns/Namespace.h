@@ -18,15 +18,15 @@
 
 namespace Linux {
 
-/// Skips the test, and says why, where there are no network namespaces to be had.
+/// Skips the test with a reason when network namespaces are not available.
 #define SKIP_WITHOUT_NAMESPACES()                                                \
   do {                                                                           \
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make network namespaces"; \
     if (std::system("ip -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "needs ip";   \
   } while (false)
 
-/// The calling thread, and the programs it starts, are in a new network namespace while one of
-/// these is there.
+/// Moves the calling thread, and the programs that it starts, into a new network namespace during
+/// its lifetime.
 class Namespace {
  public:
   Namespace() : outer_(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)) {
@@ -40,16 +40,16 @@ class Namespace {
     close(outer_);
   }
 
-  /// Runs commands of `ip`, one a line. \throws std::runtime_error when one fails.
+  /// Runs commands of `ip`, one on each line. \throws std::runtime_error when one fails.
   void ip(std::string_view commands) const { run("ip -batch -", commands); }
-  /// The same for `bridge`.
+  /// Runs commands of `bridge`, one on each line.
   void bridge(std::string_view commands) const { run("bridge -batch -", commands); }
-  /// Goes on after a command that fails.
+  /// Continues after a failed command.
   void ipAnyway(std::string_view commands) const {
     pipeInto("ip -force -batch - >/dev/null 2>&1", commands);
   }
-  /// Waits until the kernel has noticed that an interface has a carrier, for a minute at the most.
-  /// It refuses nexthop objects before.
+  /// Waits for at most a minute until an interface has a carrier. The kernel refuses nexthop
+  /// objects before.
   static void awaitCarrier(const char* name) {
     const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ifreq request = {};

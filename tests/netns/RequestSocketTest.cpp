@@ -75,7 +75,7 @@ class RequestSocketTest : public testing::Test {
   LinkIndex h0 = 0, h1 = 0;
 };
 
-TEST_F(RequestSocketTest, WritesRoutesAsTheyAreWanted) {
+TEST_F(RequestSocketTest, WritesTheWantedRoutes) {
   EXPECT_NE(socket->port(), 0u);
   const Address gateway4 = Zemit::IpAddr(0x0A0000FE), source4 = Zemit::IpAddr(0x0A000001);
   const Address gateway6 = Zemit::Ip6Addr(0x20010DB800000000, 0xFE);
@@ -104,7 +104,7 @@ TEST_F(RequestSocketTest, WritesRoutesAsTheyAreWanted) {
             "2001:db8::2 via 2001:db8::fe dev h0 proto 205 metric 1024\n");
 }
 
-// A result that is matched to the wrong request would have a right route deleted.
+// A result that is matched to the wrong request would cause the deletion of a right route.
 TEST_F(RequestSocketTest, MatchesRefusalsInBatchesOfAnySize) {
   run("ip route add 10.1.0.0/32 dev h0 table 1000 proto static");
   for (const uint32_t count : {1U, 2U, 1023U, 1024U, 1025U, 6000U}) {
@@ -129,7 +129,7 @@ TEST_F(RequestSocketTest, MatchesRefusalsInBatchesOfAnySize) {
           request(Verb::Add, key6(i), direct(4711, 1024), ENODEV);
           break;
         case 4:
-          // Another protocol's.
+          // The route of another protocol.
           request(Verb::Delete, key4(0x10000), {}, ESRCH);
           break;
         case 5:
@@ -145,20 +145,20 @@ TEST_F(RequestSocketTest, MatchesRefusalsInBatchesOfAnySize) {
     run("ip route flush table 1000 proto 205");
   }
   EXPECT_NE(run("ip route show table 1000"), "");
-  // All of a batch is refused: the answers find room.
+  // The kernel refuses all requests of a large batch. The socket must have room for all answers.
   const std::vector<RouteRequest> requests(20000, {Verb::Delete, key4(7), {}});
   EXPECT_EQ(perform(requests), std::vector<int>(requests.size(), ESRCH));
 }
 
-// The kernel's behaviour that the rest is built on.
-TEST_F(RequestSocketTest, FindsWhatTheKernelDroppedInSilence) {
+// The daemon relies on this behaviour of the kernel.
+TEST_F(RequestSocketTest, FindsRoutesThatTheKernelDroppedWithoutANotification) {
   const RouteKey key = key4(1);
   perform({{Verb::Add, key, direct(h0)}, {Verb::Add, key6(1), direct(h0, 1024)}});
   EXPECT_EQ(perform({{Verb::AddBlackhole, key, {}}}), std::vector{EEXIST});
   run("ip link set h0 down");
   EXPECT_EQ(perform({{Verb::Add, key, direct(h0)}}), std::vector{ENETDOWN});
   EXPECT_EQ(perform({{Verb::Delete, key, {}}}), std::vector{ESRCH});
-  // The announcement, as those who follow the tables hear it.
+  // The announcement as other listeners receive it.
   std::string heard;
   {
     const Pipe monitor(::popen("timeout 1 ip monitor route", "r"), ::pclose);
@@ -178,7 +178,7 @@ TEST_F(RequestSocketTest, FindsWhatTheKernelDroppedInSilence) {
   EXPECT_EQ(perform({{Verb::Add, key6(2), direct(h1, 1024)}}), std::vector{ENODEV});
 }
 
-TEST_F(RequestSocketTest, ProbesNeighboursThatThereAre) {
+TEST_F(RequestSocketTest, ProbesExistingNeighbours) {
   run("ip link set p0 down; ip link set p0 address 02:00:00:00:00:01; ip link set p0 up; "
       "ip neigh add 10.0.0.7 dev h0 lladdr 02:00:00:00:00:07 nud stale; "
       "ip neigh add 2001:db8::7 dev h0 lladdr 02:00:00:00:00:07 nud stale router");

@@ -42,7 +42,7 @@ class RouterLab(lab.Lab):
 
 
 class HostsTest(RouterLab):
-    def test_hosts_that_speak_get_routes_of_both_families_and_lose_them_when_they_fail(self):
+    def test_resolved_hosts_get_routes_of_both_families_and_failed_ones_lose_them(self):
         self.daemon(self.router, PORTS)
         for number, host in enumerate(self.hosts, 1):
             host.run('ping', '-c1', '-W5', f'10.0.{number}.1')
@@ -56,8 +56,8 @@ class HostsTest(RouterLab):
 
     def test_a_neighbor_counts_only_where_it_belongs_and_in_a_usable_state(self):
         self.daemon(self.router, PORTS)
-        self.neighbor('10.0.2.50', 'p1')  # of the other port's subnet
-        self.neighbor('192.0.2.1', 'p1')  # of no subnet
+        self.neighbor('10.0.2.50', 'p1')  # in the other port's subnet
+        self.neighbor('192.0.2.1', 'p1')  # in no subnet
         self.neighbor('10.0.1.51', 'p1', state='noarp')
         self.neighbor('fe80::51', 'p1')
         self.router.ip('neigh add proxy 10.0.1.52 dev p1')
@@ -98,7 +98,7 @@ class HostsTest(RouterLab):
 
 
 class InterfacesTest(RouterLab):
-    """What the kernel drops without a word: routes of interfaces that go down or lose addresses."""
+    """Routes that the kernel drops without a notification, when an interface goes down."""
 
     def setUp(self):
         super().setUp()
@@ -116,7 +116,7 @@ class InterfacesTest(RouterLab):
         self.assertRoutes(self.router, {}, 6)
 
     def disturbances(self):
-        """What takes p1's hosts away, and what puts the port back as it was, without hosts."""
+        """Commands that remove p1's hosts, and commands that restore the port without hosts."""
         def restore_addresses():
             self.router.ip('addr replace 10.0.1.1/24 dev p1')
             self.router.ip('addr replace 2001:db8:1::1/64 dev p1')
@@ -138,7 +138,7 @@ class InterfacesTest(RouterLab):
                 restore()
                 self.learn()
 
-    def test_a_daemon_that_was_dead_meanwhile_ends_alike(self):
+    def test_changes_while_no_daemon_runs_give_the_same_result(self):
         for name, (disturb, restore) in self.disturbances().items():
             for restored_first in (False, True):
                 with self.subTest(name, restored_first=restored_first):
@@ -154,7 +154,7 @@ class InterfacesTest(RouterLab):
                         restore()
                     self.learn()
 
-    def test_a_silent_loss_is_announced_by_a_route_that_comes_and_goes(self):
+    def test_an_unannounced_loss_is_announced_by_adding_and_deleting_a_route(self):
         self.learn()
         with lab.Monitor(self.router, '-4') as monitor:
             self.router.ip('link set p1 down')
@@ -180,7 +180,7 @@ class InterfacesTest(RouterLab):
         self.neighbor('10.0.1.11', 'pbr')
         self.assertRoutes(self.router, {'10.0.1.11': 'pbr', '10.0.2.11': 'p2'})
 
-    def test_hosts_on_a_port_without_carrier_are_asked_at_once(self):
+    def test_hosts_on_a_port_without_carrier_are_probed_at_once(self):
         self.router.ip('link add pbr type bridge')
         self.router.ip('link set pbr up')
         self.router.ip('addr flush dev p1')
@@ -196,7 +196,7 @@ class InterfacesTest(RouterLab):
 class ProcessTest(RouterLab):
     """Restarts, other writers, signals, lost notifications."""
 
-    def test_a_restart_touches_nothing_that_stays(self):
+    def test_a_restart_leaves_unchanged_routes_alone(self):
         first = self.daemon(self.router, PORTS)
         for last in range(10, 40):
             self.neighbor(f'10.0.1.{last}', 'p1', mac=f'02:00:00:00:00:{last}')
@@ -204,7 +204,7 @@ class ProcessTest(RouterLab):
         for end in (signal.SIGTERM, signal.SIGKILL):
             with self.subTest(end.name):
                 self.assertEqual(first.end(end), 0 if end == signal.SIGTERM else -signal.SIGKILL)
-                self.forget(f'10.0.1.{10 + end}', 'p1')  # lost while nobody watched
+                self.forget(f'10.0.1.{10 + end}', 'p1')  # lost while no daemon ran
                 with lab.Monitor(self.router) as monitor:
                     first.start()
                     self.assertEventually(
@@ -247,7 +247,7 @@ class ProcessTest(RouterLab):
         self.neighbor('2001:db8:1::11', 'p1')
         self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
         with lab.Monitor(self.router, '-6') as monitor:
-            # By an equal one, which a routing daemon drops all the same.
+            # Replaced by an equal route. A routing daemon drops it all the same.
             self.router.ip('-6 route replace 2001:db8:1::11/128 dev p1 table 10 '
                            f'proto {lab.PROTOCOL}')
             time.sleep(1)
@@ -291,7 +291,7 @@ class ProcessTest(RouterLab):
         self.neighbor('10.0.2.12', 'p2')
         self.assertRoutes(self.router, {'10.0.2.11': 'p2', '10.0.2.12': 'p2'}, table=20)
 
-    def test_a_selection_of_no_interface_is_told(self):
+    def test_a_selection_without_interfaces_is_reported(self):
         daemon = self.daemon(self.router, '[neighbors]\ninterfaces = ["swp*"]\n')
         self.assertIn('no interface that there is now is selected by "swp*"', daemon.log_text())
 
@@ -318,8 +318,8 @@ class ProcessTest(RouterLab):
                          [('10.0.1.11/32', 'damped')])
         self.assertRoutes(self.router, {'10.0.1.11': 'p1'})  # after a second of quiet
 
-    def test_lost_notifications_are_made_up_for(self):
-        # With so small a buffer that every burst overflows it.
+    def test_the_daemon_recovers_from_lost_notifications(self):
+        # The buffer is so small that every burst overflows it.
         daemon = self.daemon(self.router, PORTS + '[daemon]\nreceive-buffer = 1\n')
         self.router.ip('addr add 10.64.0.1/10 dev p1')
         count = 100000
@@ -327,7 +327,7 @@ class ProcessTest(RouterLab):
                      for i in range(256, 256 + count)]
         mac = '02:00:00:00:00:11'
         add = [f'neigh replace {a} dev p1 lladdr {mac} nud permanent' for a in addresses]
-        daemon.send(signal.SIGSTOP)  # a burst faster than anybody could read
+        daemon.send(signal.SIGSTOP)  # the daemon cannot read the burst
         self.router.batch(add)
         daemon.send(signal.SIGCONT)
         self.router.batch([f'neigh del {a} dev p1' for a in addresses[::3]])
@@ -426,21 +426,21 @@ class BurstTest(RouterLab):
 
 
 class SharedTablesTest(RouterLab):
-    def test_the_command_takes_shared_tables_for_ready_after_the_first_pass(self):
+    def test_shared_tables_are_ready_after_the_first_pass(self):
         name = f'hostrouted-test-{os.getpid()}'
         self.neighbor('10.0.1.11', 'p1')
         daemon = self.daemon(self.router, PORTS, arguments=['--shared-tables', name])
         shown = run(lab.REPLAY, 'routes', '--table', name, '--wait', '5', '--json', '10.0.1.11/32')
         routes = [json.loads(line) for line in shown.splitlines()]
         self.assertEqual(routes[0]['route']['type'], 'attached_', shown)
-        # Neither in the way of a dry run nor there for longer than the daemon.
+        # The tables do not disturb a dry run, and they are removed with the daemon.
         self.router.run(lab.PROGRAM, '--interfaces', 'p*', '--shared-tables', name, '--dry-run')
         daemon.end()
         left = [file for file in os.listdir('/dev/shm') if name in file]
         self.assertEqual(left, [])
 
 
-    def test_what_a_full_memory_refused_is_shown_and_made_good_when_there_is_room(self):
+    def test_routes_refused_by_full_tables_are_shown_and_added_when_there_is_room(self):
         count = 3000
         small = 'mount -t tmpfs -o size=320k none /dev/shm && exec "$@"'
         daemon = lab.Daemon(self.router, PORTS, ['--shared-tables', 'full'],
@@ -500,22 +500,22 @@ class RecordingTest(RouterLab):
         self.assertTrue(live)
 
 
-    def test_a_recording_begun_in_the_middle_ends_where_the_daemon_is_also_when_anonymous(self):
+    def test_a_recording_started_later_ends_in_the_daemons_state_also_when_anonymous(self):
         daemon = self.daemon(self.router, PORTS)
         self.neighbor('10.0.1.10', 'p1')
-        self.neighbor('10.0.2.10', 'p1')  # of the other port's subnet
+        self.neighbor('10.0.2.10', 'p1')  # in the other port's subnet
         self.neighbor('2001:db8:1::10', 'p1')
         self.assertRoutes(self.router, {'10.0.1.10': 'p1'})
         file = daemon.ask('record', 'start', 'r.jsonl').split()[-1]
         self.neighbor('10.0.1.12', 'p1')
-        self.router.ip('route add 10.0.2.0/25 dev p1')  # now the stranger belongs there
+        self.router.ip('route add 10.0.2.0/25 dev p1')  # now covers the neighbour
         self.forget('10.0.1.10', 'p1')
         self.neighbor('2001:db8:2::12', 'p2')
         self.assertRoutes(self.router, {'10.0.1.12': 'p1', '10.0.2.10': 'p1'})
         self.assertRoutes(self.router, {'2001:db8:1::10': 'p1', '2001:db8:2::12': 'p2'}, 6)
         daemon.ask('record', 'stop')
         def tables(dumps):
-            # Numbers of adjacencies go by the order of the work.
+            # The numbers of adjacencies depend on the order of the events.
             return re.sub(r'"fec":\d{10,}', '"fec":0', dumps)
         self.assertEqual(tables(run(lab.REPLAY, 'replay', '--settle', '--json', file)),
                          tables(daemon.ask('dump', '--json')))
@@ -533,7 +533,7 @@ class RecordingTest(RouterLab):
 
 
 class ControlTest(RouterLab):
-    """The control socket of a running daemon, by the commands and by hand."""
+    """The control socket of a running daemon, used by the commands and directly."""
 
     def setUp(self):
         super().setUp()
@@ -549,7 +549,7 @@ class ControlTest(RouterLab):
         self.addCleanup(client.close)
         return client
 
-    def test_the_commands_show_what_there_is(self):
+    def test_the_commands_show_the_state(self):
         ask = self.hostrouted.ask
         self.neighbor('10.0.2.50', 'p1')
         self.assertIn('ready', ask('status'))
@@ -593,7 +593,7 @@ class ControlTest(RouterLab):
         self.assertIn('trace', json.loads(record))
         self.assertNotIn('10.0.2.77', record)
 
-    def test_only_who_may_asks_and_only_who_may_changes(self):
+    def test_only_permitted_users_may_query_and_change(self):
         nobody = pwd.getpwnam('nobody')
         os.chmod(self.hostrouted.directory, 0o755)
         ask = lambda *words: subprocess.run(
@@ -615,14 +615,14 @@ class ControlTest(RouterLab):
         self.hostrouted.start()
         self.assertEventually(lambda: ask('resync').returncode == 0, 'the group may change it')
 
-    def test_hostile_clients_cost_the_others_nothing(self):
-        flood = self.connect_socket()  # sends what is no request, without an end
+    def test_hostile_clients_do_not_affect_others(self):
+        flood = self.connect_socket()  # sends bytes without end that are no request
         try:
             flood.sendall(b'x' * (1 << 20))
         except (BrokenPipeError, ConnectionResetError):
             pass
         self.assertFalse(json.loads(flood.makefile().readline())['ok'])
-        lazy = [self.connect_socket() for _ in range(8)]  # ask for much and read nothing
+        lazy = [self.connect_socket() for _ in range(8)]  # do not read the large answers
         for client in lazy:
             client.sendall(b'{"version":1,"request":"dump"}\n' * 20)
         listeners = [self.connect_socket() for _ in range(8)]
@@ -643,11 +643,11 @@ class ControlTest(RouterLab):
         self.assertEventually(
             lambda: subprocess.run([lab.REPLAY, 'status', '--socket', self.path], check=False,
                                    capture_output=True).returncode == 0, 'there is room again')
-        # A request that was cut off is none, the next one of another client is.
+        # An incomplete request is dropped. The next request of another client is answered.
         half.shutdown(socket.SHUT_WR)
         self.assertFalse(json.loads(half.makefile().readline())['ok'])
 
-    def test_the_doctor_looks_at_the_running_daemon(self):
+    def test_the_doctor_examines_the_running_daemon(self):
         found = self.router.run(lab.REPLAY, 'doctor', '--json', '--socket', self.path, check=False)
         by_subject = {json.loads(line)['subject']: json.loads(line) for line in found.splitlines()}
         self.assertNotIn('protocol', by_subject)

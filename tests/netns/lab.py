@@ -16,7 +16,7 @@ TIMEOUT = 30
 
 
 def why_not():
-    """Why namespaces cannot be had here; None when they can."""
+    """The reason why namespaces are not available; None when they are."""
     if os.geteuid() != 0:
         return 'only root can make network namespaces'
     if shutil.which('ip') is None:
@@ -37,7 +37,7 @@ def run(*command, check=True, **options):
 
 
 class Namespace:
-    """A network namespace, with its loopback up."""
+    """A network namespace with its loopback interface up."""
 
     serial = 0
 
@@ -62,11 +62,11 @@ class Namespace:
     def ip_json(self, words):
         found = subprocess.run(['ip', '-n', self.name, '-j', *words.split()], capture_output=True,
                                text=True, check=False)
-        # A table that was never written to is an error.
+        # For `ip`, a table without routes since the boot is an error.
         return json.loads(found.stdout or '[]') if found.returncode == 0 else []
 
     def batch(self, lines):
-        """Runs ip commands, one on each line; those that fail are passed over."""
+        """Runs ip commands, one on each line. Continues after a failed command."""
         subprocess.run(['ip', '-n', self.name, '-force', '-batch', '-'], input='\n'.join(lines),
                        text=True, check=False, capture_output=True)
 
@@ -93,7 +93,7 @@ class Namespace:
 
 
 class Monitor:
-    """What `ip monitor route` tells while the block runs: `lines` afterwards."""
+    """Records the output of `ip monitor route` during the block, in `lines`."""
 
     def __init__(self, namespace, *options):
         self.command = namespace.command('stdbuf', '-oL', 'ip', *options, 'monitor', 'route')
@@ -101,7 +101,7 @@ class Monitor:
 
     def __enter__(self):
         self.process = subprocess.Popen(self.command, stdout=subprocess.PIPE, text=True)
-        time.sleep(0.3)  # until it listens
+        time.sleep(0.3)  # until the monitor listens
         return self
 
     def __exit__(self, *error):
@@ -111,14 +111,14 @@ class Monitor:
 
 
 class Daemon:
-    """A hostrouted in a namespace, with directories of its own."""
+    """A hostrouted in a namespace, with its own directories."""
 
     def __init__(self, namespace, config='', arguments=(), wrapper=()):
         self.namespace = namespace
         self.directory = tempfile.mkdtemp(prefix='hostrouted-test-')
         self.config_file = os.path.join(self.directory, 'hostrouted.toml')
         self.arguments = list(arguments)
-        self.wrapper = list(wrapper)  # what starts the program
+        self.wrapper = list(wrapper)  # the command that starts the program
         self.process = None
         self.set_config(config)
 
@@ -149,7 +149,7 @@ class Daemon:
             return {}
 
     def fresh_status(self):
-        """The status as of now."""
+        """The current status."""
         path = os.path.join(self.directory, 'run', 'status.json')
         before = os.stat(path).st_mtime_ns
         self.send(signal.SIGUSR1)
@@ -167,7 +167,7 @@ class Daemon:
             time.sleep(0.02)
 
     def ask(self, *words):
-        """What `hostroute` prints about this daemon."""
+        """Runs `hostroute` on this daemon and returns its output."""
         return run(REPLAY, *words, '--socket', os.path.join(self.directory, 'run', 'control.sock'))
 
     def log_text(self):
@@ -178,7 +178,7 @@ class Daemon:
         self.process.send_signal(number)
 
     def end(self, number=signal.SIGTERM):
-        """Ends the process and gives its exit status."""
+        """Ends the process and returns its exit status."""
         if self.process is None:
             return None
         self.process.send_signal(number)
@@ -193,7 +193,7 @@ class Daemon:
 
 
 class Lab(unittest.TestCase):
-    """A test with namespaces and daemons that go when it ends."""
+    """A test that removes its namespaces and daemons at its end."""
 
     def namespace(self):
         namespace = Namespace()
@@ -208,7 +208,7 @@ class Lab(unittest.TestCase):
         return daemon
 
     def cable(self, a, a_name, b, b_name):
-        """Connects two namespaces by interfaces of these names."""
+        """Connects two namespaces by a pair of interfaces with these names."""
         run('ip', '-n', a.name, 'link', 'add', a_name, 'type', 'veth', 'peer', 'name', b_name,
             'netns', b.name)
         for namespace, name in ((a, a_name), (b, b_name)):
@@ -216,7 +216,7 @@ class Lab(unittest.TestCase):
             namespace.ip(f'link set {name} up')
 
     def assertRoutes(self, namespace, expected, family=4, table=10):
-        """Waits until the daemon's routes of a table are these."""
+        """Waits until the daemon's routes in a table equal `expected`."""
         end = time.time() + TIMEOUT
         while (found := namespace.host_routes(family, table)) != expected:
             if time.time() > end:

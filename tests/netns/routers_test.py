@@ -16,7 +16,7 @@ HOST4, HOST6 = '10.0.1.11', '2001:db8:1::11'
 
 
 class Routing:
-    """A routing daemon in a namespace, with its files in a directory of its own."""
+    """A routing daemon in a namespace, with its own directory of files."""
 
     def __init__(self, namespace, config):
         self.namespace = namespace
@@ -103,7 +103,7 @@ class RoutersTest(lab.Lab):
                 self.hostrouted.append(self.daemon(leaf, file.read()))
 
     def seen(self, addr):
-        """The leaves that lead to a host, as the spine sees it, and since when."""
+        """The spine's next hops to a host, and the time of the last change."""
         length = 128 if ':' in addr else 32
         shown = self.spine.ask('show', 'route', f'{addr}/{length}')
         leaves = {}
@@ -117,7 +117,7 @@ class RoutersTest(lab.Lab):
                                   f'{addr} through {leaves}, now {self.seen(addr)}')
 
     def arrive(self, leaf):
-        """The host appears behind a leaf and speaks."""
+        """Gives the host its addresses behind a leaf and lets it send."""
         host = self.hosts[leaf - 1]
         host.ip(f'addr replace {HOST4}/24 dev eth0')
         host.ip(f'addr replace {HOST6}/64 dev eth0 nodad')
@@ -125,12 +125,12 @@ class RoutersTest(lab.Lab):
         host.run('ping', '-c1', '-W5', '2001:db8:1::1')
 
     def leave(self, leaf):
-        """The host goes; the leaf is not told, but looks for it."""
+        """Removes the host's addresses and its neighbour entries on the leaf."""
         self.hosts[leaf - 1].ip('addr flush dev eth0')
         for addr in (HOST4, HOST6):
             self.leaf_ns[leaf - 1].ip(f'neigh del {addr} dev br0', check=False)
 
-    def test_a_host_reaches_the_spine_moves_and_goes(self):
+    def test_the_spine_follows_a_host_that_moves_and_leaves(self):
         self.arrive(1)
         self.assertSeen([1])
         self.leave(1)
@@ -141,7 +141,7 @@ class RoutersTest(lab.Lab):
         self.arrive(1)
         self.assertSeen([1])
 
-    def test_a_restart_of_hostrouted_is_not_seen_by_the_spine(self):
+    def test_a_restart_of_hostrouted_changes_nothing_at_the_spine(self):
         self.arrive(1)
         self.arrive(2)
         self.assertSeen([1, 2])
@@ -165,7 +165,7 @@ class RoutersTest(lab.Lab):
             routing.start()
         self.assertSeen([1, 2])
 
-    def test_hosts_that_the_kernel_drops_without_a_word_are_withdrawn(self):
+    def test_routes_that_the_kernel_drops_without_notification_are_withdrawn(self):
         for was_dead in (False, True):
             with self.subTest(was_dead=was_dead):
                 self.arrive(1)

@@ -1,4 +1,4 @@
-// The engine against the golden model: random replays, compared after every event.
+// Compares the engine with the golden model after every event of random replays.
 #include <ostream>
 #include <string>
 #include <tuple>
@@ -18,7 +18,7 @@
 
 namespace {
 
-/// How many reactors of neighbour tables are quiet.
+/// The number of quiet reactors of neighbour tables.
 size_t quietReactors(const Daemon::Switch& sw) {
   size_t quiet = 0;
   for (const auto& entry : sw.vrfs()) {
@@ -34,7 +34,7 @@ size_t quietReactors(const Daemon::Switch& sw) {
 
 class DifferentialTest : public testing::TestWithParam<std::tuple<uint64_t, bool, std::string>> {};
 
-// The same events are made by `model --generate SEED COUNT [crowded|apart]`.
+// To print the same events: `model --generate SEED COUNT [crowded|apart]`.
 TEST_P(DifferentialTest, EngineAndModelAgreeAfterEveryEvent) {
   const auto& [seed, settles, universe] = GetParam();
   const size_t events = universe == "crowded" ? 700 : 1000;
@@ -57,7 +57,7 @@ TEST_P(DifferentialTest, EngineAndModelAgreeAfterEveryEvent) {
     checkInvariants(sw);
     quiet += quietReactors(sw);
   }
-  // Else the events would not show whether what is quiet may be.
+  // Without quiet reactors the comparison would not test whether a reactor may be quiet.
   if (universe == "apart") {
     EXPECT_GT(quiet, 3 * events);
   }

@@ -1,4 +1,4 @@
-// The state of a switch in a form that can be compared.
+// The state of a switch in a comparable form.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@
 #include "replay/Output.h"
 #include "tests/model/Model.h"
 
-/// The dumps of all VRFs, without what may differ between equal states.
+/// The dumps of all VRFs, without the details that may differ between equal states.
 inline std::vector<nlohmann::json> canonicalDumps(const Daemon::Switch& sw) {
   std::vector<nlohmann::json> dumps;
   for (const auto& entry : sw.vrfs()) {
@@ -28,7 +28,7 @@ inline std::vector<nlohmann::json> canonicalDumps(const Golden::Model& model) {
   return dumps;
 }
 
-/// The members in which two lists of dumps differ, one on a line.
+/// The differing members of two lists of dumps, one on each line.
 inline std::string difference(const std::vector<nlohmann::json>& ours, const char* ourName,
                               const std::vector<nlohmann::json>& theirs, const char* theirName) {
   if (ours.size() != theirs.size()) return "the number of dumps";

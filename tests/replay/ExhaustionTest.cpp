@@ -1,4 +1,4 @@
-// Memory that runs out in the middle of events, and comes back.
+// Tests of shared tables that run full during events and get room again.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -24,7 +24,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-/// While one stands, no file of this process grows beyond `bytes`: shared tables run full.
+/// Limits the size of this process's files to `bytes` during its lifetime, so that shared tables
+/// run full.
 class SmallFiles {
  public:
   explicit SmallFiles(rlim_t bytes) : action_(std::signal(SIGXFSZ, SIG_IGN)) {
@@ -44,13 +45,13 @@ class SmallFiles {
   void (*action_)(int);
 };
 
-/// A switch that goes on when an event fails, as the daemon does.
+/// A switch that continues after a failed event, like the daemon.
 class Engine {
  public:
   explicit Engine(const std::string& sharedName = {})
       : sw({.settles = true, .sharedName = sharedName}), player_(sw, *output_, {}) {}
 
-  /// Returns how many of the events failed.
+  /// Returns the number of failed events.
   size_t play(const Lines& lines) {
     size_t failures = 0;
     for (const std::string& line : lines) {
@@ -75,7 +76,7 @@ class Engine {
         const auto& forwarding = *sw.shared<F>().forwarding;
         for (auto shown : Replay::shownRoutes<F>(*routing.routeStatus, forwarding,
                                                  [](const auto&) { return true; })) {
-          // An adjacency's number depends on which were there before.
+          // An adjacency's number depends on earlier adjacencies, so it is not compared.
           if (shown.route.fecId >= F::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
           text += Replay::routeJson<F>(shown).text() + "\n";
         }
@@ -121,7 +122,7 @@ class ExhaustionTest : public testing::Test {
   const std::string name = "exhaustion-test-" + std::to_string(::getpid());
 };
 
-TEST_F(ExhaustionTest, ASwitchIsWholeAfterRoomWasMade) {
+TEST_F(ExhaustionTest, ASwitchRecoversAllRoutesAfterTheTablesGetRoom) {
   constexpr uint32_t kNeighbors = 1500;
   constexpr rlim_t kBytes = 4198400 + (60 << 10);
   Lines inputs = kSubnets;

@@ -1,5 +1,6 @@
-// What is said of a switch after every event of random replays: why an address has its route, what
-// is missing where it has none, what became of routes and by which event, and how many there are.
+// Checks explanations, history and counters after every event of random replays: the reason of an
+// address's route, the missing condition of an address without a route, the changes of routes with
+// their causes, and the numbers of routes.
 #include <algorithm>
 #include <map>
 #include <memory>
@@ -38,7 +39,7 @@ Vias inOrder(Vias vias) {
   return vias;
 }
 
-/// A route that the route table has.
+/// A route of the route table.
 struct InTable {
   std::string type;
   uint64_t fec;
@@ -63,14 +64,15 @@ InTable shown(const Daemon::Switch& sw, const typename F::Route& route) {
           inOrder(std::move(vias))};
 }
 
-/// A switch that lives through a random replay.
+/// A switch that plays a random replay.
 class ExplainTest : public testing::TestWithParam<std::tuple<uint64_t, std::string>> {
  protected:
   template <class Check>
   void play(Check check) {
     const auto& [seed, universe] = GetParam();
     Golden::Generator generator(seed, Golden::weightsOf(universe));
-    const size_t events = universe == "crowded" ? 1100 : 700;  // most of a crowd sets the scene
+    // The first events of a crowded universe mostly add neighbours.
+    const size_t events = universe == "crowded" ? 1100 : 700;
     for (size_t number = 1; number <= events && !HasFailure(); ++number) {
       const auto event = generator.next();
       SCOPED_TRACE("event " + std::to_string(number) + " " + event.dump());
@@ -80,7 +82,7 @@ class ExplainTest : public testing::TestWithParam<std::tuple<uint64_t, std::stri
     }
   }
 
-  /// The addresses that events have been about, one family's after the other's.
+  /// The addresses of all events so far, in the order of their first event.
   const std::vector<std::string>& addresses() const { return addresses_; }
 
   std::ostream nowhere_{nullptr};
@@ -103,7 +105,8 @@ class ExplainTest : public testing::TestWithParam<std::tuple<uint64_t, std::stri
   std::vector<std::string> addresses_;
 };
 
-/// Whether the machine has been told that there is something to merge, or cannot be told.
+/// True when the machine has a pending merge for the address, or may have one that it cannot know
+/// of.
 template <class F>
 bool mayBePending(const typename F::RouteSm* machine, const typename F::Addr& addr) {
   return machine == nullptr || !machine->initialized() || !machine->fast().isTrusted ||
@@ -129,7 +132,8 @@ class VerdictTest : public ExplainTest {
     ASSERT_NE(answer.winner.has_value(), answer.missing.has_value()) << Daemon::toText(answer);
     ++answers_;
     if (answer.pending.empty()) return;
-    // Then the verdict was read from the table: that must stay an exception, and known to be one.
+    // With a pending merge the verdict is the table's route. That must be rare, and the machine
+    // must expect it.
     ++pending_;
     ASSERT_TRUE(mayBePending<F>(vrf.routing<F>().machine(), *addr)) << Daemon::toText(answer);
   }
@@ -154,8 +158,8 @@ TEST_P(VerdictTest, IsWhatTheTableHasAfterEveryEvent) {
   EXPECT_LT(pending_, answers_ / 10);
 }
 
-/// Supplies what is missing.
-class MendTest : public ExplainTest {
+/// Supplies the conditions that an explanation reports as missing.
+class MissingTest : public ExplainTest {
  protected:
   template <class F>
   void direct(const Missing& missing, const std::string& intf, const typename F::Prefix& prefix) {
@@ -185,7 +189,7 @@ class MendTest : public ExplainTest {
     const typename F::Neighbor neighbor{.ipAddr = addr, .mac = {}};
     switch (missing.kind) {
       case Missing::Kind::Machine:
-        FAIL() << "nothing mends that";
+        FAIL() << "no input can create a machine";
       case Missing::Kind::Initialization:
         return sw_.setInitialized<F>(missing.vrf, true);
       case Missing::Kind::NotVirtual:
@@ -215,9 +219,9 @@ class MendTest : public ExplainTest {
     }
   }
 
-  /// Mends until the address has a route.
+  /// Supplies missing conditions until the address has a route.
   template <class F>
-  void mend(const std::string& vrf, const std::string& address) {
+  void supplyAll(const std::string& vrf, const std::string& address) {
     const auto addr = F::Addr::parse(address);
     if (!addr || sw_.vrfs().find(vrf)->second.routing<F>().machine() == nullptr) return;
     std::string steps;
@@ -229,8 +233,8 @@ class MendTest : public ExplainTest {
       ++supplied_[missing.kind];
       supply<F>(missing, *addr);
       const auto after = Daemon::explain(sw_, vrf, address);
-      // The end of initialization and of a virtual address may show what else is missing; and an
-      // address may be virtual besides.
+      // After initialization, or when the address is no longer virtual, another missing condition
+      // may appear. An address may also be virtual in addition to lacking a condition.
       const bool isOneOfSeveral = missing.kind == Missing::Kind::Initialization ||
                                   missing.kind == Missing::Kind::NotVirtual ||
                                   (missing.kind == Missing::Kind::Neighbor && missing.intf.empty());
@@ -251,18 +255,18 @@ class MendTest : public ExplainTest {
   uint64_t nextFec_ = 1000;
 };
 
-TEST_P(MendTest, WhatIsMissingGivesTheAddressItsRoute) {
+TEST_P(MissingTest, SupplyingTheMissingConditionsGivesTheAddressItsRoute) {
   play([&](size_t number, const nlohmann::json&) {
     if (number % 5 != 0 || addresses().empty()) return;
     const auto& address = addresses()[number / 5 % addresses().size()];
     const char* const vrf = number % 3 == 0 && sw_.vrfs().contains("blue") ? "blue" : "default";
-    mend<Daemon::Ipv4>(vrf, address);
-    mend<Daemon::Ipv6>(vrf, address);
+    supplyAll<Daemon::Ipv4>(vrf, address);
+    supplyAll<Daemon::Ipv6>(vrf, address);
   });
   EXPECT_GE(supplied_.size(), 4u);
 }
 
-/// Follows what is told of changes.
+/// Rebuilds the tables from the history entries.
 class HistoryTest : public ExplainTest {
  protected:
   HistoryTest() {
@@ -282,14 +286,14 @@ class HistoryTest : public ExplainTest {
     }
   }
 
-  /// What may have been the cause of a change, by what has happened.
+  /// The causes that a change may have after this event.
   static std::set<CauseKind> causesOf(const nlohmann::json& event) {
     using Kind = CauseKind;
     const std::string op = event["op"];
     const bool present = event.value("present", true);
     if (op == "neighbor") {
       if (!present) return {Kind::NeighborLost};
-      // The first one of an interface makes the table.
+      // The first neighbour of an interface creates the neighbour table.
       return {Kind::NeighborLearned, Kind::NeighborChanged, Kind::NeighborTable};
     }
     if (op == "neighborTable") return {Kind::NeighborTable};
@@ -315,7 +319,7 @@ class HistoryTest : public ExplainTest {
       const auto fec = sw_.shared<F>().forwarding->fec(route.fecId);
       ++types[Routing::routeTypeName(route.routeType)];
       auto& told = told_[{name, F::kNumber}][toString(route.key)];
-      // The vias of a FEC may change behind the route.
+      // The vias of a FEC can change without a change of the route.
       if (inTable.fec != 0) std::get<2>(told) = Daemon::viasText(fec);
       routes[toString(route.key)] = {inTable.type, inTable.fec, Daemon::viasText(fec)};
     });
@@ -352,7 +356,7 @@ TEST_P(HistoryTest, TellsEachChangeOnceWithItsCause) {
     }
   });
   EXPECT_GE(seen.size(), 6u);
-  // What is kept is the end of what was told.
+  // The switch keeps the last kKept entries.
   std::vector<Daemon::HistoryEntry> kept;
   for (const auto& entry : all_) {
     if (entry.vrf == "default" && entry.family == 4) kept.push_back(entry);
@@ -369,7 +373,7 @@ TEST_P(HistoryTest, TellsEachChangeOnceWithItsCause) {
 const auto kSeeds =
     testing::Combine(Replay::seeds(2), testing::Values("small", "crowded", "apart"));
 INSTANTIATE_TEST_SUITE_P(Seeds, VerdictTest, kSeeds);
-INSTANTIATE_TEST_SUITE_P(Seeds, MendTest, kSeeds);
+INSTANTIATE_TEST_SUITE_P(Seeds, MissingTest, kSeeds);
 INSTANTIATE_TEST_SUITE_P(Seeds, HistoryTest, kSeeds);
 
 }  // namespace

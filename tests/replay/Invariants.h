@@ -1,4 +1,4 @@
-// What holds in every switch between two events.
+// Invariants of every switch between two events.
 #pragma once
 
 #include <map>
@@ -10,7 +10,7 @@
 #include "daemon/Switch.h"
 #include "replay/ShownRoute.h"
 
-/// Every route that names one of the table's host adjacencies holds one reference on it.
+/// The reference count of each host adjacency of the table is the number of routes that use it.
 template <class F>
 void checkHostAdjacencies(const typename F::HostTable& table) {
   std::map<Tovan::Fib::FecId, uint32_t> users;
@@ -24,7 +24,7 @@ void checkHostAdjacencies(const typename F::HostTable& table) {
   }
 }
 
-/// Every route of the route table that names a FIB adjacency of this VRF holds one reference on it.
+/// The reference count of each FIB adjacency of this VRF is the number of routes that use it.
 template <class F>
 void checkFibAdjacencies(const Daemon::Switch& sw, const Daemon::HostRouting<F>& routing) {
   std::map<Replay::Vias<F>, uint32_t> users;
@@ -39,10 +39,10 @@ void checkFibAdjacencies(const Daemon::Switch& sw, const Daemon::HostRouting<F>&
   EXPECT_EQ(users, counted);
 }
 
-/// prefixToAdjacency and adjacencyToPrefix are read together; no list is kept empty.
+/// prefixToAdjacency and adjacencyToPrefix agree, and no list is empty.
 ///
-/// A prefix may stand in lists of other FECs too: the list of the FEC that it had before a change
-/// keeps it while other prefixes are in there.
+/// A prefix may also be in lists of other FECs: the list of its former FEC keeps it as long as the
+/// list has other prefixes.
 template <class F>
 void checkFilings(const typename F::RouteSmRoot& root) {
   for (auto it = root.adjacencyToPrefixIteratorConst(); it; ++it) {
@@ -50,7 +50,7 @@ void checkFilings(const typename F::RouteSmRoot& root) {
   }
 }
 
-/// An address has an owner exactly while it has a receive route.
+/// An address has an owner exactly when it has a receive route.
 template <class F>
 void checkReceiveOwners(const typename F::RouteSmRoot& root) {
   EXPECT_EQ(root.receiveTable()->routeCount(), root.receiveAddrToIntfNameCount());

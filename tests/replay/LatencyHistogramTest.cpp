@@ -1,4 +1,4 @@
-// Reading times from a histogram, beside the sorted list of what was put into it.
+// Compares quantiles of a histogram with those of the sorted list of its values.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -11,13 +11,13 @@
 
 namespace {
 
-TEST(LatencyHistogramTest, ReadsAtMostASixteenthTooMuch) {
+TEST(LatencyHistogramTest, QuantilesAreAtMostASixteenthTooLarge) {
   Daemon::LatencyHistogram histogram;
   EXPECT_EQ(histogram.quantile(0.5), 0u);
   std::mt19937_64 random(1);
   std::vector<uint64_t> times;
   for (unsigned i = 0; i < 20000; ++i) {
-    times.push_back(random() >> (24 + i % 40));  // each power of two up to 2^40
+    times.push_back(random() >> (24 + i % 40));  // values in each power of two up to 2^40
     histogram.add(times.back());
   }
   std::sort(times.begin(), times.end());
@@ -37,7 +37,7 @@ TEST(LatencyHistogramTest, ReadsAtMostASixteenthTooMuch) {
   }
 }
 
-TEST(LatencyHistogramTest, WhatIsLongerThanAllBucketsIsTheLongest) {
+TEST(LatencyHistogramTest, ValuesAboveAllBucketsReadAsTheLongestValue) {
   Daemon::LatencyHistogram histogram;
   histogram.add(uint64_t{1} << 50);
   EXPECT_EQ(histogram.max(), uint64_t{1} << 50);

@@ -1,4 +1,5 @@
-// The hostroute program: exit statuses, and tables that one process writes and others read.
+// Tests of the hostroute program: exit statuses, and tables that one process writes and others
+// read.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
@@ -23,13 +24,13 @@
 
 namespace {
 
-/// What a run of the program printed, errors included, and how it ended.
+/// The output of a run of the program, including errors, and its exit status.
 struct Result {
   int status;
   std::string text;
 };
 
-/// What a shell prints for `command`.
+/// Runs `command` in a shell.
 Result runShell(const std::string& command) {
   Result result{-1, {}};
   std::FILE* pipe = ::popen(("(" + command + ") 2>&1").c_str(), "r");
@@ -46,7 +47,7 @@ Result run(const std::string& arguments) {
   return runShell(std::string(HOSTROUTE_PROGRAM " ") + arguments);
 }
 
-/// A replay that shares its tables and takes its events from us.
+/// A replay that shares its tables and reads its events from the test.
 class Writer {
  public:
   explicit Writer(const std::string& name, bool holds = false) {
@@ -62,7 +63,7 @@ class Writer {
     ::close(ends[0]);
     input_ = ends[1];
   }
-  ~Writer() { end(SIGTERM); }  // its tables go with it
+  ~Writer() { end(SIGTERM); }  // removes its tables, too
 
   void feed(std::string_view events) {
     while (!events.empty()) {
@@ -72,7 +73,7 @@ class Writer {
     }
   }
   void endInput() { ::close(std::exchange(input_, -1)); }
-  /// Waits for the end, after sending `signal` unless it is 0. Returns the status as wait() does.
+  /// Sends `signal` unless it is 0 and waits for the end. Returns the status of wait().
   int end(int signal) {
     if (pid_ <= 0) return -1;
     if (signal != 0) ::kill(pid_, signal);
@@ -89,7 +90,7 @@ class Writer {
 
 class ProgramTest : public testing::Test {
  protected:
-  /// What `routes` prints as soon as it prints `wanted`.
+  /// Runs `routes` until its output contains `wanted`.
   Result routesOnce(const std::string& wanted) {
     for (;;) {
       auto result = run("routes --json --table " + name);
@@ -108,7 +109,7 @@ constexpr const char* kScene =
     "{\"op\":\"neighbor\",\"intf\":\"Ethernet1\",\"ip\":\"10.0.0.5\"}\n"
     "{\"op\":\"route\",\"vrf\":\"a/b%\",\"prefix\":\"10.0.0.0/24\",\"fec\":1}\n";
 
-TEST_F(ProgramTest, TellsByItsStatusHowItEnded) {
+TEST_F(ProgramTest, ExitStatusShowsTheResult) {
   const std::pair<const char*, int> statuses[] = {
       {"--help", 0},
       {"replay --help", 0},
@@ -155,7 +156,7 @@ TEST_F(ProgramTest, TellsByItsStatusHowItEnded) {
   }
 }
 
-// What the machines of the first VRF say while they are made is said before any event.
+// The machines of the first VRF trace in their constructors, before any event.
 TEST_F(ProgramTest, TracesFromTheStart) {
   const auto result = run("replay /dev/null --json --trace 8 --no-final-dump");
   EXPECT_EQ(result.status, 0);
@@ -201,7 +202,7 @@ TEST_F(ProgramTest, ExplainsARecordingAndTellsItsHistory) {
       << timed.text;
 }
 
-TEST_F(ProgramTest, SaysWhatIsWrong) {
+TEST_F(ProgramTest, ReportsErrors) {
   const std::pair<const char*, const char*> errors[] = {
       {"frob",
        "hostroute: error: no command \"frob\"\nRun hostroute --help for more information.\n"},
@@ -219,7 +220,8 @@ TEST_F(ProgramTest, SaysWhatIsWrong) {
   }
 }
 
-// A reader that comes while the writer changes FEC and route must never pair one with the other's.
+// A reader that runs while the writer changes FEC and route must never combine an old one with a
+// new one.
 TEST_F(ProgramTest, RoutesAreReadWholeWhileTheyAreWritten) {
   Writer writer(name);
   writer.feed(kScene);
@@ -328,7 +330,7 @@ TEST_F(ProgramTest, ADamagedRouteIsReportedAndTheOthersAreShown) {
   EXPECT_NE(read.text.find("10.4.0.0/16"), std::string::npos) << read.text;
 }
 
-TEST_F(ProgramTest, HeldTablesGoWithASignal) {
+TEST_F(ProgramTest, ASignalRemovesHeldTables) {
   for (const int signal : {SIGTERM, SIGHUP, SIGINT}) {
     Writer writer(name, true);
     writer.feed(kScene);
@@ -339,8 +341,8 @@ TEST_F(ProgramTest, HeldTablesGoWithASignal) {
   }
 }
 
-// Also when nobody reads any more what it prints.
-TEST_F(ProgramTest, NoTablesAreLeftBehindByAProcessThatFails) {
+// The first failure is a closed output pipe.
+TEST_F(ProgramTest, AFailedProcessLeavesNoTables) {
   const std::string replay = HOSTROUTE_PROGRAM " replay --shared " + name;
   runShell("(for i in 1 2 3 4 5 6 7 8; do echo '{\"op\":\"dump\"}'; sleep 0.05; done) | " + replay +
            " - | true");
@@ -349,8 +351,8 @@ TEST_F(ProgramTest, NoTablesAreLeftBehindByAProcessThatFails) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizers need descriptors themselves";
 #endif
-  // With a descriptor more each time, another of the eight tables is the first that cannot be made;
-  // for want of the first, not even the folder can be read.
+  // Each round allows one more descriptor, so that creating another one of the eight tables fails.
+  // With the fewest descriptors, even reading the folder fails.
   std::set<std::string> refusals;
   int status = -1;
   for (int limit = 3; status != 0 && limit < 1000; ++limit) {
@@ -368,7 +370,7 @@ TEST_F(ProgramTest, NoTablesAreLeftBehindByAProcessThatFails) {
   EXPECT_GE(refusals.size(), 7U);
 }
 
-TEST_F(ProgramTest, SaysOnceWhichTablesAreFull) {
+TEST_F(ProgramTest, ReportsEachFullTableOnce) {
   if (runShell("unshare -m true").status != 0) {
     GTEST_SKIP() << "only root may give itself a small /dev/shm";
   }
@@ -422,7 +424,7 @@ TEST_F(ProgramTest, WaitsUntilTheTablesAreReady) {
             std::string::npos);
 }
 
-TEST_F(ProgramTest, AFifoUnderATablesNameHangsNobody) {
+TEST_F(ProgramTest, AFifoWithATablesNameDoesNotBlockReaders) {
   const auto fifo = "/dev/shm/hostroute-" + name + ".default.route4";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   for (const std::string& command :
@@ -486,8 +488,8 @@ TEST_F(ProgramTest, DumpsAreComparedWithOneAnotherAndWithTheTables) {
   runShell("rm -f " + scene + "*");
 }
 
-// Nothing that differs between two runs, such as the address of an object, is printed.
-TEST_F(ProgramTest, TwoRunsTraceTheSame) {
+// The traces contain nothing that differs between two runs, such as the address of an object.
+TEST_F(ProgramTest, TwoRunsPrintTheSameTraces) {
   const std::string scene = testing::TempDir() + name;
   std::ofstream(scene) << kScene
                        << "{\"op\":\"addr\",\"intf\":\"Ethernet1\",\"addr\":\"::1/64\"}\n";

@@ -1,4 +1,4 @@
-// What is done to a switch, once it is written down and replayed, gives the same switch again.
+// Tests that the recorded operations of a switch, replayed, give the same switch.
 #include "replay/Recording.h"
 
 #include <gtest/gtest.h>
@@ -33,8 +33,8 @@ SetRoute<F> route(const char* vrf, const char* prefix, typename F::RouteType typ
                     .fecId = fec}};
 }
 
-/// A switch's life, in which each kind of operation and each of its members matters.
-std::vector<Operation> life() {
+/// A sequence of operations with each kind of operation and each of its members.
+std::vector<Operation> operations() {
   const auto swp1 = intf("swp1"), odd = intf("swp\t\"2\"");
   const auto mac = *Zemit::EthAddr::parse("02:00:00:00:00:05");
   return {
@@ -84,28 +84,28 @@ std::string tablesOf(const Switch& sw) {
   return text;
 }
 
-TEST(RecordingTest, ALifeReplayedAfterEachStepGivesTheSameTables) {
-  Switch lived, replayed;
+TEST(RecordingTest, ReplayingEachOperationGivesTheSameTables) {
+  Switch original, replayed;
   std::ostringstream printed;
   const auto output = Replay::jsonOutput(printed);
   Replay::Player player(replayed, *output, {});
   std::set<std::string> states;
-  for (const Operation& operation : life()) {
-    apply(lived, operation);
+  for (const Operation& operation : operations()) {
+    apply(original, operation);
     const std::string recorded = Replay::linesOf(operation);
     std::istringstream lines(recorded);
     for (std::string line; std::getline(lines, line);) {
       ASSERT_NO_THROW(player.apply(line)) << line;
     }
-    ASSERT_EQ(tablesOf(replayed), tablesOf(lived)) << recorded;
-    states.insert(tablesOf(lived));
+    ASSERT_EQ(tablesOf(replayed), tablesOf(original)) << recorded;
+    states.insert(tablesOf(original));
   }
-  // The steps had something to show.
+  // The operations must have produced different states.
   EXPECT_GT(states.size(), 12u);
-  EXPECT_NE(tablesOf(lived).find(R"("prefix":"10.0.0.5/32")"), std::string::npos);
+  EXPECT_NE(tablesOf(original).find(R"("prefix":"10.0.0.5/32")"), std::string::npos);
 }
 
-TEST(RecordingTest, LinesSayWhatTheyMust) {
+TEST(RecordingTest, LinesHaveTheDocumentedFields) {
   const auto swp1 = intf("swp1");
   EXPECT_EQ(Replay::linesOf(SetFec<Ipv4>{Ipv4::Fec(2, {{.hop = kIpv6NextHop, .intf = swp1}})}),
             R"({"op":"fec","id":2,"family":4,"vias":[{"intf":"swp1","hop":"ipv6"}]})"

@@ -1,4 +1,4 @@
-// Lines that are no events: what is said of them, and that nothing is done.
+// Tests that a line that is not a valid event gives a clear error and changes nothing.
 #include <sstream>
 #include <string>
 
@@ -82,7 +82,7 @@ class RefusalsTest : public testing::Test {
   Replay::Player player{sw, *output, {.dumpsAtEnd = false}};
 };
 
-TEST_F(RefusalsTest, NameTheLineTheFieldAndTheValue) {
+TEST_F(RefusalsTest, ErrorsNameTheLineTheFieldAndTheValue) {
   for (const auto& [line, message] : kRefusals) {
     errors.str("");
     EXPECT_EQ(run(std::string("\n# remark\r\n") + line), Replay::Player::Outcome::Refused) << line;
@@ -95,8 +95,8 @@ TEST_F(RefusalsTest, NameTheLineTheFieldAndTheValue) {
   EXPECT_EQ(sw.vrfs().size(), 1u);
 }
 
-// Reading and printing what nests takes stack.
-TEST_F(RefusalsTest, WhatNestsTooDeepOrIsTooLong) {
+// Parsing and printing nested values is recursive and needs stack.
+TEST_F(RefusalsTest, LinesThatAreTooLongOrTooDeeplyNestedAreRefused) {
   for (const size_t levels : {size_t{63}, size_t{64}, size_t{100'000}}) {
     errors.str("");
     EXPECT_EQ(run("{\"op\":\"fec\",\"id\":1,\"family\":4,\"vias\":" + std::string(levels, '[') +
@@ -111,7 +111,7 @@ TEST_F(RefusalsTest, WhatNestsTooDeepOrIsTooLong) {
   EXPECT_EQ(errors.str(), "input:3: error: the line is longer than 16 MiB\n");
 }
 
-TEST_F(RefusalsTest, EndTheReplayWithWhatWasPrintedBefore) {
+TEST_F(RefusalsTest, TheReplayEndsAndKeepsEarlierOutput) {
   const auto outcome =
       run("{\"op\":\"dump\",\"family\":4}\n"
           "{\"op\": \"dump\", }\n"
@@ -122,7 +122,7 @@ TEST_F(RefusalsTest, EndTheReplayWithWhatWasPrintedBefore) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
 }
 
-/// A FEC of more vias than a machine can number: it raises when it meets it.
+/// A FEC with more vias than a machine can count. A machine that reads it throws.
 std::string unusableFec() {
   std::string vias;
   for (int i = 0; i < 129; ++i) {
@@ -136,8 +136,8 @@ constexpr const char* kNeighbor = "{\"op\":\"neighbor\",\"intf\":\"e0\",\"ip\":\
 constexpr const char* kRoute = "{\"op\":\"route\",\"prefix\":\"10.0.0.0/24\",\"fec\":1}\n";
 constexpr const char* kRange = "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed\n";
 
-// The daemon goes on.
-TEST_F(RefusalsTest, AMachineThatFailsEndsNoReplay) {
+// Like the daemon, the replay continues.
+TEST_F(RefusalsTest, TheReplayContinuesAfterAMachineFailed) {
   const auto outcome = run(kInitialized + std::string(kNeighbor) + unusableFec() + kRoute +
                            "{\"op\":\"dump\",\"family\":4}\n");
   EXPECT_EQ(outcome, Replay::Player::Outcome::Failed);
@@ -145,7 +145,7 @@ TEST_F(RefusalsTest, AMachineThatFailsEndsNoReplay) {
   EXPECT_NE(printed.str().find("\"arpTable\":[]"), std::string::npos);
 }
 
-TEST_F(RefusalsTest, WhatOneFamilyFailsOnKeepsTheOtherFromNothing) {
+TEST_F(RefusalsTest, AFailureOfOneFamilyDoesNotAffectTheOther) {
   const auto outcome = run(unusableFec() + kNeighbor + kRoute +
                            R"({"op":"fec","id":1,"family":6,"vias":[{"intf":"e0"}]}
 {"op":"neighbor","intf":"e0","ip":"2001:db8::5"}
@@ -156,8 +156,8 @@ TEST_F(RefusalsTest, WhatOneFamilyFailsOnKeepsTheOtherFromNothing) {
       << printed.str();
 }
 
-// What a callback raises ends in the runtime, and is a failure all the same.
-TEST_F(RefusalsTest, AMachineThatFailsInACallbackIsToldOf) {
+// The runtime catches an exception of a callback. The replay must still report the failure.
+TEST_F(RefusalsTest, AFailureInACallbackIsReported) {
   std::string input = kInitialized + unusableFec() + kRoute;
   for (int i = 0; i < 12; ++i) {
     input +=
@@ -170,7 +170,7 @@ TEST_F(RefusalsTest, AMachineThatFailsInACallbackIsToldOf) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 11) << text;
   EXPECT_TRUE(text.ends_with("input: error: a machine failed on 2 more lines, the last is 15\n"))
       << text;
-  EXPECT_EQ(printed.str(), "");  // no level is traced
+  EXPECT_EQ(printed.str(), "");  // no trace level is enabled
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Recorded situations: each cases/NAME.jsonl must print exactly what cases/NAME.expected holds.
+// Recorded scenarios: the output of each cases/NAME.jsonl must be exactly cases/NAME.expected.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -32,15 +32,15 @@ std::vector<std::filesystem::path> cases() {
   return paths;
 }
 
-/// Whether the first line of a case asks for settling.
+/// True when the first line of a case has the option --settle.
 bool settles(const std::string& input) {
   return input.substr(0, input.find('\n')).find("--settle") != input.npos;
 }
 
 class ScenariosTest : public testing::TestWithParam<std::filesystem::path> {};
 
-// The first line of a case says what it shows, and names the options that it runs with.
-TEST_P(ScenariosTest, PrintsWhatIsExpected) {
+// The first line of a case describes it and has the options for the run.
+TEST_P(ScenariosTest, PrintsTheExpectedOutput) {
   const auto input = contents(GetParam());
   const auto firstLine = input.substr(0, input.find('\n'));
   const auto traceAt = firstLine.find("--trace ");
@@ -60,7 +60,7 @@ TEST_P(ScenariosTest, PrintsWhatIsExpected) {
             contents(std::filesystem::path(GetParam()).replace_extension("expected")));
 }
 
-TEST_P(ScenariosTest, KeepsWhatMustHoldAfterEachEvent) {
+TEST_P(ScenariosTest, KeepsTheInvariantsAfterEachEvent) {
   const auto input = contents(GetParam());
   std::ostream nowhere(nullptr);
   const auto output = Replay::jsonOutput(nowhere);

@@ -1,4 +1,4 @@
-// How many random scenarios the tests go through.
+// The seeds of the tests' random scenarios.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,8 +7,8 @@
 
 namespace Replay {
 
-/// The seeds of the scenarios: `count` of them. Under a sanitizer, which takes twenty times as
-/// long, one: the faults that it finds do not hang on a rare order of events.
+/// `count` seeds; only one under a sanitizer. A sanitizer is twenty times slower, and the faults
+/// that it finds do not need a rare order of events.
 inline auto seeds([[maybe_unused]] uint64_t count) {
 #ifdef __SANITIZE_ADDRESS__
   count = 1;

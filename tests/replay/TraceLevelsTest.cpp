@@ -1,4 +1,4 @@
-// No trace level decides what a table holds, whoever writes and steps in meanwhile.
+// Tests that the trace level never changes the tables, even when others write to them meanwhile.
 #include <cstdint>
 #include <functional>
 #include <ostream>
@@ -23,14 +23,14 @@ namespace {
 
 using Random = std::mt19937_64;
 
-/// What others do to a switch behind its back: they write to its tables without a word, and take
-/// steps of its machines by hand.
-class Stranger {
+/// Random actions of other code on a switch: writes to its tables without a notification, and
+/// direct calls of its machines' handlers.
+class OtherCode {
  public:
-  Stranger(Daemon::Switch& sw, uint64_t seed) : sw_(sw), random_(seed) {}
+  OtherCode(Daemon::Switch& sw, uint64_t seed) : sw_(sw), random_(seed) {}
 
   void act() {
-    // Not all of it is allowed everywhere; what is refused is so at every level.
+    // Some actions throw in some states. They throw at every trace level alike.
     try {
       if (below(2) == 0) {
         act<Daemon::Ipv4>();
@@ -70,7 +70,7 @@ class Stranger {
     const auto intf = Zemit::IntfId::of(Kiv::Name("Ethernet" + std::to_string(1 + below(3))));
     const auto ip = addr<F>();
     const Prefix host = Prefix::host(ip);
-    constexpr uint32_t kLengths[] = {8, 2, 0};  // bits of the host part
+    constexpr uint32_t kLengths[] = {8, 2, 0};  // host bits
     const auto prefix = Prefix::enclosing(ip, F::Addr::kBits - kLengths[below(3)]);
     const auto& table = sw_.neighborDir().arpIntfStatus(intf.name());
     auto* machine = routing.machine();
@@ -143,7 +143,7 @@ class Stranger {
   Random random_;
 };
 
-/// Calls back once, when any table that it watches is next changed.
+/// Calls a function once, at the next change of a watched table.
 class Observers {
  public:
   explicit Observers(Daemon::Switch& sw) {
@@ -160,7 +160,7 @@ class Observers {
       watch<FecObserver<typename F::ForwardingStatus>>(sw.shared<F>().forwarding);
     });
   }
-  /// Null: do not call.
+  /// Null: calls nothing.
   void thenIs(std::function<void()> then) { then_ = std::move(then); }
 
  private:
@@ -196,10 +196,10 @@ struct State {
   std::vector<nlohmann::json> dumps;
 };
 
-/// What people have switched on.
+/// The observation that is switched on.
 struct Watching {
-  uint32_t levels = 0;     ///< for all VRFs
-  uint32_t ownLevels = 0;  ///< of the VRF "default", of one address
+  uint32_t levels = 0;     ///< trace levels of all VRFs
+  uint32_t ownLevels = 0;  ///< trace levels of one address of the VRF "default"
   bool history = false;
 
   friend std::ostream& operator<<(std::ostream& os, const Watching& watching) {
@@ -208,7 +208,7 @@ struct Watching {
   }
 };
 
-/// The states that one scenario runs through while it is watched so.
+/// The states of one scenario with this observation.
 std::vector<State> statesOf(uint64_t seed, const std::string& universe, const Watching& watching) {
   constexpr int kEvents = 250;
   std::ostream nowhere(nullptr);
@@ -224,9 +224,9 @@ std::vector<State> statesOf(uint64_t seed, const std::string& universe, const Wa
   Random random(seed);
   std::vector<State> states;
   for (int number = 0; number < kEvents; ++number) {
-    if (random() % 3 == 0) Stranger(sw, random()).act();
+    if (random() % 3 == 0) OtherCode(sw, random()).act();
     const uint64_t callback = random();
-    if (random() % 4 == 0) observers.thenIs([&sw, callback] { Stranger(sw, callback).act(); });
+    if (random() % 4 == 0) observers.thenIs([&sw, callback] { OtherCode(sw, callback).act(); });
     const auto event = generator.next().dump();
     try {
       player.apply(event);
@@ -240,7 +240,7 @@ std::vector<State> statesOf(uint64_t seed, const std::string& universe, const Wa
 
 class TraceLevelsTest : public testing::TestWithParam<std::tuple<uint64_t, std::string>> {};
 
-TEST_P(TraceLevelsTest, TheTablesAreTheSameWhateverIsTraced) {
+TEST_P(TraceLevelsTest, TheTablesAreTheSameAtEveryTraceLevel) {
   const auto& [seed, universe] = GetParam();
   const auto untraced = statesOf(seed, universe, {});
   std::vector<Watching> ways = {{.levels = 0x3FF}, {.ownLevels = 0x3FF, .history = true}};
@@ -256,7 +256,7 @@ TEST_P(TraceLevelsTest, TheTablesAreTheSameWhateverIsTraced) {
   }
 }
 
-/// Keeps what is traced: the object, and the message.
+/// Stores the trace records: the object and the message.
 class Records final : public Replay::Output {
  public:
   void dump(const Daemon::Switch&, const Replay::DumpSelection&) override {}
@@ -264,7 +264,7 @@ class Records final : public Replay::Output {
   void trace(const Kiv::TraceRecord& record) override {
     texts_.push_back(std::string(record.objectName) + ": " + std::string(record.message));
   }
-  /// What was traced since the last call, with this in it.
+  /// The number of trace records since the last call that contain `part`.
   size_t take(std::string_view part) {
     size_t count = 0;
     for (const auto& text : std::exchange(texts_, {})) count += text.find(part) != text.npos;
@@ -276,7 +276,7 @@ class Records final : public Replay::Output {
   std::vector<std::string> texts_;
 };
 
-TEST(OwnTraceLevelsTest, OneVrfIsTracedOrOneAddressOfIt) {
+TEST(OwnTraceLevelsTest, TraceOneVrfOrOneOfItsAddresses) {
   Records records;
   const Replay::Tracing tracing(records, 0);
   Daemon::Switch sw;
@@ -314,15 +314,15 @@ TEST(OwnTraceLevelsTest, OneVrfIsTracedOrOneAddressOfIt) {
   EXPECT_TRUE(records.empty());
   learn("10.1.1.5", "02");
   EXPECT_GT(records.take("10.1.1.5"), 0u);
-  // A route that covers the address concerns it, one that does not does not; and of the neighbours
-  // under it only that one.
+  // The traces of the address include a route that covers it and exclude other routes. Of the
+  // neighbours under the route they include only the address.
   player.apply(R"({"op":"route","prefix":"10.2.0.0/16","fec":1})");
   EXPECT_EQ(records.take("10.2.0.0/16"), 0u);
   player.apply(R"({"op":"route","prefix":"10.1.1.4/30","fec":1})");
   EXPECT_EQ(records.take("10.1.1.6"), 0u);
   player.apply(R"({"op":"route","prefix":"10.1.1.4/30","present":false})");
   EXPECT_GT(records.take("10.1.1.4/30"), 0u);
-  // An address of the other family leaves nothing of this one.
+  // When the traced address is of the other family, nothing of this family is traced.
   sw.traceAddressIs("default", "2001:db8::5");
   learn("10.1.1.5", "03");
   EXPECT_TRUE(records.empty());
@@ -332,7 +332,7 @@ TEST(OwnTraceLevelsTest, OneVrfIsTracedOrOneAddressOfIt) {
 
   EXPECT_THROW(sw.traceLevelIs("red", 1), Kiv::RangeException);
   EXPECT_THROW(sw.traceAddressIs("default", "10.1.1"), Kiv::RangeException);
-  // A machine that ends lets go of its levels.
+  // A torn-down machine removes its trace levels.
   player.apply(R"({"op":"teardown"})");
   EXPECT_FALSE(Daemon::Ipv4::trace().builds(8));
 }

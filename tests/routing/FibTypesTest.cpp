@@ -1,4 +1,4 @@
-// Routes, vias, FECs, via sets and the other values of the tables.
+// Tests of the tables' values: routes, vias, FECs, via sets and others.
 #include "platform/tovan/FibTypes.h"
 
 #include <gtest/gtest.h>
@@ -42,7 +42,7 @@ template <class F>
 class FibTypesTest : public testing::Test {
  protected:
   using V = typename F::V;
-  /// The `number`th of vias that sort by their numbers.
+  /// A via. Vias sort by their `number`.
   static V via(uint32_t number) {
     if constexpr (std::is_same_v<V, Tovan::Fib::Via>) {
       return {.hop = IpAddr(number)};
@@ -54,8 +54,8 @@ class FibTypesTest : public testing::Test {
 using Families = testing::Types<Ipv4, Ipv6>;
 TYPED_TEST_SUITE(FibTypesTest, Families);
 
-// The names are what replays are written in.
-TYPED_TEST(FibTypesTest, RouteTypesAreReadByTheNameTheyPrintAs) {
+// Replays use these names.
+TYPED_TEST(FibTypesTest, RouteTypesAreReadByTheirPrintedNames) {
   using Type = decltype(TypeParam::R::routeType);
   const auto unknown = Routing::parseRouteType<Type>("unknown_");
   ASSERT_TRUE(unknown);
@@ -95,8 +95,8 @@ TYPED_TEST(FibTypesTest, AFecMayHaveMoreViasThanCanBeRead) {
   }
 }
 
-// Adjacencies are shared by via set: sets with the same members must be equal however they were
-// made, copied or moved.
+// Routes with equal via sets share an adjacency, so sets with the same members must be equal,
+// independent of their construction.
 TYPED_TEST(FibTypesTest, AViaSetHasEachViaOnceAndInOrder) {
   using Set = typename TypeParam::S;
   std::mt19937 rng{1};

@@ -1,4 +1,4 @@
-// Tests of the prefix tries: every answer is compared with an obvious model's.
+// Tests of the prefix tries against a simple model.
 #include "platform/routing/Trie.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 namespace Routing {
 namespace {
 
-/// A set of prefixes that answers by trying every length.
+/// The model: a set of prefixes with a look-up that tries every length.
 template <class P>
 class Model {
  public:
@@ -52,7 +52,8 @@ class TrieTest : public testing::Test {
 
   uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random() % bound); }
   Addr randomAddr() { return addrOf(random(), random(), Addr()); }
-  /// An address that begins like one of a few and goes on with anything, often mostly zeros.
+  /// An address with the leading bits of one of a few addresses. The other bits are random, often
+  /// mostly zero.
   Addr nearAddr() {
     const uint32_t shared = below(Addr::kBits + 1);
     const uint64_t highMask = Zemit::leadingOnes<uint64_t>(std::min(shared, 64U));
@@ -63,7 +64,8 @@ class TrieTest : public testing::Test {
   }
   Prefix nearPrefix() { return Prefix::enclosing(nearAddr(), below(Prefix::kMaxLen + 1)); }
 
-  /// Changes the set `steps` times, `percent` of the times by an insertion, and asks after each.
+  /// Changes the set `steps` times, by an insertion in `percent` of the steps, and compares
+  /// look-ups after each step.
   void run(uint32_t steps, uint32_t percent) {
     for (uint32_t step = 0; step < steps; ++step) {
       const bool present = below(100) < percent;
@@ -86,7 +88,7 @@ class TrieTest : public testing::Test {
     std::ranges::sort(seen);
     ASSERT_TRUE(std::ranges::equal(seen, model.prefixes()));
   }
-  /// Takes out all that is left, in an order of its own.
+  /// Removes all remaining prefixes in random order.
   void drain() {
     std::vector<Prefix> left(model.prefixes().begin(), model.prefixes().end());
     std::ranges::shuffle(left, random);
@@ -105,9 +107,9 @@ class TrieTest : public testing::Test {
 using Tries = testing::Types<Routing::Trie, Routing6::Trie>;
 TYPED_TEST_SUITE(TrieTest, Tries);
 
-// Every length, clusters, nests and long single paths, through growth, churn, emptying and
-// refilling.
-TYPED_TEST(TrieTest, AnswersAsTheModelDoes) {
+// Covers every length, clusters, nested prefixes and long single paths, while the set grows,
+// changes, becomes empty and is refilled.
+TYPED_TEST(TrieTest, AgreesWithTheModel) {
   const size_t bytesWhenEmpty = this->trie->bytes();
   for (uint32_t steps : {50u, 3000u, 30000u}) {
     this->run(steps, 90);
@@ -119,7 +121,7 @@ TYPED_TEST(TrieTest, AnswersAsTheModelDoes) {
   }
 }
 
-// One prefix of each length on one path, the worst nest there is.
+// One prefix of each length on one path: the deepest possible nesting.
 TYPED_TEST(TrieTest, FindsEachPrefixOfAChain) {
   using P = typename TypeParam::Prefix;
   const auto addr = this->randomAddr();
@@ -137,7 +139,7 @@ TYPED_TEST(TrieTest, FindsEachPrefixOfAChain) {
   }
 }
 
-TYPED_TEST(TrieTest, HasNoPlaceForTheNullPrefix) {
+TYPED_TEST(TrieTest, NeverContainsTheNullPrefix) {
   using P = typename TypeParam::Prefix;
   EXPECT_FALSE(this->trie->routeIs(P::null(), true));
   this->trie->routeIs(P(), true);

@@ -1,5 +1,5 @@
-// Access by name where it is easily got wrong: observers that leave early, keys that are none,
-// names with blanks, values that have no text, and what making something gives.
+// Tests of edge cases of access by name: observers that leave early, invalid keys, names with
+// blanks, values without a text form, and the results of creation.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -16,7 +16,7 @@ using Kiv::GenericIf;
 using Kiv::GenericValue;
 using Op = GenericIf::Op;
 
-/// Runs `operation`; returns the text with which it was refused.
+/// Runs `operation` and returns the message of its exception.
 template <class Operation>
 std::string refusal(Operation operation) {
   try {
@@ -27,7 +27,7 @@ std::string refusal(Operation operation) {
   return "(not refused)";
 }
 
-/// A root of a family, its machine without inputs, and the interfaces to both.
+/// A root of one family with a machine without inputs, and the reflective interfaces to both.
 template <class F>
 class EdgesTest : public testing::Test {
  protected:
@@ -57,7 +57,7 @@ class EdgesTest : public testing::Test {
 using Families = testing::Types<Daemon::Ipv4, Daemon::Ipv6>;
 TYPED_TEST_SUITE(EdgesTest, Families);
 
-/// Counts what it is told, and does something the first time.
+/// Counts its notifications and calls `act` at the first one.
 struct Observer final : Kiv::GenericObserver {
   void onAttribute(Kiv::AttributeId, const GenericValue&) override {
     ++told;
@@ -70,11 +70,11 @@ struct Observer final : Kiv::GenericObserver {
   std::function<void()> act;
 };
 
-TYPED_TEST(EdgesTest, AnObserverMayLeaveWhileItCatchesUp) {
+TYPED_TEST(EdgesTest, AnObserverMayLeaveDuringItsFirstNotifications) {
   const auto change = [this] {
     this->root->prefixToAdjacencyIs(this->prefix, this->root->prefixToAdjacency(this->prefix) + 1);
   };
-  // It takes itself back, and is gone at once.
+  // The observer removes itself and is destroyed at once.
   auto leaving = std::make_unique<Observer>();
   int told = 0;
   leaving->act = [&] {
@@ -86,7 +86,7 @@ TYPED_TEST(EdgesTest, AnObserverMayLeaveWhileItCatchesUp) {
   change();
   EXPECT_EQ(told, 1);
 
-  // It gives way to another.
+  // The observer is replaced by another.
   Observer former;
   Observer next;
   former.act = [&] { this->rootIf->observerIs(&next); };
@@ -98,14 +98,14 @@ TYPED_TEST(EdgesTest, AnObserverMayLeaveWhileItCatchesUp) {
   EXPECT_EQ(next.told, caughtUp + 1);
   this->rootIf->observerIs(nullptr);
 
-  // It raises: then it is none.
+  // An observer that throws is removed.
   Observer raising;
   raising.act = [] { throw Kiv::Exception("no"); };
   EXPECT_EQ(refusal([&] { this->rootIf->observerIs(&raising); }), "no");
   change();
   EXPECT_EQ(raising.told, 1);
 
-  // It lets go of the interface.
+  // The observer destroys the interface.
   Observer last;
   last.act = [&] { this->rootIf = nullptr; };
   this->rootIf->observerIs(&last);
@@ -113,7 +113,7 @@ TYPED_TEST(EdgesTest, AnObserverMayLeaveWhileItCatchesUp) {
   EXPECT_EQ(last.told, 1);
 }
 
-TYPED_TEST(EdgesTest, MakingGivesWhatWasMade) {
+TYPED_TEST(EdgesTest, CreateReturnsTheCreatedEntity) {
   const auto forwarding = Kiv::make<typename TypeParam::ForwardingStatus>("forwarding");
   auto& machine = *this->machineIf;
   const auto made = this->op(machine, Op::kCreate, "fwdStatus", GenericValue::of(forwarding));
@@ -133,7 +133,7 @@ TYPED_TEST(EdgesTest, MakingGivesWhatWasMade) {
   EXPECT_EQ(this->op(*list, Op::kCreate, "prefix", member(false)).text(), "false");
 }
 
-TYPED_TEST(EdgesTest, AMachineThatHasEndedIsEmptyByNameToo) {
+TYPED_TEST(EdgesTest, ATornDownMachineReadsAsEmptyByName) {
   this->op(*this->rootIf, Op::kDel, "routeSm");
   EXPECT_TRUE(this->op(*this->machineIf, Op::kRead, "root").isNone());
   EXPECT_EQ(refusal([this] {
@@ -142,7 +142,7 @@ TYPED_TEST(EdgesTest, AMachineThatHasEndedIsEmptyByNameToo) {
             "the state machine of VRF red has ended");
 }
 
-TYPED_TEST(EdgesTest, RefusesWhatHasNoPlaceNoKeyOrNoText) {
+TYPED_TEST(EdgesTest, RefusesInvalidArgumentsAndOperations) {
   using RootOf = typename TypeParam::RouteSmRoot;
   auto& rootInterface = *this->rootIf;
   const auto id = rootInterface.attributeId("prefixToRoute");
@@ -171,7 +171,7 @@ TYPED_TEST(EdgesTest, RefusesWhatHasNoPlaceNoKeyOrNoText) {
             "prefixToRoute: the interface is to a const entity");
 }
 
-TYPED_TEST(EdgesTest, WhatATextShowsReadsBack) {
+TYPED_TEST(EdgesTest, TheTextOfAnEntityReadsBack) {
   const Kiv::EntityDirectory::Mount mount("/a place/100%", GenericValue::of(this->root));
   const auto text = GenericValue::of(this->root).text();
   EXPECT_EQ(text, "/a%20place/100%25");
@@ -185,7 +185,8 @@ TYPED_TEST(EdgesTest, WhatATextShowsReadsBack) {
   EXPECT_EQ(refusal([] { Kiv::EntityDirectory::find("ra place/100%"); }),
             "ra place/100%: no such path");
 
-  // Nothing behind a slash stands for the whole collection, so a member without a name has no path.
+  // A path that ends with a slash means the whole collection, so a member with an empty name has no
+  // path.
   const auto addresses = [this](const char* intfName) {
     if constexpr (TypeParam::kNumber == 4) {
       return GenericValue::of(this->root->intfNameToSecondaryAddrWithMaskIs(intfName));

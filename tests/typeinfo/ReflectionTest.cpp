@@ -1,4 +1,4 @@
-// Access by name: what the types offer, what each operation does, and what is refused.
+// Tests of access by name: the registered types, each operation, and refused operations.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -15,7 +15,7 @@ using Kiv::GenericIf;
 using Kiv::GenericValue;
 using Op = GenericIf::Op;
 
-/// Runs `operation`; returns the text with which it was refused.
+/// Runs `operation` and returns the message of its exception.
 template <class Operation>
 std::string refusal(Operation operation) {
   try {
@@ -110,10 +110,10 @@ TEST_F(ReflectionTest, SetsReadsAndCallsThroughTheTypedAccessors) {
   EXPECT_EQ(typed().arpRouteCount(), 0u);
   machine().attributeOp({Op::kSet, id}, GenericValue::of(true));
   EXPECT_TRUE(*machine().attributeOp({Op::kRead, id}).as<bool>());
-  // Setting it ran the catch-up pass.
+  // Setting the attribute ran the catch-up pass.
   EXPECT_EQ(op(Op::kRead, "arpRoute", {}, GenericValue::of(subnet)).text(), "{10.0.0.5}");
 
-  // A method with two arguments, the second by its name; its result.
+  // Calls a method with two arguments, the second one by name.
   const auto check = machine().attributeId("checkIpAddressAgainstFib");
   const auto table = GenericValue::of(sw.neighborDir().arpIntfStatus("Ethernet1"));
   const auto covering = machine().attributeOp(
@@ -121,7 +121,7 @@ TEST_F(ReflectionTest, SetsReadsAndCallsThroughTheTypedAccessors) {
       GenericValue::list({{table, "arpIntfStatus"}, {GenericValue::of(host), "ipAddr"}}));
   EXPECT_EQ(*covering.as<Zemit::Prefix>(), subnet);
 
-  // A reactor is shown as what it watches.
+  // The text of a reactor names the entity that it watches.
   EXPECT_EQ(machine()
                 .attributeOp({Op::kRead, machine().attributeId("arpIntfStatus")}, {},
                              GenericValue::of(Kiv::Name("Ethernet1")))
@@ -173,7 +173,7 @@ TEST_F(ReflectionTest, MakesAMachineOfThirteenArguments) {
   EXPECT_EQ(made->attributeOp({Op::kRead, made->attributeId("vrfName")}).text(), "red");
   EXPECT_TRUE(made->attributeOp({Op::kRead, made->attributeId("neighborDirByIntfName")}).isNone());
 
-  // The IPv6 machine takes the virtual addresses before the root: not silently swapped.
+  // The IPv6 machine takes the virtual addresses before the root. A swapped order must be refused.
   std::swap(inputs[10], inputs[11]);
   EXPECT_EQ(refusal([&] { Machine::genericIfListConstructor(inputs); }),
             "Routing::Host::RouteSm, argument root: a Routing::Host::RouteSmRoot is wanted, not "
@@ -183,7 +183,7 @@ TEST_F(ReflectionTest, MakesAMachineOfThirteenArguments) {
             "Routing::Host::RouteSm is made of 13 arguments, not of 12");
 }
 
-TEST_F(ReflectionTest, RefusesAndLeavesTheEntityAsItWas) {
+TEST_F(ReflectionTest, ARefusedOperationChangesNothing) {
   sw.setInitialized<Daemon::Ipv4>("red", true);
   const auto constRoot = Kiv::genericIf(
       GenericValue::of(Kiv::Ptr<const Routing::Host::RouteSmRoot>(routing().root)), true);
@@ -191,7 +191,7 @@ TEST_F(ReflectionTest, RefusesAndLeavesTheEntityAsItWas) {
     constRoot->attributeOp({Op::kDelAll, constRoot->attributeId("arpRoute")});
   };
   EXPECT_EQ(refusal(constDelAll), "arpRoute: the interface is to a const entity");
-  // What a const root refers to is const too.
+  // The entities that a const root refers to are const, too.
   const auto constMachine =
       Kiv::genericIf(constRoot->attributeOp({Op::kRead, constRoot->attributeId("routeSm")}), true);
   EXPECT_FALSE(constMachine->isWritable());
@@ -250,7 +250,7 @@ TEST_F(ReflectionTest, RefusesAndLeavesTheEntityAsItWas) {
   EXPECT_TRUE(typed().initialized());
 }
 
-TEST_F(ReflectionTest, WalksACollectionAndDeletesUnderWay) {
+TEST_F(ReflectionTest, DeletesMembersDuringAWalk) {
   for (uint64_t i = 1; i <= 5; ++i) {
     op(Op::kSet, "prefixToAdjacency", GenericValue::of(i),
        GenericValue::of(Zemit::Prefix(Zemit::IpAddr(static_cast<uint32_t>(i) << 24), 8)));
@@ -279,7 +279,7 @@ TEST_F(ReflectionTest, WalksACollectionAndDeletesUnderWay) {
             "trie: is no collection");
 }
 
-/// Writes down what it is told of.
+/// Records its notifications.
 class Recorder final : public Kiv::GenericObserver {
  public:
   explicit Recorder(const GenericIf& of) : of_(of) {}
@@ -299,9 +299,9 @@ class Recorder final : public Kiv::GenericObserver {
   const GenericIf& of_;
 };
 
-TEST_F(ReflectionTest, TellsAnObserverOfEveryChangeOfARoot) {
+TEST_F(ReflectionTest, NotifiesAnObserverOfEveryChangeOfARoot) {
   auto observed = Routing::Host::routeSmRootFactory("observed");
-  // Of the type only; the root must be free to go.
+  // The recorder uses only the type of `root()`. It must not hold the observed root.
   Recorder recorder(root());
   {
     Routing::Host::RouteSmRoot::GenericIf_ interface(observed);

@@ -1,11 +1,12 @@
-// The text forms of values: each reads back as it was written, and junk is refused where it begins.
+// Tests of values' text forms: a written value reads back, and an error names the position of the
+// first wrong character.
 #include <gtest/gtest.h>
 
 #include "typeinfo/ValueTypes.h"
 
 namespace {
 
-/// The text of the value that `text` is.
+/// Reads a value from `text` and prints it again.
 template <class T>
 std::string again(std::string_view text) {
   try {
@@ -15,7 +16,7 @@ std::string again(std::string_view text) {
   }
 }
 
-TEST(TextFormTest, ReadsBackWhatIsWritten) {
+TEST(TextFormTest, ReadsBackWrittenValues) {
   const auto vlan10 = Zemit::IntfId::of("Vlan10");
   EXPECT_EQ(again<bool>("true"), "true");
   EXPECT_EQ(again<uint64_t>("0xfFffffffffffffff"), "18446744073709551615");
@@ -43,8 +44,8 @@ TEST(TextFormTest, ReadsBackWhatIsWritten) {
   EXPECT_EQ(Kiv::typeOf<Obu::IntfDir>().strepToValue("{ }").text(), "{}");
 }
 
-// A name is kept as long as the process lives, so to look for one must not be to make one.
-TEST(TextFormTest, KeepsNoNameOfAnInterfaceThatIsOnlyLookedFor) {
+// The registry keeps a name for the life of the process, so a look-up must not add the name.
+TEST(TextFormTest, ALookUpDoesNotAddAnInterfaceName) {
   const auto isKept = [](const char* name) { return Zemit::IntfId::find(name).has_value(); };
   EXPECT_EQ(again<Zemit::IntfId>("Ghost1"), "refused: no Zemit::IntfId at column 1");
   EXPECT_FALSE(isKept("Ghost1"));
@@ -57,14 +58,14 @@ TEST(TextFormTest, KeepsNoNameOfAnInterfaceThatIsOnlyLookedFor) {
   EXPECT_EQ(Kiv::typeOf<Obu::IntfDir>().strepToValue("{Ghost4}").text(), "{Ghost4}");
 }
 
-TEST(TextFormTest, RefusesWhatIsNoValueAndWhatGoesOn) {
+TEST(TextFormTest, RefusesInvalidValuesAndTrailingText) {
   EXPECT_EQ(again<Zemit::Prefix>("10.0.0.0/24x"),
             "refused: junk at column 12 deserializing Zemit::Prefix");
   EXPECT_EQ(again<Zemit::IpAddr>("10.0.0.5 "),
             "refused: junk at column 9 deserializing Zemit::IpAddr");
   EXPECT_EQ(again<Tovan::Fib::Route>("10.0.0.0/8 attached_ metric 1 speed 2"),
             "refused: junk at column 30 deserializing Tovan::Fib::Route");
-  // Fields stand apart.
+  // Blanks must separate the fields.
   EXPECT_EQ(again<Tovan::Fib::Route>("10.0.0.0/24attached_"),
             "refused: junk at column 12 deserializing Tovan::Fib::Route");
   EXPECT_EQ(again<Tovan::Fib6::Route>("::/0 bgp_ metric 5preference 3"),

@@ -1,4 +1,4 @@
-// Addresses and their text, both ways.
+// Tests of addresses' text forms: reading and printing.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -42,7 +42,7 @@ TEST(Ip6AddrTest, PrintsTheCanonicalForm) {
   const std::pair<const char*, const char*> canonical[] = {
       {"2001:DB8:0:0:0:0:0:1", "2001:db8::1"},          // lower case, no leading zeros
       {"2001:0db8::0001", "2001:db8::1"},               //
-      {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},    // the first of equal runs
+      {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},    // the first of equally long runs
       {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},          // the longest run
       {"2001:db8::1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},  // a single group is not shortened
       {"64:ff9b::192.0.2.1", "64:ff9b::c000:201"},
@@ -95,8 +95,8 @@ TEST(EthAddrTest, ReadsSixPairsOfDigits) {
                           "001:1:22:33:44:55", "00:11:22:33:44:555"});
 }
 
-// Trace messages switch a stream to hexadecimal for FEC ids.
-TEST(TextTest, DoesNotDependOnTheBaseOfTheStream) {
+// Trace messages set a stream to hexadecimal for FEC ids.
+TEST(TextTest, DoesNotDependOnTheNumberBaseOfTheStream) {
   std::ostringstream os;
   os << std::hex << std::showbase << IpAddr(0x0A0A0A0A) << ' ' << Prefix::host(IpAddr(17)) << ' '
      << AnyAddrWithMask(Ip6AddrWithMask(Ip6Addr(), 64));

@@ -1,4 +1,4 @@
-// Interface ids.
+// Tests of interface ids.
 #include "platform/zemit/IntfId.h"
 
 #include <gtest/gtest.h>
@@ -26,8 +26,9 @@ TEST(IntfIdTest, NoInterfaceHasTheEmptyName) {
   EXPECT_EQ(IntfId::of(""), IntfId());
 }
 
-// Ids are made while other threads read names; a name that moved would be read after it is freed.
-TEST(IntfIdTest, ThreadsAgreeOnIdsAndNamesStayWhereTheyAre) {
+// Threads assign ids while other threads read names. A name that moved would be read after its
+// memory was freed.
+TEST(IntfIdTest, ThreadsAgreeOnIdsAndNamesKeepTheirAddresses) {
   constexpr size_t kNames = 1000;
   const Kiv::String8* const early = &IntfId::of("early").name();
   std::vector<std::vector<IntfId>> seen(4);

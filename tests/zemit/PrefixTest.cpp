@@ -1,4 +1,4 @@
-// Prefixes and addresses with mask, in both families.
+// Tests of prefixes and addresses with mask, in both families.
 #include "platform/zemit/Prefix.h"
 
 #include <gtest/gtest.h>
@@ -69,7 +69,7 @@ class PrefixTest : public testing::Test {
 using Families = testing::Types<Prefix, Ip6Prefix>;
 TYPED_TEST_SUITE(PrefixTest, Families);
 
-TYPED_TEST(PrefixTest, RefusesHostBitsAndLengthsThatAreNone) {
+TYPED_TEST(PrefixTest, RefusesHostBitsAndInvalidLengths) {
   using P = TypeParam;
   const auto addr = WithMaskOf<P>::parse(SampleOf<P>::kWithHostBits)->addr();
   this->expectRefused(addr, P::kMaxLen - 8);
@@ -80,8 +80,8 @@ TYPED_TEST(PrefixTest, RefusesHostBitsAndLengthsThatAreNone) {
   EXPECT_EQ(P(addr, P::kMaxLen), P::host(addr));
 }
 
-// Every bit of every length counts: a mask that is one bit off loses or invents routes.
-TYPED_TEST(PrefixTest, ContainsWhatSharesItsFirstBits) {
+// Tests each bit of each length: a mask with one wrong bit would lose or invent routes.
+TYPED_TEST(PrefixTest, ContainsAddressesWithItsLeadingBits) {
   using P = TypeParam;
   using S = SampleOf<P>;
   for (uint32_t len = 0; len <= P::kMaxLen; ++len) {
@@ -100,7 +100,7 @@ TYPED_TEST(PrefixTest, ContainsWhatSharesItsFirstBits) {
   }
 }
 
-TYPED_TEST(PrefixTest, TheNullPrefixIsApartFromAllOthers) {
+TYPED_TEST(PrefixTest, TheNullPrefixDiffersFromAllOthers) {
   using P = TypeParam;
   constexpr P kNull = P::null();
   EXPECT_EQ(kNull, P(AddrOf<P>(), 0xFFFFFFFF));
@@ -147,7 +147,7 @@ TYPED_TEST(PrefixTest, SortsAndHashesByAddressAndLength) {
   }
   EXPECT_EQ(prefixes.size(), P::kMaxLen);
   EXPECT_GT(hashes.size(), P::kMaxLen - 3);
-  // A prefix stands right before those inside it.
+  // A prefix sorts directly before the prefixes that it contains.
   uint32_t len = 0;
   for (const P& prefix : prefixes) EXPECT_EQ(prefix.len(), len++);
 }
