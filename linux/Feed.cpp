@@ -341,7 +341,8 @@ void Feed::Work::findRoles() {
 void Feed::Work::markNeighborsOf(LinkIndex link, const Port& port) {
   const auto first = static_cast<std::ptrdiff_t>(markedNeighbors_.size());
   mirror_.forEachNeighbor(link, [&](const Neighbor& neighbor) {
-    markedNeighbors_.push_back({link, neighbor.addr, {}});
+    const bool isFed = verdictOn(neighbor, port.role) == NeighborVerdict::Fed;
+    markedNeighbors_.push_back({link, neighbor.addr, neighbor.mac, isFed});
   });
   Daemon::forEachFamily([&](auto family) {
     for (const auto& told : std::get<ToldNeighbors<decltype(family)>>(port.neighbors)) {
@@ -463,7 +464,7 @@ void Feed::Work::withdrawNeighbors(const Output& output) {
         [&]<class Addr>(const Addr& addr) {
           using F = FamilyOf<Addr>;
           auto& told = std::get<ToldNeighbors<F>>(port->neighbors);
-          const auto mac = wantedMac<F>(*port, mark.link, addr);
+          const auto mac = mark.isFed ? mark.mac : wantedMac<F>(*port, mark.link, addr);
           if (!mac) {
             if (told.erase(addr)) {
               output(Daemon::SetNeighbor<F>{port->intf, {.ipAddr = addr}, false});

@@ -103,6 +103,7 @@ class Feed::Work final : public Mirror::Observer {
     LinkIndex link = 0;
     Address addr;
     Zemit::EthAddr mac;  ///< worked out by the first step that looks at it
+    bool isFed = false;  ///< whether it is known already that it counts
   };
   using TextMaker = std::function<std::string()>;
   using RouteKey = std::pair<Vrf*, Prefix>;
