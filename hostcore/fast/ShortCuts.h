@@ -57,13 +57,10 @@ class ShortCuts {
   void filedIn(const typename F::PrefixList& prefixes) {
     if (auto* cache = sm_.fast().cache) cache->prefixListIs(prefixes);
   }
-  /// The deferred merges are made up for, and then forgotten. `waiting` may be null.
+  /// The deferred merges are made up for: those in `waiting`, which may be null.
   void deferredMergesTaken(const typename F::AddrSet* waiting) {
-    Trust<F> trust(sm_);
-    trust.deferredMergesFound(waiting);
-    if (waiting != nullptr && waiting->ipCount() != 0) trust.deferredMergesForgotten();
+    Trust<F>(sm_).deferredMergesFound(waiting);
   }
-
   /// The machine has other trace levels of its own.
   void levelsChanged() { Relevance<F>(sm_).review(); }
 

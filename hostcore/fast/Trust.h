@@ -74,10 +74,6 @@ class Trust {
     if (state_.deferredIn.get() != waiting || waiting->ipCount() < state_.deferred) end();
     state_.deferredIn = {};
   }
-  /// The machine forgets the merges that wait. Until it is initialized it has not made up for them.
-  void deferredMergesForgotten() {
-    if (!sm_.initialized()) end();
-  }
   /// An input was set. The machine knows of the former one.
   void inputSet(bool isOther) {
     if (isOther) end();

@@ -327,6 +327,19 @@ TYPED_TEST(LifetimeTest, AMachineThatIsHeldMayEndInACallback) {
   }
 }
 
+TYPED_TEST(LifetimeTest, AMachineMayEndWhileItGivesWayToAVirtualAddress) {
+  using F = TypeParam;
+  Running<F> world;
+  const auto kept = world.root->routeSm();
+  const auto routes = Kiv::make<RouteTableWatcher<F>>();
+  routes->notifierIs(world.routeStatus);
+  routes->act = [&world] { world.root->routeSmDel(); };
+  world.virtualIps->virtualIpIs(Sample<F>::virtualAddr("red", Sample<F>::addr(5)), true);
+  EXPECT_FALSE(world.root->routeSm());
+  EXPECT_FALSE(world.hasRoute(world.routeStatus, 5));
+  world.expectBalancedReferences();
+}
+
 TYPED_TEST(LifetimeTest, SettersGiveWhatTheyMadeThoughTheRootGoes) {
   using F = TypeParam;
   using S = Sample<F>;

@@ -238,6 +238,48 @@ TYPED_TEST(ShortCutsTest, ANewMachineDoesNotRelyOnWhatItFinds) {
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 9));
 }
 
+// After each of these the machine may have missed something.
+TYPED_TEST(ShortCutsTest, WhatPassesTheMachineByEndsTheTrust) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  using W = World<F>;
+  const std::function<void(W&)> deeds[] = {
+      [](W& red) { red.machine().handleDeletedAdjacency(S::subnet()); },
+      [](W& red) {
+        red.machine().handleRoute(
+            S::wider(),
+            {.key = S::wider(), .metricPref = {}, .routeType = F::kConnected, .fecId = 7});
+      },
+      [](W& red) { red.removeHostRouteByHand(5); },
+      [](W& red) { red.machine().hostStatusIs(Kiv::make<typename F::HostTable>("other")); },
+      [](W& red) {
+        red.machine().hasNotificationActiveIs(false);
+        red.machine().hasNotificationActiveIs(true);
+      },
+      [](W& red) {
+        red.machine().kivDoZombieReactors(true);
+        red.machine().kivDoZombieReactors(false);
+      }};
+  for (const auto& deed : deeds) {
+    SCOPED_TRACE(&deed - deeds);
+    W red;
+    red.table(red.ethernet2);
+    red.startWithSubnet();
+    red.learn(red.ethernet1, 5);
+    ASSERT_TRUE(red.machine().arpIntfStatus("Ethernet2")->isQuiet());
+    deed(red);
+    EXPECT_FALSE(red.machine().arpIntfStatus("Ethernet2")->isQuiet());
+  }
+  // Notifications may have waited in the former activity.
+  W blue;
+  blue.activity = Kiv::make<Kiv::QueueingActivity>();
+  blue.table(blue.ethernet2);
+  blue.startWithSubnet();
+  const auto prompt = Kiv::make<Kiv::ActivityConfig>();
+  blue.machine().kivFwkActivityIs(prompt);
+  EXPECT_FALSE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
+}
+
 TYPED_TEST(ShortCutsTest, ARouteOverAnAdjacencyEndsTheTrust) {
   auto& red = this->world;
   red.table(red.ethernet2);
