@@ -8,8 +8,8 @@
 
 #include "daemon/Operation.h"
 #include "platform/kiv/Exception.h"
+#include "replay/ShownRoute.h"
 #include "tests/kiv/ShortMemory.h"
-#include "tests/replay/Dumps.h"
 
 namespace {
 
@@ -68,6 +68,19 @@ class AllocationTest : public testing::Test {
       }
     }
   }
+
+  /// The routes in the table, with their next hops.
+  static std::string routesOf(const Switch& sw) {
+    std::string text;
+    const auto& routing = sw.vrfs().at("default").template routing<F>();
+    for (auto shown : Replay::shownRoutes<F>(*routing.routeStatus, *sw.shared<F>().forwarding,
+                                             [](const auto&) { return true; })) {
+      // An adjacency's number depends on which were there before.
+      if (shown.route.fecId >= F::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
+      text += Replay::routeJson<F>(shown).text() + "\n";
+    }
+    return text;
+  }
 };
 using Families = testing::Types<Daemon::Ipv4, Daemon::Ipv6>;
 TYPED_TEST_SUITE(AllocationTest, Families);
@@ -98,7 +111,7 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
     Switch whole({.settles = true});
     T::play(whole, before);
     T::play(whole, after);
-    const auto expected = canonicalDumps(whole);
+    const std::string expected = T::routesOf(whole);
     size_t tried = 0;
     for (bool hasRunOut = true; hasRunOut;) {
       SCOPED_TRACE(std::string(name) + ", allocation " + std::to_string(++tried));
@@ -109,11 +122,11 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
         T::play(sw, after);
         hasRunOut = memory.hasRunOut();
       }
-      ASSERT_NO_THROW(canonicalDumps(sw)) << "the tables cannot be read";
+      ASSERT_NO_THROW(T::routesOf(sw)) << "the tables cannot be read";
       T::play(sw, before);
       T::play(sw, after);
       sw.redo();
-      EXPECT_EQ(difference(canonicalDumps(sw), "after", expected, "whole"), "");
+      EXPECT_EQ(T::routesOf(sw), expected);
     }
     EXPECT_GT(tried, 1U) << name;
   }
