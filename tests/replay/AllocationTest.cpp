@@ -1,4 +1,5 @@
 // An allocation that fails in the middle of an event.
+#include <iterator>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -106,12 +107,20 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
                                                       {"unaddressed", T::address(1, false)},
                                                       {"virtual", T::virtualIp(6)},
                                                       {"no more virtual", T::virtualIp(3, false)}};
+  size_t all = 0;
   for (const auto& [name, event] : events) {
     const Steps after{event};
+    // Without a failure the same is told, all of it twice.
+    const auto again = [&before, &after](Switch& sw) {
+      T::play(sw, before);
+      T::play(sw, after);
+      sw.redo();
+      return T::routesOf(sw);
+    };
     Switch whole({.settles = true});
     T::play(whole, before);
     T::play(whole, after);
-    const std::string expected = T::routesOf(whole);
+    const std::string expected = again(whole);
     size_t tried = 0;
     for (bool hasRunOut = true; hasRunOut;) {
       SCOPED_TRACE(std::string(name) + ", allocation " + std::to_string(++tried));
@@ -123,13 +132,11 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
         hasRunOut = memory.hasRunOut();
       }
       ASSERT_NO_THROW(T::routesOf(sw)) << "the tables cannot be read";
-      T::play(sw, before);
-      T::play(sw, after);
-      sw.redo();
-      EXPECT_EQ(T::routesOf(sw), expected);
+      EXPECT_EQ(again(sw), expected);
     }
-    EXPECT_GT(tried, 1U) << name;
+    all += tried;
   }
+  EXPECT_GT(all, 5 * std::size(events)) << "events allocate";
 }
 
 }  // namespace
