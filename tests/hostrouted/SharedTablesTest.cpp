@@ -4,6 +4,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "platform/tovan/RouteTableReader.h"
 #include "platform/tovan/TableMemory.h"
 #include "tests/hostrouted/RouterWorld.h"
@@ -27,7 +29,8 @@ class SharedTablesTest : public testing::Test {
   }
   /// The daemon's turns, for as long as it asks for them, up to some seconds.
   void idle(double seconds) {
-    for (const double end = world.now + seconds;;) {
+    const double end = world.now + seconds;
+    for (int turns = 0; turns < 1000; ++turns) {
       const auto next = world.router.nextDeadline();
       if (!next || *next > end) break;
       world.now = std::max(world.now, *next);
@@ -44,6 +47,11 @@ class SharedTablesTest : public testing::Test {
     }
   }
 
+  uint64_t adjacencyOf(uint32_t n) const {
+    const auto found = Tovan::Fib::RouteTableReader(name, "default").find(host(n));
+    return found ? found->route.fecId : 0;
+  }
+
   const std::string name = "idle" + std::to_string(::getpid());
   RouterWorld world{config()};
 };
@@ -56,10 +64,10 @@ TEST_F(SharedTablesTest, AreMendedThoughNothingHappens) {
   expectWhole("a damaged route");
   EXPECT_FALSE(world.router.isIncomplete());
 
+  const uint64_t adjacency = adjacencyOf(7);
   uint64_t text = 0;  // the name that the next hops show
   std::memcpy(&text, "p1\0\0\0\0\0", sizeof(text));
   ASSERT_EQ(Tovan::damage(name + ".intf4", text, 0), 1u);
-  const auto adjacency = Tovan::Fib::ForwardingStatus::kFirstAdjacency;
   ASSERT_EQ(Tovan::damage(name + ".fec4", adjacency, Tovan::kValue<uint64_t>), 1u);
   idle(20);
   expectWhole("a damaged name and adjacency");

@@ -1,4 +1,5 @@
 // An allocation that fails in the middle of an event.
+#include <iterator>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -8,8 +9,8 @@
 
 #include "daemon/Operation.h"
 #include "platform/kiv/containers/Exception.h"
+#include "replay/ShownRoute.h"
 #include "tests/kiv/ShortMemory.h"
-#include "tests/replay/Dumps.h"
 
 namespace {
 
@@ -68,6 +69,19 @@ class AllocationTest : public testing::Test {
       }
     }
   }
+
+  /// The routes in the table, with their next hops.
+  static std::string routesOf(const Switch& sw) {
+    std::string text;
+    const auto& routing = sw.vrfs().at("default").template routing<F>();
+    for (auto shown : Replay::shownRoutes<F>(*routing.routeStatus, *sw.shared<F>().forwarding,
+                                             [](const auto&) { return true; })) {
+      // An adjacency's number depends on which were there before.
+      if (shown.route.fecId >= F::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
+      text += Replay::routeJson<F>(shown).text() + "\n";
+    }
+    return text;
+  }
 };
 using Families = testing::Types<Daemon::Ipv4, Daemon::Ipv6>;
 TYPED_TEST_SUITE(AllocationTest, Families);
@@ -93,12 +107,20 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
                                                       {"unaddressed", T::address(1, false)},
                                                       {"virtual", T::virtualIp(6)},
                                                       {"no more virtual", T::virtualIp(3, false)}};
+  size_t all = 0;
   for (const auto& [name, event] : events) {
     const Steps after{event};
+    // Without a failure the same is told, all of it twice.
+    const auto again = [&before, &after](Switch& sw) {
+      T::play(sw, before);
+      T::play(sw, after);
+      sw.redo();
+      return T::routesOf(sw);
+    };
     Switch whole({.settles = true});
     T::play(whole, before);
     T::play(whole, after);
-    const auto expected = canonicalDumps(whole);
+    const std::string expected = again(whole);
     size_t tried = 0;
     for (bool hasRunOut = true; hasRunOut;) {
       SCOPED_TRACE(std::string(name) + ", allocation " + std::to_string(++tried));
@@ -109,14 +131,12 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
         T::play(sw, after);
         hasRunOut = memory.hasRunOut();
       }
-      ASSERT_NO_THROW(canonicalDumps(sw)) << "the tables cannot be read";
-      T::play(sw, before);
-      T::play(sw, after);
-      sw.redo();
-      EXPECT_EQ(difference(canonicalDumps(sw), "after", expected, "whole"), "");
+      ASSERT_NO_THROW(T::routesOf(sw)) << "the tables cannot be read";
+      EXPECT_EQ(again(sw), expected);
     }
-    EXPECT_GT(tried, 1U) << name;
+    all += tried;
   }
+  EXPECT_GT(all, 2 * std::size(events)) << "events allocate";
 }
 
 }  // namespace
