@@ -1,5 +1,5 @@
-// A name that is made when the process starts, by a source that knows of nothing but names. It is
-// to be the first to be initialised, so it stands first in the alphabet.
+// A name with static initialisation, in a source that includes only the header of names. The source
+// comes first in the alphabet, so that the linker initialises it first.
 #include "platform/kiv/containers/String.h"
 
 namespace Sample {

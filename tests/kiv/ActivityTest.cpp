@@ -1,4 +1,4 @@
-// Activities: notifications that wait, and when they are delivered.
+// Tests of activities: queued notifications and their delivery.
 #include "platform/kiv/runtime/Activity.h"
 
 #include <gtest/gtest.h>

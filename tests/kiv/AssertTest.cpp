@@ -1,4 +1,4 @@
-// Broken invariants, and the clock that a replay puts in place of the system's.
+// Tests of assertions, and of the clock that a replay can replace.
 #include "platform/kiv/runtime/Assert.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Attributes of entities: what is stored, what is announced, who owns what.
+// Tests of the attributes of entities: storage, notifications and ownership.
 #include "platform/kiv/runtime/Attributes.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tests of HashMap against a model, and of what an iterator survives.
+// Tests of HashMap against a model, and of iterators during changes.
 #include "platform/kiv/containers/HashMap.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Who is told of a change, and what may happen meanwhile.
+// Tests of notifications: their receivers, and changes during a notification.
 #include "platform/kiv/runtime/Notifiee.h"
 
 #include <gtest/gtest.h>

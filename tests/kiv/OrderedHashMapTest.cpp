@@ -1,4 +1,4 @@
-// A hash map's keys in order, beside a std::set of them.
+// Tests of the ordered hash map against a std::set of its keys.
 #include "platform/kiv/containers/OrderedHashMap.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Handles and the counts of the objects they hold.
+// Tests of handles and reference counts.
 #include "platform/kiv/containers/Ptr.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Rows with several columns, beside a std::map for each column.
+// Tests of rows with several columns against one std::map for each column.
 #include "platform/kiv/containers/Rows.h"
 
 #include <gtest/gtest.h>

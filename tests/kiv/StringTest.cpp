@@ -1,4 +1,4 @@
-// Strings, names, and the hashes under which tables keep them.
+// Tests of strings, names and their hashes.
 #include "platform/kiv/containers/String.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Tracing: what is written, what a record says, and what a disabled statement does not do.
+// Tests of tracing: the trace records and their destination, and the cost of disabled statements.
 #include "platform/kiv/runtime/Trace.h"
 
 #include <gtest/gtest.h>

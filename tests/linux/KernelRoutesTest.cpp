@@ -631,9 +631,9 @@ TEST_F(KernelRoutesTest, WritesAheadOnlyWhatNobodyWasToldOf) {
   expectRight();
 }
 
-// Whatever happens, and wherever the process is killed: once it is over, the kernel has what is
-// wanted, whoever imports the table has the same, and the log names no more than that.
-TEST_F(KernelRoutesTest, ComesRightAfterAnything) {
+// After random events, and after a kill at any request, the kernel has exactly the wanted routes. A
+// daemon that imports the table has the same routes, and the log has no other keys.
+TEST_F(KernelRoutesTest, ConvergesAfterRandomEventsAndKills) {
   for (uint32_t seed = 1; seed <= 300; ++seed) {
     std::mt19937 random(seed);
     const auto below = [&random](uint32_t n) { return static_cast<uint32_t>(random() % n); };

@@ -1,4 +1,4 @@
-// An allocation that fails in the middle of an event.
+// Tests of events during which an allocation fails.
 #include <iterator>
 #include <new>
 #include <string>
@@ -76,7 +76,7 @@ class AllocationTest : public testing::Test {
     const auto& routing = sw.vrfs().at("default").template routing<F>();
     for (auto shown : Replay::shownRoutes<F>(*routing.routeStatus, *sw.shared<F>().forwarding,
                                              [](const auto&) { return true; })) {
-      // An adjacency's number depends on which were there before.
+      // An adjacency's number depends on earlier adjacencies, so it is not compared.
       if (shown.route.fecId >= F::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
       text += Replay::routeJson<F>(shown).text() + "\n";
     }
@@ -86,7 +86,7 @@ class AllocationTest : public testing::Test {
 using Families = testing::Types<Daemon::Ipv4, Daemon::Ipv6>;
 TYPED_TEST_SUITE(AllocationTest, Families);
 
-// The process goes on, and what it is told again afterwards makes it whole.
+// After the failure the process continues. The same inputs, applied again, restore the full state.
 TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
   using T = AllocationTest<TypeParam>;
   const Steps before{Daemon::SetInterface{.intf = T::port(), .vrf = "default"},
