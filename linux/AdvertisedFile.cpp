@@ -196,12 +196,12 @@ bool AdvertisedFile::applyLine(std::string_view line) {
   }
   const auto metric = parseNumber(line);
   if (verb != "+" || !metric) return false;
-  live_.insertOrAssign(key, *metric);
+  *live_.tryEmplace(key).first = *metric;
   return true;
 }
 
 void AdvertisedFile::add(const RouteKey& key, uint32_t metric) {
-  live_.insertOrAssign(key, metric);
+  *live_.tryEmplace(key).first = metric;
   appendAddition(pending_, key, metric);
   ++pendingLines_;
 }

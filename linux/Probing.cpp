@@ -98,7 +98,7 @@ void Probing::takeRefreshments(int family, std::vector<Probe>& probes) {
     refreshments.queue.pop();
     const auto* neighbor = mirror_.neighbor(probe.link, probe.addr);
     if (neighbor == nullptr || !isOurs(*neighbor) || neighbor->state != NUD_STALE) continue;
-    refreshedAt_.insertOrAssign(probe, tokensAt_);
+    *refreshedAt_.tryEmplace(probe).first = tokensAt_;
     probes.push_back(probe);
     --tokens_;
   }
