@@ -32,7 +32,6 @@ struct Ipv4 {
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRouteTrace; }
-  static constexpr const char* kNamespace = "Routing::Host";
   static constexpr const char* kModule = "HostRouteSm";
 
   static constexpr RouteType kInvalid = Fib::invalid_;
@@ -55,6 +54,18 @@ struct Ipv4 {
     static constexpr const char* kRemovingRoute = "removing arp route for ";
     static constexpr const char* kHostFibRoute = "/32 fib route that is associated with ";
     static constexpr const char* kDroppingLast = "Dropping ref on last fecId: ";
+    static constexpr const char* kNullVrfIpIntfStatus =
+        "null _vrfIpIntfStatus parameter to mutator for Routing::Host::RouteSm::vrfIpIntfStatus "
+        "not allowed";
+    static constexpr const char* kNullArpIntfStatus =
+        "null _arpIntfStatus parameter to mutator for Routing::Host::RouteSm::arpIntfStatus not "
+        "allowed";
+    static constexpr const char* kNullIpIntfStatusFilter =
+        "null _ipIntfStatusFilter parameter to mutator for "
+        "Routing::Host::RouteSm::ipIntfStatusFilter not allowed";
+    static constexpr const char* kNullIpIntfStatus =
+        "null _ipIntfStatus parameter to mutator for Routing::Host::RouteSm::ipIntfStatus not "
+        "allowed";
   };
 
   static bool isOwnType(RouteType type) {

@@ -120,12 +120,13 @@ void RouteSm::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
 }
 
 void RouteSm::ipIntfStatusFilterIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  Frame(*this).intfMemberIs(ipIntfStatusFilter_, "ipIntfStatusFilter", ipIntfStatus);
+  Frame(*this).intfMemberIs(ipIntfStatusFilter_, Ipv4::Text::kNullIpIntfStatusFilter, ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatusFilter> RouteSm::newIpIntfStatusFilter(
     const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  return Frame(*this).newIntfMember(ipIntfStatusFilter_, "ipIntfStatusFilter", ipIntfStatus);
+  return Frame(*this).newIntfMember(ipIntfStatusFilter_, Ipv4::Text::kNullIpIntfStatusFilter,
+                                    ipIntfStatus);
 }
 
 void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
@@ -137,12 +138,12 @@ void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) 
 }
 
 void RouteSm::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  Frame(*this).intfMemberIs(ipIntfStatus_, "ipIntfStatus", ipIntfStatus);
+  Frame(*this).intfMemberIs(ipIntfStatus_, Ipv4::Text::kNullIpIntfStatus, ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatus> RouteSm::newIpIntfStatus(
     const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  return Frame(*this).newIntfMember(ipIntfStatus_, "ipIntfStatus", ipIntfStatus);
+  return Frame(*this).newIntfMember(ipIntfStatus_, Ipv4::Text::kNullIpIntfStatus, ipIntfStatus);
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {

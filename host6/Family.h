@@ -58,7 +58,6 @@ struct Ipv6 {
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRoute6Trace; }
-  static constexpr const char* kNamespace = "Routing6::Host";
   static constexpr const char* kModule = "HostRoute6Sm";
 
   static constexpr RouteType kInvalid = Fib::invalid_;
@@ -83,6 +82,18 @@ struct Ipv6 {
     static constexpr const char* kDroppingLast =
         " Dropping ref on last fec id: "
         " fecId: ";
+    static constexpr const char* kNullVrfIpIntfStatus =
+        "null _vrfIpIntfStatus parameter to mutator for Routing6::Host::RouteSm::vrfIpIntfStatus "
+        "not allowed";
+    static constexpr const char* kNullArpIntfStatus =
+        "null _arpIntfStatus parameter to mutator for Routing6::Host::RouteSm::arpIntfStatus not "
+        "allowed";
+    static constexpr const char* kNullIpIntfStatusFilter =
+        "null _ipIntfStatusFilter parameter to mutator for "
+        "Routing6::Host::RouteSm::ipIntfStatusFilter not allowed";
+    static constexpr const char* kNullIpIntfStatus =
+        "null _ipIntfStatus parameter to mutator for Routing6::Host::RouteSm::ipIntfStatus not "
+        "allowed";
   };
 
   static bool isOwnType(RouteType type) { return type == Fib::receive_ || type == Fib::attached_; }

@@ -121,12 +121,13 @@ void RouteSm::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
 }
 
 void RouteSm::ipIntfStatusFilterIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
-  Frame(*this).intfMemberIs(ipIntfStatusFilter_, "ipIntfStatusFilter", ipIntfStatus);
+  Frame(*this).intfMemberIs(ipIntfStatusFilter_, Ipv6::Text::kNullIpIntfStatusFilter, ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatusFilter> RouteSm::newIpIntfStatusFilter(
     const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
-  return Frame(*this).newIntfMember(ipIntfStatusFilter_, "ipIntfStatusFilter", ipIntfStatus);
+  return Frame(*this).newIntfMember(ipIntfStatusFilter_, Ipv6::Text::kNullIpIntfStatusFilter,
+                                    ipIntfStatus);
 }
 
 void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
@@ -138,12 +139,12 @@ void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) 
 }
 
 void RouteSm::ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
-  Frame(*this).intfMemberIs(ipIntfStatus_, "ipIntfStatus", ipIntfStatus);
+  Frame(*this).intfMemberIs(ipIntfStatus_, Ipv6::Text::kNullIpIntfStatus, ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatus> RouteSm::newIpIntfStatus(
     const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
-  return Frame(*this).newIntfMember(ipIntfStatus_, "ipIntfStatus", ipIntfStatus);
+  return Frame(*this).newIntfMember(ipIntfStatus_, Ipv6::Text::kNullIpIntfStatus, ipIntfStatus);
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {

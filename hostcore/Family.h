@@ -39,7 +39,6 @@ concept FamilyTypes = requires {
 template <class F>
 concept FamilyConstants = requires {
   requires std::convertible_to<decltype(F::kModule), const char*>;
-  requires std::convertible_to<decltype(F::kNamespace), const char*>;
   requires std::convertible_to<decltype(F::kInvalid), typename F::RouteType>;
   requires std::convertible_to<decltype(F::kAttached), typename F::RouteType>;
   requires std::convertible_to<decltype(F::kReadyKind), RovelReady::RouteType>;
@@ -51,7 +50,9 @@ concept FamilyConstants = requires {
   // const char*, each
   F::Text::kTypeIsValid, F::Text::kEntry, F::Text::kSkippingEntry, F::Text::kHandlingAdded,
       F::Text::kNotStoring, F::Text::kNoRoutesForDeleted, F::Text::kEntriesLeft, F::Text::kWasNone,
-      F::Text::kRemovingRoute, F::Text::kHostFibRoute, F::Text::kDroppingLast;
+      F::Text::kRemovingRoute, F::Text::kHostFibRoute, F::Text::kDroppingLast,
+      F::Text::kNullVrfIpIntfStatus, F::Text::kNullArpIntfStatus, F::Text::kNullIpIntfStatusFilter,
+      F::Text::kNullIpIntfStatus;
 };
 
 /// Members that the halves name differently, under a neutral name.

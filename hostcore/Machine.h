@@ -1,7 +1,6 @@
 // The life of a state machine: its inputs and reactors, from the start to the end.
 #pragma once
 
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -70,18 +69,18 @@ class Machine {
 
   /// Points the reactor of an interface at its status, made first if it is not there.
   ///
-  /// \param attribute  the collection's name, for the exception.
+  /// \param nullText  what the exception says when `status` is null.
   template <class Collection, class Status>
-  void intfMemberIs(Collection& collection, const char* attribute, const Status& status) {
+  void intfMemberIs(Collection& collection, const char* nullText, const Status& status) {
     requireNotEnded();
-    requireInput(bool(status), attribute);
+    KIV_REQUIRE(status, nullText);
     bindMember(collection, sm_, status->intfId(), status);
   }
   /// The same with a new reactor in place of one that is there. Returns it.
   template <class Collection, class Status>
-  auto newIntfMember(Collection& collection, const char* attribute, const Status& status) {
+  auto newIntfMember(Collection& collection, const char* nullText, const Status& status) {
     if (status) renewMember(collection, sm_, status->intfId());
-    intfMemberIs(collection, attribute, status);  // refuses null
+    intfMemberIs(collection, nullText, status);  // refuses null
     return collection.get(status->intfId());
   }
   template <class Status>
@@ -100,15 +99,6 @@ class Machine {
   }
 
  private:
-  /// \throws Kiv::RangeException when an input of the attribute is null.
-  static void requireInput(bool isThere, const char* attribute) {
-    if (isThere) return;
-    std::ostringstream message;
-    message << "null _" << attribute << " parameter to mutator for " << F::kNamespace
-            << "::RouteSm::" << attribute << " not allowed";
-    throw Kiv::RangeException(message.str());
-  }
-
   RouteSm& sm_;
 };
 
@@ -229,7 +219,7 @@ template <class F>
 template <class Status>
 void Machine<F>::vrfIpIntfStatusIs(const Status& status) {
   requireNotEnded();
-  requireInput(bool(status), "vrfIpIntfStatus");
+  KIV_REQUIRE(status, F::Text::kNullVrfIpIntfStatus);
   const Zemit::IntfId intfId = status->intfId();
   const Event<F> event(sm_, CauseKind::Interface, intfId);
   sm_.vrfIpIntfStatus_.set(sm_, intfId, status);
@@ -257,7 +247,7 @@ void Machine<F>::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
 template <class F>
 void Machine<F>::arpIntfStatusIs(const Arp::ArpIntfStatus::PtrConst& table) {
   requireNotEnded();
-  requireInput(bool(table), "arpIntfStatus");
+  KIV_REQUIRE(table, F::Text::kNullArpIntfStatus);
   const auto former = bindMember(sm_.arpIntfStatus_, sm_, table->name(), table);
   Relevance<F>(sm_).review(table->intfId());
   if (former && former != table) {
