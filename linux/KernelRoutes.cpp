@@ -155,7 +155,8 @@ void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>&
     Entry* const entry = entries_.find(key);
     if (entry == nullptr || entry->actual == 0) return;
     // It may be one that was there before the request under way.
-    entry->set(kUnsure | kMeddled | (wasUnderWay ? 0 : kTold));
+    entry->set(kUnsure | kMeddled);
+    if (!wasUnderWay) entry->set(kTold);
     mark(key, *entry);
     return;
   }
