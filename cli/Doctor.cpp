@@ -305,7 +305,11 @@ class Examination {
 
   /// Without a rule for them, packets of VRFs are looked up in the table main.
   void checkVrfRule(int family) {
-    if (machine_.rules.empty()) return;
+    // A kernel without a family has no rules of it.
+    if (std::ranges::none_of(machine_.rules,
+                             [&](const auto& rule) { return rule.family == family; })) {
+      return;
+    }
     for (const auto& link : machine_.links) {
       if (link.kind != "vrf") continue;
       const bool isLookedUp = std::ranges::any_of(machine_.rules, [&](const Linux::Rule& rule) {

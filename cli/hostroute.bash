@@ -58,7 +58,8 @@ _hostroute() {
     *history) options="--vrf --last --replay --at --settle --json --socket --help
       $(_hostroute_names prefixes "$word")" ;;
     *monitor) options="--vrf --json --socket --help $(_hostroute_names prefixes "$word")" ;;
-    *neighbors) options="--vrf --family --intf --json --socket --help" ;;
+    *neighbors) options="--vrf --family --intf --json --socket --help
+      $(_hostroute_names prefixes "$word" | sed -nE 's/\/(32|128)$//p')" ;;
     *dump) options="--vrf --family --json --socket --help" ;;
     *counters) options="--help-texts --json --socket --help" ;;
     *metrics) options="--http --socket --help" ;;

@@ -92,7 +92,7 @@ _hostroute() {
     monitor) _arguments '--vrf[only this VRF]:VRF:_hostroute_vrfs' $live '1:prefix:_hostroute_prefixes' ;;
     neighbors)
       _arguments $chosen '--intf[only on this interface]:interface:_hostroute_interfaces' $live \
-        '1:address:'
+        '1:address:_hostroute_addresses'
       ;;
     dump) _arguments $chosen $live ;;
     counters) _arguments '--help-texts[show the meanings]' $live '1:name:' ;;

@@ -30,8 +30,8 @@ struct CounterValue {
   uint64_t value;
 };
 
-/// The numbers of one VRF, those of IPv4 first. Those of one name stand together. A machine that
-/// has ended has none.
+/// The numbers of one VRF, those of IPv4 first. Within a family those of one name stand together. A
+/// machine that has ended has none.
 struct Counters {
   std::vector<CounterValue> values;
 

@@ -20,7 +20,7 @@ Switch::Switch(Options options)
       neighborDir_(Kiv::make<Arp::NeighborDir>("neighborDir")) {
   if (!options_.sharedName.empty()) {
     KIV_REQUIRE(isSharedName(options_.sharedName),
-                "the name of shared tables may have neither \".\" nor \"/\"");
+                "the name of shared tables has 1 to 100 bytes, and neither \".\" nor \"/\"");
     removeSharedLeftovers(options_.sharedName);
     sharedTables_.process = ::getpid();
   }
@@ -125,7 +125,10 @@ bool Switch::tendTables(bool all) {
   const auto tend = [&](auto& table) {
     try {
       table.tend(tendRound_);
-    } catch (const Tovan::NoSpaceException&) {
+      mayGrow &= table.isCurrent();
+    } catch (const Kiv::Exception&) {  // no room, or damage that was reported
+      mayGrow = false;
+    } catch (const std::bad_alloc&) {
       mayGrow = false;
     }
   };

@@ -121,13 +121,13 @@ class Switch {
   template <class Addr>
   void setNeighbor(Zemit::IntfId intf, const Arp::BasicNeighborStatus<Addr>& neighbor,
                    bool present = true);
-  /// Makes an empty table where there is none; or removes the table with its neighbours.
-  /// A neighbour will be set soon: begins to fetch what that takes.
+  /// A prefetch hint: a neighbour will be set soon.
   template <class Addr>
   void expectNeighbor(Zemit::IntfId intf, const Addr& addr) const {
     const auto* table = neighborDir_->tableOf(intf);
     if (table != nullptr) FamilyOf<Addr>::neighborExpect(*table, addr);
   }
+  /// Makes an empty table where there is none; or removes the table with its neighbours.
   void setNeighborTable(Zemit::IntfId intf, bool present = true);
 
   /// \throws Kiv::RangeException when the id is 0 or over 2^32 - 1.

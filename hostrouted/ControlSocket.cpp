@@ -321,7 +321,10 @@ class ControlSocket::Server {
   void write(Client& client, const std::function<void(std::ostream&)>& bulk) {
     const auto text = std::exchange(client.output, {});
     const auto most = client.peer.isRoot ? kMostWriters : kMostWriters - kRootsWriters;
-    if (writers_.size() >= most) {
+    const auto ofThisUser = std::ranges::count_if(clients_, [&](const Client& other) {
+      return other.writer != 0 && other.uid == client.uid;
+    });
+    if (writers_.size() >= most || (!client.peer.isRoot && ofThisUser >= kMostWritersOfAUser)) {
       client.output = Control::refusal("other long answers are being written; ask again later");
       return;
     }
@@ -359,13 +362,18 @@ class ControlSocket::Server {
     ::setsockopt(kKept, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     SocketBuffer buffer(kKept);
     std::ostream os(&buffer);
-    os << text;
+    // Nothing of the daemon's may be destroyed here: an exception must not leave this function.
     try {
-      bulk(os);
-    } catch (const std::exception& error) {
-      os << toLine({{"error", error.what()}});
+      os << text;
+      try {
+        bulk(os);
+      } catch (const std::exception& error) {
+        os << toLine({{"error", error.what()}});
+      }
+      os << "{\"end\":true}\n" << std::flush;
+    } catch (...) {
+      ::_exit(1);
     }
-    os << "{\"end\":true}\n" << std::flush;
     ::_exit(0);
   }
 

@@ -28,6 +28,7 @@ class ControlSocket {
   static constexpr size_t kMostOfOneUser = 8;
   static constexpr size_t kMostWriters = 4;
   static constexpr size_t kRootsWriters = 1;  ///< of these, which nobody else gets
+  static constexpr long kMostWritersOfAUser = 2;
   /// A client that asks nothing, or does not take its answer, is dropped after so many seconds.
   static constexpr double kPatience = 30;
 

@@ -52,7 +52,8 @@ void Log::write(int level, std::string_view kind, const std::string& message,
     return;
   }
   std::vector<std::string> lines{"MESSAGE=" + text, "PRIORITY=" + std::to_string(level),
-                                 "SYSLOG_IDENTIFIER=hostrouted"};
+                                 "SYSLOG_IDENTIFIER=hostrouted",
+                                 "HOSTROUTE_KIND=" + std::string(kind)};
   for (const auto& [name, value] : fields) {
     lines.push_back("HOSTROUTE_" + std::string(name) + "=" + value);
   }

@@ -75,6 +75,7 @@ void Recorder::writeTime() {
 
 void Recorder::writeText(const std::string& text) {
   file_ << text;
+  if (!file_ && error_ == 0) error_ = errno;
   bytes_ += text.size();
 }
 
@@ -107,7 +108,9 @@ void Recorder::rotate() {
 }
 
 void Recorder::fail() {
-  problem_ = path_ + ": the recording ends here: it cannot be written: " + std::strerror(errno);
+  problem_ = path_ + ": the recording ends here: it cannot be written: " +
+             std::strerror(error_ != 0 ? error_ : errno);
+  error_ = 0;
   const bool isOurs = isOn();
   file_.close();
   snapshot_ = {};

@@ -74,6 +74,7 @@ class Recorder {
   uint64_t bytes_ = 0;
   uint64_t snapshotBytes_ = 0;
   uint64_t keptBytes_ = 0;  // of the file in use, which are in it for sure
+  int error_ = 0;           // the errno of the first writing that failed
   std::string problem_;
   bool hasTime_ = false;  // whether this turn's time is in the file
 };

@@ -124,8 +124,10 @@ bool Router::takeOwnRoute(const Linux::Change& change) {
     const auto& tables = entry.second;
     return route->table == (Linux::familyOf(route->prefix) == 4 ? tables.table4 : tables.table6);
   };
-  if (std::ranges::none_of(config_.tables, isOutput)) return isOurs;
   const Linux::RouteKey key{route->table, route->prefix};
+  // A route of ours may have stayed behind in a table of a former configuration.
+  const bool isLeftBehind = isOurs && routes_.knows(key);
+  if (!isLeftBehind && std::ranges::none_of(config_.tables, isOutput)) return isOurs;
   if (!isOurs) {
     if (standsWhereOursWould(*route)) routes_.observeAnother(key, route->metric, change.present);
     return false;
@@ -205,7 +207,7 @@ void Router::tendTables() {
   feed_.snapshot([this](const Daemon::Operation& operation) { operate(operation); });
   try {
     switch_.redo();
-  } catch (const Pindo::Exception& error) {
+  } catch (const std::exception& error) {
     isIncomplete_ = true;
     services_.report(LOG_ERR, std::string("the engine failed on a change: ") + error.what());
   }

@@ -39,6 +39,9 @@ namespace {
 /// About how many messages are read in one turn: enough for what belongs together to be handled as
 /// one, few enough for the routes of one turn to be written while the next is handled.
 constexpr size_t kMessagesATurn = 4096;
+/// The most messages that are read after a dump. All that were notified meanwhile are to be known
+/// before routes are withdrawn; a flood without an end is not to keep the daemon for ever.
+constexpr size_t kMessagesADump = 1 << 20;
 /// The status file is written at most this often, in seconds.
 constexpr double kStatusInterval = 1;
 /// A list of advertised routes that cannot be written is tried again this often, in seconds.
@@ -170,8 +173,11 @@ class Service::Loop {
                 [this](std::span<const Linux::Probe> probes) {
                   if (!options_.isDryRun) prober_.probe(probes);
                 },
-            .report = [this](int level,
-                             const std::string& message) { log_.write(level, "router", message); },
+            .report =
+                [this](int level, const std::string& message) {
+                  // Many warnings are not to keep an error from being told.
+                  log_.write(level, level <= LOG_ERR ? "router-error" : "router", message);
+                },
             .record = [this](const Daemon::Operation& operation) { recorder_.write(operation); },
             .writesApart = !options_.isDryRun};
   }
@@ -282,8 +288,8 @@ class Service::Loop {
   }
 
   /// Reads what was notified. \return false when some of it was lost.
-  bool readInput() {
-    return notifications_.read(kMessagesATurn,
+  bool readInput(size_t most = kMessagesATurn) {
+    return notifications_.read(most,
                                [this](const Linux::Change& change) { router_->apply(change); });
   }
 
@@ -304,10 +310,9 @@ class Service::Loop {
     router_->beginDump();
     ::sd_notify(0, ("STATUS=" + std::string(phaseName(router_->phase()))).c_str());
     writeStatus();
-    bool isWhole = Linux::dumpAll([this](const Linux::Change& change) { router_->apply(change); });
-    // What was notified meanwhile comes on top; it may be older than the dump, but ends where the
-    // kernel is.
-    isWhole = readInput() && isWhole;
+    const bool isWhole = readAll();
+    // A dump of a large kernel takes long.
+    ::sd_notify(0, "WATCHDOG=1");
     if (!isWhole) {
       retryDelay_ = retryAt_ ? std::min(2 * retryDelay_, kLongestRetry) : kFirstRetry;
       retryAt_ = monotonicSeconds() + retryDelay_;
@@ -319,6 +324,21 @@ class Service::Loop {
       isReady_ = true;
       ::sd_notify(0, "READY=1");
       log_.write(LOG_INFO, "ready", statusLine(*router_));
+    }
+  }
+
+  /// \return false when it is to be tried again.
+  bool readAll() {
+    try {
+      const bool isWhole =
+          Linux::dumpAll([this](const Linux::Change& change) { router_->apply(change); }, warner());
+      // The notifications since the dump began come on top. They may be older than the dump, but
+      // end where the kernel is.
+      return readInput(kMessagesADump) && isWhole;
+    } catch (const Linux::NetlinkError& error) {
+      if (!isReady_) throw;
+      log_.write(LOG_ERR, "dump", std::string("cannot read the kernel's state: ") + error.what());
+      return false;
     }
   }
 

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <new>
 #include <system_error>
 
 namespace Linux {
@@ -34,6 +35,7 @@ RouteBatch* BackgroundWriter::vacant() {
 
 void BackgroundWriter::submit() {
   std::unique_lock lock(mutex_);
+  batch(submissions_).reserveResults();
   const bool isIdle = submissions_ == completions_;
   if (isIdle && batch(submissions_).size() > mostDirect_ && !thread_.joinable()) start();
   if (isIdle && batch(submissions_).size() <= mostDirect_) {
@@ -91,7 +93,11 @@ void BackgroundWriter::run() {
     if (completions_ == submissions_) return;
     auto& batch = this->batch(completions_);
     lock.unlock();
-    batch.performOn(channel_);
+    try {
+      batch.performOn(channel_);
+    } catch (const std::bad_alloc&) {
+      batch.resultsAre(ENOMEM);  // some were perhaps carried out: they are tried again
+    }
     lock.lock();
     ++completions_;
     finished_.notify_one();

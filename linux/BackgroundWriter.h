@@ -21,8 +21,8 @@ namespace Linux {
 /// the same time. The thread begins with the first batch that is for it; where the system allows
 /// none, submit() does all.
 ///
-/// But for the thread's own part, all is for one thread. A process that is forked from this one may
-/// only end.
+/// But for the thread's own part, all is for one thread. A process that is forked from this one
+/// must not use or destroy it.
 class BackgroundWriter final : public RouteWriter {
  public:
   /// Batches that may be under way.

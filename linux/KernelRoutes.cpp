@@ -173,6 +173,11 @@ void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>&
   advertiseFound(key, entry, values_[id].metric);
   entry.clear(kUnsure | kTold | kClaimed);
   setActual(entry, id);
+  if (wasUnderWay) {
+    // It may have been there before the request, which has replaced or deleted it since.
+    entry.set(kUnsure);
+    mark(key, entry);
+  }
   if (entry.wanted == id && !entry.is(kReplaced)) return;
   entry.set(kMeddled);
   mark(key, entry);
@@ -427,8 +432,9 @@ void KernelRoutes::flushAndWait() {
 }
 
 void KernelRoutes::flushAdditions() {
-  // A host that flaps is found by what differs at the end.
-  if (!started_ || options_.dampingChanges != 0) return;
+  // A host that flaps is found by what differs at the end. Strays are announced before the log is
+  // committed, by flush().
+  if (!started_ || options_.dampingChanges != 0 || !strays_.empty()) return;
   now_ = clock_();
   settleFinished();
   while (writeNext(Extent::Additions)) settleFinished();

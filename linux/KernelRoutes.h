@@ -93,6 +93,8 @@ class KernelRoutes {
   /// The kernel told of a route with our protocol number that we did not write or delete ourselves.
   /// \param replaces  it stands in the place of another (NLM_F_REPLACE).
   void observe(const RouteKey& key, const std::optional<RouteValue>& value, bool replaces = false);
+  /// Whether something is known of this route: it is wanted, there, or was advertised.
+  bool knows(const RouteKey& key) const { return entries_.find(key) != nullptr; }
   /// The kernel told that another protocol's route came or went where one of ours may be.
   void observeAnother(const RouteKey& key, uint32_t metric, bool present);
   /// The kernel may have dropped the routes through an interface without a word: it went down, lost

@@ -1,6 +1,7 @@
 // How requests for host routes get to the kernel: at once, or while their user goes on.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -28,10 +29,14 @@ class RouteBatch {
     request.value.preferredSource.reset();
     return request;
   }
+  /// Takes the memory that performOn() needs.
+  void reserveResults() { results_.resize(count_); }
+  /// \pre reserveResults()
   void performOn(RouteChannel& channel) {
-    results_.resize(count_);
     channel.perform(std::span(requests_).first(count_), results_);
   }
+  /// Gives each request the same result.
+  void resultsAre(int result) { std::ranges::fill(results_, result); }
   /// One for each request, once they were performed: see RouteChannel::perform().
   std::span<const int> results() const { return results_; }
 

@@ -88,7 +88,7 @@ void dumpRules(int family, std::vector<Rule>& rules) {
     state = mnl_cb_run(buffer.data(), static_cast<size_t>(size), 1,
                        mnl_socket_get_portid(socket.get()), takeRule, &rules);
     // A kernel without such rules has none.
-    if (state < 0 && errno == EOPNOTSUPP) return;
+    if (state < 0 && (errno == EOPNOTSUPP || errno == EAFNOSUPPORT)) return;
     if (state < 0) refuse();
   }
 }

@@ -356,7 +356,8 @@ TableMemory::~TableMemory() {
 }
 
 void TableMemory::leaveToParent() {
-  if (isWritable_ && fd_ >= 0) ::close(std::exchange(fd_, -1));
+  if (!isWritable_ || fd_ < 0) return;
+  ::close(std::exchange(fd_, -1));
   isWritable_ = false;
 }
 
@@ -399,7 +400,16 @@ void TableMemory::provide(size_t at, size_t bytes) {
 
 void TableMemory::refresh() {
   struct stat status {};
-  if (fd_ < 0 || ::fstat(fd_, &status) != 0) return;
+  if (fd_ < 0) {
+    // A table that was left to the parent grows on. Its name says how far.
+    const bool isLeft = !isWritable_;
+    const auto path = kSharedMemoryFolder + fileName(name_);
+    if (isLeft && ::stat(path.c_str(), &status) == 0) {
+      bytes_ = std::clamp(static_cast<size_t>(status.st_size), bytes_, reserved_);
+    }
+    return;
+  }
+  if (::fstat(fd_, &status) != 0) return;
   bytes_ = static_cast<size_t>(status.st_size);
   isUnlinked_ = status.st_nlink == 0;
 }
@@ -409,7 +419,8 @@ void TableMemory::clear() {
 }
 
 bool TableMemory::hasOtherWriter() const {
-  return fd_ >= 0 && isLocked(fd_);
+  // The writer of a table that was left to the parent is the parent.
+  return fd_ >= 0 ? isLocked(fd_) : !isWritable_;
 }
 
 bool TableMemory::isCurrent() const {

@@ -183,7 +183,9 @@ class FakeWriter final : public RouteWriter {
   /// Carries out a batch, and leaves it unsaid.
   void performNext() {
     if (performed_ == underWay_.size()) return;
-    std::next(underWay_.begin(), static_cast<std::ptrdiff_t>(performed_))->performOn(channel_);
+    auto& batch = *std::next(underWay_.begin(), static_cast<std::ptrdiff_t>(performed_));
+    batch.reserveResults();
+    batch.performOn(channel_);
     ++performed_;
   }
   void finishNext() {
