@@ -305,11 +305,7 @@ class Examination {
 
   /// Without a rule for them, packets of VRFs are looked up in the table main.
   void checkVrfRule(int family) {
-    // A kernel without a family has no rules of it.
-    if (std::ranges::none_of(machine_.rules,
-                             [&](const auto& rule) { return rule.family == family; })) {
-      return;
-    }
+    if (machine_.rules.empty()) return;
     for (const auto& link : machine_.links) {
       if (link.kind != "vrf") continue;
       const bool isLookedUp = std::ranges::any_of(machine_.rules, [&](const Linux::Rule& rule) {

@@ -126,7 +126,7 @@ bool Switch::tendTables(bool all) {
     try {
       table.tend(tendRound_);
       mayGrow &= table.isCurrent();
-    } catch (const Kiv::Exception&) {  // no room, or damage that was reported
+    } catch (const Pindo::Exception&) {  // no room, or damage that was reported
       mayGrow = false;
     } catch (const std::bad_alloc&) {
       mayGrow = false;

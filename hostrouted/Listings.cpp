@@ -55,7 +55,7 @@ void forEachTable(const Router& router, const ListingFilter& filter, std::ostrea
       if (!filter.hasFamily(F::kNumber)) return;
       try {
         visit(family, vrfName, tables.template routing<F>());
-      } catch (const Kiv::Exception& damage) {
+      } catch (const Pindo::Exception& damage) {
         tellDamage(damage.what(), out);
       }
     });
@@ -140,7 +140,7 @@ void listRoutes(const Router& router, const ListingFilter& filter, std::ostream&
       try {
         const auto route = routing.routeStatus->route(prefix);
         if (route.key == prefix) listRoute<F>(router, filter, vrf, route, out);
-      } catch (const Kiv::Exception& damage) {
+      } catch (const Pindo::Exception& damage) {
         tellDamage(damage.what(), out);
       }
     }
@@ -173,7 +173,7 @@ void listNeighbors(const Router& router, const ListingFilter& filter, std::ostre
               return hasRoute<Daemon::FamilyOf<Addr>>(router, vrf, addr);
             },
             neighbor.addr);
-      } catch (const Kiv::Exception& damage) {
+      } catch (const Pindo::Exception& damage) {
         tellDamage(damage.what(), out);
       }
       Json row{{"vrf", vrf},

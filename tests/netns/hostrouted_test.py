@@ -295,11 +295,11 @@ class ProcessTest(RouterLab):
         for announces in ('true', 'false'):
             for restarts in (False, True):
                 with self.subTest(announces=announces, restarts=restarts):
-                    export = f'[export]\nannounce-silent-loss = {announces}\n'
-                    daemon = self.daemon(self.router, PORTS + export)
+                    repair = f'[repair]\nannounce-silent-loss = {announces}\n'
+                    daemon = self.daemon(self.router, PORTS + repair)
                     self.neighbor('10.0.1.11', 'p1')
                     self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
-                    daemon.set_config(PORTS + export + 'table = 20\n')
+                    daemon.set_config(PORTS + repair + '[export]\ntable = 20\n')
                     if restarts:
                         daemon.end(signal.SIGKILL)
                         daemon.start()
