@@ -127,6 +127,8 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
         try {
           const auto value = map->get(i);
           ASSERT_EQ(value.value_or(Repeated(i)).words, Repeated(i).words);
+        } catch (const BusyException&) {
+          ++reported;  // a damaged mark "in use" looks so
         } catch (const CorruptionDetectedException& e) {
           ++reported;
           map->corruptionDetected(e.what());
@@ -137,6 +139,8 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
     try {
       for (const auto& [key, value] : other) ASSERT_EQ(value.words, Repeated(key).words);
     } catch (const CorruptionDetectedException&) {
+      ++reported;
+    } catch (const BusyException&) {
       ++reported;
     }
     repaired += table.validate();
@@ -153,19 +157,20 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
 TEST_F(TovanMapDamageTest, IsFoundAtRestOnceInARound) {
   Map table = writer();
   for (uint64_t i = 0; i < 2000; ++i) table.set(kOdd + i, Repeated(i));
+  const uint64_t last = kOdd + 1999;  // no split has left a copy of it elsewhere
   const Map other = reader();
-  ASSERT_EQ(Tovan::damage<uint64_t>(name, kOdd + 7, kValue<uint64_t>), 1u);
+  ASSERT_EQ(Tovan::damage<uint64_t>(name, last, kValue<uint64_t>), 1u);
   TendRound round;
   int turns = 0;
   for (round.turnIs(5); table.corruptions() == 0 && turns < 100; ++turns) {
-    EXPECT_THROW(other.get(kOdd + 7), CorruptionDetectedException);
+    EXPECT_THROW(other.get(last), CorruptionDetectedException);
     table.tend(round);
     round.turnIs(5);
   }
   EXPECT_LT(turns, 100);
   EXPECT_NE(table.lastCorruption().find("slot at byte"), std::string::npos);
-  EXPECT_EQ(table.takeDropped()->keys, std::vector{kOdd + 7});
-  EXPECT_FALSE(other.get(kOdd + 7));
+  EXPECT_EQ(table.takeDropped()->keys, std::vector{last});
+  EXPECT_FALSE(other.get(last));
   EXPECT_EQ(other.keys().size(), 1999u);
   tend(table);
   EXPECT_EQ(table.corruptions(), 1u);
