@@ -67,8 +67,7 @@ TYPED_TEST(AdjacencyTest, AViaSetIsTheSameInWhateverOrderItWasMade) {
 
 // Beside a map from sets to users; enough of them that the table takes several pieces of memory.
 TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndForgetsItWithItsLastUser) {
-  using ViaSet = typename TestFixture::ViaSet;
-  Rovel::AdjacencyTable<ViaSet> table;
+  Rovel::AdjacencyTable<typename TestFixture::ViaSet> adjacencies;
   struct Model {
     uint32_t index = 0;
     uint32_t users = 0;
@@ -80,14 +79,14 @@ TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndForgetsItWithItsLastUser) {
     const auto n = static_cast<uint32_t>(random() % 900);
     auto& expected = model[n];
     if (random() % 2 == 0) {
-      const uint32_t next = table.next();
-      const auto [index, isNew] = table.take(this->vias({n, n + 1}));
+      const uint32_t next = adjacencies.next();
+      const auto [index, isNew] = adjacencies.take(this->vias({n, n + 1}));
       ASSERT_EQ(isNew, expected.users == 0);
       ASSERT_EQ(index, isNew ? next : expected.index);
       expected = {index, expected.users + 1};
       highest = std::max(highest, index);
     } else if (expected.users != 0) {
-      table.drop(expected.index);
+      adjacencies.drop(expected.index);
       --expected.users;
     }
   }
@@ -95,32 +94,32 @@ TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndForgetsItWithItsLastUser) {
   for (const auto& [n, expected] : model) {
     if (expected.users == 0) continue;
     ++sets;
-    EXPECT_EQ(table.users(expected.index), expected.users);
-    EXPECT_EQ(table.viaSet(expected.index), this->vias({n, n + 1}));
+    EXPECT_EQ(adjacencies.users(expected.index), expected.users);
+    EXPECT_EQ(adjacencies.viaSet(expected.index), this->vias({n, n + 1}));
   }
-  EXPECT_EQ(table.size(), sets);
-  EXPECT_EQ(table.last(), highest);
+  EXPECT_EQ(adjacencies.size(), sets);
+  EXPECT_EQ(adjacencies.last(), highest);
   EXPECT_GT(highest, 256u);
   EXPECT_LE(highest, 900u) << "numbers that are free again are not given out";
   size_t walked = 0;
-  table.forEach([&](const ViaSet&, uint32_t users) { walked += users != 0; });
+  adjacencies.forEach([&](const auto&, uint32_t users) { walked += users != 0; });
   EXPECT_EQ(walked, sets);
 }
 
 TYPED_TEST(AdjacencyTest, ATableKnowsNothingUnderOtherNumbers) {
-  Rovel::AdjacencyTable<typename TestFixture::ViaSet> table;
-  const auto index = table.take(this->vias({1})).first;
+  Rovel::AdjacencyTable<typename TestFixture::ViaSet> adjacencies;
+  const auto index = adjacencies.take(this->vias({1})).first;
   for (const uint64_t other : {uint64_t{0}, uint64_t{index} + 1, uint64_t{1} << 40}) {
-    table.drop(other);
-    EXPECT_EQ(table.users(other), 0u);
-    EXPECT_TRUE(table.viaSet(other).empty());
+    adjacencies.drop(other);
+    EXPECT_EQ(adjacencies.users(other), 0u);
+    EXPECT_TRUE(adjacencies.viaSet(other).empty());
   }
-  EXPECT_EQ(table.users(index), 1u);
-  table.share(index);
-  table.usersAre(index, 7);
-  EXPECT_EQ(table.users(index), 7u);
-  table.usersAre(index, 0);
-  EXPECT_EQ(table.size(), 0u);
+  EXPECT_EQ(adjacencies.users(index), 1u);
+  adjacencies.share(index);
+  adjacencies.usersAre(index, 7);
+  EXPECT_EQ(adjacencies.users(index), 7u);
+  adjacencies.usersAre(index, 0);
+  EXPECT_EQ(adjacencies.size(), 0u);
 }
 
 TYPED_TEST(AdjacencyTest, AFibAdjacencyIsPublishedFromItsFirstReferenceToItsLast) {
@@ -164,27 +163,26 @@ TYPED_TEST(AdjacencyTest, AHostAdjacencyBelongsToItsTable) {
 }
 
 TYPED_TEST(AdjacencyTest, ValidationBringsReferencesInStepWithRoutes) {
-  auto& helper = *this->helper;
   const auto routes = Kiv::make<typename TestFixture::RouteTable>("routes");
-  const auto kept = helper.doGetOrCreateFibAdjacency(this->vias({1}));
-  const auto lost = helper.doGetOrCreateFibAdjacency(this->vias({2}));
-  const auto shared = helper.doGetOrCreateFibAdjacency(this->vias({3}));
+  const auto kept = this->helper->doGetOrCreateFibAdjacency(this->vias({1}));
+  const auto lost = this->helper->doGetOrCreateFibAdjacency(this->vias({2}));
+  const auto shared = this->helper->doGetOrCreateFibAdjacency(this->vias({3}));
   routes->routeIs(this->route(1, kept));
   routes->routeIs(this->route(3, shared));
   routes->routeIs(this->route(4, shared));
-  const auto hostIndex = helper.doGetOrCreateHostAdjacency(this->vias({1}), this->table);
-  helper.doGetOrCreateHostAdjacency(this->vias({1}), this->table);
+  const auto hostIndex = this->helper->doGetOrCreateHostAdjacency(this->vias({1}), this->table);
+  this->helper->doGetOrCreateHostAdjacency(this->vias({1}), this->table);
   this->table->routeIs(this->route(1, hostIndex));
 
   const std::array routeTables{typename TestFixture::RouteTable::PtrConst(routes)};
   const std::array hostTables{this->table};
-  EXPECT_EQ(helper.validate(routeTables, hostTables), 3u);
+  EXPECT_EQ(this->helper->validate(routeTables, hostTables), 3u);
   EXPECT_FALSE(this->forwarding->adjacencyIsSound(lost));
   EXPECT_EQ(this->table->adjacencies().users(static_cast<uint32_t>(hostIndex)), 1u);
-  EXPECT_EQ(helper.validate(routeTables, hostTables), 0u);
-  helper.doDropRefOnFibAdjacency(shared);
+  EXPECT_EQ(this->helper->validate(routeTables, hostTables), 0u);
+  this->helper->doDropRefOnFibAdjacency(shared);
   EXPECT_TRUE(this->forwarding->adjacencyIsSound(shared));
-  helper.doDropRefOnFibAdjacency(shared);
+  this->helper->doDropRefOnFibAdjacency(shared);
   EXPECT_FALSE(this->forwarding->adjacencyIsSound(shared));
   EXPECT_TRUE(this->forwarding->adjacencyIsSound(kept));
 }
