@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <tuple>
 #include <vector>
 
 #include "platform/kiv/containers/Hash.h"
@@ -33,6 +32,16 @@ class PendingNotification {
   virtual void deliver() const = 0;
   virtual uint32_t hash() const = 0;
   virtual bool isSame(const PendingNotification& other) const = 0;
+
+ protected:
+  /// A hash of the reactor, the attribute and its key, if any.
+  uint32_t hashWith(uint32_t hashOfKey) const noexcept {
+    return hashWords(reinterpret_cast<uintptr_t>(&reactor_),
+                     (uint64_t{attribute_} << 32) | hashOfKey);
+  }
+  bool concernsSame(const PendingNotification& other) const noexcept {
+    return &other.reactor_ == &reactor_ && other.attribute_ == attribute_;
+  }
 
  private:
   Notifiee& reactor_;
@@ -104,31 +113,37 @@ class QueueingActivity final : public ActivityConfig {
   HashMap<Waiting, Present> waiting_;
 };
 
-/// A waiting notification of attribute `Attribute`; `Key` is empty for a scalar and for the
-/// announcement of a whole collection.
+/// A waiting notification of attribute `Attribute`, of a scalar or of a whole collection.
 template <class Attribute, class... Key>
 class PendingNotificationOf final : public PendingNotification {
  public:
-  explicit PendingNotificationOf(Notifiee& reactor, const Key&... key)
-      : PendingNotification(reactor, Attribute::kInfo.id), key_(key...) {}
+  explicit PendingNotificationOf(Notifiee& reactor)
+      : PendingNotification(reactor, Attribute::kInfo.id) {}
 
-  void deliver() const override {
-    std::apply([this](const Key&... key) { Attribute::deliver(reactor(), key...); }, key_);
-  }
-  uint32_t hash() const override {
-    uint32_t ofKey = 0;
-    if constexpr (sizeof...(Key) == 1) ofKey = Hash<Key...>()(std::get<0>(key_));
-    return hashWords(reinterpret_cast<uintptr_t>(&reactor()),
-                     (uint64_t{attribute()} << 32) | ofKey);
-  }
+  void deliver() const override { Attribute::deliver(reactor()); }
+  uint32_t hash() const override { return hashWith(0); }
   bool isSame(const PendingNotification& other) const override {
-    if (&other.reactor() != &reactor() || other.attribute() != attribute()) return false;
+    return concernsSame(other) && dynamic_cast<const PendingNotificationOf*>(&other) != nullptr;
+  }
+};
+
+/// One of the collection's entry `Key`.
+template <class Attribute, class Key>
+class PendingNotificationOf<Attribute, Key> final : public PendingNotification {
+ public:
+  PendingNotificationOf(Notifiee& reactor, const Key& key)
+      : PendingNotification(reactor, Attribute::kInfo.id), key_(key) {}
+
+  void deliver() const override { Attribute::deliver(reactor(), key_); }
+  uint32_t hash() const override { return hashWith(Hash<Key>()(key_)); }
+  bool isSame(const PendingNotification& other) const override {
+    if (!concernsSame(other)) return false;
     const auto* same = dynamic_cast<const PendingNotificationOf*>(&other);
     return same != nullptr && same->key_ == key_;
   }
 
  private:
-  std::tuple<Key...> key_;
+  Key key_;
 };
 
 }  // namespace Kiv

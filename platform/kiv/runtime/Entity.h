@@ -109,8 +109,8 @@ void Entity::notifyAll(const Key&... key) const {
     const auto& activity = notifiee->kivFwkActivity();
     try {
       if (activity && activity->queues()) {
-        activity->enqueue(
-            std::make_unique<PendingNotificationOf<Attribute, Key...>>(*notifiee, key...));
+        activity->enqueue(std::unique_ptr<PendingNotification>(
+            new PendingNotificationOf<Attribute, Key...>(*notifiee, key...)));
       } else {
         Attribute::deliver(*notifiee, key...);
       }
