@@ -439,6 +439,11 @@ void TableMemory::remove() {
 
 void TableMemory::makeAgain(const std::array<Part, 2>& parts) {
   const std::string what = titleOf(name_) + " cannot be made again";
+  const std::string path = kSharedMemoryFolder + fileName(name_);
+  constexpr const char* kTaken = ": another file has its name";
+  // Before the copy is made: this is tried again for as long as the other file is there.
+  struct stat other {};
+  if (::lstat(path.c_str(), &other) == 0) throw OpenException(what + kTaken);
   Descriptor made(::open(kSharedMemoryFolder, O_TMPFILE | O_RDWR | O_CLOEXEC, 0644));
   const std::string nameless = "/proc/self/fd/" + std::to_string(made.get());
   const Descriptor mapping(made ? ::open(nameless.c_str(), O_RDWR | O_CLOEXEC) : -1);
@@ -452,9 +457,8 @@ void TableMemory::makeAgain(const std::array<Part, 2>& parts) {
     }
     if (!writeAll(made.get(), base_ + at, bytes, at)) throw OpenException(what + reason(errno));
   }
-  const std::string path = kSharedMemoryFolder + fileName(name_);
   if (::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-    throw OpenException(what + (errno == EEXIST ? ": another file has its name" : reason(errno)));
+    throw OpenException(what + (errno == EEXIST ? kTaken : reason(errno)));
   }
   const int kind = MAP_SHARED | MAP_FIXED | MAP_NORESERVE;
   if (::mmap(base_, reserved_, protection_, kind, mapping.get(), 0) == MAP_FAILED) {

@@ -1098,7 +1098,13 @@ void TovanMap<Key, Value>::tend(TendRound& round) {
   requireWritable("validate to read-only Tovan table");
   noteIfCut();
   keep();
-  if (isUnlinked()) keepName();
+  auto& [of, next] = inspected_;
+  const bool isBegun = of != round.number() && round.takePage();
+  if (isBegun) {
+    of = round.number();
+    next = 0;
+  }
+  if (isBegun || isUnlinked()) keepName();
   inspect(round);
   if (isShort()) reservePages(freePages_.size() + 1);
 }
@@ -1107,12 +1113,7 @@ void TovanMap<Key, Value>::tend(TendRound& round) {
 template <class Key, class Value>
 void TovanMap<Key, Value>::inspect(TendRound& round) {
   auto& [of, next] = inspected_;
-  if (of != round.number()) {
-    if (!round.takePage()) return;
-    of = round.number();
-    next = 0;
-    keepName();
-  }
+  if (of != round.number()) return;
   while (next < pages() && round.takePage()) {
     const uint32_t number = next++;
     const char* fault = pageFault(number);
