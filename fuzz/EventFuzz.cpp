@@ -1,5 +1,5 @@
-// Any bytes as a sequence of valid events: the engine holds its invariants after each, agrees with
-// the golden model on all that can be seen.
+// Any bytes as a sequence of valid events: after each, the engine keeps its invariants and agrees
+// with the golden model.
 //
 // A few bytes make an event in a universe so small that routes, addresses and neighbours collide.
 #include <array>

@@ -1,9 +1,9 @@
-// Any bytes as a shared table: a reader refuses or reads it, the next writer refuses or repairs it
-// and then keeps what it is given. What changes under a writer is mended when it tends the table.
-// (A checksum can be forged: what was read may be anything.)
+// Any bytes as a shared table: a reader refuses or reads it, and the next writer refuses it or
+// repairs it and can then use it. A writer repairs changes from outside when it tends the table.
+// (The bytes may have correct checksums, so any value may be read.)
 //
-// The input either is the file, or says what to change in that of a good table, before it is opened
-// or under its writer: four bytes for the place and one for the byte that is to stand there.
+// The input is either the file, or a list of changes to a good table, which are made before the
+// table is opened or while it has a writer: four bytes for the place, and one for the new byte.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-// What a table had to give up, and the announcement of it.
+// The entries that a table lost, and their announcement.
 #pragma once
 
 #include <optional>
@@ -9,16 +9,16 @@
 
 namespace Tovan {
 
-/// The entries that a table gave up because they were damaged.
+/// The entries that a table dropped because they were damaged.
 template <class Key>
 struct Dropped {
-  /// What stands where the keys were stored, as far as it may be a key. It may be damaged, too, so
-  /// any other entry may be the one that went.
+  /// What was stored in place of the keys, as far as it may be a key. A key may itself be damaged,
+  /// so the lost entry may have had another key.
   std::vector<Key> keys;
 };
 
-/// Announces what a table of `owner` had to give up: each key, and the whole collection, because a
-/// key may have been damaged. The watches know first.
+/// Announces the entries that a table of `owner` lost: each key, and the whole collection, because
+/// a key may be damaged. The watches are told first.
 template <class Attribute, class Owner, class Key>
 void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Dropped<Key>& dropped) {
   for (const Key& gone : dropped.keys) watches.written(gone);
@@ -27,7 +27,7 @@ void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Drop
   owner.template notify<Attribute>();
 }
 
-/// Announces a change of `key` in `owner`, and then what its table had to give up meanwhile.
+/// Announces a change of `key` in `owner`, and then the entries that its table lost meanwhile.
 template <class Attribute, class Owner, class Key>
 void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Key& key,
               const std::optional<Dropped<Key>>& dropped) {

@@ -1,4 +1,4 @@
-// What shared-memory tables raise.
+// The exceptions of shared-memory tables.
 #pragma once
 
 #include "platform/kiv/containers/Exception.h"
@@ -8,27 +8,27 @@ namespace Tovan {
 
 /// A table's contents are inconsistent; the message names the table and the place.
 ///
-/// The table stays usable: pass the message to its corruptionDetected() and carry on.
+/// The table stays usable: pass the message to its corruptionDetected() and continue.
 class KIV_EXPORT CorruptionDetectedException : public Pindo::Exception {
  public:
   using Pindo::Exception::Exception;
 };
 
-/// What was to be read is being changed, and still was after a quarter of a second, or changed
-/// again and again while it was read. The writer is alive, but busy or stopped. Nothing is known to
-/// be damaged: try later.
+/// An entry could not be read because the writer did not complete a change of it for a quarter of a
+/// second, or changed it again during each reading. The writer is alive, but busy or stopped. No
+/// damage is known: try later.
 class KIV_EXPORT BusyException : public Kiv::Exception {
  public:
   using Kiv::Exception::Exception;
 };
 
-/// A change was asked of a table that is open for reading only.
+/// A table that is open for reading only cannot be changed.
 class KIV_EXPORT ReadOnlyException : public Kiv::Exception {
  public:
   using Kiv::Exception::Exception;
 };
 
-/// A table cannot be opened: absent, something else, of another layout, damaged, or being written.
+/// A table cannot be opened: it is absent, damaged, no table, of another layout, or has a writer.
 class KIV_EXPORT OpenException : public Kiv::Exception {
  public:
   using Kiv::Exception::Exception;
@@ -36,7 +36,7 @@ class KIV_EXPORT OpenException : public Kiv::Exception {
 
 /// A table cannot grow: memory is short, or the table has reached its largest size.
 ///
-/// What was asked for did not happen; all entries are as they were.
+/// The change was not made; all entries are as they were.
 class KIV_EXPORT NoSpaceException : public Kiv::Exception {
  public:
   using Kiv::Exception::Exception;

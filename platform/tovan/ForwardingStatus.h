@@ -15,12 +15,12 @@
 
 namespace Tovan {
 
-/// The FECs of one family, which other processes can attach to together with the routes that point
-/// at them.
+/// The FECs of one family. Other processes can read them, as they can read the routes that use
+/// them.
 ///
-/// FECs below kFirstAdjacency are set and announced by whoever programs the FIB. Those from there
-/// on are FIB adjacencies that an adjacency helper hands out: readers resolve them alike, but they
-/// are neither announced nor listed with the others.
+/// The program that sets the FIB's routes sets and announces the FECs below kFirstAdjacency. The
+/// others are FIB adjacencies, which an adjacency helper assigns. Readers resolve them in the same
+/// way, but they are neither announced nor listed with the others.
 ///
 /// \tparam A  the family's address.
 template <class A>
@@ -59,7 +59,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// \throws CorruptionDetectedException.
   Fec fec(const FecId& id) const;
 
-  /// Begins to fetch what is read of this FEC, also where it is to be stored or removed.
+  /// Prefetches the memory of a FEC that is going to be read, stored or removed.
   void prefetch(const FecId& id) const { fecs_.prefetch(id); }
 
   /// Stores a FEC under its id; announces it if it is new or differs.
@@ -68,46 +68,47 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// Removes a FEC and announces that, if it is there.
   void fecDel(const FecId& id);
   void fecDel(const FecIterator& it);
-  /// Removes all FECs, FIB adjacencies left out, announcing each.
+  /// Removes all FECs but the FIB adjacencies, and announces each.
   void fecDelAll();
-  /// A walk over the FECs, FIB adjacencies left out. \throws CorruptionDetectedException.
+  /// A walk over the FECs without FIB adjacencies. \throws CorruptionDetectedException.
   FecIterator fecIterator() const { return FecIterator(*this); }
   FecIterator fecIteratorConst() const { return FecIterator(*this); }
-  /// The ids there are, FIB adjacencies left out, in no order. Damage is reported and ends the
+  /// All ids but those of FIB adjacencies, in no particular order. Damage is reported and ends the
   /// list.
   std::vector<FecId> fecKeys() const;
   /// Announces a FEC, or the whole collection, without a change.
   void fecNotify(const FecId& id) const { this->template notify<FecAttribute>(id); }
   void fecNotify() const { this->template notify<FecAttribute>(); }
 
-  /// Who knows of each FEC that is stored or removed.
+  /// The watches that are told of each FEC that is stored or removed.
   const Kiv::WatchList<FecId>& watches() const noexcept { return watches_; }
 
-  /// A number that no other keeper of FIB adjacencies has or had here; its adjacencies have the ids
-  /// from `number << 32` on.
+  /// A number that no other user of FIB adjacencies has or had in this table. The ids of its
+  /// adjacencies begin at `number << 32`.
   uint32_t newAdjacencySpace() { return ++adjacencySpaces_; }
-  /// Stores a new FIB adjacency, or removes one, without a word. What had to be given up as damaged
-  /// on the way is announced with the next change of a FEC. \pre none has the id of a new one
+  /// Stores a new FIB adjacency, or removes one, without an announcement. FECs that the table lost
+  /// to damage meanwhile are announced with the next change of a FEC. \pre the id of a new one is
+  /// unused
   void adjacencyIs(const Fec& adjacency) {
     storing(adjacency, [&](const Record& record) { fecs_.add(adjacency.id(), record); });
   }
   void adjacencyDel(const FecId& id) { remove(id); }
   /// Whether a FIB adjacency can be read.
   bool adjacencyIsSound(const FecId& id) const;
-  /// Stores a FIB adjacency in place of what is there of it, damaged or not.
+  /// Replaces a FIB adjacency, even if it is damaged.
   void adjacencyReplace(const Fec& adjacency) { store(adjacency); }
 
-  /// Looks whether somebody changed or removed the memory, and repairs it; see TovanMap::tend().
-  /// What had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
+  /// Checks and repairs the tables; see TovanMap::tend(). Announces the FECs that were lost.
+  /// \throws NoSpaceException, ReadOnlyException.
   void tend(TendRound& round);
-  /// Whether all parts of it are those that their names lead to; see Table.
+  /// Whether the names lead to these tables; see Table.
   bool isCurrent() const {
     return fecs_.isCurrent() && moreVias_.isCurrent() && intfs_.isCurrent();
   }
-  /// Differs when a FEC has changed since; see Table.
+  /// The number of changes; see Table.
   uint64_t changeCount() const { return fecs_.changeCount(); }
 
-  /// Told of damage met on a look-up or walk.
+  /// Called with the message of damage that a look-up or walk found.
   void corruptionDetected(const std::string& message) const { fecs_.corruptionDetected(message); }
 
  private:
@@ -115,15 +116,15 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
     A hop;
     uint32_t intf = 0;  // a number of intfs_
   };
-  /// A FEC with its first via. Most have no other; the others stand in moreVias_ under `change`.
+  /// A FEC with its first via. Most have only one; further vias are in moreVias_ under `change`.
   struct Record {
     uint32_t viaCount = 0;
     uint32_t change = 0;
     RawVia first{};
   };
-  /// A further via. Those of an update are written under a change count that no update had before,
-  /// and those of the former one removed after the record has turned to them, so that neither a
-  /// reader nor a writer that takes over ever finds the vias of two updates mixed.
+  /// A further via. An update writes its vias under a new change count, then the record with this
+  /// count, and then removes the vias of the former update. So neither a reader nor a next writer
+  /// finds a mixture of two updates.
   struct ViaKey {
     FecId fec;
     uint32_t change;
@@ -144,7 +145,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   void removeVias(const FecId& id, const Record& record);
   void clearUp();
 
-  // Noting damage is no change of the FECs: a reader does it too.
+  // Mutable: readers note damage, too.
   mutable TovanMap<FecId, Record> fecs_;
   TovanMap<ViaKey, RawVia> moreVias_;
   IntfNames intfs_;
@@ -153,7 +154,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   Kiv::WatchList<FecId> watches_;
 };
 
-/// Stands on the FECs in turn; see TableWalk. A FEC's vias are read when it is asked for.
+/// Visits the FECs; see TableWalk. The vias are read when the FEC is read.
 template <class A>
 class BasicForwardingStatus<A>::FecIterator : public TableWalk<FecId, Record> {
  public:
@@ -183,8 +184,8 @@ BasicForwardingStatus<A>::BasicForwardingStatus(const std::string& name, Access 
   if (access == Access::Write) clearUp();
 }
 
-/// Puts right what a former writer left behind half done, and passes over its adjacency spaces and
-/// change counts.
+/// Removes the incomplete updates of a former writer, and leaves its adjacency spaces and change
+/// counts unused.
 template <class A>
 void BasicForwardingStatus<A>::clearUp() {
   for (const auto& item : fecs_) {
@@ -203,7 +204,7 @@ void BasicForwardingStatus<A>::clearUp() {
 
 template <class A>
 typename BasicForwardingStatus<A>::Fec BasicForwardingStatus<A>::fec(const FecId& id) const {
-  constexpr int kTries = 100;  // each miss but the last means that a new update has completed
+  constexpr int kTries = 100;  // each failure but the last means that an update was completed
   for (int tries = 0; tries < kTries; ++tries) {
     const auto record = fecs_.get(id);
     if (!record) return {};
@@ -225,7 +226,7 @@ bool BasicForwardingStatus<A>::readVias(const Record& record, Fec& fec) const {
   return true;
 }
 
-// What is damaged counts as absent when it is replaced: storing repairs and reports it.
+// A damaged FEC counts as absent when it is replaced: storing repairs and reports it.
 
 template <class A>
 bool BasicForwardingStatus<A>::holds(const Fec& fec) const {
@@ -261,7 +262,7 @@ void BasicForwardingStatus<A>::fecDel(const FecId& id) {
   if (removed || dropped) announce<FecAttribute>(*this, watches_, id, dropped);
 }
 
-/// The FECs of which something was given up as damaged. FIB adjacencies are left out.
+/// The FECs that lost entries of the tables to damage, without FIB adjacencies.
 template <class A>
 auto BasicForwardingStatus<A>::takeDropped() -> std::optional<Dropped<FecId>> {
   auto records = fecs_.takeDropped();
@@ -306,8 +307,8 @@ void BasicForwardingStatus<A>::fecDelAll() {
   for (const FecId id : fecKeys()) fecDel(id);
 }
 
-/// Has `store` store the record of a FEC, whose further vias stand in the table by then. Where that
-/// fails, nothing of it is left.
+/// Stores the further vias of a FEC, and then calls `store` for its record. If that fails, removes
+/// the vias again.
 template <class A>
 template <class Store>
 void BasicForwardingStatus<A>::storing(const Fec& fec, Store store) {

@@ -8,7 +8,7 @@ namespace Tovan {
 
 IntfNames::IntfNames(const TableConfig& config) : names_(config) {
   if (names_.isReadOnly()) return;
-  // What a former writer published keeps its number. There may be holes, where a name was damaged.
+  // The names of a former writer keep their numbers. Damaged names leave gaps.
   for (const auto& [number, text] : names_) {
     learn(number, read(text));
     passOver(number);
@@ -30,7 +30,7 @@ uint32_t IntfNames::numberOf(Zemit::IntfId intf) {
   return number;
 }
 
-/// Publishes the names again that the table had to give up.
+/// Publishes the names again that the table lost.
 void IntfNames::mend() {
   while (names_.takeDropped()) {
     for (uint32_t number = 1; number < intfs_.size(); ++number) {

@@ -11,8 +11,8 @@
 
 namespace Tovan {
 
-/// Numbers for interfaces that mean the same to every process attached to a table, and to the next
-/// writer. Number 0 is "no interface".
+/// Numbers of interfaces that have the same meaning in every process that has a table open, and for
+/// the next writer. Number 0 is "no interface".
 class IntfNames {
  public:
   static constexpr size_t kMaxBytes = 127;
@@ -28,13 +28,13 @@ class IntfNames {
     const auto known = number < intfs_.size() ? intfs_[number] : Zemit::IntfId();
     return number == 0 || known != Zemit::IntfId() ? known : fetch(number);
   }
-  /// A number that is referred to: no interface gets it any more, also when its name is lost.
+  /// Notes that a table refers to a number: no new interface gets it, even if its name is lost.
   void passOver(uint32_t number);
 
   /// See Table.
   bool isCurrent() const { return names_.isCurrent(); }
   void cleanup() { names_.cleanup(); }
-  /// As TovanMap::tend(); names that were lost are published again.
+  /// As TovanMap::tend(). Lost names are published again.
   void tend(TendRound& round) {
     names_.tend(round);
     mend();

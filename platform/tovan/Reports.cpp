@@ -1,4 +1,4 @@
-// What has befallen the tables of this process: damage, and memory that ran out.
+// Damage of the tables of this process, and memory that was refused to them.
 #include "platform/tovan/Reports.h"
 
 #include <atomic>

@@ -1,4 +1,4 @@
-// What has befallen the tables of this process: damage, and memory that ran out.
+// Damage of the tables of this process, and memory that was refused to them.
 #pragma once
 
 #include <cstddef>
@@ -13,27 +13,27 @@ class TraceFacility;
 
 namespace Tovan {
 
-/// What has befallen one table since the process began, in all objects that had it open.
+/// Damage and refusals of one table since the process started, of all objects that had it open.
 struct TableReport {
   std::string table;
   uint64_t corruptions = 0;  ///< calls of Table::corruptionDetected()
   std::string lastCorruption;
-  uint64_t refusals = 0;  ///< how often it could not grow
+  uint64_t refusals = 0;  ///< how often memory was refused
   std::string lastRefusal;
   size_t bytes = 0;  ///< how large it was at the last refusal
 };
 
-/// The tables of this process that were ever found damaged or could not grow, by name. Safe to call
-/// from any thread, as are the counts: they are the sums over all tables.
+/// The tables of this process that were ever damaged or could not grow, sorted by name. Any thread
+/// may call this and the counts, which are the sums over all tables.
 std::vector<TableReport> tableReports();
 uint64_t corruptionCount();
 uint64_t refusalCount();
 
-/// The facility of tables: level 0 only, what is counted here.
+/// The trace facility of tables. Only level 0 is used.
 Kiv::TraceFacility& tableTrace();
 /// Counts a corruption of `table`, and traces it: facility "Tovan", level 0.
 void reportCorruption(std::string_view table, const std::string& message);
-/// Counts that `table`, of `bytes` bytes, could not grow; the first time is traced likewise.
+/// Counts that `table`, of `bytes` bytes, could not grow, and traces the first time likewise.
 void reportRefusal(std::string_view table, size_t bytes, const std::string& message);
 
 }  // namespace Tovan

@@ -13,10 +13,10 @@
 
 namespace Tovan {
 
-/// How far the owner of a route table is with it.
+/// Which inputs the owner of a route table has completed.
 struct RouteTableState {
-  bool loading = false;       ///< the owner is still reading what it starts with
-  bool initialized = false;   ///< the host-route machine has got its inputs and keeps up with them
+  bool loading = false;       ///< the owner is still reading its initial inputs
+  bool initialized = false;   ///< the host-route machine has its inputs and follows their changes
   bool synchronized = false;  ///< the FIB's own host routes are merged; see RovelReady::VrfStatus
 
   uint32_t word() const {
@@ -30,7 +30,7 @@ struct RouteTableState {
   friend bool operator==(const RouteTableState&, const RouteTableState&) = default;
 };
 
-/// The routes of one VRF and family by prefix, which other processes can attach to.
+/// The routes of one VRF and family by prefix. Other processes can read them.
 ///
 /// \tparam R  the family's route.
 template <class R>
@@ -77,10 +77,10 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     const auto record = map_.get(prefix);
     return record ? record->withKey(prefix) : noRoute<Route>(prefix);
   }
-  /// Begins to fetch what route() is going to read.
+  /// Prefetches the memory that route() is going to read.
   void prefetch(const Prefix& prefix) const { map_.prefetch(prefix); }
-  /// Stores a route under its key, and announces it if it is new or differs; with it, whatever the
-  /// table had to give up as damaged on the way.
+  /// Stores a route under its key, and announces it if it is new or differs. Also announces routes
+  /// that the table lost to damage meanwhile.
   /// \throws NoSpaceException, ReadOnlyException.
   void routeIs(const Route& route) {
     const Record record(route);
@@ -88,8 +88,8 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     map_.set(route.key, record);
     announce<RouteAttribute>(*this, watches_, route.key, takeDropped());
   }
-  /// Removes a route, announces that and returns it; or noRoute(prefix). One that is damaged is
-  /// removed and announced like any other, but what it was is not known.
+  /// Removes a route, announces that, and returns the route; or noRoute(prefix). A damaged route is
+  /// removed and announced, too, but noRoute(prefix) is returned.
   /// \throws ReadOnlyException.
   Route routeDel(const Prefix& prefix) {
     const auto removed = map_.erase(prefix);
@@ -98,7 +98,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     return removed ? removed->withKey(prefix) : noRoute<Route>(prefix);
   }
   Route routeDel(const RouteIterator& it) { return routeDel(it.key()); }
-  /// Removes all routes, announcing each. What a callback adds stays.
+  /// Removes all routes and announces each. Routes that a callback adds stay.
   void routeDelAll() {
     const Kiv::Ptr<const Kiv::Entity> alive(this);
     for (const Prefix& prefix : routeKeys()) routeDel(prefix);
@@ -107,13 +107,13 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   /// \throws CorruptionDetectedException.
   RouteIterator routeIterator() const { return RouteIterator(map_); }
   RouteIterator routeIteratorConst() const { return RouteIterator(map_); }
-  /// Calls `visit` with each route, in no order. The body may write to the table.
+  /// Calls `visit` with each route, in no particular order. `visit` may write to the table.
   /// \throws CorruptionDetectedException.
   template <class Visit>
   void forEachRoute(Visit visit) const {
     for (const auto& item : map_) visit(item.value.withKey(item.key));
   }
-  /// The prefixes there are, in no order. Damage is reported and ends the list.
+  /// All prefixes, in no particular order. Damage is reported and ends the list.
   std::vector<Prefix> routeKeys() const {
     std::vector<Prefix> keys;
     keys.reserve(map_.size());
@@ -128,31 +128,30 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   void routeNotify(const Prefix& prefix) const { this->template notify<RouteAttribute>(prefix); }
   void routeNotify() const { this->template notify<RouteAttribute>(); }
 
-  /// Who knows of each route that is stored or removed.
+  /// The watches that are told of each route that is stored or removed.
   const Kiv::WatchList<Prefix>& watches() const noexcept { return watches_; }
-  /// What is said of the routes as a whole, to those who attach to the table.
+  /// The state of the whole table, for its readers.
   void stateIs(const RouteTableState& state) { map_.statusIs(state.word()); }
   RouteTableState state() const { return RouteTableState::of(map_.status()); }
-  /// Whether a process has the table open for writing; whether it is the one that its name leads
-  /// to. See Table.
+  /// Whether a process has the table open for writing; whether its name leads to it. See Table.
   bool hasWriter() const { return map_.hasWriter(); }
   bool isCurrent() const { return map_.isCurrent(); }
   uint64_t changeCount() const { return map_.changeCount(); }
 
-  /// Looks whether somebody changed or removed the memory, and repairs it; see TovanMap::tend().
-  /// What had to be given up is announced. \throws NoSpaceException, ReadOnlyException.
+  /// Checks and repairs the table; see TovanMap::tend(). Announces the routes that were lost.
+  /// \throws NoSpaceException, ReadOnlyException.
   void tend(TendRound& round) {
     map_.tend(round);
     if (const auto dropped = takeDropped()) announce<RouteAttribute>(*this, watches_, *dropped);
   }
-  /// Told of damage met on a look-up or walk.
+  /// Called with the message of damage that a look-up or walk found.
   void corruptionDetected(const std::string& message) const { map_.corruptionDetected(message); }
   const TovanMap<Prefix, RouteRecord<Route>>& map() const noexcept { return map_; }
 
  private:
   using Record = RouteRecord<Route>;
 
-  /// A damaged entry holds nothing; storing a route repairs and reports it.
+  /// A damaged entry counts as absent; storing a route repairs and reports it.
   bool holds(const Prefix& prefix, const Record& record) const {
     try {
       return map_.get(prefix) == record;
@@ -161,7 +160,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     }
   }
 
-  /// What the table gave up. A key that is no prefix was damaged, too.
+  /// The routes that the table lost. A key that is no prefix is damaged, too, and is left out.
   std::optional<Dropped<Prefix>> takeDropped() {
     auto dropped = map_.takeDropped();
     if (!dropped) [[likely]]
@@ -177,7 +176,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   static constexpr const char* kSuffix = kIsIpv4 ? ".route4" : ".route6";
   static constexpr const char* kLayout = kIsIpv4 ? "route4/1" : "route6/1";
 
-  // Noting damage is no change of the routes: a reader does it too.
+  // Mutable: readers note damage, too.
   mutable TovanMap<Prefix, Record> map_;
   Kiv::WatchList<Prefix> watches_;
 };

@@ -1,4 +1,4 @@
-// Reads another process's routes with their next hops, and keeps up with that process.
+// Reads the routes of another process with their next hops, and follows its restarts.
 #pragma once
 
 #include <chrono>
@@ -16,29 +16,29 @@
 
 namespace Tovan {
 
-/// What the tables are called that routes are read from, as given to their owner's objects.
+/// The names of the tables that routes are read from, as their owner opened them.
 struct RouteTableNames {
   std::string routes;      ///< of the route status
   std::string forwarding;  ///< of the forwarding status that has the routes' FECs
 };
 
-/// What has happened while a reader waited.
+/// What happened while a reader waited.
 enum class TableNews {
   None,      ///< nothing
-  Changed,   ///< routes or FECs changed, or what is known of the tables as a whole
-  Reopened,  ///< the tables were made anew, and are read from now on: forget what was read before
+  Changed,   ///< routes, FECs or the state of the tables changed
+  Reopened,  ///< new tables were opened: what was read before is void
 };
 
 /// Reads the routes of one VRF and family that another process keeps in shared memory.
 ///
-/// A route is given together with the next hops that it had: the ids of FECs are used again, and
-/// who reads a route and then its FEC may get the next hops of another route.
+/// A route is returned with its own next hops. Because the ids of FECs are used again, a program
+/// that reads a route and then its FEC from the tables may get the next hops of another route.
 ///
-/// A process that starts again removes its tables and makes new ones. Those that are open stay
-/// readable, and never change again; reopen() and wait() go over to the new ones. While there are
-/// none, the reader shows what was last in the old ones, and isCurrent() is false.
+/// A process that restarts removes its tables and makes new ones. Open tables stay readable and do
+/// not change any more; reopen() and wait() open the new ones. As long as there are none, the
+/// reader shows the last contents of the old ones, and isCurrent() is false.
 ///
-/// An object is used by one thread. It writes nothing, and its process needs no right to.
+/// An object is used by one thread. Its process needs only the right to read.
 ///
 /// \tparam S  the family's route status.  \tparam W  its forwarding status.
 template <class S, class W>
@@ -48,13 +48,13 @@ class BasicRouteTableReader {
   using Prefix = typename S::Prefix;
   using Fec = typename W::Fec;
 
-  /// A route and its FEC, as they stood together at one moment. The FEC has no vias when the route
-  /// has none, or when there is no such FEC.
+  /// A route and its FEC, as they were at one moment. The FEC has no vias if the route has no FEC,
+  /// or its FEC does not exist.
   struct Resolved {
     Route route;
     Fec fec;
   };
-  /// Told of each damage, with the table and the place.
+  /// Called with a message for each damage, which names the table and the place.
   using DamageReport = std::function<void(const std::string&)>;
 
   /// \throws OpenException when the tables are not there or cannot be read.
@@ -67,8 +67,8 @@ class BasicRouteTableReader {
   /// The route with exactly this prefix, or nothing.
   /// \throws CorruptionDetectedException; BusyException when the route keeps changing.
   std::optional<Resolved> find(const Prefix& prefix) const;
-  /// The same where damage is reported: a route that is damaged is not found, one whose FEC is
-  /// damaged has no vias. \throws BusyException.
+  /// The same, but damage is reported and not raised: a damaged route is not found, and a route
+  /// with a damaged FEC has no vias. \throws BusyException.
   std::optional<Resolved> find(const Prefix& prefix, const DamageReport& damaged) const;
 
   /// Calls `visit` with the route of each prefix that contains `prefix`, the longest first, until
@@ -79,31 +79,30 @@ class BasicRouteTableReader {
   /// \throws CorruptionDetectedException, BusyException.
   std::optional<Resolved> match(const decltype(Prefix().addr())& addr) const;
 
-  /// Calls `visit` with each route, in no order. Routes that are there all the while are visited
-  /// once; each is as it was when its turn came. \throws BusyException.
+  /// Calls `visit` with each route, in no particular order, as it is at its turn. A route that is
+  /// there all the time is visited once. \throws BusyException.
   template <class Visit>
   void forEach(Visit visit, const DamageReport& damaged) const;
-  /// The prefixes that have a route, in no order.
+  /// The prefixes that have a route, in no particular order.
   std::vector<Prefix> prefixes(const DamageReport& damaged) const;
   /// How many routes there are.
   size_t size() const { return tables_.routes->routeCount(); }
 
-  /// How far the owner of the tables is with them.
+  /// Which inputs the owner has completed.
   RouteTableState state() const { return tables_.routes->state(); }
   /// Whether there is a process that keeps the tables up to date.
   bool hasWriter() const { return tables_.routes->hasWriter(); }
-  /// Whether the tables are those that their names lead to.
+  /// Whether the names lead to these tables.
   bool isCurrent() const { return tables_.areCurrent(); }
 
-  /// Goes over to tables that were made in place of those that are read. Returns whether there were
-  /// any.
+  /// Opens new tables if the owner made any since these were opened. Returns whether it did.
   bool reopen();
-  /// Waits for something to have changed since the last call returned, or since the tables were
-  /// opened. Looks at two counters, ten thousand times a second at first and a hundred times when
-  /// nothing happens; ten times a second whether the tables are current and have a writer.
+  /// Waits for a change since the last call returned, or since the tables were opened. Polls two
+  /// counters, every 0.1 ms at first and every 10 ms while nothing happens, and every 100 ms
+  /// whether the tables are current and have a writer.
   ///
-  /// FECs are shared by all VRFs, so another VRF's change may end the wait. A change that nobody
-  /// waited for is not lost, several may be told of as one.
+  /// All VRFs share the FECs, so a change of another VRF may end the wait. A change between two
+  /// calls is not lost. Several changes may be reported as one.
   TableNews wait(std::chrono::nanoseconds timeout);
 
  private:
@@ -143,8 +142,8 @@ template <class S, class W>
 BasicRouteTableReader<S, W>::BasicRouteTableReader(RouteTableNames names)
     : names_(std::move(names)), tables_(open(names_)), seen_(lookAtAll()) {}
 
-/// Tables of one owner: those that are current when the last has been opened were all there at that
-/// moment, and an owner removes all before it makes the first anew.
+/// Opens tables of one owner. An owner removes all its tables before it makes the first one anew.
+/// So tables that are all current after the last was opened were made by the same owner.
 template <class S, class W>
 auto BasicRouteTableReader<S, W>::open(const RouteTableNames& names) -> Tables {
   constexpr int kTries = 100;
@@ -161,14 +160,15 @@ bool BasicRouteTableReader<S, W>::reopen() {
   try {
     tables_ = open(names_);
   } catch (const OpenException&) {
-    return false;  // they may be in the making
+    return false;  // the owner may just be making them
   }
   seen_ = lookAtAll();
   return true;
 }
 
-/// Reads the route, its FEC, and the route's version once more: while the version stays, the route
-/// holds its FEC, whose id can so not be given to other next hops.
+/// Reads the route, its FEC, and the version of the route before and after. As long as the version
+/// is the same, the route uses its FEC, so that the owner cannot use the FEC's id for other next
+/// hops.
 template <class S, class W>
 template <class OnFecDamage>
 auto BasicRouteTableReader<S, W>::read(const Prefix& prefix, OnFecDamage onFecDamage) const
@@ -256,8 +256,8 @@ auto BasicRouteTableReader<S, W>::prefixes(const DamageReport& damaged) const
   return found;
 }
 
-// Waiting. The writer counts changes and wakes nobody: a system call for each change would be what
-// it does longest.
+// Waiting. The writer counts changes and wakes no reader: a system call would take longer than the
+// change.
 
 template <class S, class W>
 void BasicRouteTableReader<S, W>::look(Seen& seen) const {

@@ -1,4 +1,4 @@
-// What the route tables of a switch in shared memory are called.
+// The names of a switch's route tables in shared memory.
 #include "platform/tovan/SharedNames.h"
 
 #include <algorithm>

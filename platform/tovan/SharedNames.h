@@ -1,4 +1,4 @@
-// What the route tables of a switch in shared memory are called.
+// The names of a switch's route tables in shared memory.
 #pragma once
 
 #include <string>
@@ -15,11 +15,11 @@ struct SharedRouteTable {
   friend auto operator<=>(const SharedRouteTable&, const SharedRouteTable&) = default;
 };
 
-/// The name to open the route tables of a VRF with: "NAME.VRF", in which the bytes of the VRF's
-/// name that a table's may not have are percent-encoded.
+/// The name of the route tables of a VRF: "NAME.VRF". Characters that the name of a table must not
+/// contain are percent-encoded in the name of the VRF.
 std::string sharedRouteStatusName(std::string_view name, std::string_view vrf);
 
-/// The route tables there are under `name`, by VRF and family.
+/// The route tables that exist under `name`, by VRF and family.
 /// \throws OpenException when there is no folder of shared tables.
 std::vector<SharedRouteTable> sharedRouteTables(std::string_view name);
 

@@ -23,7 +23,7 @@ constexpr uint64_t mix(uint64_t hash, uint64_t word) {
   return Kiv::detail::fold(hash ^ word, 0x9e37'79b9'7f4a'7c15) ^ word;
 }
 
-/// A number for what the entries are called and the sizes that they and the pages have.
+/// Identifies the name of a layout, and the sizes of its entries and pages.
 uint64_t layoutOf(std::string_view name, std::initializer_list<uint64_t> sizes) {
   uint64_t layout = 0;
   for (const char c : name) layout = mix(layout, static_cast<uint8_t>(c));
@@ -87,12 +87,12 @@ void Table::create() {
   top.identityChecksum = checksum(top.identity);
   top.bytes.store(memory_.bytes(), std::memory_order_relaxed);
   top.size.store(guarded(0), std::memory_order_relaxed);
-  // Readers wait for the directory, which is derived as in a repair.
+  // As in a repair: readers wait until the directory is made.
   top.directory.store(uint64_t{1} << 8, std::memory_order_relaxed);
   top.magic.store(kMagic, std::memory_order_release);
 }
 
-/// Gives a writer that is just making the table the time for it.
+/// Waits for a writer that is just making the table.
 void Table::awaitCreation() const {
   for (Patience patience(memory_);;) {
     memory_.refresh();
@@ -206,7 +206,7 @@ bool Table::isBackedByNow(uint32_t number) const {
 }
 
 void Table::addPages() {
-  // More at once would hold up the insertion that needs it.
+  // More would take too long for one insertion.
   const size_t bytes = std::min(pages_ * shape_.pageBytes / 8, TableMemory::kLargeRequest);
   provide(shape_.pagesAt + pages_ * shape_.pageBytes,
           std::max(bytes, kFirstPages * shape_.pageBytes));
@@ -221,7 +221,7 @@ bool Patience::wait() {
   } else if (writerIsGone_ || now > deadline_) {
     return false;
   }
-  // It may have finished before it went: one more look.
+  // It may have completed the change before it ended, so the caller reads once more.
   writerIsGone_ = !memory_.hasOtherWriter();
   if (!writerIsGone_) std::this_thread::sleep_for(kBetweenLooks);
   return true;

@@ -15,31 +15,31 @@
 
 namespace Tovan {
 
-/// Stands at the start of a table's memory.
+/// The start of a table's memory.
 struct TableHeader {
   /// Fixed when the table is made.
   struct Identity {
-    uint64_t layout;     ///< hash of what key and value are, and of how they are laid out
-    Kiv::HashSeed seed;  ///< the table's own, so that all processes find an entry in one place
+    uint64_t layout;     ///< hash of the types of key and value, and of their sizes
+    Kiv::HashSeed seed;  ///< of this table, for all processes
   };
-  std::atomic<uint64_t> magic;  ///< stored last: a table without it was never finished
+  std::atomic<uint64_t> magic;  ///< stored last: a table without it is unfinished
   uint64_t version;
   Identity identity;
   uint64_t identityChecksum;
 
-  alignas(64) std::atomic<uint64_t> bytes;  ///< how large the memory is
-  std::atomic<uint64_t> size;               ///< how many entries there are, guarded()
-  /// What readers find entries by: in the low byte the number of hash bits that choose a page, and
-  /// above it a count of repairs, which is odd during one.
+  alignas(64) std::atomic<uint64_t> bytes;  ///< size of the memory
+  std::atomic<uint64_t> size;               ///< number of entries, guarded()
+  /// In the low byte, the number of hash bits that select a page. Above it, a count that is odd
+  /// during a repair.
   std::atomic<uint64_t> directory;
   std::atomic<uint64_t> status;  ///< see Table::status(), guarded()
 
-  /// See Table::changeCount(). Apart from what look-ups read, which it would take from their
-  /// caches.
+  /// See Table::changeCount(). In a cache line of its own, because each change would otherwise
+  /// evict the line that look-ups read.
   alignas(64) std::atomic<uint64_t> changes;
 };
 
-/// A number of 32 bits with its complement above it, which show each other's damage.
+/// A number of 32 bits with its complement in the upper half. Damage makes the halves disagree.
 constexpr uint64_t guarded(uint32_t number) {
   return uint64_t{~number} << 32 | number;
 }
@@ -47,15 +47,15 @@ constexpr bool isSound(uint64_t word) {
   return word == guarded(static_cast<uint32_t>(word));
 }
 
-/// Waits for a writer to finish what a reader found half done.
+/// Waits until a writer completes the change in which a reader found an entry.
 class Patience {
  public:
   explicit Patience(const TableMemory& memory) : memory_(memory) {}
 
-  /// Waits a little. Returns whether to look again: not when there is no writer any more, or none
-  /// that comes to an end.
+  /// Waits a little. Returns whether to read again: false if there is no writer any more, or it
+  /// does not complete the change in time.
   bool again() { return ++looks_ < kQuickLooks || wait(); }
-  /// Whether there was no writer when it was last looked.
+  /// Whether again() found no writer.
   bool writerIsGone() const { return writerIsGone_; }
 
  private:
@@ -68,14 +68,14 @@ class Patience {
   std::chrono::steady_clock::time_point deadline_;
 };
 
-/// How much of a number of tables is looked at: all of it, or a few pages at each turn, which goes
-/// on where the last one ended. All the tables are to be given the same object.
+/// How many pages of a group of tables are checked: all at once, or a few at each turn, which
+/// continues where the last one ended. The same object is passed to all tables of the group.
 class TendRound {
  public:
-  /// A round that is done in one turn.
+  /// A round of one turn.
   TendRound() : number_(next()) {}
-  /// Begins a turn of at most `pages`. Where the last one had pages left, all tables have been
-  /// looked at, and the next round begins.
+  /// Begins a turn of at most `pages`. If the last turn did not use all its pages, all tables were
+  /// checked, and the next round begins.
   void turnIs(size_t pages) {
     if (pagesLeft_ != 0) number_ = next();
     pagesLeft_ = pages;
@@ -83,9 +83,9 @@ class TendRound {
   /// Begins a new round, of one turn.
   void turnIsWhole() { *this = TendRound(); }
 
-  /// Tells this round from all others of the process; not 0.
+  /// Identifies the round in this process; never 0.
   uint64_t number() const { return number_; }
-  /// Whether one page more may be looked at in this turn, which is taken for it then.
+  /// Takes one page of this turn. Returns false if none is left.
   bool takePage() {
     if (pagesLeft_ == 0) return false;
     --pagesLeft_;
@@ -110,39 +110,39 @@ class Table {
 
   const std::string& name() const { return name_; }
   bool isReadOnly() const { return !memory_.isWritable(); }
-  /// What the writer says of the table as a whole; a new writer begins with 0, and what is damaged
-  /// reads as 0. The bits are for those who write and read such tables to agree on.
+  /// Bits that the writer publishes about the whole table, with a meaning that writers and readers
+  /// of such tables agree on. A new writer begins with 0. Damaged bits read as 0.
   uint32_t status() const {
     const uint64_t word = header().status.load(std::memory_order_acquire);
     return isSound(word) ? static_cast<uint32_t>(word) : 0;
   }
   /// \throws ReadOnlyException on a reader.
   void statusIs(uint32_t status);
-  /// How many changes there were: it differs when there was one since. Whoever sees a change
-  /// counted sees the change. It goes on where a writer is followed by another.
+  /// The number of changes. A reader that sees a change counted can read the change. A next writer
+  /// continues the count.
   uint64_t changeCount() const { return header().changes.load(std::memory_order_acquire); }
-  /// Whether a process has the table open for writing: else it stays as it is.
+  /// Whether a process has the table open for writing. If not, it does not change.
   bool hasWriter() const { return !isReadOnly() || memory_.hasOtherWriter(); }
-  /// Whether the table is the one that its name leads to: not when it was removed, whether or not
-  /// another was made in its place. What is read of it is what its last writer left.
+  /// Whether the name leads to this table: false after it was removed, or replaced by another. Its
+  /// contents are then those that its last writer left.
   bool isCurrent() const { return memory_.isCurrent(); }
   /// Whether another object, in this process or another, has the table open for writing.
   bool hasOtherWriter() const { return memory_.hasOtherWriter(); }
-  /// The memory that the table takes, in bytes, used or kept for entries to come.
+  /// The memory that the table takes, in bytes, including what it reserves for new entries.
   size_t bytes() const {
     const size_t most = shape_.pagesAt - shape_.topBytes;
     const size_t directory = depth() < 32 ? sizeof(uint64_t) << depth() : most;
     return memory_.bytes() - shape_.pagesAt + shape_.topBytes + std::min(directory, most);
   }
 
-  /// Told of every inconsistency: by those who caught a CorruptionDetectedException, and by the
-  /// table when it repairs itself. Counts, keeps the message, and reports it; see tableReports().
+  /// Counts damage, keeps the message, and reports it; see tableReports(). Called by the table when
+  /// it repairs itself, and by a caller that caught a CorruptionDetectedException.
   virtual void corruptionDetected(const std::string& message);
   /// How often corruptionDetected() was called.
   size_t corruptions() const { return corruptions_; }
   const std::string& lastCorruption() const { return lastCorruption_; }
 
-  /// Checks that the table's memory is what its header says.
+  /// Checks that the memory agrees with the header.
   /// \throws CorruptionDetectedException when it is not, ReadOnlyException on a reader.
   void validateFiles();
 
@@ -160,7 +160,7 @@ class Table {
   Table(const TableConfig& config, const Shape& shape);
   virtual ~Table() = default;
 
-  /// How many bits of a hash choose a page.
+  /// How many bits of a hash select a page.
   uint32_t depth() const {
     return static_cast<uint8_t>(header().directory.load(std::memory_order_acquire));
   }
@@ -177,13 +177,13 @@ class Table {
   std::string describe(const char* place, size_t index, const char* what) const;
   /// \throws CorruptionDetectedException with that message.
   [[noreturn]] void raise(const char* place, size_t index, const char* what) const;
-  /// For what is half done, and was when `patience` came to an end.
+  /// For a change that was not completed while `patience` lasted.
   /// \throws BusyException when a writer lives, else CorruptionDetectedException.
   [[noreturn]] void raiseUnfinished(const Patience& patience, const char* place, size_t index,
                                     const char* what) const;
 
-  // The writer keeps what stands in the header: nothing that it relies on is changed from outside.
-  // By its words, of which two are not used.
+  // The writer keeps a copy of the header, word by word, so that it does not rely on memory that
+  // other processes can change. Two of the words are not used.
   static constexpr size_t kHeaderWords = 12;
   static constexpr bool isUnused(size_t word) { return word == 6 || word == 7; }
   enum HeaderWord : uint8_t { kBytes = 8, kSize = 9, kDirectory = 10, kStatus = 11 };
@@ -192,8 +192,8 @@ class Table {
     headerWord(which).store(word, std::memory_order_release);
   }
   uint64_t left(HeaderWord which) const { return left_[which]; }
-  /// Whether the header is as this writer left it, with no repair begun but not ended, and the file
-  /// as long as it was when it was last used.
+  /// Whether the header is as this writer left it, no repair is incomplete, and the file was not
+  /// cut short as far as is known.
   bool isAsLeft() const {
     uint64_t differing = memory_.isCut() | (left_[kDirectory] >> 8 & 1);
 #pragma GCC unroll 12
@@ -203,37 +203,38 @@ class Table {
     }
     return differing == 0;
   }
-  /// Looks how long the file is.
+  /// Finds out whether the file was cut short.
   void noteIfCut() {
     const size_t known = memory_.bytes();
     memory_.refresh();
     if (memory_.bytes() < known) memory_.noteCut();
   }
-  /// Whether the file had no name any more when noteIfCut() looked.
+  /// Whether the file had no name when noteIfCut() was called.
   bool isUnlinked() const {
     return memory_.isUnlinked();
   }
-  /// Makes the file as long as it was, and the header what it was. \throws NoSpaceException.
+  /// Restores the length of the file, and the header. \throws NoSpaceException.
   void restore();
-  /// Makes a file again that was removed under its name, with all that is in it. Where that cannot
-  /// be, as when another file has the name, it is reported and the table goes on without a name.
+  /// Makes the file again, with its contents, if it was removed or renamed. If that is impossible,
+  /// for instance because another file has the name, reports it; the table is then used without a
+  /// name.
   /// \throws NoSpaceException.
   void keepName();
-  /// For a reader that met damage: whether to look again, at what has come in place of a file that
-  /// was cut short.
+  /// Maps a file that was cut short anew, for a reader that found damage. Returns whether to read
+  /// again.
   bool isMappedAnew() const {
     return isReadOnly() && memory_.remap();
   }
-  /// Whether memory was refused since it was granted last.
+  /// Whether the last request for memory was refused.
   bool isShort() const {
     return isShort_;
   }
-  /// Whether this object has made the table.
+  /// Whether this object made the table.
   bool isNew() const {
     return isNew_;
   }
 
-  /// Makes memory usable. \throws NoSpaceException, changing nothing; it is reported.
+  /// Makes memory usable. \throws NoSpaceException, changing nothing; the refusal is reported.
   void provide(size_t at, size_t bytes);
   /// How many pages are backed by memory.
   uint32_t pages() const {
@@ -264,7 +265,7 @@ class Table {
   mutable uint32_t pages_ = 0;
   bool isNew_ = false;
   bool isShort_ = false;
-  std::string lostName_;  // what was last said of a file that is not there under its name
+  std::string lostName_;  // the last report that the file has lost its name
   std::array<uint64_t, kHeaderWords> left_{};
   size_t corruptions_ = 0;
   std::string lastCorruption_;

@@ -42,8 +42,8 @@ constexpr size_t roundUp(size_t bytes, size_t unit) {
   return (bytes + unit - 1) / unit * unit;
 }
 
-/// A lock of `type` on the whole file. It belongs to the open file: the kernel drops it with the
-/// last process that holds the file, however that process ends.
+/// A lock of `type` on the whole file. It belongs to the open file: the kernel releases it when the
+/// last process that has the file open ends in any way.
 struct flock wholeFile(short type) {
   struct flock lock {};
   lock.l_type = type;
@@ -77,13 +77,13 @@ class Descriptor {
   int fd_;
 };
 
-/// The addresses of a shared table, as the signal handler finds them.
+/// The addresses of a shared table, for the signal handler.
 struct Range {
   std::atomic<uintptr_t> begin;
   std::atomic<uintptr_t> end;
   std::atomic<TableMemory*> memory;
 };
-/// Never destroyed, so that the handler may walk them at any time.
+/// Never destroyed: the handler may read them at any time.
 struct Ranges {
   std::array<Range, 1024> ranges;
   std::atomic<Ranges*> more;
@@ -100,8 +100,8 @@ void forEachRange(Visit visit) {
   }
 }
 
-/// Puts a page of zeroes where a table's file has been cut short under us: they are found to be
-/// damage, like anything else that nobody wrote. Other addresses are left to the former handler.
+/// Maps a page of zeroes where the file of a table was cut short. The table's checks report it as
+/// damage. Faults at other addresses are left to the former handler.
 void onBusError(int signal, siginfo_t* info, void*) {
   const auto at = reinterpret_cast<uintptr_t>(info->si_addr);
   bool isMended = false;
@@ -119,7 +119,7 @@ void onBusError(int signal, siginfo_t* info, void*) {
 /// What the tables of this process have in common.
 class Tables {
  public:
-  /// Never destroyed: tables may go later than any static object.
+  /// Never destroyed: tables may be destroyed after any static object.
   static Tables& instance() {
     static auto* const tables = new Tables;
     return *tables;
@@ -151,8 +151,8 @@ class Tables {
     });
   }
 
-  // The names that this process opened for writing and has not removed: a process that has no
-  // descriptor left to read the folder with still removes what it made.
+  // The names that this process opened for writing and has not removed. It can remove them even
+  // when it has no descriptor left to read the folder with.
   void addName(const std::string& name) {
     const std::lock_guard lock(mutex_);
     names_.insert(name);
@@ -193,7 +193,7 @@ struct OpenFile {
 };
 
 Descriptor openByName(std::string_view name, int how) {
-  // Without waiting: a FIFO of that name may never get a writer.
+  // O_NONBLOCK: opening a FIFO of that name would wait for its writer.
   Descriptor fd(::shm_open(fileName(name).c_str(), how | O_NONBLOCK, 0644));
   if (!fd && errno != ENOENT) {
     throw OpenException(titleOf(name) + " cannot be opened" + reason(errno));
@@ -201,7 +201,7 @@ Descriptor openByName(std::string_view name, int how) {
   return fd;
 }
 
-/// The status of an open file; of a name that is gone, one without links.
+/// The status of an open file; without links if it cannot be read.
 struct stat statusOf(const Descriptor& fd) {
   struct stat status {};
   if (!fd || ::fstat(fd.get(), &status) != 0) status.st_nlink = 0;
@@ -221,8 +221,9 @@ OpenFile openToRead(std::string_view name) {
   }
 }
 
-/// Opens and locks a file, and opens it a second time to be mapped: a mapping holds on to what it
-/// was made from, and a child that is forked has it, too. The lock is not to stay with the child.
+/// Opens and locks a file, and opens it a second time for the mapping. A mapping keeps its open
+/// file, and a forked child inherits the mapping, so with one open file the child would hold the
+/// lock.
 OpenFile openToWrite(const std::string& name) {
   Tables::instance().addName(name);
   for (;;) {
@@ -237,7 +238,7 @@ OpenFile openToWrite(const std::string& name) {
     }
     try {
       Descriptor mapping = openByName(name, O_RDWR);
-      // The last writer may have removed the name before it let the lock go.
+      // The last writer may have removed the name before it released the lock.
       const auto named = statusOf(mapping);
       if (named.st_nlink == 0 || named.st_ino != status.st_ino || named.st_dev != status.st_dev) {
         continue;
@@ -265,7 +266,8 @@ std::vector<std::string> Tables::takeNamesOf(std::string_view owner) {
   return taken;
 }
 
-/// Whether the file of this name is neither this process's nor left behind.
+/// Whether the file of this name belongs to another living process, or replaced a table of this
+/// one.
 bool Tables::isAnothers(const std::string& name) {
   {
     const std::lock_guard lock(mutex_);
@@ -281,8 +283,8 @@ bool Tables::isAnothers(const std::string& name) {
   return file && isLocked(file.get());
 }
 
-/// Allocated now, a page that memory has no room for fails here and not when it is touched.
-/// Returns an error number, or 0.
+/// Allocates memory for a part of the file, so that lack of memory is an error here and not a
+/// signal later. Returns an error number, or 0.
 int allocate(int file, size_t at, size_t bytes) {
   int error = 0;
   do {
@@ -312,9 +314,9 @@ std::string titleOf(std::string_view table) {
 TableMemory::TableMemory(const TableConfig& config, size_t maxBytes)
     : name_(config.name),
       reserved_(roundUp(maxBytes, kPage)),
-      // The whole of a shared table is mapped at once: pages behind the end of the file become
-      // usable when it grows. Private memory is made accessible piece by piece, to be accounted for
-      // as used.
+      // A shared table is mapped with all its reserved addresses: those behind the end of the file
+      // become usable when it grows. Private memory is made accessible in pieces, so that only
+      // these count as used.
       protection_(config.access == Access::Embedded ? PROT_NONE
                   : config.access == Access::Read   ? PROT_READ
                                                     : PROT_READ | PROT_WRITE),
@@ -365,7 +367,8 @@ bool TableMemory::remap() {
   struct stat status {};
   if (!isCut_ || fd_ < 0 || ::fstat(fd_, &status) != 0 || status.st_size == 0) return false;
   isCut_ = false;
-  // A writer's mapping is not made from the descriptor with the lock, as long as the name is there.
+  // While the file has its name, a writer opens it again, so that the mapping does not keep the
+  // locked descriptor.
   const Descriptor named(isWritable_ ? ::shm_open(fileName(name_).c_str(), O_RDWR, 0) : -1);
   const auto found = statusOf(named);
   const bool isOurs = found.st_nlink != 0 && found.st_ino == status.st_ino;
@@ -385,8 +388,9 @@ void TableMemory::provide(size_t at, size_t bytes) {
   } else if (end > bytes_) {
     const bool large = bytes >= kLargeRequest;
     if (large && bytes_ >= kHugePage) {
-      // What is full by now, for the kernel to do in the background: where memory is fragmented, a
-      // huge page at the first touch holds up the update for milliseconds.
+      // Only for memory that is already used, so that the kernel merges its pages in the
+      // background: making a huge page at the first access takes milliseconds when memory is
+      // fragmented.
       ::madvise(base_ + bytes_ - kHugePage, kHugePage, MADV_HUGEPAGE);
     }
     const auto base = reinterpret_cast<uintptr_t>(base_);
@@ -401,7 +405,7 @@ void TableMemory::provide(size_t at, size_t bytes) {
 void TableMemory::refresh() {
   struct stat status {};
   if (fd_ < 0) {
-    // A table that was left to the parent grows on. Its name says how far.
+    // A forked child has no descriptor. It finds the length of the parent's table by its name.
     const bool isLeft = !isWritable_;
     const auto path = kSharedMemoryFolder + fileName(name_);
     if (isLeft && ::stat(path.c_str(), &status) == 0) {
@@ -419,7 +423,7 @@ void TableMemory::clear() {
 }
 
 bool TableMemory::hasOtherWriter() const {
-  // The writer of a table that was left to the parent is the parent.
+  // For a forked child, the parent is the writer.
   return fd_ >= 0 ? isLocked(fd_) : !isWritable_;
 }
 
@@ -439,6 +443,12 @@ void TableMemory::remove() {
 
 void TableMemory::makeAgain(const std::array<Part, 2>& parts) {
   const std::string what = titleOf(name_) + " cannot be made again";
+  const std::string path = kSharedMemoryFolder + fileName(name_);
+  constexpr const char* kTaken = ": another file has its name";
+  // Checked before the file is made: as long as another file has the name, this is called at each
+  // turn.
+  struct stat other {};
+  if (::lstat(path.c_str(), &other) == 0) throw OpenException(what + kTaken);
   Descriptor made(::open(kSharedMemoryFolder, O_TMPFILE | O_RDWR | O_CLOEXEC, 0644));
   const std::string nameless = "/proc/self/fd/" + std::to_string(made.get());
   const Descriptor mapping(made ? ::open(nameless.c_str(), O_RDWR | O_CLOEXEC) : -1);
@@ -452,9 +462,8 @@ void TableMemory::makeAgain(const std::array<Part, 2>& parts) {
     }
     if (!writeAll(made.get(), base_ + at, bytes, at)) throw OpenException(what + reason(errno));
   }
-  const std::string path = kSharedMemoryFolder + fileName(name_);
   if (::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-    throw OpenException(what + (errno == EEXIST ? ": another file has its name" : reason(errno)));
+    throw OpenException(what + (errno == EEXIST ? kTaken : reason(errno)));
   }
   const int kind = MAP_SHARED | MAP_FIXED | MAP_NORESERVE;
   if (::mmap(base_, reserved_, protection_, kind, mapping.get(), 0) == MAP_FAILED) {
@@ -490,7 +499,7 @@ size_t removeTablesOf(std::string_view owner) {
     const auto found = tablesOf(owner);
     names.insert(names.end(), found.begin(), found.end());
   } catch (const OpenException&) {
-    // Without the folder, or a descriptor to read it with, nobody else's tables are found.
+    // Only the tables of this process are known then.
   }
   const auto isRemoved = [](const std::string& name) {
     return !Tables::instance().isAnothers(name) && ::shm_unlink(fileName(name).c_str()) == 0;

@@ -27,10 +27,11 @@ struct TableConfig {
   std::string layout = {};
 };
 
-/// One table's memory. Its addresses never change: all it may ever need is reserved at the start.
+/// The memory of a table. Its addresses never change, because all that it may need is reserved at
+/// the start.
 ///
-/// A child that is forked keeps the memory of the parent's tables to read as far as they have grown
-/// by then. It does not write them, and does not keep others from doing so.
+/// A forked child can read the tables of its parent. It cannot write them, and does not hold their
+/// locks.
 class TableMemory {
  public:
   /// Bytes of the memory.
@@ -38,7 +39,7 @@ class TableMemory {
     size_t at;
     size_t bytes;
   };
-  /// Who asks for so much at once will ask for more.
+  /// Private memory for a request of at least this size is provided in huge pages.
   static constexpr size_t kLargeRequest = size_t{16} << 10;
 
   /// \param maxBytes  where the memory may end at most.
@@ -54,12 +55,12 @@ class TableMemory {
   /// False for a reader, and in a forked child.
   bool isWritable() const { return isWritable_; }
 
-  /// Makes the bytes from `at` on usable, new ones zero.
+  /// Makes `bytes` from `at` on usable. New ones are zero.
   /// \throws NoSpaceException, changing nothing.
   void provide(size_t at, size_t bytes);
-  /// Looks how far the writer has grown the table by now, and whether its file has a name.
+  /// Reads how long the file is now, and whether it still has a name.
   void refresh();
-  /// Whether the file had no name any more when that was last looked.
+  /// Whether the file had no name at the last refresh().
   bool isUnlinked() const { return isUnlinked_; }
   /// Gives all memory back, so that provide() starts from zeroes.
   void clear();
@@ -67,23 +68,22 @@ class TableMemory {
   bool hasOtherWriter() const;
   /// Whether the name leads to this memory; always so for private memory.
   bool isCurrent() const;
-  /// Takes the name away, if it leads here: processes that are attached keep the memory, nobody
-  /// finds it any more.
+  /// Removes the name if it leads to this memory. Processes that have the table open keep it.
   void remove();
-  /// Makes another file under the name, which leads nowhere, with these parts of the memory in it;
-  /// it takes the place of the former one. It is complete, and locked, before the name leads to it.
-  /// \throws OpenException when there is a file under the name, or one cannot be made;
+  /// Makes a new file with these parts of the memory after the former one lost its name. The new
+  /// file is complete and locked before it gets the name. \throws OpenException when there is a
+  /// file under the name, or one cannot be made;
   ///   NoSpaceException.
   void makeAgain(const std::array<Part, 2>& parts);
 
-  /// Whether the file was found to be shorter than it was. Zeroes stand in place of what is missing
-  /// then, which no other process sees.
+  /// Whether the file was cut short. This process then reads zeroes in place of the missing part.
   bool isCut() const { return isCut_.load(std::memory_order_relaxed); }
-  /// Notes that it was. Called by signal handlers, too.
+  /// Notes that the file was cut short. Also called by a signal handler.
   void noteCut() { isCut_ = true; }
-  /// Maps a file that was cut short as it is now. Returns false when there is none, or it is empty.
+  /// Maps the file as it is now, after it was cut short. Returns false when it was not, or is
+  /// empty.
   bool remap();
-  /// Lets go of what a forked child must not share with its parent.
+  /// Closes what a forked child must not share with its parent.
   void leaveToParent();
   const std::string& name() const { return name_; }
 
@@ -105,10 +105,10 @@ std::string titleOf(std::string_view table);
 /// The names of the shared tables that belong to `owner`: `owner` itself and "owner.anything".
 /// \throws OpenException when there is no folder of shared tables.
 std::vector<std::string> tablesOf(std::string_view owner);
-/// Removes the tables that belong to `owner`, readable or not, and tells how many there were: none
-/// where there is no folder of them. Those that this process opened for writing are removed even if
-/// it has no file descriptor left. What another process has open for writing stays, and what was
-/// put in place of a table of this process.
+/// Removes the tables that belong to `owner`, readable or not, and returns how many they were.
+/// Tables that this process opened for writing are removed even if it has no file descriptor left.
+/// A table that another process has open for writing is not removed, nor is a file that replaced a
+/// table of this process.
 size_t removeTablesOf(std::string_view owner);
 
 }  // namespace Tovan

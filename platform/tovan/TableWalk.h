@@ -8,14 +8,14 @@
 
 namespace Tovan {
 
-/// Stands on the entries of a table in turn, each as it was at one moment. The body may write to
-/// the table; what it stands on may be deleted, also by others.
+/// Visits the entries of a table, each as it was at one moment. The body of the loop may write to
+/// the table. The current entry may be removed meanwhile.
 template <class Key, class Value>
 class TableWalk {
  public:
   using PassesOver = bool (*)(const Key&);
 
-  /// \param passesOver  whether an entry does not count; null when all do.
+  /// \param passesOver  whether an entry is left out; null for none.
   /// \throws CorruptionDetectedException, as advancing does.
   explicit TableWalk(const TovanMap<Key, Value>& map, PassesOver passesOver = nullptr)
       : at_(map.begin()), passesOver_(passesOver) {

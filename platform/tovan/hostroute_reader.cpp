@@ -12,7 +12,7 @@
 
 #include "platform/tovan/RouteTableReader.h"
 
-/// What the functions do, whatever the family.
+/// The functions, for either family.
 struct hostroute_reader {
   hostroute_reader() = default;
   hostroute_reader(const hostroute_reader&) = delete;
@@ -27,7 +27,7 @@ struct hostroute_reader {
   virtual int via(uint32_t index, hostroute_via& to) = 0;
   virtual int wait(uint32_t timeoutMs, int& news) = 0;
 
-  /// Notes why a call fails. Returns its status.
+  /// Notes why a call fails, and returns its status.
   int fails(int status, const char* why) noexcept {
     try {
       error = why;
@@ -78,7 +78,7 @@ void copyAddr(const Zemit::Ip6Addr& addr, uint8_t* to) {
   writeBytes(addr.low(), 8, to + 8);
 }
 
-/// Runs a call's body and tells by a status how it ended.
+/// Runs the body of a call, and returns the status of the call.
 template <class Body>
 int guarded(hostroute_reader& reader, Body body) noexcept {
   try {

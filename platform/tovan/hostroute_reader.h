@@ -1,15 +1,16 @@
 /* Reads the routes that a daemon keeps in shared memory, from C or any language that can call it.
  *
  * The functions are in libhostroute_platform. A reader is used by one thread at a time. Nothing
- * here ends the process or raises an exception; whatever fails says so by its status, and why by
- * hostroute_reader_error(). What Tovan::BasicRouteTableReader promises holds here, too. */
+ * here ends the process or raises an exception. A call that fails returns a status, and
+ * hostroute_reader_error() gives the reason. The guarantees of Tovan::BasicRouteTableReader hold.
+ */
 #ifndef HOSTROUTE_READER_H
 #define HOSTROUTE_READER_H
 
 #include <stddef.h>
 #include <stdint.h>
 
-/* Names as C has them. */
+/* The naming convention of C. */
 /* NOLINTBEGIN(modernize-use-using,readability-identifier-naming) */
 
 #ifdef __cplusplus
@@ -19,21 +20,21 @@ extern "C" {
 /* Reads the routes of one VRF and family. */
 typedef struct hostroute_reader hostroute_reader;
 
-/* How a call ended. Numbers are never given another meaning; new ones may come. */
+/* The result of a call. Numbers keep their meaning; new ones may be added. */
 enum {
   HOSTROUTE_OK = 0,
   HOSTROUTE_NONE = 1,     /* there is no such route, no further one, no news */
-  HOSTROUTE_DAMAGED = 2,  /* what was asked for is damaged; the reader stays usable */
-  HOSTROUTE_BUSY = 3,     /* it changes too often to be read: try again */
-  HOSTROUTE_NO_TABLE = 4, /* the tables are not there, or cannot be opened */
-  HOSTROUTE_INVALID = 5,  /* an argument is not what it may be */
+  HOSTROUTE_DAMAGED = 2,  /* the entry is damaged; the reader stays usable */
+  HOSTROUTE_BUSY = 3,     /* the entry changes too often to be read: try again */
+  HOSTROUTE_NO_TABLE = 4, /* the tables do not exist, or cannot be opened */
+  HOSTROUTE_INVALID = 5,  /* an argument is invalid */
   HOSTROUTE_FAILED = 6    /* anything else, such as too little memory */
 };
 
 /* What hostroute_reader_wait() found. */
 enum {
   HOSTROUTE_CHANGED = 1, /* routes or next hops changed, or the state */
-  HOSTROUTE_REOPENED = 2 /* the tables were made anew: forget what was read before */
+  HOSTROUTE_REOPENED = 2 /* new tables were opened: what was read before is void */
 };
 
 #define HOSTROUTE_ADDR_BYTES 16
@@ -61,9 +62,9 @@ typedef struct hostroute_via {
 /* The tables as a whole. */
 typedef struct hostroute_state {
   uint64_t routes;      /* how many there are */
-  uint8_t loading;      /* the owner is still reading what it starts with */
-  uint8_t initialized;  /* the host-route machine keeps up with its inputs */
-  uint8_t synchronized; /* the FIB's own host routes are in as well */
+  uint8_t loading;      /* the owner is still reading its initial inputs */
+  uint8_t initialized;  /* the host-route machine follows its inputs */
+  uint8_t synchronized; /* the FIB's own host routes are included */
   uint8_t has_writer;   /* a process keeps the tables up to date */
   uint8_t is_current;   /* the names still lead to these tables */
   uint8_t reserved[3];
@@ -71,13 +72,13 @@ typedef struct hostroute_state {
 
 /* Opens the tables of a VRF that a daemon shares under the name `tables`. `family` is 4 or 6.
  *
- * On HOSTROUTE_OK `*reader` is a reader, to be closed; else it is null, and the reason stands in
+ * On HOSTROUTE_OK `*reader` is a reader, to be closed; else it is null, and the reason is in
  * `error`, cut to `errorBytes` with its final zero. `error` may be null. */
 int hostroute_reader_open(const char* tables, const char* vrf, int family,
                           hostroute_reader** reader, char* error, size_t errorBytes);
 /* Null is allowed. */
 void hostroute_reader_close(hostroute_reader* reader);
-/* Why the last call on this reader failed, until the next one; never null. */
+/* Why the last call on this reader failed. Valid until the next call; never null. */
 const char* hostroute_reader_error(const hostroute_reader* reader);
 
 int hostroute_reader_state(hostroute_reader* reader, hostroute_state* state);
@@ -88,19 +89,18 @@ int hostroute_reader_find(hostroute_reader* reader, const uint8_t* addr, uint32_
 /* The route that a packet to `addr` takes. */
 int hostroute_reader_match(hostroute_reader* reader, const uint8_t* addr, hostroute_route* route);
 
-/* Begins a walk over the routes that there are now, in no order. HOSTROUTE_DAMAGED: some could not
- * be read; the walk leads over the others. */
+/* Begins a walk over the present routes, in no particular order. HOSTROUTE_DAMAGED: some could not
+ * be read; the walk visits the others. */
 int hostroute_reader_walk(hostroute_reader* reader);
-/* The walk's next route, as it is now; those that have gone are passed over. After
- * HOSTROUTE_DAMAGED and HOSTROUTE_BUSY the walk goes on with the one behind. HOSTROUTE_NONE ends
- * it. */
+/* The next route of the walk, as it is now; removed routes are skipped. After HOSTROUTE_DAMAGED and
+ * HOSTROUTE_BUSY the walk can continue with the next one. HOSTROUTE_NONE: the walk has ended. */
 int hostroute_reader_next(hostroute_reader* reader, hostroute_route* route);
 
-/* A next hop of the route that was given last. `index` is below its via_count. */
+/* A next hop of the route that was returned last. `index` is below its via_count. */
 int hostroute_reader_via(hostroute_reader* reader, uint32_t index, hostroute_via* via);
 
-/* Waits up to `timeoutMs` milliseconds for something to have changed since the last call returned,
- * or since the tables were opened, and sets `*news`. HOSTROUTE_NONE: nothing did. */
+/* Waits up to `timeoutMs` milliseconds for a change since the last call returned, or since the
+ * tables were opened, and sets `*news`. HOSTROUTE_NONE: there was no change. */
 int hostroute_reader_wait(hostroute_reader* reader, uint32_t timeoutMs, int* news);
 
 #ifdef __cplusplus

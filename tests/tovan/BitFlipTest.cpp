@@ -1,5 +1,5 @@
-// Every bit of a table is flipped in turn: nobody may read a wrong value, or miss one without being
-// told.
+// Flips every bit of a table in turn: no reader may get a wrong value, or miss one without a
+// report.
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
@@ -22,21 +22,21 @@ namespace {
 /// How a table is read after a bit was flipped.
 struct Findings {
   size_t flips = 0;
-  size_t told = 0;  ///< flips of which somebody was told
+  size_t told = 0;  ///< flips that were reported
   size_t wrong = 0;
   size_t silentlyLost = 0;
 };
 
 class BitFlipTest : public SharedTable {
  protected:
-  /// Every so many bits, so that a run of all tests bears it; scripts/flip-bits asks for all.
+  /// Only each n-th bit, to save time; scripts/flip-bits flips all.
   static size_t stride() {
     const char* asked = std::getenv("HOSTROUTE_FLIP_STRIDE");
     return asked == nullptr ? 97 : std::strtoul(asked, nullptr, 10);
   }
   static constexpr uint64_t key(uint64_t n) { return 0x5eed'0000'0000'0000 + n; }
 
-  /// Makes a table in which each third key was removed again, and maps its file.
+  /// Makes a table from which each third key was removed, and maps its file.
   void make(uint64_t entries) {
     entries_ = entries;
     {
@@ -64,7 +64,7 @@ class BitFlipTest : public SharedTable {
   bool isThere(uint64_t n) const { return n % 3 != 0; }
   uint64_t there() const { return entries_ - (entries_ + 2) / 3; }
 
-  /// The places of the bits that anybody reads: header, directory, pages.
+  /// The places of the bits that are read: header, directory, pages.
   std::vector<size_t> bits(size_t every) const {
     constexpr size_t kTop = 4096;
     constexpr size_t kPages = kTop + (size_t{8} << 19);
@@ -85,7 +85,7 @@ class BitFlipTest : public SharedTable {
     }
   }
 
-  /// So many of the bits of a large table, with repetitions.
+  /// Random bits of a large table.
   std::vector<size_t> someBits(size_t count) const {
     const auto all = bits(1);
     std::mt19937 random(1);
@@ -94,7 +94,7 @@ class BitFlipTest : public SharedTable {
     return some;
   }
 
-  /// Looks everything up, and walks.
+  /// Looks up every key, and walks through all entries.
   void read(const Map& table, Findings& findings) {
     bool isTold = false;
     for (uint64_t n = 0; n < entries_; ++n) {
@@ -122,8 +122,8 @@ class BitFlipTest : public SharedTable {
     findings.told += isTold || walkIsTold;
   }
 
-  /// The bit is flipped while nobody writes: a reader that is open already, one that opens now, and
-  /// the next writer.
+  /// Flips a bit while there is no writer, and reads with an open reader, a new one, and the next
+  /// writer.
   void atRest(size_t bit, const Map& reading, Findings& findings) {
     ++findings.flips;
     flip(bit);
@@ -152,8 +152,8 @@ class BitFlipTest : public SharedTable {
     putBack();
   }
 
-  /// Each bit is flipped by a signal, between any two instructions of a reading, and put back when
-  /// all was read with it once more.
+  /// Flips each bit in a signal handler, between two instructions of a reading, and restores it
+  /// after another reading.
   void whileRead(const std::vector<size_t>& chosen) {
     const auto former = std::signal(SIGALRM, [](int) {
       if (waits_ != 0) *toFlip_ ^= static_cast<uint8_t>(1U << bitToFlip_ % 8);
@@ -190,7 +190,7 @@ class BitFlipTest : public SharedTable {
                 findings.flips, findings.told, findings.wrong, findings.silentlyLost);
   }
 
-  // For the signal.
+  // For the signal handler.
   static inline uint8_t* volatile toFlip_ = nullptr;
   static inline volatile size_t bitToFlip_ = 0;
   static inline volatile std::sig_atomic_t waits_ = 0;
@@ -228,7 +228,7 @@ TEST_F(BitFlipTest, OfALargeTableWhileRead) {
   whileRead(someBits(20000 / stride()));
 }
 
-// Whatever it is, the next changes put it right: for the writer, and for those who read meanwhile.
+// The next changes repair any damage, for the writer and for readers.
 TEST_F(BitFlipTest, UnderALivingWriter) {
   make(60);
   unmap();
@@ -266,8 +266,8 @@ TEST_F(BitFlipTest, UnderALivingWriter) {
   EXPECT_GT(flips, 100U);
 }
 
-// Where nothing changes, the writer finds it all the same, tells of it once, and what it gives up
-// is all that is missing.
+// A writer that makes no changes also finds the damage, reports it once, and announces every entry
+// that is lost.
 TEST_F(BitFlipTest, UnderAWriterThatTends) {
   make(60);
   unmap();

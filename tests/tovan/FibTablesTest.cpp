@@ -1,4 +1,4 @@
-// The tables of routes and FECs in shared memory: what is announced, refused and put right.
+// The tables of routes and FECs in shared memory: announcements, refusals and repairs.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -42,7 +42,7 @@ class FibTablesTest : public Tovan::RouteTablesTest<F> {
                 ptrdiff_t offset = Tovan::kValue<Key>) const {
     return Tovan::damage(name + "." + kind + F::kNumber, key, offset);
   }
-  /// Damages what is stored of a FEC.
+  /// Damages the entry of a FEC.
   size_t damageFec(FecId id) const { return damage("fec", id, Tovan::kValue<FecId> + 8); }
 
   struct RouteWatcher final : RouteStatus::NotifieeConst {
@@ -60,7 +60,7 @@ class FibTablesTest : public Tovan::RouteTablesTest<F> {
 };
 TYPED_TEST_SUITE(FibTablesTest, Tovan::TestFamilies);
 
-// An observer that is not told keeps a route that is gone.
+// An observer that is not told would keep a route that was lost.
 TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
   using T = FibTablesTest<TypeParam>;
   const auto table = this->template open<typename T::RouteStatus>(Access::Write);
@@ -74,7 +74,7 @@ TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
   EXPECT_EQ(watcher->told, (std::set{T::host(5), T::host(6)}));
   EXPECT_EQ(watcher->toldOfAll, 1u) << "a key may be damaged, too";
 
-  // Whose key is damaged, nobody knows.
+  // Nobody can know which key was damaged.
   watcher->told.clear();
   ASSERT_EQ(this->damage("route", T::host(7), 0), 1u);
   table->routeDel(T::host(7));
@@ -107,7 +107,7 @@ TYPED_TEST(FibTablesTest, AFecThatIsGivenUpAsDamagedIsAnnounced) {
   EXPECT_EQ(table->fecKeys().size(), 7u);
 }
 
-// What was stored of it before the memory ran out is not left behind.
+// The vias that were stored before the refusal are removed.
 TYPED_TEST(FibTablesTest, AFecThatIsRefusedLeavesNothing) {
   using T = FibTablesTest<TypeParam>;
   using WideFec = typename T::Fec;
@@ -145,7 +145,7 @@ TYPED_TEST(FibTablesTest, AFecThatIsRefusedLeavesNothing) {
   EXPECT_THROW(fill(), Tovan::NoSpaceException);
   EXPECT_EQ(table->fecKeys().size(), id - 1);
   EXPECT_EQ(vias.size(), (id - 1) * 9);
-  // An update that is refused leaves what there was.
+  // A refused update changes nothing.
   WideFec wider = fecOf(id - 1);
   for (uint32_t i = 0; i < 100; ++i) wider.newVia({.hop = TypeParam::addr(1000 + i), .intf = {}});
   EXPECT_THROW(table->fecIs(wider), Tovan::NoSpaceException);
@@ -157,7 +157,7 @@ TYPED_TEST(FibTablesTest, AFecThatIsRefusedLeavesNothing) {
   EXPECT_EQ(vias.size(), id * 9);
 }
 
-// A number stands for one interface as long as anything refers to it.
+// A number belongs to one interface as long as anything refers to it.
 TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
   using T = FibTablesTest<TypeParam>;
   constexpr uint64_t kFecs = 4;
@@ -167,7 +167,7 @@ TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
       const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
       for (uint64_t id = 1; id <= kFecs; ++id) table->fecIs(T::fec(id, intf(id)));
     }
-    const uint64_t endOfName = '0' + lost;  // the second word of what is stored
+    const uint64_t endOfName = '0' + lost;  // the second word of the entry
     ASSERT_EQ(this->damage("intf", endOfName, 0), 1u);
     const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
     table->fecIs(T::fec(8, "Ethernet8"));
@@ -184,10 +184,10 @@ TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
   }
 }
 
-// The writer looks at what it does not change, and knows the names itself.
+// The writer checks tables that it does not change, and has the names in its own memory.
 TYPED_TEST(FibTablesTest, WhatNobodyWritesIsTended) {
   using T = FibTablesTest<TypeParam>;
-  constexpr uint64_t kFirst = 100;  // no interface's number
+  constexpr uint64_t kFirst = 100;  // not the number of an interface
   const auto routes = this->template open<typename T::RouteStatus>(Access::Write);
   const auto fecs = this->template open<typename T::ForwardingStatus>(Access::Write);
   const auto intf = [](uint64_t n) { return "Ethernet" + std::to_string(n); };
@@ -202,7 +202,7 @@ TYPED_TEST(FibTablesTest, WhatNobodyWritesIsTended) {
   routeWatcher->toldOfAll = fecWatcher->toldOfAll = 0;
   ASSERT_EQ(this->damage("route", T::host(4)), 1u);
   ASSERT_EQ(this->damageFec(kFirst + 5), 1u);
-  ASSERT_EQ(this->damage("intf", uint64_t{'6'}, 0), 1u);  // the second word of what is stored
+  ASSERT_EQ(this->damage("intf", uint64_t{'6'}, 0), 1u);  // the second word of the entry
   const uint64_t reported = Tovan::corruptionCount();
   Tovan::TendRound round;
   routes->tend(round);
@@ -249,7 +249,7 @@ TYPED_TEST(FibTablesTest, NothingIsFoundUnderTheNullPrefix) {
   expectHidden(*Kiv::make<typename TypeParam::HostStatus>("hosts"));
 }
 
-// The references of the routes 1..3: all of one via set, so on one adjacency.
+// The routes 1..3 have the same vias, so they share one adjacency.
 TYPED_TEST(FibTablesTest, AHelperMendsItsAdjacencies) {
   using T = FibTablesTest<TypeParam>;
   using Helper = typename TypeParam::AdjacencyHelper;
@@ -272,7 +272,7 @@ TYPED_TEST(FibTablesTest, AHelperMendsItsAdjacencies) {
   ASSERT_EQ(published.viaCount(), 2u);
   EXPECT_EQ(helper->validate(tables, std::array{hosts}), 0u);
 
-  // Whoever takes a damaged one publishes it anew, searched for or not.
+  // A reference to a damaged adjacency publishes it again.
   for (const uint64_t likely : {uint64_t{0}, adjacency}) {
     ASSERT_EQ(this->damageFec(adjacency), 1u);
     EXPECT_EQ(helper->takeFibAdjacency(vias, likely), adjacency);
@@ -285,7 +285,7 @@ TYPED_TEST(FibTablesTest, AHelperMendsItsAdjacencies) {
   EXPECT_EQ(helper->fibAdjacencies().users(static_cast<uint32_t>(adjacency)), 3u);
   EXPECT_EQ(hosts->adjacencies().users(1), 3u);
 
-  // A damaged route holds nothing; so the last reference goes with the others.
+  // A damaged route has no reference, so the last one is released with the others.
   ASSERT_EQ(this->damage("route", T::host(2)), 1u);
   for (const uint32_t n : {1U, 3U}) {
     routes->routeDel(T::host(n));

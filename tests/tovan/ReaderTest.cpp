@@ -1,4 +1,4 @@
-// What readers of routes rely on: next hops that are the route's own, and news of every change.
+// What readers of routes rely on: the next hops are those of the route, and no change is missed.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,7 +22,7 @@ class ReaderTest : public RouteTablesTest<F> {
   using typename RouteTablesTest<F>::ViaSet;
   using RouteTablesTest<F>::host;
 
-  /// The tables of a VRF, and what a daemon does to a route in them.
+  /// The tables of a VRF, and the changes that a daemon makes to a route.
   struct Owner {
     typename F::ForwardingStatus::Ptr forwarding;
     typename F::RouteStatus::Ptr routes;
@@ -59,8 +59,8 @@ class ReaderTest : public RouteTablesTest<F> {
 };
 TYPED_TEST_SUITE(ReaderTest, TestFamilies);
 
-// The ids of FIB adjacencies are used again at once: here each id goes to another route, and comes
-// back to the same one with another next hop. Who reads one after the other gets wrong pairs.
+// The ids of FIB adjacencies are used again at once: here each id goes to another route, and then
+// back to the first one with another next hop. Two separate readings give wrong pairs.
 TYPED_TEST(ReaderTest, NextHopsAreTheRoutesOwnWhileIdsAreUsedAgain) {
   using F = TypeParam;
   constexpr uint32_t kHosts = 3;
@@ -81,7 +81,7 @@ TYPED_TEST(ReaderTest, NextHopsAreTheRoutesOwnWhileIdsAreUsedAgain) {
     try {
       reader.emplace(this->name, "a/b");
     } catch (const OpenException&) {
-      std::this_thread::yield();  // in the making
+      std::this_thread::yield();  // the owner is just making them
     }
   }
   const auto routes =
@@ -142,7 +142,7 @@ TYPED_TEST(ReaderTest, ChangesAreToldOfOnceAndARestartIsFollowed) {
   EXPECT_EQ(reader.match(TypeParam::addr(2))->route.metricPref.metric, 6u);
   EXPECT_FALSE(reader.match(TypeParam::addr(3)));
 
-  // The owner ends; what it left stays until the next one removes it.
+  // The owner ends. Its tables stay until the next owner removes them.
   owner.reset();
   isToldOnce("the end of the writer");
   EXPECT_FALSE(reader.hasWriter());
@@ -152,7 +152,7 @@ TYPED_TEST(ReaderTest, ChangesAreToldOfOnceAndARestartIsFollowed) {
   isToldOnce("the removal");
   EXPECT_EQ(reader.find(this->host(2))->route.metricPref.metric, 6u);
 
-  // Of an owner that is not ready yet, nothing is opened.
+  // While the next owner has not made all its tables, none is opened.
   const auto forwarding =
       Kiv::make<typename TypeParam::ForwardingStatus>(this->name, Access::Write);
   EXPECT_FALSE(reader.reopen());
@@ -170,8 +170,8 @@ TYPED_TEST(ReaderTest, ChangesAreToldOfOnceAndARestartIsFollowed) {
   EXPECT_TRUE(reader.find(this->host(3)));
 }
 
-// A reader that waits across a writer's death must not take the next one's first changes for those
-// that it has seen.
+// A reader that waits while one writer ends and the next begins must not miss the changes of the
+// next one.
 TEST(ChangeCountTest, GoesOnWithTheNextWriter) {
   const std::string name = "count" + std::to_string(::getpid());
   const auto config = [&](Access access) {

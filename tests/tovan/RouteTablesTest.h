@@ -1,4 +1,4 @@
-// What tests of the tables of routes and FECs have in common: both families, tables of their own.
+// The fixture of tests of the tables of routes and FECs, for both families.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
-// A writer that is stopped behind each of its instructions: whatever state of the memory it can be
-// killed in is given to a reader and to a next writer.
+// Stops a writer after each of its instructions, and gives every state of the memory in which it
+// can be killed to a reader and to a next writer.
 //
-// A short part of what there is to step through is done by default. HOSTROUTE_STEPPING=long does it
+// By default, only a part of the changes is stepped through. HOSTROUTE_STEPPING=long steps through
 // all; see scripts/try-tables.
 #include <sys/ptrace.h>
 #include <sys/stat.h>
@@ -21,8 +21,8 @@
 namespace Tovan {
 namespace {
 
-/// The memory of a table, read and written past the library. Of the directory, as much as the
-/// tables of these tests use.
+/// The memory of a table, read and written without the library. The directory is limited to the
+/// part that the tables of these tests use.
 class Image {
  public:
   static constexpr size_t kTop = 4096;
@@ -46,7 +46,7 @@ class Image {
     struct stat status {};
     return ::fstat(fd_, &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
   }
-  /// What stands there, in one piece.
+  /// Copies the memory into one piece.
   void copyTo(std::vector<std::byte>& state) const {
     const size_t size = this->size();
     state.resize(kUsed + (size > kPagesAt ? size - kPagesAt : 0));
@@ -76,8 +76,8 @@ bool isLong() {
   return stepping != nullptr && std::string_view(stepping) == "long";
 }
 
-/// A value of two words that are the same. It is this test's alone, as the code of its table is,
-/// which is always compiled as it is for use: there are ten times the instructions else.
+/// A value of two equal words. No other test uses this type, so that the code of its table is
+/// optimised although that of other tests is not: it would have ten times as many instructions.
 struct Twice {
   uint64_t words[2];
 
@@ -118,9 +118,9 @@ class SteppingTest : public SharedTable {
     return word == in(before) || word == in(after);
   }
 
-  /// What is wrong with what a table holds, if anything: a key must have what stood there before or
-  /// is to stand there after. A reader may be told of keys that were not there, or whose turn it
-  /// is, that a change was not completed; during a repair, of all.
+  /// What is wrong with the contents of a table, or "". Each key must have its value from before or
+  /// after the change. A reader may get the exception for an uncompleted change for a key that was
+  /// absent or is being changed; during a repair, for any key.
   std::string faultOf(const Map& table, const Contents& before, const Contents& after) const {
     const bool isReader = table.isReadOnly();
     for (uint64_t key = 1; key <= kKeys; ++key) {
@@ -142,7 +142,7 @@ class SteppingTest : public SharedTable {
     return "";
   }
 
-  /// The same of a walk.
+  /// The same for a walk.
   static std::string walkFaultOf(const Map& table, const Contents& before, const Contents& after) {
     Contents found;
     try {
@@ -185,8 +185,8 @@ class SteppingTest : public SharedTable {
   }
 
   /// Runs `body` in a child, instruction by instruction from its first raise(SIGSTOP) on, and
-  /// checks every state of the table that differs from the one before. `between` gives what may
-  /// stand there.
+  /// checks every state of the table that differs from the one before, or only each `every`-th.
+  /// `between` sets the two contents that are allowed.
   void step(const std::function<void()>& body,
             const std::function<void(Contents& before, Contents& after)>& between,
             size_t every = 1) {
@@ -219,7 +219,7 @@ class SteppingTest : public SharedTable {
           check(last, before, after);
         }
       }
-      // Signals other than those of the steps are for nobody: SIGSTOP was the beginning.
+      // No signal is passed on: SIGSTOP only marked the beginning.
       if (::ptrace(PTRACE_SINGLESTEP, child, nullptr, nullptr) != 0) break;
       ::waitpid(child, &status, 0);
     }
@@ -260,7 +260,7 @@ class SteppingTest : public SharedTable {
     ::munmap(done, sizeof(size_t));
   }
 
-  /// Notes how much there was, at least `leastStates` when anything could be traced.
+  /// Prints the counts. There must be more than `leastStates` if the process may trace.
   void report(size_t leastStates) const {
     if (IsSkipped()) return;
     EXPECT_GT(states, leastStates);
@@ -302,7 +302,7 @@ TEST_F(SteppingTest, EachStateOfAGrowingTableHasAllEntries) {
   report(60);
 }
 
-// What a writer does that takes a table over may end anywhere, too.
+// A writer may also be killed while it takes a table over.
 TEST_F(SteppingTest, EachStateOfARepairCanBeRepaired) {
   Contents contents;
   const uint64_t full = isLong() ? 70 : 20;
@@ -311,8 +311,8 @@ TEST_F(SteppingTest, EachStateOfARepairCanBeRepaired) {
     Map table = writer();
     for (const auto& [key, word] : contents) table.set(key, Twice(word));
   }
-  // What a writer leaves that dies while it replaces a value, removes, or inserts; the last where
-  // there is no room, so that the page is split.
+  // The states in which a writer may be killed while it replaces a value, removes an entry, and
+  // inserts one, which splits the page if it is full.
   std::vector<std::vector<std::byte>> left;
   for (const Change& change :
        {Change{Change::Set, 5, 205}, {Change::Erase, 6}, {Change::Set, 300, 300}}) {
@@ -331,9 +331,9 @@ TEST_F(SteppingTest, EachStateOfARepairCanBeRepaired) {
     apply(change, contents);
   }
   isRepair = true;
-  const size_t stride = isLong() ? 3 : 20;
+  const size_t stride = isLong() ? left.size() / 40 + 1 : 20;
   for (size_t i = 0; i < left.size() && !HasFatalFailure(); i += stride) {
-    // It depends on what is left which of both a key has. A repair changes nothing of that.
+    // The state determines whether the key has its old or its new value, and a repair keeps it.
     Contents now;
     copy->set(left[i]);
     for (const auto& [key, value] : Map(copyConfig(Access::Write))) now[key] = value.word();

@@ -38,7 +38,8 @@ TEST_F(ThreadsTest, ReadersSeeWholeEntriesWhileTheWriterIsBusy) {
       }
     });
   }
-  // Tables come and go meanwhile, and reports are made: what the tables of a process share.
+  // Meanwhile tables are opened and closed, and damage is reported: all tables of a process share
+  // the data for this.
   std::thread neighbor([&] {
     for (int i = 0; !ends; ++i) {
       Map private_({.name = "private"});

@@ -19,7 +19,7 @@ struct WideKey {
   auto operator<=>(const WideKey&) const = default;
 };
 
-/// Applies random operations to a table and to a std::map, and compares all they tell.
+/// Applies random operations to a table and to a std::map, and compares the results.
 template <class Key, class Value, class MakeKey, class MakeValue>
 void compareWithModel(MakeKey makeKey, MakeValue makeValue) {
   TovanMap<Key, Value> table({.name = "model"});
@@ -96,9 +96,9 @@ TEST(TovanMapTest, WalkSurvivesWritesOfItsBody) {
 
 class TovanMapDamageTest : public SharedTable {
  protected:
-  /// A key that looks like nothing else in the memory.
+  /// A key that differs from all other words of the memory.
   static constexpr uint64_t kOdd = 0x0ddd'0000'0000'0000;
-  /// Overwrites `count` bytes of the table from outside, at the same places for each seed.
+  /// Overwrites `count` bytes of the table. A seed always gives the same bytes.
   void damage(uint32_t seed, int count, size_t from) {
     const int fd = file();
     const auto size = static_cast<size_t>(::lseek(fd, 0, SEEK_END));
@@ -112,7 +112,7 @@ class TovanMapDamageTest : public SharedTable {
   }
 };
 
-// Whatever is in the memory, neither process may crash or hang, or take a wrong value for right.
+// With any contents of the memory, neither process may crash, hang, or return a wrong value.
 TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
   constexpr uint64_t kEntries = 3000;
   size_t reported = 0;
@@ -128,7 +128,7 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
           const auto value = map->get(i);
           ASSERT_EQ(value.value_or(Repeated(i)).words, Repeated(i).words);
         } catch (const BusyException&) {
-          ++reported;  // a damaged mark "in use" looks so
+          ++reported;  // a damaged state may say that the slot is being written
         } catch (const CorruptionDetectedException& e) {
           ++reported;
           map->corruptionDetected(e.what());
@@ -153,14 +153,17 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
   EXPECT_GT(repaired, 0u);
 }
 
-// Nobody else looks at pages that nobody writes.
+// Pages that are not written are checked only by tend().
 TEST_F(TovanMapDamageTest, IsFoundAtRestOnceInARound) {
   Map table = writer();
   for (uint64_t i = 0; i < 2000; ++i) table.set(kOdd + i, Repeated(i));
-  const uint64_t last = kOdd + 1999;  // no split has left a copy of it elsewhere
+  const uint64_t last = kOdd + 1999;  // no split has copied it, so it is in one place
   const Map other = reader();
-  ASSERT_EQ(Tovan::damage<uint64_t>(name, last, kValue<uint64_t>), 1u);
   TendRound round;
+  round.turnIs(5);
+  table.tend(round);
+  EXPECT_FALSE(round.takePage()) << "a table of more pages takes the whole turn";
+  ASSERT_EQ(Tovan::damage<uint64_t>(name, last, kValue<uint64_t>), 1u);
   int turns = 0;
   for (round.turnIs(5); table.corruptions() == 0 && turns < 100; ++turns) {
     EXPECT_THROW(other.get(last), CorruptionDetectedException);
@@ -179,7 +182,7 @@ TEST_F(TovanMapDamageTest, IsFoundAtRestOnceInARound) {
 class FlippedBitTest : public TovanMapDamageTest {
  protected:
   static constexpr uint64_t kEntries = 100;
-  /// A key that looks like nothing else in the memory.
+  /// A key that differs from all other words of the memory.
   static constexpr uint64_t key(uint64_t n) { return 0x5eed'0000'0000'0000 + n; }
 
   /// Flips bits of the states of a key's slots; the same again puts them back.
@@ -252,7 +255,7 @@ TEST_F(FlippedBitTest, HidesNoEntryWithoutAWord) {
   }
 }
 
-// The count is written past any checksum: nobody may reserve memory by it.
+// The number of entries has no checksum, so no memory may be reserved for it unchecked.
 TEST_F(FlippedBitTest, MakesNoCountTooLarge) {
   Map table = writer();
   for (uint64_t n = 0; n < kEntries; ++n) table.set(key(n), Repeated(n));
@@ -271,7 +274,7 @@ TEST_F(FlippedBitTest, MakesNoCountTooLarge) {
   EXPECT_EQ(other.size(), kEntries - 1) << "the next change puts it right";
 }
 
-// A writer that found a damaged entry goes on to write it anew, as if it had not been there.
+// A writer treats a damaged entry as absent, and writes it anew.
 TEST_F(TovanMapDamageTest, WriterGoesOnAfterDamage) {
   Map table = writer();
   for (uint64_t i = 0; i < 100; ++i) table.set(i, Repeated(i));
@@ -287,7 +290,7 @@ TEST_F(TovanMapDamageTest, WriterGoesOnAfterDamage) {
   EXPECT_TRUE(table.get(110));
 }
 
-// The count and the trace name the table and the place.
+// Reports and traces name the table and the place.
 TEST_F(TovanMapDamageTest, EveryReportIsCountedAndTraced) {
   writer().set(kOdd, Repeated(1));
   ASSERT_EQ(Tovan::damage<uint64_t>(name, kOdd, kValue<uint64_t>), 1u);
@@ -298,7 +301,7 @@ TEST_F(TovanMapDamageTest, EveryReportIsCountedAndTraced) {
     EXPECT_EQ(record.level, 0u);
   });
   Kiv::TraceFacility::find("Tovan")->levelIs(0, true);
-  // Also what is found while the table is taken over, before anybody can ask it.
+  // Damage that is found when the table is opened is reported, too.
   const Map table(config(Access::Write));
   Kiv::TraceFacility::find("Tovan")->levelIs(0, false);
   Kiv::Tracer::sinkIs({});
@@ -313,7 +316,7 @@ TEST_F(TovanMapDamageTest, EveryReportIsCountedAndTraced) {
   EXPECT_EQ(ours->lastCorruption, table.lastCorruption());
 }
 
-// The state of a slot says that it is being written: somebody may be about to end that, or nobody.
+// The state says that the slot is being written. Only a living writer may complete that.
 TEST_F(TovanMapDamageTest, WhatALivingWriterDoesNotEndIsNoDamage) {
   auto table = std::make_unique<Map>(config(Access::Write));
   table->set(kOdd, Repeated(5));
@@ -330,7 +333,7 @@ TEST_F(TovanMapDamageTest, WhatALivingWriterDoesNotEndIsNoDamage) {
 
 class OpenTovanMapTest : public TovanMapDamageTest {
  protected:
-  /// The text with which opening is refused; empty when it is not.
+  /// The text of the refusal to open a table, or "".
   template <class M = Map>
   static std::string refusal(const TableConfig& config) {
     try {
@@ -399,7 +402,7 @@ TEST_F(OpenTovanMapTest, RefusesATruncatedTable) {
   ::close(fd);
 }
 
-// Whoever may write the file may cut it short; those who have it open live on.
+// A program that may write the file may cut it short. Processes that have it open must not crash.
 TEST_F(OpenTovanMapTest, TableCutShortInUseIsDamageNotACrash) {
   Map table = writer();
   for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
@@ -423,12 +426,12 @@ TEST_F(OpenTovanMapTest, TableCutShortInUseIsDamageNotACrash) {
   for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
   EXPECT_GT(table.corruptions(), 0u);
   EXPECT_EQ(table.size(), 5000u);
-  // The file is whole again, for those who had it open and for others.
+  // The file is whole again, for the old reader and for new ones.
   for (uint64_t i = 0; i < 5000; ++i) ASSERT_TRUE(other.get(i) && other.get(i)->word() == i) << i;
   EXPECT_EQ(reader().keys().size(), 5000u);
 }
 
-// As long as there is no change, nothing is mended, and nothing that is missing is called absent.
+// Until the next change repairs the file, readers report damage and not absent entries.
 TEST_F(OpenTovanMapTest, AFileThatWasEmptiedIsMendedByTheNextChange) {
   Map table = writer();
   for (uint64_t i = 0; i < 100; ++i) table.set(i, Repeated(i));
@@ -474,11 +477,16 @@ TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
   for (uint64_t i = 0; i < 2 * kEntries; ++i) table.set(i, Repeated(i + 1));  // it grows, too
   for (uint64_t i = 0; i < 2 * kEntries; ++i) ASSERT_EQ(after.get(i)->word(), i + 1);
 
-  // A file that somebody put there is neither overwritten nor removed.
+  // A foreign file under the name is neither overwritten nor removed.
   ASSERT_EQ(::rename(("/dev/shm" + file).c_str(), ("/dev/shm" + file + ".x").c_str()), 0);
   const int fd = ::shm_open(file.c_str(), O_RDWR | O_CREAT, 0644);
   ASSERT_EQ(::write(fd, "foreign", 7), 7);
+  rlimit files{};
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  const rlimit none{.rlim_cur = 0, .rlim_max = files.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &none);  // so no copy can be made, which could not get the name
   for (int i = 0; i < 3; ++i) tend(table);
+  ::setrlimit(RLIMIT_NOFILE, &files);
   EXPECT_EQ(table.corruptions(), 3u) << "that it was removed, and that it cannot be made again";
   EXPECT_NE(table.lastCorruption().find("again: another file has its name"), std::string::npos);
   table.set(1, Repeated(7));
@@ -490,7 +498,7 @@ TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
   EXPECT_EQ(status.st_nlink, 1u);
   EXPECT_EQ(status.st_size, 7);
   ::close(fd);
-  // It is tried again for as long as it takes.
+  // Each turn tries again.
   ::shm_unlink(file.c_str());
   table.set(1, Repeated(8));
   tend(table);
@@ -498,7 +506,7 @@ TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
   EXPECT_EQ(reader().get(1)->word(), 8u);
 }
 
-// The loser of a name leaves the winner's table alone.
+// When two writers used one name, the first must not remove the table of the second.
 TEST_F(OpenTovanMapTest, AnothersTableIsNotRemoved) {
   Map table = writer();
   ::shm_unlink(("/hostroute-" + name).c_str());

@@ -1,8 +1,8 @@
-// Puts atomics of a model in place of the standard ones. Included before all else in each source of
-// the weak-order test, so that the tables' own code runs in the model.
+// Replaces the standard atomics by those of a model. Each source of the weak-order test includes
+// this first, so that the code of the tables runs in the model.
 #pragma once
 
-// What is compiled as ever: the standard library, and the runtime below the tables.
+// Compiled with the standard atomics: the standard library, and the runtime below the tables.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -47,7 +47,7 @@
 #include "platform/zemit/Prefix.h"
 #include "tests/weakorder/Model.h"
 
-/// Parameters that say where a call stands. Clang 14 has no std::source_location.
+/// Parameters with the place of a call. Clang 14 has no std::source_location.
 #define WEAK_CALLER                                                 \
   const char *file = __builtin_FILE(), int line = __builtin_LINE(), \
              const char *function = __builtin_FUNCTION()
@@ -74,7 +74,7 @@ class WeakAtomic : public Weak::RealAtomic<T> {
     }
     Real::store(value, order);
   }
-  // NOLINTNEXTLINE(google-explicit-constructor): as the standard one.
+  // NOLINTNEXTLINE(google-explicit-constructor): like the standard one.
   operator T() const noexcept { return load(); }
   T operator=(T value) noexcept {
     store(value);

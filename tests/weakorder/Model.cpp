@@ -55,7 +55,7 @@ std::string Model::explore(size_t exceptions, const std::function<std::string()>
   return complaint;
 }
 
-/// One of `count` ways to go on: those that were not gone yet, in turn.
+/// Chooses one of `count` alternatives. Later runs choose the others.
 size_t Model::choose(size_t count) {
   if (count == 1) return 0;
   if (nextChoice_ == choices_.size()) choices_.push_back({.taken = 0, .count = count});
@@ -69,7 +69,7 @@ Model::Place* Model::placeOf(const void* at, bool make, uint64_t before) {
   const auto isIn = [&](const Mapping& m) { return m.begin <= address && address < m.end; };
   const auto mapping = std::find_if(mappings_.begin(), mappings_.end(), isIn);
   if (mapping == mappings_.end()) return known_[at] = nullptr;
-  // The same place is mapped where the writer has it and where the reader has.
+  // Writer and reader map the same place at different addresses.
   const uint64_t key = mapping->file << 40 | (address - mapping->begin + mapping->offset);
   if (make) {
     places_.try_emplace(
@@ -79,7 +79,7 @@ Model::Place* Model::placeOf(const void* at, bool make, uint64_t before) {
   return known_[at] = place == places_.end() ? nullptr : &place->second;
 }
 
-/// The order that counts at a site.
+/// The order at a site, which may have been weakened.
 std::memory_order Model::orderAt(std::memory_order order, const Where& where) {
   if (order == std::memory_order_relaxed) return order;
   auto& site = siteOfLine_[{where.file, where.line}];
@@ -92,7 +92,7 @@ std::memory_order Model::orderAt(std::memory_order order, const Where& where) {
   return site == weakened_ ? std::memory_order_relaxed : order;
 }
 
-/// The moment at which a part of the memory is seen, when it is an older one than the rest.
+/// The moment as of which a part of the memory is read; kAll if there is no exception for it.
 size_t Model::momentOf(const Parts& parts, uint64_t part) const {
   const auto found = parts.find(part);
   return found == parts.end() || found->second.run != runs_ ? kAll : found->second.moment;
@@ -111,7 +111,7 @@ uint64_t Model::load(const void* at, uint64_t stands, std::memory_order order, c
     place->run = runs_;
     place->lastRead = place->loads = 0;
   }
-  // A reader that looks again and again sees at last what the writer did.
+  // A reader that loads repeatedly reads the newest store at last.
   constexpr size_t kPatience = 20;
   if (++place->loads > kPatience) moment_ = log_.size();
   const size_t oldest = std::max(upTo(acquired_), place->lastRead);
@@ -124,7 +124,7 @@ uint64_t Model::load(const void* at, uint64_t stands, std::memory_order order, c
     const auto valueOf = [&](size_t i) {
       return i == 0 ? place->before : log_[stores[i - 1]].value;
     };
-    // Of older stores of the same value, the oldest leaves open most.
+    // Of older stores of the same value, only the oldest: it restricts the later loads least.
     std::vector<size_t> ways{usual};
     for (size_t i = oldest; i <= stores.size(); ++i) {
       const bool isRepeated = i != oldest && i < usual && valueOf(i) == valueOf(i - 1);

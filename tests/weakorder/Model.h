@@ -31,7 +31,7 @@ T fromWord(uint64_t word) {
   return value;
 }
 
-/// Where a call stands.
+/// The place of a call in the source.
 struct Where {
   const char* file;
   int line;
@@ -40,40 +40,40 @@ struct Where {
 /// The same, "FILE:LINE of FUNCTION".
 using Site = std::string;
 
-/// The memory model of C++ for one thread that stores and another that loads only.
+/// The memory model of C++ for one thread that stores and another one that only loads.
 ///
-/// The writer runs first, and its stores are logged. The order of the stores to each place is then
-/// that of the log, and what a store publishes is a part of the log from its start: all of it up to
-/// a release store, all up to the last release fence for a relaxed one. A reader's load may give
-/// any store to its place from the newest on that the reader knows of, through what it acquired and
-/// what it has read there before. Because readers store nothing that the writer reads, there is no
-/// execution beside these, whichever of both runs when; seq_cst counts as acquire or release.
+/// The writer runs first, and its stores are logged. The modification order of each place is the
+/// order of the log. A store publishes the beginning of the log: a release store everything before
+/// it, a relaxed store everything before the last release fence. A load of the reader may read the
+/// newest store to its place that the reader already knows, from what it acquired or has read
+/// there, or any later store. The writer reads nothing that readers store, so these are all
+/// executions, whenever the threads run. seq_cst counts as acquire or release.
 ///
-/// The reader's code runs once for each choice of what its loads give. To make a large number of
-/// loads bearable, a run begins at one of all moments of the log, and each load gives the newest
-/// store of that moment except for a limited number of times: a newer one, which moves the moment
-/// on, or an older one. Then the memory around, a cache line or a block of 4 KiB, is seen as of
-/// then as long as what was acquired allows.
+/// The reader's code runs once for each choice of the stores that its loads read. To limit the
+/// number of runs, each run begins at one moment of the log, and its loads read the newest store of
+/// that moment. Only a limited number of loads are exceptions. They read a newer store, which
+/// advances the moment, or an older one. In the latter case, the cache line or the block of 4 KiB
+/// around the place is also read as of that older moment, as far as the acquired stores allow it.
 class Model {
  public:
-  /// As many exceptions as there can be: what there is to see is seen.
+  /// No limit to the number of exceptions: all executions are explored.
   static constexpr size_t kAll = ~size_t{0};
 
   bool isOn() const { return mode_ != Off; }
 
-  /// Runs the writer, and logs what it stores to tables whose names begin with `tables`, which are
-  /// all open.
+  /// Runs the writer, and logs its stores to tables whose names begin with `tables`. All these
+  /// tables are open already.
   void record(const std::string& tables, const std::function<void()>& writer);
-  /// Runs the reader for every choice, with so many exceptions in a run at most, until one returns
-  /// a complaint. Returns the complaint, or "".
+  /// Runs the reader for every choice, with at most so many exceptions in a run, until a run
+  /// returns a complaint. Returns the complaint, or "".
   std::string explore(size_t exceptions, const std::function<std::string()>& reader);
-  /// How many runs the last exploration had, and over how many stores.
+  /// The number of runs of the last exploration, and the number of stores in the log.
   size_t runs() const { return runs_; }
   size_t stores() const { return log_.size(); }
 
-  /// Takes away what the memory orders at a site do.
+  /// Treats the memory orders at a site as relaxed.
   void weaken(const Site& site) { weakened_ = site; }
-  /// All sites so far that had more than a relaxed order.
+  /// All sites with an order stronger than relaxed that were executed.
   const std::set<Site>& sites() const { return sites_; }
 
   // For the atomics.
@@ -85,16 +85,16 @@ class Model {
  private:
   struct Store {
     uint64_t value;
-    size_t publishes;  ///< how many stores of the log who acquires it knows
+    size_t publishes;  ///< how many stores of the log a thread knows that acquires this one
   };
-  /// What was stored to one place: the value before, then stores of the log.
+  /// The values of one place: the one before, then stores of the log.
   struct Place {
     uint64_t before;
     uint64_t line;
     uint64_t block;
     std::vector<size_t> stores;
-    size_t run = 0;       ///< of which the others are
-    size_t lastRead = 0;  ///< how many of the stores are older than or are what was read last
+    size_t run = 0;       ///< the run to which the following belong
+    size_t lastRead = 0;  ///< how many stores there are up to the one that was read last
     size_t loads = 0;
   };
   struct Choice {
@@ -108,7 +108,7 @@ class Model {
     uint64_t file;
   };
 
-  /// Since when a part of the memory has not reached the reader, in a run.
+  /// The moment as of which a run reads a part of the memory.
   struct Part {
     size_t run;
     size_t moment;
@@ -126,7 +126,7 @@ class Model {
   std::unordered_map<uint64_t, Place> places_;
   std::vector<Store> log_;
   size_t fenced_ = 0;  // how much of the log the writer's last release fence publishes
-  // The run's.
+  // Of the present run.
   size_t acquired_ = 0;
   size_t seen_ = 0;  // becomes acquired at the next acquire fence
   size_t moment_ = 0;

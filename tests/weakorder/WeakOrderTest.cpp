@@ -1,7 +1,8 @@
-// What a reader may see on a machine that orders memory weakly, and whether each memory order in
+// What a reader may read on a machine that orders memory weakly, and whether each memory order in
 // the tables is needed.
 //
-// By default a part of what there is. HOSTROUTE_WEAKORDER=long does it all; see scripts/try-tables.
+// By default, only a part is explored. HOSTROUTE_WEAKORDER=long explores all; see
+// scripts/try-tables.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -52,8 +53,8 @@ struct Outcome {
   size_t runs = 0;
 };
 
-/// Explores what a reader sees while `change` is made to a table of keys 1 to `count`, each its own
-/// value. `complaint` looks, and has what is wrong with what it sees, or nothing; it is given the
+/// Explores what a reader reads while `change` is made to a table of keys 1 to `count`, each with
+/// itself as value. `complaint` reads, and returns what is wrong, or "". Its arguments are the
 /// table and the count of changes before.
 Outcome explore(uint64_t count, const std::function<void(Map&)>& change,
                 const std::function<std::string(const Map&, uint64_t)>& complaint,
@@ -244,8 +245,8 @@ std::string complaintOfAny() {
   return "";
 }
 
-// A model that finds nothing where an order is missing would be worth nothing. What the others are
-// for, docs/tables.md says.
+// The model must notice that an order is missing. docs/tables.md explains the orders for which it
+// does not.
 TEST(WeakOrderTest, AMissingOrderIsNoticed) {
   const std::set<std::string> noticeable{"write",  "read",     "setState",
                                          "repair", "headerIs", "noteChange"};
