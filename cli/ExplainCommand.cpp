@@ -44,7 +44,7 @@ int explainRecording(const ExplainOptions& options) {
     if (options.json) {
       std::cout << shownJson(Replay::toJson(explanation), 2) << '\n';
     } else {
-      // Line by line: the text has names from elsewhere in it.
+      // printable() would escape line feeds, so each line is printed alone.
       std::istringstream lines(Daemon::toText(explanation));
       for (std::string line; std::getline(lines, line);) {
         std::cout << Replay::printable(line) << '\n';

@@ -70,7 +70,8 @@ TEST(AnonymizerTest, WhatARouterTreatsInItsOwnWayStaysWhatItIs) {
   Anonymizer anonymizer(Anonymizer::keyOf("key"));
   for (const char* kept :
        {"0.0.0.0/0", "::/0", "0.0.0.0", "127.0.0.0/8", "169.254.0.0/16", "224.0.0.0/4",
-        "240.0.0.0/4", "255.255.255.255", "192.0.0.8", "::1", "fe80::/10", "ff00::/8", "ipv6"}) {
+        "240.0.0.0/4", "255.255.255.255", "192.0.0.8", "::1", "fe80::/10", "fe80::/64", "ff00::/8",
+        "ipv6"}) {
     EXPECT_EQ(anonymizer.addressText(kept), kept);
   }
   EXPECT_TRUE(Zemit::Ip6Addr::parse(anonymizer.addressText("fe80::1"))->isLinkLocal());

@@ -165,6 +165,8 @@ TEST_F(DoctorTest, RulesLeadPacketsPastTablesOfExportAndToThoseOfHosts) {
   vrf.vrfTable = 77;
   machine.links = {vrf};
   machine.rules = {local, {.priority = 1000, .isForVrfs = true}, main};
+  EXPECT_EQ(examine(machine), std::vector<Advice>()) << "a kernel without IPv6";
+  machine.rules.push_back({.family = 6, .priority = 32766, .table = RT_TABLE_MAIN});
   EXPECT_EQ(only().mend, "ip -6 rule add l3mdev pref 1000");
   machine.rules.push_back({.family = 6, .priority = 5, .table = 77, .isForAll = false});
   EXPECT_EQ(examine(machine), std::vector<Advice>());
