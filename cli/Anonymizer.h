@@ -13,13 +13,13 @@
 
 namespace Cli {
 
-/// Maps addresses and names to other ones, depending on a key. Without the key the original cannot be
-/// recovered. The same input always gives the same output.
+/// Maps addresses and names to other ones, depending on a key. Without the key the original cannot
+/// be recovered. The same input always gives the same output.
 ///
-/// Prefixes keep their lengths and nesting: two addresses keep the length of their common prefix. The
-/// first and last address of an interface's subnet stay the first and last. Addresses with a special
-/// meaning (loopback, link-local, multicast) keep it. So the recording has the same effect on the
-/// machines.
+/// Prefixes keep their lengths and nesting: two addresses keep the length of their common prefix.
+/// The first and last address of an interface's subnet stay the first and last. Addresses with a
+/// special meaning (loopback, link-local, multicast) keep it. So the recording has the same effect
+/// on the machines.
 class Anonymizer {
  public:
   using Key = std::pair<uint64_t, uint64_t>;

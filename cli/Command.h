@@ -13,8 +13,8 @@ namespace Cli {
 inline constexpr int kFailed = 1;   ///< the engine, the output or a table failed
 inline constexpr int kMisused = 2;  ///< the command line or the input is malformed
 
-/// Ends a command. what() is "PLACE: error: MESSAGE". PLACE is the file, perhaps with a line, or the
-/// command.
+/// Ends a command. what() is "PLACE: error: MESSAGE". PLACE is the file, perhaps with a line, or
+/// the command.
 class CommandError : public std::runtime_error {
  public:
   CommandError(std::string_view place, std::string_view message, int status);

@@ -102,7 +102,8 @@ class Examination {
     }
   }
 
-  /// Above the first threshold the kernel removes idle entries. Above the third it refuses new ones.
+  /// Above the first threshold the kernel removes idle entries. Above the third it refuses new
+  /// ones.
   void checkNeighborLimits(const std::string& family, size_t neighbors) {
     const auto name = family == "ipv4" ? "IPv4" : "IPv6";
     const auto folder = "net/" + family + "/neigh/default/";
@@ -119,8 +120,7 @@ class Examination {
     if (count * 10 >= *third * 9) {
       add(Weight::Error, "gc_thresh",
           "there are " + std::to_string(count) + " " + name + " neighbours, and the kernel takes " +
-              std::to_string(*third) +
-              ": new hosts get no entry, and no route",
+              std::to_string(*third) + ": new hosts get no entry, and no route",
           mend);
     } else if (count > *first) {
       add(Weight::Warning, "gc_thresh",
@@ -147,8 +147,8 @@ class Examination {
     }
   }
 
-  /// How the effective value follows from the value of `all` and the value of an interface: only the
-  /// interface's, the larger of both, or 1 when one of them is not 0.
+  /// How the effective value follows from the value of `all` and the value of an interface: only
+  /// the interface's, the larger of both, or 1 when one of them is not 0.
   enum class Combined { Alone, Most, Either };
   struct InterfaceSetting {
     const char* family;

@@ -39,7 +39,6 @@ constexpr const char* kFooter = R"(Examples:
 Exit status: 0 done, also when nothing changed; 1 a machine failed on an event, or the output cannot
 be written; 2 the command line is malformed, or the input cannot be read or is malformed.)";
 
-
 struct Change {
   Whereabouts at;
   Daemon::HistoryEntry entry;

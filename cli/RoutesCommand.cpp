@@ -454,7 +454,6 @@ int showRoutes(Options options) {
   return showSharedRoutes(options);
 }
 
-
 std::string refusedType(const std::string& text) {
   const bool isType = Routing::parseRouteType<Daemon::Ipv4::RouteType>(text) ||
                       Routing::parseRouteType<Daemon::Ipv6::RouteType>(text);

@@ -34,8 +34,9 @@ class Shell {
   Shell(const Daemon::Switch& sw, Replay::Player& player, std::ostream& os,
         const Replay::TextStyle& style = {});
 
-  /// Executes one line: a command or a line of a replay. \returns false when the line ends the shell.
-  /// \throws ShellError when the command is unknown or malformed; the exceptions of the entities and
+  /// Executes one line: a command or a line of a replay. \returns false when the line ends the
+  /// shell. \throws ShellError when the command is unknown or malformed; the exceptions of the
+  /// entities and
   ///   of Replay::Player::apply().
   bool execute(std::string_view line);
   /// The possible completions of the last word of `line`, in ascending order.

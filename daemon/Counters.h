@@ -39,8 +39,8 @@ struct Counters {
   uint64_t sum(std::string_view name, std::string_view labelValue = {}, int family = 0) const;
 };
 
-/// A histogram of durations. The range of each power of two has 16 buckets, so a quantile is at most
-/// 1/16 above the measured value.
+/// A histogram of durations. The range of each power of two has 16 buckets, so a quantile is at
+/// most 1/16 above the measured value.
 class LatencyHistogram {
  public:
   /// Durations from 2^40 ns (18 minutes) on share the last bucket.

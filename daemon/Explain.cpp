@@ -106,7 +106,7 @@ class Explainer {
     }
     result_.missing = Missing{.kind = Missing::Kind::Machine,
                               .text = "the machine of " + name() + " has ended",
-                              .mend = "a new start"};
+                              .mend = "a restart"};
   }
 
   void findMachine() {
@@ -332,8 +332,8 @@ class Explainer {
                                  .fec = fecOf(found.route),
                                  .vias = explained<F>(found.vias),
                                  .reason =
-                                     "it was merged before, and nothing has occasioned the "
-                                     "next merge since"};
+                                     "it was merged before, and no event has caused another "
+                                     "merge since"};
     }
     addLosers();
     if (!result_.winner) result_.missing = missing();
@@ -453,13 +453,13 @@ class Explainer {
     if (!state_.isInitialized) {
       return {.kind = Missing::Kind::Initialization,
               .text = name() + " is not initialized",
-              .mend = "the word that its inputs are complete",
+              .mend = "the notification that its inputs are complete",
               .vrf = vrf_};
     }
     if (state_.expected && !state_.givesWay) {
       return {.kind = Missing::Kind::Announcement,
               .text = "it has a route by its " + sourceText() +
-                      ", which has not been merged since something changed without a word",
+                      ", which has not been merged since a change without a notification",
               .mend =
                   "the next change of its neighbour, FIB host route, own address or virtual "
                   "address in " +
@@ -471,7 +471,7 @@ class Explainer {
       return {.kind = Missing::Kind::NotVirtual,
               .text = result_.address + " is virtual in VRF " + vrfs + ", and the " + sourceText() +
                       " yields an attached_ route, which gives way",
-              .mend = "the end of the virtual address",
+              .mend = "removal of the virtual address",
               .vrf = vrfs};
     }
     if (state_.source == Source::IncompleteFibRoute) {

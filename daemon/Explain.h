@@ -71,8 +71,9 @@ struct Missing {
     CoverRecord,     ///< the covering route was removed from its table without a notification
     CoverFec,        ///< the covering route has no FEC
     OtherInterface,  ///< the covering route has no via on the neighbour's interface
-    DirectVia,     ///< each via of the covering route on the neighbour's interface has a gateway
-    Announcement,  ///< all conditions hold; the neighbour or the FIB route has to be announced again
+    DirectVia,       ///< each via of the covering route on the neighbour's interface has a gateway
+    Announcement,    ///< all conditions hold; the neighbour or the FIB route has to be announced
+                     ///< again
   };
 
   Kind kind = {};

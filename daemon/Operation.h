@@ -8,7 +8,8 @@
 
 namespace Daemon {
 
-// Each operation stands for a call of the Switch method with its name. Its members are the arguments.
+// Each operation stands for a call of the Switch method with its name. Its members are the
+// arguments.
 
 /// Creates a VRF.
 struct SetVrf {
@@ -74,7 +75,8 @@ struct SetRoute {
   friend bool operator==(const SetRoute&, const SetRoute&) = default;
 };
 
-/// Sets or removes a virtual address. An IPv6 virtual address has no length; the length here is 128.
+/// Sets or removes a virtual address. An IPv6 virtual address has no length; the length here is
+/// 128.
 template <class F>
 struct SetVirtualIp {
   std::string vrf;

@@ -5,8 +5,8 @@
 
 namespace Daemon {
 
-/// The tables of a root. A user of the reflection interface may have deleted a table; an empty table
-/// then replaces it.
+/// The tables of a root. A user of the reflection interface may have deleted a table; an empty
+/// table then replaces it.
 ///
 /// \tparam F  the family.
 template <class F>

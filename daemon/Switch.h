@@ -67,9 +67,9 @@ struct SharedTables {
 
 /// The tables of a switch and the host-route machines of its VRFs.
 ///
-/// An operation changes the tables. The machines, which watch the tables, react before the operation
-/// returns. A machine is not notified of a changed FIB route by its table, so setRoute() notifies it
-/// as well. Removing an entry that does not exist has no effect.
+/// An operation changes the tables. The machines, which watch the tables, react before the
+/// operation returns. A machine is not notified of a changed FIB route by its table, so setRoute()
+/// notifies it as well. Removing an entry that does not exist has no effect.
 ///
 /// A VRF is created when it is first named, with one machine for each family. A new machine is not
 /// initialized. The VRF "default" always exists.
@@ -129,7 +129,8 @@ class Switch {
     const auto* table = neighborDir_->tableOf(intf);
     if (table != nullptr) FamilyOf<Addr>::neighborExpect(*table, addr);
   }
-  /// Creates an interface's neighbour table if it does not exist, or removes it with its neighbours.
+  /// Creates an interface's neighbour table if it does not exist, or removes it with its
+  /// neighbours.
   void setNeighborTable(Zemit::IntfId intf, bool present = true);
 
   /// \throws Kiv::RangeException when the id is 0 or over 2^32 - 1.
@@ -158,17 +159,17 @@ class Switch {
   void setRibReady(std::string_view vrf, bool ready);
   void setStartRibReadyVerification(std::string_view vrf, bool start);
 
-  /// Checks the shared tables for damage and repairs it, and retries to get memory that was refused.
-  /// Meant for a timer: each call checks the next few pages, or all pages when `all` is true.
-  /// Returns true when no table lacks memory.
+  /// Checks the shared tables for damage and repairs it, and retries to get memory that was
+  /// refused. Meant for a timer: each call checks the next few pages, or all pages when `all` is
+  /// true. Returns true when no table lacks memory.
   bool tendTables(bool all = false);
   /// Has the machines repeat all work that they may have missed when a table could not grow or lost
   /// entries. Call it after setting all inputs again: interfaces, FECs, routes, neighbours.
   /// \throws as setRoute().
   void redo();
 
-  /// Tells the readers of the shared tables whether the initial inputs are still being read, so that
-  /// further routes will follow soon. Initially false.
+  /// Tells the readers of the shared tables whether the initial inputs are still being read, so
+  /// that further routes will follow soon. Initially false.
   void setLoading(bool loading);
 
   /// The counters of a VRF's machines; empty when the VRF does not exist.

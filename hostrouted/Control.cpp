@@ -226,8 +226,8 @@ class Control::Work::Monitor final : public Feedline {
   const std::optional<Daemon::PrefixFilter> prefixes_;
 };
 
-/// The trace records of a VRF's machines about one address. The destructor disables the trace levels
-/// again, also when the client disconnects.
+/// The trace records of a VRF's machines about one address. The destructor disables the trace
+/// levels again, also when the client disconnects.
 class Control::Work::Trace final : public Feedline {
  public:
   Trace(Work& work, std::string vrf, const std::string& address, uint32_t levels, double end)

@@ -25,8 +25,8 @@ struct Peer {
 
 /// Lines about events, sent to a client as the events happen.
 ///
-/// Lines wait until the client reads them, at most kMostWaiting bytes. Further lines are dropped and
-/// counted. When there is room again, a line {"lost":N} reports their number.
+/// Lines wait until the client reads them, at most kMostWaiting bytes. Further lines are dropped
+/// and counted. When there is room again, a line {"lost":N} reports their number.
 class Feedline {
  public:
   static constexpr size_t kMostWaiting = size_t{1} << 20;
