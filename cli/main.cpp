@@ -59,7 +59,7 @@ class HelpFormatter final : public CLI::Formatter {
   std::string make_subcommand(const CLI::App* command) const override {
     constexpr size_t kNameWidth = 12;
     auto text = command->get_description();
-    text.resize(std::min(text.size(), text.find_first_of(".:")));
+    text.resize(std::min(text.size(), text.find_first_of(".:,")));
     std::replace(text.begin(), text.end(), '\n', ' ');
     auto name = command->get_name();
     name.resize(std::max(name.size() + 1, kNameWidth), ' ');

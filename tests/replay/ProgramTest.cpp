@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -113,50 +114,44 @@ constexpr const char* kScene =
     "{\"op\":\"route\",\"vrf\":\"a/b%\",\"prefix\":\"10.0.0.0/24\",\"fec\":1}\n";
 
 TEST_F(ProgramTest, ExitStatusShowsTheResult) {
-  const std::pair<const char*, int> statuses[] = {
-      {"--help", 0},
-      {"replay --help", 0},
-      {"routes --help", 0},
-      {"replay /dev/null", 0},
-      {"replay /dev/null --json --trace 0,2,7", 0},
-      {"replay", 2},
-      {"replay /dev/null --trace 2,10", 2},
-      {"replay /dev/null --trace ''", 2},
-      {"replay /dev/null --hold", 2},
-      {"replay /dev/null --shared a.b", 2},
-      {"replay /no/such/file", 2},
-      {"replay /", 2},
-      {"routes --table x --family 5", 2},
-      {"routes --table no-such-tables", 1},
-      {"types", 2},
-      {"types " HOSTROUTE_PROGRAM, 2},
-      {"--version", 0},
-      {"replay --json --json-lines /dev/null", 2},
-      {"replay /dev/null > /dev/full", 1},
-      {"replay --help > /dev/full", 1},
-      {"import --route4 /dev/null", 2},
-      {"diff /dev/null", 2},
-      {"routes --table x --type attached", 2},
-      {"routes --table x 10.0.0.256", 2},
-      {"shell - < /dev/zero", 2},
-      {"explain 10.0.0.5 --socket /no/such/socket", 1},
-      {"status --socket /no/such/socket", 1},
-      {"metrics --socket /no/such/socket", 1},
-      {"metrics --json --http", 2},
-      {"trace 10.0.0.5 --for never", 2},
-      {"log-level loud", 2},
-      {"record start", 2},
-      {"anonymize /dev/null", 0},
-      {"anonymize /no/such/file", 2},
-      {"explain 10.0.0 --replay /dev/null", 2},
-      {"explain 10.0.0.5 --replay /dev/null", 1},
-      {"explain 10.0.0.5 --replay /dev/null --vrf blue", 2},
-      {"explain 10.0.0.5 --replay /no/such/file", 2},
-      {"history 10.0.0.0/33 --replay /dev/null", 2},
-      {"history 10.0.0.0/24 --replay /dev/null", 0},
-  };
-  for (const auto& [arguments, status] : statuses) {
-    EXPECT_EQ(run(arguments).status, status) << arguments;
+  const std::map<int, std::vector<std::string>> commands = {
+      {0,
+       {"--help", "replay --help", "routes --help", "replay /dev/null",
+        "replay /dev/null --json --trace 0,2,7", "--version", "anonymize /dev/null",
+        "history 10.0.0.0/24 --replay /dev/null"}},
+      {1,
+       {"routes --table no-such-tables", "replay /dev/null > /dev/full",
+        "replay --help > /dev/full", "explain 10.0.0.5 --socket /no/such/socket",
+        "status --socket /no/such/socket", "metrics --socket /no/such/socket",
+        "explain 10.0.0.5 --replay /dev/null"}},
+      {2,
+       {"replay",
+        "replay /dev/null --trace 2,10",
+        "replay /dev/null --trace ''",
+        "replay /dev/null --hold",
+        "replay /dev/null --shared a.b",
+        "replay /no/such/file",
+        "replay /",
+        "routes --table x --family 5",
+        "types",
+        "types " HOSTROUTE_PROGRAM,
+        "replay --json --json-lines /dev/null",
+        "import --route4 /dev/null",
+        "diff /dev/null",
+        "routes --table x --type attached",
+        "routes --table x 10.0.0.256",
+        "shell - < /dev/zero",
+        "metrics --json --http",
+        "trace 10.0.0.5 --for never",
+        "log-level loud",
+        "record start",
+        "anonymize /no/such/file",
+        "explain 10.0.0 --replay /dev/null",
+        "explain 10.0.0.5 --replay /dev/null --vrf blue",
+        "explain 10.0.0.5 --replay /no/such/file",
+        "history 10.0.0.0/33 --replay /dev/null"}}};
+  for (const auto& [status, calls] : commands) {
+    for (const auto& arguments : calls) EXPECT_EQ(run(arguments).status, status) << arguments;
   }
 }
 
