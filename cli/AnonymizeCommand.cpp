@@ -1,4 +1,4 @@
-// The command that makes recordings fit for others' eyes.
+// The `hostroute anonymize` command.
 #include "cli/AnonymizeCommand.h"
 
 #include <iostream>

@@ -1,4 +1,4 @@
-// The command that makes recordings fit for others' eyes.
+// The `hostroute anonymize` command.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -1,4 +1,4 @@
-// Recordings without the addresses and names of those who made them.
+// Replaces the addresses and names in recordings.
 #include "cli/Anonymizer.h"
 
 #include <algorithm>
@@ -74,7 +74,7 @@ Zemit::Ip6Addr flipped(const Zemit::Ip6Addr& addr, uint32_t index) {
   return {addr.high(), addr.low() ^ uint64_t{1} << (127 - index)};
 }
 
-/// The prefixes that a router treats in its own way, whoever uses it; each is mapped to itself.
+/// The prefixes with a special meaning to every router. Each is mapped to itself.
 template <class F>
 const std::vector<typename F::Prefix>& specialPrefixes() {
   const auto parsed = [](std::initializer_list<const char*> texts) {
@@ -88,7 +88,8 @@ const std::vector<typename F::Prefix>& specialPrefixes() {
                 "224.0.0.0/4", "240.0.0.0/4", "255.255.255.255/32"});
     return kPrefixes;
   } else {
-    static const auto kPrefixes = parsed({"::/128", "::1/128", "fe80::/10", "ff00::/8"});
+    static const auto kPrefixes =
+        parsed({"::/128", "::1/128", "fe80::/10", "fe80::/64", "ff00::/8"});
     return kPrefixes;
   }
 }
@@ -102,7 +103,7 @@ bool areAll(const Addr& addr, uint32_t begin, uint32_t end, bool value) {
   return true;
 }
 
-/// What a field of an event holds.
+/// The content of a field of an event.
 enum class Holds { Nothing, Address, Interface, Vrf, Mac, Vias };
 struct Field {
   std::string_view name;
@@ -127,7 +128,7 @@ Holds whatHolds(const std::string& op, const std::string& field) {
 }
 
 Json parseLine(std::string_view line) {
-  (void)Replay::Event::parse(line);  // says what is wrong with it
+  (void)Replay::Event::parse(line);  // reports errors
   return Json::parse(line);
 }
 
@@ -140,7 +141,7 @@ void replaceIn(Json& object, const std::string& op, const Anonymizer& anonymizer
   for (auto& [name, value] : object.items()) {
     switch (whatHolds(op, name)) {
       case Holds::Nothing:
-        // These say nothing of the network, unless something else is put there.
+        // A plain value of these fields tells nothing about the network. An object or a list could.
         if (value.is_structured()) throw EventError("\"" + name + "\" has a structure");
         break;
       case Holds::Address:
@@ -194,9 +195,9 @@ void Anonymizer::noteSubnet(const typename F::AddrWithMask& addr) {
   std::get<Subnets<F>>(subnets_).insert(F::Prefix::enclosing(addr.addr(), addr.len()));
 }
 
-/// Each bit is turned over or not by what the bits before it are, so that addresses that begin
-/// alike go on beginning alike. Where the bits before lead on to a special prefix, or to the first
-/// or last address of a subnet, the bit stays.
+/// Flips each bit, or not, depending on the bits before it. So addresses keep the length of their
+/// common prefix. A bit is not flipped when the bits before it begin a special prefix, or when they
+/// begin the first or last address of a subnet.
 template <class F>
 typename F::Addr Anonymizer::mapped(const typename F::Addr& addr) const {
   using Prefix = typename F::Prefix;
@@ -243,7 +244,7 @@ std::string Anonymizer::mappedText(const std::string& text) const {
   const auto slash = text.find('/');
   const auto bare = text.substr(0, slash);
   const auto length = slash == text.npos ? "" : text.substr(slash);
-  // Of a prefix, what stands behind its length stays 0.
+  // The host bits of a prefix stay 0.
   const auto mappedIn = [&]<class Addr>(const Addr& addr) {
     const auto with = Zemit::BasicAddrWithMask<Addr>::parse(text);
     const uint32_t len = with ? with->len() : Addr::kBits;
@@ -255,7 +256,7 @@ std::string Anonymizer::mappedText(const std::string& text) const {
   throw EventError("\"" + text + "\" is neither an address nor a prefix");
 }
 
-/// A management port stays one: its name says so.
+/// The name of a management port keeps its start, by which the engine recognises such ports.
 std::string Anonymizer::interfaceName(std::string_view name) const {
   if (name.empty()) return {};
   char text[40];
@@ -274,7 +275,7 @@ std::string Anonymizer::vrfName(std::string_view name) const {
   return text;
 }
 
-/// One that its administrator made up, of a single station.
+/// Returns a locally administered unicast address.
 std::string Anonymizer::mac(std::string_view text) const {
   const auto parsed = Zemit::EthAddr::parse(text);
   if (!parsed) throw EventError("\"" + std::string(text) + "\" is not an Ethernet address");

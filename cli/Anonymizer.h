@@ -1,4 +1,4 @@
-// Recordings without the addresses and names of those who made them.
+// Replaces the addresses and names in recordings.
 #pragma once
 
 #include <cstdint>
@@ -13,32 +13,32 @@
 
 namespace Cli {
 
-/// Maps addresses and names to others, each always to the same, by a key without which nobody can
-/// tell the former.
+/// Maps addresses and names to other ones, depending on a key. Without the key the original cannot
+/// be recovered. The same input always gives the same output.
 ///
-/// Prefixes keep their lengths and nesting: two addresses have as many leading bits in common as
-/// before. The first and the last address of an interface's subnet, and the addresses that mean
-/// something by themselves (loopback, link-local, multicast), stay what they are to a router. So a
-/// recording means the same as before.
+/// Prefixes keep their lengths and nesting: two addresses keep the length of their common prefix.
+/// The first and last address of an interface's subnet stay the first and last. Addresses with a
+/// special meaning (loopback, link-local, multicast) keep it. So the recording has the same effect
+/// on the machines.
 class Anonymizer {
  public:
   using Key = std::pair<uint64_t, uint64_t>;
 
   explicit Anonymizer(Key key);
-  /// The key that a text stands for.
+  /// Derives a key from a text.
   static Key keyOf(std::string_view text);
 
-  /// Notes the subnet of an interface that a line of the replay tells of, if it tells of one. All
-  /// lines are noted before the first is mapped.
+  /// Remembers the interface subnet in a line of a replay, if it has one. Call it for all lines
+  /// before the first call of line().
   void note(std::string_view line);
-  /// The line with other addresses and names. \throws Replay::EventError when it is no event: what
-  /// is not known cannot be made anonymous.
+  /// The line with other addresses and names. \throws Replay::EventError when it is not an event,
+  /// because unknown fields cannot be made anonymous.
   std::string line(std::string_view line) const;
 
-  // What a line is made of.
+  // The mapping of the parts of a line.
   Zemit::IpAddr address(const Zemit::IpAddr& addr) const;
   Zemit::Ip6Addr address(const Zemit::Ip6Addr& addr) const;
-  /// An address or a prefix, as a text; "A/LEN" with host bits keeps them.
+  /// Maps the text of an address, a prefix, or an address with the length of its subnet.
   std::string addressText(const std::string& text) const;
   std::string interfaceName(std::string_view name) const;
   std::string vrfName(std::string_view name) const;
@@ -56,7 +56,7 @@ class Anonymizer {
   uint64_t hash(std::string_view text) const;
 
   const Key key_;
-  mutable std::unordered_map<std::string, std::string> addresses_;  // those mapped before
+  mutable std::unordered_map<std::string, std::string> addresses_;  // a cache of mapped texts
   std::tuple<Subnets<Daemon::Ipv4>, Subnets<Daemon::Ipv6>> subnets_;
 };
 

@@ -1,4 +1,4 @@
-// Changes of host routes as lines for people.
+// The text of a change of a host route.
 #include "cli/ChangeText.h"
 
 #include "cli/ControlClient.h"

@@ -1,4 +1,4 @@
-// Changes of host routes as lines for people.
+// The text of a change of a host route.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace Cli {
 
-/// A change of Replay::toJson(): "2026-05-04 12:00:00.123  default  10.0.0.5/32  attached_ via p1
-/// (neighbour learned on p1)", on one line.
+/// A change in the form of Replay::toJson() as one line: "2026-05-04 12:00:00.123  default
+/// 10.0.0.5/32  attached_ through p1  (neighbour learned on p1)".
 std::string changeLine(const nlohmann::ordered_json& change);
 
 }  // namespace Cli

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "daemon/Family.h"
 #include "replay/Printable.h"
 
 namespace Cli {
@@ -20,6 +21,17 @@ std::string errorText(std::string_view place, std::string_view message) {
 
 void requireOutput() {
   if (!std::cout.flush()) throw CommandError("standard output", "cannot be written", kFailed);
+}
+
+std::string refusedAddress(const std::string& text) {
+  const auto isOf = [&text](auto family) {
+    using F = decltype(family);
+    const auto prefix = F::Prefix::parse(text);
+    return F::Addr::parse(text) || (prefix && !isNull(*prefix));
+  };
+  return isOf(Daemon::Ipv4()) || isOf(Daemon::Ipv6())
+             ? ""
+             : text + " is neither an address nor a prefix";
 }
 
 Input::Input(std::string name) : name_(std::move(name)) {

@@ -1,4 +1,4 @@
-// What all commands have in common: how they end, what their errors look like, what they read.
+// The common parts of all commands: exit statuses, errors and input files.
 #pragma once
 
 #include <fstream>
@@ -13,8 +13,8 @@ namespace Cli {
 inline constexpr int kFailed = 1;   ///< the engine, the output or a table failed
 inline constexpr int kMisused = 2;  ///< the command line or the input is malformed
 
-/// Ends a command. what() is "PLACE: error: MESSAGE", where PLACE is the file and perhaps the line,
-/// or the command itself.
+/// Ends a command. what() is "PLACE: error: MESSAGE". PLACE is the file, perhaps with a line, or
+/// the command.
 class CommandError : public std::runtime_error {
  public:
   CommandError(std::string_view place, std::string_view message, int status);
@@ -27,10 +27,14 @@ class CommandError : public std::runtime_error {
 /// "PLACE: error: MESSAGE", safe for a terminal.
 std::string errorText(std::string_view place, std::string_view message);
 
-/// Ends the command when what it has printed cannot be written. \throws CommandError.
+/// Flushes standard output. \throws CommandError when it cannot be written.
 void requireOutput();
 
-/// A file to read, or standard input where it is called "-".
+/// The error message for a text that is neither an address nor a prefix; empty when it is one of
+/// them. For CLI::Option::check().
+std::string refusedAddress(const std::string& text);
+
+/// An input file; the name "-" means standard input.
 class Input {
  public:
   /// \throws CommandError when it cannot be opened, or is a directory.

@@ -1,4 +1,4 @@
-// Asks a running hostrouted by its control socket.
+// The client of the control socket.
 #include "cli/ControlClient.h"
 
 #include <poll.h>
@@ -10,13 +10,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <utility>
 
 #include <CLI/CLI.hpp>
 
-#include "cli/Command.h"
 #include "replay/Json.h"
 
 namespace Cli {
@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kVersion = 1;
 constexpr size_t kMostLineBytes = size_t{256} << 20;
-/// A line that goes on for longer than the daemon may take brings so much in that time.
+/// A line may take longer than the time limit if at least this many bytes arrive within the limit.
 constexpr size_t kLeastBytes = size_t{1} << 20;
 constexpr const char* kNotUnderstood = "the answer is not understood";
 
@@ -40,9 +40,14 @@ timeval timevalOf(std::chrono::milliseconds time) {
 }  // namespace
 
 void addSocketOption(CLI::App& command, ControlOptions& options) {
-  command.add_option("--socket", options.socket, "The control socket of the daemon that is asked")
+  // CLI11's own environment variables would also override --socket of a command that shares the
+  // option's variable with another command.
+  const char* variable = std::getenv("HOSTROUTE_SOCKET");
+  if (variable != nullptr && *variable != '\0') options.socket = variable;
+  command
+      .add_option("--socket", options.socket,
+                  "The daemon's control socket; HOSTROUTE_SOCKET changes the default")
       ->type_name("PATH")
-      ->envname("HOSTROUTE_SOCKET")
       ->capture_default_str();
 }
 
@@ -72,7 +77,7 @@ ControlClient::ControlClient(const ControlOptions& options, std::string place)
   if (path_.size() >= sizeof(address.sun_path)) fail("the path is too long for a socket");
   std::memcpy(address.sun_path, path_.data(), path_.size());
   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  // For sending, and for a connection that nobody accepts.
+  // The limit applies to sending, and to connecting while the daemon's queue of clients is full.
   const timeval patience = timevalOf(patience_);
   if (fd_ >= 0) ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
   if (fd_ >= 0 &&
@@ -83,7 +88,9 @@ ControlClient::ControlClient(const ControlOptions& options, std::string place)
   if (fd_ >= 0) ::close(std::exchange(fd_, -1));
   if (problem == EAGAIN) fail("the daemon does not answer");
   if (problem == EACCES) fail("this user may not ask the daemon; its configuration names a group");
-  fail("no hostrouted answers there: " + std::string(std::strerror(problem)));
+  throw NoDaemonError(
+      place_, path_ + ": no hostrouted answers there: " + std::string(std::strerror(problem)),
+      kFailed);
 }
 
 ControlClient::~ControlClient() {
@@ -96,7 +103,7 @@ void ControlClient::fail(const std::string& what) const {
 
 namespace {
 
-/// A line of the answer; discarded where it is not JSON that one may read.
+/// A line of the answer; a discarded value when it is not JSON or is nested too deeply.
 Json parsed(const std::string& line) {
   if (Replay::nestsTooDeep(line)) return Json(Json::value_t::discarded);
   return Json::parse(line, nullptr, false);
@@ -109,7 +116,7 @@ Json ControlClient::ask(Json request) {
   const auto line = request.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
   for (size_t sent = 0; sent < line.size();) {
     const auto size = ::send(fd_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
-    // A daemon that has no room for us says so before it hangs up.
+    // A daemon with too many clients sends a refusal before it closes the connection.
     if (size < 0 && (errno == EPIPE || errno == ECONNRESET)) break;
     if (size < 0 && errno == EAGAIN) fail("the daemon does not answer");
     if (size < 0 && errno != EINTR) fail(std::strerror(errno));

@@ -1,4 +1,4 @@
-// Asks a running hostrouted by its control socket, as docs/control-socket.md describes.
+// The client of the control socket, which docs/control-socket.md describes.
 #pragma once
 
 #include <chrono>
@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "cli/Command.h"
 #include "cli/Terminal.h"
 
 namespace CLI {
@@ -14,43 +15,52 @@ class App;
 
 namespace Cli {
 
-/// Which daemon a command asks.
+/// The daemon that a command asks.
 struct ControlOptions {
   std::string socket = "/run/hostroute/control.sock";
-  /// How long the daemon may take to take a request, and for each line of the answer.
+  /// The time limit for sending a request, and for each line of the answer.
   std::chrono::milliseconds patience{30000};
 };
-/// Adds --socket, which may also come from HOSTROUTE_SOCKET.
+/// Adds --socket. Its default may come from the environment variable HOSTROUTE_SOCKET.
 void addSocketOption(CLI::App& command, ControlOptions& options);
 
-/// What a command does that asks the daemon. `place` is what errors call it.
+/// No daemon listens on the control socket.
+class NoDaemonError : public CommandError {
+ public:
+  using CommandError::CommandError;
+};
+
+/// The body of a command that asks the daemon. `place` is the command's name in error messages.
 /// \returns the exit status.
 using AskDaemon = std::function<int(const std::string& place)>;
-/// Does that. \throws CommandError also where an answer has another form than is expected.
+/// Runs the body of a command. \throws CommandError also when the daemon's answer has an unexpected
+/// form.
 int runLive(const ControlOptions& options, const std::string& place, const AskDaemon& ask);
-/// Has a command do that and nothing else; adds --socket.
+/// Adds --socket to a command, and makes `ask` its body.
 void addLiveCommand(CLI::App& command, ControlOptions& options, int& exitCode, AskDaemon ask);
 
-/// A connection to the daemon, for one request after the other.
+/// A connection to the daemon. Requests are sent one after the other.
 class ControlClient {
  public:
-  /// \param place  what errors call the command.
-  /// \throws CommandError when no daemon answers there, or this user may not ask it.
+  /// \param place  the command's name in error messages.
+  /// \throws NoDaemonError when no daemon listens on the socket; CommandError when this user may
+  /// not
+  ///   connect.
   ControlClient(const ControlOptions& options, std::string place);
   ControlClient(const ControlClient&) = delete;
   ControlClient& operator=(const ControlClient&) = delete;
   ~ControlClient();
 
-  /// Sends a request, whose version is added, and gives the first line of the reply.
-  /// \throws CommandError when the daemon refuses it, or does not answer.
+  /// Sends a request, to which it adds the protocol version. Returns the first line of the reply.
+  /// \throws CommandError when the daemon refuses the request or does not answer.
   Json ask(Json request);
-  /// The next line of a reply that has many; nothing at its end. Waits for ever until a line begins
-  /// where `waits` says so. A line that tells what the daemon could not read is printed as an
-  /// error, and the one behind it given. \throws CommandError when the connection ends before the
-  /// reply.
+  /// The next line of a reply with several lines; nothing at its end. When the daemon reports that
+  /// it could not read something, prints this as an error and returns the line after it.
+  /// \param waits  whether to wait for the first byte of the line without a limit of time.
+  /// \throws CommandError when the connection ends before the reply.
   std::optional<Json> next(bool waits = false);
-  /// All lines were taken and printed.
-  /// \throws CommandError when the output cannot be written, or the daemon left something out.
+  /// Call it after all lines were printed.
+  /// \throws CommandError when the output cannot be written or the daemon could not read all.
   void finish() const;
 
  private:
@@ -62,11 +72,11 @@ class ControlClient {
   const std::chrono::milliseconds patience_;
   int fd_ = -1;
   std::string buffer_;
-  size_t taken_ = 0;     // of the buffer
-  bool isWhole_ = true;  // the daemon could read all that it was asked for
+  size_t taken_ = 0;     // the number of bytes of the buffer that were returned
+  bool isWhole_ = true;  // false once the daemon has reported that it could not read something
 };
 
-/// Asks for something that is answered by one line.
+/// Sends a request and returns its reply of one line.
 Json askOnce(const ControlOptions& options, const std::string& place, Json request);
 
 }  // namespace Cli

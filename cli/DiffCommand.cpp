@@ -1,4 +1,4 @@
-// The command that compares the host routes of two dumps, or of a dump and another process.
+// The `hostroute diff` command.
 #include "cli/DiffCommand.h"
 
 #include <algorithm>
@@ -57,12 +57,12 @@ struct Options {
   bool json = false;
 };
 
-/// A line is none of a dump.
+/// A line is not a line of a dump.
 struct NoDump {};
 
-/// What two routes to one prefix are compared by.
+/// The compared properties of a route.
 struct Compared {
-  /// A next hop: the hop and the interface, as they are shown.
+  /// The texts of a next hop: the address and the interface.
   using Via = std::pair<std::string, std::string>;
 
   std::string type;
@@ -72,7 +72,7 @@ struct Compared {
 
   friend bool operator==(const Compared&, const Compared&) = default;
 
-  /// What a dump says of a route.
+  /// The properties of a route in a dump.
   static Compared of(const json& route) {
     const auto number = [&route](const char* member) {
       const json& value = route.at(member);
@@ -119,7 +119,7 @@ struct Compared {
 template <class F>
 using HostRoutes = std::map<std::string, std::map<typename F::Prefix, Compared>>;
 
-/// The host routes that a dump or the live tables have.
+/// The host routes of a dump or of shared tables.
 struct Snapshot {
   std::tuple<HostRoutes<Daemon::Ipv4>, HostRoutes<Daemon::Ipv6>> routes;
 
@@ -152,7 +152,7 @@ void addObject(const json& object, bool isDump, Snapshot& snapshot) {
   for (const auto& route : *routes) addRoute<F>(route, vrf, snapshot);
 }
 
-/// Adds what one line of a dump says.
+/// Adds the content of one line of a dump.
 void addLine(const std::string& line, Snapshot& snapshot) {
   if (Replay::nestsTooDeep(line)) throw NoDump();
   const auto document = json::parse(line);
@@ -237,7 +237,7 @@ Snapshot readTables(const std::string& name) {
   return snapshot;
 }
 
-/// Prints differences as they are found, or as one table at the end.
+/// Prints the differences: JSON at once, a table at the end.
 class Differences {
  public:
   explicit Differences(const Options& options) : options_(options) {}
@@ -245,7 +245,7 @@ class Differences {
   template <class F>
   void find(const HostRoutes<F>& before, const HostRoutes<F>& after) {
     if (options_.family.value_or(F::kNumber) != F::kNumber) return;
-    // Both sides side by side, so that a change stands in one place.
+    // Merges both sorted lists, so that the two lines of a change follow one another.
     std::map<std::string, std::map<typename F::Prefix, std::pair<const Compared*, const Compared*>>>
         both;
     for (const auto& [vrf, routes] : before) {
@@ -270,7 +270,7 @@ class Differences {
     }
   }
 
-  /// Ends the list. Returns the exit status.
+  /// Prints the table and returns the exit status.
   int finish() const {
     if (!table_.empty()) table_.print(std::cout, tableStyle());
     return areEqual_ ? 0 : kDifferent;

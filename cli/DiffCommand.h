@@ -5,8 +5,8 @@
 
 namespace Cli {
 
-/// Adds `diff` to `app`. When the command line names it, it runs and leaves its exit status in
-/// `exitCode` (0 equal, 1 different, 2 in trouble), which must outlive the parsing.
+/// Adds `diff` to `app`. The command stores its exit status in `exitCode` (0 equal, 1 different,
+/// 2 error), which must outlive the parsing.
 void addDiffCommand(CLI::App& app, int& exitCode);
 
 }  // namespace Cli

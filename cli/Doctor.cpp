@@ -1,4 +1,4 @@
-// What on a Linux machine will hurt hostrouted, and what mends it.
+// Finds settings of a Linux machine that disturb hostrouted.
 #include "cli/Doctor.h"
 
 #include <linux/rtnetlink.h>
@@ -25,7 +25,7 @@ std::optional<std::string> readText(const std::filesystem::path& path) {
   return text.str();
 }
 
-/// A configuration without what stands behind a comment sign.
+/// A configuration without its comments.
 std::string withoutComments(const std::string& text, std::string_view signs) {
   std::string result;
   std::istringstream lines(text);
@@ -71,7 +71,7 @@ class Examination {
     advice_.push_back({weight, std::move(subject), std::move(what), std::move(mend)});
   }
 
-  /// A sysctl's number; nothing where this kernel does not have it.
+  /// The value of a sysctl; nothing when this kernel does not have it.
   std::optional<int64_t> sysctl(const std::string& key) const {
     const auto text = readText(machine_.root / "proc/sys" / key);
     if (!text) return std::nullopt;
@@ -102,8 +102,10 @@ class Examination {
     }
   }
 
-  /// The kernel drops entries above the first threshold, and takes no new ones above the third.
+  /// Above the first threshold the kernel removes idle entries. Above the third it refuses new
+  /// ones.
   void checkNeighborLimits(const std::string& family, size_t neighbors) {
+    const auto name = family == "ipv4" ? "IPv4" : "IPv6";
     const auto folder = "net/" + family + "/neigh/default/";
     const auto first = sysctl(folder + "gc_thresh1");
     const auto second = sysctl(folder + "gc_thresh2");
@@ -117,18 +119,17 @@ class Examination {
                       "gc_thresh1=" + std::to_string(wanted / 4);
     if (count * 10 >= *third * 9) {
       add(Weight::Error, "gc_thresh",
-          "there are " + std::to_string(count) + " " + family +
-              " neighbours, and the kernel takes " + std::to_string(*third) +
-              ": new hosts get no entry, and no route",
+          "there are " + std::to_string(count) + " " + name + " neighbours, and the kernel takes " +
+              std::to_string(*third) + ": new hosts get no entry, and no route",
           mend);
     } else if (count > *first) {
       add(Weight::Warning, "gc_thresh",
-          "there are " + std::to_string(count) + " " + family + " neighbours: above " +
+          "there are " + std::to_string(count) + " " + name + " neighbours: above " +
               std::to_string(*first) + " the kernel drops those that are idle, and their routes go",
           mend);
     } else if (*third < kRoomy) {
       add(Weight::Note, "gc_thresh",
-          "the kernel takes " + std::to_string(*third) + " " + family +
+          "the kernel takes " + std::to_string(*third) + " " + name +
               " neighbours, and drops idle ones above " + std::to_string(*first) +
               ": enough for few hosts only",
           mend);
@@ -146,14 +147,15 @@ class Examination {
     }
   }
 
-  /// How the value of `all` and that of an interface make the one that counts.
+  /// How the effective value follows from the value of `all` and the value of an interface: only
+  /// the interface's, the larger of both, or 1 when one of them is not 0.
   enum class Combined { Alone, Most, Either };
   struct InterfaceSetting {
     const char* family;
     const char* name;
     Combined combined;
-    int64_t bad;   ///< the value that hurts
-    int64_t good;  ///< the one that mends
+    int64_t bad;   ///< the value that disturbs hostrouted
+    int64_t good;  ///< the recommended value
     Weight weight;
     const char* what;
   };
@@ -192,7 +194,7 @@ class Examination {
     }
     if (bad.empty()) return;
     std::string mend;
-    // Where the one of `all` makes the bad value, that of the interface is not enough.
+    // The interface's value has no effect while `all` has the bad value.
     if (wanted.bad != 0 && all == wanted.bad && wanted.combined != Combined::Alone) {
       mend = setting(key("all"), wanted.good) + "; ";
     }
@@ -214,7 +216,7 @@ class Examination {
   void checkReceiveBuffer() {
     constexpr int64_t kWanted = 64 << 20;
     const auto most = sysctl("net/core/rmem_max");
-    // With the capability the limit does not matter.
+    // The limit does not apply to a process with the capability.
     if (!most || *most >= kWanted || hasNetAdmin_.value_or(true)) return;
     add(Weight::Warning, "rmem_max",
         "the buffer for the kernel's notifications is at most " + std::to_string(*most) +
@@ -263,7 +265,7 @@ class Examination {
     }
   }
 
-  /// Which tables packets are forwarded by, and in which order.
+  /// Checks which tables packets are looked up in, and in which order.
   void checkRules() {
     for (const auto& rule : machine_.rules) {
       const auto family = "IPv" + std::to_string(rule.family);
@@ -285,7 +287,7 @@ class Examination {
     for (const int family : {4, 6}) checkVrfRule(family);
   }
 
-  /// Whether a rule keeps all packets of a family from the table main.
+  /// Whether no packet of a family reaches the table main because of a rule.
   bool hidesMain(const Linux::Rule& rule) const {
     if (rule.table == RT_TABLE_MAIN || rule.table == RT_TABLE_LOCAL || rule.isForVrfs ||
         !rule.isForAll || rule.skipsShort) {
@@ -303,9 +305,12 @@ class Examination {
            std::ranges::any_of(machine_.routes, isDefault);
   }
 
-  /// Without a rule for them, packets of VRFs are looked up in the table main.
+  /// Without a rule for VRFs, their packets are looked up in the table main. A kernel without the
+  /// family has no rules of it at all.
   void checkVrfRule(int family) {
-    if (machine_.rules.empty()) return;
+    const bool isKnown = std::ranges::any_of(
+        machine_.rules, [family](const Linux::Rule& rule) { return rule.family == family; });
+    if (!isKnown) return;
     for (const auto& link : machine_.links) {
       if (link.kind != "vrf") continue;
       const bool isLookedUp = std::ranges::any_of(machine_.rules, [&](const Linux::Rule& rule) {

@@ -1,4 +1,4 @@
-// What on a Linux machine will hurt hostrouted, and what mends it.
+// Finds settings of a Linux machine that disturb hostrouted.
 #pragma once
 
 #include <cstddef>
@@ -12,10 +12,11 @@
 
 namespace Cli {
 
-/// What is looked at. What is not known is left as it is here, and not judged.
+/// The properties of a machine that are checked. A property with its default value is unknown and
+/// gives no findings.
 struct Machine {
-  std::filesystem::path root = "/";     ///< where proc/sys and etc are
-  std::vector<std::string> interfaces;  ///< those whose hosts count
+  std::filesystem::path root = "/";     ///< the directory that contains proc/sys and etc
+  std::vector<std::string> interfaces;  ///< the interfaces whose neighbours become host routes
   Linux::TableId table4 = 10;           ///< of the VRF "default"; 0 for none
   Linux::TableId table6 = 10;
   std::vector<Linux::TableId> otherTables;  ///< of other VRFs
@@ -27,21 +28,21 @@ struct Machine {
   std::vector<Linux::Link> links;
   std::vector<Linux::Rule> rules;
   std::optional<bool> isClockSynchronised;
-  std::optional<bool> frrRuns;  ///< where it does not, its configuration says nothing
-  std::optional<bool> birdRuns;
+  std::optional<bool> frrRuns;   ///< when false, its configuration is not checked
+  std::optional<bool> birdRuns;  ///< likewise
 };
 
-/// Something that was found.
+/// A finding.
 struct Advice {
   enum class Weight {
-    Error,    ///< host routes are missing or wrong because of it, or will be
-    Warning,  ///< they may be, in common conditions
-    Note,     ///< it matters in some deployments only
+    Error,    ///< makes host routes missing or wrong
+    Warning,  ///< makes host routes missing or wrong in common situations
+    Note,     ///< matters in some deployments only
   };
   Weight weight = Weight::Note;
   std::string subject;  ///< "gc_thresh", "FRR"
-  std::string what;     ///< what is so, and what comes of it
-  std::string mend;     ///< the command, or the line of a file, that mends it
+  std::string what;     ///< the setting and its effect
+  std::string mend;     ///< the command, or the line of a file, that corrects it
 
   friend bool operator==(const Advice&, const Advice&) = default;
 };
@@ -49,7 +50,7 @@ struct Advice {
 /// "error", "warning" or "note".
 const char* toString(Advice::Weight weight);
 
-/// All that is to be said of a machine, what matters most first.
+/// The findings on a machine, the most severe first.
 std::vector<Advice> examine(const Machine& machine);
 
 }  // namespace Cli

@@ -1,4 +1,4 @@
-// The command that looks at the machine and says what will hurt.
+// The `hostroute doctor` command.
 #include "cli/DoctorCommand.h"
 
 #include <sys/timex.h>
@@ -52,7 +52,7 @@ struct Options {
   bool json = false;
 };
 
-/// Takes over what the running daemon says of itself. \return whether there is one.
+/// Fills in the configuration of the running daemon. \return false when no daemon answers.
 bool askDaemon(const Options& options, const std::string& place, Machine& machine,
                std::vector<std::string>& patterns) {
   Json status;
@@ -77,7 +77,7 @@ bool askDaemon(const Options& options, const std::string& place, Machine& machin
   return true;
 }
 
-/// Reads what the kernel has.
+/// Reads the interfaces, neighbours and routes from the kernel.
 void askKernel(Machine& machine, const std::vector<std::string>& patterns) {
   Linux::Mirror mirror;
   mirror.beginDump();
@@ -144,6 +144,8 @@ int examineMachine(const Options& options, const std::string& place) {
   const bool isHere = options.root == "/";
   const bool hasDaemon = isHere && askDaemon(options, place, machine, patterns);
   if (!options.interfaces.empty()) patterns = options.interfaces;
+  // Without IPv6 in the kernel, no routing daemon needs its hosts.
+  if (isHere && !std::filesystem::exists("/proc/sys/net/ipv6")) machine.table6 = 0;
   machine.table4 = options.table4.value_or(machine.table4);
   machine.table6 = options.table6.value_or(machine.table6);
   if (options.protocol) machine.protocol = static_cast<uint8_t>(*options.protocol);

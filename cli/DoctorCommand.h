@@ -1,4 +1,4 @@
-// The command that looks at the machine and says what will hurt.
+// The `hostroute doctor` command.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -20,9 +20,9 @@ namespace Cli {
 namespace {
 
 constexpr const char* kDescription =
-    R"(Says why an address has its host route, or has none: what the machine of its VRF finds, in the
-order in which it decides, which route wins, why each other one loses, and, where there is no route,
-the condition that is missing and what would mend it.)";
+    R"(Says why an address has a host route or none: what the machine of its VRF finds, in the order
+in which it decides, which route wins, why each other one loses, and, where there is no route, the
+condition that is missing and what would mend it.)";
 
 constexpr const char* kFooter = R"(Examples:
   hostroute explain 10.1.10.11                                in the running hostrouted
@@ -44,7 +44,7 @@ int explainRecording(const ExplainOptions& options) {
     if (options.json) {
       std::cout << shownJson(Replay::toJson(explanation), 2) << '\n';
     } else {
-      // Line by line: the text has names from elsewhere in it.
+      // printable() would escape line feeds, so each line is printed alone.
       std::istringstream lines(Daemon::toText(explanation));
       for (std::string line; std::getline(lines, line);) {
         std::cout << Replay::printable(line) << '\n';

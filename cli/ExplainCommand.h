@@ -1,4 +1,4 @@
-// The command that says why an address has, or has not, its host route.
+// The `hostroute explain` command.
 #pragma once
 
 #include <functional>
@@ -11,18 +11,18 @@ class App;
 
 namespace Cli {
 
-/// What `hostroute explain` was asked.
+/// The options of `hostroute explain`.
 struct ExplainOptions : ReplayedState {
   std::string address;
   bool json = false;
 };
 
-/// Answers for the live daemon; returns the exit status.
+/// The command's body for the live daemon; returns the exit status.
 using ExplainLive = std::function<int(const ExplainOptions&)>;
 
 /// Adds `hostroute explain` to the program.
 ///
-/// \param live  without it, only recordings are explained.
+/// \param live  when empty, the command works on recordings only.
 void addExplainCommand(CLI::App& app, int& exitCode, ExplainLive live = {});
 
 }  // namespace Cli

@@ -17,7 +17,7 @@
 #include "cli/Terminal.h"
 #include "cli/Times.h"
 #include "daemon/History.h"
-#include "platform/kiv/containers/Exception.h"
+
 #include "replay/HistoryJson.h"
 #include "replay/TextTable.h"
 #include "replay/Time.h"
@@ -39,14 +39,12 @@ constexpr const char* kFooter = R"(Examples:
 Exit status: 0 done, also when nothing changed; 1 a machine failed on an event, or the output cannot
 be written; 2 the command line is malformed, or the input cannot be read or is malformed.)";
 
-const std::string kPlace = "hostroute history";
-
 struct Change {
   Whereabouts at;
   Daemon::HistoryEntry entry;
 };
 
-/// A change as an object. Its time is that of the recording, not that of this replay.
+/// A change as a JSON object. Its time is the time in the recording, not the time of this replay.
 Json json(const Change& change) {
   Json object = {{"line", change.at.line}};
   object.update(Replay::toJson(change.entry));
@@ -77,13 +75,7 @@ void print(const std::deque<Change>& changes, const HistoryOptions& options) {
 }
 
 int tellRecording(const HistoryOptions& options) {
-  const auto wanted = [&options] {
-    try {
-      return Daemon::PrefixFilter(options.prefix);
-    } catch (const Kiv::RangeException& error) {
-      throw CommandError(kPlace, error.what(), kMisused);
-    }
-  }();
+  const Daemon::PrefixFilter wanted(options.prefix);
   Daemon::Switch sw({.settles = options.settles});
   std::deque<Change> changes;
   Whereabouts now;
@@ -107,6 +99,7 @@ void addHistoryCommand(CLI::App& app, int& exitCode, HistoryLive live) {
   const auto options = std::make_shared<HistoryOptions>();
   command->add_option("prefix", options->prefix, "A prefix or an address, IPv4 or IPv6")
       ->type_name("PREFIX")
+      ->check(refusedAddress)
       ->required();
   addStateOptions(*command, *options, static_cast<bool>(live),
                   "Up to this line of them, not to their end");

@@ -1,4 +1,4 @@
-// The command that tells what became of host routes.
+// The `hostroute history` command.
 #pragma once
 
 #include <functional>
@@ -11,19 +11,19 @@ class App;
 
 namespace Cli {
 
-/// What `hostroute history` was asked.
+/// The options of `hostroute history`.
 struct HistoryOptions : ReplayedState {
   std::string prefix;
   size_t last = 0;  ///< how many changes to show; 0 for all
   bool json = false;
 };
 
-/// Answers for the live daemon; returns the exit status.
+/// The command's body for the live daemon; returns the exit status.
 using HistoryLive = std::function<int(const HistoryOptions&)>;
 
 /// Adds `hostroute history` to the program.
 ///
-/// \param live  without it, only recordings are looked into.
+/// \param live  when empty, the command works on recordings only.
 void addHistoryCommand(CLI::App& app, int& exitCode, HistoryLive live = {});
 
 }  // namespace Cli

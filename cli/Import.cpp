@@ -1,4 +1,4 @@
-// The conversion: what the documents hold goes the way that the kernel's own word goes.
+// The conversion. The documents take the same way as the messages of a live kernel.
 #include "cli/Import.h"
 
 #include <string>
@@ -11,7 +11,7 @@
 namespace Cli {
 namespace {
 
-/// The document that something of the kernel's was read from.
+/// The name of the document that a warning is about.
 const std::string& nameOf(const IpDocuments& documents, Linux::FeedWarning::About about) {
   static const std::string kNone = "ip";
   using About = Linux::FeedWarning::About;
@@ -54,7 +54,7 @@ void importReplay(const IpDocuments& documents, std::ostream& replay, std::ostre
       true);
   feed.setComplete();
   feed.flush([&](const Daemon::Operation& operation) {
-    // Nothing in the documents tells whether the routing daemons have their routes.
+    // The documents do not tell whether the routing daemons have written all their routes.
     if (std::holds_alternative<Daemon::SetRibReady>(operation)) return;
     replay << Replay::linesOf(operation);
   });

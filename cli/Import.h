@@ -9,15 +9,15 @@ namespace Cli {
 
 using Linux::IpDocument;
 using Linux::IpDocuments;
-/// A document could not be had or is not a JSON array; what() is "NAME: error: MESSAGE".
+/// A document could not be read or is not a JSON array; what() is "NAME: error: MESSAGE".
 using ImportError = Linux::IpJsonError;
 
-/// Writes the replay that gives a switch what `documents` hold, one event on each line: VRFs,
-/// interfaces, addresses, FECs, routes, neighbours, and last the initialization of every VRF.
+/// Writes a replay with the content of `documents`, one event on each line: VRFs, interfaces,
+/// addresses, FECs, routes, neighbours, and finally the initialization of each VRF.
 ///
-/// What is imported and what is not is told by `hostroute import --help`. What cannot be imported
-/// is left out, with one line on `warnings` that says which and why. The same state gives the same
-/// lines, in whatever order the kernel listed its routes and neighbours.
+/// `hostroute import --help` describes what is imported. An entry that cannot be imported is left
+/// out, and a line on `warnings` gives the reason. The output does not depend on the order in which
+/// the kernel listed its routes and neighbours.
 ///
 /// \throws ImportError before anything is written to `replay`.
 void importReplay(const IpDocuments& documents, std::ostream& replay, std::ostream& warnings);

@@ -1,4 +1,4 @@
-// The command around the conversion: where the documents come from, and what its help says.
+// The `hostroute import` command: finds the documents and reports errors.
 #include "cli/ImportCommand.h"
 
 #include <sys/wait.h>
@@ -23,7 +23,7 @@
 namespace Cli {
 namespace {
 
-/// One of the documents: where the command line, a directory and the machine itself have it.
+/// A document: its option, its name in a directory, and the command that prints it.
 struct Source {
   std::optional<IpDocument> IpDocuments::*document;
   const char* option;
@@ -31,7 +31,7 @@ struct Source {
   const char* command;
 };
 
-// Numbers are asked for (-N): names of tables and protocols are each machine's own.
+// With -N, ip prints numbers. The names of tables and protocols differ between machines.
 constexpr std::array kSources{
     Source{&IpDocuments::link, "--link", "link.json", "ip -N -d -j link"},
     Source{&IpDocuments::addr, "--addr", "addr.json", "ip -N -j addr"},
@@ -112,7 +112,7 @@ std::string readFile(const std::string& path) {
   return text;
 }
 
-/// What the command prints on standard output; its complaints go where ours go.
+/// The standard output of a command. Its standard error is not redirected.
 std::string readCommand(const std::string& command) {
   std::FILE* pipe = ::popen(command.c_str(), "r");
   if (pipe == nullptr) throw ImportError(command, std::strerror(errno));
@@ -160,7 +160,7 @@ IpDocuments readDocuments(const Options& options) {
   return documents;
 }
 
-/// Refuses files that say nothing without others, or that cannot all be had.
+/// Refuses files without the list of links, and standard input for more than one file.
 void checkFiles(const Options& options) {
   const auto isGiven = [&](auto IpDocuments::*document) {
     const auto source = std::find_if(kSources.begin(), kSources.end(),

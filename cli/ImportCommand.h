@@ -5,8 +5,8 @@
 
 namespace Cli {
 
-/// Adds `import` to `app`. When the command line names it, it runs and leaves its exit status in
-/// `exitCode` (0 done, 2 input that cannot be had or read), which must outlive the parsing.
+/// Adds `import` to `app`. The command stores its exit status in `exitCode` (0 done, 2 unreadable
+/// input), which must outlive the parsing.
 void addImportCommand(CLI::App& app, int& exitCode);
 
 }  // namespace Cli

@@ -1,4 +1,4 @@
-// Questions that a recording can answer, too, put to the running hostrouted.
+// `explain` and `history` for the running hostrouted or a recording.
 #include "cli/LiveAnswers.h"
 
 #include <iostream>
@@ -19,7 +19,7 @@
 namespace Cli {
 namespace {
 
-/// What the kernel has of the address, and what the engine is told of it.
+/// Prints the kernel's neighbour entries and host route for the address.
 void printKernel(const Json& kernel) {
   std::cout << "\nIn the kernel\n";
   for (const auto& neighbor : kernel.at("neighbors")) {
@@ -44,7 +44,7 @@ int explainLive(const ControlOptions& control, const ExplainOptions& options,
     object["kernel"] = reply.at("kernel");
     std::cout << shownJson(object, 2) << '\n';
   } else {
-    // Line by line: the text has names from elsewhere in it.
+    // printable() would escape line feeds, so each line is printed alone.
     std::istringstream lines(reply.at("text").get<std::string>());
     for (std::string line; std::getline(lines, line);) {
       std::cout << Replay::printable(line) << '\n';

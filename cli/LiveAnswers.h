@@ -1,4 +1,4 @@
-// Questions that a recording can answer, too, put to the running hostrouted.
+// `explain` and `history` for the running hostrouted or a recording.
 #pragma once
 
 #include <CLI/CLI.hpp>

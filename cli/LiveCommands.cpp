@@ -1,4 +1,4 @@
-// The commands that show what a running hostrouted has, and what happens in it.
+// The commands that show the neighbours, changes and machines of a running hostrouted.
 #include "cli/LiveCommands.h"
 
 #include <iostream>
@@ -146,7 +146,9 @@ void addLiveCommands(CLI::App& app, int& exitCode) {
   const auto options = std::make_shared<Options>();
 
   auto* neighbors = app.add_subcommand("neighbors", kNeighborsDescription);
-  neighbors->add_option("address", options->prefix, "Only this address")->type_name("ADDRESS");
+  neighbors->add_option("address", options->prefix, "Only this address")
+      ->type_name("ADDRESS")
+      ->check(refusedAddress);
   addSelection(*neighbors, *options);
   neighbors->add_option("--intf", options->intf, "Only on this interface")->type_name("INTF");
   neighbors->add_flag("--json", options->json, "Print one JSON object for each entry");
@@ -156,7 +158,8 @@ void addLiveCommands(CLI::App& app, int& exitCode) {
 
   auto* monitor = app.add_subcommand("monitor", kMonitorDescription);
   monitor->add_option("prefix", options->prefix, "Only host routes at or inside this prefix")
-      ->type_name("PREFIX");
+      ->type_name("PREFIX")
+      ->check(refusedAddress);
   monitor->add_option("--vrf", options->vrf, "Only this VRF")->type_name("VRF");
   monitor->add_flag("--json", options->json, "Print one JSON object for each change");
   monitor->footer(kMonitorFooter);
@@ -170,7 +173,7 @@ void addLiveCommands(CLI::App& app, int& exitCode) {
   addLiveCommand(*dump, options->control, exitCode,
                  [options](const std::string& place) { return showDump(*options, place); });
 
-  // For completion only: not in the list of commands.
+  // Only completion uses it, so the help does not list it.
   auto* names = app.add_subcommand("names", "Prints names for completion")->group("");
   names->add_option("kind", options->kind)
       ->check(CLI::IsMember({"vrfs", "interfaces", "prefixes"}))

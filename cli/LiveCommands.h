@@ -1,11 +1,11 @@
-// The commands that show what a running hostrouted has, and what happens in it.
+// The commands that show the neighbours, changes and machines of a running hostrouted.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
 namespace Cli {
 
-/// Adds `neighbors`, `monitor` and `dump`, and `names`, which completion uses.
+/// Adds `neighbors`, `monitor`, `dump`, and `names` for completion.
 void addLiveCommands(CLI::App& app, int& exitCode);
 
 }  // namespace Cli

@@ -1,4 +1,4 @@
-// The route tables that another process keeps in shared memory, as they are now.
+// Reads the route tables that another process keeps in shared memory.
 #pragma once
 
 #include <algorithm>
@@ -12,10 +12,10 @@
 
 namespace Cli {
 
-/// Told of damage in a table.
+/// Called with each damage in a table.
 using DamageReport = std::function<void(const std::string&)>;
 
-/// One route table with the FECs that its routes point at.
+/// One route table with the FECs of its routes.
 template <class F>
 class LiveRoutes {
  public:
@@ -27,13 +27,14 @@ class LiveRoutes {
   LiveRoutes(const std::string& name, const std::string& vrf) : reader_(name, vrf) {}
 
   Tovan::RouteTableState state() const { return reader_.state(); }
-  /// Whether a process keeps the table up to date.
+  /// True when a process keeps the table up to date.
   bool isLive() const { return reader_.hasWriter(); }
-  /// Whether the table is the one that its name leads to.
+  /// False when the table was removed, or replaced by a new one, after it was opened.
   bool isCurrent() const { return reader_.isCurrent(); }
   size_t size() const { return reader_.size(); }
 
-  /// All routes by prefix. What is damaged is reported and left out, or is shown without next hops.
+  /// All routes, sorted by prefix. A damaged route is reported and left out. A route with a damaged
+  /// FEC has no next hops.
   Shown all(const DamageReport& report) const {
     Shown shown;
     reader_.forEach([&](const auto& found) { shown.push_back(shownOf(found)); }, report);

@@ -1,4 +1,4 @@
-// The daemon's numbers as text for monitoring systems.
+// The daemon's counters as text for monitoring systems.
 #include "cli/OpenMetrics.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 namespace Cli {
 namespace {
 
-/// A text that a terminal may show, with the escapes of a label's value or a help text.
+/// A text that is safe for a terminal, with the escapes of a label value or a help text.
 std::string escaped(std::string_view text) {
   std::string result;
   for (;;) {
@@ -25,7 +25,7 @@ std::string escaped(std::string_view text) {
   }
 }
 
-/// \throws Json::exception when `value` is no number.
+/// \throws Json::exception when `value` is not a number.
 std::string numberText(const Json& value) {
   (void)value.get<double>();
   return value.dump();

@@ -1,4 +1,4 @@
-// The daemon's numbers as text for monitoring systems.
+// The daemon's counters as text for monitoring systems.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace Cli {
 
-/// The list of a reply to "counters" in the OpenMetrics text format 1.0.0, which ends with "# EOF".
+/// The metrics of a reply to "counters" in the OpenMetrics text format 1.0.0.
 std::string openMetrics(const nlohmann::ordered_json& metrics);
 
 }  // namespace Cli

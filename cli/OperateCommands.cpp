@@ -61,7 +61,7 @@ struct Options {
   bool json = false;
 };
 
-/// Prints a reply as it is, or what it means.
+/// Prints a reply as JSON, or a text for people.
 int printReply(const Options& options, const Json& reply, const std::string& text) {
   std::cout << (options.json ? shownJson(reply) : Replay::printable(text)) << '\n';
   requireOutput();
@@ -91,8 +91,9 @@ int trace(const Options& options, const std::string& place) {
       std::cout << "(" << shownText(*line, "lost") << " records were lost: they came too fast)\n";
     } else {
       const auto& record = line->at("trace");
-      std::cout << shownText(record, "level") << ' ' << shownText(record, "object") << ' '
-                << shownText(record, "function") << ": " << shownText(record, "message") << '\n';
+      std::cout << localTime(shownText(record, "time"), true) << "  " << shownText(record, "level")
+                << ' ' << shownText(record, "object") << ' ' << shownText(record, "function")
+                << ": " << shownText(record, "message") << '\n';
     }
     requireOutput();
   }
@@ -111,7 +112,7 @@ int reload(const Options& options, const std::string& place) {
 
 int startRecording(const Options& options, const std::string& place) {
   auto file = options.file;
-  if (file.find('/') != file.npos) file = std::filesystem::absolute(file);
+  if (file.find('/') != file.npos) file = std::filesystem::absolute(file).lexically_normal();
   Json request{{"request", "record"}, {"action", "start"}, {"file", file}};
   if (options.size) request["size"] = *options.size;
   if (options.files) request["files"] = *options.files;
@@ -124,7 +125,7 @@ int stopRecording(const Options& options, const std::string& place) {
   return printReply(options, reply, "recorded in " + reply.at("file").get<std::string>());
 }
 
-/// What every command here has.
+/// Adds the options and the body of a command of this file.
 void addCommon(CLI::App& command, const std::shared_ptr<Options>& options, int& exitCode,
                int (*run)(const Options&, const std::string& place)) {
   command.add_flag("--json", options->json, "Print the daemon's answer as JSON");

@@ -30,7 +30,7 @@ class ElfFile {
       std::error_code error;
       const auto status = std::filesystem::status(name, error);
       if (error) refuse(error.message());
-      // Opening a FIFO may take for ever.
+      // Opening a FIFO could block without end.
       if (is_directory(status)) refuse("is a directory");
       if (!is_regular_file(status)) refuse("not a regular file");
       file_.reset(std::fopen(name.c_str(), "rbe"));
@@ -40,7 +40,7 @@ class ElfFile {
     if (::elf_kind(elf_.get()) != ELF_K_ELF) refuse("not an ELF file");
   }
 
-  /// The bytes of the first section of that name. They live as long as the file is open.
+  /// The bytes of the first section with this name. They are valid while the file is open.
   std::string_view section(std::string_view name) const {
     GElf_Ehdr header;
     size_t sections = 0;
@@ -105,7 +105,7 @@ std::vector<std::string> pluginTypes(const std::string& file) {
     const auto length = rest.find('\0');
     if (length == rest.npos) elf.refuse("damaged: the last type name does not end");
     const auto name = rest.substr(0, length);
-    // What is printed goes to a terminal.
+    // The names may be printed on a terminal.
     if (!std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c <= '~'; })) {
       elf.refuse("damaged: type name " + std::to_string(types.size() + 1) + " is not one");
     }

@@ -1,4 +1,4 @@
-// What a plug-in says of itself, without loading it.
+// Reads the type list of a plug-in without loading it.
 #pragma once
 
 #include <stdexcept>
@@ -7,7 +7,7 @@
 
 namespace Cli {
 
-/// A file is no plug-in that can be read. what() says why, beginning with the file's name.
+/// A file is not a readable plug-in. what() is the file's name and the reason.
 class PluginError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -15,8 +15,8 @@ class PluginError : public std::runtime_error {
 
 /// The names of the types that the plug-in in `file` provides, as its section .kiv.type lists them.
 ///
-/// \throws PluginError when the file cannot be read, is no ELF file, is damaged, or has no such
-/// section.
+/// \throws PluginError when the file cannot be read, is not an ELF file, is damaged, or lacks the
+///   section.
 std::vector<std::string> pluginTypes(const std::string& file);
 
 }  // namespace Cli

@@ -1,4 +1,4 @@
-// The command around the replay: where the events come from, where the output goes, how it ends.
+// The `hostroute replay` command.
 #include "cli/ReplayCommand.h"
 
 #include <sys/resource.h>
@@ -60,9 +60,8 @@ struct Options {
   bool holds = false;
 };
 
-/// Holds back the signals that end the process, but for those that it was started to ignore (as
-/// nohup does), and has writing to a closed pipe or beyond the largest file fail instead. Returns
-/// what is held back.
+/// Blocks the signals that end the process, except those that were ignored at its start (as with
+/// nohup). Ignores SIGPIPE and SIGXFSZ, so that a write fails instead. Returns the blocked signals.
 sigset_t holdSignals() {
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);
@@ -77,10 +76,10 @@ sigset_t holdSignals() {
   return signals;
 }
 
-/// From now on a signal of `signals`, which are held back, removes the tables that this process
-/// shares under `name`, and ends it: with status 0 when `endsWell`.
+/// Makes each of the blocked `signals` remove the tables that this process shares under `name`, and
+/// end the process, with status 0 when `endsWell`.
 ///
-/// A thread waits for them, so that it makes no difference what the process is busy with.
+/// A thread waits for the signals, so that the process reacts at any time.
 void removeTablesOnSignal(const sigset_t& signals, const std::string& name, bool endsWell) {
   std::thread([signals, name, endsWell] {
     constexpr int kBySignal = 128;
@@ -92,7 +91,7 @@ void removeTablesOnSignal(const sigset_t& signals, const std::string& name, bool
   }).detach();
 }
 
-/// Allows as many open files as the process may have: each VRF's tables take two.
+/// Raises the limit of open files to its maximum. The tables of each VRF need two files.
 void raiseFileLimit() {
   struct rlimit limit {};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -100,7 +99,7 @@ void raiseFileLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// Prints what has befallen the tables, a line for each and kind. Returns whether there is any.
+/// Prints the failures of tables, one line for each table and kind. Returns whether there is one.
 bool printTableReports() {
   const auto reports = Tovan::tableReports();
   for (const auto& table : reports) {
@@ -128,7 +127,7 @@ int replay(const Options& options) {
   if (isShared) raiseFileLimit();
   const auto signals = isShared ? holdSignals() : sigset_t();
   Daemon::Switch sw({.settles = options.settles, .sharedName = options.sharedName});
-  // Only now the tables are ours to remove.
+  // Only from here on this process owns the tables and may remove them.
   if (isShared) removeTablesOnSignal(signals, options.sharedName, options.holds);
   Replay::Player player(sw, *output,
                         {.echoes = options.echoes, .dumpsAtEnd = !options.noFinalDump});

@@ -5,8 +5,8 @@
 
 namespace Cli {
 
-/// Adds `replay` to `app`. When the command line names it, it runs and leaves its exit status in
-/// `exitCode` (0 done, 1 failed, 2 malformed input), which must outlive the parsing.
+/// Adds `replay` to `app`. The command stores its exit status in `exitCode` (0 done, 1 failed,
+/// 2 malformed input), which must outlive the parsing.
 void addReplayCommand(CLI::App& app, int& exitCode);
 
 }  // namespace Cli

@@ -33,7 +33,7 @@ void addStateOptions(CLI::App& command, ReplayedState& state, bool isLive,
 }
 namespace {
 
-/// Prints nothing, and hands on where the replay is.
+/// Prints nothing, and reports the position in the replay.
 class Follower final : public Replay::Output {
  public:
   explicit Follower(std::function<void(const Whereabouts&)> begins) : begins_(std::move(begins)) {}

@@ -26,8 +26,8 @@ namespace {
 
 constexpr const char* kDescription =
     R"(Shows the routes of the running hostrouted as they are now: its FIB routes, the host routes
-derived from them, and how each of these is in the kernel. With --table, those that a process keeps
-in shared memory; that process may go on writing meanwhile.)";
+derived from them, and how each of these is in the kernel. With --table, or when no hostrouted
+answers, those that a process keeps in shared memory; that process may go on writing meanwhile.)";
 
 constexpr const char* kFooter = R"(Examples:
   hostroute routes                                      those of the running hostrouted
@@ -42,6 +42,9 @@ constexpr const char* kFooter = R"(Examples:
   hostroute routes --table leaf1 --count                how many of each type, and how far it is
   hostroute routes --table leaf1 --json                 one JSON object for each route
 
+When no hostrouted answers and one process shares tables, its tables are shown, and a warning on
+standard error says so. When several do, the error names them; choose one with --table.
+
 A table is `loading` while its process reads what it starts with, then `not initialized` until its
 host-route machine is, then `initialized`, and `synchronized` when the FIB's own host routes are in
 as well. It is `left behind` when its process has ended without taking it away, and `removed` when
@@ -50,10 +53,11 @@ its process took it away while it was read, as one does that starts again.
 A route's KERNEL column says "installed", "damped" (its host flaps), "pending", or the error with
 which the kernel refuses it; routes that do not go to the kernel have none.
 
-Exit status: 0 done; 1 no daemon answers, there are no such tables, no route to the address, or a
-table is damaged (what could be read of it is printed); 2 the command line is malformed; 3 what was
-printed may not be what the switch has: the daemon is not ready, a table is left behind, removed,
-loading or not initialized, or --wait was in vain.)";
+Exit status: 0 done; 1 no daemon answers and there are no tables to show, or several to choose from,
+there are no such tables, no route to the address, or a table is damaged (what could be read of it
+is printed); 2 the command line is malformed; 3 what was printed may not be what the switch has: the
+daemon is not ready, a table is left behind, removed, loading or not initialized, or --wait was in
+vain.)";
 
 constexpr int kNotReady = 3;
 constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
@@ -74,7 +78,7 @@ struct Options {
 
 const std::string kPlace = "hostroute routes";
 
-/// What there is to say of a table beside its routes.
+/// The state of a table in shared memory.
 struct TableState {
   std::string vrf;
   int family;
@@ -92,9 +96,9 @@ struct TableState {
   }
 };
 
-/// Why the tables may not show what the switch has; empty when they do.
+/// The reason why the tables may differ from the switch's routes; empty when they do not.
 ///
-/// A VRF that nothing was ever said of is never initialized, and holds nobody up.
+/// An empty table that is not initialized does not matter: its VRF may have no inputs at all.
 std::string unready(const std::vector<TableState>& tables) {
   bool anyInitialized = false;
   for (const TableState& table : tables) {
@@ -111,7 +115,7 @@ std::string unready(const std::vector<TableState>& tables) {
                           : "nothing is initialized";
 }
 
-/// The tables that the command is about, each with its VRF and family.
+/// The selected tables, each with its VRF and family.
 std::vector<Tovan::SharedRouteTable> chosenTables(const Options& options) {
   auto tables = Tovan::sharedRouteTables(options.table);
   std::erase_if(tables, [&](const auto& table) {
@@ -134,7 +138,7 @@ TableState stateOf(const LiveRoutes<F>& table, const std::string& vrf) {
   return {vrf, F::kNumber, table.isLive(), table.isCurrent(), table.state(), table.size()};
 }
 
-/// Waits until the tables are ready. Returns whether they are.
+/// Waits until the tables are ready. Returns false when the time is over.
 bool waitUntilReady(const Options& options) {
   const auto wait = std::chrono::duration<double>(*options.waits);
   const auto deadline = std::chrono::steady_clock::now() + wait;
@@ -150,7 +154,7 @@ bool waitUntilReady(const Options& options) {
       }
       reason = unready(states);
     } catch (const Tovan::OpenException& error) {
-      reason = error.what();  // it may be in the making
+      reason = error.what();  // the process may be creating the table
     }
     if (reason.empty()) return true;
     if (std::chrono::steady_clock::now() >= deadline) {
@@ -177,7 +181,7 @@ class Listing {
       const auto report = [this](const std::string& damage) { reportDamage(damage); };
       const auto prefix = prefixOf<F>(options_.address);
       auto shown = prefix ? table.covering(*prefix, report) : table.all(report);
-      // Kept up to date to the end.
+      // The process may have ended while the table was read.
       state.isLive = table.isLive();
       state.isCurrent = table.isCurrent();
       states_.push_back(state);
@@ -193,7 +197,7 @@ class Listing {
     }
   }
 
-  /// What the address on the command line stands for, or nothing when it is not of the family.
+  /// The prefix for the address on the command line; nothing when it is of the other family.
   template <class F>
   static std::optional<typename F::Prefix> prefixOf(const std::string& address) {
     if (const auto addr = F::Addr::parse(address)) return F::Prefix::host(*addr);
@@ -201,7 +205,7 @@ class Listing {
     return prefix && !isNull(*prefix) ? prefix : std::nullopt;
   }
 
-  /// Ends the list and tells the exit status.
+  /// Prints the table and returns the exit status.
   int finish() const {
     if (!options_.json && !(options_.counts ? counts_ : routes_).empty()) {
       (options_.counts ? counts_ : routes_).print(std::cout, tableStyle());
@@ -244,7 +248,7 @@ class Listing {
     }
   }
 
-  /// Adds how many routes there are, of each type, to the last table's state.
+  /// Adds the number of routes of each type in the last table.
   template <class F>
   void count(const std::vector<Replay::ShownRoute<F>>& shown) {
     std::map<std::string_view, size_t> types;
@@ -285,7 +289,7 @@ class Listing {
   Replay::TextTable counts_{{"VRF", "FAMILY", "STATE", "ROUTES", "TYPES"}};
 };
 
-/// Says why there is nothing to show.
+/// Reports why there are no selected tables.
 [[noreturn]] void refuse(const Options& options) {
   const auto all = Tovan::sharedRouteTables(options.table);
   if (all.empty()) {
@@ -300,7 +304,7 @@ class Listing {
   throw CommandError(kPlace, "\"" + options.table + "\" has no such tables", kFailed);
 }
 
-/// Whether the daemon becomes ready in time.
+/// Waits until the daemon is ready. Returns false when the time is over.
 bool waitUntilDaemonIsReady(const Options& options) {
   const auto wait = std::chrono::duration<double>(*options.waits);
   const auto deadline = std::chrono::steady_clock::now() + wait;
@@ -311,7 +315,7 @@ bool waitUntilDaemonIsReady(const Options& options) {
       if (status.at("ready") == true) return true;
       reason = errorText(kPlace, "hostrouted is " + shownText(status, "phase"));
     } catch (const CommandError& error) {
-      reason = error.what();  // it may be starting
+      reason = error.what();  // the daemon may be starting
     }
     if (std::chrono::steady_clock::now() >= deadline) {
       std::cerr << reason << '\n';
@@ -321,7 +325,7 @@ bool waitUntilDaemonIsReady(const Options& options) {
   }
 }
 
-/// The next hops of a route as the daemon tells them, as Replay::viasText() has them.
+/// The text of next hops in the daemon's JSON, in the form of Replay::viasText().
 std::string viasText(const Json& vias) {
   std::string text;
   for (const auto& via : vias) {
@@ -333,7 +337,7 @@ std::string viasText(const Json& vias) {
   return text.empty() ? "-" : text;
 }
 
-/// Prints how many routes there are by VRF, family and type.
+/// Prints the number of routes by VRF, family and type.
 void printCounts(const Options& options, const std::vector<Json>& routes) {
   std::map<std::pair<std::string, int>, std::map<std::string, size_t>> counts;
   for (const auto& route : routes) {
@@ -359,7 +363,7 @@ void printCounts(const Options& options, const std::vector<Json>& routes) {
   if (!table.empty()) table.print(std::cout, tableStyle());
 }
 
-/// The routes of the daemon.
+/// Shows the routes of the daemon. \throws NoDaemonError.
 int showDaemonRoutes(const Options& options) {
   if (options.waits && !waitUntilDaemonIsReady(options)) return kNotReady;
   ControlClient client(options.control, kPlace);
@@ -400,19 +404,8 @@ int showDaemonRoutes(const Options& options) {
   return kNotReady;
 }
 
-int showRoutes(Options options) {
-  if (!options.address.empty()) {
-    const bool isIpv4 = Listing::prefixOf<Daemon::Ipv4>(options.address).has_value();
-    const int number = isIpv4 ? 4 : 6;
-    if (options.family.value_or(number) != number) {
-      throw CommandError(kPlace, options.address + " is of the other family", kMisused);
-    }
-    options.family = number;
-  }
-  if (options.table.empty()) {
-    return runLive(options.control, kPlace,
-                   [&](const std::string&) { return showDaemonRoutes(options); });
-  }
+/// Shows the routes of tables in shared memory.
+int showSharedRoutes(const Options& options) {
   if (options.waits && !waitUntilReady(options)) return kNotReady;
   const auto tables = chosenTables(options);
   if (tables.empty()) refuse(options);
@@ -423,10 +416,42 @@ int showRoutes(Options options) {
   return listing.finish();
 }
 
-std::string refusedAddress(const std::string& text) {
-  const bool isAddress =
-      Listing::prefixOf<Daemon::Ipv4>(text) || Listing::prefixOf<Daemon::Ipv6>(text);
-  return isAddress ? "" : text + " is neither an address nor a prefix";
+/// The name of the only tables in shared memory, which replace the daemon's answer.
+/// \throws CommandError when there are none or several.
+std::string onlyTables(const NoDaemonError& noDaemon) {
+  const auto names = Tovan::sharedRouteTableNames();
+  if (names.empty()) throw noDaemon;
+  const std::string why = std::string(noDaemon.what()) + '\n';
+  if (names.size() > 1) {
+    std::string list;
+    for (const auto& name : names) list += (list.empty() ? "" : ", ") + name;
+    std::cerr << why;
+    throw CommandError(kPlace, "several processes share tables; choose with --table: " + list,
+                       kFailed);
+  }
+  std::cerr << why << kPlace << ": warning: these are the shared tables of "
+            << Replay::printable(names.front()) << " (--table)\n";
+  return names.front();
+}
+
+int showRoutes(Options options) {
+  if (!options.address.empty()) {
+    const bool isIpv4 = Listing::prefixOf<Daemon::Ipv4>(options.address).has_value();
+    const int number = isIpv4 ? 4 : 6;
+    if (options.family.value_or(number) != number) {
+      throw CommandError(kPlace, options.address + " is of the other family", kMisused);
+    }
+    options.family = number;
+  }
+  if (options.table.empty()) {
+    try {
+      return runLive(options.control, kPlace,
+                     [&](const std::string&) { return showDaemonRoutes(options); });
+    } catch (const NoDaemonError& error) {
+      options.table = onlyTables(error);
+    }
+  }
+  return showSharedRoutes(options);
 }
 
 std::string refusedType(const std::string& text) {
@@ -449,7 +474,7 @@ void addRoutesCommand(CLI::App& app, int& exitCode) {
   command
       ->add_option("--table", options->table,
                    "The name under which a process shares its tables; without it, the running "
-                   "hostrouted is asked")
+                   "hostrouted is asked, and the only shared tables are shown if none runs")
       ->type_name("NAME");
   command->add_option("--vrf", options->vrf, "Only this VRF")->type_name("VRF");
   command->add_option("--family", options->family, "Only IPv4 (4) or IPv6 (6)")
@@ -462,7 +487,7 @@ void addRoutesCommand(CLI::App& app, int& exitCode) {
       ->type_name("INTF");
   command
       ->add_option("--wait", options->waits,
-                   "Wait up to so long until the tables are there and ready")
+                   "Wait up to so long until the daemon is ready, or the tables of --table are")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.0, kLongestWait));
   command->add_flag("--count", options->counts,

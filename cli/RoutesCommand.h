@@ -5,8 +5,8 @@
 
 namespace Cli {
 
-/// Adds `routes` to `app`. When the command line names it, it runs and leaves its exit status in
-/// `exitCode` (0 done, 1 tables absent or damaged), which must outlive the parsing.
+/// Adds `routes` to `app`. The command stores its exit status in `exitCode` (0 done, 1 no daemon
+/// and no tables, or a damaged table, 3 not ready), which must outlive the parsing.
 void addRoutesCommand(CLI::App& app, int& exitCode);
 
 }  // namespace Cli

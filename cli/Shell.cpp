@@ -49,7 +49,7 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(from, text.find_last_not_of(" \t\r") - from + 1);
 }
 
-/// Takes the first word of `line`, and the blanks behind it.
+/// Removes the first word from `line`, with the blanks after it, and returns it.
 std::string_view takeWord(std::string_view& line) {
   const size_t end = std::min(line.find_first_of(" \t"), line.size());
   const std::string_view word = line.substr(0, end);
@@ -57,13 +57,13 @@ std::string_view takeWord(std::string_view& line) {
   return word;
 }
 
-/// The values that `text` holds one behind the other, one for each of `wanted`.
+/// Parses the values in `text`, one for each argument of `wanted`.
 GenericValue readArguments(const std::vector<Kiv::ArgumentInfo>& wanted, std::string_view text) {
   Kiv::TextReader reader(text);
   std::vector<Kiv::GenericArgument> arguments;
   for (const Kiv::ArgumentInfo& argument : wanted) {
     reader.skipBlanks();
-    if (reader.atEnd()) break;  // what is missing is refused by name
+    if (reader.atEnd()) break;  // the call reports missing arguments by name
     arguments.push_back({argument.type().sequenceToValue(reader)});
   }
   reader.skipBlanks();
@@ -72,14 +72,14 @@ GenericValue readArguments(const std::vector<Kiv::ArgumentInfo>& wanted, std::st
   return GenericValue::list(std::move(arguments));
 }
 
-/// A place that was reached through an attribute. \throws ShellError otherwise.
+/// The place of a path to an attribute. \throws ShellError when the path leads to another place.
 Place attributeAt(std::string_view path, EntityDirectory::LastKey lastKey) {
   Place place = EntityDirectory::find(path, lastKey);
   if (place.attribute == nullptr) throw ShellError(std::string(path) + " is no attribute");
   return place;
 }
 
-/// The paths behind `path` that stand above the entities.
+/// The next path segments below `path`, which is above the mounted entities.
 std::set<std::string> segmentsBelow(std::string_view path) {
   std::string from(path);
   if (!from.ends_with('/')) from += '/';
@@ -107,7 +107,7 @@ size_t countOf(const GenericIf& entity, const AttributeDescriptor& attribute) {
   return count;
 }
 
-/// The value of an attribute; of a collection, how many members it has.
+/// The value of an attribute, or the number of members of a collection.
 std::string valueText(const GenericIf& entity, const AttributeDescriptor& attribute) {
   if (attribute.isCollection()) {
     const size_t count = countOf(entity, attribute);
@@ -140,10 +140,10 @@ Shell::Shell(const Daemon::Switch& sw, Replay::Player& player, std::ostream& os,
   mountVrfs();
 }
 
-/// Gives the VRFs that are new their paths.
+/// Mounts the roots of new VRFs.
 void Shell::mountVrfs() {
   const auto mount = [this](const std::string& parent, const auto& root) {
-    // The path of an entity is its name, encoded.
+    // The path of an entity is its percent-encoded name.
     mounts_.push_back(
         std::make_unique<EntityDirectory::Mount>(parent + root->uriPath(), GenericValue::of(root)));
   };
@@ -279,7 +279,7 @@ void Shell::help() {
 
 namespace {
 
-/// The paths that begin with what `word` has up to its last slash.
+/// The paths in the directory of `word`, which is its part up to the last slash.
 std::vector<std::string> pathsBelow(std::string_view word) {
   const std::string parent(word.substr(0, word.find_last_of('/') + 1));
   if (parent.empty()) return {"/"};
@@ -324,7 +324,7 @@ std::vector<std::string> Shell::completions(std::string_view line) {
       candidates = methodsOf(before);
     }
   } catch (const Kiv::Exception&) {
-    // A path that leads nowhere has no completion.
+    // A path that does not exist has no completions.
   }
   std::erase_if(candidates, [word](const auto& text) { return !text.starts_with(word); });
   std::sort(candidates.begin(), candidates.end());

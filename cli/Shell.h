@@ -1,4 +1,4 @@
-// The commands of the interactive shell: looking into live entities, and driving them, by name.
+// The commands of the interactive shell, which reads and changes live entities by name.
 #pragma once
 
 #include <functional>
@@ -17,27 +17,29 @@
 
 namespace Cli {
 
-/// A command cannot be done. what() says why.
+/// A command failed. what() gives the reason.
 class ShellError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// Reaches the machines of a switch through reflection alone.
+/// Accesses the machines of a switch only through reflection.
 ///
-/// The roots stand at /ipv4/VRF and /ipv6/VRF.
+/// The roots have the paths /ipv4/VRF and /ipv6/VRF.
 class Shell {
  public:
-  /// \param player  does what lines of a replay say, on `sw`.
-  /// \param os      where the commands print. All three outlive the shell.
+  /// The three references must stay valid.
+  /// \param player  applies lines of a replay to `sw`.
+  /// \param os      the output of the commands.
   Shell(const Daemon::Switch& sw, Replay::Player& player, std::ostream& os,
         const Replay::TextStyle& style = {});
 
-  /// Does what one line says, a command or a line of a replay. \returns false when it ends the
-  /// shell. \throws ShellError when the command is unknown or malformed, what the entities throw,
-  /// and what Replay::Player::apply() does.
+  /// Executes one line: a command or a line of a replay. \returns false when the line ends the
+  /// shell. \throws ShellError when the command is unknown or malformed; the exceptions of the
+  /// entities and
+  ///   of Replay::Player::apply().
   bool execute(std::string_view line);
-  /// What the word that ends `line` may be completed to, in ascending order.
+  /// The possible completions of the last word of `line`, in ascending order.
   static std::vector<std::string> completions(std::string_view line);
 
  private:

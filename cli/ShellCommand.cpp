@@ -1,4 +1,4 @@
-// The command around the shell: the replay before it, and the lines that it is given.
+// The `hostroute shell` command: the replay before the shell, and the input of lines.
 #include "cli/ShellCommand.h"
 
 #include <editline/readline.h>
@@ -52,7 +52,7 @@ struct FreeText {
   void operator()(char* text) const { std::free(text); }
 };
 
-/// Gives the library the completions one by one; it frees them.
+/// Returns the completions one by one to the readline library, which frees them.
 char* nextCompletion(const char* /*word*/, int state) {
   static std::vector<std::string> candidates;
   if (state == 0) {
@@ -65,13 +65,13 @@ char* nextCompletion(const char* /*word*/, int state) {
 
 char** completions(const char* word, int /*start*/, int /*end*/) {
   rl_attempted_completion_over = 1;  // not with the names of files
-  // A path may go on.
+  // A completed path may continue, so no blank follows it.
   rl_completion_append_character = *word == '/' ? 0 : ' ';
   return rl_completion_matches(word, nextCompletion);
 }
 
-/// While it lives, Ctrl-C on the terminal is a key like others. It drops the line that is edited;
-/// what a command does it interrupts.
+/// During its lifetime, Ctrl-C clears the edited line instead of ending the process. A running
+/// command is still interrupted.
 class InterruptKeyOff {
  public:
   InterruptKeyOff() : isKnown_(::tcgetattr(STDIN_FILENO, &former_) == 0) {
@@ -91,7 +91,7 @@ class InterruptKeyOff {
   const bool isKnown_;
 };
 
-/// A line that is typed, with editing and history.
+/// Reads a line from the terminal, with editing and history.
 std::optional<std::string> editedLine() {
   const InterruptKeyOff interruptKeyOff;
   const std::unique_ptr<char, FreeText> line(::readline("hostroute> "));
@@ -109,7 +109,7 @@ std::optional<std::string> plainLine() {
   return line;
 }
 
-/// Where lines are kept from one shell to the next; empty where there is no place for them.
+/// The file with the history of typed lines; empty when there is no directory for it.
 std::string historyFile() {
   const auto variable = [](const char* name) {
     const char* value = std::getenv(name);
@@ -127,7 +127,7 @@ std::string historyFile() {
   return error ? std::string() : (folder / "history").string();
 }
 
-/// The editing of typed lines, and their history.
+/// Loads the history of typed lines and saves it at the end.
 class Editor {
  public:
   Editor() : history_(historyFile()) {
@@ -154,7 +154,7 @@ class Editor {
   const std::string history_;
 };
 
-/// Takes the commands from the terminal after the recorded inputs came from standard input.
+/// Makes the terminal the standard input, after the recording was read from the former one.
 void turnToTerminal() {
   if (std::freopen("/dev/tty", "r", stdin) == nullptr) {
     throw CommandError("standard input",
@@ -188,7 +188,7 @@ int runShell(const std::string& path) {
     std::string problem;
     bool goesOn = true;
     try {
-      // Its rest is no line of its own, so nothing behind it can be read.
+      // The rest of the long line would be read as a line of its own.
       goesOn = line->size() <= Replay::Player::kMaxLineBytes;
       if (!goesOn) throw ShellError("the line is too long");
       goesOn = shell->execute(*line);

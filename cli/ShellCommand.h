@@ -5,8 +5,8 @@
 
 namespace Cli {
 
-/// Adds `shell` to `app`. When the command line names it, it runs and leaves its exit status in
-/// `exitCode`, which must outlive the parsing.
+/// Adds `shell` to `app`. The command stores its exit status in `exitCode`, which must outlive the
+/// parsing.
 void addShellCommand(CLI::App& app, int& exitCode);
 
 }  // namespace Cli

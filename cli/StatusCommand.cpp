@@ -1,4 +1,4 @@
-// The commands that show how a running hostrouted is.
+// The commands that show the state and the counters of a running hostrouted.
 #include "cli/StatusCommand.h"
 
 #include <cstdio>
@@ -38,15 +38,17 @@ constexpr const char* kCountersFooter = R"(Examples:
   hostroute counters --help-texts kernel        those with "kernel" in the name, with their meaning
   hostroute counters --json
 
-Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
+Exit status: 0 done; 1 no daemon answers, or no counter has such a name; 2 the command line is
+malformed.)";
 
 constexpr const char* kMetricsDescription =
     R"(Prints the counters of the running hostrouted as OpenMetrics text, for the text collector of
-a node exporter, or, with --http, as the answer to a scrape on standard input.)";
+a node exporter. With --http, answers a scrape on standard input; with --json, prints JSON.)";
 
 constexpr const char* kMetricsFooter = R"(Examples:
   hostroute metrics > /var/lib/prometheus/node-exporter/hostroute.prom
   hostroute metrics --http            for a socket unit with Accept=yes; see examples/metrics
+  hostroute metrics --json            the same numbers as JSON, as `hostroute counters --json`
 
 Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
 
@@ -69,7 +71,7 @@ std::string coloured(const std::string& text, const char* colour) {
   return isColoured() ? colour + text + "\033[0m" : text;
 }
 
-/// The sum of a family's samples that have these labels.
+/// The sum of a metric's samples with these labels.
 uint64_t sumOf(const Json& metrics, std::string_view name, const Json& labels = Json::object()) {
   uint64_t sum = 0;
   for (const auto& family : metrics) {
@@ -187,11 +189,18 @@ std::string secondsText(const Json& seconds) {
   return shown;
 }
 
-/// The name without what all have in common.
+/// The name of a metric without the common prefix.
 std::string shortName(const Json& family) {
   constexpr std::string_view kPrefix = "hostroute_";
   auto name = family.at("name").get<std::string>();
   return name.starts_with(kPrefix) ? name.substr(kPrefix.size()) : name;
+}
+
+/// Prints one JSON object for each metric.
+int printJson(const Json& metrics) {
+  for (const auto& family : metrics) std::cout << shownJson(family) << '\n';
+  requireOutput();
+  return 0;
 }
 
 int showCounters(const Options& options, const std::string& place) {
@@ -202,11 +211,10 @@ int showCounters(const Options& options, const std::string& place) {
       chosen.push_back(family);
     }
   }
-  if (options.json) {
-    for (const auto& family : chosen) std::cout << shownJson(family) << '\n';
-    requireOutput();
-    return 0;
+  if (chosen.empty()) {
+    throw CommandError(place, "no counter has \"" + options.pattern + "\" in its name", kFailed);
   }
+  if (options.json) return printJson(chosen);
   Replay::TextTable counters({"NAME", "LABELS", "KIND", "VALUE"});
   Replay::TextTable times({"TIMES OF", "COUNT", "P50", "P99", "P99.99", "LONGEST"});
   Replay::TextTable helps({"NAME", "MEANING"});
@@ -235,7 +243,7 @@ int showCounters(const Options& options, const std::string& place) {
   return 0;
 }
 
-/// Reads the request of a scrape, as far as it has to be read: up to an empty line.
+/// Reads the HTTP request of a scrape up to its empty line.
 void skipHttpRequest() {
   constexpr size_t kMostBytes = 65536;
   size_t read = 0;
@@ -246,6 +254,9 @@ void skipHttpRequest() {
 }
 
 int showMetrics(const Options& options, const std::string& place) {
+  if (options.json) {
+    return printJson(askOnce(options.control, place, {{"request", "counters"}}).at("metrics"));
+  }
   if (options.http) skipHttpRequest();
   std::string body;
   std::string head =
@@ -289,7 +300,8 @@ void addStatusCommands(CLI::App& app, int& exitCode) {
                  [options](const std::string& place) { return showCounters(*options, place); });
 
   auto* metrics = app.add_subcommand("metrics", kMetricsDescription);
-  metrics->add_flag("--http", options->http, "Read a HTTP request first, and answer it");
+  auto* http = metrics->add_flag("--http", options->http, "Read a HTTP request and answer it");
+  metrics->add_flag("--json", options->json, "Print one JSON object for each name")->excludes(http);
   metrics->footer(kMetricsFooter);
   addLiveCommand(*metrics, options->control, exitCode,
                  [options](const std::string& place) { return showMetrics(*options, place); });

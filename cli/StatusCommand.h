@@ -1,4 +1,4 @@
-// The commands that show how a running hostrouted is.
+// The commands that show the state and the counters of a running hostrouted.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -10,7 +10,7 @@ std::string shownText(const Json& object, const char* member) {
 }
 
 std::string shownJson(const Json& object, int indent) {
-  // JSON leaves some characters alone on which a terminal acts.
+  // A terminal would interpret some characters that are not escaped in JSON.
   return object.dump(indent, ' ', isTerminal(STDOUT_FILENO), Json::error_handler_t::replace);
 }
 

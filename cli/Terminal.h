@@ -1,4 +1,4 @@
-// The terminal: what it is like, and texts from elsewhere that it may show.
+// Output for a terminal.
 #pragma once
 
 #include <sys/ioctl.h>
@@ -16,30 +16,30 @@ namespace Cli {
 
 using Json = nlohmann::ordered_json;
 
-/// Whether what goes to the file descriptor is read by a person right now.
+/// True when the file descriptor is a terminal.
 inline bool isTerminal(int fd) {
   return ::isatty(fd) == 1;
 }
 
-/// Whether standard output may be coloured: on a terminal, unless NO_COLOR is set (no-color.org).
+/// True when standard output is a terminal and NO_COLOR is not set (no-color.org).
 inline bool isColoured() {
   const char* refused = std::getenv("NO_COLOR");
   return isTerminal(STDOUT_FILENO) && (refused == nullptr || *refused == '\0');
 }
 
-/// How tables are printed on standard output: on a terminal they fit it.
+/// The style of tables on standard output. On a terminal, lines are at most as long as it is wide.
 inline Replay::TextStyle tableStyle() {
   struct winsize size {};
   const bool isKnown = isTerminal(STDOUT_FILENO) && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0;
   return {.coloured = isColoured(), .width = isKnown ? size.ws_col : size_t{0}};
 }
 
-/// A member of an object, as a text that a terminal may show. \throws Json::exception.
+/// A member of an object as text that is safe for a terminal. \throws Json::exception.
 std::string shownText(const Json& object, const char* member);
-/// An object for programs, and for people where standard output is a terminal.
+/// The JSON text of an object; safe for a terminal when standard output is one.
 std::string shownJson(const Json& object, int indent = -1);
 
-/// Shows how far a long input is, on standard error where that is a terminal; 0 takes it away.
+/// Shows the number of lines read so far, if standard error is a terminal; 0 removes the display.
 inline void showProgress(size_t lines) {
   if (!isTerminal(STDERR_FILENO)) return;
   std::cerr << "\r\033[K";

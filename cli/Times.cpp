@@ -1,4 +1,4 @@
-// Times as people read them.
+// The text form of times for people.
 #include "cli/Times.h"
 
 #include <charconv>

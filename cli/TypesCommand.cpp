@@ -1,4 +1,4 @@
-// The command that shows which types a plug-in provides.
+// The `hostroute types` command.
 #include "cli/TypesCommand.h"
 
 #include <iostream>

@@ -10,7 +10,7 @@ _hostroute_tables() {
   done
 }
 
-# Names that the running daemon has: vrfs, interfaces or prefixes that begin with a text.
+# Prints names of the running daemon: vrfs, interfaces or prefixes that begin with a text.
 _hostroute_names() {
   local i socket=()
   for ((i = 1; i < cword - 1; ++i)); do
@@ -20,7 +20,7 @@ _hostroute_names() {
 }
 
 _hostroute() {
-  # An IPv6 address has colons, at which bash ends words.
+  # Bash splits words at colons, but an IPv6 address is one word.
   local line=${COMP_LINE:0:COMP_POINT} words word cword options
   read -ra words <<< "$line"
   [[ $line == *[[:space:]] ]] && words+=("")
@@ -62,13 +62,16 @@ _hostroute() {
       $(_hostroute_names prefixes "$word" | sed -nE 's/\/(32|128)$//p')" ;;
     *dump) options="--vrf --family --json --socket --help" ;;
     *counters) options="--help-texts --json --socket --help" ;;
-    *metrics) options="--http --socket --help" ;;
+    *metrics) options="--http --json --socket --help" ;;
     *doctor) options="--interfaces --table --table6 --protocol --root --json --socket --help" ;;
     *log-level) options="error warning notice info debug --json --socket --help" ;;
     *trace) options="--vrf --levels --for --json --socket --help
       $(_hostroute_names prefixes "$word" | sed -nE 's/\/(32|128)$//p')" ;;
     2:record) options="start stop --help" ;;
-    *record) options="--size --files --json --socket --help" ;;
+    *record)
+      options="--json --socket --help"
+      [[ ${words[2]} == start ]] && options="--size --files $options"
+      ;;
     *anonymize) options="--key --help" ;;
     *status | *resync | *reload) options="--json --socket --help" ;;
   esac

@@ -8,7 +8,7 @@ _hostroute_tables() {
   compadd -- ${names#hostroute-}
 }
 
-# Prints names that the running daemon has: vrfs, interfaces or prefixes.
+# Prints names of the running daemon: vrfs, interfaces or prefixes.
 _hostroute_ask() {
   local -i at=${words[(I)--socket]}
   local -a socket
@@ -96,7 +96,7 @@ _hostroute() {
       ;;
     dump) _arguments $chosen $live ;;
     counters) _arguments '--help-texts[show the meanings]' $live '1:name:' ;;
-    metrics) _arguments '--http[answer a HTTP request]' $live ;;
+    metrics) _arguments '(--json)--http[answer a HTTP request]' $live ;;
     doctor)
       _arguments '--interfaces[whose neighbours count]:patterns:' '--table[of IPv4 hosts]:table:' \
         '--table6[of IPv6 hosts]:table:' '--protocol[of the routes]:number:' \
@@ -108,8 +108,10 @@ _hostroute() {
         '--for[how long]:time:' $live '1:address:_hostroute_addresses'
       ;;
     record)
-      _arguments '--size[of a file in MiB]:size:' '--files[how many are kept]:number:' $live \
-        '1:action:(start stop)' '2:file:'
+      local -a start
+      [[ $words[2] == start ]] &&
+        start=('--size[of a file in MiB]:size:' '--files[how many are kept]:number:' '2:file:')
+      _arguments $start $live '1:action:(start stop)'
       ;;
     anonymize) _arguments '--key[what the mapping is made by]:text:' '--help[print the help]' '1:recording:_files' ;;
     status | resync | reload) _arguments $live ;;

@@ -1,7 +1,8 @@
-// The hostroute program: one subcommand for each thing it does.
+// The hostroute program and its list of commands.
 #include <algorithm>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -24,14 +25,16 @@
 namespace {
 
 constexpr const char* kFooter = R"(Start with one of these:
-  hostroute import | hostroute replay -     the host routes of this machine
+  hostroute status                          how the running hostrouted is
+  hostroute explain 10.0.0.5                why an address has, or has not, a host route
+  hostroute import | hostroute replay -     the host routes of this machine without a hostrouted
   hostroute replay examples/leaf.jsonl      those of a recorded switch
-  hostroute replay --help                   what else a replay can show, and how to ask why
+  hostroute COMMAND --help                  the options of a command, with examples
 
 Exit status: 0 done; 1 the engine, a table or the output failed; 2 the command line is malformed, or
 an input cannot be read or is malformed. Errors are "PLACE: error: WHAT" on standard error.)";
 
-/// The program and, once it is known, the command, as errors name them.
+/// The name of the program, with the command if it is known, for error messages.
 std::string placeOf(const CLI::App& app) {
   const auto commands = app.get_subcommands();
   return commands.empty() ? "hostroute" : "hostroute " + commands.front()->get_name();
@@ -50,20 +53,46 @@ int failure(const CLI::App& app, const std::string& what) {
   return Cli::kFailed;
 }
 
-int run(CLI::App& app, int argc, char** argv) {
-  int exitCode = 0;
-  Cli::addReplayCommand(app, exitCode);
-  Cli::addRoutesCommand(app, exitCode);
-  Cli::addDiffCommand(app, exitCode);
-  Cli::addAnswerCommands(app, exitCode);
-  Cli::addImportCommand(app, exitCode);
-  Cli::addShellCommand(app, exitCode);
-  Cli::addTypesCommand(app, exitCode);
-  Cli::addDoctorCommand(app, exitCode);
-  Cli::addAnonymizeCommand(app);
+/// Prints the help. The list of commands has only the start of each description.
+class HelpFormatter final : public CLI::Formatter {
+ public:
+  std::string make_subcommand(const CLI::App* command) const override {
+    constexpr size_t kNameWidth = 12;
+    auto text = command->get_description();
+    text.resize(std::min(text.size(), text.find_first_of(".:,")));
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    auto name = command->get_name();
+    name.resize(std::max(name.size() + 1, kNameWidth), ' ');
+    return "  " + name + text + "\n";
+  }
+};
+
+/// Adds all commands, in the order of the help.
+void addCommands(CLI::App& app, int& exitCode) {
+  const auto groupNew = [&app](const char* group) {
+    for (auto* command : app.get_subcommands({})) {
+      if (command->get_group() == "Subcommands") command->group(group);
+    }
+  };
   Cli::addStatusCommands(app, exitCode);
+  Cli::addAnswerCommands(app, exitCode);
+  Cli::addRoutesCommand(app, exitCode);
   Cli::addLiveCommands(app, exitCode);
   Cli::addOperateCommands(app, exitCode);
+  groupNew("Commands for the running hostrouted");
+  Cli::addDoctorCommand(app, exitCode);
+  Cli::addImportCommand(app, exitCode);
+  Cli::addReplayCommand(app, exitCode);
+  Cli::addDiffCommand(app, exitCode);
+  Cli::addAnonymizeCommand(app);
+  Cli::addShellCommand(app, exitCode);
+  Cli::addTypesCommand(app, exitCode);
+  groupNew("Commands for this machine, recordings and plug-ins");
+}
+
+int run(CLI::App& app, int argc, char** argv) {
+  int exitCode = 0;
+  addCommands(app, exitCode);
   const std::string first = argc > 1 ? argv[1] : "-";
   const auto isFirst = [&](const CLI::App* command) { return command->get_name() == first; };
   if (first[0] != '-' && app.get_subcommands(isFirst).empty()) {
@@ -86,6 +115,7 @@ int run(CLI::App& app, int argc, char** argv) {
 int main(int argc, char** argv) {
   CLI::App app("Host routes of a switch: what they are, and why");
   try {
+    app.formatter(std::make_shared<HelpFormatter>());
     app.require_subcommand(1);
     app.set_version_flag("--version", "hostroute " HOSTROUTE_VERSION, "Print the version and exit");
     app.footer(kFooter);

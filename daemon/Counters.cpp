@@ -1,4 +1,4 @@
-// What a switch's machines count, and how long events take.
+// The counters of a switch's machines, and a histogram of durations.
 #include "daemon/Counters.h"
 
 #include <algorithm>
@@ -70,12 +70,12 @@ constexpr std::string_view nameOf(HostCore::Lack lack) {
   }
   return {};
 }
-// Those that can be met in a switch, whose machines have all their inputs.
+// The reasons that can occur in a switch. Its machines have all their inputs.
 constexpr HostCore::Lack kLacks[] = {HostCore::Lack::Cover,     HostCore::Lack::Record,
                                      HostCore::Lack::Fec,       HostCore::Lack::Interface,
                                      HostCore::Lack::DirectVia, HostCore::Lack::Skipped};
 
-/// Adds the numbers of one machine.
+/// Adds the values of one machine.
 template <class F>
 void collect(const typename F::RouteSm& sm, const typename F::RouteSmRoot& root,
              std::vector<CounterValue>& values) {
@@ -135,8 +135,8 @@ uint64_t Counters::sum(std::string_view name, std::string_view labelValue, int f
 size_t LatencyHistogram::bucketOf(uint64_t nanoseconds) noexcept {
   constexpr uint64_t kLongest = (uint64_t{1} << kMaxBits) - 1;
   const uint64_t time = std::min(nanoseconds, kLongest);
-  if (time < uint64_t{1} << kSubBits) return time;  // told apart one by one
-  // The bits behind the first one choose the bucket in the range of that one.
+  if (time < uint64_t{1} << kSubBits) return time;  // each has its own bucket
+  // The highest bit selects the range. The bits after it select the bucket.
   const auto shift = static_cast<unsigned>(std::bit_width(time)) - 1 - kSubBits;
   return (size_t{shift} << kSubBits) + (time >> shift);
 }

@@ -1,4 +1,4 @@
-// What a switch's machines count, with the meaning of each number, and how long events take.
+// The counters of a switch's machines, and a histogram of durations.
 #pragma once
 
 #include <array>
@@ -9,41 +9,41 @@
 
 namespace Daemon {
 
-/// What is counted. Numbers of one name differ in a label.
+/// The description of a counter. The values of one counter differ in a label.
 struct CounterInfo {
   enum class Kind {
-    Counter,  ///< only grows, from the start of the VRF
-    Gauge,    ///< what there is now
+    Counter,  ///< only increases, from the start of the VRF
+    Gauge,    ///< a present number
   };
 
-  const char* name;   ///< "events"; a program puts its own name before it
-  const char* label;  ///< what the numbers of this name differ in, such as "kind"; "" for nothing
+  const char* name;   ///< such as "events"; a program adds its own prefix
+  const char* label;  ///< the name of the label, such as "kind"; "" when there is none
   Kind kind;
-  const char* help;  ///< the meaning, a sentence
+  const char* help;  ///< the meaning, as a sentence
 };
 
-/// One number.
+/// One value of a counter.
 struct CounterValue {
-  const CounterInfo* info;      ///< lives as long as the program
-  std::string_view labelValue;  ///< "" where the row has no label; lives as long as the program
+  const CounterInfo* info;      ///< valid as long as the program runs
+  std::string_view labelValue;  ///< "" without a label; valid as long as the program runs
   int family;                   ///< 4 or 6
   uint64_t value;
 };
 
-/// The numbers of one VRF, those of IPv4 first. Within a family those of one name stand together. A
-/// machine that has ended has none.
+/// The values of one VRF: first IPv4, then IPv6. Within a family, the values of one counter follow
+/// one another. A machine that was torn down has no values.
 struct Counters {
   std::vector<CounterValue> values;
 
-  /// The sum over what the arguments leave open: an empty label or family 0 stands for any.
+  /// The sum of the values that match. An empty label value and family 0 match all.
   uint64_t sum(std::string_view name, std::string_view labelValue = {}, int family = 0) const;
 };
 
-/// How often what took how long: the range of each power of two is cut into 16 buckets, so that a
-/// number read from it is at most 1/16 over what was measured.
+/// A histogram of durations. The range of each power of two has 16 buckets, so a quantile is at
+/// most 1/16 above the measured value.
 class LatencyHistogram {
  public:
-  /// The longest time that is told apart: 2^40 ns, 18 minutes. What is longer counts as that.
+  /// Durations from 2^40 ns (18 minutes) on share the last bucket.
   static constexpr unsigned kMaxBits = 40;
 
   void add(uint64_t nanoseconds) noexcept {
@@ -54,12 +54,12 @@ class LatencyHistogram {
   }
   uint64_t count() const noexcept { return count_; }
   uint64_t sum() const noexcept { return sum_; }
-  /// The longest, exactly.
+  /// The exact maximum.
   uint64_t max() const noexcept { return max_; }
-  /// The time that the share `quantile` (0.99) did not exceed, rounded up to its bucket's end but
-  /// not over max(); 0 when nothing was measured.
+  /// A quantile, such as 0.99, in nanoseconds. It is rounded up to the end of its bucket, but not
+  /// above max(). 0 without a measurement.
   uint64_t quantile(double quantile) const noexcept;
-  /// How many took at most this long; exact where a bucket ends there, as at each power of two.
+  /// The number of durations up to this one. Exact when a bucket ends there, as at a power of two.
   uint64_t countUpTo(uint64_t nanoseconds) const noexcept;
 
  private:
@@ -67,7 +67,7 @@ class LatencyHistogram {
   static constexpr size_t kBuckets = (kMaxBits - kSubBits + 1) << kSubBits;
 
   static size_t bucketOf(uint64_t nanoseconds) noexcept;
-  /// The longest time that falls into a bucket.
+  /// The longest duration of a bucket.
   static uint64_t endOf(size_t bucket) noexcept;
 
   std::array<uint64_t, kBuckets> buckets_{};

@@ -1,4 +1,4 @@
-// Why an address has, or has not, the host route that it has.
+// The reason why an address has a host route, or has none.
 #include "daemon/Explain.h"
 
 #include <algorithm>
@@ -36,7 +36,7 @@ std::string routeText(const Route& route) {
          (route.fecId == 0 ? ", without a FEC" : ", FEC " + std::to_string(route.fecId));
 }
 
-/// "leaves through Ethernet1", with the FEC where that says something.
+/// "leaves through Ethernet1 (FEC 7)".
 template <class Route, class Vias>
 std::string leavesText(const Route& route, const Vias& vias) {
   const std::string fec = " (FEC " + std::to_string(route.fecId) + ")";
@@ -44,7 +44,7 @@ std::string leavesText(const Route& route, const Vias& vias) {
                       : "leaves through " + viasText(vias) + fec;
 }
 
-/// Builds the explanation of one address from what the machine's own steps find.
+/// Builds the explanation of one address from the results of the machine's own steps.
 template <class F>
 class Explainer {
  public:
@@ -106,7 +106,7 @@ class Explainer {
     }
     result_.missing = Missing{.kind = Missing::Kind::Machine,
                               .text = "the machine of " + name() + " has ended",
-                              .mend = "a new start"};
+                              .mend = "a restart"};
   }
 
   void findMachine() {
@@ -258,7 +258,7 @@ class Explainer {
     const auto fec = Obu::readFec(sw_.shared<F>().forwarding.get(), route.fecId);
     return {fec.begin(), fec.end()};
   }
-  /// Where a route that is in the route table came from.
+  /// The source of a route in the route table.
   static std::string sourceOf(const typename F::Route& route) {
     if (fecOf(route) != 0) return "fibRoute";
     return route.routeType == F::kAttached ? "neighbor" : "ownAddress";
@@ -266,12 +266,13 @@ class Explainer {
   template <class Found>
   static std::string inTableText(const Found& found) {
     const uint64_t fec = fecOf(found.route);
-    return typeText(found.route.routeType) + " through " + viasText(found.vias) +
+    return typeText(found.route.routeType) +
+           (found.vias.empty() ? "" : " through " + viasText(found.vias)) +
            (fec == 0 ? "" : " (FEC " + std::to_string(fec) + ")");
   }
 
-  /// What is expected in the route table, without the number of a host table's adjacency, which is
-  /// no FEC.
+  /// The expected route in the route table. It has no FEC when its FEC id is the index of a host
+  /// adjacency.
   auto shownExpected() const {
     auto shown = *state_.expected;
     shown.route.fecId = candidate(shown, state_.source).fec;
@@ -331,8 +332,8 @@ class Explainer {
                                  .fec = fecOf(found.route),
                                  .vias = explained<F>(found.vias),
                                  .reason =
-                                     "it was merged before, and nothing has occasioned the "
-                                     "next merge since"};
+                                     "it was merged before, and no event has caused another "
+                                     "merge since"};
     }
     addLosers();
     if (!result_.winner) result_.missing = missing();
@@ -411,7 +412,7 @@ class Explainer {
     return state_.fibRoute->route.fecId == 0 ? "it has no FEC" : "it has no type";
   }
 
-  /// Why a neighbour has no host route.
+  /// The reason why a neighbour has no host route.
   std::string whyNot(const Neighbor& neighbor) const {
     const auto& cover = neighbor.cover;
     const std::string prefix = isNull(cover.key) ? "" : toString(cover.key);
@@ -436,7 +437,7 @@ class Explainer {
     }
   }
 
-  /// Why a neighbour that lacks nothing has no host route.
+  /// The reason why a neighbour has no host route although all conditions hold.
   std::string whyUnannounced(const Neighbor& neighbor) const {
     std::string text = toString(neighbor.cover.key) +
                        " covers it there, but a change of a route or a FEC left it without a host "
@@ -452,13 +453,13 @@ class Explainer {
     if (!state_.isInitialized) {
       return {.kind = Missing::Kind::Initialization,
               .text = name() + " is not initialized",
-              .mend = "the word that its inputs are complete",
+              .mend = "the notification that its inputs are complete",
               .vrf = vrf_};
     }
     if (state_.expected && !state_.givesWay) {
       return {.kind = Missing::Kind::Announcement,
               .text = "it has a route by its " + sourceText() +
-                      ", which has not been merged since something changed without a word",
+                      ", which has not been merged since a change without a notification",
               .mend =
                   "the next change of its neighbour, FIB host route, own address or virtual "
                   "address in " +
@@ -470,7 +471,7 @@ class Explainer {
       return {.kind = Missing::Kind::NotVirtual,
               .text = result_.address + " is virtual in VRF " + vrfs + ", and the " + sourceText() +
                       " yields an attached_ route, which gives way",
-              .mend = "the end of the virtual address",
+              .mend = "removal of the virtual address",
               .vrf = vrfs};
     }
     if (state_.source == Source::IncompleteFibRoute) {
@@ -497,7 +498,8 @@ class Explainer {
     }
   }
 
-  /// How far a neighbour has got: the higher the nearer to a host route.
+  /// The number of conditions that a neighbour meets. The explanation is about the neighbour with
+  /// the highest number.
   static int progressOf(const Neighbor& neighbor) {
     switch (neighbor.lack) {
       case Lack::None:
@@ -517,7 +519,7 @@ class Explainer {
     }
   }
 
-  /// An interface through which a route leaves directly, and whose neighbours count.
+  /// An interface of a directly connected via of the route whose neighbours get host routes.
   static std::string directIntfOf(const Neighbor& cover) {
     for (const auto& via : cover.coverVias) {
       if (via.hop.isZero() && !HostCore::isManagementPort(via.intf)) {
@@ -616,7 +618,7 @@ class Explainer {
   Explanation result_;
 };
 
-/// What people read for a kind.
+/// The word for a kind in the text.
 std::string_view labelOf(Finding::Kind kind) {
   using Kind = Finding::Kind;
   switch (kind) {
@@ -655,12 +657,13 @@ std::string textOf(const std::vector<ExplainedVia>& vias) {
 }
 
 std::string textOf(const Candidate& candidate) {
-  std::string text = candidate.type + " through " + textOf(candidate.vias);
+  std::string text = candidate.type;
+  if (!candidate.vias.empty()) text += " through " + textOf(candidate.vias);
   if (candidate.fec != 0) text += " (FEC " + std::to_string(candidate.fec) + ")";
   return text;
 }
 
-/// What people read for where a candidate comes from.
+/// The words for a candidate's source in the text.
 std::string_view labelOf(const Candidate& candidate) {
   if (candidate.source == "ownAddress") return "own address";
   return candidate.source == "fibRoute" ? "FIB host route" : "neighbour";
@@ -752,7 +755,8 @@ std::string toText(const Explanation& explanation) {
   }
   for (const Candidate& loser : explanation.losers) {
     const auto& missing = explanation.missing;
-    if (missing && missing->text.find(loser.reason) != std::string::npos) continue;  // told there
+    // The missing condition already gives this reason.
+    if (missing && missing->text.find(loser.reason) != std::string::npos) continue;
     row("loses", std::string(labelOf(loser)) +
                      (loser.vias.empty() ? "" : " through " + textOf(loser.vias)) + ": " +
                      loser.reason);

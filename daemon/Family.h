@@ -1,4 +1,4 @@
-// The address families as a daemon holds them: the engine's seams, and what a switch adds to them.
+// The address families of a switch: the engine's families with further types and functions.
 #pragma once
 
 #include <optional>
@@ -14,7 +14,7 @@
 
 namespace Daemon {
 
-/// IPv4: its number, its types beside those of the engine, and how its tables are written.
+/// IPv4: its number, types in addition to those of the engine, and writes to its tables.
 struct Ipv4 : Routing::Host::Ipv4 {
   using AddrWithMask = Zemit::IpAddrWithMask;
   using Fec = Tovan::Fib::Fec;
@@ -46,7 +46,7 @@ struct Ipv4 : Routing::Host::Ipv4 {
   }
   static void intfDel(IpStatus& status, Zemit::IntfId intf) { status.ipIntfStatusDel(intf); }
 
-  /// The address of a virtual one; nothing where that is of the other family.
+  /// The address of a virtual IP; nothing when it is of the other family.
   static std::optional<Addr> virtualAddr(const Routing::Fhrp::VrfIpWithMaskPair& pair) {
     return pair.v4Addr();
   }
@@ -56,7 +56,7 @@ struct Ipv4 : Routing::Host::Ipv4 {
   }
 };
 
-/// IPv6, in the same terms.
+/// IPv6, with the same members.
 struct Ipv6 : Routing6::Host::Ipv6 {
   using AddrWithMask = Zemit::Ip6AddrWithMask;
   using Fec = Tovan::Fib6::Fec;
@@ -99,9 +99,9 @@ struct Ipv6 : Routing6::Host::Ipv6 {
   }
 };
 
-/// The next hop of an IPv4 via that in truth leads to an IPv6 address (RFC 8950): a via has no room
-/// for one. It is the dummy address that no host may have (RFC 7600), so such a via is not directly
-/// connected.
+/// Stands for an IPv6 next hop of an IPv4 via (RFC 8950), because an IPv4 via cannot hold an IPv6
+/// address. It is the IPv4 dummy address, which no host has (RFC 7600). A via with this next hop is
+/// not directly connected.
 inline constexpr Zemit::IpAddr kIpv6NextHop{0xC0000008};
 
 /// The family of an address type.

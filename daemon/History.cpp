@@ -1,4 +1,4 @@
-// What became of host routes, and why.
+// Changes of host routes with their causes.
 #include "daemon/History.h"
 
 #include <algorithm>
@@ -40,7 +40,7 @@ HistoryEntry entryOf(const std::string& vrf, const typename RouteLog<F>::Change&
   return entry;
 }
 
-/// What an address or a prefix stands for, if `text` is one of the family.
+/// The prefix that `text` means when it is an address or a prefix of the family.
 template <class Prefix>
 std::optional<Prefix> parsePrefix(std::string_view text) {
   if (const auto addr = Prefix::Addr::parse(text)) return Prefix::host(*addr);
@@ -142,7 +142,7 @@ std::string causeText(const HistoryEntry& entry) {
 
 std::string changeText(const HistoryEntry& entry) {
   if (entry.change == HistoryEntry::Change::Removed) return "removed";
-  return entry.type + " through " + entry.vias +
+  return entry.type + (entry.vias == "-" ? "" : " through " + entry.vias) +
          (entry.fec == 0 ? "" : " (FEC " + std::to_string(entry.fec) + ")");
 }
 

@@ -1,4 +1,4 @@
-// What became of host routes, and why.
+// Changes of host routes with their causes.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,10 @@
 
 namespace Daemon {
 
-/// What an event was that changed a host route.
+/// The kind of an event that changed a host route.
 using HostCore::CauseKind;
 
-/// The word by which programs know a cause, such as "neighborLearned".
+/// The name of a cause in JSON, such as "neighborLearned".
 std::string_view nameOf(CauseKind kind);
 
 /// One change of a host route in the route table.
@@ -27,11 +27,11 @@ struct HistoryEntry {
   int family = 4;           ///< 4 or 6
   std::string prefix = {};  ///< of the host route
   Change change = Change::Added;
-  // What it became; empty or 0 when it was removed.
+  // The route after the change; empty or 0 when it was removed.
   std::string type = {};
-  uint64_t fec = 0;       ///< of a FIB route; 0 where the vias are written as an adjacency
+  uint64_t fec = 0;       ///< of a FIB route; 0 when the vias are an adjacency
   std::string vias = {};  ///< for people: "10.0.0.9 Ethernet1, Ethernet2"
-  // By which event; empty or 0 where that has none.
+  // The event that caused the change; empty or 0 when the event has no such member.
   CauseKind cause = CauseKind::Unknown;
   std::string causeIntf = {};
   std::string causePrefix = {};
@@ -40,7 +40,7 @@ struct HistoryEntry {
   friend bool operator==(const HistoryEntry&, const HistoryEntry&) = default;
 };
 
-/// The host routes at or inside a prefix.
+/// Selects the host routes at or inside a prefix.
 class PrefixFilter {
  public:
   /// \param text  a prefix, or an address.  \throws Kiv::RangeException when it is neither.
@@ -58,10 +58,10 @@ class PrefixFilter {
 /// "added", "changed" or "removed".
 std::string_view nameOf(HistoryEntry::Change change);
 
-/// The event of an entry for people, such as "neighbour learned on Ethernet1".
+/// The cause of an entry for people, such as "neighbour learned on Ethernet1".
 std::string causeText(const HistoryEntry& entry);
 
-/// What the route became, for people: "attached_ via Ethernet1", or "removed".
+/// The route after the change for people: "attached_ via Ethernet1", or "removed".
 std::string changeText(const HistoryEntry& entry);
 
 }  // namespace Daemon

@@ -9,10 +9,10 @@
 
 namespace Daemon {
 
-/// What stands for the next hop kIpv6NextHop in a replay, and wherever next hops are shown.
+/// The text of the next hop kIpv6NextHop in replays and in all output.
 inline constexpr std::string_view kIpv6NextHopText = "ipv6";
 
-/// A next hop as it is written and shown.
+/// The text of a next hop.
 template <class Addr>
 std::string hopText(const Addr& hop) {
   if constexpr (std::is_same_v<Addr, Zemit::IpAddr>) {
@@ -21,8 +21,8 @@ std::string hopText(const Addr& hop) {
   return toString(hop);
 }
 
-/// What people read for next hops: "10.0.0.9 Ethernet1, Ethernet2"; a hop that is the destination
-/// itself is left out.
+/// Next hops for people: "10.0.0.9 Ethernet1, Ethernet2". A directly connected via shows only its
+/// interface.
 template <class Vias>
 std::string viasText(const Vias& vias) {
   std::string text;

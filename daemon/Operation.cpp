@@ -1,4 +1,4 @@
-// What can be done to a switch, as values that can be applied, compared and recorded.
+// The operations on a switch as values that can be applied, compared and recorded.
 #include "daemon/Operation.h"
 
 #include <type_traits>

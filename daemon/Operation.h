@@ -1,4 +1,4 @@
-// What can be done to a switch, as values that can be applied, compared and recorded.
+// The operations on a switch as values that can be applied, compared and recorded.
 #pragma once
 
 #include <string>
@@ -8,16 +8,17 @@
 
 namespace Daemon {
 
-// Each does what the method of Switch with its name does; members are that method's arguments.
+// Each operation stands for a call of the Switch method with its name. Its members are the
+// arguments.
 
-/// Makes a VRF appear.
+/// Creates a VRF.
 struct SetVrf {
   std::string vrf;
 
   friend bool operator==(const SetVrf&, const SetVrf&) = default;
 };
 
-/// Puts an interface into a VRF, or takes it away with its addresses.
+/// Puts an interface into a VRF, or removes it with its addresses.
 struct SetInterface {
   Zemit::IntfId intf;
   std::string vrf;
@@ -37,7 +38,7 @@ struct SetAddress {
   friend bool operator==(const SetAddress&, const SetAddress&) = default;
 };
 
-/// Makes an interface's neighbour table, or removes it with its entries.
+/// Creates an interface's neighbour table, or removes it with its entries.
 struct SetNeighborTable {
   Zemit::IntfId intf;
   bool present = true;
@@ -74,7 +75,8 @@ struct SetRoute {
   friend bool operator==(const SetRoute&, const SetRoute&) = default;
 };
 
-/// Sets or removes a virtual address. An IPv6 one has no length: 128 stands for it.
+/// Sets or removes a virtual address. An IPv6 virtual address has no length; the length here is
+/// 128.
 template <class F>
 struct SetVirtualIp {
   std::string vrf;
@@ -84,7 +86,7 @@ struct SetVirtualIp {
   friend bool operator==(const SetVirtualIp&, const SetVirtualIp&) = default;
 };
 
-/// Tells both machines of a VRF that their inputs are complete, or no longer.
+/// Tells both machines of a VRF whether their inputs are complete.
 struct SetInitialized {
   std::string vrf;
   bool value = true;
@@ -92,7 +94,7 @@ struct SetInitialized {
   friend bool operator==(const SetInitialized&, const SetInitialized&) = default;
 };
 
-/// Sets the two flags of a VRF's readiness record: RIB ready, and verify it.
+/// Sets both flags of a VRF's readiness record: "RIB ready" and "start verification".
 struct SetRibReady {
   std::string vrf;
   bool value = true;
@@ -105,8 +107,8 @@ using Operation = std::variant<SetVrf, SetInterface, SetAddress<Ipv4>, SetAddres
                                SetFec<Ipv6>, SetRoute<Ipv4>, SetRoute<Ipv6>, SetVirtualIp<Ipv4>,
                                SetVirtualIp<Ipv6>, SetInitialized, SetRibReady>;
 
-/// Does to `sw` what `operation` says.
-/// \throws Kiv::RangeException, Tovan::OpenException as the methods of Switch do.
+/// Applies `operation` to `sw`.
+/// \throws the exceptions of the Switch method.
 void apply(Switch& sw, const Operation& operation);
 
 }  // namespace Daemon

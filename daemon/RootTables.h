@@ -1,12 +1,12 @@
-// The tables of a VRF's root, for those who show them.
+// The tables of a VRF's root, for output.
 #pragma once
 
 #include "platform/kiv/containers/Ptr.h"
 
 namespace Daemon {
 
-/// The tables of a root. Whoever reaches the root by name may delete them: what is missing is
-/// empty.
+/// The tables of a root. A user of the reflection interface may have deleted a table; an empty
+/// table then replaces it.
 ///
 /// \tparam F  the family.
 template <class F>
@@ -20,9 +20,9 @@ struct RootTables {
     if (!waiting) waiting = F::AddrSet::AddrSetIs(F::Prefix::null());
   }
 
-  typename F::HostTable::Ptr received;   ///< the addresses that the switch answers for
-  typename F::HostTable::Ptr neighbors;  ///< the hosts that have a route
-  typename F::AddrSet::Ptr waiting;      ///< whose merge waits for the machine to be initialized
+  typename F::HostTable::Ptr received;   ///< receive routes of the switch's own addresses
+  typename F::HostTable::Ptr neighbors;  ///< host routes of neighbours
+  typename F::AddrSet::Ptr waiting;      ///< addresses whose merge is deferred until initialization
 };
 
 }  // namespace Daemon

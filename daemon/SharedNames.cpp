@@ -1,4 +1,4 @@
-// What a switch's tables in shared memory are called.
+// The names of a switch's tables in shared memory.
 #include "daemon/SharedNames.h"
 
 #include <memory>
@@ -18,11 +18,11 @@ bool isSharedName(std::string_view name) {
 void removeSharedLeftovers(std::string_view name) {
   const auto tables = Tovan::tablesOf(name);
   if (tables.empty()) return;
-  // A table that is open for writing has no other writer. All are tried before the first goes, one
-  // by one, because there may be more of them than a process may have files open. The first is kept
-  // open meanwhile: another process that starts under the name is refused there.
+  // A table has at most one writer. Opens each table for writing before removing the first, one
+  // after the other, because there may be more tables than a process may have open files. The first
+  // table stays open, so that another process that starts under the same name is refused.
   const auto open = [](const std::string& table) {
-    constexpr size_t kBytes = 4096;  // nothing in it is looked at
+    constexpr size_t kBytes = 4096;  // the content does not matter
     const Tovan::TableConfig config{.access = Tovan::Access::Write, .name = table};
     return std::make_unique<Tovan::TableMemory>(config, kBytes);
   };

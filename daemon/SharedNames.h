@@ -1,4 +1,4 @@
-// What a switch's tables in shared memory are called.
+// The names of a switch's tables in shared memory.
 #pragma once
 
 #include <cstddef>
@@ -6,14 +6,14 @@
 
 namespace Daemon {
 
-/// The names of the tables' files have that of a VRF in them, too.
+/// The maximum length of a shared name. The file names of the tables also contain the VRF's name.
 inline constexpr size_t kMaxSharedNameBytes = 100;
 
-/// True when `name` can name the tables of a switch: not empty, not too long, no "." and no "/".
+/// True when `name` is a valid shared name: not empty, not too long, without "." and "/".
 bool isSharedName(std::string_view name);
 
-/// Removes the tables that a former owner left under `name`.
-/// \throws Tovan::OpenException when an owner lives; everything is left as it was then.
+/// Removes the tables that a former process left under `name`.
+/// \throws Tovan::OpenException when another process owns them; removes nothing then.
 void removeSharedLeftovers(std::string_view name);
 
 }  // namespace Daemon

@@ -66,7 +66,7 @@ Vrf& Switch::vrf(std::string_view name) {
   return added;
 }
 
-/// Tells the readers of a VRF's route tables how far its machines are.
+/// Publishes the state of a VRF's machines to the readers of its route tables.
 void Switch::publishState(const Vrf& vrf) const {
   if (options_.sharedName.empty()) return;
   forEachFamily([&](auto family) {
@@ -115,7 +115,7 @@ void Switch::traceAddressIs(std::string_view vrf, std::string_view address) {
 }
 
 bool Switch::tendTables(bool all) {
-  constexpr size_t kPagesATurn = 512;  // some microseconds each
+  constexpr size_t kPagesATurn = 512;  // a few microseconds for each page
   if (all) {
     tendRound_.turnIsWhole();
   } else {
@@ -126,7 +126,7 @@ bool Switch::tendTables(bool all) {
     try {
       table.tend(tendRound_);
       mayGrow &= table.isCurrent();
-    } catch (const Pindo::Exception&) {  // no room, or damage that was reported
+    } catch (const Pindo::Exception&) {  // a full table, or damage that was already reported
       mayGrow = false;
     } catch (const std::bad_alloc&) {
       mayGrow = false;
@@ -350,7 +350,7 @@ void Switch::setStartRibReadyVerification(std::string_view vrf, bool start) {
 
 namespace {
 
-/// While one stands, neighbours are announced again.
+/// Marks announcements of neighbours as settling during its lifetime.
 class Settling {
  public:
   explicit Settling(bool& isSettling) : isSettling_(isSettling) { isSettling_ = true; }
@@ -362,7 +362,7 @@ class Settling {
   bool& isSettling_;
 };
 
-/// Whether the neighbour `addr` lacks its host route there.
+/// Whether the neighbour `addr` has no host route in this VRF.
 template <class F>
 bool isRouteless(const HostRouting<F>& routing, const typename F::Addr& addr) {
   const auto prefix = F::Prefix::host(addr);
@@ -372,8 +372,8 @@ bool isRouteless(const HostRouting<F>& routing, const typename F::Addr& addr) {
 
 }  // namespace
 
-// Whom to announce again is settled before the first is: an announcement may give another one of
-// the same address its route, and the order must not decide.
+// The neighbours are selected before the first one is announced. An announcement may give another
+// neighbour with the same address its route, and the order must not affect the result.
 
 /// Announces the neighbours inside `prefix` again that have no host route in this VRF.
 template <class F>

@@ -28,7 +28,7 @@ namespace Daemon {
 /// The host routing of one VRF and family: its tables, its root and, in the root, its machine.
 template <class F>
 struct HostRouting {
-  // What the machine is lent stands before the root, and so outlives it.
+  // The members before the root are used by the machine, so they outlive it.
   typename F::RouteStatus::Ptr routeStatus;
   typename F::HostTable::Ptr hostStatus;  ///< the FIB's host routes
   Rovel::SeqInfo::Ptr seqInfo;
@@ -57,7 +57,7 @@ struct Vrf {
   }
 };
 
-/// What all VRFs share of one family.
+/// The tables of one family that all VRFs share.
 template <class F>
 struct SharedTables {
   typename F::ForwardingStatus::Ptr forwarding;
@@ -65,59 +65,61 @@ struct SharedTables {
   Kiv::Ptr<typename F::IpStatus> intfs;
 };
 
-/// The tables of a switch and the host-route machines of its VRFs, as one process holds them.
+/// The tables of a switch and the host-route machines of its VRFs.
 ///
-/// Each operation does what it says to the tables; the machines that watch them react before it
-/// returns. Whoever changes a FIB route has to tell the machine, so setRoute() does that too. What
-/// removes an entry that is not there does nothing.
+/// An operation changes the tables. The machines, which watch the tables, react before the
+/// operation returns. A machine is not notified of a changed FIB route by its table, so setRoute()
+/// notifies it as well. Removing an entry that does not exist has no effect.
 ///
-/// A VRF appears when it is first named, with a machine for each family that is not initialized;
-/// the VRF "default" is always there.
+/// A VRF is created when it is first named, with one machine for each family. A new machine is not
+/// initialized. The VRF "default" always exists.
 class Switch {
  public:
   static constexpr const char* kDefaultVrf = "default";
 
   struct Options {
-    /// Whether to settle after each change of a FIB route or FEC. A wider route may take the host
-    /// routes of neighbours away that it does not lead to; settling announces those neighbours
+    /// Whether to settle after each change of a FIB route or FEC. A wider route may remove the host
+    /// routes of neighbours although it does not lead to them. Settling announces these neighbours
     /// again.
     bool settles = false;
-    /// The name under which other processes find the route tables and FECs; empty for none.
+    /// The name under which other processes find the route tables and FECs. Empty: the tables are
+    /// not shared.
     std::string sharedName = {};
   };
 
   Switch() : Switch(Options()) {}
   /// \throws Kiv::RangeException when the shared name is malformed; Tovan::OpenException when
-  ///   another switch has it or the tables cannot be made.
+  ///   another switch uses the name or the tables cannot be created.
   explicit Switch(Options options);
   Switch(const Switch&) = delete;
   Switch& operator=(const Switch&) = delete;
   /// Removes the tables from shared memory.
   ~Switch() = default;
 
-  /// The VRF of this name, made if there is none.
+  /// The VRF of this name. Creates it if it does not exist.
   /// \throws Kiv::RangeException when the name is over 100 bytes; Tovan::OpenException.
   Vrf& vrf(std::string_view name);
   /// All VRFs by name.
   const std::map<std::string, Vrf, std::less<>>& vrfs() const { return vrfs_; }
-  /// What the VRFs share of one family.
+  /// The tables of one family that all VRFs share.
   template <class F>
   const SharedTables<F>& shared() const {
     return std::get<SharedTables<F>>(shared_);
   }
   const Arp::NeighborDir& neighborDir() const { return *neighborDir_; }
 
-  /// Puts an interface into a VRF, and gives it a place among the interfaces that do IPv4 and IPv6.
+  /// Puts an interface into a VRF and adds it to the IPv4 and the IPv6 interfaces.
   void setInterface(Zemit::IntfId intf, std::string_view vrf);
-  /// Takes the interface out of both places, with its addresses. Its VRF stays what it was.
+  /// Removes the interface from the IPv4 and the IPv6 interfaces, with its addresses. It keeps its
+  /// VRF.
   void removeInterface(Zemit::IntfId intf);
 
-  /// An interface that was not set has no addresses: nothing is done then.
+  /// Sets or removes an address. Has no effect on an interface that was not set.
   void setAddress(Zemit::IntfId intf, const Zemit::IpAddrWithMask& addr, bool secondary,
                   bool present = true);
   void setAddress(Zemit::IntfId intf, const Zemit::Ip6AddrWithMask& addr, bool present = true);
 
-  /// Sets a neighbour in the interface's table, which is made first where there is none.
+  /// Sets or removes a neighbour in the interface's table. Creates the table if it does not exist.
   template <class Addr>
   void setNeighbor(Zemit::IntfId intf, const Arp::BasicNeighborStatus<Addr>& neighbor,
                    bool present = true);
@@ -127,7 +129,8 @@ class Switch {
     const auto* table = neighborDir_->tableOf(intf);
     if (table != nullptr) FamilyOf<Addr>::neighborExpect(*table, addr);
   }
-  /// Makes an empty table where there is none; or removes the table with its neighbours.
+  /// Creates an interface's neighbour table if it does not exist, or removes it with its
+  /// neighbours.
   void setNeighborTable(Zemit::IntfId intf, bool present = true);
 
   /// \throws Kiv::RangeException when the id is 0 or over 2^32 - 1.
@@ -139,8 +142,8 @@ class Switch {
     shared<F>().forwarding->fecNotify();
   }
 
-  /// Sets a FIB route: a host route among the FIB's host routes, any other in the route table.
-  /// Then tells the machine, whether or not that changed anything.
+  /// Sets or removes a FIB route: a host route in the table of the FIB's host routes, any other in
+  /// the route table. Then notifies the machine, also when nothing changed.
   /// \throws Kiv::RangeException from the machine, when the route's FEC has over 128 vias.
   template <class Prefix, class Type>
   void setRoute(std::string_view vrf, const Tovan::BasicRoute<Prefix, Type>& route,
@@ -150,47 +153,46 @@ class Switch {
   void setVirtualIp(const Routing::Fhrp::VrfIpWithMaskPair& virtualIp, bool present = true);
   void setVirtualIp(const Routing::Fhrp::VrfIpPair& virtualIp, bool present = true);
 
-  /// Tells a machine that its inputs are complete, or no longer. \throws as setRoute().
+  /// Tells a machine whether its inputs are complete. \throws as setRoute().
   template <class F>
   void setInitialized(std::string_view vrf, bool initialized);
   void setRibReady(std::string_view vrf, bool ready);
   void setStartRibReadyVerification(std::string_view vrf, bool start);
 
-  /// Looks whether the shared tables are as they were left, and repairs what is not; and asks for
-  /// the memory again that was refused. For a timer: each call looks at some pages of the tables,
-  /// one after the other, or at `all`. Returns whether every table may grow.
+  /// Checks the shared tables for damage and repairs it, and retries to get memory that was
+  /// refused. Meant for a timer: each call checks the next few pages, or all pages when `all` is
+  /// true. Returns true when no table lacks memory.
   bool tendTables(bool all = false);
-  /// Has the machines do again whatever they may have left undone when a table could not grow or
-  /// gave up entries. Before that, what they are made of is to be set again: interfaces, FECs,
-  /// routes, neighbours. \throws as setRoute().
+  /// Has the machines repeat all work that they may have missed when a table could not grow or lost
+  /// entries. Call it after setting all inputs again: interfaces, FECs, routes, neighbours.
+  /// \throws as setRoute().
   void redo();
 
-  /// Tells the readers of the shared tables whether the inputs that there were at the start are
-  /// still being read, so that more routes are to come at once. They are not, unless told so.
+  /// Tells the readers of the shared tables whether the initial inputs are still being read, so
+  /// that further routes will follow soon. Initially false.
   void setLoading(bool loading);
 
-  /// What the machines of a VRF have counted; nothing when there is no such VRF.
+  /// The counters of a VRF's machines; empty when the VRF does not exist.
   Counters counters(std::string_view vrf) const;
 
-  /// Keeps the last changes of each VRF's host routes, so many of each family; 0, the default,
-  /// keeps none. The memory is taken when this is called, or the VRF made. What was kept is
-  /// forgotten.
+  /// Keeps the last changes of host routes: this number for each VRF and family. The default, 0,
+  /// keeps none. Memory is allocated here and when a VRF is created. Forgets earlier changes.
   void historyIs(std::size_t entriesPerVrf);
-  /// The changes that are kept of the host routes at or inside a prefix, given as text, newest
-  /// last; none when there is no such VRF. \throws Kiv::RangeException when `prefix` is neither a
-  /// prefix nor an address.
+  /// The kept changes of the host routes at or inside a prefix or an address, oldest first; empty
+  /// when the VRF does not exist.
+  /// \throws Kiv::RangeException when `prefix` is neither a prefix nor an address.
   std::vector<HistoryEntry> history(std::string_view vrf, std::string_view prefix) const;
-  /// Is called with each change of a host route in any VRF from now on, as it is made, whether or
-  /// not changes are kept; it must not change the switch. An empty one ends that.
+  /// Sets a function that is called at each change of a host route in any VRF. It is called whether
+  /// or not changes are kept, and must not change the switch. An empty function: no observer.
   void historyObserverIs(std::function<void(const HistoryEntry&)> observer);
 
-  /// Traces these levels, a bit for each, of what the machines of one VRF do, beside the levels
-  /// that the facilities have for all. The machines of other VRFs go on as fast as before.
-  /// \throws Kiv::RangeException when there is no such VRF.
+  /// Enables trace levels, one bit for each, for the machines of one VRF. The levels of the trace
+  /// facilities apply in addition. The speed of other VRFs' machines does not change.
+  /// \throws Kiv::RangeException when the VRF does not exist.
   void traceLevelIs(std::string_view vrf, uint32_t levels);
-  /// Restricts what traceLevelIs() lets through to one address, given as text, and what concerns no
-  /// address in particular; an empty one ends that.
-  /// \throws Kiv::RangeException when there is no such VRF, or it is no address.
+  /// Restricts the traces of traceLevelIs() to messages about one address and messages about no
+  /// address. An empty text removes the restriction.
+  /// \throws Kiv::RangeException when the VRF does not exist or `address` is not an address.
   void traceAddressIs(std::string_view vrf, std::string_view address);
 
   /// Deletes a machine. Its root and all tables stay.
@@ -202,10 +204,13 @@ class Switch {
   }
 
  private:
-  /// Takes the tables from shared memory when it goes, also where the switch could not be made.
+  /// Removes the tables from shared memory in its destructor, also when the switch's constructor
+  /// fails.
   struct SharedTablesRemover {
     const std::string& sharedName;
-    int process = 0;  ///< whose tables they are, once no other switch has the name; no child's
+    /// The process that owns the tables; 0 until the name is known to be free. A child process
+    /// removes nothing.
+    int process = 0;
 
     ~SharedTablesRemover();
   };
@@ -222,7 +227,7 @@ class Switch {
   void newMachine(Vrf& vrf, HostRouting<Ipv4>& routing);
   void newMachine(Vrf& vrf, HostRouting<Ipv6>& routing);
 
-  /// Gives the machines of a VRF as much of a history as is asked for.
+  /// Opens the history of a VRF's machines with the configured number of entries.
   void openHistory(const std::string& name, Vrf& vrf, bool forgets);
   Vrf& knownVrf(std::string_view name);
 
@@ -234,21 +239,21 @@ class Switch {
   void settleOn(const std::set<Zemit::IntfId>& intfs);
 
   const Options options_;
-  // Everything down to the VRFs is lent to their machines, and so outlives them.
+  // The machines of the VRFs use the members before `vrfs_`, so these outlive the VRFs.
   Kiv::ActivityConfig::Ptr activity_ = Kiv::make<Kiv::ActivityConfig>();
   Kiv::HashMap<Zemit::IntfId, L3::Intf::Status::Ptr> l3Statuses_;
   Interface::AllIntfStatusDir::Ptr intfStatusDir_;
   Arp::NeighborDir::Ptr neighborDir_;
   std::tuple<SharedTables<Ipv4>, SharedTables<Ipv6>> shared_;
   std::map<std::string, Vrf, std::less<>> vrfs_;
-  /// Where each address is a neighbour, in the order of the addresses. Kept while settling is on.
+  /// The interfaces on which each address is a neighbour. Kept only when settling is enabled.
   std::tuple<NeighborIndex<Ipv4>, NeighborIndex<Ipv6>> neighborIndices_;
   Tovan::TendRound tendRound_;
   bool loading_ = false;
-  bool isSettling_ = false;  // lent to the machines, which tell by it why a neighbour is announced
+  bool isSettling_ = false;  // the machines read it to tell the cause of an announcement
   std::size_t historyEntries_ = 0;
   std::function<void(const HistoryEntry&)> historyObserver_;
-  // Goes first, while the tables are still open: nobody can have taken the names over.
+  // Destroyed first, while the tables are still open, so that no other process can own the names.
   SharedTablesRemover sharedTables_{options_.sharedName};
 };
 

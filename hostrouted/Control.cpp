@@ -1,10 +1,11 @@
-// What the daemon answers those who ask over its control socket: requests in, replies out.
+// The control protocol: handles the requests of the control socket.
 #include "hostrouted/Control.h"
 
 #include <syslog.h>
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <optional>
 #include <set>
 #include <span>
@@ -24,33 +25,33 @@
 #include "replay/Json.h"
 #include "replay/Player.h"
 #include "replay/Printable.h"
+#include "replay/Time.h"
 
 namespace Hostrouted {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-/// A request that is not answered, and why.
+/// The reason why a request fails.
 class RequestError : public std::runtime_error {
  public:
   using runtime_error::runtime_error;
 };
 
-/// What was asked for means nothing here: the user has mistyped it.
+/// A value of the request is wrong.
 class Malformed : public RequestError {
  public:
   using RequestError::RequestError;
 };
 
-/// The first line of a reply: all is well. What `members` has comes behind that.
+/// The first line of a successful reply, with further members.
 std::string success(const Json& members = Json::object()) {
   Json reply{{"version", kControlVersion}, {"ok", true}};
   reply.update(members);
   return toLine(reply);
 }
 
-/// The fields of a request. Each accessor throws RequestError where a field has another type than
-/// it should.
+/// The fields of a request. An accessor throws RequestError when the field has a wrong type.
 class Request {
  public:
   static Request parse(std::string_view line) {
@@ -156,7 +157,7 @@ class Control::Work {
   class Monitor;
   class Trace;
 
-  /// A request: its fields, whether it changes something, and what answers it.
+  /// A kind of request: its fields, whether it changes something, and its handler.
   struct Kind {
     std::string_view name;
     std::array<std::string_view, 6> fields;
@@ -199,7 +200,7 @@ class Control::Work {
   Trace* trace_ = nullptr;
 };
 
-/// Changes of host routes at or inside a prefix, as they are made.
+/// The changes of host routes at or inside a prefix.
 class Control::Work::Monitor final : public Feedline {
  public:
   Monitor(Work& work, std::optional<std::string> vrf, std::optional<Daemon::PrefixFilter> prefixes)
@@ -225,8 +226,8 @@ class Control::Work::Monitor final : public Feedline {
   const std::optional<Daemon::PrefixFilter> prefixes_;
 };
 
-/// What the machines of a VRF trace of one address, for some time. The levels are off again when it
-/// goes, also because its client does.
+/// The trace records of a VRF's machines about one address. The destructor disables the trace
+/// levels again, also when the client disconnects.
 class Control::Work::Trace final : public Feedline {
  public:
   Trace(Work& work, std::string vrf, const std::string& address, uint32_t levels, double end)
@@ -235,8 +236,11 @@ class Control::Work::Trace final : public Feedline {
     sw.traceAddressIs(vrf_, address);
     sw.traceLevelIs(vrf_, levels);
     Kiv::Tracer::sinkIs([this](const Kiv::TraceRecord& record) {
+      using namespace std::chrono;
+      const auto now = system_clock::now().time_since_epoch();
       add(Json{{"trace",
-                {{"facility", record.facility},
+                {{"time", Replay::timeText(duration_cast<microseconds>(now))},
+                 {"facility", record.facility},
                  {"level", record.level},
                  {"object", record.objectName},
                  {"function", record.functionName},
@@ -273,7 +277,7 @@ std::span<const Control::Work::Kind> Control::Work::kinds() {
       {"explain", {"vrf", "address"}, false, &Work::explain},
       {"history", {"vrf", "prefix"}, false, &Work::history},
       {"monitor", {"vrf", "prefix"}, false, &Work::monitor},
-      // Without a level it only tells the present one.
+      // It changes something only with a level. The handler checks the right to do so.
       {"log-level", {"level"}, false, &Work::logLevel},
       {"trace", {"vrf", "address", "levels", "seconds"}, true, &Work::trace},
       {"resync", {}, true, &Work::resync},
@@ -362,8 +366,8 @@ Reply Control::Work::dump(const Request& request, const Peer&) {
   });
 }
 
-/// What the kernel has of an address, which the engine does not see: entries that are not fed, and
-/// how its route is in the kernel's table.
+/// The kernel's neighbour entries for an address, including those that do not reach the engine, and
+/// the state of its host route in the kernel.
 Json Control::Work::kernelJson(const std::string& vrf, const std::string& address) const {
   const auto prefix = parseTarget(address);
   if (!prefix) return Json::object();
@@ -372,7 +376,7 @@ Json Control::Work::kernelJson(const std::string& vrf, const std::string& addres
   filter.covering = prefix;
   std::stringstream lines;
   listNeighbors(router(), filter, lines);
-  // Entries of interfaces without a layer 3 of their own are in no VRF.
+  // Entries on interfaces without their own layer 3, such as bridge ports, are in no VRF.
   filter.vrf = "";
   listNeighbors(router(), filter, lines);
   Json kernel{{"neighbors", Json::array()}};

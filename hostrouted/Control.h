@@ -1,4 +1,4 @@
-// What the daemon answers those who ask over its control socket: requests in, replies out.
+// The control protocol: handles the requests of the control socket.
 #pragma once
 
 #include <functional>
@@ -17,27 +17,27 @@ namespace Hostrouted {
 /// The version of the protocol, which docs/control-socket.md describes.
 inline constexpr int kControlVersion = 1;
 
-/// What a client may do.
+/// The rights of a client.
 struct Peer {
   bool isRoot = false;
-  bool mayChange = false;  ///< whether it may ask for more than answers
+  bool mayChange = false;  ///< whether it may send requests that change something
 };
 
-/// Lines that come as things happen, until the client goes or they end.
+/// Lines about events, sent to a client as the events happen.
 ///
-/// What a client does not take waits, up to kMostWaiting bytes; what is over that is counted and
-/// told as {"lost":N} once there is room again.
+/// Lines wait until the client reads them, at most kMostWaiting bytes. Further lines are dropped
+/// and counted. When there is room again, a line {"lost":N} reports their number.
 class Feedline {
  public:
   static constexpr size_t kMostWaiting = size_t{1} << 20;
 
   virtual ~Feedline() = default;
-  /// Adds a line, without its newline.
+  /// Adds a line. `line` has no line feed.
   void add(std::string_view line);
-  /// Moves what waits to the end of `out`.
+  /// Moves the waiting lines to the end of `out`.
   void take(std::string& out);
   bool isEmpty() const { return waiting_.empty() && lost_ == 0; }
-  /// Whether nothing will be added any more, at the clock's time `now`.
+  /// True when no more lines will follow. `now` is the time of Services::clock.
   virtual bool hasEnded(double now) const = 0;
 
  private:
@@ -45,34 +45,35 @@ class Feedline {
   size_t lost_ = 0;
 };
 
-/// What a request is answered with.
+/// The reply to a request.
 struct Reply {
-  /// Lines, each with its newline. The first says whether all is well.
+  /// The first lines, each with a line feed. The first line says whether the request succeeded.
   std::string text;
-  /// Writes the many lines that follow, from the state as it is now; empty where none do. Another
-  /// process does it, so that it holds the daemon up neither by its size nor by a slow reader.
+  /// Writes the further lines of a long reply; empty for a short one. It is called in a child
+  /// process, which has a copy of the present state. So neither the length of the reply nor a slow
+  /// client delays the daemon.
   std::function<void(std::ostream&)> bulk;
-  /// What follows as it happens; null where nothing does.
+  /// The lines of a monitor or a trace; null for other requests.
   std::unique_ptr<Feedline> feed;
 };
 
-/// Answers requests. Does no I/O but through what it is lent.
+/// Handles requests. All input and output goes through its services.
 class Control {
  public:
-  /// Longer requests are refused.
+  /// The maximum length of a request.
   static constexpr size_t kMaxRequestBytes = 4096;
 
-  /// What the answers are about. All outlive it.
+  /// The parts of the daemon that requests read or change. They outlive the Control.
   struct Services {
     Router& router;
     Log& log;
     Recorder& recorder;
-    std::function<double()> clock;           ///< seconds, never going back
-    std::function<ProcessStatus()> process;  ///< beside the router
+    std::function<double()> clock;           ///< a monotonic clock, in seconds
+    std::function<ProcessStatus()> process;  ///< the status of the process
     std::function<void()> resynchronise;     ///< reads all of the kernel's state again
-    /// Reads the configuration again. \return why it was refused; empty when it was not.
+    /// Reads the configuration again. \return the error; empty on success.
     std::function<std::string()> reload;
-    std::string recordingDirectory;  ///< where recordings without a directory go
+    std::string recordingDirectory;  ///< the directory of recordings that name no directory
   };
 
   explicit Control(Services services);
@@ -80,10 +81,9 @@ class Control {
   Control& operator=(const Control&) = delete;
   ~Control();
 
-  /// Answers a line without its newline. Whatever it holds, there is a reply.
+  /// Handles a request. `line` has no line feed. A malformed line also gets a reply.
   Reply handle(std::string_view line, const Peer& peer);
-  /// The reply to a request that cannot be answered; `isMalformed`: whoever sent it has mistyped
-  /// it.
+  /// The reply to a request that failed. `isMalformed`: a value of the request is wrong.
   static std::string refusal(std::string_view why, bool isMalformed = false);
 
  private:

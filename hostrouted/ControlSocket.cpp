@@ -31,20 +31,20 @@
 namespace Hostrouted {
 namespace {
 
-/// How much is read and written at a time.
+/// The number of bytes for one system call.
 constexpr size_t kPiece = 65536;
-/// How often silent clients are looked for, in seconds, while there are clients.
+/// The interval of the check for idle clients, in seconds.
 constexpr double kRounds = 1;
-/// A process that writes a long answer ends after so many seconds, however slowly it is read.
+/// A child process that writes a long reply ends after this many seconds.
 constexpr unsigned kLongestAnswer = 120;
-/// How far such a process stands back behind the daemon (nice(2)).
+/// The nice(2) value of such a process.
 constexpr int kWriterNiceness = 10;
 
 std::string systemError(const std::string& what) {
   return what + ": " + std::strerror(errno);
 }
 
-/// Whether a process is in a group, by what the kernel says of its socket.
+/// Whether a client is a member of a group. The kernel tells the groups of the client's process.
 bool isMember(int fd, gid_t primary, gid_t group) {
   if (primary == group) return true;
   std::vector<gid_t> groups(64);
@@ -59,7 +59,7 @@ bool isMember(int fd, gid_t primary, gid_t group) {
   }
 }
 
-/// Writes to a socket and waits where it has to. Ends the process when it cannot.
+/// Writes to a socket and blocks while the client does not read. Ends the process on an error.
 class SocketBuffer final : public std::streambuf {
  public:
   explicit SocketBuffer(int fd) : fd_(fd) { setp(buffer_.data(), buffer_.data() + kPiece); }
@@ -101,10 +101,10 @@ struct Client {
   sd_event_source* source = nullptr;
   std::string input;
   std::string output;
-  size_t sent = 0;        // of the output
-  bool hasEnded = false;  // it sends no more
+  size_t sent = 0;        // the number of sent bytes of the output
+  bool hasEnded = false;  // the client sends no more requests
   std::unique_ptr<Feedline> feed;
-  pid_t writer = 0;  // the process that answers it, while there is one
+  pid_t writer = 0;  // the child process that writes its reply, or 0
   double activeAt = 0;
 
   Client() = default;
@@ -170,7 +170,7 @@ class ControlSocket::Server {
     fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd_ < 0) throw std::runtime_error(systemError("control socket"));
     ::unlink(options_.path.c_str());
-    // Nobody else may connect, not even before the group is set.
+    // No other user may connect before the group and the mode are set.
     const auto former = ::umask(0177);
     const bool isBound =
         ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
@@ -212,7 +212,7 @@ class ControlSocket::Server {
   void accept() {
     const int fd = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
-      // Without a file descriptor it would be tried again at once, and for ever.
+      // Without a free file descriptor the loop would try again at once, without end.
       if (errno == EMFILE || errno == ENFILE) {
         ::sd_event_source_set_enabled(listener_, SD_EVENT_OFF);
         schedule();
@@ -227,7 +227,7 @@ class ControlSocket::Server {
     }
     const auto ofUser = std::ranges::count(clients_, credentials.uid, &Client::uid);
     const bool isRoot = credentials.uid == 0;
-    // Whoever else fills the places does not keep root out.
+    // Some places are for root alone, so that other users cannot keep root out.
     const auto places = isRoot ? kMostClients : kMostClients - kRootsClients;
     if (clients_.size() >= places || (!isRoot && static_cast<size_t>(ofUser) >= kMostOfOneUser)) {
       const auto text = Control::refusal("too many clients");
@@ -262,7 +262,7 @@ class ControlSocket::Server {
     advance(*client);
   }
 
-  /// Reads what there is, so much as one request may have. \return false when it is to be dropped.
+  /// Reads the available bytes, up to the length of one request. \return false on an error.
   bool read(Client& client) {
     std::array<char, Control::kMaxRequestBytes + 1> piece;
     const size_t room = piece.size() - std::min(piece.size(), client.input.size());
@@ -274,8 +274,8 @@ class ControlSocket::Server {
     return true;
   }
 
-  /// Sends what waits; when there is nothing left, answers the next request. One at a time: the
-  /// other clients have their turns in between.
+  /// Sends waiting output. When all was sent, answers the next request: one at a time, so that the
+  /// other clients are served in between.
   void advance(Client& client) {
     if (client.writer != 0) return;
     if (!client.isBusy()) answer(client);
@@ -305,7 +305,7 @@ class ControlSocket::Server {
       client.hasEnded = true;
       return;
     }
-    // The last line may come without its end.
+    // The last line may end without a line feed.
     if (end == client.input.size() && !client.hasEnded) return;
     const auto line = client.input.substr(0, end);
     client.input.erase(0, end + 1);
@@ -317,14 +317,15 @@ class ControlSocket::Server {
     if (reply.bulk) write(client, reply.bulk);
   }
 
-  /// Has another process write the answer: it has the state as it is now.
+  /// Starts a child process that writes the reply. It has a copy of the present state.
   void write(Client& client, const std::function<void(std::ostream&)>& bulk) {
     const auto text = std::exchange(client.output, {});
     const auto most = client.peer.isRoot ? kMostWriters : kMostWriters - kRootsWriters;
     const auto ofThisUser = std::ranges::count_if(clients_, [&](const Client& other) {
       return other.writer != 0 && other.uid == client.uid;
     });
-    if (writers_.size() >= most || (!client.peer.isRoot && ofThisUser >= kMostWritersOfAUser)) {
+    if (writers_.size() >= most ||
+        (!client.peer.isRoot && static_cast<size_t>(ofThisUser) >= kMostWritersOfAUser)) {
       client.output = Control::refusal("other long answers are being written; ask again later");
       return;
     }
@@ -346,8 +347,8 @@ class ControlSocket::Server {
     listen(client);
   }
 
-  /// In the other process: writes and ends. What the daemon holds by open files (locks, the names
-  /// of its tables) is let go of.
+  /// Runs in the child process: writes the reply and exits. Closes the daemon's files, so that the
+  /// child does not hold the daemon's locks.
   [[noreturn]] static void writeAndExit(int fd, const std::string& text,
                                         const std::function<void(std::ostream&)>& bulk) {
     standBack();
@@ -362,7 +363,7 @@ class ControlSocket::Server {
     ::setsockopt(kKept, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     SocketBuffer buffer(kKept);
     std::ostream os(&buffer);
-    // Nothing of the daemon's may be destroyed here: an exception must not leave this function.
+    // No exception may leave this function: its unwinding would destroy objects of the daemon.
     try {
       os << text;
       try {
@@ -377,7 +378,8 @@ class ControlSocket::Server {
     ::_exit(0);
   }
 
-  /// In the other process: the daemon comes first, and when memory runs out, this one is to end.
+  /// Runs in the child process: lowers its priority and makes it the first victim when memory runs
+  /// out.
   static void standBack() {
     ::setpriority(PRIO_PROCESS, 0, kWriterNiceness);
     const int file = ::open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
@@ -396,7 +398,7 @@ class ControlSocket::Server {
     advance(*client);
   }
 
-  /// \return false when the client is gone.
+  /// \return false when the connection has ended.
   bool send(Client& client) {
     while (client.hasOutput()) {
       const size_t size = std::min(kPiece, client.output.size() - client.sent);
@@ -413,13 +415,13 @@ class ControlSocket::Server {
     return true;
   }
 
-  /// What the client is waited for: room, or a request.
+  /// Sets the events to wait for: room for output, or a request.
   void listen(Client& client) {
     uint32_t events = 0;
     if (client.writer == 0 && client.hasOutput()) events = EPOLLOUT;
     if (!client.isBusy() && !client.hasEnded) events |= EPOLLIN;
     ::sd_event_source_set_io_events(client.source, events);
-    // Requests that came with an earlier one.
+    // Further requests have been read together with the former one.
     const bool hasMore = !client.isBusy() && !client.input.empty() &&
                          (client.hasEnded || client.input.find('\n') != client.input.npos);
     if (hasMore) ::sd_event_source_set_io_events(client.source, EPOLLOUT);
@@ -445,7 +447,7 @@ class ControlSocket::Server {
     schedule();
   }
 
-  /// There are rounds while there are clients, or the listener rests.
+  /// Runs the timer while there are clients or the listener is disabled.
   void schedule() {
     int listens = SD_EVENT_ON;
     ::sd_event_source_get_enabled(listener_, &listens);
@@ -468,7 +470,7 @@ class ControlSocket::Server {
   sd_event_source* listener_ = nullptr;
   sd_event_source* timer_ = nullptr;
   Clients clients_;
-  // The processes that write answers, also of clients that are gone: each is waited for.
+  // All child processes that have not ended, including those of disconnected clients.
   std::map<pid_t, sd_event_source*> writers_;
 };
 

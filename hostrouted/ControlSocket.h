@@ -14,40 +14,43 @@ struct sd_event;
 
 namespace Hostrouted {
 
-/// Listens on a Unix socket, hands lines to a Control and replies to those who sent them.
+/// Listens on a Unix socket, passes each request to a Control and sends its reply.
 ///
-/// A client costs the others nothing: each has a limit to what it may send and to what waits for
-/// it, its next request is read when the former is answered, and it is dropped when it is silent or
-/// does not read for too long. There is room for kMostClients, of which each user but root takes at
-/// most kMostOfOneUser. Long answers are written by processes of their own, kMostWriters at once;
-/// who asks for one more is told to come again.
+/// A slow or hostile client must not affect others. The length of a request and the data that waits
+/// for a client are limited. The next request of a client is read after the reply to the former. A
+/// client that sends or reads nothing for kPatience seconds is disconnected. There are at most
+/// kMostClients clients, and at most kMostOfOneUser of one user other than root.
+///
+/// A child process writes each long reply. There are at most kMostWriters child processes, and at
+/// most kMostWritersOfAUser for one user other than root. A request above a limit is refused.
 class ControlSocket {
  public:
   static constexpr size_t kMostClients = 32;
-  static constexpr size_t kRootsClients = 8;  ///< of these, which nobody else gets
+  static constexpr size_t kRootsClients = 8;  ///< places among kMostClients for root alone
   static constexpr size_t kMostOfOneUser = 8;
   static constexpr size_t kMostWriters = 4;
-  static constexpr size_t kRootsWriters = 1;  ///< of these, which nobody else gets
-  static constexpr long kMostWritersOfAUser = 2;
-  /// A client that asks nothing, or does not take its answer, is dropped after so many seconds.
+  static constexpr size_t kRootsWriters = 1;  ///< places among kMostWriters for root alone
+  /// The maximum number of child processes for the clients of one user other than root.
+  static constexpr size_t kMostWritersOfAUser = 2;
+  /// The time after which an idle client is disconnected, in seconds.
   static constexpr double kPatience = 30;
 
   struct Options {
     std::string path;
-    std::optional<gid_t> group;       ///< whose members may connect; else the process's own
-    std::optional<gid_t> adminGroup;  ///< whose members may change things
+    std::optional<gid_t> group;       ///< its members may connect; unset: the process's own group
+    std::optional<gid_t> adminGroup;  ///< its members may send requests that change something
   };
 
-  /// Takes the place of a socket that a former process left. Whoever calls it makes sure that no
-  /// other process uses the path.
-  /// \throws std::runtime_error when there can be no such socket.
+  /// Replaces a socket that a former process left. The caller makes sure that no running process
+  /// uses the path.
+  /// \throws std::runtime_error when the socket cannot be created.
   ControlSocket(sd_event* event, Options options, Control& control, Log& log);
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;
-  /// Drops all clients and removes the socket.
+  /// Disconnects all clients and removes the socket.
   ~ControlSocket();
 
-  /// Sends what feeds hold. Called after each turn of the loop.
+  /// Sends the waiting lines of monitors and traces. Called after each turn of the loop.
   void pump();
 
  private:

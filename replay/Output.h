@@ -30,7 +30,7 @@ class Output {
   virtual void trace(const Kiv::TraceRecord& record) = 0;
   /// Prints the event that is about to be applied: the line number and the text of the line.
   virtual void event(size_t number, std::string_view line) = 0;
-  /// What follows happened so long after 1970-01-01T00:00:00Z, says the recording.
+  /// Reports the time of the following events, since 1970-01-01T00:00:00Z.
   virtual void time(std::chrono::microseconds) {}
 };
 

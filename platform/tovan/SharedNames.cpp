@@ -37,4 +37,18 @@ std::vector<SharedRouteTable> sharedRouteTables(std::string_view name) {
   return tables;
 }
 
+std::vector<std::string> sharedRouteTableNames() {
+  std::vector<std::string> names;
+  for (const std::string& table : tablesOf({})) {
+    const auto isOne = [&table](std::string_view suffix) { return table.ends_with(suffix); };
+    // A shared name has no dot.
+    const std::string name = table.substr(0, table.find('.'));
+    if (std::any_of(std::begin(kSuffixes), std::end(kSuffixes), isOne) &&
+        (names.empty() || names.back() != name)) {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
+
 }  // namespace Tovan

@@ -22,5 +22,8 @@ std::string sharedRouteStatusName(std::string_view name, std::string_view vrf);
 /// The route tables that exist under `name`, by VRF and family.
 /// \throws OpenException when there is no folder of shared tables.
 std::vector<SharedRouteTable> sharedRouteTables(std::string_view name);
+/// The names under which there are route tables, in ascending order. Tables that a process left
+/// behind count, too. \throws OpenException when there is no folder of shared tables.
+std::vector<std::string> sharedRouteTableNames();
 
 }  // namespace Tovan

@@ -483,7 +483,7 @@ std::vector<std::string> tablesOf(std::string_view owner) {
     std::string name = file->path().filename();
     if (!name.starts_with(kFilePrefix)) continue;
     name.erase(0, kFilePrefix.size());
-    if (belongsTo(name, owner)) names.push_back(std::move(name));
+    if (owner.empty() || belongsTo(name, owner)) names.push_back(std::move(name));
   }
   if (error) {
     throw OpenException(std::string(kSharedMemoryFolder) +

@@ -102,7 +102,7 @@ class TableMemory {
 /// What a table is called in messages.
 std::string titleOf(std::string_view table);
 
-/// The names of the shared tables that belong to `owner`: `owner` itself and "owner.anything".
+/// The names of the shared tables of `owner`: `owner` itself and "owner.anything"; of all if empty.
 /// \throws OpenException when there is no folder of shared tables.
 std::vector<std::string> tablesOf(std::string_view owner);
 /// Removes the tables that belong to `owner`, readable or not, and returns how many they were.

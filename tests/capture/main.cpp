@@ -16,20 +16,6 @@
 
 namespace {
 
-constexpr std::string_view kPorts = R"(
-link set lo up
-link add e1 type veth peer name h1
-link add e2 type veth peer name h2
-link set e1 up
-link set e2 up
-link set h1 up
-link set h2 up
-addr add 10.0.1.1/24 dev e1
-addr add 10.0.2.1/24 dev e2
-addr add 2001:db8:1::1/64 dev e1 nodad
-addr add 2001:db8:2::1/64 dev e2 nodad
-)";
-
 struct Scenario {
   const char* name;
   std::string_view commands;
@@ -124,7 +110,7 @@ constexpr std::array kGroups = {RTNLGRP_LINK,        RTNLGRP_NEIGH,      RTNLGRP
 /// The notifications of a namespace's sockets during the commands and shortly afterwards.
 std::string capture(const Scenario& scenario) {
   const Linux::Namespace space;
-  space.ip(kPorts);
+  space.ip(Linux::kPorts);
   mnl_socket* const socket = mnl_socket_open(NETLINK_ROUTE);
   if (socket == nullptr || mnl_socket_bind(socket, 0, MNL_SOCKET_AUTOPID) != 0)
     throw std::runtime_error("cannot open a netlink socket");

@@ -55,6 +55,13 @@ class DoctorTest : public testing::Test {
     for (const auto& each : advice) SCOPED_TRACE(each.what);
     return advice.empty() ? Advice() : advice.front();
   }
+  static Linux::Link vrfDevice(Linux::TableId table) {
+    Linux::Link link;
+    link.name = "blue";
+    link.kind = "vrf";
+    link.vrfTable = table;
+    return link;
+  }
   static Linux::Route route(const std::string& prefix, Linux::TableId table, int protocol) {
     Linux::Route route;
     route.prefix = *Zemit::Prefix::parse(prefix);
@@ -124,11 +131,7 @@ TEST_F(DoctorTest, TablesAndTheProtocolBelongToNobodyElse) {
   machine.routes.back() = route("10.9.0.5/32", 77, 205);
   EXPECT_EQ(only().subject, "protocol");
   machine.routes.pop_back();
-  Linux::Link vrf;
-  vrf.name = "blue";
-  vrf.kind = "vrf";
-  vrf.vrfTable = 10;
-  machine.links = {vrf};
+  machine.links = {vrfDevice(10)};
   EXPECT_NE(only().what.find("blue"), std::string::npos);
   machine.links.clear();
   // In the table main others' routes belong.
@@ -159,12 +162,10 @@ TEST_F(DoctorTest, RulesLeadPacketsPastTablesOfExportAndToThoseOfHosts) {
     EXPECT_EQ(examine(machine), std::vector<Advice>());
   }
 
-  Linux::Link vrf;
-  vrf.name = "blue";
-  vrf.kind = "vrf";
-  vrf.vrfTable = 77;
-  machine.links = {vrf};
+  machine.links = {vrfDevice(77)};
   machine.rules = {local, {.priority = 1000, .isForVrfs = true}, main};
+  EXPECT_EQ(examine(machine), std::vector<Advice>()) << "a kernel without IPv6";
+  machine.rules.push_back({.family = 6, .priority = 32766, .table = RT_TABLE_MAIN});
   EXPECT_EQ(only().mend, "ip -6 rule add l3mdev pref 1000");
   machine.rules.push_back({.family = 6, .priority = 5, .table = 77, .isForAll = false});
   EXPECT_EQ(examine(machine), std::vector<Advice>());

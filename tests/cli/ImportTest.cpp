@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -35,21 +37,28 @@ struct Imported {
   }
 };
 
-Imported import(const IpDocuments& documents) {
+/// Imports documents, each with its name.
+Imported import(const std::map<std::string, std::string>& texts) {
+  const auto document = [&texts](const char* name) -> std::optional<IpDocument> {
+    const auto found = texts.find(name);
+    if (found == texts.end()) return std::nullopt;
+    return IpDocument{name, found->second};
+  };
   std::ostringstream replay, warnings;
-  importReplay(documents, replay, warnings);
+  importReplay({.link = document("link"),
+                .addr = document("addr"),
+                .neigh = document("neigh"),
+                .route4 = document("route4"),
+                .route6 = document("route6"),
+                .nexthop = document("nexthop")},
+               replay, warnings);
   return {replay.str(), warnings.str()};
 }
 
 /// Imports routes of the two-port switch of kLinks.
 Imported importRoutes(const std::string& route4, const std::string& route6 = "[]",
                       const std::string& nexthop = "[]") {
-  return import({.link = {{"link", kLinks}},
-                 .addr = {},
-                 .neigh = {},
-                 .route4 = {{"route4", route4}},
-                 .route6 = {{"route6", route6}},
-                 .nexthop = {{"nexthop", nexthop}}});
+  return import({{"link", kLinks}, {"route4", route4}, {"route6", route6}, {"nexthop", nexthop}});
 }
 
 std::string read(const std::filesystem::path& path) {
@@ -60,38 +69,30 @@ std::string read(const std::filesystem::path& path) {
 
 TEST(ImportTest, TheExampleGivesItsReplay) {
   const auto examples = std::filesystem::path(SOURCE_DIR) / "examples";
-  const auto document = [&](const std::string& name) {
-    return IpDocument{name, read(examples / "leaf" / name)};
-  };
-  const auto leaf = import({.link = document("link.json"),
-                            .addr = document("addr.json"),
-                            .neigh = document("neigh.json"),
-                            .route4 = document("route4.json"),
-                            .route6 = document("route6.json"),
-                            .nexthop = document("nexthop.json")});
+  std::map<std::string, std::string> documents;
+  for (const char* name : {"link", "addr", "neigh", "route4", "route6", "nexthop"}) {
+    documents[name] = read(examples / "leaf" / (std::string(name) + ".json"));
+  }
+  const auto leaf = import(documents);
   EXPECT_EQ(leaf.replay, read(examples / "leaf.jsonl"));
   EXPECT_EQ(leaf.warnings, "");
 }
 
 TEST(ImportTest, AnInterfaceIsInTheVrfOfItsMasterAndAPortInNone) {
-  const auto result = import({.link = {{"link", R"([
+  const auto result = import({{"link", R"([
     {"ifname": "Ethernet1", "master": "blue"},
     {"ifname": "blue", "flags": ["NOARP"],
      "linkinfo": {"info_kind": "vrf", "info_data": {"table": 10}}},
     {"ifname": "Ethernet2", "master": "Vlan10"},
     {"ifname": "Vlan10", "master": "blue", "linkinfo": {"info_kind": "bridge"}},
-    {"ifname": "Ethernet3", "master": "red"}, {"ifname": "red"}])"}},
-                              .addr = {},
-                              .neigh = {},
-                              .route4 = {{"route4", R"([
+    {"ifname": "Ethernet3", "master": "red"}, {"ifname": "red"}])"},
+                              {"route4", R"([
     {"dst": "10.1.0.0/24", "dev": "Vlan10", "table": "10", "protocol": "kernel"},
     {"dst": "10.1.0.0/24", "dev": "Ethernet1", "table": "blue", "metric": 7},
     {"dst": "10.2.0.0/24", "dev": "Ethernet3", "table": 254, "protocol": "2", "type": "1"},
     {"dst": "10.3.0.0/24", "dev": "Ethernet3", "table": "100"},
     {"dst": "10.4.0.0/24", "dev": "Ethernet3", "table": "100"},
-    {"type": "local", "dst": "10.1.0.1", "dev": "Vlan10", "table": "10", "protocol": "kernel"}])"}},
-                              .route6 = {},
-                              .nexthop = {}});
+    {"type": "local", "dst": "10.1.0.1", "dev": "Vlan10", "table": "10", "protocol": "kernel"}])"}});
   EXPECT_EQ(result.replay,
             R"({"op":"vrf","name":"blue"}
 {"op":"intf","vrf":"blue","name":"Ethernet1"}
@@ -118,18 +119,13 @@ TEST(ImportTest, AnInterfaceIsInTheVrfOfItsMasterAndAPortInNone) {
 
 // The engine knows one primary address, so a second one would take the first one's place.
 TEST(ImportTest, AnInterfaceHasOnePrimaryAddress) {
-  const auto result = import({.link = {},
-                              .addr = {{"addr", R"([{"ifname": "Vlan10", "addr_info": [
+  const auto result = import({{"addr", R"([{"ifname": "Vlan10", "addr_info": [
     {}, {"local": "127.0.0.1", "prefixlen": 8}, {"local": "::1", "prefixlen": 128},
     {"local": "2001:db8::1", "prefixlen": 64}, {"local": "10.1.0.1", "prefixlen": 24},
     {"local": "10.2.0.1", "prefixlen": 24},
     {"local": "10.1.0.2", "prefixlen": 24, "secondary": true},
     {"local": "10.3.0.1", "address": "10.3.0.2", "prefixlen": 30},
-    {"local": "2001:db8::2", "prefixlen": 64, "dadfailed": true}]}])"}},
-                              .neigh = {},
-                              .route4 = {},
-                              .route6 = {},
-                              .nexthop = {}});
+    {"local": "2001:db8::2", "prefixlen": 64, "dadfailed": true}]}])"}});
   EXPECT_EQ(result.of("addr"), R"("intf":"Vlan10","addr":"10.1.0.1/24"}
 "intf":"Vlan10","addr":"10.2.0.1/24","secondary":true}
 "intf":"Vlan10","addr":"10.3.0.1/32","secondary":true}
@@ -141,9 +137,7 @@ TEST(ImportTest, AnInterfaceHasOnePrimaryAddress) {
 }
 
 TEST(ImportTest, NeighborsAreTheUsableOnesInOrder) {
-  const auto result = import({.link = {{"link", kLinks}},
-                              .addr = {},
-                              .neigh = {{"neigh", R"([
+  const auto result = import({{"link", kLinks}, {"neigh", R"([
     {"dst": "10.0.0.10", "dev": "Ethernet1", "lladdr": "02:00:00:00:00:0a", "state": ["STALE"]},
     {"dst": "2001:db8::2", "dev": "Ethernet1", "state": ["PROBE"]},
     {"dst": "10.0.0.9", "dev": "Ethernet1", "lladdr": "192.0.2.1", "state": ["PERMANENT"]},
@@ -154,10 +148,7 @@ TEST(ImportTest, NeighborsAreTheUsableOnesInOrder) {
     {"dst": "224.0.0.5", "dev": "Ethernet1", "state": ["PERMANENT"]},
     {"dst": "fe80::1", "dev": "Ethernet1", "state": ["REACHABLE"]},
     {"dst": "127.0.0.1", "dev": "lo", "state": ["PERMANENT"]},
-    {"dst": "10.0.0.6", "dev": "Ethernet9", "state": ["REACHABLE"]}])"}},
-                              .route4 = {},
-                              .route6 = {},
-                              .nexthop = {}});
+    {"dst": "10.0.0.6", "dev": "Ethernet9", "state": ["REACHABLE"]}])"}});
   EXPECT_EQ(result.of("neighbor"), R"("intf":"Ethernet1","ip":"10.0.0.9"}
 "intf":"Ethernet1","ip":"10.0.0.10","mac":"02:00:00:00:00:0a"}
 "intf":"Ethernet1","ip":"2001:db8::2"}
@@ -247,24 +238,20 @@ TEST(ImportTest, WhatCannotBeImportedIsLeftOutWithTheReason) {
 
 // The name of a VRF is no name of a table while a number tells, or the kernel has such a table.
 TEST(ImportTest, ARouteIsInTheVrfOfItsTablesNumber) {
-  const auto result = import({.link = {{"link", R"([
+  const auto result = import({{"link", R"([
     {"ifname": "main", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 30}}},
     {"ifname": "10", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 20}}},
     {"ifname": "20", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 10}}},
     {"ifname": "default", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 40}}},
-    {"ifname": "Ethernet1"}])"}},
-                              .addr = {},
-                              .neigh = {},
-                              .route4 = {{"route4", R"([
+    {"ifname": "Ethernet1"}])"},
+                              {"route4", R"([
     {"dst": "10.1.0.0/24", "dev": "Ethernet1", "table": "main"},
     {"dst": "10.2.0.0/24", "dev": "Ethernet1"},
     {"dst": "10.3.0.0/24", "dev": "Ethernet1", "table": "10"},
     {"dst": "10.4.0.0/24", "dev": "Ethernet1", "table": 20},
     {"dst": "10.5.0.0/24", "dev": "Ethernet1", "table": "default"},
     {"dst": "10.6.0.0/24", "dev": "Ethernet1", "table": "30"},
-    {"dst": "10.7.0.0/24", "dev": "Ethernet1", "table": "40"}])"}},
-                              .route6 = {},
-                              .nexthop = {}});
+    {"dst": "10.7.0.0/24", "dev": "Ethernet1", "table": "40"}])"}});
   EXPECT_EQ(result.of("route"), R"("prefix":"10.1.0.0/24","type":"staticConfig_","fec":1}
 "prefix":"10.2.0.0/24","type":"staticConfig_","fec":1}
 "vrf":"main","prefix":"10.6.0.0/24","type":"staticConfig_","fec":1}
@@ -304,21 +291,20 @@ TEST(ImportTest, WhatIsNotDirectlyConnectedKeepsItsPrefix) {
 }
 
 TEST(ImportTest, WhatWasLostInSilenceIsCarriedOverOrTold) {
-  const auto result = import({.link = {{"link", R"([
+  const auto result = import({{"link", R"([
     {"ifname": "Ethernet1", "flags": ["UP"]}, {"ifname": "Ethernet2", "flags": ["BROADCAST"]},
-    {"ifname": "gre1", "flags": ["UP", "NOARP"]}])"}},
-                              .addr = {{"addr", R"([
+    {"ifname": "gre1", "flags": ["UP", "NOARP"]}])"},
+                              {"addr", R"([
     {"ifname": "Ethernet1", "addr_info": [{"local": "2001:db8::1", "prefixlen": 128}]},
-    {"ifname": "Ethernet2", "addr_info": [{"local": "10.2.0.1", "prefixlen": 24}]}])"}},
-                              .neigh = {{"neigh", R"([
-    {"dst": "10.3.0.5", "dev": "gre1", "lladdr": "192.0.2.1", "state": ["PERMANENT"]}])"}},
-                              .route4 = {{"route4", R"([
+    {"ifname": "Ethernet2", "addr_info": [{"local": "10.2.0.1", "prefixlen": 24}]}])"},
+                              {"neigh", R"([
+    {"dst": "10.3.0.5", "dev": "gre1", "lladdr": "192.0.2.1", "state": ["PERMANENT"]}])"},
+                              {"route4", R"([
     {"type": "2", "dst": "10.6.0.0/24", "dev": "Ethernet1", "table": "255", "scope": "254"},
-    {"type": "2", "dst": "10.2.0.1", "dev": "Ethernet2", "table": "255", "protocol": "2"}])"}},
-                              .route6 = {{"route6", R"([
+    {"type": "2", "dst": "10.2.0.1", "dev": "Ethernet2", "table": "255", "protocol": "2"}])"},
+                              {"route6", R"([
     {"dst": "2001:db8::1", "dev": "Ethernet1", "protocol": "kernel", "metric": 256},
-    {"dst": "2001:db8::2", "dev": "Ethernet1", "protocol": "kernel", "metric": 256}])"}},
-                              .nexthop = {}});
+    {"dst": "2001:db8::2", "dev": "Ethernet1", "protocol": "kernel", "metric": 256}])"}});
   EXPECT_EQ(result.of("neighbor"), "\"intf\":\"gre1\",\"ip\":\"10.3.0.5\"}\n");
   EXPECT_EQ(result.of("addr"), "\"intf\":\"Ethernet1\",\"addr\":\"2001:db8::1/128\"}\n");
   EXPECT_EQ(result.of("route"),
@@ -333,28 +319,26 @@ TEST(ImportTest, WhatWasLostInSilenceIsCarriedOverOrTold) {
 
 // Each bad entry, or part of one, stands before a good one. What is written can be replayed.
 TEST(ImportTest, ABadEntryCostsItselfOnly) {
-  const auto result =
-      import({.link = {{"link",
-                        "[7, {\"ifname\": 8}, {\"ifname\": \"b\xFF\x01\"},"
-                        R"({"ifname": ""}, {"flags": []},
+  const auto result = import({{"link",
+                               "[7, {\"ifname\": 8}, {\"ifname\": \"b\xFF\x01\"},"
+                               R"({"ifname": ""}, {"flags": []},
     {"ifname": "a\u0000b"}, {"ifname": "m", "linkinfo": {"info_kind": "vrf"}}, {"ifname": "\u0001\"\\"},
-    {"ifname": "Ethernet1"}])"}},
-              .addr = {{"addr", R"([{"ifname": "Ethernet1", "addr_info": [7,
+    {"ifname": "Ethernet1"}])"},
+                              {"addr", R"([{"ifname": "Ethernet1", "addr_info": [7,
     {"local": "10.0.0.1", "prefixlen": 33}, {"local": true, "prefixlen": 24}, {"prefixlen": 8},
-    {"local": "10.0.0.2", "prefixlen": 24}]}])"}},
-              .neigh = {{"neigh",
-                         "[{\"dst\": \"10.0.0.4\", \"dev\": \"b\xFF\x01\","
-                         R"("state": ["STALE"]},
+    {"local": "10.0.0.2", "prefixlen": 24}]}])"},
+                              {"neigh",
+                               "[{\"dst\": \"10.0.0.4\", \"dev\": \"b\xFF\x01\","
+                               R"("state": ["STALE"]},
     {"dst": "10.0.0.5", "dev": "Ethernet1", "state": 5}, {"dst": 5, "state": ["STALE"]},
     {"dst": "10.0.0.6", "dev": "Ethernet1", "lladdr": 5, "state": ["STALE"]},
-    {"dst": "10.0.0.7", "dev": "Ethernet1", "state": ["STALE"]}])"}},
-              .route4 = {{"route4", R"([
+    {"dst": "10.0.0.7", "dev": "Ethernet1", "state": ["STALE"]}])"},
+                              {"route4", R"([
     {"dst": "10.1.0.0/24", "nexthops": [7, {"dev": "none"}, {"gateway": "10.0.0.9"},
                                         {"dev": "Ethernet1"}]},
     {"dst": "10.2.0.0/24", "nexthops": [{"dev": "none"}]}, {"dev": "Ethernet1"},
-    {"dst": "10.3.0.0/24", "dev": "\u0001\"\\"}])"}},
-              .route6 = {},
-              .nexthop = {{"nexthop", R"([{"id": -1}, {"id": 1, "group": [7]}])"}}});
+    {"dst": "10.3.0.0/24", "dev": "\u0001\"\\"}])"},
+                              {"nexthop", R"([{"id": -1}, {"id": 1, "group": [7]}])"}});
   EXPECT_EQ(result.of("addr"), "\"intf\":\"Ethernet1\",\"addr\":\"10.0.0.2/24\"}\n");
   EXPECT_EQ(result.of("neighbor"), "\"intf\":\"Ethernet1\",\"ip\":\"10.0.0.7\"}\n");
   EXPECT_EQ(result.of("route"), R"("prefix":"10.1.0.0/24","type":"staticConfig_","fec":1}

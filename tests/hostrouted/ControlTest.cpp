@@ -2,10 +2,8 @@
 #include "hostrouted/Control.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +20,8 @@
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "tests/hostrouted/RouterWorld.h"
+#include "tests/kiv/SmallFiles.h"
+#include "tests/replay/JsonLines.h"
 #include "tests/tovan/Damage.h"
 
 namespace Hostrouted {
@@ -46,19 +46,14 @@ class ControlTest : public testing::Test {
   std::vector<json> list(const std::string& fields) {
     const auto reply = handle(fields);
     EXPECT_EQ(json::parse(reply.text)["ok"], true) << reply.text;
-    std::stringstream text;
+    std::ostringstream text;
     if (reply.bulk) reply.bulk(text);
-    std::vector<json> lines;
-    for (std::string line; std::getline(text, line);) lines.push_back(json::parse(line));
-    return lines;
+    return Replay::jsonLines(text.str());
   }
   static std::vector<json> taken(Feedline& feed) {
     std::string text;
     feed.take(text);
-    std::vector<json> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(json::parse(line));
-    return lines;
+    return Replay::jsonLines(text);
   }
 
   RouterWorld world;
@@ -240,10 +235,10 @@ TEST(DamageTest, WhatIsDamagedIsToldAndTheRestIsListed) {
   const auto linesOf = [&](const std::string& request) {
     const auto reply = world.control.handle(R"({"version":1,"request":)" + request + "}", kReader);
     EXPECT_TRUE(reply.bulk) << reply.text;
-    std::stringstream text;
+    std::ostringstream text;
     if (reply.bulk) reply.bulk(text);
     std::map<std::string, int> counts;
-    for (std::string line; std::getline(text, line);) ++counts[json::parse(line).begin().key()];
+    for (const auto& line : Replay::jsonLines(text.str())) ++counts[line.begin().key()];
     return counts;
   };
   auto counts = linesOf(R"("routes","type":"attached_")");
@@ -269,21 +264,7 @@ class RecordingTest : public testing::Test {
   void SetUp() override { std::filesystem::create_directories(directory); }
   void TearDown() override { std::filesystem::remove_all(directory); }
 
-  /// The routes of dumps' route tables, without the numbers of adjacencies: these go by the order
-  /// of the work.
-  static std::set<std::string> routesOf(const std::string& dumps) {
-    std::set<std::string> routes;
-    std::istringstream in(dumps);
-    for (std::string line; std::getline(in, line);) {
-      const auto dump = json::parse(line).at("dump");
-      for (auto route : dump.at("routeTable")) {
-        route.erase("fec");
-        routes.insert(route.dump());
-      }
-    }
-    return routes;
-  }
-  /// The routes of a switch that was told what a file holds.
+  /// The routes at the end of a recording.
   static std::set<std::string> replayed(const std::string& file) {
     std::ifstream in(file);
     std::stringstream out;
@@ -292,12 +273,17 @@ class RecordingTest : public testing::Test {
     Daemon::Switch sw({.settles = true});
     Replay::Player player(sw, *output, {});
     EXPECT_EQ(player.run(in, file, out, errors), Replay::Player::Outcome::Done) << errors.str();
-    return routesOf(out.str());
+    return Replay::routesOf(Replay::jsonLines(out.str()));
   }
   std::set<std::string> live() {
-    std::stringstream text;
+    std::ostringstream text;
     listDump(world.router, {}, false, text);
-    return routesOf(text.str());
+    return Replay::routesOf(Replay::jsonLines(text.str()));
+  }
+  /// The first line of the reply to a request to record.
+  json record(const std::string& fields, const Peer& peer = kAdmin) {
+    return json::parse(
+        world.control.handle(R"({"version":1,"request":"record",)" + fields + "}", peer).text);
   }
 
   const std::string directory =
@@ -330,49 +316,21 @@ TEST_F(RecordingTest, BegunInTheMiddleItEndsWhereTheDaemonIsAlsoInARotatedFile) 
 }
 
 TEST_F(RecordingTest, ThereIsOneAtATimeAndNoFileIsWrittenOver) {
-  const auto request = [&](const std::string& fields) {
-    return json::parse(
-        world.control.handle(R"({"version":1,"request":"record",)" + fields + "}", kAdmin).text);
-  };
-  const auto started = request(R"("action":"start","file":"r.jsonl")");
+  const auto started = record(R"("action":"start","file":"r.jsonl")");
   EXPECT_EQ(started["file"], directory + "/r.jsonl");
-  EXPECT_EQ(request(R"("action":"start","file":"s.jsonl")")["ok"], false);
-  EXPECT_EQ(request(R"("action":"stop")")["ok"], true);
-  EXPECT_EQ(request(R"("action":"stop")")["ok"], false);
-  const auto again = request(R"("action":"start","file":"r.jsonl")");
+  EXPECT_EQ(record(R"("action":"start","file":"s.jsonl")")["ok"], false);
+  EXPECT_EQ(record(R"("action":"stop")")["ok"], true);
+  EXPECT_EQ(record(R"("action":"stop")")["ok"], false);
+  const auto again = record(R"("action":"start","file":"r.jsonl")");
   EXPECT_NE(again["error"].get<std::string>().find("there already"), std::string::npos) << again;
 }
 
-/// While it lives, no file of this process may become longer than so many bytes.
-class FullDisk {
- public:
-  explicit FullDisk(rlim_t bytes) : formerSignal_(std::signal(SIGXFSZ, SIG_IGN)) {
-    ::getrlimit(RLIMIT_FSIZE, &former_);
-    const rlimit limit{.rlim_cur = bytes, .rlim_max = former_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-  ~FullDisk() {
-    ::setrlimit(RLIMIT_FSIZE, &former_);
-    std::signal(SIGXFSZ, formerSignal_);
-  }
-
- private:
-  rlimit former_{};
-  void (*formerSignal_)(int);
-};
-
 TEST_F(RecordingTest, AFullDiskEndsItAtTheEndOfALineAndStoppingItSaysSo) {
-  const auto request = [&](const std::string& fields) {
-    return json::parse(
-        world.control.handle(R"({"version":1,"request":"record",)" + fields + "}", kAdmin).text);
-  };
   const auto file = directory + "/r";
-  ASSERT_EQ(request(R"("action":"start","file":"r")")["ok"], true);
+  ASSERT_EQ(record(R"("action":"start","file":"r")")["ok"], true);
   {
     // In the middle of a line.
-    const FullDisk full(std::filesystem::file_size(file) + 1000);
+    const Sample::SmallFiles full(std::filesystem::file_size(file) + 1000);
     for (int last = 1; last < 100 && world.recorder.isOn(); ++last) {
       world.learn("10.0.1." + std::to_string(last), 1);
       world.recorder.endTurn();
@@ -383,22 +341,21 @@ TEST_F(RecordingTest, AFullDiskEndsItAtTheEndOfALineAndStoppingItSaysSo) {
   const std::string text((std::istreambuf_iterator<char>(in)), {});
   EXPECT_TRUE(text.ends_with("}\n")) << text.substr(text.size() - 80);
   EXPECT_GT(replayed(file).size(), 3U);
-  const auto stopped = request(R"("action":"stop")");
+  const auto stopped = record(R"("action":"stop")");
   EXPECT_EQ(stopped["ok"], false);
   EXPECT_NE(stopped["error"].get<std::string>().find("cannot be written: File too large"),
             std::string::npos)
       << stopped;
   {
-    const FullDisk full(100);
-    EXPECT_EQ(request(R"("action":"start","file":"s")")["ok"], false);
+    const Sample::SmallFiles full(100);
+    EXPECT_EQ(record(R"("action":"start","file":"s")")["ok"], false);
   }
   EXPECT_FALSE(std::filesystem::exists(directory + "/s"));
 }
 
 TEST_F(RecordingTest, OnlyRootChoosesADirectory) {
   const auto ask = [&](const std::string& file, const Peer& peer) {
-    const auto line = R"({"version":1,"request":"record","action":"start","file":")" + file + "\"}";
-    return json::parse(world.control.handle(line, peer).text)["ok"] == true;
+    return record(R"("action":"start","file":")" + file + "\"", peer)["ok"] == true;
   };
   EXPECT_FALSE(ask(directory + "/x", kAdmin));
   EXPECT_FALSE(ask("../x", kAdmin));

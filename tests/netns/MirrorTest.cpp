@@ -71,29 +71,12 @@ class Kept {
   NotificationSocket socket_;
 };
 
-// Two pairs of interfaces, which represent ports and their hosts, and a bridge.
-constexpr std::string_view kPorts = R"(
-link set lo up
-link add e1 type veth peer name h1
-link add e2 type veth peer name h2
-link set e1 up
-link set e2 up
-link set h1 up
-link set h2 up
-addr add 10.0.1.1/24 dev e1
-addr add 10.0.2.1/24 dev e2
-addr add 2001:db8:1::1/64 dev e1 nodad
-addr add 2001:db8:2::1/64 dev e2 nodad
-link add br0 type bridge
-link add e3 type veth peer name h3
-link set e3 master br0
-link set e3 up
-link set h3 up
-link set br0 up
-)";
-
+/// Adds the ports e1 and e2 with their hosts, and a bridge with the port e3.
 void addPorts(const Namespace& space) {
   space.ip(kPorts);
+  space.ip(
+      "link add br0 type bridge\nlink add e3 type veth peer name h3\nlink set e3 master br0\n"
+      "link set e3 up\nlink set h3 up\nlink set br0 up");
   for (const char* name : {"e1", "e2", "e3", "br0"}) Namespace::awaitCarrier(name);
 }
 

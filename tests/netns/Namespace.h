@@ -25,6 +25,21 @@ namespace Linux {
     if (std::system("ip -V >/dev/null 2>&1") != 0) GTEST_SKIP() << "needs ip";   \
   } while (false)
 
+/// Commands of `ip` that make two ports, e1 and e2, with addresses and their hosts h1 and h2.
+inline constexpr std::string_view kPorts = R"(
+link set lo up
+link add e1 type veth peer name h1
+link add e2 type veth peer name h2
+link set e1 up
+link set e2 up
+link set h1 up
+link set h2 up
+addr add 10.0.1.1/24 dev e1
+addr add 10.0.2.1/24 dev e2
+addr add 2001:db8:1::1/64 dev e1 nodad
+addr add 2001:db8:2::1/64 dev e2 nodad
+)";
+
 /// Moves the calling thread, and the programs that it starts, into a new network namespace during
 /// its lifetime.
 class Namespace {

@@ -9,8 +9,8 @@
 
 #include "daemon/Operation.h"
 #include "platform/kiv/containers/Exception.h"
-#include "replay/ShownRoute.h"
 #include "tests/kiv/ShortMemory.h"
+#include "tests/replay/Dumps.h"
 
 namespace {
 
@@ -69,19 +69,6 @@ class AllocationTest : public testing::Test {
       }
     }
   }
-
-  /// The routes in the table, with their next hops.
-  static std::string routesOf(const Switch& sw) {
-    std::string text;
-    const auto& routing = sw.vrfs().at("default").template routing<F>();
-    for (auto shown : Replay::shownRoutes<F>(*routing.routeStatus, *sw.shared<F>().forwarding,
-                                             [](const auto&) { return true; })) {
-      // An adjacency's number depends on earlier adjacencies, so it is not compared.
-      if (shown.route.fecId >= F::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
-      text += Replay::routeJson<F>(shown).text() + "\n";
-    }
-    return text;
-  }
 };
 using Families = testing::Types<Daemon::Ipv4, Daemon::Ipv6>;
 TYPED_TEST_SUITE(AllocationTest, Families);
@@ -115,7 +102,7 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
       T::play(sw, before);
       T::play(sw, after);
       sw.redo();
-      return T::routesOf(sw);
+      return routesOf(sw);
     };
     Switch whole({.settles = true});
     T::play(whole, before);
@@ -131,7 +118,7 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
         T::play(sw, after);
         hasRunOut = memory.hasRunOut();
       }
-      ASSERT_NO_THROW(T::routesOf(sw)) << "the tables cannot be read";
+      ASSERT_NO_THROW(routesOf(sw)) << "the tables cannot be read";
       EXPECT_EQ(again(sw), expected);
     }
     all += tried;

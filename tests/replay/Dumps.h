@@ -8,6 +8,7 @@
 
 #include "daemon/Switch.h"
 #include "replay/Output.h"
+#include "replay/ShownRoute.h"
 #include "tests/model/Model.h"
 
 /// The dumps of all VRFs, without the details that may differ between equal states.
@@ -26,6 +27,24 @@ inline std::vector<nlohmann::json> canonicalDumps(const Golden::Model& model) {
   auto dumps = model.dumps();
   for (auto& dump : dumps) dump = Golden::canonical(dump);
   return dumps;
+}
+
+/// The routes in the route tables of all VRFs, with their next hops.
+inline std::string routesOf(const Daemon::Switch& sw) {
+  std::string text;
+  for (const auto& entry : sw.vrfs()) {
+    Daemon::forEachFamily([&](auto family) {
+      using F = decltype(family);
+      for (auto shown :
+           Replay::shownRoutes<F>(*entry.second.template routing<F>().routeStatus,
+                                  *sw.shared<F>().forwarding, [](const auto&) { return true; })) {
+        // An adjacency's number depends on earlier adjacencies, so it is not compared.
+        if (shown.route.fecId >= F::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
+        text += Replay::routeJson<F>(shown).text() + "\n";
+      }
+    });
+  }
+  return text;
 }
 
 /// The differing members of two lists of dumps, one on each line.

@@ -1,9 +1,7 @@
 // Tests of shared tables that run full during events and get room again.
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <memory>
 #include <new>
 #include <sstream>
@@ -17,33 +15,13 @@
 #include "platform/tovan/Reports.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
-#include "replay/ShownRoute.h"
+#include "tests/kiv/SmallFiles.h"
+#include "tests/replay/Dumps.h"
 #include "tests/replay/Invariants.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-/// Limits the size of this process's files to `bytes` during its lifetime, so that shared tables
-/// run full.
-class SmallFiles {
- public:
-  explicit SmallFiles(rlim_t bytes) : action_(std::signal(SIGXFSZ, SIG_IGN)) {
-    ::getrlimit(RLIMIT_FSIZE, &former_);
-    const rlimit limit{.rlim_cur = bytes, .rlim_max = former_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  SmallFiles(const SmallFiles&) = delete;
-  SmallFiles& operator=(const SmallFiles&) = delete;
-  ~SmallFiles() {
-    ::setrlimit(RLIMIT_FSIZE, &former_);
-    std::signal(SIGXFSZ, action_);
-  }
-
- private:
-  rlimit former_{};
-  void (*action_)(int);
-};
 
 /// A switch that continues after a failed event, like the daemon.
 class Engine {
@@ -65,24 +43,6 @@ class Engine {
       }
     }
     return failures;
-  }
-  /// The routes in the tables, with their next hops.
-  std::string state() const {
-    std::string text;
-    for (const auto& [name, vrf] : sw.vrfs()) {
-      Daemon::forEachFamily([&, &named = vrf](auto family) {
-        using F = decltype(family);
-        const auto& routing = named.routing<F>();
-        const auto& forwarding = *sw.shared<F>().forwarding;
-        for (auto shown : Replay::shownRoutes<F>(*routing.routeStatus, forwarding,
-                                                 [](const auto&) { return true; })) {
-          // An adjacency's number depends on earlier adjacencies, so it is not compared.
-          if (shown.route.fecId >= F::ForwardingStatus::kFirstAdjacency) shown.route.fecId = 0;
-          text += Replay::routeJson<F>(shown).text() + "\n";
-        }
-      });
-    }
-    return text;
   }
 
  private:
@@ -149,7 +109,7 @@ TEST_F(ExhaustionTest, ASwitchRecoversAllRoutesAfterTheTablesGetRoom) {
   Engine full(name);
   const uint64_t refusals = Tovan::refusalCount();
   {
-    const SmallFiles memory(kBytes);
+    const Sample::SmallFiles memory(kBytes);
     EXPECT_GT(full.play(inputs), kNeighbors / 10);
     EXPECT_GT(Tovan::refusalCount(), refusals);
     EXPECT_FALSE(full.sw.tendTables());
@@ -160,12 +120,12 @@ TEST_F(ExhaustionTest, ASwitchRecoversAllRoutesAfterTheTablesGetRoom) {
     return report.table.starts_with(name + ".") && report.refusals != 0 && report.bytes > 20 << 10;
   }));
   whole.play(departures);
-  EXPECT_NE(full.state(), whole.state());
+  EXPECT_NE(routesOf(full.sw), routesOf(whole.sw));
 
   EXPECT_TRUE(full.sw.tendTables());
   EXPECT_EQ(full.play(left), 0U);
   full.sw.redo();
-  EXPECT_EQ(full.state(), whole.state());
+  EXPECT_EQ(routesOf(full.sw), routesOf(whole.sw));
   checkInvariants(full.sw);
 }
 

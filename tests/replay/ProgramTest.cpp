@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -99,7 +100,10 @@ class ProgramTest : public testing::Test {
     }
   }
 
+  ~ProgramTest() override { runShell("rm -f " + scene + "*"); }
+
   const std::string name = "hostroute-test-" + std::to_string(::getpid());
+  const std::string scene = testing::TempDir() + name;  // a file for input
 };
 
 constexpr const char* kScene =
@@ -110,49 +114,44 @@ constexpr const char* kScene =
     "{\"op\":\"route\",\"vrf\":\"a/b%\",\"prefix\":\"10.0.0.0/24\",\"fec\":1}\n";
 
 TEST_F(ProgramTest, ExitStatusShowsTheResult) {
-  const std::pair<const char*, int> statuses[] = {
-      {"--help", 0},
-      {"replay --help", 0},
-      {"routes --help", 0},
-      {"replay /dev/null", 0},
-      {"replay /dev/null --json --trace 0,2,7", 0},
-      {"replay", 2},
-      {"replay /dev/null --trace 2,10", 2},
-      {"replay /dev/null --trace ''", 2},
-      {"replay /dev/null --hold", 2},
-      {"replay /dev/null --shared a.b", 2},
-      {"replay /no/such/file", 2},
-      {"replay /", 2},
-      {"routes --table x --family 5", 2},
-      {"routes --table no-such-tables", 1},
-      {"types", 2},
-      {"types " HOSTROUTE_PROGRAM, 2},
-      {"--version", 0},
-      {"replay --json --json-lines /dev/null", 2},
-      {"replay /dev/null > /dev/full", 1},
-      {"replay --help > /dev/full", 1},
-      {"import --route4 /dev/null", 2},
-      {"diff /dev/null", 2},
-      {"routes --table x --type attached", 2},
-      {"routes --table x 10.0.0.256", 2},
-      {"shell - < /dev/zero", 2},
-      {"explain 10.0.0.5 --socket /no/such/socket", 1},
-      {"status --socket /no/such/socket", 1},
-      {"metrics --socket /no/such/socket", 1},
-      {"trace 10.0.0.5 --for never", 2},
-      {"log-level loud", 2},
-      {"record start", 2},
-      {"anonymize /dev/null", 0},
-      {"anonymize /no/such/file", 2},
-      {"explain 10.0.0 --replay /dev/null", 2},
-      {"explain 10.0.0.5 --replay /dev/null", 1},
-      {"explain 10.0.0.5 --replay /dev/null --vrf blue", 2},
-      {"explain 10.0.0.5 --replay /no/such/file", 2},
-      {"history 10.0.0.0/33 --replay /dev/null", 2},
-      {"history 10.0.0.0/24 --replay /dev/null", 0},
-  };
-  for (const auto& [arguments, status] : statuses) {
-    EXPECT_EQ(run(arguments).status, status) << arguments;
+  const std::map<int, std::vector<std::string>> commands = {
+      {0,
+       {"--help", "replay --help", "routes --help", "replay /dev/null",
+        "replay /dev/null --json --trace 0,2,7", "--version", "anonymize /dev/null",
+        "history 10.0.0.0/24 --replay /dev/null"}},
+      {1,
+       {"routes --table no-such-tables", "replay /dev/null > /dev/full",
+        "replay --help > /dev/full", "explain 10.0.0.5 --socket /no/such/socket",
+        "status --socket /no/such/socket", "metrics --socket /no/such/socket",
+        "explain 10.0.0.5 --replay /dev/null"}},
+      {2,
+       {"replay",
+        "replay /dev/null --trace 2,10",
+        "replay /dev/null --trace ''",
+        "replay /dev/null --hold",
+        "replay /dev/null --shared a.b",
+        "replay /no/such/file",
+        "replay /",
+        "routes --table x --family 5",
+        "types",
+        "types " HOSTROUTE_PROGRAM,
+        "replay --json --json-lines /dev/null",
+        "import --route4 /dev/null",
+        "diff /dev/null",
+        "routes --table x --type attached",
+        "routes --table x 10.0.0.256",
+        "shell - < /dev/zero",
+        "metrics --json --http",
+        "trace 10.0.0.5 --for never",
+        "log-level loud",
+        "record start",
+        "anonymize /no/such/file",
+        "explain 10.0.0 --replay /dev/null",
+        "explain 10.0.0.5 --replay /dev/null --vrf blue",
+        "explain 10.0.0.5 --replay /no/such/file",
+        "history 10.0.0.0/33 --replay /dev/null"}}};
+  for (const auto& [status, calls] : commands) {
+    for (const auto& arguments : calls) EXPECT_EQ(run(arguments).status, status) << arguments;
   }
 }
 
@@ -381,9 +380,8 @@ TEST_F(ProgramTest, ReportsEachFullTableOnce) {
   if (runShell("unshare -m true").status != 0) {
     GTEST_SKIP() << "only root may give itself a small /dev/shm";
   }
-  const std::string input = testing::TempDir() + name + ".jsonl";
   {
-    std::ofstream events(input);
+    std::ofstream events(scene);
     events << "{\"op\":\"fec\",\"id\":1,\"family\":4,\"vias\":[{\"intf\":\"Ethernet1\"}]}\n"
               "{\"op\":\"route\",\"prefix\":\"10.0.0.0/8\",\"fec\":1}\n"
               "{\"op\":\"initialized\",\"value\":true}\n";
@@ -395,8 +393,7 @@ TEST_F(ProgramTest, ReportsEachFullTableOnce) {
   const auto full =
       runShell("unshare -m sh -c 'mount -t tmpfs -o size=600k none /dev/shm && " HOSTROUTE_PROGRAM
                " replay --no-final-dump --shared " +
-               name + " " + input + "'");
-  ::unlink(input.c_str());
+               name + " " + scene + "'");
   EXPECT_EQ(full.status, 1);
   std::map<std::string, int> told;
   std::istringstream lines(full.text);
@@ -406,6 +403,35 @@ TEST_F(ProgramTest, ReportsEachFullTableOnce) {
   EXPECT_FALSE(told.empty()) << full.text;
   for (const auto& [table, times] : told) EXPECT_LE(times, 1) << table;
   EXPECT_NE(full.text.find("No space left on device: it has "), std::string::npos) << full.text;
+}
+
+// Without other tables in its /dev/shm, and with a socket that the command line overrides.
+TEST_F(ProgramTest, WithoutADaemonTheOnlySharedTablesAreShown) {
+  if (runShell("unshare -m true").status != 0) {
+    GTEST_SKIP() << "only root may give itself a /dev/shm";
+  }
+  std::ofstream(scene) << kScene;
+  const auto shown = runShell("P=" HOSTROUTE_PROGRAM " SCENE=" + scene + " unshare -m sh -c '" + R"(
+    export HOSTROUTE_SOCKET=/none
+    mount -t tmpfs none /dev/shm
+    $P routes; echo $?
+    for name in one two; do
+      $P replay --shared $name --hold $SCENE > /dev/null 2>&1 & pids="$pids $!"
+      $P routes --table $name --wait 60 > /dev/null
+      $P routes 10.0.0.7 --socket /other; echo $?
+    done
+    kill $pids; wait')");
+  const std::string refused = ": no hostrouted answers there: No such file or directory\n";
+  EXPECT_EQ(shown.text,
+            "hostroute routes: error: /none" + refused + "1\nhostroute routes: error: /other" +
+                refused + R"(hostroute routes: warning: these are the shared tables of one (--table)
+VRF   FAMILY  PREFIX       TYPE        METRIC  PREFERENCE  VIA
+a/b%  IPv4    10.0.0.0/24  connected_  0       1           Ethernet1
+0
+hostroute routes: error: /other)" +
+                refused +
+                R"(hostroute routes: error: several processes share tables; )"
+                "choose with --table: one, two\n1\n");
 }
 
 TEST_F(ProgramTest, WaitsUntilTheTablesAreReady) {
@@ -463,7 +489,6 @@ TEST_F(ProgramTest, ShowsWhatAnAddressMatchesAndFilters) {
 }
 
 TEST_F(ProgramTest, DumpsAreComparedWithOneAnotherAndWithTheTables) {
-  const std::string scene = testing::TempDir() + name;
   std::ofstream(scene) << kScene;
   const std::string program = HOSTROUTE_PROGRAM;
   ASSERT_EQ(run("replay --json " + scene + " > " + scene + ".whole").status, 0);
@@ -492,18 +517,15 @@ TEST_F(ProgramTest, DumpsAreComparedWithOneAnotherAndWithTheTables) {
   writer.feed("{\"op\":\"neighborTable\",\"intf\":\"Ethernet1\",\"present\":false}\n");
   while (diff("--table " + name, "").status == 0) ::usleep(1000);
   EXPECT_EQ(diff("--table " + name + " --vrf default", "").status, 0);
-  runShell("rm -f " + scene + "*");
 }
 
 // The traces contain nothing that differs between two runs, such as the address of an object.
 TEST_F(ProgramTest, TwoRunsPrintTheSameTraces) {
-  const std::string scene = testing::TempDir() + name;
   std::ofstream(scene) << kScene
                        << "{\"op\":\"addr\",\"intf\":\"Ethernet1\",\"addr\":\"::1/64\"}\n";
   const auto first = run("replay --trace all --json " + scene);
   EXPECT_NE(first.text.find("\"object 1::"), std::string::npos) << first.text;
   EXPECT_EQ(first.text, run("replay --trace all --json " + scene).text);
-  runShell("rm -f " + scene);
 }
 
 }  // namespace

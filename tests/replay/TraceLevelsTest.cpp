@@ -75,68 +75,34 @@ class OtherCode {
     const auto& table = sw_.neighborDir().arpIntfStatus(intf.name());
     auto* machine = routing.machine();
     const auto& hosts = F::neighborTable(*routing.root);
-    switch (below(machine == nullptr ? 8 : 17)) {
-      case 0:
-        routing.routeStatus->routeDel(host);
-        break;
-      case 1:
-        routing.routeStatus->routeIs(route<F>(host));
-        break;
-      case 2:
-        routing.hostStatus->routeDel(host);
-        break;
-      case 3:
-        routing.hostStatus->routeIs(route<F>(host));
-        break;
-      case 4:
-        routing.routeStatus->routeDel(prefix);
-        break;
-      case 5:
-        routing.routeStatus->routeIs(route<F>(prefix));
-        break;
-      case 6:
-        if (table) F::neighborNotify(*table, ip);
-        break;
-      case 7:
-        if constexpr (F::kNumber == 4) {
-          Routing::Host::removeHostRoute(ip, hosts, nullptr, routing.adjHelper);
-        } else {
-          Routing6::Host::removeHostRoute(ip, hosts, nullptr, routing.adjHelper);
-        }
-        break;
-      case 8:
-        if (const auto reactor = machine->arpIntfStatus(intf.name())) reactor->handleArpEntry(ip);
-        break;
-      case 9: {
-        typename F::ViaSet vias;
-        vias.newVia({.hop = ip, .intf = intf}, 1);
-        addRouteToRouteTable(hosts, nullptr, ip,
-                             routing.adjHelper->doGetOrCreateHostAdjacency(vias, hosts),
-                             F::kAttached, nullptr, routing.root, {});
-        break;
-      }
-      case 10:
-        machine->handleDeletedAdjacency(prefix);
-        break;
-      case 11:
-        machine->handleRoute(prefix, route<F>(prefix));
-        break;
-      case 12:
-        machine->fixupArpRoute(ip, route<F>(prefix));
-        break;
-      case 13:
-        machine->handleFec(1 + below(5));
-        break;
-      case 14:
-        routing.root->toMergeIs(prefix);
-        break;
-      case 15:
-        machine->handleInitialized();
-        break;
-      default:
-        machine->handleStatusRoute(prefix);
-        break;
-    }
+    const std::function<void()> actions[] = {
+        [&] { routing.routeStatus->routeDel(host); },
+        [&] { routing.routeStatus->routeIs(route<F>(host)); },
+        [&] { routing.hostStatus->routeDel(host); },
+        [&] { routing.hostStatus->routeIs(route<F>(host)); },
+        [&] { routing.routeStatus->routeDel(prefix); },
+        [&] { routing.routeStatus->routeIs(route<F>(prefix)); },
+        [&] {
+          if (table) F::neighborNotify(*table, ip);
+        },
+        [&] { removeHostRoute(ip, hosts, nullptr, routing.adjHelper); },
+        // The following actions need a machine.
+        [&] {
+          if (const auto reactor = machine->arpIntfStatus(intf.name())) reactor->handleArpEntry(ip);
+        },
+        [&] {
+          typename F::ViaSet vias;
+          vias.newVia({.hop = ip, .intf = intf}, 1);
+          addRouteToRouteTable(hosts, nullptr, ip,
+                               routing.adjHelper->doGetOrCreateHostAdjacency(vias, hosts),
+                               F::kAttached, nullptr, routing.root, {});
+        },
+        [&] { machine->handleDeletedAdjacency(prefix); },
+        [&] { machine->handleRoute(prefix, route<F>(prefix)); },
+        [&] { machine->fixupArpRoute(ip, route<F>(prefix)); },
+        [&] { machine->handleFec(1 + below(5)); }, [&] { routing.root->toMergeIs(prefix); },
+        [&] { machine->handleInitialized(); }, [&] { machine->handleStatusRoute(prefix); }};
+    actions[below(machine == nullptr ? 8 : std::size(actions))]();
   }
 
   Daemon::Switch& sw_;
