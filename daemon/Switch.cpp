@@ -248,7 +248,8 @@ void Switch::setNeighbor(Zemit::IntfId intf, const Arp::BasicNeighborStatus<Addr
   if (!table) return;
   F::neighborExpect(*table, neighbor.ipAddr);
   if (present) {
-    if (options_.settles) index.emplace(neighbor.ipAddr, intf);
+    // At the start, neighbours arrive in ascending order.
+    if (options_.settles) index.emplace_hint(index.end(), neighbor.ipAddr, intf);
     F::neighborIs(*table, neighbor);
   } else {
     index.erase({neighbor.ipAddr, intf});

@@ -1,4 +1,4 @@
-// The configuration file: each key is read where it is described, and none that is unknown passes.
+// Reads the configuration file. Unknown keys are errors.
 #include "hostrouted/Config.h"
 
 #include <fcntl.h>
@@ -39,7 +39,7 @@ constexpr Protocol kProtocols[] = {
     {"zstatic", 196}, {"openfabric", 197}, {"srte", 198},
 };
 
-/// The protocols whose host routes say where a host was, unless the file names others.
+/// The default protocols whose host routes are not fed.
 constexpr const char* kIgnoredByDefault[] = {"zebra", "bird",  "bgp",   "isis",
                                              "ospf",  "rip",   "ripng", "eigrp",
                                              "babel", "openr", "nhrp",  "openfabric"};
@@ -47,13 +47,13 @@ constexpr const char* kIgnoredByDefault[] = {"zebra", "bird",  "bgp",   "isis",
 constexpr std::pair<std::string_view, int> kLogLevels[] = {
     {"error", 3}, {"warning", 4}, {"notice", 5}, {"info", 6}, {"debug", 7}};
 
-/// One table of the file, whose keys are taken one by one; those left over are unknown.
+/// One table of the file. Its keys are taken one by one; the remaining ones are unknown.
 class Section {
  public:
   Section(const toml::table& table, std::string path, const std::string& file)
       : table_(table), path_(std::move(path)), file_(file) {}
 
-  /// Refuses the keys that nobody asked for.
+  /// Refuses the remaining keys.
   void finish() const {
     for (const auto& [key, value] : table_) {
       if (taken_.find(key.str()) == taken_.end()) {
@@ -89,7 +89,7 @@ class Section {
     }
     value = *number;
   }
-  /// Reads a text by `parse`, which gives nothing for one that is not `expected`.
+  /// Reads a text with `parse`, which returns nothing for a text that is not `expected`.
   template <class Value, class Parse>
   void readText(const char* key, Value& value, const char* expected, Parse parse) {
     const auto* node = take(key);
@@ -119,7 +119,7 @@ class Section {
     });
     if (isThere) names = std::move(read);
   }
-  /// Calls `visit` with the section of this name, if there is one.
+  /// Calls `visit` with the section of this name, if it exists.
   template <class Visit>
   void readSection(const char* key, Visit visit) {
     const auto* node = take(key);
@@ -159,7 +159,7 @@ class Section {
     throw ConfigError(place(node) + qualified(key) + ": " + message);
   }
 
-  /// Refuses the value of a key that is there.
+  /// Refuses the value of an existing key.
   [[noreturn]] void refuse(const char* key, const std::string& message) const {
     refuse(key, *table_.get(key), message);
   }
@@ -201,7 +201,7 @@ std::optional<Linux::Prefix> parsePrefix(std::string_view text) {
   if (const auto prefix = Zemit::Ip6Prefix::parse(text)) return *prefix;
   return std::nullopt;
 }
-/// "10.0.0.1/24"; an IPv6 address may come without a length.
+/// "10.0.0.1/24"; an IPv6 address may have no length.
 std::optional<std::pair<Linux::Address, uint32_t>> parseVirtual(std::string_view text) {
   if (const auto with = Zemit::IpAddrWithMask::parse(text)) return {{with->addr(), with->len()}};
   if (const auto with = Zemit::Ip6AddrWithMask::parse(text)) return {{with->addr(), with->len()}};
@@ -214,7 +214,7 @@ std::optional<std::string> parseVrf(std::string text) {
 }
 
 constexpr uint64_t kMaxNumber = std::numeric_limits<uint32_t>::max();
-/// The table local is the kernel's own; 0 means "not exported".
+/// The table local belongs to the kernel; 0 means "not exported".
 constexpr Linux::TableId kTableLocal = 255;
 
 void readTables(Section& section, OutputTables& tables) {
@@ -306,7 +306,7 @@ void readDaemon(Section& section, Config& config) {
   section.readNumber("history", config.historyEntries, 0, 1 << 20);
 }
 
-/// The name of a group that there is, or "".
+/// The name of an existing group, or "".
 std::optional<std::string> parseGroup(std::string name) {
   if (name.empty() || ::getgrnam(name.c_str()) != nullptr) return name;
   return std::nullopt;
@@ -377,7 +377,7 @@ Config Config::parse(std::string_view text, const std::string& name) {
 }
 
 Config Config::load(const std::string& file) {
-  // Whatever else it may be is not waited for.
+  // Opening a pipe would wait for a writer.
   const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   struct stat status {};
   std::string text;

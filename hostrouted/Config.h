@@ -1,4 +1,4 @@
-// The daemon's configuration: one TOML file, and the command line over it.
+// The daemon's configuration: one TOML file, overridden by the command line.
 #pragma once
 
 #include <cstdint>
@@ -15,13 +15,14 @@
 
 namespace Hostrouted {
 
-/// The configuration cannot be used. what() is "FILE:LINE: KEY: MESSAGE", as far as each applies.
+/// The configuration is invalid. what() is "FILE:LINE: KEY: MESSAGE", without the parts that do not
+/// apply.
 class ConfigError : public std::runtime_error {
  public:
   using runtime_error::runtime_error;
 };
 
-/// Where the host routes of one VRF go; 0 where those of a family go nowhere.
+/// The tables for the host routes of one VRF; 0 for a family that is not exported.
 struct OutputTables {
   Linux::TableId table4 = 0;
   Linux::TableId table6 = 0;
@@ -29,10 +30,10 @@ struct OutputTables {
   friend bool operator==(const OutputTables&, const OutputTables&) = default;
 };
 
-/// What hostrouted.toml(5) describes, with its defaults.
+/// The settings of hostrouted.toml(5), with their defaults.
 struct Config {
   static constexpr const char* kDefaultFile = "/etc/hostroute/hostrouted.toml";
-  /// Routes of lower protocol numbers are the kernel's and the administrator's own.
+  /// Lower protocol numbers are those of the kernel and the administrator.
   static constexpr uint8_t kFirstProtocol = 5;
   static constexpr const char* kSharedNameForm = "a name of at most 100 bytes without . and /";
 
@@ -53,21 +54,21 @@ struct Config {
   std::string sharedName;                   ///< of the tables in shared memory; empty for none
   size_t receiveBuffer = size_t{64} << 20;  ///< of the notification socket, in bytes
   int logLevel = 6;                         ///< syslog(3): 6 is informational
-  size_t historyEntries = 1024;             ///< changes kept of each VRF and family; 0 for none
+  size_t historyEntries = 1024;             ///< changes for each VRF and family; 0 for none
 
-  std::string controlGroup;  ///< whose members may ask the daemon; empty for the process's own
-  std::string adminGroup;    ///< whose members may change it, too; empty for none
+  std::string controlGroup;  ///< whose members may query the daemon; empty for the process's own
+  std::string adminGroup;    ///< whose members may also change it; empty for none
   RecordingLimits recording;
 
   Config();
 
-  /// Reads a file's text. `name` is what errors call it.
+  /// Reads the text of a file. `name` is its name in errors.
   /// \throws ConfigError.
   static Config parse(std::string_view text, const std::string& name);
-  /// Reads a regular file. \throws ConfigError, also when it cannot be read.
+  /// Reads a regular file. \throws ConfigError, also when the file is unreadable.
   static Config load(const std::string& file);
 
-  /// Refuses what no single key is to blame for, such as two VRFs on one table.
+  /// Refuses conflicts of several keys, such as two VRFs with one table.
   /// \throws ConfigError.
   void check() const;
 };

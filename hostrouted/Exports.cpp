@@ -1,4 +1,4 @@
-// The host routes that a switch derives, on their way to the kernel's tables.
+// Exports the host routes of a switch to the kernel's tables.
 #include "hostrouted/Exports.h"
 
 #include <algorithm>
@@ -19,7 +19,7 @@ class Exports::Watch final : public F::RouteStatus::NotifieeConst {
   }
 
   void onRoute(const typename F::Prefix& prefix) override { note(prefix); }
-  /// The prefix's route is to be looked at, if it is a host's.
+  /// Marks a host route as changed.
   void note(const typename F::Prefix& prefix) {
     if (prefix.len() == F::Prefix::kMaxLen) changed_.push_back(prefix);
   }
@@ -34,7 +34,7 @@ class Exports::Watch final : public F::RouteStatus::NotifieeConst {
 
  private:
   const Daemon::HostRouting<F>& routing_;
-  Linux::TableId table_;  // 0: exported nowhere
+  Linux::TableId table_;  // 0: not exported
   std::vector<typename F::Prefix> changed_;
 };
 
@@ -80,7 +80,7 @@ void Exports::flushFamily() {
       try {
         routes_.want({watch->table(), prefix}, exported(*watch, prefix));
       } catch (const Tovan::CorruptionDetectedException& damage) {
-        // What cannot be read says nothing about the host: its route stays as it is meanwhile.
+        // The state of the host is unknown. Its kernel route stays until the entry is readable.
         watch->routing().routeStatus->corruptionDetected(damage.what());
         watch->note(prefix);
       }
@@ -94,8 +94,8 @@ void Exports::noteAll() {
   });
 }
 
-/// What the kernel should hold for a host prefix; nothing unless its route is attached_.
-/// \throws Tovan::CorruptionDetectedException when the tables do not tell.
+/// The wanted kernel route of a host prefix; nothing unless its route is attached_.
+/// \throws Tovan::CorruptionDetectedException when the entry is damaged.
 template <class F>
 std::optional<Linux::RouteValue> Exports::exported(const Watch<F>& watch,
                                                    const typename F::Prefix& prefix) const {

@@ -1,4 +1,4 @@
-// The host routes that a switch derives, on their way to the kernel's tables.
+// Exports the host routes of a switch to the kernel's tables.
 #pragma once
 
 #include <functional>
@@ -18,22 +18,22 @@ namespace Hostrouted {
 /// Watches the route tables of a switch's VRFs and wants each attached_ host route in the kernel
 /// table of its VRF and family.
 ///
-/// A change is only noted when it happens. flush() looks at what the table holds by then, so a
-/// route that went and came back in between is no change.
+/// A change is only noted. flush() compares the contents of the table at that time, so a route that
+/// was removed and added again in between did not change.
 class Exports {
  public:
-  /// All outlive it.
+  /// All arguments outlive it.
   Exports(Daemon::Switch& sw, const Linux::Feed& feed, Linux::KernelRoutes& routes, Config config);
   ~Exports();
 
-  /// Watches the route tables of a VRF, from the routes that they hold already on.
+  /// Watches the route tables of a VRF, including the routes that they have already.
   void addVrf(const std::string& vrf);
-  /// Hands the routes that changed since the last time to the kernel's routes.
+  /// Hands the routes that changed since the last flush() to KernelRoutes.
   void flush();
-  /// Has all host routes looked at again, for changes that nobody announced.
+  /// Marks all host routes as changed, for changes without a notification.
   void noteAll();
-  /// Takes another configuration: all routes are handed on again, and those of tables that are no
-  /// longer ours are wanted no more.
+  /// Takes another configuration. Marks all routes as changed, and removes the routes of former
+  /// tables from the wanted ones.
   void setConfig(const Config& config);
 
  private:

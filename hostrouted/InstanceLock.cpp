@@ -20,7 +20,7 @@ int claimSocket(const std::string& name) {
   if (fd < 0) throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  // The first byte stays 0: an abstract address.
+  // The first byte of an abstract address is 0.
   const size_t size = std::min(name.size(), sizeof(address.sun_path) - 1);
   std::memcpy(address.sun_path + 1, name.data(), size);
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);

@@ -17,8 +17,8 @@ class InUseError : public std::runtime_error {
 
 /// Claims the kernel tables of a configuration for this process, in its network namespace.
 ///
-/// A claim is a socket with an abstract address (unix(7)): such an address belongs to the network
-/// namespace, as the tables do, and goes with the process, however that ends.
+/// A claim is a socket with an abstract address (unix(7)). Such an address belongs to the network
+/// namespace, as the tables do, and ends with the process in any case.
 class InstanceLock {
  public:
   InstanceLock() = default;
@@ -26,12 +26,13 @@ class InstanceLock {
   InstanceLock& operator=(const InstanceLock&) = delete;
   ~InstanceLock();
 
-  /// Claims the tables of `config` and gives up the others.
-  /// \throws InUseError when another process has one of them; the claims are as before then.
+  /// Claims the tables of `config` and releases the others.
+  /// \throws InUseError when another process has claimed one of them. The claims are unchanged
+  /// then.
   void claim(const Config& config);
 
  private:
-  std::map<std::string, int> sockets_;  // by what each claims
+  std::map<std::string, int> sockets_;  // by the claimed table
 };
 
 }  // namespace Hostrouted

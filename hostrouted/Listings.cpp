@@ -1,4 +1,4 @@
-// The long answers: what the daemon has, line by line.
+// Long answers of the control socket: the daemon's objects, line by line.
 #include "hostrouted/Listings.h"
 
 #include <linux/neighbour.h>
@@ -38,13 +38,13 @@ const char* stateName(uint16_t state) {
   return known == kNames.end() ? "NONE" : known->second;
 }
 
-/// What cannot be listed, among the lines of a listing.
+/// A line about an entry that cannot be listed.
 void tellDamage(const std::string& damage, std::ostream& out) {
   out << toLine({{"error", damage}});
 }
 
-/// Calls `visit` with each family of each VRF that the filter lets through. Where a table is
-/// damaged, the others are listed all the same.
+/// Calls `visit` with each family of each VRF that the filter selects. After damage of one table,
+/// the others are still listed.
 template <class Visit>
 void forEachTable(const Router& router, const ListingFilter& filter, std::ostream& out,
                   Visit visit) {
@@ -62,7 +62,7 @@ void forEachTable(const Router& router, const ListingFilter& filter, std::ostrea
   }
 }
 
-/// The prefixes of a table, but for those whose entries are damaged, which are told.
+/// The prefixes of a table. Damaged entries are reported and left out.
 template <class F>
 std::vector<typename F::Prefix> soundPrefixesOf(const Daemon::HostRouting<F>& routing,
                                                 std::ostream& out) {
@@ -74,7 +74,7 @@ std::vector<typename F::Prefix> soundPrefixesOf(const Daemon::HostRouting<F>& ro
   return prefixes;
 }
 
-/// The prefixes of a table that the filter lets through, in the order in which they are listed.
+/// The prefixes of a table that the filter selects, in the order of the listing.
 template <class F>
 std::vector<typename F::Prefix> prefixesOf(const Daemon::HostRouting<F>& routing,
                                            const ListingFilter& filter, std::ostream& out) {
@@ -234,7 +234,7 @@ void listDump(const Router& router, const ListingFilter& filter, bool isText, st
     output->dump(router.sw(), selection);
   } catch (const Tovan::CorruptionDetectedException&) {
     text.str({});
-    dumpEach(*output);  // says which table it was, and shows the others
+    dumpEach(*output);  // names the damaged table and shows the others
   }
   for (std::string line; std::getline(text, line);) out << toLine({{"text", line}});
 }

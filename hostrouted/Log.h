@@ -15,22 +15,22 @@ namespace Hostrouted {
 /// A field of a log line for the journal, such as {"PREFIX", "10.0.0.5/32"}.
 using LogField = std::pair<std::string_view, std::string>;
 
-/// Writes lines of a level up to the one that is set. Where standard error is the journal, each
-/// line goes there with its priority and fields (systemd.journal-fields(7), ours begin with
-/// "HOSTROUTE_"); elsewhere it is printed.
+/// Writes the log lines up to a level. If standard error is the journal, each line has its priority
+/// and fields (systemd.journal-fields(7); the names begin with "HOSTROUTE_"). Otherwise the line is
+/// printed.
 ///
-/// A flood of one kind of line is cut: after kBurst lines of a kind within kWindow seconds the
-/// others are counted, and the count is told with the next line of that kind.
+/// The rate of each kind of line is limited: after kBurst lines within kWindow seconds, further
+/// lines are only counted. The next line of the kind has the count.
 class Log {
  public:
   static constexpr uint32_t kBurst = 20;
   static constexpr double kWindow = 10;
 
   Log();
-  /// \param level  syslog(3): lines of a higher number are left out.
+  /// \param level  as in syslog(3). Lines with a higher number are omitted.
   void setLevel(int level) { level_ = level; }
   int level() const { return level_; }
-  /// \param kind  what kind of line it is, for the limit: the text without what varies.
+  /// \param kind  the kind of the line, for the limit and the field HOSTROUTE_KIND.
   void write(int level, std::string_view kind, const std::string& message,
              const std::vector<LogField>& fields = {});
 
@@ -46,7 +46,7 @@ class Log {
   std::map<std::string, Flood, std::less<>> floods_;
 };
 
-/// Seconds since the machine was started, never going back.
+/// Seconds since the start of the machine. Never goes back.
 double monotonicSeconds();
 
 }  // namespace Hostrouted

@@ -1,4 +1,4 @@
-// All that is counted, for people and for monitoring systems.
+// All counters, for users and for monitoring systems.
 #include "hostrouted/Metrics.h"
 
 #include <map>
@@ -11,7 +11,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Daemon::CounterInfo;
 
-/// Samples under their names, in the order in which the names came.
+/// Samples by name, in the order of the first samples.
 class Families {
  public:
   void add(const CounterInfo& info, Json labels, uint64_t value) {
@@ -38,7 +38,7 @@ double seconds(uint64_t nanoseconds) {
 }
 
 Json histogramJson(const Router::Times& times) {
-  // From a microsecond to four seconds, each four times the one before.
+  // From a microsecond to four seconds, with factors of four.
   constexpr unsigned kFirstBits = 10;
   constexpr unsigned kLastBits = 32;
   const auto& histogram = times.histogram;

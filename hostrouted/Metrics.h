@@ -1,4 +1,4 @@
-// All that is counted, for people and for monitoring systems.
+// All counters, for users and for monitoring systems.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -7,12 +7,12 @@
 
 namespace Hostrouted {
 
-/// Every number of the switch's VRFs, the kernel side and the loop, as a list of objects:
+/// All numbers of the switch's VRFs, the kernel side and the loop, as a list of objects:
 ///
 ///     {"name":"hostroute_probes","type":"counter","help":"...",
 ///      "samples":[{"labels":{},"value":3}]}
 ///
-/// A name stands once, with a sample for each set of labels. Histograms have "buckets" with "le" in
+/// A name occurs once, with a sample for each set of labels. Histograms have "buckets" with "le" in
 /// seconds, "count", "sum", "max" and "quantiles" instead of "samples".
 nlohmann::ordered_json metrics(const Router& router);
 

@@ -1,4 +1,4 @@
-// Recordings of what the engine is told.
+// Recordings of the engine's inputs.
 #include "hostrouted/Recorder.h"
 
 #include <syslog.h>
@@ -114,7 +114,7 @@ void Recorder::fail() {
   const bool isOurs = isOn();
   file_.close();
   snapshot_ = {};
-  // The line that was being written has no end.
+  // The last line is incomplete.
   std::error_code unknown;
   if (isOurs && std::filesystem::is_regular_file(path_, unknown)) {
     if (keptBytes_ != 0) {

@@ -1,4 +1,4 @@
-// Recordings of what the engine is told.
+// Recordings of the engine's inputs.
 #pragma once
 
 #include <cstdint>
@@ -11,57 +11,57 @@
 
 namespace Hostrouted {
 
-/// How large a recording may become.
+/// The limits of the size of a recording.
 struct RecordingLimits {
-  /// A file over this is closed, and a new one begun; but none before it has grown to twice its
+  /// A file above this size is followed by a new one, but not before it is twice as long as its
   /// snapshot.
   uint64_t fileBytes = uint64_t{64} << 20;
-  uint32_t files = 4;  ///< how many are kept, at least 1
+  uint32_t files = 4;  ///< at least 1
 
   friend bool operator==(const RecordingLimits&, const RecordingLimits&) = default;
 };
 
-/// Writes each operation as a line of a replay, with the times.
+/// Writes each operation as a line of a replay, and the times of the turns.
 ///
-/// Every file begins with a snapshot of all that the engine was told, so each can be replayed by
-/// itself. The file in use has the recording's name; those before are called NAME.1, NAME.2 and so
-/// on, the newest first. When a file cannot be written, recording ends; the file keeps what was
-/// written of whole turns of the loop, and can be replayed.
+/// Each file begins with a snapshot of the engine's inputs, so that it can be replayed alone. The
+/// current file has the name of the recording. Former files are called NAME.1, NAME.2 and so on,
+/// the newest first. When a file cannot be written, the recording ends. The file then has all
+/// complete turns of the loop and can be replayed.
 class Recorder {
  public:
   using Output = std::function<void(const Daemon::Operation&)>;
-  /// Hands all that the engine was told to an output.
+  /// Hands all inputs of the engine to an output.
   using Snapshot = std::function<void(const Output&)>;
 
   explicit Recorder(Log& log) : log_(log) {}
 
   /// Begins a recording.
-  /// \param replaces  whether files of the name may be there, which are lost then.
-  /// \throws std::runtime_error when one is going on, a file is there or cannot be made.
+  /// \param replaces  whether existing files of the name are overwritten.
+  /// \throws std::runtime_error when a recording is on, or a file exists or cannot be created.
   void start(const std::string& path, RecordingLimits limits, Snapshot snapshot,
              bool replaces = false);
-  /// Ends it, with what was written in the file; does nothing when there is none.
+  /// Writes the rest of the recording and ends it. Does nothing without a recording.
   void stop();
-  /// Why the last recording ended by itself, or misses its end; empty when it does not.
+  /// The error that ended the last recording; empty if there was none.
   const std::string& problem() const { return problem_; }
 
   bool isOn() const { return file_.is_open(); }
-  /// The file in use, or the last one; empty when there was none.
+  /// The current file or the last one; empty if there was none.
   const std::string& path() const { return path_; }
-  /// How many bytes the file in use has.
+  /// The size of the current file in bytes.
   uint64_t bytes() const { return bytes_; }
 
-  /// Writes an operation, when a recording is going on.
+  /// Writes an operation, if a recording is on.
   void write(const Daemon::Operation& operation);
-  /// A turn of the loop is through: what was written goes to the file, and a new one is begun where
-  /// this one has become too long.
+  /// A turn of the loop is complete: writes the buffer to the file, and begins a new file if this
+  /// one is too long.
   void endTurn();
 
  private:
   void open();
   void writeTime();
   void writeText(const std::string& text);
-  /// What was written goes to the file. \return whether the recording goes on.
+  /// Writes the buffer to the file. \return false if this failed and ended the recording.
   bool flush();
   void rotate();
   void fail();
@@ -73,8 +73,8 @@ class Recorder {
   Snapshot snapshot_;
   uint64_t bytes_ = 0;
   uint64_t snapshotBytes_ = 0;
-  uint64_t keptBytes_ = 0;  // of the file in use, which are in it for sure
-  int error_ = 0;           // the errno of the first writing that failed
+  uint64_t keptBytes_ = 0;  // of the current file, up to the last complete turn
+  int error_ = 0;           // the errno of the first failed write
   std::string problem_;
   bool hasTime_ = false;  // whether this turn's time is in the file
 };

@@ -1,4 +1,4 @@
-// The daemon without its event loop: from what the kernel tells to what the kernel is told.
+// The daemon without its event loop: the kernel's changes in, host routes out.
 #include "hostrouted/Router.h"
 
 #include <linux/rtnetlink.h>
@@ -36,14 +36,14 @@ Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& 
   return options;
 }
 
-/// Fewer routes are written by the thread that decides on them.
+/// A batch of at most this many routes is written by the thread that decides on them.
 constexpr size_t kMostDirect = 32;
-/// Of so many new neighbours, the routes are handed on while the next ones are handled.
+/// After so many new neighbours, their routes are written while the next neighbours are fed.
 constexpr size_t kNeighborsAhead = 256;
-/// How many seconds after one look at the shared tables the next one is.
+/// The shared tables are checked at most this often, in seconds.
 constexpr double kTendingInterval = 5;
 
-/// Adds the time of its life to a histogram.
+/// Adds the duration of its lifetime to a histogram.
 class Stopwatch {
  public:
   explicit Stopwatch(Daemon::LatencyHistogram& histogram) : histogram_(histogram) {}
@@ -64,9 +64,31 @@ std::optional<double> earlier(std::optional<double> a, std::optional<double> b) 
   return std::min(*a, *b);
 }
 
-/// The kernel keeps routes for one type of service or one range of sources apart.
+/// Whether a route can take the place of ours. The kernel stores a route with a type of service or
+/// with a range of sources in another place.
 bool standsWhereOursWould(const Linux::Route& route) {
   return route.tos == 0 && !route.hasSource;
+}
+
+/// The journal fields of the object of an operation.
+std::vector<LogField> fieldsOf(const Daemon::Operation& operation) {
+  std::vector<LogField> fields;
+  std::visit(
+      [&](const auto& op) {
+        if constexpr (requires { op.vrf; }) fields.emplace_back("VRF", op.vrf);
+        if constexpr (requires { op.intf; }) {
+          fields.emplace_back("INTERFACE", op.intf.name().view());
+        }
+        if constexpr (requires { op.neighbor; }) {
+          fields.emplace_back("PREFIX", Linux::toString(Linux::hostPrefix(op.neighbor.ipAddr)));
+        } else if constexpr (requires { op.route; }) {
+          fields.emplace_back("PREFIX", Linux::toString(op.route.key));
+        } else if constexpr (requires { op.addr; }) {
+          fields.emplace_back("PREFIX", Linux::toString(Linux::hostPrefix(op.addr.addr())));
+        }
+      },
+      operation);
+  return fields;
 }
 
 }  // namespace
@@ -95,8 +117,13 @@ Router::Router(const Config& config, const Services& services)
               [this](const auto& key, uint32_t metric) { return isAnothers(key, metric); }),
       exports_(switch_, feed_, routes_, config),
       probing_(mirror_, services.clock, probingOptions(config, mirror_, services_)) {
-  feed_.setWarningSink(
-      [this](const Linux::FeedWarning& warning) { services_.report(LOG_WARNING, warning.text); });
+  feed_.setWarningSink([this](const Linux::FeedWarning& warning) {
+    std::vector<LogField> fields;
+    if (const auto* link = mirror_.link(warning.link)) fields.emplace_back("INTERFACE", link->name);
+    if (warning.prefix) fields.emplace_back("PREFIX", Linux::toString(*warning.prefix));
+    if (warning.table != 0) fields.emplace_back("TABLE", std::to_string(warning.table));
+    report(LOG_WARNING, warning.text, fields);
+  });
   switch_.setLoading(true);
   if (config.historyEntries != 0) switch_.historyIs(config.historyEntries);
 }
@@ -113,8 +140,9 @@ void Router::apply(const Linux::Change& change) {
   }
 }
 
-/// Routes with our protocol number are our output: found in a dump they are adopted, told of
-/// otherwise they were changed by somebody else. Never are they input.
+/// Takes a message about a route in one of our tables or with our protocol number. A route with our
+/// protocol number is output and never input: one from a dump is adopted, and one from a
+/// notification was changed by another program. \return false for a route that is input.
 bool Router::takeOwnRoute(const Linux::Change& change) {
   const auto* route = std::get_if<Linux::Route>(&change.object);
   if (route == nullptr) return false;
@@ -134,7 +162,7 @@ bool Router::takeOwnRoute(const Linux::Change& change) {
   }
   Linux::RouteValue value{
       .vias = {}, .metric = route->metric, .preferredSource = route->preferredSource};
-  // A blackhole of ours is left from the announcement of a loss, and has no vias.
+  // A blackhole with our number remains from the announcement of a loss. It has no vias.
   if (route->type == RTN_UNICAST) {
     for (const auto& hop : route->hops) value.vias.push_back({hop.link, hop.gateway});
   }
@@ -155,8 +183,8 @@ bool Router::isAnothers(const Linux::RouteKey& key, uint32_t metric) const {
                              });
 }
 
-/// Some changes say more than they name: routes that the kernel drops without a word, hosts that
-/// may have left.
+/// Notes the consequences of a change that the kernel does not announce: routes that it drops, and
+/// hosts that may have left.
 void Router::noteDepartures(const Linux::Change& change) {
   if (const auto* link = std::get_if<Linux::Link>(&change.object)) {
     const auto* former = mirror_.link(link->index);
@@ -185,52 +213,69 @@ void Router::operate(const Daemon::Operation& operation) {
     Daemon::apply(switch_, operation);
     if (const auto* vrf = std::get_if<Daemon::SetVrf>(&operation)) exports_.addVrf(vrf->vrf);
   } catch (const std::bad_alloc&) {
-    ++counters_.failures;
     isIncomplete_ = true;
-    services_.report(LOG_ERR, "the engine failed on a change: out of memory");
+    reportFailure(operation, "out of memory");
   } catch (const Pindo::Exception& error) {
-    ++counters_.failures;
     isIncomplete_ |= dynamic_cast<const Tovan::OpenException*>(&error) != nullptr;
-    services_.report(LOG_ERR, std::string("the engine failed on a change: ") + error.what());
+    reportFailure(operation, error.what());
   }
 }
 
-/// Looks for damage and refusals, and makes good what they left undone once there is room.
+void Router::report(int level, const std::string& message, const std::vector<LogField>& fields) {
+  services_.report(level, message, fields);
+}
+
+void Router::reportFailure(const Daemon::Operation& operation, const std::string& why) {
+  ++counters_.failures;
+  report(LOG_ERR, "the engine failed on a change: " + why, fieldsOf(operation));
+}
+
+void Router::tend() {
+  if (phase_ == Phase::Starting || dumps_) return;
+  nextTending_ = 0;
+  endTurn();
+}
+
+/// Checks the shared tables for damage and refusals, if the last check was long ago.
 void Router::tendTables() {
   noteTables();
   if (services_.clock() < nextTending_) return;
   nextTending_ = services_.clock() + kTendingInterval;
   const bool mayGrow = switch_.tendTables(std::exchange(suspectsTables_, false));
   noteTables();
-  if (!isIncomplete_ || !mayGrow) return;
+  if (isIncomplete_ && mayGrow) completeTables();
+}
+
+/// Adds what the shared tables lost or refused.
+void Router::completeTables() {
   isIncomplete_ = false;
   feed_.snapshot([this](const Daemon::Operation& operation) { operate(operation); });
   try {
     switch_.redo();
   } catch (const std::exception& error) {
     isIncomplete_ = true;
-    services_.report(LOG_ERR, std::string("the engine failed on a change: ") + error.what());
+    report(LOG_ERR, std::string("the engine failed on a change: ") + error.what());
   }
   noteTables();
   exports_.noteAll();
   if (isIncomplete_) return;
   fullTables_.clear();
-  services_.report(LOG_NOTICE, "the shared tables are complete again");
+  report(LOG_NOTICE, "the shared tables are complete again");
 }
 
-/// Reports what has befallen the shared tables since it was noted last.
+/// Reports the damage and the refusals of the shared tables since the last report.
 void Router::noteTables() {
   const uint64_t corruptions = Tovan::corruptionCount();
   const uint64_t refusals = Tovan::refusalCount();
   if (corruptions == corruptions_ && refusals == refusals_) return;
   for (const auto& table : Tovan::tableReports()) {
     if (table.corruptions != 0 && corruptions != corruptions_) {
-      services_.report(LOG_ERR, "damage, found " + std::to_string(table.corruptions) +
-                                    " times, last: " + table.lastCorruption);
+      report(LOG_ERR, "damage, found " + std::to_string(table.corruptions) +
+                          " times, last: " + table.lastCorruption);
     }
     if (table.refusals != 0 && refusals != refusals_ && fullTables_.insert(table.table).second) {
-      services_.report(LOG_ERR, table.lastRefusal + ": it has " + std::to_string(table.bytes) +
-                                    " bytes; host routes may be missing");
+      report(LOG_ERR, table.lastRefusal + ": it has " + std::to_string(table.bytes) +
+                          " bytes; host routes may be missing");
     }
   }
   suspectsTables_ |= corruptions != corruptions_;
@@ -240,15 +285,15 @@ void Router::noteTables() {
 }
 
 void Router::endTurn() {
-  // In the middle of a dump it is not known yet what is gone.
+  // During a dump it is not yet known which objects are gone.
   if (phase_ == Phase::Starting || dumps_) return;
   const Stopwatch stopwatch(turnTimes_);
   ++counters_.turns;
-  toldNeighbors_ = 0;
+  newNeighbors_ = 0;
   feed_.flush(
       [this](const Daemon::Operation& operation) {
-        operate(operation);
         writeAhead(operation);
+        operate(operation);
       },
       [this](Zemit::IntfId intf, const Linux::Address& address) {
         std::visit([&](const auto& addr) { switch_.expectNeighbor(intf, addr); }, address);
@@ -256,46 +301,65 @@ void Router::endTurn() {
   tendTables();
   exports_.flush();
   routes_.flush();
-  tellOfRefusals();
+  reportRefusals();
   if (const auto probes = probing_.due(); !probes.empty()) {
     counters_.probes += probes.size();
     services_.probe(probes);
   }
 }
 
-/// Has the routes of many new neighbours written meanwhile. The feed tells these last: nothing that
-/// comes afterwards withdraws them.
-void Router::writeAhead(const Daemon::Operation& operation) {
-  const bool isNeighbor = std::visit(
-      []<class Op>(const Op& op) {
-        if constexpr (requires { op.neighbor; }) return op.present;
-        return false;
+/// Writes the routes of many new neighbours while the next ones are fed. The feed hands neighbours
+/// out last, and the entries of one address side by side. So these routes are final, unless the
+/// next neighbour has the address of the last one.
+void Router::writeAhead(const Daemon::Operation& next) {
+  const auto addr = std::visit(
+      []<class Op>(const Op& op) -> std::optional<Linux::Address> {
+        if constexpr (requires { op.neighbor; }) {
+          if (op.present) return op.neighbor.ipAddr;
+        }
+        return std::nullopt;
       },
-      operation);
-  if (!isNeighbor || ++toldNeighbors_ < kNeighborsAhead) return;
-  toldNeighbors_ = 0;
-  exports_.flush();
-  routes_.flushAdditions();
+      next);
+  if (!addr) return;
+  if (newNeighbors_ >= kNeighborsAhead && *addr != lastNeighbor_) {
+    newNeighbors_ = 0;
+    exports_.flush();
+    routes_.flushAdditions();
+  }
+  ++newNeighbors_;
+  lastNeighbor_ = *addr;
 }
 
 void Router::onWritten() {
   writer_.acknowledge();
   if (phase_ == Phase::Starting || dumps_) return;
   routes_.flush();
-  tellOfRefusals();
+  reportRefusals();
 }
 
-/// Tells the log of the first route that the kernel refuses, until none is; the status has them
-/// all.
-void Router::tellOfRefusals() {
+/// Reports the first route that the kernel refuses. The next report follows when no route is
+/// refused any more and then one is again. The status lists all refused routes.
+void Router::reportRefusals() {
   if (!hasRefusals_ && routes_.counters().refused == seenRefusals_) return;
   seenRefusals_ = routes_.counters().refused;
   const auto problems = routes_.problems(1);
   const bool had = std::exchange(hasRefusals_, !problems.empty() && problems.front().error != 0);
   if (had || !hasRefusals_) return;
   const auto& [key, error, since, retryAt] = problems.front();
-  services_.report(LOG_WARNING, "the kernel refuses " + Linux::toString(key.prefix) + " in table " +
-                                    std::to_string(key.table) + ": " + std::strerror(error));
+  const auto prefix = Linux::toString(key.prefix);
+  const auto table = std::to_string(key.table);
+  std::vector<LogField> fields{
+      {"PREFIX", prefix}, {"TABLE", table}, {"ERRNO", std::to_string(error)}};
+  const bool isV4 = Linux::familyOf(key.prefix) == 4;
+  for (const auto& [vrf, tables] : config_.tables) {
+    if ((isV4 ? tables.table4 : tables.table6) == key.table) fields.emplace_back("VRF", vrf);
+  }
+  for (const auto& via : routes_.wanted(key).vias) {
+    if (const auto* link = mirror_.link(via.link)) fields.emplace_back("INTERFACE", link->name);
+  }
+  report(LOG_WARNING,
+         "the kernel refuses " + prefix + " in table " + table + ": " + std::strerror(error),
+         fields);
 }
 
 void Router::beginDump() {
@@ -327,7 +391,7 @@ void Router::endDump() {
   switch_.setLoading(false);
 }
 
-/// A wrong pattern is easily taken for a network without hosts.
+/// Without this warning, a wrong pattern looks like a network without hosts.
 void Router::warnOfAnEmptySelection() {
   const auto& patterns = config_.feed.interfaces;
   bool selectsAny = patterns.empty();
@@ -338,7 +402,7 @@ void Router::warnOfAnEmptySelection() {
   warnedPatterns_ = patterns;
   std::string text;
   for (const auto& pattern : patterns) text += (text.empty() ? "\"" : ", \"") + pattern + '"';
-  services_.report(LOG_WARNING, "no interface that there is now is selected by " + text);
+  report(LOG_WARNING, "no interface that there is now is selected by " + text);
 }
 
 void Router::reload(const Config& config) {
@@ -411,7 +475,7 @@ std::vector<Router::Times> Router::times() const {
 std::optional<double> Router::nextDeadline() const {
   if (dumps_) return std::nullopt;  // a turn would do nothing
   const auto next = earlier(routes_.nextDeadline(), probing_.nextDeadline());
-  const bool tends = isIncomplete_ || !config_.sharedName.empty();
+  const bool tends = isIncomplete_ || suspectsTables_;
   return phase_ == Phase::Starting || !tends ? next : earlier(next, nextTending_);
 }
 

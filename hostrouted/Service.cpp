@@ -36,20 +36,22 @@
 namespace Hostrouted {
 namespace {
 
-/// About how many messages are read in one turn: enough for what belongs together to be handled as
-/// one, few enough for the routes of one turn to be written while the next is handled.
+/// About how many messages are read in one turn. A change of many messages should be handled in one
+/// turn; the routes of one turn should be written while the next turn is handled.
 constexpr size_t kMessagesATurn = 4096;
-/// The most messages that are read after a dump. All that were notified meanwhile are to be known
-/// before routes are withdrawn; a flood without an end is not to keep the daemon for ever.
+/// The most messages that are read after a dump. Routes are withdrawn only after all notifications
+/// since the beginning of the dump were read. The limit ends the reading of an endless flood.
 constexpr size_t kMessagesADump = 1 << 20;
 /// The status file is written at most this often, in seconds.
 constexpr double kStatusInterval = 1;
-/// A list of advertised routes that cannot be written is tried again this often, in seconds.
+/// After a failure, the list of advertised routes is written again this often, in seconds.
 constexpr double kAdvertisedInterval = 1;
-/// A dump that was interrupted is asked for again after this long, in seconds, and then after twice
-/// as long each time up to the other.
+/// The delay before an incomplete dump is repeated, in seconds. It doubles with each repetition up
+/// to the longest.
 constexpr double kFirstRetry = 0.02;
 constexpr double kLongestRetry = 1;
+/// Without a watchdog, shared tables are checked this often, in seconds.
+constexpr double kCheckInterval = 5;
 
 /// \throws std::runtime_error naming the call when `result` is a negative errno.
 int must(int result, const char* call) {
@@ -57,7 +59,7 @@ int must(int result, const char* call) {
   return result;
 }
 
-/// A directory of our own: made if need be, and locked against another daemon.
+/// A directory of this daemon: created if it is missing, and locked against another daemon.
 class Directory {
  public:
   explicit Directory(const std::string& path) {
@@ -80,7 +82,7 @@ class Directory {
   int fd_ = -1;
 };
 
-/// Prints requests in the words of ip(8) instead of carrying them out.
+/// Prints requests as ip(8) commands and does not carry them out.
 class PrintingChannel final : public Linux::RouteChannel {
  public:
   void perform(std::span<const Linux::RouteRequest> requests, std::span<int> results) override {
@@ -88,6 +90,15 @@ class PrintingChannel final : public Linux::RouteChannel {
     std::ranges::fill(results, 0);
   }
 };
+
+/// As Linux::collectsNeighbors(). If the kernel cannot be asked, entries are refreshed.
+bool collectsNeighbors(int family) {
+  try {
+    return Linux::collectsNeighbors(family);
+  } catch (const Linux::NetlinkError&) {
+    return true;
+  }
+}
 
 std::optional<gid_t> groupNamed(const std::string& name) {
   const auto* group = name.empty() ? nullptr : ::getgrnam(name.c_str());
@@ -174,10 +185,11 @@ class Service::Loop {
                   if (!options_.isDryRun) prober_.probe(probes);
                 },
             .report =
-                [this](int level, const std::string& message) {
-                  // Many warnings are not to keep an error from being told.
-                  log_.write(level, level <= LOG_ERR ? "router-error" : "router", message);
+                [this](int level, const std::string& message, const std::vector<LogField>& fields) {
+                  // A flood of warnings should not suppress an error.
+                  log_.write(level, level <= LOG_ERR ? "router-error" : "router", message, fields);
                 },
+            .collects = collectsNeighbors,
             .record = [this](const Daemon::Operation& operation) { recorder_.write(operation); },
             .writesApart = !options_.isDryRun};
   }
@@ -228,7 +240,7 @@ class Service::Loop {
             .recordingProblem = recorder_.problem()};
   }
 
-  /// Logs messages of the kernel that cannot be read.
+  /// Logs unreadable messages of the kernel.
   Linux::Warn warner() {
     return [this](const std::string& what) { log_.write(LOG_WARNING, "message", what); };
   }
@@ -252,7 +264,38 @@ class Service::Loop {
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
       must(::sd_event_add_signal(event_, nullptr, signal, onSignal, this), "sd_event_add_signal");
     }
-    must(::sd_event_set_watchdog(event_, 1), "sd_event_set_watchdog");
+    watchIdle();
+  }
+
+  /// Sets the timer of a daemon for which nothing happens: it notifies the watchdog and checks the
+  /// shared tables. One without both has no wake-ups.
+  void watchIdle() {
+    uint64_t watchdog = 0;
+    if (must(::sd_watchdog_enabled(0, &watchdog), "sd_watchdog_enabled") > 0) {
+      idlePeriod_ = watchdog / 2;
+    } else if (router_->hasSharedTables()) {
+      idlePeriod_ = static_cast<uint64_t>(kCheckInterval * 1e6);
+    } else {
+      return;
+    }
+    must(::sd_event_add_time_relative(event_, idle_.out(), CLOCK_MONOTONIC, idlePeriod_,
+                                      idlePeriod_ / 4, onIdle, this),
+         "sd_event_add_time_relative");
+    // Input without an end must not delay the watchdog.
+    must(::sd_event_source_set_priority(idle_.get(), SD_EVENT_PRIORITY_IMPORTANT),
+         "sd_event_source_set_priority");
+  }
+
+  void handleIdle() {
+    ::sd_notify(0, "WATCHDOG=1");
+    if (router_->hasSharedTables()) {
+      router_->tend();
+      afterTurn();
+    }
+    must(::sd_event_source_set_time_relative(idle_.get(), idlePeriod_),
+         "sd_event_source_set_time_relative");
+    must(::sd_event_source_set_enabled(idle_.get(), SD_EVENT_ONESHOT),
+         "sd_event_source_set_enabled");
   }
 
   // The event loop's callbacks. An exception ends the daemon with an error, not by terminate().
@@ -282,12 +325,16 @@ class Service::Loop {
     auto& loop = *static_cast<Loop*>(self);
     return loop.guarded([&] { loop.handleTime(); });
   }
+  static int onIdle(sd_event_source*, uint64_t, void* self) {
+    auto& loop = *static_cast<Loop*>(self);
+    return loop.guarded([&] { loop.handleIdle(); });
+  }
   static int onSignal(sd_event_source*, const signalfd_siginfo* info, void* self) {
     auto& loop = *static_cast<Loop*>(self);
     return loop.guarded([&] { loop.handleSignal(static_cast<int>(info->ssi_signo)); });
   }
 
-  /// Reads what was notified. \return false when some of it was lost.
+  /// Reads notifications. \return false when some were lost.
   bool readInput(size_t most = kMessagesATurn) {
     return notifications_.read(most,
                                [this](const Linux::Change& change) { router_->apply(change); });
@@ -304,14 +351,14 @@ class Service::Loop {
     afterTurn();
   }
 
-  /// Reads all of the kernel's state. When a change came in between that spoils it, another attempt
-  /// is made a little later.
+  /// Reads all of the kernel's state. If the dump failed or was interrupted by changes, it is
+  /// repeated a little later.
   void synchronise() {
     router_->beginDump();
     ::sd_notify(0, ("STATUS=" + std::string(phaseName(router_->phase()))).c_str());
     writeStatus();
     const bool isWhole = readAll();
-    // A dump of a large kernel takes long.
+    // A dump of many objects takes long.
     ::sd_notify(0, "WATCHDOG=1");
     if (!isWhole) {
       retryDelay_ = retryAt_ ? std::min(2 * retryDelay_, kLongestRetry) : kFirstRetry;
@@ -327,17 +374,18 @@ class Service::Loop {
     }
   }
 
-  /// \return false when it is to be tried again.
+  /// \return false when it must be repeated.
   bool readAll() {
     try {
       const bool isWhole =
           Linux::dumpAll([this](const Linux::Change& change) { router_->apply(change); }, warner());
-      // The notifications since the dump began come on top. They may be older than the dump, but
-      // end where the kernel is.
+      // The notifications since the beginning of the dump follow. They may repeat older states, but
+      // the last one of each object has its current state.
       return readInput(kMessagesADump) && isWhole;
     } catch (const Linux::NetlinkError& error) {
       if (!isReady_) throw;
-      log_.write(LOG_ERR, "dump", std::string("cannot read the kernel's state: ") + error.what());
+      log_.write(LOG_ERR, "dump", std::string("cannot read the kernel's state: ") + error.what(),
+                 {{"ERRNO", std::to_string(error.number())}});
       return false;
     }
   }
@@ -371,7 +419,7 @@ class Service::Loop {
     afterTurn();
   }
 
-  /// \return why the configuration stays as it was; empty when it does not.
+  /// Reads the configuration again. \return the error that kept the former one; empty on success.
   std::string reload() {
     std::string why;
     const auto now = std::to_string(static_cast<uint64_t>(monotonicSeconds() * 1e6));
@@ -381,7 +429,7 @@ class Service::Loop {
       if (!options_.isDryRun) locks_.claim(config);
       log_.setLevel(config.logLevel);
       router_->reload(config);
-      // Tables that are ours from now on may hold routes of a former process.
+      // New output tables may hold routes of a former process.
       synchronise();
       log_.write(LOG_NOTICE, "reload", "the configuration was read again");
     } catch (const std::exception& error) {
@@ -392,7 +440,7 @@ class Service::Loop {
     return why;
   }
 
-  /// After each turn: the recording, the status, and the time of the next turn.
+  /// Completes a turn: writes the recording and the status, and sets the time of the next turn.
   void afterTurn() {
     recorder_.endTurn();
     if (controlSocket_) controlSocket_->pump();
@@ -424,7 +472,9 @@ class Service::Loop {
     ::sd_notify(0, ("STATUS=" + statusLine_).c_str());
     const auto path = router_->config().runDir + "/status.json";
     if (!replaceFile(path, status(*router_, processStatus()).dump(2) + "\n")) {
-      log_.write(LOG_WARNING, "status", path + ": " + std::strerror(errno));
+      const int error = errno;
+      log_.write(LOG_WARNING, "status", path + ": " + std::strerror(error),
+                 {{"ERRNO", std::to_string(error)}});
     }
   }
 
@@ -432,7 +482,7 @@ class Service::Loop {
   Log& log_;
   PrintingChannel printer_;
   NoLog noLog_;
-  Linux::RequestSocket writer_;  // of routes: another thread may be using it
+  Linux::RequestSocket writer_;  // of routes; another thread may use it
   Linux::RequestSocket prober_;
   Linux::NotificationSocket notifications_;
   Recorder recorder_;
@@ -451,6 +501,8 @@ class Service::Loop {
   EventSource input_;
   EventSource written_;
   EventSource timer_;
+  EventSource idle_;
+  uint64_t idlePeriod_ = 0;  // in microseconds
   bool isReady_ = false;
   std::optional<double> retryAt_;
   double retryDelay_ = kFirstRetry;

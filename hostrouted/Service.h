@@ -12,24 +12,23 @@ namespace Hostrouted {
 
 /// Runs the daemon until a signal ends it.
 ///
-/// SIGTERM and SIGINT end it well, SIGHUP has it read its configuration again, SIGUSR1 has it write
-/// its status file now. The service manager is told when the first complete pass is through, and
-/// kept informed by the watchdog (sd_notify(3)).
+/// SIGTERM and SIGINT end it with status 0. After SIGHUP it reads its configuration again, after
+/// SIGUSR1 it writes its status file. It notifies the service manager after the first complete pass
+/// and then at the intervals of the watchdog (sd_notify(3)).
 class Service {
  public:
   struct Options {
     /// Reads the configuration again, for SIGHUP. \throws ConfigError.
     std::function<Config()> reload;
-    /// Prints what it would write to the kernel after the first complete pass, and ends.
+    /// Prints the requests of the first complete pass, does not send them, and ends.
     bool isDryRun = false;
-    /// Where the operations that the engine is given are recorded from the start; empty for
-    /// nowhere.
+    /// The file for a recording from the start on; empty for none.
     std::string recordFile;
-    std::string version;  ///< of the program, for those who ask
+    std::string version;  ///< of the program, as shown in the status
   };
 
-  /// \throws std::runtime_error when a socket, a directory or a table cannot be had: InUseError,
-  ///   Linux::NetlinkError...
+  /// \throws std::runtime_error when a socket, a directory or a table is not available: InUseError,
+  ///   Linux::NetlinkError and others.
   Service(const Config& config, Options options, Log& log);
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;

@@ -1,4 +1,4 @@
-// How the daemon is, for people and programs.
+// The daemon's status, for users and programs.
 #include "hostrouted/Status.h"
 
 #include <fcntl.h>
@@ -49,7 +49,7 @@ Json vrfsJson(const Router& router) {
   return vrfs;
 }
 
-/// The shared tables that were found damaged, or could not grow.
+/// The shared tables with damage or refusals.
 Json tablesJson() {
   Json tables = Json::array();
   for (const auto& table : Tovan::tableReports()) {

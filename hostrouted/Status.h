@@ -1,4 +1,4 @@
-// How the daemon is, for people and programs.
+// The daemon's status, for users and programs.
 #pragma once
 
 #include <chrono>
@@ -11,34 +11,32 @@
 
 namespace Hostrouted {
 
-/// What there is to say of the process beside its router.
+/// The status of the process, without its router.
 struct ProcessStatus {
   std::string version;
   int pid = 0;
   std::chrono::microseconds startedAt{0};  ///< since 1970-01-01T00:00:00Z
   int logLevel = 0;                        ///< syslog(3)
   bool advertisedIsSound = true;           ///< whether the list of advertised routes is on the disk
-  std::string recording;                   ///< the file of the recording that goes on; else empty
-  std::string recordingProblem;            ///< why the last one ended by itself; else empty
+  std::string recording;                   ///< the file of the current recording, or empty
+  std::string recordingProblem;            ///< the error that ended the last one, or empty
 };
 
-/// The daemon's state: phase, whether it is ready and why not, configuration, VRFs, counts,
-/// counters, the shared tables that were found damaged or could not grow, and the host routes that
-/// are not in the kernel as they should be, with the reason of each (at most kMostProblems of
-/// them).
+/// The daemon's state: phase, whether it is ready and why not, configuration, VRFs, numbers of
+/// objects, counters, shared tables with damage or refusals, and at most kMostProblems host routes
+/// that are not in their wanted state, with the reason of each.
 nlohmann::ordered_json status(const Router& router, const ProcessStatus& process);
-/// Why the routes may not be what they should be; nothing when all is well.
+/// The reasons why routes may be wrong or missing; nothing if there are none.
 std::vector<std::string> warnings(const Router& router, const ProcessStatus& process);
-/// A route's problem for people: "damped", or the kernel's error.
+/// The text of a problem of a route: "damped", or the error of the kernel.
 std::string reasonOf(const Linux::KernelRoutes::Problem& problem);
 
-/// The same in one line: "ready: 12 host routes, 0 not as they should be".
+/// The status in one line: "ready: 12 host routes, 0 not as they should be".
 std::string statusLine(const Router& router);
 
 inline constexpr size_t kMostProblems = 1000;
 
-/// Writes `text` to a file so that a reader finds the former or the new one whole.
-/// \return false when it cannot be written; errno says why.
+/// Replaces a file atomically by one with `text`. \return false with errno set on failure.
 bool replaceFile(const std::string& path, const std::string& text);
 
 }  // namespace Hostrouted

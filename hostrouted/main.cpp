@@ -1,4 +1,4 @@
-// The hostrouted program: the command line over the configuration file, then the service.
+// The hostrouted program: reads the configuration and the command line, and runs the service.
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
@@ -68,7 +68,7 @@ std::vector<std::string> split(const std::string& list) {
   return parts;
 }
 
-/// The file's configuration, with what the command line says over it. \throws ConfigError.
+/// The configuration of the file, overridden by the command line. \throws ConfigError.
 Config configuration(const Arguments& arguments) {
   Config config;
   if (!arguments.file.empty()) {

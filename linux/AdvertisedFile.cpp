@@ -16,17 +16,17 @@ namespace {
 
 constexpr std::string_view kFormat = "hostroute-advertised ";
 constexpr std::string_view kHeader = "hostroute-advertised 1\n";
-/// Lines that a file may have beyond twice its keys.
+/// A file may have twice as many lines as keys, and this many more.
 constexpr size_t kSlack = 4096;
 
-/// FNV-1a, which finds a torn or overwritten line; nobody forges one.
+/// FNV-1a. It detects incomplete and overwritten lines. Protection against forgery is not needed.
 uint32_t checksum(std::string_view text) {
   uint32_t sum = 2166136261U;
   for (const char c : text) sum = (sum ^ static_cast<uint8_t>(c)) * 16777619U;
   return sum;
 }
 
-/// One line of the file, put together in one place: there is one for each route that is written.
+/// One line of the file, built without allocation: each written route causes a line.
 class Line {
  public:
   Line(char verb, const RouteKey& key) {
@@ -118,7 +118,7 @@ AdvertisedFile::~AdvertisedFile() {
 void AdvertisedFile::read() {
   fd_ = ::open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd_ < 0) {
-    // Made with the first key.
+    // The first key creates the file.
     if (errno != ENOENT) fail("open");
     isBroken_ = true;
     return;
@@ -143,7 +143,7 @@ void AdvertisedFile::read() {
   readLines(text);
 }
 
-/// Takes over what the lines say, those that are whole. A file with others is written anew.
+/// Reads the valid lines. A file with other lines is written again.
 void AdvertisedFile::readLines(std::string_view text) {
   size_ = text.size();
   bool isFirst = true;
@@ -176,7 +176,7 @@ void AdvertisedFile::readLines(std::string_view text) {
     report_(path_ + ":" + std::to_string(firstDamaged) + ": torn or damaged, passed over" +
             (damaged == 1 ? "" : ", and " + std::to_string(damaged - 1) + " more lines"));
   }
-  // The next line must not be appended to a torn one, nor to nothing.
+  // The next line must not follow an incomplete line or a missing header.
   if (damaged != 0 || size_ == 0) isBroken_ = true;
 }
 
@@ -217,7 +217,7 @@ void AdvertisedFile::commit() {
   const bool isLong = lines_ + pendingLines_ > 2 * live_.size() + kSlack;
   const bool mayRewrite = std::chrono::steady_clock::now() >= retryAt_;
   const bool isRewritten = (isBroken_ || isLong) && mayRewrite && rewrite();
-  // What a broken file lacks is in live_, and comes with the next that is written.
+  // live_ has the notes that a broken file lacks. The next file contains them.
   if (!isRewritten && !isBroken_ && !append()) isBroken_ = true;
   pending_.clear();
   pendingLines_ = 0;
@@ -241,7 +241,7 @@ bool AdvertisedFile::append() {
   return true;
 }
 
-/// Writes a file of the keys alone beside the old one, and puts it in its place.
+/// Writes a new file with one line for each key, and replaces the old file.
 bool AdvertisedFile::rewrite() {
   std::string text(kHeader);
   for (const auto& [key, metric] : live_) appendAddition(text, key, metric);
@@ -269,7 +269,7 @@ bool AdvertisedFile::rewrite() {
   return true;
 }
 
-/// Tells an error of the system, once until it is over.
+/// Reports an error of the system, once until a success.
 void AdvertisedFile::fail(const char* call) {
   const int error = errno;
   retryAt_ = std::chrono::steady_clock::now() + retryAfter_;

@@ -1,4 +1,4 @@
-// The prefixes that other routers may have been told of, in a file.
+// The advertised routes, in a file.
 #pragma once
 
 #include <chrono>
@@ -13,21 +13,19 @@
 
 namespace Linux {
 
-/// An AdvertisedLog in a file to which lines are appended: what it holds when the process dies, at
-/// whatever moment, is what was added before the last commit(), and perhaps some of what came
-/// later.
+/// An AdvertisedLog in a file to which lines are appended. Whenever the process dies, the file has
+/// all notes of the last commit(), and perhaps some later ones.
 ///
-/// The first line names the format and its version. Each other one adds a key with its metric or
-/// removes one, and ends with a checksum of itself:
+/// The first line names the format and its version. Each other line adds a key with its metric or
+/// removes a key, and ends with its checksum:
 ///
 ///     hostroute-advertised 1
 ///     + 10 10.0.0.5/32 20 5f3c0a11
 ///     - 10 10.0.0.5/32 9b02d7e4
 ///
-/// A file with many more lines than keys is written anew beside the old one and takes its place.
-/// Nothing waits for the disk: a machine that loses power has lost its routes, too. A file that
-/// cannot be written is no reason to stop; it is tried again, and written whole, with a later
-/// commit().
+/// A file with many more lines than keys is replaced by a new file. Nothing waits for the disk: a
+/// machine that loses power loses its routes, too. If the file cannot be written, the daemon
+/// continues, and a later commit() writes the whole file.
 class AdvertisedFile final : public AdvertisedLog {
  public:
   using Report = std::function<void(const std::string& problem)>;
@@ -38,11 +36,11 @@ class AdvertisedFile final : public AdvertisedLog {
     friend bool operator==(const Route&, const Route&) = default;
   };
 
-  /// Reads the file at `path`, if there is one.
+  /// Reads the file at `path`, if it exists.
   ///
-  /// \param report      told what is wrong with the file: lines that were passed over, errors of
-  ///                    the system, the end of such an error.
-  /// \param retryAfter  the least time between two attempts at a file that cannot be written.
+  /// \param report      receives the problems of the file: lines that were skipped, errors of the
+  ///                    system, and the end of such an error.
+  /// \param retryAfter  the least time between two attempts to write, after an error.
   AdvertisedFile(std::string path, Report report,
                  std::chrono::milliseconds retryAfter = std::chrono::seconds(1));
   AdvertisedFile(const AdvertisedFile&) = delete;
@@ -53,11 +51,11 @@ class AdvertisedFile final : public AdvertisedLog {
   void remove(const RouteKey& key) override;
   void commit() override;
 
-  /// What was added and not removed, in no order.
+  /// The keys that were added and not removed, in no order.
   std::vector<Route> keys() const;
-  /// Whether the file lacks something, so that commit() should be called again in a while.
+  /// Whether notes are missing in the file, so that commit() should be called again later.
   bool isBehind() const { return isBroken_ && !live_.empty(); }
-  /// Whether the file holds all that was committed.
+  /// Whether the file holds all committed notes.
   bool isSound() const { return !isBroken_; }
   /// Whether the last attempt to write it has failed.
   bool hasFailed() const { return isReported_; }
@@ -79,8 +77,8 @@ class AdvertisedFile final : public AdvertisedLog {
   size_t lines_ = 0;  // in the file
   size_t size_ = 0;   // of the file, in bytes
   int fd_ = -1;
-  bool isBroken_ = false;    // the file lacks something
-  bool isReported_ = false;  // and that was told
+  bool isBroken_ = false;    // notes are missing in the file
+  bool isReported_ = false;  // and the error was reported
   std::chrono::steady_clock::time_point retryAt_;
 };
 

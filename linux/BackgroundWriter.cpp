@@ -63,7 +63,7 @@ RouteBatch* BackgroundWriter::await() {
 void BackgroundWriter::release() {
   const std::lock_guard lock(mutex_);
   if (++released_ < submissions_) return;
-  // A route now and then goes by memory that is in a cache still.
+  // An idle writer starts again with the first batch, whose memory is still in a cache.
   released_ = submissions_ = completions_ = 0;
 }
 
@@ -72,7 +72,7 @@ void BackgroundWriter::acknowledge() {
   ::eventfd_read(fd_, &count);
 }
 
-/// Begins the thread. It takes no signals: these are for the event loop.
+/// Starts the thread. It blocks all signals, because the event loop handles them.
 void BackgroundWriter::start() {
   sigset_t all;
   sigset_t before;
@@ -96,7 +96,7 @@ void BackgroundWriter::run() {
     try {
       batch.performOn(channel_);
     } catch (const std::bad_alloc&) {
-      batch.resultsAre(ENOMEM);  // some were perhaps carried out: they are tried again
+      batch.resultsAre(ENOMEM);  // some requests may have been carried out; all are retried
     }
     lock.lock();
     ++completions_;

@@ -12,30 +12,28 @@
 
 namespace Linux {
 
-/// Carries batches out through a channel while its user goes on.
+/// Carries out batches in a second thread.
 ///
-/// The kernel does the work of a batch within the call that sends it. With many routes that is half
-/// of all the time, which a thread spends here while the user decides on the next ones. A batch of
-/// few requests is carried out by the user's thread in submit(), as long as nothing else is under
-/// way: to wake another thread takes longer. So the channel is used by two threads, but never at
-/// the same time. The thread begins with the first batch that is for it; where the system allows
-/// none, submit() does all.
+/// The kernel does the work of a batch within the call that sends it. With many routes this is half
+/// of the whole time. The second thread makes these calls while the user prepares the next batches.
+/// submit() carries out a small batch itself when no other batch is under way, because waking a
+/// thread takes longer. So both threads use the channel, but never at the same time. The first
+/// large batch starts the thread. If the system refuses a thread, submit() carries out all batches.
 ///
-/// But for the thread's own part, all is for one thread. A process that is forked from this one
-/// must not use or destroy it.
+/// All methods are for the user's thread only. A forked child must not use or destroy the writer.
 class BackgroundWriter final : public RouteWriter {
  public:
-  /// Batches that may be under way.
+  /// The most batches that are under way at once.
   static constexpr size_t kBatches = 16;
-  /// All batches are carried out by submit().
+  /// A value of mostDirect: submit() carries out all batches.
   static constexpr size_t kNoThread = SIZE_MAX;
 
-  /// \param mostDirect  requests of a batch that submit() may carry out itself.
-  /// \throws std::system_error when there are no more file descriptors.
+  /// \param mostDirect  submit() carries out batches of at most this many requests itself.
+  /// \throws std::system_error when no file descriptor is left.
   BackgroundWriter(RouteChannel& channel, size_t mostDirect);
   BackgroundWriter(const BackgroundWriter&) = delete;
   BackgroundWriter& operator=(const BackgroundWriter&) = delete;
-  /// Carries out what was submitted.
+  /// Carries out all submitted batches.
   ~BackgroundWriter() override;
 
   RouteBatch* vacant() override;
@@ -44,7 +42,7 @@ class BackgroundWriter final : public RouteWriter {
   RouteBatch* await() override;
   void release() override;
 
-  /// Is readable when the thread has carried out a batch since the last acknowledge().
+  /// Readable when the thread has carried out a batch since the last acknowledge().
   int fd() const { return fd_; }
   void acknowledge();
 

@@ -11,7 +11,7 @@
 
 namespace Linux {
 
-/// Ids for FECs, the smallest free one first.
+/// Assigns ids to FECs, the smallest free one first.
 class FecIds {
  public:
   uint32_t take() {
@@ -25,22 +25,22 @@ class FecIds {
   uint32_t last_ = 0;
 };
 
-/// The FECs of one family, one for each list of vias, as long as a route uses it.
+/// The FECs of one family: one for each list of vias that a route uses.
 template <class F>
 class Fecs {
  public:
   using Via = typename F::Via;
   struct Use {
     uint32_t id = 0;
-    uint32_t routes = 0;  ///< how many use it
+    uint32_t routes = 0;  ///< that use it
   };
   /// A FEC stays where it is until sweep() removes it.
   using Fec = std::pair<const std::vector<Via>, Use>;
 
   explicit Fecs(FecIds& ids) : ids_(ids) {}
 
-  /// Counts one more route that uses the FEC of these vias, null for a route without any.
-  /// \param told  called with the operation that makes the FEC where it is new.
+  /// Counts one more route that uses the FEC of these vias. \return null for a route without vias.
+  /// \param told  receives the operation that creates a new FEC.
   template <class Output>
   Fec* acquire(std::vector<Via> vias, const Output& told) {
     if (vias.empty()) return nullptr;
@@ -55,11 +55,11 @@ class Fecs {
   void release(Fec* fec) {
     if (fec != nullptr && --fec->second.routes == 0) unused_.push_back(fec);
   }
-  /// Removes the FECs that no route uses; their ids are free from here on.
+  /// Removes the FECs that no route uses, and frees their ids.
   template <class Output>
   void sweep(const Output& told) {
     for (Fec* fec : unused_) {
-      // One that was used again, and was then given up again, is listed twice.
+      // A FEC that was used and released again is listed twice.
       if (fec->second.routes != 0 || fec->second.id == 0) continue;
       told(Daemon::SetFec<F>{typename F::Fec(fec->second.id), false});
       ids_.giveBack(std::exchange(fec->second.id, 0));

@@ -1,10 +1,11 @@
-// Interfaces, addresses and neighbours of the feed, and the order of it all.
+// Interfaces, addresses and neighbours of the feed, and the order of its steps.
 #include "linux/Feed.h"
 
 #include <fnmatch.h>
 
 #include <algorithm>
 #include <array>
+#include <bit>
 
 #include "linux/FeedWork.h"
 #include "linux/Kinds.h"
@@ -21,7 +22,7 @@ using Daemon::Switch;
 using About = FeedWarning::About;
 
 constexpr const char* kVrfKind = "vrf";
-/// The shorter of what a switch takes for an interface and for a VRF, with room for a prefix.
+/// The longest name that a switch accepts for interfaces and for VRFs, minus room for a prefix.
 constexpr size_t kMaxNameBytes = 90;
 
 /// Whether an interface has the MAC of a virtual router (RFC 9568, section 7.3).
@@ -37,7 +38,7 @@ bool isLoopback(const Zemit::IpAddr& addr) {
 bool isLoopback(const Zemit::Ip6Addr& addr) {
   return addr == Zemit::Ip6Addr{0, 1};
 }
-/// Multicast, and for IPv4 what is reserved behind it up to the broadcast address.
+/// Multicast, and for IPv4 also the reserved addresses up to the broadcast address.
 bool isMulticast(const Zemit::IpAddr& addr) {
   return addr.value() >> 29 == 7;
 }
@@ -81,7 +82,7 @@ bool isSelected(const std::vector<std::string>& patterns, const std::string& nam
 }
 
 std::string switchNameOf(std::string_view interface) {
-  // No Linux interface has a colon in its name.
+  // The name of a Linux interface has no colon.
   return (interface.starts_with("Management") ? "linux:" : "") + std::string(interface);
 }
 
@@ -156,10 +157,10 @@ void Feed::Work::setWarningSink(std::function<void(const FeedWarning&)> sink, bo
   tellsPassing_ = tellsPassing;
 }
 
-void Feed::Work::warn(FeedWarning::About about, bool passes, const TextMaker& text) {
+void Feed::Work::warn(FeedWarning warning, bool passes, const TextMaker& text) {
   if (!sink_ || (passes && !tellsPassing_)) return;
   constexpr size_t kMaxRemembered = 1 << 16;
-  FeedWarning warning{about, text()};
+  warning.text = text();
   if (warned_.size() >= kMaxRemembered) warned_.clear();
   if (warned_.insert(std::hash<std::string>()(warning.text)).second) sink_(warning);
 }
@@ -181,7 +182,7 @@ void Feed::Work::onLink(LinkIndex index) {
 void Feed::Work::onAddress(LinkIndex link, const Address& addr) {
   if (everything_) return;
   markedAddresses_.insert(link);
-  // Whether a host route is that of an own address may be otherwise now.
+  // The host route of an own address is not fed.
   const auto* port = this->port(link);
   const auto* vrf = port == nullptr ? nullptr : port->role.vrf;
   if (familyOf(addr) == 6 && vrf != nullptr && vrf->table) {
@@ -221,7 +222,7 @@ void Feed::Work::flush(const Output& output, const Expect& expect) {
     mirror_.forEachLink([&](const Link& link) { markedLinks_.insert(link.index); });
   }
   if (everything_ || !markedLinks_.empty()) {
-    // What an interface is depends on its master.
+    // The role of an interface depends on its master.
     std::vector<LinkIndex> ports;
     mirror_.forEachLink([&](const Link& link) {
       if (markedLinks_.contains(link.master)) ports.push_back(link.index);
@@ -250,7 +251,7 @@ void Feed::Work::flush(const Output& output, const Expect& expect) {
   wantedAddresses_.clear();
   renamedLinks_.clear();
   changedVrfs_.clear();
-  // A burst takes its memory with it.
+  // The memory of a burst is released.
   constexpr size_t kKept = 1024;
   const auto empty = [](auto& marks) {
     marks.clear();
@@ -261,8 +262,8 @@ void Feed::Work::flush(const Output& output, const Expect& expect) {
   empty(routeKeys_);
 }
 
-/// Brings the VRFs up to date with their devices: first all that no longer are what they were, so
-/// that devices may exchange names or tables.
+/// Updates the VRFs from their devices, first those whose device changed or is gone, so that
+/// devices may exchange names or tables.
 void Feed::Work::findVrfs() {
   const auto deviceOf = [&](LinkIndex index) -> const Link* {
     const auto* link = mirror_.link(index);
@@ -301,7 +302,7 @@ void Feed::Work::findVrfs() {
 
 Feed::Work::Role Feed::Work::roleOf(const Link& link) {
   if (!isUtf8(link.name) || link.name.empty() || link.name.size() > kMaxNameBytes) {
-    warn(About::Links, false, [&] {
+    warn({.about = About::Links, .link = link.index}, false, [&] {
       return "interface " + std::to_string(link.index) + " left out: " +
              (isUtf8(link.name) ? "a switch has no interface with a name of " +
                                       std::to_string(link.name.size()) + " bytes"
@@ -309,7 +310,7 @@ Feed::Work::Role Feed::Work::roleOf(const Link& link) {
     });
     return {};
   }
-  // A port of a bridge or a bond has no layer 3 of its own.
+  // A port of a bridge or a bond has no layer 3.
   const auto owner = vrfByDevice_.find(link.kind == kVrfKind ? link.index : link.master);
   Vrf* vrf = owner != vrfByDevice_.end() ? owner->second : nullptr;
   if (vrf == nullptr && link.master == 0 && link.kind != kVrfKind) vrf = &vrfs_.front();
@@ -366,7 +367,7 @@ void Feed::Work::findAddresses() {
   }
 }
 
-/// What addresses of an interface count, the primary one first.
+/// The addresses of an interface that count, the primary one first.
 std::vector<Feed::Work::ToldAddress> Feed::Work::addressesOf(const Link& link, Port& port) {
   const bool isVrrp = options_.recognisesVrrp && hasVrrpMac(link);
   std::vector<ToldAddress> addresses;
@@ -389,19 +390,19 @@ std::vector<Feed::Work::ToldAddress> Feed::Work::addressesOf(const Link& link, P
       addresses.push_back({address.addr, address.len, address.isSecondary});
       return;
     }
-    warn(About::Addresses, !address.isDuplicate, [&] {
+    warn({.about = About::Addresses, .link = link.index}, !address.isDuplicate, [&] {
       return printable(link.name) + ": an address left out: " + toString(address.addr) + objection;
     });
   });
   std::ranges::sort(addresses, {}, [](const ToldAddress& a) {
     return std::tuple(familyOf(a.addr), a.isSecondary, a.addr, a.len);
   });
-  // The same address may be there once for each peer.
+  // The same address may occur once for each peer.
   const auto isRepeated = [](const auto& a, const auto& b) {
     return a.addr == b.addr && a.len == b.len;
   };
   addresses.erase(std::unique(addresses.begin(), addresses.end(), isRepeated), addresses.end());
-  // Linux counts a primary address for each subnet, a switch one for the interface.
+  // Linux has a primary address for each subnet, a switch one for the interface.
   for (size_t i = 0; i < addresses.size(); ++i) {
     addresses[i].isSecondary = i != 0 && familyOf(addresses[i].addr) == 4;
   }
@@ -428,7 +429,7 @@ NeighborVerdict Feed::Work::verdictOn(const Neighbor& neighbor) const {
   return verdictOn(neighbor, found == ports_.end() ? Role() : found->second.role);
 }
 
-/// The MAC that the neighbour is to be told with; nothing when it does not count.
+/// The MAC of a neighbour for the switch; nothing when it does not count.
 template <class F>
 std::optional<Zemit::EthAddr> Feed::Work::wantedMac(const Port& port, LinkIndex link,
                                                     const typename F::Addr& addr) {
@@ -438,7 +439,8 @@ std::optional<Zemit::EthAddr> Feed::Work::wantedMac(const Port& port, LinkIndex 
   if (verdict == NeighborVerdict::Fed) return neighbor->mac;
   if (verdict == NeighborVerdict::NoLayer3) {
     if (const auto* at = mirror_.link(link)) {
-      warn(About::Neighbors, false, [&] {
+      const auto host = hostPrefix(addr);
+      warn({.about = About::Neighbors, .link = link, .prefix = host}, false, [&] {
         return Zemit::toString(addr) + " left out: \"" + printable(at->name) +
                "\" is no layer-3 interface here";
       });
@@ -447,7 +449,7 @@ std::optional<Zemit::EthAddr> Feed::Work::wantedMac(const Port& port, LinkIndex 
   return std::nullopt;
 }
 
-/// Takes the neighbours away that are gone; of those marked, leaves the ones to be told.
+/// Withdraws the neighbours that are gone. The marked neighbours that are left are those to tell.
 void Feed::Work::withdrawNeighbors(const Output& output) {
   for (const LinkIndex index : markedLinks_) {
     Port& port = ports_[index];
@@ -517,7 +519,8 @@ void Feed::Work::withdrawInterfaces(const Output& output) {
   for (const auto& [index, addresses] : wantedAddresses_) {
     const auto& wanted = addresses;
     Port& port = ports_[index];
-    if (port.vrf == nullptr || !port.isToldAs(port.role)) continue;  // goes with the interface
+    if (port.vrf == nullptr || !port.isToldAs(port.role))
+      continue;  // the interface takes them with it
     std::erase_if(port.addresses, [&](const ToldAddress& told) {
       if (std::ranges::find(wanted, told) != wanted.end()) return false;
       output(operationOf(port.intf, told, false));
@@ -573,7 +576,33 @@ void Feed::Work::tellInterfaces(const Output& output) {
   }
 }
 
+/// Moves the marked neighbours whose address is marked several times to the front, sorted by
+/// address.
+void Feed::Work::gatherSharedAddresses() {
+  if (markedNeighbors_.size() < 2) return;
+  // One bit for each hash. Two addresses that share a bit are moved, too, which does no harm.
+  constexpr size_t kBitsPerAddress = 32;
+  const size_t bits = std::bit_ceil(markedNeighbors_.size() * kBitsPerAddress);
+  std::vector<bool> seen(bits), repeated(bits);
+  bool areAnyShared = false;
+  for (const auto& mark : markedNeighbors_) {
+    const size_t bit = hashOf(mark.addr) & (bits - 1);
+    if (seen[bit]) {
+      repeated[bit] = true;
+      areAnyShared = true;
+    }
+    seen[bit] = true;
+  }
+  if (!areAnyShared) return;
+  const auto rest = std::stable_partition(
+      markedNeighbors_.begin(), markedNeighbors_.end(),
+      [&](const auto& mark) { return repeated[hashOf(mark.addr) & (bits - 1)]; });
+  std::stable_sort(markedNeighbors_.begin(), rest,
+                   [](const auto& a, const auto& b) { return a.addr < b.addr; });
+}
+
 void Feed::Work::tellNeighbors(const Output& output, const Expect& expect) {
+  gatherSharedAddresses();
   for (const LinkIndex index : markedLinks_) {
     Port* port = this->port(index);
     if (port == nullptr || !port->role.resolves || port->hasTable) continue;

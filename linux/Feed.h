@@ -1,4 +1,4 @@
-// Turns what the kernel has into what a switch is told.
+// Turns the kernel's state into the inputs of a switch.
 #pragma once
 
 #include <functional>
@@ -13,14 +13,14 @@
 
 namespace Linux {
 
-/// What the feed takes from the kernel, and what it adds to it.
+/// Which objects of the kernel are fed, and which inputs are added.
 struct FeedOptions {
-  /// Interfaces whose neighbours are fed: shell patterns ("swp*"), a leading "!" takes away what an
-  /// earlier one selected. A list that is empty or begins with a "!" starts with every interface.
-  /// A loopback has no neighbours.
+  /// The interfaces whose neighbours are fed: shell patterns ("swp*"). A pattern with a leading "!"
+  /// removes interfaces that earlier patterns selected. A list that is empty or begins with a "!"
+  /// starts with all interfaces. A loopback has no neighbours.
   std::vector<std::string> interfaces;
-  /// Protocol numbers whose host routes are not fed: other daemons', which advertise where a host
-  /// was. A covering route of any protocol is fed.
+  /// The protocol numbers whose host routes are not fed: those of routing daemons, which advertise
+  /// a former place of a host. Covering routes of all protocols are fed.
   std::set<uint8_t> ignoredHostRouteProtocols;
   /// A prefix that is fed as a connected route over interfaces, in place of the kernel's route.
   struct Cover {
@@ -42,11 +42,11 @@ struct FeedOptions {
   /// Whether addresses on VRRP interfaces (macvlan with a MAC of 00:00:5e:00:01:xx or
   /// 00:00:5e:00:02:xx, RFC 9568) are virtual.
   bool recognisesVrrp = true;
-  /// Whether an interface whose name begins with "Management" is a management port, which a switch
-  /// gives no host routes. Linux names say nothing of the kind by themselves.
+  /// Whether an interface whose name begins with "Management" is a management port. A switch has no
+  /// host routes for these. On Linux, names have no such meaning by default.
   bool hasManagementPorts = false;
-  /// Whether a VRF is told to be initialized and ready before its neighbours are told, and not
-  /// after them. The switch ends alike, and takes 100,000 neighbours in half the time.
+  /// Whether a VRF becomes initialized and ready before its neighbours are fed, and not after them.
+  /// The result is the same, and 100,000 neighbours take half the time.
   bool readyBeforeNeighbors = false;
 
   friend bool operator==(const FeedOptions&, const FeedOptions&) = default;
@@ -55,49 +55,53 @@ struct FeedOptions {
 /// Whether an interface name is selected by a list of patterns as in FeedOptions::interfaces.
 bool isSelected(const std::vector<std::string>& patterns, const std::string& name);
 
-/// What a switch calls an interface of this name that is no management port: by a name that does
-/// not say so. "Management0" becomes "linux:Management0", which no Linux interface can be called.
+/// The name in a switch of an interface that is not a management port. "Management0" becomes
+/// "linux:Management0", which cannot be the name of a Linux interface.
 std::string switchNameOf(std::string_view interface);
-/// What a switch calls the VRF of a VRF device. That is another name for a device called "default":
-/// it is not the VRF of the table main.
+/// The name in a switch of the VRF of a VRF device. A device called "default" gets another name,
+/// because its VRF is not that of the table main.
 std::string switchVrfOf(std::string_view device);
 
-/// Whether a neighbour entry of the kernel's is fed, or why not.
+/// Whether a neighbour entry of the kernel is fed, or the reason why not.
 enum class NeighborVerdict : uint8_t {
   Fed,
-  NotUsable,     ///< its state says that no host is there (INCOMPLETE, FAILED, NOARP)
+  NotUsable,     ///< its state means that no host is there (INCOMPLETE, FAILED, NOARP)
   Proxy,         ///< this machine answers for the host
-  ControlPlane,  ///< another program put it there (extern_learn)
+  ControlPlane,  ///< another program added it (extern_learn)
   Loopback,
   Multicast,
   LinkLocal,
-  NoLayer3,     ///< its interface is a port of a bridge or a bond, or not known
-  NotSelected,  ///< its interface is not among those of the configuration
+  NoLayer3,     ///< its interface is a port of a bridge or a bond, or unknown
+  NotSelected,  ///< the configuration does not select its interface
 };
 inline constexpr size_t kNeighborVerdicts = 9;
-/// In the words of people: "fed", "interface not selected".
+/// A text for users: "fed", "interface not selected".
 const char* toString(NeighborVerdict verdict);
 
-/// Something of the kernel's that cannot be fed as it is.
+/// An object of the kernel that cannot be fed, or only in part.
 struct FeedWarning {
   enum class About : uint8_t { Links, Addresses, Neighbors, Routes4, Routes6 };
   About about = About::Links;
-  std::string text;  ///< the object, and what becomes of it: "10.0.0.0/8 left out: ..."
+  std::string text = {};  ///< the object and the problem: "10.0.0.0/8 left out: ..."
+  // The object, if it has these.
+  LinkIndex link = 0;
+  std::optional<Prefix> prefix = {};  ///< of a route, or of a neighbour's address alone
+  TableId table = 0;
 
-  // NOLINTNEXTLINE(google-explicit-constructor): who wants the text only takes a string
+  // NOLINTNEXTLINE(google-explicit-constructor): a sink may take the text only
   operator const std::string&() const { return text; }
 };
 
-/// Which VRF an interface is in, which neighbours count, which of several routes is used and how
-/// FECs are numbered: decided for a switch, by what a mirror holds.
+/// Decides from the contents of a mirror which VRF an interface is in, which neighbours count,
+/// which of several routes is used, and which FECs there are.
 ///
-/// Notes what the mirror reports and hands out, at each flush(), the operations that bring a switch
-/// from what it was told before to what the mirror holds now, in an order in which each can be
-/// applied. The FEC of an id keeps its vias while a route uses it. Does no I/O.
+/// Collects the changes of the mirror. flush() hands out the operations that update a switch from
+/// its former inputs to the present ones, in an order in which each can be applied. The FEC of an
+/// id keeps its vias while a route uses it. Does no I/O.
 class Feed final {
  public:
   using Output = std::function<void(const Daemon::Operation&)>;
-  /// Told of a neighbour some operations before it is handed out.
+  /// Receives a neighbour a few operations before it is handed out.
   using Expect = std::function<void(Zemit::IntfId, const Address&)>;
 
   /// Observes `mirror`, which outlives it.
@@ -106,29 +110,30 @@ class Feed final {
   Feed& operator=(const Feed&) = delete;
   ~Feed();
 
-  /// Hands out what changed since the last time. Everything at the first one, sorted: the same
-  /// state gives the same operations, in whatever order the kernel told it.
+  /// Hands out the changes since the last time. The first flush hands out everything, sorted, so
+  /// that the same state gives the same operations in each order of the kernel's messages.
+  /// Neighbours with the same address on several interfaces follow one another.
   void flush(const Output& output, const Expect& expect = {});
-  /// The kernel's state is complete: VRFs that appear from now on (and those there are) get
-  /// initialized and ready, at the next flush().
+  /// The kernel's state is complete: from the next flush() on, all VRFs become initialized and
+  /// ready.
   void setComplete();
-  /// Takes other options; the next flush() hands out what differs by them.
+  /// Takes other options. The next flush() hands out the differences.
   void setOptions(FeedOptions options);
-  /// Hands out all that a switch was told, as if it was new: the beginning of a recording.
+  /// Hands out all present inputs of the switch as new ones, for the beginning of a recording.
   void snapshot(const Output& output) const;
 
-  /// Told of objects that cannot be fed and why, each once.
-  /// \param tellsPassing  whether also of what passes by itself: a port without a carrier, an
-  ///   address that is not yet known to be unique.
+  /// Sets the receiver of warnings. Each warning is sent once.
+  /// \param tellsPassing  whether to send also warnings about temporary states: a port without a
+  ///   carrier, an address during duplicate address detection.
   void setWarningSink(std::function<void(const FeedWarning&)> sink, bool tellsPassing = false);
 
-  /// The VRF of an interface by its kernel number, or empty when a switch was not told of it: it
-  /// has no layer 3.
+  /// The VRF of an interface by its kernel number; empty for an interface that is not fed, because
+  /// it has no layer 3.
   std::string vrfOf(LinkIndex link) const;
-  /// Whether the neighbour is fed by the present options. Of an interface that changed since the
-  /// last flush(), it tells what was decided there.
+  /// Whether the neighbour is fed with the present options. Changes of its interface count from the
+  /// next flush() on.
   NeighborVerdict verdictOn(const Neighbor& neighbor) const;
-  /// The interface by what a switch was told; 0 when there is none.
+  /// The kernel number of an interface of the switch; 0 if there is none.
   LinkIndex linkOf(Zemit::IntfId intf) const;
 
  private:

@@ -1,4 +1,4 @@
-// Routes and FECs of the feed: which of the kernel's routes a switch is told, and as what.
+// Routes and FECs of the feed: which of the kernel's routes are fed, and with which type.
 #include <algorithm>
 #include <array>
 
@@ -14,7 +14,7 @@ using Daemon::Ipv4;
 using Daemon::Ipv6;
 using About = FeedWarning::About;
 
-/// As many vias as a machine reads of a FEC.
+/// The most vias of a FEC.
 constexpr size_t kMaxVias = Tovan::Fib::ViaIndex::max + 1;
 
 /// The route types of a routing protocol's routes.
@@ -53,7 +53,7 @@ typename F::RouteType routeType(const Route& route, const std::vector<NextHop>& 
   }
 }
 
-/// Loopback, multicast and what is reserved, and prefixes that belong to one link.
+/// Loopback, multicast and reserved prefixes, and those of one link.
 bool isNobodys(const Zemit::Prefix& prefix) {
   const uint32_t first = prefix.addr().value();
   return (first >> 24 == 127 && prefix.len() >= 8) || (first >> 29 == 7 && prefix.len() >= 3) ||
@@ -64,7 +64,7 @@ bool isNobodys(const Zemit::Ip6Prefix& prefix) {
          Zemit::Ip6Prefix({uint64_t{0xFF} << 56, 0}, 8).contains(prefix);
 }
 
-/// How a warning calls a route: as `ip` does.
+/// The name of a route in a warning, as in `ip`.
 std::string nameOf(const Prefix& prefix) {
   return std::visit(
       []<class Addr>(const Zemit::BasicPrefix<Addr>& p) {
@@ -74,13 +74,16 @@ std::string nameOf(const Prefix& prefix) {
       prefix);
 }
 
-About aboutOf(const Prefix& prefix) {
-  return familyOf(prefix) == 4 ? About::Routes4 : About::Routes6;
+/// A warning about a route, without its text.
+FeedWarning warningOf(const Route& route) {
+  return {.about = familyOf(route.prefix) == 4 ? About::Routes4 : About::Routes6,
+          .prefix = route.prefix,
+          .table = route.table};
 }
 
 }  // namespace
 
-/// Notes the marked routes by VRF, each VRF's in the order of its prefixes where all are looked at.
+/// Collects the marked routes by VRF; when everything is marked, sorted by VRF and prefix.
 void Feed::Work::findRouteKeys() {
   const auto note = [&](TableId table, const Prefix& prefix) {
     const auto [begin, end] = vrfsByTable_.equal_range(table);
@@ -123,12 +126,12 @@ void Feed::Work::findRouteKeys() {
   routeKeys_.erase(std::unique(routeKeys_.begin(), routeKeys_.end()), routeKeys_.end());
 }
 
-/// What the administrator adds to the table local: it is told, because no address shows it.
+/// Warns of routes that an administrator added to the table local, because no address shows them.
 void Feed::Work::warnOfLocalRoutes(const Prefix& prefix) {
   for (const Route& route : mirror_.routes(RT_TABLE_LOCAL, prefix)) {
     if (isSilentlyIgnored(route)) continue;
     if (route.type != RTN_LOCAL && route.protocol == RTPROT_KERNEL) continue;
-    warn(aboutOf(prefix), false, [&] {
+    warn(warningOf(route), false, [&] {
       const std::string objection = objectionTo(route);
       return nameOf(prefix) +
              " left out: " + (objection.empty() ? "it stands in the table local" : objection);
@@ -136,8 +139,8 @@ void Feed::Work::warnOfLocalRoutes(const Prefix& prefix) {
   }
 }
 
-/// Whether a route follows from addresses, belongs to one link, or is another daemon's word on a
-/// host.
+/// Whether a route follows from addresses, belongs to one link, or is a host route of a routing
+/// daemon.
 bool Feed::Work::isSilentlyIgnored(const Route& route) const {
   const bool isKernels = route.protocol == RTPROT_KERNEL;
   switch (route.type) {
@@ -154,7 +157,7 @@ bool Feed::Work::isSilentlyIgnored(const Route& route) const {
   if (std::visit([](const auto& prefix) { return isNobodys(prefix); }, route.prefix)) return true;
   if (!isHost(route.prefix)) return false;
   if (options_.ignoredHostRouteProtocols.contains(route.protocol)) return true;
-  // The kernel has a host route in the table main for each own IPv6 address.
+  // The table main has a host route for each own IPv6 address.
   const auto* prefix6 = std::get_if<Zemit::Ip6Prefix>(&route.prefix);
   return isKernels && prefix6 != nullptr &&
          std::ranges::any_of(route.hops, [&](const NextHop& hop) {
@@ -162,7 +165,7 @@ bool Feed::Work::isSilentlyIgnored(const Route& route) const {
          });
 }
 
-/// Why a route cannot be told; empty when it can.
+/// The reason why a route cannot be fed; empty if it can.
 std::string Feed::Work::objectionTo(const Route& route) const {
   if (route.tos != 0) return "it is for one type of service only";
   if (route.hasSource) return "it is for one range of source addresses only";
@@ -184,14 +187,13 @@ std::string Feed::Work::objectionTo(const Route& route) const {
          " forwards nothing";
 }
 
-/// Why a route that names a nexthop object has no next hop; empty where the object drops what it is
-/// given.
+/// The reason why a route with a nexthop object has no next hop; empty if the object drops packets.
 std::string Feed::Work::missingNexthop(uint32_t id, int depth) const {
   if (id == 0) return "it has no next hop";
   const auto* object = mirror_.nexthop(id);
   if (object == nullptr) return "there is no nexthop object " + std::to_string(id);
   if (object->isBlackhole) return {};
-  // A route refers to a group and the group to next hops; the kernel has nothing deeper.
+  // A route refers to a group, and the group to next hops. Deeper groups do not exist.
   if (depth > 1) return "its nexthop objects refer to each other";
   for (const auto& [member, weight] : object->group) {
     if (auto why = missingNexthop(member, depth + 1); !why.empty()) return why;
@@ -199,7 +201,7 @@ std::string Feed::Work::missingNexthop(uint32_t id, int depth) const {
   return "it has no next hop";
 }
 
-/// Why nothing is directly connected over a next hop, nor can it be a gateway; empty when it can.
+/// The reason why a next hop cannot be fed; empty if it can.
 std::string Feed::Work::objectionTo(const NextHop& hop, bool& passes) {
   passes = false;
   if (hop.isTunnelled) return "its next hop is the end of a tunnel (encap)";
@@ -217,13 +219,13 @@ std::string Feed::Work::objectionTo(const NextHop& hop, bool& passes) {
   return {};
 }
 
-/// The vias of a route's next hops, sorted by interface name and address, each once. One that
-/// cannot be told is left out with a warning.
+/// The vias of a route, sorted by interface name and address, without repetition. A next hop that
+/// cannot be fed is left out with a warning.
 template <class F>
 std::vector<typename F::Via> Feed::Work::viasOf(const Route& route,
                                                 const std::vector<NextHop>& hops) {
   using Addr = typename F::Addr;
-  const auto about = aboutOf(route.prefix);
+  const auto about = warningOf(route);
   std::vector<typename F::Via> vias;
   vias.reserve(hops.size());
   for (const auto& hop : hops) {
@@ -263,10 +265,10 @@ std::vector<typename F::Via> Feed::Work::viasOf(const Route& route,
   return vias;
 }
 
-/// What the switch is told of a route; nothing when it has no next hop at all.
+/// The form of a route for the switch; nothing for a route without any next hop.
 template <class F>
 std::optional<Feed::Work::WantedRoute<F>> Feed::Work::useOf(const Route& route) {
-  const auto about = aboutOf(route.prefix);
+  const auto about = warningOf(route);
   static const std::vector<NextHop> kNone;
   const bool forwards = route.type == RTN_UNICAST;
   const auto& hops = forwards ? route.hops : kNone;
@@ -284,7 +286,7 @@ std::optional<Feed::Work::WantedRoute<F>> Feed::Work::useOf(const Route& route) 
       .vias = viasOf<F>(route, hops), .metric = route.metric, .type = routeType<F>(route, hops)};
 }
 
-/// The configured cover of this prefix, over the interfaces that carry something now.
+/// The configured cover of this prefix, over its interfaces with a carrier.
 template <class F>
 std::optional<Feed::Work::WantedRoute<F>> Feed::Work::coverRoute(const Vrf& vrf,
                                                                  const typename F::Prefix& prefix) {
@@ -304,7 +306,7 @@ std::optional<Feed::Work::WantedRoute<F>> Feed::Work::coverRoute(const Vrf& vrf,
   return WantedRoute<F>{.vias = viasOf<F>(route, route.hops), .type = F::kConnected};
 }
 
-/// The route that the kernel's look-up finds for a prefix, as a switch is told it.
+/// The route that the kernel's look-up finds for a prefix, in its form for the switch.
 template <class F>
 std::optional<Feed::Work::WantedRoute<F>> Feed::Work::wantedRoute(
     const Vrf& vrf, const typename F::Prefix& prefix) {
@@ -314,7 +316,7 @@ std::optional<Feed::Work::WantedRoute<F>> Feed::Work::wantedRoute(
   for (const Route& route : mirror_.routes(*vrf.table, prefix)) {
     if (best && route.metric != best->metric) break;
     if (isSilentlyIgnored(route)) continue;
-    const auto about = aboutOf(route.prefix);
+    const auto about = warningOf(route);
     if (const auto objection = objectionTo(route); !objection.empty()) {
       warn(about, false, [&] { return nameOf(route.prefix) + " left out: " + objection; });
       continue;
@@ -331,8 +333,8 @@ std::optional<Feed::Work::WantedRoute<F>> Feed::Work::wantedRoute(
   return best;
 }
 
-/// Makes what was told of a route what is wanted, and tells the FEC where that is new.
-/// \return whether the route has to be told.
+/// Stores the wanted form of a route, and hands out its FEC if it is new.
+/// \return whether the route has to be handed out.
 template <class F>
 bool Feed::Work::prepareRoute(Vrf& vrf, const typename F::Prefix& prefix, const Output& output) {
   auto& routes = std::get<ToldRoutes<F>>(vrf.routes);
@@ -374,7 +376,7 @@ void Feed::Work::tellRoute(const Vrf& vrf, const typename F::Prefix& prefix,
 
 void Feed::Work::tellRoutes(const Output& output) {
   findRouteKeys();
-  // Each FEC is there before the first route that uses it, and goes after the last.
+  // A FEC is added before the first route that uses it, and removed after the last.
   size_t changed = 0;
   for (auto& key : routeKeys_) {
     const bool isChanged = std::visit(
@@ -400,7 +402,7 @@ void Feed::Work::tellRoutesOf(const std::vector<RouteKey>& keys, const Output& o
   }
 }
 
-/// Tells all FECs and routes, as if they were new.
+/// Hands out all FECs and routes as new ones.
 void Feed::Work::tellAllRoutes(const Output& output) const {
   std::map<uint32_t, Daemon::Operation> fecs;
   Daemon::forEachFamily([&](auto family) {

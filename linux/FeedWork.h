@@ -1,4 +1,4 @@
-// What the feed remembers and how it compares: the inside of Feed.
+// The implementation of Feed: its state and its steps.
 #pragma once
 
 #include <deque>
@@ -15,11 +15,11 @@
 
 namespace Linux {
 
-/// Keeps beside each other what the switch was told and what has to be looked at again.
+/// Stores the present inputs of the switch, and the keys that changed.
 ///
-/// The mirror's reports only mark keys. flush() works out, for each marked key, what the switch
-/// should be told by the mirror as it is then, and hands out the difference to what it was told; so
-/// marking a key twice, or one that did not change, does no harm.
+/// A report of the mirror only marks a key. flush() derives the inputs of each marked key from the
+/// present mirror and hands out the difference to the former inputs. So a key may be marked twice
+/// or without a change.
 class Feed::Work final : public Mirror::Observer {
  public:
   Work(Mirror& mirror, FeedOptions options);
@@ -40,12 +40,12 @@ class Feed::Work final : public Mirror::Observer {
   NeighborVerdict verdictOn(const Neighbor& neighbor) const;
 
  private:
-  /// Of every route: there is one to each prefix.
+  /// The preference of all routes. Each prefix has one route.
   static constexpr Routing::RoutePreference kPreference = 1;
 
   template <class F>
   struct ToldRoute {
-    typename Fecs<F>::Fec* fec = nullptr;  ///< null where no host can be behind the route
+    typename Fecs<F>::Fec* fec = nullptr;  ///< null if no host can be behind the route
     uint32_t metric = 0;
     typename F::RouteType type = {};
 
@@ -54,11 +54,11 @@ class Feed::Work final : public Mirror::Observer {
   template <class F>
   using ToldRoutes = Kiv::HashMap<typename F::Prefix, ToldRoute<F>>;
 
-  /// A VRF that the switch has. It stays when its device goes, without routes.
+  /// A VRF of the switch. Without its device it stays and has no routes.
   struct Vrf {
     std::string name;
-    size_t number = 0;             ///< its place among all
-    std::optional<TableId> table;  ///< none while there is no device
+    size_t number = 0;             ///< its position among all
+    std::optional<TableId> table;  ///< none without a device
     bool isTold = false;
     bool isInitialized = false;
     std::tuple<ToldRoutes<Daemon::Ipv4>, ToldRoutes<Daemon::Ipv6>> routes;
@@ -74,19 +74,19 @@ class Feed::Work final : public Mirror::Observer {
   template <class F>
   using ToldNeighbors = Kiv::HashMap<typename F::Addr, Zemit::EthAddr>;
 
-  /// What an interface should be to the switch.
+  /// The wanted state of an interface in the switch.
   struct Role {
     Zemit::IntfId intf;
-    Vrf* vrf = nullptr;       ///< none where it has no layer 3
+    Vrf* vrf = nullptr;       ///< null without layer 3
     bool isSelected = false;  ///< its neighbours count
     bool resolves = false;    ///< it gets a neighbour table before its first neighbour
   };
 
-  /// An interface of the kernel's.
+  /// An interface of the kernel.
   struct Port {
     Role role;
     std::vector<ToldAddress> vrrpAddresses;
-    // What the switch was told; no interface and no VRF where it was not.
+    // The present inputs of the switch. It has no such interface if `vrf` is null.
     Zemit::IntfId intf;
     Vrf* vrf = nullptr;
     bool hasTable = false;
@@ -102,16 +102,16 @@ class Feed::Work final : public Mirror::Observer {
   struct MarkedNeighbor {
     LinkIndex link = 0;
     Address addr;
-    Zemit::EthAddr mac;  ///< worked out by the first step that looks at it
-    bool isFed = false;  ///< whether it is known already that it counts
+    Zemit::EthAddr mac;  ///< derived by the first step that handles it
+    bool isFed = false;  ///< whether it is already known that it counts
   };
   using TextMaker = std::function<std::string()>;
   using RouteKey = std::pair<Vrf*, Prefix>;
   /// A virtual address: its VRF, itself and the length of its subnet.
   using VirtualKey = std::tuple<std::string, Address, uint32_t>;
 
-  // The steps of flush(), in their order. What goes is told in the reverse order of what comes:
-  // neighbours while there is still a route over them.
+  // The steps of flush(), in their order. Removals are told in the reverse order of additions:
+  // neighbours while their routes still exist.
   void findVrfs();
   void findRoles();
   void findAddresses();
@@ -120,6 +120,7 @@ class Feed::Work final : public Mirror::Observer {
   void withdrawInterfaces(const Output& output);
   void tellInterfaces(const Output& output);
   void tellRoutes(const Output& output);
+  void gatherSharedAddresses();
   void tellNeighbors(const Output& output, const Expect& expect);
   void tellVirtualAddresses(const std::set<VirtualKey>& wanted, const Output& output);
   void tellReadiness(const Output& output);
@@ -163,8 +164,8 @@ class Feed::Work final : public Mirror::Observer {
   void tellRoutesOf(const std::vector<RouteKey>& keys, const Output& output) const;
   void tellAllRoutes(const Output& output) const;
 
-  /// \param passes  whether it passes by itself.
-  void warn(FeedWarning::About about, bool passes, const TextMaker& text);
+  /// Reports a warning unless it was reported before. \param passes  whether it passes by itself.
+  void warn(FeedWarning warning, bool passes, const TextMaker& text);
 
   Mirror& mirror_;
   FeedOptions options_;
@@ -172,8 +173,8 @@ class Feed::Work final : public Mirror::Observer {
   bool tellsPassing_ = false;
   std::unordered_set<size_t> warned_;  // hashes of the texts
 
-  // What the switch was told.
-  std::deque<Vrf> vrfs_;  // in the order in which it was told of them; never shrinks
+  // The present inputs of the switch.
+  std::deque<Vrf> vrfs_;  // in the order of their appearance; never shrinks
   std::map<std::string, Vrf*, std::less<>> vrfByName_;
   std::map<LinkIndex, Port> ports_;
   std::map<Zemit::IntfId, LinkIndex> links_;
@@ -181,9 +182,9 @@ class Feed::Work final : public Mirror::Observer {
   FecIds fecIds_;
   std::tuple<Fecs<Daemon::Ipv4>, Fecs<Daemon::Ipv6>> fecs_{fecIds_, fecIds_};
 
-  // What has to be looked at again.
+  // The marked keys.
   bool isComplete_ = false;
-  bool everything_ = true;  // then nothing is marked one by one
+  bool everything_ = true;  // then no single keys are marked
   std::set<LinkIndex> markedLinks_;
   std::set<LinkIndex> markedAddresses_;
   std::vector<std::pair<TableId, Prefix>> markedRoutes_;
@@ -191,14 +192,14 @@ class Feed::Work final : public Mirror::Observer {
 
   // Within a flush.
   std::map<LinkIndex, std::vector<ToldAddress>> wantedAddresses_;
-  std::set<LinkIndex> renamedLinks_;  // routes through them have to be looked at again
-  std::set<Vrf*> changedVrfs_;        // as have all routes of these
+  std::set<LinkIndex> renamedLinks_;  // whose routes are marked
+  std::set<Vrf*> changedVrfs_;        // all of whose routes are marked
   std::vector<RouteKey> routeKeys_;
 
-  std::set<LinkIndex> awaitedLinks_;  // of next hops, without a layer 3 as yet
+  std::set<LinkIndex> awaitedLinks_;  // of next hops, which have no layer 3 yet
   std::map<LinkIndex, Vrf*> vrfByDevice_;
   std::multimap<TableId, Vrf*> vrfsByTable_;
-  LinkIndex lastLink_ = 0;  // the one that port() found last
+  LinkIndex lastLink_ = 0;  // the last result of port()
   Port* lastPort_ = nullptr;
 };
 

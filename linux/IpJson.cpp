@@ -1,4 +1,4 @@
-// The JSON that `ip -j` prints, as the kernel's word on objects.
+// Reads the JSON output of `ip -j`.
 #include "linux/IpJson.h"
 
 #include <algorithm>
@@ -18,13 +18,13 @@ namespace {
 
 using Json = nlohmann::json;
 
-/// Why one entry, or part of one, cannot be read.
+/// The reason why an entry, or a part of it, is unreadable.
 struct Skip : std::runtime_error {
   using runtime_error::runtime_error;
 };
 
-// Text that is not UTF-8, or has control characters in it, is no JSON; but an interface may have
-// such a name. While a document is parsed, each such byte is a character for private use.
+// JSON must be UTF-8 without control characters, but the name of an interface may have other bytes.
+// During the parsing, a character for private use represents each such byte.
 constexpr std::string_view kPrivateLead = "\xF4\x8F";
 constexpr unsigned kPrivateThird = 0xBC;  // the third byte of U+10FF00
 
@@ -92,7 +92,7 @@ const std::string& textOf(const char* key, const Json& value) {
 const std::string& getText(const Json& entry, const char* key) {
   return textOf(key, get(entry, key));
 }
-/// The name of an interface, as it is.
+/// The name of an interface, with its original bytes.
 std::string getName(const Json& entry, const char* key) {
   return withoutPrivateBytes(getText(entry, key));
 }
@@ -112,7 +112,7 @@ bool isTrue(const Json& entry, const char* key) {
   const auto* value = find(entry, key);
   return value != nullptr && *value == true;
 }
-/// The member as text, whether `ip` printed a name or a number; `fallback` when it is not there.
+/// The member as text, for a name or a number; `fallback` when it is missing.
 std::string getWord(const Json& entry, const char* key, const char* fallback) {
   const auto* value = find(entry, key);
   if (value == nullptr) return fallback;
@@ -141,8 +141,8 @@ Address getAddress(const Json& entry, const char* key) {
   return parseAddress(key, get(entry, key));
 }
 
-/// The destination of a route. "default" has no family of its own: a gateway tells, or what `ip`
-/// prints for IPv6 routes alone, or else the document.
+/// The destination of a route. The family of "default" is that of a gateway or follows from members
+/// of IPv6 routes only; otherwise it is that of the document.
 Prefix getDestination(const Json& route, int documentFamily) {
   const std::string& text = getText(route, "dst");
   if (text == "default") {
@@ -160,7 +160,7 @@ Prefix getDestination(const Json& route, int documentFamily) {
   return hostPrefix(getAddress(route, "dst"));
 }
 
-/// What to call the entry in a warning.
+/// The name of the entry in a warning.
 std::string describe(const Json& entry, size_t number) {
   for (const char* key : {"dst", "ifname", "id"}) {
     if (entry.is_object() && entry.contains(key)) {
@@ -170,7 +170,7 @@ std::string describe(const Json& entry, size_t number) {
   return "entry " + std::to_string(number);
 }
 
-/// Where the parser stopped, in words of our own.
+/// The position at which the parser stopped, as a text.
 std::string parseProblem(const Json::exception& error) {
   const std::string_view what = error.what();
   const auto line = what.find("line "), colon = what.find(':', line);
@@ -187,7 +187,7 @@ class Reader {
   void read(const IpDocuments& documents);
 
  private:
-  /// An interface, by what `ip link` and `ip addr` both print of it.
+  /// Reads an interface, from the members that `ip link` and `ip addr` have in common.
   struct Interface {
     Link link;
     std::string master;
@@ -216,14 +216,14 @@ class Reader {
 
   const std::function<void(const Change&)>& take_;
   const std::function<void(const std::string&)>& warn_;
-  std::string document_;  // the name of the one being read
-  std::string entry_;     // what warnings call the entry being read
+  std::string document_;  // the name of the current document
+  std::string entry_;     // the name of the current entry in warnings
   std::vector<Interface> interfaces_;
   std::map<std::string, size_t> byName_;
   std::set<LinkIndex> indices_;
   std::set<TableId> tables_{RT_TABLE_MAIN, RT_TABLE_LOCAL};
   std::map<std::string, TableId> tableByName_;
-  std::map<std::string, size_t> strayTables_;  // of no VRF, and how many routes they hold
+  std::map<std::string, size_t> strayTables_;  // without a VRF, and the numbers of their routes
 };
 
 void Reader::read(const IpDocuments& documents) {
@@ -241,15 +241,15 @@ void Reader::read(const IpDocuments& documents) {
   readEntries(documents.neigh, [this](const Json& entry) { readNeighbor(entry); });
 }
 
-/// Hands every entry to `handle` as soon as it is parsed and forgets it, so that a document with a
-/// million routes does not become a tree of them.
+/// Calls `handle` with each entry after it is parsed and then frees it, so that a million routes
+/// are never in memory at once.
 template <class Handler>
 void Reader::readEntries(const std::optional<IpDocument>& document, Handler handle) {
   if (!document) return;
   document_ = document->name;
   constexpr int kMaxDepth = 64;
   size_t number = 0;
-  std::vector<std::set<std::string>> seen;  // the keys of the objects being read, by depth
+  std::vector<std::set<std::string>> seen;  // the keys of the open objects, by depth
   const auto take = [&](int depth, Json::parse_event_t event, Json& value) {
     using Event = Json::parse_event_t;
     if (depth == 0 && event != Event::array_start && event != Event::array_end) {
@@ -261,13 +261,13 @@ void Reader::readEntries(const std::optional<IpDocument>& document, Handler hand
       seen.back().clear();
     }
     if (event == Event::key) {
-      // `ip` prints what a tunnel encapsulates with beside the route: "dst" comes twice then, and
-      // the first is the route's.
+      // `ip` prints the encapsulation of a tunnel beside the route. Then "dst" occurs twice, and
+      // the first one is that of the route.
       return seen[static_cast<size_t>(depth)].insert(value.get<std::string>()).second;
     }
     if (depth != 1 || event == Event::object_start || event == Event::array_start) return true;
     entry_ = describe(value, ++number);
-    // An empty object stands for an entry that `ip` filtered out.
+    // `ip` prints an empty object for an entry that it filtered out.
     if (value == Json::object()) return false;
     try {
       if (!value.is_object()) throw Skip("it is no object");
@@ -284,7 +284,7 @@ void Reader::readEntries(const std::optional<IpDocument>& document, Handler hand
     const bool isClean = isUtf8(text) && std::ranges::none_of(text, isControl);
     [[maybe_unused]] const auto emptied =
         isClean ? Json::parse(text, take) : Json::parse(withPrivateBytes(text), take);
-  } catch (const Json::exception& error) {  // a number too large is no parse error
+  } catch (const Json::exception& error) {  // a too large number is not reported as a parse error
     throw IpJsonError(document_, parseProblem(error));
   }
   for (const auto& [table, count] : std::exchange(strayTables_, {})) {
@@ -293,7 +293,7 @@ void Reader::readEntries(const std::optional<IpDocument>& document, Handler hand
   }
 }
 
-/// Hands every part of an entry to `handle`; one that cannot be read is left out by itself.
+/// Calls `handle` with each part of an entry. An unreadable part is left out alone.
 template <class Handler>
 void Reader::readParts(const Json& parts, const std::string& prefix, Handler handle) {
   for (const auto& part : parts) {
@@ -309,7 +309,7 @@ void Reader::readParts(const Json& parts, const std::string& prefix, Handler han
   }
 }
 
-/// The number that `ip` prints for the interface, or else the next one.
+/// The number of the interface in the output, or else the next free one.
 LinkIndex Reader::newIndex(const Json& entry) {
   LinkIndex index = indices_.empty() ? 1 : *indices_.rbegin() + 1;
   if (const auto* told = find(entry, "ifindex"); told != nullptr && told->is_number_unsigned()) {
@@ -328,7 +328,7 @@ void Reader::readLink(const Json& entry) {
     refuse("ifname", get(entry, "ifname"), "the name of an interface");
   }
   const auto known = byName_.find(name);
-  // What cannot be read leaves the interface as it was.
+  // An unreadable entry does not change the interface.
   Interface interface = known == byName_.end() ? Interface() : interfaces_[known->second];
   Link& link = interface.link;
   link.name = name;
@@ -368,7 +368,7 @@ InterfaceAddress Reader::readAddress(const Json& info) const {
   InterfaceAddress address{.addr = addr, .peer = {}};
   address.len = getNumber(info, "prefixlen", width);
   if (find(info, "address") != nullptr) {
-    // On a point-to-point link the length is that of the peer's prefix; the own address is alone.
+    // On a point-to-point link the length is that of the peer's prefix, not of the own address.
     address.peer = getAddress(info, "address");
     address.len = width;
   }
@@ -378,14 +378,14 @@ InterfaceAddress Reader::readAddress(const Json& info) const {
   return address;
 }
 
-/// Finds the master of each interface, and the tables of the VRFs, once all are known.
+/// Finds the masters of the interfaces and the tables of the VRFs, after all interfaces were read.
 void Reader::settleMasters() {
   for (auto& [link, master, addresses] : interfaces_) {
     if (link.kind == "vrf") tables_.insert(link.vrfTable);
   }
   for (auto& [link, master, addresses] : interfaces_) {
     constexpr std::string_view kOwn[] = {"main", "local", "default", "unspec", "all"};
-    // `ip` prints a table by name where /etc/iproute2 has one, which is then usually the VRF's.
+    // `ip` prints the name of a table from /etc/iproute2, which is usually the name of the VRF.
     if (link.kind == "vrf" && !numberIn(link.name) &&
         std::ranges::find(kOwn, link.name) == std::end(kOwn)) {
       tableByName_[link.name] = link.vrfTable;
@@ -426,9 +426,9 @@ NextHop Reader::readHop(const Json& source) const {
   return hop;
 }
 
-/// The next hops of a route. One of several that cannot be read is left out with a warning.
+/// The next hops of a route. An unreadable one of several is left out with a warning.
 ///
-/// \throws Skip when none can be read.
+/// \throws Skip when all are unreadable.
 std::vector<NextHop> Reader::readHops(const Json& route) {
   std::vector<NextHop> hops;
   if (find(route, "nexthops") != nullptr) {
@@ -444,7 +444,7 @@ std::vector<NextHop> Reader::readHops(const Json& route) {
 
 void Reader::readNexthop(const Json& entry) {
   Nexthop nexthop{.id = getNumber(entry, "id"), .hop = {}, .group = {}};
-  if (find(entry, "fdb") != nullptr) return;  // of a VXLAN device: no route uses it
+  if (find(entry, "fdb") != nullptr) return;  // of a VXLAN device; routes do not use it
   nexthop.isBlackhole = find(entry, "blackhole") != nullptr;
   if (find(entry, "dev") != nullptr) nexthop.hop = readHop(entry);
   if (find(entry, "group") != nullptr) {
@@ -458,7 +458,7 @@ void Reader::readNexthop(const Json& entry) {
   give(std::move(nexthop));
 }
 
-/// The table of a route; nothing for one of no VRF.
+/// The table of a route; nothing for a table without a VRF.
 std::optional<TableId> Reader::tableOf(const Json& route) const {
   const auto word = getWord(route, "table", "main");
   auto number = numberIn(word);
@@ -478,7 +478,7 @@ void Reader::readRoute(const Json& entry, int documentFamily) {
   });
   const auto table = tableOf(entry);
   if (!table) {
-    // The kernel's own follow from the addresses.
+    // The kernel's own local routes follow from the addresses.
     const bool isKernels =
         kind != nullptr && kind->number >= RTN_LOCAL && kind->number <= RTN_MULTICAST;
     if (!isKernels) ++strayTables_[getWord(entry, "table", "main")];
@@ -496,14 +496,14 @@ void Reader::readRoute(const Json& entry, int documentFamily) {
       findRow(kProtocols, [&](const NumberName& row) { return row.name == protocolWord; });
   route.protocol =
       protocol != nullptr ? protocol->number : static_cast<uint8_t>(protocolNumber.value_or(0));
-  // What encapsulates a packet has a number there, a route has text.
+  // This member is a number for an encapsulation and a text for a route.
   if (const auto* tos = find(entry, "tos"); tos != nullptr && tos->is_string()) {
     const auto number = std::strtoul(tos->get<std::string>().c_str(), nullptr, 0);
     route.tos = static_cast<uint8_t>(number == 0 ? 1 : number);
   }
   route.hasSource = find(entry, "from") != nullptr;
   if (find(entry, "nhid") != nullptr) route.nexthop = getNumber(entry, "nhid");
-  // A route that drops what it matches names an interface, too.
+  // A route that drops packets names an interface, too.
   if (route.type == RTN_UNICAST || route.type == RTN_LOCAL) route.hops = readHops(entry);
   give(std::move(route));
 }
@@ -524,7 +524,7 @@ void Reader::readNeighbor(const Json& entry) {
   if (neighbor.state == 0) return;
   neighbor.addr = getAddress(entry, "dst");
   neighbor.link = indexOf(getName(entry, "dev"));
-  // A tunnel's link-layer address may be of another kind.
+  // The link-layer address of a tunnel may be of another kind.
   if (find(entry, "lladdr") != nullptr) {
     neighbor.mac = Zemit::EthAddr::parse(getText(entry, "lladdr")).value_or(Zemit::EthAddr());
   }

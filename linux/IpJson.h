@@ -1,4 +1,4 @@
-// The JSON that `ip -j` prints, as the kernel's word on objects.
+// Reads the JSON output of `ip -j`.
 #pragma once
 
 #include <functional>
@@ -10,15 +10,14 @@
 
 namespace Linux {
 
-/// One document that `ip -j` printed: the name that messages call it by, and the JSON text.
+/// One output of `ip -j`: its name for messages, and the JSON text.
 struct IpDocument {
   std::string name;
   std::string text;
 };
 
-/// What `ip -j` printed about one network namespace, each with or without -N. A document that was
-/// not taken is absent and reads as an empty list, but interfaces are needed: the rest is read for
-/// those alone.
+/// The outputs of `ip -j` for one network namespace, each with or without -N. A missing document
+/// counts as an empty list. Objects of interfaces that are not in `link` or `addr` are left out.
 struct IpDocuments {
   std::optional<IpDocument> link;     ///< `ip -d -j link`; without -d no VRF is recognised.
   std::optional<IpDocument> addr;     ///< `ip -j addr`
@@ -35,14 +34,14 @@ class IpJsonError : public std::runtime_error {
       : runtime_error(name + ": error: " + message) {}
 };
 
-/// Hands out what the documents hold, each object after those it refers to.
+/// Hands out the objects of the documents, each after those that it refers to.
 ///
-/// An interface is known by its name: where no number is told, its place stands for one. A VRF's
-/// table is known by its number; where a route names it, by the name of the VRF device, unless that
-/// is the name of one of the kernel's own tables. Routes of tables that belong to no VRF are left
-/// out, as is an entry, or part of one, that cannot be read.
+/// Interfaces are identified by name. One without a number gets its position as its number. The
+/// table of a VRF is identified by its number or by the name of the VRF device, unless this is the
+/// name of one of the kernel's own tables. Routes of tables without a VRF and unreadable entries
+/// are left out.
 ///
-/// \param warn  called with one line for what is left out: "NAME: warning: ...".
+/// \param warn  receives one line for each omission: "NAME: warning: ...".
 /// \throws IpJsonError.
 void readIpDocuments(const IpDocuments& documents, const std::function<void(const Change&)>& take,
                      const std::function<void(const std::string&)>& warn);

@@ -1,4 +1,4 @@
-// The kernel's numbers that decide what becomes of routes and neighbours.
+// Numbers of the kernel that decide how routes and neighbours are treated.
 #pragma once
 
 #include <linux/neighbour.h>
@@ -11,7 +11,7 @@
 
 namespace Linux {
 
-/// A number of the kernel's, and what `ip` calls it.
+/// A number of the kernel and its name in `ip`.
 struct NumberName {
   uint8_t number;
   std::string_view name;
@@ -45,7 +45,7 @@ inline constexpr std::array kProtocols{
     NumberName{RTPROT_EIGRP, "eigrp"},
 };
 
-/// The states in which the address of a neighbour is known, and the kernel sends to it.
+/// The states in which the kernel knows the MAC address of a neighbour and sends to it.
 inline constexpr uint16_t kUsableStates =
     NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE | NUD_PERMANENT;
 

@@ -20,10 +20,10 @@ namespace {
 
 using Bytes = std::span<const std::byte>;
 
-// <linux/if.h> has it, and does not go together with <net/if.h>.
+// Defined in <linux/if.h>, which conflicts with <net/if.h>.
 constexpr uint32_t kLowerUp = 1U << 16;
 
-/// One message while it is read: knows its type, so that an error can name it.
+/// One message that is being read. Its errors name its type.
 class MessageReader {
  public:
   explicit MessageReader(uint16_t type) : type_(type) {}
@@ -32,7 +32,7 @@ class MessageReader {
     throw MessageError(std::string(name()) + ": " + why);
   }
 
-  /// A struct at the beginning of `bytes`, and what follows it.
+  /// The struct at the beginning of `bytes`, and the bytes after it.
   template <class T>
   T take(Bytes& bytes) const {
     if (bytes.size() < sizeof(T)) refuse("cut short");
@@ -159,18 +159,18 @@ uint32_t bitsOf(int family) {
   return family == AF_INET ? 32 : 128;
 }
 
-/// Whether IFLA_LINK of this kind of interface names its other end, not what it stands on.
+/// Whether IFLA_LINK of this kind of interface names its other end and not a lower interface.
 bool isPair(std::string_view kind) {
   return kind == "veth" || kind == "netkit" || kind == "vxcan";
 }
 
 std::optional<Object> readLink(const MessageReader& reader, Bytes bytes) {
   const auto head = reader.take<ifinfomsg>(bytes);
-  // Bridges tell of their ports with messages of these types, too.
+  // Bridges use these message types for their ports, too.
   if (head.ifi_family != AF_UNSPEC) return std::nullopt;
   if (head.ifi_index <= 0) reader.refuse("no interface");
   const Attributes<IFLA_LINK_NETNSID> attributes(reader, bytes);
-  // Wireless drivers tell of events with messages that say nothing of the interface.
+  // Wireless drivers send events in messages without data of the interface.
   if (!attributes.has(IFLA_IFNAME)) return std::nullopt;
   Link link;
   link.index = static_cast<LinkIndex>(head.ifi_index);
@@ -218,7 +218,7 @@ std::optional<Object> readAddress(const MessageReader& reader, Bytes bytes) {
     addr.peer = other;
     addr.len = bitsOf(family);
   }
-  // Of an IPv6 address the same bit says that it is a temporary one.
+  // For an IPv6 address the same bit means a temporary address.
   addr.isSecondary = family == AF_INET && (flags & IFA_F_SECONDARY) != 0;
   addr.isTentative = (flags & IFA_F_TENTATIVE) != 0;
   addr.isDuplicate = (flags & IFA_F_DADFAILED) != 0;
@@ -254,7 +254,7 @@ std::optional<Object> readNeighbor(const MessageReader& reader, Bytes bytes) {
   return neighbor;
 }
 
-/// One next hop, of the attributes of a route or of an entry of RTA_MULTIPATH.
+/// One next hop, from the attributes of a route or of an entry of RTA_MULTIPATH.
 NextHop hopOf(const MessageReader& reader, const Attributes<RTA_NH_ID>& attributes, int family,
               uint32_t flags) {
   NextHop hop;
@@ -332,7 +332,7 @@ std::optional<Object> readNexthop(const MessageReader& reader, Bytes bytes) {
   Nexthop nexthop;
   nexthop.id = attributes.number<uint32_t>(NHA_ID);
   if (nexthop.id == 0) reader.refuse("no id");
-  // Those of a forwarding database are in no route.
+  // Nexthop objects of forwarding databases (NHA_FDB) are not used by routes.
   if (attributes.has(NHA_FDB)) return std::nullopt;
   const int family = head.nh_family;
   if (isIp(family)) nexthop.family = family == AF_INET ? 4 : 6;
@@ -344,7 +344,7 @@ std::optional<Object> readNexthop(const MessageReader& reader, Bytes bytes) {
     for (size_t at = 0; at < group.size(); at += sizeof(nexthop_grp)) {
       nexthop_grp member;
       std::memcpy(&member, group.data() + at, sizeof member);
-      // The reserved byte is the weight's high one from Linux 6.12 on.
+      // From Linux 6.12 on, the reserved byte is the high byte of the weight.
       const int weight = (member.resvd1 << 8 | member.weight) + 1;
       nexthop.group.emplace_back(member.id, static_cast<uint8_t>(std::min(weight, 255)));
     }

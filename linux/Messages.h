@@ -22,20 +22,18 @@ class MessageError : public std::runtime_error {
   using runtime_error::runtime_error;
 };
 
-/// What one rtnetlink message says; nothing for kinds that this system does not use (cached routes,
-/// multicast routes, other families, bridge ports' own messages).
+/// Reads one rtnetlink message. \return nothing for kinds that this system does not use (cached
+/// routes, multicast routes, other families, messages about bridge ports).
 ///
-/// Of an attribute that is there several times, the last one counts. What is part of a dump
-/// (NLM_F_MULTI) has no sender.
+/// The last one of a repeated attribute counts. A change from a dump (NLM_F_MULTI) has no sender.
 ///
 /// \param message  one whole message with its header (struct nlmsghdr).
-/// \throws MessageError when it is cut short, an attribute has a wrong size, or one is missing
-///         without which the message says nothing.
+/// \throws MessageError when the message is incomplete, an attribute has a wrong size, or a
+///         necessary attribute is missing.
 std::optional<Change> readMessage(std::span<const std::byte> message);
 
-/// Calls `visit` with each message of a datagram (or file) of messages, headers included, and with
-/// a copy of the header.
-/// \throws MessageError when the last message is cut short.
+/// Calls `visit` with each message of a datagram or file, and with a copy of its header.
+/// \throws MessageError when the last message is incomplete.
 template <class Visit>
 void forEachMessage(std::span<const std::byte> datagram, const Visit& visit) {
   while (!datagram.empty()) {

@@ -1,4 +1,4 @@
-// What the kernel has, kept up to date by its messages.
+// A copy of the kernel's objects, updated by its messages.
 #include "linux/Mirror.h"
 
 #include <linux/neighbour.h>
@@ -44,12 +44,13 @@ struct Identity<Nexthop> {
   static bool isSame(const Nexthop& a, const Nexthop& b) { return a.id == b.id; }
 };
 
-/// All objects, and what follows from the change of one for others.
+/// All objects, and the effects of a change on other objects.
 class Mirror::State {
  public:
   explicit State(uint8_t ownProtocol) : ownProtocol_(ownProtocol) {}
 
-  /// An interface and what is on it. The rest may be known while the interface itself is not.
+  /// An interface and its addresses, neighbours and FDB entries, which may be known before the
+  /// interface itself.
   struct Interface {
     Link link;
     bool isKnown = false;
@@ -143,12 +144,11 @@ void Mirror::State::put(const Link& link) {
   interface.link = link;
   interface.isKnown = true;
   if (differs) tellLink(link.index);
-  // A port that leaves its bridge does so with its own address, without a word.
+  // When a port leaves its bridge, the kernel removes its own address without a notification.
   for (const FdbEntry& entry : interface.fdb.objects()) {
     if (entry.bridge != link.master && entry.bridge != link.index) erase(entry);
   }
-  // Also where the state is the same as before: what was told before a dump may be applied after
-  // it.
+  // Also for an unchanged state, because a notification from before a dump may be applied after it.
   if (!link.isUp || !link.hasCarrier) dropNexthopsOn(link.index);
   const bool isRevived =
       wasKnown && ((link.isUp && !before.isUp) || (link.hasCarrier && !before.hasCarrier));
@@ -215,7 +215,7 @@ void Mirror::State::ipv4AddressGone(LinkIndex link, Zemit::IpAddr addr) {
   routes_.preferredSourceGone(table, addr);
 }
 
-/// The table in which the kernel looks up what comes in on an interface.
+/// The table in which the kernel looks up packets from an interface.
 TableId Mirror::State::vrfTableOf(const Interface* interface) const {
   if (interface != nullptr) {
     if (interface->link.vrfTable != 0) return interface->link.vrfTable;
@@ -267,10 +267,10 @@ void Mirror::State::erase(const Nexthop& nexthop) {
     nexthops_.erase(nexthop);
   }
   routes_.nexthopGone(nexthop.id);
-  // A group goes with its last member.
+  // The kernel removes a group with its last member.
   for (const uint32_t id : groupsByMember_.of(nexthop.id)) {
     const Nexthop* const found = this->nexthop(id);
-    // It may name a member twice, and be gone by now.
+    // The list may name a group twice, and the group may be gone by now.
     if (found == nullptr) continue;
     Nexthop group = *found;
     groupsByMember_.remove(nexthop.id, id);
@@ -284,7 +284,7 @@ void Mirror::State::erase(const Nexthop& nexthop) {
   }
 }
 
-/// A nexthop object or group differs: its routes do, and the groups that it is in.
+/// A nexthop object or group changed. So did its routes and the groups that contain it.
 void Mirror::State::nexthopChanged(uint32_t id) {
   routes_.nexthopChanged(id);
   for (const uint32_t group : groupsByMember_.of(id)) routes_.nexthopChanged(group);
@@ -312,7 +312,7 @@ void Mirror::State::applyRoute(const Route& route, const Change& change) {
   if (!change.present) {
     routes_.erase(route);
   } else if (route.nexthop != 0 && !route.hops.empty() && nexthop(route.nexthop) != nullptr) {
-    // What the object says counts, so what is told beside it need not be kept.
+    // The nexthop object has the next hops. Those in the message are not stored.
     Route plain = route;
     plain.hops.clear();
     routes_.put(plain, change.replaces, change.appends);
@@ -330,7 +330,7 @@ void Mirror::State::endDump() {
   for (const LinkIndex index : indexes()) {
     Interface& interface = *findMutable(index);
     if (interface.isKnown && interface.dump != dump_) {
-      // What is on it may be there still, under another interface of its number.
+      // Another interface with the same index may have its addresses and neighbours already.
       interface.isKnown = false;
       interface.link = Link();
       tellLink(index);

@@ -1,4 +1,4 @@
-// What the kernel has, kept up to date by its messages.
+// A copy of the kernel's objects, updated by its messages.
 #pragma once
 
 #include <cstdint>
@@ -12,56 +12,56 @@
 namespace Linux {
 
 /// The kernel's interfaces, addresses, neighbours, forwarding databases, routes and nexthop objects
-/// of one network namespace, as far as this process was told. Does no I/O.
+/// of one network namespace. Does no I/O.
 ///
-/// Filled by the answers to dump requests, kept by notifications. When notifications were lost, a
-/// new dump of everything between beginDump() and endDump() brings it up to date: an object that
-/// the dump did not name is gone then. Notifications that are older than a dump may be applied
-/// after it: what they undo, later ones restore.
+/// Dumps fill it, and notifications update it. After a loss of notifications, a new dump of
+/// everything between beginDump() and endDump() corrects it: objects that are not in the dump are
+/// removed. Notifications that are older than the dump may be applied after it, because later
+/// notifications restore the current state.
 ///
-/// The kernel drops some objects without a word, or with a word on the interface only: IPv4 routes
-/// whose interface goes down or loses its last IPv4 address, or whose preferred source goes;
+/// The kernel drops some objects without a notification, or with one about the interface only: IPv4
+/// routes whose interface goes down or loses its last IPv4 address, or whose preferred source goes;
 /// nexthop objects, with their routes, whose interface goes down or loses its carrier; everything
-/// on an interface that is deleted or moved to another namespace. The mirror drops them as the
-/// kernel does. A dead or `linkdown` next hop of several is marked as one.
+/// on an interface that is deleted or moved to another namespace. The mirror drops them, too. A
+/// dead or `linkdown` next hop of a multipath route is marked as such.
 ///
-/// Not kept is what the kernel creates without a word: neighbour entries without a usable address
-/// (INCOMPLETE, FAILED, NOARP), and forwarding databases of interfaces themselves. Proxy entries of
-/// neighbour tables are passed over, too.
+/// Some objects are not stored, because the kernel creates them without a notification: neighbour
+/// entries without a usable address (INCOMPLETE, FAILED, NOARP), and the forwarding databases of
+/// interfaces. Proxy entries of neighbour tables are not stored either.
 class Mirror {
  public:
-  /// Told of each object that is new, differs or went, after the mirror has changed.
+  /// Receives the key of each object that was added, changed or removed, after the change.
   class Observer {
    public:
     virtual ~Observer() = default;
-    /// The interface is new, differs or went. An index that comes back under another name or kind
-    /// is told as gone first.
+    /// The interface was added, changed or removed. If an index returns with another name or kind,
+    /// the removal is reported first.
     virtual void onLink(LinkIndex) {}
     virtual void onAddress(LinkIndex, const Address&) {}
     virtual void onNeighbor(LinkIndex, const Address&) {}
     virtual void onFdbEntry(const FdbEntry&, bool /*present*/) {}
-    /// The routes of one table to one prefix are others than before, or use another nexthop.
+    /// The routes of one table to one prefix changed, or their nexthop objects did.
     virtual void onRoute(TableId, const Prefix&) {}
   };
 
-  /// \param ownProtocol  routes of this protocol number are our own output: they are passed over.
+  /// \param ownProtocol  routes of this protocol number are our own output and are skipped.
   explicit Mirror(uint8_t ownProtocol = 0);
   ~Mirror();
 
-  /// At most one; it outlives the mirror or is taken back with nullptr.
+  /// Sets the only observer, which outlives the mirror; nullptr removes it.
   void setObserver(Observer* observer);
 
-  /// Takes the kernel's word on one object.
+  /// Takes a message of the kernel about one object.
   void apply(const Change& change);
-  /// A dump of everything begins: from here to endDump() each object named is marked as seen.
+  /// A dump of everything begins. Until endDump(), each object that is applied is marked as seen.
   void beginDump();
-  /// The dump is complete: what was there before and was not named since beginDump() is removed.
+  /// The dump is complete. Removes all objects that were not applied since beginDump().
   void endDump();
 
-  /// Null where there is no such object. Pointers are good until the next change.
+  /// The object, or null. Pointers are valid until the next change.
   const Link* link(LinkIndex index) const;
   const Link* linkByName(std::string_view name) const;
-  /// Where the interface has it with several lengths or peers: one of them.
+  /// If the interface has the address with several lengths or peers: one of them.
   const InterfaceAddress* address(LinkIndex link, const Address& addr) const;
   const Neighbor* neighbor(LinkIndex link, const Address& addr) const;
   /// The routes of a table to a prefix, of lowest metric first; those of equal metric in the order
@@ -84,8 +84,8 @@ class Mirror {
   std::unique_ptr<State> state_;
 };
 
-/// The next hops of a route once its nexthop object, group and weights are resolved; nothing for a
-/// route that drops what it matches. Those told with the route where the object is not known.
+/// The next hops of a route, with its nexthop object, group and weights resolved; none for a route
+/// that drops packets. If the nexthop object is not known, the next hops in the route's message.
 std::vector<NextHop> resolvedHops(const Mirror& mirror, const Route& route);
 
 }  // namespace Linux

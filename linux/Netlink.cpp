@@ -28,7 +28,7 @@ constexpr size_t kBufferSize = 64 << 10;
 constexpr size_t kBuffers = 16;
 
 [[noreturn]] void refuse(const char* call) {
-  throw NetlinkError(std::string(call) + " of a netlink socket: " + std::strerror(errno));
+  throw NetlinkError(std::string(call) + " of a netlink socket", errno);
 }
 
 SocketPtr openSocket() {
@@ -46,7 +46,7 @@ void join(const SocketPtr& socket, int group) {
     refuse("joining a group");
 }
 
-// A filter reads a message as in network byte order, whatever it is in.
+// A filter reads the words of a message as if they were in network byte order.
 constexpr uint32_t kTypeOffset = offsetof(nlmsghdr, nlmsg_type);
 constexpr uint32_t kPortOffset = offsetof(nlmsghdr, nlmsg_pid);
 constexpr uint32_t kWholeMessage = UINT32_MAX;
@@ -91,7 +91,7 @@ void hearOnly(const SocketPtr& socket, uint16_t type) {
   setFilter(socket, filter);
 }
 
-/// Reads a message, hands on what it says, and tells when it cannot be read.
+/// Reads a message and hands on its change, or reports that it is unreadable.
 void takeMessage(std::span<const std::byte> message, const TakeChange& take, const Warn& warn) {
   std::optional<Change> change;
   try {
@@ -102,13 +102,13 @@ void takeMessage(std::span<const std::byte> message, const TakeChange& take, con
   if (change) take(*change);
 }
 
-/// A kind of object to ask for.
+/// A kind of objects to dump.
 struct Kind {
   uint16_t request;
-  uint16_t deletion;  ///< what tells of one that is gone
+  uint16_t deletion;  ///< the message about a deletion
   int family;
   size_t headerSize;
-  std::array<int, 2> groups;  ///< in which the deletion is told
+  std::array<int, 2> groups;  ///< of notifications about deletions
 };
 
 constexpr std::array kKinds = {
@@ -125,7 +125,7 @@ constexpr std::array kKinds = {
     Kind{RTM_GETNEIGH, RTM_DELNEIGH, AF_BRIDGE, sizeof(ndmsg), {RTNLGRP_NEIGH}},
 };
 
-/// Hears whether anything of a kind is deleted.
+/// Detects deletions of objects of a kind.
 class DeletionWatch {
  public:
   explicit DeletionWatch(const Kind& kind) : socket_(openSocket()) {
@@ -144,13 +144,13 @@ class DeletionWatch {
   SocketPtr socket_;
 };
 
-/// Asks for all objects of a kind, once.
+/// Dumps all objects of a kind.
 class Dump {
  public:
   Dump(const TakeChange& take, const Warn& warn)
       : take_(take), warn_(warn), socket_(openSocket()), buffer_(kBufferSize) {
     bindSocket(socket_);
-    // Then the kernel minds all of the header: no cached routes, no statistics.
+    // With strict checking the kernel evaluates the whole header: no cached routes, no statistics.
     int on = 1;
     mnl_socket_setsockopt(socket_.get(), NETLINK_GET_STRICT_CHK, &on, sizeof on);
   }
@@ -204,7 +204,7 @@ class Dump {
     int error = 0;
     if (message.size() < sizeof(nlmsghdr) + sizeof error) return;
     std::memcpy(&error, message.data() + sizeof(nlmsghdr), sizeof error);
-    // Kernels before 5.3 know no nexthop objects.
+    // Kernels before 5.3 have no nexthop objects.
     if (error == 0 || (error == -EOPNOTSUPP && kind.request == RTM_GETNEXTHOP)) return;
     errno = -error;
     refuse("dumping the objects");
@@ -218,8 +218,8 @@ class Dump {
   bool isInterrupted_ = false;
 };
 
-/// Reads a neighbour table's message (RTM_NEWNEIGHTBL): whether its entries are as many as
-/// gc_thresh1. Nothing where it is about the table's parameters on one interface.
+/// Reads a message about a neighbour table (RTM_NEWNEIGHTBL): whether it has at least gc_thresh1
+/// entries. Nothing for a message about the table's parameters on one interface.
 std::optional<bool> isAtThreshold(std::span<const std::byte> message) {
   const auto* const header = reinterpret_cast<const nlmsghdr*>(message.data());
   const nlattr* config = nullptr;
@@ -245,7 +245,7 @@ void CloseSocket::operator()(mnl_socket* socket) const {
   mnl_socket_close(socket);
 }
 
-/// What recvmmsg() fills. The pages that no message reaches take no memory.
+/// The buffers of recvmmsg(). Pages without messages take no memory.
 struct NotificationSocket::Buffers {
   std::unique_ptr<std::array<std::byte, kBufferSize>[]> bytes {
     new std::array<std::byte, kBufferSize>[ kBuffers ]
@@ -267,7 +267,7 @@ struct NotificationSocket::Buffers {
 
 NotificationSocket::NotificationSocket(const Options& options)
     : warn_(options.warn), socket_(openSocket()), buffers_(std::make_unique<Buffers>()) {
-  // The kernel counts its own overhead in and doubles what it is told for it.
+  // The kernel doubles the size, for its overhead.
   const int size = static_cast<int>(std::min<size_t>(options.receiveBuffer, INT32_MAX) / 2);
   if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
     setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
@@ -276,10 +276,13 @@ NotificationSocket::NotificationSocket(const Options& options)
   for (const int group : {RTNLGRP_LINK, RTNLGRP_NEIGH, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR,
                           RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE})
     join(socket_, group);
-  // Kernels before 5.3 know no nexthop objects.
+  // Kernels before 5.3 have no nexthop objects.
   int group = RTNLGRP_NEXTHOP;
   mnl_socket_setsockopt(socket_.get(), NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
 }
+
+NetlinkError::NetlinkError(const std::string& call, int error)
+    : std::runtime_error(call + ": " + std::strerror(error)), number_(error) {}
 
 NotificationSocket::~NotificationSocket() = default;
 
@@ -307,7 +310,7 @@ bool NotificationSocket::read(size_t most, const TakeChange& take) {
     }
     const auto datagrams = static_cast<size_t>(received);
     for (size_t i = 0; i < datagrams; ++i, ++count) {
-      // Other processes may send to this socket as well.
+      // Other processes may send to this socket, too.
       if (buffers_->senders[i].nl_pid != 0) continue;
       if ((messages[i].msg_hdr.msg_flags & MSG_TRUNC) != 0) return drain();
       const auto datagram =
@@ -320,14 +323,13 @@ bool NotificationSocket::read(size_t most, const TakeChange& take) {
         if (warn_) warn_(error.what());
       }
     }
-    // There was no more. What came since then, a loss too, makes the socket readable again.
+    // The socket was empty. Later messages and losses make it readable again.
     if (datagrams < kBuffers) return true;
   }
   return true;
 }
 
-/// Throws away what is in the socket: until it is empty, the kernel goes on dropping without a
-/// word.
+/// Empties the socket. Until it is empty, the kernel drops further notifications without a report.
 bool NotificationSocket::drain() {
   while (recv(fd(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC) >= 0 || errno == EINTR ||
          errno == ENOBUFS)

@@ -1,4 +1,4 @@
-// What the Linux side counts, as numbers with their meanings.
+// Counters of the Linux side, with their descriptions.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace Linux {
 /// One number. Its row lives as long as the program.
 struct Number {
   const Daemon::CounterInfo* info = nullptr;
-  std::string labelValue;  ///< empty where the row has no label
+  std::string labelValue;  ///< empty for a row without a label
   uint64_t value = 0;
 };
 using Numbers = std::vector<Number>;

@@ -8,13 +8,13 @@
 
 namespace Linux {
 
-/// What an object is known by, as two functions: `hash(object)`, and `isSame(a, b)` for two states
+/// The identity of an object, as two functions: `hash(object)`, and `isSame(a, b)` for two states
 /// of one object.
 template <class T>
 struct Identity;
 
-/// The objects of one kind with a mark each: in which dump they were last seen. Takes little more
-/// memory than they do.
+/// The objects of one kind, each with the number of the dump in which it was last seen. Needs
+/// little more memory than the objects.
 template <class T>
 class ObjectSet {
   /// The map knows a cell by its object's identity; the rest of the object may change.
@@ -47,15 +47,15 @@ class ObjectSet {
   size_t size() const { return cells_.size(); }
   bool empty() const { return size() == 0; }
 
-  /// The object that is known by the same as `like`, or null. Good until the next put().
+  /// The object with the identity of `like`, or null. Valid until the next put().
   const T* find(const T& like) const { return objectOf(cells_.findKey(Probe{like}, hash(like))); }
   /// An object with the hash of `like` of which `isSought` is true, or null.
   template <class Test>
   const T* findIf(const T& like, const Test& isSought) const {
     return objectOf(cells_.findKey(Search<Test>{isSought}, hash(like)));
   }
-  /// Adds the object or takes its new state, and marks it as seen in this dump.
-  /// \return true when it is new or differs.
+  /// Adds the object or replaces its state, and marks it as seen in this dump.
+  /// \return true when it is new or changed.
   bool put(const T& object, uint16_t dump) {
     const uint32_t hash = ObjectSet::hash(object);
     if (const Cell* known = cells_.findKey(Probe{object}, hash)) {
@@ -67,12 +67,12 @@ class ObjectSet {
     }
     return true;
   }
-  /// The same without the mark. \pre it is there
+  /// As put(), without the mark. \pre the object exists
   void change(const T& object) { cells_.findKey(Probe{object}, hash(object))->object = object; }
-  /// \return true when it was there.
+  /// \return true when the object existed.
   bool erase(const T& object) { return cells_.erase({.object = object, .dump = 0}); }
 
-  /// Copies of all objects, or of those that were last seen in another dump.
+  /// Copies of all objects, or of those that were not seen in this dump.
   std::vector<T> objects() const {
     return select([](const Cell&) { return true; });
   }

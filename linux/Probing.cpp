@@ -8,9 +8,9 @@
 namespace Linux {
 namespace {
 
-/// Stands for every VLAN; no VLAN has this number.
+/// Represents all VLANs. No VLAN has this number.
 constexpr uint16_t kAnyVlan = 0xFFFF;
-/// What the kernel does is asked for again after so many seconds.
+/// ProbingOptions::collects is called again after this many seconds.
 constexpr double kAskInterval = 5;
 
 }  // namespace
@@ -85,7 +85,7 @@ std::vector<Probe> Probing::due() {
   return probes;
 }
 
-/// Takes those that are due, unless the kernel has so few entries that it drops none.
+/// Takes the refreshments that are due, unless the kernel drops no entries now.
 void Probing::takeRefreshments(int family, std::vector<Probe>& probes) {
   auto& refreshments = refreshments_[family == 4 ? 0 : 1];
   if (!refreshments.isDue(tokensAt_)) return;
@@ -117,7 +117,7 @@ std::optional<double> Probing::nextDeadline() const {
   return next;
 }
 
-/// Finds the neighbours behind what left, on the interfaces that stand on it.
+/// Finds the neighbours behind the departures, on the interfaces above them.
 void Probing::resolveDepartures() {
   mirror_.forEachFdbEntry([this](const FdbEntry& entry) {
     if (carriersLost_.contains(entry.port)) onFdbEntryGone(entry);
@@ -139,8 +139,8 @@ void Probing::askAll(const Link& link) {
   });
 }
 
-/// The VLAN of the bridge's own interface is not known, that of a VLAN interface on it is. A bridge
-/// that knows no VLANs has all its addresses in VLAN 0.
+/// Probes the neighbours of an interface whose MAC left its bridge. The VLAN is known only for a
+/// VLAN interface on the bridge. A bridge without VLANs has all addresses in VLAN 0.
 void Probing::askDeparted(const Link& link, LinkIndex bridge) {
   const uint16_t vlan = link.index != bridge && link.vlan != 0 ? link.vlan : kAnyVlan;
   mirror_.forEachNeighbor(link.index, [&](const Neighbor& neighbor) {
@@ -156,8 +156,8 @@ void Probing::ask(const Probe& probe) {
   if (isUrgent_.insert(probe)) urgent_.push_back(probe);
 }
 
-/// Whether the neighbour may be probed: not what an administrator or a control plane put there,
-/// nor what is being probed.
+/// Whether the neighbour may be probed: it was not added by an administrator or a control plane,
+/// and is not being probed.
 bool Probing::isOurs(const Neighbor& neighbor) const {
   const bool isUsable = (neighbor.state & (NUD_REACHABLE | NUD_STALE | NUD_DELAY)) != 0;
   return isUsable && !neighbor.isProxy && !neighbor.isLearnedByControlPlane &&
@@ -168,7 +168,7 @@ void Probing::considerRefreshing(const Neighbor& neighbor) {
   if (neighbor.state != NUD_STALE || !isOurs(neighbor)) return;
   const Probe probe{neighbor.link, neighbor.addr};
   const double now = clock_();
-  // When it was confirmed before we saw it is not known.
+  // The time of its last confirmation is not known.
   const auto [at, isNew] = refreshedAt_.tryEmplace(probe, now);
   if (!isNew) {
     if (*at > now) return;

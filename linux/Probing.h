@@ -1,4 +1,4 @@
-// Decides which neighbours the kernel should ask for a sign of life.
+// Decides which neighbours the kernel should probe.
 #pragma once
 
 #include <array>
@@ -17,19 +17,19 @@
 namespace Linux {
 
 struct ProbingOptions {
-  /// Whether the addresses behind a MAC that a bridge forgot, or behind a port that lost its
-  /// carrier, are probed at once.
+  /// Whether addresses are probed at once if their MAC left a bridge's forwarding database or their
+  /// port lost its carrier.
   bool onDeparture = true;
-  /// Whether entries that the kernel would drop for lack of use are refreshed in time.
+  /// Whether unused entries are refreshed before the kernel drops them.
   bool keepalive = false;
-  /// Whether the kernel drops entries of a family (4 or 6) for lack of use at all: see
-  /// collectsNeighbors(). Asked now and then; where it is empty, it always does.
+  /// Whether the kernel drops unused entries of a family (4 or 6) now: see collectsNeighbors().
+  /// Called every few seconds. Without this function, they are always refreshed.
   std::function<bool(int family)> collects;
-  /// Seconds between two refreshments of one entry. The kernel drops an entry that was not in use
-  /// for gc_stale_time, 60 seconds where nobody set it.
+  /// Seconds between two refreshments of an entry. The kernel drops an entry that was unused for
+  /// gc_stale_time, by default 60 seconds.
   double keepaliveInterval = 30;
-  uint32_t rate = 100;                        ///< most probes in a second
-  std::function<bool(LinkIndex)> isSelected;  ///< whether the interface's neighbours are ours
+  uint32_t rate = 100;                        ///< the most probes in a second
+  std::function<bool(LinkIndex)> isSelected;  ///< whether the interface is selected
 };
 
 /// A neighbour to be set to NUD_PROBE.
@@ -42,32 +42,32 @@ struct Probe {
   friend bool operator==(const Probe&, const Probe&) = default;
 };
 
-/// Gathers neighbours to probe, and hands them out at a limited rate: those whose host may have
-/// left first. Does no I/O.
+/// Collects neighbours to probe and hands them out at a limited rate, first those whose host may
+/// have left. Does no I/O.
 class Probing {
  public:
-  /// \param clock  seconds from any moment on; never goes back.
+  /// \param clock  seconds since any moment; never goes back.
   Probing(const Mirror& mirror, std::function<double()> clock, ProbingOptions options);
 
-  /// The bridge forgot an address behind `entry.port`.
+  /// The bridge removed an entry of its forwarding database.
   void onFdbEntryGone(const FdbEntry& entry);
-  /// The interface, a bridge port perhaps, has no carrier any more.
+  /// The interface, which may be a bridge port, lost its carrier.
   void onCarrierLost(LinkIndex link);
-  /// The mirror has another entry for this address than before. Of use with keepalive only.
+  /// The entry of this address in the mirror changed. Used with keepalive only.
   void onNeighbor(LinkIndex link, const Address& addr);
-  /// Takes other options. With keepalive, the entries that there are get refreshed from here on.
+  /// Takes other options. With keepalive, existing entries are refreshed from now on.
   void setOptions(ProbingOptions options);
 
   /// The probes that are due now.
   std::vector<Probe> due();
-  /// How many neighbours wait to be probed, and how many to be refreshed.
+  /// The numbers of neighbours that wait for a probe and for a refreshment.
   size_t urgentCount() const { return urgent_.size(); }
   size_t refreshmentCount() const { return refreshments_.size(); }
-  /// When due() should be asked again: the clock's time, or none.
+  /// The clock's time at which due() should be called again, or none.
   std::optional<double> nextDeadline() const;
 
  private:
-  /// A MAC that left a bridge, in a VLAN or in any.
+  /// A MAC that left a bridge, in one VLAN or in all.
   struct Departure {
     LinkIndex bridge = 0;
     uint16_t vlan = 0;
@@ -84,11 +84,11 @@ class Probing {
     friend bool operator>(const Refreshment& a, const Refreshment& b) { return a.at > b.at; }
   };
 
-  /// What is to be refreshed of one family.
+  /// The neighbours of one family that are to be refreshed.
   struct Refreshments {
     std::priority_queue<Refreshment, std::vector<Refreshment>, std::greater<>> queue;
-    bool areNeeded = false;  ///< the kernel dropped entries when it was asked last
-    double askAt = 0;        ///< whether it does
+    bool areNeeded = false;  ///< the last answer of ProbingOptions::collects
+    double askAt = 0;        ///< the time of the next question
 
     bool isDue(double now) const { return !queue.empty() && queue.top().at <= now; }
   };
@@ -105,16 +105,16 @@ class Probing {
   const Mirror& mirror_;
   std::function<double()> clock_;
   ProbingOptions options_;
-  // What left, until due() looks for the neighbours that are concerned, once for all.
+  // Departures whose neighbours due() has still to find, in one pass.
   std::unordered_set<LinkIndex> carriersLost_, bridges_;
   Kiv::HashMap<Departure, Kiv::Present> departures_;
-  // Neighbours to be probed at once, in order, each once.
+  // Neighbours to be probed at once, in order and without repetition.
   std::deque<Probe> urgent_;
   Kiv::HashMap<Probe, Kiv::Present> isUrgent_;
-  // Entries to be refreshed, and when each was last or is going to be.
+  // Entries to be refreshed, and the time of the last or next refreshment of each.
   std::array<Refreshments, 2> refreshments_;  // IPv4, IPv6
   Kiv::HashMap<Probe, double> refreshedAt_;
-  // Probes that may be sent at the time tokensAt_; the fraction counts.
+  // The number of probes that were permitted at the time tokensAt_, with its fraction.
   double tokens_ = 0;
   double tokensAt_ = 0;
 };

@@ -21,24 +21,25 @@ namespace {
 
 using Verb = RouteRequest::Verb;
 
-/// Wanted for what the kernel answers, and for what is sent at once.
+/// The wanted size of the receive buffer and of the send buffer.
 constexpr int kSocketBuffer = 4 << 20;
-/// What one refusal takes of the receive buffer, with the kernel's own bookkeeping.
+/// The room that one refusal needs in the receive buffer, with the kernel's overhead.
 constexpr size_t kAnswerCost = 1024;
-/// A longer batch gains nothing any more.
+/// A longer batch is not faster.
 constexpr size_t kMostMessages = 1024;
-/// The next hops of a route, and the bytes of the longest message that follows from it.
+/// The most next hops of a route, and the size of the longest message.
 constexpr size_t kMostVias = 256;
 constexpr size_t kLongestMessage = 16384;
 constexpr size_t kBatchBytes = 128 << 10;
-/// The kernel puts one answer into a datagram.
+/// The size of the buffer for a datagram, which has one answer.
 constexpr size_t kAnswerBytes = 8192;
 
 [[noreturn]] void fail(const char* call) {
-  throw NetlinkError(std::string("netlink: ") + call + ": " + std::strerror(errno));
+  throw NetlinkError(std::string("netlink: ") + call, errno);
 }
 
-/// The size of a socket's buffer: as wanted, when the process may, and what it got.
+/// Sets the size of a socket's buffer, above the system's limit if the process may.
+/// \return the size that the kernel granted.
 size_t setBuffer(int fd, int force, int option) {
   if (::setsockopt(fd, SOL_SOCKET, force, &kSocketBuffer, sizeof kSocketBuffer) != 0) {
     ::setsockopt(fd, SOL_SOCKET, option, &kSocketBuffer, sizeof kSocketBuffer);
@@ -78,7 +79,7 @@ void putAddr(nlmsghdr* message, uint16_t type, const WireAddr& addr) {
   ::mnl_attr_put(message, type, addr.length, addr.bytes.data());
 }
 
-/// The attributes of a next hop that is in a message: its gateway, as far as it has one.
+/// Adds the gateway of a next hop, if it has one.
 void putGateway(nlmsghdr* message, const RouteVia& via, int family) {
   if (!via.gateway) return;
   const WireAddr gateway(*via.gateway);
@@ -113,7 +114,7 @@ void putVias(nlmsghdr* message, const std::vector<RouteVia>& vias, int family) {
   ::mnl_attr_nest_end(message, nest);
 }
 
-/// Writes the message of a request. \return 0, or why there is none.
+/// Writes the message of a request. \return 0, or the errno of a request that cannot be sent.
 int putRequest(nlmsghdr* message, const RouteRequest& request, uint8_t protocol) {
   const auto& vias = request.value.vias;
   const bool adds = request.verb == Verb::Add || request.verb == Verb::AddBlackhole;
@@ -128,7 +129,7 @@ int putRequest(nlmsghdr* message, const RouteRequest& request, uint8_t protocol)
   route->rtm_family = addressFamily(family);
   route->rtm_table = RT_TABLE_UNSPEC;
   route->rtm_protocol = protocol;
-  // A deletion is of whatever scope and type there is.
+  // A deletion removes a route of any scope and type.
   route->rtm_scope = adds ? RT_SCOPE_UNIVERSE : RT_SCOPE_NOWHERE;
   if (adds) route->rtm_type = request.verb == Verb::Add ? RTN_UNICAST : RTN_BLACKHOLE;
   std::visit(
@@ -151,8 +152,8 @@ int putRequest(nlmsghdr* message, const RouteRequest& request, uint8_t protocol)
   return 0;
 }
 
-/// The address that the kernel has for the neighbour stays, and so does whether it is a router: a
-/// message with NLM_F_REPLACE would take that away, one with NLM_F_CREATE would make an entry.
+/// Writes a probe. NLM_F_REPLACE is not set, because it would clear the MAC address and the router
+/// flag. NLM_F_CREATE is not set, because it would create an entry.
 void putProbe(nlmsghdr* message, const Probe& probe) {
   message->nlmsg_type = RTM_NEWNEIGH;
   message->nlmsg_flags = NLM_F_REQUEST;
@@ -176,12 +177,12 @@ RequestSocket::RequestSocket(uint8_t protocol)
       answers_(kAnswerBytes) {
   if (!socket_) fail("socket");
   if (::mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) != 0) fail("bind");
-  // A refusal need not repeat the request.
+  // Refusals do not contain the request then.
   int on = 1;
   ::mnl_socket_setsockopt(socket_.get(), NETLINK_CAP_ACK, &on, sizeof on);
   const int fd = ::mnl_socket_get_fd(socket_.get());
   setBuffer(fd, SO_SNDBUFFORCE, SO_SNDBUF);
-  // All messages of a batch may be refused.
+  // The kernel may refuse all messages of a batch.
   const size_t receiveBuffer = setBuffer(fd, SO_RCVBUFFORCE, SO_RCVBUF);
   mostMessages_ = std::clamp<size_t>(receiveBuffer / kAnswerCost, 1, kMostMessages);
 }
@@ -206,8 +207,8 @@ void RequestSocket::probe(std::span<const Probe> probes) {
   });
 }
 
-/// Sends `count` messages, which `write` makes, in batches. The sequence number of each tells its
-/// result.
+/// Sends `count` messages, written by `write`, in batches. The sequence number of an answer
+/// identifies the message.
 template <class Write>
 void RequestSocket::exchange(size_t count, std::span<int> results, Write write) {
   for (size_t first = 0, next = 0; first < count; first = next) {
@@ -236,13 +237,13 @@ void RequestSocket::send(size_t length, uint32_t last, std::span<int> results) {
   do {
     sent = ::mnl_socket_sendto(socket_.get(), batch_.data(), length);
   } while (sent < 0 && errno == EINTR);
-  // The kernel took nothing of it then.
+  // After an error the kernel has taken no message.
   if (sent < 0) return set(0, errno);
   if (!takeAnswers(last, results)) set(0, kUnknown);
 }
 
-/// Takes the answers to a batch, which are all there, up to that to its last message. \return false
-/// when some were lost.
+/// Reads the answers to a batch up to that of its last message. All have arrived already. \return
+/// false when some were lost.
 bool RequestSocket::takeAnswers(uint32_t last, std::span<int> results) {
   bool isComplete = true;
   while (true) {

@@ -17,20 +17,20 @@ namespace Linux {
 
 /// Writes host routes and probes through one socket, in batches.
 ///
-/// The kernel carries out a batch before the call that sends it returns. It answers what it refused
-/// and the last message of the batch, so an answer for each that was carried out costs nothing.
+/// The kernel carries out a batch before the call that sends it returns. It answers refused
+/// requests and the last message of the batch only, so successful requests need no answers.
 class RequestSocket final : public RouteChannel {
  public:
   /// \param protocol  the protocol number of our routes.
-  /// \throws NetlinkError when there is no such socket.
+  /// \throws NetlinkError when the socket cannot be opened.
   explicit RequestSocket(uint8_t protocol);
   ~RequestSocket() override;
 
-  /// The socket's netlink port, by which its own notifications are known.
+  /// The socket's netlink port, which identifies notifications of its own requests.
   uint32_t port() const;
   void perform(std::span<const RouteRequest> requests, std::span<int> results) override;
-  /// Sets neighbours to NUD_PROBE, which makes the kernel ask them. One that the kernel does not
-  /// have any more is passed over.
+  /// Sets neighbours to NUD_PROBE, so that the kernel probes them. Entries that do not exist any
+  /// more are skipped.
   void probe(std::span<const Probe> probes);
 
  private:

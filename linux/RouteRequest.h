@@ -1,4 +1,4 @@
-// Host routes as the kernel is asked for them.
+// Requests for host routes in the kernel.
 #pragma once
 
 #include <compare>
@@ -12,7 +12,7 @@
 
 namespace Linux {
 
-/// Where a host route is in the kernel.
+/// The table and prefix of a host route.
 struct RouteKey {
   TableId table = 0;
   Prefix prefix;
@@ -22,7 +22,7 @@ struct RouteKey {
   friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
 };
 
-/// One next hop of a host route: an interface, and a gateway unless the host itself is there.
+/// One next hop of a host route: an interface, and a gateway unless the host is directly connected.
 struct RouteVia {
   LinkIndex link = 0;
   std::optional<Address> gateway;
@@ -30,43 +30,43 @@ struct RouteVia {
   friend auto operator<=>(const RouteVia&, const RouteVia&) = default;
 };
 
-/// What a host route says, beside its key.
+/// The value of a host route.
 struct RouteValue {
-  std::vector<RouteVia> vias;  ///< empty for a blackhole, which drops what it matches
+  std::vector<RouteVia> vias;  ///< empty for a blackhole, which drops packets
   uint32_t metric = 0;
   std::optional<Address> preferredSource;
 
   friend auto operator<=>(const RouteValue&, const RouteValue&) = default;
 };
 
-/// The form in which the kernel holds a value: vias in order, each once; an IPv6 metric of 0 as
-/// 1024; of IPv6 vias one only when there is one without gateway, as the kernel has no multipath
-/// routes of such.
+/// A value as the kernel stores it: sorted vias without repetition, and 1024 for an IPv6 metric of
+/// 0. If an IPv6 via has no gateway, only the first such via, because the kernel refuses multipath
+/// routes of them.
 RouteValue normalized(const Prefix& prefix, RouteValue value);
 
-/// What the kernel takes for an IPv6 metric of 0 (IP6_RT_PRIO_USER).
+/// The kernel's replacement for an IPv6 metric of 0 (IP6_RT_PRIO_USER).
 inline constexpr uint32_t kDefaultMetric6 = 1024;
 
-/// A change to the kernel's tables. Blackhole is a route of the same key that drops what it
-/// matches, or any other that is ours when it is deleted.
+/// A change of the kernel's tables. AddBlackhole adds a route that drops packets. DeleteBlackhole
+/// deletes any route of ours with the key.
 struct RouteRequest {
   enum class Verb : uint8_t { Add, Delete, AddBlackhole, DeleteBlackhole };
   Verb verb = Verb::Add;
   RouteKey key;
-  RouteValue value;  ///< of Add; of the others the metric only
+  RouteValue value;  ///< for Add; the others use the metric only
 
   friend bool operator==(const RouteRequest&, const RouteRequest&) = default;
 };
 
-/// A request in the words of ip(8): "route add 10.0.0.5/32 dev 3 table 10 metric 20". Interfaces
+/// A request as a command of ip(8): "route add 10.0.0.5/32 dev 3 table 10 metric 20". Interfaces
 /// are numbers.
 std::string toString(const RouteRequest& request);
 
-/// Carries requests out, in order. An addition is exclusive: it fails where there is a route of the
-/// same table, prefix and metric. A deletion takes away a route with our protocol number only.
+/// Carries out requests in order. An addition fails if a route of the same table, prefix and metric
+/// exists. A deletion removes only a route with our protocol number.
 class RouteChannel {
  public:
-  /// The result of a request whose answer was lost: it was carried out or not.
+  /// The result of a request whose answer was lost. It may have been carried out.
   static constexpr int kUnknown = -1;
 
   virtual ~RouteChannel() = default;

@@ -1,4 +1,4 @@
-// The routes of all tables, and what the kernel does to them without a word.
+// The kernel's routes, with the changes that it makes without notifications.
 #include "linux/RouteTable.h"
 
 #include <linux/rtnetlink.h>
@@ -26,7 +26,7 @@ bool areSameHops(const std::vector<NextHop>& a, const std::vector<NextHop>& b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), isSameHop);
 }
 
-/// Brings IPv6 next hops into one order: the kernel tells them in several.
+/// Sorts IPv6 next hops, because the order in the kernel's messages differs.
 void sortHops(std::vector<NextHop>& hops) {
   if (hops.size() < 2) return;
   std::sort(hops.begin(), hops.end(), [](const NextHop& a, const NextHop& b) {
@@ -34,7 +34,7 @@ void sortHops(std::vector<NextHop>& hops) {
   });
 }
 
-/// Routes that drop what they match do so whatever becomes of an interface.
+/// Whether the state of interfaces matters: it does not for routes that drop packets.
 bool isReject(uint8_t type) {
   return type == RTN_BLACKHOLE || type == RTN_UNREACHABLE || type == RTN_PROHIBIT ||
          type == RTN_THROW;
@@ -69,8 +69,8 @@ RouteTable::Body RouteTable::bodyOf(const Route& route) {
   body.protocol = route.protocol;
   body.type = route.type;
   body.nexthop = route.nexthop;
-  // The kernel takes the preferred source of an IPv6 route away without a word, and keeps the
-  // route.
+  // The kernel removes the preferred source of an IPv6 route without a notification and keeps the
+  // route. So it is not stored.
   if (route.preferredSource && body.family == 4) {
     if (const auto* source = std::get_if<Zemit::IpAddr>(&*route.preferredSource))
       body.source = *source;
@@ -99,7 +99,7 @@ void RouteTable::put(const Route& route, bool replaces, bool appends) {
   Number same = findSame(route, body);
   Number replaced = replaces ? findReplaced(route, body) : kNone;
   if (replaced != kNone && replaced != same) {
-    // The kernel keeps an equal IPv6 route without gateway that stands further behind.
+    // The kernel keeps an equal IPv6 route without gateway at a later position.
     if (same != kNone && (body.family == 4 || body.canJoin() || body.nexthop != 0)) remove(same);
     touch(replaced);
     if (setBody(replaced, std::move(body))) changed(replaced);
@@ -111,7 +111,7 @@ void RouteTable::put(const Route& route, bool replaces, bool appends) {
                          (!nodes_[same].isFirst || nodes_[same].nextOfPrefix != kNone);
     touch(same);
     if (isMoved) {
-      // The order of the dump is the kernel's.
+      // The dump has the order of the kernel.
       unlink(same);
       link(same, false);
     }
@@ -127,8 +127,8 @@ void RouteTable::put(const Route& route, bool replaces, bool appends) {
   insert(route, std::move(body), isFirst);
 }
 
-/// IPv6 next hops that are added join the route of their prefix and metric. Kernels tell then
-/// either of the whole route, or (before 4.11) of the new next hop alone.
+/// Adds IPv6 next hops to the route of their prefix and metric. The message has the whole route or,
+/// from kernels before 4.11, the new next hop alone.
 void RouteTable::mergeIpv6(const Route& route, Body body) {
   const Number first = find(route, [&](const Node&, const Body& other) {
     if (other.nexthop != 0 || other.type != body.type) return false;
@@ -151,7 +151,7 @@ void RouteTable::mergeIpv6(const Route& route, Body body) {
   }
   touch(first);
   bool differs = false;
-  // Next hops of the new route that stood alone so far are part of it now.
+  // Next hops that were routes of their own are a part of the new route now.
   const std::vector<NextHop> hops = body.hops;
   for (Number at = firstOf(route.table, route.prefix); at != kNone;) {
     const Number next = nodes_[at].nextOfPrefix;
@@ -180,7 +180,7 @@ void RouteTable::erase(const Route& route) {
   Body body = bodyOf(route);
   Number same = findSame(route, body);
   if (same == kNone && body.family == 6 && route.nexthop == 0) {
-    // Some of the next hops.
+    // Only some of the next hops were removed.
     same = find(route, [&](const Node&, const Body& other) {
       return other.nexthop == 0 && other.type == body.type &&
              std::any_of(other.hops.begin(), other.hops.end(),
@@ -216,9 +216,10 @@ void RouteTable::linkIs(const Link& link, bool isRevived) {
   for (const Number number : byLink_.of(link.index)) {
     const Body& body = bodies_[number];
     if (body.nexthop != 0 || isReject(body.type)) continue;
-    // The machine's own addresses stay while their interface is down, or are told.
+    // Routes of the machine's own addresses stay while their interface is down. Their removal is
+    // announced.
     if (body.type == RTN_LOCAL || (body.type == RTN_ANYCAST && body.family == 6)) continue;
-    // An IPv4 next hop may be dead for another reason, an IPv6 one may not.
+    // Only an IPv4 next hop may be dead for another reason.
     const bool revives = link.isUp && (isRevived || (body.family == 6 && link.hasCarrier));
     changeHopsOn(link.index, number, [&](NextHop& hop) {
       if (!link.isUp) hop.isDead = true;
@@ -233,7 +234,7 @@ void RouteTable::linkGone(LinkIndex link) {
     const Body& body = bodies_[number];
     if (body.nexthop != 0) continue;
     if (body.family == 4) {
-      // An IPv4 route goes with the first of its interfaces.
+      // The kernel removes an IPv4 route with the first of its interfaces.
       removeRoutesOf(number);
     } else {
       changeHops(number, [&](std::vector<NextHop>& hops) {
@@ -317,7 +318,7 @@ RouteTable::Number RouteTable::firstOf(TableId table, const Prefix& prefix) cons
   return found == nullptr ? kNone : *found;
 }
 
-/// The first route of the same prefix, metric, type of service and source of which
+/// The first route of the same prefix, metric, type of service and source for which
 /// isSought(node, body) is true.
 template <class Test>
 RouteTable::Number RouteTable::find(const Route& route, const Test& isSought) const {
@@ -368,13 +369,13 @@ void RouteTable::insert(const Route& route, Body body, bool inFront) {
   changed(number);
 }
 
-/// Puts a node among those of its prefix: before or behind those of its rank; in a dump
-/// behind those that it named, so that the order becomes the kernel's.
+/// Inserts a node among those of its prefix, before or after those of its rank. During a dump it
+/// follows the nodes of the dump, so that the order is that of the kernel.
 void RouteTable::link(Number number, bool inFront) {
   Node& node = nodes_[number];
   const uint32_t hash = hashOfKey(node.table, node.prefix);
   const Number first = firstOf(node.table, node.prefix);
-  // The kernel tries the routes of one type of service before those of any.
+  // The kernel tries routes with a type of service before those without.
   const auto rank = [](const Node& n) { return std::pair(n.metric, -n.tos); };
   Number before = kNone;
   for (Number at = first; at != kNone; at = nodes_[at].nextOfPrefix) {
@@ -454,7 +455,7 @@ void RouteTable::detach(Number number) {
   node.body = node.previousOfBody = node.nextOfBody = kNone;
 }
 
-/// The number of an equal body, or that of this one when there was none.
+/// The number of an equal body, or that of this one if there is no equal one.
 RouteTable::Number RouteTable::share(Body body) {
   body.hash = hashOfBody(body);
   const uint32_t* known =
@@ -516,7 +517,8 @@ void RouteTable::changeHops(Number number, const Change& change) {
     body.hops = std::move(hops);
     body.hash = hashOfBody(body);
     for (const LinkIndex link : linksOf(body.hops)) byLink_.add(link, number);
-    // Two bodies may become equal. They are not joined: that would be a walk over their routes.
+    // Two bodies may become equal. They stay separate, because merging them would take a pass over
+    // their routes.
     body.isIndexed =
         byContent_.find(body.hash, [&](Number n) { return bodies_[n].isEqual(body); }) == nullptr;
     if (body.isIndexed) byContent_.add(body.hash, number);

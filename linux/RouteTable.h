@@ -1,4 +1,4 @@
-// The routes of all tables, and what the kernel does to them without a word.
+// The kernel's routes, with the changes that it makes without notifications.
 #pragma once
 
 #include <cstdint>
@@ -14,21 +14,21 @@ namespace Linux {
 
 /// The kernel's routes by table and prefix.
 ///
-/// What many routes have in common - next hops, protocol, type - is kept once, as the kernel does:
-/// an event on an interface finds the routes it concerns without a walk over a million others.
+/// The common part of many routes - next hops, protocol, type - is stored once, as in the kernel.
+/// So an event of an interface finds its routes without a search of a million others.
 ///
-/// The kernel tells neither of the IPv4 routes that go with their interface, its last address or
-/// their preferred source, nor of the flags of next hops that change. The methods that are told of
-/// these events do to the routes here what the kernel does to its own. They may be told again.
+/// The kernel sends no notifications when it drops IPv4 routes with their interface, with its last
+/// address or with their preferred source, nor when it changes flags of next hops. The methods for
+/// these events make the same changes here. They may be called more than once for an event.
 class RouteTable {
  public:
-  /// Told of each prefix in a table whose routes changed, after the change.
+  /// Receives each prefix in a table whose routes changed, after the change.
   using Changed = std::function<void(TableId, const Prefix&)>;
   explicit RouteTable(Changed changed) : changed_(std::move(changed)) {}
 
-  /// A route that the kernel told of: new, changed, or in the place of another (see Change).
+  /// Adds or changes a route, or replaces another one (see Change).
   void put(const Route& route, bool replaces, bool appends);
-  /// A route of ours, which is not kept, stands in the place of another.
+  /// Removes the route that was replaced by a route of ours, which is not stored.
   void dropReplaced(const Route& route);
   void erase(const Route& route);
 
@@ -36,23 +36,23 @@ class RouteTable {
     ++dump_;
     isDumping_ = true;
   }
-  /// Drops what the dump did not name.
+  /// Removes the routes that were not in the dump.
   void endDump();
 
-  /// An interface's state. \param isRevived  it was down, or without carrier, before.
+  /// Takes the state of an interface. \param isRevived  it was down or without carrier before.
   void linkIs(const Link& link, bool isRevived);
   void linkGone(LinkIndex link);
   /// The interface got an IPv4 address.
   void ipv4Enabled(const Link& link);
   /// The last IPv4 address of an interface is gone.
   void ipv4Disabled(LinkIndex link);
-  /// The address is none of this machine's any more, as seen from the routes of `table`.
+  /// This machine has the address no longer, as far as the routes of `table` are concerned.
   void preferredSourceGone(TableId table, Zemit::IpAddr addr);
   bool isPreferredSource(Zemit::IpAddr addr) const { return !bySource_.of(addr).empty(); }
   void nexthopChanged(uint32_t id);
   void nexthopGone(uint32_t id);
 
-  /// The routes of a prefix, of lowest metric first.
+  /// The routes of a prefix, sorted by metric.
   std::vector<Route> routes(TableId table, const Prefix& prefix) const;
   void forEach(const std::function<void(TableId, const Prefix&)>& visit) const;
   size_t size() const { return nodes_.size() - freeNodes_.size(); }
@@ -69,12 +69,12 @@ class RouteTable {
     Number previousOfBody = kNone;
     Number nextOfBody = kNone;
     Number nextOfPrefix = kNone;
-    uint16_t dump = 0;  ///< in which it was last named
+    uint16_t dump = 0;  ///< in which it was last seen
     uint8_t tos = 0;
     bool hasSource : 1 = false;
     bool isFirst : 1 = false;  ///< of its prefix
   };
-  /// What routes have in common.
+  /// The common part of routes.
   struct Body {
     int family = 0;
     uint8_t protocol = 0;
@@ -83,12 +83,12 @@ class RouteTable {
     Zemit::IpAddr source;  ///< of IPv4; zero for none
     std::vector<NextHop> hops;
     uint32_t hash = 0;
-    bool isIndexed = false;  ///< false where another is equal
+    bool isIndexed = false;  ///< false if another one is equal
     size_t routes = 0;
     Number firstRoute = kNone;
 
     bool isEqual(const Body& other) const;
-    /// Whether a next hop may join those of another IPv6 route.
+    /// Whether its next hop can become a next hop of another IPv6 route.
     bool canJoin() const;
   };
 
@@ -100,7 +100,7 @@ class RouteTable {
   Number find(const Route& route, const Test& isSought) const;
   Number findSame(const Route& route, const Body& body) const;
   Number findReplaced(const Route& route, const Body& body) const;
-  /// A new node in its place among those of its prefix.
+  /// Adds a new node at its position among those of its prefix.
   void insert(const Route& route, Body body, bool inFront);
   void link(Number number, bool inFront);
   void unlink(Number number);
@@ -120,11 +120,11 @@ class RouteTable {
   /// The routes of a body, by number.
   std::vector<Number> routesOf(Number body) const;
   void removeRoutesOf(Number body);
-  /// Does `change(hop)` to each next hop of a body on an interface.
+  /// Calls `change(hop)` for each next hop of a body on an interface.
   template <class Change>
   void changeHopsOn(LinkIndex link, Number body, const Change& change);
-  /// Changes next hops of a body by `change(hops)`, which says whether it did. The routes of a body
-  /// that has none alive then go.
+  /// Calls `change(hops)`, which returns whether it changed the next hops of the body. Removes the
+  /// routes of the body if no next hop is left alive.
   template <class Change>
   void changeHops(Number number, const Change& change);
 

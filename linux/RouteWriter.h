@@ -1,4 +1,4 @@
-// How requests for host routes get to the kernel: at once, or while their user goes on.
+// Batches of requests for host routes, and the interface that carries them out.
 #pragma once
 
 #include <algorithm>
@@ -11,14 +11,13 @@
 
 namespace Linux {
 
-/// Requests that go to the kernel together, and then what became of each. Keeps its memory when it
-/// is emptied.
+/// Requests that are sent to the kernel together, and their results. clear() keeps the memory.
 class RouteBatch {
  public:
   void clear() { count_ = 0; }
   bool empty() const { return count_ == 0; }
   size_t size() const { return count_; }
-  /// A request at the end. Its next hops and its preferred source are none as yet.
+  /// Appends a request without next hops and preferred source.
   RouteRequest& add(RouteRequest::Verb verb, const RouteKey& key, uint32_t metric) {
     if (count_ == requests_.size()) requests_.emplace_back();
     auto& request = requests_[count_++];
@@ -29,15 +28,15 @@ class RouteBatch {
     request.value.preferredSource.reset();
     return request;
   }
-  /// Takes the memory that performOn() needs.
+  /// Allocates the memory for the results.
   void reserveResults() { results_.resize(count_); }
   /// \pre reserveResults()
   void performOn(RouteChannel& channel) {
     channel.perform(std::span(requests_).first(count_), results_);
   }
-  /// Gives each request the same result.
+  /// Sets the result of all requests.
   void resultsAre(int result) { std::ranges::fill(results_, result); }
-  /// One for each request, once they were performed: see RouteChannel::perform().
+  /// The result of each request after performOn(): see RouteChannel::perform().
   std::span<const int> results() const { return results_; }
 
  private:
@@ -46,24 +45,22 @@ class RouteBatch {
   size_t count_ = 0;
 };
 
-/// Takes batches to the kernel one after the other, perhaps while its user does something else. Its
-/// batches are the writer's own.
+/// Carries out batches in order, perhaps in another thread. The writer owns the batches.
 ///
-/// A batch is filled, submitted, finished and released; batches finish in the order in which they
-/// were submitted.
+/// The user fills a vacant batch and submits it. After the batch is finished, the user reads its
+/// results and releases it. Batches finish in the order of their submission.
 class RouteWriter {
  public:
   virtual ~RouteWriter() = default;
-  /// A batch to fill; null while too many are under way.
+  /// A batch to fill; null while too many batches are under way.
   virtual RouteBatch* vacant() = 0;
-  /// Sends the vacant batch on its way.
+  /// Submits the vacant batch.
   virtual void submit() = 0;
-  /// The oldest batch that was submitted and not released, once it was carried out; null before,
-  /// and when there is none.
+  /// The oldest batch that was submitted and not released, if it was carried out; null otherwise.
   virtual RouteBatch* finished() = 0;
-  /// Waits for it. Null when there is none.
+  /// Waits until that batch is carried out, and returns it. Null when no batch is under way.
   virtual RouteBatch* await() = 0;
-  /// Lets the finished batch be filled again.
+  /// Makes the finished batch vacant.
   virtual void release() = 0;
 };
 

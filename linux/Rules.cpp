@@ -18,7 +18,7 @@
 namespace Linux {
 namespace {
 
-/// Attributes by which a rule is for some packets only.
+/// Attributes that restrict a rule to some packets.
 constexpr std::array kSelectors = {FRA_FWMARK,      FRA_FWMASK,      FRA_IIFNAME,
                                    FRA_OIFNAME,     FRA_UID_RANGE,   FRA_IP_PROTO,
                                    FRA_SPORT_RANGE, FRA_DPORT_RANGE, FRA_TUN_ID};
@@ -27,7 +27,7 @@ uint32_t numberOf(const nlattr* attribute) {
   return mnl_attr_validate(attribute, MNL_TYPE_U32) < 0 ? 0 : mnl_attr_get_u32(attribute);
 }
 
-/// \return nothing for a rule that leads to no table, or whose message is cut short.
+/// Reads a rule. \return nothing for a rule without a table and for an incomplete message.
 std::optional<Rule> ruleOf(const nlmsghdr* message) {
   if (message->nlmsg_type != RTM_NEWRULE ||
       mnl_nlmsg_get_payload_len(message) < sizeof(fib_rule_hdr))
@@ -49,7 +49,7 @@ std::optional<Rule> ruleOf(const nlmsghdr* message) {
     if (type == FRA_PRIORITY) rule.priority = numberOf(attribute);
     if (type == FRA_TABLE) rule.table = numberOf(attribute);
     if (type == FRA_L3MDEV) rule.isForVrfs = true;
-    // All bits set: none is passed over.
+    // With all bits set, the attribute has no effect.
     const bool isLimit = type == FRA_SUPPRESS_PREFIXLEN || type == FRA_SUPPRESS_IFGROUP;
     if (isLimit && numberOf(attribute) != UINT32_MAX) rule.skipsShort = true;
     attribute = mnl_attr_next(attribute);
@@ -64,7 +64,7 @@ int takeRule(const nlmsghdr* message, void* rules) {
 }
 
 [[noreturn]] void refuse() {
-  throw NetlinkError(std::string("asking for the routing rules: ") + std::strerror(errno));
+  throw NetlinkError("asking for the routing rules", errno);
 }
 
 void dumpRules(int family, std::vector<Rule>& rules) {
@@ -87,7 +87,7 @@ void dumpRules(int family, std::vector<Rule>& rules) {
     }
     state = mnl_cb_run(buffer.data(), static_cast<size_t>(size), 1,
                        mnl_socket_get_portid(socket.get()), takeRule, &rules);
-    // A kernel without such rules has none.
+    // The kernel does not support rules of this family.
     if (state < 0 && (errno == EOPNOTSUPP || errno == EAFNOSUPPORT)) return;
     if (state < 0) refuse();
   }

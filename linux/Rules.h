@@ -11,16 +11,16 @@ namespace Linux {
 /// A rule that sends packets to a table (RTM_NEWRULE).
 struct Rule {
   int family = 4;
-  uint32_t priority = 0;    ///< the lowest comes first
-  TableId table = 0;        ///< 0 where the packet's VRF says which
+  uint32_t priority = 0;    ///< the lowest is tried first
+  TableId table = 0;        ///< 0 for the table of the packet's VRF
   bool isForVrfs = false;   ///< for packets of VRFs only (FRA_L3MDEV)
   bool isForAll = true;     ///< for all packets, or all of VRFs
-  bool skipsShort = false;  ///< some routes do not count (FRA_SUPPRESS_PREFIXLEN, ..._IFGROUP)
+  bool skipsShort = false;  ///< ignores some routes (FRA_SUPPRESS_PREFIXLEN, ..._IFGROUP)
 
   friend bool operator==(const Rule&, const Rule&) = default;
 };
 
-/// The rules of both families, by family and priority; those that lead to no table are left out.
+/// The rules with a table of both families, sorted by family and priority.
 /// \throws NetlinkError
 std::vector<Rule> dumpRules();
 

@@ -1,4 +1,4 @@
-// Who uses what.
+// The users of each key.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 
 namespace Linux {
 
-/// The numbers of those that use a key, for each key that is in use.
+/// For each key in use, the numbers of its users.
 template <class K>
 class UserIndex {
  public:
@@ -24,7 +24,7 @@ class UserIndex {
       return users.empty();
     });
   }
-  /// A copy: what is done to the users may change the list.
+  /// A copy, because the caller may change the list while it visits the users.
   std::vector<uint32_t> of(const K& key) const {
     const auto* users = users_.find(key);
     return users == nullptr ? std::vector<uint32_t>() : *users;

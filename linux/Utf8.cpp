@@ -1,4 +1,4 @@
-// Interface names as text: Linux lets them have any bytes.
+// Interface names as text. Linux allows any bytes in them.
 #include "linux/Utf8.h"
 
 namespace Linux {
@@ -16,7 +16,7 @@ size_t utf8Length(std::string_view text) {
   for (size_t i = 1; i < length; ++i) {
     if ((byte(i) & 0xC0) != 0x80) return 0;
   }
-  // A form that is longer than it need be, half of a surrogate pair, or beyond the last character.
+  // An overlong form, half of a surrogate pair, or a number above the last character.
   const unsigned second = byte(1);
   if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) ||
       (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second >= 0x90)) {

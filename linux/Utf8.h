@@ -1,4 +1,4 @@
-// Interface names as text: Linux lets them have any bytes.
+// Interface names as text. Linux allows any bytes in them.
 #pragma once
 
 #include <cstddef>
@@ -7,12 +7,11 @@
 
 namespace Linux {
 
-/// How many bytes the first character of `text` has in UTF-8 (RFC 3629); 0 when it is not
-/// well-formed.
+/// The number of bytes of the first UTF-8 character of `text` (RFC 3629); 0 when it is malformed.
 size_t utf8Length(std::string_view text);
 bool isUtf8(std::string_view text);
 
-/// `text` for people: bytes that are not UTF-8 and control characters become "\xff".
+/// `text` with bytes that are not UTF-8 and control characters written as "\xff".
 std::string printable(std::string_view text);
 
 }  // namespace Linux

@@ -1,4 +1,4 @@
-// The text of the values, and what can be said of any prefix.
+// Texts of values, and functions on prefixes of both families.
 #include "linux/Values.h"
 
 namespace Linux {

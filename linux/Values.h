@@ -1,7 +1,7 @@
-// What the Linux kernel says of interfaces, addresses, neighbours and routes, as values.
+// Interfaces, addresses, neighbours and routes of the Linux kernel, as values.
 //
-// They carry what this system uses of rtnetlink(7) messages, whether those came from a socket or
-// from the JSON of `ip`. Numbers are the kernel's own (linux/rtnetlink.h, linux/neighbour.h).
+// They have the parts of rtnetlink(7) messages that this system uses, from a socket or from the
+// JSON of `ip`. Numbers are those of the kernel (linux/rtnetlink.h, linux/neighbour.h).
 #pragma once
 
 #include <compare>
@@ -32,7 +32,7 @@ inline int familyOf(const Prefix& prefix) {
 /// "10.0.0.5", "2001:db8::/64".
 std::string toString(const Address& addr);
 std::string toString(const Prefix& prefix);
-/// Hashes, for tables.
+/// Hashes for hash tables.
 inline uint32_t hashOf(const Address& addr) {
   const auto* addr4 = std::get_if<Zemit::IpAddr>(&addr);
   return addr4 != nullptr ? addr4->hash() : std::get<Zemit::Ip6Addr>(addr).hash();
@@ -55,14 +55,14 @@ using TableId = uint32_t;
 struct Link {
   LinkIndex index = 0;
   std::string name;        ///< at most 15 bytes; need not be UTF-8
-  std::string kind;        ///< "vrf", "bridge", "macvlan"...; empty for hardware and when not told
+  std::string kind;        ///< "vrf", "bridge", "macvlan"...; empty for hardware and if unknown
   LinkIndex master = 0;    ///< the bridge, bond or VRF that it belongs to
-  std::string masterKind;  ///< what kind of port that makes it: "bridge", "vrf"...
-  LinkIndex lower = 0;     ///< what a VLAN or macvlan stands on, when in this namespace
+  std::string masterKind;  ///< the kind of the master: "bridge", "vrf"...
+  LinkIndex lower = 0;     ///< of a VLAN or macvlan, if in this namespace
   uint16_t vlan = 0;       ///< of a VLAN interface
   TableId vrfTable = 0;    ///< of a VRF device
   Zemit::EthAddr mac;
-  bool isUp = true;        ///< the administrator's word (IFF_UP)
+  bool isUp = true;        ///< administratively (IFF_UP)
   bool hasCarrier = true;  ///< IFF_LOWER_UP
   bool isLoopback = false;
   bool isNoArp = false;
@@ -74,8 +74,8 @@ struct Link {
 struct InterfaceAddress {
   LinkIndex link = 0;
   Address addr;
-  uint32_t len = 0;  ///< that of the own subnet: 32 or 128 where the peer has another address
-  std::optional<Address> peer;  ///< the other end's address, where it is not in the own subnet
+  uint32_t len = 0;             ///< of the own subnet: 32 or 128 if the peer has another address
+  std::optional<Address> peer;  ///< the other end's address, if it is not in the own subnet
   bool isSecondary = false;
   bool isTentative = false;
   bool isDuplicate = false;  ///< duplicate address detection failed
@@ -87,7 +87,7 @@ struct InterfaceAddress {
 struct Neighbor {
   LinkIndex link = 0;
   Address addr;
-  Zemit::EthAddr mac;                    ///< all zero when not known, or not an Ethernet address
+  Zemit::EthAddr mac;                    ///< zero if unknown or not an Ethernet address
   uint16_t state = 0;                    ///< NUD_*
   bool isProxy = false;                  ///< NTF_PROXY
   bool isLearnedByControlPlane = false;  ///< NTF_EXT_LEARNED
@@ -100,7 +100,7 @@ struct FdbEntry {
   LinkIndex port = 0;
   LinkIndex bridge = 0;  ///< 0 for an entry of the port's own database
   Zemit::EthAddr mac;
-  uint16_t vlan = 0;         ///< 0 where the bridge knows no VLANs
+  uint16_t vlan = 0;         ///< 0 for a bridge without VLANs
   bool isPermanent = false;  ///< an address of the bridge itself
 
   friend bool operator==(const FdbEntry&, const FdbEntry&) = default;
@@ -109,8 +109,8 @@ struct FdbEntry {
 /// One next hop of a route or of a nexthop object.
 struct NextHop {
   LinkIndex link = 0;
-  std::optional<Address> gateway;  ///< none where the destination is directly connected
-  uint8_t weight = 1;              ///< 1 to 255; above 1 it gets more of the traffic
+  std::optional<Address> gateway;  ///< none for a directly connected destination
+  uint8_t weight = 1;              ///< 1 to 255; a share of the traffic
   bool isTunnelled = false;        ///< it encapsulates (LWTUNNEL_ENCAP_*, MPLS labels)
   bool isDead = false;             ///< RTNH_F_DEAD
   bool isLinkDown = false;         ///< RTNH_F_LINKDOWN
@@ -118,18 +118,18 @@ struct NextHop {
   friend auto operator<=>(const NextHop&, const NextHop&) = default;
 };
 
-/// A route (RTM_NEWROUTE). Cached copies (RTM_F_CLONED) are none.
+/// A route (RTM_NEWROUTE), but no cached copy (RTM_F_CLONED).
 struct Route {
   TableId table = 0;
   Prefix prefix;
   uint32_t metric = 0;
   uint8_t protocol = 0;    ///< RTPROT_*
   uint8_t type = 0;        ///< RTN_*
-  uint8_t tos = 0;         ///< for one type of service only, when not 0
+  uint8_t tos = 0;         ///< unless 0, for this type of service only
   bool hasSource = false;  ///< for one range of source addresses only
-  uint32_t nexthop = 0;    ///< the nexthop object it uses, when not 0
+  uint32_t nexthop = 0;    ///< its nexthop object, unless 0
   std::optional<Address> preferredSource;
-  std::vector<NextHop> hops;  ///< its own, or the resolved ones that the kernel tells beside the id
+  std::vector<NextHop> hops;  ///< its own, or those of the nexthop object in the message
 
   friend bool operator==(const Route&, const Route&) = default;
 };
@@ -137,23 +137,23 @@ struct Route {
 /// A nexthop object: one next hop, a group of others, or a blackhole (RTM_NEWNEXTHOP).
 struct Nexthop {
   uint32_t id = 0;
-  int family = 0;  ///< 4, 6, or 0 for a group or where not told
+  int family = 0;  ///< 4, 6, or 0 for a group and if unknown
   bool isBlackhole = false;
   std::optional<NextHop> hop;
-  std::vector<std::pair<uint32_t, uint8_t>> group;  ///< ids, and the weight of each
+  std::vector<std::pair<uint32_t, uint8_t>> group;  ///< ids and weights
 
   friend bool operator==(const Nexthop&, const Nexthop&) = default;
 };
 
-/// Something that the kernel has, or had.
+/// An object of the kernel.
 using Object = std::variant<Link, InterfaceAddress, Neighbor, FdbEntry, Route, Nexthop>;
 
-/// The kernel's word on one object.
+/// A message of the kernel about one object.
 struct Change {
   Object object;
   bool present = true;    ///< false when it is gone
-  bool replaces = false;  ///< of a route: it stands in the place of another (NLM_F_REPLACE)
-  bool appends = false;   ///< of a route: others of its metric come first (NLM_F_APPEND)
+  bool replaces = false;  ///< of a route: it replaced another one (NLM_F_REPLACE)
+  bool appends = false;   ///< of a route: it follows others of its metric (NLM_F_APPEND)
   uint32_t sender = 0;    ///< the netlink port that caused it; 0 is the kernel
 
   friend bool operator==(const Change&, const Change&) = default;

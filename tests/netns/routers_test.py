@@ -121,8 +121,8 @@ class RoutersTest(lab.Lab):
         host = self.hosts[leaf - 1]
         host.ip(f'addr replace {HOST4}/24 dev eth0')
         host.ip(f'addr replace {HOST6}/64 dev eth0 nodad')
-        host.run('ping', '-c1', '-W5', '10.0.1.1')
-        host.run('ping', '-c1', '-W5', '2001:db8:1::1')
+        self.ping(host, '10.0.1.1')
+        self.ping(host, '2001:db8:1::1')
 
     def leave(self, leaf):
         """Removes the host's addresses and its neighbour entries on the leaf."""
