@@ -1,6 +1,7 @@
 // A switch: the tables and the state machines of all its VRFs.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -156,10 +157,14 @@ class Switch {
   void setRibReady(std::string_view vrf, bool ready);
   void setStartRibReadyVerification(std::string_view vrf, bool start);
 
-  /// Looks whether the shared tables are as they were left, and repairs what is not; and asks for
-  /// the memory again that was refused. For a timer: each call looks at some pages of the tables,
-  /// one after the other, or at `all`. Returns whether every table may grow.
+  /// How often tendTables() is to be called while tables are shared.
+  static constexpr std::chrono::seconds kTendingInterval{5};
+  /// Checks the shared tables, repairs what was changed from outside, and requests refused memory
+  /// again. A call checks the next few pages of the tables; it checks all of them with `all`, and
+  /// when damage was found since the last call. Returns whether every table got its memory.
   bool tendTables(bool all = false);
+  /// Whether readers who open the shared tables by name find them.
+  bool tablesAreCurrent() const;
   /// Has the machines do again whatever they may have left undone when a table could not grow or
   /// gave up entries. Before that, what they are made of is to be set again: interfaces, FECs,
   /// routes, neighbours. \throws as setRoute().
@@ -244,6 +249,7 @@ class Switch {
   /// Where each address is a neighbour, in the order of the addresses. Kept while settling is on.
   std::tuple<NeighborIndex<Ipv4>, NeighborIndex<Ipv6>> neighborIndices_;
   Tovan::TendRound tendRound_;
+  uint64_t corruptions_ = 0;  // of all tables of the process, when they were tended last
   bool loading_ = false;
   bool isSettling_ = false;  // lent to the machines, which tell by it why a neighbour is announced
   std::size_t historyEntries_ = 0;

@@ -40,8 +40,8 @@ Linux::ProbingOptions probingOptions(const Config& config, const Linux::Mirror& 
 constexpr size_t kMostDirect = 32;
 /// Of so many new neighbours, the routes are handed on while the next ones are handled.
 constexpr size_t kNeighborsAhead = 256;
-/// How many seconds after one look at the shared tables the next one is.
-constexpr double kTendingInterval = 5;
+/// Seconds between two checks of the shared tables.
+constexpr double kTendingInterval{Daemon::Switch::kTendingInterval.count()};
 
 /// Adds the time of its life to a histogram.
 class Stopwatch {
@@ -200,9 +200,9 @@ void Router::tendTables() {
   noteTables();
   if (services_.clock() < nextTending_) return;
   nextTending_ = services_.clock() + kTendingInterval;
-  const bool mayGrow = switch_.tendTables(std::exchange(suspectsTables_, false));
+  const bool mayGrow = switch_.tendTables(std::exchange(checksAllTables_, false));
   noteTables();
-  if (!isIncomplete_ || !mayGrow) return;
+  if (!isIncomplete_ || !mayGrow || !switch_.tablesAreCurrent()) return;
   isIncomplete_ = false;
   feed_.snapshot([this](const Daemon::Operation& operation) { operate(operation); });
   try {
@@ -233,7 +233,6 @@ void Router::noteTables() {
                                     " bytes; host routes may be missing");
     }
   }
-  suspectsTables_ |= corruptions != corruptions_;
   corruptions_ = corruptions;
   refusals_ = refusals;
   isIncomplete_ = true;
@@ -319,7 +318,7 @@ void Router::endDump() {
     routes_.start();
   } else {
     exports_.noteAll();
-    suspectsTables_ = true;
+    checksAllTables_ = true;
   }
   warnOfAnEmptySelection();
   endTurn();

@@ -146,7 +146,7 @@ class Router {
   Daemon::LatencyHistogram operationTimes_;
   double nextTending_ = 0;
   bool isIncomplete_ = false;
-  bool suspectsTables_ = false;       // so that all pages are looked at, not only the next
+  bool checksAllTables_ = false;      // at the next tending
   std::set<std::string> fullTables_;  // which has been reported
   // As of when they were noted last.
   uint64_t corruptions_ = 0;
