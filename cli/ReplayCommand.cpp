@@ -4,11 +4,15 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "cli/Command.h"
 #include "cli/Terminal.h"
@@ -76,18 +80,30 @@ sigset_t holdSignals() {
   return signals;
 }
 
+/// What the main thread and the thread that waits for signals have in common. It is never
+/// destroyed: that thread uses it until the process ends.
+struct Holding {
+  std::mutex tables;  ///< held while tables are made again or removed
+  std::atomic<int> status = 0;
+};
+Holding& holding() {
+  static auto* const holding = new Holding;
+  return *holding;
+}
+
 /// Makes each of the blocked `signals` remove the tables that this process shares under `name`, and
-/// end the process, with status 0 when `endsWell`.
+/// end the process: with the status of holding() when it `holds` the tables.
 ///
 /// A thread waits for the signals, so that the process reacts at any time.
-void removeTablesOnSignal(const sigset_t& signals, const std::string& name, bool endsWell) {
-  std::thread([signals, name, endsWell] {
+void removeTablesOnSignal(const sigset_t& signals, const std::string& name, bool holds) {
+  std::thread([signals, name, holds] {
     constexpr int kBySignal = 128;
     int signal = 0;
     while (::sigwait(&signals, &signal) != 0) {
     }
+    holding().tables.lock();  // for good: the main thread would make them again
     Tovan::removeTablesOf(name);
-    std::_Exit(endsWell ? 0 : kBySignal + signal);
+    std::_Exit(holds ? holding().status.load() : kBySignal + signal);
   }).detach();
 }
 
@@ -99,20 +115,58 @@ void raiseFileLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// Prints the failures of tables, one line for each table and kind. Returns whether there is one.
-bool printTableReports() {
-  const auto reports = Tovan::tableReports();
-  for (const auto& table : reports) {
-    if (table.refusals != 0) {
-      std::cerr << "hostroute: " << table.lastRefusal << ": it has " << table.bytes << " bytes, "
-                << table.refusals << " changes were refused\n";
+/// Prints damage of the tables and refused memory, a line for each table and kind.
+class TableReports {
+ public:
+  /// Prints what is new: each damage, and the first refusal of a table. Returns whether there was
+  /// ever any.
+  bool print() {
+    const auto reports = Tovan::tableReports();
+    for (const auto& table : reports) {
+      const auto [known, isNew] = printed_.try_emplace(table.table);
+      auto& [refusals, corruptions] = known->second;
+      if (refusals == 0 && table.refusals != 0) {
+        std::cerr << "hostroute: " << table.lastRefusal << ": it has " << table.bytes << " bytes, "
+                  << table.refusals << " changes were refused\n";
+      }
+      if (corruptions != table.corruptions) {
+        std::cerr << "hostroute: " << table.lastCorruption << " (found damaged "
+                  << table.corruptions << " times)\n";
+      }
+      refusals = table.refusals;
+      corruptions = table.corruptions;
     }
-    if (table.corruptions != 0) {
-      std::cerr << "hostroute: " << table.lastCorruption << " (found damaged " << table.corruptions
-                << " times)\n";
+    return !reports.empty();
+  }
+
+ private:
+  struct Counts {
+    uint64_t refusals = 0;
+    uint64_t corruptions = 0;
+  };
+  std::map<std::string, Counts> printed_;
+};
+
+/// Keeps the tables up and repairs them until a signal ends the process. Host routes that were lost
+/// are made again; a FIB route or FEC is not, because the events that set it are read only once.
+[[noreturn]] void hold(Daemon::Switch& sw, TableReports& reports) {
+  bool isIncomplete = false;
+  for (uint64_t seen = 0;;) {
+    std::this_thread::sleep_for(Daemon::Switch::kTendingInterval);
+    const std::lock_guard lock(holding().tables);
+    const bool mayGrow = sw.tendTables();
+    const uint64_t before = std::exchange(seen, Tovan::corruptionCount() + Tovan::refusalCount());
+    isIncomplete |= seen != before;
+    if (reports.print()) holding().status = kFailed;
+    if (!isIncomplete || !mayGrow || !sw.tablesAreCurrent()) continue;
+    isIncomplete = false;
+    try {
+      sw.redo();
+    } catch (const std::exception& error) {
+      isIncomplete = true;
+      std::cerr << "hostroute: error: " << error.what() << '\n';
     }
   }
-  return !reports.empty();
 }
 
 int replay(const Options& options) {
@@ -132,14 +186,17 @@ int replay(const Options& options) {
   Replay::Player player(sw, *output,
                         {.echoes = options.echoes, .dumpsAtEnd = !options.noFinalDump});
   const auto outcome = player.run(input.stream(), input.name(), std::cout, std::cerr, showProgress);
-  const bool tablesAreGood = !printTableReports();
+  TableReports reports;
+  const bool tablesAreGood = !reports.print();
   if (outcome == Replay::Player::Outcome::Refused) return kMisused;
   requireOutput();
+  const int status = outcome == Replay::Player::Outcome::Done && tablesAreGood ? 0 : kFailed;
   if (options.holds) {
     if (isTerminal(STDERR_FILENO)) std::cerr << "The tables stay up until Ctrl-C.\n";
-    for (;;) ::pause();
+    holding().status = status;
+    hold(sw, reports);
   }
-  return outcome == Replay::Player::Outcome::Done && tablesAreGood ? 0 : kFailed;
+  return status;
 }
 
 }  // namespace

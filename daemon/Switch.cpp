@@ -10,6 +10,7 @@
 #include "daemon/SharedNames.h"
 #include "hostcore/Tracing.h"
 #include "platform/kiv/containers/Exception.h"
+#include "platform/tovan/Reports.h"
 #include "platform/tovan/SharedNames.h"
 
 namespace Daemon {
@@ -116,7 +117,8 @@ void Switch::traceAddressIs(std::string_view vrf, std::string_view address) {
 
 bool Switch::tendTables(bool all) {
   constexpr size_t kPagesATurn = 512;  // a few microseconds for each page
-  if (all) {
+  const uint64_t former = std::exchange(corruptions_, Tovan::corruptionCount());
+  if (all || former != corruptions_) {
     tendRound_.turnIsWhole();
   } else {
     tendRound_.turnIs(kPagesATurn);
@@ -125,7 +127,6 @@ bool Switch::tendTables(bool all) {
   const auto tend = [&](auto& table) {
     try {
       table.tend(tendRound_);
-      mayGrow &= table.isCurrent();
     } catch (const Pindo::Exception&) {  // a full table, or damage that was already reported
       mayGrow = false;
     } catch (const std::bad_alloc&) {
@@ -138,6 +139,18 @@ bool Switch::tendTables(bool all) {
     for (const auto& vrf : vrfs_) tend(*vrf.second.template routing<F>().routeStatus);
   });
   return mayGrow;
+}
+
+bool Switch::tablesAreCurrent() const {
+  bool areCurrent = true;
+  forEachFamily([&](auto family) {
+    using F = decltype(family);
+    areCurrent &= shared<F>().forwarding->isCurrent();
+    for (const auto& vrf : vrfs_) {
+      areCurrent &= vrf.second.template routing<F>().routeStatus->isCurrent();
+    }
+  });
+  return areCurrent;
 }
 
 void Switch::redo() {

@@ -1,6 +1,7 @@
 // A switch: the tables and the state machines of all its VRFs.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -159,10 +160,14 @@ class Switch {
   void setRibReady(std::string_view vrf, bool ready);
   void setStartRibReadyVerification(std::string_view vrf, bool start);
 
+  /// How often tendTables() is to be called while tables are shared.
+  static constexpr std::chrono::seconds kTendingInterval{5};
   /// Checks the shared tables for damage and repairs it, and retries to get memory that was
-  /// refused. Meant for a timer: each call checks the next few pages, or all pages when `all` is
-  /// true. Returns true when no table lacks memory.
+  /// refused. A call checks the next few pages. It checks all pages when `all` is true, and when
+  /// damage was found since the last call. Returns true when no table lacks memory.
   bool tendTables(bool all = false);
+  /// Whether readers who open the shared tables by name find them.
+  bool tablesAreCurrent() const;
   /// Has the machines repeat all work that they may have missed when a table could not grow or lost
   /// entries. Call it after setting all inputs again: interfaces, FECs, routes, neighbours.
   /// \throws as setRoute().
@@ -249,6 +254,7 @@ class Switch {
   /// The interfaces on which each address is a neighbour. Kept only when settling is enabled.
   std::tuple<NeighborIndex<Ipv4>, NeighborIndex<Ipv6>> neighborIndices_;
   Tovan::TendRound tendRound_;
+  uint64_t corruptions_ = 0;  // of all tables of the process, when they were tended last
   bool loading_ = false;
   bool isSettling_ = false;  // the machines read it to tell the cause of an announcement
   std::size_t historyEntries_ = 0;

@@ -41,7 +41,7 @@ constexpr size_t kMostDirect = 32;
 /// After so many new neighbours, their routes are written while the next neighbours are fed.
 constexpr size_t kNeighborsAhead = 256;
 /// The shared tables are checked at most this often, in seconds.
-constexpr double kTendingInterval = 5;
+constexpr double kTendingInterval{Daemon::Switch::kTendingInterval.count()};
 
 /// Adds the duration of its lifetime to a histogram.
 class Stopwatch {
@@ -241,9 +241,9 @@ void Router::tendTables() {
   noteTables();
   if (services_.clock() < nextTending_) return;
   nextTending_ = services_.clock() + kTendingInterval;
-  const bool mayGrow = switch_.tendTables(std::exchange(suspectsTables_, false));
+  const bool mayGrow = switch_.tendTables(std::exchange(checksAllTables_, false));
   noteTables();
-  if (isIncomplete_ && mayGrow) completeTables();
+  if (isIncomplete_ && mayGrow && switch_.tablesAreCurrent()) completeTables();
 }
 
 /// Adds what the shared tables lost or refused.
@@ -278,7 +278,6 @@ void Router::noteTables() {
                           " bytes; host routes may be missing");
     }
   }
-  suspectsTables_ |= corruptions != corruptions_;
   corruptions_ = corruptions;
   refusals_ = refusals;
   isIncomplete_ = true;
@@ -383,7 +382,7 @@ void Router::endDump() {
     routes_.start();
   } else {
     exports_.noteAll();
-    suspectsTables_ = true;
+    checksAllTables_ = true;
   }
   warnOfAnEmptySelection();
   endTurn();

@@ -161,7 +161,7 @@ class Router {
   Daemon::LatencyHistogram operationTimes_;
   double nextTending_ = 0;
   bool isIncomplete_ = false;
-  bool suspectsTables_ = false;       // the next check is of all pages
+  bool checksAllTables_ = false;      // at the next check
   std::set<std::string> fullTables_;  // which were reported
   // The counts of which the reports were written.
   uint64_t corruptions_ = 0;

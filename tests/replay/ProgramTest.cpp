@@ -23,6 +23,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "platform/zemit/Prefix.h"
+#include "tests/tovan/Damage.h"
+
 namespace {
 
 /// The output of a run of the program, including errors, and its exit status.
@@ -345,6 +348,19 @@ TEST_F(ProgramTest, ASignalRemovesHeldTables) {
     EXPECT_EQ(writer.end(signal), 0) << signal;
     EXPECT_EQ(run("routes --table " + name).status, 1) << signal;
   }
+}
+
+TEST_F(ProgramTest, HeldTablesAreRepairedAndTheDamageIsReported) {
+  Writer writer(name, true);
+  writer.feed(kScene);
+  writer.endInput();
+  routesOnce("10.0.0.5/32");
+  const auto host = Zemit::Prefix::host(*Zemit::IpAddr::parse("10.0.0.5"));
+  EXPECT_EQ(Tovan::damage(name + ".a%2Fb%25.route4", host, Tovan::kValue<Zemit::Prefix>), 1U);
+  EXPECT_EQ(::shm_unlink(("/hostroute-" + name + ".fec4").c_str()), 0);
+  while (routesOnce("10.0.0.5/32").status != 0) ::usleep(1000);
+  EXPECT_EQ(WEXITSTATUS(writer.end(SIGTERM)), 1);
+  EXPECT_EQ(runShell("ls /dev/shm/hostroute-" + name + ".*").status, 2);
 }
 
 // The first failure is a closed output pipe.

@@ -331,7 +331,7 @@ TEST_F(SteppingTest, EachStateOfARepairCanBeRepaired) {
     apply(change, contents);
   }
   isRepair = true;
-  const size_t stride = isLong() ? left.size() / 40 + 1 : 20;
+  const size_t stride = isLong() ? left.size() / 20 + 1 : 20;
   for (size_t i = 0; i < left.size() && !HasFatalFailure(); i += stride) {
     // The state determines whether the key has its old or its new value, and a repair keeps it.
     Contents now;
