@@ -36,6 +36,11 @@ std::string routeText(const Route& route) {
          (route.fecId == 0 ? ", without a FEC" : ", FEC " + std::to_string(route.fecId));
 }
 
+/// " through 10.0.0.9 Ethernet1" for the text of next hops. A broadcast address has none.
+std::string throughText(const std::string& vias) {
+  return vias == "-" ? "" : " through " + vias;
+}
+
 /// "leaves through Ethernet1 (FEC 7)".
 template <class Route, class Vias>
 std::string leavesText(const Route& route, const Vias& vias) {
@@ -266,8 +271,7 @@ class Explainer {
   template <class Found>
   static std::string inTableText(const Found& found) {
     const uint64_t fec = fecOf(found.route);
-    return typeText(found.route.routeType) +
-           (found.vias.empty() ? "" : " through " + viasText(found.vias)) +
+    return typeText(found.route.routeType) + throughText(viasText(found.vias)) +
            (fec == 0 ? "" : " (FEC " + std::to_string(fec) + ")");
   }
 
@@ -657,8 +661,7 @@ std::string textOf(const std::vector<ExplainedVia>& vias) {
 }
 
 std::string textOf(const Candidate& candidate) {
-  std::string text = candidate.type;
-  if (!candidate.vias.empty()) text += " through " + textOf(candidate.vias);
+  std::string text = candidate.type + throughText(textOf(candidate.vias));
   if (candidate.fec != 0) text += " (FEC " + std::to_string(candidate.fec) + ")";
   return text;
 }

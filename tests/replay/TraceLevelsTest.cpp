@@ -85,7 +85,11 @@ class OtherCode {
         [&] {
           if (table) F::neighborNotify(*table, ip);
         },
-        [&] { removeHostRoute(ip, hosts, nullptr, routing.adjHelper); },
+        [&] {
+          using namespace Routing::Host;
+          using namespace Routing6::Host;
+          removeHostRoute(ip, hosts, nullptr, routing.adjHelper);
+        },
         // The following actions need a machine.
         [&] {
           if (const auto reactor = machine->arpIntfStatus(intf.name())) reactor->handleArpEntry(ip);
