@@ -474,7 +474,7 @@ std::vector<Router::Times> Router::times() const {
 std::optional<double> Router::nextDeadline() const {
   if (dumps_) return std::nullopt;  // a turn would do nothing
   const auto next = earlier(routes_.nextDeadline(), probing_.nextDeadline());
-  const bool tends = isIncomplete_ || suspectsTables_;
+  const bool tends = isIncomplete_ || checksAllTables_;
   return phase_ == Phase::Starting || !tends ? next : earlier(next, nextTending_);
 }
 
