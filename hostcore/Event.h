@@ -115,22 +115,25 @@ void hostRouteChanged(typename F::RouteSm& sm, const typename F::Prefix& prefix,
                    is ? now : before, std::move(vias));
 }
 
-/// Counts the host routes that are in the route table when a machine begins. Returns whether all of
-/// them could be read.
+/// Counts the host routes that are in the route table when a machine begins. Returns whether it
+/// surely has none: false when a part of the table could not be read.
 template <Family F>
 bool countHostRoutes(typename F::RouteSm& sm) {
   const auto* table = sm.routeStatusRaw();
   if (table == nullptr || table->routeCount() == 0) return true;
   auto& ofType = sm.account().counts.hostRoutes;
+  bool hasNone = true;
   try {
-    table->forEachRoute([&ofType](const typename F::Route& route) {
-      if (route.key.len() == F::Addr::kBits) ++ofType[route.routeType % ofType.size()];
+    table->forEachRoute([&](const typename F::Route& route) {
+      if (route.key.len() != F::Addr::kBits) return;
+      hasNone = false;
+      ++ofType[route.routeType % ofType.size()];
     });
   } catch (const Tovan::CorruptionDetectedException& damage) {
     table->corruptionDetected(damage.what());
     return false;
   }
-  return true;
+  return hasNone;
 }
 
 }  // namespace HostCore

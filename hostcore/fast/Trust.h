@@ -36,10 +36,9 @@ class Trust {
   /// A machine begins. It has not merged the host routes that are in the route table, nor the state
   /// that a former machine left in the root.
   ///
-  /// \param isAllRead  whether the whole route table could be read.
-  void machineBegan(bool isAllRead) {
-    bool isFirst = isAllRead;
-    for (const uint64_t ofType : sm_.account().counts.hostRoutes) isFirst = isFirst && ofType == 0;
+  /// \param hasNoHostRoutes  whether the route table surely has none.
+  void machineBegan(bool hasNoHostRoutes) {
+    bool isFirst = hasNoHostRoutes;
     if (const auto* root = sm_.rootRaw()) {
       const auto& neighbors = F::neighborTable(*root);
       isFirst = isFirst && root->prefixToRouteCount() == 0 &&
