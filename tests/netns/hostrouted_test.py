@@ -301,6 +301,19 @@ class ProcessTest(RouterLab):
         self.assertEqual(kinds, [False, True, False], monitor.lines)
         self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
 
+    def test_an_idle_daemon_notifies_the_watchdog(self):
+        daemon = self.daemon(self.router, PORTS, start=False)
+        path = os.path.join(daemon.directory, 'notify')
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(path)
+            manager.settimeout(lab.TIMEOUT)
+            daemon.wrapper = ['env', f'NOTIFY_SOCKET={path}', 'WATCHDOG_USEC=200000']
+            daemon.start(wait=False)
+            told = ''
+            while told.count('WATCHDOG=1') < 5:
+                told += manager.recv(4096).decode()
+            self.assertIn('READY=1', told)
+
     def test_a_second_daemon_on_the_table_refuses(self):
         self.daemon(self.router, PORTS)
         second = self.daemon(self.router, PORTS, start=False)
