@@ -414,7 +414,9 @@ class ProcessTest(RouterLab):
         self.router.batch([f'neigh del {a} dev p1' for a in addresses[::3]])
         self.router.batch(add[::6])
         kept = set(addresses) - set(addresses[::3]) | set(addresses[::6])
-        self.assertEventually(lambda: set(self.router.host_routes()) == kept, 'all are right')
+        found = lambda: set(self.router.host_routes())
+        self.assertEventually(lambda: found() == kept, lambda: f'{len(found() - kept)} too many, '
+                              f'{len(kept - found())} missing: {daemon.fresh_status()}')
         status = daemon.fresh_status()
         self.assertGreater(status['counters']['resynchronisations'], 0)
         self.assertEqual(status['phase'], 'ready')
