@@ -14,7 +14,9 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "linux/Messages.h"
@@ -218,9 +220,20 @@ class Dump {
   bool isInterrupted_ = false;
 };
 
-/// Reads a message about a neighbour table (RTM_NEWNEIGHTBL): whether it has at least gc_thresh1
-/// entries. Nothing for a message about the table's parameters on one interface.
-std::optional<bool> isAtThreshold(std::span<const std::byte> message) {
+/// The kernel's table of neighbours of one family, in all namespaces.
+struct NeighborTable {
+  ndt_config config = {};
+  uint32_t threshold = 0;  ///< gc_thresh1
+
+  /// Identifies the hash table. The kernel chooses other numbers when it enlarges the table.
+  std::pair<uint32_t, uint32_t> hash() const {
+    return {config.ndtc_hash_mask, config.ndtc_hash_rnd};
+  }
+};
+
+/// Reads a message about a neighbour table (RTM_NEWNEIGHTBL). Nothing for a message about the
+/// table's parameters on one interface.
+std::optional<NeighborTable> neighborTableOf(std::span<const std::byte> message) {
   const auto* const header = reinterpret_cast<const nlmsghdr*>(message.data());
   const nlattr* config = nullptr;
   const nlattr* threshold = nullptr;
@@ -232,11 +245,51 @@ std::optional<bool> isAtThreshold(std::span<const std::byte> message) {
     if (mnl_attr_get_type(attribute) == NDTA_THRESH1) threshold = attribute;
     attribute = mnl_attr_next(attribute);
   }
-  ndt_config counts{};
-  if (config == nullptr || mnl_attr_get_payload_len(config) < sizeof counts) return std::nullopt;
-  if (threshold == nullptr || mnl_attr_validate(threshold, MNL_TYPE_U32) < 0) return std::nullopt;
-  std::memcpy(&counts, mnl_attr_get_payload(config), sizeof counts);
-  return counts.ndtc_entries >= mnl_attr_get_u32(threshold);
+  NeighborTable table;
+  if (config == nullptr || mnl_attr_get_payload_len(config) < sizeof table.config) return {};
+  if (threshold == nullptr || mnl_attr_validate(threshold, MNL_TYPE_U32) < 0) return {};
+  std::memcpy(&table.config, mnl_attr_get_payload(config), sizeof table.config);
+  table.threshold = mnl_attr_get_u32(threshold);
+  return table;
+}
+
+/// \return nothing if the kernel does not report it.
+std::optional<NeighborTable> neighborTable(int family) {
+  const SocketPtr socket = openSocket();
+  bindSocket(socket);
+  std::array<std::byte, 64> request{};
+  nlmsghdr* const message = mnl_nlmsg_put_header(request.data());
+  message->nlmsg_type = RTM_GETNEIGHTBL;
+  message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  auto* const head = static_cast<ndtmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ndtmsg)));
+  head->ndtm_family = family == 4 ? AF_INET : AF_INET6;
+  if (mnl_socket_sendto(socket.get(), message, message->nlmsg_len) < 0) refuse("writing");
+  std::vector<std::byte> buffer(kBufferSize);
+  std::optional<NeighborTable> result;
+  for (bool isMore = true; isMore;) {
+    const ssize_t size = mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size());
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0) refuse("reading");
+    forEachMessage(std::span(buffer).first(static_cast<size_t>(size)),
+                   [&](const nlmsghdr& header, std::span<const std::byte> answer) {
+                     if (header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR) {
+                       isMore = false;
+                     } else if (header.nlmsg_type == RTM_NEWNEIGHTBL && !result) {
+                       result = neighborTableOf(answer);
+                     }
+                   });
+  }
+  return result;
+}
+
+using Hashes = std::array<std::pair<uint32_t, uint32_t>, 2>;
+
+/// The hashes of both families; zero for an unknown one.
+Hashes neighborHashes() {
+  const auto hashOf = [](int family) {
+    return neighborTable(family).value_or(NeighborTable()).hash();
+  };
+  return {hashOf(4), hashOf(6)};
 }
 
 }  // namespace
@@ -339,31 +392,8 @@ bool NotificationSocket::drain() {
 }
 
 bool collectsNeighbors(int family) {
-  const SocketPtr socket = openSocket();
-  bindSocket(socket);
-  std::array<std::byte, 64> request{};
-  nlmsghdr* const message = mnl_nlmsg_put_header(request.data());
-  message->nlmsg_type = RTM_GETNEIGHTBL;
-  message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  auto* const head = static_cast<ndtmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(ndtmsg)));
-  head->ndtm_family = family == 4 ? AF_INET : AF_INET6;
-  if (mnl_socket_sendto(socket.get(), message, message->nlmsg_len) < 0) refuse("writing");
-  std::vector<std::byte> buffer(kBufferSize);
-  std::optional<bool> result;
-  for (bool isMore = true; isMore;) {
-    const ssize_t size = mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size());
-    if (size < 0 && errno == EINTR) continue;
-    if (size < 0) refuse("reading");
-    forEachMessage(std::span(buffer).first(static_cast<size_t>(size)),
-                   [&](const nlmsghdr& header, std::span<const std::byte> answer) {
-                     if (header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR) {
-                       isMore = false;
-                     } else if (header.nlmsg_type == RTM_NEWNEIGHTBL && !result) {
-                       result = isAtThreshold(answer);
-                     }
-                   });
-  }
-  return result.value_or(true);
+  const auto table = neighborTable(family);
+  return !table || table->config.ndtc_entries >= table->threshold;
 }
 
 bool dumpAll(const TakeChange& take, const Warn& warn) {
@@ -373,8 +403,10 @@ bool dumpAll(const TakeChange& take, const Warn& warn) {
     bool isWhole = false;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
       DeletionWatch watch(kind);
+      const bool isHashed = kind.request == RTM_GETNEIGH && kind.family == AF_UNSPEC;
+      const auto before = isHashed ? neighborHashes() : Hashes();
       isWhole = dump.run(kind);
-      if (isWhole && !watch.sawAny()) break;
+      if (isWhole && !watch.sawAny() && (!isHashed || neighborHashes() == before)) break;
     }
     if (!isWhole) return false;
   }

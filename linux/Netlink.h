@@ -74,9 +74,10 @@ class NotificationSocket {
 /// Dumps all objects of the kernel, kind by kind, each object after those that it refers to.
 ///
 /// While objects are deleted, a dump may omit other objects, and the kernel does not always report
-/// this. So the dump of a kind is repeated a few times if objects of the kind were deleted
-/// meanwhile. The state of an object may be outdated: changes during the dump must be read from a
-/// NotificationSocket that was opened before.
+/// this. The same happens when the kernel enlarges its hash table of neighbours, which all
+/// namespaces share. So the dump of a kind is repeated, at most a few times, after deletions of its
+/// objects and after a change of the hash table. The state of an object may be outdated: changes
+/// during the dump must be read from a NotificationSocket that was opened before.
 ///
 /// \return false when a dump was interrupted by changes again and again (NLM_F_DUMP_INTR).
 /// \throws NetlinkError

@@ -301,6 +301,19 @@ class ProcessTest(RouterLab):
         self.assertEqual(kinds, [False, True, False], monitor.lines)
         self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
 
+    def test_an_idle_daemon_notifies_the_watchdog(self):
+        daemon = self.daemon(self.router, PORTS, start=False)
+        path = os.path.join(daemon.directory, 'notify')
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(path)
+            manager.settimeout(lab.TIMEOUT)
+            daemon.wrapper = ['env', f'NOTIFY_SOCKET={path}', 'WATCHDOG_USEC=200000']
+            daemon.start(wait=False)
+            told = ''
+            while told.count('WATCHDOG=1') < 5:
+                told += manager.recv(4096).decode()
+            self.assertIn('READY=1', told)
+
     def test_a_second_daemon_on_the_table_refuses(self):
         self.daemon(self.router, PORTS)
         second = self.daemon(self.router, PORTS, start=False)
@@ -401,7 +414,9 @@ class ProcessTest(RouterLab):
         self.router.batch([f'neigh del {a} dev p1' for a in addresses[::3]])
         self.router.batch(add[::6])
         kept = set(addresses) - set(addresses[::3]) | set(addresses[::6])
-        self.assertEventually(lambda: set(self.router.host_routes()) == kept, 'all are right')
+        found = lambda: set(self.router.host_routes())
+        self.assertEventually(lambda: found() == kept, lambda: f'{len(found() - kept)} too many, '
+                              f'{len(kept - found())} missing: {daemon.fresh_status()}')
         status = daemon.fresh_status()
         self.assertGreater(status['counters']['resynchronisations'], 0)
         self.assertEqual(status['phase'], 'ready')
