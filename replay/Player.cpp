@@ -108,7 +108,7 @@ void applyVirtualIp(const Event& event, Switch& sw) {
   });
 }
 
-/// Calls `visit` with each family that the event names, both where it names none.
+/// Calls `visit` with the family of the event, or with both when it names none.
 template <class Visit>
 void forEachNamedFamily(const Event& event, Visit visit) {
   Daemon::forEachFamily([&](auto family) {

@@ -1,4 +1,4 @@
-// Anonymous recordings: what is kept, what is not, and that they mean the same to the machines.
+// Tests that anonymous recordings keep their structure and lead to the same tables.
 #include "cli/Anonymizer.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ namespace {
 
 using nlohmann::json;
 
-/// How many leading bits two addresses have in common.
+/// The number of common leading bits of two addresses.
 template <class Addr>
 uint32_t commonBits(const Addr& a, const Addr& b) {
   uint32_t len = 0;
@@ -73,7 +73,7 @@ TEST(AnonymizerTest, WhatARouterTreatsInItsOwnWayStaysWhatItIs) {
     EXPECT_EQ(anonymizer.addressText(kept), kept);
   }
   EXPECT_TRUE(Zemit::Ip6Addr::parse(anonymizer.addressText("fe80::1"))->isLinkLocal());
-  // Both ends of a subnet that an interface has, with the subnets that contain it.
+  // The first and last addresses of nested interface subnets.
   for (const char* addr : {"10.1.2.3/24", "10.1.2.77/26", "10.1.0.1/16"}) {
     anonymizer.note(json{{"op", "addr"}, {"intf", "i"}, {"addr", addr}}.dump());
     const auto with = *Zemit::IpAddrWithMask::parse(addr);
@@ -98,7 +98,7 @@ TEST(AnonymizerTest, WhatIsNotKnownIsRefused) {
   }
 }
 
-/// The dumps of a switch that was told these lines.
+/// The dumps of a switch after these lines.
 std::vector<json> dumpsOf(const std::vector<std::string>& lines) {
   std::ostringstream out;
   const auto output = Replay::jsonOutput(out);
@@ -109,7 +109,7 @@ std::vector<json> dumpsOf(const std::vector<std::string>& lines) {
   return Replay::jsonLines(out.str());
 }
 
-/// A dump with the names and addresses of an anonymous one.
+/// A dump with its names and addresses replaced.
 json mapped(const Anonymizer& anonymizer, const json& value, const std::string& key = "") {
   if (value.is_object()) {
     json object = json::object();

@@ -1,4 +1,4 @@
-// The commands that ask a daemon, with one that answers badly.
+// Tests of the commands with a daemon that does not answer, or answers with errors.
 #include "cli/ControlClient.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@
 namespace Cli {
 namespace {
 
-/// A socket that a daemon of the test's listens on.
+/// A daemon in the test process, with its socket.
 class FakeDaemon {
  public:
   FakeDaemon() {
@@ -44,7 +44,7 @@ class FakeDaemon {
     ::unlink(path.c_str());
   }
 
-  /// Fills the places of those who wait to be accepted.
+  /// Fills the queue of connections that wait for accept().
   void fillQueue() {
     for (int fd = 0; fd >= 0;) {
       fd = socketTo(::connect, SOCK_NONBLOCK);
@@ -63,7 +63,7 @@ class FakeDaemon {
       }
     });
   }
-  /// Answers with a line that never ends, byte by byte, until the client goes.
+  /// Answers with an endless line, byte by byte, until the client disconnects.
   void drip() {
     thread_ = std::thread([this] {
       while (const int fd = accepted()) {
@@ -102,7 +102,7 @@ class FakeDaemon {
   std::thread thread_;
 };
 
-/// What a command printed, and the error that it ended with.
+/// The output of a command and its error.
 struct Result {
   std::string output;
   std::string errors;

@@ -1,4 +1,4 @@
-// What the doctor finds on machines that are made of files.
+// Tests of the doctor's findings on machines that consist of files.
 #include "cli/Doctor.h"
 
 #include <gtest/gtest.h>
@@ -83,7 +83,7 @@ TEST_F(DoctorTest, ASettingIsJudgedWithThatOfAllInterfacesAndMendedWhereItHurts)
   auto advice = only();
   EXPECT_EQ(advice.subject, "arp_accept");
   EXPECT_EQ(advice.mend, "sysctl -w net/ipv4/conf/swp2/arp_accept=1");
-  // The higher one counts.
+  // The larger value is effective.
   set("all", "ipv4", "arp_accept", "1");
   EXPECT_EQ(examine(machine), std::vector<Advice>());
 
@@ -94,7 +94,7 @@ TEST_F(DoctorTest, ASettingIsJudgedWithThatOfAllInterfacesAndMendedWhereItHurts)
             "net/ipv4/conf/$i/rp_filter=0; done");
   set("all", "ipv4", "rp_filter", "0");
 
-  // That of all interfaces does not count here.
+  // The value of `all` has no effect on this setting.
   set("swp1", "ipv6", "accept_untracked_na", "0");
   EXPECT_EQ(only().mend, "sysctl -w net/ipv6/conf/swp1/accept_untracked_na=1");
 }
@@ -134,7 +134,7 @@ TEST_F(DoctorTest, TablesAndTheProtocolBelongToNobodyElse) {
   machine.links = {vrfDevice(10)};
   EXPECT_NE(only().what.find("blue"), std::string::npos);
   machine.links.clear();
-  // In the table main others' routes belong.
+  // Routes of other programs belong in the table main.
   machine.table4 = RT_TABLE_MAIN;
   machine.routes = {route("10.9.0.0/16", RT_TABLE_MAIN, RTPROT_STATIC)};
   EXPECT_EQ(examine(machine), std::vector<Advice>());
@@ -149,7 +149,7 @@ TEST_F(DoctorTest, RulesLeadPacketsPastTablesOfExportAndToThoseOfHosts) {
   machine.rules = {local, {.priority = 100, .table = 10}, main};
   EXPECT_EQ(only().mend, "ip rule del pref 100 table 10");
 
-  // Another table in front of main hides it where nothing falls through.
+  // A table before main hides main if it has a default route.
   machine.rules[1].table = 77;
   EXPECT_EQ(examine(machine), std::vector<Advice>());
   machine.routes = {route("0.0.0.0/0", 77, RTPROT_STATIC)};

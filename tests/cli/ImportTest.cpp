@@ -1,4 +1,4 @@
-// What `ip -j` prints becomes a replay: what is imported, as what, and what is refused.
+// Tests of the import of `ip -j` output.
 #include "cli/Import.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@ constexpr const char* kLinks = R"([
 struct Imported {
   std::string replay, warnings;
 
-  /// The lines of these events, without the "op" that they all begin with.
+  /// The lines of these events without their common start, the "op".
   std::string of(const std::string& op) const {
     std::istringstream lines(replay);
     const auto start = "{\"op\":\"" + op + "\",";
@@ -236,7 +236,7 @@ TEST(ImportTest, WhatCannotBeImportedIsLeftOutWithTheReason) {
   }
 }
 
-// The name of a VRF is no name of a table while a number tells, or the kernel has such a table.
+// A table's number, or the kernel's own name for it, takes precedence over the name of a VRF.
 TEST(ImportTest, ARouteIsInTheVrfOfItsTablesNumber) {
   const auto result = import({{"link", R"([
     {"ifname": "main", "linkinfo": {"info_kind": "vrf", "info_data": {"table": 30}}},
@@ -263,7 +263,7 @@ TEST(ImportTest, ARouteIsInTheVrfOfItsTablesNumber) {
             "route4: warning: table default belongs to no VRF: 1 route(s) left out\n");
 }
 
-// What `ip` prints for a tunnel has the keys of the route in it once more.
+// The output of `ip` for a tunnel repeats keys of the route.
 TEST(ImportTest, WhatIsNotDirectlyConnectedKeepsItsPrefix) {
   const auto result = importRoutes(R"([
     {"dst": "10.1.0.0/24", "encap": "ip", "id": 7, "src": "192.0.2.2", "dst": "192.0.2.1",
@@ -317,7 +317,7 @@ TEST(ImportTest, WhatWasLostInSilenceIsCarriedOverOrTold) {
             "route)\n");
 }
 
-// Each bad entry, or part of one, stands before a good one. What is written can be replayed.
+// Each bad entry, or part of one, is followed by a good one. The output can be replayed.
 TEST(ImportTest, ABadEntryCostsItselfOnly) {
   const auto result = import({{"link",
                                "[7, {\"ifname\": 8}, {\"ifname\": \"b\xFF\x01\"},"

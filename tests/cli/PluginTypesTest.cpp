@@ -1,4 +1,4 @@
-// The types that a plug-in lists: read from the real one, and from damaged copies of it.
+// Tests that read the type list of the real plug-in and of damaged copies.
 #include "cli/PluginTypes.h"
 
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ class PluginTypesTest : public testing::Test {
     std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
     ASSERT_TRUE(stream.seekp(static_cast<std::streamoff>(at)) << text << std::flush);
   }
-  /// Why the file is refused; empty when it is not.
+  /// The reason why the file is refused; empty when it is accepted.
   std::string refusal() const {
     try {
       pluginTypes(file);
@@ -80,7 +80,7 @@ TEST_F(PluginTypesTest, RefusesWhatIsNoPlugin) {
   EXPECT_THROW(pluginTypes(testing::TempDir()), PluginError);
 }
 
-// The section table stands at a file's end, so no shortened one may pass for whole.
+// The section table is at the end of the file, so a truncated file must be refused.
 TEST_F(PluginTypesTest, RefusesATruncatedFile) {
   for (auto size = bytes.size() - 1;; size = size > 200 ? size * 9 / 10 : size - 1) {
     std::filesystem::resize_file(file, size);
@@ -89,7 +89,7 @@ TEST_F(PluginTypesTest, RefusesATruncatedFile) {
   }
 }
 
-// Any byte may be wrong: the answer may be too, but nothing outside the file may be touched.
+// With a wrong byte the answer may be wrong, but no memory outside the file may be accessed.
 TEST_F(PluginTypesTest, SurvivesAnyDamage) {
   constexpr size_t kHeaderSize = 64;
   constexpr size_t kTail = 4096;  // with the section table

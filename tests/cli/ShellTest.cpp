@@ -1,4 +1,4 @@
-// The shell's commands, on the machines of a small switch.
+// Tests of the shell's commands on a small switch.
 #include "cli/Shell.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ class ShellTest : public testing::Test {
     sw.setNeighbor(intf, Arp::ArpEntryStatus{.ipAddr = *Zemit::IpAddr::parse("10.0.0.5")});
   }
 
-  /// What a command prints, or the error it ends with.
+  /// The output of a command, or its error.
   std::string run(std::string_view line) {
     std::ostringstream os;
     try {
@@ -94,7 +94,7 @@ TEST_F(ShellTest, TakesLinesOfAReplay) {
   EXPECT_TRUE(shell.execute("get /ipv4/blue/routeSm/initialized"));
   EXPECT_EQ(os.str(), "true\n");
   EXPECT_THROW(shell.execute(R"({"op":"jump"})"), Replay::EventError);
-  // What was taken away is shown as empty.
+  // A deleted table is shown as empty.
   for (const char* table : {"/ipv4/blue/receiveTable", "/ipv4/blue/arpTable", "/ipv4/blue/toMerge",
                             "/ipv6/blue/neighTable", "/ipv6/blue/toMerge"}) {
     EXPECT_TRUE(shell.execute(std::string("del ") + table));

@@ -1,4 +1,4 @@
-// The control socket with clients that do not read.
+// Tests of the control socket with clients that do not read.
 #include "hostrouted/ControlSocket.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ namespace {
 class ControlSocketTest : public testing::Test {
  protected:
   ControlSocketTest() {
-    // As the daemon has it: its loop is told of processes that end.
+    // As in the daemon, the loop gets SIGCHLD.
     sigset_t child;
     ::sigemptyset(&child);
     ::sigaddset(&child, SIGCHLD);
@@ -36,7 +36,7 @@ class ControlSocketTest : public testing::Test {
     ::sd_event_unref(event);
   }
 
-  /// A client with a request whose answer is too long for it to be sent unless it is read.
+  /// A client that requests an answer longer than the socket's buffer.
   int client() {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     clients.push_back(fd);
@@ -78,7 +78,7 @@ TEST_F(ControlSocketTest, OnlySoManyLongAnswersAreWrittenAtOnce) {
     EXPECT_NE(begin(client()).find("\"ok\":true"), std::string::npos) << i;
   }
   EXPECT_NE(begin(client()).find("ask again later"), std::string::npos);
-  // Whoever goes makes room.
+  // A client that disconnects makes room.
   ::close(clients.front());
   clients.erase(clients.begin());
   for (std::string answer; answer.find("\"ok\":true") == answer.npos;) {

@@ -1,4 +1,4 @@
-// The control protocol without a socket: what each request is answered with, and who may ask it.
+// Tests of the control protocol without a socket: replies and permissions.
 #include "hostrouted/Control.h"
 
 #include <gtest/gtest.h>
@@ -42,7 +42,7 @@ class ControlTest : public testing::Test {
   json ask(const std::string& fields, const Peer& peer = kReader) {
     return json::parse(handle(fields, peer).text);
   }
-  /// The lines behind it.
+  /// The lines after it.
   std::vector<json> list(const std::string& fields) {
     const auto reply = handle(fields);
     EXPECT_EQ(json::parse(reply.text)["ok"], true) << reply.text;

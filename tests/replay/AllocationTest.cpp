@@ -97,7 +97,7 @@ TYPED_TEST(AllocationTest, MayFailAnywhereInAnEvent) {
   size_t all = 0;
   for (const auto& [name, event] : events) {
     const Steps after{event};
-    // Without a failure the same is told, all of it twice.
+    // The switch without a failure gets the same inputs, also twice.
     const auto again = [&before, &after](Switch& sw) {
       T::play(sw, before);
       T::play(sw, after);

@@ -195,7 +195,7 @@ TEST_F(ProgramTest, ExplainsARecordingAndTellsItsHistory) {
   EXPECT_EQ(change["cause"]["prefix"], "10.0.0.0/24");
   EXPECT_TRUE(ask("history 10.0.0.6").second.is_discarded()) << "nothing became of it";
 
-  // With the time of the recording, where it says one.
+  // The time of the recording is shown if it has one.
   EXPECT_FALSE(change.contains("time"));
   const auto timed =
       runShell("(echo '{\"op\":\"time\",\"at\":\"2026-05-04T10:00:00.5Z\"}'; printf '%s' '" +
@@ -271,8 +271,8 @@ TEST_F(ProgramTest, TheTablesOfAKilledWriterStayUntilTheNextOne) {
   EXPECT_EQ(run("routes --table " + name).status, 1);
 }
 
-// The program is stopped where it asks the kernel for the first time whether there is a writer: it
-// has opened the tables by then, and not read them.
+// The program is stopped when it first asks the kernel for a writer. At that moment it has opened
+// the tables, but has not read them.
 TEST_F(ProgramTest, TablesAreCalledRemovedThatGoWhileTheyAreRead) {
   constexpr int kNotTraced = 126;
   Writer writer(name);
@@ -422,7 +422,7 @@ TEST_F(ProgramTest, ReportsEachFullTableOnce) {
   EXPECT_NE(full.text.find("No space left on device: it has "), std::string::npos) << full.text;
 }
 
-// Without other tables in its /dev/shm, and with a socket that the command line overrides.
+// Runs with an empty /dev/shm of its own. The command line overrides HOSTROUTE_SOCKET.
 TEST_F(ProgramTest, WithoutADaemonTheOnlySharedTablesAreShown) {
   if (runShell("unshare -m true").status != 0) {
     GTEST_SKIP() << "only root may give itself a /dev/shm";
