@@ -43,9 +43,8 @@ void addLiveCommand(CLI::App& command, ControlOptions& options, int& exitCode, A
 class ControlClient {
  public:
   /// \param place  the command's name in error messages.
-  /// \throws NoDaemonError when no daemon listens on the socket; CommandError when this user may
-  /// not
-  ///   connect.
+  /// \throws NoDaemonError when no daemon listens on the socket.
+  /// \throws CommandError when this user may not connect.
   ControlClient(const ControlOptions& options, std::string place);
   ControlClient(const ControlClient&) = delete;
   ControlClient& operator=(const ControlClient&) = delete;
