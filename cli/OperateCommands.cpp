@@ -91,9 +91,12 @@ int trace(const Options& options, const std::string& place) {
       std::cout << "(" << shownText(*line, "lost") << " records were lost: they came too fast)\n";
     } else {
       const auto& record = line->at("trace");
-      std::cout << localTime(shownText(record, "time"), true) << "  " << shownText(record, "level")
-                << ' ' << shownText(record, "object") << ' ' << shownText(record, "function")
-                << ": " << shownText(record, "message") << '\n';
+      // A daemon that is older than this program sends no time.
+      if (record.contains("time")) {
+        std::cout << localTime(shownText(record, "time"), true) << "  ";
+      }
+      std::cout << shownText(record, "level") << ' ' << shownText(record, "object") << ' '
+                << shownText(record, "function") << ": " << shownText(record, "message") << '\n';
     }
     requireOutput();
   }

@@ -9,7 +9,6 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -80,19 +79,11 @@ sigset_t holdSignals() {
   return signals;
 }
 
-/// What the main thread and the thread that waits for signals have in common. It is never
-/// destroyed: that thread uses it until the process ends.
-struct Holding {
-  std::mutex tables;  ///< held while tables are made again or removed
-  std::atomic<int> status = 0;
-};
-Holding& holding() {
-  static auto* const holding = new Holding;
-  return *holding;
-}
+/// The exit status when a signal ends the holding of tables.
+std::atomic<int> statusOfHolding = 0;
 
 /// Makes each of the blocked `signals` remove the tables that this process shares under `name`, and
-/// end the process: with the status of holding() when it `holds` the tables.
+/// end the process: with statusOfHolding when it `holds` the tables.
 ///
 /// A thread waits for the signals, so that the process reacts at any time.
 void removeTablesOnSignal(const sigset_t& signals, const std::string& name, bool holds) {
@@ -101,9 +92,8 @@ void removeTablesOnSignal(const sigset_t& signals, const std::string& name, bool
     int signal = 0;
     while (::sigwait(&signals, &signal) != 0) {
     }
-    holding().tables.lock();  // for good: the main thread would make them again
-    Tovan::removeTablesOf(name);
-    std::_Exit(holds ? holding().status.load() : kBySignal + signal);
+    Tovan::removeTablesForGood(name);
+    std::_Exit(holds ? statusOfHolding.load() : kBySignal + signal);
   }).detach();
 }
 
@@ -152,12 +142,12 @@ class TableReports {
 [[noreturn]] void hold(Daemon::Switch& sw, TableReports& reports) {
   bool isIncomplete = false;
   for (uint64_t seen = 0;;) {
+    std::cout.flush();  // the traces; a signal ends the process without that
     std::this_thread::sleep_for(Daemon::Switch::kTendingInterval);
-    const std::lock_guard lock(holding().tables);
     const bool mayGrow = sw.tendTables();
     const uint64_t before = std::exchange(seen, Tovan::corruptionCount() + Tovan::refusalCount());
     isIncomplete |= seen != before;
-    if (reports.print()) holding().status = kFailed;
+    if (reports.print()) statusOfHolding = kFailed;
     if (!isIncomplete || !mayGrow || !sw.tablesAreCurrent()) continue;
     isIncomplete = false;
     try {
@@ -193,7 +183,7 @@ int replay(const Options& options) {
   const int status = outcome == Replay::Player::Outcome::Done && tablesAreGood ? 0 : kFailed;
   if (options.holds) {
     if (isTerminal(STDERR_FILENO)) std::cerr << "The tables stay up until Ctrl-C.\n";
-    holding().status = status;
+    statusOfHolding = status;
     hold(sw, reports);
   }
   return status;

@@ -42,8 +42,8 @@ constexpr const char* kFooter = R"(Examples:
   hostroute routes --table leaf1 --count                how many of each type, and how far it is
   hostroute routes --table leaf1 --json                 one JSON object for each route
 
-When no hostrouted answers and one process shares tables, its tables are shown, and a warning on
-standard error says so. When several do, the error names them; choose one with --table.
+When no hostrouted answers and there are shared tables under one name, these are shown, with a
+warning and exit status 3. When there are several names, the error has them; choose with --table.
 
 A table is `loading` while its process reads what it starts with, then `not initialized` until its
 host-route machine is, then `initialized`, and `synchronized` when the FIB's own host routes are in
@@ -56,7 +56,7 @@ which the kernel refuses it; routes that do not go to the kernel have none.
 Exit status: 0 done; 1 no daemon answers and there are no tables to show, or several to choose from,
 there are no such tables, no route to the address, or a table is damaged (what could be read of it
 is printed); 2 the command line is malformed; 3 what was printed may not be what the switch has: the
-daemon is not ready, a table is left behind, removed, loading or not initialized, or --wait was in
+daemon does not answer or is not ready, a table is left behind, removed, loading or not initialized, or --wait was in
 vain.)";
 
 constexpr int kNotReady = 3;
@@ -421,15 +421,14 @@ int showSharedRoutes(const Options& options) {
 std::string onlyTables(const NoDaemonError& noDaemon) {
   const auto names = Tovan::sharedRouteTableNames();
   if (names.empty()) throw noDaemon;
-  const std::string why = std::string(noDaemon.what()) + '\n';
+  std::cerr << noDaemon.what() << '\n';
   if (names.size() > 1) {
     std::string list;
     for (const auto& name : names) list += (list.empty() ? "" : ", ") + name;
-    std::cerr << why;
-    throw CommandError(kPlace, "several processes share tables; choose with --table: " + list,
+    throw CommandError(kPlace, "there are shared tables of several; choose with --table: " + list,
                        kFailed);
   }
-  std::cerr << why << kPlace << ": warning: these are the shared tables of "
+  std::cerr << kPlace << ": warning: these are the shared tables of "
             << Replay::printable(names.front()) << " (--table)\n";
   return names.front();
 }
@@ -449,6 +448,8 @@ int showRoutes(Options options) {
                      [&](const std::string&) { return showDaemonRoutes(options); });
     } catch (const NoDaemonError& error) {
       options.table = onlyTables(error);
+      const int status = showSharedRoutes(options);
+      return status == 0 ? kNotReady : status;
     }
   }
   return showSharedRoutes(options);

@@ -212,7 +212,11 @@ int showCounters(const Options& options, const std::string& place) {
     }
   }
   if (chosen.empty()) {
-    throw CommandError(place, "no counter has \"" + options.pattern + "\" in its name", kFailed);
+    throw CommandError(place,
+                       options.pattern.empty()
+                           ? "the daemon has no counters"
+                           : "no counter has \"" + options.pattern + "\" in its name",
+                       kFailed);
   }
   if (options.json) return printJson(chosen);
   Replay::TextTable counters({"NAME", "LABELS", "KIND", "VALUE"});

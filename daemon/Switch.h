@@ -160,7 +160,7 @@ class Switch {
   void setRibReady(std::string_view vrf, bool ready);
   void setStartRibReadyVerification(std::string_view vrf, bool start);
 
-  /// How often tendTables() is to be called while tables are shared.
+  /// The shortest time between two calls of tendTables() that is of use while tables are shared.
   static constexpr std::chrono::seconds kTendingInterval{5};
   /// Checks the shared tables for damage and repairs it, and retries to get memory that was
   /// refused. A call checks the next few pages. It checks all pages when `all` is true, and when

@@ -77,7 +77,7 @@ std::vector<LogField> fieldsOf(const Daemon::Operation& operation) {
       [&](const auto& op) {
         if constexpr (requires { op.vrf; }) fields.emplace_back("VRF", op.vrf);
         if constexpr (requires { op.intf; }) {
-          fields.emplace_back("INTERFACE", op.intf.name().view());
+          fields.emplace_back("INTERFACE", Linux::linuxNameOf(op.intf.name().view()));
         }
         if constexpr (requires { op.neighbor; }) {
           fields.emplace_back("PREFIX", Linux::toString(Linux::hostPrefix(op.neighbor.ipAddr)));
@@ -122,7 +122,7 @@ Router::Router(const Config& config, const Services& services)
     if (const auto* link = mirror_.link(warning.link)) fields.emplace_back("INTERFACE", link->name);
     if (warning.prefix) fields.emplace_back("PREFIX", Linux::toString(*warning.prefix));
     if (warning.table != 0) fields.emplace_back("TABLE", std::to_string(warning.table));
-    report(LOG_WARNING, warning.text, fields);
+    report(LOG_WARNING, "feed", warning.text, fields);
   });
   switch_.setLoading(true);
   if (config.historyEntries != 0) switch_.historyIs(config.historyEntries);
@@ -221,13 +221,14 @@ void Router::operate(const Daemon::Operation& operation) {
   }
 }
 
-void Router::report(int level, const std::string& message, const std::vector<LogField>& fields) {
-  services_.report(level, message, fields);
+void Router::report(int level, std::string_view kind, const std::string& message,
+                    const std::vector<LogField>& fields) {
+  services_.report(level, kind, message, fields);
 }
 
 void Router::reportFailure(const Daemon::Operation& operation, const std::string& why) {
   ++counters_.failures;
-  report(LOG_ERR, "the engine failed on a change: " + why, fieldsOf(operation));
+  report(LOG_ERR, "engine", "the engine failed on a change: " + why, fieldsOf(operation));
 }
 
 void Router::tend() {
@@ -254,13 +255,13 @@ void Router::completeTables() {
     switch_.redo();
   } catch (const std::exception& error) {
     isIncomplete_ = true;
-    report(LOG_ERR, std::string("the engine failed on a change: ") + error.what());
+    report(LOG_ERR, "engine", std::string("the engine failed on a change: ") + error.what());
   }
   noteTables();
   exports_.noteAll();
   if (isIncomplete_) return;
   fullTables_.clear();
-  report(LOG_NOTICE, "the shared tables are complete again");
+  report(LOG_NOTICE, "tables", "the shared tables are complete again");
 }
 
 /// Reports the damage and the refusals of the shared tables since the last report.
@@ -270,12 +271,14 @@ void Router::noteTables() {
   if (corruptions == corruptions_ && refusals == refusals_) return;
   for (const auto& table : Tovan::tableReports()) {
     if (table.corruptions != 0 && corruptions != corruptions_) {
-      report(LOG_ERR, "damage, found " + std::to_string(table.corruptions) +
-                          " times, last: " + table.lastCorruption);
+      report(LOG_ERR, "tables",
+             "damage, found " + std::to_string(table.corruptions) +
+                 " times, last: " + table.lastCorruption);
     }
     if (table.refusals != 0 && refusals != refusals_ && fullTables_.insert(table.table).second) {
-      report(LOG_ERR, table.lastRefusal + ": it has " + std::to_string(table.bytes) +
-                          " bytes; host routes may be missing");
+      report(LOG_ERR, "tables",
+             table.lastRefusal + ": it has " + std::to_string(table.bytes) +
+                 " bytes; host routes may be missing");
     }
   }
   corruptions_ = corruptions;
@@ -356,7 +359,7 @@ void Router::reportRefusals() {
   for (const auto& via : routes_.wanted(key).vias) {
     if (const auto* link = mirror_.link(via.link)) fields.emplace_back("INTERFACE", link->name);
   }
-  report(LOG_WARNING,
+  report(LOG_WARNING, "refused",
          "the kernel refuses " + prefix + " in table " + table + ": " + std::strerror(error),
          fields);
 }
@@ -401,7 +404,7 @@ void Router::warnOfAnEmptySelection() {
   warnedPatterns_ = patterns;
   std::string text;
   for (const auto& pattern : patterns) text += (text.empty() ? "\"" : ", \"") + pattern + '"';
-  report(LOG_WARNING, "no interface that there is now is selected by " + text);
+  report(LOG_WARNING, "selection", "no interface that there is now is selected by " + text);
 }
 
 void Router::reload(const Config& config) {

@@ -45,10 +45,12 @@ class Router {
     Linux::AdvertisedLog& log;
     std::function<double()> clock;  ///< seconds; never goes back
     std::function<void(std::span<const Linux::Probe>)> probe;
-    /// Writes a log line. \param level  as in syslog(3).
-    std::function<void(int level, const std::string& message, const std::vector<LogField>& fields)>
+    /// Writes a log line. \param level  as in syslog(3). \param kind  see Log::write().
+    std::function<void(int level, std::string_view kind, const std::string& message,
+                       const std::vector<LogField>& fields)>
         report;
-    /// Whether the kernel drops unused neighbours of a family: Linux::collectsNeighbors().
+    /// Whether the kernel may soon drop unused neighbours of a family:
+    /// Linux::mayCollectNeighbors().
     std::function<bool(int family)> collects = {};
     /// Receives each operation before the switch does; empty without a recording.
     Linux::Feed::Output record = {};
@@ -138,7 +140,8 @@ class Router {
   bool isAnothers(const Linux::RouteKey& key, uint32_t metric) const;
   void noteDepartures(const Linux::Change& change);
   void operate(const Daemon::Operation& operation);
-  void report(int level, const std::string& message, const std::vector<LogField>& fields = {});
+  void report(int level, std::string_view kind, const std::string& message,
+              const std::vector<LogField>& fields = {});
   void reportFailure(const Daemon::Operation& operation, const std::string& why);
   void writeAhead(const Daemon::Operation& next);
   void warnOfAnEmptySelection();

@@ -50,8 +50,6 @@ constexpr double kAdvertisedInterval = 1;
 /// to the longest.
 constexpr double kFirstRetry = 0.02;
 constexpr double kLongestRetry = 1;
-/// Without a watchdog, shared tables are checked this often, in seconds.
-constexpr double kCheckInterval = 5;
 
 /// \throws std::runtime_error naming the call when `result` is a negative errno.
 int must(int result, const char* call) {
@@ -91,10 +89,10 @@ class PrintingChannel final : public Linux::RouteChannel {
   }
 };
 
-/// As Linux::collectsNeighbors(). If the kernel cannot be asked, entries are refreshed.
+/// As Linux::mayCollectNeighbors(). If the kernel cannot be asked, entries are refreshed.
 bool collectsNeighbors(int family) {
   try {
-    return Linux::collectsNeighbors(family);
+    return Linux::mayCollectNeighbors(family);
   } catch (const Linux::NetlinkError&) {
     return true;
   }
@@ -185,9 +183,9 @@ class Service::Loop {
                   if (!options_.isDryRun) prober_.probe(probes);
                 },
             .report =
-                [this](int level, const std::string& message, const std::vector<LogField>& fields) {
-                  // A flood of warnings should not suppress an error.
-                  log_.write(level, level <= LOG_ERR ? "router-error" : "router", message, fields);
+                [this](int level, std::string_view kind, const std::string& message,
+                       const std::vector<LogField>& fields) {
+                  log_.write(level, kind, message, fields);
                 },
             .collects = collectsNeighbors,
             .record = [this](const Daemon::Operation& operation) { recorder_.write(operation); },
@@ -274,7 +272,7 @@ class Service::Loop {
     if (must(::sd_watchdog_enabled(0, &watchdog), "sd_watchdog_enabled") > 0) {
       idlePeriod_ = watchdog / 2;
     } else if (router_->hasSharedTables()) {
-      idlePeriod_ = static_cast<uint64_t>(kCheckInterval * 1e6);
+      idlePeriod_ = std::chrono::microseconds(Daemon::Switch::kTendingInterval).count();
     } else {
       return;
     }
@@ -429,14 +427,14 @@ class Service::Loop {
       if (!options_.isDryRun) locks_.claim(config);
       log_.setLevel(config.logLevel);
       router_->reload(config);
-      // New output tables may hold routes of a former process.
-      synchronise();
       log_.write(LOG_NOTICE, "reload", "the configuration was read again");
     } catch (const std::exception& error) {
       why = std::string(error.what()) + "; the configuration stays as it was";
       log_.write(LOG_ERR, "reload", why);
     }
-    ::sd_notify(0, "READY=1");
+    // New output tables may hold routes of a former process.
+    if (why.empty()) synchronise();
+    if (isReady_) ::sd_notify(0, "READY=1");
     return why;
   }
 

@@ -52,6 +52,9 @@ bool isLinkLocal(const Zemit::Ip6Addr& addr) {
   return addr.isLinkLocal();
 }
 
+/// What comes before the name in Linux where that means something else in a switch.
+constexpr std::string_view kLinux = "linux:";
+
 template <class Addr>
 Daemon::SetAddress<FamilyOf<Addr>> addressOperation(Zemit::IntfId intf, const Addr& addr,
                                                     uint32_t len, bool secondary, bool present) {
@@ -83,11 +86,16 @@ bool isSelected(const std::vector<std::string>& patterns, const std::string& nam
 
 std::string switchNameOf(std::string_view interface) {
   // The name of a Linux interface has no colon.
-  return (interface.starts_with("Management") ? "linux:" : "") + std::string(interface);
+  return std::string(interface.starts_with("Management") ? kLinux : "").append(interface);
+}
+
+std::string_view linuxNameOf(std::string_view interface) {
+  if (interface.starts_with(kLinux)) interface.remove_prefix(kLinux.size());
+  return interface;
 }
 
 std::string switchVrfOf(std::string_view device) {
-  return (device == Switch::kDefaultVrf ? "linux:" : "") + std::string(device);
+  return std::string(device == Switch::kDefaultVrf ? kLinux : "").append(device);
 }
 
 const char* toString(NeighborVerdict verdict) {
@@ -390,9 +398,11 @@ std::vector<Feed::Work::ToldAddress> Feed::Work::addressesOf(const Link& link, P
       addresses.push_back({address.addr, address.len, address.isSecondary});
       return;
     }
-    warn({.about = About::Addresses, .link = link.index}, !address.isDuplicate, [&] {
-      return printable(link.name) + ": an address left out: " + toString(address.addr) + objection;
-    });
+    warn({.about = About::Addresses, .link = link.index, .prefix = hostPrefix(address.addr)},
+         !address.isDuplicate, [&] {
+           return printable(link.name) + ": an address left out: " + toString(address.addr) +
+                  objection;
+         });
   });
   std::ranges::sort(addresses, {}, [](const ToldAddress& a) {
     return std::tuple(familyOf(a.addr), a.isSecondary, a.addr, a.len);
@@ -577,26 +587,35 @@ void Feed::Work::tellInterfaces(const Output& output) {
 }
 
 /// Moves the marked neighbours whose address is marked several times to the front, sorted by
-/// address.
+/// address. The others keep their order.
 void Feed::Work::gatherSharedAddresses() {
   if (markedNeighbors_.size() < 2) return;
-  // One bit for each hash. Two addresses that share a bit are moved, too, which does no harm.
+  // One bit for each hash. A few different addresses have a bit in common.
   constexpr size_t kBitsPerAddress = 32;
   const size_t bits = std::bit_ceil(markedNeighbors_.size() * kBitsPerAddress);
   std::vector<bool> seen(bits), repeated(bits);
-  bool areAnyShared = false;
   for (const auto& mark : markedNeighbors_) {
     const size_t bit = hashOf(mark.addr) & (bits - 1);
-    if (seen[bit]) {
-      repeated[bit] = true;
-      areAnyShared = true;
-    }
+    repeated[bit] = seen[bit];
     seen[bit] = true;
   }
-  if (!areAnyShared) return;
+  const auto mayBeShared = [&](const Address& addr) { return repeated[hashOf(addr) & (bits - 1)]; };
+  std::vector<Address> shared;
+  for (const auto& mark : markedNeighbors_) {
+    if (mayBeShared(mark.addr)) shared.push_back(mark.addr);
+  }
+  std::sort(shared.begin(), shared.end());
+  size_t count = 0;
+  for (size_t i = 1; i < shared.size(); ++i) {
+    if (shared[i] == shared[i - 1]) shared[count++] = shared[i];
+  }
+  shared.resize(count);
+  if (shared.empty()) return;
   const auto rest = std::stable_partition(
-      markedNeighbors_.begin(), markedNeighbors_.end(),
-      [&](const auto& mark) { return repeated[hashOf(mark.addr) & (bits - 1)]; });
+      markedNeighbors_.begin(), markedNeighbors_.end(), [&](const auto& mark) {
+        return mayBeShared(mark.addr) &&
+               std::binary_search(shared.begin(), shared.end(), mark.addr);
+      });
   std::stable_sort(markedNeighbors_.begin(), rest,
                    [](const auto& a, const auto& b) { return a.addr < b.addr; });
 }

@@ -58,6 +58,8 @@ bool isSelected(const std::vector<std::string>& patterns, const std::string& nam
 /// The name in a switch of an interface that is not a management port. "Management0" becomes
 /// "linux:Management0", which cannot be the name of a Linux interface.
 std::string switchNameOf(std::string_view interface);
+/// The opposite: the interface's name in Linux.
+std::string_view linuxNameOf(std::string_view interface);
 /// The name in a switch of the VRF of a VRF device. A device called "default" gets another name,
 /// because its VRF is not that of the table main.
 std::string switchVrfOf(std::string_view device);

@@ -391,9 +391,10 @@ bool NotificationSocket::drain() {
   return false;
 }
 
-bool collectsNeighbors(int family) {
+bool mayCollectNeighbors(int family) {
   const auto table = neighborTable(family);
-  return !table || table->config.ndtc_entries >= table->threshold;
+  // With many idle hosts, some new ones may fill the table at once.
+  return !table || uint64_t{2} * table->config.ndtc_entries >= table->threshold;
 }
 
 bool dumpAll(const TakeChange& take, const Warn& warn) {

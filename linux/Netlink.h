@@ -83,8 +83,9 @@ class NotificationSocket {
 /// \throws NetlinkError
 bool dumpAll(const TakeChange& take, const Warn& warn = {});
 
-/// Whether the kernel drops unused neighbours of a family (4 or 6): its table has at least
-/// gc_thresh1 entries. True if the kernel does not report the numbers. \throws NetlinkError
-bool collectsNeighbors(int family);
+/// Whether the kernel may soon drop unused neighbours of a family (4 or 6): its table has at least
+/// half of gc_thresh1 entries. True if the kernel does not report the numbers.
+/// \throws NetlinkError
+bool mayCollectNeighbors(int family);
 
 }  // namespace Linux

@@ -22,8 +22,9 @@ struct ProbingOptions {
   bool onDeparture = true;
   /// Whether unused entries are refreshed before the kernel drops them.
   bool keepalive = false;
-  /// Whether the kernel drops unused entries of a family (4 or 6) now: see collectsNeighbors().
-  /// Called every few seconds. Without this function, they are always refreshed.
+  /// Whether the kernel may soon drop unused entries of a family (4 or 6): see
+  /// mayCollectNeighbors(). Called every few seconds. Without this function, they are always
+  /// refreshed.
   std::function<bool(int family)> collects;
   /// Seconds between two refreshments of an entry. The kernel drops an entry that was unused for
   /// gc_stale_time, by default 60 seconds.

@@ -39,11 +39,13 @@ std::vector<SharedRouteTable> sharedRouteTables(std::string_view name) {
 
 std::vector<std::string> sharedRouteTableNames() {
   std::vector<std::string> names;
-  for (const std::string& table : tablesOf({})) {
-    const auto isOne = [&table](std::string_view suffix) { return table.ends_with(suffix); };
+  for (const std::string& table : allTables()) {
     // A shared name has no dot.
     const std::string name = table.substr(0, table.find('.'));
-    if (std::any_of(std::begin(kSuffixes), std::end(kSuffixes), isOne) &&
+    const auto isOne = [&](std::string_view suffix) {
+      return table.ends_with(suffix) && table.size() > name.size() + suffix.size();
+    };
+    if (!name.empty() && std::any_of(std::begin(kSuffixes), std::end(kSuffixes), isOne) &&
         (names.empty() || names.back() != name)) {
       names.push_back(name);
     }

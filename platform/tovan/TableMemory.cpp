@@ -161,6 +161,8 @@ class Tables {
     const std::lock_guard lock(mutex_);
     names_.erase(name);
   }
+  /// Held while a file gets the name of a table and this process notes that the table is its own.
+  std::unique_lock<std::mutex> naming() { return std::unique_lock(naming_); }
   std::vector<std::string> takeNamesOf(std::string_view owner);
   bool isAnothers(const std::string& name);
 
@@ -181,6 +183,7 @@ class Tables {
                      });
   }
 
+  std::mutex naming_;
   std::mutex mutex_;
   std::set<std::string> names_;
 };
@@ -322,6 +325,8 @@ TableMemory::TableMemory(const TableConfig& config, size_t maxBytes)
                                                     : PROT_READ | PROT_WRITE),
       isWritable_(config.access != Access::Read) {
   const bool embedded = config.access == Access::Embedded;
+  std::unique_lock<std::mutex> naming;
+  if (!embedded && isWritable_) naming = Tables::instance().naming();
   OpenFile opened;
   if (!embedded) {
     constexpr std::string_view kRefused("/\0", 2);
@@ -462,6 +467,7 @@ void TableMemory::makeAgain(const std::array<Part, 2>& parts) {
     }
     if (!writeAll(made.get(), base_ + at, bytes, at)) throw OpenException(what + reason(errno));
   }
+  const auto naming = Tables::instance().naming();
   if (::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {
     throw OpenException(what + (errno == EEXIST ? kTaken : reason(errno)));
   }
@@ -475,7 +481,7 @@ void TableMemory::makeAgain(const std::array<Part, 2>& parts) {
   isUnlinked_ = false;
 }
 
-std::vector<std::string> tablesOf(std::string_view owner) {
+std::vector<std::string> allTables() {
   std::vector<std::string> names;
   std::error_code error;
   std::filesystem::directory_iterator file(kSharedMemoryFolder, error);
@@ -483,13 +489,19 @@ std::vector<std::string> tablesOf(std::string_view owner) {
     std::string name = file->path().filename();
     if (!name.starts_with(kFilePrefix)) continue;
     name.erase(0, kFilePrefix.size());
-    if (owner.empty() || belongsTo(name, owner)) names.push_back(std::move(name));
+    names.push_back(std::move(name));
   }
   if (error) {
     throw OpenException(std::string(kSharedMemoryFolder) +
                         ", where shared tables are, cannot be read: " + error.message());
   }
   std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::vector<std::string> tablesOf(std::string_view owner) {
+  auto names = allTables();
+  std::erase_if(names, [owner](const std::string& name) { return !belongsTo(name, owner); });
   return names;
 }
 
@@ -505,6 +517,11 @@ size_t removeTablesOf(std::string_view owner) {
     return !Tables::instance().isAnothers(name) && ::shm_unlink(fileName(name).c_str()) == 0;
   };
   return static_cast<size_t>(std::count_if(names.begin(), names.end(), isRemoved));
+}
+
+size_t removeTablesForGood(std::string_view owner) {
+  [[maybe_unused]] auto* const locked = Tables::instance().naming().release();
+  return removeTablesOf(owner);
 }
 
 }  // namespace Tovan

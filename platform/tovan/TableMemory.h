@@ -102,13 +102,17 @@ class TableMemory {
 /// What a table is called in messages.
 std::string titleOf(std::string_view table);
 
-/// The names of the shared tables of `owner`: `owner` itself and "owner.anything"; of all if empty.
-/// \throws OpenException when there is no folder of shared tables.
+/// The names of all shared tables. \throws OpenException when there is no folder of shared tables.
+std::vector<std::string> allTables();
+/// Those of `owner`: `owner` itself and "owner.anything". \throws as allTables().
 std::vector<std::string> tablesOf(std::string_view owner);
 /// Removes the tables that belong to `owner`, readable or not, and returns how many they were.
 /// Tables that this process opened for writing are removed even if it has no file descriptor left.
 /// A table that another process has open for writing is not removed, nor is a file that replaced a
 /// table of this process.
 size_t removeTablesOf(std::string_view owner);
+/// The same for a process that is about to end: afterwards it makes no table any more. A thread
+/// that tries to waits for ever.
+size_t removeTablesForGood(std::string_view owner);
 
 }  // namespace Tovan

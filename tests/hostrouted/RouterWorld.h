@@ -51,7 +51,8 @@ struct RouterWorld {
              .clock = [this] { return now; },
              .probe = [](std::span<const Linux::Probe>) {},
              .report =
-                 [this](int, const std::string& message, const std::vector<LogField>& fields) {
+                 [this](int, std::string_view, const std::string& message,
+                        const std::vector<LogField>& fields) {
                    reports.emplace_back(message, fields);
                  },
              .record = [this](const Daemon::Operation& operation) { recorder.write(operation); }}),

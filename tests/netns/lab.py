@@ -108,7 +108,11 @@ class Monitor:
             stdout=subprocess.PIPE, text=True)
         self.reader = threading.Thread(target=self.read)
         self.reader.start()
-        self.hear(1)
+        try:
+            self.hear(1)
+        except BaseException:
+            self.end()
+            raise
         return self
 
     def read(self):
@@ -130,7 +134,12 @@ class Monitor:
         return [line for line in self.lines if text in line]
 
     def __exit__(self, *error):
-        self.hear(2)
+        try:
+            self.hear(2)
+        finally:
+            self.end()
+
+    def end(self):
         self.process.kill()
         self.process.wait()
         self.reader.join()
@@ -180,9 +189,12 @@ class Daemon:
     def fresh_status(self):
         """The current status."""
         path = os.path.join(self.directory, 'run', 'status.json')
-        before = os.stat(path).st_mtime_ns
+        def version():
+            file = os.stat(path)
+            return file.st_ino, file.st_mtime_ns
+        before = version()
         self.send(signal.SIGUSR1)
-        self.wait_for(lambda: os.stat(path).st_mtime_ns != before, 'writes its status')
+        self.wait_for(lambda: version() != before, 'writes its status')
         return self.status()
 
     def wait_for(self, condition, what):

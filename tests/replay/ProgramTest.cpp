@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
@@ -97,9 +98,14 @@ class ProgramTest : public testing::Test {
   /// Runs `routes` until its output contains `wanted` and it finds nothing wrong with the tables.
   /// It reads first whether they are initialized, and then the routes.
   Result routesOnce(const std::string& wanted) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(2);
     for (;;) {
       auto result = run("routes --json --table " + name);
       if (result.status == 0 && result.text.find(wanted) != std::string::npos) return result;
+      if (std::chrono::steady_clock::now() > end) {
+        ADD_FAILURE() << "no " << wanted << " in\n" << result.text;
+        return result;
+      }
       ::usleep(1000);
     }
   }
@@ -351,6 +357,20 @@ TEST_F(ProgramTest, ASignalRemovesHeldTables) {
   }
 }
 
+TEST_F(ProgramTest, ASignalDuringLoadingLeavesNoTables) {
+  std::string events;
+  for (int vrf = 0; vrf < 300; ++vrf) {
+    events += R"({"op":"initialized","vrf":"v)" + std::to_string(vrf) + "\",\"value\":true}\n";
+  }
+  for (int round = 0; round < 5; ++round) {
+    Writer writer(name);
+    writer.feed(events);
+    ::usleep(1000U * static_cast<unsigned>(round));
+    writer.end(SIGTERM);
+    EXPECT_EQ(runShell("ls /dev/shm/hostroute-" + name + ".*").status, 2);
+  }
+}
+
 TEST_F(ProgramTest, HeldTablesAreRepairedAndTheDamageIsReported) {
   Writer writer(name, true);
   writer.feed(kScene);
@@ -444,10 +464,10 @@ TEST_F(ProgramTest, WithoutADaemonTheOnlySharedTablesAreShown) {
                 refused + R"(hostroute routes: warning: these are the shared tables of one (--table)
 VRF   FAMILY  PREFIX       TYPE        METRIC  PREFERENCE  VIA
 a/b%  IPv4    10.0.0.0/24  connected_  0       1           Ethernet1
-0
+3
 hostroute routes: error: /other)" +
                 refused +
-                R"(hostroute routes: error: several processes share tables; )"
+                R"(hostroute routes: error: there are shared tables of several; )"
                 "choose with --table: one, two\n1\n");
 }
 
