@@ -13,7 +13,7 @@ import unittest
 PROGRAM = os.environ.get('HOSTROUTED', 'build/release/bin/hostrouted')
 REPLAY = os.environ.get('HOSTROUTE', 'build/release/bin/hostroute')
 PROTOCOL = 205
-TIMEOUT = 120  # generous: only a failure takes that long
+TIMEOUT = 240  # seconds; generous: only a failure takes that long
 
 
 def why_not():
