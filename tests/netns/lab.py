@@ -16,6 +16,12 @@ PROTOCOL = 205
 TIMEOUT = 240  # seconds; generous: only a failure takes that long
 
 
+def is_sanitized():
+    """Whether the program was built with a sanitizer."""
+    with open(PROGRAM, 'rb') as program:
+        return b'__ubsan_handle' in program.read()
+
+
 def why_not():
     """The reason why namespaces are not available; None when they are."""
     if os.geteuid() != 0:
