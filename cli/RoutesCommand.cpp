@@ -417,7 +417,7 @@ int showSharedRoutes(const Options& options) {
 }
 
 /// The name of the only tables in shared memory, which replace the daemon's answer.
-/// \throws CommandError when there are none or several.
+/// Prints a warning. \throws CommandError when there are none or several.
 std::string onlyTables(const NoDaemonError& noDaemon) {
   const auto names = Tovan::sharedRouteTableNames();
   if (names.empty()) throw noDaemon;

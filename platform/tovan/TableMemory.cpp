@@ -520,6 +520,7 @@ size_t removeTablesOf(std::string_view owner) {
 }
 
 size_t removeTablesForGood(std::string_view owner) {
+  // Never unlocked: the process is about to end.
   [[maybe_unused]] auto* const locked = Tables::instance().naming().release();
   return removeTablesOf(owner);
 }

@@ -111,8 +111,8 @@ std::vector<std::string> tablesOf(std::string_view owner);
 /// A table that another process has open for writing is not removed, nor is a file that replaced a
 /// table of this process.
 size_t removeTablesOf(std::string_view owner);
-/// The same for a process that is about to end: afterwards it makes no table any more. A thread
-/// that tries to waits for ever.
+/// The same for a process that is about to end. Afterwards a thread that opens a table for writing,
+/// or creates one again, is blocked until the process ends.
 size_t removeTablesForGood(std::string_view owner);
 
 }  // namespace Tovan
