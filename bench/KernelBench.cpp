@@ -6,6 +6,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/wait.h>
@@ -60,6 +61,13 @@ class Socket {
   ~Socket() { mnl_socket_close(socket_); }
 
   int fd() const { return mnl_socket_get_fd(socket_); }
+  /// The memory of the messages that wait to be read, in bytes.
+  uint32_t waiting() const {
+    std::array<uint32_t, SK_MEMINFO_VARS> memory{};
+    socklen_t size = sizeof memory;
+    if (::getsockopt(fd(), SOL_SOCKET, SO_MEMINFO, memory.data(), &size) != 0) fail("SO_MEMINFO");
+    return memory[SK_MEMINFO_RMEM_ALLOC];
+  }
 
   /// Room for a message at the end of the batch.
   nlmsghdr* next(uint16_t type, uint16_t flags) {
@@ -219,23 +227,25 @@ class Router {
     }
     return sum / 1e9;
   }
-  /// Waits until so many routes came, or went when `count` is below zero; the seconds since
-  /// `since`. Of many, the measured program has all processors nearly to itself: it is looked once
-  /// in a millisecond.
+  /// Waits until so many routes came, or went when `count` is below zero.
+  /// \return the seconds since `since`.
   double await(long count, Clock::time_point since) {
+    auto last = Clock::now();
     while (count < 0 ? seen_ > count : seen_ < count) {
       if (Seconds(Clock::now() - since).count() > 120) {
         std::fprintf(stderr, "only %ld of %ld changes came\n", seen_, count);
         std::exit(1);
       }
-      if (routes_.read(MSG_DONTWAIT, counter_)) continue;
       if (count == 1) {
-        std::this_thread::yield();
+        if (!routes_.read(MSG_DONTWAIT, counter_)) std::this_thread::yield();
+        last = Clock::now();
       } else {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        last = awaitPause();
+        while (routes_.read(MSG_DONTWAIT, counter_)) {
+        }
       }
     }
-    return Seconds(Clock::now() - since).count();
+    return Seconds(last - since).count();
   }
   /// Forgets what was counted.
   void count() {
@@ -245,6 +255,23 @@ class Router {
   }
 
  private:
+  /// Waits until no notification has come for a while. They are not read before that, so the
+  /// measured program has the processors to itself.
+  /// \return when the last one came, to a millisecond.
+  Clock::time_point awaitPause() const {
+    auto last = Clock::now();
+    auto now = last;
+    for (uint32_t known = routes_.waiting(); now - last < kPause; now = Clock::now()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      if (const uint32_t waiting = routes_.waiting(); waiting != known) {
+        known = waiting;
+        last = Clock::now();
+      }
+    }
+    return last;
+  }
+  static constexpr std::chrono::milliseconds kPause{20};
+
   /// See proc(5).
   std::filesystem::path processFiles() const { return "/proc/" + std::to_string(child_); }
   static size_t numberIn(const std::filesystem::path& file, std::string_view key) {

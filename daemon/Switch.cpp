@@ -261,8 +261,7 @@ void Switch::setNeighbor(Zemit::IntfId intf, const Arp::BasicNeighborStatus<Addr
   if (!table) return;
   F::neighborExpect(*table, neighbor.ipAddr);
   if (present) {
-    // At the start, neighbours arrive in ascending order.
-    if (options_.settles) index.emplace_hint(index.end(), neighbor.ipAddr, intf);
+    if (options_.settles) index.insert({neighbor.ipAddr, intf});
     F::neighborIs(*table, neighbor);
   } else {
     index.erase({neighbor.ipAddr, intf});
@@ -392,12 +391,11 @@ bool isRouteless(const HostRouting<F>& routing, const typename F::Addr& addr) {
 /// Announces the neighbours inside `prefix` again that have no host route in this VRF.
 template <class F>
 void Switch::settleInside(const HostRouting<F>& routing, const typename F::Prefix& prefix) {
-  std::vector<std::pair<typename F::Addr, Zemit::IntfId>> routeless;
-  const auto& index = std::get<NeighborIndex<F>>(neighborIndices_);
-  for (auto it = index.lower_bound({prefix.addr(), Zemit::IntfId()});
-       it != index.end() && prefix.contains(it->first); ++it) {
-    if (isRouteless(routing, it->first)) routeless.push_back(*it);
-  }
+  auto routeless =
+      std::get<NeighborIndex<F>>(neighborIndices_)
+          .keysBetween({prefix.addr(), Zemit::IntfId()},
+                       {prefix.addr().subnetLast(prefix.len()), Zemit::IntfId::highest()});
+  std::erase_if(routeless, [&](const auto& key) { return !isRouteless(routing, key.addr); });
   const Settling settling(isSettling_);
   for (const auto& [addr, intf] : routeless) {
     F::neighborNotify(*neighborDir_->tableOf(intf), addr);

@@ -19,6 +19,7 @@
 #include "platform/arp/NeighborDir.h"
 #include "platform/interface/AllIntfStatusDir.h"
 #include "platform/kiv/containers/HashMap.h"
+#include "platform/kiv/containers/OrderedHashMap.h"
 #include "platform/l3/IntfStatus.h"
 #include "platform/routing/SeqConfig.h"
 #include "platform/rovel/Readiness.h"
@@ -220,8 +221,17 @@ class Switch {
     ~SharedTablesRemover();
   };
 
+  /// The identity of a neighbour. The order is that of the addresses.
   template <class F>
-  using NeighborIndex = std::set<std::pair<typename F::Addr, Zemit::IntfId>>;
+  struct NeighborKey {
+    typename F::Addr addr;
+    Zemit::IntfId intf;
+
+    uint32_t hash() const { return Kiv::hashWord((uint64_t{addr.hash()} << 32) | intf.value()); }
+    friend auto operator<=>(const NeighborKey&, const NeighborKey&) = default;
+  };
+  template <class F>
+  using NeighborIndex = Kiv::OrderedHashMap<NeighborKey<F>, Kiv::Present>;
 
   Tovan::Access access() const;
   void publishState(const Vrf& vrf) const;

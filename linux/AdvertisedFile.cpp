@@ -196,12 +196,12 @@ bool AdvertisedFile::applyLine(std::string_view line) {
   }
   const auto metric = parseNumber(line);
   if (verb != "+" || !metric) return false;
-  *live_.tryEmplace(key).first = *metric;
+  live_.get(key) = *metric;
   return true;
 }
 
 void AdvertisedFile::add(const RouteKey& key, uint32_t metric) {
-  *live_.tryEmplace(key).first = metric;
+  live_.get(key) = metric;
   appendAddition(pending_, key, metric);
   ++pendingLines_;
 }
@@ -226,7 +226,7 @@ void AdvertisedFile::commit() {
 std::vector<AdvertisedFile::Route> AdvertisedFile::keys() const {
   std::vector<Route> routes;
   routes.reserve(live_.size());
-  for (const auto& [key, metric] : live_) routes.push_back({key, metric});
+  live_.forEach([&](const RouteKey& key, uint32_t metric) { routes.push_back({key, metric}); });
   return routes;
 }
 
@@ -244,7 +244,7 @@ bool AdvertisedFile::append() {
 /// Writes a new file with one line for each key, and replaces the old file.
 bool AdvertisedFile::rewrite() {
   std::string text(kHeader);
-  for (const auto& [key, metric] : live_) appendAddition(text, key, metric);
+  live_.forEach([&](const RouteKey& key, uint32_t metric) { appendAddition(text, key, metric); });
   const std::string next = path_ + ".new";
   const int fd = ::open(next.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0640);
   if (fd < 0) {

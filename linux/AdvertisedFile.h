@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "linux/KernelRoutes.h"
-#include "platform/kiv/containers/HashMap.h"
+#include "linux/RouteMap.h"
 
 namespace Linux {
 
@@ -71,8 +71,8 @@ class AdvertisedFile final : public AdvertisedLog {
   std::string path_;
   Report report_;
   std::chrono::milliseconds retryAfter_;
-  Kiv::HashMap<RouteKey, uint32_t> live_;  // metrics
-  std::string pending_;                    // lines that are not in the file yet
+  RouteMap<uint32_t> live_;  // metrics
+  std::string pending_;      // lines that are not in the file yet
   size_t pendingLines_ = 0;
   size_t lines_ = 0;  // in the file
   size_t size_ = 0;   // of the file, in bytes

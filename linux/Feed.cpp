@@ -52,6 +52,26 @@ bool isLinkLocal(const Zemit::Ip6Addr& addr) {
   return addr.isLinkLocal();
 }
 
+uint64_t bitsReversed(uint64_t word) {
+  const auto swap = [&word](int distance, uint64_t mask) {
+    word = (word >> distance & mask) | (word & mask) << distance;
+  };
+  swap(1, 0x5555555555555555);
+  swap(2, 0x3333333333333333);
+  swap(4, 0x0F0F0F0F0F0F0F0F);
+  return __builtin_bswap64(word);
+}
+/// A sort key that puts adjacent addresses far apart. The kernel's IPv4 table is a trie whose nodes
+/// are enlarged as they fill. It enlarges more of them when the routes come in ascending order, so
+/// that 100,000 routes take a sixth longer.
+std::pair<uint64_t, uint64_t> scattered(const Address& addr) {
+  if (const auto* addr4 = std::get_if<Zemit::IpAddr>(&addr)) {
+    return {bitsReversed(addr4->value()), 0};
+  }
+  const auto& addr6 = std::get<Zemit::Ip6Addr>(addr);
+  return {bitsReversed(addr6.low()), addr6.high()};
+}
+
 /// What comes before the name in Linux where that means something else in a switch.
 constexpr std::string_view kLinux = "linux:";
 
@@ -361,7 +381,7 @@ void Feed::Work::markNeighborsOf(LinkIndex link, const Port& port) {
     }
   });
   std::ranges::sort(markedNeighbors_.begin() + first, markedNeighbors_.end(), {},
-                    &MarkedNeighbor::addr);
+                    [](const MarkedNeighbor& marked) { return scattered(marked.addr); });
 }
 
 void Feed::Work::findAddresses() {

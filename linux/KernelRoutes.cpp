@@ -22,7 +22,7 @@ KernelRoutes::KernelRoutes(RouteWriter& writer, AdvertisedLog& log, std::functio
       isAnothers_(std::move(isAnothers)) {}
 
 void KernelRoutes::want(const RouteKey& key, std::optional<RouteValue> value) {
-  Entry* const entry = value ? entries_.tryEmplace(key).first : entries_.find(key);
+  Entry* const entry = value ? &entries_.get(key) : entries_.find(key);
   if (entry == nullptr) return;
   const auto id = value ? values_.take(normalized(key.prefix, std::move(*value))) : 0;
   if (id == entry->wanted) {
@@ -41,7 +41,7 @@ void KernelRoutes::want(const RouteKey& key, std::optional<RouteValue> value) {
 }
 
 void KernelRoutes::adopt(const RouteKey& key, RouteValue value) {
-  Entry& entry = *entries_.tryEmplace(key).first;
+  Entry& entry = entries_.get(key);
   const auto id = values_.take(normalized(key.prefix, std::move(value)));
   if (entry.is(kSeen)) {
     // The key has several routes. None of them counts as the wanted one.
@@ -67,7 +67,7 @@ void KernelRoutes::adopt(const RouteKey& key, RouteValue value) {
 
 void KernelRoutes::adoptAdvertised(const RouteKey& key, uint32_t metric) {
   if (familyOf(key.prefix) == 6 && metric == 0) metric = kDefaultMetric6;
-  Entry& entry = *entries_.tryEmplace(key).first;
+  Entry& entry = entries_.get(key);
   if (entry.is(kAdvertised)) {
     if (entry.metric != metric) strays_.emplace_back(key, metric);
     return;
@@ -95,7 +95,7 @@ void KernelRoutes::observe(const RouteKey& key, const std::optional<RouteValue>&
     mark(key, *entry);
     return;
   }
-  Entry& entry = *entries_.tryEmplace(key).first;
+  Entry& entry = entries_.get(key);
   const auto id = values_.take(normalized(key.prefix, *value));
   if (entry.actual != 0 && values_[entry.actual].metric != values_[id].metric) {
     // A second route beside ours.
@@ -156,23 +156,22 @@ void KernelRoutes::linkChanged(LinkIndex link) {
 void KernelRoutes::beginDump() {
   drain();
   extras_.clear();
-  for (auto it = entries_.iterator(); it; ++it) it.value().clear(kSeen);
+  entries_.forEach([](const RouteKey&, Entry& entry) { entry.clear(kSeen); });
 }
 
 void KernelRoutes::endDump() {
-  for (auto it = entries_.iterator(); it; ++it) {
-    Entry& entry = it.value();
-    if (entry.actual == 0 || entry.is(kSeen)) continue;
+  entries_.forEach([this](const RouteKey&, Entry& entry) {
+    if (entry.actual == 0 || entry.is(kSeen)) return;
     setActual(entry, 0);
     entry.clear(kUnsure | kTold);
-  }
+  });
   scansAll_ = true;
 }
 
 void KernelRoutes::removeAll() {
   started_ = true;
   scansAll_ = true;
-  for (auto it = entries_.iterator(); it; ++it) setWanted(it.value(), 0);
+  entries_.forEach([this](const RouteKey&, Entry& entry) { setWanted(entry, 0); });
   for (auto& [key, trouble] : troubles_) trouble.retryAt = 0;
   nextWake_ = 0;
   flushAndWait();

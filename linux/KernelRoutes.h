@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "linux/Numbers.h"
+#include "linux/RouteMap.h"
 #include "linux/RouteRequest.h"
 #include "linux/RouteValuePool.h"
 #include "linux/RouteWriter.h"
-#include "platform/kiv/containers/HashMap.h"
 
 namespace Linux {
 
@@ -248,7 +248,7 @@ class KernelRoutes {
   bool started_ = false;
   bool scansAll_ = false;
   double now_ = 0;  // when the flush began
-  Kiv::HashMap<RouteKey, Entry> entries_;
+  RouteMap<Entry> entries_;
   RouteValuePool values_;
   std::vector<RouteKey> dirty_;
   size_t nextDirty_ = 0;                // the first of dirty_ that is still to be handled

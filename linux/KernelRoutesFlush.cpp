@@ -64,13 +64,12 @@ void KernelRoutes::drain() {
 /// Compares all entries and marks those that may differ.
 void KernelRoutes::scan() {
   const auto isDistrusted = values_.through(distrusted_);
-  for (auto it = entries_.iterator(); it; ++it) {
-    Entry& entry = it.value();
+  entries_.forEach([&](const RouteKey& key, Entry& entry) {
     if (entry.actual != 0 && isDistrusted[entry.actual]) entry.set(kUnsure);
     const bool isOver = entry.actual == 0 && entry.wanted == 0;
     const bool mayDiffer = entry.is(kUnsure) || entry.is(kReplaced);
-    if (entry.wanted != entry.actual || mayDiffer || isOver) mark(it.key(), entry);
-  }
+    if (entry.wanted != entry.actual || mayDiffer || isOver) mark(key, entry);
+  });
   distrusted_.clear();
   scansAll_ = false;
 }

@@ -2,14 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/kiv/containers/Hash.h"
-
 namespace Linux {
-
-uint32_t RouteKey::hash() const {
-  const uint32_t inner = std::visit([](const auto& p) { return p.hash(); }, prefix);
-  return Kiv::hashWord((uint64_t{table} << 32) | inner);
-}
 
 RouteValue normalized(const Prefix& prefix, RouteValue value) {
   if (value.vias.size() > 1) {

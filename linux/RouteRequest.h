@@ -6,9 +6,11 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "linux/Values.h"
+#include "platform/kiv/containers/Hash.h"
 
 namespace Linux {
 
@@ -17,7 +19,14 @@ struct RouteKey {
   TableId table = 0;
   Prefix prefix;
 
-  uint32_t hash() const;
+  uint32_t hash() const {
+    return std::visit([this](const auto& p) { return hashOf(table, p); }, prefix);
+  }
+  /// The hash of a key with this table and the prefix of one family.
+  template <class P>
+  static uint32_t hashOf(TableId table, const P& prefix) {
+    return Kiv::hashWord((uint64_t{table} << 32) | prefix.hash());
+  }
 
   friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
 };

@@ -27,6 +27,9 @@ class IntfId {
   /// The id of the interface called `name`; nothing when the name has no id yet.
   static std::optional<IntfId> find(const Kiv::String8& name);
 
+  /// Above the ids of all interfaces: the end of a range.
+  static constexpr IntfId highest() { return IntfId(UINT32_MAX); }
+
   constexpr uint32_t value() const { return value_; }
   /// The interface's name. Takes no lock; the reference stays valid for the life of the process.
   const Kiv::String8& name() const {
