@@ -1,5 +1,6 @@
 # Debian packages of an installation, made by cpack: hostroute (the programs), libhostroute1 (the
-# plug-in and the runtime) and libhostroute-dev (headers, CMake and pkg-config files).
+# plug-in and the runtime), libhostroute-dev (headers, CMake and pkg-config files) and
+# python3-hostroute (the module that reads the tables).
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME hostroute)
 set(CPACK_PACKAGE_VENDOR "the hostroute maintainers")
@@ -11,7 +12,7 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL programs library development)
+set(CPACK_COMPONENTS_ALL programs library development python)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -48,6 +49,14 @@ and descriptions for CMake and pkg-config.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "libhostroute${HOSTROUTE_ABI} (= ${PROJECT_VERSION})")
 
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-hostroute)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "host routes of a switch: a reader in Python
+The module hostroute_reader reads the host routes and their next hops that the
+daemon keeps in shared memory.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any, ${dependency}")
+
 # Debian requires of every package a copyright file, a compressed changelog and compressed manuals.
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/CompressManuals.cmake)
 find_program(GZIP gzip REQUIRED)
@@ -55,7 +64,7 @@ set(changelog ${PROJECT_BINARY_DIR}/packages/changelog.gz)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 execute_process(COMMAND ${GZIP} -9nc ${PROJECT_SOURCE_DIR}/packaging/changelog
                 OUTPUT_FILE ${changelog} COMMAND_ERROR_IS_FATAL ANY)
-foreach(component programs library development)
+foreach(component programs library development python)
   string(TOUPPER ${component} name)
   set(folder share/doc/${CPACK_DEBIAN_${name}_PACKAGE_NAME})
   install(FILES packaging/copyright ${changelog}

@@ -367,8 +367,9 @@ class Service::Loop {
     router_->endDump();
     if (!isReady_) {
       isReady_ = true;
-      ::sd_notify(0, "READY=1");
-      log_.write(LOG_INFO, "ready", statusLine(*router_));
+      const auto line = statusLine(*router_);
+      ::sd_notify(0, ("READY=1\nSTATUS=" + line).c_str());
+      log_.write(LOG_INFO, "ready", line);
     }
   }
 
