@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <optional>
 #include <span>
 #include <utility>
@@ -149,8 +150,7 @@ class DeletionWatch {
 /// Dumps all objects of a kind.
 class Dump {
  public:
-  Dump(const TakeChange& take, const Warn& warn)
-      : take_(take), warn_(warn), socket_(openSocket()), buffer_(kBufferSize) {
+  Dump(const TakeChange& take, const Warn& warn) : take_(take), warn_(warn), socket_(openSocket()) {
     bindSocket(socket_);
     // With strict checking the kernel evaluates the whole header: no cached routes, no statistics.
     int on = 1;
@@ -161,11 +161,27 @@ class Dump {
   bool run(const Kind& kind) {
     request(kind);
     isInterrupted_ = false;
-    while (receive(kind)) continue;
+    auto datagram = receive(buffers_[0]);
+    for (size_t next = 1; !isLast(datagram); next = 1 - next) {
+      // The kernel makes a datagram within the call that reads it. With many objects, a second
+      // thread makes this call while this one handles the former datagram. If the system refuses
+      // a thread, get() makes the call.
+      using enum std::launch;
+      auto following = std::async(datagram.size() > kThreadBytes ? async | deferred : deferred,
+                                  [this, next] { return receive(buffers_[next]); });
+      handle(kind, datagram);
+      datagram = following.get();
+    }
+    handle(kind, datagram);
     return !isInterrupted_;
   }
 
  private:
+  using Datagram = std::span<const std::byte>;
+
+  /// A thread pays from a datagram of this size on.
+  static constexpr size_t kThreadBytes = 16 << 10;
+
   void request(const Kind& kind) {
     std::array<std::byte, 256> buffer{};
     nlmsghdr* const message = mnl_nlmsg_put_header(buffer.data());
@@ -180,26 +196,35 @@ class Dump {
     if (mnl_socket_sendto(socket_.get(), message, message->nlmsg_len) < 0) refuse("writing");
   }
 
-  /// \return false after the last message.
-  bool receive(const Kind& kind) {
-    const ssize_t size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
-    if (size < 0) {
-      if (errno == EINTR) return true;
-      refuse("reading");
+  Datagram receive(std::vector<std::byte>& buffer) {
+    while (true) {
+      const ssize_t size = mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
+      if (size >= 0) return Datagram(buffer).first(static_cast<size_t>(size));
+      if (errno != EINTR) refuse("reading");
     }
-    bool isMore = true;
-    forEachMessage(std::span(buffer_).first(static_cast<size_t>(size)),
-                   [&](const nlmsghdr& header, std::span<const std::byte> message) {
-                     if (header.nlmsg_seq != sequence_) return;
-                     if ((header.nlmsg_flags & NLM_F_DUMP_INTR) != 0) isInterrupted_ = true;
-                     if (header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR) {
-                       finish(kind, message);
-                       isMore = false;
-                     } else {
-                       takeMessage(message, take_, warn_);
-                     }
-                   });
-    return isMore;
+  }
+
+  bool endsDump(const nlmsghdr& header) const {
+    return header.nlmsg_seq == sequence_ &&
+           (header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR);
+  }
+  bool isLast(Datagram datagram) const {
+    bool isLast = false;
+    forEachMessage(datagram, [&](const nlmsghdr& header, Datagram) {
+      if (endsDump(header)) isLast = true;
+    });
+    return isLast;
+  }
+  void handle(const Kind& kind, Datagram datagram) {
+    forEachMessage(datagram, [&](const nlmsghdr& header, Datagram message) {
+      if (header.nlmsg_seq != sequence_) return;
+      if ((header.nlmsg_flags & NLM_F_DUMP_INTR) != 0) isInterrupted_ = true;
+      if (endsDump(header)) {
+        finish(kind, message);
+      } else {
+        takeMessage(message, take_, warn_);
+      }
+    });
   }
 
   void finish(const Kind& kind, std::span<const std::byte> message) {
@@ -215,7 +240,8 @@ class Dump {
   const TakeChange& take_;
   const Warn& warn_;
   SocketPtr socket_;
-  std::vector<std::byte> buffer_;
+  std::array<std::vector<std::byte>, 2> buffers_{std::vector<std::byte>(kBufferSize),
+                                                 std::vector<std::byte>(kBufferSize)};
   uint32_t sequence_ = 0;
   bool isInterrupted_ = false;
 };
