@@ -47,7 +47,6 @@ void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
   KIV_TRACE(hostRouteTrace, 8, *root,
             "addActiveReceiveRoutes"
                 << "  addrMask: " << addrWithMask << " intfName: " << name);
-  HostCore::leavesMerge<Ipv4>(*root);
   bool isOwn = true;  // the first one, also where the network's address is the same
   for (const Zemit::IpAddr ip : yieldedBy(addrWithMask)) {
     const auto adjacency = isOwn ? HostCore::receiveAdjacency<Ipv4>(status->intfId(), *root)
@@ -65,7 +64,6 @@ void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& /*status*/, const Kiv
   KIV_TRACE(hostRouteTrace, 8, *root,
             "removeReceiveRoutes"
                 << "  intf: " << intfName);
-  HostCore::leavesMerge<Ipv4>(*root);
   // Each address leaves the record before its routes go, so that only those that remain count as
   // overlapping.
   if (const auto* recorded = root->intfNameToAddrWithMaskFind(intfName)) {
@@ -90,7 +88,6 @@ void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
   KIV_TRACE(hostRouteTrace, 8, *root,
             "removeAddrMaskFromReceiveTable"
                 << " remove recv route: " << addrWithMask);
-  HostCore::leavesMerge<Ipv4>(*root);
   for (const Zemit::IpAddr ip : DerivedAddresses(addrWithMask)) {
     const auto* owner = root->receiveAddrToIntfNameFind(ip);
     if (owner == nullptr || *owner != intfName) continue;
@@ -105,7 +102,6 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
             "void Routing::Host::removeReceiveRoute(Zemit::IpAddr, const Kiv::Name&, "
             "const Routing::Host::RouteSmRoot::Ptr&)"
                 << " remove recv route: " << ip);
-  HostCore::leavesMerge<Ipv4>(*root);
   if (yieldedBy(root->intfNameToAddrWithMask(intfName)).contain(ip)) {
     KIV_TRACE(hostRouteTrace, 8, *root, " found overlapping addr ");
     return;
@@ -122,9 +118,8 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
 
 void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus::PtrConst& status) {
   const auto root = Kiv::validPtr(Kiv::validPtr(routeSm)->root());
-  const HostCore::Event<Ipv4> event(*routeSm, HostCore::CauseKind::Address,
-                                    Kiv::validPtr(status)->intfId());
-  const HostCore::HandlerScope<Ipv4> handler(*routeSm);
+  const HostCore::EventHandler<Ipv4> handler(*routeSm, HostCore::CauseKind::Address,
+                                             Kiv::validPtr(status)->intfId());
   const auto name = Kiv::validPtr(status)->name();
   KIV_TRACE(hostRouteTrace, 8, *root,
             "recomputeReceiveRoutes"

@@ -104,11 +104,11 @@ Kiv::Ptr<RouteSm::KivNeighborDirByIntfName> RouteSm::newNeighborDirByIntfName(
 
 Kiv::Ptr<RouteSm::KivVirtualIpStatus> RouteSm::newVirtualIpStatus(
     const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus) {
-  return Frame(*this).newVirtualIps(virtualIpStatus);
+  return Frame(*this).newReactor(virtualIpStatus_, virtualIpStatus);
 }
 
 void RouteSm::virtualIpStatusDel() {
-  Frame(*this).virtualIpsDel();
+  virtualIpStatus_.del(*this);
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {

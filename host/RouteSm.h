@@ -31,12 +31,12 @@ namespace Routing::Host {
 
 struct Ipv4;
 
-/// Watches the inputs of one VRF and keeps the host routes of its root and route table in step.
+/// Watches the inputs of one VRF and keeps the host routes of its root and route table up to date.
 ///
 /// Each reactor watches one input and calls one handler. A handler without a key walks the whole
-/// input, a keyed one handles one entry. Everything runs on the thread of the activity. The inputs,
-/// the root and the activity are lent: the maker of the machine keeps them alive as long as it
-/// lives. A null input reads as an empty table. A callback of a write must not destroy the machine.
+/// input, a keyed one handles one entry. Everything runs on the thread of the activity. The maker
+/// of the machine keeps the inputs, the root and the activity alive as long as the machine lives. A
+/// null input reads as an empty table. A callback of a write must not destroy the machine.
 ///
 /// Until `initialized` is set the machine only records; then it catches up in one pass.
 class KIV_EXPORT RouteSm final : public Kiv::Entity {
@@ -174,8 +174,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Watches one interface's ARP table and hands each change to the state machine.
   class KivArpIntfStatus final : public Reactor<Arp::ArpIntfStatus> {
    public:
-    explicit KivArpIntfStatus(const Kiv::ActivityConfig::Ptr& activity);
-    ~KivArpIntfStatus() override;
+    using MachineReactor::MachineReactor;
 
     void onArpEntry(const Zemit::IpAddr& addr) override;
     void onArpEntrykivImmediate() override;
@@ -187,12 +186,11 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     void handleArpEntry();
     /// Withdraws the host routes of a table that was deleted with entries in it.
     void handleDel();
-    /// The short cuts' cache, made at the first use; see hostcore/fast/.
-    CoverCache& coverCache() const;
-    bool hasCoverCache() const noexcept { return coverCache_ != nullptr; }
+    /// The short cuts' cache, or null before its first use; see hostcore/fast/.
+    std::shared_ptr<CoverCache>& coverCache() const noexcept { return coverCache_; }
 
    private:
-    mutable std::unique_ptr<CoverCache> coverCache_;  // no state of the reactor
+    mutable std::shared_ptr<CoverCache> coverCache_;  // no state of the reactor
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.
@@ -220,10 +218,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
           const Fhrp::VirtualIpStatus::PtrConst& virtualIpStatus, const L3::VrfName& vrfName);
   explicit RouteSm(const Inputs& inputs);
   ~RouteSm() override;
-  /// Ends the machine, also while others hold it: its reactors are zombies and let go of it and of
-  /// the inputs. Nothing is withdrawn. Afterwards all attributes but the VRF's name read as empty,
-  /// a setter raises Kiv::Exception, and a handler that needs the root raises "null ValidPtr". Run
-  /// by the root that lets go of the machine, and when its last handle goes.
+  /// Ends the machine, even if others hold a handle to it: its reactors become zombies, and release
+  /// it and the inputs. Nothing is withdrawn. Afterwards all attributes but the VRF's name read as
+  /// empty, a setter raises Kiv::Exception, and a handler that needs the root raises "null
+  /// ValidPtr". Called by the root that drops the machine, and when its last handle is dropped.
   void retire();
 
   /// The VRF's name.
@@ -404,7 +402,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// The same for one address.
   void doMerge(Zemit::IpAddr changedIp);
 
-  /// Gives way to a virtual address that appeared, or takes back one that went. Always true.
+  /// Withdraws the host route of an address that became virtual, or merges one that is no longer
+  /// virtual. Always returns true.
   bool handleVirtualIpStatus(const Fhrp::VrfIpWithMaskPair& vrfIpWithMask);
   void handleVirtualIpStatus();
 

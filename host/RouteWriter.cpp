@@ -2,7 +2,6 @@
 
 #include "host/Family.h"
 #include "hostcore/RouteWriter.h"
-#include "hostcore/fast/ShortCuts.h"
 
 namespace Routing::Host {
 
@@ -11,9 +10,7 @@ void addRouteToRouteTable(const Status::Ptr& hostTable,
                           Tovan::Fib::FecId fecId, Routing::Fib::RouteType routeType,
                           const Fhrp::VirtualIpStatus* virtualIpStatus,
                           const RouteSmRoot::Ptr& root, const L3::VrfName& /*vrfName*/) {
-  HostCore::leavesMerge<Ipv4>(*Kiv::validPtr(root));
-  if (hostTable) HostCore::leavesMerge<Ipv4>(*hostTable);
-  HostCore::RouteWriter<Ipv4>(hostTable, routeTable, *root)
+  HostCore::RouteWriter<Ipv4>(hostTable, routeTable, *Kiv::validPtr(root))
       .add({ip, fecId, routeType}, virtualIpStatus);
 }
 
@@ -29,7 +26,6 @@ void Ipv4::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
 void removeHostRoute(const Zemit::IpAddr& ip, const Status::Ptr& hostTable,
                      const Obu::AddrSet::Ptr& receiveAddrSet,
                      const Rovel::AdjacencyHelper::Ptr& adjHelper) {
-  HostCore::leavesMerge<Ipv4>(*Kiv::validPtr(hostTable));
   Ipv4::removeHostRoute(ip, hostTable, receiveAddrSet, adjHelper);
 }
 

@@ -5,8 +5,8 @@
 
 namespace Routing::Host {
 
-// Deliberate: this handler minds its own VRF's virtual addresses only, while the writer gives way
-// to those of any VRF.
+// Deliberate: this handler handles the virtual addresses of its own VRF only, while the writer
+// yields to those of any VRF.
 bool RouteSm::handleVirtualIpStatus(const Fhrp::VrfIpWithMaskPair& vrfIpWithMask) {
   const auto addr = vrfIpWithMask.v4Addr();
   if (!addr) return true;

@@ -14,16 +14,6 @@ bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus) {
   return HostCore::skipInterface(*Kiv::validPtr(arpIntfStatus));
 }
 
-RouteSm::KivArpIntfStatus::KivArpIntfStatus(const Kiv::ActivityConfig::Ptr& activity)
-    : MachineReactor(activity) {}
-
-RouteSm::KivArpIntfStatus::~KivArpIntfStatus() = default;
-
-RouteSm::CoverCache& RouteSm::KivArpIntfStatus::coverCache() const {
-  if (coverCache_ == nullptr) coverCache_ = std::make_unique<CoverCache>();
-  return *coverCache_;
-}
-
 void RouteSm::KivArpIntfStatus::onIp6NeighborEntryExpected(
     const Zemit::Ip6Addr& addr) const noexcept {
   HostCore::neighborExpected<Ipv6>(*this, addr);

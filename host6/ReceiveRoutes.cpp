@@ -14,7 +14,6 @@ void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status, const Kiv::Nam
   KIV_TRACE(hostRoute6Trace, 8, *root,
             "removeReceiveRoutes"
                 << " intfName " << intfName << " intf " << status);
-  HostCore::leavesMerge<Ipv6>(*root);
   if (const auto recorded = root->intfNameToAddrWithMask(intfName)) {
     for (const auto& addrWithMask : recorded->addrWithMaskKeys()) {
       // An address that the interface has lost leaves with the record as a whole, below.
@@ -56,8 +55,8 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
             "recomputeReceiveRoutes"
                 << " for interface: " << name);
   const auto root = Kiv::validPtr(machine->root());
-  const HostCore::Event<Ipv6> event(*machine, HostCore::CauseKind::Address, status->intfId());
-  const HostCore::HandlerScope<Ipv6> handler(*machine);
+  const HostCore::EventHandler<Ipv6> handler(*machine, HostCore::CauseKind::Address,
+                                             status->intfId());
   const bool isFollowed = bool(machine->vrfIpIntfStatus(status->intfId()));
   const auto changed = Obu::Ip6AddrSet::AddrSetIs(Zemit::Ip6Prefix::null());
   removeReceiveRoutes(status, name, root, changed);

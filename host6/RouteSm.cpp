@@ -105,11 +105,11 @@ Kiv::Ptr<RouteSm::KivNeighborDirByIntfName> RouteSm::newNeighborDirByIntfName(
 
 Kiv::Ptr<RouteSm::KivVirtualIp6Status> RouteSm::newVirtualIp6Status(
     const Routing::Fhrp::VirtualIp6Status::PtrConst& virtualIp6Status) {
-  return Frame(*this).newVirtualIps(virtualIp6Status);
+  return Frame(*this).newReactor(virtualIp6Status_, virtualIp6Status);
 }
 
 void RouteSm::virtualIp6StatusDel() {
-  Frame(*this).virtualIpsDel();
+  virtualIp6Status_.del(*this);
 }
 
 void RouteSm::vrfIpIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {

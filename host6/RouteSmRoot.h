@@ -121,7 +121,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// The status of all interfaces.
   KIV_POINTER(260, intfStatusDir, IntfStatusDir, const Interface::AllIntfStatusDir)
 
-  /// The prefixes of the tracked FIB routes. The daemon lends it; nobody else may write it.
+  /// The prefixes of the tracked FIB routes. It belongs to the daemon; only the machine writes it.
   KIV_POINTER(261, trie, Trie, Routing6::Trie)
 
   /// Keeper of the adjacency references.
@@ -193,7 +193,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
 
   /// The VRF's state machine.
   KIV_SINGLETON_VIEW(271, routeSm, RouteSm, RouteSm)
-  /// Ends the machine, also while somebody else holds it; see RouteSm::retire().
+  /// Ends the machine, even if others hold a handle to it; see RouteSm::retire().
   void routeSmDel();
   /// Makes the state machine over these inputs, each of which may be null and must outlive it; see
   /// the constructor of RouteSm. Returns it. Any former machine goes first, also when this fails.

@@ -2,7 +2,6 @@
 
 #include "host6/Family.h"
 #include "hostcore/RouteWriter.h"
-#include "hostcore/fast/ShortCuts.h"
 
 namespace Routing6::Host {
 
@@ -11,9 +10,7 @@ void addRouteToRouteTable(const Status::Ptr& hostTable,
                           Tovan::Fib::FecId fecId, Routing6::Fib::RouteType routeType,
                           const Routing::Fhrp::VirtualIp6Status* virtualIp6Status,
                           const RouteSmRoot::Ptr& root, const L3::VrfName& /*vrfName*/) {
-  HostCore::leavesMerge<Ipv6>(*Kiv::validPtr(root));
-  if (hostTable) HostCore::leavesMerge<Ipv6>(*hostTable);
-  HostCore::RouteWriter<Ipv6>(hostTable, routeTable, *root)
+  HostCore::RouteWriter<Ipv6>(hostTable, routeTable, *Kiv::validPtr(root))
       .add({ip, fecId, routeType}, virtualIp6Status);
 }
 
@@ -29,7 +26,6 @@ void Ipv6::removeHostRoute(const Addr& ip, const HostTable::Ptr& hostTable,
 void removeHostRoute(const Zemit::Ip6Addr& ip, const Status::Ptr& hostTable,
                      const Obu::Ip6AddrSet::Ptr& receiveAddrSet,
                      const Rovel::Adjacency6Helper::Ptr& adjHelper) {
-  HostCore::leavesMerge<Ipv6>(*Kiv::validPtr(hostTable));
   Ipv6::removeHostRoute(ip, hostTable, receiveAddrSet, adjHelper);
 }
 

@@ -5,8 +5,8 @@
 
 namespace Routing6::Host {
 
-// Deliberate: this handler minds its own VRF's virtual addresses only, while the writer gives way
-// to those of any VRF.
+// Deliberate: this handler handles the virtual addresses of its own VRF only, while the writer
+// yields to those of any VRF.
 bool RouteSm::handleVirtualIp6Status(const Routing::Fhrp::VrfIpPair& vrfIpPair) {
   const Zemit::Ip6Addr& addr = vrfIpPair.vrfIp();
   if (vrfIpPair.vrfName() != vrfName()) return true;

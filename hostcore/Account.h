@@ -1,4 +1,4 @@
-// A state machine's account for the people who run it: counts, a history, its own trace levels.
+// What a state machine records for its operators: counts, a history, its own trace levels.
 #pragma once
 
 #include <array>
@@ -20,7 +20,7 @@ namespace HostCore {
 
 /// The kind of an event that reached a machine.
 enum class CauseKind : uint8_t {
-  Unknown,          ///< a handler was called by hand, or another wrote to the route table
+  Unknown,          ///< a direct call of a handler, or a write by other code
   NeighborLearned,  ///< a neighbour was announced; for a history: one that had no host route
   NeighborChanged,  ///< a neighbour that had a host route was announced
   NeighborLost,     ///< a neighbour went
@@ -52,7 +52,7 @@ enum class Lack : uint8_t {
 inline constexpr size_t kLacks = 10;
 
 #ifdef HOSTROUTE_WITHOUT_COUNTERS
-/// Counts nothing: beside an engine that has this, a benchmark sees what counting costs.
+/// Counts nothing, so that a benchmark can measure the cost of counting.
 struct Count {
   constexpr Count() = default;
   constexpr Count(uint64_t) {}
@@ -98,7 +98,7 @@ struct RouteChange {
   Cause<decltype(R::key)> cause = {};
 };
 
-/// The last changes of a machine's host routes, in a memory that is taken once.
+/// The last changes of a machine's host routes, in preallocated memory.
 template <class R, class Via>
 class RouteLog {
  public:
@@ -110,10 +110,10 @@ class RouteLog {
   explicit RouteLog(size_t capacity) { changes_.resize(capacity); }
 
   size_t capacity() const noexcept { return changes_.size(); }
-  /// Is called with each change; an empty one ends that.
+  /// Calls `observer` with each change; an empty function ends the calls.
   void observerIs(Observer observer) { observer_ = std::move(observer); }
 
-  /// An event begins that no other one has caused.
+  /// An event begins. No other event has caused it.
   void eventBegins(const Cause<Prefix>& cause) {
     cause_ = cause;
     time_.reset();
@@ -123,7 +123,7 @@ class RouteLog {
     if (!time_) time_ = Kiv::now();
     Change change{
         .time = *time_, .kind = kind, .route = route, .vias = std::move(vias), .cause = cause_};
-    if (cause_.kind == CauseKind::Unknown) time_.reset();  // nobody says when that ends
+    if (cause_.kind == CauseKind::Unknown) time_.reset();  // its end is not reported
     if (observer_) observer_(change);
     if (changes_.empty()) return;
     changes_[next_] = std::move(change);
@@ -145,10 +145,10 @@ class RouteLog {
   size_t next_ = 0;
   size_t count_ = 0;
   Cause<Prefix> cause_;
-  std::optional<double> time_;  // of the event under way, once somebody asked for it
+  std::optional<double> time_;  // of the current event, once it was read
 };
 
-/// The part of a machine that is for the people who run it. It decides nothing about a table.
+/// A machine's records for its operators. No table depends on them.
 template <class R, class Fec>
 struct Account {
   using Prefix = decltype(R::key);
@@ -156,20 +156,20 @@ struct Account {
   using Via = std::remove_cvref_t<decltype(*std::declval<const Fec&>().begin())>;
   using Log = RouteLog<R, Via>;
 
-  /// The trace levels of this machine, beside those that are on for all.
+  /// The trace levels of this machine, in addition to those that are on for all.
   struct Tracing {
     uint32_t levels = 0;       ///< a bit for each
     uint32_t now = 0;          ///< the same, for the address that is being handled
-    bool isOff = false;        ///< the one address that is traced is of the other family
-    std::optional<Addr> only;  ///< other addresses are left out
+    bool isOff = false;        ///< the only traced address is of the other family
+    std::optional<Addr> only;  ///< the only address that is traced
   };
 
   Counts counts;
-  uint32_t events = 0;  ///< how many are being handled, one within the other
+  uint32_t events = 0;  ///< the number of nested events
   Tracing tracing;
-  /// Lent by a daemon, true while it announces neighbours again that were there before; or null.
+  /// A flag of the daemon, true while it announces neighbours again; or null.
   const bool* isSettling = nullptr;
-  std::unique_ptr<Log> log;  ///< null while nobody asks for the history
+  std::unique_ptr<Log> log;  ///< null without a history
 };
 
 }  // namespace HostCore

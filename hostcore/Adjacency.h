@@ -95,36 +95,25 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
   if (!neighbors) return;
   const auto inside =
       neighbors->ipKeysBetween(prefix.addr(), prefix.addr().subnetLast(prefix.len()));
-  forEachWithdrawal<F>(sm_, *neighbors, inside, [&](const Addr& addr) {
-    const About<F> about(sm_, addr);
-    F::traceTakenFrom(sm_, addr, above.key);
-    F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
-    changed->ipIs(addr, true);
-    neighbors->ipDel(addr);
-  });
+  const auto trace = [&](const Addr& addr) { F::traceTakenFrom(sm_, addr, above.key); };
+  withdraw<F>(sm_, root_, *neighbors, inside, trace,
+              [&](const Addr& addr) { changed->ipIs(addr, true); });
 }
 
 template <Family F>
 typename F::AddrSet::Ptr Adjacency<F>::handleDeletedAdjacency(const Prefix& oldPrefix) {
-  ShortCuts<F>(sm_).leavesMerge();
   auto result = F::AddrSet::AddrSetIs(Prefix::null());
   const auto neighbors = F::neighborSet(root_, oldPrefix);
   if (!neighbors) return result;
-  forEachWithdrawal<F>(
-      sm_, *neighbors, ascending(neighbors->ipIteratorConst()), [&](const Addr& addr) {
-        const About<F> about(sm_, addr);
-        F::removeHostRoute(addr, F::neighborTable(root_), nullptr, sm_.adjHelper());
-        neighbors->ipDel(addr);
-        result->ipIs(addr, true);
-      });
+  const auto ignore = [](const Addr&) {};
+  withdraw<F>(sm_, root_, *neighbors, ascending(neighbors->ipIteratorConst()), ignore,
+              [&](const Addr& addr) { result->ipIs(addr, true); });
   return result;
 }
 
 template <Family F>
 void Adjacency<F>::handleFec(Tovan::Fib::FecId fecId) {
-  const Event<F> event(sm_, CauseKind::Fec, fecId);
-  const HandlerScope<F> handler(sm_);
-  ShortCuts<F>(sm_).announced(fecId);
+  const EventHandler<F> handler(sm_, fecId);
   if (!root_.adjacencyToPrefix(fecId)) return;
   // Handling a route files its prefix again, perhaps in a new list, so the walk is over the
   // prefixes that were there at the start and still are.

@@ -1,4 +1,4 @@
-// Scopes: the event that a state machine handles, and the address with which it is busy.
+// Scopes: the event that a state machine handles, and the address that it is handling.
 #pragma once
 
 #include <type_traits>
@@ -6,12 +6,13 @@
 
 #include "hostcore/Account.h"
 #include "hostcore/Family.h"
+#include "hostcore/fast/ShortCuts.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
 
-/// While one stands, the machine is busy with one address or prefix: of a machine that traces one
-/// address only, the traces about others are left out.
+/// The scope in which the machine handles one address or prefix. If the machine traces one address
+/// only, traces about other addresses are left out.
 template <Family F>
 class About {
  public:
@@ -47,8 +48,8 @@ class About {
   bool hasEntered_ = false;
 };
 
-/// Stands in the handler by which an event enters the machine: counts the event and, while there is
-/// a history, records it. The machine's own further steps belong to the same event.
+/// The scope of an event, in the handler that it enters. Counts the event and, if there is a
+/// history, records it. Handlers that this one calls belong to the same event.
 template <Family F>
 class Event {
  public:
@@ -89,8 +90,31 @@ class Event {
   typename F::RouteSm& sm_;
 };
 
-/// A host route of the machine in the route table was changed: `before` and `now`, either of which
-/// may be none, whose key is another prefix than `prefix`.
+/// The scope of a handler that merges all that it changes: the event, and the scope in which the
+/// short cuts may rely on the merge.
+template <Family F>
+class EventHandler {
+ public:
+  EventHandler(typename F::RouteSm& sm, CauseKind kind, Zemit::IntfId intf)
+      : event_(sm, kind, intf), handler_(sm) {}
+  /// The FIB route of `prefix` was announced, with this FEC.
+  EventHandler(typename F::RouteSm& sm, const typename F::Prefix& prefix, Tovan::Fib::FecId fec)
+      : event_(sm, CauseKind::Route, prefix, fec), handler_(sm) {
+    ShortCuts<F>(sm).announced(prefix);
+  }
+  /// A FEC was announced.
+  EventHandler(typename F::RouteSm& sm, Tovan::Fib::FecId fec)
+      : event_(sm, CauseKind::Fec, fec), handler_(sm) {
+    ShortCuts<F>(sm).announced(fec);
+  }
+
+ private:
+  Event<F> event_;
+  HandlerScope<F> handler_;
+};
+
+/// A host route of the machine in the route table was changed from `before` to `now`. A route with
+/// another key than `prefix` means that there is none.
 template <Family F>
 void hostRouteChanged(typename F::RouteSm& sm, const typename F::Prefix& prefix,
                       const typename F::Route& before, const typename F::Route& now) {
@@ -115,8 +139,8 @@ void hostRouteChanged(typename F::RouteSm& sm, const typename F::Prefix& prefix,
                    is ? now : before, std::move(vias));
 }
 
-/// Counts the host routes that are in the route table when a machine begins. Returns whether it
-/// surely has none: false when a part of the table could not be read.
+/// Counts the host routes that are in the route table when a machine begins. Returns true if there
+/// are none, and false if a part of the table could not be read.
 template <Family F>
 bool countHostRoutes(typename F::RouteSm& sm) {
   const auto* table = sm.routeStatusRaw();

@@ -31,7 +31,7 @@ struct AddressState {
     Zemit::IntfId intf = {};
     /// Why it has no host route under the route that covers it.
     Lack lack = Lack::None;
-    /// As much of that route as there is: its prefix, its record and its vias.
+    /// The parts of that route that exist: its prefix, its record and its vias.
     Route cover{.key = Prefix::null()};
     Vias coverVias = {};
     /// The vias by which it would be reached under it.
@@ -43,7 +43,7 @@ struct AddressState {
   std::optional<Found> ownAddress;
   Kiv::Name ownIntf;  ///< the owner of that
   std::optional<Found> fibRoute;
-  bool isVirtual = false;           ///< in whatever VRF
+  bool isVirtual = false;           ///< in any VRF
   std::vector<Neighbor> neighbors;  ///< by the interfaces' names
   /// The route that covers the address, whether or not it is a neighbour.
   Neighbor cover;

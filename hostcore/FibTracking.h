@@ -44,6 +44,12 @@ class FibTracking {
   void handleDeletedRoute(const Route& oldFibRoute);
 
  private:
+  /// Handles the route of `prefix`, which `read` gets from its table.
+  template <class Read>
+  void readAndHandle(const Prefix& prefix, Read read) {
+    ShortCuts<F>(sm_).reads(prefix);
+    sm_.handleRoute(prefix, read());
+  }
   /// Records a FIB route, which is new or has changed. \param oldFec  of the former one, or none.
   void track(const Route& fibRoute, Tovan::Fib::FecId oldFec, Root& root);
   /// Forgets a FIB route that went, with the state under its prefix.
@@ -59,9 +65,7 @@ void FibTracking<F>::handleStatusRoute(const Prefix& prefix) {
   }
   // The host prefixes of the route table are this system's own merged routes.
   if (prefix.len() == F::Addr::kBits) return;
-  ShortCuts<F>(sm_).reads(prefix);
-  const Route fibRoute = Obu::readRoute(sm_.routeStatusRaw(), prefix);
-  sm_.handleRoute(prefix, fibRoute);
+  readAndHandle(prefix, [&] { return Obu::readRoute(sm_.routeStatusRaw(), prefix); });
 }
 
 template <Family F>
@@ -83,9 +87,9 @@ void FibTracking<F>::handleStatusRoute() {
 template <Family F>
 void FibTracking<F>::handleHostStatusRoute(const Prefix& prefix) {
   const auto* hostStatus = sm_.hostStatusRaw();
-  ShortCuts<F>(sm_).reads(prefix);
-  sm_.handleRoute(prefix, hostStatus == nullptr ? Tovan::noRoute<typename F::Route>(prefix)
-                                                : hostStatus->route(prefix));
+  readAndHandle(prefix, [&] {
+    return hostStatus == nullptr ? Tovan::noRoute<Route>(prefix) : hostStatus->route(prefix);
+  });
 }
 
 template <Family F>
@@ -104,10 +108,7 @@ void FibTracking<F>::handleHostStatusRoute() {
 template <Family F>
 void FibTracking<F>::handleRoute(const Prefix& prefix, const Route& fibRoute) {
   const bool isPresent = fibRoute.key == prefix;
-  const Event<F> event(sm_, CauseKind::Route, prefix,
-                       isPresent ? fibRoute.fecId : Tovan::Fib::invalidFecId);
-  const HandlerScope<F> handler(sm_);
-  ShortCuts<F>(sm_).announced(prefix);
+  const EventHandler<F> handler(sm_, prefix, isPresent ? fibRoute.fecId : Tovan::Fib::invalidFecId);
   if (!sm_.initialized()) {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
@@ -178,15 +179,12 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
 
   if (const auto neighbors = F::neighborSet(root, oldFibRoute.key)) {
     CachedFec<F> aboveFec(sm_, above.fecId);
-    forEachWithdrawal<F>(sm_, *neighbors, ascending(neighbors->ipIteratorConst()),
-                         [&](const typename F::Addr& addr) {
-                           const About<F> about(sm_, addr);
-                           F::removeHostRoute(addr, F::neighborTable(root), nullptr,
-                                              sm_.adjHelper());
-                           neighbors->ipDel(addr);
-                           if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec.get());
-                           mergeSet->ipIs(addr, true);
-                         });
+    const auto ignore = [](const typename F::Addr&) {};
+    withdraw<F>(sm_, root, *neighbors, ascending(neighbors->ipIteratorConst()), ignore,
+                [&](const typename F::Addr& addr) {
+                  if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec.get());
+                  mergeSet->ipIs(addr, true);
+                });
   }
 
   if (covered) {

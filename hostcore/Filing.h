@@ -1,6 +1,7 @@
-// Filing prefixes under the FECs through which they resolve.
+// Filing prefixes under the FECs through which they resolve, and neighbours under prefixes.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/Family.h"
 #include "hostcore/fast/ShortCuts.h"
 
@@ -31,6 +32,22 @@ typename F::PrefixList::Ptr unfile(typename F::RouteSmRoot& root, Tovan::Fib::Fe
   if (list->prefixCount() != 0) return list;
   root.adjacencyToPrefixDel(fecId);
   return nullptr;
+}
+
+/// Withdraws the host routes of `addrs`, and takes these out of the set of their FIB prefix.
+///
+/// \param before  is called with each address before its withdrawal.
+/// \param after   is called with it afterwards.
+template <Family F, class Addrs, class Before, class After>
+void withdraw(typename F::RouteSm& sm, typename F::RouteSmRoot& root,
+              typename F::AddrSet& neighbors, const Addrs& addrs, Before before, After after) {
+  forEachWithdrawal<F>(sm, neighbors, addrs, [&](const typename F::Addr& addr) {
+    const About<F> about(sm, addr);
+    before(addr);
+    F::removeHostRoute(addr, F::neighborTable(root), nullptr, sm.adjHelper());
+    neighbors.ipDel(addr);
+    after(addr);
+  });
 }
 
 }  // namespace HostCore

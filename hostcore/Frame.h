@@ -1,4 +1,4 @@
-// The frame of a state machine: its reactors, and how they come, go and reach it.
+// The reactors of a state machine: how they are made, bound to the machine, and removed.
 #pragma once
 
 #include <algorithm>
@@ -20,8 +20,8 @@ namespace HostCore {
 
 /// A reactor that hands the changes of one `Notifier` to a per-VRF state machine.
 ///
-/// The machine owns the reactor; the way back owns nothing and is null before the machine is
-/// complete, after its teardown has begun, and once it has removed or replaced the reactor.
+/// The machine owns the reactor. The reactor's pointer to the machine is null before the machine is
+/// complete, after its teardown has begun, and after it removed or replaced the reactor.
 template <class Notifier, class Machine>
 class MachineReactor : public Notifier::NotifieeConst {
  public:
@@ -34,7 +34,7 @@ class MachineReactor : public Notifier::NotifieeConst {
 
   void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) override {
     Notifier::NotifieeConst::kivFwkActivityIs(activity);
-    // Queued notifications are handled with the tables as they are then.
+    // A queued notification is handled later, when the tables may have changed.
     if (routeSm_ != nullptr && activity && activity->queues()) routeSm_->missed();
   }
 
@@ -78,6 +78,10 @@ class InputReactor : public MachineReactor<Notifier, Machine> {
       this->routeSm()->missed();
     }
     MachineReactor<Notifier, Machine>::notifierIs(notifier);
+  }
+  void retire() override {
+    if (this->routeSm() != nullptr && this->notifierRaw() != nullptr) this->routeSm()->missed();
+    MachineReactor<Notifier, Machine>::retire();
   }
 };
 
@@ -289,8 +293,8 @@ auto newMember(Collection& collection, Machine& sm, const Key& key) {
   return reactor;
 }
 
-/// Puts a new reactor, not yet bound, in place of the one of `key`, if there is one, which lets go
-/// of the machine and of its input. Returns that input, or null.
+/// Replaces the reactor of `key`, if there is one, by a new one that is not yet bound. The former
+/// one releases the machine and its input. Returns that input, or null.
 template <class Collection, class Machine, class Key>
 auto renewMember(Collection& collection, Machine& sm, const Key& key) {
   const auto former = collection.get(key);
@@ -354,7 +358,7 @@ void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv:
     Kiv::Tracer::failed(facility, sm, __func__, message.str());
     KIV_TRACE(facility, 0, sm, message.str());
   } catch (...) {
-    // There is no memory to describe it, or a sink that is told of failures fails itself.
+    // There is no memory for the message, or the sink failed.
   }
 }
 

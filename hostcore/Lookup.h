@@ -33,8 +33,8 @@ std::vector<Prefix> shortestFirst(std::vector<Prefix> prefixes) {
   return prefixes;
 }
 
-/// The keys of a walk in ascending order. Results that depend on the order in which neighbours are
-/// handled, such as the ids of their adjacencies, are the same each time by this.
+/// The keys of a walk in ascending order. Some results depend on the order in which neighbours are
+/// handled, such as the ids of their adjacencies. With this they are the same each time.
 template <class Iterator>
 auto ascending(Iterator walk) {
   Kiv::SmallVector<std::remove_cvref_t<decltype(walk.key())>> keys;
@@ -74,14 +74,14 @@ class Lookup {
   /// leaves through this one does not count.
   Cover checkIpAddressAgainstFib(const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const;
 
-  /// Finds that prefix, and says what is lacking. `cover` gets the part of the covering route that
-  /// was found.
+  /// Finds that prefix, and returns the reason if there is none. `cover` gets the part of the
+  /// covering route that was found.
   Lack findCover(const Addr& ip, const Arp::ArpIntfStatus* table, Cover& cover) const;
   /// The same for an address that is a neighbour nowhere: whether a route covers it.
   Lack findCover(const Addr& ip, Cover& cover) const;
 
  private:
-  /// The input that any look-up needs and the machine has not.
+  /// The input that every look-up needs, if the machine lacks it.
   Lack findInputs() const {
     if (sm_.routeStatusRaw() == nullptr) return Lack::RouteStatus;
     return sm_.hostStatusRaw() == nullptr ? Lack::HostStatus : Lack::None;

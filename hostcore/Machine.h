@@ -58,18 +58,10 @@ class Machine {
     bindNew(slot, sm_, sm_.inputsStored_, input);
     return slot.get();
   }
-  /// The same for the virtual addresses, which the machine also reads without the reactor.
-  template <class Input>
-  auto newVirtualIps(const Input& input) {
-    newReactor(F::virtualIpSlot(sm_), input);
-    Trust<F>(sm_).inputSet(sm_.inputsStored_);
-    return F::virtualIpSlot(sm_).get();
-  }
-  void virtualIpsDel() { Trust<F>(sm_).inputSet(F::virtualIpSlot(sm_).del(sm_)); }
 
   /// Points the reactor of an interface at its status, made first if it is not there.
   ///
-  /// \param nullText  what the exception says when `status` is null.
+  /// \param nullText  the text of the exception when `status` is null.
   template <class Collection, class Status>
   void intfMemberIs(Collection& collection, const char* nullText, const Status& status) {
     requireNotEnded();
@@ -158,8 +150,8 @@ void Machine<F>::retire() {
   sm_.hostStatus_.setQuietly(nullptr);
   sm_.adjHelper_.setQuietly(nullptr);
   sm_.root_.setQuietly(nullptr);
-  // Without the collections' hooks: nothing is withdrawn at teardown. The reactors let go of the
-  // inputs here, which may run anybody's code.
+  // Without the collections' hooks: nothing is withdrawn at teardown. The reactors release the
+  // inputs here, which may call code of others.
   sm_.arpIntfStatus_.dropAll();
   sm_.ipIntfStatusFilter_.dropAll();
   sm_.vrfIpIntfStatus_.dropAll();

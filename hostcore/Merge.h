@@ -23,7 +23,7 @@ class Merge {
   using Fec = typename F::ForwardingStatus::Fec;
   using AddrSetPtr = typename F::AddrSet::Ptr;
 
-  /// Where the route comes from that an address is to have in the route table.
+  /// The origin of the route that an address should have in the route table.
   enum class Source : uint8_t {
     None,
     OwnAddress,          ///< a receive route
@@ -33,7 +33,7 @@ class Merge {
   };
   struct Winner {
     Source source = Source::None;
-    Route route;  ///< as it is where it comes from
+    Route route;  ///< as its origin has it
   };
 
   explicit Merge(typename F::RouteSm& sm) : sm_(sm), root_(Kiv::validPtr(sm.rootRaw())) {}
@@ -81,7 +81,7 @@ class Merge {
     RouteWriter<F>(hostTable, routeTable, Kiv::validPtr(sm_.rootRaw()))
         .add(wanted, sm_.virtualIps(), &existing);
   }
-  /// Writes a route over a FIB adjacency that is taken for it, and let go of if that fails.
+  /// Takes a FIB adjacency and writes a route over it. Releases the adjacency if that fails.
   void writeMerged(const Addr& ip, const typename F::ViaSet& vias, typename F::RouteType routeType,
                    const typename F::RouteStatus::Ptr& routeTable, const Route& existing);
 
@@ -97,7 +97,7 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return result;
   }
-  // Entries outside the route are looked up only where that would leave a trace of interest.
+  // Entries outside the route are looked up only if that would write a trace.
   const auto& trace = F::trace();
   const bool lookUpAll = trace.builds(1, sm_) || trace.builds(7, sm_) || trace.builds(8, sm_);
   for (const Zemit::IntfId intf : *Kiv::validPtr(intfs)) {
@@ -131,7 +131,6 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
 
 template <Family F>
 void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& fec) {
-  ShortCuts<F>(sm_).leavesMerge();
   ++sm_.account().counts.repairs;
   if (fibRoute.fecId == Tovan::Fib::invalidFecId) {
     KIV_TRACE(F::trace(), 0, sm_,
@@ -153,7 +152,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
       ++sm_.account().counts.refused[static_cast<size_t>(Lack::DirectVia)];
     }
     KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
-    const Route removed = table->routeDel(host);
+    const Route removed = takeOut<F>(*table, host);
     if (removed.key == host) adjHelper.doDropRefOnHostAdjacency(table, removed.fecId);
     neighbors->ipDel(ip);
     if (neighbors->ipCount() == 0) unfile<F>(root_, fibRoute.fecId, fibRoute.key);
@@ -226,7 +225,6 @@ void Merge<F>::defer(const Addrs& addrs) {
 template <Family F>
 template <class Addrs>
 void Merge<F>::mergeAll(const Addrs& addrs) {
-  const HandlerScope<F> handler(sm_);
   // The reference of the route about to be replaced. It is dropped only after the replacement has
   // been written, so that a FEC never reaches a zero count while it is still in use. Its helper is
   // kept with it: a callback of the write may end the machine.

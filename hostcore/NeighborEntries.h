@@ -104,8 +104,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
     KIV_TRACE(F::trace(), 6, reactor, "skipping Neigh Entry on interface " << table->name());
     return;
   }
-  const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
-  const HandlerScope<F> handler(sm_);
+  const EventHandler<F> handler(sm_, CauseKind::NeighborTable, table->intfId());
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(*table))) {
     const auto* entry = F::findNeighbor(*table, addr);
@@ -166,8 +165,8 @@ void NeighborEntries<F>::handleDeletedArpEntry(const Addr& addr, const Shown& sh
   }
   const auto cover = coverOf(addr, table);
   if (isNull(cover.route.key)) {
-    // Deliberate: while no route covers the address here, its host route stays as it is, until a
-    // change of a route or FEC takes it up.
+    // Deliberate: while no route covers the address here, its host route stays as it is until a
+    // route or FEC changes.
     KIV_TRACE(F::trace(), 7, sm_,
               F::Text::kEntry << shown << " on " << table
                               << " has no corresponding fib entry: ignoring its deletion");
@@ -206,8 +205,7 @@ template <Family F>
 void NeighborEntries<F>::handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former,
                                                      const ArpTable& table) {
   if (skipInterface(*table)) return;
-  const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
-  const HandlerScope<F> handler(sm_);
+  const EventHandler<F> handler(sm_, CauseKind::NeighborTable, table->intfId());
   const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
   for (const Addr& addr : ascending(F::neighbors(former))) {
     const auto* entry = F::findNeighbor(former, addr);

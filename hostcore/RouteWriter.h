@@ -3,12 +3,13 @@
 
 #include "hostcore/Event.h"
 #include "hostcore/Family.h"
+#include "hostcore/fast/ShortCuts.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
 
 /// True when the route table may not take a route of this type: an attached one of an address that
-/// is virtual, in whatever VRF.
+/// is virtual in any VRF.
 template <Family F>
 bool givesWay(const typename F::Addr& ip, typename F::RouteType routeType,
               const typename F::VirtualIpStatus* virtualIpStatus) {
@@ -40,8 +41,8 @@ class RouteWriter {
   /// The caller holds a reference on the FEC, which passes to the route. The FEC of a route that is
   /// replaced is not released here: a caller that replaces one does that itself.
   ///
-  /// A virtual address takes no attached route in the route table, whatever VRF it is virtual in: a
-  /// route that is there stays without type and FEC, and the caller's reference is dropped.
+  /// An address that is virtual in any VRF gets no attached route in the route table: a route that
+  /// is there stays without type and FEC, and the caller's reference is dropped.
   ///
   /// \param known  the table's record of the address, if the caller has just read it; else null.
   void add(const Wanted& wanted, const typename F::VirtualIpStatus* virtualIpStatus,
@@ -53,7 +54,7 @@ class RouteWriter {
   Route read(const Prefix& prefix) const {
     return isToRouteTable() ? Obu::readRoute(routeTable_.get(), prefix) : hostTable_->route(prefix);
   }
-  /// \param before  the record in whose place it comes.
+  /// \param before  the record that it replaces.
   void write(const Route& route, const Route& before) const;
   /// \param tracked  the FIB route of the same prefix, or one whose key is the null prefix.
   Route newRoute(const Prefix& prefix, const Wanted& wanted, const Route& tracked) const;
@@ -107,6 +108,7 @@ void RouteWriter<F>::add(const Wanted& wanted, const typename F::VirtualIpStatus
 
 template <Family F>
 void RouteWriter<F>::write(const Route& route, const Route& before) const {
+  leavesMerge<F>(root_, hostTable_.get());
   if (!isToRouteTable()) {
     hostTable_->routeIs(route);
     return;
@@ -175,6 +177,13 @@ inline const Kiv::Entity& rootOf(const Kiv::Entity& hostTable) {
   return hostTable.parent() == nullptr ? hostTable : *hostTable.parent();
 }
 
+/// Takes the route of `prefix` out of a host-route table, and leaves its adjacency to the caller.
+template <Family F>
+typename F::Route takeOut(typename F::HostTable& hostTable, const typename F::Prefix& prefix) {
+  leavesMerge<F>(hostTable);
+  return hostTable.routeDel(prefix);
+}
+
 /// Withdraws the host route of one address and releases the adjacency that the route held.
 ///
 /// The reference on the route's host adjacency is dropped for the route types this system writes;
@@ -182,14 +191,14 @@ inline const Kiv::Entity& rootOf(const Kiv::Entity& hostTable) {
 /// without a route is no error.
 ///
 /// \param hostTable  the table the route is in; never null.
-/// \param addrSet    when not null, the address leaves this set too, route or no route.
-/// \param adjHelper  keeper of the adjacency references; never null.
+/// \param addrSet    when not null, the address also leaves this set, with or without a route.
+/// \param adjHelper  has the adjacency references; never null.
 template <Family F>
 void removeHostRoute(const typename F::Addr& ip, const typename F::HostTable::Ptr& hostTable,
                      const typename F::AddrSet::Ptr& addrSet,
                      const typename F::AdjacencyHelper::Ptr& adjHelper) {
   const auto prefix = hostPrefix<F>(ip);
-  const auto removed = Kiv::validPtr(hostTable)->routeDel(prefix);
+  const auto removed = takeOut<F>(*Kiv::validPtr(hostTable), prefix);
   if (removed.key == prefix && removed.fecId != Tovan::Fib::invalidFecId &&
       F::isOwnType(removed.routeType)) {
     Kiv::validPtr(adjHelper)->doDropRefOnHostAdjacency(hostTable, removed.fecId);

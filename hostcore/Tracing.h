@@ -7,8 +7,8 @@
 
 namespace HostCore {
 
-/// Traces these levels of the machine, a bit for each, beside those that the facility has
-/// on for all. Machines without levels of their own go on as fast as before.
+/// Traces these levels of the machine, one bit for each, in addition to those that the facility
+/// has on for all machines. Machines without levels of their own do not become slower.
 template <Family F>
 void tracedLevelsAre(typename F::RouteSm& sm, uint32_t levels) {
   auto& tracing = sm.account().tracing;
@@ -19,10 +19,10 @@ void tracedLevelsAre(typename F::RouteSm& sm, uint32_t levels) {
   ShortCuts<F>(sm).levelsChanged();
 }
 
-/// Leaves out, of the traces by the machine's own levels, all that is about another
-/// address, or about a prefix that does not contain it. Nothing takes that back.
+/// Limits the traces by the machine's own levels to this address, and to prefixes that contain it.
+/// Null lifts the limit.
 ///
-/// \param isElsewhere  the address is of the other family: nothing of this machine is let through.
+/// \param isElsewhere  the address is of the other family: this machine traces nothing.
 template <Family F>
 void tracedAddressIs(typename F::RouteSm& sm, const std::optional<typename F::Addr>& addr,
                      bool isElsewhere = false) {

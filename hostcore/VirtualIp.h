@@ -44,10 +44,7 @@ class VirtualIp {
     const auto existing = Obu::readRoute(routeTable.get(), prefix);
     if (existing.key != prefix || existing.routeType != F::kAttached) return;
     KIV_TRACE_AS(F::trace(), 8, sm_, handler, "Removing host route");
-    // A merge would write nothing after this, unless an unannounced FIB host route is there.
-    const auto* hostStatus = sm_.hostStatusRaw();
-    const bool isMerge = hostStatus == nullptr || hostStatus->route(prefix).key != prefix;
-    const WriteScope<F> write(sm_, addr, existing, isMerge);
+    const auto write = withdrawalScope<F>(sm_, addr, existing);
     auto* const adjHelper = sm_.adjHelperRaw();  // a callback may end the machine
     const auto removed = routeTable->routeDel(prefix);
     hostRouteChanged<F>(sm_, prefix, removed, typename F::Route());

@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "hostrouted/Router.h"
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 namespace Hostrouted {
 namespace {
 

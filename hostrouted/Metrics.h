@@ -1,7 +1,7 @@
 // All counters, for users and for monitoring systems.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "hostrouted/Router.h"
 

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <nlohmann/json.hpp>
+
 #include "platform/tovan/Reports.h"
 #include "replay/Time.h"
 

@@ -5,7 +5,6 @@
 #include <limits>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -13,15 +12,10 @@
 #include <nlohmann/json.hpp>
 
 #include "daemon/Switch.h"
+#include "replay/EventError.h"
 #include "replay/HopText.h"
 
 namespace Replay {
-
-/// A line is not a valid event. what() names the wrong field and gives the reason.
-class EventError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 /// The fields of one event, or of an object inside one.
 ///

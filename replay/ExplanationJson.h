@@ -1,7 +1,7 @@
 // Explanations as JSON.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "daemon/Explain.h"
 

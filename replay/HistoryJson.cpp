@@ -3,6 +3,8 @@
 
 #include <chrono>
 
+#include <nlohmann/json.hpp>
+
 #include "replay/Time.h"
 
 namespace Replay {

@@ -1,7 +1,7 @@
 // Changes of host routes as JSON.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include "daemon/History.h"
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/tovan/Reports.h"
+#include "replay/Event.h"
 #include "replay/Printable.h"
 #include "replay/Time.h"
 

@@ -12,10 +12,12 @@
 
 #include "daemon/Switch.h"
 #include "platform/kiv/containers/Hash.h"
-#include "replay/Event.h"
+#include "replay/EventError.h"
 #include "replay/Output.h"
 
 namespace Replay {
+
+class Event;
 
 /// A fixed hash seed: two runs on the same input print the same traces in the same order.
 inline constexpr Kiv::HashSeed kHashSeed{.add = 0x9E3779B97F4A7C15, .multiply = 0xD6E8FEB86659FD93};

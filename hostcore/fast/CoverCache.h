@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "hostcore/Family.h"
+#include "hostcore/fast/Enabled.h"
 #include "hostcore/fast/State.h"
 #include "platform/kiv/containers/HashMap.h"
 #include "platform/kiv/containers/Prefetch.h"
@@ -13,8 +14,8 @@
 
 namespace HostCore {
 
-/// Caches what one neighbour's handling looked up, for the next neighbour of the same table: most
-/// neighbours of an interface have the same cover.
+/// Caches the results of one neighbour's look-ups for the next neighbour of the same table, because
+/// most neighbours of an interface have the same cover.
 ///
 /// The cover is valid while the machine's cover version stays the same. An outdated one still
 /// serves as a prefetch hint.
@@ -27,7 +28,9 @@ class CoverCache {
   using Addr = typename Prefix::Addr;
 
   const Cover<R, Fec>& cover() const noexcept { return cover_; }
-  bool isValid(uint64_t version) const noexcept { return isTrusted_ && version_ == version; }
+  bool isValid(uint64_t version) const noexcept {
+    return isEnabled(ShortCut::Cover) && isTrusted_ && version_ == version;
+  }
   void coverIs(const Cover<R, Fec>& cover, uint64_t version) {
     cover_ = cover;
     version_ = isTrusted_ ? version : 0;
@@ -96,7 +99,7 @@ class CachedFec {
   /// Good until the next call.
   const typename F::ForwardingStatus::Fec& get() {
     const uint64_t version = sm_.fast().coverVersion;
-    if (std::exchange(version_, version) != version) {
+    if (std::exchange(version_, version) != version || !isEnabled(ShortCut::Fec)) {
       fec_ = Obu::readFec(sm_.forwardingStatus(), fecId_);
     }
     return fec_;

@@ -4,7 +4,9 @@
 #include <cstddef>
 
 #include "hostcore/Family.h"
+#include "hostcore/fast/Enabled.h"
 #include "hostcore/fast/Prefetch.h"
+#include "hostcore/fast/Trust.h"
 #include "platform/obu/IntfDir.h"
 
 namespace HostCore {
@@ -15,8 +17,9 @@ template <class Keys, class Visit, class... Stages>
 void pipelined(const Keys& keys, Visit visit, Stages... stages) {
   constexpr size_t kAhead = 4;
   const size_t count = keys.size();
-  // Of a single key, the notifier has prefetched what its event reads.
-  const size_t lead = count == 1 ? 0 : sizeof...(stages) * kAhead;
+  // For a single key, the notifier has prefetched the memory that its event reads.
+  const bool isOne = count == 1 || !isEnabled(ShortCut::Pipeline);
+  const size_t lead = isOne ? 0 : sizeof...(stages) * kAhead;
   for (size_t step = 0; step < count + lead; ++step) {
     if (lead != 0) {
       size_t at = step;  // wraps to above `count` while the stage has not begun
@@ -67,10 +70,11 @@ void forEachWithdrawal(const typename F::RouteSm& sm, const typename F::AddrSet&
       [&](const Addr& addr) { prefetch.lastUse(addr); });
 }
 
-/// Calls `visit` with each address, which it merges.
+/// Calls `visit` with each address, which it merges. This is a handler of its own.
 template <Family F, class Addrs, class Visit>
-void forEachMerge(const typename F::RouteSm& sm, const Addrs& addrs, Visit visit) {
+void forEachMerge(typename F::RouteSm& sm, const Addrs& addrs, Visit visit) {
   using Addr = typename F::Addr;
+  const HandlerScope<F> handler(sm);
   const Prefetch<F> prefetch(sm);
   pipelined(
       addrs, visit,

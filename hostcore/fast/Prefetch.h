@@ -3,6 +3,7 @@
 
 #include "hostcore/Family.h"
 #include "hostcore/fast/CoverCache.h"
+#include "hostcore/fast/Enabled.h"
 
 namespace HostCore {
 
@@ -25,6 +26,16 @@ class Prefetch {
   /// \param hostRoute   the present one, or any other route.
   /// \param isNeighbor  whether `ip` is in the table of `intf` now.
   void change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor, const Route& hostRoute) const;
+  /// The root's row of `prefix`, whose route is about to be read.
+  void trackedRoute(const Prefix& prefix) const {
+    const auto* root = sm_.rootRaw();
+    if (isEnabled(ShortCut::Prefetch) && root != nullptr) root->prefixToRoutePrefetch(prefix);
+  }
+  /// The FIB adjacency of a route that is about to be replaced.
+  void replacedAdjacency(Tovan::Fib::FecId fecId) const {
+    const auto* adjHelper = sm_.adjHelperRaw();
+    if (isEnabled(ShortCut::Prefetch) && adjHelper != nullptr) adjHelper->prefetch(fecId);
+  }
 
   /// The host route of `ip`; once that has arrived, its adjacency; and then the memory that the
   /// removal of that adjacency reads.
@@ -68,7 +79,7 @@ class Prefetch {
 template <Family F>
 void Prefetch<F>::neighbor(const Addr& ip, const Cache& cache) const {
   const auto* root = sm_.rootRaw();
-  if (root == nullptr) return;
+  if (!isEnabled(ShortCut::Prefetch) || root == nullptr) return;
   cache.prefetch(ip);
   const Route& cover = cache.cover().route;
   if (!cache.isValid(sm_.fast().coverVersion)) {
@@ -89,7 +100,7 @@ template <Family F>
 void Prefetch<F>::change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor,
                          const Route& hostRoute) const {
   const auto* routes = neighborRoutes();
-  if (routes == nullptr) return;
+  if (!isEnabled(ShortCut::Prefetch) || routes == nullptr) return;
   const auto& adjacencies = routes->adjacencies();
   const bool exists = hostRoute.key == hostPrefix<F>(ip);
   if (exists) adjacencies.prefetch(hostRoute.fecId);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "hostcore/Family.h"
+#include "hostcore/fast/Enabled.h"
 #include "hostcore/fast/Trust.h"
 #include "platform/obu/FibLookup.h"
 
@@ -17,7 +18,7 @@ namespace HostCore {
 /// gets no host route here when no tracked route leaves through its interface. Its event still ends
 /// with the merge of its address, but a second merge of the same state changes nothing. Such an
 /// event therefore only writes traces, unless the address is due: another VRF's virtual address
-/// came or went, the host-route status changed, or somebody else wrote the host route.
+/// was added or removed, the host-route status changed, or other code wrote the host route.
 ///
 /// While a route has another FEC than the one with which it was last announced, no reactor is
 /// quiet.
@@ -78,16 +79,19 @@ class Relevance {
 
   /// A tracked route may have another FEC than the one with which it was announced.
   void notAnnounced(const Prefix& prefix) {
+    if (!isEnabled(ShortCut::Relevance)) return;
     const bool isFirst = state_.unannounced.empty();
     if (state_.unannounced.insert(prefix) && isFirst) review();
   }
   void mergeIsDue(const Addr& addr) {
+    if (!isEnabled(ShortCut::Relevance)) return;
     const bool isFirst = state_.due.empty();
     if (state_.due.insert(addr) && isFirst) review();
   }
   void enter(FecId fecId) {
     if (fecId == Tovan::Fib::invalidFecId) return;
     trust_.fecTracked(fecId);
+    if (!isEnabled(ShortCut::Relevance)) return;
     const auto [fec, isNew] = state_.fecs.tryEmplace(fecId);
     ++fec->routes;
     if (isNew) intfsAre(fecId, intfsOf(fecId));
@@ -123,8 +127,8 @@ class Relevance {
     return table != nullptr && state_.intfs.find(table->intfId()) != nullptr;
   }
   bool mayRest() const {
-    return trust_.holds() && state_.due.empty() && state_.unannounced.empty() &&
-           sm_.account().tracing.levels == 0;
+    return isEnabled(ShortCut::Relevance) && trust_.holds() && state_.due.empty() &&
+           state_.unannounced.empty() && sm_.account().tracing.levels == 0;
   }
 
   typename F::RouteSm& sm_;
@@ -159,7 +163,7 @@ void Relevance<F>::watchInputs() {
 template <Family F>
 void Relevance<F>::routeWritten(const Prefix& prefix) {
   if (state_.ownWrite == prefix) {
-    state_.ownWrite.reset();  // a write in its callbacks is another's
+    state_.ownWrite.reset();  // writes in its callbacks are not the machine's own
     return;
   }
   const auto* root = sm_.rootRaw();

@@ -4,12 +4,14 @@
 // the plain form that its comment gives, and the tables come out the same.
 #pragma once
 
-#include <exception>
+#include <memory>
 #include <optional>
+#include <typeinfo>
 #include <utility>
 
 #include "hostcore/Family.h"
 #include "hostcore/fast/CoverCache.h"
+#include "hostcore/fast/Enabled.h"
 #include "hostcore/fast/Pipeline.h"
 #include "hostcore/fast/Prefetch.h"
 #include "hostcore/fast/Relevance.h"
@@ -28,12 +30,10 @@ class ShortCuts {
 
   explicit ShortCuts(typename F::RouteSm& sm) : sm_(sm) {}
 
-  /// This step leaves the merge of its changes to its caller.
-  void leavesMerge() { Trust<F>(sm_).stepTaken(); }
   /// The route of `prefix` is about to be read from its table, for handleRoute().
   void reads(const Prefix& prefix) {
     sm_.fast().routeIsRead = true;
-    if (const auto* root = sm_.rootRaw()) root->prefixToRoutePrefetch(prefix);
+    Prefetch<F>(sm_).trackedRoute(prefix);
   }
   /// The FIB route of `prefix` was announced.
   void announced(const Prefix& prefix) {
@@ -57,29 +57,12 @@ class ShortCuts {
   void filedIn(const typename F::PrefixList& prefixes) {
     if (auto* cache = sm_.fast().cache) cache->prefixListIs(prefixes);
   }
-  /// The deferred merges are made up for: those in `waiting`, which may be null.
+  /// The deferred merges, those in `waiting`, are about to be made. It may be null.
   void deferredMergesTaken(const typename F::AddrSet* waiting) {
     Trust<F>(sm_).deferredMergesFound(waiting);
   }
   /// The machine has other trace levels of its own.
   void levelsChanged() { Relevance<F>(sm_).review(); }
-
- private:
-  typename F::RouteSm& sm_;
-};
-
-/// The scope that a handler stands in. A handler merges all that it changes, unless an exception
-/// ends it.
-template <Family F>
-class HandlerScope {
- public:
-  explicit HandlerScope(typename F::RouteSm& sm) : sm_(sm) { ++sm_.fast().handlers; }
-  HandlerScope(const HandlerScope&) = delete;
-  HandlerScope& operator=(const HandlerScope&) = delete;
-  ~HandlerScope() {
-    --sm_.fast().handlers;
-    if (std::uncaught_exceptions() != 0) Trust<F>(sm_).handlerFailed();
-  }
 
  private:
   typename F::RouteSm& sm_;
@@ -101,8 +84,8 @@ class NeighborScope {
         reactor_(&reactor),
         addr_(addr),
         hostRoute_(hostRoute),
-        former_(std::exchange(sm.fast().cache, &reactor.coverCache())) {
-    reactor.coverCache().isTrustedIs(Trust<F>(sm).holds());
+        former_(std::exchange(sm.fast().cache, &cacheOf(reactor))) {
+    reactor.coverCache()->isTrustedIs(Trust<F>(sm).holds());
     Prefetch<F>(sm).change(addr, reactor.notifierRaw()->intfId(), isNeighbor, hostRoute);
   }
   NeighborScope(const NeighborScope&) = delete;
@@ -112,6 +95,7 @@ class NeighborScope {
   /// True when the merge of the address would write nothing and trace nothing. It is then as if it
   /// had been made.
   bool mayOmitMerge() const {
+    if (!isEnabled(ShortCut::Merge)) return false;
     if (!sm_.initialized() || F::trace().buildsAbove(0, sm_) || !isMerged()) return false;
     Relevance<F>(sm_).merged(addr_);
     return true;
@@ -119,6 +103,11 @@ class NeighborScope {
 
  private:
   bool isMerged() const;
+  static auto& cacheOf(const Reactor& reactor) {
+    auto& cache = reactor.coverCache();
+    if (cache == nullptr) cache = std::make_shared<typename F::RouteSm::CoverCache>();
+    return *cache;
+  }
 
   HandlerScope<F> handler_;
   typename F::RouteSm& sm_;
@@ -162,7 +151,7 @@ bool NeighborScope<F, Reactor>::isMerged() const {
              .isFibAdjacency(existing.fecId, neighbors.adjIndexToViaSet(neighborRoute.fecId));
 }
 
-/// While one stands, the machine itself writes the host route of one address to the route table.
+/// The scope in which the machine itself writes the host route of one address to the route table.
 template <Family F>
 class WriteScope {
  public:
@@ -175,7 +164,7 @@ class WriteScope {
              bool isMerge = true)
       : state_(sm.fast()), former_(std::exchange(state_.ownWrite, hostPrefix<F>(addr))) {
     if (isMerge) Relevance<F>(sm).merged(addr);
-    if (const auto* adjHelper = sm.adjHelperRaw()) adjHelper->prefetch(replaced.fecId);
+    Prefetch<F>(sm).replacedAdjacency(replaced.fecId);
   }
   WriteScope(const WriteScope&) = delete;
   WriteScope& operator=(const WriteScope&) = delete;
@@ -186,7 +175,20 @@ class WriteScope {
   std::optional<Prefix> former_;
 };
 
-/// While one stands, merges are added to the set of those that wait for the machine to be
+/// The scope in which the route of an address that became virtual is withdrawn. A merge would write
+/// nothing after this, unless the host-route status has a route that was not announced.
+///
+/// \param withdrawn  the route table's record of the address.
+template <Family F>
+WriteScope<F> withdrawalScope(typename F::RouteSm& sm, const typename F::Addr& addr,
+                              const typename F::Route& withdrawn) {
+  const auto prefix = hostPrefix<F>(addr);
+  const auto* hostStatus = sm.hostStatusRaw();
+  const bool isMerge = hostStatus == nullptr || hostStatus->route(prefix).key != prefix;
+  return {sm, addr, withdrawn, isMerge};
+}
+
+/// The scope in which merges are added to the set of those that wait for the machine to be
 /// initialized.
 template <Family F>
 class DeferralScope {
@@ -204,17 +206,24 @@ class DeferralScope {
   typename F::AddrSet::Ptr waiting_;  // a callback may replace it in the root
 };
 
-/// Somebody has called a function that takes a step and leaves the merge to its caller, with this
-/// root. It may have no machine.
+/// A step is about to write a host route, and leaves the merge to its caller. The root may have no
+/// machine.
 template <Family F>
 void leavesMerge(const typename F::RouteSmRoot& root) {
-  if (const auto& machine = root.routeSm()) ShortCuts<F>(*machine).leavesMerge();
+  if (const auto& machine = root.routeSm()) Trust<F>(*machine).stepTaken();
 }
-/// The same for the machine that owns a host table. None need own it.
+/// The same for a host-route table, which a root owns as a rule.
 template <Family F>
 void leavesMerge(const typename F::HostTable& table) {
-  const auto* root = dynamic_cast<const typename F::RouteSmRoot*>(table.parent());
-  if (root != nullptr) leavesMerge<F>(*root);
+  using Root = typename F::RouteSmRoot;
+  const Kiv::Entity* const owner = table.parent();
+  if (owner == nullptr || typeid(*owner) != typeid(Root)) return;
+  leavesMerge<F>(static_cast<const Root&>(*owner));
+}
+/// The same for a host-route table, or the route table of the root's machine if it is null.
+template <Family F>
+void leavesMerge(const typename F::RouteSmRoot& root, const typename F::HostTable* table) {
+  table == nullptr ? leavesMerge<F>(root) : leavesMerge<F>(*table);
 }
 
 /// An event of the neighbour `addr` will come: prefetches the memory that it reads. Before the
@@ -222,8 +231,8 @@ void leavesMerge(const typename F::HostTable& table) {
 template <Family F, class Reactor>
 void neighborExpected(const Reactor& reactor, const typename F::Addr& addr) {
   const auto* machine = reactor.routeSm();
-  if (machine != nullptr && reactor.hasCoverCache()) {
-    Prefetch<F>(*machine).neighbor(addr, reactor.coverCache());
+  if (machine != nullptr && reactor.coverCache() != nullptr) {
+    Prefetch<F>(*machine).neighbor(addr, *reactor.coverCache());
   }
 }
 

@@ -1,6 +1,7 @@
 // When the short cuts of a machine may be trusted.
 #pragma once
 
+#include <exception>
 #include <utility>
 
 #include "hostcore/Family.h"
@@ -66,8 +67,8 @@ class Trust {
     state_.deferredIn = Kiv::Ptr<const Kiv::Entity>(&waiting);
     state_.deferred = waiting.ipCount();
   }
-  /// `waiting`, which may be null, is now the set of merges that wait. Somebody may have replaced
-  /// or emptied the one that had them.
+  /// `waiting`, which may be null, is now the set of deferred merges. Other code may have replaced
+  /// or emptied the former set.
   void deferredMergesFound(const typename F::AddrSet* waiting) {
     if (!state_.deferredIn) return;
     if (state_.deferredIn.get() != waiting || waiting->ipCount() < state_.deferred) end();
@@ -87,14 +88,29 @@ class Trust {
   }
 
  private:
-  // Queued notifications are handled with the tables as they are then, in a state that nobody knows
-  // yet.
+  // A queued notification is handled later, when the tables may have changed.
   static bool isQueueing(const Kiv::ActivityConfig* activity) {
     return activity != nullptr && activity->queues();
   }
 
   typename F::RouteSm& sm_;
   typename F::RouteSm::FastState& state_;
+};
+
+/// The scope of a handler. A handler merges all that it changes, unless an exception ends it.
+template <Family F>
+class HandlerScope {
+ public:
+  explicit HandlerScope(typename F::RouteSm& sm) : sm_(sm) { ++sm_.fast().handlers; }
+  HandlerScope(const HandlerScope&) = delete;
+  HandlerScope& operator=(const HandlerScope&) = delete;
+  ~HandlerScope() {
+    --sm_.fast().handlers;
+    if (std::uncaught_exceptions() != 0) Trust<F>(sm_).handlerFailed();
+  }
+
+ private:
+  typename F::RouteSm& sm_;
 };
 
 }  // namespace HostCore

@@ -1,6 +1,4 @@
 // What those who are told of a handler's changes may do before it ends.
-#include <functional>
-
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -32,39 +30,18 @@ class CallbacksTest : public testing::Test {
 };
 TYPED_TEST_SUITE(CallbacksTest, Families);
 
-/// Acts once, when it is next told of anything.
-struct Once {
-  std::function<void()> action;
-
-  void act() {
-    if (action) std::exchange(action, nullptr)();
-  }
-};
-
-template <class Table>
-struct RouteWatcher : Table::NotifieeConst, Once {
-  void onRoute(const typename Table::Prefix&) override { act(); }
-};
-
 template <class F>
 struct NeighborWatcher : Arp::ArpIntfStatus::NotifieeConst, Once {
-  void onArpEntry(const Zemit::IpAddr&) override { act(); }
-  void onIp6NeighborEntry(const Zemit::Ip6Addr&) override { act(); }
+  void onArpEntry(const Zemit::IpAddr&) override { told(); }
+  void onIp6NeighborEntry(const Zemit::Ip6Addr&) override { told(); }
 };
 
 /// Is told when a prefix is filed for the first time, or an interface's addresses are recorded.
 template <class F>
 struct RootWatcher : F::RouteSmRoot::NotifieeConst, Once {
-  void onAdjacencyToPrefix(const Tovan::Fib::FecId&) override { act(); }
-  void onIntfNameToAddrWithMask(const Kiv::String8&) override { act(); }
+  void onAdjacencyToPrefix(const Tovan::Fib::FecId&) override { told(); }
+  void onIntfNameToAddrWithMask(const Kiv::String8&) override { told(); }
 };
-
-template <class Watcher, class Watched>
-Kiv::Ptr<Watcher> watcherOf(const Watched& watched) {
-  auto watcher = Kiv::make<Watcher>();
-  watcher->notifierIs(watched);
-  return watcher;
-}
 
 TYPED_TEST(CallbacksTest, AReactorThatBecomesConcernedIsToldInTheSameAnnouncement) {
   using F = TypeParam;
@@ -75,17 +52,17 @@ TYPED_TEST(CallbacksTest, AReactorThatBecomesConcernedIsToldInTheSameAnnouncemen
   const auto daemon = watcherOf<NeighborWatcher<F>>(table);
   red.startWithSubnet();
   ASSERT_TRUE(red.machine().arpIntfStatus(table->name())->isQuiet());
-  daemon->action = [&] { red.forwarding->fecIs(this->fec(7, red.ethernet2)); };
+  daemon->act = [&] { red.forwarding->fecIs(this->fec(7, red.ethernet2)); };
   red.learn(red.ethernet2, 5);
   this->expectLeaveThrough(red.ethernet2, {5});
 
   red.forwarding->fecIs(this->fec(7, red.ethernet1));
   red.learn(red.ethernet1, 7);
-  daemon->action = [&] { red.virtualIps->virtualIpIs(S::virtualAddr("blue", S::addr(7)), true); };
+  daemon->act = [&] { red.virtualIps->virtualIpIs(S::virtualAddr("blue", S::addr(7)), true); };
   red.learn(red.ethernet2, 7);
   EXPECT_EQ(red.routeStatus->route(F::Prefix::host(S::addr(7))).routeType, F::kInvalid);
 
-  daemon->action = [&] { red.machine().initializedIs(false); };
+  daemon->act = [&] { red.machine().initializedIs(false); };
   red.learn(red.ethernet2, 6);
   EXPECT_TRUE(red.root->toMerge()->ip(S::addr(6)));
 }
@@ -95,10 +72,10 @@ TYPED_TEST(CallbacksTest, ARepairReadsTheHostRouteAfterItsFiling) {
   using S = Sample<F>;
   auto& red = this->world;
   red.startWithSubnet();
-  const auto observer = watcherOf<RootWatcher<F>>(red.root);
-  observer->action = [&] { F::neighborNotify(red.table(red.ethernet1), S::addr(5)); };
+  const auto observer = watcherOf<RootWatcher<F>>(
+      red.root, [&] { F::neighborNotify(red.table(red.ethernet1), S::addr(5)); });
   red.learn(red.ethernet1, 5);
-  EXPECT_FALSE(observer->action);
+  EXPECT_FALSE(observer->act);
   red.expectBalancedReferences();
 }
 
@@ -112,20 +89,20 @@ TYPED_TEST(CallbacksTest, AFecThatMovesDuringAPassCountsForTheRestOfIt) {
   const auto observer = watcherOf<RouteWatcher<typename F::HostTable>>(red.neighborTable());
   const auto moveFec = [&] { red.forwarding->fecIs(this->fec(7, red.ethernet2)); };
 
-  observer->action = moveFec;
+  observer->act = moveFec;
   red.routeDel(S::subnet());
   red.forwarding->fecIs(this->fec(7, red.ethernet1));
   red.routeIs(S::subnet(), 7);  // promotes
-  EXPECT_FALSE(observer->action);
+  EXPECT_FALSE(observer->act);
   this->expectLeaveThrough(red.ethernet2, {5, 6, 7});
 
   red.forwarding->fecIs(this->fec(7, red.ethernet1));
   red.forwarding->fecIs(this->fec(8, red.ethernet1));
   red.routeIs(S::longer(), 8);
   this->expectLeaveThrough(red.ethernet1, {5, 6, 7});
-  observer->action = moveFec;
+  observer->act = moveFec;
   red.routeDel(S::longer());  // files the neighbours under the subnet again
-  EXPECT_FALSE(observer->action);
+  EXPECT_FALSE(observer->act);
   this->expectLeaveThrough(red.ethernet2, {5, 6, 7});
   red.expectBalancedReferences();
 }
@@ -140,7 +117,7 @@ TYPED_TEST(CallbacksTest, AllVirtualAddressesAreHandledWhateverIsAddedMeanwhile)
     red.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(n)), true);
   }
   const auto observer = watcherOf<RouteWatcher<typename TypeParam::RouteStatus>>(red.routeStatus);
-  observer->action = [&] {
+  observer->act = [&] {
     for (uint32_t n = 1; n <= 8; ++n) {
       if (!red.hasRoute(red.routeStatus, n)) {
         red.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(n)), false);
@@ -165,13 +142,13 @@ TYPED_TEST(CallbacksTest, TheRecordOfAnInterfacesAddressesMayGoWhenItIsMade) {
   const auto l3Status = red.inVrf(red.ethernet1, "blue");
   const auto status = red.interface(red.ethernet1, l3Status);
   const auto enters = [&](Once& observer, const std::function<void()>& action) {
-    observer.action = action;
+    observer.act = action;
     l3Status->vrfIs(L3::VrfName("red"));
-    EXPECT_FALSE(observer.action);
+    EXPECT_FALSE(observer.act);
   };
   if constexpr (S::kIsIpv4) {
     struct SecondaryWatcher : F::RouteSmRoot::NotifieeConst, Once {
-      void onIntfNameToSecondaryAddrWithMask(const Kiv::String8&) override { act(); }
+      void onIntfNameToSecondaryAddrWithMask(const Kiv::String8&) override { told(); }
     };
     status->activeSecondaryWithMaskIs({S::addr(1), 24}, true);
     enters(*watcherOf<SecondaryWatcher>(red.root),

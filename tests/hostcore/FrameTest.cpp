@@ -86,28 +86,6 @@ TYPED_TEST(FrameTest, RunsWithoutAnyOneInput) {
   }
 }
 
-TYPED_TEST(FrameTest, RaisesNullValidPtrWhereRootTrieOrAdjacencyHelperIsNeeded) {
-  using W = World<TypeParam>;
-  using S = Sample<TypeParam>;
-  const std::function<void(W&)> omissions[] = {
-      [](W& world) { world.machine().rootIs(nullptr); },
-      [](W& world) { world.root->trieIs(nullptr); },
-      [](W& world) { world.machine().adjHelperIs(nullptr); }};
-  for (const auto& omit : omissions) {
-    W world;
-    world.startWithSubnet();
-    world.learn(world.ethernet1, 4);
-    omit(world);
-    try {
-      world.machine().handleDeletedArpEntry(TypeParam::argument({.ipAddr = S::addr(4)}),
-                                            world.neighborDir->arpIntfStatus("Ethernet1"));
-      ADD_FAILURE() << "nothing was raised";
-    } catch (const Kiv::Exception& raised) {
-      EXPECT_STREQ(raised.what(), "null ValidPtr");
-    }
-  }
-}
-
 TYPED_TEST(FrameTest, RefusesNullMembers) {
   World<TypeParam> world;
   world.newMachine();

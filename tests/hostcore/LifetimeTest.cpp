@@ -11,14 +11,10 @@ template <class F>
 class LifetimeTest : public testing::Test {};
 TYPED_TEST_SUITE(LifetimeTest, Families);
 
-/// Does something at a change that it is told of, once. Keeps nothing alive.
+/// Acts at the next change, and keeps nothing alive.
 template <class Notifier>
-struct Watching : Notifier::NotifieeConst {
+struct Watching : Notifier::NotifieeConst, Once {
   Watching() : Notifier::NotifieeConst(Kiv::Notifiee::Hold::kWeak) {}
-  void told() {
-    if (const auto once = std::exchange(act, nullptr)) once();
-  }
-  std::function<void()> act;
 };
 
 template <class F>
@@ -45,18 +41,10 @@ struct WeakRootWatcher<Daemon::Ipv6> final : Watching<Routing6::Host::RouteSmRoo
   void onVipToMerge() override { told(); }
 };
 
-/// Calls `act` at every change of a table of routes.
-template <class Table, class Prefix>
-struct TableWatcher final : Table::NotifieeConst {
-  void onRoute(const Prefix&) override {
-    if (act) act();
-  }
-  std::function<void()> act;
-};
 template <class F>
-using RouteTableWatcher = TableWatcher<typename F::RouteStatus, typename F::Prefix>;
+using RouteTableWatcher = RouteWatcher<typename F::RouteStatus>;
 template <class F>
-using HostTableWatcher = TableWatcher<typename F::HostTable, typename F::Prefix>;
+using HostTableWatcher = RouteWatcher<typename F::HostTable>;
 
 /// All routes that a machine writes.
 template <class F>
@@ -301,21 +289,17 @@ TYPED_TEST(LifetimeTest, AMachineThatIsHeldMayEndInACallback) {
     const auto kept = world.root->routeSm();
     int changes = 0;
     hasEnded = false;
-    const auto end = [&] {
+    const auto routes = watcherOf<RouteTableWatcher<F>>(world.routeStatus);
+    const auto neighbors = watcherOf<HostTableWatcher<F>>(world.neighborTable());
+    const auto received = watcherOf<HostTableWatcher<F>>(world.root->receiveTable());
+    const std::function<void()> end = [&] {
+      routes->act = neighbors->act = received->act = end;
       if (changes++ != at) return;
       hasEnded = true;
       world.root->routeSmDel();
     };
-    const auto routes = Kiv::make<RouteTableWatcher<F>>();
-    routes->notifierIs(world.routeStatus);
-    const auto neighbors = Kiv::make<HostTableWatcher<F>>();
-    neighbors->notifierIs(world.neighborTable());
-    const auto received = Kiv::make<HostTableWatcher<F>>();
-    received->notifierIs(world.root->receiveTable());
     routes->act = neighbors->act = received->act = end;
-    const auto filing = Kiv::make<WeakRootWatcher<F>>();
-    filing->notifierIs(world.root);
-    filing->act = end;
+    const auto filing = watcherOf<WeakRootWatcher<F>>(world.root, end);
     world.changeAll(10);
     if (hasEnded) {
       const auto before = written(world);
@@ -331,9 +315,8 @@ TYPED_TEST(LifetimeTest, AMachineMayEndWhileItGivesWayToAVirtualAddress) {
   using F = TypeParam;
   Running<F> world;
   const auto kept = world.root->routeSm();
-  const auto routes = Kiv::make<RouteTableWatcher<F>>();
-  routes->notifierIs(world.routeStatus);
-  routes->act = [&world] { world.root->routeSmDel(); };
+  const auto routes =
+      watcherOf<RouteTableWatcher<F>>(world.routeStatus, [&world] { world.root->routeSmDel(); });
   world.virtualIps->virtualIpIs(Sample<F>::virtualAddr("red", Sample<F>::addr(5)), true);
   EXPECT_FALSE(world.root->routeSm());
   EXPECT_FALSE(world.hasRoute(world.routeStatus, 5));
@@ -367,9 +350,7 @@ TYPED_TEST(LifetimeTest, SettersGiveWhatTheyMadeThoughTheRootGoes) {
   }
   for (const auto& setter : setters) {
     auto root = F::newRoot("red");
-    const auto watcher = Kiv::make<WeakRootWatcher<F>>();
-    watcher->notifierIs(root);
-    watcher->act = [&root] { root = nullptr; };
+    const auto watcher = watcherOf<WeakRootWatcher<F>>(root, [&root] { root = nullptr; });
     EXPECT_TRUE(setter(*root));
     EXPECT_FALSE(root);
   }
@@ -377,9 +358,8 @@ TYPED_TEST(LifetimeTest, SettersGiveWhatTheyMadeThoughTheRootGoes) {
   // The machine writes receive routes while it is made.
   World<F> world;
   world.addressIs(*world.interface(world.ethernet1, world.inVrf(world.ethernet1, "red")), 1);
-  const auto watcher = Kiv::make<WeakRootWatcher<F>>();
-  watcher->notifierIs(world.root);
-  watcher->act = [&world] { world.root = nullptr; };
+  const auto watcher =
+      watcherOf<WeakRootWatcher<F>>(world.root, [&world] { world.root = nullptr; });
   world.newMachine();
   EXPECT_FALSE(world.root);
   EXPECT_EQ(watcher->notifierRaw(), nullptr);
@@ -392,8 +372,7 @@ TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayGoWhileItIsMade) {
   world.machine().initializedIs(true);
   const auto l3Status = world.inVrf(world.ethernet1, "red");
   const auto status = world.interface(world.ethernet1, l3Status);
-  const auto watcher = Kiv::make<WeakRootWatcher<F>>();
-  watcher->notifierIs(world.root);
+  const auto watcher = watcherOf<WeakRootWatcher<F>>(world.root);
   watcher->act = [&world] {
     if constexpr (Sample<F>::kIsIpv4) {
       world.root->intfNameToSecondaryAddrWithMaskDelAll();
@@ -410,9 +389,8 @@ TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayGoWhileItIsMade) {
   EXPECT_TRUE(world.machine().hasNoReceiveRoutes()) << "what was written was not recorded";
 
   // The interface itself goes while its routes are written.
-  const auto received = Kiv::make<HostTableWatcher<F>>();
-  received->notifierIs(world.root->receiveTable());
-  received->act = [&] { l3Status->vrfIs(L3::VrfName("blue")); };
+  const auto received = watcherOf<HostTableWatcher<F>>(
+      world.root->receiveTable(), [&] { l3Status->vrfIs(L3::VrfName("blue")); });
   l3Status->vrfIs(L3::VrfName("red"));
   EXPECT_TRUE(world.machine().hasNoReceiveRoutes());
   EXPECT_EQ(world.root->receiveTable()->routeCount(), 0u);
@@ -427,9 +405,8 @@ TYPED_TEST(LifetimeTest, TheReadinessRecordMayGoWhileItIsAnswered) {
   world.startWithSubnet();
   // Nobody's: the merge takes it away.
   world.routeStatus->routeIs({.key = F::Prefix::host(S::addr(9)), .routeType = F::kAttached});
-  const auto routes = Kiv::make<RouteTableWatcher<F>>();
-  routes->notifierIs(world.routeStatus);
-  routes->act = [&world] { world.machine().ribReadyStatusDel(); };
+  const auto routes = watcherOf<RouteTableWatcher<F>>(
+      world.routeStatus, [&world] { world.machine().ribReadyStatusDel(); });
   world.readiness->ribReadyIs(true);
   EXPECT_FALSE(world.machine().ribReadyStatus());
   EXPECT_TRUE(F::hostRoutesSynced(*world.readiness));
@@ -437,9 +414,8 @@ TYPED_TEST(LifetimeTest, TheReadinessRecordMayGoWhileItIsAnswered) {
   world.machine().newRibReadyStatus(world.readiness);
   routes->act = nullptr;
   world.routeStatus->routeIs({.key = S::longer(), .routeType = F::kConnected, .fecId = 7});
-  const auto watcher = Kiv::make<WeakRootWatcher<F>>();
-  watcher->notifierIs(world.root);
-  watcher->act = [&world] { world.machine().ribReadyStatusDel(); };
+  const auto watcher =
+      watcherOf<WeakRootWatcher<F>>(world.root, [&world] { world.machine().ribReadyStatusDel(); });
   world.readiness->startRibReadyVerificationIs(true);
   EXPECT_FALSE(world.machine().ribReadyStatus());
   EXPECT_TRUE(world.readiness->routeStatus(F::kReadyKind)->ready());

@@ -39,71 +39,11 @@ std::vector<NullCall<F>> callsOfEither() {
   const auto neighbors = [](W& world) { return world.machine().arpIntfStatus("Ethernet1"); };
   const auto filter = [](W& world) { return world.machine().ipIntfStatusFilter(world.ethernet1); };
   const auto addresses = [](W& world) { return world.machine().ipIntfStatus(world.ethernet1); };
-  return {
+  std::vector<NullCall<F>> calls{
       {"nonemptyIntersection of null", [=](W&) { nonempty(nullptr, dir); }},
       {"nonemptyIntersection with null", [=](W&) { nonempty(dir, nullptr); }},
       {"subtract null", [=](W&) { subtract(nullptr, dir); }},
       {"subtract from null", [=](W&) { subtract(dir, nullptr); }},
-      {"neighbours without machine: one entry",
-       [=](W& world) {
-         neighbors(world)->routeSmIs(nullptr);
-         neighbors(world)->handleArpEntry(S::addr(4));
-       }},
-      {"neighbours without machine: all entries",
-       [=](W& world) {
-         neighbors(world)->routeSmIs(nullptr);
-         neighbors(world)->handleArpEntry();
-       }},
-      {"neighbours without machine: deletion",
-       [=](W& world) {
-         neighbors(world)->routeSmIs(nullptr);
-         world.machine().arpIntfStatusDel("Ethernet1");
-       }},
-      {"neighbours without table: one entry",
-       [=](W& world) {
-         neighbors(world)->notifierIs(nullptr);
-         neighbors(world)->handleArpEntry(S::addr(4));
-       }},
-      {"neighbours without table: all entries",
-       [=](W& world) {
-         neighbors(world)->notifierIs(nullptr);
-         neighbors(world)->handleArpEntry();
-       }},
-      {"neighbours without table: deletion",
-       [=](W& world) {
-         neighbors(world)->notifierIs(nullptr);
-         world.machine().arpIntfStatusDel("Ethernet1");
-       }},
-      {"filter without machine",
-       [=](W& world) {
-         filter(world)->routeSmIs(nullptr);
-         filter(world)->handleVrf();
-       }},
-      {"filter without interface",
-       [=](W& world) {
-         filter(world)->notifierIs(nullptr);
-         filter(world)->handleVrf();
-       }},
-      {"filter without interface: deletion",
-       [=](W& world) {
-         filter(world)->notifierIs(nullptr);
-         world.machine().ipIntfStatusFilterDel(world.ethernet1);
-       }},
-      {"filter of an interface without layer-3 status",
-       [=](W& world) {
-         world.machine().ipIntfStatusFilterIs(world.interfaceStatus(world.ethernet1, nullptr));
-         filter(world)->handleVrf();
-       }},
-      {"addresses without machine",
-       [=](W& world) {
-         addresses(world)->routeSmIs(nullptr);
-         addresses(world)->handleActiveAddrWithMask();
-       }},
-      {"addresses without interface",
-       [=](W& world) {
-         addresses(world)->notifierIs(nullptr);
-         addresses(world)->handleActiveAddrWithMask();
-       }},
       {"removeReceiveRoutes without root",
        [](W& world) {
          F::removeReceiveRoutes(nullptr, "Ethernet1", nullptr,
@@ -121,7 +61,47 @@ std::vector<NullCall<F>> callsOfEither() {
          }
          world.routeIs(S::longer(), 7);
        }},
+      {"filter of an interface without layer-3 status",
+       [=](W& world) {
+         world.machine().ipIntfStatusFilterIs(world.interfaceStatus(world.ethernet1, nullptr));
+         filter(world)->handleVrf();
+       }},
+      {"deletion of a filter without interface",
+       [=](W& world) {
+         filter(world)->notifierIs(nullptr);
+         world.machine().ipIntfStatusFilterDel(world.ethernet1);
+       }},
   };
+  // A reactor that lacks its machine or its input.
+  const auto add = [&calls](const char* name, auto reactor, auto call) {
+    calls.push_back({name, [=](W& world) {
+                       reactor(world)->routeSmIs(nullptr);
+                       call(world);
+                     }});
+    calls.push_back({name, [=](W& world) {
+                       reactor(world)->notifierIs(nullptr);
+                       call(world);
+                     }});
+  };
+  add("one neighbour", neighbors, [=](W& w) { neighbors(w)->handleArpEntry(S::addr(4)); });
+  add("all neighbours", neighbors, [=](W& w) { neighbors(w)->handleArpEntry(); });
+  add("deletion of a table", neighbors, [](W& w) { w.machine().arpIntfStatusDel("Ethernet1"); });
+  add("filter", filter, [=](W& w) { filter(w)->handleVrf(); });
+  add("addresses", addresses, [=](W& w) { addresses(w)->handleActiveAddrWithMask(); });
+  // A lost neighbour that lacks root, trie or adjacency helper.
+  const std::function<void(W&)> omissions[] = {
+      [](W& world) { world.machine().rootIs(nullptr); },
+      [](W& world) { world.root->trieIs(nullptr); },
+      [](W& world) { world.machine().adjHelperIs(nullptr); }};
+  for (const auto& omit : omissions) {
+    calls.push_back({"a lost neighbour", [omit](W& world) {
+                       omit(world);
+                       world.machine().handleDeletedArpEntry(
+                           F::argument({.ipAddr = S::addr(4)}),
+                           world.neighborDir->arpIntfStatus("Ethernet1"));
+                     }});
+  }
+  return calls;
 }
 
 /// What only IPv4 has.

@@ -1,6 +1,4 @@
 // Which neighbour tables a machine hears of, and which merges it leaves out.
-#include <functional>
-
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -376,22 +374,12 @@ TYPED_TEST(ShortCutsTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
   red.expectBalancedReferences();
 }
 
-template <class HostTable>
-struct ActsOnce : HostTable::NotifieeConst {
-  using Prefix = typename HostTable::Prefix;
-  void onRoute(const Prefix&) override {
-    if (action) std::exchange(action, nullptr)();
-  }
-  std::function<void()> action;
-};
-
 TYPED_TEST(ShortCutsTest, ATableMayGoWhileItsNeighbourIsHandled) {
   auto& red = this->world;
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);
-  const auto observer = Kiv::make<ActsOnce<typename TypeParam::HostTable>>();
-  observer->notifierIs(red.neighborTable());
-  observer->action = [&] { red.neighborDir->arpIntfStatusDel(red.ethernet1.name()); };
+  const auto observer = watcherOf<RouteWatcher<typename TypeParam::HostTable>>(
+      red.neighborTable(), [&] { red.neighborDir->arpIntfStatusDel(red.ethernet1.name()); });
   red.learn(red.ethernet1, 6);
   EXPECT_EQ(red.machine().arpIntfStatusCount(), 0u);
   EXPECT_EQ(red.neighborDir->tableOf(red.ethernet1), nullptr);

@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <functional>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "daemon/Family.h"
@@ -199,6 +201,29 @@ struct World {
   typename F::Trie::Ptr trie = Kiv::make<typename F::Trie>();
   typename F::RouteSmRoot::Ptr root = F::newRoot("red");
 };
+
+/// Acts once, at the next change of which it is notified.
+struct Once {
+  void told() {
+    if (const auto once = std::exchange(act, nullptr)) once();
+  }
+  std::function<void()> act;
+};
+
+/// Acts at the next change of a table of routes.
+template <class Table>
+struct RouteWatcher : Table::NotifieeConst, Once {
+  void onRoute(const typename Table::Prefix&) override { told(); }
+};
+
+/// A watcher of `watched`, which does `act` when it is first notified.
+template <class Watcher, class Watched>
+Kiv::Ptr<Watcher> watcherOf(const Watched& watched, std::function<void()> act = {}) {
+  auto watcher = Kiv::make<Watcher>();
+  watcher->notifierIs(watched);
+  watcher->act = std::move(act);
+  return watcher;
+}
 
 /// The trace records of some levels, as long as it lives.
 class TraceLog {

@@ -52,19 +52,6 @@ class AdjacencyTest : public testing::Test {
 using Families = testing::Types<Ipv4, Ipv6>;
 TYPED_TEST_SUITE(AdjacencyTest, Families);
 
-TYPED_TEST(AdjacencyTest, AViaSetIsTheSameInWhateverOrderItWasMade) {
-  const auto set = this->vias({3, 1, 2});
-  EXPECT_EQ(set, this->vias({1, 2, 3}));
-  EXPECT_EQ(set.hash(), this->vias({1, 2, 3}).hash());
-  EXPECT_NE(set, this->vias({1, 2}));
-  auto heavier = set;
-  heavier.newVia(this->via(2), 5);
-  EXPECT_EQ(heavier.size(), 3u);
-  EXPECT_NE(heavier, set);
-  heavier.newVia(this->via(2), 1);
-  EXPECT_EQ(heavier, set);
-}
-
 // Beside a map from sets to users; enough of them that the table takes several pieces of memory.
 TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndForgetsItWithItsLastUser) {
   Rovel::AdjacencyTable<typename TestFixture::ViaSet> adjacencies;

@@ -1,0 +1,28 @@
+// Which short cuts the engine is built with: all of them, but for a benchmark.
+#pragma once
+
+namespace HostCore {
+
+/// A short cut whose gain can be measured, see `engine --without` in bench/.
+enum class ShortCut {
+  None,       ///< nothing is left out
+  Cover,      ///< the cover of an interface's last neighbour is cached
+  Fec,        ///< the FEC of a pass is read once
+  Merge,      ///< the merge of an unchanged host route is omitted
+  Relevance,  ///< events that are not relevant for a machine are left out
+  Prefetch,   ///< the memory that one event reads is prefetched
+  Pipeline,   ///< that of many addresses is prefetched in stages
+};
+
+#ifdef HOSTROUTE_WITHOUT
+/// A benchmark is built without this one, to measure what the short cut gains.
+constexpr bool isEnabled(ShortCut shortCut) {
+  return shortCut != ShortCut::HOSTROUTE_WITHOUT;
+}
+#else
+constexpr bool isEnabled(ShortCut) {
+  return true;
+}
+#endif
+
+}  // namespace HostCore
