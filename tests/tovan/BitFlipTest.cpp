@@ -63,6 +63,9 @@ class BitFlipTest : public SharedTable {
   }
   bool isThere(uint64_t n) const { return n % 3 != 0; }
   uint64_t there() const { return entries_ - (entries_ + 2) / 3; }
+  bool isRight(uint64_t n, const std::optional<Repeated>& value) const {
+    return value ? isThere(n) && value->word() == n && value->isWhole() : !isThere(n);
+  }
 
   /// The places of the bits that are read: header, directory, pages.
   std::vector<size_t> bits(size_t every) const {
@@ -100,7 +103,7 @@ class BitFlipTest : public SharedTable {
     for (uint64_t n = 0; n < entries_; ++n) {
       try {
         const auto value = table.get(key(n));
-        if (value && (!isThere(n) || value->word() != n || !value->isWhole())) ++findings.wrong;
+        if (value && !isRight(n, value)) ++findings.wrong;
         if (!value && isThere(n)) ++findings.silentlyLost;
       } catch (const Pindo::Exception&) {
         isTold = true;
@@ -122,6 +125,12 @@ class BitFlipTest : public SharedTable {
     findings.told += isTold || walkIsTold;
   }
 
+  void atRest(const std::vector<size_t>& chosen) {
+    Findings findings;
+    const Map reading = reader();
+    for (const size_t bit : chosen) atRest(bit, reading, findings);
+    expectGood(findings);
+  }
   /// Flips a bit while there is no writer, and reads with an open reader, a new one, and the next
   /// writer.
   void atRest(size_t bit, const Map& reading, Findings& findings) {
@@ -141,7 +150,7 @@ class BitFlipTest : public SharedTable {
       for (uint64_t n = 0; n < entries_; ++n) {
         const auto value = next.get(key(n));
         met += value.has_value();
-        if (value && (!isThere(n) || value->word() != n)) ++findings.wrong;
+        if (value && !isRight(n, value)) ++findings.wrong;
         if (!value && isThere(n) && !isTold) ++findings.silentlyLost;
       }
       if (next.size() != met) ++findings.wrong;
@@ -202,29 +211,15 @@ class BitFlipTest : public SharedTable {
   std::vector<uint8_t> former_;
 };
 
-TEST_F(BitFlipTest, OfASmallTableAtRest) {
+TEST_F(BitFlipTest, OfASmallTable) {
   make(60);
-  Findings findings;
-  const Map reading = reader();
-  for (const size_t bit : bits(stride())) atRest(bit, reading, findings);
-  expectGood(findings);
-}
-
-TEST_F(BitFlipTest, OfALargeTableAtRest) {
-  make(3000);
-  Findings findings;
-  const Map reading = reader();
-  for (const size_t bit : someBits(20000 / stride())) atRest(bit, reading, findings);
-  expectGood(findings);
-}
-
-TEST_F(BitFlipTest, OfASmallTableWhileRead) {
-  make(60);
+  atRest(bits(stride()));
   whileRead(bits(stride()));
 }
 
-TEST_F(BitFlipTest, OfALargeTableWhileRead) {
+TEST_F(BitFlipTest, OfALargeTable) {
   make(3000);
+  atRest(someBits(20000 / stride()));
   whileRead(someBits(20000 / stride()));
 }
 
@@ -241,8 +236,7 @@ TEST_F(BitFlipTest, UnderALivingWriter) {
     ++flips;
     for (uint64_t n = 0; n < entries_; ++n) {
       try {
-        const auto value = table->get(key(n));
-        ASSERT_TRUE(value ? isThere(n) && value->word() == n : !isThere(n)) << "bit " << bit;
+        ASSERT_TRUE(isRight(n, table->get(key(n)))) << "bit " << bit;
       } catch (const CorruptionDetectedException&) {
       }
     }
@@ -256,8 +250,7 @@ TEST_F(BitFlipTest, UnderALivingWriter) {
     ASSERT_EQ(table->size(), there()) << "bit " << bit;
     for (const Map* opened : {&reading, static_cast<const Map*>(table.get())}) {
       for (uint64_t n = 0; n < entries_; ++n) {
-        const auto value = opened->get(key(n));
-        ASSERT_TRUE(value ? isThere(n) && value->word() == n : !isThere(n)) << "bit " << bit;
+        ASSERT_TRUE(isRight(n, opened->get(key(n)))) << "bit " << bit;
       }
       ASSERT_EQ(opened->size(), table->size()) << "bit " << bit;
     }
@@ -292,7 +285,7 @@ TEST_F(BitFlipTest, UnderAWriterThatTends) {
     const bool hasDropped = table.takeDropped().has_value();
     for (uint64_t n = 0; n < entries_; ++n) {
       const auto value = reading.get(key(n));
-      if (value && (!isThere(n) || value->word() != n)) ++findings.wrong;
+      if (value && !isRight(n, value)) ++findings.wrong;
       if (value || !isThere(n)) continue;
       if (told == 0 || !hasDropped) ++findings.silentlyLost;
       table.set(key(n), Repeated(n));

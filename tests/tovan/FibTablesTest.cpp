@@ -1,12 +1,10 @@
 // The tables of routes and FECs in shared memory: announcements, refusals and repairs.
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <set>
 
 #include "platform/tovan/Reports.h"
+#include "tests/kiv/SmallFiles.h"
 #include "tests/tovan/Damage.h"
 #include "tests/tovan/RouteTablesTest.h"
 
@@ -132,12 +130,7 @@ TYPED_TEST(FibTablesTest, AFecThatIsRefusedLeavesNothing) {
     return fec;
   };
   table->fecIs(fecOf(1));
-  rlimit limit{};
-  ::getrlimit(RLIMIT_FSIZE, &limit);
-  const rlimit former = limit;
-  const auto formerAction = std::signal(SIGXFSZ, SIG_IGN);
-  limit.rlim_cur = 5000000;
-  ::setrlimit(RLIMIT_FSIZE, &limit);
+  std::optional<Sample::SmallFiles> full(5000000);
   uint64_t id = 2;
   const auto fill = [&] {
     for (;; ++id) table->fecIs(fecOf(id));
@@ -151,8 +144,7 @@ TYPED_TEST(FibTablesTest, AFecThatIsRefusedLeavesNothing) {
   EXPECT_THROW(table->fecIs(wider), Tovan::NoSpaceException);
   EXPECT_EQ(table->fec(id - 1), fecOf(id - 1));
   EXPECT_EQ(vias.size(), (id - 1) * 9);
-  ::setrlimit(RLIMIT_FSIZE, &former);
-  std::signal(SIGXFSZ, formerAction);
+  full.reset();
   table->fecIs(fecOf(id));
   EXPECT_EQ(vias.size(), id * 9);
 }

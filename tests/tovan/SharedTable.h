@@ -45,6 +45,24 @@ class SharedTable : public testing::Test {
 
   /// The table's file, opened past the library.
   int file() const { return ::shm_open(("/hostroute-" + name).c_str(), O_RDWR, 0); }
+  void overwrite(size_t offset, uint64_t word) const {
+    const int fd = file();
+    ASSERT_EQ(::pwrite(fd, &word, sizeof(word), static_cast<off_t>(offset)), 8);
+    ::close(fd);
+  }
+  /// Changes the file's length to the result of `change` for the present one. Returns the latter.
+  template <class Change>
+  off_t resize(Change change) const {
+    const int fd = file();
+    const off_t size = ::lseek(fd, 0, SEEK_END);
+    EXPECT_EQ(::ftruncate(fd, change(size)), 0);
+    ::close(fd);
+    return size;
+  }
+
+  static void fill(Map& table, uint64_t entries) {
+    for (uint64_t key = 0; key < entries; ++key) table.set(key, Repeated(key));
+  }
 
   /// Runs `body` in another process, whose exit status is what it returns.
   template <class Body>
@@ -68,6 +86,24 @@ class SharedTable : public testing::Test {
   }
 
   const std::string name = "test" + std::to_string(::getpid());
+};
+
+/// A `T` that the process shares with its children.
+template <class T>
+class SharedWithChildren {
+ public:
+  SharedWithChildren()
+      : at_(static_cast<T*>(::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE,
+                                   MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+  SharedWithChildren(const SharedWithChildren&) = delete;
+  SharedWithChildren& operator=(const SharedWithChildren&) = delete;
+  ~SharedWithChildren() { ::munmap(at_, sizeof(T)); }
+
+  T* operator->() const { return at_; }
+  T& operator*() const { return *at_; }
+
+ private:
+  T* at_;
 };
 
 }  // namespace Tovan

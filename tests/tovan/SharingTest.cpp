@@ -1,6 +1,4 @@
-// The map between processes: readers beside a busy writer, killed writers, full memory.
-#include <sys/resource.h>
-
+// The map between processes: killed writers, full memory, forked children.
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -8,52 +6,13 @@
 #include <random>
 #include <thread>
 
+#include "tests/kiv/SmallFiles.h"
 #include "tests/tovan/SharedTable.h"
 
 namespace Tovan {
 namespace {
 
 using SharingTest = SharedTable;
-
-// Keys 0..999 are always there, and their values only grow. The keys of a second range are added
-// and removed, so that pages are split and slots are used again while the reader reads.
-TEST_F(SharingTest, ReaderSeesWholeEntriesWhileTheWriterIsBusy) {
-  constexpr uint64_t kStable = 1000;
-  constexpr uint64_t kLast = 60;
-  Map table = writer();
-  for (uint64_t i = 0; i < kStable; ++i) table.set(i, Repeated(1));
-  const pid_t child = inChild([&] {
-    Map other = reader();
-    std::vector<uint64_t> last(kStable);
-    const auto check = [&](uint64_t key, const Repeated& value) {
-      if (!value.isWhole()) return false;
-      if (key >= kStable) return value.word() == key;
-      return value.word() >= std::exchange(last[key], value.word());
-    };
-    do {
-      for (uint64_t i = 0; i < kStable; ++i) {
-        const auto value = other.get(i);
-        if (!value || !check(i, *value)) return 1;
-        const auto passing = other.get(kStable + i * 7);
-        if (passing && !check(kStable + i * 7, *passing)) return 2;
-      }
-      size_t stable = 0;
-      for (const auto& [key, value] : other) {
-        if (!check(key, value)) return 3;
-        stable += key < kStable;
-      }
-      if (stable != kStable) return 4;
-    } while (last[kStable - 1] < kLast);
-    return 0;
-  });
-  for (uint64_t round = 1; round <= kLast; ++round) {
-    const uint64_t passing = kStable + round * 500;
-    for (uint64_t i = kStable; i < passing; ++i) table.set(i, Repeated(i));
-    for (uint64_t i = 0; i < kStable; ++i) table.set(i, Repeated(round));
-    for (uint64_t i = kStable; i < passing; ++i) table.erase(i);
-  }
-  EXPECT_EQ(statusOf(child), 0);
-}
 
 // The child notes its completed changes in a page of its own. HOSTROUTE_KILLS is the number of
 // children that are killed.
@@ -63,8 +22,7 @@ TEST_F(SharingTest, KilledWriterLeavesEveryCompletedUpdate) {
     std::atomic<uint64_t> begun[kKeys];
     std::atomic<uint64_t> done[kKeys];
   };
-  auto* completed = static_cast<Completed*>(::mmap(
-      nullptr, sizeof(Completed), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  const SharedWithChildren<Completed> completed;
   constexpr uint64_t kErased = uint64_t{1} << 63;
   std::mt19937 random(3);
   const char* kills = std::getenv("HOSTROUTE_KILLS");
@@ -110,73 +68,63 @@ TEST_F(SharingTest, KilledWriterLeavesEveryCompletedUpdate) {
           value ? stands : (completed->begun[key] | kErased);
     }
   }
-  ::munmap(completed, sizeof(Completed));
 }
 
 // A reader must neither wait for ever for an entry that a dead writer was writing, nor return a
 // wrong value. The next writer takes the entry from the journal.
 TEST_F(SharingTest, ReaderIsToldOfAnUpdateThatNobodyEnds) {
+  const SharedWithChildren<std::atomic<bool>> isWriting;
   size_t stuck = 0;
   for (int round = 0; round < 2000 && stuck < 3; ++round) {
+    *isWriting = false;
     const pid_t child = inChild([&] {
       Map table = writer();
-      for (uint64_t i = 0;; ++i) table.set(1, Repeated(i));
+      for (uint64_t i = 0;; ++i) {
+        table.set(1, Repeated(i));
+        if (i == 100) *isWriting = true;
+      }
       return 0;
     });
-    std::this_thread::sleep_for(std::chrono::microseconds(1500));
+    while (!*isWriting && ::waitpid(child, nullptr, WNOHANG) == 0) std::this_thread::yield();
     ::kill(child, SIGKILL);
     statusOf(child);
     try {
-      const auto value = reader().get(1);
-      EXPECT_TRUE(!value || value->isWhole());
+      EXPECT_TRUE(reader().get(1)->isWhole());
     } catch (const CorruptionDetectedException& e) {
       ++stuck;
       EXPECT_NE(std::string(e.what()).find("in the middle of an update"), std::string::npos);
       EXPECT_TRUE(writer().get(1)->isWhole());
-    } catch (const OpenException&) {
-      // killed before it had made the table
     }
   }
   EXPECT_GT(stuck, 0u);
 }
 
 TEST_F(SharingTest, FullMemoryLosesNothing) {
-  const pid_t child = inChild([&] {
-    ::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit = {.rlim_cur = 5000000, .rlim_max = 5000000};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    Map table = writer();
-    uint64_t next = 0;
-    try {
-      for (;; ++next) table.set(next, Repeated(next));
-    } catch (const NoSpaceException&) {
-    }
-    if (next < 1000 || table.size() != next || table.get(next)) return 1;
-    for (uint64_t i = 0; i < next; ++i) {
-      if (table.get(i)->word() != i || table.set(i, Repeated(i + 1))) return 2;
-    }
-    // A freed slot can be used again.
-    table.erase(0);
-    return table.set(0, Repeated(0)) ? 0 : 3;
-  });
-  EXPECT_EQ(statusOf(child), 0);
+  const Sample::SmallFiles full(5000000);
+  Map table = writer();
+  uint64_t next = 0;
+  const auto fillUp = [&] {
+    for (;; ++next) table.set(next, Repeated(next));
+  };
+  EXPECT_THROW(fillUp(), NoSpaceException);
+  EXPECT_GT(next, 1000U);
+  EXPECT_EQ(table.size(), next);
+  EXPECT_FALSE(table.get(next));
+  for (uint64_t i = 0; i < next; ++i) {
+    ASSERT_EQ(table.get(i)->word(), i);
+    ASSERT_FALSE(table.set(i, Repeated(i + 1)));
+  }
+  // A freed slot can be used again.
+  table.erase(0);
+  EXPECT_TRUE(table.set(0, Repeated(0)));
 }
 
 // A reader must not find an unfinished table.
 TEST_F(SharingTest, NothingIsLeftOfATableThatCouldNotBeMade) {
   for (const rlim_t bytes : {rlim_t{0}, rlim_t{4096}, rlim_t{5000}, rlim_t{4198400 + 4096}}) {
-    const pid_t child = inChild([&] {
-      ::signal(SIGXFSZ, SIG_IGN);
-      const rlimit limit = {.rlim_cur = bytes, .rlim_max = bytes};
-      ::setrlimit(RLIMIT_FSIZE, &limit);
-      try {
-        writer();
-        return 1;
-      } catch (const NoSpaceException&) {
-      }
-      return tablesOf(name).empty() ? 0 : 2;
-    });
-    EXPECT_EQ(statusOf(child), 0) << bytes;
+    const Sample::SmallFiles full(bytes);
+    EXPECT_THROW(writer(), NoSpaceException) << bytes;
+    EXPECT_TRUE(tablesOf(name).empty()) << bytes;
   }
 }
 

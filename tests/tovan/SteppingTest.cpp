@@ -108,6 +108,11 @@ class SteppingTest : public SharedTable {
     if (change.kind == Change::Erase) contents.erase(change.key);
     if (change.kind == Change::Clear) contents.clear();
   }
+  static void apply(const Change& change, Map& table) {
+    if (change.kind == Change::Set) table.set(change.key, Twice(change.word));
+    if (change.kind == Change::Erase) table.erase(change.key);
+    if (change.kind == Change::Clear) table.clear();
+  }
 
   /// Whether a key may have a value (0 is none) in a state between two contents.
   static bool mayHave(uint64_t key, uint64_t word, const Contents& before, const Contents& after) {
@@ -238,15 +243,12 @@ class SteppingTest : public SharedTable {
       table.clear();
       for (const auto& [key, word] : contents) table.set(key, Twice(word));
     }
-    auto* done = static_cast<std::atomic<size_t>*>(
-        ::mmap(nullptr, sizeof(size_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const SharedWithChildren<std::atomic<size_t>> done;
     const auto body = [&] {
       Map table = writer();
       ::raise(SIGSTOP);
       for (const Change& change : changes) {
-        if (change.kind == Change::Set) table.set(change.key, Twice(change.word));
-        if (change.kind == Change::Erase) table.erase(change.key);
-        if (change.kind == Change::Clear) table.clear();
+        apply(change, table);
         ++*done;
       }
     };
@@ -257,7 +259,6 @@ class SteppingTest : public SharedTable {
       if (known < changes.size()) apply(changes[known], after);
     };
     step(body, between, every);
-    ::munmap(done, sizeof(size_t));
   }
 
   /// Prints the counts. There must be more than `leastStates` if the process may trace.
@@ -319,8 +320,7 @@ TEST_F(SteppingTest, EachStateOfARepairCanBeRepaired) {
     const auto body = [&] {
       Map table = writer();
       ::raise(SIGSTOP);
-      if (change.kind == Change::Set) table.set(change.key, Twice(change.word));
-      if (change.kind == Change::Erase) table.erase(change.key);
+      apply(change, table);
     };
     const auto between = [&](Contents& before, Contents& after) {
       before = after = contents;
