@@ -26,6 +26,8 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "hostrouted/Listings.h"
 
 namespace Hostrouted {

@@ -23,6 +23,8 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "hostrouted/Control.h"
 #include "hostrouted/ControlSocket.h"
 #include "hostrouted/InstanceLock.h"
