@@ -467,6 +467,105 @@ void manyAddresses(const Options& options, const std::string& name) {
   }
 }
 
+/// 8. A growing number of VRFs, each with an interface, a route and a neighbour of its own: the
+///    seconds and the bytes of one. Without the machines only the tables are filled.
+template <class F>
+void vrfsAndInterfaces(const Options& options, const std::string& name) {
+  const auto fill = [](size_t vrfs, bool withMachines) {
+    return inProcess([&]() -> std::vector<double> {
+      Scene<F> scene;
+      const double before = residentBytes();
+      const double seconds = secondsOf([&] {
+        for (size_t i = 1; i <= vrfs; ++i) {
+          const std::string vrf = "vrf" + std::to_string(i);
+          const auto intf = scene.intf(i);
+          if (!withMachines) {
+            scene.sw.vrf(vrf);
+            Daemon::forEachFamily(
+                [&](auto family) { scene.sw.template teardown<decltype(family)>(vrf); });
+          }
+          scene.sw.setInterface(intf, vrf);
+          scene.direct(i, {intf});
+          scene.route(Net<F>::subnet(i), i, true, vrf);
+          Daemon::forEachFamily(
+              [&](auto family) { scene.sw.template setInitialized<decltype(family)>(vrf, true); });
+          scene.neighbor(intf, Net<F>::addr(i, 1));
+          require(!withMachines || scene.hostRoutes(vrf) == 1, "a neighbour lacks its route");
+        }
+      });
+      return {seconds, residentBytes() - before};
+    });
+  };
+  Series series(name, {"seconds", "bytes"});
+  for (const size_t vrfs : options.sizes({250, 500, 1'000})) {
+    const auto each = 1 / static_cast<double>(vrfs);
+    const auto ours = fill(vrfs, true);
+    const auto tables = fill(vrfs, false);
+    series.add(vrfs, {{"seconds", ours[0]},
+                      {"bytes", ours[1] - tables[1]},
+                      {"ms_each", 1e3 * ours[0] * each},
+                      {"bytes_each", (ours[1] - tables[1]) * each},
+                      {"table_bytes_each", tables[1] * each}});
+  }
+}
+
+/// 9. Neighbours that come and go, and 10,000 further events: the memory beyond that before, as it
+///    is and after malloc_trim().
+template <class F>
+void flood(const Options& options, const std::string& name) {
+  const size_t hosts = 1'000'000 / options.scale;
+  const auto figures = inProcess([hosts]() -> std::vector<double> {
+    constexpr size_t kEventsAfter = 10'000;
+    Engine<F> engine(hosts);
+    engine.learn(0);
+    const double before = residentBytes();
+    const auto grown = [before](bool isTrimmed) { return residentBytes(isTrimmed) - before; };
+    for (size_t host = 1; host < hosts; ++host) engine.learn(host);
+    const double full = grown(true);
+    for (size_t host = 1; host < hosts; ++host) engine.lose(host);
+    const double empty = grown(false);
+    for (size_t event = 0; event < kEventsAfter / 2; ++event) {
+      engine.learn(1 + event % 100);
+      engine.lose(1 + event % 100);
+    }
+    return {before, full, empty, grown(false), grown(true)};
+  });
+  report(name, static_cast<double>(hosts),
+         {{"before_bytes", figures[0]},
+          {"full_bytes", figures[1]},
+          {"emptied_bytes", figures[2]},
+          {"later_bytes", figures[3]},
+          {"trimmed_bytes", figures[4]}});
+}
+
+/// 10. A growing number of neighbours: the time and the memory of each, when all are learned and
+///     when all have gone.
+template <class F>
+void growth(const Options& options, const std::string& name) {
+  Series series(name, {"learn_ns", "lose_ns", "bytes"});
+  for (const size_t hosts : options.sizes({10'000, 100'000, 1'000'000, 4'000'000})) {
+    const auto figures = inProcess([hosts]() -> std::vector<double> {
+      const double each = 1 / static_cast<double>(hosts);
+      std::mt19937_64 random(1);
+      const auto all = drawn(hosts, hosts, random);
+      Engine<F> engine(hosts);
+      const double before = residentBytes();
+      const double learning = secondsOf([&] {
+        for (const size_t host : all) engine.learn(host);
+      });
+      const double bytes = residentBytes() - before;
+      const double losing = secondsOf([&] {
+        for (const size_t host : all) engine.lose(host);
+      });
+      return {1e9 * learning * each, 1e9 * losing * each, bytes * each, residentBytes() - before};
+    });
+    series.add(hosts, {{"learn_ns", figures[0]},
+                       {"lose_ns", figures[1]},
+                       {"bytes", figures[2]},
+                       {"left_bytes", figures[3]}});
+  }
+}
+
 void run(const Options& options) {
   // Some measurements enable trace level 0 for its cost. The records are dropped.
   Kiv::Tracer::sinkIs([](const Kiv::TraceRecord&) {});
@@ -487,6 +586,9 @@ void run(const Options& options) {
     named("fec", [&](const auto& name) { fecChange<F>(options, name); });
     named("virtual", [&](const auto& name) { virtualAddresses<F>(options, name); });
     named("vrfs", [&](const auto& name) { manyVrfs<F>(options, name); });
+    named("scale", [&](const auto& name) { vrfsAndInterfaces<F>(options, name); });
+    named("flood", [&](const auto& name) { flood<F>(options, name); });
+    named("growth", [&](const auto& name) { growth<F>(options, name); });
     named("start", [&](const auto& name) { startUp<F>(options, name); });
     named("addresses", [&](const auto& name) { manyAddresses<F>(options, name); });
   });

@@ -257,16 +257,27 @@ void worstSeed(benchmark::State& state, unsigned shift) {
   const Kiv::HashSeed usual = Kiv::hashSeed;
   std::mt19937_64 random(1);
   for (auto _ : state) {
-    double worst = 0;
-    double worstOfRandom = 0;
+    std::vector<Kiv::HashSeed> seeds;
+    std::vector<double> ofRandom;
     for (int seed = 0; seed < 100; ++seed) {
       const uint64_t sum = random();
-      Kiv::hashSeedIs({.add = sum, .multiply = random()});
-      worst = std::max(worst, searchTime(keys));
-      worstOfRandom = std::max(worstOfRandom, searchTime(scattered));
+      seeds.push_back({.add = sum, .multiply = random()});
+      Kiv::hashSeedIs(seeds.back());
+      ofRandom.push_back(searchTime(scattered));
+    }
+    std::nth_element(ofRandom.begin(), ofRandom.begin() + 50, ofRandom.end());
+    double worst = 0;
+    for (const Kiv::HashSeed& seed : seeds) {
+      Kiv::hashSeedIs(seed);
+      double time = searchTime(keys);
+      // Other work on the machine slows a search down once, a bad seed always.
+      for (int again = 0; again < 10 && time > 1.1 * ofRandom[50]; ++again) {
+        time = std::min(time, searchTime(keys));
+      }
+      worst = std::max(worst, time);
     }
     state.SetIterationTime(worst * 1e-9);
-    state.counters["beside_random"] = worst / worstOfRandom;
+    state.counters["beside_random"] = worst / ofRandom[50];
   }
   Kiv::hashSeedIs(usual);
 }

@@ -18,8 +18,8 @@ std::ofstream jsonLines;
 
 }  // namespace
 
-double residentBytes() {
-  malloc_trim(0);
+double residentBytes(bool isTrimmed) {
+  if (isTrimmed) malloc_trim(0);
   double total = 0, resident = 0;
   std::ifstream("/proc/self/statm") >> total >> resident;
   return resident * static_cast<double>(sysconf(_SC_PAGESIZE));

@@ -33,8 +33,9 @@ inline double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-/// The resident memory of this process, in bytes, after returning freed heap to the system.
-double residentBytes();
+/// The resident memory of this process, in bytes; trimmed: after returning freed heap to the
+/// system.
+double residentBytes(bool isTrimmed = true);
 
 /// Runs `measure` in a process of its own, with a fresh heap, and returns its result.
 /// \throws std::runtime_error when the process fails.

@@ -2,6 +2,7 @@
 #include "hostrouted/Router.h"
 
 #include <linux/rtnetlink.h>
+#include <malloc.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -304,10 +305,23 @@ void Router::endTurn() {
   exports_.flush();
   routes_.flush();
   reportRefusals();
+  trimHeap();
   if (const auto probes = probing_.due(); !probes.empty()) {
     counters_.probes += probes.size();
     services_.probe(probes);
   }
+}
+
+/// Returns free memory to the system whenever half of many routes have gone.
+void Router::trimHeap() {
+  constexpr size_t kManyRoutes = 4096;
+  const size_t routes = routes_.installedCount();
+  mostRoutes_ = std::max(mostRoutes_, routes);
+  if (mostRoutes_ < kManyRoutes || routes > mostRoutes_ / 2) return;
+  mostRoutes_ = routes;
+#ifdef __GLIBC__
+  ::malloc_trim(0);
+#endif
 }
 
 /// Writes the routes of many new neighbours while the next ones are fed. The feed hands neighbours

@@ -147,6 +147,7 @@ class Router {
   void warnOfAnEmptySelection();
   void reportRefusals();
   void tendTables();
+  void trimHeap();
   void completeTables();
   void noteTables();
 
@@ -163,6 +164,7 @@ class Router {
   Daemon::LatencyHistogram turnTimes_;
   Daemon::LatencyHistogram operationTimes_;
   double nextTending_ = 0;
+  size_t mostRoutes_ = 0;  // since the heap was trimmed
   bool isIncomplete_ = false;
   bool checksAllTables_ = false;      // at the next check
   std::set<std::string> fullTables_;  // which were reported

@@ -76,7 +76,8 @@ class NeighborScope {
   using Route = typename F::Route;
 
   /// \param isNeighbor  whether the reactor's table has `addr` now.
-  /// \param hostRoute   the host route that `addr` has as a neighbour, or any other route.
+  /// \param hostRoute   the host route that `addr` has as a neighbour, or any other route. It was
+  ///                    just read.
   NeighborScope(typename F::RouteSm& sm, const Reactor& reactor, const Addr& addr, bool isNeighbor,
                 const Route& hostRoute)
       : handler_(sm),
@@ -84,6 +85,7 @@ class NeighborScope {
         reactor_(&reactor),
         addr_(addr),
         hostRoute_(hostRoute),
+        version_(neighborVersion()),
         former_(std::exchange(sm.fast().cache, &cacheOf(reactor))) {
     reactor.coverCache()->isTrustedIs(Trust<F>(sm).holds());
     Prefetch<F>(sm).change(addr, reactor.notifierRaw()->intfId(), isNeighbor, hostRoute);
@@ -108,12 +110,19 @@ class NeighborScope {
     if (cache == nullptr) cache = std::make_shared<typename F::RouteSm::CoverCache>();
     return *cache;
   }
+  /// The version of the table that has the host routes of neighbours.
+  uint64_t neighborVersion() const {
+    const auto* root = sm_.rootRaw();
+    const auto* neighbors = root == nullptr ? nullptr : F::neighborTable(*root).get();
+    return neighbors == nullptr ? 0 : neighbors->version();
+  }
 
   HandlerScope<F> handler_;
   typename F::RouteSm& sm_;
   Kiv::Ptr<const Reactor> reactor_;  // a callback may remove the table, and with it the cache
   const Addr addr_;
   const Route hostRoute_;
+  const uint64_t version_;  // of the table with the host route, when that was read
   CoverCache<Route, typename F::ForwardingStatus::Fec>* former_;
 };
 
@@ -125,8 +134,7 @@ bool NeighborScope<F, Reactor>::isMerged() const {
   const auto prefix = hostPrefix<F>(addr_);
   const auto& root = Kiv::validPtr(sm_.rootRaw());
   const auto& neighbors = *Kiv::validPtr(F::neighborTable(root));
-  const Route neighborRoute = neighbors.route(prefix);
-  if (neighborRoute != hostRoute_) return false;
+  if (neighbors.version() != version_) return false;
   const auto isIn = [&prefix](const typename F::HostTable* table) {
     return table != nullptr && table->route(prefix).key == prefix;
   };
@@ -142,13 +150,13 @@ bool NeighborScope<F, Reactor>::isMerged() const {
     return false;  // the merge reports it
   }
   const bool exists = existing.key == prefix;
-  if (neighborRoute.key != prefix) return !exists;
+  if (hostRoute_.key != prefix) return !exists;
   const auto* virtualIps = sm_.virtualIps();
   if (virtualIps != nullptr && virtualIps->isVirtual(addr_)) return false;
   // The merge would take over the metric of a tracked route.
   return exists && existing.routeType == F::kAttached && !root.prefixToRouteFind(prefix) &&
          Kiv::validPtr(sm_.adjHelperRaw())
-             .isFibAdjacency(existing.fecId, neighbors.adjIndexToViaSet(neighborRoute.fecId));
+             .isFibAdjacency(existing.fecId, neighbors.adjIndexToViaSet(hostRoute_.fecId));
 }
 
 /// The scope in which the machine itself writes the host route of one address to the route table.

@@ -15,7 +15,7 @@ namespace Rovel {
 /// One numbered entry for each distinct via set, with the number of routes that use it.
 ///
 /// An entry whose last user goes is removed; its number may be given out again. Numbers count from
-/// 1.
+/// 1. The memory of a large table is freed in chunks, once a chunk has no entry left.
 template <class ViaSet>
 class AdjacencyTable {
  public:
@@ -35,24 +35,32 @@ class AdjacencyTable {
     return users(index) == 0 ? kNone : entry(index).vias;
   }
   /// How many users an entry has; none when there is no such entry.
-  uint32_t users(uint64_t index) const {
-    return index == 0 || index > count_ ? 0 : entry(index).users;
-  }
+  uint32_t users(uint64_t index) const { return isThere(index) ? entry(index).users : 0; }
   /// Prefetches the memory that take() or the last drop() of a set reads, or that the others read
   /// of an entry.
   void prefetch(const ViaSet& vias) const {
     numbers_.prefetch(vias.hash());
-    prefetch(uint64_t{firstFree_});
+    prefetch(uint64_t{next()});
   }
   void prefetch(uint64_t index) const {
-    if (index == 0 || index > count_) return;
+    if (!isThere(index)) return;
     const Entry& fetched = entry(index);
     Kiv::prefetch(&fetched);
     Kiv::prefetch(&fetched.nextFree);  // it may be across a line
   }
   size_t size() const noexcept { return numbers_.size(); }
+  /// The bytes of memory that the entries take.
+  size_t bytes() const {
+    const auto hasEntries = [](const Chunk& chunk) { return chunk.entries != nullptr; };
+    const auto chunks = std::count_if(chunks_.begin(), chunks_.end(), hasEntries);
+    return static_cast<size_t>(chunks) * kChunk * sizeof(Entry);
+  }
   /// The number that the next new entry gets.
-  Index next() const { return firstFree_ != 0 ? firstFree_ : count_ + 1; }
+  Index next() const {
+    if (roomy_.empty()) return count_ + 1;
+    const Chunk& chunk = chunks_[roomy_.back()];
+    return chunk.entries == nullptr ? firstOf(roomy_.back()) : chunk.firstFree;
+  }
 
   /// The highest number that an entry ever had.
   Index last() const noexcept { return count_; }
@@ -78,13 +86,33 @@ class AdjacencyTable {
   };
 
   static constexpr uint64_t kChunk = 256;
+  static constexpr size_t kNoChunk = SIZE_MAX;
 
-  Entry& entry(uint64_t index) const { return chunks_[(index - 1) / kChunk][(index - 1) % kChunk]; }
+  struct Chunk {
+    std::unique_ptr<Entry[]> entries;  // null where all of them are free
+    Index firstFree = 0;
+    uint32_t used = 0;
+  };
 
-  std::vector<std::unique_ptr<Entry[]>> chunks_;  // grows without moving its entries
-  Index count_ = 0;                               // entries that there ever were
-  Index firstFree_ = 0;
-  Kiv::NumberIndex numbers_;  // by the sets, which stand in the entries alone
+  static size_t chunkOf(uint64_t index) { return static_cast<size_t>((index - 1) / kChunk); }
+  static Index firstOf(size_t chunk) { return static_cast<Index>(chunk * kChunk + 1); }
+  bool isThere(uint64_t index) const {
+    return index != 0 && index <= count_ && chunks_[chunkOf(index)].entries != nullptr;
+  }
+  Entry& entry(uint64_t index) const {
+    return chunks_[chunkOf(index)].entries[(index - 1) % kChunk];
+  }
+  /// Makes the memory of the next new entry.
+  void makeRoom();
+  /// Takes the number of the next new entry. \pre makeRoom()
+  Index takeNext();
+  void release(size_t emptied);
+
+  std::vector<Chunk> chunks_;    // grows without moving the entries
+  std::vector<uint32_t> roomy_;  // the chunks with freed entries; the last is filled
+  size_t emptied_ = kNoChunk;    // the chunk that lost its last entry most recently, not yet freed
+  Index count_ = 0;              // entries that there ever were
+  Kiv::NumberIndex numbers_;     // by the sets, which stand in the entries alone
 };
 
 template <class ViaSet>
@@ -95,19 +123,43 @@ std::pair<uint32_t, bool> AdjacencyTable<ViaSet>::take(const ViaSet& vias) {
     ++entry(*found).users;
     return {*found, false};
   }
-  if (firstFree_ == 0 && count_ % kChunk == 0) {
-    chunks_.push_back(std::make_unique<Entry[]>(kChunk));
-  }
-  const Index index = next();
-  Entry& added = entry(index);
-  numbers_.add(hash, index);
-  if (firstFree_ != 0) {
-    firstFree_ = added.nextFree;
-  } else {
-    ++count_;
-  }
-  added = {.vias = vias, .users = 1, .nextFree = 0};
+  makeRoom();
+  numbers_.add(hash, next());
+  const Index index = takeNext();
+  entry(index) = {.vias = vias, .users = 1, .nextFree = 0};
   return {index, true};
+}
+
+template <class ViaSet>
+void AdjacencyTable<ViaSet>::makeRoom() {
+  if (roomy_.empty()) {
+    if (count_ != chunks_.size() * kChunk) return;
+    // So that no later push_back() can fail.
+    if (roomy_.capacity() <= chunks_.size()) roomy_.reserve(2 * chunks_.size() + 1);
+    chunks_.push_back({.entries = std::make_unique<Entry[]>(kChunk)});
+    return;
+  }
+  Chunk& chunk = chunks_[roomy_.back()];
+  if (chunk.entries != nullptr) return;
+  chunk.entries = std::make_unique<Entry[]>(kChunk);
+  chunk.firstFree = 0;
+  for (Index index = firstOf(roomy_.back() + 1); index-- > firstOf(roomy_.back());) {
+    entry(index).nextFree = std::exchange(chunk.firstFree, index);
+  }
+}
+
+template <class ViaSet>
+uint32_t AdjacencyTable<ViaSet>::takeNext() {
+  const Index index = next();
+  Chunk& chunk = chunks_[chunkOf(index)];
+  ++chunk.used;
+  if (roomy_.empty()) {
+    ++count_;
+  } else {
+    chunk.firstFree = entry(index).nextFree;
+    if (chunk.firstFree == 0) roomy_.pop_back();
+  }
+  return index;
 }
 
 template <class ViaSet>
@@ -116,8 +168,22 @@ void AdjacencyTable<ViaSet>::drop(uint64_t index) {
   Entry& dropped = entry(index);
   if (--dropped.users != 0) return;
   numbers_.erase(dropped.vias.hash(), static_cast<Index>(index));
-  dropped = {
-      .vias = {}, .users = 0, .nextFree = std::exchange(firstFree_, static_cast<Index>(index))};
+  const size_t number = chunkOf(index);
+  Chunk& chunk = chunks_[number];
+  if (chunk.firstFree == 0) roomy_.push_back(static_cast<uint32_t>(number));
+  dropped = {.vias = {},
+             .users = 0,
+             .nextFree = std::exchange(chunk.firstFree, static_cast<Index>(index))};
+  if (--chunk.used == 0) release(number);
+}
+
+/// Frees the chunk that was emptied before this one, so that an entry that comes and goes does not
+/// allocate one each time. The last chunk stays: it may have entries that were never used.
+template <class ViaSet>
+void AdjacencyTable<ViaSet>::release(size_t emptied) {
+  const size_t former = std::exchange(emptied_, emptied);
+  if (former == kNoChunk || former == emptied || former + 1 == chunks_.size()) return;
+  if (chunks_[former].used == 0) chunks_[former].entries = nullptr;
 }
 
 }  // namespace Rovel
