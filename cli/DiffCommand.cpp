@@ -211,6 +211,9 @@ void addTable(const std::string& name, const std::string& vrf, Snapshot& snapsho
   } else if (table.state().loading) {
     std::cerr << "hostroute diff: warning: the process that writes \"" << Replay::printable(name)
               << "\" is still loading\n";
+  } else if (table.state().incomplete) {
+    std::cerr << "hostroute diff: warning: the tables of \"" << Replay::printable(name)
+              << "\" are incomplete\n";
   }
   auto& routes = snapshot.of<F>()[vrf];
   for (auto& [route, vias] : table.all(report)) {

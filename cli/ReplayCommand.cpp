@@ -15,6 +15,7 @@
 
 #include "cli/Command.h"
 #include "cli/Terminal.h"
+#include "daemon/FibInputs.h"
 #include "daemon/SharedNames.h"
 #include "platform/kiv/containers/Hash.h"
 #include "platform/tovan/Reports.h"
@@ -137,25 +138,32 @@ class TableReports {
   std::map<std::string, Counts> printed_;
 };
 
-/// Keeps the tables up and repairs them until a signal ends the process. Host routes that were lost
-/// are made again; a FIB route or FEC is not, because the events that set it are read only once.
+/// Keeps the tables up and repairs them until a signal ends the process. Entries that are lost from
+/// now on are set again.
 [[noreturn]] void hold(Daemon::Switch& sw, TableReports& reports) {
+  const Daemon::FibInputs inputs(sw);
+  const auto troubles = [] { return Tovan::corruptionCount() + Tovan::refusalCount(); };
+  // The events are read only once, so what was refused or lost before cannot be set again.
+  const bool lacksInputs = troubles() != 0;
+  sw.setIncomplete(lacksInputs);
   bool isIncomplete = false;
-  for (uint64_t seen = 0;;) {
-    std::cout.flush();  // the traces; a signal ends the process without that
-    std::this_thread::sleep_for(Daemon::Switch::kTendingInterval);
+  for (uint64_t seen = 0;; std::this_thread::sleep_for(Daemon::Switch::kTendingInterval)) {
     const bool mayGrow = sw.tendTables();
-    const uint64_t before = std::exchange(seen, Tovan::corruptionCount() + Tovan::refusalCount());
+    const uint64_t before = std::exchange(seen, troubles());
     isIncomplete |= seen != before;
     if (reports.print()) statusOfHolding = kFailed;
-    if (!isIncomplete || !mayGrow || !sw.tablesAreCurrent()) continue;
-    isIncomplete = false;
-    try {
-      sw.redo();
-    } catch (const std::exception& error) {
-      isIncomplete = true;
-      std::cerr << "hostroute: error: " << error.what() << '\n';
+    sw.setIncomplete(isIncomplete || lacksInputs);
+    if (isIncomplete && mayGrow && sw.tablesAreCurrent()) {
+      try {
+        inputs.restore(sw);
+        sw.redo();
+        isIncomplete = troubles() != seen;
+        sw.setIncomplete(isIncomplete || lacksInputs);
+      } catch (const std::exception& error) {
+        std::cerr << "hostroute: error: " << error.what() << '\n';
+      }
     }
+    std::cout.flush();  // the traces; a signal ends the process without that
   }
 }
 

@@ -47,8 +47,9 @@ warning and exit status 3. When there are several names, the error has them; cho
 
 A table is `loading` while its process reads what it starts with, then `not initialized` until its
 host-route machine is, then `initialized`, and `synchronized` when the FIB's own host routes are in
-as well. It is `left behind` when its process has ended without taking it away, and `removed` when
-its process took it away while it was read, as one does that starts again.
+as well. It is `incomplete` while routes or next hops are missing that its process had no memory
+for, or lost to damage. It is `left behind` when its process has ended without taking it away, and
+`removed` when its process took it away while it was read, as one does that starts again.
 
 A route's KERNEL column says "installed", "damped" (its host flaps), "pending", or the error with
 which the kernel refuses it; routes that do not go to the kernel have none.
@@ -56,8 +57,8 @@ which the kernel refuses it; routes that do not go to the kernel have none.
 Exit status: 0 done; 1 no daemon answers and there are no tables to show, or several to choose from,
 there are no such tables, no route to the address, or a table is damaged (what could be read of it
 is printed); 2 the command line is malformed; 3 what was printed may not be what the switch has: the
-daemon does not answer or is not ready, a table is left behind, removed, loading or not initialized, or --wait was in
-vain.)";
+daemon does not answer or is not ready, a table is left behind, removed, loading, incomplete or not
+initialized, or --wait was in vain.)";
 
 constexpr int kNotReady = 3;
 constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
@@ -91,6 +92,7 @@ struct TableState {
     if (!isCurrent) return "removed";
     if (!isLive) return "left behind";
     if (state.loading) return "loading";
+    if (state.incomplete) return "incomplete";
     if (!state.initialized) return "not initialized";
     return state.synchronized ? "synchronized" : "initialized";
   }
@@ -103,8 +105,8 @@ std::string unready(const std::vector<TableState>& tables) {
   bool anyInitialized = false;
   for (const TableState& table : tables) {
     const bool isKept = table.isLive && table.isCurrent;
-    const bool matters = table.routes != 0 || !isKept || table.state.loading;
-    if (matters && (!isKept || table.state.loading || !table.state.initialized)) {
+    const bool lacksRoutes = !isKept || table.state.loading || table.state.incomplete;
+    if (lacksRoutes || (table.routes != 0 && !table.state.initialized)) {
       return "VRF " + table.vrf + " IPv" + std::to_string(table.family) + " is " +
              std::string(table.text());
     }
@@ -181,9 +183,10 @@ class Listing {
       const auto report = [this](const std::string& damage) { reportDamage(damage); };
       const auto prefix = prefixOf<F>(options_.address);
       auto shown = prefix ? table.covering(*prefix, report) : table.all(report);
-      // The process may have ended while the table was read.
+      // The process may have ended, or lost routes, while the table was read.
       state.isLive = table.isLive();
       state.isCurrent = table.isCurrent();
+      state.state.incomplete |= table.state().incomplete;
       states_.push_back(state);
       std::erase_if(shown, [this](const auto& route) { return !this->isWanted<F>(route); });
       found_ += shown.size();

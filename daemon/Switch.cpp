@@ -76,13 +76,14 @@ void Switch::publishState(const Vrf& vrf) const {
     const auto* machine = routing.machine();
     routing.routeStatus->stateIs({.loading = loading_,
                                   .initialized = machine != nullptr && machine->initialized(),
-                                  .synchronized = F::hostRoutesSynced(*vrf.readiness)});
+                                  .synchronized = F::hostRoutesSynced(*vrf.readiness),
+                                  .incomplete = incomplete_});
   });
 }
 
-void Switch::setLoading(bool loading) {
-  if (loading == loading_) return;
-  loading_ = loading;
+/// Changes a part of the state of all tables.
+void Switch::publish(bool& former, bool now) {
+  if (std::exchange(former, now) == now) return;
   for (const auto& [name, vrf] : vrfs_) publishState(vrf);
 }
 

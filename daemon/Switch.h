@@ -176,7 +176,10 @@ class Switch {
 
   /// Tells the readers of the shared tables whether the initial inputs are still being read, so
   /// that further routes will follow soon. Initially false.
-  void setLoading(bool loading);
+  void setLoading(bool loading) { publish(loading_, loading); }
+  /// Tells them whether entries may be missing, because memory was refused or a table was damaged,
+  /// and not all of them are set again. Initially false.
+  void setIncomplete(bool incomplete) { publish(incomplete_, incomplete); }
 
   /// The counters of a VRF's machines; empty when the VRF does not exist.
   Counters counters(std::string_view vrf) const;
@@ -235,6 +238,7 @@ class Switch {
 
   Tovan::Access access() const;
   void publishState(const Vrf& vrf) const;
+  void publish(bool& former, bool now);
   template <class F>
   void openShared();
   template <class F>
@@ -266,6 +270,7 @@ class Switch {
   Tovan::TendRound tendRound_;
   uint64_t corruptions_ = 0;  // of all tables of the process, when they were tended last
   bool loading_ = false;
+  bool incomplete_ = false;
   bool isSettling_ = false;  // the machines read it to tell the cause of an announcement
   std::size_t historyEntries_ = 0;
   std::function<void(const HistoryEntry&)> historyObserver_;

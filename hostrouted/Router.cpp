@@ -241,11 +241,13 @@ void Router::tend() {
 /// Checks the shared tables for damage and refusals, if the last check was long ago.
 void Router::tendTables() {
   noteTables();
+  switch_.setIncomplete(isIncomplete_);
   if (services_.clock() < nextTending_) return;
   nextTending_ = services_.clock() + kTendingInterval;
   const bool mayGrow = switch_.tendTables(std::exchange(checksAllTables_, false));
   noteTables();
   if (isIncomplete_ && mayGrow && switch_.tablesAreCurrent()) completeTables();
+  switch_.setIncomplete(isIncomplete_);
 }
 
 /// Adds what the shared tables lost or refused.

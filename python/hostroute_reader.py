@@ -69,6 +69,7 @@ class State:
     synchronized: bool
     has_writer: bool
     is_current: bool
+    incomplete: bool
 
 
 class _Route(ctypes.Structure):
@@ -90,8 +91,8 @@ class _Via(ctypes.Structure):
 class _State(ctypes.Structure):
     _fields_ = [("routes", ctypes.c_uint64)] + [
         (name, ctypes.c_uint8)
-        for name in ("loading", "initialized", "synchronized", "has_writer", "is_current")
-    ] + [("reserved", ctypes.c_uint8 * 3)]
+        for name in ("loading", "initialized", "synchronized", "has_writer", "is_current", "incomplete")
+    ] + [("reserved", ctypes.c_uint8 * 2)]
 
 
 def _load():

@@ -13,19 +13,24 @@
 
 namespace Tovan {
 
-/// Which inputs the owner of a route table has completed.
+/// How far the owner of a route table is.
 struct RouteTableState {
   bool loading = false;       ///< the owner is still reading its initial inputs
   bool initialized = false;   ///< the host-route machine has its inputs and follows their changes
   bool synchronized = false;  ///< the FIB's own host routes are merged; see RovelReady::VrfStatus
+  /// Entries may be missing: the owner was refused memory, or lost some to damage, and has not set
+  /// all of them again.
+  bool incomplete = false;
 
   uint32_t word() const {
-    return (loading ? 1U : 0U) | (initialized ? 2U : 0U) | (synchronized ? 4U : 0U);
+    return (loading ? 1U : 0U) | (initialized ? 2U : 0U) | (synchronized ? 4U : 0U) |
+           (incomplete ? 8U : 0U);
   }
   static RouteTableState of(uint32_t word) {
     return {.loading = (word & 1) != 0,
             .initialized = (word & 2) != 0,
-            .synchronized = (word & 4) != 0};
+            .synchronized = (word & 4) != 0,
+            .incomplete = (word & 8) != 0};
   }
   friend bool operator==(const RouteTableState&, const RouteTableState&) = default;
 };

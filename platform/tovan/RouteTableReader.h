@@ -88,7 +88,7 @@ class BasicRouteTableReader {
   /// How many routes there are.
   size_t size() const { return tables_.routes->routeCount(); }
 
-  /// Which inputs the owner has completed.
+  /// How far the owner is, and whether routes may be missing.
   RouteTableState state() const { return tables_.routes->state(); }
   /// Whether there is a process that keeps the tables up to date.
   bool hasWriter() const { return tables_.routes->hasWriter(); }

@@ -117,6 +117,7 @@ class FamilyReader final : public hostroute_reader {
     to.synchronized = state.synchronized;
     to.has_writer = reader_.hasWriter();
     to.is_current = reader_.isCurrent();
+    to.incomplete = state.incomplete;
   }
   int find(const uint8_t* addr, uint32_t len, hostroute_route& to) override {
     if (len > Prefix::kMaxLen) return invalid(*this, "the prefix is too long");

@@ -67,7 +67,9 @@ typedef struct hostroute_state {
   uint8_t synchronized; /* the FIB's own host routes are included */
   uint8_t has_writer;   /* a process keeps the tables up to date */
   uint8_t is_current;   /* the names still lead to these tables */
-  uint8_t reserved[3];
+  uint8_t incomplete;   /* routes or next hops may be missing: the owner lacked memory, or lost some
+                         * to   damage, and has not set all of them again */
+  uint8_t reserved[2];
 } hostroute_state;
 
 /* Opens the tables of a VRF that a daemon shares under the name `tables`. `family` is 4 or 6.

@@ -9,6 +9,7 @@
 #include "platform/tovan/RouteTableReader.h"
 #include "platform/tovan/TableMemory.h"
 #include "tests/hostrouted/RouterWorld.h"
+#include "tests/kiv/SmallFiles.h"
 #include "tests/tovan/Damage.h"
 
 namespace Hostrouted {
@@ -77,6 +78,24 @@ TEST_F(SharedTablesTest, AreMendedThoughNothingHappens) {
   }
   idle();
   expectWhole("removed tables");
+}
+
+TEST_F(SharedTablesTest, ReadersAreToldWhileRoutesAreMissing) {
+  const Tovan::Fib::RouteTableReader reader(name, "default");
+  EXPECT_FALSE(reader.state().incomplete);
+  {
+    const Sample::SmallFiles full(4210000);  // the size that a table is made with
+    for (const uint32_t link : {1U, 2U}) {
+      for (uint32_t n = 2; n < 250; ++n) {
+        world.learn("10.0." + std::to_string(link) + "." + std::to_string(n), link);
+      }
+    }
+    EXPECT_TRUE(reader.state().incomplete);
+  }
+  world.router.tend();
+  EXPECT_FALSE(reader.state().incomplete);
+  for (uint32_t n = 2; n < 250; ++n)
+    EXPECT_TRUE(reader.find(host(n)) && reader.find(host(256 + n)));
 }
 
 }  // namespace
