@@ -605,7 +605,6 @@ Times the engine under load.
   --json FILE          writes a line for each measurement
   --without SHORT_CUT  runs the engine that was built without a short cut (target `engines`):
       cover      the cover of an interface's last neighbour is cached
-      fec        the FEC of a pass is read once
       merge      the merge of an unchanged host route is omitted
       relevance  events that are not relevant for a machine are left out
       prefetch   the memory that one event reads is prefetched

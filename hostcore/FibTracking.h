@@ -178,11 +178,10 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
   }
 
   if (const auto neighbors = F::neighborSet(root, oldFibRoute.key)) {
-    CachedFec<F> aboveFec(sm_, above.fecId);
     const auto ignore = [](const typename F::Addr&) {};
     withdraw<F>(sm_, root, *neighbors, ascending(neighbors->ipIteratorConst()), ignore,
                 [&](const typename F::Addr& addr) {
-                  if (rehome) sm_.fixupArpRouteOver(addr, above, aboveFec.get());
+                  if (rehome) sm_.fixupArpRoute(addr, above);
                   mergeSet->ipIs(addr, true);
                 });
   }

@@ -122,10 +122,9 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
     }
   }
   if (result->ipCount() == 0) return result;
-  CachedFec<F> fec(sm_, fibRoute.fecId);
   forEachRepair<F>(sm_, ascending(result->ipIteratorConst()), *intfs,
                    F::neighborSet(root_, fibRoute.key),
-                   [&](const Addr& addr) { sm_.fixupArpRouteOver(addr, fibRoute, fec.get()); });
+                   [&](const Addr& addr) { sm_.fixupArpRoute(addr, fibRoute); });
   return result;
 }
 

@@ -1,8 +1,7 @@
-// The first short cut: caches of look-ups.
+// The first short cut: a cache of look-ups.
 #pragma once
 
 #include <cstdint>
-#include <utility>
 
 #include "hostcore/Family.h"
 #include "hostcore/fast/Enabled.h"
@@ -88,28 +87,5 @@ void cacheCover(const typename F::RouteSm& sm, const CoverOf<F>& cover) {
   auto& state = sm.fast();
   if (state.cache != nullptr) state.cache->coverIs(cover, state.coverVersion);
 }
-
-/// The FEC of a route under which many neighbours are handled. It is read once, and again when a
-/// route or a FEC has changed: a callback of one neighbour's host route may change the FEC.
-template <Family F>
-class CachedFec {
- public:
-  CachedFec(const typename F::RouteSm& sm, Tovan::Fib::FecId fecId) : sm_(sm), fecId_(fecId) {}
-
-  /// Good until the next call.
-  const typename F::ForwardingStatus::Fec& get() {
-    const uint64_t version = sm_.fast().coverVersion;
-    if (std::exchange(version_, version) != version || !isEnabled(ShortCut::Fec)) {
-      fec_ = Obu::readFec(sm_.forwardingStatus(), fecId_);
-    }
-    return fec_;
-  }
-
- private:
-  const typename F::RouteSm& sm_;
-  const Tovan::Fib::FecId fecId_;
-  uint64_t version_ = 0;  // the machine's versions begin above
-  typename F::ForwardingStatus::Fec fec_;
-};
 
 }  // namespace HostCore

@@ -7,7 +7,6 @@ namespace HostCore {
 enum class ShortCut {
   None,       ///< nothing is left out
   Cover,      ///< the cover of an interface's last neighbour is cached
-  Fec,        ///< the FEC of a pass is read once
   Merge,      ///< the merge of an unchanged host route is omitted
   Relevance,  ///< events that are not relevant for a machine are left out
   Prefetch,   ///< the memory that one event reads is prefetched

@@ -41,7 +41,7 @@ struct FastState {
   size_t deferred = 0;
   /// @}
 
-  /// \name Caches, see CoverCache.h
+  /// \name The cache, see CoverCache.h
   /// @{
   /// Of the table whose neighbour is being handled; else null.
   CoverCache<R, Fec>* cache = nullptr;

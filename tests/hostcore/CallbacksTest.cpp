@@ -36,11 +36,10 @@ struct NeighborWatcher : Arp::ArpIntfStatus::NotifieeConst, Once {
   void onIp6NeighborEntry(const Zemit::Ip6Addr&) override { told(); }
 };
 
-/// Is told when a prefix is filed for the first time, or an interface's addresses are recorded.
+/// Acts when a prefix is filed for the first time.
 template <class F>
-struct RootWatcher : F::RouteSmRoot::NotifieeConst, Once {
+struct FilingWatcher : F::RouteSmRoot::NotifieeConst, Once {
   void onAdjacencyToPrefix(const Tovan::Fib::FecId&) override { told(); }
-  void onIntfNameToAddrWithMask(const Kiv::String8&) override { told(); }
 };
 
 TYPED_TEST(CallbacksTest, AReactorThatBecomesConcernedIsToldInTheSameAnnouncement) {
@@ -72,7 +71,7 @@ TYPED_TEST(CallbacksTest, ARepairReadsTheHostRouteAfterItsFiling) {
   using S = Sample<F>;
   auto& red = this->world;
   red.startWithSubnet();
-  const auto observer = watcherOf<RootWatcher<F>>(
+  const auto observer = watcherOf<FilingWatcher<F>>(
       red.root, [&] { F::neighborNotify(red.table(red.ethernet1), S::addr(5)); });
   red.learn(red.ethernet1, 5);
   EXPECT_FALSE(observer->act);
@@ -131,35 +130,6 @@ TYPED_TEST(CallbacksTest, AllVirtualAddressesAreHandledWhateverIsAddedMeanwhile)
     red.machine().handleVirtualIp6Status();
   }
   for (uint32_t n = 1; n <= 8; ++n) EXPECT_FALSE(red.hasRoute(red.routeStatus, n)) << n;
-}
-
-TYPED_TEST(CallbacksTest, TheRecordOfAnInterfacesAddressesMayGoWhenItIsMade) {
-  using F = TypeParam;
-  using S = Sample<F>;
-  auto& red = this->world;
-  red.newMachine();
-  red.machine().initializedIs(true);
-  const auto l3Status = red.inVrf(red.ethernet1, "blue");
-  const auto status = red.interface(red.ethernet1, l3Status);
-  const auto enters = [&](Once& observer, const std::function<void()>& action) {
-    observer.act = action;
-    l3Status->vrfIs(L3::VrfName("red"));
-    EXPECT_FALSE(observer.act);
-  };
-  if constexpr (S::kIsIpv4) {
-    struct SecondaryWatcher : F::RouteSmRoot::NotifieeConst, Once {
-      void onIntfNameToSecondaryAddrWithMask(const Kiv::String8&) override { told(); }
-    };
-    status->activeSecondaryWithMaskIs({S::addr(1), 24}, true);
-    enters(*watcherOf<SecondaryWatcher>(red.root),
-           [&] { red.root->intfNameToSecondaryAddrWithMaskDelAll(); });
-  } else {
-    red.addressIs(*status, 1);
-    enters(*watcherOf<RootWatcher<F>>(red.root), [&] { red.root->intfNameToAddrWithMaskDelAll(); });
-  }
-  EXPECT_EQ(red.root->receiveTable()->routeCount(), red.root->receiveAddrToIntfNameCount());
-  red.addressIs(*status, 2);
-  EXPECT_TRUE(red.hasRoute(red.root->receiveTable(), 2));
 }
 
 // Who keeps accounts of its own must not be passed by.

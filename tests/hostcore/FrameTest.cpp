@@ -1,5 +1,7 @@
 // How a state machine and its reactors come, go and reach each other.
 #include <functional>
+#include <string>
+#include <tuple>
 
 #include "platform/kiv/runtime/Clock.h"
 #include "tests/hostcore/World.h"
@@ -89,30 +91,24 @@ TYPED_TEST(FrameTest, RunsWithoutAnyOneInput) {
 TYPED_TEST(FrameTest, RefusesNullMembers) {
   World<TypeParam> world;
   world.newMachine();
-  const auto refusal = [](auto&& call) {
-    try {
-      call();
-    } catch (const Kiv::RangeException& refused) {
-      return std::string(refused.what());
-    }
-    return std::string("nothing refused");
-  };
+  auto& machine = world.machine();
   const std::string sm =
       Sample<TypeParam>::kIsIpv4 ? "Routing::Host::RouteSm" : "Routing6::Host::RouteSm";
-  auto& machine = world.machine();
-  EXPECT_EQ(refusal([&] { machine.arpIntfStatusIs(nullptr); }),
-            "null _arpIntfStatus parameter to mutator for " + sm + "::arpIntfStatus not allowed");
-  EXPECT_EQ(
-      refusal([&] { machine.vrfIpIntfStatusIs(nullptr); }),
-      "null _vrfIpIntfStatus parameter to mutator for " + sm + "::vrfIpIntfStatus not allowed");
-  EXPECT_EQ(refusal([&] { machine.ipIntfStatusFilterIs(nullptr); }),
-            "null _ipIntfStatusFilter parameter to mutator for " + sm +
-                "::ipIntfStatusFilter not allowed");
-  EXPECT_EQ(refusal([&] { machine.ipIntfStatusIs(nullptr); }),
-            "null _ipIntfStatus parameter to mutator for " + sm + "::ipIntfStatus not allowed");
-  EXPECT_EQ(refusal([&] { world.root->adjacencyToPrefixIs(nullptr); }),
-            "null _adjacencyToPrefix parameter to mutator for " + sm +
-                "Root::adjacencyToPrefix not allowed");
+  const std::tuple<std::string, std::string, std::function<void()>> setters[] = {
+      {sm, "arpIntfStatus", [&] { machine.arpIntfStatusIs(nullptr); }},
+      {sm, "vrfIpIntfStatus", [&] { machine.vrfIpIntfStatusIs(nullptr); }},
+      {sm, "ipIntfStatusFilter", [&] { machine.ipIntfStatusFilterIs(nullptr); }},
+      {sm, "ipIntfStatus", [&] { machine.ipIntfStatusIs(nullptr); }},
+      {sm + "Root", "adjacencyToPrefix", [&] { world.root->adjacencyToPrefixIs(nullptr); }}};
+  for (const auto& [type, name, set] : setters) {
+    try {
+      set();
+      ADD_FAILURE() << name << " takes null";
+    } catch (const Kiv::RangeException& refused) {
+      EXPECT_EQ(refused.what(), "null _" + name + " parameter to mutator for " + type +
+                                    "::" + name + " not allowed");
+    }
+  }
 }
 
 TYPED_TEST(FrameTest, FollowsAnInterfaceThroughVrfsAndNewStatusObjects) {

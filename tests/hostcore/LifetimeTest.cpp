@@ -373,20 +373,29 @@ TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayGoWhileItIsMade) {
   const auto l3Status = world.inVrf(world.ethernet1, "red");
   const auto status = world.interface(world.ethernet1, l3Status);
   const auto watcher = watcherOf<WeakRootWatcher<F>>(world.root);
-  watcher->act = [&world] {
+  const auto takeRecords = [&world] {
     if constexpr (Sample<F>::kIsIpv4) {
       world.root->intfNameToSecondaryAddrWithMaskDelAll();
     } else {
       world.root->intfNameToAddrWithMaskDelAll();
     }
   };
+  watcher->act = takeRecords;
   addAddress(*status, 1);
-  EXPECT_FALSE(watcher->act);
-  addAddress(*status, 2);
-  EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 1));
-  EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 2));
-  l3Status->vrfIs(L3::VrfName("blue"));
-  EXPECT_TRUE(world.machine().hasNoReceiveRoutes()) << "what was written was not recorded";
+  for (const bool entersAgain : {false, true}) {
+    if (entersAgain) {
+      watcher->act = takeRecords;
+      l3Status->vrfIs(L3::VrfName("red"));
+    } else {
+      addAddress(*status, 2);
+    }
+    EXPECT_FALSE(watcher->act);
+    EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 1));
+    EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 2));
+    l3Status->vrfIs(L3::VrfName("blue"));
+    EXPECT_TRUE(world.machine().hasNoReceiveRoutes()) << "what was written was not recorded";
+    EXPECT_EQ(world.root->receiveTable()->routeCount(), 0u);
+  }
 
   // The interface itself goes while its routes are written.
   const auto received = watcherOf<HostTableWatcher<F>>(

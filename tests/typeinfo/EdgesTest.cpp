@@ -7,6 +7,7 @@
 
 #include "daemon/Family.h"
 #include "platform/kiv/reflection/EntityDirectory.h"
+#include "tests/typeinfo/Refusal.h"
 #include "typeinfo/HostRoute6Sm.h"
 #include "typeinfo/HostRouteSm.h"
 
@@ -15,17 +16,6 @@ namespace {
 using Kiv::GenericIf;
 using Kiv::GenericValue;
 using Op = GenericIf::Op;
-
-/// Runs `operation` and returns the message of its exception.
-template <class Operation>
-std::string refusal(Operation operation) {
-  try {
-    operation();
-  } catch (const Kiv::Exception& e) {
-    return e.what();
-  }
-  return "(not refused)";
-}
 
 /// A root of one family with a machine without inputs, and the reflective interfaces to both.
 template <class F>

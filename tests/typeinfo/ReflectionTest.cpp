@@ -6,6 +6,7 @@
 
 #include "daemon/Switch.h"
 #include "platform/kiv/reflection/EntityDirectory.h"
+#include "tests/typeinfo/Refusal.h"
 #include "typeinfo/HostRoute6Sm.h"
 #include "typeinfo/HostRouteSm.h"
 
@@ -14,17 +15,6 @@ namespace {
 using Kiv::GenericIf;
 using Kiv::GenericValue;
 using Op = GenericIf::Op;
-
-/// Runs `operation` and returns the message of its exception.
-template <class Operation>
-std::string refusal(Operation operation) {
-  try {
-    operation();
-  } catch (const Kiv::Exception& e) {
-    return e.what();
-  }
-  return "(not refused)";
-}
 
 /// One attribute or method on a line: id, flags, name, types.
 std::string shown(const Kiv::AttributeDescriptor& attribute) {
