@@ -193,8 +193,10 @@ class Section {
 
 template <class Addr>
 std::optional<std::optional<Linux::Address>> parseSource(std::string_view text) {
+  using Source = std::optional<Linux::Address>;
   const auto addr = Addr::parse(text);
-  return addr ? std::optional(std::optional<Linux::Address>(*addr)) : std::nullopt;
+  // An explicit type: std::optional(Source()) would be a Source itself.
+  return addr ? std::optional<Source>(std::in_place, *addr) : std::nullopt;
 }
 std::optional<Linux::Prefix> parsePrefix(std::string_view text) {
   if (const auto prefix = Zemit::Prefix::parse(text)) return *prefix;
@@ -275,6 +277,12 @@ void readCover(Section& section, Config& config) {
                    parsePrefix);
   section.readNames("interfaces", cover.interfaces);
   section.readText("vrf", cover.vrf, "the name of a VRF", parseVrf);
+  const auto isSame = [&](const auto& other) {
+    return other.prefix == cover.prefix && other.vrf == cover.vrf;
+  };
+  if (std::ranges::any_of(config.feed.covers, isSame)) {
+    section.refuse("prefix", "expected one cover of a prefix, with all its interfaces");
+  }
   config.feed.covers.push_back(std::move(cover));
 }
 
@@ -396,6 +404,24 @@ Config Config::load(const std::string& file) {
   if (fd >= 0) ::close(fd);
   if (!problem.empty()) throw ConfigError(file + ": " + problem);
   return parse(text, file);
+}
+
+std::vector<std::string> Config::keepUntilRestart(const Config& running) {
+  std::vector<std::string> kept;
+  const auto keep = [&](const char* key, auto Config::*member) {
+    if (this->*member == running.*member) return;
+    kept.emplace_back(key);
+    this->*member = running.*member;
+  };
+  keep("export.protocol", &Config::protocol);
+  keep("daemon.run-dir", &Config::runDir);
+  keep("daemon.state-dir", &Config::stateDir);
+  keep("daemon.shared-tables", &Config::sharedName);
+  keep("daemon.receive-buffer", &Config::receiveBuffer);
+  keep("daemon.history", &Config::historyEntries);
+  keep("control.group", &Config::controlGroup);
+  keep("control.admin-group", &Config::adminGroup);
+  return kept;
 }
 
 void Config::check() const {

@@ -68,6 +68,10 @@ struct Config {
   /// Reads a regular file. \throws ConfigError, also when the file is unreadable.
   static Config load(const std::string& file);
 
+  /// Keeps the values that the daemon runs with where a change takes effect at its next start.
+  /// \return the keys whose values differed.
+  std::vector<std::string> keepUntilRestart(const Config& running);
+
   /// Refuses conflicts of several keys, such as two VRFs with one table.
   /// \throws ConfigError.
   void check() const;

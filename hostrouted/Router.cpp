@@ -200,6 +200,7 @@ void Router::noteDepartures(const Linux::Change& change) {
       routes_.linkChanged(addr->link);
     } else if (Linux::familyOf(addr->addr) == 4) {
       routes_.distrust(addr->link);
+      routes_.distrustSource(addr->addr);
     }
   } else if (const auto* entry = std::get_if<Linux::FdbEntry>(&change.object)) {
     if (!change.present) probing_.onFdbEntryGone(*entry);
@@ -424,13 +425,7 @@ void Router::warnOfAnEmptySelection() {
 }
 
 void Router::reload(const Config& config) {
-  Config next = config;
-  next.protocol = config_.protocol;
-  next.sharedName = config_.sharedName;
-  next.runDir = config_.runDir;
-  next.stateDir = config_.stateDir;
-  next.historyEntries = config_.historyEntries;
-  config_ = std::move(next);
+  config_ = config;
   feed_.setOptions(feedOptions(config_));
   routes_.setOptions(config_.kernelRoutes);
   probing_.setOptions(probingOptions(config_, mirror_, services_));

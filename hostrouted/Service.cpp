@@ -85,10 +85,23 @@ class Directory {
 /// Prints requests as ip(8) commands and does not carry them out.
 class PrintingChannel final : public Linux::RouteChannel {
  public:
+  explicit PrintingChannel(uint8_t protocol) : protocol_(protocol) {}
+
   void perform(std::span<const Linux::RouteRequest> requests, std::span<int> results) override {
-    for (const auto& request : requests) std::cout << Linux::toString(request) << '\n';
+    for (const auto& request : requests) {
+      std::cout << Linux::toString(request, nameOf) << " proto " << unsigned{protocol_} << '\n';
+    }
     std::ranges::fill(results, 0);
   }
+
+ private:
+  static std::string nameOf(Linux::LinkIndex link) {
+    std::array<char, IF_NAMESIZE> name{};
+    if (::if_indextoname(link, name.data()) == nullptr) return std::to_string(link);
+    return Replay::printable(name.data());
+  }
+
+  uint8_t protocol_;
 };
 
 /// As Linux::mayCollectNeighbors(). If the kernel cannot be asked, entries are refreshed.
@@ -131,6 +144,7 @@ class Service::Loop {
   Loop(const Config& config, Options options, Log& log)
       : options_(std::move(options)),
         log_(log),
+        printer_(config.protocol),
         writer_(config.protocol),
         prober_(config.protocol),
         notifications_({.receiveBuffer = config.receiveBuffer,
@@ -237,7 +251,8 @@ class Service::Loop {
             .logLevel = log_.level(),
             .advertisedIsSound = !advertised_ || !advertised_->hasFailed(),
             .recording = recorder_.isOn() ? recorder_.path() : "",
-            .recordingProblem = recorder_.problem()};
+            .recordingProblem = recorder_.problem(),
+            .reloadProblem = reloadProblem_};
   }
 
   /// Logs unreadable messages of the kernel.
@@ -426,13 +441,21 @@ class Service::Loop {
     const auto now = std::to_string(static_cast<uint64_t>(monotonicSeconds() * 1e6));
     ::sd_notify(0, ("RELOADING=1\nMONOTONIC_USEC=" + now).c_str());
     try {
-      const Config config = options_.reload();
+      Config config = options_.reload();
+      const auto kept = config.keepUntilRestart(router_->config());
       if (!options_.isDryRun) locks_.claim(config);
       log_.setLevel(config.logLevel);
       router_->reload(config);
       log_.write(LOG_NOTICE, "reload", "the configuration was read again");
+      reloadProblem_.clear();
+      for (const auto& key : kept) {
+        reloadProblem_ +=
+            (reloadProblem_.empty() ? "changes wait for the next start: " : ", ") + key;
+      }
+      if (!kept.empty()) log_.write(LOG_WARNING, "reload", reloadProblem_);
     } catch (const std::exception& error) {
       why = std::string(error.what()) + "; the configuration stays as it was";
+      reloadProblem_ = why;
       log_.write(LOG_ERR, "reload", why);
     }
     // New output tables may hold routes of a former process.
@@ -494,6 +517,7 @@ class Service::Loop {
   std::optional<Router> router_;
   std::optional<Control> control_;
   std::optional<ControlSocket> controlSocket_;
+  std::string reloadProblem_;
   const std::chrono::microseconds startedAt_ =
       std::chrono::duration_cast<std::chrono::microseconds>(
           std::chrono::system_clock::now().time_since_epoch());

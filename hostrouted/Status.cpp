@@ -105,6 +105,7 @@ std::vector<std::string> warnings(const Router& router, const ProcessStatus& pro
     warnings.emplace_back("the list of advertised routes cannot be written; the log says why");
   }
   if (!process.recordingProblem.empty()) warnings.push_back(process.recordingProblem);
+  if (!process.reloadProblem.empty()) warnings.push_back(process.reloadProblem);
   return warnings;
 }
 

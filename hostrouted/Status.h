@@ -20,6 +20,7 @@ struct ProcessStatus {
   bool advertisedIsSound = true;           ///< whether the list of advertised routes is on the disk
   std::string recording;                   ///< the file of the current recording, or empty
   std::string recordingProblem;            ///< the error that ended the last one, or empty
+  std::string reloadProblem;               ///< why the last reload did not change all, or empty
 };
 
 /// The daemon's state: phase, whether it is ready and why not, configuration, VRFs, numbers of

@@ -1,5 +1,6 @@
 // The hostrouted program: reads the configuration and the command line, and runs the service.
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -69,13 +70,13 @@ std::vector<std::string> split(const std::string& list) {
 }
 
 /// The configuration of the file, overridden by the command line. \throws ConfigError.
-Config configuration(const Arguments& arguments) {
-  Config config;
-  if (!arguments.file.empty()) {
-    config = Config::load(arguments.file);
-  } else if (std::filesystem::exists(Config::kDefaultFile)) {
-    config = Config::load(Config::kDefaultFile);
+Config configuration(Arguments& arguments) {
+  // Once the default file was read, its absence is an error.
+  if (arguments.file.empty() && std::filesystem::exists(Config::kDefaultFile)) {
+    arguments.file = Config::kDefaultFile;
   }
+  Config config;
+  if (!arguments.file.empty()) config = Config::load(arguments.file);
   auto& output = config.tables["default"];
   output.table4 = arguments.table4.value_or(output.table4);
   output.table6 = arguments.table6.value_or(output.table6);
@@ -138,6 +139,7 @@ int failure(const std::exception& error, int status) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ::signal(SIGPIPE, SIG_IGN);  // the write fails instead
   CLI::App app(kDescription);
   app.set_version_flag("--version", "hostrouted " HOSTROUTE_VERSION);
   Arguments arguments;

@@ -8,6 +8,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <unordered_map>
 #include <unordered_set>
@@ -102,6 +103,9 @@ class KernelRoutes {
   /// An interface went down, lost its last IPv4 address or was deleted: the kernel may have dropped
   /// its routes without a notification.
   void distrust(LinkIndex link);
+  /// An IPv4 address was deleted: the kernel may have dropped the routes with this preferred source
+  /// without a notification, as kernels before 6.6 do.
+  void distrustSource(const Address& source) { distrustedSources_.insert(source); }
   /// An interface came up or got an address: requests that the kernel refused because of it are
   /// retried.
   void linkChanged(LinkIndex link);
@@ -215,6 +219,7 @@ class KernelRoutes {
   void mend(const RouteKey& key, Entry& entry);
 
   bool settleBefore(const RouteKey& key);
+  bool mustScan() const { return scansAll_ || !distrusted_.empty() || !distrustedSources_.empty(); }
   void scan();
   void retryChangedLinks();
   void wakeDue();
@@ -254,6 +259,7 @@ class KernelRoutes {
   size_t nextDirty_ = 0;                // the first of dirty_ that is still to be handled
   std::vector<RouteKey> leftForLater_;  // dirty ones that flushAdditions() skipped
   std::unordered_set<LinkIndex> distrusted_, changedLinks_;
+  std::set<Address> distrustedSources_;
   std::vector<std::pair<RouteKey, uint32_t>> extras_;  // further routes of a key, by metric
   // Former metrics of advertised keys that were found with other metrics.
   std::vector<std::pair<RouteKey, uint32_t>> strays_;

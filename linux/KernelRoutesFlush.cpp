@@ -23,9 +23,9 @@ void KernelRoutes::flush() {
   if (!started_) return;
   now_ = clock_();
   settleFinished();
-  const bool looksAtMany = scansAll_ || !distrusted_.empty() || !changedLinks_.empty();
+  const bool looksAtMany = mustScan() || !changedLinks_.empty();
   if (looksAtMany || !strays_.empty() || !extras_.empty()) drain();
-  if (scansAll_ || !distrusted_.empty()) scan();
+  if (mustScan()) scan();
   if (!changedLinks_.empty()) retryChangedLinks();
   if (now_ >= nextWake_) wakeDue();
   if (!strays_.empty()) announceStrays();
@@ -63,7 +63,10 @@ void KernelRoutes::drain() {
 
 /// Compares all entries and marks those that may differ.
 void KernelRoutes::scan() {
-  const auto isDistrusted = values_.through(distrusted_);
+  const auto isDistrusted = values_.select([this](const RouteValue& value) {
+    return value.isThrough(distrusted_) ||
+           (value.preferredSource && distrustedSources_.contains(*value.preferredSource));
+  });
   entries_.forEach([&](const RouteKey& key, Entry& entry) {
     if (entry.actual != 0 && isDistrusted[entry.actual]) entry.set(kUnsure);
     const bool isOver = entry.actual == 0 && entry.wanted == 0;
@@ -71,11 +74,13 @@ void KernelRoutes::scan() {
     if (entry.wanted != entry.actual || mayDiffer || isOver) mark(key, entry);
   });
   distrusted_.clear();
+  distrustedSources_.clear();
   scansAll_ = false;
 }
 
 void KernelRoutes::retryChangedLinks() {
-  const auto hasChanged = values_.through(changedLinks_);
+  const auto hasChanged =
+      values_.select([this](const RouteValue& value) { return value.isThrough(changedLinks_); });
   for (auto& [key, trouble] : troubles_) {
     if (!dependsOnLink(trouble.error)) continue;
     Entry& entry = *entries_.find(key);

@@ -17,6 +17,7 @@
 #include <future>
 #include <optional>
 #include <span>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -163,12 +164,7 @@ class Dump {
     isInterrupted_ = false;
     auto datagram = receive(buffers_[0]);
     for (size_t next = 1; !isLast(datagram); next = 1 - next) {
-      // The kernel makes a datagram within the call that reads it. With many objects, a second
-      // thread makes this call while this one handles the former datagram. If the system refuses
-      // a thread, get() makes the call.
-      using enum std::launch;
-      auto following = std::async(datagram.size() > kThreadBytes ? async | deferred : deferred,
-                                  [this, next] { return receive(buffers_[next]); });
+      auto following = readAhead(buffers_[next], datagram.size() > kThreadBytes);
       handle(kind, datagram);
       datagram = following.get();
     }
@@ -196,6 +192,18 @@ class Dump {
     if (mnl_socket_sendto(socket_.get(), message, message->nlmsg_len) < 0) refuse("writing");
   }
 
+  /// Reads the next datagram while the caller handles the former one, if there are many objects:
+  /// the kernel makes a datagram within the call that reads it. Without a thread, get() reads it.
+  std::future<Datagram> readAhead(std::vector<std::byte>& buffer, bool areMany) {
+    const auto read = [this, &buffer] { return receive(buffer); };
+    if (areMany) {
+      try {
+        return std::async(std::launch::async, read);
+      } catch (const std::system_error&) {  // the system refuses a thread
+      }
+    }
+    return std::async(std::launch::deferred, read);
+  }
   Datagram receive(std::vector<std::byte>& buffer) {
     while (true) {
       const ssize_t size = mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
@@ -432,7 +440,11 @@ bool dumpAll(const TakeChange& take, const Warn& warn) {
       DeletionWatch watch(kind);
       const bool isHashed = kind.request == RTM_GETNEIGH && kind.family == AF_UNSPEC;
       const auto before = isHashed ? neighborHashes() : Hashes();
-      isWhole = dump.run(kind);
+      try {
+        isWhole = dump.run(kind);
+      } catch (const MessageError& error) {
+        throw NetlinkError(std::string("a dump: ") + error.what(), EBADMSG);
+      }
       if (isWhole && !watch.sawAny() && (!isHashed || neighborHashes() == before)) break;
     }
     if (!isWhole) return false;

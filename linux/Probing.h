@@ -63,7 +63,9 @@ class Probing {
   std::vector<Probe> due();
   /// The numbers of neighbours that wait for a probe and for a refreshment.
   size_t urgentCount() const { return urgent_.size(); }
-  size_t refreshmentCount() const { return refreshments_.size(); }
+  size_t refreshmentCount() const {
+    return refreshments_[0].queue.size() + refreshments_[1].queue.size();
+  }
   /// The clock's time at which due() should be called again, or none.
   std::optional<double> nextDeadline() const;
 

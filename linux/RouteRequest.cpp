@@ -18,7 +18,8 @@ RouteValue normalized(const Prefix& prefix, RouteValue value) {
   return value;
 }
 
-std::string toString(const RouteRequest& request) {
+std::string toString(const RouteRequest& request,
+                     const std::function<std::string(LinkIndex)>& nameOf) {
   using Verb = RouteRequest::Verb;
   const bool adds = request.verb == Verb::Add || request.verb == Verb::AddBlackhole;
   const bool isBlackhole =
@@ -31,7 +32,7 @@ std::string toString(const RouteRequest& request) {
     for (const auto& via : request.value.vias) {
       if (isMultipath) text += " nexthop";
       if (via.gateway) text += " via " + toString(*via.gateway);
-      text += " dev " + std::to_string(via.link);
+      text += " dev " + (nameOf ? nameOf(via.link) : std::to_string(via.link));
     }
     if (request.value.preferredSource) text += " src " + toString(*request.value.preferredSource);
   }

@@ -1,11 +1,14 @@
 // Requests for host routes in the kernel.
 #pragma once
 
+#include <algorithm>
 #include <compare>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
+#include <unordered_set>
 #include <variant>
 #include <vector>
 
@@ -45,6 +48,11 @@ struct RouteValue {
   uint32_t metric = 0;
   std::optional<Address> preferredSource;
 
+  /// Whether it has a via through one of the links.
+  bool isThrough(const std::unordered_set<LinkIndex>& links) const {
+    return std::ranges::any_of(vias, [&](const auto& via) { return links.contains(via.link); });
+  }
+
   friend auto operator<=>(const RouteValue&, const RouteValue&) = default;
 };
 
@@ -67,9 +75,10 @@ struct RouteRequest {
   friend bool operator==(const RouteRequest&, const RouteRequest&) = default;
 };
 
-/// A request as a command of ip(8): "route add 10.0.0.5/32 dev 3 table 10 metric 20". Interfaces
-/// are numbers.
-std::string toString(const RouteRequest& request);
+/// A request as a command of ip(8): "route add 10.0.0.5/32 dev 3 table 10 metric 20".
+/// \param nameOf  the name of an interface; without it, interfaces are numbers.
+std::string toString(const RouteRequest& request,
+                     const std::function<std::string(LinkIndex)>& nameOf = {});
 
 /// Carries out requests in order. An addition fails if a route of the same table, prefix and metric
 /// exists. A deletion removes only a route with our protocol number.

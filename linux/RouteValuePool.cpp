@@ -1,7 +1,5 @@
 #include "linux/RouteValuePool.h"
 
-#include <algorithm>
-
 namespace Linux {
 
 RouteValuePool::Id RouteValuePool::take(RouteValue value) {
@@ -26,15 +24,6 @@ void RouteValuePool::drop(Id id) {
   if (id == 0 || --slots_[id].users != 0) return;
   index_.erase(slots_[id].at);
   unused_.push_back(id);
-}
-
-std::vector<bool> RouteValuePool::through(const std::unordered_set<LinkIndex>& links) const {
-  std::vector<bool> result(slots_.size());
-  for (const auto& [value, id] : index_) {
-    result[id] =
-        std::ranges::any_of(value.vias, [&](const auto& via) { return links.contains(via.link); });
-  }
-  return result;
 }
 
 }  // namespace Linux

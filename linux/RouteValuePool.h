@@ -26,8 +26,13 @@ class RouteValuePool {
   /// Counts one user less.
   void drop(Id id);
   const RouteValue& operator[](Id id) const { return slots_[id].at->first; }
-  /// For each number, whether its value has a via through one of the links.
-  std::vector<bool> through(const std::unordered_set<LinkIndex>& links) const;
+  /// For each number, whether `test` is true of its value.
+  template <class Test>
+  std::vector<bool> select(const Test& test) const {
+    std::vector<bool> selected(slots_.size());
+    for (const auto& [value, id] : index_) selected[id] = test(value);
+    return selected;
+  }
 
  private:
   using Index = std::map<RouteValue, Id>;

@@ -95,6 +95,11 @@ TEST(ConfigTest, ErrorsNameFileLineKeyAndWhatWasExpected) {
       {"[[cover]]\nprefix = \"10.0.0.1/24\"\ninterfaces = []",
        "f.toml:2: cover.prefix: expected a prefix without host bits, such as \"10.0.0.0/24\""},
       {"[[cover]]\nprefix = \"10.0.0.0/24\"", "f.toml:1: cover: interfaces is missing"},
+      {"[[cover]]\nprefix = \"10.0.0.0/24\"\ninterfaces = [\"a\"]\n"
+       "[[cover]]\nprefix = \"10.0.0.0/24\"\ninterfaces = [\"b\"]",
+       "f.toml:5: cover.prefix: expected one cover of a prefix, with all its interfaces"},
+      {"[export]\npreferred-source = \"2001:db8::1\"",
+       "f.toml:2: export.preferred-source: expected an IPv4 address"},
       {"[probe]\nkeepalive = 1", "f.toml:2: probe.keepalive: expected true or false"},
       {"[damping]\nwindow = -1", "f.toml:2: damping.window: expected a number of seconds from"},
       {"[export]\ntable6 = 255",
@@ -109,6 +114,18 @@ TEST(ConfigTest, ErrorsNameFileLineKeyAndWhatWasExpected) {
     EXPECT_EQ(refusal(text).substr(0, std::string_view(expected).size()), expected) << text;
   }
   for (const char* file : {"/", "/no such file"}) EXPECT_THROW(Config::load(file), ConfigError);
+}
+
+TEST(ConfigTest, KeysOfTheNextStartKeepTheirValues) {
+  const Config running;
+  auto next =
+      Config::parse("[export]\nprotocol = 206\nmetric = 7\n[daemon]\nhistory = 5", "f.toml");
+  EXPECT_EQ(next.keepUntilRestart(running),
+            (std::vector<std::string>{"export.protocol", "daemon.history"}));
+  EXPECT_EQ(next.protocol, running.protocol);
+  EXPECT_EQ(next.historyEntries, running.historyEntries);
+  EXPECT_EQ(next.metric4, 7u);
+  EXPECT_EQ(next.keepUntilRestart(running), std::vector<std::string>());
 }
 
 TEST(ConfigTest, WhatIsNoRegularFileIsRefusedAndNotWaitedFor) {

@@ -375,6 +375,20 @@ TEST_F(KernelRoutesTest, AnnouncesRoutesThatTheKernelDroppedWithoutANotification
   expectRight();
 }
 
+TEST_F(KernelRoutesTest, NoticesRoutesThatWentWithTheirPreferredSource) {
+  const Address source = *Zemit::IpAddr::parse("192.0.2.1");
+  const RouteValue sourced{.vias = {{1, {}}}, .metric = 20, .preferredSource = source};
+  want(key4(1), sourced);
+  want(key4(2), direct(1, 20));
+  routes->flush();
+  kernel.dropSilently(1);
+  told();
+  routes->distrustSource(source);
+  routes->flush();
+  EXPECT_EQ(routes->counters().silentLosses, 1u);
+  for (const auto& request : told()) EXPECT_EQ(request.find("10.0.0.2/"), std::string::npos);
+}
+
 TEST_F(KernelRoutesTest, RemovesTheRoutesOfADownInterfaceAndRestoresThem) {
   for (const auto& key : {key4(1), key6(1)}) want(key, direct(1));
   routes->flush();
