@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <net/if.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
 #include <syslog.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -34,6 +36,7 @@
 #include "linux/AdvertisedFile.h"
 #include "linux/Netlink.h"
 #include "linux/RequestSocket.h"
+#include "replay/Printable.h"
 
 namespace Hostrouted {
 namespace {
