@@ -23,6 +23,7 @@ namespace {
 Linux::FeedOptions feedOptions(const Config& config) {
   auto options = config.feed;
   options.readyBeforeNeighbors = true;
+  options.scattersNeighbors = true;
   return options;
 }
 

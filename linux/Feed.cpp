@@ -380,8 +380,13 @@ void Feed::Work::markNeighborsOf(LinkIndex link, const Port& port) {
       }
     }
   });
-  std::ranges::sort(markedNeighbors_.begin() + first, markedNeighbors_.end(), {},
-                    [](const MarkedNeighbor& marked) { return scattered(marked.addr); });
+  const auto begin = markedNeighbors_.begin() + first;
+  if (options_.scattersNeighbors) {
+    std::ranges::sort(begin, markedNeighbors_.end(), {},
+                      [](const MarkedNeighbor& marked) { return scattered(marked.addr); });
+  } else {
+    std::ranges::sort(begin, markedNeighbors_.end(), {}, &MarkedNeighbor::addr);
+  }
 }
 
 void Feed::Work::findAddresses() {

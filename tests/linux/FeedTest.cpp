@@ -132,8 +132,8 @@ TEST_F(FeedTest, TheFirstFlushHasAllOperationsInOrder) {
             "route,vrf:blue,prefix:2001:db8::/64,type:connected_,fec:3\n"
             "neighborTable,intf:swp1\n"
             "neighborTable,intf:swp2\n"
-            "neighbor,intf:swp1,ip:10.0.0.6,mac:02:00:00:00:00:05\n"
             "neighbor,intf:swp1,ip:10.0.0.5,mac:02:00:00:00:00:05\n"
+            "neighbor,intf:swp1,ip:10.0.0.6,mac:02:00:00:00:00:05\n"
             "neighbor,intf:swp2,ip:2001:db8::5,mac:02:00:00:00:00:05\n"
             "initialized,value:true\n"
             "ribReady,value:true\n"
@@ -499,6 +499,20 @@ TEST_F(FeedTest, ReadinessBeforeTheNeighborsGivesTheSameResult) {
   put(neighbor(1, "10.0.9.5"));
   bringUp();
   EXPECT_EQ(hosts(), "10.0.0.5");
+}
+
+TEST_F(FeedTest, ScatteredNeighborsFollowTheLastBitsOfTheirAddresses) {
+  options.scattersNeighbors = true;
+  feed.setOptions(options);
+  for (const char* addr : {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4"}) put(neighbor(1, addr));
+  put(link(1, "swp1"));
+  feed.setComplete();
+  const std::string text = flush();
+  std::string order;
+  for (size_t at = 0; (at = text.find("ip:10.0.0.", at)) != std::string::npos; at += 10) {
+    order += text[at + 10];
+  }
+  EXPECT_EQ(order, "4213");
 }
 
 TEST_F(FeedTest, NamesWithAMeaningForASwitchAreReplaced) {

@@ -9,7 +9,9 @@
 #include <chrono>
 #include <iterator>
 #include <random>
+#include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -28,6 +30,20 @@ void fill(Mirror& mirror) {
   mirror.beginDump();
   while (!dumpAll([&](const Change& change) { mirror.apply(change); })) mirror.beginDump();
   mirror.endDump();
+}
+
+/// The mirror's objects as text. An IPv6 next hop without a carrier is not `dead` there: whether
+/// the kernel revives it when its interface comes up depends on how soon the carrier is lost again.
+std::set<std::string> comparableTextOf(const Mirror& mirror) {
+  std::set<std::string> result;
+  for (std::string line : textOf(mirror)) {
+    constexpr std::string_view kDead = " dead linkdown";
+    if (line.find("::") != std::string::npos) {
+      for (size_t at = 0; (at = line.find(kDead, at)) != std::string::npos;) line.erase(at, 5);
+    }
+    result.insert(std::move(line));
+  }
+  return result;
 }
 
 /// A mirror of the test's namespace, updated by notifications.
@@ -57,7 +73,7 @@ class Kept {
       Mirror fresh;
       fill(fresh);
       read();
-      const std::string found = difference(textOf(mirror_), textOf(fresh));
+      const std::string found = difference(comparableTextOf(mirror_), comparableTextOf(fresh));
       if (found.empty()) return testing::AssertionSuccess();
       if (steady_clock::now() > end)
         return testing::AssertionFailure() << "kept -, fresh +\n" << found;
