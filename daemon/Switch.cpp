@@ -295,12 +295,11 @@ void Switch::setFec(const Tovan::BasicFec<Tovan::BasicVia<Addr>>& fec, bool pres
   }
   if (present) {
     forwarding.fecIs(fec);
+    for (const auto& via : fec) concerned.insert(via.intf);
   } else {
     forwarding.fecDel(fec.id());
   }
-  if (!options_.settles) return;
-  for (const auto& via : fec) concerned.insert(via.intf);
-  settleOn<F>(concerned);
+  if (options_.settles) settleOn<F>(concerned);
 }
 
 template <class Prefix, class Type>

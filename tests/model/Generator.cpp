@@ -214,7 +214,7 @@ json Generator::random() {
                                                    "addr",     "intf",          "virtualIp"};
   if (kRemovable.contains(op) && chance(weights_.removal)) {
     event["present"] = false;
-    event.erase("vias");
+    if (chance(50)) event.erase("vias");
   }
   return event;
 }
