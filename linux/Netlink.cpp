@@ -175,7 +175,7 @@ class Dump {
  private:
   using Datagram = std::span<const std::byte>;
 
-  /// A thread pays from a datagram of this size on.
+  /// The size in bytes above which reading the next datagram in a thread saves time.
   static constexpr size_t kThreadBytes = 16 << 10;
 
   void request(const Kind& kind) {

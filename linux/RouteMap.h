@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <tuple>
-#include <utility>
 #include <variant>
 
 #include "linux/RouteRequest.h"
@@ -20,14 +19,15 @@ class RouteMap {
   size_t size() const { return mapOf<Zemit::Prefix>().size() + mapOf<Zemit::Ip6Prefix>().size(); }
   bool empty() const { return size() == 0; }
 
-  /// The value of `key`, or null. Valid until an insertion.
+  /// The value of `key`, or null. The pointer is valid until the next get() or erase().
   V* find(const RouteKey& key) {
     return apply(*this, key, [](auto& map, const auto& own) { return map.find(own); });
   }
   const V* find(const RouteKey& key) const {
     return apply(*this, key, [](const auto& map, const auto& own) { return map.find(own); });
   }
-  /// The value of `key`, which is made if there was none.
+  /// The value of `key`. Adds a default value if there is none. The reference is valid as long as
+  /// the pointer of find().
   V& get(const RouteKey& key) {
     return apply(*this, key,
                  [](auto& map, const auto& own) -> V& { return *map.tryEmplace(own).first; });
