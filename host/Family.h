@@ -29,6 +29,8 @@ struct Ipv4 {
   using Neighbor = Arp::ArpEntryStatus;
   using RouteSm = Host::RouteSm;
   using RouteSmRoot = Host::RouteSmRoot;
+  using Intfs = Ip::Status;
+  using IntfsAttribute = Intfs::IpIntfStatusAttribute;
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRouteTrace; }
@@ -109,6 +111,10 @@ struct Ipv4 {
   static auto& seqInfoSlot(RouteSm& sm) { return sm.ipv4SeqInfo_; }
   static auto& virtualIpSlot(RouteSm& sm) { return sm.virtualIpStatus_; }
   static auto& routeSmSlot(RouteSmRoot& root) { return root.routeSm_; }
+  static auto& deferredMerges(const RouteSmRoot& root) { return root.toMerge_; }
+  static auto& deferredMerges(RouteSmRoot& root) { return root.toMerge_; }
+  static auto& tableReactors(RouteSm& sm) { return sm.arpIntfStatus_; }
+  static auto& filterReactors(RouteSm& sm) { return sm.ipIntfStatusFilter_; }
   static void handleVirtualIps(RouteSm& sm) { sm.handleVirtualIpStatus(); }
   static void followInterfaces(RouteSm::KivIpStatus& reactor) {
     reactor.onIpIntfStatuskivImmediate();
@@ -120,11 +126,15 @@ struct Ipv4 {
     readiness.v4HostRoutesSyncedIs(true);
   }
 
-  // The receive routes of interfaces.
+  // The interfaces, and their receive routes.
+  static auto intfIterator(const Intfs& intfs) { return intfs.ipIntfStatusIteratorConst(); }
+  static Ip::IpIntfStatus::PtrConst intfStatus(const Intfs& intfs, Zemit::IntfId intf) {
+    return intfs.ipIntfStatus(intf);
+  }
   static Ip::IpIntfStatus::PtrConst intfStatus(const RouteSm& sm, Zemit::IntfId intfId) {
-    const auto* status = HostCore::watchedBy(sm.ipStatus());
-    if (status == nullptr) return nullptr;
-    return status->ipIntfStatus(intfId);
+    const auto* intfs = HostCore::watchedBy(sm.ipStatus());
+    if (intfs == nullptr) return nullptr;
+    return intfStatus(*intfs, intfId);
   }
   static void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
                                   const Kiv::Name& intfName, const Kiv::Ptr<RouteSmRoot>& root,

@@ -55,6 +55,10 @@ void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id)
   Frame(*this).reportException(reactor, id);
 }
 
+void RouteSm::needsReactors() {
+  HostCore::Reactors<Ipv4>(*this).makeAll();
+}
+
 void RouteSm::missed() {
   HostCore::Trust<Ipv4>(*this).end();
 }
@@ -120,13 +124,12 @@ void RouteSm::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
 }
 
 void RouteSm::ipIntfStatusFilterIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  Frame(*this).intfMemberIs(ipIntfStatusFilter_, Ipv4::Text::kNullIpIntfStatusFilter, ipIntfStatus);
+  Frame(*this).ipIntfStatusFilterIs(ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatusFilter> RouteSm::newIpIntfStatusFilter(
     const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  return Frame(*this).newIntfMember(ipIntfStatusFilter_, Ipv4::Text::kNullIpIntfStatusFilter,
-                                    ipIntfStatus);
+  return Frame(*this).newIpIntfStatusFilter(ipIntfStatus);
 }
 
 void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
@@ -138,12 +141,12 @@ void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) 
 }
 
 void RouteSm::ipIntfStatusIs(const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  Frame(*this).intfMemberIs(ipIntfStatus_, Ipv4::Text::kNullIpIntfStatus, ipIntfStatus);
+  Frame(*this).ipIntfStatusIs(ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatus> RouteSm::newIpIntfStatus(
     const Ip::IpIntfStatus::PtrConst& ipIntfStatus) {
-  return Frame(*this).newIntfMember(ipIntfStatus_, Ipv4::Text::kNullIpIntfStatus, ipIntfStatus);
+  return Frame(*this).newIpIntfStatus(ipIntfStatus);
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
@@ -204,8 +207,9 @@ void RouteSm::KivIpStatus::onIpIntfStatus(const Zemit::IntfId& intfId) {
 void RouteSm::KivIpStatus::onIpIntfStatuskivImmediate() {
   if (!mayAct()) return;
   const Kiv::Ptr<KivIpStatus> alive(this);
-  HostCore::followInterfaces(*routeSm(), notifierRaw()->ipIntfStatusKeys(),
-                             [this](Zemit::IntfId intfId) { onIpIntfStatus(intfId); });
+  HostCore::Reactors<Ipv4>(*routeSm()).followInterfaces([this](Zemit::IntfId intfId) {
+    onIpIntfStatus(intfId);
+  });
 }
 
 void RouteSm::KivIpIntfStatusFilter::handleVrf() {

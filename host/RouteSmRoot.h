@@ -184,7 +184,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   }
 
   /// The addresses whose merge waits for the state machine to be initialized.
-  KIV_SINGLETON(270, toMerge, ToMerge, Obu::AddrSet)
+  KIV_SINGLETON_ON(270, toMerge, ToMerge, Obu::AddrSet, Kiv::DeferredSingleton)
   /// Makes the set that `prefix` names, in place of one of another name; returns it.
   Obu::AddrSet::Ptr toMergeIs(const Zemit::Prefix& prefix);
   /// Makes an empty one in its place; returns it.

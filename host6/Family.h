@@ -55,6 +55,8 @@ struct Ipv6 {
   using Neighbor = Arp::Ip6NeighborEntryStatus;
   using RouteSm = Host::RouteSm;
   using RouteSmRoot = Host::RouteSmRoot;
+  using Intfs = Ip6::Status;
+  using IntfsAttribute = Intfs::IntfAttribute;
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRoute6Trace; }
@@ -139,6 +141,10 @@ struct Ipv6 {
   static auto& seqInfoSlot(RouteSm& sm) { return sm.ipv6SeqInfo_; }
   static auto& virtualIpSlot(RouteSm& sm) { return sm.virtualIp6Status_; }
   static auto& routeSmSlot(RouteSmRoot& root) { return root.routeSm_; }
+  static auto& deferredMerges(const RouteSmRoot& root) { return root.toMerge_; }
+  static auto& deferredMerges(RouteSmRoot& root) { return root.toMerge_; }
+  static auto& tableReactors(RouteSm& sm) { return sm.arpIntfStatus_; }
+  static auto& filterReactors(RouteSm& sm) { return sm.ipIntfStatusFilter_; }
   static void handleVirtualIps(RouteSm& sm) { sm.handleVirtualIp6Status(); }
   static void followInterfaces(RouteSm::KivIpStatus& reactor) { reactor.onIntfkivImmediate(); }
   /// Reports the VRF's host routes synchronised as of now, unless that was done before.
@@ -148,11 +154,15 @@ struct Ipv6 {
     readiness.v6HostRoutesSyncedIs(true);
   }
 
-  // The receive routes of interfaces.
+  // The interfaces, and their receive routes.
+  static auto intfIterator(const Intfs& intfs) { return intfs.intfIteratorConst(); }
+  static Ip6::IntfStatus::PtrConst intfStatus(const Intfs& intfs, Zemit::IntfId intf) {
+    return intfs.intf(intf);
+  }
   static Ip6::IntfStatus::PtrConst intfStatus(const RouteSm& sm, Zemit::IntfId intfId) {
-    const auto* status = HostCore::watchedBy(sm.ipStatus());
-    if (status == nullptr) return nullptr;
-    return status->intf(intfId);
+    const auto* intfs = HostCore::watchedBy(sm.ipStatus());
+    if (intfs == nullptr) return nullptr;
+    return intfStatus(*intfs, intfId);
   }
   static void removeReceiveRoutes(const Ip6::IntfStatus::PtrConst& status,
                                   const Kiv::Name& intfName, const Kiv::Ptr<RouteSmRoot>& root,

@@ -56,6 +56,10 @@ void RouteSm::reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id)
   Frame(*this).reportException(reactor, id);
 }
 
+void RouteSm::needsReactors() {
+  HostCore::Reactors<Ipv6>(*this).makeAll();
+}
+
 void RouteSm::missed() {
   HostCore::Trust<Ipv6>(*this).end();
 }
@@ -121,13 +125,12 @@ void RouteSm::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
 }
 
 void RouteSm::ipIntfStatusFilterIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
-  Frame(*this).intfMemberIs(ipIntfStatusFilter_, Ipv6::Text::kNullIpIntfStatusFilter, ipIntfStatus);
+  Frame(*this).ipIntfStatusFilterIs(ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatusFilter> RouteSm::newIpIntfStatusFilter(
     const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
-  return Frame(*this).newIntfMember(ipIntfStatusFilter_, Ipv6::Text::kNullIpIntfStatusFilter,
-                                    ipIntfStatus);
+  return Frame(*this).newIpIntfStatusFilter(ipIntfStatus);
 }
 
 void RouteSm::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
@@ -139,12 +142,12 @@ void RouteSm::kiv_handleIpIntfStatusFilter(const KivIpIntfStatusFilter& filter) 
 }
 
 void RouteSm::ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
-  Frame(*this).intfMemberIs(ipIntfStatus_, Ipv6::Text::kNullIpIntfStatus, ipIntfStatus);
+  Frame(*this).ipIntfStatusIs(ipIntfStatus);
 }
 
 Kiv::Ptr<RouteSm::KivIpIntfStatus> RouteSm::newIpIntfStatus(
     const Ip6::IntfStatus::PtrConst& ipIntfStatus) {
-  return Frame(*this).newIntfMember(ipIntfStatus_, Ipv6::Text::kNullIpIntfStatus, ipIntfStatus);
+  return Frame(*this).newIpIntfStatus(ipIntfStatus);
 }
 
 void RouteSm::arpIntfStatusIs(const ArpTable& arpIntfStatus) {
@@ -198,8 +201,9 @@ void RouteSm::KivIpStatus::onIntf(const Zemit::IntfId& intfId) {
 void RouteSm::KivIpStatus::onIntfkivImmediate() {
   if (!mayAct()) return;
   const Kiv::Ptr<KivIpStatus> alive(this);
-  HostCore::followInterfaces(*routeSm(), notifierRaw()->intfKeys(),
-                             [this](Zemit::IntfId intfId) { onIntf(intfId); });
+  HostCore::Reactors<Ipv6>(*routeSm()).followInterfaces([this](Zemit::IntfId intfId) {
+    onIntf(intfId);
+  });
 }
 
 void RouteSm::KivIpIntfStatusFilter::handleVrf() {

@@ -131,9 +131,9 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   };
 
   /// Watches interfaces come and go, in whatever VRF.
-  class KivIpStatus final : public Reactor<Ip6::Status> {
+  class KivIpStatus final : public HostCore::DirectoryReactor<Ip6::Status, RouteSm> {
    public:
-    using MachineReactor::MachineReactor;
+    using DirectoryReactor::DirectoryReactor;
 
     void onIntf(const Zemit::IntfId& intfId) override;
     void onIntfkivImmediate() override;
@@ -282,8 +282,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   KIV_FURTHER_DELETIONS(vrfIpIntfStatus, VrfIpIntfStatus)
 
   /// A reactor for each interface of any VRF.
-  KIV_COLLECTION_VIEW(275, ipIntfStatusFilter, IpIntfStatusFilter, Zemit::IntfId,
-                      Kiv::Ptr<KivIpIntfStatusFilter>)
+  KIV_DEFERRED_COLLECTION_VIEW(275, ipIntfStatusFilter, IpIntfStatusFilter, Zemit::IntfId,
+                               Kiv::Ptr<KivIpIntfStatusFilter>)
   /// Makes the interface's reactor, or points it at `ipIntfStatus`.
   /// \throws Kiv::RangeException when it is null.
   void ipIntfStatusFilterIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
@@ -311,7 +311,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   }
 
   /// A reactor for each neighbour table.
-  KIV_COLLECTION_VIEW(282, arpIntfStatus, ArpIntfStatus, Kiv::Name, Kiv::Ptr<KivArpIntfStatus>)
+  KIV_DEFERRED_COLLECTION_VIEW(282, arpIntfStatus, ArpIntfStatus, Kiv::Name,
+                               Kiv::Ptr<KivArpIntfStatus>)
   /// Makes the table's reactor, or points it at `arpIntfStatus`; entries that only the former table
   /// had are handled as deleted.
   /// \throws Kiv::RangeException when it is null.
@@ -425,6 +426,9 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Something may have happened without the machine's knowledge, such as a notification that was
   /// kept from its handler: it takes no short cut from now on.
   void missed();
+  /// Makes the reactors of interfaces and neighbour tables that are missing because no event
+  /// concerns them; see hostcore/fast/Reactors.h.
+  void needsReactors();
 
   /// Traces the exception with which a reactor's callback has just ended.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;

@@ -175,7 +175,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   }
 
   /// The addresses whose merge waits for the state machine to be initialized.
-  KIV_SINGLETON(269, toMerge, ToMerge, Obu::Ip6AddrSet)
+  KIV_SINGLETON_ON(269, toMerge, ToMerge, Obu::Ip6AddrSet, Kiv::DeferredSingleton)
   /// Makes the set that `prefix` names, in place of one of another name; returns it.
   Obu::Ip6AddrSet::Ptr toMergeIs(const Zemit::Ip6Prefix& prefix);
   /// Makes an empty one in its place; returns it.

@@ -132,12 +132,8 @@ void Explain<F>::findNeighbors(const Addr& addr, State& state) const {
   state.cover.lack = lookup_.findCover(addr, cover);
   state.cover.cover = cover.route;
   state.cover.coverVias = viasOf(cover.fec);
-  auto names = sm_.arpIntfStatusKeys();
-  std::sort(names.begin(), names.end());
-  for (const Kiv::Name& name : names) {
-    const auto reactor = sm_.arpIntfStatus(name);
-    const auto* table = reactor ? reactor->notifierRaw() : nullptr;
-    if (table == nullptr || F::findNeighbor(*table, addr) == nullptr) continue;
+  for (const auto& table : Reactors<F>(sm_).watchedTables()) {
+    if (F::findNeighbor(*table, addr) == nullptr) continue;
     Neighbor neighbor{.intf = table->intfId()};
     if (skipInterface(*table)) {
       neighbor.lack = Lack::Skipped;
@@ -145,7 +141,7 @@ void Explain<F>::findNeighbors(const Addr& addr, State& state) const {
       continue;
     }
     typename Lookup<F>::Cover own;
-    neighbor.lack = lookup_.findCover(addr, table, own);
+    neighbor.lack = lookup_.findCover(addr, table.get(), own);
     neighbor.cover = own.route;
     neighbor.coverVias = viasOf(own.fec);
     if (neighbor.lack == Lack::None) {

@@ -33,6 +33,8 @@ concept FamilyTypes = requires {
   typename F::RouteSm;
   typename F::RouteSm::Inputs;
   typename F::RouteSmRoot;
+  typename F::Intfs;           // the interfaces with the family enabled
+  typename F::IntfsAttribute;  // the attribute that has them
 };
 
 /// Its constants, and the words of its messages that differ.
@@ -78,6 +80,11 @@ concept FamilyAccessors = requires(typename F::RouteSm& sm, typename F::RouteSmR
   F::neighborSetDel(root, prefix);
   // Inputs and reactors.
   F::intfStatus(sm, intf);
+  F::intfStatus(*sm.ipStatus()->notifierRaw(), intf);
+  F::intfIterator(*sm.ipStatus()->notifierRaw());
+  F::tableReactors(sm);
+  F::filterReactors(sm);
+  F::deferredMerges(root);
   F::seqInfoSlot(sm);
   F::virtualIpSlot(sm);
   F::routeSmSlot(root);

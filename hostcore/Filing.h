@@ -16,6 +16,7 @@ void file(typename F::RouteSm& sm, typename F::RouteSmRoot& root, Tovan::Fib::Fe
     list->prefixIs(prefix, true);
     return;
   }
+  ShortCuts<F>(sm).listMade(fecId);
   const auto list = F::PrefixList::PrefixListIs(fecId);
   root.adjacencyToPrefixIs(list);
   list->prefixIs(prefix, true);

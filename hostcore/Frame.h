@@ -142,11 +142,46 @@ class RibReadyReactor : public MachineReactor<RovelReady::VrfStatus, Machine> {
   RovelReady::VrfStatus::Ptr status_;
 };
 
+/// A reactor on the directory of tables or interfaces. The machine may lack reactors of some of
+/// these only while it would hear of each one that is added or removed.
+template <class Notifier, class Machine>
+class DirectoryReactor : public MachineReactor<Notifier, Machine> {
+ public:
+  using Base = MachineReactor<Notifier, Machine>;
+  using Base::Base;
+
+  void notifierIs(const Kiv::Ptr<const Notifier>& notifier) {
+    if (notifier.get() != this->notifierRaw()) needsReactors();
+    Base::notifierIs(notifier);
+  }
+  void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity) override {
+    needsReactors();
+    Base::kivFwkActivityIs(activity);
+  }
+  void hasNotificationActiveIs(bool active) override {
+    needsReactors();
+    Base::hasNotificationActiveIs(active);
+  }
+  void kivDoZombieReactors(bool zombie) override {
+    needsReactors();
+    Base::kivDoZombieReactors(zombie);
+  }
+  void retire() override {
+    needsReactors();
+    Base::retire();
+  }
+
+ private:
+  void needsReactors() {
+    if (this->routeSm() != nullptr) this->routeSm()->needsReactors();
+  }
+};
+
 /// Watches neighbour tables come and go.
 template <class NeighborDir, class Machine>
-class NeighborDirReactor : public MachineReactor<NeighborDir, Machine> {
+class NeighborDirReactor : public DirectoryReactor<NeighborDir, Machine> {
  public:
-  using MachineReactor<NeighborDir, Machine>::MachineReactor;
+  using DirectoryReactor<NeighborDir, Machine>::DirectoryReactor;
 
   void onArpIntfStatus(const Kiv::Name& name) override {
     if (!this->mayAct()) return;
@@ -309,33 +344,21 @@ auto renewMember(Collection& collection, Machine& sm, const Key& key) {
 
 /// Points the reactor of `key` at `input`, made first if it is not there. Returns the reactor's
 /// former input, or null.
-template <class Collection, class Machine, class Key, class Input>
-Input bindMember(Collection& collection, Machine& sm, const Key& key, const Input& input) {
-  auto reactor = collection.get(key);
-  if (!reactor) {
-    reactor = newMember(collection, sm, key);
-    // A callback may have removed it.
-    if (collection.get(key) != reactor) return nullptr;
-  }
+///
+/// \param place  is called with the reactor before it is registered with `input`.
+template <class Collection, class Machine, class Key, class Input, class Place>
+Input bindMember(Collection& collection, Machine& sm, const Key& key, const Input& input,
+                 Place place) {
+  const auto* present = collection.stored(key);
+  const auto reactor = present == nullptr ? newMember(collection, sm, key) : *present;
+  // A callback may have removed it.
+  present = collection.stored(key);
+  if (present == nullptr || *present != reactor) return nullptr;
   const Input former = reactor->notifier();
   reactor->routeSmIs(&sm);
+  place(*reactor);
   reactor->notifierIs(input);
   return former;
-}
-
-/// Brings the filters of `sm` in step with the interfaces there are, `present`; `handle` does so
-/// for one, present or not.
-///
-/// In the order of their names: the last interface to write an address that several have owns it.
-template <class Machine, class Handle>
-void followInterfaces(const Machine& sm, std::vector<Zemit::IntfId> present, Handle handle) {
-  const auto handleAll = [&handle](std::vector<Zemit::IntfId> intfs) {
-    std::sort(intfs.begin(), intfs.end(),
-              [](Zemit::IntfId a, Zemit::IntfId b) { return a.name() < b.name(); });
-    for (const Zemit::IntfId intfId : intfs) handle(intfId);
-  };
-  handleAll(std::move(present));
-  handleAll(sm.ipIntfStatusFilterKeys());
 }
 
 /// Traces the exception with which a reactor's callback has just ended, and counts it as a failure.

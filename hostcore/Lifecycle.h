@@ -14,8 +14,9 @@ void handleInitialized(typename F::RouteSm& sm) {
   sm.handleStatusRoute();
   sm.handleHostStatusRoute();
   sm.handleArpEntries();
-  const auto toMerge = Kiv::validPtr(sm.rootRaw()).toMerge();
-  ShortCuts<F>(sm).deferredMergesTaken(toMerge.get());
+  const auto& root = Kiv::validPtr(sm.rootRaw());
+  ShortCuts<F>(sm).deferredMergesTaken();
+  const auto toMerge = root.toMerge();
   if (toMerge && toMerge->ipCount() != 0) {
     KIV_TRACE(F::trace(), 8, sm, "Process ip's deferred before initialization");
     sm.doMerge(toMerge);

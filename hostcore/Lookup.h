@@ -9,19 +9,12 @@
 
 #include "hostcore/Account.h"
 #include "hostcore/Family.h"
+#include "hostcore/ManagementPort.h"
 #include "hostcore/fast/ShortCuts.h"
 #include "platform/kiv/containers/SmallVector.h"
 #include "platform/obu/FibLookup.h"
 
 namespace HostCore {
-
-inline bool isManagementPort(Zemit::IntfId intf) {
-  return intf.name().view().starts_with("Management");
-}
-/// True when the table's neighbours yield no host routes: those of a management port.
-inline bool skipInterface(const Arp::ArpIntfStatus& table) {
-  return isManagementPort(table.intfId());
-}
 
 /// `prefixes` in the order in which routes are handled: a neighbour that several cover ends up
 /// under the longest, whatever order a collection iterates in.

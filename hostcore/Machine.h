@@ -22,7 +22,14 @@ class Machine {
   explicit Machine(RouteSm& sm) : sm_(sm) {}
 
   /// Stores the inputs and binds the reactors, then records the contents of the inputs.
-  void begin(const typename RouteSm::Inputs& inputs);
+  void begin(const typename RouteSm::Inputs& inputs) {
+    try {
+      bind(inputs);
+    } catch (...) {
+      Reactors<F>(sm_).end();
+      throw;
+    }
+  }
   /// True when the machine works on exactly these inputs.
   bool isOver(const typename RouteSm::Inputs& inputs) const;
   /// See RouteSm::retire().
@@ -60,20 +67,34 @@ class Machine {
   }
 
   /// Points the reactor of an interface at its status, made first if it is not there.
-  ///
-  /// \param nullText  the text of the exception when `status` is null.
-  template <class Collection, class Status>
-  void intfMemberIs(Collection& collection, const char* nullText, const Status& status) {
+  template <class Status>
+  void ipIntfStatusIs(const Status& status) {
     requireNotEnded();
-    KIV_REQUIRE(status, nullText);
-    bindMember(collection, sm_, status->intfId(), status);
+    KIV_REQUIRE(status, F::Text::kNullIpIntfStatus);
+    bindMember(sm_.ipIntfStatus_, sm_, status->intfId(), status, [](auto&) {});
+  }
+  template <class Status>
+  void ipIntfStatusFilterIs(const Status& status) {
+    requireNotEnded();
+    KIV_REQUIRE(status, F::Text::kNullIpIntfStatusFilter);
+    Reactors<F> reactors(sm_);
+    reactors.setByHand(F::intfStatus(sm_, status->intfId()) == status);
+    bindMember(sm_.ipIntfStatusFilter_, sm_, status->intfId(), status,
+               [&](auto& filter) { reactors.place(filter, status); });
   }
   /// The same with a new reactor in place of one that is there. Returns it.
-  template <class Collection, class Status>
-  auto newIntfMember(Collection& collection, const char* nullText, const Status& status) {
-    if (status) renewMember(collection, sm_, status->intfId());
-    intfMemberIs(collection, nullText, status);  // refuses null
-    return collection.get(status->intfId());
+  template <class Status>
+  auto newIpIntfStatus(const Status& status) {
+    if (status) renewMember(sm_.ipIntfStatus_, sm_, status->intfId());
+    ipIntfStatusIs(status);  // refuses null
+    return sm_.ipIntfStatus(status->intfId());
+  }
+  template <class Status>
+  auto newIpIntfStatusFilter(const Status& status) {
+    Reactors<F>(sm_).makeAll();
+    if (status) renewMember(sm_.ipIntfStatusFilter_, sm_, status->intfId());
+    ipIntfStatusFilterIs(status);  // refuses null
+    return sm_.ipIntfStatusFilter(status->intfId());
   }
   template <class Status>
   void vrfIpIntfStatusIs(const Status& status);
@@ -91,11 +112,13 @@ class Machine {
   }
 
  private:
+  void bind(const typename RouteSm::Inputs& inputs);
+
   RouteSm& sm_;
 };
 
 template <class F>
-void Machine<F>::begin(const typename RouteSm::Inputs& inputs) {
+void Machine<F>::bind(const typename RouteSm::Inputs& inputs) {
   sm_.kivFwkActivity_.setQuietly(inputs.activity);
   sm_.routeStatus_.setQuietly(inputs.routeStatus);
   newReactor(sm_.fwdStatus_, inputs.fwdStatus);
@@ -116,9 +139,15 @@ void Machine<F>::begin(const typename RouteSm::Inputs& inputs) {
 
   Relevance<F>(sm_).watchInputs();
   Trust<F>(sm_).machineBegan(countHostRoutes<F>(sm_));
+  Reactors<F> reactors(sm_);
+  reactors.begin();
   sm_.handleFec();
   if (sm_.ipStatus()) F::followInterfaces(*sm_.ipStatus());
-  if (sm_.neighborDirByIntfName()) sm_.neighborDirByIntfName()->onArpIntfStatuskivImmediate();
+  if (reactors.isSparse()) {
+    reactors.noteNeighbors();
+  } else if (sm_.neighborDirByIntfName()) {
+    sm_.neighborDirByIntfName()->onArpIntfStatuskivImmediate();
+  }
   F::handleVirtualIps(sm_);
 }
 
@@ -143,6 +172,7 @@ void Machine<F>::retire() {
   if (std::exchange(sm_.hasEnded_, true)) return;
   const Kiv::Ptr<RouteSm> alive(&sm_);
   tracedLevelsAre<F>(sm_, 0);
+  Reactors<F>(sm_).end();
   kivDoZombieReactors(true);
   forEachReactor([](auto& reactor) { reactor.routeSmIs(nullptr); });
   sm_.initialized_.setQuietly(false);
@@ -230,17 +260,23 @@ void Machine<F>::vrfIpIntfStatusDel(Zemit::IntfId intfId) {
 
 template <class F>
 void Machine<F>::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
-  const auto filter = sm_.ipIntfStatusFilter(intfId);
-  if (!filter) return;
+  Reactors<F>(sm_).setByHand(!F::intfStatus(sm_, intfId));
+  const auto* present = sm_.ipIntfStatusFilter_.stored(intfId);
+  if (present == nullptr) return;
+  const auto filter = *present;
   sm_.kiv_handleIpIntfStatusFilter(*filter);
   sm_.ipIntfStatusFilter_.del(sm_, intfId);
+  Reactors<F>(sm_).filterRemoved(intfId);
 }
 
 template <class F>
 void Machine<F>::arpIntfStatusIs(const Arp::ArpIntfStatus::PtrConst& table) {
   requireNotEnded();
   KIV_REQUIRE(table, F::Text::kNullArpIntfStatus);
-  const auto former = bindMember(sm_.arpIntfStatus_, sm_, table->name(), table);
+  Reactors<F> reactors(sm_);
+  reactors.setByHand(sm_.neighborTable(table->intfId()) == table.get());
+  const auto former = bindMember(sm_.arpIntfStatus_, sm_, table->name(), table,
+                                 [&](auto& reactor) { reactors.place(reactor, table); });
   Relevance<F>(sm_).review(table->intfId());
   if (former && former != table) {
     NeighborEntries<F>(sm_).handleReplacedArpIntfStatus(*former, table);
@@ -249,6 +285,7 @@ void Machine<F>::arpIntfStatusIs(const Arp::ArpIntfStatus::PtrConst& table) {
 
 template <class F>
 auto Machine<F>::newArpIntfStatus(const Arp::ArpIntfStatus::PtrConst& table) {
+  Reactors<F>(sm_).makeAll();
   Arp::ArpIntfStatus::PtrConst former;
   if (table) former = renewMember(sm_.arpIntfStatus_, sm_, table->name());
   sm_.arpIntfStatusIs(table);  // refuses null
@@ -260,10 +297,14 @@ auto Machine<F>::newArpIntfStatus(const Arp::ArpIntfStatus::PtrConst& table) {
 
 template <class F>
 void Machine<F>::arpIntfStatusDel(const Kiv::Name& name) {
-  const auto reactor = sm_.arpIntfStatus(name);
-  if (!reactor) return;
+  const auto* dir = watchedBy(sm_.neighborDirByIntfName());
+  Reactors<F>(sm_).setByHand(dir == nullptr || !dir->arpIntfStatus(name));
+  const auto* present = sm_.arpIntfStatus_.stored(name);
+  if (present == nullptr) return;
+  const auto reactor = *present;
   sm_.kiv_handleArpIntfStatus(*reactor);
   sm_.arpIntfStatus_.del(sm_, name);
+  if (const auto intf = Zemit::IntfId::find(name)) Reactors<F>(sm_).tableRemoved(*intf);
 }
 
 /// Ends the root's machine, if there is one, and makes another. Returns it.

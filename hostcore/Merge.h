@@ -216,7 +216,7 @@ template <Family F>
 template <class Addrs>
 void Merge<F>::defer(const Addrs& addrs) {
   KIV_TRACE_AS(F::trace(), 2, sm_, "doMerge", "skipping merge because not initialized yet");
-  const typename F::AddrSet::Ptr toMerge = Kiv::validPtr(root_.toMerge());
+  const typename F::AddrSet::Ptr toMerge = Kiv::validPtr(F::deferredMerges(root_).held());
   const DeferralScope<F> deferral(sm_, toMerge);
   for (const Addr& addr : addrs) toMerge->ipIs(addr, true);
 }

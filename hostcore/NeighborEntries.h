@@ -135,10 +135,9 @@ void NeighborEntries<F>::handleArpEntries() {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
   }
-  auto names = sm_.arpIntfStatusKeys();
-  std::sort(names.begin(), names.end());
-  for (const Kiv::Name& name : names) {
-    if (const auto reactor = sm_.arpIntfStatus(name)) reactor->handleArpEntry();
+  // Without the short cut, in sm_.arpIntfStatusKeys().
+  for (const Kiv::Name& name : ShortCuts<F>(sm_).relevantTables()) {
+    if (const auto* reactor = F::tableReactors(sm_).stored(name)) (*reactor)->handleArpEntry();
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include "hostcore/Family.h"
 #include "hostcore/fast/Enabled.h"
+#include "hostcore/fast/MachineIndex.h"
 #include "hostcore/fast/State.h"
 #include "platform/kiv/containers/HashMap.h"
 #include "platform/kiv/containers/Prefetch.h"
@@ -68,6 +69,12 @@ class CoverCache {
   typename Kiv::HashMap<Prefix, Kiv::Present>::PrefetchHint prefixes_;
 };
 
+/// Goes up with each change that may concern the cover of an address.
+template <class State>
+uint64_t coverVersion(const State& state) {
+  return state.coverVersion + (state.index == nullptr ? 0 : state.index->fecVersion());
+}
+
 /// The cached cover of an address whose longest match is `longest`, if it is valid and leaves
 /// through `intf`; else null.
 template <Family F>
@@ -75,7 +82,7 @@ const auto* cachedCover(const typename F::RouteSm& sm, const typename F::Prefix&
                         Zemit::IntfId intf) {
   const auto& state = sm.fast();
   const auto* cache = state.cache;
-  const bool isUsable = cache != nullptr && cache->isValid(state.coverVersion) &&
+  const bool isUsable = cache != nullptr && cache->isValid(coverVersion(state)) &&
                         cache->cover().route.key == longest &&
                         Obu::leavesThrough(cache->cover().fec, intf);
   return isUsable ? &cache->cover() : nullptr;
@@ -85,7 +92,7 @@ const auto* cachedCover(const typename F::RouteSm& sm, const typename F::Prefix&
 template <Family F>
 void cacheCover(const typename F::RouteSm& sm, const CoverOf<F>& cover) {
   auto& state = sm.fast();
-  if (state.cache != nullptr) state.cache->coverIs(cover, state.coverVersion);
+  if (state.cache != nullptr) state.cache->coverIs(cover, coverVersion(state));
 }
 
 }  // namespace HostCore

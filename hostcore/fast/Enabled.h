@@ -9,6 +9,7 @@ enum class ShortCut {
   Cover,      ///< the cover of an interface's last neighbour is cached
   Merge,      ///< the merge of an unchanged host route is omitted
   Relevance,  ///< events that are not relevant for a machine are left out
+  Reactors,   ///< reactors without a relevant event are made later
   Prefetch,   ///< the memory that one event reads is prefetched
   Pipeline,   ///< that of many addresses is prefetched in stages
 };

@@ -6,6 +6,7 @@
 
 #include "hostcore/Family.h"
 #include "hostcore/fast/Enabled.h"
+#include "hostcore/fast/Reactors.h"
 #include "hostcore/fast/Trust.h"
 #include "platform/obu/FibLookup.h"
 
@@ -34,6 +35,7 @@ class Relevance {
 
   /// Begins to watch the machine's inputs for writes.
   void watchInputs();
+  void watchFecs();
   /// A tracked route resolves through `now` in place of `before`; either may be none.
   void routeMoved(FecId before, FecId now) {
     if (before == now) return;
@@ -42,7 +44,11 @@ class Relevance {
   }
   void fecChanged(FecId fecId) {
     ++state_.coverVersion;
-    if (state_.fecs.find(fecId) != nullptr) intfsAre(fecId, intfsOf(fecId));
+    if (state_.fecs.find(fecId) != nullptr) {
+      intfsAre(fecId, intfsOf(fecId));
+    } else {
+      Reactors<F>(sm_).fecTracked(fecId, false);
+    }
   }
   /// All FECs may have changed.
   void fecsChanged() {
@@ -61,15 +67,25 @@ class Relevance {
   /// Sets each reactor of a neighbour table quiet, or not.
   void review() {
     const bool mayRest = this->mayRest();
-    for (auto it = sm_.arpIntfStatusIterator(); it; ++it) {
+    Reactors<F> reactors(sm_);
+    reactors.isAlertIs(!mayRest);
+    for (auto it = reactors.tables().iterator(); it; ++it) {
       it.value()->isQuietIs(mayRest && !leavesThrough(it.value()->notifierRaw()));
     }
   }
   /// The same for the reactor of one interface.
   void review(Zemit::IntfId intf) {
-    if (const auto& reactor = sm_.arpIntfStatus(intf.name())) {
-      reactor->isQuietIs(mayRest() && !leavesThrough(reactor->notifierRaw()));
+    Reactors<F> reactors(sm_);
+    reactors.intfUsed(intf, state_.intfs.find(intf) != nullptr);
+    if (const auto* reactor = reactors.tables().find(intf.name())) {
+      (*reactor)->isQuietIs(mayRest() && !leavesThrough((*reactor)->notifierRaw()));
     }
+  }
+  /// True while no event of a neighbour is relevant but for those on the interfaces through which
+  /// tracked routes leave.
+  bool mayRest() const {
+    return isEnabled(ShortCut::Relevance) && trust_.holds() && state_.due.empty() &&
+           state_.unannounced.empty() && sm_.account().tracing.levels == 0;
   }
 
  private:
@@ -94,7 +110,10 @@ class Relevance {
     if (!isEnabled(ShortCut::Relevance)) return;
     const auto [fec, isNew] = state_.fecs.tryEmplace(fecId);
     ++fec->routes;
-    if (isNew) intfsAre(fecId, intfsOf(fecId));
+    if (isNew) {
+      Reactors<F>(sm_).fecTracked(fecId, true);
+      intfsAre(fecId, intfsOf(fecId));
+    }
   }
   void leave(FecId fecId) {
     if (fecId == Tovan::Fib::invalidFecId) return;
@@ -102,6 +121,7 @@ class Relevance {
     if (fec == nullptr || --fec->routes != 0) return;
     intfsAre(fecId, {});
     state_.fecs.erase(fecId);
+    Reactors<F>(sm_).fecTracked(fecId, false);
   }
   Kiv::SmallVector<Zemit::IntfId> intfsOf(FecId fecId) const {
     Kiv::SmallVector<Zemit::IntfId> intfs;
@@ -126,10 +146,6 @@ class Relevance {
   bool leavesThrough(const Arp::ArpIntfStatus* table) const {
     return table != nullptr && state_.intfs.find(table->intfId()) != nullptr;
   }
-  bool mayRest() const {
-    return isEnabled(ShortCut::Relevance) && trust_.holds() && state_.due.empty() &&
-           state_.unannounced.empty() && sm_.account().tracing.levels == 0;
-  }
 
   typename F::RouteSm& sm_;
   typename F::RouteSm::FastState& state_;
@@ -149,15 +165,21 @@ void Relevance<F>::watchInputs() {
       if (sm.fast().isTrusted) Relevance(sm).hostRouteWritten(prefix);
     });
   }
-  if (const auto* forwarding = sm.forwardingStatus()) {
-    state_.fecWatch.begin(forwarding->watches(),
-                          [&sm](const FecId& fecId) { Relevance(sm).fecChanged(fecId); });
-  }
+  watchFecs();
   if (const auto* virtualIps = sm.virtualIps()) {
     state_.virtualIpWatch.begin(virtualIps->watches(), [&sm](const Addr& addr) {
       if (sm.fast().isTrusted) Relevance(sm).virtualIpWritten(addr);
     });
   }
+}
+
+template <Family F>
+void Relevance<F>::watchFecs() {
+  const auto* forwarding = sm_.forwardingStatus();
+  if (forwarding == nullptr) return state_.fecWatch.end();
+  auto& sm = sm_;
+  state_.fecWatch.begin(forwarding->watches(),
+                        [&sm](const FecId& fecId) { Relevance(sm).fecChanged(fecId); });
 }
 
 template <Family F>

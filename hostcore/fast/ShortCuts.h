@@ -57,9 +57,22 @@ class ShortCuts {
   void filedIn(const typename F::PrefixList& prefixes) {
     if (auto* cache = sm_.fast().cache) cache->prefixListIs(prefixes);
   }
-  /// The deferred merges, those in `waiting`, are about to be made. It may be null.
-  void deferredMergesTaken(const typename F::AddrSet* waiting) {
-    Trust<F>(sm_).deferredMergesFound(waiting);
+  /// A list of the prefixes of a FEC is made.
+  void listMade(Tovan::Fib::FecId fecId) { Reactors<F>(sm_).fecTracked(fecId, true); }
+  /// The deferred merges are about to be made.
+  void deferredMergesTaken() {
+    Reactors<F>(sm_).deferredMergesTaken(Relevance<F>(sm_).mayRest());
+    const auto& waiting = F::deferredMerges(Kiv::validPtr(sm_.rootRaw())).held();
+    Trust<F>(sm_).deferredMergesFound(waiting.get());
+  }
+  /// The tables whose neighbours a pass over all neighbours has to handle, by name and in its
+  /// order.
+  std::vector<Kiv::Name> relevantTables() {
+    Reactors<F> reactors(sm_);
+    if (!Relevance<F>(sm_).mayRest()) reactors.makeAll();
+    auto names = reactors.tables().keys();
+    std::sort(names.begin(), names.end());
+    return names;
   }
   /// The machine has other trace levels of its own.
   void levelsChanged() { Relevance<F>(sm_).review(); }

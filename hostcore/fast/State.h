@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 
 #include "platform/kiv/containers/HashMap.h"
@@ -16,6 +18,7 @@ namespace HostCore {
 
 template <class R, class Fec>
 class CoverCache;
+class MachineIndexBase;
 
 template <class R, class Fec>
 struct FastState {
@@ -39,6 +42,12 @@ struct FastState {
   /// how many there were then. Null when none waits.
   Kiv::Ptr<const Kiv::Entity> deferredIn;
   size_t deferred = 0;
+
+  /// Merges were added to `waiting`, which has `count` now.
+  void mergesDeferred(const Kiv::Entity& waiting, size_t count) {
+    deferredIn = Kiv::Ptr<const Kiv::Entity>(&waiting);
+    deferred = count;
+  }
   /// @}
 
   /// \name The cache, see CoverCache.h
@@ -65,6 +74,24 @@ struct FastState {
   Kiv::Watch<Prefix> hostRouteWatch;
   Kiv::Watch<Tovan::Fib::FecId> fecWatch;
   Kiv::Watch<Addr> virtualIpWatch;
+  /// @}
+
+  /// \name Missing reactors, see Reactors.h
+  /// @{
+  /// Of the switch's machines; null unless this machine is sparse.
+  std::shared_ptr<MachineIndexBase> index;
+  /// When the machine began; see Kiv::Notifiee::now().
+  uint64_t began = 0;
+  /// True while each change of a neighbour table may concern the machine.
+  bool isAlert = false;
+  /// True while the neighbours of all tables are still to be put among the deferred merges.
+  bool hasNoted = false;
+  std::function<void()> makeAll;
+  std::function<void()> addNoted;
+  /// The keys under which the index lists the machine.
+  Kiv::HashMap<Tovan::Fib::FecId, Kiv::Present> listedFecs;
+  Kiv::HashMap<Zemit::IntfId, Kiv::Present> listedTables;
+  Kiv::HashMap<Zemit::IntfId, Kiv::Present> listedFilters;
   /// @}
 };
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "hostcore/Family.h"
+#include "hostcore/fast/Reactors.h"
 #include "hostcore/fast/State.h"
 
 namespace HostCore {
@@ -31,6 +32,7 @@ class Trust {
   void end() {
     state_.isTrusted = false;
     ++state_.coverVersion;
+    Reactors<F>(sm_).makeAll();
     for (auto it = sm_.arpIntfStatusIterator(); it; ++it) it.value()->isQuietIs(false);
   }
 
@@ -64,8 +66,7 @@ class Trust {
   }
   /// Merges were added to the set of those that wait.
   void mergesDeferred(const typename F::AddrSet& waiting) {
-    state_.deferredIn = Kiv::Ptr<const Kiv::Entity>(&waiting);
-    state_.deferred = waiting.ipCount();
+    state_.mergesDeferred(waiting, waiting.ipCount());
   }
   /// `waiting`, which may be null, is now the set of deferred merges. Other code may have replaced
   /// or emptied the former set.

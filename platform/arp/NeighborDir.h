@@ -112,6 +112,13 @@ class NeighborDir final : public Kiv::NamedEntity {
     return added;
   }
 
+  /// Calls `visit` with each table. It must not change the directory.
+  template <class Visit>
+  void forEachTable(Visit visit) const {
+    for (const ArpIntfStatus* table : tables_) {
+      if (table != nullptr) visit(*table);
+    }
+  }
   /// The table of an interface, or null. Faster than a look-up by name.
   ArpIntfStatus* tableOf(Zemit::IntfId intf) const noexcept {
     return intf.value() < tables_.size() ? tables_[intf.value()] : nullptr;
@@ -122,6 +129,8 @@ class NeighborDir final : public Kiv::NamedEntity {
   template <class Change>
   void tableOfIs(Zemit::IntfId intf, ArpIntfStatus* table, Change change) {
     if (intf.value() >= tables_.size()) tables_.resize(size_t{intf.value()} + 1);
+    // The entries of a table that goes are handled by the reactors of that table.
+    if (const auto* former = tables_[intf.value()]) former->completeNotifiees();
     tables_[intf.value()] = table;
     try {
       change();

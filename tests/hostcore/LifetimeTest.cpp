@@ -127,6 +127,7 @@ TYPED_TEST(LifetimeTest, AMachineEndsThoughItIsHeld) {
         world.ipStatus->referenceCount(),   world.neighborDir->referenceCount(),
         world.virtualIps->referenceCount(), world.l3Status1->referenceCount()};
   };
+  EXPECT_EQ(kept->ipIntfStatusFilterCount(), 2u);  // also of the interface in another VRF
   const auto lent = inputs();
   world.root->routeSmDel();
   for (size_t i = 0; i < lent.size(); ++i) EXPECT_LT(inputs()[i], lent[i]) << "holds input " << i;

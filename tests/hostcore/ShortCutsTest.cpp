@@ -1,4 +1,5 @@
 // Which neighbour tables a machine hears of, and which merges it leaves out.
+#include "hostcore/fast/State.h"
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -41,6 +42,41 @@ TYPED_TEST(ShortCutsTest, ATableIsHeardWhileARouteLeavesThroughItsInterface) {
   red.machine().initializedIs(false);
   EXPECT_FALSE(this->isQuiet(first));
   EXPECT_FALSE(this->isQuiet(second));
+}
+
+// What a machine does must not depend on whether somebody has looked at its reactors.
+TYPED_TEST(ShortCutsTest, ReactorsAreMadeWhereTheyAreNeededAndWhenSomebodyLooks) {
+  auto& red = this->world;
+  const auto [first, second] = std::pair(red.ethernet1, red.ethernet2);
+  red.learn(second, 4);
+  const auto l3Status = red.inVrf(second, "blue");
+  const auto intf = red.interface(second, l3Status);
+  red.addressIs(*intf, 9);
+  red.newMachine();
+  EXPECT_EQ(red.root->toMerge()->ipCount(), 1u);
+  red.machine().initializedIs(true);
+  red.forwarding->fecIs(typename TypeParam::Fec(7, {{.hop = {}, .intf = first}}));
+  red.routeIs(Sample<TypeParam>::subnet(), 7);
+  red.learn(second, 5);
+  red.learn(first, 6);
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 6));
+
+  red.forwarding->fecIs(typename TypeParam::Fec(7, {{.hop = {}, .intf = second}}));
+  red.learn(second, 7);
+  l3Status->vrfIs(L3::VrfName("red"));
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 5));
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 7));
+  EXPECT_TRUE(red.hasRoute(red.root->receiveTable(), 9));
+  EXPECT_NE(red.machine().fast().index, nullptr);
+
+  EXPECT_EQ(red.machine().arpIntfStatusCount(), 2u);
+  EXPECT_EQ(red.machine().ipIntfStatusFilterCount(), 1u);
+  EXPECT_EQ(red.machine().fast().index, nullptr);
+  EXPECT_TRUE(this->isQuiet(first));
+  EXPECT_FALSE(this->isQuiet(second));
+  red.neighborDir->arpIntfStatusDel(second.name());
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
 }
 
 TYPED_TEST(ShortCutsTest, NothingIsQuietWhereNotificationsWait) {

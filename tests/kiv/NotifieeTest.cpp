@@ -222,7 +222,78 @@ TEST_F(NotifieeTest, ANotifieeThatStopsBeingQuietDuringAnAnnouncementReceivesIt)
     bridge->vlanNotify(2);
   };
   EXPECT_EQ(announce(), (Log{"second vlan 1", "first vlan 2", "second vlan 2", "third vlan 2",
-                             "first vlan 1", "third vlan 1"}));
+                             "third vlan 1", "first vlan 1"}));
+}
+
+// A wrong order would number what notifiees make otherwise than if all had been there before.
+TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
+  struct Hook final : Kiv::NotifierHook {
+    std::function<void(bool isRepeat)> call;
+    void beforeTelling(const Kiv::Entity&, Kiv::AttributeId, const void* key,
+                       bool isRepeat) override {
+      if (key != nullptr) call(isRepeat);
+    }
+    void isNeededIs(bool isNeeded) {
+      NotifierHook::isNeededIs(isNeeded);
+      versionIsNext();
+    }
+  };
+  const auto hook = std::make_shared<Hook>();
+  bridge->notifierList().hookIs(hook, *bridge);
+  const auto present = watcherOf(bridge, "present ");
+  const uint64_t between = Kiv::Notifiee::now();
+  const auto last = watcherOf(bridge, "last ");
+  const auto missing = [&](const char* name, const Kiv::Notifiee::Rank& rank) {
+    auto watcher = Kiv::make<BridgeWatcher>(log, name);
+    watcher->hasNotificationActiveIs(false);
+    watcher->registersLate(rank);
+    watcher->notifierIs(bridge);
+    watcher->hasNotificationActiveIs(true);
+    return watcher;
+  };
+  BridgeWatcher::Ptr first, middle;
+  hook->call = [&](bool) {
+    if (!first) first = missing("first ", {0, 1});
+  };
+  hook->isNeededIs(false);
+  EXPECT_EQ(announce(), (Log{"present vlan 1", "last vlan 1"}));
+  hook->isNeededIs(true);
+  EXPECT_EQ(announce(), (Log{"first vlan 1", "present vlan 1", "last vlan 1"}));
+
+  // During a walk: in its place if its turn is to come, else afterwards.
+  BridgeWatcher::Ptr zeroth;
+  present->then = [&] {
+    middle = missing("middle ", {between, 0});
+    zeroth = missing("zeroth ", {0, 0});
+  };
+  EXPECT_EQ(announce(), (Log{"first vlan 1", "present vlan 1", "middle vlan 1", "last vlan 1",
+                             "zeroth vlan 1"}));
+  present->then = nullptr;
+  middle = nullptr;
+  zeroth = nullptr;
+
+  // What becomes necessary during a walk is made at its end.
+  first = nullptr;
+  hook->isNeededIs(false);
+  last->then = [&] { hook->isNeededIs(true); };
+  EXPECT_EQ(announce(), (Log{"present vlan 1", "last vlan 1", "first vlan 1"}));
+}
+
+TEST_F(NotifieeTest, AQuietNotifieeThatIsAwakeIsToldOnce) {
+  const auto first = watcherOf(bridge, "first ");
+  const auto second = watcherOf(bridge, "second ");
+  const auto third = watcherOf(bridge, "third ");
+  first->isQuietIs(true);
+  third->isQuietIs(true);
+  first->wakeOnce();
+  second->then = [&] {
+    third->wakeOnce();
+    first->wakeOnce();  // its turn is over
+  };
+  EXPECT_EQ(announce(), (Log{"first vlan 1", "second vlan 1", "third vlan 1"}));
+  second->then = nullptr;
+  EXPECT_EQ(announce(), (Log{"first vlan 1", "second vlan 1"}));
+  EXPECT_EQ(announce(), Log{"second vlan 1"});
 }
 
 TEST_F(NotifieeTest, AWeakNotifieeIsNotifiedOfItsNotifiersDestruction) {

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "daemon/Switch.h"
+#include "hostcore/fast/State.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "tests/model/Generator.h"
@@ -18,13 +19,18 @@
 
 namespace {
 
-/// The number of quiet reactors of neighbour tables.
-size_t quietReactors(const Daemon::Switch& sw) {
+/// The number of quiet reactors of neighbour tables, or of machines that lack some of these. To
+/// look at the reactors makes those that are missing.
+size_t quietReactors(const Daemon::Switch& sw, bool looks) {
   size_t quiet = 0;
   for (const auto& entry : sw.vrfs()) {
     Daemon::forEachFamily([&](auto family) {
       const auto* machine = entry.second.template routing<decltype(family)>().machine();
       if (machine == nullptr) return;
+      if (!looks) {
+        quiet += machine->fast().index != nullptr ? 1 : 0;
+        return;
+      }
       for (auto it = machine->arpIntfStatusIteratorConst(); it; ++it)
         quiet += it.value()->isQuiet();
     });
@@ -55,7 +61,7 @@ TEST_P(DifferentialTest, EngineAndModelAgreeAfterEveryEvent) {
     if (engineDumps != modelDumps)
       FAIL() << difference(engineDumps, "engine", modelDumps, "model ");
     checkInvariants(sw);
-    quiet += quietReactors(sw);
+    quiet += quietReactors(sw, seed % 2 == 0);
   }
   // Without quiet reactors the comparison would not test whether a reactor may be quiet.
   if (universe == "apart") {

@@ -171,12 +171,23 @@ struct Watching {
   uint32_t levels = 0;     ///< trace levels of all VRFs
   uint32_t ownLevels = 0;  ///< trace levels of one address of the VRF "default"
   bool history = false;
+  bool looks = false;  ///< at all reactors: none is missing
 
   friend std::ostream& operator<<(std::ostream& os, const Watching& watching) {
     return os << "levels " << std::hex << watching.levels << ", own " << watching.ownLevels
-              << std::dec << ", history " << watching.history;
+              << std::dec << ", history " << watching.history << ", looks " << watching.looks;
   }
 };
+
+/// Looks at the reactors of all machines.
+void lookAtReactors(const Daemon::Switch& sw) {
+  for (const auto& entry : sw.vrfs()) {
+    Daemon::forEachFamily([&](auto family) {
+      const auto* machine = entry.second.template routing<decltype(family)>().machine();
+      if (machine != nullptr) machine->arpIntfStatusKeys();
+    });
+  }
+}
 
 /// The states of one scenario with this observation.
 std::vector<State> statesOf(uint64_t seed, const std::string& universe, const Watching& watching) {
@@ -203,6 +214,7 @@ std::vector<State> statesOf(uint64_t seed, const std::string& universe, const Wa
     } catch (const std::exception&) {
     }
     observers.thenIs(nullptr);
+    if (watching.looks) lookAtReactors(sw);
     if (number % 5 == 0) states.push_back({event, canonicalDumps(sw)});
   }
   return states;
@@ -213,7 +225,8 @@ class TraceLevelsTest : public testing::TestWithParam<std::tuple<uint64_t, std::
 TEST_P(TraceLevelsTest, TheTablesAreTheSameAtEveryTraceLevel) {
   const auto& [seed, universe] = GetParam();
   const auto untraced = statesOf(seed, universe, {});
-  std::vector<Watching> ways = {{.levels = 0x3FF}, {.ownLevels = 0x3FF, .history = true}};
+  std::vector<Watching> ways = {
+      {.levels = 0x3FF}, {.ownLevels = 0x3FF, .history = true}, {.looks = true}};
   for (const unsigned level : {0U, 1U, 2U, 5U, 6U, 7U, 8U}) ways.push_back({.levels = 1U << level});
   for (const Watching& watched : ways) {
     const auto states = statesOf(seed, universe, watched);

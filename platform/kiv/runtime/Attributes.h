@@ -11,6 +11,7 @@
 #pragma once
 
 #include <concepts>
+#include <functional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -159,6 +160,37 @@ class Singleton {
   Ptr<T> object_;
 };
 
+/// A Singleton whose object is completed when somebody first looks at it.
+template <class Tag, class T>
+class DeferredSingleton : public Singleton<Tag, T> {
+ public:
+  /// The first look at the object calls `*complete`, which must stay where it is. Null when the
+  /// object is complete.
+  void completeIs(const std::function<void()>* complete) noexcept { complete_ = complete; }
+  const Ptr<T>& get() const {
+    if (complete_ != nullptr) [[unlikely]]
+      (*std::exchange(complete_, nullptr))();
+    return held();
+  }
+  /// The object as it is.
+  const Ptr<T>& held() const noexcept { return Singleton<Tag, T>::get(); }
+
+  bool set(const Entity& owner, Ptr<T> object) {
+    get();
+    return Singleton<Tag, T>::set(owner, std::move(object));
+  }
+  template <class... Args>
+  Ptr<T> create(const Entity& owner, const Args&... args) {
+    const auto made = make<T>(args...);
+    set(owner, made);
+    return made;
+  }
+  bool del(const Entity& owner) { return set(owner, nullptr); }
+
+ private:
+  mutable const std::function<void()>* complete_ = nullptr;
+};
+
 /// Entries by key: values, or entities (and reactors) that the collection owns.
 ///
 /// HashMap::Iterator says how a walk's body may change the collection.
@@ -186,6 +218,14 @@ class Collection {
   bool contains(const Key& key) const { return map_.find(key) != nullptr; }
   const Map& map() const noexcept { return map_; }
   Map& map() noexcept { return map_; }
+  /// The entry itself, or null. A lazy storage makes no object for this.
+  Value* stored(const Key& key) {
+    if constexpr (requires { map_.findMade(key); }) {
+      return map_.findMade(key);
+    } else {
+      return map_.find(key);
+    }
+  }
 
   /// Stores an entry and announces its key, if it is new or its value differs.
   bool set(const Entity& owner, const Key& key, Value value) {
@@ -195,6 +235,11 @@ class Collection {
     detail::adopt<Tag>(owner, *stored);
     detail::left<Tag>(owner, old, key);
     return true;
+  }
+
+  /// Stores a new entry that counts as one that was there before: it is not announced.
+  void insertQuietly(const Entity& owner, const Key& key, Value value) {
+    detail::adopt<Tag>(owner, *map_.tryEmplace(key).first = std::move(value));
   }
 
   /// Of owned objects that are made of their keys: makes the one of `key`, in place of another.
@@ -207,7 +252,7 @@ class Collection {
 
   /// Removes an entry and announces its key. The removed value lives until that is done.
   bool del(const Entity& owner, const Key& key) {
-    Value* found = findStored(key);
+    Value* found = stored(key);
     if (found == nullptr) return false;
     const Key removed = key;  // NOLINT(performance-*): `key` may be the stored one
     const Value old = std::move(*found);
@@ -230,14 +275,6 @@ class Collection {
   }
 
  private:
-  /// The entry itself: a lazy storage does not make its object for this.
-  Value* findStored(const Key& key) {
-    if constexpr (requires { map_.findMade(key); }) {
-      return map_.findMade(key);
-    } else {
-      return map_.find(key);
-    }
-  }
   void disownAll() {
     if constexpr (detail::isRetiring<Value>) {
       // Objects that they release may run anybody's code: it finds nothing here any more.
@@ -310,6 +347,41 @@ class LazyMap : public Base {
 
   const Entity* owner_ = nullptr;
   mutable bool isWalked_ = false;
+};
+
+/// The storage of a collection some of whose entries are made when somebody first looks at any.
+template <class Base>
+class DeferredMap : public Base {
+ public:
+  using typename Base::Key;
+
+  /// The first look at the entries calls `*makeAll`, which must stay where it is. Null when all
+  /// entries are there.
+  void makeAllIs(const std::function<void()>* makeAll) noexcept { makeAll_ = makeAll; }
+  /// The entries that are there.
+  Base& made() noexcept { return *this; }
+  const Base& made() const noexcept { return *this; }
+  auto* findMade(const Key& key) { return Base::find(key); }
+
+  size_t size() const { return looked().size(); }
+  auto* find(const Key& key) const { return looked().find(key); }
+  auto iterator() {
+    looked();
+    return Base::iterator();
+  }
+  auto iteratorConst() const { return looked().iteratorConst(); }
+  auto iteratorConst(const Key& key) const { return looked().iteratorConst(key); }
+  std::vector<Key> keys() const { return looked().keys(); }
+
+ protected:
+  const Base& looked() const {
+    if (makeAll_ != nullptr) [[unlikely]]
+      (*std::exchange(makeAll_, nullptr))();
+    return *this;
+  }
+
+ private:
+  mutable const std::function<void()>* makeAll_ = nullptr;
 };
 
 /// A set of keys, in the form of a collection from each key to true.
@@ -423,25 +495,31 @@ class KeySet {
 
 /// An owned object that anybody may read: attr(), attrNotify(). The members that make and remove
 /// it stand beside it.
-#define KIV_SINGLETON_VIEW(id, attr, Attr, Type)   \
-  KIV_VALUE_TAG(id, attr, Attr);                   \
-  const ::Kiv::Ptr<Type>& attr() const noexcept {  \
-    return attr##_.get();                          \
-  }                                                \
-  void attr##Notify() const {                      \
-    this->template notify<Attr##Attribute>();      \
-  }                                                \
-                                                   \
- private:                                          \
-  ::Kiv::Singleton<Attr##Attribute, Type> attr##_; \
-                                                   \
+#define KIV_SINGLETON_VIEW(id, attr, Attr, Type) \
+  KIV_SINGLETON_VIEW_ON(id, attr, Attr, Type, ::Kiv::Singleton)
+
+#define KIV_SINGLETON_VIEW_ON(id, attr, Attr, Type, Storage) \
+  KIV_VALUE_TAG(id, attr, Attr);                             \
+  const ::Kiv::Ptr<Type>& attr() const noexcept {            \
+    return attr##_.get();                                    \
+  }                                                          \
+  void attr##Notify() const {                                \
+    this->template notify<Attr##Attribute>();                \
+  }                                                          \
+                                                             \
+ private:                                                    \
+  Storage<Attr##Attribute, Type> attr##_;                    \
+                                                             \
  public:
 
 /// An owned object: adds attrDel(). newAttr(...) or attrIs(...) stands beside it.
-#define KIV_SINGLETON(id, attr, Attr, Type) \
-  KIV_SINGLETON_VIEW(id, attr, Attr, Type)  \
-  void attr##Del() {                        \
-    attr##_.del(*this);                     \
+#define KIV_SINGLETON(id, attr, Attr, Type) KIV_SINGLETON_ON(id, attr, Attr, Type, ::Kiv::Singleton)
+
+/// The same in the storage given last, such as Kiv::DeferredSingleton.
+#define KIV_SINGLETON_ON(id, attr, Attr, Type, Storage) \
+  KIV_SINGLETON_VIEW_ON(id, attr, Attr, Type, Storage)  \
+  void attr##Del() {                                    \
+    attr##_.del(*this);                                 \
   }
 
 /// The common members of sets and of collections of values or owned entities, over the storage
@@ -503,6 +581,13 @@ class KeySet {
 /// beside it. A result is good until the collection changes.
 #define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                                  \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::Collection<Attr##Attribute, Key, Value>) \
+  KIV_COLLECTION_READERS(attr, Key)
+
+/// The same on a storage some of whose entries are made when somebody looks; see DeferredMap.
+#define KIV_DEFERRED_COLLECTION_VIEW(id, attr, Attr, Key, Value)                       \
+  KIV_KEYED_MEMBERS(id, attr, Attr, Key,                                               \
+                    ::Kiv::Collection<Attr##Attribute, Key, Value,                     \
+                                      ::Kiv::DeferredMap<::Kiv::HashMap<Key, Value>>>) \
   KIV_COLLECTION_READERS(attr, Key)
 
 #define KIV_COLLECTION_READERS(attr, Key)     \

@@ -73,14 +73,20 @@ class Entity : public Object {
       notifyAll<Attribute>(Key(key)...);
   }
 
+  /// Lets the hooks of this entity register notifiees that are missing, before a change that its
+  /// own notifiees are not told of.
+  void completeNotifiees() const {
+    if (notifiees_ != nullptr) notifiees_->callHooks(0, nullptr);
+  }
+
   /// Calls `visit` with each notifiee that a change would now be delivered to. It must change
   /// neither them nor the list.
   template <class Visit>
   void forEachNotifiee(Visit visit) const {
     if (!hasNotifiees()) return;
-    for (const Notifiee* notifiee : notifiees_->toTell()) {
-      if (notifiee != nullptr && notifiee->acceptsNotifications()) visit(*notifiee);
-    }
+    notifiees_->forEachToTell([&](const Notifiee& notifiee) {
+      if (notifiee.acceptsNotifications()) visit(notifiee);
+    });
   }
 
  protected:
@@ -103,7 +109,10 @@ class Entity : public Object {
 
 template <class Attribute, class... Key>
 void Entity::notifyAll(const Key&... key) const {
-  SnapshotIterator walk(*notifiees_);
+  const void* changed = nullptr;
+  ((changed = &key), ...);
+  notifiees_->callHooks(Attribute::kInfo.id, changed);
+  SnapshotIterator walk(*notifiees_, Attribute::kInfo.id, changed);
   while (Notifiee* notifiee = walk.next()) {
     if (!notifiee->acceptsNotifications()) continue;
     const auto& activity = notifiee->kivFwkActivity();

@@ -1,7 +1,8 @@
 #include "platform/kiv/runtime/Notifiee.h"
 
 #include <algorithm>
-#include <iterator>
+#include <atomic>
+#include <cstring>
 #include <memory>
 
 #include "platform/kiv/runtime/Activity.h"
@@ -67,6 +68,21 @@ void Notifiee::attributeHookIs(AttributeHook hook) {
   attributeHook() = hook ? std::make_shared<const AttributeHook>(std::move(hook)) : nullptr;
 }
 
+bool Notifiee::hasAttributeHook() noexcept {
+  return attributeHook() != nullptr;
+}
+
+uint64_t Notifiee::now() noexcept {
+  static std::atomic<uint64_t> last = 0;
+  return ++last;
+}
+
+void Notifiee::wakeOnce() {
+  if (!quiet_ || isAwake_ || !registered_) return;
+  isAwake_ = true;
+  notifier_->notifierList().awakeChanged(*this);
+}
+
 void Notifiee::notifierEntityIs(const Entity* notifier) {
   if (notifier == notifier_) return;
   const bool holds = hold_ == Hold::kStrong;
@@ -87,60 +103,125 @@ void Notifiee::notifierIsGone() noexcept {
 }
 
 void NotifierList::add(Notifiee& notifiee) {
-  notifiee.slot_ = static_cast<uint32_t>(slots_.size());
-  slots_.push_back(&notifiee);
+  for (size_t i = 0; i < hooks_.size(); ++i) {
+    const auto hook = hooks_[i].hook;
+    hook->beforeRegistering(*owner_);
+  }
+  const bool isLate = std::exchange(notifiee.isLate_, false);
+  size_t at = slots_.size();
+  if (isLate) {
+    const auto follows = [&](const Notifiee* other) {
+      return other == nullptr || notifiee.rank_ < other->rank_;
+    };
+    while (at != 0 && follows(slots_[at - 1])) --at;
+  } else {
+    notifiee.rank_ = {Notifiee::now(), 0};
+  }
+  passedSlots_.push_back(0);  // first: one too many does no harm if the next line fails
+  slots_.insert(slots_.begin() + static_cast<std::ptrdiff_t>(at), &notifiee);
+  numberSlots(at);
   ++count_;
   quiet_ += notifiee.isQuiet() ? 1 : 0;
-  alertIsStale_ = true;
+  if (!isLate) return;
+  for (auto* walk = walk_; walk != nullptr; walk = walk->outerWalk_) {
+    if (at > walk->end_) continue;
+    ++walk->end_;
+    if (at >= walk->at_) continue;
+    ++walk->at_;
+    if (!notifiee.isQuiet()) walk->tellAfterwards(notifiee);
+  }
 }
 
 void NotifierList::remove(Notifiee& notifiee) noexcept {
   if (notifiee.slot_ >= slots_.size() || slots_[notifiee.slot_] != &notifiee) return;
   slots_[notifiee.slot_] = nullptr;
+  passedSlots_[notifiee.slot_] = 1;
+  notifiee.isAwake_ = false;
   --count_;
   quiet_ -= notifiee.isQuiet() ? 1 : 0;
-  alertIsStale_ = true;
-  if (walks_ != 0) {
-    std::replace(alert_.begin(), alert_.end(), &notifiee, static_cast<Notifiee*>(nullptr));
-  } else if (count_ <= slots_.size() / 2) {
-    closeGaps();
+  for (auto* walk = walk_; walk != nullptr; walk = walk->outerWalk_) {
+    std::replace(walk->woken_.begin(), walk->woken_.end(), &notifiee,
+                 static_cast<Notifiee*>(nullptr));
+  }
+  if (walk_ == nullptr && count_ <= slots_.size() / 2) closeGaps();
+}
+
+/// Stores in the notifiees from slot `first` on where they stand.
+void NotifierList::numberSlots(size_t first) noexcept {
+  for (size_t slot = first; slot < slots_.size(); ++slot) {
+    Notifiee* const notifiee = slots_[slot];
+    passedSlots_[slot] = notifiee == nullptr || (notifiee->isQuiet() && !notifiee->isAwake_);
+    if (notifiee != nullptr) notifiee->slot_ = static_cast<uint32_t>(slot);
   }
 }
 
 void NotifierList::closeGaps() noexcept {
   std::erase(slots_, nullptr);
-  for (uint32_t slot = 0; slot < slots_.size(); ++slot) slots_[slot]->slot_ = slot;
+  passedSlots_.resize(slots_.size());
+  numberSlots(0);
 }
 
 void NotifierList::quietChanged(Notifiee& notifiee) noexcept {
   quiet_ += notifiee.isQuiet() ? 1 : size_t{0} - 1;
-  if (walks_ != 0 && !notifiee.isQuiet()) wake(notifiee);
-  alertIsStale_ = true;
-}
-
-/// Has the walks over alert_ that are under way come to `notifiee`, if it was there when they
-/// began.
-void NotifierList::wake(Notifiee& notifiee) noexcept {
-  if (notifiee.slot_ >= judged_) return;
-  if (std::find(alert_.begin(), alert_.end(), &notifiee) != alert_.end()) return;
-  // There is room for all that were judged; without it no walk is over alert_.
-  if (alert_.size() != alert_.capacity()) alert_.push_back(&notifiee);
-}
-
-const std::vector<Notifiee*>& NotifierList::toTell() {
-  if (quiet_ == 0 || TraceFacility::anyBuilds()) return slots_;
-  if (alertIsStale_) {
-    // Another walk may be on the stale list. To tell a quiet one too is never wrong.
-    if (walks_ != 0) return slots_;
-    alert_.clear();
-    alert_.reserve(slots_.size());
-    judged_ = slots_.size();
-    std::copy_if(
-        slots_.begin(), slots_.end(), std::back_inserter(alert_),
-        [](const Notifiee* notifiee) { return notifiee != nullptr && !notifiee->isQuiet(); });
-    alertIsStale_ = false;
+  awakeChanged(notifiee);
+  if (notifiee.isQuiet()) return;
+  for (auto* walk = walk_; walk != nullptr; walk = walk->outerWalk_) {
+    walk->tellAfterwards(notifiee);
   }
-  return alert_;
+}
+
+void NotifierList::awakeChanged(Notifiee& notifiee) noexcept {
+  passedSlots_[notifiee.slot_] = notifiee.isQuiet() && !notifiee.isAwake_;
+}
+
+bool NotifierList::tellsAll() const noexcept {
+  return quiet_ == 0 || TraceFacility::anyBuilds();
+}
+
+size_t NotifierList::next(size_t from, size_t to, bool tellsAll) const noexcept {
+  if (tellsAll) {
+    while (from < to && slots_[from] == nullptr) ++from;
+    return from;
+  }
+  if (from >= to) return to;
+  const void* const found = std::memchr(passedSlots_.data() + from, 0, to - from);
+  return found == nullptr
+             ? to
+             : static_cast<size_t>(static_cast<const char*>(found) - passedSlots_.data());
+}
+
+void NotifierList::hookIs(const std::shared_ptr<NotifierHook>& hook, const Entity& owner) {
+  if (hookedSince(*hook) != 0) return;
+  hooks_.push_back({hook, Notifiee::now()});
+  owner_ = &owner;
+}
+
+uint64_t NotifierList::hookedSince(const NotifierHook& hook) const noexcept {
+  for (const Hooked& hooked : hooks_) {
+    if (hooked.hook.get() == &hook) return hooked.since;
+  }
+  return 0;
+}
+
+bool NotifierList::hasNeededHook() const noexcept {
+  return owner_ != nullptr && (TraceFacility::anyBuilds() ||
+                               std::any_of(hooks_.begin(), hooks_.end(), [](const Hooked& hooked) {
+                                 return hooked.hook->isNeeded();
+                               }));
+}
+
+void NotifierList::callNeededHooks(AttributeId id, const void* key, bool isRepeat) {
+  const bool isTraced = TraceFacility::anyBuilds();
+  for (size_t i = 0; i < hooks_.size(); ++i) {
+    const auto hook = hooks_[i].hook;
+    if (isTraced || hook->isNeeded()) hook->beforeTelling(*owner_, id, key, isRepeat);
+  }
+}
+
+uint64_t NotifierList::hooksVersion() const noexcept {
+  uint64_t version = 0;
+  for (const Hooked& hooked : hooks_) version += hooked.hook->version();
+  return version;
 }
 
 void NotifierList::ownerIsGone() noexcept {
@@ -148,19 +229,50 @@ void NotifierList::ownerIsGone() noexcept {
     if (notifiee != nullptr) notifiee->notifierIsGone();
     notifiee = nullptr;
   }
-  std::fill(alert_.begin(), alert_.end(), nullptr);
+  std::fill(passedSlots_.begin(), passedSlots_.end(), char{1});
+  for (auto* walk = walk_; walk != nullptr; walk = walk->outerWalk_) {
+    std::fill(walk->woken_.begin(), walk->woken_.end(), nullptr);
+  }
+  owner_ = nullptr;
   count_ = 0;
   orphaned_ = true;
-  if (walks_ == 0) delete this;
+  if (walk_ == nullptr) delete this;
 }
 
-void NotifierList::endWalk() noexcept {
-  if (--walks_ != 0) return;
+void NotifierList::endWalk(SnapshotIterator* outer) noexcept {
+  walk_ = outer;
+  if (walk_ != nullptr) return;
   if (orphaned_) {
     delete this;
   } else if (count_ != slots_.size()) {
     closeGaps();
   }
+}
+
+Notifiee* SnapshotIterator::next() {
+  Notifiee* notifiee = nullptr;
+  do {
+    if (at_ < end_) {
+      at_ = list_.next(at_, end_, tellsAll_);
+      if (at_ < end_) notifiee = list_.slots_[at_++];
+      continue;
+    }
+    if (wokenAt_ == woken_.size() && id_ != 0 && list_.hooksVersion() != hooksVersion_) {
+      hooksVersion_ = list_.hooksVersion();
+      list_.callHooks(id_, key_, true);
+      continue;
+    }
+    if (wokenAt_ == woken_.size()) break;
+    notifiee = woken_[wokenAt_++];
+  } while (notifiee == nullptr);
+  standOn(notifiee);
+  if (notifiee == nullptr) return nullptr;
+  notifiee->toldIn_ = number_;
+  if (notifiee->isAwake_) {
+    notifiee->isAwake_ = false;
+    list_.awakeChanged(*notifiee);
+  }
+  return notifiee;
 }
 
 }  // namespace Kiv

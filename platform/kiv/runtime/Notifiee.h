@@ -1,9 +1,11 @@
 // Notifiees, which are told of changes, and the lists in which a notifier keeps them.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -61,6 +63,24 @@ class Notifiee : public Object {
   /// nothing but trace statements: where many watch, those whom a change does not concern cost
   /// nothing. One that ceases to be quiet while others are told is told after them.
   void isQuietIs(bool quiet);
+  /// Tells a quiet notifiee of the next change all the same, or of the present one if its turn is
+  /// still to come.
+  void wakeOnce();
+
+  /// The place of a notifiee among those of its notifier, which are told in the order of ranks.
+  struct Rank {
+    uint64_t time = 0;   ///< of the registration; see now()
+    uint64_t order = 0;  ///< among those of the same time
+    friend auto operator<=>(const Rank&, const Rank&) = default;
+  };
+  /// A time that is later than all that were given before.
+  static uint64_t now() noexcept;
+  /// The next registration is one that was left out earlier, while nothing concerned this notifiee:
+  /// it gets the place that it would have had, and a walk that is under way reaches it.
+  void registersLate(const Rank& rank) noexcept {
+    rank_ = rank;
+    isLate_ = true;
+  }
 
   /// The activity that delivers to this reactor; null means at once.
   const Ptr<ActivityConfig>& kivFwkActivity() const noexcept { return activity_; }
@@ -82,6 +102,7 @@ class Notifiee : public Object {
       std::function<bool(const Notifiee& reactor, AttributeId id, const void* value)>;
   /// Makes `hook` the one of this process; an empty one takes it away. For the reactors' thread.
   static void attributeHookIs(AttributeHook hook);
+  static bool hasAttributeHook() noexcept;
 
   /// A callback for attribute `id` has raised; the exception is std::current_exception().
   virtual void onNotificationException(AttributeId /*id*/) noexcept {}
@@ -113,8 +134,12 @@ class Notifiee : public Object {
   const Entity* notifier_ = nullptr;
   SnapshotIterator* walk_ = nullptr;  // the innermost one that stands here
   Ptr<ActivityConfig> activity_;
-  uint32_t slot_ = 0;  // where it stands in the notifier's list, while registered
+  Rank rank_;
+  uint32_t slot_ = 0;    // where it stands in the notifier's list, while registered
+  uint32_t toldIn_ = 0;  // the last walk that came here
   Hold hold_;
+  bool isLate_ = false;   // until it is registered
+  bool isAwake_ = false;  // though quiet
   bool registered_ = false;
   bool active_ = true;
   bool zombie_ = false;
@@ -137,41 +162,108 @@ class NotifieeOf : public Notifiee {
   using Notifiee::Notifiee;
 };
 
+/// Called before the notifiees of an entity are told of a change. It may register notifiees that
+/// were left out because no change concerned them, and wake quiet ones.
+///
+/// One hook may serve many entities. It must not change an attribute of any entity.
+class NotifierHook {
+ public:
+  virtual ~NotifierHook() = default;
+
+  /// `notifier` is going to announce a change of the attribute `id`.
+  ///
+  /// \param key       of the changed entry of a collection; null for a value or a whole collection.
+  /// \param isRepeat  true at the end of the walk, if version() has changed meanwhile.
+  virtual void beforeTelling(const Entity& notifier, AttributeId id, const void* key,
+                             bool isRepeat) = 0;
+  /// A notifiee is going to be registered with `notifier`.
+  virtual void beforeRegistering(const Entity& /*notifier*/) {}
+
+  /// False while beforeTelling() need not be called unless something is traced.
+  bool isNeeded() const noexcept { return isNeeded_; }
+  uint64_t version() const noexcept { return version_; }
+
+ protected:
+  void isNeededIs(bool isNeeded) noexcept { isNeeded_ = isNeeded; }
+  /// beforeTelling() may concern other notifiees from now on.
+  void versionIsNext() noexcept { ++version_; }
+
+ private:
+  bool isNeeded_ = true;
+  uint64_t version_ = 0;
+};
+
 /// The notifiees of one entity.
 ///
 /// May be changed while it is walked: notifiees that leave are skipped, new ones wait for the next
-/// walk.
+/// walk, unless they register late.
 class NotifierList {
  public:
-  bool empty() const noexcept { return count_ == 0; }
+  bool empty() const noexcept { return count_ == 0 && !hasNeededHook(); }
   void add(Notifiee& notifiee);
   /// Takes constant time, averaged over the removals.
   void remove(Notifiee& notifiee) noexcept;
   /// A notifiee in the list has become quiet, or is so no longer.
   void quietChanged(Notifiee& notifiee) noexcept;
-  /// Those to tell of a change now, null where one has left. Good until the list changes.
-  const std::vector<Notifiee*>& toTell();
+  /// A quiet notifiee in the list is awake for the next change, or has been told of it.
+  void awakeChanged(Notifiee& notifiee) noexcept;
+  bool isWalked() const noexcept { return walk_ != nullptr; }
+  /// Calls `visit` with each notifiee to tell of a change now. It must change neither them nor the
+  /// list.
+  template <class Visit>
+  void forEachToTell(Visit visit) const {
+    const bool tellsAll = this->tellsAll();
+    for (size_t slot = next(0, slots_.size(), tellsAll); slot < slots_.size();
+         slot = next(slot + 1, slots_.size(), tellsAll)) {
+      visit(*slots_[slot]);
+    }
+  }
+
+  /// Has `hook` called from now on for changes of `owner`, whose list this is.
+  void hookIs(const std::shared_ptr<NotifierHook>& hook, const Entity& owner);
+  /// The time from which this hook is called; 0 if it is not.
+  uint64_t hookedSince(const NotifierHook& hook) const noexcept;
+  /// Calls `visit` with each hook.
+  template <class Visit>
+  void forEachHook(Visit visit) const {
+    for (const Hooked& hooked : hooks_) visit(*hooked.hook);
+  }
+  void callHooks(AttributeId id, const void* key, bool isRepeat = false) {
+    if (!hooks_.empty() && hasNeededHook()) [[unlikely]]
+      callNeededHooks(id, key, isRepeat);
+  }
+
   /// The entity goes: its notifiees lose their notifier. Deletes the list when no walk is under
   /// way, else the last walk does.
   void ownerIsGone() noexcept;
 
  private:
   friend class SnapshotIterator;
-  ~NotifierList() = default;
-  void endWalk() noexcept;
-  void closeGaps() noexcept;
+  struct Hooked {
+    std::shared_ptr<NotifierHook> hook;
+    uint64_t since;
+  };
 
-  void wake(Notifiee& notifiee) noexcept;
+  ~NotifierList() = default;
+  void endWalk(SnapshotIterator* outer) noexcept;
+  void closeGaps() noexcept;
+  void numberSlots(size_t first) noexcept;
+  bool tellsAll() const noexcept;
+  /// The first slot in [from, to) with a notifiee to tell; `to` for none.
+  size_t next(size_t from, size_t to, bool tellsAll) const noexcept;
+  bool hasNeededHook() const noexcept;
+  void callNeededHooks(AttributeId id, const void* key, bool isRepeat);
+  uint64_t hooksVersion() const noexcept;
 
   std::vector<Notifiee*> slots_;  // null: has left
-  // Those of the first `judged_` in slots_ that are not quiet, and behind them those that ceased to
-  // be so during a walk; see alertIsStale_.
-  std::vector<Notifiee*> alert_;
-  size_t judged_ = 0;
+  std::vector<char>
+      passedSlots_;  // of each slot: 1 when there is none to tell, unless all are told
+  std::vector<Hooked> hooks_;
+  const Entity* owner_ = nullptr;     // only with hooks
+  SnapshotIterator* walk_ = nullptr;  // the innermost one
   size_t count_ = 0;
   size_t quiet_ = 0;
-  unsigned walks_ = 0;
-  bool alertIsStale_ = false;
+  uint32_t walks_ = 0;  // how many began
   bool orphaned_ = false;
 };
 
@@ -179,44 +271,55 @@ class NotifierList {
 /// the while only if something is traced.
 class SnapshotIterator {
  public:
-  explicit SnapshotIterator(NotifierList& list)
+  /// The walk of an announcement of attribute `id`, or of none that hooks concern; see
+  /// NotifierHook.
+  explicit SnapshotIterator(NotifierList& list, AttributeId id = 0, const void* key = nullptr)
       : list_(list),
-        slots_(list.toTell()),
-        // Notifiees that are woken meanwhile stand behind the others.
-        end_(&slots_ == &list.alert_ ? SIZE_MAX : slots_.size()) {
-    ++list_.walks_;
-  }
+        id_(id),
+        key_(key),
+        end_(list.slots_.size()),
+        tellsAll_(list.tellsAll()),
+        number_(++list.walks_),
+        hooksVersion_(list.hooksVersion()),
+        outerWalk_(std::exchange(list.walk_, this)) {}
   SnapshotIterator(const SnapshotIterator&) = delete;
   SnapshotIterator& operator=(const SnapshotIterator&) = delete;
   ~SnapshotIterator() {
     standOn(nullptr);
-    list_.endWalk();
+    list_.endWalk(outerWalk_);
   }
 
   /// The next notifiee, or null at the end.
-  Notifiee* next() noexcept {
-    Notifiee* notifiee = nullptr;
-    while (at_ < end_ && at_ < slots_.size() && notifiee == nullptr) notifiee = slots_[at_++];
-    standOn(notifiee);
-    return notifiee;
-  }
+  Notifiee* next();
   /// The last result of next(), also if it has left the list; null once it is destroyed.
   Notifiee* current() const noexcept { return current_; }
 
  private:
   friend class Notifiee;
+  friend class NotifierList;
   void standOn(Notifiee* notifiee) noexcept {
     if (current_ != nullptr) current_->walk_ = outer_;
     current_ = notifiee;
     if (current_ != nullptr) outer_ = std::exchange(current_->walk_, this);
   }
+  /// A notifiee is no longer quiet, or has registered late: tells it if its turn is over.
+  void tellAfterwards(Notifiee& notifiee) {
+    if (notifiee.slot_ < at_ && notifiee.toldIn_ < number_) woken_.push_back(&notifiee);
+  }
 
   NotifierList& list_;
-  const std::vector<Notifiee*>& slots_;  // may grow and lose members meanwhile
+  AttributeId id_;
+  const void* key_;
   size_t at_ = 0;
-  size_t end_;
+  size_t end_;  // of those that were there when the walk began
+  const bool tellsAll_;
+  const uint32_t number_;
+  uint64_t hooksVersion_;
+  std::vector<Notifiee*> woken_;  // to be told when all others are; null: has left
+  size_t wokenAt_ = 0;
   Notifiee* current_ = nullptr;
   SnapshotIterator* outer_ = nullptr;  // another that stands on `current_`, further up the stack
+  SnapshotIterator* const outerWalk_;  // of the same list
 };
 
 }  // namespace Kiv

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -22,17 +23,17 @@ class Watch {
   Watch() = default;
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
-  ~Watch() { leave(); }
+  ~Watch() { end(); }
 
   /// Calls `written` from now on, for the changes of the table that has this list.
   void begin(const WatchList<Key>& list, Written written);
-
- private:
-  friend class WatchList<Key>;
-  void leave() {
+  void end() {
     if (list_ != nullptr) std::erase(list_->watches_, this);
     list_ = nullptr;
   }
+
+ private:
+  friend class WatchList<Key>;
 
   const WatchList<Key>* list_ = nullptr;
   Written written_;
@@ -52,7 +53,8 @@ class WatchList {
   bool empty() const noexcept { return watches_.empty(); }
   /// The entry of `key` is stored or removed.
   void written(const Key& key) const {
-    for (const auto* watch : watches_) watch->written_(key);
+    // A watch may begin meanwhile.
+    for (size_t i = 0; i < watches_.size(); ++i) watches_[i]->written_(key);
   }
 
  private:
@@ -62,7 +64,7 @@ class WatchList {
 
 template <class Key>
 void Watch<Key>::begin(const WatchList<Key>& list, Written written) {
-  leave();
+  end();
   written_ = std::move(written);
   list.watches_.push_back(this);
   list_ = &list;

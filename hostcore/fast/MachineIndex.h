@@ -1,0 +1,354 @@
+// Which machines of a switch a change concerns.
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "hostcore/Family.h"
+#include "platform/arp/NeighborDir.h"
+#include "platform/kiv/containers/HashMap.h"
+#include "platform/kiv/runtime/Notifiee.h"
+#include "platform/kiv/runtime/Trace.h"
+#include "platform/kiv/runtime/Watch.h"
+#include "platform/l3/IntfStatus.h"
+#include "platform/tovan/FibTypes.h"
+
+namespace HostCore {
+
+template <Family F>
+class Reactors;
+template <Family F>
+class Relevance;
+
+/// Lists of machines by a key. A list that becomes empty goes.
+template <class Key, class RouteSm>
+class MachineLists {
+ public:
+  void add(const Key& key, RouteSm& sm) { lists_.tryEmplace(key).first->push_back(&sm); }
+  void remove(const Key& key, RouteSm& sm) {
+    auto* list = lists_.find(key);
+    if (list == nullptr) return;
+    std::erase(*list, &sm);
+    if (list->empty()) lists_.erase(key);
+  }
+  /// Calls `visit` with each machine that the list has now. It may change the list.
+  template <class Visit>
+  void forEach(const Key& key, Visit visit) const {
+    const auto* list = lists_.find(key);
+    if (list == nullptr) return;
+    const auto machines = *list;
+    for (RouteSm* sm : machines) visit(*sm);
+  }
+
+ private:
+  Kiv::HashMap<Key, std::vector<RouteSm*>> lists_;
+};
+
+/// The part of an index that does not depend on the family.
+class MachineIndexBase {
+ public:
+  MachineIndexBase(const MachineIndexBase&) = delete;
+  MachineIndexBase& operator=(const MachineIndexBase&) = delete;
+  virtual ~MachineIndexBase() = default;
+
+  /// Goes up with each change of a FEC.
+  uint64_t fecVersion() const noexcept { return fecVersion_; }
+
+ protected:
+  MachineIndexBase() = default;
+  uint64_t fecVersion_ = 0;
+};
+
+/// The sparse machines over one set of switch-wide inputs, by VRF, interface and FEC; see Reactors.
+///
+/// Before an input tells its notifiees of a change, the index completes the reactors of the
+/// machines that the change concerns, and wakes those that are quiet. The other machines cost
+/// nothing.
+///
+template <Family F>
+class MachineIndex final : public MachineIndexBase,
+                           public std::enable_shared_from_this<MachineIndex<F>> {
+ public:
+  using RouteSm = typename F::RouteSm;
+  using Intfs = typename F::Intfs;
+  using Table = Arp::ArpIntfStatus;
+  using FecId = Tovan::Fib::FecId;
+
+  MachineIndex(const Arp::NeighborDir& dir, const Intfs& intfs,
+               const typename F::ForwardingStatus& forwarding)
+      : dir_(&dir), intfs_(&intfs), forwarding_(&forwarding), inputHook_(*this), tableHook_(*this) {
+    fecWatch_.begin(forwarding.watches(), [this](const FecId& fecId) { fecWritten(fecId); });
+  }
+
+  /// The index of these inputs. Makes it when there is none.
+  static std::shared_ptr<MachineIndex> of(const Arp::NeighborDir& dir, const Intfs& intfs,
+                                          const typename F::ForwardingStatus& forwarding);
+
+  /// True while each change concerns each machine.
+  static bool isObserved() {
+    return Kiv::TraceFacility::anyBuilds() || Kiv::Notifiee::hasAttributeHook();
+  }
+
+  const Arp::NeighborDir& dir() const noexcept { return *dir_; }
+  const Intfs& intfs() const noexcept { return *intfs_; }
+
+  void add(RouteSm& sm);
+  void remove(RouteSm& sm) noexcept;
+  /// Each change of a neighbour table concerns an alert machine.
+  void isAlertIs(RouteSm& sm, bool isAlert);
+
+  /// The machines that track a route with a FEC, that have a reactor of a table or a route through
+  /// its interface, and that have a filter of an interface.
+  MachineLists<FecId, RouteSm> ofFec;
+  MachineLists<Zemit::IntfId, RouteSm> ofTable;
+  MachineLists<Zemit::IntfId, RouteSm> ofFilter;
+
+  /// The place of a reactor on `notifier` that the machine would have had since it began at
+  /// `began`.
+  Kiv::Notifiee::Rank rankOn(const Kiv::Entity& notifier, bool isTable, uint64_t began) const {
+    const Kiv::NotifierHook& hook = isTable ? static_cast<const Kiv::NotifierHook&>(tableHook_)
+                                            : static_cast<const Kiv::NotifierHook&>(inputHook_);
+    const uint64_t since = notifier.notifierList().hookedSince(hook);
+    return since > began ? Kiv::Notifiee::Rank{since, began} : Kiv::Notifiee::Rank{began, 0};
+  }
+
+ private:
+  /// On the inputs, and on the layer-3 status of each interface.
+  class InputHook final : public Kiv::NotifierHook {
+   public:
+    explicit InputHook(MachineIndex& index) : index_(index) {}
+    MachineIndex& index() const noexcept { return index_; }
+    void beforeTelling(const Kiv::Entity& notifier, Kiv::AttributeId id, const void* key,
+                       bool isRepeat) override {
+      if (!isRepeat) index_.inputChanges(notifier, id, key);
+    }
+
+   private:
+    MachineIndex& index_;
+  };
+  /// On each neighbour table.
+  class TableHook final : public Kiv::NotifierHook {
+   public:
+    explicit TableHook(MachineIndex& index) : index_(index) { isNeededIs(false); }
+    void beforeTelling(const Kiv::Entity& notifier, Kiv::AttributeId /*id*/, const void* /*key*/,
+                       bool /*isRepeat*/) override {
+      index_.tableChanges(static_cast<const Table&>(notifier));
+    }
+    void alertChanged(bool isNeeded) {
+      isNeededIs(isNeeded);
+      versionIsNext();
+    }
+
+   private:
+    MachineIndex& index_;
+  };
+  /// On each sparse machine: who watches it is told of each reactor.
+  class MachineHook final : public Kiv::NotifierHook {
+   public:
+    MachineHook() { isNeededIs(false); }
+    void beforeTelling(const Kiv::Entity&, Kiv::AttributeId, const void*, bool) override {}
+    void beforeRegistering(const Kiv::Entity& notifier) override {
+      // The machine was not const when it was added.
+      Reactors<F>(const_cast<RouteSm&>(static_cast<const RouteSm&>(notifier))).makeAll();
+    }
+  };
+
+  std::shared_ptr<Kiv::NotifierHook> share(Kiv::NotifierHook& hook) {
+    return {this->shared_from_this(), &hook};
+  }
+  bool isLinked() const {
+    return dir_->notifierList().hookedSince(inputHook_) != 0 &&
+           intfs_->notifierList().hookedSince(inputHook_) != 0 &&
+           forwarding_->notifierList().hookedSince(inputHook_) != 0;
+  }
+  void link();
+  void linkTable(const Table& table) { table.notifierList().hookIs(share(tableHook_), table); }
+  /// Follows the layer-3 status that `intf` has now.
+  void linkIntf(Zemit::IntfId intf);
+
+  /// Calls `visit` with the machines that each change concerns.
+  template <class Visit>
+  void forEachAlert(Visit visit) const {
+    const auto machines = isObserved() ? machines_ : alert_;
+    for (RouteSm* sm : machines) visit(*sm);
+  }
+  void fecWritten(FecId fecId);
+  void inputChanges(const Kiv::Entity& notifier, Kiv::AttributeId id, const void* key);
+  void tableChanges(const Table& table);
+  void dirChanges(const Kiv::Name* name);
+  void intfsChange(const Zemit::IntfId* intf);
+  void fecsChange(const FecId* fecId);
+  void vrfChanges(const L3::Intf::Status& l3Status);
+
+  // Compared, and used while there is a machine, which keeps them alive.
+  const Arp::NeighborDir* dir_;
+  const Intfs* intfs_;
+  const typename F::ForwardingStatus* forwarding_;
+  InputHook inputHook_;
+  TableHook tableHook_;
+  MachineHook machineHook_;
+
+  std::vector<RouteSm*> machines_;
+  std::vector<RouteSm*> alert_;
+  MachineLists<L3::VrfName, RouteSm> ofVrf_;
+  Kiv::HashMap<Zemit::IntfId, const L3::Intf::Status*> l3Statuses_;
+  std::unordered_map<const L3::Intf::Status*, std::vector<Zemit::IntfId>> intfsOfL3Status_;
+  Kiv::Watch<FecId> fecWatch_;
+};
+
+template <Family F>
+auto MachineIndex<F>::of(const Arp::NeighborDir& dir, const Intfs& intfs,
+                         const typename F::ForwardingStatus& forwarding)
+    -> std::shared_ptr<MachineIndex> {
+  std::shared_ptr<MachineIndex> found;
+  dir.notifierList().forEachHook([&](Kiv::NotifierHook& hook) {
+    auto* inputHook = dynamic_cast<InputHook*>(&hook);
+    if (inputHook == nullptr) return;
+    MachineIndex& index = inputHook->index();
+    if (index.dir_ == &dir && index.intfs_ == &intfs && index.forwarding_ == &forwarding &&
+        index.isLinked()) {
+      found = index.shared_from_this();
+    }
+  });
+  if (found == nullptr) {
+    found = std::make_shared<MachineIndex>(dir, intfs, forwarding);
+    found->link();
+  }
+  return found;
+}
+
+template <Family F>
+void MachineIndex<F>::link() {
+  for (const Kiv::Entity* input :
+       {static_cast<const Kiv::Entity*>(dir_), static_cast<const Kiv::Entity*>(intfs_),
+        static_cast<const Kiv::Entity*>(forwarding_)}) {
+    input->notifierList().hookIs(share(inputHook_), *input);
+  }
+  dir_->forEachTable([this](const Table& table) { linkTable(table); });
+  for (auto it = F::intfIterator(*intfs_); it; ++it) linkIntf(it.key());
+}
+
+template <Family F>
+void MachineIndex<F>::linkIntf(Zemit::IntfId intf) {
+  const auto status = F::intfStatus(*intfs_, intf);
+  const L3::Intf::Status* now = status ? status->l3Status().get() : nullptr;
+  const L3::Intf::Status** const stored = l3Statuses_.find(intf);
+  const L3::Intf::Status* const former = stored == nullptr ? nullptr : *stored;
+  if (now == former) return;
+  if (former != nullptr) {
+    auto& intfs = intfsOfL3Status_[former];
+    std::erase(intfs, intf);
+    if (intfs.empty()) intfsOfL3Status_.erase(former);
+    l3Statuses_.erase(intf);
+  }
+  if (now == nullptr) return;
+  *l3Statuses_.tryEmplace(intf).first = now;
+  intfsOfL3Status_[now].push_back(intf);
+  now->notifierList().hookIs(share(inputHook_), *now);
+}
+
+template <Family F>
+void MachineIndex<F>::add(RouteSm& sm) {
+  machines_.push_back(&sm);
+  ofVrf_.add(sm.vrfName(), sm);
+  sm.notifierList().hookIs(share(machineHook_), sm);
+}
+
+template <Family F>
+void MachineIndex<F>::remove(RouteSm& sm) noexcept {
+  std::erase(machines_, &sm);
+  ofVrf_.remove(sm.vrfName(), sm);
+  isAlertIs(sm, false);
+}
+
+template <Family F>
+void MachineIndex<F>::isAlertIs(RouteSm& sm, bool isAlert) {
+  std::erase(alert_, &sm);
+  if (isAlert) alert_.push_back(&sm);
+  tableHook_.alertChanged(!alert_.empty());
+}
+
+template <Family F>
+void MachineIndex<F>::fecWritten(FecId fecId) {
+  ++fecVersion_;
+  ofFec.forEach(fecId, [&](RouteSm& sm) { Relevance<F>(sm).fecChanged(fecId); });
+}
+
+template <Family F>
+void MachineIndex<F>::inputChanges(const Kiv::Entity& notifier, Kiv::AttributeId id,
+                                   const void* key) {
+  if (&notifier == dir_) {
+    if (id == Arp::NeighborDir::ArpIntfStatusAttribute::kInfo.id) {
+      dirChanges(static_cast<const Kiv::Name*>(key));
+    }
+  } else if (&notifier == intfs_) {
+    if (id == F::IntfsAttribute::kInfo.id) intfsChange(static_cast<const Zemit::IntfId*>(key));
+  } else if (&notifier == forwarding_) {
+    if (id == F::ForwardingStatus::FecAttribute::kInfo.id) {
+      fecsChange(static_cast<const FecId*>(key));
+    }
+  } else if (id == L3::Intf::Status::VrfAttribute::kInfo.id) {
+    vrfChanges(static_cast<const L3::Intf::Status&>(notifier));
+  }
+}
+
+template <Family F>
+void MachineIndex<F>::tableChanges(const Table& table) {
+  if (dir_->tableOf(table.intfId()) != &table) return;
+  forEachAlert([&](RouteSm& sm) { Reactors<F>(sm).join(table); });
+}
+
+template <Family F>
+void MachineIndex<F>::dirChanges(const Kiv::Name* name) {
+  const auto wake = [](RouteSm& sm) { sm.neighborDirByIntfName()->wakeOnce(); };
+  if (name == nullptr) {
+    for (RouteSm* sm : machines_) wake(*sm);
+    return;
+  }
+  if (const auto& table = dir_->arpIntfStatus(*name)) linkTable(*table);
+  if (const auto intf = Zemit::IntfId::find(*name)) ofTable.forEach(*intf, wake);
+  forEachAlert(wake);
+}
+
+template <Family F>
+void MachineIndex<F>::intfsChange(const Zemit::IntfId* intf) {
+  const auto wake = [](RouteSm& sm) { sm.ipStatus()->wakeOnce(); };
+  if (intf == nullptr) {
+    for (RouteSm* sm : machines_) wake(*sm);
+    return;
+  }
+  linkIntf(*intf);
+  const auto status = F::intfStatus(*intfs_, *intf);
+  if (status && status->l3Status()) ofVrf_.forEach(status->l3Status()->vrf(), wake);
+  ofFilter.forEach(*intf, wake);
+  forEachAlert(wake);
+}
+
+template <Family F>
+void MachineIndex<F>::fecsChange(const FecId* fecId) {
+  const auto wake = [](RouteSm& sm) { sm.fwdStatus()->wakeOnce(); };
+  if (fecId == nullptr) {
+    for (RouteSm* sm : machines_) wake(*sm);
+    return;
+  }
+  ofFec.forEach(*fecId, wake);
+  forEachAlert(wake);
+}
+
+template <Family F>
+void MachineIndex<F>::vrfChanges(const L3::Intf::Status& l3Status) {
+  const auto found = intfsOfL3Status_.find(&l3Status);
+  if (found == intfsOfL3Status_.end()) return;
+  for (const Zemit::IntfId intf : found->second) {
+    const auto status = F::intfStatus(*intfs_, intf);
+    const auto join = [&](RouteSm& sm) { Reactors<F>(sm).join(status); };
+    ofVrf_.forEach(l3Status.vrf(), join);
+    forEachAlert(join);
+  }
+}
+
+}  // namespace HostCore
