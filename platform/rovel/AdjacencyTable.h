@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -51,9 +52,11 @@ class AdjacencyTable {
   size_t size() const noexcept { return numbers_.size(); }
   /// The bytes of memory that the entries take.
   size_t bytes() const {
-    const auto hasEntries = [](const Chunk& chunk) { return chunk.entries != nullptr; };
-    const auto chunks = std::count_if(chunks_.begin(), chunks_.end(), hasEntries);
-    return static_cast<size_t>(chunks) * kChunk * sizeof(Entry);
+    size_t entries = 0;
+    for (size_t chunk = 0; chunk < chunks_.size(); ++chunk) {
+      if (chunks_[chunk].entries != nullptr) entries += sizeOf(chunk);
+    }
+    return entries * sizeof(Entry);
   }
   /// The number that the next new entry gets.
   Index next() const {
@@ -85,7 +88,11 @@ class AdjacencyTable {
     Index nextFree = 0;  // while there are no users
   };
 
+  // The entries of a chunk. The first ones are smaller: with 8, 8, 16, 32 and so on, they have the
+  // first kChunk entries, because most VRFs have few adjacencies.
   static constexpr uint64_t kChunk = 256;
+  static constexpr uint64_t kFirstChunk = 8;
+  static constexpr size_t kSmallChunks = std::bit_width(kChunk / kFirstChunk);
   static constexpr size_t kNoChunk = SIZE_MAX;
 
   struct Chunk {
@@ -94,13 +101,23 @@ class AdjacencyTable {
     uint32_t used = 0;
   };
 
-  static size_t chunkOf(uint64_t index) { return static_cast<size_t>((index - 1) / kChunk); }
-  static Index firstOf(size_t chunk) { return static_cast<Index>(chunk * kChunk + 1); }
+  static size_t chunkOf(uint64_t index) {
+    const uint64_t at = index - 1;
+    return at < kChunk ? std::bit_width(at / kFirstChunk) : at / kChunk + kSmallChunks - 1;
+  }
+  static Index firstOf(size_t chunk) {
+    if (chunk == 0) return 1;
+    return static_cast<Index>(
+        (chunk < kSmallChunks ? kFirstChunk << (chunk - 1) : (chunk - kSmallChunks + 1) * kChunk) +
+        1);
+  }
+  static size_t sizeOf(size_t chunk) { return firstOf(chunk + 1) - firstOf(chunk); }
   bool isThere(uint64_t index) const {
     return index != 0 && index <= count_ && chunks_[chunkOf(index)].entries != nullptr;
   }
   Entry& entry(uint64_t index) const {
-    return chunks_[chunkOf(index)].entries[(index - 1) % kChunk];
+    const size_t chunk = chunkOf(index);
+    return chunks_[chunk].entries[index - firstOf(chunk)];
   }
   /// Makes the memory of the next new entry.
   void makeRoom();
@@ -133,15 +150,15 @@ std::pair<uint32_t, bool> AdjacencyTable<ViaSet>::take(const ViaSet& vias) {
 template <class ViaSet>
 void AdjacencyTable<ViaSet>::makeRoom() {
   if (roomy_.empty()) {
-    if (count_ != chunks_.size() * kChunk) return;
+    if (count_ + 1 != firstOf(chunks_.size())) return;
     // So that no later push_back() can fail.
     if (roomy_.capacity() <= chunks_.size()) roomy_.reserve(2 * chunks_.size() + 1);
-    chunks_.push_back({.entries = std::make_unique<Entry[]>(kChunk)});
+    chunks_.push_back({.entries = std::make_unique<Entry[]>(sizeOf(chunks_.size()))});
     return;
   }
   Chunk& chunk = chunks_[roomy_.back()];
   if (chunk.entries != nullptr) return;
-  chunk.entries = std::make_unique<Entry[]>(kChunk);
+  chunk.entries = std::make_unique<Entry[]>(sizeOf(roomy_.back()));
   chunk.firstFree = 0;
   for (Index index = firstOf(roomy_.back() + 1); index-- > firstOf(roomy_.back());) {
     entry(index).nextFree = std::exchange(chunk.firstFree, index);
