@@ -12,7 +12,7 @@
 namespace HostCore {
 
 /// Decides which events are relevant for a machine, and sets its reactors of neighbour tables quiet
-/// where none is.
+/// if no event of the table is.
 ///
 /// Neighbour tables belong to the switch, and each VRF's machine watches all of them. A neighbour
 /// gets no host route here when no tracked route leaves through its interface. Its event still ends
@@ -173,7 +173,7 @@ void Relevance<F>::routeWritten(const Prefix& prefix) {
   const auto tracked = root->prefixToRouteFind(prefix);
   if (!tracked && state_.handlers == 0) return;
   const Route now = Obu::readRoute(sm_.routeStatusRaw(), prefix);
-  // A route that is gone covers nothing. A handler may yet track the one that was there before.
+  // A removed route covers no address. A handler may still track the former one.
   if (now.key != prefix) return;
   if (state_.handlers != 0 || tracked->fecId != now.fecId) notAnnounced(prefix);
 }
