@@ -15,7 +15,7 @@ bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus) {
 }
 
 void RouteSm::KivArpIntfStatus::onArpEntryExpected(const Zemit::IpAddr& addr) const noexcept {
-  HostCore::neighborExpected<Ipv4>(*this, addr);
+  Steps::expectArpEntry(*this, addr);
 }
 
 void RouteSm::KivArpIntfStatus::handleArpEntry(Zemit::IpAddr addr) {

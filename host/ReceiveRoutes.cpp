@@ -10,8 +10,8 @@ namespace Routing::Host {
 
 namespace {
 
-/// An interface address itself, and the network and the broadcast address of a subnet that has them
-/// (RFC 3021: one of 31 bits has not). 0.0.0.0 is no address.
+/// An interface address, with the network and the broadcast address of its subnet. A subnet of 31
+/// bits has neither (RFC 3021). 0.0.0.0 is no address.
 class DerivedAddresses {
  public:
   DerivedAddresses() = default;
@@ -31,7 +31,7 @@ class DerivedAddresses {
   size_t count_ = 0;
 };
 
-/// Those for which an interface address gets routes: none when it is 0.0.0.0, whatever its mask.
+/// The addresses for which an interface address gets receive routes. 0.0.0.0 gets none.
 DerivedAddresses yieldedBy(const Zemit::IpAddrWithMask& addrWithMask) {
   return addrWithMask.addr().isZero() ? DerivedAddresses() : DerivedAddresses(addrWithMask);
 }
@@ -118,14 +118,15 @@ void removeReceiveRoute(Zemit::IpAddr ip, const Kiv::Name& intfName, const Route
 
 void recomputeReceiveRoutes(const RouteSm::Ptr& routeSm, const Ip::IpIntfStatus::PtrConst& status) {
   const auto root = Kiv::validPtr(Kiv::validPtr(routeSm)->root());
-  const HostCore::EventHandler<Ipv4> handler(*routeSm, HostCore::CauseKind::Address,
-                                             Kiv::validPtr(status)->intfId());
+  const HostCore::Event<Ipv4> event(*routeSm, HostCore::CauseKind::Address,
+                                    Kiv::validPtr(status)->intfId());
+  HostCore::MergeSet<Ipv4> merges(*routeSm);
+  const auto& changed = merges.addrs();
   const auto name = Kiv::validPtr(status)->name();
   KIV_TRACE(hostRouteTrace, 8, *root,
             "recomputeReceiveRoutes"
                 << " for interface: " << name);
   const bool isFollowed = bool(routeSm->vrfIpIntfStatus(status->intfId()));
-  const auto changed = Obu::AddrSet::AddrSetIs(Zemit::Prefix::null());
   removeReceiveRoutes(status, name, root, changed);
   const Zemit::IpAddrWithMask primary = status->activeAddrWithMask();
   if (primary != root->intfNameToAddrWithMask(name)) {

@@ -34,7 +34,7 @@ void RouteSmRoot::handleInitialized() {
   receiveTableIs("receiveTable");
   arpTableIs("arpTable");
   toMergeIs(Zemit::Prefix::null());
-  // No one can be registered yet, so there is no one to tell.
+  // No notifiee can be registered yet.
   initialized_.setQuietly(true);
 }
 

@@ -9,9 +9,9 @@ namespace Routing::Host {
 
 /// Writes the /32 route of one address into exactly one of two tables, the other being null.
 ///
-/// A route that is there keeps its metric, unless a FIB route for the same /32 is tracked with
-/// another; a new one gets metric 0 and preference 1, in the route table that of the FIB route. The
-/// FEC of a route that is replaced is not released.
+/// A present route keeps its metric, unless a FIB route for the same /32 is tracked with another
+/// metric. A new route gets metric 0 and preference 1, or in the route table those of the FIB
+/// route. The FEC of a replaced route is not released.
 ///
 /// \param fecId            with a reference of the caller's, which passes to the route; for a
 ///                         virtual address that the route table may not take, it is dropped.
@@ -28,7 +28,7 @@ KIV_EXPORT void addRouteToRouteTable(const Status::Ptr& hostTable,
 /// Withdraws the /32 route of one address from a host-route table, and releases its host adjacency
 /// when the route is of a type that this system writes.
 ///
-/// \param receiveAddrSet  when not null, the address leaves this set too, route or no route.
+/// \param receiveAddrSet  when not null, the address leaves this set too, with or without a route.
 KIV_EXPORT void removeHostRoute(const Zemit::IpAddr& ip, const Status::Ptr& hostTable,
                                 const Obu::AddrSet::Ptr& receiveAddrSet,
                                 const Rovel::AdjacencyHelper::Ptr& adjHelper);

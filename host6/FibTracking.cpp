@@ -10,7 +10,7 @@ namespace {
 
 using Steps = HostCore::FibTracking<Ipv6>;
 
-/// Traces for the functions that are given no entity when they are called by hand.
+/// The traced object of functions that get none.
 class Module final : public Kiv::NamedEntity {
  public:
   Module() : NamedEntity(Ipv6::kModule) {}

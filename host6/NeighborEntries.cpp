@@ -16,7 +16,7 @@ bool skipInterface(const Arp::ArpIntfStatus::PtrConst& arpIntfStatus) {
 
 void RouteSm::KivArpIntfStatus::onIp6NeighborEntryExpected(
     const Zemit::Ip6Addr& addr) const noexcept {
-  HostCore::neighborExpected<Ipv6>(*this, addr);
+  Steps::expectArpEntry(*this, addr);
 }
 
 void RouteSm::KivArpIntfStatus::handleArpEntry(const Zemit::Ip6Addr& addr) {

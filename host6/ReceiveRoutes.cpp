@@ -55,10 +55,10 @@ void RouteSm::KivIpIntfStatus::handleActiveAddrWithMask() {
             "recomputeReceiveRoutes"
                 << " for interface: " << name);
   const auto root = Kiv::validPtr(machine->root());
-  const HostCore::EventHandler<Ipv6> handler(*machine, HostCore::CauseKind::Address,
-                                             status->intfId());
+  const HostCore::Event<Ipv6> event(*machine, HostCore::CauseKind::Address, status->intfId());
+  HostCore::MergeSet<Ipv6> merges(*machine);
+  const auto& changed = merges.addrs();
   const bool isFollowed = bool(machine->vrfIpIntfStatus(status->intfId()));
-  const auto changed = Obu::Ip6AddrSet::AddrSetIs(Zemit::Ip6Prefix::null());
   removeReceiveRoutes(status, name, root, changed);
   root->intfNameToAddrWithMaskIs(name);
   // In ascending order, so that the order of the collection decides nothing.

@@ -35,7 +35,7 @@ void RouteSmRoot::handleInitialized() {
   receiveTableIs("receiveTable");
   neighTableIs("neighTable");
   toMergeIs(Zemit::Ip6Prefix::null());
-  // No one can be registered yet, so there is no one to tell.
+  // No notifiee can be registered yet.
   initialized_.setQuietly(true);
 }
 

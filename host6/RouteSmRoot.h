@@ -42,7 +42,7 @@ class RouteSm;
 /// fills it.
 ///
 /// Four collections are read together. neighRoute and prefixToRoute have an entry for every
-/// tracked FIB prefix; neighRoute names the neighbours whose host routes hang off it.
+/// tracked FIB prefix; neighRoute names the neighbours whose host routes depend on it.
 /// prefixToAdjacency says which FEC a prefix resolves through, adjacencyToPrefix which prefixes to
 /// process again when a FEC changes; a list that becomes empty is removed. An address is in
 /// receiveAddrToIntfName exactly while it has a route in receiveTable.
@@ -100,7 +100,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// Drops the objects that the root owns. No adjacency reference is released: host routes stay.
   ~RouteSmRoot() override;
 
-  /// Those of its machine.
+  /// The trace levels of its machine.
   uint32_t tracedLevels() const noexcept override;
 
   /// False once the root is being destroyed.

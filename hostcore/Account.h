@@ -23,13 +23,13 @@ enum class CauseKind : uint8_t {
   Unknown,          ///< a direct call of a handler, or a write by other code
   NeighborLearned,  ///< a neighbour was announced; for a history: one that had no host route
   NeighborChanged,  ///< a neighbour that had a host route was announced
-  NeighborLost,     ///< a neighbour went
-  NeighborTable,    ///< an interface's neighbour table came, or went with its neighbours
+  NeighborLost,     ///< a neighbour was removed
+  NeighborTable,    ///< an interface's neighbour table was added, or removed with its neighbours
   Route,            ///< a FIB route was announced
   Fec,              ///< a FEC changed
-  Address,          ///< an address of an interface
-  Interface,        ///< an interface came to the VRF, or left it
-  VirtualIp,        ///< a virtual address of a first-hop redundancy group
+  Address,          ///< an address of an interface changed
+  Interface,        ///< an interface joined or left the VRF
+  VirtualIp,        ///< a virtual address of a first-hop redundancy group changed
   Initialization,   ///< the VRF's inputs are complete, or no longer
   RibReady,         ///< the RIB is ready, or readiness is to be verified
   Settling,         ///< a neighbour was announced again after a change of a route or a FEC
@@ -46,7 +46,7 @@ enum class Lack : uint8_t {
   Record,       ///< the covering prefix has no route any more
   Fec,          ///< the covering route has no FEC
   Interface,    ///< the FEC does not leave through the neighbour's interface
-  DirectVia,    ///< it does, but only by way of a gateway
+  DirectVia,    ///< the FEC leaves through it to a gateway only
   Skipped,      ///< the interface is a management port
 };
 inline constexpr size_t kLacks = 10;
@@ -72,7 +72,7 @@ struct Counts {
   std::array<Count, kLacks> refused{};      ///< by Lack: neighbours that were looked up
   Count repairs = 0;                        ///< neighbours that were filed under a FIB route
   Count merges = 0;                         ///< addresses whose winner was settled
-  Count exceptions = 0;                     ///< callbacks that ended with one
+  Count exceptions = 0;                     ///< callbacks that ended with an exception
   /// The host routes that the machine has in the route table now, by type.
   std::array<Count, 32> hostRoutes{};
 };
@@ -91,7 +91,7 @@ template <class R, class Via>
 struct RouteChange {
   enum class Kind : uint8_t { Added, Changed, Removed };
 
-  double time = 0;  ///< by Kiv::now(), of the event
+  double time = 0;  ///< of the event, by Kiv::now()
   Kind kind = Kind::Added;
   R route = {};  ///< the new route; of a removal, the old one
   Kiv::SmallVector<Via> vias = {};

@@ -36,7 +36,7 @@ class Adjacency {
   /// - A prefix that was the last of its list goes to the list of its new FEC.
   void fileAgain(const Route& fibRoute, Tovan::Fib::FecId oldFec);
   /// Takes the neighbours inside `prefix` from the route that covers it, with their host routes.
-  void takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr& changed);
+  void takeFromCoveringRoute(const Prefix& prefix, MergeSet<F>& changed);
 
   typename F::RouteSm& sm_;
   typename F::RouteSmRoot& root_;
@@ -44,31 +44,27 @@ class Adjacency {
 
 template <Family F>
 void Adjacency<F>::handleAdjacency(const Route& fibRoute) {
-  const HandlerScope<F> handler(sm_);
+  MergeSet<F> changed(sm_);
   const Prefix prefix = fibRoute.key;
   if constexpr (F::kTracesFibRoute) {
     KIV_TRACE(F::trace(), 7, sm_, "handling fibRoute=" << prefix);
   }
   const Tovan::Fib::FecId oldFec = root_.prefixToAdjacency(prefix);
-  AddrSetPtr changed;
   if (oldFec != Tovan::Fib::invalidFecId) {
     KIV_TRACE(
         F::trace(), 7, sm_,
         "removing state for old adjacency " << oldFec << " which has been removed from " << prefix);
-    changed = sm_.handleDeletedAdjacency(prefix);
-  } else {
-    changed = F::AddrSet::AddrSetIs(Prefix::null());
+    changed.add(sm_.handleDeletedAdjacency(prefix));
   }
-  if (prefix.len() == Addr::kBits) changed->ipIs(prefix.addr(), true);
+  if (prefix.len() == Addr::kBits) changed.add(prefix.addr());
   root_.prefixToAdjacencyDel(prefix);
   fileAgain(fibRoute, oldFec);
   const auto intfs = fibRoute.fecId == Tovan::Fib::invalidFecId
                          ? Obu::IntfDir::IntfDirIs()
                          : F::intfs(sm_.forwardingStatus(), fibRoute.fecId);
   takeFromCoveringRoute(prefix, changed);
-  const auto promoted = sm_.promoteArpEntries(intfs, fibRoute);
-  for (auto it = promoted->ipIteratorConst(); it; ++it) changed->ipIs(it.key(), true);
-  if (changed->ipCount() != 0) sm_.doMerge(changed);
+  changed.add(sm_.promoteArpEntries(intfs, fibRoute));
+  changed.merge();
 }
 
 template <Family F>
@@ -82,12 +78,12 @@ void Adjacency<F>::fileAgain(const Route& fibRoute, Tovan::Fib::FecId oldFec) {
   if (oldList) {
     oldList->prefixIs(fibRoute.key, true);
   } else {
-    file<F>(sm_, root_, fibRoute.fecId, fibRoute.key);
+    file<F>(root_, fibRoute.fecId, fibRoute.key);
   }
 }
 
 template <Family F>
-void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr& changed) {
+void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, MergeSet<F>& changed) {
   const Route above = F::routeAbove(prefix, sm_.routeStatusRaw(), root_.trieRaw());
   F::traceCoveringRoute(sm_, prefix, above.key);
   if (isNull(above.key)) return;
@@ -96,8 +92,7 @@ void Adjacency<F>::takeFromCoveringRoute(const Prefix& prefix, const AddrSetPtr&
   const auto inside =
       neighbors->ipKeysBetween(prefix.addr(), prefix.addr().subnetLast(prefix.len()));
   const auto trace = [&](const Addr& addr) { F::traceTakenFrom(sm_, addr, above.key); };
-  withdraw<F>(sm_, root_, *neighbors, inside, trace,
-              [&](const Addr& addr) { changed->ipIs(addr, true); });
+  withdraw<F>(sm_, root_, *neighbors, inside, trace, [&](const Addr& addr) { changed.add(addr); });
 }
 
 template <Family F>

@@ -90,27 +90,53 @@ class Event {
   typename F::RouteSm& sm_;
 };
 
-/// The scope of a handler that merges all that it changes: the event, and the scope in which the
-/// short cuts may rely on the merge.
+/// The scope of the handler of an announced FIB route or FEC.
 template <Family F>
 class EventHandler {
  public:
-  EventHandler(typename F::RouteSm& sm, CauseKind kind, Zemit::IntfId intf)
-      : event_(sm, kind, intf), handler_(sm) {}
-  /// The FIB route of `prefix` was announced, with this FEC.
   EventHandler(typename F::RouteSm& sm, const typename F::Prefix& prefix, Tovan::Fib::FecId fec)
-      : event_(sm, CauseKind::Route, prefix, fec), handler_(sm) {
-    ShortCuts<F>(sm).announced(prefix);
-  }
-  /// A FEC was announced.
+      : event_(sm, CauseKind::Route, prefix, fec), handler_(sm, prefix) {}
   EventHandler(typename F::RouteSm& sm, Tovan::Fib::FecId fec)
-      : event_(sm, CauseKind::Fec, fec), handler_(sm) {
-    ShortCuts<F>(sm).announced(fec);
-  }
+      : event_(sm, CauseKind::Fec, fec), handler_(sm, fec) {}
 
  private:
   Event<F> event_;
   HandlerScope<F> handler_;
+};
+
+/// The scope of a handler that changes the host routes of several addresses. It collects them, and
+/// merges them together at its end.
+template <Family F>
+class MergeSet {
+ public:
+  using Addr = typename F::Addr;
+  using AddrSetPtr = typename F::AddrSet::Ptr;
+
+  explicit MergeSet(typename F::RouteSm& sm) : sm_(sm), handler_(sm) {}
+
+  void add(const Addr& addr) { addrs()->ipIs(addr, true); }
+  /// Adds the addresses of a set. This object may take over the set itself.
+  void add(const AddrSetPtr& others) {
+    if (!addrs_) {
+      addrs_ = others;
+      return;
+    }
+    for (auto it = others->ipIteratorConst(); it; ++it) add(it.key());
+  }
+  /// The set of the addresses. It is made at its first use.
+  const AddrSetPtr& addrs() {
+    if (!addrs_) addrs_ = F::AddrSet::AddrSetIs(F::Prefix::null());
+    return addrs_;
+  }
+  /// Merges the addresses, if there are any.
+  void merge() {
+    if (addrs_ && addrs_->ipCount() != 0) sm_.doMerge(addrs_);
+  }
+
+ private:
+  typename F::RouteSm& sm_;
+  HandlerScope<F> handler_;
+  AddrSetPtr addrs_;
 };
 
 /// A host route of the machine in the route table was changed from `before` to `now`. A route with

@@ -24,7 +24,7 @@ struct AddressState {
   struct Found {
     Route route = {};
     Vias vias = {};
-    uint32_t users = 0;  ///< of its host adjacency, where it has one
+    uint32_t users = 0;  ///< the users of its host adjacency; 0 without one
   };
   /// The address as a neighbour on one interface.
   struct Neighbor {
@@ -34,33 +34,33 @@ struct AddressState {
     /// The parts of that route that exist: its prefix, its record and its vias.
     Route cover{.key = Prefix::null()};
     Vias coverVias = {};
-    /// The vias by which it would be reached under it.
+    /// The vias through which that route reaches the address.
     Vias vias = {};
   };
 
   bool isInitialized = false;
-  bool isDeferred = false;  ///< its merge waits for the machine to be initialized
+  bool isDeferred = false;  ///< whether its merge waits for the machine to be initialized
   std::optional<Found> ownAddress;
-  Kiv::Name ownIntf;  ///< the owner of that
+  Kiv::Name ownIntf;  ///< the interface that owns this address
   std::optional<Found> fibRoute;
-  bool isVirtual = false;           ///< in any VRF
-  std::vector<Neighbor> neighbors;  ///< by the interfaces' names
+  bool isVirtual = false;           ///< whether it is virtual in any VRF
+  std::vector<Neighbor> neighbors;  ///< in the order of the interfaces' names
   /// The route that covers the address, whether or not it is a neighbour.
   Neighbor cover;
-  std::vector<Prefix> filedUnder;  ///< the longest first
+  std::vector<Prefix> filedUnder;  ///< FIB prefixes, the longest first
   std::optional<Found> hostRoute;  ///< derived from neighbours
-  /// Those tracked routes without a direct via, wider than the cover of a neighbour, by which
-  /// promotion takes the neighbour's host route away; the longest first.
+  /// Tracked routes without a direct via that are wider than the cover of a neighbour. A promotion
+  /// under such a route removes the neighbour's host route. The longest comes first.
   std::vector<Found> takers;
 
-  Source source = Source::None;   ///< of the winner
+  Source source = Source::None;   ///< the winner's origin
   std::optional<Found> expected;  ///< the route that a merge would write
-  bool givesWay = false;          ///< the winner must not be written: the address is virtual
-  std::optional<Found> inTable;   ///< the route in the route table
-  bool isSettled = false;         ///< a merge would change nothing
+  bool givesWay = false;  ///< whether the winner is not written, because the address is virtual
+  std::optional<Found> inTable;  ///< the route in the route table
+  bool isSettled = false;        ///< whether a merge would change nothing
 };
 
-/// Finds out about addresses.
+/// Explains single addresses.
 template <Family F>
 class Explain {
  public:
@@ -69,7 +69,7 @@ class Explain {
   using State = AddressState<F>;
   using Found = typename State::Found;
 
-  /// \param sm  with a root; it is left as it is.
+  /// \param sm  must have a root. It is not changed.
   explicit Explain(typename F::RouteSm& sm)
       : sm_(sm), root_(Kiv::validPtr(sm.rootRaw())), lookup_(sm), merge_(sm) {}
 
@@ -215,7 +215,7 @@ void Explain<F>::settle(const Addr& addr, State& state) const {
   if (!state.expected) {
     state.isSettled = !exists;
   } else if (state.givesWay) {
-    // A route that was there stays without type and FEC.
+    // A former route stays, without type and FEC.
     state.isSettled = !exists || (existing.routeType == F::kInvalid &&
                                   existing.fecId == Tovan::Fib::invalidFecId);
   } else {

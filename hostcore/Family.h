@@ -37,7 +37,7 @@ concept FamilyTypes = requires {
   typename F::IntfsAttribute;  // the attribute that has them
 };
 
-/// Its constants, and the words of its messages that differ.
+/// The constants of a family, and the parts of its messages that differ.
 template <class F>
 concept FamilyConstants = requires {
   requires std::convertible_to<decltype(F::kModule), const char*>;
@@ -122,7 +122,7 @@ concept FamilySteps = requires(typename F::RouteSm& sm, const typename F::RouteS
   };
 };
 
-/// All that the steps use of a family.
+/// The whole interface of a family.
 template <class F>
 concept Family = FamilyTypes<F> && FamilyConstants<F> && FamilyAccessors<F> && FamilySteps<F>;
 
@@ -135,7 +135,7 @@ struct Cover {
 template <class F>
 using CoverOf = Cover<typename F::Route, typename F::ForwardingStatus::Fec>;
 
-/// A family's address, the way a record of it is looked up: its host prefix.
+/// The host prefix of an address. Tables have the records of an address under it.
 template <Family F>
 typename F::Prefix hostPrefix(const typename F::Addr& addr) {
   return F::Prefix::host(addr);

@@ -17,7 +17,7 @@ inline bool intersects(const Obu::IntfDir& a, const Obu::IntfDir& b) {
   return std::any_of(a.begin(), a.end(), [&b](Zemit::IntfId intf) { return b.contains(intf); });
 }
 
-/// The interfaces that `b` has and `a` lacks.
+/// The interfaces that are in `b` and not in `a`.
 inline Obu::IntfDir::Ptr lackingIn(const Obu::IntfDir& a, const Obu::IntfDir& b) {
   auto rest = Obu::IntfDir::IntfDirIs();
   for (const Zemit::IntfId intf : b) {
@@ -52,7 +52,7 @@ class FibTracking {
   }
   /// Records a FIB route, which is new or has changed. \param oldFec  of the former one, or none.
   void track(const Route& fibRoute, Tovan::Fib::FecId oldFec, Root& root);
-  /// Forgets a FIB route that went, with the state under its prefix.
+  /// Removes the record of a deleted FIB route, with the state under its prefix.
   void untrack(const Prefix& prefix, const std::optional<Route>& tracked, Root& root);
 
   typename F::RouteSm& sm_;
@@ -159,12 +159,11 @@ void FibTracking<F>::untrack(const Prefix& prefix, const std::optional<Route>& t
 
 template <Family F>
 void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
-  const HandlerScope<F> handler(sm_);
+  MergeSet<F> changed(sm_);
   KIV_TRACE(F::trace(), 7, sm_,
             "fib route being deleted=" << oldFibRoute << " with prefix=" << oldFibRoute.key);
   auto& root = Kiv::validPtr(sm_.rootRaw());
-  const auto mergeSet = F::AddrSet::AddrSetIs(Prefix::null());
-  if (oldFibRoute.key.len() == F::Addr::kBits) mergeSet->ipIs(oldFibRoute.key.addr(), true);
+  if (oldFibRoute.key.len() == F::Addr::kBits) changed.add(oldFibRoute.key.addr());
 
   const Route above = F::routeAbove(oldFibRoute.key, sm_.routeStatusRaw(), root.trieRaw());
   const bool covered = !isNull(above.key);
@@ -182,16 +181,15 @@ void FibTracking<F>::handleDeletedRoute(const Route& oldFibRoute) {
     withdraw<F>(sm_, root, *neighbors, ascending(neighbors->ipIteratorConst()), ignore,
                 [&](const typename F::Addr& addr) {
                   if (rehome) sm_.fixupArpRoute(addr, above);
-                  mergeSet->ipIs(addr, true);
+                  changed.add(addr);
                 });
   }
 
   if (covered) {
     const auto newIntfs = F::subtract(root, oldIntfs, aboveIntfs);
-    const auto promoted = sm_.promoteArpEntries(newIntfs, above);
-    for (auto it = promoted->ipIteratorConst(); it; ++it) mergeSet->ipIs(it.key(), true);
+    changed.add(sm_.promoteArpEntries(newIntfs, above));
   }
-  if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
+  changed.merge();
 }
 
 }  // namespace HostCore

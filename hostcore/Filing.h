@@ -7,23 +7,21 @@
 
 namespace HostCore {
 
-/// Files `prefix` in the list of a FEC, which is made if there is none.
+/// Files `prefix` in the list of a FEC, which is made if there is none. Returns the list.
 template <Family F>
-void file(typename F::RouteSm& sm, typename F::RouteSmRoot& root, Tovan::Fib::FecId fecId,
-          const typename F::Prefix& prefix) {
-  if (const auto& list = root.adjacencyToPrefix(fecId)) {
-    ShortCuts<F>(sm).filedIn(*list);
-    list->prefixIs(prefix, true);
-    return;
+typename F::PrefixList::Ptr file(typename F::RouteSmRoot& root, Tovan::Fib::FecId fecId,
+                                 const typename F::Prefix& prefix) {
+  typename F::PrefixList::Ptr list = root.adjacencyToPrefix(fecId);
+  if (!list) {
+    list = F::PrefixList::PrefixListIs(fecId);
+    root.adjacencyToPrefixIs(list);
   }
-  ShortCuts<F>(sm).listMade(fecId);
-  const auto list = F::PrefixList::PrefixListIs(fecId);
-  root.adjacencyToPrefixIs(list);
   list->prefixIs(prefix, true);
+  return list;
 }
 
-/// Takes `prefix` out of the list of a FEC, if there is one. A list that becomes empty goes.
-/// Returns the list that remains, or null.
+/// Takes `prefix` out of the list of a FEC, if there is one. An empty list is
+/// removed. Returns the list if it remains, else null.
 template <Family F>
 typename F::PrefixList::Ptr unfile(typename F::RouteSmRoot& root, Tovan::Fib::FecId fecId,
                                    const typename F::Prefix& prefix) {

@@ -16,8 +16,8 @@
 
 namespace HostCore {
 
-/// `prefixes` in the order in which routes are handled: a neighbour that several cover ends up
-/// under the longest, whatever order a collection iterates in.
+/// `prefixes` in the order in which routes are handled. A neighbour that several prefixes cover is
+/// then filed under the longest, independent of the order of the collection.
 template <class Prefix>
 std::vector<Prefix> shortestFirst(std::vector<Prefix> prefixes) {
   std::sort(prefixes.begin(), prefixes.end(), [](const Prefix& a, const Prefix& b) {
@@ -27,7 +27,7 @@ std::vector<Prefix> shortestFirst(std::vector<Prefix> prefixes) {
 }
 
 /// The keys of a walk in ascending order. Some results depend on the order in which neighbours are
-/// handled, such as the ids of their adjacencies. With this they are the same each time.
+/// handled, such as the ids of their adjacencies. This order makes them the same in each run.
 template <class Iterator>
 auto ascending(Iterator walk) {
   Kiv::SmallVector<std::remove_cvref_t<decltype(walk.key())>> keys;
@@ -63,18 +63,18 @@ class Lookup {
   /// The longest FIB prefix that covers `ip`, if its FEC leaves through the table's interface; else
   /// none.
   ///
-  /// Only the longest is looked at: when it leaves through another interface, a shorter one that
-  /// leaves through this one does not count.
+  /// If the longest prefix leaves through another interface, a shorter one that leaves through this
+  /// one does not count.
   Cover checkIpAddressAgainstFib(const Addr& ip, const Arp::ArpIntfStatus::PtrConst& table) const;
 
   /// Finds that prefix, and returns the reason if there is none. `cover` gets the part of the
   /// covering route that was found.
   Lack findCover(const Addr& ip, const Arp::ArpIntfStatus* table, Cover& cover) const;
-  /// The same for an address that is a neighbour nowhere: whether a route covers it.
+  /// The same for an address that is no neighbour: finds a route that covers it.
   Lack findCover(const Addr& ip, Cover& cover) const;
 
  private:
-  /// The input that every look-up needs, if the machine lacks it.
+  /// The input that the machine lacks, of those that every look-up needs.
   Lack findInputs() const {
     if (sm_.routeStatusRaw() == nullptr) return Lack::RouteStatus;
     return sm_.hostStatusRaw() == nullptr ? Lack::HostStatus : Lack::None;
@@ -121,14 +121,10 @@ Lack Lookup<F>::findCover(const Addr& ip, const Arp::ArpIntfStatus* table, Cover
   if (table == nullptr) return Lack::Table;
   const Prefix longest = trie().longestMatch(hostPrefix<F>(ip));
   if (isNull(longest)) return Lack::Cover;
-  if (const auto* cached = cachedCover<F>(sm_, longest, table->intfId())) {
-    cover = *cached;
-    return Lack::None;
-  }
-  if (const Lack lack = readCover(longest, cover); lack != Lack::None) return lack;
-  if (!Obu::leavesThrough(cover.fec, table->intfId())) return Lack::Interface;
-  cacheCover<F>(sm_, cover);
-  return Lack::None;
+  return cachedCover<F>(sm_, longest, table->intfId(), cover, [&] {
+    if (const Lack lack = readCover(longest, cover); lack != Lack::None) return lack;
+    return Obu::leavesThrough(cover.fec, table->intfId()) ? Lack::None : Lack::Interface;
+  });
 }
 
 template <Family F>

@@ -28,12 +28,12 @@ class Merge {
     None,
     OwnAddress,          ///< a receive route
     FibRoute,            ///< a FIB host route
-    IncompleteFibRoute,  ///< one that cannot be written: the address gets no route
+    IncompleteFibRoute,  ///< a FIB host route that cannot be written; the address gets no route
     Neighbor,            ///< the host route of a neighbour
   };
   struct Winner {
     Source source = Source::None;
-    Route route;  ///< as its origin has it
+    Route route;  ///< the record in its table of origin
   };
 
   explicit Merge(typename F::RouteSm& sm) : sm_(sm), root_(Kiv::validPtr(sm.rootRaw())) {}
@@ -115,9 +115,8 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
                       << addr);
         continue;
       }
-      // Deliberate: an entry inside the route counts even when a longer route covers it. That takes
-      // its host route away when this route leaves through a gateway, until the entry is announced
-      // again.
+      // Deliberate: an entry inside the route counts even when a longer route covers it. If this
+      // route leaves through a gateway, the entry loses its host route until it is announced again.
       if (fibRoute.key.contains(addr)) result->ipIs(addr, true);
     }
   }
@@ -137,7 +136,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
     return;
   }
   KIV_TRACE(F::trace(), 6, sm_, "associating " << ip << " with address set for " << fibRoute.key);
-  // All that can fail comes before the first change.
+  // Everything that can fail comes before the first change.
   const auto vias = neighborVias(ip, fec);
   const auto& table = F::neighborTable(root_);
   auto& adjHelper = Kiv::validPtr(sm_.adjHelperRaw());
@@ -151,15 +150,15 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
       ++sm_.account().counts.refused[static_cast<size_t>(Lack::DirectVia)];
     }
     KIV_TRACE(F::trace(), 6, sm_, F::Text::kRemovingRoute << ip << " since it won't be used");
-    const Route removed = takeOut<F>(*table, host);
+    const Route removed = changing<F>(*table).routeDel(host);
     if (removed.key == host) adjHelper.doDropRefOnHostAdjacency(table, removed.fecId);
     neighbors->ipDel(ip);
     if (neighbors->ipCount() == 0) unfile<F>(root_, fibRoute.fecId, fibRoute.key);
     return;
   }
-  ShortCuts<F>(sm_).filedIn(*neighbors);
   neighbors->ipIs(ip, true);
-  file<F>(sm_, root_, fibRoute.fecId, fibRoute.key);
+  const auto prefixes = file<F>(root_, fibRoute.fecId, fibRoute.key);
+  ShortCuts<F>(sm_).filed(*neighbors, *prefixes);
   const Route existing = table->route(host);
   const bool exists = existing.key == host;
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;
@@ -229,7 +228,7 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
   // kept with it: a callback of the write may end the machine.
   Tovan::Fib::FecId heldFec = Tovan::Fib::invalidFecId;
   typename F::AdjacencyHelper* helper = nullptr;
-  forEachMerge<F>(sm_, addrs, [&](const Addr& addr) {
+  forEachMerge<F>(sm_, addrs, [&](const Addr& addr, const Route& existing) {
     const About<F> about(sm_, addr);
     const Prefix prefix = hostPrefix<F>(addr);
     KIV_TRACE_AS(F::trace(), 8, sm_, "doMerge", " handling prefix: " << prefix);
@@ -240,7 +239,6 @@ void Merge<F>::mergeAll(const Addrs& addrs) {
       Kiv::validPtr(helper).doDropRefOnFibAdjacency(heldFec);
     }
     helper = sm_.adjHelperRaw();
-    const Route existing = Obu::readRoute(sm_.routeStatusRaw(), prefix);
     heldFec = Tovan::Fib::invalidFecId;
     if (existing.key == prefix && F::isOwnType(existing.routeType)) {
       heldFec = existing.fecId;
@@ -277,7 +275,6 @@ void Merge<F>::mergeOne(const Addr& ip, const Route& existing) {
   const auto routeTable = sm_.routeStatus();
   if (!routeTable) return;
   const Prefix prefix = hostPrefix<F>(ip);
-  const WriteScope<F> scope(sm_, ip, existing);
   const auto [source, route] = winner(ip);
   switch (source) {
     case Source::OwnAddress:

@@ -20,7 +20,12 @@ class NeighborEntries {
 
   explicit NeighborEntries(typename F::RouteSm& sm) : sm_(sm) {}
 
-  /// One neighbour of the reactor's table appeared, changed or went.
+  /// One neighbour of the reactor's table is about to be added, changed or removed.
+  template <class Reactor>
+  static void expectArpEntry(const Reactor& reactor, const Addr& addr) {
+    neighborExpected<F>(reactor, addr);
+  }
+  /// One neighbour of the reactor's table was added, changed or removed.
   template <class Reactor, class Shown>
   void handleArpEntry(const Reactor& reactor, const Addr& addr, const Shown& shown);
   /// Every neighbour of the reactor's table is to be handled.
@@ -37,11 +42,11 @@ class NeighborEntries {
   /// nothing but trace when no route covers the address on that interface.
   template <class Shown>
   void handleAddedArpEntry(const Addr& addr, const Shown& shown, const ArpTable& table);
-  /// Repairs the host route of the neighbour `addr`, lost from `table`. A neighbour that never had
-  /// one, or whose address no route covers on that interface, is left alone.
+  /// Repairs the host route of the neighbour `addr`, lost from `table`. Does nothing if there is no
+  /// host route, or if no route covers the address on that interface.
   template <class Shown>
   void handleDeletedArpEntry(const Addr& addr, const Shown& shown, const ArpTable& table);
-  /// Handles the neighbours that a deleted table still has as lost.
+  /// Handles the remaining neighbours of a deleted table as lost.
   void handleDeletedArpIntfStatus(const ArpTable& table);
   /// The reactor of a table was pointed at another one: neighbours that only `former` has are lost.
   void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
@@ -104,16 +109,16 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor) {
     KIV_TRACE(F::trace(), 6, reactor, "skipping Neigh Entry on interface " << table->name());
     return;
   }
-  const EventHandler<F> handler(sm_, CauseKind::NeighborTable, table->intfId());
-  const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
+  const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
+  MergeSet<F> changed(sm_);
   for (const Addr& addr : ascending(F::neighbors(*table))) {
     const auto* entry = F::findNeighbor(*table, addr);
     if (entry == nullptr) continue;
     const auto neighbor = *entry;  // the table may change while it is handled
     sm_.handleAddedArpEntry(F::argument(neighbor), table);
-    mergeSet->ipIs(addr, true);
+    changed.add(addr);
   }
-  if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
+  changed.merge();
 }
 
 template <Family F>
@@ -188,32 +193,31 @@ void NeighborEntries<F>::handleDeletedArpIntfStatus(const ArpTable& table) {
   KIV_TRACE(F::trace(), 7, sm_,
             "arpIntfStatus for " << table->name() << " was deleted"
                                  << " with " << count << F::Text::kEntriesLeft);
-  const HandlerScope<F> handler(sm_);
-  const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
+  MergeSet<F> changed(sm_);
   for (const Addr& addr : ascending(F::neighbors(*table))) {
     const auto* entry = F::findNeighbor(*table, addr);
     if (entry == nullptr) continue;
     const auto neighbor = *entry;
     sm_.handleDeletedArpEntry(F::argument(neighbor), table);
-    mergeSet->ipIs(addr, true);
+    changed.add(addr);
   }
-  sm_.doMerge(mergeSet);
+  sm_.doMerge(changed.addrs());
 }
 
 template <Family F>
 void NeighborEntries<F>::handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former,
                                                      const ArpTable& table) {
   if (skipInterface(*table)) return;
-  const EventHandler<F> handler(sm_, CauseKind::NeighborTable, table->intfId());
-  const auto mergeSet = F::AddrSet::AddrSetIs(F::Prefix::null());
+  const Event<F> event(sm_, CauseKind::NeighborTable, table->intfId());
+  MergeSet<F> changed(sm_);
   for (const Addr& addr : ascending(F::neighbors(former))) {
     const auto* entry = F::findNeighbor(former, addr);
     if (entry == nullptr || F::findNeighbor(*table, addr) != nullptr) continue;
     const auto neighbor = *entry;
     sm_.handleDeletedArpEntry(F::argument(neighbor), table);
-    mergeSet->ipIs(addr, true);
+    changed.add(addr);
   }
-  if (mergeSet->ipCount() != 0) sm_.doMerge(mergeSet);
+  changed.merge();
 }
 
 }  // namespace HostCore

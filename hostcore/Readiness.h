@@ -38,7 +38,7 @@ class Readiness {
 
  private:
   typename F::RouteSm& sm_;
-  // A callback may take the record from the machine; the answer is still due.
+  // A callback may take the record from the machine. The record still gets the answer.
   RovelReady::VrfStatus::Ptr record_;
 };
 

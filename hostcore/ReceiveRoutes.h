@@ -1,15 +1,17 @@
 // The steps for the router's own addresses that both families share.
 #pragma once
 
+#include "hostcore/Event.h"
 #include "hostcore/RouteWriter.h"
-#include "hostcore/fast/ShortCuts.h"
 
 namespace HostCore {
 
-/// Writes one receive route and makes the interface its owner, also of an address that another one
-/// owned. The host adjacency of the route that is replaced is released, after writing.
+/// Writes one receive route and makes the interface its owner, even if another interface owned the
+/// address. Then releases the host adjacency of the replaced route.
 ///
-/// \param adjacency  a host adjacency of the receive table with a reference for the route, or none.
+/// \param adjacency  the id of a host adjacency of the receive table, with a reference for the
+/// route;
+///                   or invalidFecId.
 /// \param changed    gains the address.
 template <Family F>
 void writeReceiveRoute(const typename F::Addr& ip, Tovan::Fib::FecId adjacency,
@@ -41,18 +43,17 @@ void eraseReceiveRoute(const typename F::Addr& ip, typename F::RouteSmRoot& root
   root.receiveAddrToIntfNameDel(ip);
 }
 
-/// Removes the receive routes of an interface that is no longer followed in this VRF: one that the
-/// machine does not hold, or that the IP status does not have, or has under another name.
+/// Removes the receive routes of an interface that is no longer followed in this VRF. The machine
+/// does not have it, or the IP status does not have it, or has it under another name.
 template <Family F>
 void handleIpIntfStatus(typename F::RouteSm& sm, Zemit::IntfId intfId) {
   const auto& followed = sm.vrfIpIntfStatus(intfId);
   const auto present = F::intfStatus(sm, intfId);
   if (followed && present && followed->name() == present->name()) return;
   KIV_TRACE(F::trace(), 6, sm, "removing receive routes for " << intfId.name());
-  const HandlerScope<F> handler(sm);
-  const auto changed = F::AddrSet::AddrSetIs(F::Prefix::null());
-  F::removeReceiveRoutes(present, intfId.name(), Kiv::validPtr(sm.root()), changed);
-  sm.doMerge(changed);
+  MergeSet<F> changed(sm);
+  F::removeReceiveRoutes(present, intfId.name(), Kiv::validPtr(sm.root()), changed.addrs());
+  sm.doMerge(changed.addrs());
 }
 
 }  // namespace HostCore

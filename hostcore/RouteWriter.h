@@ -8,12 +8,19 @@
 
 namespace HostCore {
 
-/// True when the route table may not take a route of this type: an attached one of an address that
-/// is virtual in any VRF.
+/// True when the route table may not have a route of this type: an attached route of an address
+/// that is virtual in any VRF.
 template <Family F>
 bool givesWay(const typename F::Addr& ip, typename F::RouteType routeType,
               const typename F::VirtualIpStatus* virtualIpStatus) {
   return routeType == F::kAttached && virtualIpStatus != nullptr && virtualIpStatus->isVirtual(ip);
+}
+
+/// A host-route table that a step is about to change. The step leaves the merge to its caller.
+template <Family F>
+typename F::HostTable& changing(typename F::HostTable& hostTable) {
+  leavesMerge<F>(hostTable);
+  return hostTable;
 }
 
 /// Writes the host route of one address into exactly one of two tables.
@@ -38,8 +45,8 @@ class RouteWriter {
 
   /// Adds a route, or changes the one that is there.
   ///
-  /// The caller holds a reference on the FEC, which passes to the route. The FEC of a route that is
-  /// replaced is not released here: a caller that replaces one does that itself.
+  /// The caller's reference on the FEC passes to the route. The caller releases the FEC of a route
+  /// that is replaced.
   ///
   /// An address that is virtual in any VRF gets no attached route in the route table: a route that
   /// is there stays without type and FEC, and the caller's reference is dropped.
@@ -108,9 +115,8 @@ void RouteWriter<F>::add(const Wanted& wanted, const typename F::VirtualIpStatus
 
 template <Family F>
 void RouteWriter<F>::write(const Route& route, const Route& before) const {
-  leavesMerge<F>(root_, hostTable_.get());
   if (!isToRouteTable()) {
-    hostTable_->routeIs(route);
+    changing<F>(*hostTable_).routeIs(route);
     return;
   }
   routeTable_->routeIs(route);
@@ -164,7 +170,7 @@ typename F::Route RouteWriter<F>::changedRoute(const Route& existing, const Want
                                       << existing.routeType << " when we expected "
                                       << wanted.routeType);
   }
-  // The type changes in either table, the metric of a FIB route is for the route table alone.
+  // The type changes in either table. Only the route table gets the metric of a FIB route.
   if (isToRouteTable() && isTracked) {
     route.metricPref = tracked.metricPref;
     KIV_TRACE_AS(F::trace(), 6, root_, kFunction, "Set route metric to " << tracked.metricPref);
@@ -172,23 +178,16 @@ typename F::Route RouteWriter<F>::changedRoute(const Route& existing, const Want
   return route;
 }
 
-/// The root that owns a host-route table: the traced object of functions that get the table alone.
+/// The root that owns a host-route table. Functions without a root trace for it.
 inline const Kiv::Entity& rootOf(const Kiv::Entity& hostTable) {
   return hostTable.parent() == nullptr ? hostTable : *hostTable.parent();
 }
 
-/// Takes the route of `prefix` out of a host-route table, and leaves its adjacency to the caller.
-template <Family F>
-typename F::Route takeOut(typename F::HostTable& hostTable, const typename F::Prefix& prefix) {
-  leavesMerge<F>(hostTable);
-  return hostTable.routeDel(prefix);
-}
-
 /// Withdraws the host route of one address and releases the adjacency that the route held.
 ///
-/// The reference on the route's host adjacency is dropped for the route types this system writes;
-/// a route of any other type goes without a release, because its adjacency is not ours. An address
-/// without a route is no error.
+/// The reference on the route's host adjacency is dropped for the route types that this system
+/// writes. A route of another type has no adjacency of ours. An address without a route is no
+/// error.
 ///
 /// \param hostTable  the table the route is in; never null.
 /// \param addrSet    when not null, the address also leaves this set, with or without a route.
@@ -198,7 +197,7 @@ void removeHostRoute(const typename F::Addr& ip, const typename F::HostTable::Pt
                      const typename F::AddrSet::Ptr& addrSet,
                      const typename F::AdjacencyHelper::Ptr& adjHelper) {
   const auto prefix = hostPrefix<F>(ip);
-  const auto removed = takeOut<F>(*Kiv::validPtr(hostTable), prefix);
+  const auto removed = changing<F>(*Kiv::validPtr(hostTable)).routeDel(prefix);
   if (removed.key == prefix && removed.fecId != Tovan::Fib::invalidFecId &&
       F::isOwnType(removed.routeType)) {
     Kiv::validPtr(adjHelper)->doDropRefOnHostAdjacency(hostTable, removed.fecId);

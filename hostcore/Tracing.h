@@ -22,7 +22,8 @@ void tracedLevelsAre(typename F::RouteSm& sm, uint32_t levels) {
 /// Limits the traces by the machine's own levels to this address, and to prefixes that contain it.
 /// Null lifts the limit.
 ///
-/// \param isElsewhere  the address is of the other family: this machine traces nothing.
+/// \param isElsewhere  whether the address is of the other family. This machine then traces
+/// nothing.
 template <Family F>
 void tracedAddressIs(typename F::RouteSm& sm, const std::optional<typename F::Addr>& addr,
                      bool isElsewhere = false) {

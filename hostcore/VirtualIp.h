@@ -25,7 +25,7 @@ class VirtualIp {
       if (status->virtualIp(pair)) handle(pair);
     }
   }
-  /// Gives `addr`, no longer virtual, back to normal processing.
+  /// Merges `addr`, which is no longer virtual.
   void handleRemoved(const Addr& addr) {
     const Event<F> event(sm_, CauseKind::VirtualIp, hostPrefix<F>(addr));
     const auto mergeSet = F::AddrSet::AddrSetIs(Prefix::null());

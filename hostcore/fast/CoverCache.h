@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "hostcore/Account.h"
 #include "hostcore/Family.h"
 #include "hostcore/fast/Enabled.h"
 #include "hostcore/fast/MachineIndex.h"
@@ -38,15 +39,12 @@ class CoverCache {
   /// Whether covers that are stored from now on may be trusted.
   void isTrustedIs(bool isTrusted) noexcept { isTrusted_ = isTrusted; }
 
-  /// Stores where the set is to which neighbours under the cover belong.
-  template <class AddrSet>
-  void neighborSetIs(const AddrSet& set) {
+  /// Stores the places of the cover's set of neighbours, and of the list that has the cover's
+  /// prefix.
+  template <class AddrSet, class PrefixList>
+  void filedIn(const AddrSet& set, const PrefixList& list) {
     neighborSet_ = &set;
     neighbors_ = set.ipPrefetchHint();
-  }
-  /// Stores where the list is to which the cover's prefix belongs.
-  template <class PrefixList>
-  void prefixListIs(const PrefixList& list) {
     prefixList_ = &list;
     prefixes_ = list.prefixPrefetchHint();
   }
@@ -75,24 +73,23 @@ uint64_t coverVersion(const State& state) {
   return state.coverVersion + (state.index == nullptr ? 0 : state.index->fecVersion());
 }
 
-/// The cached cover of an address whose longest match is `longest`, if it is valid and leaves
-/// through `intf`; else null.
-template <Family F>
-const auto* cachedCover(const typename F::RouteSm& sm, const typename F::Prefix& longest,
-                        Zemit::IntfId intf) {
+/// Finds the cover of a neighbour of `intf` whose longest match is `longest`: in the cache, or with
+/// `find`, whose result is cached. Returns the reason if there is none, as `find` does. The plain
+/// form is a call of `find`, which stores into `cover`.
+template <Family F, class Find>
+Lack cachedCover(const typename F::RouteSm& sm, const typename F::Prefix& longest,
+                 Zemit::IntfId intf, CoverOf<F>& cover, Find find) {
   const auto& state = sm.fast();
-  const auto* cache = state.cache;
-  const bool isUsable = cache != nullptr && cache->isValid(coverVersion(state)) &&
-                        cache->cover().route.key == longest &&
-                        Obu::leavesThrough(cache->cover().fec, intf);
-  return isUsable ? &cache->cover() : nullptr;
-}
-
-/// Stores the cover of the neighbour that is being handled.
-template <Family F>
-void cacheCover(const typename F::RouteSm& sm, const CoverOf<F>& cover) {
-  auto& state = sm.fast();
-  if (state.cache != nullptr) state.cache->coverIs(cover, coverVersion(state));
+  auto* cache = state.cache;
+  if (cache == nullptr) return find();
+  if (cache->isValid(coverVersion(state)) && cache->cover().route.key == longest &&
+      Obu::leavesThrough(cache->cover().fec, intf)) {
+    cover = cache->cover();
+    return Lack::None;
+  }
+  const Lack lack = find();
+  if (lack == Lack::None) cache->coverIs(cover, coverVersion(state));
+  return lack;
 }
 
 }  // namespace HostCore

@@ -5,17 +5,17 @@ namespace HostCore {
 
 /// A short cut whose gain can be measured, see `engine --without` in bench/.
 enum class ShortCut {
-  None,       ///< nothing is left out
+  None,       ///< all short cuts are in use
   Cover,      ///< the cover of an interface's last neighbour is cached
   Merge,      ///< the merge of an unchanged host route is omitted
   Relevance,  ///< events that are not relevant for a machine are left out
   Reactors,   ///< reactors without a relevant event are made later
   Prefetch,   ///< the memory that one event reads is prefetched
-  Pipeline,   ///< that of many addresses is prefetched in stages
+  Pipeline,   ///< the memory of many addresses is prefetched in stages
 };
 
 #ifdef HOSTROUTE_WITHOUT
-/// A benchmark is built without this one, to measure what the short cut gains.
+/// A benchmark is built without this one, to measure its gain.
 constexpr bool isEnabled(ShortCut shortCut) {
   return shortCut != ShortCut::HOSTROUTE_WITHOUT;
 }

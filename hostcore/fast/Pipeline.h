@@ -5,8 +5,10 @@
 
 #include "hostcore/Family.h"
 #include "hostcore/fast/Enabled.h"
+#include "hostcore/fast/HandlerScope.h"
+#include "hostcore/fast/OwnWrite.h"
 #include "hostcore/fast/Prefetch.h"
-#include "hostcore/fast/Trust.h"
+#include "platform/obu/FibLookup.h"
 #include "platform/obu/IntfDir.h"
 
 namespace HostCore {
@@ -29,14 +31,14 @@ void pipelined(const Keys& keys, Visit visit, Stages... stages) {
   }
 }
 
-/// Calls `visit` with each prefix, whose route it reads.
+/// Calls `visit` with each prefix. `visit` reads the route of the prefix.
 template <Family F, class Prefixes, class Visit>
 void forEachRoute(const typename F::RouteSm& sm, const Prefixes& prefixes, Visit visit) {
   const Prefetch<F> prefetch(sm);
   pipelined(prefixes, visit, [&](const auto& prefix) { prefetch.route(prefix); });
 }
 
-/// Calls `visit` with each address, which it files under a route through one of `intfs`.
+/// Calls `visit` with each address. `visit` files it under a route through one of `intfs`.
 ///
 /// \param neighbors  the set of the route's neighbours, or null.
 template <Family F, class Addrs, class Visit>
@@ -53,7 +55,7 @@ void forEachRepair(const typename F::RouteSm& sm, const Addrs& addrs, const Obu:
   });
 }
 
-/// Calls `visit` with each address, whose host route it removes, and which it takes out of
+/// Calls `visit` with each address. `visit` removes its host route, and takes it out of
 /// `neighbors`.
 template <Family F, class Addrs, class Visit>
 void forEachWithdrawal(const typename F::RouteSm& sm, const typename F::AddrSet& neighbors,
@@ -70,14 +72,20 @@ void forEachWithdrawal(const typename F::RouteSm& sm, const typename F::AddrSet&
       [&](const Addr& addr) { prefetch.lastUse(addr); });
 }
 
-/// Calls `visit` with each address, which it merges. This is a handler of its own.
+/// Calls `visit` with each address and with the route table's record of it. `visit` merges the
+/// address. This is a handler of its own.
 template <Family F, class Addrs, class Visit>
 void forEachMerge(typename F::RouteSm& sm, const Addrs& addrs, Visit visit) {
   using Addr = typename F::Addr;
   const HandlerScope<F> handler(sm);
   const Prefetch<F> prefetch(sm);
   pipelined(
-      addrs, visit,
+      addrs,
+      [&](const Addr& addr) {
+        const auto existing = Obu::readRoute(sm.routeStatusRaw(), hostPrefix<F>(addr));
+        const WriteScope<F> scope(sm, addr, existing);
+        visit(addr, existing);
+      },
       [&](const Addr& addr) {
         prefetch.route(hostPrefix<F>(addr));
         prefetch.hostRoute(addr);

@@ -7,7 +7,7 @@
 
 namespace HostCore {
 
-/// Prefetches. Nothing here reads memory that a step would not read, or changes anything.
+/// Prefetches memory. Reads only memory that a step would read, too, and changes nothing.
 template <Family F>
 class Prefetch {
  public:
@@ -18,12 +18,12 @@ class Prefetch {
 
   explicit Prefetch(const typename F::RouteSm& sm) : sm_(sm) {}
 
-  /// The memory that the event of the neighbour `ip` reads first; `cache` is the one of its table.
+  /// The memory that the event of the neighbour `ip` reads first. `cache` is that of its table.
   void neighbor(const Addr& ip, const Cache& cache) const;
   /// The memory that it reads next: the vias of its host route, or all that a new or a withdrawn
   /// host route needs.
   ///
-  /// \param hostRoute   the present one, or any other route.
+  /// \param hostRoute   the present host route, or any other route.
   /// \param isNeighbor  whether `ip` is in the table of `intf` now.
   void change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor, const Route& hostRoute) const;
   /// The root's row of `prefix`, whose route is about to be read.

@@ -64,8 +64,9 @@ class Reactors {
   /// \param mayRest  whether no merge of a neighbour without a route would change anything.
   void deferredMergesTaken(bool mayRest);
 
-  /// A FEC has tracked routes from now on, or no longer.
-  void fecTracked(FecId fecId, bool isTracked);
+  /// A route resolves through a FEC from now on, or no tracked route does any more.
+  void fecUsed(FecId fecId);
+  void fecUnused(FecId fecId);
   /// A tracked route leaves through the interface from now on, or none does any more.
   void intfUsed(Zemit::IntfId intf, bool isUsed);
   void isAlertIs(bool isAlert) {
@@ -249,14 +250,16 @@ void Reactors<F>::filterRemoved(Zemit::IntfId intf) {
 }
 
 template <Family F>
-void Reactors<F>::fecTracked(FecId fecId, bool isTracked) {
-  if (state_.index == nullptr) return;
-  if (isTracked) {
-    if (state_.listedFecs.insert(fecId)) index().ofFec.add(fecId, sm_);
-    // It may be announced at the moment.
-    if (sm_.forwardingStatus()->notifierList().isWalked()) sm_.fwdStatus()->wakeOnce();
-    return;
-  }
+void Reactors<F>::fecUsed(FecId fecId) {
+  if (state_.index == nullptr || fecId == Tovan::Fib::invalidFecId) return;
+  if (state_.listedFecs.insert(fecId)) index().ofFec.add(fecId, sm_);
+  // It may be announced at the moment.
+  if (sm_.forwardingStatus()->notifierList().isWalked()) sm_.fwdStatus()->wakeOnce();
+}
+
+template <Family F>
+void Reactors<F>::fecUnused(FecId fecId) {
+  if (state_.index == nullptr || !state_.unannounced.empty()) return;
   // A list of prefixes may outlive the routes through its FEC; see Adjacency.
   const auto* root = sm_.rootRaw();
   if (root != nullptr && root->adjacencyToPrefix(fecId)) return;

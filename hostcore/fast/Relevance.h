@@ -13,7 +13,7 @@
 namespace HostCore {
 
 /// Decides which events are relevant for a machine, and sets its reactors of neighbour tables quiet
-/// where none is.
+/// if no event of the table is.
 ///
 /// Neighbour tables belong to the switch, and each VRF's machine watches all of them. A neighbour
 /// gets no host route here when no tracked route leaves through its interface. Its event still ends
@@ -47,7 +47,7 @@ class Relevance {
     if (state_.fecs.find(fecId) != nullptr) {
       intfsAre(fecId, intfsOf(fecId));
     } else {
-      Reactors<F>(sm_).fecTracked(fecId, false);
+      Reactors<F>(sm_).fecUnused(fecId);
     }
   }
   /// All FECs may have changed.
@@ -94,8 +94,9 @@ class Relevance {
   void virtualIpWritten(const Addr& addr);
 
   /// A tracked route may have another FEC than the one with which it was announced.
-  void notAnnounced(const Prefix& prefix) {
+  void notAnnounced(const Prefix& prefix, FecId fecId) {
     if (!isEnabled(ShortCut::Relevance)) return;
+    Reactors<F>(sm_).fecUsed(fecId);  // a step may file prefixes under it already
     const bool isFirst = state_.unannounced.empty();
     if (state_.unannounced.insert(prefix) && isFirst) review();
   }
@@ -111,7 +112,7 @@ class Relevance {
     const auto [fec, isNew] = state_.fecs.tryEmplace(fecId);
     ++fec->routes;
     if (isNew) {
-      Reactors<F>(sm_).fecTracked(fecId, true);
+      Reactors<F>(sm_).fecUsed(fecId);
       intfsAre(fecId, intfsOf(fecId));
     }
   }
@@ -121,7 +122,7 @@ class Relevance {
     if (fec == nullptr || --fec->routes != 0) return;
     intfsAre(fecId, {});
     state_.fecs.erase(fecId);
-    Reactors<F>(sm_).fecTracked(fecId, false);
+    Reactors<F>(sm_).fecUnused(fecId);
   }
   Kiv::SmallVector<Zemit::IntfId> intfsOf(FecId fecId) const {
     Kiv::SmallVector<Zemit::IntfId> intfs;
@@ -195,9 +196,9 @@ void Relevance<F>::routeWritten(const Prefix& prefix) {
   const auto tracked = root->prefixToRouteFind(prefix);
   if (!tracked && state_.handlers == 0) return;
   const Route now = Obu::readRoute(sm_.routeStatusRaw(), prefix);
-  // A route that is gone covers nothing. A handler may yet track the one that was there before.
+  // A removed route covers no address. A handler may still track the former one.
   if (now.key != prefix) return;
-  if (state_.handlers != 0 || tracked->fecId != now.fecId) notAnnounced(prefix);
+  if (state_.handlers != 0 || tracked->fecId != now.fecId) notAnnounced(prefix, now.fecId);
 }
 
 template <Family F>
@@ -206,7 +207,9 @@ void Relevance<F>::hostRouteWritten(const Prefix& prefix) {
   if (root == nullptr) return;
   ++state_.coverVersion;
   if (prefix.len() == Addr::kBits) mergeIsDue(prefix.addr());
-  if (state_.handlers != 0 || root->prefixToRouteFind(prefix)) notAnnounced(prefix);
+  if (state_.handlers != 0 || root->prefixToRouteFind(prefix)) {
+    notAnnounced(prefix, sm_.hostStatusRaw()->route(prefix).fecId);
+  }
 }
 
 template <Family F>

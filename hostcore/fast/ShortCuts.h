@@ -12,6 +12,8 @@
 #include "hostcore/Family.h"
 #include "hostcore/fast/CoverCache.h"
 #include "hostcore/fast/Enabled.h"
+#include "hostcore/fast/HandlerScope.h"
+#include "hostcore/fast/OwnWrite.h"
 #include "hostcore/fast/Pipeline.h"
 #include "hostcore/fast/Prefetch.h"
 #include "hostcore/fast/Relevance.h"
@@ -35,30 +37,16 @@ class ShortCuts {
     sm_.fast().routeIsRead = true;
     Prefetch<F>(sm_).trackedRoute(prefix);
   }
-  /// The FIB route of `prefix` was announced.
-  void announced(const Prefix& prefix) {
-    ++sm_.fast().coverVersion;
-    const bool isRead = std::exchange(sm_.fast().routeIsRead, false);
-    if (!sm_.initialized()) return;
-    Trust<F>(sm_).routeHandedOver(isRead);
-    Relevance<F>(sm_).routeAnnounced(prefix);
-  }
-  /// A FEC was announced; without an id, all were.
-  void announced(Tovan::Fib::FecId fecId) { Relevance<F>(sm_).fecChanged(fecId); }
+  /// All FECs were announced.
   void announced() { Relevance<F>(sm_).fecsChanged(); }
   /// A tracked route resolves through `now` in place of `before`; either may be none.
   void moved(Tovan::Fib::FecId before, Tovan::Fib::FecId now) {
     Relevance<F>(sm_).routeMoved(before, now);
   }
-  /// A neighbour is filed in this set, or the prefix of its cover in this list.
-  void filedIn(const typename F::AddrSet& neighbors) {
-    if (auto* cache = sm_.fast().cache) cache->neighborSetIs(neighbors);
+  /// A neighbour was filed in this set, and the prefix of its cover in this list.
+  void filed(const typename F::AddrSet& neighbors, const typename F::PrefixList& prefixes) {
+    if (auto* cache = sm_.fast().cache) cache->filedIn(neighbors, prefixes);
   }
-  void filedIn(const typename F::PrefixList& prefixes) {
-    if (auto* cache = sm_.fast().cache) cache->prefixListIs(prefixes);
-  }
-  /// A list of the prefixes of a FEC is made.
-  void listMade(Tovan::Fib::FecId fecId) { Reactors<F>(sm_).fecTracked(fecId, true); }
   /// The deferred merges are about to be made.
   void deferredMergesTaken() {
     Reactors<F>(sm_).deferredMergesTaken(Relevance<F>(sm_).mayRest());
@@ -74,7 +62,7 @@ class ShortCuts {
     std::sort(names.begin(), names.end());
     return names;
   }
-  /// The machine has other trace levels of its own.
+  /// The machine's own trace levels changed.
   void levelsChanged() { Relevance<F>(sm_).review(); }
 
  private:
@@ -107,8 +95,8 @@ class NeighborScope {
   NeighborScope& operator=(const NeighborScope&) = delete;
   ~NeighborScope() { sm_.fast().cache = former_; }
 
-  /// True when the merge of the address would write nothing and trace nothing. It is then as if it
-  /// had been made.
+  /// True when the merge of the address would write nothing and trace nothing. The address then
+  /// counts as merged.
   bool mayOmitMerge() const {
     if (!isEnabled(ShortCut::Merge)) return false;
     if (!sm_.initialized() || F::trace().buildsAbove(0, sm_) || !isMerged()) return false;
@@ -151,7 +139,7 @@ bool NeighborScope<F, Reactor>::isMerged() const {
   const auto isIn = [&prefix](const typename F::HostTable* table) {
     return table != nullptr && table->route(prefix).key == prefix;
   };
-  // The winner is a neighbour as a rule. A rarer one is merged.
+  // The winner is usually a neighbour. Another winner is merged.
   if constexpr (F::kMergesReceiveRoutes) {
     if (isIn(Kiv::validPtr(root.receiveTable()).get())) return false;
   }
@@ -171,30 +159,6 @@ bool NeighborScope<F, Reactor>::isMerged() const {
          Kiv::validPtr(sm_.adjHelperRaw())
              .isFibAdjacency(existing.fecId, neighbors.adjIndexToViaSet(hostRoute_.fecId));
 }
-
-/// The scope in which the machine itself writes the host route of one address to the route table.
-template <Family F>
-class WriteScope {
- public:
-  using Prefix = typename F::Prefix;
-  using Route = typename F::Route;
-
-  /// \param replaced  the route table's record of the address.
-  /// \param isMerge   whether the write leaves the record that a merge would write.
-  WriteScope(typename F::RouteSm& sm, const typename F::Addr& addr, const Route& replaced,
-             bool isMerge = true)
-      : state_(sm.fast()), former_(std::exchange(state_.ownWrite, hostPrefix<F>(addr))) {
-    if (isMerge) Relevance<F>(sm).merged(addr);
-    Prefetch<F>(sm).replacedAdjacency(replaced.fecId);
-  }
-  WriteScope(const WriteScope&) = delete;
-  WriteScope& operator=(const WriteScope&) = delete;
-  ~WriteScope() { state_.ownWrite = former_; }
-
- private:
-  typename F::RouteSm::FastState& state_;
-  std::optional<Prefix> former_;
-};
 
 /// The scope in which the route of an address that became virtual is withdrawn. A merge would write
 /// nothing after this, unless the host-route status has a route that was not announced.
@@ -227,28 +191,20 @@ class DeferralScope {
   typename F::AddrSet::Ptr waiting_;  // a callback may replace it in the root
 };
 
-/// A step is about to write a host route, and leaves the merge to its caller. The root may have no
-/// machine.
-template <Family F>
-void leavesMerge(const typename F::RouteSmRoot& root) {
-  if (const auto& machine = root.routeSm()) Trust<F>(*machine).stepTaken();
-}
-/// The same for a host-route table, which a root owns as a rule.
+/// A step is about to change a host-route table, and leaves the merge to its caller. Usually a root
+/// owns the table. It may have no machine.
 template <Family F>
 void leavesMerge(const typename F::HostTable& table) {
   using Root = typename F::RouteSmRoot;
   const Kiv::Entity* const owner = table.parent();
   if (owner == nullptr || typeid(*owner) != typeid(Root)) return;
-  leavesMerge<F>(static_cast<const Root&>(*owner));
-}
-/// The same for a host-route table, or the route table of the root's machine if it is null.
-template <Family F>
-void leavesMerge(const typename F::RouteSmRoot& root, const typename F::HostTable* table) {
-  table == nullptr ? leavesMerge<F>(root) : leavesMerge<F>(*table);
+  if (const auto& machine = static_cast<const Root&>(*owner).routeSm()) {
+    Trust<F>(*machine).stepTaken();
+  }
 }
 
-/// An event of the neighbour `addr` will come: prefetches the memory that it reads. Before the
-/// first event of the table nothing is known of that.
+/// Prefetches the memory that the next event of the neighbour `addr` reads. Does nothing before the
+/// first event of its table.
 template <Family F, class Reactor>
 void neighborExpected(const Reactor& reactor, const typename F::Addr& addr) {
   const auto* machine = reactor.routeSm();

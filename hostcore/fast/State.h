@@ -27,14 +27,14 @@ struct FastState {
 
   /// A FEC of tracked routes.
   struct FecUse {
-    uint32_t routes = 0;                    ///< how many resolve through it
+    uint32_t routes = 0;                    ///< the number of routes that resolve through it
     Kiv::SmallVector<Zemit::IntfId> intfs;  ///< of its vias
   };
 
   /// \name Trust, see Trust.h
   /// @{
   bool isTrusted = true;
-  /// How many handlers are running, one within the other.
+  /// The number of running handlers, one within the other.
   uint32_t handlers = 0;
   /// The route that handleRoute() is about to get was read from its table.
   bool routeIsRead = false;
@@ -52,7 +52,7 @@ struct FastState {
 
   /// \name The cache, see CoverCache.h
   /// @{
-  /// Of the table whose neighbour is being handled; else null.
+  /// The cache of the table whose neighbour is being handled; else null.
   CoverCache<R, Fec>* cache = nullptr;
   /// Goes up with each change that may concern the cover of an address.
   uint64_t coverVersion = 1;

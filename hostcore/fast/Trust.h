@@ -1,22 +1,18 @@
 // When the short cuts of a machine may be trusted.
 #pragma once
 
-#include <exception>
-#include <utility>
-
 #include "hostcore/Family.h"
 #include "hostcore/fast/Reactors.h"
 #include "hostcore/fast/State.h"
 
 namespace HostCore {
 
-/// Decides whether a machine may use its short cuts. All rules stand here.
+/// Decides whether a machine may use its short cuts. All rules for this are here.
 ///
 /// A short cut relies on this: the machine has merged each address that it changed, and it hears of
 /// each change of its inputs. Kiv::Watch tells it of every write to its route table, the host-route
-/// status, the FECs and the virtual addresses at once, announced or not. When something else may
-/// have happened without its knowledge, the machine loses the trust for good: from then on it takes
-/// every step.
+/// status, the FECs and the virtual addresses at once, announced or not. After a change that it may
+/// not know of, the machine does not trust its short cuts any more, and takes every step.
 template <Family F>
 class Trust {
  public:
@@ -28,7 +24,7 @@ class Trust {
            sm_.routeStatusRaw() != nullptr && sm_.hostStatusRaw() != nullptr &&
            sm_.forwardingStatus() != nullptr;
   }
-  /// Something may have happened without the machine's knowledge.
+  /// A change may have happened without the machine's knowledge.
   void end() {
     state_.isTrusted = false;
     ++state_.coverVersion;
@@ -49,14 +45,15 @@ class Trust {
     }
     if (!isFirst) end();
   }
-  /// An exception that ends a handler may have kept it from a merge.
+  /// A handler ended with an exception, perhaps before its merge.
   void handlerFailed() { end(); }
-  /// A step that leaves the merge to its caller was taken. Outside of a handler there may be none.
+  /// A step that leaves the merge to its caller was taken. Outside of a handler there may be no
+  /// merge.
   void stepTaken() {
     if (state_.handlers == 0) end();
   }
-  /// A route was handed over. One that was not read from its table just now may differ from what
-  /// the next event reads.
+  /// A route was passed to its handler. If it was not just read from its table, the next event may
+  /// read another one.
   void routeHandedOver(bool isRead) {
     if (!isRead) end();
   }
@@ -75,11 +72,11 @@ class Trust {
     if (state_.deferredIn.get() != waiting || waiting->ipCount() < state_.deferred) end();
     state_.deferredIn = {};
   }
-  /// An input was set. The machine knows of the former one.
+  /// An input was set. The short cuts know the former one.
   void inputSet(bool isOther) {
     if (isOther) end();
   }
-  /// An activity is replaced. Its queued notifications come late.
+  /// An activity is replaced. Its queued notifications are delivered late.
   void activityReplaced(const Kiv::ActivityConfig* former) {
     if (isQueueing(former)) end();
   }
@@ -96,22 +93,6 @@ class Trust {
 
   typename F::RouteSm& sm_;
   typename F::RouteSm::FastState& state_;
-};
-
-/// The scope of a handler. A handler merges all that it changes, unless an exception ends it.
-template <Family F>
-class HandlerScope {
- public:
-  explicit HandlerScope(typename F::RouteSm& sm) : sm_(sm) { ++sm_.fast().handlers; }
-  HandlerScope(const HandlerScope&) = delete;
-  HandlerScope& operator=(const HandlerScope&) = delete;
-  ~HandlerScope() {
-    --sm_.fast().handlers;
-    if (std::uncaught_exceptions() != 0) Trust<F>(sm_).handlerFailed();
-  }
-
- private:
-  typename F::RouteSm& sm_;
 };
 
 }  // namespace HostCore
