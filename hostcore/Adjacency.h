@@ -78,7 +78,7 @@ void Adjacency<F>::fileAgain(const Route& fibRoute, Tovan::Fib::FecId oldFec) {
   if (oldList) {
     oldList->prefixIs(fibRoute.key, true);
   } else {
-    file<F>(root_, fibRoute.fecId, fibRoute.key);
+    file<F>(sm_, root_, fibRoute.fecId, fibRoute.key);
   }
 }
 

@@ -7,17 +7,20 @@
 
 namespace HostCore {
 
-/// Files `prefix` in the list of a FEC, which is made if there is none. Returns the list.
+/// Files `prefix` in the list of a FEC, which is made if there is none.
+///
+/// \param neighbors  the set in which a neighbour under the prefix was just filed, or null.
 template <Family F>
-typename F::PrefixList::Ptr file(typename F::RouteSmRoot& root, Tovan::Fib::FecId fecId,
-                                 const typename F::Prefix& prefix) {
-  typename F::PrefixList::Ptr list = root.adjacencyToPrefix(fecId);
-  if (!list) {
-    list = F::PrefixList::PrefixListIs(fecId);
-    root.adjacencyToPrefixIs(list);
+void file(typename F::RouteSm& sm, typename F::RouteSmRoot& root, Tovan::Fib::FecId fecId,
+          const typename F::Prefix& prefix, const typename F::AddrSet* neighbors = nullptr) {
+  if (const auto& list = root.adjacencyToPrefix(fecId)) {
+    if (neighbors != nullptr) ShortCuts<F>(sm).filed(*neighbors, *list);
+    list->prefixIs(prefix, true);
+    return;
   }
+  const auto list = F::PrefixList::PrefixListIs(fecId);
+  root.adjacencyToPrefixIs(list);
   list->prefixIs(prefix, true);
-  return list;
 }
 
 /// Takes `prefix` out of the list of a FEC, if there is one. An empty list is

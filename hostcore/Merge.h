@@ -157,8 +157,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
     return;
   }
   neighbors->ipIs(ip, true);
-  const auto prefixes = file<F>(root_, fibRoute.fecId, fibRoute.key);
-  ShortCuts<F>(sm_).filed(*neighbors, *prefixes);
+  file<F>(sm_, root_, fibRoute.fecId, fibRoute.key, neighbors.get());
   const Route existing = table->route(host);
   const bool exists = existing.key == host;
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;

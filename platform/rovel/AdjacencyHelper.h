@@ -13,8 +13,8 @@ namespace Rovel {
 
 /// Hands out one adjacency for each distinct via set, and counts the references on it.
 ///
-/// Host adjacencies live in the host-route table they are for, FIB adjacencies in the forwarding
-/// status, beside its own FECs, where readers of the route table resolve them.
+/// Host adjacencies are stored in their host-route table. FIB adjacencies are stored in the
+/// forwarding status with its FECs, where readers of the route table resolve them.
 ///
 /// Derive from it to keep adjacencies elsewhere.
 ///
@@ -47,7 +47,7 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
 
   /// The FIB adjacency for `vias`, with one more reference. \throws Tovan::NoSpaceException.
   virtual FecId doGetOrCreateFibAdjacency(const ViaSet& vias);
-  /// The same, where `likely` may be the one: then it is not searched for.
+  /// The same without a search if the adjacency is `likely`.
   FecId takeFibAdjacency(const ViaSet& vias, FecId likely) {
     likely_ = likely;
     return doGetOrCreateFibAdjacency(vias);
@@ -62,8 +62,8 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
   virtual void doDropRefOnFibAdjacency(FecId fecId);
 
-  /// Mends the reference counts and the published FIB adjacencies. The counts are compared with the
-  /// routes that hold references: a damaged host route has lost its own. Not to be called while
+  /// Repairs the reference counts and the published FIB adjacencies. The counts are compared with
+  /// the routes that hold references: a damaged host route has lost its own. Not to be called while
   /// host routes are being written.
   ///
   /// \param routeTables  all route tables that have FIB adjacencies of this helper.
@@ -79,9 +79,9 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
     fibAdjacencies_.prefetch(vias);
     if (fwdStatus_) fwdStatus_->prefetch(space_ | fibAdjacencies_.next());
   }
-  /// The same for when the last user of the one of `vias` goes.
+  /// Prefetches for the removal of the last user of the FIB adjacency of `vias`.
   void prefetchLast(const ViaSet& vias) const { fibAdjacencies_.prefetch(vias); }
-  /// The same for when a FIB adjacency is taken again or dropped.
+  /// Prefetches for a FIB adjacency that is taken again or dropped.
   void prefetch(FecId fecId) const {
     fibAdjacencies_.prefetch(uint64_t{indexOf(fecId)});
     if (fwdStatus_) fwdStatus_->prefetch(fecId);

@@ -15,7 +15,7 @@ namespace Rovel {
 
 /// One numbered entry for each distinct via set, with the number of routes that use it.
 ///
-/// An entry whose last user goes is removed; its number may be given out again. Numbers count from
+/// An entry is removed with its last user. Its number may be used again. Numbers count from
 /// 1. The memory of a large table is freed in chunks, once a chunk has no entry left.
 template <class ViaSet>
 class AdjacencyTable {
@@ -27,7 +27,8 @@ class AdjacencyTable {
   std::pair<Index, bool> take(const ViaSet& vias);
   /// Counts one more user of an entry. \pre there is one of this number
   void share(uint64_t index) { ++entry(index).users; }
-  /// Counts one user less; with the last one the entry goes. An index without entry is passed over.
+  /// Counts one user less. The entry is removed with its last user. An index without entry is
+  /// ignored.
   void drop(uint64_t index);
 
   /// The set of an entry; an empty one when there is no such entry.
@@ -35,7 +36,7 @@ class AdjacencyTable {
     static const ViaSet kNone;
     return users(index) == 0 ? kNone : entry(index).vias;
   }
-  /// How many users an entry has; none when there is no such entry.
+  /// The number of users of an entry; 0 when there is no such entry.
   uint32_t users(uint64_t index) const { return isThere(index) ? entry(index).users : 0; }
   /// Prefetches the memory that take() or the last drop() of a set reads, or that the others read
   /// of an entry.
@@ -67,7 +68,7 @@ class AdjacencyTable {
 
   /// The highest number that an entry ever had.
   Index last() const noexcept { return count_; }
-  /// Corrects how many users an entry has; one without users goes. \pre there is one of this number
+  /// Corrects the number of users of an entry. Without users it is removed. \pre the entry exists
   void usersAre(uint64_t index, uint32_t users) {
     entry(index).users = std::max(users, 1U);
     if (users == 0) drop(index);
@@ -128,7 +129,7 @@ class AdjacencyTable {
   std::vector<Chunk> chunks_;    // grows without moving the entries
   std::vector<uint32_t> roomy_;  // the chunks with freed entries; the last is filled
   size_t emptied_ = kNoChunk;    // the chunk that lost its last entry most recently, not yet freed
-  Index count_ = 0;              // entries that there ever were
+  Index count_ = 0;              // entries that were ever made
   Kiv::NumberIndex numbers_;     // by the sets, which stand in the entries alone
 };
 

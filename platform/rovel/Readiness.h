@@ -8,7 +8,7 @@
 
 namespace RovelReady {
 
-/// The kinds of routes whose readiness is kept apart.
+/// The kinds of routes, each with a readiness of its own.
 enum RouteType : uint32_t {
   v4Host_ = 0,
   v6Host_ = 1,
@@ -42,7 +42,7 @@ class RouteStatus final : public Kiv::Entity {
     return type_ < kNames.size() ? kNames[type_] : "invalid_";
   }
 
-  /// True once all routes of the kind have been handed on.
+  /// True once all routes of the kind are written.
   KIV_SETTABLE_SCALAR(258, ready, Ready, bool)
   /// When `ready` became true, in the seconds of Kiv::now().
   KIV_SETTABLE_SCALAR(259, readyTime, ReadyTime, double)
@@ -74,7 +74,7 @@ class VrfStatus final : public Kiv::Entity {
 
   Kiv::Name name() const override { return vrfName_.value(); }
 
-  /// True when the agents are asked to say which of their routes are complete.
+  /// True when the agents are asked to report whether their routes are complete.
   KIV_SETTABLE_SCALAR(258, startRibReadyVerification, StartRibReadyVerification, bool)
   /// True when the RIB holds all routes.
   KIV_SETTABLE_SCALAR(260, ribReady, RibReady, bool)

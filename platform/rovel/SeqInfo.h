@@ -5,13 +5,13 @@
 
 namespace Rovel {
 
-/// How far the start-up sequence of one address family is. The host-route machines hold it for the
-/// daemon and read nothing of it.
+/// The progress of the start-up sequence of one address family. The host-route machines keep a
+/// reference for the daemon and do not read it.
 class SeqInfo final : public Kiv::NamedEntity {
  public:
   using Ptr = Kiv::Ptr<SeqInfo>;
 
-  /// Derive from this to be bound to it; it announces nothing.
+  /// Derive from this to bind to the progress. It has no notifications.
   class NotifieeConst : public Kiv::NotifieeOf<SeqInfo> {};
 
   explicit SeqInfo(Kiv::Name name) : NamedEntity(std::move(name)) {}

@@ -11,7 +11,7 @@
 namespace Rovel {
 
 /// The next hops of an adjacency, each once and with its share of the traffic. Iterates in the
-/// order of the vias, however they were put in. A set of one via allocates nothing.
+/// order of the vias. A set of one via allocates no memory.
 template <class V>
 class BasicViaSet {
  public:
@@ -24,7 +24,7 @@ class BasicViaSet {
     friend bool operator==(const Member&, const Member&) = default;
   };
 
-  /// Puts a via in; one that is there already gets the new weight.
+  /// Adds a via, or gives a present one the new weight.
   void newVia(const V& via, uint32_t weight) {
     const auto at =
         std::lower_bound(members_.begin(), members_.end(), via,

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""The example daemon that knows the plug-in by its file only must derive from a recorded switch what
-the program derives that was compiled against the types.
+"""The example daemon knows the plug-in by its file only. From a recorded switch it must derive the
+same tables as the program that was compiled against the types.
 
     BYNAME_EXAMPLE=PROGRAM HOSTROUTE=PROGRAM PLUGIN=FILE.so byname_test.py
 """
@@ -30,14 +30,14 @@ def dumps(*command):
 class ByNameTest(unittest.TestCase):
     maxDiff = None
 
-    def test_the_loaded_plugin_does_what_the_compiled_program_does(self):
+    def test_the_loaded_plugin_derives_the_same_tables_as_the_compiled_program(self):
         by_name = dumps(os.environ["BYNAME_EXAMPLE"], os.environ["PLUGIN"], RECORDING)
         compiled = dumps(os.environ["HOSTROUTE"], "replay", "--json", RECORDING)
         self.assertEqual(len(by_name), 2)
         self.assertTrue(all(dump["dump"]["routeTable"] for dump in by_name))
         self.assertEqual(by_name, compiled)
 
-    def test_what_is_missing_is_named(self):
+    def test_a_missing_file_is_named(self):
         for plugin, recording in (("no-such.so", RECORDING), (os.environ["PLUGIN"], "no-such.jsonl")):
             failed = subprocess.run([os.environ["BYNAME_EXAMPLE"], plugin, recording],
                                     capture_output=True, text=True)

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -14,6 +12,7 @@
 
 #include "replay/Output.h"
 #include "replay/Player.h"
+#include "tests/Files.h"
 
 namespace Cli {
 namespace {
@@ -61,20 +60,14 @@ Imported importRoutes(const std::string& route4, const std::string& route6 = "[]
   return import({{"link", kLinks}, {"route4", route4}, {"route6", route6}, {"nexthop", nexthop}});
 }
 
-std::string read(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file) << path;
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
 TEST(ImportTest, TheExampleGivesItsReplay) {
   const auto examples = std::filesystem::path(SOURCE_DIR) / "examples";
   std::map<std::string, std::string> documents;
   for (const char* name : {"link", "addr", "neigh", "route4", "route6", "nexthop"}) {
-    documents[name] = read(examples / "leaf" / (std::string(name) + ".json"));
+    documents[name] = contents(examples / "leaf" / (std::string(name) + ".json"));
   }
   const auto leaf = import(documents);
-  EXPECT_EQ(leaf.replay, read(examples / "leaf.jsonl"));
+  EXPECT_EQ(leaf.replay, contents(examples / "leaf.jsonl"));
   EXPECT_EQ(leaf.warnings, "");
 }
 

@@ -6,11 +6,12 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <tuple>
 #include <vector>
+
+#include "tests/Files.h"
 
 namespace Cli {
 namespace {
@@ -44,10 +45,7 @@ class PluginTypesTest : public testing::Test {
   }
 
   const std::string file = testing::TempDir() + "plugin-" + std::to_string(::getpid());
-  const std::string bytes = [] {
-    std::ifstream plugin(PLUGIN, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(plugin), {});
-  }();
+  const std::string bytes = contents(PLUGIN);
   const std::string section = [] {
     std::string all;
     for (const auto& type : kTypes) all.append(type).push_back('\0');

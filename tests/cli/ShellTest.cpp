@@ -109,10 +109,6 @@ TEST_F(ShellTest, RefusesWithTheReason) {
   EXPECT_EQ(run("set /ipv4/default/routeSm/initialized maybe"), "error: no bool at column 1");
   EXPECT_EQ(run("set /ipv4/default/routeSm/initialized true false"),
             "error: junk at column 5 deserializing bool");
-  EXPECT_EQ(run("set /ipv4/default/routeSm/vrfName red"),
-            "error: vrfName: setting is not supported");
-  EXPECT_EQ(run("call /ipv4/default/routeSm doFibLookup"),
-            "error: doFibLookup lacks its argument pfx (Zemit::Prefix)");
   EXPECT_EQ(run("call /ipv4/default/routeSm doFibLookup 10.0.0.0/24 x"),
             "error: too many arguments from \"x\" on");
   EXPECT_EQ(run("del /ipv4/default"), "error: /ipv4/default is no attribute");

@@ -11,16 +11,8 @@ TYPED_TEST_SUITE(AccessorsTest, Families);
 
 template <class F>
 auto routeSmIs(World<F>& world, const char* vrf) {
-  auto& w = world;
-  if constexpr (Sample<F>::kIsIpv4) {
-    return w.root->routeSmIs(w.activity, w.routeStatus, w.forwarding, w.hostStatus, w.readiness,
-                             w.seqConfig, w.seqInfo, w.adjHelper, w.ipStatus, w.neighborDir, w.root,
-                             w.virtualIps, L3::VrfName(vrf));
-  } else {
-    return w.root->routeSmIs(w.activity, w.routeStatus, w.forwarding, w.hostStatus, w.readiness,
-                             w.seqConfig, w.seqInfo, w.adjHelper, w.ipStatus, w.neighborDir,
-                             w.virtualIps, w.root, L3::VrfName(vrf));
-  }
+  return world.withInputs(
+      [&world](const auto&... inputs) { return world.root->routeSmIs(inputs...); }, vrf);
 }
 
 TYPED_TEST(AccessorsTest, AMachineIsMadeUnlessOneOfTheSameInputsIsThere) {
@@ -37,7 +29,7 @@ TYPED_TEST(AccessorsTest, AMachineIsMadeUnlessOneOfTheSameInputsIsThere) {
   EXPECT_EQ(world.machine().vrfReadiness(), nullptr);
 }
 
-TYPED_TEST(AccessorsTest, NewMakesWhatItReturnsInPlaceOfWhatWasThere) {
+TYPED_TEST(AccessorsTest, NewReplacesAnObjectByTheOneThatItReturns) {
   using Prefix = typename TypeParam::Prefix;
   World<TypeParam> world;
   auto& root = *world.root;
@@ -69,7 +61,7 @@ TYPED_TEST(AccessorsTest, NewMakesWhatItReturnsInPlaceOfWhatWasThere) {
   }
 }
 
-// A reactor that is replaced lets go of machine and input; the new one catches up.
+// A replaced reactor releases the machine and its input. The new one catches up with the input.
 TYPED_TEST(AccessorsTest, NewReactorsTakeTheirPlacesOver) {
   World<TypeParam> world;
   world.startWithSubnet();
@@ -113,7 +105,7 @@ TYPED_TEST(AccessorsTest, NewReactorsTakeTheirPlacesOver) {
   world.expectBalancedReferences();
 }
 
-/// What is under each key, read through a table's iterators.
+/// The entries of a table, read through its iterators.
 template <class Iterator>
 auto walked(Iterator at) {
   using Key = std::remove_cvref_t<decltype(at.key())>;
@@ -183,23 +175,8 @@ TYPED_TEST(AccessorsTest, TablesAreWalkedAndEmptiedLikeCollections) {
   for (const uint32_t n : {1u, 2u, 3u}) EXPECT_FALSE(virtualIps.isVirtual(S::addr(n))) << n;
 }
 
-TYPED_TEST(AccessorsTest, SingletonsAndPointersAreAnnouncedWithoutAChange) {
-  struct Watcher final : TypeParam::RouteSmRoot::NotifieeConst {
-    void onReceiveTable() override { seen.emplace_back("receiveTable"); }
-    void onTrie() override { seen.emplace_back("trie"); }
-    void onRouteSm() override { seen.emplace_back("routeSm"); }
-    std::vector<std::string> seen;
-  };
-  World<TypeParam> world;
-  const auto watcher = Kiv::make<Watcher>();
-  watcher->notifierIs(world.root);
-  world.root->receiveTableNotify();
-  world.root->trieNotify();
-  world.root->routeSmNotify();
-  EXPECT_EQ(watcher->seen, (std::vector<std::string>{"receiveTable", "trie", "routeSm"}));
-}
-
-// Called by hand they are given no root; the machine's own calls trace for its root.
+// These functions get no root, so they trace for no object. The machine's own calls trace for its
+// root.
 TEST(SetFunctionsTest, Ipv6OnesTraceWhenTheyAreCalledByHand) {
   TraceLog log(Daemon::Ipv6::trace(), {8});
   const auto dir = Obu::IntfDir::IntfDirIs();
@@ -222,7 +199,7 @@ class Hook {
   ~Hook() { Kiv::Notifiee::attributeHookIs({}); }
 };
 
-// A reflective observer holds none of the machine's reactors, and must reach them all the same.
+// A reflective observer has no handle to the machine's reactors, but sees their notifications.
 TYPED_TEST(AccessorsTest, AnObserverConsumesNotificationsOfTheMachinesOwnReactors) {
   using S = Sample<TypeParam>;
   World<TypeParam> world;
@@ -242,6 +219,7 @@ TYPED_TEST(AccessorsTest, AnObserverConsumesNotificationsOfTheMachinesOwnReactor
     });
     world.forwarding->fecIs(typename TypeParam::Fec(7, {{.hop = {}, .intf = world.ethernet2}}));
     EXPECT_TRUE(world.hasRoute(world.routeStatus, 4)) << "the handler ran all the same";
+    EXPECT_EQ(world.machine().fwdStatus()->fecId(), 7u);
     world.learn(world.ethernet2, 5);
     EXPECT_TRUE(world.hasRoute(world.routeStatus, 5)) << "it relies on what it was not told";
     l3Status->vrfIs(L3::VrfName("red"));

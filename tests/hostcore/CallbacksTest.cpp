@@ -1,4 +1,4 @@
-// What those who are told of a handler's changes may do before it ends.
+// Callbacks that change the engine's inputs before the handler that called them has ended.
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -42,11 +42,11 @@ struct FilingWatcher : F::RouteSmRoot::NotifieeConst, Once {
   void onAdjacencyToPrefix(const Tovan::Fib::FecId&) override { told(); }
 };
 
-TYPED_TEST(CallbacksTest, AReactorThatBecomesConcernedIsToldInTheSameAnnouncement) {
+TYPED_TEST(CallbacksTest, AReactorThatStopsBeingQuietIsNotifiedInTheSameAnnouncement) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
-  // Told before the machine.
+  // Notified before the machine.
   const Kiv::Ptr<const Arp::ArpIntfStatus> table(&red.table(red.ethernet2));
   const auto daemon = watcherOf<NeighborWatcher<F>>(table);
   red.startWithSubnet();
@@ -106,7 +106,7 @@ TYPED_TEST(CallbacksTest, AFecThatMovesDuringAPassCountsForTheRestOfIt) {
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(CallbacksTest, AllVirtualAddressesAreHandledWhateverIsAddedMeanwhile) {
+TYPED_TEST(CallbacksTest, AllVirtualAddressesAreHandledAlsoWhenOthersAreAddedMeanwhile) {
   using S = Sample<TypeParam>;
   auto& red = this->world;
   red.startWithSubnet();
@@ -132,7 +132,7 @@ TYPED_TEST(CallbacksTest, AllVirtualAddressesAreHandledWhateverIsAddedMeanwhile)
   for (uint32_t n = 1; n <= 8; ++n) EXPECT_FALSE(red.hasRoute(red.routeStatus, n)) << n;
 }
 
-// Who keeps accounts of its own must not be passed by.
+// A derived helper that counts references must see each one.
 TYPED_TEST(CallbacksTest, ADerivedAdjacencyHelperSeesEveryGetAndEveryDrop) {
   using F = TypeParam;
   struct Counting : F::AdjacencyHelper {

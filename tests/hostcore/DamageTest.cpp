@@ -1,4 +1,4 @@
-// Host routes over tables in shared memory that somebody damages.
+// Host routes over damaged tables in shared memory.
 #include <unistd.h>
 
 #include <set>
@@ -31,8 +31,8 @@ class DamagedWorld : public World<F> {
   }
   ~DamagedWorld() { Tovan::removeTablesOf(name_); }
 
-  /// Spoils what is stored of the subnet, of the host route of 5, or of FEC 7; and announces
-  /// another FEC, as of when nothing that was read before is taken for granted.
+  /// Damages the stored subnet, the host route of 5, or FEC 7. The announcement of another FEC then
+  /// makes the cached covers invalid.
   void damage(Record record) {
     const std::string number = S::kIsIpv4 ? "4" : "6";
     if (record == Record::kFec) {
@@ -62,7 +62,7 @@ class DamagedWorld : public World<F> {
         return;
       case Event::kRibReady:
         this->readiness->ribReadyIs(true);
-        EXPECT_TRUE(F::hostRoutesSynced(*this->readiness)) << "whatever could be read is merged";
+        EXPECT_TRUE(F::hostRoutesSynced(*this->readiness)) << "all readable routes are merged";
         return;
     }
   }
@@ -106,8 +106,8 @@ class DamagedWorld : public World<F> {
   uint32_t metric_ = 0;
 };
 
-/// What has a host route after an event: damage takes nothing away but what it hits, and lets
-/// nothing new in that needs what it hit.
+/// The neighbours with a host route after an event. Damage of one record removes no other route. A
+/// new route that needs the damaged record is not added.
 Numbers expected(Record damaged, Event event) {
   const bool isCovered = damaged == Record::kHostRoute;
   if (event == Event::kLearned && isCovered) return {4, 5, 6};
@@ -119,7 +119,7 @@ template <class F>
 class DamageTest : public testing::Test {};
 TYPED_TEST_SUITE(DamageTest, Families);
 
-TYPED_TEST(DamageTest, EveryEventGoesOnWithWhatIsLeft) {
+TYPED_TEST(DamageTest, EveryEventUsesTheRecordsThatCanBeRead) {
   for (const Record damaged : {Record::kSubnet, Record::kHostRoute, Record::kFec}) {
     for (const Event event : {Event::kLearned, Event::kAnnounced, Event::kLost, Event::kRewritten,
                               Event::kInitialized, Event::kRibReady}) {
@@ -155,7 +155,7 @@ TYPED_TEST(DamageTest, EveryEventGoesOnWithWhatIsLeft) {
   }
 }
 
-// It would end the process: the report of an exception must not raise.
+// The report of an exception must not raise another one, which would end the process.
 TYPED_TEST(DamageTest, AFailingTraceEndsNothing) {
   World<TypeParam> world;
   world.startWithSubnet();

@@ -1,7 +1,8 @@
-// How a state machine and its reactors come, go and reach each other.
+// The life of a state machine and of its reactors.
 #include <functional>
 #include <string>
 #include <tuple>
+#include <type_traits>
 
 #include "platform/kiv/runtime/Clock.h"
 #include "tests/hostcore/World.h"
@@ -12,31 +13,17 @@ template <class F>
 class FrameTest : public testing::Test {};
 TYPED_TEST_SUITE(FrameTest, Families);
 
-// The two machines take the virtual addresses and the root in another order; a mix-up must not
-// pass.
-template <class Root, class... Inputs>
-concept MakesMachine = requires(Root& root, const Inputs&... inputs) {
-  root.newRouteSm(inputs...);
-};
-template <class F, class... Last>
-constexpr bool kTakes =
-    MakesMachine<typename F::RouteSmRoot, Kiv::ActivityConfig::Ptr, typename F::RouteStatus::Ptr,
-                 typename F::ForwardingStatus::Ptr, typename F::HostTable::Ptr,
-                 RovelReady::VrfStatus::Ptr, Routing::SeqConfig::Ptr, Rovel::SeqInfo::Ptr,
-                 typename F::AdjacencyHelper::Ptr, typename F::IpStatus::Ptr, Arp::NeighborDir::Ptr,
-                 Last..., L3::VrfName>;
+// The two machines take the virtual addresses and the root in another order. A mix-up does not
+// compile.
 template <class F>
-constexpr bool kTakesRootFirst =
-    kTakes<F, typename F::RouteSmRoot::Ptr, typename F::VirtualIpStatus::Ptr>;
-template <class F>
-constexpr bool kTakesRootLast =
-    kTakes<F, typename F::VirtualIpStatus::Ptr, typename F::RouteSmRoot::Ptr>;
-static_assert(kTakesRootFirst<Daemon::Ipv4> && !kTakesRootLast<Daemon::Ipv4>);
-static_assert(kTakesRootLast<Daemon::Ipv6> && !kTakesRootFirst<Daemon::Ipv6>);
+constexpr bool kAreDistinct =
+    !std::is_convertible_v<typename F::RouteSmRoot::Ptr, typename F::VirtualIpStatus::PtrConst> &&
+    !std::is_convertible_v<typename F::VirtualIpStatus::Ptr, typename F::RouteSmRoot::Ptr>;
+static_assert(kAreDistinct<Daemon::Ipv4> && kAreDistinct<Daemon::Ipv6>);
 
-/// Sends one event down every road, then takes the machine down.
+/// Feeds one event of each kind, and then ends the machine.
 template <class F>
-void runAllRoads(World<F>& world) {
+void feedAllEvents(World<F>& world) {
   using S = Sample<F>;
   if (world.ipStatus) {
     world.addressIs(*world.interface(world.ethernet1, world.inVrf(world.ethernet1, "red")), 1);
@@ -61,7 +48,7 @@ void runAllRoads(World<F>& world) {
   world.root->routeSmDel();
 }
 
-// A null input reads as an empty table, and no road may need one that it does not use.
+// A null input reads as an empty table. A handler needs only the inputs that it uses.
 TYPED_TEST(FrameTest, RunsWithoutAnyOneInput) {
   using W = World<TypeParam>;
   const std::pair<const char*, std::function<void(W&)>> omissions[] = {
@@ -82,7 +69,7 @@ TYPED_TEST(FrameTest, RunsWithoutAnyOneInput) {
     W world;
     omit(world);
     const TraceLog log(TypeParam::trace(), {0});
-    runAllRoads(world);
+    feedAllEvents(world);
     for (const auto& record : log.records)
       EXPECT_EQ(record.find("exception"), record.npos) << record;
   }
@@ -174,7 +161,7 @@ TYPED_TEST(FrameTest, CatchesUpWithNeighborTablesInTheOrderOfTheirNames) {
   EXPECT_EQ(watcher->seen, names) << "not removed in order";
 }
 
-// Whoever replays a clock must get as many readings as there are stamps.
+// A replayed clock has one reading for each stamp.
 TYPED_TEST(FrameTest, ReadsTheClockOnlyForAStampThatIsDue) {
   World<TypeParam> world;
   world.startWithSubnet();
@@ -191,7 +178,7 @@ TYPED_TEST(FrameTest, ReadsTheClockOnlyForAStampThatIsDue) {
   EXPECT_EQ(readings, 2);
 }
 
-TYPED_TEST(FrameTest, HandlesWhatAReplacedTableLacksAsLost) {
+TYPED_TEST(FrameTest, HandlesNeighborsThatAReplacedTableLacksAsLost) {
   World<TypeParam> world;
   world.startWithSubnet();
   world.learn(world.ethernet1, 4);
@@ -207,7 +194,7 @@ TYPED_TEST(FrameTest, HandlesWhatAReplacedTableLacksAsLost) {
   world.expectBalancedReferences();
 }
 
-TYPED_TEST(FrameTest, LosesWhatIsAnnouncedWhileDeliveryIsOff) {
+TYPED_TEST(FrameTest, LosesNotificationsWhileDeliveryIsOff) {
   World<TypeParam> world;
   world.startWithSubnet();
   world.learn(world.ethernet1, 4);
@@ -216,7 +203,7 @@ TYPED_TEST(FrameTest, LosesWhatIsAnnouncedWhileDeliveryIsOff) {
   world.learn(world.ethernet2, 6);
   EXPECT_EQ(world.neighborTable()->routeCount(), 1u);
   world.machine().hasNotificationActiveIs(true);
-  EXPECT_EQ(world.neighborTable()->routeCount(), 1u) << "nothing is caught up with by itself";
+  EXPECT_EQ(world.neighborTable()->routeCount(), 1u) << "lost notifications are not repeated";
   world.learn(world.ethernet1, 7);
   EXPECT_TRUE(world.hasRoute(world.neighborTable(), 7));
 
@@ -246,7 +233,7 @@ TYPED_TEST(FrameTest, SwitchesTheReactorsOfFiltersToo) {
   }
 }
 
-// A host prefix that BGP wrote into the route table is left alone, one of another kind is settled.
+// The merge leaves host prefixes that BGP wrote into the route table, and removes others.
 TYPED_TEST(FrameTest, LeavesBgpsHostPrefixesToBgpWhenTheRibIsReady) {
   using S = Sample<TypeParam>;
   World<TypeParam> world;
@@ -266,7 +253,7 @@ TYPED_TEST(FrameTest, LeavesBgpsHostPrefixesToBgpWhenTheRibIsReady) {
   EXPECT_FALSE(world.hasRoute(world.routeStatus, n));
 }
 
-// Handlers wait for the new activity, those of reactors that other reactors own among them.
+// Notifications wait for the new activity, also those of reactors that other reactors own.
 TYPED_TEST(FrameTest, MovesAllReactorsToAnotherActivity) {
   World<TypeParam> world;
   world.startWithSubnet();
@@ -329,47 +316,6 @@ TYPED_TEST(FrameTest, TracesAnExceptionOfItsOwnCallback) {
   ASSERT_EQ(log.records.size(), 1u);
   EXPECT_NE(log.records[0].find("of Ethernet1: null ValidPtr"), std::string::npos)
       << log.records[0];
-}
-
-/// Consumes the notifications it is offered.
-template <class ForwardingStatus>
-class Observed final : public HostCore::FwdStatusReactor<ForwardingStatus, struct Handlers> {
- public:
-  using HostCore::FwdStatusReactor<ForwardingStatus, Handlers>::FwdStatusReactor;
-  bool kivOnAttribute(Kiv::AttributeId id, const void* value) override {
-    offered = {id, *static_cast<const Tovan::Fib::FecId*>(value)};
-    return consumes;
-  }
-  bool consumes = true;
-  std::pair<Kiv::AttributeId, Tovan::Fib::FecId> offered;
-};
-struct Handlers {
-  void handleFec(Tovan::Fib::FecId fecId) { handled.push_back(fecId); }
-  void handleFec() {}
-  void reportException(const Kiv::Notifiee&, Kiv::AttributeId) const noexcept {}
-  void missed() { ++timesMissed; }
-  static uint32_t tracedLevels() noexcept { return 0; }
-  size_t timesMissed = 0;
-  std::vector<Tovan::Fib::FecId> handled;
-};
-
-TYPED_TEST(FrameTest, OffersANotificationToAnObserverBeforeItsHandler) {
-  using ForwardingStatus = typename TypeParam::ForwardingStatus;
-  const auto forwarding = Kiv::make<ForwardingStatus>("forwarding");
-  Handlers machine;
-  const auto reactor = Kiv::make<Observed<ForwardingStatus>>(Kiv::ActivityConfig::Ptr());
-  reactor->routeSmIs(&machine);
-  reactor->notifierIs(forwarding);
-  machine.timesMissed = 0;
-  forwarding->fecNotify(7);
-  EXPECT_EQ(reactor->fecId(), 7u);
-  EXPECT_EQ(reactor->offered,
-            std::make_pair(ForwardingStatus::FecAttribute::kInfo.id, Tovan::Fib::FecId{7}));
-  EXPECT_TRUE(machine.handled.empty());
-  EXPECT_EQ(machine.timesMissed, 1u);
-  reactor->consumes = false;
-  forwarding->fecNotify(8);
-  EXPECT_EQ(machine.handled, std::vector<Tovan::Fib::FecId>{8});
 }
 
 }  // namespace

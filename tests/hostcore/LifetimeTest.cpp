@@ -1,6 +1,7 @@
-// Machines, reactors and roots that end while somebody holds them, and what a handler works on when
-// a callback takes it away.
+// Machines, reactors and roots that end while a handle to them exists, and objects that a callback
+// removes while a handler uses them.
 #include <functional>
+#include <tuple>
 #include <utility>
 
 #include "tests/hostcore/World.h"
@@ -11,7 +12,7 @@ template <class F>
 class LifetimeTest : public testing::Test {};
 TYPED_TEST_SUITE(LifetimeTest, Families);
 
-/// Acts at the next change, and keeps nothing alive.
+/// Acts at the next change, and does not keep its notifier alive.
 template <class Notifier>
 struct Watching : Notifier::NotifieeConst, Once {
   Watching() : Notifier::NotifieeConst(Kiv::Notifiee::Hold::kWeak) {}
@@ -114,7 +115,7 @@ struct Running : World<F> {
   Arp::ArpIntfStatus::Ptr table1;
 };
 
-TYPED_TEST(LifetimeTest, AMachineEndsThoughItIsHeld) {
+TYPED_TEST(LifetimeTest, AMachineEndsAlsoWithHandlesToIt) {
   using F = TypeParam;
   using S = Sample<F>;
   using Machine = typename F::RouteSm;
@@ -227,14 +228,14 @@ TYPED_TEST(LifetimeTest, AMachineEndsThoughItIsHeld) {
   }
   EXPECT_EQ(written(world), before);
 
-  // The next machine of the root is another, and the root may go before what was kept.
+  // The root makes another machine. The root may be destroyed before the former machine.
   world.newMachine();
   world.machine().initializedIs(true);
   world.root = nullptr;
   world.changeAll(21);
 }
 
-TYPED_TEST(LifetimeTest, ReactorsThatAMachineLetsGoOfReactToNothing) {
+TYPED_TEST(LifetimeTest, ReactorsThatAMachineRemovedReactToNothing) {
   using F = TypeParam;
   Running<F> world;
   auto& machine = world.machine();
@@ -268,13 +269,8 @@ TYPED_TEST(LifetimeTest, ReactorsThatAMachineLetsGoOfReactToNothing) {
     EXPECT_EQ(reactor->notifierRaw(), nullptr);
     EXPECT_TRUE(reactor->isZombie());
   };
-  expectLeft(addresses);
-  expectLeft(filter);
-  expectLeft(vrf);
-  expectLeft(neighbors);
-  expectLeft(fecs);
-  expectLeft(readiness);
-  expectLeft(directory);
+  std::apply([&](const auto&... reactor) { (expectLeft(reactor), ...); },
+             std::tuple(addresses, filter, vrf, neighbors, fecs, readiness, directory));
 
   world.root->routeSmDel();
   world.root = nullptr;
@@ -324,7 +320,7 @@ TYPED_TEST(LifetimeTest, AMachineMayEndWhileItGivesWayToAVirtualAddress) {
   world.expectBalancedReferences();
 }
 
-TYPED_TEST(LifetimeTest, SettersGiveWhatTheyMadeThoughTheRootGoes) {
+TYPED_TEST(LifetimeTest, SettersReturnTheNewObjectAlsoWhenTheRootIsDestroyed) {
   using F = TypeParam;
   using S = Sample<F>;
   using Root = typename F::RouteSmRoot;
@@ -366,7 +362,7 @@ TYPED_TEST(LifetimeTest, SettersGiveWhatTheyMadeThoughTheRootGoes) {
   EXPECT_EQ(watcher->notifierRaw(), nullptr);
 }
 
-TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayGoWhileItIsMade) {
+TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayBeRemovedWhileItIsMade) {
   using F = TypeParam;
   World<F> world;
   world.newMachine();
@@ -394,7 +390,7 @@ TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayGoWhileItIsMade) {
     EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 1));
     EXPECT_TRUE(world.hasRoute(world.root->receiveTable(), 2));
     l3Status->vrfIs(L3::VrfName("blue"));
-    EXPECT_TRUE(world.machine().hasNoReceiveRoutes()) << "what was written was not recorded";
+    EXPECT_TRUE(world.machine().hasNoReceiveRoutes()) << "a written address was not recorded";
     EXPECT_EQ(world.root->receiveTable()->routeCount(), 0u);
   }
 
@@ -408,12 +404,12 @@ TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayGoWhileItIsMade) {
   world.expectBalancedReferences();
 }
 
-TYPED_TEST(LifetimeTest, TheReadinessRecordMayGoWhileItIsAnswered) {
+TYPED_TEST(LifetimeTest, TheReadinessRecordMayBeRemovedWhileItIsAnswered) {
   using F = TypeParam;
   using S = Sample<F>;
   World<F> world;
   world.startWithSubnet();
-  // Nobody's: the merge takes it away.
+  // A route without an origin, which the merge removes.
   world.routeStatus->routeIs({.key = F::Prefix::host(S::addr(9)), .routeType = F::kAttached});
   const auto routes = watcherOf<RouteTableWatcher<F>>(
       world.routeStatus, [&world] { world.machine().ribReadyStatusDel(); });

@@ -9,7 +9,7 @@ template <class F>
 class MergeTest : public testing::Test {};
 TYPED_TEST_SUITE(MergeTest, Families);
 
-/// FEC 8: what FEC 7 is, but with more vias than there are numbers for.
+/// FEC 8 has the same via as FEC 7, but more often than a machine can count.
 template <class F>
 typename F::Fec oversized(Zemit::IntfId intf) {
   typename F::Fec fec(8);
@@ -69,7 +69,7 @@ TYPED_TEST(MergeTest, KeepsTheReferenceOfAHostRouteThatDoesNotChange) {
 }
 
 // The writer would stop the process at a route without a type.
-TYPED_TEST(MergeTest, TakesAFibHostRouteWithoutTypeForOneWithoutAdjacency) {
+TYPED_TEST(MergeTest, HandlesAFibHostRouteWithoutTypeLikeOneWithoutAdjacency) {
   World<TypeParam> world;
   world.startWithSubnet();
   world.learn(world.ethernet1, 5);
@@ -82,7 +82,7 @@ TYPED_TEST(MergeTest, TakesAFibHostRouteWithoutTypeForOneWithoutAdjacency) {
   world.expectBalancedReferences();
 }
 
-TYPED_TEST(MergeTest, LetsGoOfTheAdjacencyOfARouteThatCannotBeWritten) {
+TYPED_TEST(MergeTest, ReleasesTheAdjacencyOfARouteThatCannotBeWritten) {
   World<TypeParam> world;
   const std::string name = "hostcore-test-" + std::to_string(::getpid());
   const auto writer = Kiv::make<typename TypeParam::RouteStatus>(name, Tovan::Access::Write);
@@ -103,26 +103,8 @@ TYPED_TEST(MergeTest, LetsGoOfTheAdjacencyOfARouteThatCannotBeWritten) {
   Tovan::removeTablesOf(name);
 }
 
-TYPED_TEST(MergeTest, GivesWayToVirtualAddressesOfItsOwnVrf) {
-  using S = Sample<TypeParam>;
-  World<TypeParam> world;
-  world.startWithSubnet();
-  world.learn(world.ethernet1, 5);
-  world.virtualIps->virtualIpIs(S::virtualAddr("blue", S::addr(5)), true);
-  EXPECT_TRUE(world.hasRoute(world.routeStatus, 5)) << "another VRF's address was handled";
-  world.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(5)), true);
-  EXPECT_FALSE(world.hasRoute(world.routeStatus, 5));
-  EXPECT_EQ(world.adjHelper->fibAdjacencies().size(), 0u);
-  world.virtualIps->virtualIpIs(S::virtualAddr("red", S::addr(5)), false);
-  EXPECT_FALSE(world.hasRoute(world.routeStatus, 5)) << "it is virtual in the other VRF yet";
-  world.virtualIps->virtualIpIs(S::virtualAddr("blue", S::addr(5)), false);
-  TypeParam::neighborNotify(world.table(world.ethernet1), S::addr(5));
-  EXPECT_TRUE(world.hasRoute(world.routeStatus, 5));
-  world.expectBalancedReferences();
-}
-
 // Pairs of the other family are in the table too and must match no IPv4 address.
-TEST(VirtualIpTest, AnIpv6AddressInTheIpv4TableIsNobodysAddress) {
+TEST(VirtualIpTest, AnIpv6AddressInTheIpv4TableMatchesNoIpv4Address) {
   World<Daemon::Ipv4> world;
   world.startWithSubnet();
   world.learn(world.ethernet1, 5);

@@ -1,4 +1,4 @@
-// What is null where it is needed: "null ValidPtr" is raised, traced or not.
+// Null arguments and inputs where an object is needed: "null ValidPtr" is raised, traced or not.
 #include <functional>
 #include <utility>
 
@@ -16,7 +16,7 @@ struct NullCall {
   std::function<void(World<F>&)> call;
 };
 
-/// What both families have, of the one that F is.
+/// The calls that both families have.
 template <class F>
 std::vector<NullCall<F>> callsOfEither() {
   using W = World<F>;
@@ -104,7 +104,7 @@ std::vector<NullCall<F>> callsOfEither() {
   return calls;
 }
 
-/// What only IPv4 has.
+/// The calls that only IPv4 has.
 std::vector<NullCall<Daemon::Ipv4>> callsOf(Daemon::Ipv4) {
   using W = World<Daemon::Ipv4>;
   using namespace Routing::Host;
@@ -146,7 +146,7 @@ std::vector<NullCall<Daemon::Ipv6>> callsOf(Daemon::Ipv6) {
   return {};
 }
 
-// Who embeds the engine must get an exception that can be caught, and the same with tracing on.
+// A program that embeds the engine must be able to catch the exception, also with tracing on.
 TYPED_TEST(NullTest, IsRaisedTracedOrNot) {
   using F = TypeParam;
   auto calls = callsOfEither<F>();

@@ -1,10 +1,10 @@
-// The routes of the router's own addresses: what each step may touch.
+// The routes of the router's own addresses.
 #include "tests/hostcore/World.h"
 
 namespace {
 
-// An address that yields nothing has a network and a broadcast address all the same.
-TEST(ReceiveRoutesTest, RemovesWhatStandsUnderTheNetworkOfTheZeroAddress) {
+// The address 0.0.0.0 gets no receive route. Its network and broadcast address are still removed.
+TEST(ReceiveRoutesTest, RemovesTheNetworkAndBroadcastAddressOfTheZeroAddress) {
   World<Daemon::Ipv4> world;
   world.startWithSubnet();
   const Zemit::IpAddr network(0);

@@ -18,6 +18,14 @@ class RouteWriterTest : public testing::Test, protected World<F> {
     addRouteToRouteTable(nullptr, this->routeStatus, host, fecId, type, this->virtualIps.get(),
                          this->root, L3::VrfName("red"));
   }
+  void writeBoth(typename F::RouteType type, FecId fecId) {
+    writeHost(type, fecId);
+    writeMerged(type, fecId);
+  }
+  void expectRoutes(const Route& ofNeighbor, const Route& merged) {
+    EXPECT_EQ(this->neighborTable()->route(key), ofNeighbor);
+    EXPECT_EQ(this->routeStatus->route(key), merged);
+  }
   Route route(typename F::RouteType type, FecId fecId, uint32_t metric, uint8_t preference) const {
     return {.key = F::Prefix::host(host),
             .metricPref = {.metric = metric, .preference = preference},
@@ -51,16 +59,14 @@ TYPED_TEST(RouteWriterTest, KeepsTheMetricOfARouteUnlessTheTrackedOneDiffers) {
   const auto before = this->route(TypeParam::kAttached, 7, 20, 3);
   this->neighborTable()->routeIs(before);
   this->routeStatus->routeIs(before);
-  this->writeHost(TypeParam::kAttached, 8);
-  this->writeMerged(TypeParam::kAttached, 8);
-  EXPECT_EQ(this->neighborTable()->route(this->key), this->route(TypeParam::kAttached, 8, 20, 3));
-  EXPECT_EQ(this->routeStatus->route(this->key), this->route(TypeParam::kAttached, 8, 20, 3));
+  this->writeBoth(TypeParam::kAttached, 8);
+  this->expectRoutes(this->route(TypeParam::kAttached, 8, 20, 3),
+                     this->route(TypeParam::kAttached, 8, 20, 3));
 
   this->root->prefixToRouteIs(this->route(TypeParam::kConnected, 3, 50, 9));
-  this->writeHost(TypeParam::kAttached, 8);
-  this->writeMerged(TypeParam::kAttached, 8);
-  EXPECT_EQ(this->neighborTable()->route(this->key), this->route(TypeParam::kAttached, 8, 50, 9));
-  EXPECT_EQ(this->routeStatus->route(this->key), this->route(TypeParam::kAttached, 8, 50, 9));
+  this->writeBoth(TypeParam::kAttached, 8);
+  this->expectRoutes(this->route(TypeParam::kAttached, 8, 50, 9),
+                     this->route(TypeParam::kAttached, 8, 50, 9));
 }
 
 TYPED_TEST(RouteWriterTest, GivesARouteOfAnotherTypeTheNewTypeInEitherTable) {
@@ -68,13 +74,12 @@ TYPED_TEST(RouteWriterTest, GivesARouteOfAnotherTypeTheNewTypeInEitherTable) {
   this->neighborTable()->routeIs(before);
   this->routeStatus->routeIs(before);
   this->root->prefixToRouteIs(this->route(TypeParam::kConnected, 3, 50, 9));
-  this->writeHost(TypeParam::kAttached, 8);
-  this->writeMerged(TypeParam::kAttached, 8);
-  EXPECT_EQ(this->neighborTable()->route(this->key), this->route(TypeParam::kAttached, 8, 20, 3));
-  EXPECT_EQ(this->routeStatus->route(this->key), this->route(TypeParam::kAttached, 8, 50, 9));
+  this->writeBoth(TypeParam::kAttached, 8);
+  this->expectRoutes(this->route(TypeParam::kAttached, 8, 20, 3),
+                     this->route(TypeParam::kAttached, 8, 50, 9));
 }
 
-// The writer gives way to what is virtual in any VRF, the handler only to its own VRF's addresses.
+// The writer gives way to virtual addresses of any VRF, the handler only to those of its own VRF.
 TYPED_TEST(RouteWriterTest, WritesNoAttachedRouteForAnAddressThatIsVirtualInAnyVrf) {
   this->virtualIps->virtualIpIs(Sample<TypeParam>::virtualAddr("blue", this->host), true);
 
@@ -93,7 +98,7 @@ TYPED_TEST(RouteWriterTest, WritesNoAttachedRouteForAnAddressThatIsVirtualInAnyV
   EXPECT_EQ(this->neighborTable()->route(this->key).routeType, TypeParam::kAttached);
 }
 
-TYPED_TEST(RouteWriterTest, StopsTheProcessUnlessToldOneTableAndAType) {
+TYPED_TEST(RouteWriterTest, StopsTheProcessUnlessItGetsOneTableAndAType) {
   const auto call = [&](const auto& hostTable, const auto& routeTable, auto type) {
     addRouteToRouteTable(hostTable, routeTable, this->host, 7, type, nullptr, this->root, {});
   };
@@ -107,7 +112,8 @@ TYPED_TEST(RouteWriterTest, StopsTheProcessUnlessToldOneTableAndAType) {
                "routeType != Routing6?::Fib::invalid_ \\(HostRoute6?Sm:");
 }
 
-// Releasing an adjacency that is not ours takes it from under its owner; keeping ours leaks it.
+// The release of another owner's adjacency would remove it in use. Without a release, ours would
+// leak.
 TYPED_TEST(RouteWriterTest, ReleasesTheAdjacencyOfOurOwnRouteTypesOnly) {
   const auto& table = this->neighborTable();
   typename TypeParam::ViaSet vias;

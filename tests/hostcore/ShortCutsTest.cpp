@@ -1,4 +1,4 @@
-// Which neighbour tables a machine hears of, and which merges it leaves out.
+// The short cuts: quiet reactors of neighbour tables, omitted merges, cached covers.
 #include "hostcore/fast/State.h"
 #include "tests/hostcore/World.h"
 
@@ -22,7 +22,7 @@ class ShortCutsTest : public testing::Test {
 };
 TYPED_TEST_SUITE(ShortCutsTest, Families);
 
-TYPED_TEST(ShortCutsTest, ATableIsHeardWhileARouteLeavesThroughItsInterface) {
+TYPED_TEST(ShortCutsTest, AReactorIsNotQuietWhileARouteLeavesThroughItsInterface) {
   auto& red = this->world;
   const auto [first, second] = std::pair(red.ethernet1, red.ethernet2);
   red.table(first);
@@ -116,7 +116,7 @@ TYPED_TEST(ShortCutsTest, AStepTakenByHandIsMergedByTheNextEvent) {
   red.expectBalancedReferences();
 }
 
-// Whatever another wrote meanwhile, traced or not.
+// Also when other code wrote the route meanwhile.
 TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithItsMerge) {
   using F = TypeParam;
   using S = Sample<F>;
@@ -160,7 +160,7 @@ TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithItsMerge) {
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(ShortCutsTest, WhatIsWrittenUnannouncedCountsOnQuietInterfacesToo) {
+TYPED_TEST(ShortCutsTest, UnannouncedWritesCountOnQuietInterfacesToo) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -191,7 +191,7 @@ TYPED_TEST(ShortCutsTest, WhatIsWrittenUnannouncedCountsOnQuietInterfacesToo) {
   EXPECT_TRUE(this->isQuiet(red.ethernet1));
 }
 
-TYPED_TEST(ShortCutsTest, WhatIsForgottenIsNotReliedOn) {
+TYPED_TEST(ShortCutsTest, LostDeferredMergesEndTheTrust) {
   using S = Sample<TypeParam>;
   using W = World<TypeParam>;
   const std::function<void(W&)> forget[] = {
@@ -243,8 +243,8 @@ TYPED_TEST(ShortCutsTest, AReactorMovedByItselfEndsTheTrust) {
   EXPECT_FALSE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
 }
 
-// Each of these alone may mean that something is not merged.
-TYPED_TEST(ShortCutsTest, ANewMachineDoesNotRelyOnWhatItFinds) {
+// Each of these alone may mean that an address is not merged.
+TYPED_TEST(ShortCutsTest, ANewMachineDoesNotTrustRoutesThatItFinds) {
   using F = TypeParam;
   using S = Sample<F>;
   using W = World<F>;
@@ -272,8 +272,8 @@ TYPED_TEST(ShortCutsTest, ANewMachineDoesNotRelyOnWhatItFinds) {
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 9));
 }
 
-// After each of these the machine may have missed something.
-TYPED_TEST(ShortCutsTest, WhatPassesTheMachineByEndsTheTrust) {
+// After each of these the machine may have missed a change.
+TYPED_TEST(ShortCutsTest, ChangesWithoutTheMachinesKnowledgeEndTheTrust) {
   using F = TypeParam;
   using S = Sample<F>;
   using W = World<F>;
@@ -325,7 +325,7 @@ TYPED_TEST(ShortCutsTest, ARouteOverAnAdjacencyEndsTheTrust) {
   EXPECT_FALSE(this->isQuiet(red.ethernet2)) << "nobody is told when an adjacency changes";
 }
 
-/// Fails once, where it is told to.
+/// Fails once in the chosen function.
 template <class F>
 struct FailingHelper : F::AdjacencyHelper {
   using F::AdjacencyHelper::AdjacencyHelper;
@@ -351,7 +351,7 @@ TYPED_TEST(ShortCutsTest, AnExceptionEndsTheTrust) {
   using W = World<F>;
   using Failing = FailingHelper<F>;
   const std::function<void(W&, Failing&)> failures[] = {
-      // In a handler that somebody calls by hand.
+      // In a handler that is called directly.
       [](W& red, Failing& helper) {
         red.forwarding->fecIs(typename F::Fec(8, {{.hop = {}, .intf = red.ethernet1}}));
         red.routeStatus->routeIs(
@@ -424,7 +424,7 @@ TYPED_TEST(ShortCutsTest, ATableMayGoWhileItsNeighbourIsHandled) {
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
 }
 
-TYPED_TEST(ShortCutsTest, AnInputThatGoesIsNoticed) {
+TYPED_TEST(ShortCutsTest, TheRemovalOfAnInputEndsTheTrust) {
   auto& red = this->world;
   red.startWithSubnet();
   this->virtualIn("red", 5, true);
@@ -460,7 +460,7 @@ TEST(NeighborDirTest, FindsTheTablesThatItHas) {
   EXPECT_EQ(dir->tableOf(first), nullptr);
 }
 
-TEST(NeighborDirTest, AnExpectedChangeIsToldToThoseWhoWillHearOfIt) {
+TEST(NeighborDirTest, AnExpectedChangeIsAnnouncedToNotifieesThatAreNotQuiet) {
   struct Watcher : Arp::ArpIntfStatus::NotifieeConst {
     void onArpEntry(const Zemit::IpAddr&) override { ++changes; }
     void onArpEntryExpected(const Zemit::IpAddr&) const noexcept override { ++expected; }
@@ -478,7 +478,7 @@ TEST(NeighborDirTest, AnExpectedChangeIsToldToThoseWhoWillHearOfIt) {
   EXPECT_EQ(watcher->changes, 0);
 }
 
-TEST(RootTest, AWalkMeetsNoAddressSetThatIsNotMade) {
+TEST(RootTest, AWalkVisitsOnlyAddressSetsThatAreMade) {
   World<Daemon::Ipv4> world;
   world.root->arpRouteReserve(Sample<Daemon::Ipv4>::subnet());
   EXPECT_FALSE(world.root->arpRouteIfMade(Sample<Daemon::Ipv4>::subnet()));

@@ -1,10 +1,9 @@
-// What the handlers say: every record of one event down each road, against traces4.txt and
+// The traces of the handlers: every record of one event of each kind, against traces4.txt and
 // traces6.txt beside this file.
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <sstream>
 
+#include "tests/Files.h"
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -58,9 +57,9 @@ class Recorder {
   std::string text_;
 };
 
-/// One neighbour, route or address at a time: a collection of several is walked in no order.
+/// Each event has one neighbour, route or address, because collections have no order.
 template <class F>
-std::string recordAllRoads() {
+std::string recordAllEvents() {
   using S = Sample<F>;
   using Fec = typename F::Fec;
   using Via = typename F::Via;
@@ -166,17 +165,12 @@ std::string recordAllRoads() {
   return record.text();
 }
 
-std::string contents(const char* name) {
-  std::ifstream file(std::filesystem::path(SOURCE_DIR) / "tests/hostcore" / name);
-  return {std::istreambuf_iterator<char>(file), {}};
+TEST(TraceTest, TheIpv4HandlersTraceTheirSteps) {
+  EXPECT_EQ(recordAllEvents<Daemon::Ipv4>(), contents(SOURCE_DIR "/tests/hostcore/traces4.txt"));
 }
 
-TEST(TraceTest, TheIpv4HandlersSayWhatTheyDo) {
-  EXPECT_EQ(recordAllRoads<Daemon::Ipv4>(), contents("traces4.txt"));
-}
-
-TEST(TraceTest, TheIpv6HandlersSayWhatTheyDo) {
-  EXPECT_EQ(recordAllRoads<Daemon::Ipv6>(), contents("traces6.txt"));
+TEST(TraceTest, TheIpv6HandlersTraceTheirSteps) {
+  EXPECT_EQ(recordAllEvents<Daemon::Ipv6>(), contents(SOURCE_DIR "/tests/hostcore/traces6.txt"));
 }
 
 }  // namespace

@@ -14,7 +14,7 @@
 
 using Families = testing::Types<Daemon::Ipv4, Daemon::Ipv6>;
 
-/// What a family's tests write: the addresses 10.0.0.N (2001:db8::N) and the prefix that has them.
+/// The values of a family's tests: the addresses 10.0.0.N (2001:db8::N) and their subnet.
 template <class F>
 struct Sample {
   using Addr = typename F::Addr;
@@ -82,14 +82,21 @@ struct World {
     readiness->newRouteStatus(F::kReadyKind);
   }
 
-  void newMachine() {
+  /// Calls `make` with the inputs of a machine, in the family's order.
+  template <class Make>
+  auto withInputs(Make make, const char* vrf = "red") {
+    const auto with = [&](const auto& first, const auto& second) {
+      return make(activity, routeStatus, forwarding, hostStatus, readiness, seqConfig, seqInfo,
+                  adjHelper, ipStatus, neighborDir, first, second, L3::VrfName(vrf));
+    };
     if constexpr (S::kIsIpv4) {
-      root->newRouteSm(activity, routeStatus, forwarding, hostStatus, readiness, seqConfig, seqInfo,
-                       adjHelper, ipStatus, neighborDir, root, virtualIps, L3::VrfName("red"));
+      return with(root, virtualIps);
     } else {
-      root->newRouteSm(activity, routeStatus, forwarding, hostStatus, readiness, seqConfig, seqInfo,
-                       adjHelper, ipStatus, neighborDir, virtualIps, root, L3::VrfName("red"));
+      return with(virtualIps, root);
     }
+  }
+  void newMachine() {
+    withInputs([this](const auto&... inputs) { root->newRouteSm(inputs...); });
   }
   /// A machine that is initialized and has a subnet on Ethernet1 (FEC 7).
   void startWithSubnet() {
@@ -118,7 +125,7 @@ struct World {
   void learn(Zemit::IntfId intf, uint32_t n) { F::neighborIs(table(intf), {.ipAddr = S::addr(n)}); }
   void lose(Zemit::IntfId intf, uint32_t n) { F::neighborDel(table(intf), S::addr(n)); }
 
-  /// Takes a neighbour's host route away past the machine.
+  /// Removes a neighbour's host route without the machine.
   void removeHostRouteByHand(uint32_t n) {
     if constexpr (S::kIsIpv4) {
       Routing::Host::removeHostRoute(S::addr(n), neighborTable(), nullptr, adjHelper);
@@ -164,7 +171,7 @@ struct World {
     return table->route(F::Prefix::host(S::addr(n))).key == F::Prefix::host(S::addr(n));
   }
 
-  /// Every route that holds an adjacency holds one reference on it, and nobody else holds any.
+  /// Checks that the references on each adjacency are those of the routes that use it.
   void expectBalancedReferences() {
     EXPECT_EQ(users(adjHelper->fibAdjacencies()),
               holders(routeStatus, F::ForwardingStatus::kFirstAdjacency));

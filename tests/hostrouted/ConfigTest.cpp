@@ -1,12 +1,11 @@
-// The configuration file: what each key sets, and how errors name their place.
+// The configuration file: the meaning of each key, and the places that errors name.
 #include "hostrouted/Config.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include "tests/Files.h"
 
 namespace Hostrouted {
 namespace {
@@ -20,11 +19,9 @@ std::string refusal(const std::string& text) {
   return "accepted";
 }
 
-TEST(ConfigTest, TheExampleSaysTheDefaults) {
-  std::ifstream file(SOURCE_DIR "/hostrouted/hostrouted.toml");
-  std::ostringstream text;
-  text << file.rdbuf();
-  const auto example = Config::parse(text.str(), "hostrouted.toml");
+TEST(ConfigTest, TheExampleHasTheDefaults) {
+  const auto example =
+      Config::parse(contents(SOURCE_DIR "/hostrouted/hostrouted.toml"), "hostrouted.toml");
   const Config defaults;
   EXPECT_EQ(example.feed, defaults.feed);
   EXPECT_EQ(example.kernelRoutes, defaults.kernelRoutes);
@@ -35,7 +32,7 @@ TEST(ConfigTest, TheExampleSaysTheDefaults) {
   EXPECT_EQ(example.stateDir, defaults.stateDir);
 }
 
-TEST(ConfigTest, EachKeySetsWhatItNames) {
+TEST(ConfigTest, EachKeySetsItsOption) {
   const auto config = Config::parse(R"(
 [neighbors]
 interfaces = ["swp*", "!swp48"]
@@ -80,7 +77,7 @@ quiet = 2.5
   EXPECT_EQ(config.kernelRoutes.dampingQuiet, 2.5);
 }
 
-TEST(ConfigTest, ErrorsNameFileLineKeyAndWhatWasExpected) {
+TEST(ConfigTest, ErrorsNameFileLineKeyAndTheExpectedValue) {
   const std::pair<const char*, const char*> cases[] = {
       {"[export]\ntable = \"ten\"",
        "f.toml:2: export.table: expected a whole number from 0 to 4294967295"},
@@ -128,7 +125,7 @@ TEST(ConfigTest, KeysOfTheNextStartKeepTheirValues) {
   EXPECT_EQ(next.keepUntilRestart(running), std::vector<std::string>());
 }
 
-TEST(ConfigTest, WhatIsNoRegularFileIsRefusedAndNotWaitedFor) {
+TEST(ConfigTest, AnIrregularFileIsRefusedAtOnce) {
   const auto fifo = testing::TempDir() + "/config-" + std::to_string(::getpid());
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   for (const std::string& file : {fifo, std::string("/dev/zero"), testing::TempDir()}) {

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -19,6 +18,7 @@
 #include "hostrouted/Listings.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
+#include "tests/Files.h"
 #include "tests/hostrouted/RouterWorld.h"
 #include "tests/kiv/SmallFiles.h"
 #include "tests/replay/JsonLines.h"
@@ -59,7 +59,7 @@ class ControlTest : public testing::Test {
   RouterWorld world;
 };
 
-TEST_F(ControlTest, WhatIsNoRequestIsRefusedWithTheReason) {
+TEST_F(ControlTest, AnInvalidRequestIsRefusedWithTheReason) {
   const std::pair<const char*, const char*> cases[] = {
       {"", "not JSON"},
       {"[1]", "not a JSON object"},
@@ -83,7 +83,7 @@ TEST_F(ControlTest, WhatIsNoRequestIsRefusedWithTheReason) {
   EXPECT_EQ(json::parse(world.control.handle(deep, kRoot).text)["ok"], false);
 }
 
-TEST_F(ControlTest, OnlyThoseWhoMayChangeThings) {
+TEST_F(ControlTest, OnlyPermittedUsersChangeTheDaemon) {
   for (const char* fields : {R"("resync")", R"("reload")", R"("log-level","level":"debug")",
                              R"("trace","address":"10.0.1.5")", R"("record","action":"stop")"}) {
     const auto refused = ask(fields);
@@ -101,7 +101,7 @@ TEST_F(ControlTest, OnlyThoseWhoMayChangeThings) {
   EXPECT_EQ(world.log.level(), LOG_DEBUG);
 }
 
-TEST_F(ControlTest, StatusTellsWhetherItIsReadyAndWhatIsNotAsItShouldBe) {
+TEST_F(ControlTest, StatusShowsReadinessAndProblems) {
   world.kernel.refused = "10.0.1.6/32";
   world.learn("10.0.1.5", 1);
   world.learn("10.0.1.6", 1);
@@ -117,7 +117,7 @@ TEST_F(ControlTest, StatusTellsWhetherItIsReadyAndWhatIsNotAsItShouldBe) {
   EXPECT_EQ(status["warnings"].size(), 1U);
 }
 
-TEST_F(ControlTest, CountersCountWhereThingsHappen) {
+TEST_F(ControlTest, CountersCountEvents) {
   world.kernel.refused = "10.0.1.6/32";
   world.learn("10.0.1.5", 1);
   world.learn("10.0.1.6", 1);
@@ -141,8 +141,7 @@ TEST_F(ControlTest, CountersCountWhereThingsHappen) {
   EXPECT_EQ(value("neighbors", {{"verdict", "interface not selected"}}), 1);
   EXPECT_EQ(value("ready", json::object()), 1);
 
-  std::ifstream file(SOURCE_DIR "/cli/hostroute.1");
-  const std::string manual((std::istreambuf_iterator<char>(file)), {});
+  const std::string manual = contents(SOURCE_DIR "/cli/hostroute.1");
   for (const auto& family : metrics) {
     const auto name = family["name"].get<std::string>().substr(std::strlen("hostroute_"));
     EXPECT_NE(manual.find("\n.B " + name), std::string::npos) << name << " is not in the manual";
@@ -180,7 +179,7 @@ TEST_F(ControlTest, RoutesAndNeighborsAreListedWithTheirStateInTheKernel) {
   EXPECT_EQ(list(R"("dump","family":4)").size(), 1U);
 }
 
-TEST_F(ControlTest, ExplainTellsOfNeighborsThatAreNotFed) {
+TEST_F(ControlTest, ExplainShowsNeighborsThatAreNotFed) {
   world.learn("10.0.3.8", 3);
   const auto reply = ask(R"("explain","address":"10.0.3.8")");
   ASSERT_EQ(reply["ok"], true) << reply;
@@ -188,7 +187,7 @@ TEST_F(ControlTest, ExplainTellsOfNeighborsThatAreNotFed) {
   EXPECT_EQ(reply["kernel"]["neighbors"][0]["verdict"], "interface not selected");
 }
 
-TEST_F(ControlTest, AMonitorThatDoesNotReadLosesChangesAndIsToldHowMany) {
+TEST_F(ControlTest, AMonitorThatDoesNotReadLosesChangesAndReceivesTheirNumber) {
   auto reply = handle(R"("monitor","prefix":"10.0.1.0/24")");
   ASSERT_TRUE(reply.feed);
   world.learn("10.0.1.5", 1);
@@ -207,7 +206,7 @@ TEST_F(ControlTest, AMonitorThatDoesNotReadLosesChangesAndIsToldHowMany) {
   EXPECT_EQ(lines.size() - 1 + lines.back()["lost"].get<size_t>(), kChanges);
   EXPECT_TRUE(reply.feed->isEmpty());
   reply.feed.reset();
-  world.learn("10.0.1.7", 1);  // nobody listens any more
+  world.learn("10.0.1.7", 1);  // without a listener
 }
 
 TEST_F(ControlTest, ATraceEndsWithItsTimeOrItsClientAndThereIsOneAtATime) {
@@ -223,7 +222,7 @@ TEST_F(ControlTest, ATraceEndsWithItsTimeOrItsClientAndThereIsOneAtATime) {
   EXPECT_TRUE(handle(request, kAdmin).feed);
 }
 
-TEST(DamageTest, WhatIsDamagedIsToldAndTheRestIsListed) {
+TEST(DamageTest, DamageIsReportedAndTheRestIsListed) {
   auto config = RouterWorld::config();
   config.sharedName = "control-test-" + std::to_string(::getpid());
   RouterWorld world(config);
@@ -241,16 +240,11 @@ TEST(DamageTest, WhatIsDamagedIsToldAndTheRestIsListed) {
     for (const auto& line : Replay::jsonLines(text.str())) ++counts[line.begin().key()];
     return counts;
   };
-  auto counts = linesOf(R"("routes","type":"attached_")");
-  EXPECT_EQ(counts["error"], 1);
-  EXPECT_EQ(counts["route"], 1);
-  counts = linesOf(R"("neighbors")");
-  EXPECT_EQ(counts["error"], 1);
-  EXPECT_EQ(counts["neighbor"], 2);
-  counts = linesOf(R"("dump")");
-  EXPECT_EQ(counts["error"], 1);
-  EXPECT_EQ(counts["dump"], 1);
-  counts = linesOf(R"("dump","format":"text")");
+  using Counts = std::map<std::string, int>;
+  EXPECT_EQ(linesOf(R"("routes","type":"attached_")"), (Counts{{"error", 1}, {"route", 1}}));
+  EXPECT_EQ(linesOf(R"("neighbors")"), (Counts{{"error", 1}, {"neighbor", 2}}));
+  EXPECT_EQ(linesOf(R"("dump")"), (Counts{{"error", 1}, {"dump", 1}}));
+  auto counts = linesOf(R"("dump","format":"text")");
   EXPECT_EQ(counts["error"], 1);
   EXPECT_GT(counts["text"], 1);
   const auto explained = json::parse(
@@ -291,7 +285,7 @@ class RecordingTest : public testing::Test {
   RouterWorld world{RouterWorld::config(), directory};
 };
 
-TEST_F(RecordingTest, BegunInTheMiddleItEndsWhereTheDaemonIsAlsoInARotatedFile) {
+TEST_F(RecordingTest, StartedLaterItEndsInTheDaemonsStateAlsoInARotatedFile) {
   constexpr uint64_t kFileBytes = 65536;
   world.learn("10.0.1.5", 1);
   world.learn("10.0.2.5", 1);
@@ -325,7 +319,7 @@ TEST_F(RecordingTest, ThereIsOneAtATimeAndNoFileIsWrittenOver) {
   EXPECT_NE(again["error"].get<std::string>().find("there already"), std::string::npos) << again;
 }
 
-TEST_F(RecordingTest, AFullDiskEndsItAtTheEndOfALineAndStoppingItSaysSo) {
+TEST_F(RecordingTest, AFullDiskEndsItAtTheEndOfALineAndItsStopReportsThis) {
   const auto file = directory + "/r";
   ASSERT_EQ(record(R"("action":"start","file":"r")")["ok"], true);
   {
@@ -337,8 +331,7 @@ TEST_F(RecordingTest, AFullDiskEndsItAtTheEndOfALineAndStoppingItSaysSo) {
     }
   }
   ASSERT_FALSE(world.recorder.isOn());
-  std::ifstream in(file);
-  const std::string text((std::istreambuf_iterator<char>(in)), {});
+  const std::string text = contents(file);
   EXPECT_TRUE(text.ends_with("}\n")) << text.substr(text.size() - 80);
   EXPECT_GT(replayed(file).size(), 3U);
   const auto stopped = record(R"("action":"stop")");

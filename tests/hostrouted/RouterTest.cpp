@@ -1,4 +1,4 @@
-// What a router writes to the kernel and to its log.
+// A router's requests to the kernel, and its log lines.
 #include "hostrouted/Router.h"
 
 #include <gtest/gtest.h>
@@ -23,11 +23,11 @@ Config withVrf() {
 
 TEST(RouterTest, ARefusedRouteOfAVrfIsReportedWithItsFields) {
   RouterWorld world(withVrf());
-  auto device = RouterWorld::linkOf(9, "blue");
+  auto device = Linux::linkOf(9, "blue");
   device.kind = "vrf";
   device.vrfTable = 100;
   world.tell(device);
-  auto port = RouterWorld::linkOf(4, "p4");
+  auto port = Linux::linkOf(4, "p4");
   port.master = 9;
   world.tellPort(port, "10.0.5.", 100);
   world.kernel.refused = "10.0.5.7/32";
@@ -53,7 +53,7 @@ TEST(RouterTest, ARefusedRouteOfAVrfIsReportedWithItsFields) {
   EXPECT_EQ(world.kernel.told.back(), "route del 10.0.5.8/32 table 110");
 }
 
-TEST(RouterTest, WhatIsTakenAwayAndGivenBackInATurnIsNotWritten) {
+TEST(RouterTest, ARouteThatIsRemovedAndAddedInOneTurnIsNotWritten) {
   RouterWorld world;
   // Both ports reach a third subnet.
   world.tell(Linux::route("10.0.9.0/24", {Linux::hop(1), Linux::hop(2)}));
@@ -69,7 +69,7 @@ TEST(RouterTest, WhatIsTakenAwayAndGivenBackInATurnIsNotWritten) {
   tell("10.0.1.7", 1, false);
   tell("10.0.1.8", 1);
   tell("10.0.1.8", 1, false);
-  world.tell(RouterWorld::linkOf(2, "p3"));  // another interface for the engine
+  world.tell(Linux::linkOf(2, "p3"));  // another interface for the engine
   for (int last = 10; last < kMany; ++last) tell("10.0.1." + std::to_string(last), 1);
   for (int last = 2; last < kMany; ++last) tell("10.0.9." + std::to_string(last), 2);
   tell("10.0.1.7", 1);

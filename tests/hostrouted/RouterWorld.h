@@ -1,4 +1,4 @@
-// A router without a kernel, and what its control protocol needs.
+// A router without a kernel, with its control protocol.
 #pragma once
 
 #include <linux/if_link.h>
@@ -34,8 +34,8 @@ class ForgetfulLog final : public Linux::AdvertisedLog {
   void remove(const Linux::RouteKey&) override {}
 };
 
-/// A router whose kernel has two ports: p1 (1) with 10.0.1.1/24, p2 (2) with 10.0.2.1/24; only
-/// those whose names begin with p are selected, and m1 (3) with 10.0.3.1/24 is not.
+/// A router with the ports p1 (1) with 10.0.1.1/24, p2 (2) with 10.0.2.1/24, and m1 (3) with
+/// 10.0.3.1/24. Only ports with names that begin with p are selected.
 struct RouterWorld {
   static Config config() {
     Config config;
@@ -73,17 +73,11 @@ struct RouterWorld {
     Linux::LinkIndex index = 0;
     for (const char* name : {"p1", "p2", "m1"}) {
       ++index;
-      tellPort(linkOf(index, name), "10.0." + std::to_string(index) + ".");
+      tellPort(Linux::linkOf(index, name), "10.0." + std::to_string(index) + ".");
     }
     router.endDump();
   }
 
-  static Linux::Link linkOf(Linux::LinkIndex index, const char* name) {
-    Linux::Link link;
-    link.index = index;
-    link.name = name;
-    return link;
-  }
   /// Tells the router of an interface with the address .1 of a subnet, and of the subnet's route.
   void tellPort(const Linux::Link& link, const std::string& subnet,
                 Linux::TableId table = RT_TABLE_MAIN) {

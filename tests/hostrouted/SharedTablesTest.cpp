@@ -1,4 +1,4 @@
-// Tests what an idle daemon does about damage of its shared tables.
+// Tests that an idle daemon repairs its shared tables.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -38,7 +38,7 @@ class SharedTablesTest : public testing::Test {
       world.router.endTurn();
     }
   }
-  /// Whether whoever opens the tables now finds the route of each host, and its next hop.
+  /// Checks that a new reader finds the route of each host, and its next hop.
   void expectWhole(const char* what) const {
     const Tovan::Fib::RouteTableReader reader(name, "default");
     for (uint32_t n = 5; n < 10; ++n) {
@@ -57,7 +57,7 @@ class SharedTablesTest : public testing::Test {
   RouterWorld world{config()};
 };
 
-TEST_F(SharedTablesTest, AreMendedThoughNothingHappens) {
+TEST_F(SharedTablesTest, AreRepairedWithoutEvents) {
   expectWhole("at first");
   ASSERT_EQ(Tovan::damage(name + ".default.route4", host(7), Tovan::kValue<Zemit::Prefix>), 1u);
   EXPECT_THROW(expectWhole("damaged"), Tovan::CorruptionDetectedException);
@@ -80,7 +80,7 @@ TEST_F(SharedTablesTest, AreMendedThoughNothingHappens) {
   expectWhole("removed tables");
 }
 
-TEST_F(SharedTablesTest, ReadersAreToldWhileRoutesAreMissing) {
+TEST_F(SharedTablesTest, ReadersSeeThatRoutesAreMissing) {
   const Tovan::Fib::RouteTableReader reader(name, "default");
   EXPECT_FALSE(reader.state().incomplete);
   {

@@ -78,7 +78,9 @@ TEST_F(AttributesTest, SettingStoresAndAnnouncesChangesOnly) {
   bridge->vlanNotify(7);
   bridge->vlanNotify();
   bridge->portNotify("eth9");
-  EXPECT_EQ(take(log), (Log{"mtu", "vlan 7", "vlan*", "port eth9"}));
+  bridge->uplinkNotify();
+  bridge->cpuPortNotify();
+  EXPECT_EQ(take(log), (Log{"mtu", "vlan 7", "vlan*", "port eth9", "uplink", "cpuPort"}));
 }
 
 TEST_F(AttributesTest, AbsentValuesReadAsTheEmptyValue) {

@@ -165,20 +165,6 @@ TEST(HashMapTest, GivesMemoryBackWhenItShrinks) {
   EXPECT_EQ(shared->referenceCount(), 1);
 }
 
-// Empty pages are freed while other elements remain. The remaining elements must keep their values.
-TEST(HashMapTest, KeepsTheLastOfManyElements) {
-  constexpr uint64_t kCount = 300'000;
-  HashMap<uint64_t, uint64_t> map;
-  for (uint64_t n = 0; n < kCount; ++n) map.tryEmplace(n, ~n);
-  for (uint64_t n = 0; n < kCount; ++n) {
-    if (n + 100 >= kCount) {
-      for (uint64_t left = n; left < kCount; ++left) ASSERT_EQ(*map.find(left), ~left);
-    }
-    ASSERT_TRUE(map.erase(n));
-  }
-  EXPECT_EQ(map.bytes(), 0u);
-}
-
 // A switch has millions of maps that are empty or almost empty.
 TEST(HashMapTest, SmallMapsAreSmall) {
   HashMap<uint32_t, Present> set;

@@ -11,6 +11,7 @@
 #include <map>
 #include <string>
 
+#include "tests/Files.h"
 #include "tests/linux/Samples.h"
 
 namespace Linux {
@@ -40,10 +41,6 @@ class AdvertisedFileTest : public testing::Test {
     for (const auto& [key, metric] : file.keys()) keys[key] = metric;
     return keys;
   }
-  std::string content() const {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
   void write(const std::string& text) const {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
   }
@@ -63,10 +60,10 @@ TEST_F(AdvertisedFileTest, ACutFileLosesOnlyItsLastLine) {
       file.add(key6(i, 20), 1024);
       if (i % 3 == 0) file.remove(key4(i % 5));
       file.commit();
-      committed.emplace_back(content().size(), keysOf(file));
+      committed.emplace_back(contents(path).size(), keysOf(file));
     }
   }
-  const auto whole = content();
+  const auto whole = contents(path);
   for (size_t length = 0; length <= whole.size(); ++length) {
     write(whole.substr(0, length));
     const bool isTorn = length != 0 && whole[length - 1] != '\n';
@@ -95,7 +92,7 @@ TEST_F(AdvertisedFileTest, SkipsAndReportsDamagedLines) {
     auto file = open();
     for (uint32_t i = 0; i < 10; ++i) file.add(key4(i), i);
   }
-  const auto whole = content();
+  const auto whole = contents(path);
   for (size_t at = 0; at < whole.size(); ++at) {
     auto damaged = whole;
     damaged[at] = static_cast<char>(damaged[at] ^ 0x04);
@@ -155,7 +152,7 @@ TEST_F(AdvertisedFileTest, SurvivesAFullDisk) {
   }
   EXPECT_FALSE(file.isSound());
   EXPECT_EQ(problems.size(), 1u);
-  const auto kept = content();
+  const auto kept = contents(path);
   ::setrlimit(RLIMIT_FSIZE, &old);
   // If the process dies now, the keys committed before are in the file.
   const auto told = problems;

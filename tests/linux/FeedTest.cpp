@@ -20,9 +20,7 @@ namespace {
 using Daemon::Operation;
 
 Link link(LinkIndex index, const std::string& name, LinkIndex master = 0) {
-  Link link;
-  link.index = index;
-  link.name = name;
+  Link link = linkOf(index, name);
   link.master = master;
   return link;
 }

@@ -10,12 +10,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <map>
 #include <set>
 
+#include "tests/Files.h"
 #include "tests/linux/MirrorText.h"
 
 namespace Linux {
@@ -30,8 +30,7 @@ Bytes bytesOf(const void* data, size_t size) {
 
 /// The messages of a capture.
 std::vector<Bytes> captured(const std::string& name) {
-  std::ifstream in(SOURCE_DIR "/tests/linux/captures/" + name + ".nl", std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(in), {}};
+  const std::string text = contents(SOURCE_DIR "/tests/linux/captures/" + name + ".nl");
   std::vector<Bytes> messages;
   forEachMessage(std::as_bytes(std::span(text)),
                  [&](const nlmsghdr&, std::span<const std::byte> m) {

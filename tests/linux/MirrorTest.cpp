@@ -20,9 +20,7 @@ namespace Linux {
 namespace {
 
 Link link(LinkIndex index, const char* name, bool isUp = true) {
-  Link link;
-  link.index = index;
-  link.name = name;
+  Link link = linkOf(index, name);
   link.isUp = link.hasCarrier = isUp;
   return link;
 }

@@ -7,6 +7,8 @@
 #include <set>
 #include <string>
 
+#include "tests/linux/Samples.h"
+
 namespace Linux {
 namespace {
 
@@ -32,9 +34,7 @@ class ProbingTest : public testing::Test {
   }
 
   void link(LinkIndex index, const char* name, LinkIndex lower = 0, uint16_t vlan = 0) {
-    Link link;
-    link.index = index;
-    link.name = name;
+    Link link = linkOf(index, name);
     link.lower = lower;
     link.vlan = vlan;
     add(link);

@@ -23,6 +23,13 @@ inline Prefix prefixOf(const std::string& text) {
   return Zemit::Ip6Prefix::parse(text).value();
 }
 
+inline Link linkOf(LinkIndex index, const std::string& name) {
+  Link link;
+  link.index = index;
+  link.name = name;
+  return link;
+}
+
 inline Neighbor neighbor(LinkIndex link, const std::string& addr, int state = NUD_REACHABLE) {
   Neighbor neighbor;
   neighbor.link = link;

@@ -606,13 +606,8 @@ ViaSet Machine::resolve(FecId fec) const {
   return vias.empty() ? fibAdjacencies_.vias(fec) : ViaSet(vias.begin(), vias.end());
 }
 
-json Machine::show(const AddrSet& addrs) const {
-  json list = json::array();
-  for (const Bits addr : addrs) list.push_back(Golden::show(family_, addr));
-  return list;
-}
-
-json Machine::show(const std::set<AddrLen>& values) const {
+template <class Value>
+json Machine::show(const std::set<Value>& values) const {
   json list = json::array();
   for (const auto& value : values) list.push_back(Golden::show(family_, value));
   return list;
@@ -645,24 +640,18 @@ json Machine::show(const HostTable& table) const {
 
 json Machine::dump() const {
   const auto text = [this](const auto& value) { return Golden::show(family_, value); };
+  const auto object = [](const auto& map, const auto& key, const auto& value) {
+    json members = json::object();
+    for (const auto& [name, member] : map) members[key(name)] = value(member);
+    return members;
+  };
+  const auto itself = [](const auto& value) { return value; };
+  const auto shown = [this](const auto& set) { return show(set); };
+  const auto fecText = [](FecId fec) { return std::to_string(fec); };
   json hostRoutes = json::array();
   for (const auto& [prefix, route] : routeStatus) {
     if (prefix.len == family_.width) hostRoutes.push_back(show(route, resolve(route.fec)));
   }
-  json filed = json::object();
-  for (const auto& [prefix, addrs] : neighborRoute_) filed[text(prefix)] = show(addrs);
-  json tracked = json::object();
-  for (const auto& [prefix, route] : prefixToRoute_) {
-    tracked[text(prefix)] = show(route, resolve(route.fec));
-  }
-  json prefixToAdjacency = json::object();
-  for (const auto& [prefix, fec] : prefixToAdjacency_) prefixToAdjacency[text(prefix)] = fec;
-  json adjacencyToPrefix = json::object();
-  for (const auto& [fec, prefixes] : adjacencyToPrefix_) {
-    adjacencyToPrefix[std::to_string(fec)] = show(prefixes);
-  }
-  json owners = json::object();
-  for (const auto& [addr, intf] : receiveAddrToIntfName_) owners[text(addr)] = intf;
   json fibAdjacencies = json::array();
   for (const auto& [id, adjacency] : fibAdjacencies_.all()) {
     fibAdjacencies.push_back({{"vias", show(adjacency.vias)}, {"refs", adjacency.refs}});
@@ -685,26 +674,24 @@ json Machine::dump() const {
                {"routeTable", hostRoutes},
                {"receiveTable", show(receiveTable_)},
                {family_.neighborTable, show(neighborTable_)},
-               {family_.neighborRoute, filed},
-               {"prefixToRoute", tracked},
-               {"prefixToAdjacency", prefixToAdjacency},
-               {"adjacencyToPrefix", adjacencyToPrefix},
-               {"receiveAddrToIntfName", owners},
+               {family_.neighborRoute, object(neighborRoute_, text, shown)},
+               {"prefixToRoute",
+                object(prefixToRoute_, text,
+                       [this](const Route& route) { return show(route, resolve(route.fec)); })},
+               {"prefixToAdjacency", object(prefixToAdjacency_, text, itself)},
+               {"adjacencyToPrefix", object(adjacencyToPrefix_, fecText, shown)},
+               {"receiveAddrToIntfName", object(receiveAddrToIntfName_, text, itself)},
                {"toMerge", show(toMerge_)},
                {"hostAdjacencies", hostAdjacencies},
                {"fibAdjacencies", fibAdjacencies},
                {"hostRoutesSynced", readiness_.hostRoutesSynced[family_.slot]},
                {"ready", readiness_.ready[family_.slot]}};
-  json addrs = json::object();
   if (family_.number == 4) {
-    for (const auto& [intf, primary] : intfNameToPrimary_) addrs[intf] = text(primary);
-    json secondaries = json::object();
-    for (const auto& [intf, set] : intfNameToSecondary_) secondaries[intf] = show(set);
-    dump["intfNameToSecondaryAddrWithMask"] = secondaries;
+    dump["intfNameToAddrWithMask"] = object(intfNameToPrimary_, itself, text);
+    dump["intfNameToSecondaryAddrWithMask"] = object(intfNameToSecondary_, itself, shown);
   } else {
-    for (const auto& [intf, set] : intfNameToAddrs_) addrs[intf] = show(set);
+    dump["intfNameToAddrWithMask"] = object(intfNameToAddrs_, itself, shown);
   }
-  dump["intfNameToAddrWithMask"] = addrs;
   return {{"dump", dump}};
 }
 

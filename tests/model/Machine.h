@@ -143,11 +143,12 @@ class Machine {
   void removeAddrMask(const std::string& intf, const AddrLen& addr, AddrSet& changed);
   void removeReceiveRoute(const std::string& intf, Bits addr);
 
-  nlohmann::json show(const AddrSet& addrs) const;
   nlohmann::json show(const Route& route, const ViaSet& vias) const;
   nlohmann::json show(const HostTable& table) const;
   nlohmann::json show(const ViaSet& vias) const;
-  nlohmann::json show(const std::set<AddrLen>& values) const;
+  /// Of addresses or of prefixes.
+  template <class Value>
+  nlohmann::json show(const std::set<Value>& values) const;
   ViaSet resolve(FecId fec) const;
 
   const Family& family_;

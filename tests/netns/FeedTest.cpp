@@ -3,12 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 #include "linux/IpJson.h"
 #include "linux/Netlink.h"
 #include "replay/Recording.h"
+#include "tests/Files.h"
 #include "tests/netns/Namespace.h"
 
 namespace Linux {
@@ -33,14 +33,9 @@ std::string toldByMessages() {
 }
 
 IpDocument printed(const std::string& command) {
-  IpDocument document{command, {}};
-  std::FILE* pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) throw std::runtime_error(command);
-  for (int c = std::getc(pipe); c != EOF; c = std::getc(pipe)) {
-    document.text += static_cast<char>(c);
-  }
-  EXPECT_EQ(::pclose(pipe), 0) << command;
-  return document;
+  const auto result = runShell(command);
+  EXPECT_EQ(result.status, 0) << command;
+  return {command, result.text};
 }
 
 std::string toldByText(const std::string& flags) {
@@ -82,47 +77,8 @@ link set br0 up
 )");
   Namespace::awaitCarrier("swp1");
   Namespace::awaitCarrier("br0");
-  inside.ip(R"(
-addr add 10.1.0.1/24 dev swp1
-addr add 10.1.0.2/24 dev swp1
-addr add 10.3.0.1 peer 10.3.0.2/32 dev swp1
-addr add 10.255.0.1/32 dev lo
-addr add 2001:db8:1::1/64 dev swp1
-addr add 2001:db8:ffff::1/128 dev lo
-addr add 10.2.0.1/24 dev br0
-addr add 2001:db8:2::1/64 dev br0
-addr add 10.4.0.1/24 dev swp2
-neigh add 10.1.0.5 lladdr 02:00:00:00:00:05 dev swp1
-neigh add 10.1.0.6 lladdr 02:00:00:00:00:06 dev swp1 extern_learn nud reachable
-neigh add 10.1.0.7 dev swp1 nud incomplete
-neigh add proxy 10.1.0.8 dev swp1
-neigh add 2001:db8:1::5 lladdr 02:00:00:00:00:05 dev swp1
-neigh add fe80::5 lladdr 02:00:00:00:00:05 dev swp1
-neigh add 10.2.0.5 lladdr 02:00:00:00:00:09 dev br0 nud stale
-nexthop add id 1 via 10.1.0.5 dev swp1
-nexthop add id 2 via fe80::9 dev swp1
-nexthop add id 3 via 10.2.0.5 dev br0
-nexthop add id 4 group 1,5/3,2
-nexthop add id 5 blackhole
-nexthop add id 6 encap ip id 7 dst 192.0.2.1 via 10.1.0.5 dev swp1
-route add default via 10.1.0.5 proto static
-route add 10.10.0.0/24 nhid 2
-route add 10.11.0.0/24 nhid 4 proto bgp metric 20
-route add 10.12.0.0/24 nhid 5
-route add 10.13.0.0/24 nhid 6
-route add 10.14.0.0/24 encap ip id 7 dst 192.0.2.1 via 10.1.0.5 dev swp1
-route add 10.15.0.0/24 via inet6 fe80::9 dev swp1 proto bgp
-route add 10.16.0.0/24 nexthop via 10.1.0.5 dev swp1 weight 3 nexthop via 10.2.0.5 dev br0
-route add 10.16.0.0/24 via 10.1.0.5 metric 5
-route add 10.18.0.5/32 via 10.2.0.5 proto ospf
-route add unreachable 10.19.0.0/16
-route add throw 10.20.0.0/16
-route add local 10.21.0.0/16 dev lo
-route add 10.22.0.0/16 tos 0x10 via 10.1.0.5
-route add 2001:db8:9::/64 nexthop via 2001:db8:1::5 nexthop via 2001:db8:2::5
-route add 2001:db8:a::/64 via fe80::9 dev swp1 proto ra
-route add blackhole 2001:db8:b::/48
-)");
+  inside.ip(contents(SOURCE_DIR "/tests/netns/feed.ip"));
+
   // For a while the kernel still changes its state: it detects down peers, and adds addresses and
   // routes. The two outputs are comparable only when nothing changed in between.
   std::string told, asNumbers, asNames;

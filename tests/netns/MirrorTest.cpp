@@ -7,9 +7,9 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <iterator>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -17,6 +17,7 @@
 
 #include "linux/Mirror.h"
 #include "linux/Netlink.h"
+#include "tests/Files.h"
 #include "tests/linux/MirrorText.h"
 #include "tests/netns/Namespace.h"
 
@@ -96,148 +97,16 @@ void addPorts(const Namespace& space) {
   for (const char* name : {"e1", "e2", "e3", "br0"}) Namespace::awaitCarrier(name);
 }
 
-struct Step {
-  const char* what;
-  const char* commands;
-};
-
-constexpr Step kSteps[] = {
-    {"routes with several next hops", R"(
-route add 10.9.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2 weight 3
-route add 2001:db8:9::/64 nexthop via 2001:db8:1::2 nexthop via 2001:db8:2::2
-route add 10.10.0.0/24 via inet6 fe80::1 dev e1
-route add 10.11.0.0/24 dev e1
-route add 2001:db8:a::/64 dev e1
-route append 2001:db8:a::/64 dev e2
-)"},
-    {"routes that follow and precede others", R"(
-route append 10.11.0.0/24 dev e2
-route prepend 10.11.0.0/24 via 10.0.1.5
-route add 10.11.0.0/24 via 10.0.1.6 metric 7
-route replace 10.11.0.0/24 via 10.0.1.7
-)"},
-    {"IPv6 next hops that join and leave", R"(
-route add 2001:db8:b::/64 via 2001:db8:1::3
-route append 2001:db8:b::/64 via 2001:db8:2::3
-route append 2001:db8:b::/64 via 2001:db8:2::4
-route del 2001:db8:b::/64 via 2001:db8:1::3
-route replace 2001:db8:9::/64 via 2001:db8:1::9
-route append 2001:db8:9::/64 via 2001:db8:2::9
-)"},
-    {"IPv6 routes without gateway, of one metric", R"(
-route add 2001:db8:d::/64 dev e1
-route append 2001:db8:d::/64 dev e2
-route append 2001:db8:d::/64 via 2001:db8:1::3
-route replace 2001:db8:d::/64 dev e2
-route del 2001:db8:d::/64 dev e2
-)"},
-    {"routes that drop", R"(
-route add blackhole 10.12.0.0/24
-route add unreachable 2001:db8:c::/64
-route add prohibit 10.13.0.0/24 metric 5
-route add 10.14.0.0/24 dev e1 tos 4
-route add 10.14.0.0/24 dev e2
-)"},
-    {"sources", R"(
-addr add 10.0.3.1/32 dev e1
-route add 10.15.0.0/24 via 10.0.2.2 src 10.0.3.1
-route add 10.15.0.0/24 via 10.0.2.2 src 10.0.3.1 table 10
-addr add 10.0.4.1/32 dev e1
-addr add 10.0.4.1/32 dev e2
-route add 10.16.0.0/24 via 10.0.2.2 src 10.0.4.1
-)"},
-    {"an address that is a preferred source goes", "addr del 10.0.3.1/32 dev e1"},
-    {"one goes that another interface has, too", "addr del 10.0.4.1/32 dev e1"},
-    {"nexthop objects", R"(
-nexthop add id 1 via 10.0.1.7 dev e1
-nexthop add id 2 via 10.0.2.7 dev e2
-nexthop add id 3 via 2001:db8:1::7 dev e1
-nexthop add id 4 blackhole
-nexthop add id 10 group 1/2,5
-nexthop add id 11 group 1
-nexthop add id 12 group 3
-route add 10.20.0.0/24 nhid 1
-route add 10.21.0.0/24 nhid 10
-route add 10.22.0.0/24 nhid 11
-route add 10.23.0.0/24 nhid 4
-route add 2001:db8:20::/64 nhid 3
-route add 2001:db8:21::/64 nhid 12
-nexthop replace id 1 via 10.0.1.8 dev e1
-)"},
-    {"a port without carrier", "link set h1 down"},
-    {"its carrier back", "link set h1 up"},
-    {"nexthop objects are deleted", R"(
-nexthop add id 1 via 10.0.1.7 dev e1
-nexthop replace id 10 group 1/2
-nexthop add id 11 group 1
-route add 10.20.0.0/24 nhid 1
-route add 10.22.0.0/24 nhid 11
-nexthop del id 1
-)"},
-    {"neighbours", R"(
-neigh add 10.0.1.50 lladdr 02:00:00:00:00:01 dev e1
-neigh add 10.0.1.51 lladdr 02:00:00:00:00:02 dev e1 nud reachable
-neigh add 2001:db8:1::50 lladdr 02:00:00:00:00:01 dev e1 nud stale
-neigh add proxy 10.0.1.52 dev e1
-neigh add 10.0.2.50 lladdr 02:00:00:00:00:03 dev e2 extern_learn
-neigh replace 10.0.1.51 lladdr 02:00:00:00:00:04 dev e1 nud stale
-)"},
-    {"a port is taken down", "link set e1 down"},
-    {"and up", "link set e1 up"},
-    {"an interface's last address goes", R"(
-route add 10.30.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2
-route add 10.31.0.0/24 dev e2
-addr flush dev e2
-)"},
-    {"and comes back", "addr add 10.0.2.1/24 dev e2"},
-    {"addresses of several kinds", R"(
-addr add 10.0.1.9/24 dev e1
-addr add 10.0.1.9/16 dev e1
-addr add 10.0.5.1 peer 10.0.5.2 dev e1
-addr add 10.0.5.1 peer 10.0.5.3 dev e1
-addr del 10.0.5.1 peer 10.0.5.2 dev e1
-addr del 10.0.1.1/24 dev e1
-)"},
-    {"a rename", "link set e1 name swp1"},
-    {"a macvlan", R"(
-link add link swp1 name vrrp4 type macvlan mode bridge
-link set vrrp4 address 00:00:5e:00:01:05
-addr add 10.0.1.100/32 dev vrrp4
-link set vrrp4 up
-)"},
-    {"released from its bridge", "link set e3 nomaster"},
-    {"in the bridge again", "link set e3 master br0"},
-    {"another MAC", "link set swp1 address 02:00:00:00:aa:01"},
-    {"both ends of a route down, one up", R"(
-route replace 10.30.0.0/24 nexthop via 10.0.1.2 dev swp1 onlink nexthop via 10.0.2.2
-route replace 2001:db8:30::/64 nexthop via fe80::2 dev swp1 nexthop via fe80::2 dev e2
-link set e2 down
-link set swp1 down
-link set e2 up
-)"},
-    {"all up", "link set swp1 up"},
-    {"an interface deleted, with a route that has another", R"(
-addr add 10.0.1.1/24 dev swp1
-route replace 10.30.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2
-route replace 2001:db8:30::/64 nexthop via fe80::2 dev swp1 nexthop via fe80::2 dev e2
-link del swp1
-)"},
-    {"an interface under its index and name", R"(
-link add swp1 index 50 type veth peer name h1
-link set swp1 up
-addr add 10.0.1.1/24 dev swp1
-link del swp1
-link add swp1 index 50 type bridge
-link set swp1 up
-addr add 10.0.1.1/24 dev swp1
-)"},
-    {"tables", R"(
-route add 10.40.0.0/24 dev e2 table 10
-route add 10.40.0.0/24 dev e2 table 100000
-route add 2001:db8:40::/64 dev e2 table 10
-route flush table 10
-)"},
-};
+/// A file of commands of `ip` in this folder, in parts that begin with a line "# TITLE".
+std::vector<std::string> partsOf(const char* name) {
+  std::istringstream in(contents(SOURCE_DIR + std::string("/tests/netns/") + name));
+  std::vector<std::string> parts;
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with("# ") || parts.empty()) parts.emplace_back();
+    parts.back() += line + '\n';
+  }
+  return parts;
+}
 
 TEST(MirrorNetns, FollowsAnnouncedAndUnannouncedChanges) {
   SKIP_WITHOUT_NAMESPACES();
@@ -245,83 +114,30 @@ TEST(MirrorNetns, FollowsAnnouncedAndUnannouncedChanges) {
   addPorts(space);
   Kept kept;
   EXPECT_TRUE(kept.equalsFresh()) << "after the start";
-  for (const auto& [what, commands] : kSteps) {
-    space.ip(commands);
-    EXPECT_TRUE(kept.equalsFresh()) << "after: " << what;
+  for (const std::string& step : partsOf("mirror-steps.ip")) {
+    space.ip(step);
+    EXPECT_TRUE(kept.equalsFresh()) << "after: " << step;
   }
   EXPECT_GT(kept.changes, 200U);
   EXPECT_EQ(kept.losses, 0U);
 }
-
-// Commands that an administrator may run in any order. Some of them fail.
-constexpr const char* kCommands[] = {
-    "link set e1 down",
-    "link set e1 up",
-    "link set e2 down",
-    "link set e2 up",
-    "link set h1 down",
-    "link set h1 up",
-    "addr add 10.0.1.1/24 dev e1",
-    "addr del 10.0.1.1/24 dev e1",
-    "addr add 10.0.2.1/24 dev e2",
-    "addr flush dev e2",
-    "addr add 10.0.2.9/24 dev e1",
-    "addr del 10.0.2.9/24 dev e1",
-    "addr add 2001:db8:1::1/64 dev e1 nodad",
-    "route add 10.9.0.0/24 nexthop via 10.0.1.2 nexthop via 10.0.2.2",
-    "route replace 10.9.0.0/24 via 10.0.1.2",
-    "route append 10.9.0.0/24 via 10.0.2.3",
-    "route prepend 10.9.0.0/24 via 10.0.1.3",
-    "route del 10.9.0.0/24",
-    "route replace 10.8.0.0/24 via 10.0.2.2 src 10.0.1.1",
-    "route add 10.7.0.0/24 dev e2 metric 3",
-    "route replace blackhole 10.9.0.0/24",
-    "route add 2001:db8:9::/64 via fe80::2 dev e1",
-    "route append 2001:db8:9::/64 via fe80::2 dev e2",
-    "route del 2001:db8:9::/64 via fe80::2 dev e1",
-    "route replace 2001:db8:9::/64 nexthop via fe80::3 dev e1 nexthop via fe80::3 dev e2",
-    "route replace 2001:db8:9::/64 via fe80::4 dev e1",
-    "route del 2001:db8:9::/64",
-    "route append 2001:db8:8::/64 dev e1",
-    "route append 2001:db8:8::/64 dev e2",
-    "route add blackhole 2001:db8:8::/64",
-    "route del 2001:db8:8::/64 dev e1",
-    "route del 2001:db8:8::/64",
-    "nexthop replace id 1 via 10.0.1.7 dev e1",
-    "nexthop replace id 2 via 10.0.2.7 dev e2",
-    "nexthop replace id 3 via fe80::7 dev e1",
-    "nexthop replace id 10 group 1/2",
-    "nexthop replace id 11 group 3",
-    "nexthop del id 1",
-    "nexthop replace id 10 group 2",
-    "route replace 10.6.0.0/24 nhid 1",
-    "route replace 10.6.0.0/24 nhid 10",
-    "route replace 10.6.0.0/24 via 10.0.1.2",
-    "route replace 2001:db8:6::/64 nhid 3",
-    "route replace 2001:db8:6::/64 nhid 11",
-    "neigh replace 10.0.1.50 lladdr 02:00:00:00:00:01 dev e1 nud permanent",
-    "neigh replace 10.0.1.50 lladdr 02:00:00:00:00:02 dev e1 nud stale",
-    "link set e2 master br0",
-    "link set e2 nomaster",
-    "link set e1 name swp1",
-    "link set swp1 name e1",
-    "link del e3",
-    "link add e3 type veth peer name h3",
-    "link set e3 up master br0",
-    "link set h3 up",
-};
 
 TEST(MirrorNetns, FollowsRandomCommands) {
   SKIP_WITHOUT_NAMESPACES();
   const Namespace space;
   addPorts(space);
   Kept kept;
+  std::istringstream in(contents(SOURCE_DIR "/tests/netns/mirror-commands.ip"));
+  std::vector<std::string> all;
+  for (std::string line; std::getline(in, line);) {
+    if (!line.starts_with("#")) all.push_back(line + '\n');
+  }
+  ASSERT_GT(all.size(), 50U);
   std::mt19937 random(static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()));
   std::string done;
   for (int round = 0; round < 40 && !HasFailure(); ++round) {
     std::string commands;
-    for (size_t i = 0; i < 8; ++i)
-      commands.append(kCommands[random() % std::size(kCommands)]).append("\n");
+    for (size_t i = 0; i < 8; ++i) commands += all[random() % all.size()];
     space.ipAnyway(commands);
     done += commands + "-\n";
     EXPECT_TRUE(kept.equalsFresh()) << "after:\n" << done;

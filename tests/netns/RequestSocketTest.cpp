@@ -6,12 +6,11 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
-#include <memory>
 #include <optional>
 #include <string>
 
 #include "linux/Netlink.h"
+#include "tests/Files.h"
 #include "tests/netns/Namespace.h"
 
 namespace Linux {
@@ -28,20 +27,8 @@ RouteKey key6(uint32_t host) {
   return {kTable, Zemit::Ip6Prefix::host(Zemit::Ip6Addr(0x20010DB800000000, host))};
 }
 
-using Pipe = std::unique_ptr<FILE, int (*)(FILE*)>;
-
-std::string readAll(FILE* file) {
-  std::string text;
-  std::array<char, 4096> part;
-  while (const size_t got = std::fread(part.data(), 1, part.size(), file)) {
-    text.append(part.data(), got);
-  }
-  return text;
-}
-
 std::string run(const std::string& command) {
-  const Pipe pipe(::popen((command + " 2>&1").c_str(), "r"), ::pclose);
-  return readAll(pipe.get());
+  return runShell(command + " 2>&1").text;
 }
 
 class RequestSocketTest : public testing::Test {

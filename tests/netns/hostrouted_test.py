@@ -43,6 +43,29 @@ class RouterLab(lab.Lab):
     def forget(self, addr, port):
         self.router.ip(f'neigh del {addr} dev {port}')
 
+    def learn(self):
+        """Makes a host known on p1, in both families, and one on p2."""
+        self.neighbor('10.0.1.11', 'p1')
+        self.neighbor('10.0.2.11', 'p2')
+        self.neighbor('2001:db8:1::11', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1', '10.0.2.11': 'p2'})
+        self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
+
+    def learn_one(self):
+        self.neighbor('10.0.1.11', 'p1')
+        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+
+    def changes(self, verb, addresses):
+        """Lines for Namespace.batch() that add or delete permanent neighbours on p1."""
+        suffix = ' lladdr 02:00:00:00:00:11 nud permanent' if verb == 'replace' else ''
+        return [f'neigh {verb} {address} dev p1{suffix}' for address in addresses]
+
+    def bridge(self):
+        """Makes p1 a port of the bridge pbr, which gets its address."""
+        for command in ('link add pbr type bridge', 'link set pbr up', 'addr flush dev p1',
+                        'link set p1 master pbr', 'addr add 10.0.1.1/24 dev pbr'):
+            self.router.ip(command)
+
 
 class HostsTest(RouterLab):
     def test_resolved_hosts_get_routes_of_both_families_and_failed_ones_lose_them(self):
@@ -75,8 +98,7 @@ class HostsTest(RouterLab):
     def test_interfaces_that_are_not_selected_are_left_alone(self):
         self.daemon(self.router, '[neighbors]\ninterfaces = ["p*", "!p2"]\n')
         self.neighbor('10.0.2.11', 'p2')
-        self.neighbor('10.0.1.11', 'p1')
-        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        self.learn_one()
 
     def test_a_host_moves_between_ports_that_a_cover_joins(self):
         self.router.ip('addr flush dev p1')
@@ -109,13 +131,6 @@ class InterfacesTest(RouterLab):
     def setUp(self):
         super().setUp()
         self.hostrouted = self.daemon(self.router, PORTS)
-
-    def learn(self):
-        self.neighbor('10.0.1.11', 'p1')
-        self.neighbor('10.0.2.11', 'p2')
-        self.neighbor('2001:db8:1::11', 'p1')
-        self.assertRoutes(self.router, {'10.0.1.11': 'p1', '10.0.2.11': 'p2'})
-        self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
 
     def assert_only_p2(self):
         self.assertRoutes(self.router, {'10.0.2.11': 'p2'})
@@ -219,20 +234,12 @@ class InterfacesTest(RouterLab):
 
     def test_a_port_that_joins_a_bridge_loses_its_hosts_to_the_bridge(self):
         self.learn()
-        self.router.ip('link add pbr type bridge')
-        self.router.ip('link set pbr up')
-        self.router.ip('addr flush dev p1')
-        self.router.ip('link set p1 master pbr')
-        self.router.ip('addr add 10.0.1.1/24 dev pbr')
+        self.bridge()
         self.neighbor('10.0.1.11', 'pbr')
         self.assertRoutes(self.router, {'10.0.1.11': 'pbr', '10.0.2.11': 'p2'})
 
     def test_hosts_on_a_port_without_carrier_are_probed_at_once(self):
-        self.router.ip('link add pbr type bridge')
-        self.router.ip('link set pbr up')
-        self.router.ip('addr flush dev p1')
-        self.router.ip('link set p1 master pbr')
-        self.router.ip('addr add 10.0.1.1/24 dev pbr')
+        self.bridge()
         self.ping(self.hosts[0], '10.0.1.1')
         self.assertEventually(lambda: '10.0.1.11' in self.router.host_routes(), 'the host is there')
         self.hosts[0].ip('link set eth0 down')
@@ -262,8 +269,7 @@ class ProcessTest(RouterLab):
 
     def test_routes_that_somebody_else_flushes_come_back_at_a_limited_rate(self):
         daemon = self.daemon(self.router, PORTS + '[repair]\ninterval = 0.5\n')
-        self.neighbor('10.0.1.11', 'p1')
-        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        self.learn_one()
         for _ in range(3):
             self.router.ip('route flush table 10')
             self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
@@ -357,8 +363,7 @@ class ProcessTest(RouterLab):
                 with self.subTest(announces=announces, restarts=restarts):
                     repair = f'[repair]\nannounce-silent-loss = {announces}\n'
                     daemon = self.daemon(self.router, PORTS + repair)
-                    self.neighbor('10.0.1.11', 'p1')
-                    self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+                    self.learn_one()
                     daemon.set_config(PORTS + repair + '[export]\ntable = 20\n')
                     if restarts:
                         daemon.end(signal.SIGKILL)
@@ -395,8 +400,7 @@ class ProcessTest(RouterLab):
             self.assertEventually(lambda: self.router.host_routes() or problems(),
                                   'it comes or is damped')
             return problems() == damped
-        self.neighbor('10.0.1.11', 'p1')
-        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        self.learn_one()
         self.assertEventually(flaps, 'it is damped')
         routes = self.router.host_routes()
         if problems() == damped:  # on a slow machine the quiet is over
@@ -410,12 +414,11 @@ class ProcessTest(RouterLab):
         count = 100000
         addresses = [f'10.{64 + i // 65536}.{i // 256 % 256}.{i % 256}'
                      for i in range(256, 256 + count)]
-        mac = '02:00:00:00:00:11'
-        add = [f'neigh replace {a} dev p1 lladdr {mac} nud permanent' for a in addresses]
+        add = self.changes('replace', addresses)
         daemon.send(signal.SIGSTOP)  # the daemon cannot read the burst
         self.router.batch(add)
         daemon.send(signal.SIGCONT)
-        self.router.batch([f'neigh del {a} dev p1' for a in addresses[::3]])
+        self.router.batch(self.changes('del', addresses[::3]))
         self.router.batch(add[::6])
         kept = set(addresses) - set(addresses[::3]) | set(addresses[::6])
         found = lambda: set(self.router.host_routes())
@@ -430,14 +433,13 @@ class ProcessTest(RouterLab):
         if lab.is_sanitized():
             self.skipTest('the sanitizers need descriptors themselves')
         daemon = self.daemon(self.router, PORTS + '[daemon]\nreceive-buffer = 1\n')
-        self.neighbor('10.0.1.11', 'p1')
-        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        self.learn_one()
         self.router.ip('addr add 10.64.0.1/10 dev p1')
         limit = resource.prlimit(daemon.process.pid, resource.RLIMIT_NOFILE)
         daemon.send(signal.SIGSTOP)
         resource.prlimit(daemon.process.pid, resource.RLIMIT_NOFILE, (3, limit[1]))
-        self.router.batch([f'neigh replace 10.64.{n // 250}.{n % 250 + 2} dev p1'
-                           ' lladdr 02:00:00:00:00:11 nud permanent' for n in range(20000)])
+        self.router.batch(self.changes(
+            'replace', [f'10.64.{n // 250}.{n % 250 + 2}' for n in range(20000)]))
         daemon.send(signal.SIGCONT)
         failure = "cannot read the kernel's state: opening of a netlink socket: Too many open files"
         self.assertEventually(lambda: failure in daemon.log_text(), 'the failure is reported')
@@ -449,8 +451,7 @@ class ProcessTest(RouterLab):
         daemon = self.daemon(self.router, PORTS)
         self.router.ip('addr add 10.64.0.1/10 dev p1')
         addresses = [f'10.64.{i // 256}.{i % 256}' for i in range(256, 256 + 5000)]
-        add = [f'neigh replace {addr} dev p1 lladdr 02:00:00:00:00:11 nud permanent'
-               for addr in addresses]
+        add = self.changes('replace', addresses)
         self.router.batch(add)
         self.assertRoutes(self.router, {addr: 'p1' for addr in addresses})
         daemon.end(signal.SIGKILL)
@@ -462,8 +463,7 @@ class ProcessTest(RouterLab):
         daemon.start(wait=False)
         self.assertEventually(lambda: os.path.exists(lock), 'it receives notifications')
         with lab.Monitor(self.router) as monitor:
-            self.router.batch([f'neigh del {addr} dev p1' for addr in addresses])
-            self.router.batch(add)
+            self.router.batch(self.changes('del', addresses) + add)
             with subprocess.Popen(['cat', pipe], stdout=subprocess.DEVNULL) as reader:
                 try:
                     daemon.wait_until_ready()
@@ -484,10 +484,6 @@ class BurstTest(RouterLab):
         self.router.ip('addr add 10.64.0.1/10 dev p1')
         self.addresses = [f'10.64.{i // 256}.{i % 256}' for i in range(256, 256 + self.COUNT)]
         self.all = {address: 'p1' for address in self.addresses}
-
-    def changes(self, verb, addresses):
-        suffix = ' lladdr 02:00:00:00:00:11 nud permanent' if verb == 'replace' else ''
-        return [f'neigh {verb} {address} dev p1{suffix}' for address in addresses]
 
     def await_some(self, table=10):
         """Until the burst is in the middle."""
@@ -636,8 +632,8 @@ class SharedTablesTest(RouterLab):
         self.addCleanup(daemon.close)
         self.router.ip('addr add 10.8.0.1/16 dev p1')
         daemon.start()
-        self.router.batch([f'neigh replace 10.8.{n // 250 + 1}.{n % 250 + 1} dev p1'
-                           ' lladdr 02:00:00:00:00:11 nud permanent' for n in range(count)])
+        self.router.batch(self.changes(
+            'replace', [f'10.8.{n // 250 + 1}.{n % 250 + 1}' for n in range(count)]))
         self.assertEventually(lambda: not daemon.fresh_status()['complete'], 'the tables are full')
         refused = [row for row in daemon.status()['tables'] if row['refusals'] > 0]
         self.assertTrue(refused)
@@ -726,8 +722,7 @@ class ControlTest(RouterLab):
         super().setUp()
         self.hostrouted = self.daemon(self.router, PORTS)
         self.path = os.path.join(self.hostrouted.directory, 'run', 'control.sock')
-        self.neighbor('10.0.1.11', 'p1')
-        self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
+        self.learn_one()
 
     def connect_socket(self):
         client = socket.socket(socket.AF_UNIX)
@@ -753,8 +748,7 @@ class ControlTest(RouterLab):
         self.assertEqual(ask('log-level'), 'debug\n')
         ask('resync')
         self.assertEqual(json.loads(ask('status', '--json'))['counters']['resynchronisations'], 1)
-        with open(self.hostrouted.config_file, 'a', encoding='utf-8') as config:
-            config.write('[export]\ntabel = 3\n')
+        self.hostrouted.append_config('[export]\ntabel = 3\n')
         refused = subprocess.run([lab.REPLAY, 'reload', '--socket', self.path],
                                  capture_output=True, text=True, check=False)
         self.assertEqual(refused.returncode, 1)
@@ -804,14 +798,12 @@ class ControlTest(RouterLab):
         self.assertIn('may not ask', refused.stderr)
         self.hostrouted.end()
         group = grp.getgrgid(nobody.pw_gid).gr_name
-        with open(self.hostrouted.config_file, 'a', encoding='utf-8') as config:
-            config.write(f'[control]\ngroup = "{group}"\n')
+        self.hostrouted.append_config(f'[control]\ngroup = "{group}"\n')
         self.hostrouted.start()
         self.assertEventually(lambda: ask('status').returncode == 0, 'the group may ask')
         self.assertIn('only root', ask('resync').stderr)
         self.hostrouted.end()
-        with open(self.hostrouted.config_file, 'a', encoding='utf-8') as config:
-            config.write(f'admin-group = "{group}"\n')
+        self.hostrouted.append_config(f'admin-group = "{group}"\n')
         self.hostrouted.start()
         self.assertEventually(lambda: ask('resync').returncode == 0, 'the group may change it')
 

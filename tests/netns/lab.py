@@ -165,7 +165,10 @@ class Daemon:
         self.set_config(config)
 
     def set_config(self, text):
-        with open(self.config_file, 'w', encoding='utf-8') as file:
+        self.append_config(text, 'w')
+
+    def append_config(self, text, mode='a'):
+        with open(self.config_file, mode, encoding='utf-8') as file:
             file.write(text)
 
     def start(self, wait=True):

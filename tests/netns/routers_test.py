@@ -124,6 +124,11 @@ class RoutersTest(lab.Lab):
         self.ping(host, '10.0.1.1')
         self.ping(host, '2001:db8:1::1')
 
+    def arrive_at_both(self):
+        self.arrive(1)
+        self.arrive(2)
+        self.assertSeen([1, 2])
+
     def leave(self, leaf):
         """Removes the host's addresses and its neighbour entries on the leaf."""
         self.hosts[leaf - 1].ip('addr flush dev eth0')
@@ -142,9 +147,7 @@ class RoutersTest(lab.Lab):
         self.assertSeen([1])
 
     def test_a_restart_of_hostrouted_changes_nothing_at_the_spine(self):
-        self.arrive(1)
-        self.arrive(2)
-        self.assertSeen([1, 2])
+        self.arrive_at_both()
         before = [self.seen(addr) for addr in (HOST4, HOST6)]
         for daemon in self.hostrouted:
             daemon.end(signal.SIGKILL)
@@ -155,9 +158,7 @@ class RoutersTest(lab.Lab):
         self.assertEqual([self.seen(addr) for addr in (HOST4, HOST6)], before)
 
     def test_hosts_come_back_after_a_restart_of_the_routing_daemon(self):
-        self.arrive(1)
-        self.arrive(2)
-        self.assertSeen([1, 2])
+        self.arrive_at_both()
         for routing in self.routing:
             routing.stop()
         self.assertSeen([])
@@ -168,9 +169,7 @@ class RoutersTest(lab.Lab):
     def test_routes_that_the_kernel_drops_without_notification_are_withdrawn(self):
         for was_dead in (False, True):
             with self.subTest(was_dead=was_dead):
-                self.arrive(1)
-                self.arrive(2)
-                self.assertSeen([1, 2])
+                self.arrive_at_both()
                 for leaf, daemon in zip(self.leaf_ns, self.hostrouted):
                     if was_dead:
                         daemon.end(signal.SIGKILL)

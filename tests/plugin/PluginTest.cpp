@@ -1,4 +1,4 @@
-// A daemon that links the shared libraries: what crosses the border between it and the plug-in.
+// A daemon that links the shared libraries: calls, types and exceptions between it and the plug-in.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,7 +17,7 @@ class PluginTest : public testing::Test {};
 TYPED_TEST_SUITE(PluginTest, Families);
 
 // The daemon must be able to tell a refusal from any other failure.
-TYPED_TEST(PluginTest, ARefusalIsCaughtAsWhatItIs) {
+TYPED_TEST(PluginTest, ARefusalIsCaughtByItsOwnType) {
   World<TypeParam> world;
   try {
     world.root->adjacencyToPrefixIs(nullptr);
@@ -37,7 +37,7 @@ TYPED_TEST(PluginTest, AnEntityHasOneTypeOnBothSides) {
   EXPECT_EQ(world.machine().parentAttr(), "routeSm");
 }
 
-// What the plug-in changes must reach the daemon's tables and those who watch.
+// The plug-in's changes must reach the daemon's tables and its notifiees.
 TYPED_TEST(PluginTest, TheMachineReadsTheDaemonsInputsAndTellsItsReactors) {
   using Prefix = typename TypeParam::Prefix;
   class Watcher final : public TypeParam::RouteSmRoot::NotifieeConst {
@@ -57,7 +57,7 @@ TYPED_TEST(PluginTest, TheMachineReadsTheDaemonsInputsAndTellsItsReactors) {
   EXPECT_FALSE(world.hasRoute(world.routeStatus, 5));
 }
 
-// The chief headers declare them for the daemon.
+// The main headers declare them for the daemon.
 TYPED_TEST(PluginTest, TheFreeFunctionsCanBeCalled) {
   using F = TypeParam;
   using S = Sample<F>;

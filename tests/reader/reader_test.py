@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Readers of a daemon's routes outside of the tree: the Python module, and the example in C++.
 
-Takes the programs and the library from the environment: WRITER, READER_EXAMPLE and
+Takes the programs and the library from the environment: HOSTROUTE, READER_EXAMPLE and
 HOSTROUTE_PLATFORM.
 """
+import json
 import os
 import pathlib
 import subprocess
@@ -18,13 +19,15 @@ PATIENCE = 30
 
 
 class Writer:
-    """A process that keeps routes in shared memory; see writer.cpp."""
+    """A replay of events, which keeps the routes of the VRF a/b in shared memory."""
 
     def __init__(self, name):
-        self.process = subprocess.Popen([os.environ["WRITER"], name, "a/b"], stdin=subprocess.PIPE, text=True)
+        self.process = subprocess.Popen(
+            [os.environ["HOSTROUTE"], "replay", "--no-final-dump", "--shared", name, "-"], stdin=subprocess.PIPE, text=True
+        )
 
-    def feed(self, *lines):
-        self.process.stdin.writelines(line + "\n" for line in lines)
+    def feed(self, *events):
+        self.process.stdin.writelines(json.dumps(event) + "\n" for event in events)
         self.process.stdin.flush()
 
     def end(self):
@@ -38,11 +41,17 @@ class Writer:
         self.process.stdin.close()
 
 
+def route(prefix, **members):
+    return {"op": "route", "vrf": "a/b", "prefix": prefix, **members}
+
+
 def scene(intf):
     """A subnet on an interface and a host in it, in both families."""
-    yield "initialized"
+    yield {"op": "initialized", "vrf": "a/b", "value": True}
+    for family in (4, 6):
+        yield {"op": "fec", "id": 1, "family": family, "vias": [{"intf": intf}]}
     for prefix in ("10.0.0.0/24", "2001:db8::/64", "10.0.0.5/32", "2001:db8::5/128"):
-        yield f"set {prefix} {intf} 7"
+        yield route(prefix, type="attached_", fec=1, metric=7)
 
 
 class ReaderTest(unittest.TestCase):
@@ -115,7 +124,7 @@ class ReaderTest(unittest.TestCase):
     def test_python_names_damage_and_reads_the_rest(self):
         self.writer.feed(*scene("Ethernet1"))
         metric = 3735928559
-        self.writer.feed(f"set 10.9.0.0/16 Ethernet9 {metric}")
+        self.writer.feed(route("10.9.0.0/16", fec=1, metric=metric))
         with self.open() as reader:
             self.until(reader, lambda: reader.find("10.9.0.0/16") and reader.find("10.0.0.5/32"))
             path = pathlib.Path(f"/dev/shm/hostroute-{self.name}.a%2Fb.route4")
@@ -146,7 +155,7 @@ class ReaderTest(unittest.TestCase):
             lines = iter(example.stdout.readline, "")
             self.assertEqual(next(lines), "+ 10.0.0.0/24 Ethernet1\n")
             self.assertEqual(next(lines), "+ 10.0.0.5/32 Ethernet1\n")
-            self.writer.feed("remove 10.0.0.5/32")
+            self.writer.feed(route("10.0.0.5/32", present=False))
             self.assertEqual(next(lines), "- 10.0.0.5/32\n")
             self.writer.end()
             self.writer = Writer(self.name)

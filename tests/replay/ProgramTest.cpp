@@ -12,7 +12,6 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -25,31 +24,18 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/zemit/Prefix.h"
+#include "tests/Files.h"
 #include "tests/tovan/Damage.h"
 
 namespace {
 
-/// The output of a run of the program, including errors, and its exit status.
-struct Result {
-  int status;
-  std::string text;
-};
-
-/// Runs `command` in a shell.
-Result runShell(const std::string& command) {
-  Result result{-1, {}};
-  std::FILE* pipe = ::popen(("(" + command + ") 2>&1").c_str(), "r");
-  if (pipe == nullptr) return result;
-  for (int c = std::getc(pipe); c != EOF; c = std::getc(pipe)) {
-    result.text += static_cast<char>(c);
-  }
-  const int status = ::pclose(pipe);
-  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  return result;
+/// Runs `command` in a shell. The output includes errors.
+CommandResult runAll(const std::string& command) {
+  return runShell("(" + command + ") 2>&1");
 }
 
-Result run(const std::string& arguments) {
-  return runShell(std::string(HOSTROUTE_PROGRAM " ") + arguments);
+CommandResult run(const std::string& arguments) {
+  return runAll(std::string(HOSTROUTE_PROGRAM " ") + arguments);
 }
 
 /// A replay that shares its tables and reads its events from the test.
@@ -98,7 +84,7 @@ class ProgramTest : public testing::Test {
   /// Runs `routes` until its output contains `wanted` and it ends with `status`: 0 when it finds
   /// nothing wrong with the tables. It reads first whether they are initialized, and then the
   /// routes.
-  Result routesOnce(const std::string& wanted, int status = 0) {
+  CommandResult routesOnce(const std::string& wanted, int status = 0) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(2);
     for (;;) {
       auto result = run("routes --json --table " + name);
@@ -111,7 +97,7 @@ class ProgramTest : public testing::Test {
     }
   }
 
-  ~ProgramTest() override { runShell("rm -f " + scene + "*"); }
+  ~ProgramTest() override { runAll("rm -f " + scene + "*"); }
 
   const std::string name = "hostroute-test-" + std::to_string(::getpid());
   const std::string scene = testing::TempDir() + name;  // a file for input
@@ -181,8 +167,8 @@ TEST_F(ProgramTest, TracesFromTheStart) {
 TEST_F(ProgramTest, ExplainsARecordingAndTellsItsHistory) {
   const auto ask = [](const std::string& question) {
     const auto result =
-        runShell("printf '%s' '" + std::string(kScene) + "' | " HOSTROUTE_PROGRAM " " + question +
-                 " --vrf 'a/b%' --json --replay -");
+        runAll("printf '%s' '" + std::string(kScene) + "' | " HOSTROUTE_PROGRAM " " + question +
+               " --vrf 'a/b%' --json --replay -");
     return std::pair(result.status, nlohmann::json::parse(result.text, nullptr, false));
   };
   const auto [status, answer] = ask("explain 10.0.0.5");
@@ -205,9 +191,9 @@ TEST_F(ProgramTest, ExplainsARecordingAndTellsItsHistory) {
   // The time of the recording is shown if it has one.
   EXPECT_FALSE(change.contains("time"));
   const auto timed =
-      runShell("(echo '{\"op\":\"time\",\"at\":\"2026-05-04T10:00:00.5Z\"}'; printf '%s' '" +
-               std::string(kScene) +
-               "') | TZ=UTC " HOSTROUTE_PROGRAM " history 10.0.0.0/24 --vrf 'a/b%' --replay -");
+      runAll("(echo '{\"op\":\"time\",\"at\":\"2026-05-04T10:00:00.5Z\"}'; printf '%s' '" +
+             std::string(kScene) +
+             "') | TZ=UTC " HOSTROUTE_PROGRAM " history 10.0.0.0/24 --vrf 'a/b%' --replay -");
   EXPECT_NE(timed.text.find("6     2026-05-04 10:00:00.500  10.0.0.5/32"), std::string::npos)
       << timed.text;
 }
@@ -226,7 +212,7 @@ TEST_F(ProgramTest, ReportsErrors) {
   };
   for (const auto& [arguments, text] : errors) {
     const auto command = std::string(HOSTROUTE_PROGRAM " ") + arguments;
-    EXPECT_EQ(runShell(command).text, text) << arguments;
+    EXPECT_EQ(runAll(command).text, text) << arguments;
   }
 }
 
@@ -280,7 +266,7 @@ TEST_F(ProgramTest, TheTablesOfAKilledWriterStayUntilTheNextOne) {
 
 // The program is stopped when it first asks the kernel for a writer. At that moment it has opened
 // the tables, but has not read them.
-TEST_F(ProgramTest, TablesAreCalledRemovedThatGoWhileTheyAreRead) {
+TEST_F(ProgramTest, TablesThatAreRemovedWhileTheyAreReadAreReported) {
   constexpr int kNotTraced = 126;
   Writer writer(name);
   writer.feed(kScene);
@@ -333,11 +319,10 @@ TEST_F(ProgramTest, ADamagedRouteIsReportedAndTheOthersAreShown) {
       "{\"op\":\"route\",\"prefix\":\"10.3.0.0/16\",\"metric\":3735928559}\n"
       "{\"op\":\"route\",\"prefix\":\"10.4.0.0/16\"}\n");
   routesOnce("10.4.0.0/16");
-  std::fstream table("/dev/shm/hostroute-" + name + ".default.route4",
-                     std::ios::in | std::ios::out | std::ios::binary);
-  const std::string bytes((std::istreambuf_iterator<char>(table)), {});
-  const auto at = bytes.find("\xEF\xBE\xAD\xDE");
-  ASSERT_NE(at, bytes.npos);
+  const auto file = "/dev/shm/hostroute-" + name + ".default.route4";
+  std::fstream table(file, std::ios::in | std::ios::out | std::ios::binary);
+  const auto at = contents(file).find("\xEF\xBE\xAD\xDE");
+  ASSERT_NE(at, std::string::npos);
   table.seekp(static_cast<std::streamoff>(at)).put('\0').flush();
 
   const auto read = run("routes --table " + name);
@@ -368,7 +353,7 @@ TEST_F(ProgramTest, ASignalDuringLoadingLeavesNoTables) {
     writer.feed(events);
     ::usleep(1000U * static_cast<unsigned>(round));
     writer.end(SIGTERM);
-    EXPECT_EQ(runShell("ls /dev/shm/hostroute-" + name + ".*").status, 2);
+    EXPECT_EQ(runAll("ls /dev/shm/hostroute-" + name + ".*").status, 2);
   }
 }
 
@@ -395,7 +380,7 @@ TEST_F(ProgramTest, HeldTablesAreRepairedAndTheDamageIsReported) {
     routesOnce(whole.text);
     EXPECT_EQ(WEXITSTATUS(writer.end(SIGTERM)), 1);
   }
-  // What is lost before the input has ended cannot be set again.
+  // An entry that is lost before the input has ended cannot be set again.
   Writer writer(name, true);
   writer.feed(events);
   routesOnce("Et9");
@@ -403,16 +388,16 @@ TEST_F(ProgramTest, HeldTablesAreRepairedAndTheDamageIsReported) {
   writer.endInput();
   routesOnce("VRF a/b% IPv4 is incomplete", 3);
   EXPECT_EQ(WEXITSTATUS(writer.end(SIGTERM)), 1);
-  EXPECT_EQ(runShell("ls /dev/shm/hostroute-" + name + ".*").status, 2);
+  EXPECT_EQ(runAll("ls /dev/shm/hostroute-" + name + ".*").status, 2);
 }
 
 // The first failure is a closed output pipe.
 TEST_F(ProgramTest, AFailedProcessLeavesNoTables) {
   const std::string replay = HOSTROUTE_PROGRAM " replay --shared " + name;
-  runShell("(for i in 1 2 3 4 5 6 7 8; do echo '{\"op\":\"dump\"}'; sleep 0.05; done) | " + replay +
-           " - | true");
+  runAll("(for i in 1 2 3 4 5 6 7 8; do echo '{\"op\":\"dump\"}'; sleep 0.05; done) | " + replay +
+         " - | true");
   const std::string left = "ls /dev/shm/hostroute-" + name + ".*";
-  EXPECT_EQ(runShell(left).status, 2);
+  EXPECT_EQ(runAll(left).status, 2);
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizers need descriptors themselves";
 #endif
@@ -421,22 +406,21 @@ TEST_F(ProgramTest, AFailedProcessLeavesNoTables) {
   std::set<std::string> refusals;
   int status = -1;
   for (int limit = 3; status != 0 && limit < 1000; ++limit) {
-    const auto tried =
-        runShell("ulimit -n " + std::to_string(limit) + "; " + replay + " /dev/null");
+    const auto tried = runAll("ulimit -n " + std::to_string(limit) + "; " + replay + " /dev/null");
     status = tried.status;
     const auto table = tried.text.find("Tovan table \"" + name + ".");
     if (status == 1 && table != std::string::npos) {
       refusals.insert(tried.text.substr(table));
       EXPECT_NE(tried.text.find("Too many open files"), std::string::npos) << tried.text;
     }
-    EXPECT_EQ(runShell(left).status, 2) << "limit " << limit << ": " << tried.text;
+    EXPECT_EQ(runAll(left).status, 2) << "limit " << limit << ": " << tried.text;
   }
   EXPECT_EQ(status, 0);
   EXPECT_GE(refusals.size(), 7U);
 }
 
 TEST_F(ProgramTest, ReportsEachFullTableOnce) {
-  if (runShell("unshare -m true").status != 0) {
+  if (runAll("unshare -m true").status != 0) {
     GTEST_SKIP() << "only root may give itself a small /dev/shm";
   }
   {
@@ -450,9 +434,9 @@ TEST_F(ProgramTest, ReportsEachFullTableOnce) {
     }
   }
   const auto full =
-      runShell("unshare -m sh -c 'mount -t tmpfs -o size=600k none /dev/shm && " HOSTROUTE_PROGRAM
-               " replay --no-final-dump --shared " +
-               name + " " + scene + "'");
+      runAll("unshare -m sh -c 'mount -t tmpfs -o size=600k none /dev/shm && " HOSTROUTE_PROGRAM
+             " replay --no-final-dump --shared " +
+             name + " " + scene + "'");
   EXPECT_EQ(full.status, 1);
   std::map<std::string, int> told;
   std::istringstream lines(full.text);
@@ -466,11 +450,11 @@ TEST_F(ProgramTest, ReportsEachFullTableOnce) {
 
 // Runs with an empty /dev/shm of its own. The command line overrides HOSTROUTE_SOCKET.
 TEST_F(ProgramTest, WithoutADaemonTheOnlySharedTablesAreShown) {
-  if (runShell("unshare -m true").status != 0) {
+  if (runAll("unshare -m true").status != 0) {
     GTEST_SKIP() << "only root may give itself a /dev/shm";
   }
   std::ofstream(scene) << kScene;
-  const auto shown = runShell("P=" HOSTROUTE_PROGRAM " SCENE=" + scene + " unshare -m sh -c '" + R"(
+  const auto shown = runAll("P=" HOSTROUTE_PROGRAM " SCENE=" + scene + " unshare -m sh -c '" + R"(
     export HOSTROUTE_SOCKET=/none
     mount -t tmpfs none /dev/shm
     $P routes; echo $?
@@ -521,14 +505,14 @@ TEST_F(ProgramTest, AFifoWithATablesNameDoesNotBlockReaders) {
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   for (const std::string& command :
        {"routes --table " + name, "replay /dev/null --shared " + name}) {
-    const auto result = runShell(std::string("timeout 60 " HOSTROUTE_PROGRAM " ") + command);
+    const auto result = runAll(std::string("timeout 60 " HOSTROUTE_PROGRAM " ") + command);
     EXPECT_EQ(result.status, 1) << command;
     EXPECT_NE(result.text.find("not a regular file"), std::string::npos) << result.text;
   }
   ::unlink(fifo.c_str());
 }
 
-TEST_F(ProgramTest, ShowsWhatAnAddressMatchesAndFilters) {
+TEST_F(ProgramTest, ShowsTheMatchesOfAnAddressAndFilters) {
   Writer writer(name);
   writer.feed(kScene);
   writer.feed(
@@ -552,7 +536,7 @@ TEST_F(ProgramTest, DumpsAreComparedWithOneAnotherAndWithTheTables) {
   const std::string program = HOSTROUTE_PROGRAM;
   ASSERT_EQ(run("replay --json " + scene + " > " + scene + ".whole").status, 0);
   const auto diff = [&](const std::string& with, const std::string& input) {
-    return runShell(input + program + " diff " + scene + ".whole " + with);
+    return runAll(input + program + " diff " + scene + ".whole " + with);
   };
   EXPECT_EQ(diff("-", program + " replay --json-lines " + scene + " | ").status, 0);
   const std::string moved =
@@ -578,7 +562,7 @@ TEST_F(ProgramTest, DumpsAreComparedWithOneAnotherAndWithTheTables) {
   EXPECT_EQ(diff("--table " + name + " --vrf default", "").status, 0);
 }
 
-// The traces contain nothing that differs between two runs, such as the address of an object.
+// Traces have no values that differ between two runs, such as the address of an object.
 TEST_F(ProgramTest, TwoRunsPrintTheSameTraces) {
   std::ofstream(scene) << kScene
                        << "{\"op\":\"addr\",\"intf\":\"Ethernet1\",\"addr\":\"::1/64\"}\n";

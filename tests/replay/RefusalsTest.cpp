@@ -7,66 +7,9 @@
 #include "daemon/Switch.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
+#include "tests/Files.h"
 
 namespace {
-
-struct Refusal {
-  const char* line;
-  const char* message;
-};
-
-const Refusal kRefusals[] = {
-    {R"([])", "not a JSON object"},
-    {R"({"vrf":"blue"})", R"(missing field "op")"},
-    {R"({"op":"jump"})", R"("op": "jump" is not an operation)"},
-    {R"({"op":7})", R"("op": 7 is not a string)"},
-    {R"({"op":"route"})", R"(missing field "prefix")"},
-    {R"({"op":"route","prefix":"10.0.0.0/8","vrfs":"x"})", R"(unknown field "vrfs")"},
-    {R"({"op":"route","prefix":"10.0.0.0/8","":"x"})", R"(unknown field "")"},
-    {R"({"op":"route","prefix":"10.0.0.1/24"})",
-     R"("prefix": "10.0.0.1/24" is not a prefix: it has host bits set)"},
-    {R"({"op":"route","prefix":"10.0.0.0/33"})", R"("prefix": "10.0.0.0/33" is not a prefix)"},
-    {R"({"op":"route","prefix":"10.0.0.0"})", R"("prefix": "10.0.0.0" is not a prefix)"},
-    {R"({"op":"route","prefix":"::/0","type":"ebgp_"})",
-     R"("type": "ebgp_" is not a type of a route of that family)"},
-    {R"({"op":"route","prefix":"::/0","type":"invalid_"})",
-     R"("type": "invalid_" is not a type of a route of that family)"},
-    {R"({"op":"route","prefix":"::/0","preference":256})",
-     R"("preference": 256 is not an integer from 0 to 255)"},
-    {R"({"op":"route","prefix":"::/0","metric":-1})",
-     R"("metric": -1 is not an integer from 0 to 4294967295)"},
-    {R"({"op":"route","prefix":"::/0","fec":1.0})",
-     R"("fec": 1.0 is not an integer from 0 to 4294967295)"},
-    {R"({"op":"route","prefix":"::/0","present":1})", R"("present": 1 is not true or false)"},
-    {R"({"op":"fec","id":0,"family":4,"vias":[]})",
-     R"("id": 0 is not an integer from 1 to 4294967295)"},
-    {R"({"op":"fec","id":4294967296,"family":4,"vias":[]})",
-     R"("id": 4294967296 is not an integer from 1 to 4294967295)"},
-    {R"({"op":"fec","id":1,"vias":[]})", R"(missing field "family")"},
-    {R"({"op":"fec","id":1,"family":5,"vias":[]})", R"("family": 5 is not 4 or 6)"},
-    {R"({"op":"fec","id":1,"family":4})", R"(missing field "vias")"},
-    {R"({"op":"fec","id":1,"family":4,"vias":{}})", R"("vias": {} is not a list)"},
-    {R"({"op":"fec","id":1,"family":4,"vias":[1]})", R"("vias": [1] is not a list of objects)"},
-    {R"({"op":"fec","id":1,"family":4,"vias":[{"intf":"e1","hop":"::1"}]})",
-     R"("hop": "::1" is not an address of the FEC's family)"},
-    {R"({"op":"fec","id":1,"family":4,"vias":[{"intf":"e1","weight":1}]})",
-     R"(unknown field "weight")"},
-    {R"({"op":"addr","intf":"","addr":"10.0.0.1/8"})", R"("intf": "" is not an interface name)"},
-    {R"({"op":"addr","intf":"e1","addr":"::1/64","secondary":false})",
-     R"("secondary" is for IPv4 addresses only)"},
-    {R"({"op":"addr","intf":"e1","addr":"10.0.0.1"})",
-     R"("addr": "10.0.0.1" is not an interface address with its length)"},
-    {R"({"op":"neighbor","intf":"e1","ip":"10.0.0.256"})",
-     R"("ip": "10.0.0.256" is not an address)"},
-    {R"({"op":"neighbor","intf":"e1","ip":"10.0.0.2","mac":"00:11"})",
-     R"("mac": "00:11" is not an Ethernet address)"},
-    {R"({"op":"virtualIp","addr":"::1/64"})", R"("addr": "::1/64" is not an IPv6 address)"},
-    {R"({"op":"virtualIp","addr":"10.0.0.1"})",
-     R"("addr": "10.0.0.1" is not an IPv4 address with its length)"},
-    {R"({"op":"vrf"})", R"(missing field "name")"},
-    {R"({"op":"initialized"})", R"(missing field "value")"},
-    {R"({"op":"dump","present":true})", R"(unknown field "present")"},
-};
 
 class RefusalsTest : public testing::Test {
  protected:
@@ -83,11 +26,16 @@ class RefusalsTest : public testing::Test {
 };
 
 TEST_F(RefusalsTest, ErrorsNameTheLineTheFieldAndTheValue) {
-  for (const auto& [line, message] : kRefusals) {
+  std::istringstream refusals(contents(REPLAY_CASES "/../refusals.txt"));
+  std::string line, message;
+  std::getline(refusals, line);  // the title
+  size_t count = 0;
+  for (; std::getline(refusals, line) && std::getline(refusals, message); ++count) {
     errors.str("");
-    EXPECT_EQ(run(std::string("\n# remark\r\n") + line), Replay::Player::Outcome::Refused) << line;
-    EXPECT_EQ(errors.str(), std::string("input:3: error: ") + message + "\n");
+    EXPECT_EQ(run("\n# remark\r\n" + line), Replay::Player::Outcome::Refused) << line;
+    EXPECT_EQ(errors.str(), "input:3: error: " + message + "\n");
   }
+  EXPECT_GT(count, 30U);
   errors.str("");
   const std::string name(L3::VrfName::kMaxBytes + 1, 'v');
   run(R"({"op":"vrf","name":")" + name + "\"}");

@@ -1,7 +1,6 @@
 // Recorded scenarios: the output of each cases/NAME.jsonl must be exactly cases/NAME.expected.
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -11,17 +10,10 @@
 #include "daemon/Switch.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
+#include "tests/Files.h"
 #include "tests/replay/Invariants.h"
 
 namespace {
-
-std::string contents(const std::filesystem::path& path) {
-  std::ifstream file(path);
-  EXPECT_TRUE(file) << path;
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
 
 std::vector<std::filesystem::path> cases() {
   std::vector<std::filesystem::path> paths;

@@ -69,17 +69,6 @@ TYPED_TEST(FibTypesTest, RouteTypesAreReadByTheirPrintedNames) {
   }
 }
 
-TYPED_TEST(FibTypesTest, ADefaultRouteIsTheEmptyRecord) {
-  using Route = typename TypeParam::R;
-  const Route route;
-  EXPECT_EQ(route.key, decltype(route.key)());
-  EXPECT_EQ(text(route.routeType), "invalid_");
-  EXPECT_EQ(route.fecId, Tovan::Fib::invalidFecId);
-  Route other = route;
-  other.metricPref.preference = 1;
-  EXPECT_NE(route, other);
-}
-
 TYPED_TEST(FibTypesTest, AFecMayHaveMoreViasThanCanBeRead) {
   typename TypeParam::F fec(5);
   for (uint32_t i = 0; i < 200; ++i) fec.newVia(this->via(i));
@@ -176,16 +165,6 @@ TEST(FibTypesTextTest, PrintsAsTracesShowIt) {
   EXPECT_EQ(
       text(Arp::Ip6NeighborEntryStatus{Ip6Addr(0, 5), *Zemit::EthAddr::parse("00:11:22:33:44:55")}),
       "::5 00:11:22:33:44:55");
-}
-
-TEST(VrfNameTest, RefusesMoreThanAHundredBytes) {
-  EXPECT_EQ(L3::VrfName(std::string(100, 'x').c_str()).value().size(), 100u);
-  try {
-    const L3::VrfName name(std::string(101, 'x').c_str());
-    ADD_FAILURE() << name;
-  } catch (const Kiv::RangeException& refusal) {
-    EXPECT_STREQ(refusal.what(), "VrfName::bytes > 100 not allowed");
-  }
 }
 
 TEST(FhrpTypesTest, PairsDifferInVrfAndAddress) {

@@ -1,4 +1,4 @@
-// Via sets, the tables that number them, and the helper that counts who uses them.
+// Via sets, the tables that number them, and the helper that counts their users.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -52,8 +52,9 @@ class AdjacencyTest : public testing::Test {
 using Families = testing::Types<Ipv4, Ipv6>;
 TYPED_TEST_SUITE(AdjacencyTest, Families);
 
-// Beside a map from sets to users; enough of them that the table takes several pieces of memory.
-TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndForgetsItWithItsLastUser) {
+// Compares with a map from sets to users. There are so many that the table takes several blocks of
+// memory.
+TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndRemovesItWithItsLastUser) {
   Rovel::AdjacencyTable<typename TestFixture::ViaSet> adjacencies;
   struct Model {
     uint32_t index = 0;

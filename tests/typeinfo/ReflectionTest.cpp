@@ -1,11 +1,11 @@
 // Tests of access by name: the registered types, each operation, and refused operations.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
+#include <memory>
 
 #include "daemon/Switch.h"
 #include "platform/kiv/reflection/EntityDirectory.h"
+#include "tests/Files.h"
 #include "tests/typeinfo/Refusal.h"
 #include "typeinfo/HostRoute6Sm.h"
 #include "typeinfo/HostRouteSm.h"
@@ -47,8 +47,7 @@ TEST(TypesTest, AreRegisteredInOrderWithTheirRows) {
     }
     for (const auto& attribute : type->attributes()) os << shown(attribute) << '\n';
   }
-  std::ifstream file(std::filesystem::path(SOURCE_DIR) / "tests/typeinfo/types.txt");
-  EXPECT_EQ(os.str(), std::string(std::istreambuf_iterator<char>(file), {}));
+  EXPECT_EQ(os.str(), contents(SOURCE_DIR "/tests/typeinfo/types.txt"));
   EXPECT_EQ(Kiv::TypeRegistry::find("Routing6::Host::RouteSm"),
             &Routing6::Host::RouteSm::_fwkType());
 }

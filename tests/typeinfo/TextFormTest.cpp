@@ -79,6 +79,7 @@ TEST(TextFormTest, RefusesInvalidValuesAndTrailingText) {
             "refused: no Tovan::Fib::Route at column 1");
   EXPECT_EQ(again<Kiv::String>("\"a"), "refused: no Kiv::String at column 1");
   EXPECT_EQ(again<uint64_t>("0x"), "refused: no Tovan::Fib::FecId at column 1");
+  EXPECT_EQ(again<L3::VrfName>(std::string(100, 'x')), std::string(100, 'x'));
   EXPECT_EQ(again<L3::VrfName>(std::string(101, 'x')), "refused: VrfName::bytes > 100 not allowed");
   EXPECT_THROW(Kiv::typeOf<Obu::AddrSet>().strepToValue("{10.0.0.5 10.0.0.6}"), Kiv::Exception);
   EXPECT_THROW(Kiv::typeOf<Ip::Status>().strepToValue("/nowhere"), Kiv::Exception);

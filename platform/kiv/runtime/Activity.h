@@ -24,7 +24,7 @@ class PendingNotification {
       : reactor_(reactor), attribute_(attribute) {}
   virtual ~PendingNotification() = default;
 
-  /// The reactor. Takes its notifications back when it goes.
+  /// The reactor. It takes its notifications back when it is destroyed.
   Notifiee& reactor() const noexcept { return reactor_; }
   AttributeId attribute() const noexcept { return attribute_; }
 
@@ -58,7 +58,7 @@ class ActivityConfig : public Object {
 
   /// True when notifications wait for the activity to run.
   bool queues() const noexcept { return queues_; }
-  /// Delivers `notification`: an activity that queues when it runs, another now.
+  /// Delivers `notification`: at once, or when the activity runs if it queues.
   virtual void enqueue(std::unique_ptr<PendingNotification> notification);
   /// Returns the notifications that wait for `reactor`, in the order of arrival.
   virtual std::vector<std::unique_ptr<PendingNotification>> withdraw(Notifiee& reactor);
@@ -80,8 +80,8 @@ class ActivityConfig : public Object {
 
 /// An activity that keeps notifications until it is run.
 ///
-/// The same reactor, attribute and key wait once, however often they are announced, in the place
-/// of their first announcement.
+/// A notification of the same reactor, attribute and key waits once, at the place of its first
+/// announcement.
 class QueueingActivity final : public ActivityConfig {
  public:
   using Ptr = Kiv::Ptr<QueueingActivity>;

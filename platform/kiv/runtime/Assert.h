@@ -19,8 +19,7 @@ namespace Kiv {
 /// unless `expression` holds.
 #define KIV_ASSERT(module, expression) KIV_ASSERT_AS(module, expression, #expression)
 
-/// KIV_ASSERT for an expression whose text is relied on, however the code spells it: `text` is
-/// shown.
+/// KIV_ASSERT that shows `text`, which does not depend on the spelling of the expression.
 #define KIV_ASSERT_AS(module, expression, text)                            \
   do {                                                                     \
     if (!(expression)) [[unlikely]]                                        \

@@ -10,7 +10,7 @@ namespace Kiv {
 /// Unique within its type and stable; a type's own attributes count from kFirstAttributeId.
 using AttributeId = uint32_t;
 
-/// Ids below this one belong to the attributes every entity has.
+/// Ids below this one belong to the attributes that every entity has.
 inline constexpr AttributeId kFirstAttributeId = 257;
 
 /// An attribute's id and name.

@@ -47,7 +47,7 @@ class Scalar {
   T value_{};
 };
 
-/// A reference to an object that somebody else owns and must keep alive as long as it is set.
+/// A reference to an object of another owner, who keeps the object alive as long as it is set.
 template <class Tag, class T>
 class PointerAttribute {
  public:
@@ -57,7 +57,7 @@ class PointerAttribute {
   explicit PointerAttribute(const Ptr<T>& object) : object_(object.get()) {}
 
   Ptr<T> get() const noexcept { return Ptr<T>(object_); }
-  /// The object for the length of a call, without touching its count.
+  /// The object for the duration of a call, without a change of its reference count.
   T* raw() const noexcept { return object_; }
   bool set(const Entity& owner, const Ptr<T>& object) {
     if (object_ == object.get()) return false;
@@ -78,8 +78,8 @@ inline constexpr bool isEntityHandle = false;
 template <std::derived_from<Entity> T>
 inline constexpr bool isEntityHandle<Ptr<T>> = !std::is_const_v<T>;
 
-/// Tells an owned entity whose it is, or that it is nobody's. Other values, handles to const
-/// entities among them, have no owner.
+/// Sets or clears the owner of an owned entity. Other values, also handles to const entities, have
+/// no owner.
 template <class Tag, class V>
 void adopt(const Entity& owner, const V& value) {
   if constexpr (isEntityHandle<V>) {
@@ -93,8 +93,8 @@ void disown(const V& value) {
   }
 }
 
-/// Handles to objects that end when their owner releases them, even if others hold them: reactors,
-/// and entities that own some.
+/// Handles to objects that end when their owner releases them, even if there are other handles.
+/// These are reactors, and entities that own reactors.
 template <class V>
 inline constexpr bool isRetiring = false;
 template <class T>
@@ -103,12 +103,12 @@ requires std::derived_from<T, Notifiee> || requires(T& object) {
 }
 inline constexpr bool isRetiring<Ptr<T>> = true;
 
-/// Says that `owner` has let go of `old`, and announces it.
+/// Announces that `owner` has released `old`.
 template <class Tag, class V, class... Key>
 void left(const Entity& owner, const V& old, const Key&... key) {
   disown(old);
   if constexpr (isRetiring<V>) {
-    // An object that it releases in turn may hold the last handle to the owner.
+    // An object that `old` releases in turn may hold the last handle to the owner.
     const Ptr<const Entity> alive(&owner);
     if (old) old->retire();
     owner.notify<Tag>(key...);
@@ -193,7 +193,7 @@ class DeferredSingleton : public Singleton<Tag, T> {
 
 /// Entries by key: values, or entities (and reactors) that the collection owns.
 ///
-/// HashMap::Iterator says how a walk's body may change the collection.
+/// The body of a walk may change the collection; see HashMap::Iterator.
 template <class Tag, class Key, class Value, class Storage = HashMap<Key, Value>>
 class Collection {
  public:
@@ -277,7 +277,7 @@ class Collection {
  private:
   void disownAll() {
     if constexpr (detail::isRetiring<Value>) {
-      // Objects that they release may run anybody's code: it finds nothing here any more.
+      // The objects may run other code when they are destroyed. It finds the collection empty.
       const Map dropped = std::exchange(map_, Map());
       for (const auto& entry : dropped) {
         if (entry.value) entry.value->retire();
@@ -290,8 +290,8 @@ class Collection {
   Map map_;
 };
 
-/// The storage of a collection of owned objects that are made of their keys alone: each is made
-/// when somebody first looks at it, and all from the first walk on.
+/// The storage of a collection of owned objects that are made from their keys alone. Each object is
+/// made at its first look-up, and all objects at the first walk.
 ///
 /// \tparam Base  a map from keys to handles.
 template <class Tag, class Base>
@@ -395,7 +395,7 @@ class KeySet {
   const Map& map() const noexcept { return map_; }
   Map& map() noexcept { return map_; }
 
-  /// Puts `key` in or takes it out, and announces it if that changed anything.
+  /// Adds or removes `key`. Announces a change.
   bool set(const Entity& owner, const Key& key, bool present) {
     if (!present) return del(owner, key);
     if (!map_.insert(key)) return false;
@@ -460,7 +460,7 @@ class KeySet {
                                                 \
  public:
 
-/// A value that anybody may set: adds attrIs(value).
+/// A public setter for a value: adds attrIs(value).
 #define KIV_SETTABLE_SCALAR(id, attr, Attr, Type) \
   KIV_SCALAR(id, attr, Attr, Type)                \
   void attr##Is(const Type& value) {              \
@@ -486,15 +486,14 @@ class KeySet {
                                                           \
  public:
 
-/// A reference that anybody may set: adds attrIs(object).
+/// A public setter for a reference: adds attrIs(object).
 #define KIV_POINTER(id, attr, Attr, Type)         \
   KIV_POINTER_VIEW(id, attr, Attr, Type)          \
   void attr##Is(const ::Kiv::Ptr<Type>& object) { \
     attr##_.set(*this, object);                   \
   }
 
-/// An owned object that anybody may read: attr(), attrNotify(). The members that make and remove
-/// it stand beside it.
+/// An owned object: attr(), attrNotify(). The class declares the members that make and remove it.
 #define KIV_SINGLETON_VIEW(id, attr, Attr, Type) \
   KIV_SINGLETON_VIEW_ON(id, attr, Attr, Type, ::Kiv::Singleton)
 

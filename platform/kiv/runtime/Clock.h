@@ -5,10 +5,11 @@
 
 namespace Kiv {
 
-/// The time in seconds: of the system's real-time clock, unless another was put in its place.
+/// The time in seconds, by the system's real-time clock or by the clock that replaced it.
 double now();
 
-/// Makes `clock` the source of now(), for tests and replays; an empty one restores the system's.
+/// Makes `clock` the source of now(), for tests and replays. An empty function restores the
+/// system's.
 void clockIs(std::function<double()> clock);
 
 }  // namespace Kiv

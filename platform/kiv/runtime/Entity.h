@@ -20,8 +20,8 @@ namespace Kiv {
 
 /// Base of everything that has attributes.
 ///
-/// An entity that another one owns knows its owner and the attribute that holds it. The owner is
-/// not kept alive by that.
+/// An owned entity knows its owner and the attribute that holds it. It does not keep the owner
+/// alive.
 class Entity : public Object {
  public:
   using Ptr = Kiv::Ptr<Entity>;
@@ -31,7 +31,7 @@ class Entity : public Object {
   virtual Name name() const = 0;
   /// The names from the outermost owner down to this entity, with "/" between them.
   std::string fullName() const;
-  /// The road from the outermost owner down to this entity: "/NAME/ATTRIBUTE/NAME ...", with every
+  /// The path from the outermost owner down to this entity: "/NAME/ATTRIBUTE/NAME ...", with every
   /// byte that a URI path segment may not hold percent-encoded (RFC 3986).
   std::string uriPath() const;
 
@@ -40,8 +40,7 @@ class Entity : public Object {
   virtual uint32_t tracedLevels() const noexcept { return 0; }
 
   const Entity* parent() const noexcept { return parent_; }
-  /// This entity, its owner, and so on up to the outermost one. Where owners form a ring, once
-  /// around it.
+  /// This entity, its owner, and so on up to the outermost one. A ring of owners is walked once.
   std::vector<const Entity*> withOwners() const;
   /// The name of the owner's attribute that holds this entity; empty without an owner.
   std::string_view parentAttr() const noexcept;
@@ -60,13 +59,13 @@ class Entity : public Object {
     return *notifiees_;
   }
 
-  /// True when a change would be announced to somebody.
+  /// True when the entity has notifiees.
   bool hasNotifiees() const noexcept { return notifiees_ != nullptr && !notifiees_->empty(); }
 
   /// Announces a change of the attribute with tag `Attribute`, under `key` for a collection entry.
   ///
-  /// A callback that raises is told so itself; the others are still called. Callbacks may take away
-  /// what `key` refers to, or the entity itself.
+  /// An exception of a callback is reported to its notifiee, and the other callbacks are still
+  /// called. Callbacks may destroy the variable that `key` refers to, or the entity itself.
   template <class Attribute, class... Key>
   void notify(const Key&... key) const {
     if (hasNotifiees()) [[unlikely]]

@@ -110,9 +110,9 @@ class Tracer {
   /// Sends records to `sink`; an empty one restores the default, a line on standard error.
   static void sinkIs(Sink sink);
 
-  /// Sends a record for each callback that has ended with an exception to `sink` as well, whatever
-  /// levels are enabled; an empty one restores the default, nowhere. For those who have to know
-  /// that something was not done, where level 0 has ordinary messages too.
+  /// Sends a record for each callback that ended with an exception to `sink` as well, at every
+  /// trace level. An empty function restores the default, which is no sink. Level 0 does not serve
+  /// for this, because it has ordinary messages, too.
   static void failureSinkIs(Sink sink);
   /// Hands a failure of `object` on to that sink.
   static void failed(const TraceFacility& facility, const Entity& object, std::string_view function,
