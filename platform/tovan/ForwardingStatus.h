@@ -107,6 +107,8 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   }
   /// The number of changes; see Table.
   uint64_t changeCount() const { return fecs_.changeCount(); }
+  /// How many names of interfaces the table has, with some that no FEC refers to any more.
+  size_t intfNameCount() const { return intfs_.size(); }
 
   /// Called with the message of damage that a look-up or walk found.
   void corruptionDetected(const std::string& message) const { fecs_.corruptionDetected(message); }
@@ -132,9 +134,15 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   };
 
   static constexpr bool kIsIpv4 = A::kBits == 32;
-  RawVia raw(const Via& via) { return {.hop = via.hop, .intf = intfs_.numberOf(via.intf)}; }
-  Via cooked(const RawVia& via) const { return {.hop = via.hop, .intf = intfs_.intfOf(via.intf)}; }
-  bool readVias(const Record& record, Fec& fec) const;
+  RawVia take(const Via& via) { return {.hop = via.hop, .intf = intfs_.take(via.intf)}; }
+  /// Adds a stored via to `fec`. Returns whether its interface has a name.
+  bool addTo(Fec& fec, const RawVia& via) const {
+    const auto intf = intfs_.intfOf(via.intf);
+    fec.newVia({.hop = via.hop, .intf = intf});
+    return via.intf == 0 || intf != Zemit::IntfId();
+  }
+  enum class Vias : uint8_t { Missing, Unnamed, Complete };
+  Vias readVias(const Record& record, Fec& fec) const;
   bool holds(const Fec& fec) const;
   std::optional<Record> former(const FecId& id) const;
   template <class Store>
@@ -191,13 +199,14 @@ void BasicForwardingStatus<A>::clearUp() {
   for (const auto& item : fecs_) {
     adjacencySpaces_ = std::max(adjacencySpaces_, static_cast<uint32_t>(item.key >> 32));
     changes_ = std::max(changes_, item.value.change);
-    intfs_.passOver(item.value.first.intf);
+    intfs_.hold(item.value.first.intf);
   }
   for (const auto& [key, via] : moreVias_) {
-    intfs_.passOver(via.intf);
+    intfs_.hold(via.intf);
     const auto record = fecs_.get(key.fec);
     if (!record || record->change != key.change || key.index >= record->viaCount) {
       moreVias_.erase(key);
+      intfs_.drop(via.intf);
     }
   }
 }
@@ -209,21 +218,27 @@ typename BasicForwardingStatus<A>::Fec BasicForwardingStatus<A>::fec(const FecId
     const auto record = fecs_.get(id);
     if (!record) return {};
     Fec fec(id);
-    if (record->viaCount != 0) fec.newVia(cooked(record->first));
-    if (record->viaCount <= 1 || readVias(*record, fec)) return fec;
+    const auto vias = readVias(*record, fec);
+    if (vias == Vias::Complete) return fec;
+    if (vias == Vias::Missing) continue;
+    // Either the name is lost, or the FEC was removed, and then the name.
+    const auto again = fecs_.get(id);
+    if (again && again->change == record->change) return fec;
   }
   throw CorruptionDetectedException("table " + fecs_.name() + ": FEC " + std::to_string(id) +
                                     " lacks vias");
 }
 
+/// Adds the vias of a record to `fec`, until one is missing.
 template <class A>
-bool BasicForwardingStatus<A>::readVias(const Record& record, Fec& fec) const {
+auto BasicForwardingStatus<A>::readVias(const Record& record, Fec& fec) const -> Vias {
+  bool isNamed = record.viaCount == 0 || addTo(fec, record.first);
   for (uint32_t index = 1; index < record.viaCount; ++index) {
     const auto via = moreVias_.get({.fec = fec.id(), .change = record.change, .index = index});
-    if (!via) return false;
-    fec.newVia(cooked(*via));
+    if (!via) return Vias::Missing;
+    isNamed &= addTo(fec, *via);
   }
-  return true;
+  return isNamed ? Vias::Complete : Vias::Unnamed;
 }
 
 // A damaged FEC counts as absent when it is replaced: storing repairs and reports it.
@@ -290,7 +305,7 @@ bool BasicForwardingStatus<A>::adjacencyIsSound(const FecId& id) const {
   try {
     const auto record = fecs_.get(id);
     Fec fec(id);
-    return record && (record->viaCount <= 1 || readVias(*record, fec));
+    return record && (record->viaCount <= 1 || readVias(*record, fec) != Vias::Missing);
   } catch (const CorruptionDetectedException&) {
     return false;
   }
@@ -315,11 +330,17 @@ void BasicForwardingStatus<A>::storing(const Fec& fec, Store store) {
   Record record{.viaCount = 0, .change = ++changes_};
   try {
     for (const Via& via : fec) {
+      const RawVia taken = take(via);
       if (record.viaCount == 0) {
-        record.first = raw(via);
+        record.first = taken;
       } else {
-        moreVias_.set({.fec = fec.id(), .change = record.change, .index = record.viaCount},
-                      raw(via));
+        try {
+          moreVias_.set({.fec = fec.id(), .change = record.change, .index = record.viaCount},
+                        taken);
+        } catch (...) {
+          intfs_.drop(taken.intf);
+          throw;
+        }
       }
       ++record.viaCount;
     }
@@ -346,10 +367,13 @@ bool BasicForwardingStatus<A>::remove(const FecId& id) {
   return true;
 }
 
+/// Removes the further vias of a record that is not stored any more, and what it had of names.
 template <class A>
 void BasicForwardingStatus<A>::removeVias(const FecId& id, const Record& record) {
+  if (record.viaCount != 0) intfs_.drop(record.first.intf);
   for (uint32_t index = 1; index < record.viaCount; ++index) {
-    moreVias_.erase({.fec = id, .change = record.change, .index = index});
+    const auto via = moreVias_.erase({.fec = id, .change = record.change, .index = index});
+    if (via) intfs_.drop(via->intf);
   }
 }
 

@@ -10,33 +10,69 @@ IntfNames::IntfNames(const TableConfig& config) : names_(config) {
   if (names_.isReadOnly()) return;
   // The names of a former writer keep their numbers. Damaged names leave gaps.
   for (const auto& [number, text] : names_) {
-    learn(number, read(text));
-    passOver(number);
+    const auto intf = read(text);
+    learn(number, intf);
+    numberIs(intf, number);
+    ++unused_;
+    next_ = std::max(next_, number + 1);
   }
 }
 
-uint32_t IntfNames::numberOf(Zemit::IntfId intf) {
+uint32_t IntfNames::take(Zemit::IntfId intf) {
   if (intf == Zemit::IntfId()) return 0;
-  if (intf.value() < numbers_.size() && numbers_[intf.value()] != 0) {
-    return numbers_[intf.value()];
+  uint32_t number = intf.value() < numbers_.size() ? numbers_[intf.value()] : 0;
+  if (number != 0) {
+    Known& known = *find(number);
+    if (known.uses++ == 0) --unused_;
+    return number;
   }
   const std::string_view name = intf.name();
   KIV_REQUIRE(name.size() <= kMaxBytes, "IntfName::bytes > 127 not allowed");
-  const uint32_t number = next_;
+  number = next_;
   names_.set(number, textOf(name));
-  learn(number, intf);
-  passOver(number);
+  ++next_;
+  numberIs(intf, number);
+  ++learn(number, intf).uses;
   mend();
   return number;
+}
+
+void IntfNames::hold(uint32_t number) {
+  next_ = std::max(next_, number + 1);
+  Known* known = find(number);
+  if (known != nullptr && known->uses++ == 0) --unused_;
+}
+
+void IntfNames::drop(uint32_t number) {
+  Known* known = find(number);
+  if (known == nullptr || known->uses == 0 || --known->uses != 0) return;
+  ++unused_;
+  if (unused_ > kMostUnused + (names_.size() - unused_) / 2) removeUnused();
+}
+
+void IntfNames::removeUnused() {
+  forEachKnown([&](uint32_t number, Known& known) {
+    // The highest number stays, so that the next writer knows which were given.
+    if (known.uses != 0 || number + 1 == next_) return;
+    names_.erase(number);
+    numbers_[known.intf.value()] = 0;
+    known = {};
+    --unused_;
+  });
+  const size_t last = next_ / kChunk;
+  for (size_t chunk = 0; chunk < std::min(chunks_.size(), last); ++chunk) {
+    const auto isUnknown = [](const Known& known) { return known.intf == Zemit::IntfId(); };
+    if (chunks_[chunk] && std::ranges::all_of(*chunks_[chunk], isUnknown)) chunks_[chunk] = nullptr;
+  }
+  mend();
 }
 
 /// Publishes the names again that the table lost.
 void IntfNames::mend() {
   while (names_.takeDropped()) {
-    for (uint32_t number = 1; number < intfs_.size(); ++number) {
-      if (intfs_[number] == Zemit::IntfId()) continue;
-      names_.set(number, textOf(intfs_[number].name()));
-    }
+    forEachKnown([&](uint32_t number, const Known& known) {
+      names_.set(number, textOf(known.intf.name()));
+    });
   }
 }
 
@@ -46,16 +82,10 @@ IntfNames::Text IntfNames::textOf(std::string_view name) {
   return text;
 }
 
-void IntfNames::passOver(uint32_t number) {
-  next_ = std::max(next_, number + 1);
-}
-
 Zemit::IntfId IntfNames::fetch(uint32_t number) const {
   const auto text = names_.get(number);
   if (!text) return {};
-  const auto intf = read(*text);
-  learn(number, intf);
-  return intf;
+  return learn(number, read(*text)).intf;
 }
 
 Zemit::IntfId IntfNames::read(const Text& text) {
@@ -63,9 +93,16 @@ Zemit::IntfId IntfNames::read(const Text& text) {
   return Zemit::IntfId::of(std::string_view(text.bytes.data(), size));
 }
 
-void IntfNames::learn(uint32_t number, Zemit::IntfId intf) const {
-  if (intfs_.size() <= number) intfs_.resize(size_t{number} + 1);
-  intfs_[number] = intf;
+IntfNames::Known& IntfNames::learn(uint32_t number, Zemit::IntfId intf) const {
+  const size_t chunk = number / kChunk;
+  if (chunks_.size() <= chunk) chunks_.resize(chunk + 1);
+  if (chunks_[chunk] == nullptr) chunks_[chunk] = std::make_unique<Chunk>();
+  Known& known = (*chunks_[chunk])[number % kChunk];
+  known.intf = intf;
+  return known;
+}
+
+void IntfNames::numberIs(Zemit::IntfId intf, uint32_t number) {
   if (numbers_.size() <= intf.value()) numbers_.resize(intf.value() + 1);
   numbers_[intf.value()] = number;
 }

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,23 +14,34 @@ namespace Tovan {
 
 /// Numbers of interfaces that have the same meaning in every process that has a table open, and for
 /// the next writer. Number 0 is "no interface".
+///
+/// The writer counts the entries that refer to each number. Names without an entry are removed when
+/// there are many: so a host that comes and goes does not publish a name each time. A number is
+/// never given to another name, because readers keep the names that they have read.
 class IntfNames {
  public:
   static constexpr size_t kMaxBytes = 127;
 
   explicit IntfNames(const TableConfig& config);
 
-  /// The interface's number; a new interface's name is published first.
+  /// The interface's number, for one more entry that is going to refer to it. A new interface's
+  /// name is published first.
   /// \throws Kiv::RangeException when the name is over kMaxBytes; NoSpaceException.
-  uint32_t numberOf(Zemit::IntfId intf);
+  uint32_t take(Zemit::IntfId intf);
+  /// Counts an entry of a former writer. No new interface gets its number, even if the name of the
+  /// number is lost.
+  void hold(uint32_t number);
+  /// Counts one entry less. The entry must be gone for readers.
+  void drop(uint32_t number);
   /// The interface with this number, or none.
   /// \throws CorruptionDetectedException.
   Zemit::IntfId intfOf(uint32_t number) const {
-    const auto known = number < intfs_.size() ? intfs_[number] : Zemit::IntfId();
-    return number == 0 || known != Zemit::IntfId() ? known : fetch(number);
+    if (number == 0) return {};
+    const Known* known = find(number);
+    return known != nullptr ? known->intf : fetch(number);
   }
-  /// Notes that a table refers to a number: no new interface gets it, even if its name is lost.
-  void passOver(uint32_t number);
+  /// How many names there are, with those that no entry refers to any more.
+  size_t size() const { return names_.size(); }
 
   /// See Table.
   bool isCurrent() const { return names_.isCurrent(); }
@@ -44,17 +56,46 @@ class IntfNames {
   struct Text {
     std::array<char, kMaxBytes + 1> bytes;  // ends with a zero byte
   };
+  struct Known {
+    Zemit::IntfId intf;  // none if it is unknown
+    uint32_t uses = 0;   // entries that refer to it; counted by the writer only
+  };
+  static constexpr uint32_t kChunk = 256;
+  using Chunk = std::array<Known, kChunk>;
+  static constexpr size_t kMostUnused = 64;
 
   static Text textOf(std::string_view name);
   void mend();
+  void removeUnused();
   Zemit::IntfId fetch(uint32_t number) const;
   static Zemit::IntfId read(const Text& text);
-  void learn(uint32_t number, Zemit::IntfId intf) const;
+  Known& learn(uint32_t number, Zemit::IntfId intf) const;
+  void numberIs(Zemit::IntfId intf, uint32_t number);
+  /// What is known of a number, or null.
+  Known* find(uint32_t number) const {
+    const size_t chunk = number / kChunk;
+    if (chunk >= chunks_.size() || chunks_[chunk] == nullptr) return nullptr;
+    Known& known = (*chunks_[chunk])[number % kChunk];
+    return known.intf == Zemit::IntfId() ? nullptr : &known;
+  }
+  /// Calls `visit` with each known number, and what is known of it.
+  template <class Visit>
+  void forEachKnown(Visit visit) const {
+    for (size_t chunk = 0; chunk < chunks_.size(); ++chunk) {
+      if (chunks_[chunk] == nullptr) continue;
+      for (uint32_t at = 0; at < kChunk; ++at) {
+        Known& known = (*chunks_[chunk])[at];
+        const auto number = static_cast<uint32_t>(chunk * kChunk) + at;
+        if (known.intf != Zemit::IntfId()) visit(number, known);
+      }
+    }
+  }
 
   TovanMap<uint32_t, Text> names_;
-  uint32_t next_ = 1;                         // never one that was given before
-  mutable std::vector<Zemit::IntfId> intfs_;  // by number; none is unknown
-  mutable std::vector<uint32_t> numbers_;     // by the value of the interface's id; 0 is unknown
+  uint32_t next_ = 1;                                   // never one that was given before
+  mutable std::vector<std::unique_ptr<Chunk>> chunks_;  // by number; null if none is known
+  std::vector<uint32_t> numbers_;                       // by the value of the interface's id
+  size_t unused_ = 0;                                   // known numbers that no entry refers to
 };
 
 }  // namespace Tovan

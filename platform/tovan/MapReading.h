@@ -157,16 +157,24 @@ void TovanMap<Key, Value>::inMappedPage(uint64_t hash, const Look& look) const {
     if (bits > kMaxDepth) raise("directory of depth", bits, "is impossible");
     const auto& entry = directory(hash, bits);
     const PageRef ref(entry.load(std::memory_order_acquire));
+    const auto isReplaced = [&] {
+      std::atomic_thread_fence(std::memory_order_acquire);
+      return entry.load(std::memory_order_relaxed) != ref.bits() ||
+             header().directory.load(std::memory_order_relaxed) != state;
+    };
     const char* fault = nullptr;
-    if (!isBacked(ref.number())) {
-      fault = "is outside the memory";
-    } else if (look(ref, fault)) {
-      return;
+    try {
+      if (!isBacked(ref.number())) {
+        fault = "is outside the memory";
+      } else if (look(ref, fault)) {
+        return;
+      }
+    } catch (const CorruptionDetectedException&) {
+      // The memory of a page that was replaced may have been given back meanwhile.
+      if (!isReplaced()) throw;
     }
-    std::atomic_thread_fence(std::memory_order_acquire);
     const bool underRepair = (state >> 8) % 2 != 0;
-    if (!underRepair && entry.load(std::memory_order_relaxed) == ref.bits() &&
-        header().directory.load(std::memory_order_relaxed) == state) {
+    if (!underRepair && !isReplaced()) {
       if (fault == nullptr) fault = cutFault();
       if (fault == nullptr) return;
       raise("page", ref.number(), fault);
@@ -273,15 +281,23 @@ std::optional<Value> TovanMap<Key, Value>::get(const Key& key) const {
 template <class Key, class Value>
 auto TovanMap<Key, Value>::version(const Key& key) const -> std::optional<Version> {
   const uint64_t hash = hashOf(pack(key));
-  const uint32_t bits = depth();
+  const uint64_t state = header().directory.load(std::memory_order_acquire);
+  const uint32_t bits = static_cast<uint8_t>(state);
   if (bits > kMaxDepth) return std::nullopt;
-  const PageRef ref(directory(hash, bits).load(std::memory_order_acquire));
+  const auto& entry = directory(hash, bits);
+  const PageRef ref(entry.load(std::memory_order_acquire));
   if (!isBacked(ref.number())) return std::nullopt;
   Page& in = page(ref.number());
   const Slot* slot = search(in, hash, pack(key));
   if (slot == nullptr) return std::nullopt;
   const uint32_t sequence = slot->sequence.load(std::memory_order_acquire);
   if ((sequence & kState) != kLive) return std::nullopt;
+  // The sequences of a page begin anew after its memory was given back.
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (entry.load(std::memory_order_relaxed) != ref.bits() ||
+      header().directory.load(std::memory_order_relaxed) != state) {
+    return std::nullopt;
+  }
   return Version{.page = ref.bits(),
                  .slot = static_cast<uint32_t>(slot - in.slots.data()),
                  .sequence = sequence};

@@ -35,7 +35,8 @@ void TovanMap<Key, Value>::tend(TendRound& round) {
   }
   if (isBegun || isUnlinked()) keepName();
   inspect(round);
-  if (isShort()) reservePages(freePages_.size() + 1);
+  if (isShort()) reservePages(freeCount_ + 1);
+  for (uint32_t step = 0; step < kSlots && isLoose() && tighten(); ++step) continue;
 }
 
 /// Restores a header that was changed from outside. Repairs the table if the file was cut short or
@@ -55,11 +56,11 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::inspect(TendRound& round) {
   auto& [of, next] = inspected_;
   if (of != round.number()) return;
-  while (next < pages() && round.takePage()) {
+  while (next < uses_.size() && round.takePage()) {
     const uint32_t number = next++;
     const char* fault = pageFault(number);
     if (fault == nullptr) continue;
-    next = pages();  // the repair checks the others
+    next = reserved();  // the repair checks the others
     // The repair reports only faults that it cannot correct silently. This one is always reported.
     const size_t before = corruptions();
     const auto message = describe("page", number, fault);
@@ -187,12 +188,15 @@ bool TovanMap<Key, Value>::isInOrder(Page& what) const {
 template <class Key, class Value>
 void TovanMap<Key, Value>::recount() {
   uint64_t size = 0;
-  for (uint32_t number = 0; number < pages(); ++number) {
+  for (uint32_t number = 0; number < uses_.size(); ++number) {
     uint32_t used = 0;
+    uint8_t live = 0;
     for (const Slot& slot : page(number).slots) {
-      size += slot.isLive();
+      live += slot.isLive();
       used += slot.state() != 0;
     }
+    size += live;
+    if (uses_[number].live != PageUse::kFree) uses_[number].live = live;
     page(number).used.store(used, std::memory_order_relaxed);
   }
   sizeIs(size);
@@ -208,23 +212,28 @@ size_t TovanMap<Key, Value>::repair() {
   headerIs(kDirectory, repairs << 8 | static_cast<uint8_t>(left(kDirectory)));
   std::atomic_thread_fence(std::memory_order_seq_cst);
   noteChange();
-  freePages_.clear();
-  freePages_.reserve(pages());
+  uses_.assign(reserved(), {});
+  freeCount_ = reserved();
+  everReserved_ = pages();
+  lowestFree_ = end_ = 0;
+  pagesOfDepth_ = {};
   depth_ = 0;
   std::vector<uint32_t> kept;
   std::vector<uint32_t> damaged;
-  for (uint32_t number = 0; number < pages(); ++number) {
+  for (uint32_t number = 0; number < uses_.size(); ++number) {
     Page& found = page(number);
     if (found.seal.load(std::memory_order_relaxed) == 0) {
-      freePage(number);
+      freeSlots(found);
       continue;
     }
     for (Slot& slot : found.slots) settle(found, slot);
     const uint32_t depth = found.depth.load(std::memory_order_relaxed);
     if (isSealed(found) && depth <= kMaxDepth) {
+      occupy(number, depth);
       kept.push_back(number);
       depth_ = std::max(depth_, depth);
     } else {
+      occupy(number, 0);
       damaged.push_back(number);
       corruptionDetected(describe("page", number, "has a damaged head"));
     }
@@ -266,6 +275,8 @@ size_t TovanMap<Key, Value>::repair() {
     freePage(number);
   }
   recount();
+  // Without a free page, no two pages could become one.
+  if (freeCount_ == 0 && addSparePages()) notePages();
   headerIs(kDirectory, (repairs + 1) << 8 | depth_);
   noteChange();
   if (size_ < sizeBefore && !dropped_) dropped_.emplace();

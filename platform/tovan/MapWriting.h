@@ -76,6 +76,7 @@ std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
   slot->retire();
   sizeIs(size_ - 1);
   noteChange();
+  shrinkAfter(*slot, hash);
   return valueOf(words);
 }
 
@@ -113,7 +114,7 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::insert(uint64_t hash, const Words& words) {
   const uint32_t checksum = checksumOf(hash, words);
   uint32_t number = refOf(hash).number();
-  while (!place(page(number), kMaxUsed, hash, words, checksum)) {
+  while (!place(number, kMaxUsed, hash, words, checksum)) {
     makeRoom(number);
     if (const char* fault = cutFault()) raise("page", number, fault);
     number = refOf(hash).number();
@@ -123,8 +124,9 @@ void TovanMap<Key, Value>::insert(uint64_t hash, const Words& words) {
 /// Writes a new entry into a page in which fewer than `maxUsed` slots are used. Returns false if
 /// there is no room.
 template <class Key, class Value>
-bool TovanMap<Key, Value>::place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words,
-                                 uint32_t checksum) {
+bool TovanMap<Key, Value>::place(uint32_t number, uint32_t maxUsed, uint64_t hash,
+                                 const Words& words, uint32_t checksum) {
+  Page& in = page(number);
   for (uint32_t i = 0, at = home(hash); i < kSlots; ++i, at = after(at)) {
     Slot& slot = in.slots[at];
     const uint32_t state = slot.state();
@@ -138,6 +140,7 @@ bool TovanMap<Key, Value>::place(Page& in, uint32_t maxUsed, uint64_t hash, cons
       in.used.store(used + 1, std::memory_order_relaxed);
     }
     write(slot, 0, words, checksum);
+    ++uses_[number].live;
     return true;
   }
   return false;
@@ -180,7 +183,7 @@ bool TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
         if (half == uint32_t{split}) giveUp(from, slot);
         isWhole = false;
       } else if (low(hash, depth) == pattern && search(page(to), hash, words) == nullptr) {
-        place(page(to), kSlots, hash, words, checksum);
+        place(to, kSlots, hash, words, checksum);
       }
     }
     publish(to);
@@ -211,19 +214,43 @@ void TovanMap<Key, Value>::provideDirectory(uint32_t depth) {
 /// Makes sure that there are `count` unused pages.
 template <class Key, class Value>
 void TovanMap<Key, Value>::reservePages(size_t count) {
-  while (freePages_.size() < count) {
-    uint32_t number = pages();
+  while (freeCount_ < count) {
     addPages();
-    freePages_.reserve(pages());
-    for (; number < pages(); ++number) freePages_.push_back(number);
+    notePages();
   }
 }
 
-/// Takes an unused page, which the directory does not name yet.
+/// Notes that there are more pages.
+template <class Key, class Value>
+void TovanMap<Key, Value>::notePages() {
+  const auto first = static_cast<uint32_t>(uses_.size());
+  uses_.resize(reserved());
+  freeCount_ += reserved() - first;
+  // A page that was given back may have been written to from outside.
+  for (uint32_t number = first; number < std::min(reserved(), everReserved_); ++number) {
+    page(number).seal.store(0, std::memory_order_release);
+    freeSlots(page(number));
+  }
+  everReserved_ = std::max(everReserved_, reserved());
+}
+
+/// Notes that a page is used, and has no entry yet.
+template <class Key, class Value>
+void TovanMap<Key, Value>::occupy(uint32_t number, uint32_t depth) {
+  uses_[number] = {.live = 0, .depth = static_cast<uint8_t>(depth)};
+  ++pagesOfDepth_[depth];
+  --freeCount_;
+  end_ = std::max(end_, number + 1);
+}
+
+/// Takes the first unused page, which the directory does not name yet.
 template <class Key, class Value>
 uint32_t TovanMap<Key, Value>::makePage(uint32_t pattern, uint32_t depth) {
-  const uint32_t number = freePages_.back();
-  freePages_.pop_back();
+  const auto isFree = [](const PageUse& use) { return use.live == PageUse::kFree; };
+  const auto found = std::find_if(uses_.begin() + lowestFree_, uses_.end(), isFree);
+  const auto number = static_cast<uint32_t>(found - uses_.begin());
+  lowestFree_ = number + 1;
+  occupy(number, depth);
   Page& made = page(number);
   made.serial.store(++serial_, std::memory_order_relaxed);
   made.pattern.store(pattern, std::memory_order_relaxed);
@@ -250,7 +277,11 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::freePage(uint32_t number) {
   page(number).seal.store(0, std::memory_order_release);
   freeSlots(page(number));
-  freePages_.push_back(number);
+  --pagesOfDepth_[uses_[number].depth];
+  uses_[number].live = PageUse::kFree;
+  ++freeCount_;
+  lowestFree_ = std::min(lowestFree_, number);
+  while (end_ > 0 && uses_[end_ - 1].live == PageUse::kFree) --end_;
 }
 
 /// Makes a page for the empty entries of the directory around `pattern`.
@@ -282,7 +313,10 @@ void TovanMap<Key, Value>::freeSlots(Page& of) {
 
 template <class Key, class Value>
 void TovanMap<Key, Value>::removeAll() {
-  for (uint32_t number = 0; number < pages(); ++number) freeSlots(page(number));
+  for (uint32_t number = 0; number < uses_.size(); ++number) {
+    freeSlots(page(number));
+    if (uses_[number].live != PageUse::kFree) uses_[number].live = 0;
+  }
   sizeIs(0);
   noteChange();
 }

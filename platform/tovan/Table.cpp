@@ -64,6 +64,9 @@ Table::Table(const TableConfig& config, const Shape& shape)
   for (size_t i = 0; i < kHeaderWords; ++i) left_[i] = headerWord(i);
   headerIs(kBytes, memory_.bytes());
   headerIs(kStatus, guarded(0));
+  const size_t data = std::max(memory_.endOfData(), shape_.pagesAt) - shape_.pagesAt;
+  const size_t written = (data + shape_.pageBytes - 1) / shape_.pageBytes;
+  reserved_ = std::min(pages_, static_cast<uint32_t>(isNew_ ? kFirstPages : written));
 }
 
 void Table::corruptionDetected(const std::string& message) {
@@ -107,6 +110,8 @@ void Table::restore() {
     provide(0, shape_.topBytes);
     provide(shape_.pagesAt, left_[kBytes] - shape_.pagesAt);
     memory_.remap();
+    countPages();
+    reserved_ = pages_;
     corruptionDetected(describe("memory of", memory_.bytes(), "bytes was cut short"));
   }
   for (size_t i = 0; i < kHeaderWords; ++i) {
@@ -128,8 +133,7 @@ void Table::keepName() {
   };
   if (lostName_.empty()) say(titleOf(name_) + " was removed, and is made again");
   try {
-    const size_t directory = bytes() - (memory_.bytes() - shape_.pagesAt);
-    memory_.makeAgain({{{0, directory}, {shape_.pagesAt, memory_.bytes() - shape_.pagesAt}}});
+    memory_.makeAgain({{{0, bytes() - reservedBytes()}, {shape_.pagesAt, reservedBytes()}}});
     lostName_.clear();
   } catch (const OpenException& failure) {
     say(failure.what());
@@ -205,13 +209,41 @@ bool Table::isBackedByNow(uint32_t number) const {
   return number < pages_;
 }
 
-void Table::addPages() {
+TableMemory::Part Table::morePages() const {
   // More would take too long for one insertion.
-  const size_t bytes = std::min(pages_ * shape_.pageBytes / 8, TableMemory::kLargeRequest);
-  provide(shape_.pagesAt + pages_ * shape_.pageBytes,
-          std::max(bytes, kFirstPages * shape_.pageBytes));
+  const size_t bytes = std::min(reservedBytes() / 8, TableMemory::kLargeRequest);
+  return {.at = shape_.pagesAt + reservedBytes(),
+          .bytes = std::max(bytes, kFirstPages * shape_.pageBytes)};
+}
+
+void Table::pagesAreAdded(const TableMemory::Part& added) {
   headerIs(kBytes, memory_.bytes());
   countPages();
+  const size_t bytes = added.at + added.bytes - shape_.pagesAt;
+  reserved_ = std::min(pages_, static_cast<uint32_t>(bytes / shape_.pageBytes));
+}
+
+void Table::addPages() {
+  const auto more = morePages();
+  provide(more.at, more.bytes);
+  pagesAreAdded(more);
+}
+
+bool Table::addSparePages() {
+  const auto more = morePages();
+  try {
+    memory_.provide(more.at, more.bytes);
+  } catch (const NoSpaceException&) {
+    return false;
+  }
+  pagesAreAdded(more);
+  return true;
+}
+
+void Table::giveBackPages(uint32_t number) {
+  const size_t kept = number * shape_.pageBytes;
+  memory_.giveBack(shape_.pagesAt + kept, reservedBytes() - kept);
+  reserved_ = number;
 }
 
 bool Patience::wait() {

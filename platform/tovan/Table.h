@@ -128,11 +128,13 @@ class Table {
   bool isCurrent() const { return memory_.isCurrent(); }
   /// Whether another object, in this process or another, has the table open for writing.
   bool hasOtherWriter() const { return memory_.hasOtherWriter(); }
-  /// The memory that the table takes, in bytes, including what it reserves for new entries.
+  /// The memory that the table takes, in bytes, including what it reserves for new entries. A
+  /// reader counts all that the table ever took.
   size_t bytes() const {
     const size_t most = shape_.pagesAt - shape_.topBytes;
     const size_t directory = depth() < 32 ? sizeof(uint64_t) << depth() : most;
-    return memory_.bytes() - shape_.pagesAt + shape_.topBytes + std::min(directory, most);
+    const size_t pages = isReadOnly() ? memory_.bytes() - shape_.pagesAt : reservedBytes();
+    return shape_.topBytes + std::min(directory, most) + pages;
   }
 
   /// Counts damage, keeps the message, and reports it; see tableReports(). Called by the table when
@@ -236,16 +238,31 @@ class Table {
 
   /// Makes memory usable. \throws NoSpaceException, changing nothing; the refusal is reported.
   void provide(size_t at, size_t bytes);
-  /// How many pages are backed by memory.
+  /// How many pages the memory is long enough for.
   uint32_t pages() const {
     return pages_;
   }
-  /// Whether page `number`, as read from the table, is backed by memory.
+  /// Whether the memory is long enough for page `number`, as read from the table.
   bool isBacked(uint32_t number) const {
     return number < pages_ || isBackedByNow(number);
   }
-  /// Adds pages. \throws NoSpaceException, changing nothing.
+  /// How many pages the writer may use. Those behind take no memory, and it must not touch them:
+  /// they were given back, or never written.
+  uint32_t reserved() const {
+    return reserved_;
+  }
+  /// Reserves some more pages. Pages that were given back are zero unless others wrote to them.
+  /// \throws NoSpaceException, changing nothing; the refusal is reported.
   void addPages();
+  /// The same, but a refusal is not reported. Returns whether there are more pages.
+  bool addSparePages();
+  /// Gives the memory of the pages from `number` on back. \pre no entry of the directory names them
+  void giveBackPages(uint32_t number);
+  /// Gives the memory of the directory back that is not needed for so many bits.
+  void giveBackDirectory(uint32_t depth) {
+    const size_t used = sizeof(uint64_t) << depth;
+    memory_.giveBack(shape_.topBytes + used, used);
+  }
 
  private:
   std::atomic<uint64_t>& headerWord(size_t number) const {
@@ -257,12 +274,18 @@ class Table {
   std::string fault() const;
   bool isBackedByNow(uint32_t number) const;
   void countPages() const;
+  size_t reservedBytes() const {
+    return reserved_ * shape_.pageBytes;
+  }
+  TableMemory::Part morePages() const;
+  void pagesAreAdded(const TableMemory::Part& added);
 
   const Shape shape_;
   const std::string name_;
   uint64_t layout_;
   mutable TableMemory memory_;
   mutable uint32_t pages_ = 0;
+  uint32_t reserved_ = 0;
   bool isNew_ = false;
   bool isShort_ = false;
   std::string lostName_;  // the last report that the file has lost its name

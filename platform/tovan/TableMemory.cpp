@@ -407,6 +407,31 @@ void TableMemory::provide(size_t at, size_t bytes) {
   bytes_ = std::max(bytes_, end);
 }
 
+void TableMemory::giveBack(size_t at, size_t bytes) {
+  const size_t begin = roundUp(at, kPage);
+  const size_t end = std::min(roundUp(at + bytes, kPage), roundUp(bytes_, kPage));
+  if (begin >= end) return;
+  // If the system refuses, the memory stays provided, which does no harm.
+  if (fd_ < 0) {
+    ::madvise(base_ + begin, end - begin, MADV_DONTNEED);
+  } else {
+    ::fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(begin),
+                static_cast<off_t>(end - begin));
+  }
+}
+
+size_t TableMemory::endOfData() const {
+  if (fd_ < 0) return bytes_;
+  size_t end = 0;
+  for (off_t data = 0; (data = ::lseek(fd_, data, SEEK_DATA)) >= 0;) {
+    const off_t hole = ::lseek(fd_, data, SEEK_HOLE);
+    if (hole <= data) return bytes_;
+    data = hole;
+    end = static_cast<size_t>(hole);
+  }
+  return errno == ENXIO ? std::min(end, bytes_) : bytes_;
+}
+
 void TableMemory::refresh() {
   struct stat status {};
   if (fd_ < 0) {
@@ -466,6 +491,9 @@ void TableMemory::makeAgain(const std::array<Part, 2>& parts) {
       throw NoSpaceException(what + reason(error));
     }
     if (!writeAll(made.get(), base_ + at, bytes, at)) throw OpenException(what + reason(errno));
+  }
+  if (::ftruncate(made.get(), static_cast<off_t>(bytes_)) != 0) {
+    throw NoSpaceException(what + reason(errno));
   }
   const auto naming = Tables::instance().naming();
   if (::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {

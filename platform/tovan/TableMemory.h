@@ -58,6 +58,13 @@ class TableMemory {
   /// Makes `bytes` from `at` on usable. New ones are zero.
   /// \throws NoSpaceException, changing nothing.
   void provide(size_t at, size_t bytes);
+  /// Gives the memory of a part back, which reads as zeroes from then on. The length stays. Whole
+  /// memory pages are given back: both ends are rounded up, so nothing may be used from the end of
+  /// the part to that of its last memory page. Before it is written again, provide() is needed.
+  void giveBack(size_t at, size_t bytes);
+  /// Where the last written memory page ends: behind it, nothing was provided, or nothing written
+  /// since. The end of the memory if the system does not tell.
+  size_t endOfData() const;
   /// Reads how long the file is now, and whether it still has a name.
   void refresh();
   /// Whether the file had no name at the last refresh().
@@ -70,9 +77,9 @@ class TableMemory {
   bool isCurrent() const;
   /// Removes the name if it leads to this memory. Processes that have the table open keep it.
   void remove();
-  /// Makes a new file with these parts of the memory after the former one lost its name. The new
-  /// file is complete and locked before it gets the name. \throws OpenException when there is a
-  /// file under the name, or one cannot be made;
+  /// Makes a new file with these parts of the memory after the former one lost its name; the rest
+  /// of its length takes no memory. The new file is complete and locked before it gets the name.
+  /// \throws OpenException when there is a file under the name, or one cannot be made;
   ///   NoSpaceException.
   void makeAgain(const std::array<Part, 2>& parts);
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <new>
 #include <optional>
@@ -27,15 +28,15 @@ namespace Tovan {
 /// Entries are stored in pages of a few dozen slots, with linear probing. A directory leads from
 /// the low bits of a key's hash to its page (extendible hashing). A page that is full is copied
 /// into two new ones, so that no insertion has to move all entries. Only the directory, of eight
-/// bytes for about twenty entries, is sometimes doubled at once. The table does not shrink: its
-/// pages are used again.
+/// bytes for about twenty entries, is sometimes doubled at once. Two pages with few entries become
+/// one again. The memory behind the last used page is given back; the file keeps its length.
 ///
 /// Everything that is read from the memory is checked before it is used. Damage raises
 /// CorruptionDetectedException. The writer's own set(), add() and erase() repair the table instead,
 /// report to corruptionDetected(), and continue.
 ///
 /// The private part is in MapLayout.h (the memory), MapReading.h and MapWriting.h (the look-ups and
-/// changes), and MapRepair.h (takeover, checks and damage).
+/// changes), MapShrinking.h (what removals leave), and MapRepair.h (takeover, checks and damage).
 ///
 /// \tparam Key    trivially copyable, without padding: its bytes are its identity.
 /// \tparam Value  trivially copyable, without pointers.
@@ -91,10 +92,11 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   /// How many entries there are. If the number in the memory is impossible, a reader counts them.
   size_t size() const;
 
-  /// Removes all entries and keeps the memory. \throws ReadOnlyException.
+  /// Removes all entries. \throws ReadOnlyException.
   void clear() {
     requireWritable("remove to read-only Tovan table");
     removeAll();
+    joinAll();
   }
 
   /// Visits the entries in no particular order. The body of the loop may write to the table: a key
@@ -232,18 +234,34 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   void replace(Slot& slot, uint64_t hash, const Words& words);
   void insertNew(uint64_t hash, const Words& words);
   void insert(uint64_t hash, const Words& words);
-  bool place(Page& in, uint32_t maxUsed, uint64_t hash, const Words& words, uint32_t checksum);
+  bool place(uint32_t number, uint32_t maxUsed, uint64_t hash, const Words& words,
+             uint32_t checksum);
   void makeRoom(uint32_t number);
   bool rewrite(uint32_t number, bool split);
   void deepen();
   void provideDirectory(uint32_t depth);
   void reservePages(size_t count);
+  void notePages();
+  void occupy(uint32_t number, uint32_t depth);
   uint32_t makePage(uint32_t pattern, uint32_t depth);
   void publish(uint32_t number);
   void freePage(uint32_t number);
   void fillHole(uint32_t pattern);
   static void freeSlots(Page& of);
   void removeAll();
+
+  // Shrinking: MapShrinking.h.
+  void shrinkAfter(const Slot& gone, uint64_t hash);
+  void join(uint64_t hash);
+  bool joinPages(PageRef one, PageRef other, uint64_t hash);
+  bool copyAll(const Page& from, uint32_t to);
+  void joinAll();
+  void halve();
+  bool isLoose() const {
+    const size_t used = uses_.size() - freeCount_;
+    return uses_.size() > used + used / 2 + kSparePages;
+  }
+  bool tighten();
 
   // Takeover, checks and damage: MapRepair.h.
   void inspect(TendRound& round);
@@ -257,13 +275,31 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   bool isInOrder(Page& what) const;
   void recount();
 
+  /// What the writer knows of a page without reading it.
+  struct PageUse {
+    static constexpr uint8_t kFree = 0xff;
+    uint8_t live = kFree;  ///< how many entries it has
+    uint8_t depth = 0;
+  };
+  static_assert(kSlots < PageUse::kFree);
+  /// Two pages become one when they have at most so many entries together. A page is only split
+  /// with more than half of its slots full, so entries that come and go cause neither in turn.
+  static constexpr uint32_t kMaxJoined = kSlots * 3 / 8;
+  /// So many free pages are kept in any case.
+  static constexpr size_t kSparePages = 16;
+
   Kiv::HashSeed seed_;
   // In the writer's own memory, where other processes cannot change it.
   uint32_t depth_ = 0;
   uint32_t serial_ = 0;
   uint64_t size_ = 0;
   uint64_t changes_ = 1;
-  std::vector<uint32_t> freePages_;  // reserved for all pages
+  std::vector<PageUse> uses_;  // of all reserved pages
+  uint32_t freeCount_ = 0;     // how many of them are free
+  uint32_t lowestFree_ = 0;    // none below it is free
+  uint32_t end_ = 0;           // none from it on is used
+  uint32_t everReserved_ = 0;  // pages below it may have been given back
+  std::array<uint32_t, kMaxDepth + 1> pagesOfDepth_{};
   std::optional<Dropped<Key>> dropped_;
   struct {
     uint64_t round = 0;
@@ -280,4 +316,5 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
 
 #include "platform/tovan/MapReading.h"
 #include "platform/tovan/MapRepair.h"
+#include "platform/tovan/MapShrinking.h"
 #include "platform/tovan/MapWriting.h"

@@ -176,6 +176,39 @@ TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
   }
 }
 
+// The names that FECs refer to stay, and no number is given twice: readers keep what they know.
+TYPED_TEST(FibTablesTest, NamesThatNoFecRefersToGo) {
+  using T = FibTablesTest<TypeParam>;
+  constexpr size_t kMost = 100;
+  const auto intf = [](uint64_t n) { return "Ethernet" + std::to_string(n); };
+  const auto wide = [&](uint64_t first) {
+    typename T::Fec fec(2);
+    for (uint64_t n = first; n < first + 4; ++n) {
+      fec.newVia({.hop = {}, .intf = Zemit::IntfId::of(std::string_view(intf(n)))});
+    }
+    return fec;
+  };
+  typename T::ForwardingStatus::Ptr reader;
+  for (uint64_t round = 0; round < 3; ++round) {
+    const uint64_t first = 10'000 * (round + 1);
+    const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
+    if (!reader) reader = this->template open<typename T::ForwardingStatus>(Access::Read);
+    table->fecIs(T::fec(1, intf(round)));
+    for (uint64_t n = first; n < first + 1000; ++n) {
+      table->fecIs(wide(n));
+      table->adjacencyIs(T::fec(T::ForwardingStatus::kFirstAdjacency, intf(n + 2000)));
+      EXPECT_EQ(reader->fec(2), wide(n));
+      EXPECT_EQ(reader->fec(T::ForwardingStatus::kFirstAdjacency),
+                T::fec(T::ForwardingStatus::kFirstAdjacency, intf(n + 2000)));
+      table->adjacencyDel(T::ForwardingStatus::kFirstAdjacency);
+      ASSERT_LE(table->intfNameCount(), kMost);
+    }
+    EXPECT_EQ(reader->fec(1), T::fec(1, intf(round)));
+    if (round == 1) table->fecDelAll();  // the next writer finds no entry that has a number
+  }
+  EXPECT_EQ(reader->fec(2), wide(30'999));
+}
+
 // The writer checks tables that it does not change, and has the names in its own memory.
 TYPED_TEST(FibTablesTest, WhatNobodyWritesIsTended) {
   using T = FibTablesTest<TypeParam>;

@@ -1,4 +1,8 @@
-// The map between processes: killed writers, full memory, forked children.
+// The map between processes: killed writers, memory that is full or given back, forked children.
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -38,7 +42,8 @@ TEST_F(SharingTest, KilledWriterLeavesEveryCompletedUpdate) {
       for (;;) {
         const uint64_t key = own() % kKeys;
         const uint64_t number = (completed->begun[key] & ~kErased) + 1;
-        const bool erase = own() % 4 == 0;
+        // In some rounds the table becomes small.
+        const bool erase = own() % 16 < (round % 3 == 1 ? 15u : 4u);
         completed->begun[key] = erase ? number | kErased : number;
         if (erase) {
           table.erase(key);
@@ -117,6 +122,134 @@ TEST_F(SharingTest, FullMemoryLosesNothing) {
   // A freed slot can be used again.
   table.erase(0);
   EXPECT_TRUE(table.set(0, Repeated(0)));
+}
+
+/// The memory that the table's file takes.
+size_t memoryOf(int fd) {
+  struct stat status {};
+  EXPECT_EQ(::fstat(fd, &status), 0);
+  return static_cast<size_t>(status.st_blocks) * 512;
+}
+
+// Entries that stay are found all the time, also by the next writer.
+TEST_F(SharingTest, MemoryIsGivenBackAfterAFlood) {
+  constexpr uint64_t kStay = 100;
+  constexpr uint64_t kFlood = 30000;
+  auto table = std::make_unique<Map>(config(Access::Write));
+  const int fd = file();
+  fill(*table, kStay);
+  const size_t before = memoryOf(fd);
+  const Map other = reader();
+  const auto expectStaying = [&](const Map& in) {
+    for (uint64_t i = 0; i < kStay; ++i) ASSERT_EQ(in.get(i).value_or(Repeated(1)).word(), i);
+    EXPECT_EQ(in.keys().size(), kStay);
+  };
+  for (const bool isTakenOver : {false, true}) {
+    fill(*table, kFlood);
+    EXPECT_GT(memoryOf(fd), 1'000'000u);
+    EXPECT_GT(table->bytes(), 1'000'000u);
+    if (isTakenOver) {
+      table.reset();
+      table = std::make_unique<Map>(config(Access::Write));
+    }
+    for (uint64_t i = kStay; i < kFlood; ++i) {
+      ASSERT_EQ(table->erase(i)->word(), i);
+      if (i % 1000 == 0) {
+        EXPECT_EQ(other.get(kStay / 2)->word(), kStay / 2);
+      }
+    }
+    tend(*table);
+    EXPECT_LT(memoryOf(fd), before + 200'000);
+    EXPECT_LT(table->bytes(), 300'000u);
+    expectStaying(*table);
+    expectStaying(other);
+    EXPECT_EQ(table->validate(), 0u);
+    EXPECT_LT(memoryOf(fd), before + 200'000) << "a repair touches no memory that was given back";
+  }
+  ::shm_unlink(("/hostroute-" + name).c_str());
+  tend(*table);
+  expectStaying(reader());
+  const int again = file();
+  EXPECT_LT(memoryOf(again), before + 200'000) << "nor does a table that is made again";
+  fill(*table, kFlood);
+  EXPECT_EQ(reader().keys().size(), kFlood);
+  table->clear();
+  EXPECT_LT(memoryOf(again), before + 200'000);
+  EXPECT_EQ(reader().keys().size(), 0u);
+  EXPECT_EQ(table->corruptions(), 1u) << "its file was removed";
+  ::close(fd);
+  ::close(again);
+}
+
+// A page is copied when removed entries fill it. Apart from that, entries that come and go at any
+// size of the table move no other, neither while it grows nor while it shrinks.
+TEST_F(SharingTest, EntriesThatComeAndGoJoinAndSplitNoPages) {
+  Map table({.name = "hovering"});
+  for (const int step : {1, -1}) {
+    for (int64_t size = step > 0 ? 1 : 300; size > 0 && size <= 300; size += step) {
+      const auto next = static_cast<uint64_t>(size);
+      if (step > 0) {
+        table.set(next, Repeated(next));
+      } else {
+        table.erase(next);
+      }
+      table.set(0, Repeated(0));
+      auto last = table.version(0);
+      int moves = 0;
+      for (uint64_t i = 0; i < 60; ++i) {
+        table.set(1000 + i % 2, Repeated(i));
+        table.erase(1000 + i % 2);
+        moves += table.version(0) != std::exchange(last, table.version(0));
+      }
+      EXPECT_LE(moves, 3) << size;
+    }
+  }
+  EXPECT_EQ(table.corruptions(), 0u);
+}
+
+// Memory that was given back must be reserved before it is used again: without that, a full
+// /dev/shm would end the process.
+TEST_F(SharingTest, MemoryThatIsNotThereAnyMoreIsRefused) {
+  constexpr int kSkipped = 77;
+  constexpr uint64_t kStay = 200;
+  const auto body = [&] {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("none", "/dev/shm", "tmpfs", 0, "size=4m") != 0) {
+      return kSkipped;
+    }
+    Map table = writer();
+    fill(table, 20000);
+    const Map other = reader();
+    for (uint64_t i = kStay; i < 20000; ++i) table.erase(i);
+    tend(table);
+    const int filler = ::shm_open("/filler", O_RDWR | O_CREAT, 0600);
+    const std::vector<char> block(4096);
+    while (::write(filler, block.data(), block.size()) > 0) {
+    }
+    uint64_t next = kStay;
+    const auto grow = [&] {
+      for (; next < 20000; ++next) table.set(next, Repeated(next));
+    };
+    const auto holdsAll = [&](const Map& map) {
+      for (uint64_t i = 0; i < next; ++i) {
+        if (map.get(i).value_or(Repeated(~i)).word() != i) return false;
+      }
+      return map.size() == next && map.keys().size() == next;
+    };
+    try {
+      grow();
+      return 1;
+    } catch (const NoSpaceException&) {
+    }
+    if (!holdsAll(table) || !holdsAll(other)) return 2;
+    ::ftruncate(filler, 0);
+    grow();
+    return holdsAll(table) && holdsAll(other) && table.corruptions() == 0 ? 0 : 3;
+  };
+  const int status = statusOf(inChild(body));
+  if (WEXITSTATUS(status) == kSkipped) GTEST_SKIP() << "no file system can be mounted";
+  EXPECT_EQ(status, 0);
 }
 
 // A reader must not find an unfinished table.

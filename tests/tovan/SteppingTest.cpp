@@ -303,6 +303,17 @@ TEST_F(SteppingTest, EachStateOfAGrowingTableHasAllEntries) {
   report(60);
 }
 
+// Pages are joined and the directory is halved.
+TEST_F(SteppingTest, EachStateOfAShrinkingTableHasTheEntriesThatStay) {
+  Contents contents;
+  std::vector<Change> changes;
+  const uint64_t full = isLong() ? kKeys : 75;  // one more page than the 70 that a page takes
+  for (uint64_t key = 1; key <= full; ++key) contents[key] = key;
+  for (uint64_t key = 1; key <= full - 5; ++key) changes.push_back({Change::Erase, key});
+  stepThrough(contents, changes, isLong() ? 1 : 5);
+  report(60);
+}
+
 // A writer may also be killed while it takes a table over.
 TEST_F(SteppingTest, EachStateOfARepairCanBeRepaired) {
   Contents contents;

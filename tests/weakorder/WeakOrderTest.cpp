@@ -152,6 +152,23 @@ Outcome splitTwice(size_t exceptions) {
   return all;
 }
 
+/// Pages are joined, and the directory is halved.
+Outcome joined(size_t exceptions) {
+  constexpr uint64_t kCount = 160;
+  constexpr uint64_t kStay = 152;
+  const auto change = [](Map& map) {
+    for (uint64_t key = 1; key < kStay; ++key) map.erase(key);
+  };
+  Outcome all;
+  for (uint64_t key = kStay - 2; key <= kCount; ++key) {
+    const auto allowed = key < kStay ? std::vector<uint64_t>{key, 0} : std::vector{key};
+    const Outcome one = explore(kCount, change, key, allowed, exceptions);
+    all.runs += one.runs;
+    if (!one.complaint.empty()) return one;
+  }
+  return all;
+}
+
 Outcome repaired(size_t exceptions) {
   return explore(
       3, [](Map& map) { map.validate(); }, 2, {2}, exceptions);
@@ -216,6 +233,7 @@ constexpr Scenario kScenarios[] = {
     {"an entry is removed", removedAndCounted, 3, Weak::Model::kAll},
     {"entries come and go", comeAndGone, 2, 3},
     {"pages are split", splitTwice, 1, 2},
+    {"pages are joined", joined, 1, 2},
     {"a table is repaired", repaired, 2, 3},
     {"ids of FECs are used again", idsUsedAgain, 2, 3},
 };
