@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <exception>
 #include <new>
 
 namespace Kiv::detail {
@@ -60,6 +61,16 @@ std::byte* map(size_t bytes) {
   return start;
 }
 
+/// Moves pages to the place of others that were never written. Returns false if the kernel refuses.
+bool movePages(std::byte* from, size_t bytes, std::byte* to) noexcept {
+  if (mremap(from, bytes, bytes, MREMAP_MAYMOVE | MREMAP_FIXED, to) != MAP_FAILED) return true;
+  // It may have unmapped the others before.
+  const void* const mapped =
+      mmap(to, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  if (mapped == MAP_FAILED) std::terminate();
+  return false;
+}
+
 }  // namespace
 
 HashBlock* HashBlock::allocate(size_t elements, size_t slotSize) {
@@ -112,12 +123,25 @@ void HashBlock::release(std::byte* end) noexcept {
   }
 }
 
-std::byte* HashBlock::releaseBehind(size_t groups, size_t slotSize, std::byte* end) noexcept {
+std::byte* HashBlock::moveBehind(size_t groups, size_t slotSize, std::byte* end, HashBlock& to,
+                                 Unfilled& unfilled) noexcept {
   if (!isMapped) return end;
   std::byte* const unused = upToHugePage(slots(groups, slotSize));
-  if (unused >= end) return end;
-  munmap(unused, static_cast<size_t>(end - unused));
-  return unused;
+  while (end > unused) {
+    std::byte* const piece = downToHugePage(end - 1);
+    const auto bytes = static_cast<size_t>(end - piece);
+    // Where huge pages begin, so that the kernel moves whole page tables.
+    std::byte* const target =
+        downToHugePage(std::min(unfilled.from, to.slots(unfilled.end, slotSize))) - kHugePage;
+    if (to.isMapped && target >= to.slots(unfilled.used, slotSize) &&
+        movePages(piece, bytes, target)) {
+      unfilled.from = target;
+    } else {
+      munmap(piece, bytes);
+    }
+    end = piece;
+  }
+  return end;
 }
 
 void HashBlock::releaseAround(void* slot, size_t slotSize) noexcept {

@@ -146,11 +146,19 @@ struct HashBlock {
     return reinterpret_cast<std::byte*>(this + 1) + group * HashGroup::kSlots * slotSize;
   }
 
+  /// The slots of a block that is filled in descending order, to which pages may be moved: those
+  /// that were never written.
+  struct Unfilled {
+    size_t used;      ///< the number of first groups that have elements out of order
+    size_t end;       ///< the group from which on they are filled
+    std::byte* from;  ///< the lowest page that was moved here
+  };
   /// The block that is being emptied into this one, its last group first.
   struct alignas(16) Emptying {
     HashBlock* block;
     size_t groups;   ///< the groups still to be emptied
-    std::byte* end;  ///< of the memory that has not been given back yet
+    std::byte* end;  ///< of the memory that has not been given back or moved yet
+    Unfilled reuse;  ///< of this block
   };
   /// \pre emptiesAnother
   Emptying& emptying() noexcept {
@@ -168,9 +176,12 @@ struct HashBlock {
   void useHugePages(size_t slotSize) noexcept;
   /// Releases the memory up to `end`; the memory behind it was released before.
   void release(std::byte* end) noexcept;
-  /// Gives back what it can of the slots behind the first `groups` groups, when it is worth a call.
+  /// Moves the pages of the slots behind the first `groups` groups to unfilled slots of another
+  /// block, or else gives them back, when it is worth a call. A page that is moved costs a fiftieth
+  /// of one that is given back and of a new one.
   /// \returns where the rest ends.
-  std::byte* releaseBehind(size_t groups, size_t slotSize, std::byte* end) noexcept;
+  std::byte* moveBehind(size_t groups, size_t slotSize, std::byte* end, HashBlock& to,
+                        Unfilled& unfilled) noexcept;
   /// Gives back the pages around a slot when no element is left on them. The slots stay usable.
   void releaseAround(void* slot, size_t slotSize) noexcept;
 };
