@@ -124,7 +124,7 @@ void HashBlock::release(std::byte* end) noexcept {
 }
 
 std::byte* HashBlock::moveBehind(size_t groups, size_t slotSize, std::byte* end, HashBlock& to,
-                                 Unfilled& unfilled) noexcept {
+                                 size_t filled, std::byte*& reused) noexcept {
   if (!isMapped) return end;
   std::byte* const unused = upToHugePage(slots(groups, slotSize));
   while (end > unused) {
@@ -132,10 +132,10 @@ std::byte* HashBlock::moveBehind(size_t groups, size_t slotSize, std::byte* end,
     const auto bytes = static_cast<size_t>(end - piece);
     // Where huge pages begin, so that the kernel moves whole page tables.
     std::byte* const target =
-        downToHugePage(std::min(unfilled.from, to.slots(unfilled.end, slotSize))) - kHugePage;
-    if (to.isMapped && target >= to.slots(unfilled.used, slotSize) &&
-        movePages(piece, bytes, target)) {
-      unfilled.from = target;
+        downToHugePage(std::min(reused, to.slots(filled, slotSize))) - kHugePage;
+    if (to.isMapped && target >= to.slots(0, slotSize) &&
+        to.isUnused(target, target + bytes, slotSize) && movePages(piece, bytes, target)) {
+      reused = target;
     } else {
       munmap(piece, bytes);
     }
@@ -151,12 +151,18 @@ void HashBlock::releaseAround(void* slot, size_t slotSize) noexcept {
   std::byte* const from = std::max(page, first + -reinterpret_cast<uintptr_t>(first) % kPage);
   std::byte* const to = std::min(page + kHugePage, end(slotSize));
   if (from >= to) return;
+  if (!isUnused(from, to, slotSize)) return;
+  madvise(from, static_cast<size_t>(to - from), MADV_DONTNEED);
+}
+
+bool HashBlock::isUnused(const std::byte* from, const std::byte* to, size_t slotSize) noexcept {
+  const std::byte* const first = slots(0, slotSize);
   const size_t groupBytes = HashGroup::kSlots * slotSize;
   const size_t last = std::min(static_cast<size_t>(to - 1 - first) / groupBytes, groupCount() - 1);
   for (auto number = static_cast<size_t>(from - first) / groupBytes; number <= last; ++number) {
-    if (HashMatcher::full(*group(number)) != 0) return;
+    if (HashMatcher::full(*group(number)) != 0) return false;
   }
-  madvise(from, static_cast<size_t>(to - from), MADV_DONTNEED);
+  return true;
 }
 
 }  // namespace Kiv::detail

@@ -304,13 +304,13 @@ class HashMap {
 
  private:
   // An insertion moves groups until it has moved so many elements or emptied so many groups.
-  static constexpr uint32_t kElementsMoved = 24;
+  static constexpr uint32_t kElementsMoved = 48;
   static constexpr uint32_t kGroupsEmptied = 64;
   // The groups of the next insertion, whose memory one prefetches.
-  static constexpr size_t kGroupsAhead = 2;
+  static constexpr size_t kGroupsAhead = 4;
   // A key whose group is full goes to another group of the block that is being emptied, if one of
   // so many has room.
-  static constexpr size_t kStepsInOlder = 4;
+  static constexpr size_t kStepsInOlder = 16;
   // A table of so many groups is small enough to be rebuilt at once.
   static constexpr size_t kGroupsRebuilt = 16;
 
@@ -380,7 +380,7 @@ class HashMap {
   /// The same while another block is emptied. A key whose group there is still to be moved goes
   /// there, so that the slots of the new block are filled in order; see HashBlock::moveBehind().
   [[gnu::noinline]] Place emptyPlaceInEither(uint32_t hash) {
-    auto& [old, groups, end, reuse] = block_->emptying();
+    auto& [old, groups, end, reused] = block_->emptying();
     size_t group = homeOf(old, hash);
     for (size_t step = group < groups ? 1 : kStepsInOlder + 1; step <= kStepsInOlder; ++step) {
       const uint32_t empty = Matcher::matching(*old->group(group), Group::kEmptySlot);
@@ -388,18 +388,7 @@ class HashMap {
       old->group(group)->overflow |= Group::overflowBitOf(hash);
       group = nextGroup(old, group, step);
     }
-    return emptyPlaceInNewer(hash);
-  }
-  /// The same for a key that must go to the new block.
-  Place emptyPlaceInNewer(uint32_t hash) {
-    const Place place = emptyPlace(block_, hash);
-    if (!block_->emptiesAnother) return place;
-    const auto group = static_cast<size_t>(block_->group(0) - place.controls());
-    auto& emptying = block_->emptying();
-    if (group < firstFilled(*emptying.block, emptying.groups)) {
-      emptying.reuse.used = std::max(emptying.reuse.used, group + 1);
-    }
-    return place;
+    return emptyPlace(block_, hash);
   }
   /// The group of the new block to which the first element of a group of the old one goes.
   size_t firstFilled(const Block& old, size_t group) const {
@@ -517,7 +506,7 @@ class HashMap {
       block_->emptying() = {.block = old,
                             .groups = old->groupCount(),
                             .end = old->end(sizeof(Entry)),
-                            .reuse = {.used = 0, .from = block_->end(sizeof(Entry))}};
+                            .reused = block_->end(sizeof(Entry))};
       moveSome();
     } else {
       for (size_t group = old->groupCount(); group-- > 0;) moveGroup(*old, group);
@@ -527,7 +516,7 @@ class HashMap {
   }
   void moveSome() {
     block_->generation = detail::nextHashGeneration();
-    auto& [old, groups, end, reuse] = block_->emptying();
+    auto& [old, groups, end, reused] = block_->emptying();
     const uint32_t enough = old->size - std::min(old->size, kElementsMoved);
     for (uint32_t i = 0; i < kGroupsEmptied && old->size > enough; ++i) moveGroup(*old, --groups);
     if (old->size == 0) {
@@ -535,11 +524,11 @@ class HashMap {
       block_->emptiesAnother = false;
       block_->useHugePages(sizeof(Entry));
     } else {
-      reuse.end = firstFilled(*old, groups);
-      end = old->moveBehind(groups, sizeof(Entry), end, *block_, reuse);
+      const size_t filled = firstFilled(*old, groups);
+      end = old->moveBehind(groups, sizeof(Entry), end, *block_, filled, reused);
       const size_t next = groups - std::min(groups, kGroupsAhead);
       prefetchGroups(old, next, groups);
-      prefetchGroups(block_, firstFilled(*old, next), reuse.end);
+      prefetchGroups(block_, firstFilled(*old, next), filled);
     }
   }
   static void prefetchGroups(Block* block, size_t first, size_t end) {
@@ -572,7 +561,7 @@ class HashMap {
         empty &= ~(1U << slot);
         to = Place(block_, home, slot);
       } else {
-        to = emptyPlaceInNewer(hash);
+        to = emptyPlace(block_, hash);
         known[0] = known[1] = {};
       }
       new (to.entry) Entry(std::move(*from.entry));
