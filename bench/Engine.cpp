@@ -50,10 +50,11 @@ void events(const Options& options, const std::string& name, size_t hosts) {
       engine.learn(host);
     }
     std::vector<double> ofFloor[kEvents], ofEngine[kEvents], traced[kEvents], kept[kEvents];
+    std::vector<double> floorAgain, engineAgain;
     std::mt19937_64 random(1);
     for (size_t round = 0; round < options.rounds; ++round) {
-      timeEvents(floor, drawn(1000, hosts, random), ofFloor);
-      timeEvents(engine, drawn(1000, hosts, random), ofEngine);
+      timeEvents(floor, drawn(1000, hosts, random), ofFloor, &floorAgain);
+      timeEvents(engine, drawn(1000, hosts, random), ofEngine, &engineAgain);
       F::trace().levelIs(0, true);
       timeEvents(engine, drawn(1000, hosts, random), traced);
       F::trace().levelIs(0, false);
@@ -69,6 +70,8 @@ void events(const Options& options, const std::string& name, size_t hosts) {
       medians.push_back(median(ofFloor[event]));
       medians.push_back(median(kept[event]));
     }
+    medians.push_back(median(engineAgain));
+    medians.push_back(median(floorAgain));
     return medians;
   });
   for (size_t event = 0; event < kEvents; ++event) {
@@ -80,6 +83,10 @@ void events(const Options& options, const std::string& name, size_t hosts) {
             {"ns_history", figures[4 * event + 3]},
             {"history_ratio", figures[4 * event + 3] / figures[4 * event]}});
   }
+  const double again = figures[4 * kEvents];
+  const double floorAgain = figures[4 * kEvents + 1];
+  report(name + "/updated again", static_cast<double>(hosts),
+         {{"ns", again}, {"floor_ns", floorAgain}, {"ratio", again / floorAgain}});
 }
 
 template <class Subject>

@@ -165,6 +165,39 @@ TEST(HashMapTest, GivesMemoryBackWhenItShrinks) {
   EXPECT_EQ(shared->referenceCount(), 1);
 }
 
+/// Crowds half of the keys in the last quarter of the groups, so that many go on to other groups.
+struct UnevenHash {
+  uint32_t operator()(uint64_t key) const {
+    return hashWord(key) | (key % 2 == 0 ? 0U : 0xc0000000U);
+  }
+};
+
+// The pages of a large block are moved to the next one, while elements come and go.
+TEST(HashMapTest, KeepsAllElementsWhileALargeBlockIsReplaced) {
+  const auto check = [](auto map) {
+    constexpr uint64_t kCount = 300'000;
+    std::vector<bool> isThere(kCount);
+    for (uint64_t n = 0; n < kCount; ++n) {
+      map.tryEmplace(n, std::array{n, ~n, n});
+      isThere[n] = true;
+      if (n % 5 == 0) {
+        map.erase(n / 2);
+        isThere[n / 2] = false;
+      }
+      if ((n + 1) % 50'000 != 0) continue;
+      for (uint64_t key = 0; key <= n; ++key) {
+        const auto* found = map.find(key);
+        ASSERT_EQ(found != nullptr, isThere[key]) << key << " at " << n;
+        if (found != nullptr) ASSERT_EQ((*found)[1], ~key) << "at " << n;
+      }
+      ASSERT_EQ(map.keys().size(), map.size());
+    }
+  };
+  using Value = std::array<uint64_t, 3>;
+  check(HashMap<uint64_t, Value>());
+  check(HashMap<uint64_t, Value, UnevenHash>());
+}
+
 // A switch has millions of maps that are empty or almost empty.
 TEST(HashMapTest, SmallMapsAreSmall) {
   HashMap<uint32_t, Present> set;

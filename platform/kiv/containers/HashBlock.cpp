@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <exception>
 #include <new>
 
 namespace Kiv::detail {
@@ -60,6 +61,16 @@ std::byte* map(size_t bytes) {
   return start;
 }
 
+/// Moves pages to the place of others that were never written. Returns false if the kernel refuses.
+bool movePages(std::byte* from, size_t bytes, std::byte* to) noexcept {
+  if (mremap(from, bytes, bytes, MREMAP_MAYMOVE | MREMAP_FIXED, to) != MAP_FAILED) return true;
+  // It may have unmapped the others before.
+  const void* const mapped =
+      mmap(to, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  if (mapped == MAP_FAILED) std::terminate();
+  return false;
+}
+
 }  // namespace
 
 HashBlock* HashBlock::allocate(size_t elements, size_t slotSize) {
@@ -112,12 +123,25 @@ void HashBlock::release(std::byte* end) noexcept {
   }
 }
 
-std::byte* HashBlock::releaseBehind(size_t groups, size_t slotSize, std::byte* end) noexcept {
+std::byte* HashBlock::moveBehind(size_t groups, size_t slotSize, std::byte* end, HashBlock& to,
+                                 size_t filled, std::byte*& reused) noexcept {
   if (!isMapped) return end;
   std::byte* const unused = upToHugePage(slots(groups, slotSize));
-  if (unused >= end) return end;
-  munmap(unused, static_cast<size_t>(end - unused));
-  return unused;
+  while (end > unused) {
+    std::byte* const piece = downToHugePage(end - 1);
+    const auto bytes = static_cast<size_t>(end - piece);
+    // Where huge pages begin, so that the kernel moves whole page tables.
+    std::byte* const target =
+        downToHugePage(std::min(reused, to.slots(filled, slotSize))) - kHugePage;
+    if (to.isMapped && target >= to.slots(0, slotSize) &&
+        to.isUnused(target, target + bytes, slotSize) && movePages(piece, bytes, target)) {
+      reused = target;
+    } else {
+      munmap(piece, bytes);
+    }
+    end = piece;
+  }
+  return end;
 }
 
 void HashBlock::releaseAround(void* slot, size_t slotSize) noexcept {
@@ -127,12 +151,18 @@ void HashBlock::releaseAround(void* slot, size_t slotSize) noexcept {
   std::byte* const from = std::max(page, first + -reinterpret_cast<uintptr_t>(first) % kPage);
   std::byte* const to = std::min(page + kHugePage, end(slotSize));
   if (from >= to) return;
+  if (!isUnused(from, to, slotSize)) return;
+  madvise(from, static_cast<size_t>(to - from), MADV_DONTNEED);
+}
+
+bool HashBlock::isUnused(const std::byte* from, const std::byte* to, size_t slotSize) noexcept {
+  const std::byte* const first = slots(0, slotSize);
   const size_t groupBytes = HashGroup::kSlots * slotSize;
   const size_t last = std::min(static_cast<size_t>(to - 1 - first) / groupBytes, groupCount() - 1);
   for (auto number = static_cast<size_t>(from - first) / groupBytes; number <= last; ++number) {
-    if (HashMatcher::full(*group(number)) != 0) return;
+    if (HashMatcher::full(*group(number)) != 0) return false;
   }
-  madvise(from, static_cast<size_t>(to - from), MADV_DONTNEED);
+  return true;
 }
 
 }  // namespace Kiv::detail

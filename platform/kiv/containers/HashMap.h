@@ -238,11 +238,13 @@ class HashMap {
   V* add(const K& key, uint32_t hash, Args&&... args) {
     if (block_->free == 0 || block_->emptiesAnother) makeRoom();
     block_->generation = detail::nextHashGeneration();
-    const Place place = emptyPlace(block_, hash);
+    const Place place =
+        block_->emptiesAnother ? emptyPlaceInEither(hash) : emptyPlace(block_, hash);
     Entry* entry = new (place.entry) Entry{key, V(std::forward<Args>(args)...)};
     *place.control = Group::tagOf(hash);
     ++block_->size;
     --block_->free;
+    if (Block* const block = blockOf(place); block != block_) ++block->size;
     return &entry->value;
   }
   /// Adds a key to a set. \returns true when it was not there.
@@ -302,8 +304,13 @@ class HashMap {
 
  private:
   // An insertion moves groups until it has moved so many elements or emptied so many groups.
-  static constexpr uint32_t kElementsMoved = 8;
+  static constexpr uint32_t kElementsMoved = 48;
   static constexpr uint32_t kGroupsEmptied = 64;
+  // The groups of the next insertion, whose memory one prefetches.
+  static constexpr size_t kGroupsAhead = 4;
+  // A key whose group is full goes to another group of the block that is being emptied, if one of
+  // so many has room.
+  static constexpr size_t kStepsInOlder = 16;
   // A table of so many groups is small enough to be rebuilt at once.
   static constexpr size_t kGroupsRebuilt = 16;
 
@@ -369,6 +376,23 @@ class HashMap {
       block->group(group)->overflow |= Group::overflowBitOf(hash);
       group = nextGroup(block, group, step);
     }
+  }
+  /// The same while another block is emptied. A key whose group there is still to be moved goes
+  /// there, so that the slots of the new block are filled in order; see HashBlock::moveBehind().
+  [[gnu::noinline]] Place emptyPlaceInEither(uint32_t hash) {
+    auto& [old, groups, end, reused] = block_->emptying();
+    size_t group = homeOf(old, hash);
+    for (size_t step = group < groups ? 1 : kStepsInOlder + 1; step <= kStepsInOlder; ++step) {
+      const uint32_t empty = Matcher::matching(*old->group(group), Group::kEmptySlot);
+      if (group < groups && empty != 0) return Place(old, group, chosenOf(empty, hash));
+      old->group(group)->overflow |= Group::overflowBitOf(hash);
+      group = nextGroup(old, group, step);
+    }
+    return emptyPlace(block_, hash);
+  }
+  /// The group of the new block to which the first element of a group of the old one goes.
+  size_t firstFilled(const Block& old, size_t group) const {
+    return static_cast<size_t>((uint64_t{group} << old.shift) >> block_->shift);
   }
   /// The slot in which to put a key if it is empty, else one of the next.
   static size_t firstChoice(uint32_t hash) {
@@ -479,7 +503,10 @@ class HashMap {
     block_->free -= old->size;
     if (old->groupCount() > kGroupsRebuilt) {
       block_->emptiesAnother = true;
-      block_->emptying() = {old, old->groupCount(), old->end(sizeof(Entry))};
+      block_->emptying() = {.block = old,
+                            .groups = old->groupCount(),
+                            .end = old->end(sizeof(Entry)),
+                            .reused = block_->end(sizeof(Entry))};
       moveSome();
     } else {
       for (size_t group = old->groupCount(); group-- > 0;) moveGroup(*old, group);
@@ -489,7 +516,7 @@ class HashMap {
   }
   void moveSome() {
     block_->generation = detail::nextHashGeneration();
-    auto& [old, groups, end] = block_->emptying();
+    auto& [old, groups, end, reused] = block_->emptying();
     const uint32_t enough = old->size - std::min(old->size, kElementsMoved);
     for (uint32_t i = 0; i < kGroupsEmptied && old->size > enough; ++i) moveGroup(*old, --groups);
     if (old->size == 0) {
@@ -497,8 +524,20 @@ class HashMap {
       block_->emptiesAnother = false;
       block_->useHugePages(sizeof(Entry));
     } else {
-      end = old->releaseBehind(groups, sizeof(Entry), end);
+      const size_t filled = firstFilled(*old, groups);
+      end = old->moveBehind(groups, sizeof(Entry), end, *block_, filled, reused);
+      const size_t next = groups - std::min(groups, kGroupsAhead);
+      prefetchGroups(old, next, groups);
+      prefetchGroups(block_, firstFilled(*old, next), filled);
     }
+  }
+  static void prefetchGroups(Block* block, size_t first, size_t end) {
+    constexpr size_t kLine = 64;
+    const std::byte* const last = block->slots(end, sizeof(Entry));
+    for (const auto* at = block->slots(first, sizeof(Entry)); at < last; at += kLine) {
+      Kiv::prefetch(at);
+    }
+    Kiv::prefetch(block->group(first));
   }
   void moveGroup(Block& old, size_t number) {
     // The empty slots of the groups to which these elements go, for the most part two neighbours.
@@ -542,8 +581,8 @@ class HashMap {
       for (RangeWalk at(block); at != std::default_sentinel; ++at) at.entry()->~Entry();
     }
     if (block->emptiesAnother) {
-      const auto& [old, groups, end] = block->emptying();
-      old->release(end);
+      const auto& emptying = block->emptying();
+      emptying.block->release(emptying.end);
     }
     release(block);
   }
