@@ -15,12 +15,12 @@
 namespace Cli {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kAnonymizeDescription =
     R"(Prints a recording with other addresses, MACs and names of interfaces and VRFs, so that it
 can be given to others. It means the same to the machines as before: prefixes keep their lengths and
 nesting, and the same address or name becomes the same other one throughout.)";
 
-constexpr const char* kFooter =
+constexpr const char* kAnonymizeFooter =
     R"(Loopback, link-local, multicast and reserved prefixes stay, and with them some of the leading
 bits of other addresses; the VRF "default" and the times stay, too. Comments are left out. Without
 --key, nobody can tell the former addresses, not even by guessing; with it, who knows the key can.
@@ -32,7 +32,7 @@ Examples:
 Exit status: 0 done; 1 the output cannot be written; 2 the command line is malformed, the input
 cannot be read, or a line of it is no event.)";
 
-struct Options {
+struct AnonymizeOptions {
   std::string file;
   std::string key;
 };
@@ -43,7 +43,7 @@ Anonymizer::Key randomKey() {
   return {word(), word()};
 }
 
-void anonymize(const Options& options) {
+void anonymize(const AnonymizeOptions& options) {
   Input input(options.file);
   Anonymizer anonymizer(options.key.empty() ? randomKey() : Anonymizer::keyOf(options.key));
   std::vector<std::string> lines;
@@ -68,14 +68,14 @@ void anonymize(const Options& options) {
 }  // namespace
 
 void addAnonymizeCommand(CLI::App& app) {
-  const auto options = std::make_shared<Options>();
-  auto* command = app.add_subcommand("anonymize", kDescription);
+  const auto options = std::make_shared<AnonymizeOptions>();
+  auto* command = app.add_subcommand("anonymize", kAnonymizeDescription);
   command->add_option("file", options->file, "The recording; - for standard input")
       ->type_name("FILE")
       ->required();
   command->add_option("--key", options->key, "What the mapping is made by; else it is drawn")
       ->type_name("TEXT");
-  command->footer(kFooter);
+  command->footer(kAnonymizeFooter);
   command->callback([options] { anonymize(*options); });
 }
 

@@ -27,11 +27,11 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* kDescription =
+constexpr const char* kDiffDescription =
     R"(Compares the host routes of two switches, or of one before and after: by VRF and prefix,
 their types, metrics, preferences and next hops. The numbers of FECs do not count.)";
 
-constexpr const char* kFooter =
+constexpr const char* kDiffFooter =
     R"(A dump is what `replay --json`, `replay --json-lines` or `routes --json` printed; - is
 standard input. Of several dumps of one machine in it, the last counts. With --table, the tables
 that a process keeps in shared memory stand for the second dump.
@@ -49,7 +49,7 @@ cannot be read.)";
 
 constexpr int kDifferent = 1;
 
-struct Options {
+struct DiffOptions {
   std::vector<std::string> files;
   std::optional<std::string> table;
   std::optional<std::string> vrf;
@@ -243,7 +243,7 @@ Snapshot readTables(const std::string& name) {
 /// Prints the differences: JSON at once, a table at the end.
 class Differences {
  public:
-  explicit Differences(const Options& options) : options_(options) {}
+  explicit Differences(const DiffOptions& options) : options_(options) {}
 
   template <class F>
   void find(const HostRoutes<F>& before, const HostRoutes<F>& after) {
@@ -298,12 +298,12 @@ class Differences {
     std::cout << Replay::JsonObject().add("difference", object.text()).text() << '\n';
   }
 
-  const Options& options_;
+  const DiffOptions& options_;
   bool areEqual_ = true;
   Replay::TextTable table_{{" ", "VRF", "FAMILY", "PREFIX", "TYPE", "METRIC", "PREFERENCE", "VIA"}};
 };
 
-int compare(const Options& options) {
+int compare(const DiffOptions& options) {
   const size_t wanted = options.table ? 1 : 2;
   if (options.files.size() != wanted) {
     throw CommandError("hostroute diff", "two dumps are needed, or one and --table", kMisused);
@@ -329,8 +329,8 @@ int compare(const Options& options) {
 }  // namespace
 
 void addDiffCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("diff", kDescription);
-  const auto options = std::make_shared<Options>();
+  auto* command = app.add_subcommand("diff", kDiffDescription);
+  const auto options = std::make_shared<DiffOptions>();
   command->add_option("dumps", options->files, "The dumps; - for standard input")
       ->type_name("DUMP")
       ->expected(1, 2)
@@ -342,7 +342,7 @@ void addDiffCommand(CLI::App& app, int& exitCode) {
       ->type_name("FAMILY")
       ->check(CLI::IsMember({4, 6}));
   command->add_flag("--json", options->json, "Print one JSON object for each difference");
-  command->footer(kFooter);
+  command->footer(kDiffFooter);
   command->callback([options, &exitCode] {
     try {
       exitCode = compare(*options);

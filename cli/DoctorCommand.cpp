@@ -25,12 +25,12 @@
 namespace Cli {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kDoctorDescription =
     R"(Looks at this machine and says what will hurt hostrouted, each with what mends it: kernel
 settings, limits, the configuration of FRR or BIRD, tables that others write to, routing rules that
 lead past them, capabilities, the clock. It changes nothing.)";
 
-constexpr const char* kFooter =
+constexpr const char* kDoctorFooter =
     R"(Tables, protocol and interfaces are those of the running hostrouted. Without one, they are as
 given here; all interfaces are looked at unless some are named.
 
@@ -44,7 +44,7 @@ Exit status: 0 nothing but notes; 1 the kernel cannot be asked; 2 the command li
 
 constexpr int kFound = 3;
 
-struct Options {
+struct DoctorOptions {
   ControlOptions control;
   std::string root = "/";
   std::vector<std::string> interfaces;
@@ -53,7 +53,7 @@ struct Options {
 };
 
 /// Fills in the configuration of the running daemon. \return false when no daemon answers.
-bool askDaemon(const Options& options, const std::string& place, Machine& machine,
+bool askDaemon(const DoctorOptions& options, const std::string& place, Machine& machine,
                std::vector<std::string>& patterns) {
   Json status;
   try {
@@ -98,7 +98,7 @@ void askKernel(Machine& machine, const std::vector<std::string>& patterns) {
   });
 }
 
-void print(const Options& options, const std::vector<Advice>& advice, bool hasDaemon) {
+void print(const DoctorOptions& options, const std::vector<Advice>& advice, bool hasDaemon) {
   if (options.json) {
     for (const auto& found : advice) {
       std::cout << shownJson({{"weight", toString(found.weight)},
@@ -137,7 +137,7 @@ bool runs(std::string_view name) {
   return false;
 }
 
-int examineMachine(const Options& options, const std::string& place) {
+int examineMachine(const DoctorOptions& options, const std::string& place) {
   Machine machine;
   machine.root = options.root;
   std::vector<std::string> patterns;
@@ -169,8 +169,8 @@ int examineMachine(const Options& options, const std::string& place) {
 }  // namespace
 
 void addDoctorCommand(CLI::App& app, int& exitCode) {
-  const auto options = std::make_shared<Options>();
-  auto* command = app.add_subcommand("doctor", kDescription);
+  const auto options = std::make_shared<DoctorOptions>();
+  auto* command = app.add_subcommand("doctor", kDoctorDescription);
   command->add_option("--interfaces", options->interfaces, "Whose neighbours count, as patterns")
       ->type_name("LIST")
       ->delimiter(',');
@@ -185,7 +185,7 @@ void addDoctorCommand(CLI::App& app, int& exitCode) {
       ->type_name("DIR")
       ->check(CLI::ExistingDirectory);
   command->add_flag("--json", options->json, "Print one JSON object for each finding");
-  command->footer(kFooter);
+  command->footer(kDoctorFooter);
   addLiveCommand(*command, options->control, exitCode,
                  [options](const std::string& place) { return examineMachine(*options, place); });
 }

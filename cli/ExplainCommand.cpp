@@ -19,12 +19,12 @@
 namespace Cli {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kExplainDescription =
     R"(Says why an address has a host route or none: what the machine of its VRF finds, in the order
 in which it decides, which route wins, why each other one loses, and, where there is no route, the
 condition that is missing and what would mend it.)";
 
-constexpr const char* kFooter = R"(Examples:
+constexpr const char* kExplainFooter = R"(Examples:
   hostroute explain 10.1.10.11                                in the running hostrouted
   hostroute explain 10.1.10.11 --replay leaf.jsonl            at the end of a recording
   hostroute explain 10.1.10.11 --replay leaf.jsonl --at 120   after its line 120
@@ -34,7 +34,7 @@ constexpr const char* kFooter = R"(Examples:
 Exit status: 0 the address has a route; 1 it has none, or no daemon answers; 2 the command line is malformed, the input
 cannot be read or is malformed, or there is no such VRF.)";
 
-const std::string kPlace = "hostroute explain";
+const std::string kExplainPlace = "hostroute explain";
 
 int explainRecording(const ExplainOptions& options) {
   Daemon::Switch sw({.settles = options.settles});
@@ -53,14 +53,14 @@ int explainRecording(const ExplainOptions& options) {
     requireOutput();
     return explanation.winner ? 0 : kFailed;
   } catch (const Kiv::RangeException& error) {
-    throw CommandError(kPlace, error.what(), kMisused);
+    throw CommandError(kExplainPlace, error.what(), kMisused);
   }
 }
 
 }  // namespace
 
 void addExplainCommand(CLI::App& app, int& exitCode, ExplainLive live) {
-  auto* command = app.add_subcommand("explain", kDescription);
+  auto* command = app.add_subcommand("explain", kExplainDescription);
   const auto options = std::make_shared<ExplainOptions>();
   command->add_option("address", options->address, "The address, IPv4 or IPv6")
       ->type_name("ADDRESS")
@@ -68,7 +68,7 @@ void addExplainCommand(CLI::App& app, int& exitCode, ExplainLive live) {
   addStateOptions(*command, *options, static_cast<bool>(live),
                   "After this line of them, not at their end");
   command->add_flag("--json", options->json, "Print one JSON object");
-  command->footer(kFooter);
+  command->footer(kExplainFooter);
   command->callback([options, live = std::move(live), &exitCode] {
     exitCode = options->recording.empty() ? live(*options) : explainRecording(*options);
   });

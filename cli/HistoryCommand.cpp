@@ -25,11 +25,11 @@
 namespace Cli {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kHistoryDescription =
     R"(Tells what became of the host routes at or inside a prefix: each change, with the event that
 caused it.)";
 
-constexpr const char* kFooter = R"(Examples:
+constexpr const char* kHistoryFooter = R"(Examples:
   hostroute history 10.1.10.11                             one host, in the running hostrouted
   hostroute history 10.1.10.11 --replay leaf.jsonl         one host of a recording
   hostroute history 10.1.10.0/24 --replay leaf.jsonl       a subnet
@@ -45,7 +45,7 @@ struct Change {
 };
 
 /// A change as a JSON object. Its time is the time in the recording, not the time of this replay.
-Json json(const Change& change) {
+Json jsonOf(const Change& change) {
   Json object = {{"line", change.at.line}};
   object.update(Replay::toJson(change.entry));
   object.erase("time");
@@ -55,7 +55,7 @@ Json json(const Change& change) {
 
 void print(const std::deque<Change>& changes, const HistoryOptions& options) {
   if (options.json) {
-    for (const auto& change : changes) std::cout << shownJson(json(change)) << '\n';
+    for (const auto& change : changes) std::cout << shownJson(jsonOf(change)) << '\n';
     return;
   }
   const bool hasTimes =
@@ -95,7 +95,7 @@ int tellRecording(const HistoryOptions& options) {
 }  // namespace
 
 void addHistoryCommand(CLI::App& app, int& exitCode, HistoryLive live) {
-  auto* command = app.add_subcommand("history", kDescription);
+  auto* command = app.add_subcommand("history", kHistoryDescription);
   const auto options = std::make_shared<HistoryOptions>();
   command->add_option("prefix", options->prefix, "A prefix or an address, IPv4 or IPv6")
       ->type_name("PREFIX")
@@ -107,7 +107,7 @@ void addHistoryCommand(CLI::App& app, int& exitCode, HistoryLive live) {
       ->type_name("COUNT")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()));
   command->add_flag("--json", options->json, "Print one JSON object for each change");
-  command->footer(kFooter);
+  command->footer(kHistoryFooter);
   command->callback([options, live = std::move(live), &exitCode] {
     exitCode = options->recording.empty() ? live(*options) : tellRecording(*options);
   });

@@ -41,16 +41,16 @@ constexpr std::array kSources{
     Source{&IpDocuments::nexthop, "--nexthop", "nexthop.json", "ip -N -j nexthop"},
 };
 
-struct Options {
+struct ImportOptions {
   std::optional<std::string> directory;
   std::array<std::string, kSources.size()> files;
 };
 
-constexpr const char* kDescription =
+constexpr const char* kImportDescription =
     R"(Turns what `ip -j` prints about a Linux machine into a replay on standard output.
 Without an option it runs `ip` in the present network namespace.)";
 
-constexpr const char* kFooter = R"(Imported:
+constexpr const char* kImportFooter = R"(Imported:
   - every interface with a layer 3 of its own. Ports of a bridge or a bond have none. It is in the
     VRF of its master of kind vrf (which only `ip -d` tells), else in the VRF "default"; a VRF
     device is an interface of its own VRF. A VRF device called default is the VRF "linux:default".
@@ -125,7 +125,7 @@ std::string readCommand(const std::string& command) {
   return text;
 }
 
-IpDocuments readDocuments(const Options& options) {
+IpDocuments readDocuments(const ImportOptions& options) {
   bool isHere = !options.directory;
   if (options.directory && options.directory->empty()) {
     throw CommandError("hostroute import", "--dir names no directory", kMisused);
@@ -161,7 +161,7 @@ IpDocuments readDocuments(const Options& options) {
 }
 
 /// Refuses files without the list of links, and standard input for more than one file.
-void checkFiles(const Options& options) {
+void checkFiles(const ImportOptions& options) {
   const auto isGiven = [&](auto IpDocuments::*document) {
     const auto source = std::find_if(kSources.begin(), kSources.end(),
                                      [&](const auto& known) { return known.document == document; });
@@ -182,8 +182,8 @@ void checkFiles(const Options& options) {
 }  // namespace
 
 void addImportCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("import", kDescription);
-  const auto options = std::make_shared<Options>();
+  auto* command = app.add_subcommand("import", kImportDescription);
+  const auto options = std::make_shared<ImportOptions>();
   command->add_option("--dir", options->directory, "Directory with link.json, addr.json ...")
       ->type_name("DIR");
   for (size_t i = 0; i < kSources.size(); ++i) {
@@ -193,7 +193,7 @@ void addImportCommand(CLI::App& app, int& exitCode) {
             std::string("What `") + kSources[i].command + "` printed; - for standard input")
         ->type_name("FILE");
   }
-  command->footer(kFooter);
+  command->footer(kImportFooter);
   command->callback([options, &exitCode] {
     try {
       checkFiles(*options);

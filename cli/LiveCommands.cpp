@@ -52,7 +52,7 @@ constexpr const char* kDumpFooter = R"(Examples:
 Exit status: 0 done; 1 no daemon answers, or it has damaged tables (what could be read is printed);
 2 the command line is malformed.)";
 
-struct Options {
+struct LiveOptions {
   ControlOptions control;
   std::optional<std::string> prefix;
   std::optional<std::string> vrf;
@@ -72,7 +72,7 @@ struct Options {
   }
 };
 
-int showNeighbors(const Options& options, const std::string& place) {
+int showNeighbors(const LiveOptions& options, const std::string& place) {
   ControlClient client(options.control, place);
   client.ask(options.request("neighbors"));
   Replay::TextTable table({"VRF", "INTERFACE", "ADDRESS", "MAC", "STATE", "COUNTS", "ROUTE"});
@@ -95,7 +95,7 @@ int showNeighbors(const Options& options, const std::string& place) {
   return 0;
 }
 
-int showChanges(const Options& options, const std::string& place) {
+int showChanges(const LiveOptions& options, const std::string& place) {
   ControlClient client(options.control, place);
   client.ask(options.request("monitor"));
   while (const auto line = client.next(true)) {
@@ -111,7 +111,7 @@ int showChanges(const Options& options, const std::string& place) {
   return 0;
 }
 
-int showDump(const Options& options, const std::string& place) {
+int showDump(const LiveOptions& options, const std::string& place) {
   ControlClient client(options.control, place);
   auto request = options.request("dump");
   request["format"] = options.json ? "json" : "text";
@@ -123,7 +123,7 @@ int showDump(const Options& options, const std::string& place) {
   return 0;
 }
 
-int showNames(const Options& options, const std::string& place) {
+int showNames(const LiveOptions& options, const std::string& place) {
   ControlClient client(options.control, place);
   client.ask({{"request", "names"}, {"kind", options.kind}, {"begin", options.begin}});
   while (const auto line = client.next()) {
@@ -133,7 +133,7 @@ int showNames(const Options& options, const std::string& place) {
   return 0;
 }
 
-void addSelection(CLI::App& command, Options& options) {
+void addSelection(CLI::App& command, LiveOptions& options) {
   command.add_option("--vrf", options.vrf, "Only this VRF")->type_name("VRF");
   command.add_option("--family", options.family, "Only IPv4 (4) or IPv6 (6)")
       ->type_name("FAMILY")
@@ -143,7 +143,7 @@ void addSelection(CLI::App& command, Options& options) {
 }  // namespace
 
 void addLiveCommands(CLI::App& app, int& exitCode) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<LiveOptions>();
 
   auto* neighbors = app.add_subcommand("neighbors", kNeighborsDescription);
   neighbors->add_option("address", options->prefix, "Only this address")

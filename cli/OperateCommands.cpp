@@ -48,7 +48,7 @@ Examples:
   hostroute replay --settle /var/lib/hostroute/recordings/incident.jsonl
   hostroute anonymize /var/lib/hostroute/recordings/incident.jsonl > report.jsonl)";
 
-struct Options {
+struct OperateOptions {
   ControlOptions control;
   std::string level;
   std::string address;
@@ -62,20 +62,20 @@ struct Options {
 };
 
 /// Prints a reply as JSON, or a text for people.
-int printReply(const Options& options, const Json& reply, const std::string& text) {
+int printReply(const OperateOptions& options, const Json& reply, const std::string& text) {
   std::cout << (options.json ? shownJson(reply) : Replay::printable(text)) << '\n';
   requireOutput();
   return 0;
 }
 
-int logLevel(const Options& options, const std::string& place) {
+int logLevel(const OperateOptions& options, const std::string& place) {
   Json request{{"request", "log-level"}};
   if (!options.level.empty()) request["level"] = options.level;
   const auto reply = askOnce(options.control, place, std::move(request));
   return printReply(options, reply, reply.at("level").get<std::string>());
 }
 
-int trace(const Options& options, const std::string& place) {
+int trace(const OperateOptions& options, const std::string& place) {
   Json request{{"request", "trace"}, {"address", options.address}};
   if (!options.vrf.empty()) request["vrf"] = options.vrf;
   if (!options.levels.empty()) request["levels"] = options.levels;
@@ -103,17 +103,17 @@ int trace(const Options& options, const std::string& place) {
   return 0;
 }
 
-int resync(const Options& options, const std::string& place) {
+int resync(const OperateOptions& options, const std::string& place) {
   const auto reply = askOnce(options.control, place, {{"request", "resync"}});
   return printReply(options, reply, "the kernel's state was read again");
 }
 
-int reload(const Options& options, const std::string& place) {
+int reload(const OperateOptions& options, const std::string& place) {
   const auto reply = askOnce(options.control, place, {{"request", "reload"}});
   return printReply(options, reply, "the configuration was read again");
 }
 
-int startRecording(const Options& options, const std::string& place) {
+int startRecording(const OperateOptions& options, const std::string& place) {
   auto file = options.file;
   if (file.find('/') != file.npos) file = std::filesystem::absolute(file).lexically_normal();
   Json request{{"request", "record"}, {"action", "start"}, {"file", file}};
@@ -123,14 +123,14 @@ int startRecording(const Options& options, const std::string& place) {
   return printReply(options, reply, "recording to " + reply.at("file").get<std::string>());
 }
 
-int stopRecording(const Options& options, const std::string& place) {
+int stopRecording(const OperateOptions& options, const std::string& place) {
   const auto reply = askOnce(options.control, place, {{"request", "record"}, {"action", "stop"}});
   return printReply(options, reply, "recorded in " + reply.at("file").get<std::string>());
 }
 
 /// Adds the options and the body of a command of this file.
-void addCommon(CLI::App& command, const std::shared_ptr<Options>& options, int& exitCode,
-               int (*run)(const Options&, const std::string& place)) {
+void addCommon(CLI::App& command, const std::shared_ptr<OperateOptions>& options, int& exitCode,
+               int (*run)(const OperateOptions&, const std::string& place)) {
   command.add_flag("--json", options->json, "Print the daemon's answer as JSON");
   addLiveCommand(command, options->control, exitCode,
                  [options, run](const std::string& place) { return run(*options, place); });
@@ -143,7 +143,7 @@ std::string footer(const std::string& examples) {
          "malformed.";
 }
 
-void addRecord(CLI::App& app, const std::shared_ptr<Options>& options, int& exitCode) {
+void addRecord(CLI::App& app, const std::shared_ptr<OperateOptions>& options, int& exitCode) {
   auto* record = app.add_subcommand("record", kRecordDescription)->require_subcommand(1);
   record->footer(footer(kRecordFooter));
   auto* start = record->add_subcommand("start", "Begin a recording");
@@ -164,7 +164,7 @@ void addRecord(CLI::App& app, const std::shared_ptr<Options>& options, int& exit
 }  // namespace
 
 void addOperateCommands(CLI::App& app, int& exitCode) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<OperateOptions>();
 
   auto* level = app.add_subcommand("log-level", kLogLevelDescription);
   level->add_option("level", options->level, "The level to set")

@@ -26,11 +26,11 @@
 namespace Cli {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kReplayDescription =
     R"(Feeds a switch's recorded inputs to the host-route state machines, as the daemon would, and
 prints what came of it: at each `dump` of the input and, of everything, at its end.)";
 
-constexpr const char* kFooter =
+constexpr const char* kReplayFooter =
     R"(The input is one JSON object on each line; an example is examples/leaf.jsonl.
 
 Examples:
@@ -52,7 +52,7 @@ Exit status: 0 done; 1 a machine failed on an event, the tables cannot be shared
 were found damaged, or the output cannot be written; 2 the command line is malformed, the input cannot be read, or a line of it is no
 event or longer than 16 MiB. Output that was caused by the lines before stands.)";
 
-struct Options {
+struct ReplayOptions {
   std::string file;
   bool json = false;
   bool jsonLines = false;
@@ -167,7 +167,7 @@ class TableReports {
   }
 }
 
-int replay(const Options& options) {
+int replay(const ReplayOptions& options) {
   Kiv::hashSeedIs(Replay::kHashSeed);
   std::ios::sync_with_stdio(false);
   Input input(options.file);
@@ -200,8 +200,8 @@ int replay(const Options& options) {
 }  // namespace
 
 void addReplayCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("replay", kDescription);
-  const auto options = std::make_shared<Options>();
+  auto* command = app.add_subcommand("replay", kReplayDescription);
+  const auto options = std::make_shared<ReplayOptions>();
   command->add_option("file", options->file, "The recorded inputs; - for standard input")
       ->type_name("FILE")
       ->required();
@@ -233,7 +233,7 @@ void addReplayCommand(CLI::App& app, int& exitCode) {
                      });
   command->add_flag("--hold", options->holds, "Then keep the tables up until Ctrl-C or SIGTERM")
       ->needs(shared);
-  command->footer(kFooter);
+  command->footer(kReplayFooter);
   command->callback([options, &exitCode] { exitCode = replay(*options); });
 }
 

@@ -24,12 +24,12 @@
 namespace Cli {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kRoutesDescription =
     R"(Shows the routes of the running hostrouted as they are now: its FIB routes, the host routes
 derived from them, and how each of these is in the kernel. With --table, or when no hostrouted
 answers, those that a process keeps in shared memory; that process may go on writing meanwhile.)";
 
-constexpr const char* kFooter = R"(Examples:
+constexpr const char* kRoutesFooter = R"(Examples:
   hostroute routes                                      those of the running hostrouted
   hostroute routes 10.1.10.11                           what an address matches, longest first
   hostroute routes --type attached_ --vrf blue          the routes to neighbours in a VRF
@@ -64,7 +64,7 @@ constexpr int kNotReady = 3;
 constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
 constexpr double kLongestWait = 1e6;
 
-struct Options {
+struct RoutesOptions {
   ControlOptions control;
   std::string address;
   std::string table;
@@ -118,7 +118,7 @@ std::string unready(const std::vector<TableState>& tables) {
 }
 
 /// The selected tables, each with its VRF and family.
-std::vector<Tovan::SharedRouteTable> chosenTables(const Options& options) {
+std::vector<Tovan::SharedRouteTable> chosenTables(const RoutesOptions& options) {
   auto tables = Tovan::sharedRouteTables(options.table);
   std::erase_if(tables, [&](const auto& table) {
     return table.vrf != options.vrf.value_or(table.vrf) ||
@@ -141,7 +141,7 @@ TableState stateOf(const LiveRoutes<F>& table, const std::string& vrf) {
 }
 
 /// Waits until the tables are ready. Returns false when the time is over.
-bool waitUntilReady(const Options& options) {
+bool waitUntilReady(const RoutesOptions& options) {
   const auto wait = std::chrono::duration<double>(*options.waits);
   const auto deadline = std::chrono::steady_clock::now() + wait;
   for (;;) {
@@ -172,7 +172,7 @@ bool waitUntilReady(const Options& options) {
 /// Prints routes as they are found, or as one table at the end.
 class Listing {
  public:
-  explicit Listing(const Options& options) : options_(options) {}
+  explicit Listing(const RoutesOptions& options) : options_(options) {}
 
   /// Adds the routes of one table.
   template <class F>
@@ -284,7 +284,7 @@ class Listing {
     isWhole_ = false;
   }
 
-  const Options& options_;
+  const RoutesOptions& options_;
   bool isWhole_ = true;
   size_t found_ = 0;
   std::vector<TableState> states_;
@@ -293,7 +293,7 @@ class Listing {
 };
 
 /// Reports why there are no selected tables.
-[[noreturn]] void refuse(const Options& options) {
+[[noreturn]] void refuse(const RoutesOptions& options) {
   const auto all = Tovan::sharedRouteTables(options.table);
   if (all.empty()) {
     throw CommandError(kPlace, "there are no route tables under \"" + options.table + "\"",
@@ -308,7 +308,7 @@ class Listing {
 }
 
 /// Waits until the daemon is ready. Returns false when the time is over.
-bool waitUntilDaemonIsReady(const Options& options) {
+bool waitUntilDaemonIsReady(const RoutesOptions& options) {
   const auto wait = std::chrono::duration<double>(*options.waits);
   const auto deadline = std::chrono::steady_clock::now() + wait;
   for (;;) {
@@ -341,7 +341,7 @@ std::string viasText(const Json& vias) {
 }
 
 /// Prints the number of routes by VRF, family and type.
-void printCounts(const Options& options, const std::vector<Json>& routes) {
+void printCounts(const RoutesOptions& options, const std::vector<Json>& routes) {
   std::map<std::pair<std::string, int>, std::map<std::string, size_t>> counts;
   for (const auto& route : routes) {
     const auto key = std::pair(route.at("vrf").get<std::string>(), route.at("family").get<int>());
@@ -367,7 +367,7 @@ void printCounts(const Options& options, const std::vector<Json>& routes) {
 }
 
 /// Shows the routes of the daemon. \throws NoDaemonError.
-int showDaemonRoutes(const Options& options) {
+int showDaemonRoutes(const RoutesOptions& options) {
   if (options.waits && !waitUntilDaemonIsReady(options)) return kNotReady;
   ControlClient client(options.control, kPlace);
   Json request{{"request", "routes"}};
@@ -408,7 +408,7 @@ int showDaemonRoutes(const Options& options) {
 }
 
 /// Shows the routes of tables in shared memory.
-int showSharedRoutes(const Options& options) {
+int showSharedRoutes(const RoutesOptions& options) {
   if (options.waits && !waitUntilReady(options)) return kNotReady;
   const auto tables = chosenTables(options);
   if (tables.empty()) refuse(options);
@@ -436,7 +436,7 @@ std::string onlyTables(const NoDaemonError& noDaemon) {
   return names.front();
 }
 
-int showRoutes(Options options) {
+int showRoutes(RoutesOptions options) {
   if (!options.address.empty()) {
     const bool isIpv4 = Listing::prefixOf<Daemon::Ipv4>(options.address).has_value();
     const int number = isIpv4 ? 4 : 6;
@@ -467,8 +467,8 @@ std::string refusedType(const std::string& text) {
 }  // namespace
 
 void addRoutesCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("routes", kDescription);
-  const auto options = std::make_shared<Options>();
+  auto* command = app.add_subcommand("routes", kRoutesDescription);
+  const auto options = std::make_shared<RoutesOptions>();
   command
       ->add_option("address", options->address,
                    "Only what this address or prefix matches: the route that is used first, and "
@@ -498,7 +498,7 @@ void addRoutesCommand(CLI::App& app, int& exitCode) {
                     "Print how many routes each table has, and how far it is");
   command->add_flag("--json", options->json, "Print one JSON object for each route or table");
   addSocketOption(*command, options->control);
-  command->footer(kFooter);
+  command->footer(kRoutesFooter);
   command->callback([options, &exitCode] { exitCode = showRoutes(*options); });
 }
 

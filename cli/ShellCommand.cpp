@@ -29,11 +29,11 @@
 namespace Cli {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kShellDescription =
     R"(Feeds a switch's recorded inputs to the host-route state machines, and then takes commands on
 them: every entity, attribute and method is reached by its name.)";
 
-constexpr const char* kFooter =
+constexpr const char* kShellFooter =
     R"(On a terminal, lines can be edited, recalled and completed with the tab key; Ctrl-C drops
 one, Ctrl-D ends the shell, `help` lists the commands. What was typed is kept for the next time, in
 hostroute/history under $XDG_STATE_HOME or ~/.local/state. From a pipe, each line is one command,
@@ -211,12 +211,12 @@ int runShell(const std::string& path) {
 }  // namespace
 
 void addShellCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("shell", kDescription);
+  auto* command = app.add_subcommand("shell", kShellDescription);
   const auto path = std::make_shared<std::string>();
   command->add_option("file", *path, "The recorded inputs; - for standard input")
       ->type_name("FILE")
       ->required();
-  command->footer(kFooter);
+  command->footer(kShellFooter);
   command->callback([path, &exitCode] { exitCode = runShell(*path); });
 }
 

@@ -52,9 +52,9 @@ constexpr const char* kMetricsFooter = R"(Examples:
 
 Exit status: 0 done; 1 no daemon answers; 2 the command line is malformed.)";
 
-constexpr int kNotReady = 3;
+constexpr int kStatusNotReady = 3;
 
-struct Options {
+struct StatusOptions {
   ControlOptions control;
   std::string pattern;
   bool json = false;
@@ -156,7 +156,7 @@ void printStatus(const Json& status, const Json& metrics) {
   printProblems(problems);
 }
 
-int showStatus(const Options& options, const std::string& place) {
+int showStatus(const StatusOptions& options, const std::string& place) {
   ControlClient client(options.control, place);
   const auto status = client.ask({{"request", "status"}}).at("status");
   if (options.json) {
@@ -165,10 +165,10 @@ int showStatus(const Options& options, const std::string& place) {
     printStatus(status, client.ask({{"request", "counters"}}).at("metrics"));
   }
   requireOutput();
-  return status.at("ready") == true ? 0 : kNotReady;
+  return status.at("ready") == true ? 0 : kStatusNotReady;
 }
 
-std::string labelsText(const Json& labels) {
+std::string labelText(const Json& labels) {
   std::string result;
   for (const auto& [name, value] : labels.items()) {
     result += (result.empty() ? "" : " ") + name + "=" + value.get<std::string>();
@@ -203,7 +203,7 @@ int printJson(const Json& metrics) {
   return 0;
 }
 
-int showCounters(const Options& options, const std::string& place) {
+int showCounters(const StatusOptions& options, const std::string& place) {
   const auto metrics = askOnce(options.control, place, {{"request", "counters"}}).at("metrics");
   Json chosen = Json::array();
   for (const auto& family : metrics) {
@@ -233,7 +233,7 @@ int showCounters(const Options& options, const std::string& place) {
       continue;
     }
     for (const auto& sample : family.at("samples")) {
-      counters.add({name, labelsText(sample.at("labels")),
+      counters.add({name, labelText(sample.at("labels")),
                     family.at("type") == "gauge" ? "now" : "total", sample.at("value").dump()});
     }
   }
@@ -257,7 +257,7 @@ void skipHttpRequest() {
   }
 }
 
-int showMetrics(const Options& options, const std::string& place) {
+int showMetrics(const StatusOptions& options, const std::string& place) {
   if (options.json) {
     return printJson(askOnce(options.control, place, {{"request", "counters"}}).at("metrics"));
   }
@@ -287,7 +287,7 @@ int showMetrics(const Options& options, const std::string& place) {
 }  // namespace
 
 void addStatusCommands(CLI::App& app, int& exitCode) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<StatusOptions>();
   auto* status = app.add_subcommand("status", kStatusDescription);
   status->add_flag("--json", options->json, "Print one JSON object");
   status->footer(kStatusFooter);

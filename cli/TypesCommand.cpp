@@ -13,23 +13,23 @@
 namespace Cli {
 namespace {
 
-constexpr const char* kDescription =
+constexpr const char* kTypesDescription =
     R"(Lists the types that a plug-in provides, in the order in which it registers them. The file is
 read, not loaded: nothing in it runs, and it may be of another machine.)";
 
-constexpr const char* kFooter = R"(Examples:
+constexpr const char* kTypesFooter = R"(Examples:
   hostroute types /usr/lib/x86_64-linux-gnu/libhostroute.so
   hostroute types --json libhostroute.so        one JSON object for each type
 
 Exit status: 0 done; 1 the output failed; 2 the command line is malformed, or the file cannot be
 read, is no ELF file, is damaged, or is no plug-in.)";
 
-struct Options {
+struct TypesOptions {
   std::string file;
   bool json = false;
 };
 
-void showTypes(const Options& options) {
+void showTypes(const TypesOptions& options) {
   for (const auto& type : pluginTypes(options.file)) {
     if (options.json) {
       std::cout << Replay::JsonObject().add("type", Replay::jsonString(type)).text() << '\n';
@@ -43,13 +43,13 @@ void showTypes(const Options& options) {
 }  // namespace
 
 void addTypesCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("types", kDescription);
-  const auto options = std::make_shared<Options>();
+  auto* command = app.add_subcommand("types", kTypesDescription);
+  const auto options = std::make_shared<TypesOptions>();
   command->add_option("file", options->file, "The plug-in; - for standard input")
       ->type_name("FILE.so")
       ->required();
   command->add_flag("--json", options->json, "Print one JSON object for each type");
-  command->footer(kFooter);
+  command->footer(kTypesFooter);
   command->callback([options, &exitCode] {
     try {
       showTypes(*options);
