@@ -577,6 +577,53 @@ void growth(const Options& options, const std::string& name) {
   }
 }
 
+/// 11. Interfaces that come and go one after the other, each with a new name, a FEC, a route and a
+///     neighbour: the memory that each leaves. Also that of look-ups of names that there never
+///     were.
+template <class F>
+void names(const Options& options, const std::string& name) {
+  const size_t count = 100'000 / options.scale;
+  const auto figures = inProcess([count]() -> std::vector<double> {
+    Scene<F> scene;
+    scene.initialized();
+    const auto intfIsThere = [&](size_t number, bool isThere) {
+      const auto intf = scene.intf(number);
+      if (isThere) {
+        scene.sw.setInterface(intf, Scene<F>::kVrf);
+        scene.sw.setNeighborTable(intf);
+        scene.direct(1, {intf});
+        scene.route(Net<F>::subnet(1), 1);
+        scene.neighbor(intf, Net<F>::addr(1, 1));
+        require(scene.hostRoutes() == 1, "a neighbour lacks its route");
+      } else {
+        scene.neighbor(intf, Net<F>::addr(1, 1), false);
+        scene.route(Net<F>::subnet(1), 1, false);
+        scene.sw.setFec(typename F::ForwardingStatus::Fec(1), false);
+        scene.sw.setNeighborTable(intf, false);
+        scene.sw.removeInterface(intf);
+      }
+    };
+    const auto comeAndGo = [&](size_t first) {
+      for (size_t number = first; number < first + count; ++number) {
+        intfIsThere(number, true);
+        intfIsThere(number, false);
+      }
+    };
+    const double each = 1 / static_cast<double>(count);
+    comeAndGo(0);
+    const double before = residentBytes();
+    comeAndGo(count);
+    const double after = residentBytes();
+    for (size_t number = 0; number < count; ++number) {
+      const auto unknown = "Absent" + std::to_string(number);
+      require(!Zemit::IntfId::find(std::string_view(unknown)), "an unknown name has an id");
+    }
+    return {(after - before) * each, (residentBytes() - after) * each};
+  });
+  report(name, static_cast<double>(count),
+         {{"bytes_each", figures[0]}, {"bytes_each_unknown", figures[1]}});
+}
+
 void run(const Options& options) {
   // Some measurements enable trace level 0 for its cost. The records are dropped.
   Kiv::Tracer::sinkIs([](const Kiv::TraceRecord&) {});
@@ -598,6 +645,7 @@ void run(const Options& options) {
     named("virtual", [&](const auto& name) { virtualAddresses<F>(options, name); });
     named("vrfs", [&](const auto& name) { manyVrfs<F>(options, name); });
     named("scale", [&](const auto& name) { vrfsAndInterfaces<F>(options, name); });
+    named("names", [&](const auto& name) { names<F>(options, name); });
     named("flood", [&](const auto& name) { flood<F>(options, name); });
     named("growth", [&](const auto& name) { growth<F>(options, name); });
     named("start", [&](const auto& name) { startUp<F>(options, name); });

@@ -212,10 +212,13 @@ size_t TovanMap<Key, Value>::repair() {
   headerIs(kDirectory, repairs << 8 | static_cast<uint8_t>(left(kDirectory)));
   std::atomic_thread_fence(std::memory_order_seq_cst);
   noteChange();
-  uses_.assign(reserved(), {});
-  freeCount_ = reserved();
+  uses_.clear();
+  free_.clear();
+  freeCount_ = end_ = 0;
+  lowestFree_ = 0;
+  everReserved_ = 0;  // all pages are looked at
+  notePages();
   everReserved_ = pages();
-  lowestFree_ = end_ = 0;
   pagesOfDepth_ = {};
   depth_ = 0;
   std::vector<uint32_t> kept;

@@ -120,7 +120,8 @@ bool TovanMap<Key, Value>::tighten() {
     const uint32_t kept = std::max(end_ + kLeast, count - std::min(count, kMost));
     freeCount_ -= count - kept;
     uses_.resize(kept);
-    lowestFree_ = std::min(lowestFree_, kept);
+    free_.resize(kept / 64 + 1);
+    free_.back() &= (uint64_t{1} << kept % 64) - 1;
     giveBackPages(kept);
     return true;
   }

@@ -224,8 +224,9 @@ void TovanMap<Key, Value>::reservePages(size_t count) {
 template <class Key, class Value>
 void TovanMap<Key, Value>::notePages() {
   const auto first = static_cast<uint32_t>(uses_.size());
+  free_.resize(reserved() / 64 + 1);
   uses_.resize(reserved());
-  freeCount_ += reserved() - first;
+  for (uint32_t number = first; number < reserved(); ++number) pageIsFree(number);
   // A page that was given back may have been written to from outside.
   for (uint32_t number = first; number < std::min(reserved(), everReserved_); ++number) {
     page(number).seal.store(0, std::memory_order_release);
@@ -234,22 +235,31 @@ void TovanMap<Key, Value>::notePages() {
   everReserved_ = std::max(everReserved_, reserved());
 }
 
+/// Notes that a page is free.
+template <class Key, class Value>
+void TovanMap<Key, Value>::pageIsFree(uint32_t number) {
+  uses_[number].live = PageUse::kFree;
+  ++freeCount_;
+  free_[number / 64] |= uint64_t{1} << number % 64;
+  lowestFree_ = std::min<size_t>(lowestFree_, number / 64);
+}
+
 /// Notes that a page is used, and has no entry yet.
 template <class Key, class Value>
 void TovanMap<Key, Value>::occupy(uint32_t number, uint32_t depth) {
   uses_[number] = {.live = 0, .depth = static_cast<uint8_t>(depth)};
   ++pagesOfDepth_[depth];
   --freeCount_;
+  free_[number / 64] &= ~(uint64_t{1} << number % 64);
   end_ = std::max(end_, number + 1);
 }
 
 /// Takes the first unused page, which the directory does not name yet.
 template <class Key, class Value>
 uint32_t TovanMap<Key, Value>::makePage(uint32_t pattern, uint32_t depth) {
-  const auto isFree = [](const PageUse& use) { return use.live == PageUse::kFree; };
-  const auto found = std::find_if(uses_.begin() + lowestFree_, uses_.end(), isFree);
-  const auto number = static_cast<uint32_t>(found - uses_.begin());
-  lowestFree_ = number + 1;
+  while (free_[lowestFree_] == 0) ++lowestFree_;
+  const auto bit = static_cast<size_t>(std::countr_zero(free_[lowestFree_]));
+  const auto number = static_cast<uint32_t>(lowestFree_ * 64 + bit);
   occupy(number, depth);
   Page& made = page(number);
   made.serial.store(++serial_, std::memory_order_relaxed);
@@ -278,9 +288,7 @@ void TovanMap<Key, Value>::freePage(uint32_t number) {
   page(number).seal.store(0, std::memory_order_release);
   freeSlots(page(number));
   --pagesOfDepth_[uses_[number].depth];
-  uses_[number].live = PageUse::kFree;
-  ++freeCount_;
-  lowestFree_ = std::min(lowestFree_, number);
+  pageIsFree(number);
   while (end_ > 0 && uses_[end_ - 1].live == PageUse::kFree) --end_;
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <iterator>
 #include <new>
 #include <optional>
@@ -242,6 +243,7 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   void provideDirectory(uint32_t depth);
   void reservePages(size_t count);
   void notePages();
+  void pageIsFree(uint32_t number);
   void occupy(uint32_t number, uint32_t depth);
   uint32_t makePage(uint32_t pattern, uint32_t depth);
   void publish(uint32_t number);
@@ -294,11 +296,12 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   uint32_t serial_ = 0;
   uint64_t size_ = 0;
   uint64_t changes_ = 1;
-  std::vector<PageUse> uses_;  // of all reserved pages
-  uint32_t freeCount_ = 0;     // how many of them are free
-  uint32_t lowestFree_ = 0;    // none below it is free
-  uint32_t end_ = 0;           // none from it on is used
-  uint32_t everReserved_ = 0;  // pages below it may have been given back
+  std::vector<PageUse> uses_;   // of all reserved pages
+  uint32_t freeCount_ = 0;      // how many of them are free
+  std::vector<uint64_t> free_;  // a bit for each of them
+  size_t lowestFree_ = 0;       // the words of free_ before this one are zero
+  uint32_t end_ = 0;            // none from it on is used
+  uint32_t everReserved_ = 0;   // pages below it may have been given back
   std::array<uint32_t, kMaxDepth + 1> pagesOfDepth_{};
   std::optional<Dropped<Key>> dropped_;
   struct {

@@ -160,7 +160,7 @@ Outcome joined(size_t exceptions) {
     for (uint64_t key = 1; key < kStay; ++key) map.erase(key);
   };
   Outcome all;
-  for (uint64_t key = kStay - 2; key <= kCount; ++key) {
+  for (uint64_t key = kStay - 1; key < kStay + 3; ++key) {
     const auto allowed = key < kStay ? std::vector<uint64_t>{key, 0} : std::vector{key};
     const Outcome one = explore(kCount, change, key, allowed, exceptions);
     all.runs += one.runs;
