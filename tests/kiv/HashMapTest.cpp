@@ -188,7 +188,9 @@ TEST(HashMapTest, KeepsAllElementsWhileALargeBlockIsReplaced) {
       for (uint64_t key = 0; key <= n; ++key) {
         const auto* found = map.find(key);
         ASSERT_EQ(found != nullptr, isThere[key]) << key << " at " << n;
-        if (found != nullptr) ASSERT_EQ((*found)[1], ~key) << "at " << n;
+        if (found != nullptr) {
+          ASSERT_EQ((*found)[1], ~key) << "at " << n;
+        }
       }
       ASSERT_EQ(map.keys().size(), map.size());
     }
