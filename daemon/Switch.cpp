@@ -225,6 +225,7 @@ void Switch::setInterface(Zemit::IntfId intf, std::string_view vrf) {
 }
 
 void Switch::removeInterface(Zemit::IntfId intf) {
+  l3Statuses_.erase(intf);  // the statuses below hold it until they go
   intfStatusDir_->intfIs(intf, false);
   forEachFamily([&](auto family) { family.intfDel(*shared<decltype(family)>().intfs, intf); });
 }

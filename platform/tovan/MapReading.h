@@ -189,7 +189,7 @@ void TovanMap<Key, Value>::inMappedPage(uint64_t hash, const Look& look) const {
 template <class Key, class Value>
 auto TovanMap<Key, Value>::refOf(uint64_t hash) const -> PageRef {
   const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));
-  if (ref.number() >= pages()) raise("page", ref.number(), "is outside the memory");
+  if (ref.number() >= uses_.size()) raise("page", ref.number(), "is outside the memory");
   return ref;
 }
 

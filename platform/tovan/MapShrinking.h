@@ -29,12 +29,11 @@ template <class Key, class Value>
 void TovanMap<Key, Value>::join(uint64_t hash) {
   for (;;) {
     const PageRef one = refOf(hash);
-    if (one.number() >= uses_.size()) return;
     const PageUse use = uses_[one.number()];
     if (use.depth == 0) return;
-    const uint64_t otherHash = hash ^ uint64_t { 1 } << (use.depth - 1);
+    const uint64_t bit = uint64_t{1} << (use.depth - 1);
+    const uint64_t otherHash = hash ^ bit;
     const PageRef other = refOf(otherHash);
-    if (other.number() >= uses_.size()) return;
     const PageUse otherUse = uses_[other.number()];
     if (otherUse.depth != use.depth || use.live + otherUse.live > kMaxJoined) return;
     // Damage is left to the checks of tend().
