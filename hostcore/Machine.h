@@ -26,7 +26,9 @@ class Machine {
     try {
       bind(inputs);
     } catch (...) {
+      // There will be no machine for which the reactors act.
       Reactors<F>(sm_).end();
+      forEachReactor([](auto& reactor) { reactor.routeSmIs(nullptr); });
       throw;
     }
   }
@@ -56,6 +58,8 @@ class Machine {
   template <class Attribute, class Input>
   void inputIs(Attribute& attribute, const Input& input) {
     requireNotEnded();
+    // The missing reactors need the former input.
+    if (attribute.raw() != input.get()) Reactors<F>(sm_).makeAll();
     Trust<F>(sm_).inputSet(attribute.set(sm_, input));
   }
   /// Makes a reactor of `slot` on an input; a null one leaves no reactor there. Returns it.

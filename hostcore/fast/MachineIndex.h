@@ -107,13 +107,13 @@ class MachineIndex final : public MachineIndexBase,
   MachineLists<Zemit::IntfId, RouteSm> ofTable;
   MachineLists<Zemit::IntfId, RouteSm> ofFilter;
 
-  /// The place of a reactor on `notifier` that the machine would have had since it began at
-  /// `began`.
-  Kiv::Notifiee::Rank rankOn(const Kiv::Entity& notifier, bool isTable, uint64_t began) const {
-    const Kiv::NotifierHook& hook = isTable ? static_cast<const Kiv::NotifierHook&>(tableHook_)
-                                            : static_cast<const Kiv::NotifierHook&>(inputHook_);
-    const uint64_t since = notifier.notifierList().hookedSince(hook);
-    return since > began ? Kiv::Notifiee::Rank{since, began} : Kiv::Notifiee::Rank{began, 0};
+  /// The place that a machine that began at `began` has among the reactors of a table of the
+  /// directory, or among the filters of an interface.
+  Kiv::Notifiee::Rank rankOnTable(Zemit::IntfId intf, uint64_t began) const {
+    return rank(tablesSince_, intf, began);
+  }
+  Kiv::Notifiee::Rank rankOnIntf(Zemit::IntfId intf, uint64_t began) const {
+    return rank(intfsSince_, intf, began);
   }
 
  private:
@@ -157,6 +157,12 @@ class MachineIndex final : public MachineIndexBase,
     }
   };
 
+  using Times = Kiv::HashMap<Zemit::IntfId, uint64_t>;
+  static Kiv::Notifiee::Rank rank(const Times& times, Zemit::IntfId intf, uint64_t began) {
+    const uint64_t* since = times.find(intf);
+    return since != nullptr && *since > began ? Kiv::Notifiee::Rank{*since, began}
+                                              : Kiv::Notifiee::Rank{began, 0};
+  }
   std::shared_ptr<Kiv::NotifierHook> share(Kiv::NotifierHook& hook) {
     return {this->shared_from_this(), &hook};
   }
@@ -166,7 +172,10 @@ class MachineIndex final : public MachineIndexBase,
            forwarding_->notifierList().hookedSince(inputHook_) != 0;
   }
   void link();
-  void linkTable(const Table& table) { table.notifierList().hookIs(share(tableHook_), table); }
+  void linkTable(const Table& table) {
+    *tablesSince_.tryEmplace(table.intfId()).first = Kiv::Notifiee::now();
+    table.notifierList().hookIs(share(tableHook_), table);
+  }
   /// Follows the layer-3 status that `intf` has now.
   void linkIntf(Zemit::IntfId intf);
 
@@ -197,6 +206,9 @@ class MachineIndex final : public MachineIndexBase,
   MachineLists<L3::VrfName, RouteSm> ofVrf_;
   Kiv::HashMap<Zemit::IntfId, const L3::Intf::Status*> l3Statuses_;
   std::unordered_map<const L3::Intf::Status*, std::vector<Zemit::IntfId>> intfsOfL3Status_;
+  // When the directories announced each table and interface that they have.
+  Times tablesSince_;
+  Times intfsSince_;
   Kiv::Watch<FecId> fecWatch_;
 };
 
@@ -236,6 +248,11 @@ template <Family F>
 void MachineIndex<F>::linkIntf(Zemit::IntfId intf) {
   const auto status = F::intfStatus(*intfs_, intf);
   const L3::Intf::Status* now = status ? status->l3Status().get() : nullptr;
+  if (status) {
+    *intfsSince_.tryEmplace(intf).first = Kiv::Notifiee::now();
+  } else {
+    intfsSince_.erase(intf);
+  }
   const L3::Intf::Status** const stored = l3Statuses_.find(intf);
   const L3::Intf::Status* const former = stored == nullptr ? nullptr : *stored;
   if (now == former) return;
@@ -298,8 +315,9 @@ void MachineIndex<F>::inputChanges(const Kiv::Entity& notifier, Kiv::AttributeId
 
 template <Family F>
 void MachineIndex<F>::tableChanges(const Table& table) {
-  if (dir_->tableOf(table.intfId()) != &table) return;
-  forEachAlert([&](RouteSm& sm) { Reactors<F>(sm).join(table); });
+  // Without machines, nothing keeps the directory alive.
+  if (machines_.empty() || dir_->tableOf(table.intfId()) != &table) return;
+  forEachAlert([&](RouteSm& sm) { Reactors<F>(sm).tableChanges(table); });
 }
 
 template <Family F>
@@ -309,8 +327,12 @@ void MachineIndex<F>::dirChanges(const Kiv::Name* name) {
     for (RouteSm* sm : machines_) wake(*sm);
     return;
   }
-  if (const auto& table = dir_->arpIntfStatus(*name)) linkTable(*table);
-  if (const auto intf = Zemit::IntfId::find(*name)) ofTable.forEach(*intf, wake);
+  const auto& table = dir_->arpIntfStatus(*name);
+  if (table) linkTable(*table);
+  if (const auto intf = Zemit::IntfId::find(*name)) {
+    if (!table) tablesSince_.erase(*intf);
+    ofTable.forEach(*intf, wake);
+  }
   forEachAlert(wake);
 }
 
@@ -342,13 +364,20 @@ void MachineIndex<F>::fecsChange(const FecId* fecId) {
 template <Family F>
 void MachineIndex<F>::vrfChanges(const L3::Intf::Status& l3Status) {
   const auto found = intfsOfL3Status_.find(&l3Status);
-  if (found == intfsOfL3Status_.end()) return;
-  for (const Zemit::IntfId intf : found->second) {
-    const auto status = F::intfStatus(*intfs_, intf);
-    const auto join = [&](RouteSm& sm) { Reactors<F>(sm).join(status); };
-    ofVrf_.forEach(l3Status.vrf(), join);
-    forEachAlert(join);
-  }
+  if (machines_.empty() || found == intfsOfL3Status_.end()) return;
+  auto intfs = found->second;
+  const auto join = [&](RouteSm& sm) {
+    // The order of the filters of one machine: by name those that it found, then as they came.
+    const uint64_t began = Reactors<F>(sm).began();
+    std::sort(intfs.begin(), intfs.end(), [&](Zemit::IntfId a, Zemit::IntfId b) {
+      const auto rankOfA = rankOnIntf(a, began);
+      const auto rankOfB = rankOnIntf(b, began);
+      return rankOfA != rankOfB ? rankOfA < rankOfB : a.name() < b.name();
+    });
+    for (const Zemit::IntfId intf : intfs) Reactors<F>(sm).join(F::intfStatus(*intfs_, intf));
+  };
+  ofVrf_.forEach(l3Status.vrf(), join);
+  forEachAlert(join);
 }
 
 }  // namespace HostCore

@@ -43,6 +43,8 @@ class Reactors {
   }
 
   bool isSparse() const noexcept { return state_.index != nullptr; }
+  /// When the machine began; see Kiv::Notifiee::now().
+  uint64_t began() const noexcept { return state_.began; }
   /// Makes the missing reactors. From now on the machine has all.
   void makeAll() noexcept;
 
@@ -53,6 +55,10 @@ class Reactors {
   /// Each neighbour table that the machine watches, with or without a reactor, in the order of
   /// names.
   std::vector<Kiv::Ptr<const Table>> watchedTables() const;
+
+  /// Makes the missing reactors of tables that have a neighbour among the deferred merges: a pass
+  /// over all neighbours merges it in the order of the tables.
+  void joinTablesOfDeferred();
 
   /// Handles the neighbours that there are when a sparse machine begins. No route covers them yet,
   /// so they have only to be merged when the machine is initialized. They are put among the
@@ -81,6 +87,11 @@ class Reactors {
     if (!isAsInDirectory) makeAll();
   }
 
+  /// A change of a table concerns the machine: one of its neighbours may have gone.
+  void tableChanges(const Table& table) {
+    addNotedNeighbors();
+    join(table);
+  }
   /// Makes the missing reactor of a table or an interface, as if it had been there all along.
   void join(const Table& table);
   template <class Status>
@@ -116,14 +127,20 @@ class Reactors {
 
 template <Family F>
 void Reactors<F>::begin() {
+  state_.began = Kiv::Notifiee::now();
   const auto* root = sm_.rootRaw();
   const auto* dir = watchedBy(sm_.neighborDirByIntfName());
   const auto* intfs = watchedBy(sm_.ipStatus());
   const auto* forwarding = sm_.forwardingStatus();
   const auto* activity = sm_.kivFwkActivityRaw();
-  if (!isEnabled(ShortCut::Reactors) || !isEnabled(ShortCut::Relevance) || !state_.isTrusted ||
-      root == nullptr || dir == nullptr || intfs == nullptr || forwarding == nullptr ||
-      (activity != nullptr && activity->queues()) || Index::isObserved()) {
+  if (!isEnabled(ShortCut::Reactors) || !isEnabled(ShortCut::Relevance) || dir == nullptr ||
+      intfs == nullptr || forwarding == nullptr) {
+    return;
+  }
+  const auto index = Index::of(*dir, *intfs, *forwarding);
+  state_.placing = index;
+  if (!state_.isTrusted || root == nullptr || (activity != nullptr && activity->queues()) ||
+      Index::isObserved()) {
     return;
   }
   // Other code that holds the set might look at it.
@@ -134,13 +151,13 @@ void Reactors<F>::begin() {
     return;
   }
   auto& sm = sm_;
-  const auto index = Index::of(*dir, *intfs, *forwarding);
   state_.fecWatch.end();
   state_.index = index;
-  state_.began = Kiv::Notifiee::now();
   state_.makeAll = [&sm] { Reactors(sm).makeAll(); };
   state_.addNoted = [&sm] { Reactors(sm).addNotedNeighbors(); };
   index->add(sm_);
+  // A former machine of the root may have left lists of prefixes.
+  for (const FecId fecId : root->adjacencyToPrefixKeys()) fecUsed(fecId);
   isAlertIs(true);  // until it is initialized
   F::tableReactors(sm_).map().makeAllIs(&state_.makeAll);
   F::filterReactors(sm_).map().makeAllIs(&state_.makeAll);
@@ -183,7 +200,6 @@ void Reactors<F>::makeAll() noexcept {
 
 template <Family F>
 void Reactors<F>::join(const Table& table) {
-  addNotedNeighbors();
   const Kiv::Name name = table.name();
   if (tables().find(name) != nullptr) return;
   try {
@@ -222,19 +238,34 @@ void Reactors<F>::join(const Status& status) {
 template <Family F>
 void Reactors<F>::place(typename RouteSm::KivArpIntfStatus& reactor,
                         const Kiv::Ptr<const Table>& table) {
-  if (state_.index == nullptr || reactor.notifierRaw() == table.get()) return;
-  if (state_.listedTables.insert(table->intfId())) index().ofTable.add(table->intfId(), sm_);
-  reactor.registersLate(index().rankOn(*table, true, state_.began));
+  if (reactor.notifierRaw() == table.get()) return;
+  if (state_.index != nullptr && state_.listedTables.insert(table->intfId())) {
+    index().ofTable.add(table->intfId(), sm_);
+  }
+  const auto* dir = watchedBy(sm_.neighborDirByIntfName());
+  const auto* placing = static_cast<const Index*>(state_.placing.get());
+  if (placing == nullptr || dir != &placing->dir() ||
+      dir->tableOf(table->intfId()) != table.get()) {
+    return;
+  }
+  if (state_.index == nullptr && !dir->notifierList().isWalked()) return;
+  reactor.registersLate(placing->rankOnTable(table->intfId(), state_.began));
 }
 
 template <Family F>
 template <class Status>
 void Reactors<F>::place(typename RouteSm::KivIpIntfStatusFilter& filter, const Status& status) {
-  if (state_.index == nullptr || filter.notifierRaw() == status.get()) return;
-  if (state_.listedFilters.insert(status->intfId())) index().ofFilter.add(status->intfId(), sm_);
-  if (status->l3Status() != nullptr) {
-    filter.l3Status()->registersLate(index().rankOn(*status->l3Status(), false, state_.began));
+  if (filter.notifierRaw() == status.get()) return;
+  const Zemit::IntfId intf = status->intfId();
+  if (state_.index != nullptr && state_.listedFilters.insert(intf)) index().ofFilter.add(intf, sm_);
+  const auto* intfs = watchedBy(sm_.ipStatus());
+  const auto* placing = static_cast<const Index*>(state_.placing.get());
+  if (placing == nullptr || intfs != &placing->intfs() || status->l3Status() == nullptr ||
+      F::intfStatus(*intfs, intf) != status) {
+    return;
   }
+  if (state_.index == nullptr && !intfs->notifierList().isWalked()) return;
+  filter.l3Status()->registersLate(placing->rankOnIntf(intf, state_.began));
 }
 
 template <Family F>
@@ -275,6 +306,22 @@ void Reactors<F>::intfUsed(Zemit::IntfId intf, bool isUsed) {
   }
   if (state_.listedTables.insert(intf)) index().ofTable.add(intf, sm_);
   if (const auto* table = index().dir().tableOf(intf)) join(*table);
+}
+
+template <Family F>
+void Reactors<F>::joinTablesOfDeferred() {
+  constexpr size_t kFew = 64;
+  if (state_.index == nullptr) return;
+  const auto& deferred = F::deferredMerges(*sm_.rootRaw()).held();
+  const auto addrs = deferred ? deferred->ipKeys() : std::vector<typename F::Addr>();
+  if (addrs.size() > kFew) return makeAll();
+  if (addrs.empty()) return;
+  index().dir().forEachTable([&](const Table& table) {
+    const bool hasOne = std::any_of(addrs.begin(), addrs.end(), [&](const typename F::Addr& addr) {
+      return F::findNeighbor(table, addr) != nullptr;
+    });
+    if (hasOne) join(table);
+  });
 }
 
 template <Family F>

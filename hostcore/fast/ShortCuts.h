@@ -49,7 +49,7 @@ class ShortCuts {
   }
   /// The deferred merges are about to be made.
   void deferredMergesTaken() {
-    Reactors<F>(sm_).deferredMergesTaken(Relevance<F>(sm_).mayRest());
+    Reactors<F>(sm_).deferredMergesTaken(mayRest());
     const auto& waiting = F::deferredMerges(Kiv::validPtr(sm_.rootRaw())).held();
     Trust<F>(sm_).deferredMergesFound(waiting.get());
   }
@@ -57,7 +57,7 @@ class ShortCuts {
   /// order.
   std::vector<Kiv::Name> relevantTables() {
     Reactors<F> reactors(sm_);
-    if (!Relevance<F>(sm_).mayRest()) reactors.makeAll();
+    mayRest() ? reactors.joinTablesOfDeferred() : reactors.makeAll();
     auto names = reactors.tables().keys();
     std::sort(names.begin(), names.end());
     return names;
@@ -66,6 +66,10 @@ class ShortCuts {
   void levelsChanged() { Relevance<F>(sm_).review(); }
 
  private:
+  /// True when the neighbours on interfaces through which no tracked route leaves can be passed
+  /// over.
+  bool mayRest() const { return Relevance<F>(sm_).mayRest() && !MachineIndex<F>::isObserved(); }
+
   typename F::RouteSm& sm_;
 };
 

@@ -80,6 +80,8 @@ struct FastState {
   /// @{
   /// Of the switch's machines; null unless this machine is sparse.
   std::shared_ptr<MachineIndexBase> index;
+  /// The index of the machines over the inputs with which this machine began, sparse or not.
+  std::shared_ptr<MachineIndexBase> placing;
   /// When the machine began; see Kiv::Notifiee::now().
   uint64_t began = 0;
   /// True while each change of a neighbour table may concern the machine.

@@ -19,6 +19,8 @@ std::shared_ptr<const Notifiee::AttributeHook>& attributeHook() {
   return hook;
 }
 
+std::atomic<uint64_t> lastTimeGiven = 0;
+
 }  // namespace
 
 Notifiee::~Notifiee() {
@@ -73,8 +75,11 @@ bool Notifiee::hasAttributeHook() noexcept {
 }
 
 uint64_t Notifiee::now() noexcept {
-  static std::atomic<uint64_t> last = 0;
-  return ++last;
+  return ++lastTimeGiven;
+}
+
+uint64_t Notifiee::lastTime() noexcept {
+  return lastTimeGiven;
 }
 
 void Notifiee::wakeOnce() {
@@ -120,15 +125,17 @@ void NotifierList::add(Notifiee& notifiee) {
   passedSlots_.push_back(0);  // first: one too many does no harm if the next line fails
   slots_.insert(slots_.begin() + static_cast<std::ptrdiff_t>(at), &notifiee);
   numberSlots(at);
+  notifiee.toldIn_ = 0;
   ++count_;
   quiet_ += notifiee.isQuiet() ? 1 : 0;
   if (!isLate) return;
   for (auto* walk = walk_; walk != nullptr; walk = walk->outerWalk_) {
-    if (at > walk->end_) continue;
+    const bool isOlder = notifiee.rank_.time <= walk->began_;
+    if (at > walk->end_ || (at == walk->end_ && !isOlder)) continue;
     ++walk->end_;
     if (at >= walk->at_) continue;
     ++walk->at_;
-    if (!notifiee.isQuiet()) walk->tellAfterwards(notifiee);
+    if (isOlder && !notifiee.isQuiet()) walk->tellAfterwards(notifiee);
   }
 }
 
@@ -268,7 +275,8 @@ Notifiee* SnapshotIterator::next() {
   standOn(notifiee);
   if (notifiee == nullptr) return nullptr;
   notifiee->toldIn_ = number_;
-  if (notifiee->isAwake_) {
+  // A walk within another one leaves it awake for that one.
+  if (notifiee->isAwake_ && outerWalk_ == nullptr) {
     notifiee->isAwake_ = false;
     list_.awakeChanged(*notifiee);
   }

@@ -75,6 +75,8 @@ class Notifiee : public Object {
   };
   /// A time that is later than all that were given before.
   static uint64_t now() noexcept;
+  /// The last time that was given.
+  static uint64_t lastTime() noexcept;
   /// The next registration is one that was left out earlier, while nothing concerned this notifiee:
   /// it gets the place that it would have had, and a walk that is under way reaches it.
   void registersLate(const Rank& rank) noexcept {
@@ -136,7 +138,7 @@ class Notifiee : public Object {
   Ptr<ActivityConfig> activity_;
   Rank rank_;
   uint32_t slot_ = 0;    // where it stands in the notifier's list, while registered
-  uint32_t toldIn_ = 0;  // the last walk that came here
+  uint64_t toldIn_ = 0;  // the last walk that came here
   Hold hold_;
   bool isLate_ = false;   // until it is registered
   bool isAwake_ = false;  // though quiet
@@ -263,7 +265,7 @@ class NotifierList {
   SnapshotIterator* walk_ = nullptr;  // the innermost one
   size_t count_ = 0;
   size_t quiet_ = 0;
-  uint32_t walks_ = 0;  // how many began
+  uint64_t walks_ = 0;  // how many began
   bool orphaned_ = false;
 };
 
@@ -279,6 +281,7 @@ class SnapshotIterator {
         key_(key),
         end_(list.slots_.size()),
         tellsAll_(list.tellsAll()),
+        began_(Notifiee::lastTime()),
         number_(++list.walks_),
         hooksVersion_(list.hooksVersion()),
         outerWalk_(std::exchange(list.walk_, this)) {}
@@ -313,7 +316,8 @@ class SnapshotIterator {
   size_t at_ = 0;
   size_t end_;  // of those that were there when the walk began
   const bool tellsAll_;
-  const uint32_t number_;
+  const uint64_t began_;
+  const uint64_t number_;
   uint64_t hooksVersion_;
   std::vector<Notifiee*> woken_;  // to be told when all others are; null: has left
   size_t wokenAt_ = 0;
