@@ -127,7 +127,6 @@ class Reactors {
 
 template <Family F>
 void Reactors<F>::begin() {
-  state_.began = Kiv::Notifiee::now();
   const auto* root = sm_.rootRaw();
   const auto* dir = watchedBy(sm_.neighborDirByIntfName());
   const auto* intfs = watchedBy(sm_.ipStatus());
@@ -139,6 +138,7 @@ void Reactors<F>::begin() {
   }
   const auto index = Index::of(*dir, *intfs, *forwarding);
   state_.placing = index;
+  state_.began = Kiv::Notifiee::now();  // after the index has found the interfaces and tables
   if (!state_.isTrusted || root == nullptr || (activity != nullptr && activity->queues()) ||
       Index::isObserved()) {
     return;

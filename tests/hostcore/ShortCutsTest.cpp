@@ -79,6 +79,67 @@ TYPED_TEST(ShortCutsTest, ReactorsAreMadeWhereTheyAreNeededAndWhenSomebodyLooks)
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
 }
 
+// An announcement within another one must not take the outer one from a machine that is woken.
+TYPED_TEST(ShortCutsTest, AMachineHearsOfAnAnnouncementAroundAnother) {
+  using Fec = typename TypeParam::Fec;
+  auto& red = this->world;
+  struct Watcher : TypeParam::ForwardingStatus::NotifieeConst, Once {
+    using TypeParam::ForwardingStatus::NotifieeConst::onFec;
+    void onFec(const Tovan::Fib::FecId&) override { told(); }
+  };
+  const auto watcher = watcherOf<Watcher>(red.forwarding);  // stands before the machine
+  red.newMachine();
+  red.machine().initializedIs(true);
+  red.forwarding->fecIs(Fec(7, {{.hop = {}, .intf = red.ethernet1}}));
+  red.routeIs(Sample<TypeParam>::subnet(), 7);
+  red.learn(red.ethernet1, 5);
+  red.learn(red.ethernet2, 6);
+  watcher->act = [&red] { red.forwarding->fecIs(Fec(8, {{.hop = {}, .intf = red.ethernet1}})); };
+  red.forwarding->fecIs(Fec(7, {{.hop = {}, .intf = red.ethernet2}}));
+  EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
+  EXPECT_TRUE(red.hasRoute(red.routeStatus, 6));
+  EXPECT_NE(red.machine().fast().index, nullptr);
+}
+
+// The inputs of a machine without reactors may go, or stay when the machine and the others have
+// gone.
+TYPED_TEST(ShortCutsTest, MissingReactorsAreMadeForLivingInputsOnly) {
+  const auto l3Status = World<TypeParam>::inVrf(this->world.ethernet1, "blue");
+  Arp::ArpIntfStatus::Ptr table;
+  {
+    World<TypeParam> red;
+    red.interface(red.ethernet1, l3Status);
+    red.learn(red.ethernet1, 5);
+    table = red.neighborDir->arpIntfStatus(red.ethernet1.name());
+    red.newMachine();
+    const auto toMerge = red.root->toMerge();
+    red.newMachine();
+    red.machine().rootIs(nullptr);
+    EXPECT_EQ(toMerge->ipCount(), 1u);
+    red.root->routeSmDel();
+    red.newMachine();
+    EXPECT_EQ(red.machine().fast().index, nullptr);  // other code holds the set
+  }
+  l3Status->vrfIs(L3::VrfName("red"));
+  Kiv::Tracer::sinkIs([](const Kiv::TraceRecord&) {});
+  TypeParam::trace().levelIs(7, true);
+  TypeParam::neighborIs(*table, {.ipAddr = Sample<TypeParam>::addr(6)});
+  TypeParam::trace().levelIs(7, false);
+  Kiv::Tracer::sinkIs({});
+}
+
+// The last interface to write an address that several have owns it.
+TYPED_TEST(ShortCutsTest, InterfacesOfOneLayer3StatusAreAdmittedInTheOrderOfTheirNames) {
+  auto& red = this->world;
+  const auto l3Status = red.inVrf(red.ethernet1, "blue");
+  for (const char* name : {"Ethernet9", "Ethernet8", "Ethernet7", "Ethernet6", "Ethernet5"}) {
+    red.addressIs(*red.interface(Zemit::IntfId::of(name), l3Status), 9);
+  }
+  red.newMachine();
+  l3Status->vrfIs(L3::VrfName("red"));
+  EXPECT_EQ(red.root->receiveAddrToIntfName(Sample<TypeParam>::addr(9)), "Ethernet9");
+}
+
 TYPED_TEST(ShortCutsTest, NothingIsQuietWhereNotificationsWait) {
   this->world.activity = Kiv::make<Kiv::QueueingActivity>();
   this->world.table(this->world.ethernet2);
