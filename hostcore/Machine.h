@@ -268,7 +268,9 @@ void Machine<F>::ipIntfStatusFilterDel(Zemit::IntfId intfId) {
   const auto* present = sm_.ipIntfStatusFilter_.stored(intfId);
   if (present == nullptr) return;
   const auto filter = *present;
+  const auto* const status = filter->notifierRaw();
   sm_.kiv_handleIpIntfStatusFilter(*filter);
+  if (filter->notifierRaw() != status) return;  // a callback has added the interface again
   sm_.ipIntfStatusFilter_.del(sm_, intfId);
   Reactors<F>(sm_).filterRemoved(intfId);
 }
@@ -306,7 +308,9 @@ void Machine<F>::arpIntfStatusDel(const Kiv::Name& name) {
   const auto* present = sm_.arpIntfStatus_.stored(name);
   if (present == nullptr) return;
   const auto reactor = *present;
+  const auto* const table = reactor->notifierRaw();
   sm_.kiv_handleArpIntfStatus(*reactor);
+  if (reactor->notifierRaw() != table) return;  // a callback has added the table again
   sm_.arpIntfStatus_.del(sm_, name);
   if (const auto intf = Zemit::IntfId::find(name)) Reactors<F>(sm_).tableRemoved(*intf);
 }
