@@ -5,6 +5,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "daemon/EngineFamily.h"
 #include "daemon/HopText.h"
 #include "daemon/Switch.h"
 #include "hostcore/Explain.h"
@@ -54,7 +55,7 @@ template <class F>
 class Explainer {
  public:
   using Addr = typename F::Addr;
-  using State = HostCore::AddressState<F>;
+  using State = HostCore::AddressState<EngineFamily<F>>;
   using Neighbor = typename State::Neighbor;
   using Source = typename State::Source;
 
@@ -70,7 +71,7 @@ class Explainer {
     if (machine == nullptr) {
       explainEnded();
     } else {
-      state_ = HostCore::Explain<F>(*machine).stateOf(addr_);
+      state_ = HostCore::Explain<EngineFamily<F>>(*machine).stateOf(addr_);
       findMachine();
       findOwnAddress();
       findFibRoute();
@@ -147,7 +148,7 @@ class Explainer {
     }
     const auto& found = *state_.fibRoute;
     std::string text = routeText(found.route);
-    if (HostCore::isComplete<F>(found.route)) {
+    if (HostCore::isComplete<EngineFamily<F>>(found.route)) {
       text = typeText(found.route.routeType) + ", " + leavesText(found.route, found.vias);
     } else {
       text += ": incomplete";

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "daemon/EngineFamily.h"
 #include "daemon/RootTables.h"
 #include "daemon/SharedNames.h"
 #include "hostcore/Tracing.h"
@@ -98,7 +99,7 @@ void Switch::traceLevelIs(std::string_view vrf, uint32_t levels) {
   forEachFamily([&](auto family) {
     using F = decltype(family);
     if (auto* machine = traced.routing<F>().machine()) {
-      HostCore::tracedLevelsAre<F>(*machine, levels);
+      HostCore::tracedLevelsAre<EngineFamily<F>>(*machine, levels);
     }
   });
 }
@@ -109,10 +110,10 @@ void Switch::traceAddressIs(std::string_view vrf, std::string_view address) {
   const auto ipv6 = Zemit::Ip6Addr::parse(address);
   KIV_REQUIRE(ipv4 || ipv6 || address.empty(), "\"" + std::string(address) + "\" is no address");
   if (auto* machine = traced.routing<Ipv4>().machine()) {
-    HostCore::tracedAddressIs<Ipv4>(*machine, ipv4, ipv6.has_value());
+    HostCore::tracedAddressIs<EngineFamily<Ipv4>>(*machine, ipv4, ipv6.has_value());
   }
   if (auto* machine = traced.routing<Ipv6>().machine()) {
-    HostCore::tracedAddressIs<Ipv6>(*machine, ipv6, ipv4.has_value());
+    HostCore::tracedAddressIs<EngineFamily<Ipv6>>(*machine, ipv6, ipv4.has_value());
   }
 }
 
