@@ -31,6 +31,7 @@ struct Ipv4 {
   using RouteSmRoot = Host::RouteSmRoot;
   using Intfs = Ip::Status;
   using IntfsAttribute = Intfs::IpIntfStatusAttribute;
+  using NeighborAttribute = Arp::ArpIntfStatus::ArpEntryAttribute;
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRouteTrace; }

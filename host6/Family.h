@@ -57,6 +57,7 @@ struct Ipv6 {
   using RouteSmRoot = Host::RouteSmRoot;
   using Intfs = Ip6::Status;
   using IntfsAttribute = Intfs::IntfAttribute;
+  using NeighborAttribute = Arp::ArpIntfStatus::Ip6NeighborEntryAttribute;
   using PrefixList = Host::PrefixList;
 
   static Kiv::TraceFacility& trace() { return hostRoute6Trace; }

@@ -34,7 +34,8 @@ concept FamilyTypes = requires {
   typename F::RouteSm::Inputs;
   typename F::RouteSmRoot;
   typename F::Intfs;           // the interfaces with the family enabled
-  typename F::IntfsAttribute;  // the attribute that has them
+  typename F::IntfsAttribute;     // the attribute that has them
+  typename F::NeighborAttribute;  // the attribute of Arp::ArpIntfStatus that has the neighbours
 };
 
 /// The constants of a family, and the parts of its messages that differ.

@@ -120,7 +120,7 @@ class MachineIndex final : public MachineIndexBase,
   /// On the inputs, and on the layer-3 status of each interface.
   class InputHook final : public Kiv::NotifierHook {
    public:
-    explicit InputHook(MachineIndex& index) : index_(index) {}
+    explicit InputHook(MachineIndex& index) : NotifierHook(false), index_(index) {}
     MachineIndex& index() const noexcept { return index_; }
     void beforeTelling(const Kiv::Entity& notifier, Kiv::AttributeId id, const void* key,
                        bool isRepeat) override {
@@ -133,9 +133,11 @@ class MachineIndex final : public MachineIndexBase,
   /// On each neighbour table.
   class TableHook final : public Kiv::NotifierHook {
    public:
-    explicit TableHook(MachineIndex& index) : index_(index) { isNeededIs(false); }
-    void beforeTelling(const Kiv::Entity& notifier, Kiv::AttributeId /*id*/, const void* /*key*/,
+    explicit TableHook(MachineIndex& index) : NotifierHook(true), index_(index) {}
+    void beforeTelling(const Kiv::Entity& notifier, Kiv::AttributeId id, const void* /*key*/,
                        bool /*isRepeat*/) override {
+      const bool isOtherFamily = id != 0 && id != F::NeighborAttribute::kInfo.id;
+      if (isOtherFamily && !isObserved()) return;
       index_.tableChanges(static_cast<const Table&>(notifier));
     }
     void alertChanged(bool isNeeded) {
@@ -149,7 +151,7 @@ class MachineIndex final : public MachineIndexBase,
   /// On each sparse machine: who watches it is told of each reactor.
   class MachineHook final : public Kiv::NotifierHook {
    public:
-    MachineHook() { isNeededIs(false); }
+    MachineHook() : NotifierHook(true) {}
     void beforeTelling(const Kiv::Entity&, Kiv::AttributeId, const void*, bool) override {}
     void beforeRegistering(const Kiv::Entity& notifier) override {
       // The machine was not const when it was added.

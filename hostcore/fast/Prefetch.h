@@ -102,8 +102,14 @@ void Prefetch<F>::change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor,
   const auto* routes = neighborRoutes();
   if (!isEnabled(ShortCut::Prefetch) || routes == nullptr) return;
   const auto& adjacencies = routes->adjacencies();
-  const bool exists = hostRoute.key == hostPrefix<F>(ip);
-  if (exists) adjacencies.prefetch(hostRoute.fecId);
+  const Prefix host = hostPrefix<F>(ip);
+  const bool exists = hostRoute.key == host;
+  if (exists) {
+    adjacencies.prefetch(hostRoute.fecId);
+    if (const auto* routeTable = sm_.routeStatusRaw()) {
+      replacedAdjacency(routeTable->peekFecId(host));
+    }
+  }
   if (exists == isNeighbor) return;
   // A neighbour is hardly ever reached through more than one interface.
   const auto vias = viasOf(ip, intf);

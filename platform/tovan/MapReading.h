@@ -309,9 +309,24 @@ void TovanMap<Key, Value>::prefetch(const Key& key) const {
   const uint64_t hash = hashOf(pack(key));
   const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));
   if (ref.number() >= pages()) return;
-  const Slot* first = &page(ref.number()).slots[home(hash)];
+  const Page& in = page(ref.number());
+  const Slot* first = &in.slots[home(hash)];
   Kiv::prefetch(first);
   Kiv::prefetch(first + 1);
+  Kiv::prefetch(&in);  // absence is checked with the head
+}
+
+template <class Key, class Value>
+std::optional<Value> TovanMap<Key, Value>::peek(const Key& key) const {
+  if (isReadOnly()) return std::nullopt;
+  const uint64_t hash = hashOf(pack(key));
+  const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));
+  if (ref.number() >= pages()) return std::nullopt;
+  const Slot* slot = search(page(ref.number()), hash, pack(key));
+  if (slot == nullptr) return std::nullopt;
+  Words words;
+  load(*slot, words);
+  return valueOf(words);
 }
 
 /// Copies the entries of the page of `pattern`, and sets `pattern` to that of the next page.

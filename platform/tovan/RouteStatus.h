@@ -84,6 +84,11 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
   }
   /// Prefetches the memory that route() is going to read.
   void prefetch(const Prefix& prefix) const { map_.prefetch(prefix); }
+  /// The FEC of the route, or invalidFecId. Not checked: good for a prefetch, and no more.
+  Fib::FecId peekFecId(const Prefix& prefix) const {
+    const auto record = map_.peek(prefix);
+    return record ? record->withKey(prefix).fecId : Fib::invalidFecId;
+  }
   /// Stores a route under its key, and announces it if it is new or differs. Also announces routes
   /// that the table lost to damage meanwhile.
   /// \throws NoSpaceException, ReadOnlyException.

@@ -64,6 +64,9 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
 
   /// Prefetches the memory that get() is going to read; useful to the writer only.
   void prefetch(const Key& key) const;
+  /// The value that the memory has for `key`, without a check: good for a prefetch, and no more.
+  /// Nothing if there is none, and on a reader.
+  std::optional<Value> peek(const Key& key) const;
 
   /// Stores `value` under `key`. Returns whether the key is new.
   /// \throws NoSpaceException, changing nothing; ReadOnlyException.

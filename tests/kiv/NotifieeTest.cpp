@@ -228,6 +228,7 @@ TEST_F(NotifieeTest, ANotifieeThatStopsBeingQuietDuringAnAnnouncementReceivesIt)
 // A wrong order would number what notifiees make otherwise than if all had been there before.
 TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
   struct Hook final : Kiv::NotifierHook {
+    Hook() : NotifierHook(true) {}
     std::function<void(bool isRepeat)> call;
     void beforeTelling(const Kiv::Entity&, Kiv::AttributeId, const void* key,
                        bool isRepeat) override {

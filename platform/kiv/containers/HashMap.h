@@ -22,7 +22,7 @@ struct Present {
   friend constexpr bool operator==(Present, Present) = default;
 };
 
-/// Values by key, in no order: one pointer when empty, one block of memory while small.
+/// Values by key, in no order: two words when empty, one block of memory while small.
 ///
 /// Open addressing in groups of fifteen slots with a control byte each. Deleting an element moves
 /// no other. A table that is full is not rebuilt at once: a larger one takes its place, and each
@@ -171,7 +171,7 @@ class HashMap {
 
    private:
     friend HashMap;
-    explicit PrefetchHint(Block* block) : block_(block), shift_(block->shift) {}
+    PrefetchHint(Block* block, uint8_t shift) : block_(block), shift_(shift) {}
 
     Block* block_ = nullptr;  // never dereferenced: it may be gone
     uint8_t shift_ = 0;
@@ -181,9 +181,9 @@ class HashMap {
   using IteratorConst = WalkOf<const HashMap, const V>;
 
   HashMap() = default;
-  HashMap(HashMap&& other) noexcept : block_(std::exchange(other.block_, none())) {}
+  HashMap(HashMap&& other) noexcept { blockIs(other.blockIs(none())); }
   HashMap& operator=(HashMap&& other) noexcept {
-    if (this != &other) destroy(std::exchange(block_, std::exchange(other.block_, none())));
+    if (this != &other) destroy(blockIs(other.blockIs(none())));
     return *this;
   }
   ~HashMap() { clear(); }
@@ -212,9 +212,9 @@ class HashMap {
     return hash;
   }
   /// The same for a key of this hash.
-  void prefetchHash(uint32_t hash) const { prefetchGroup(block_, homeOf(block_, hash), hash); }
+  void prefetchHash(uint32_t hash) const { prefetchGroup(block_, home(hash), hash); }
   /// A hint for a later prefetch, also when the map itself is not at hand then.
-  PrefetchHint prefetchHint() const { return PrefetchHint(block_); }
+  PrefetchHint prefetchHint() const { return PrefetchHint(block_, shift_); }
   const V* find(const K& key, uint32_t hash) const { return valueAt(locate(key, hash)); }
   /// The key that equals `probe`, of another type, whose hash is `hash`; or null.
   template <class Probe>
@@ -272,7 +272,7 @@ class HashMap {
     erase(it.place_, H()(it.key_));
   }
   /// Deletes all elements and gives the memory back.
-  void clear() noexcept { destroy(std::exchange(block_, none())); }
+  void clear() noexcept { destroy(blockIs(none())); }
 
   /// Makes room for `elements` elements in all.
   void reserve(size_t elements) {
@@ -322,12 +322,17 @@ class HashMap {
   static Block* older(Block* block) {
     return block->emptiesAnother ? block->emptying().block : nullptr;
   }
+  /// Puts another block in place of the present one, and returns that.
+  Block* blockIs(Block* block) noexcept {
+    shift_ = block->shift;
+    return std::exchange(block_, block);
+  }
   static V* valueAt(const Place& place) { return place ? &place.entry->value : nullptr; }
 
   Place locate(const K& key) const { return locate(key, H()(key)); }
   template <class Probe>
   Place locate(const Probe& key, uint32_t hash) const {
-    const size_t home = homeOf(block_, hash);
+    const size_t home = this->home(hash);
     if (const Place found = locateInGroup(block_, home, key, hash)) return found;
     const bool isLast = !block_->group(home)->hasOverflowed(hash) && !block_->emptiesAnother;
     return isLast ? Place() : locateBeyond(key, hash);
@@ -424,6 +429,7 @@ class HashMap {
     return reinterpret_cast<Entry*>(block->slots(group, sizeof(Entry)));
   }
   static size_t homeOf(const Block* block, uint32_t hash) { return uint64_t{hash} >> block->shift; }
+  size_t home(uint32_t hash) const { return uint64_t{hash} >> shift_; }
   /// Steps of growing length reach every group.
   static size_t nextGroup(const Block* block, size_t group, size_t step) {
     return (group + step) & (block->groupCount() - 1);
@@ -497,7 +503,7 @@ class HashMap {
   size_t leastCapacity() const { return block_->capacity() / 16; }
   /// Begins to move everything to a block with room for `elements`.
   void rebuild(size_t elements) {
-    Block* const old = std::exchange(block_, Block::allocate(elements, sizeof(Entry)));
+    Block* const old = blockIs(Block::allocate(elements, sizeof(Entry)));
     block_->generation = detail::nextHashGeneration();
     block_->size = old->size;
     block_->free -= old->size;
@@ -549,7 +555,7 @@ class HashMap {
     for (uint32_t full = Matcher::full(*old.group(number)); full != 0; full &= full - 1) {
       const Place from(&old, number, slotOf(full));
       const uint32_t hash = H()(from.entry->key);
-      const size_t home = homeOf(block_, hash);
+      const size_t home = this->home(hash);
       auto& [group, empty] = known[home & 1];
       if (group != home) {
         group = home;
@@ -588,6 +594,8 @@ class HashMap {
   }
 
   Block* block_ = none();
+  // As in the block, so that a search need not wait for the block's head to know its group.
+  uint8_t shift_ = detail::kNoHashBlock.block.shift;
 };
 
 }  // namespace Kiv

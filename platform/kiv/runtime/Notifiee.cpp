@@ -122,12 +122,12 @@ void NotifierList::add(Notifiee& notifiee) {
   } else {
     notifiee.rank_ = {Notifiee::now(), 0};
   }
-  passedSlots_.push_back(0);  // first: one too many does no harm if the next line fails
-  slots_.insert(slots_.begin() + static_cast<std::ptrdiff_t>(at), &notifiee);
+  passedSlots_.insert(passedSlots_.end(), 0);  // one too many does no harm if the next line fails
+  slots_.insert(slots_.begin() + at, &notifiee);
   numberSlots(at);
   notifiee.toldIn_ = 0;
   ++count_;
-  quiet_ += notifiee.isQuiet() ? 1 : 0;
+  quiet_ += notifiee.isQuiet() ? 1U : 0U;
   if (!isLate) return;
   for (auto* walk = walk_; walk != nullptr; walk = walk->outerWalk_) {
     const bool isOlder = notifiee.rank_.time <= walk->began_;
@@ -145,7 +145,7 @@ void NotifierList::remove(Notifiee& notifiee) noexcept {
   passedSlots_[notifiee.slot_] = 1;
   notifiee.isAwake_ = false;
   --count_;
-  quiet_ -= notifiee.isQuiet() ? 1 : 0;
+  quiet_ -= notifiee.isQuiet() ? 1U : 0U;
   for (auto* walk = walk_; walk != nullptr; walk = walk->outerWalk_) {
     std::replace(walk->woken_.begin(), walk->woken_.end(), &notifiee,
                  static_cast<Notifiee*>(nullptr));
@@ -163,13 +163,13 @@ void NotifierList::numberSlots(size_t first) noexcept {
 }
 
 void NotifierList::closeGaps() noexcept {
-  std::erase(slots_, nullptr);
-  passedSlots_.resize(slots_.size());
+  slots_.eraseFrom(std::remove(slots_.begin(), slots_.end(), nullptr));
+  passedSlots_.eraseFrom(passedSlots_.begin() + slots_.size());
   numberSlots(0);
 }
 
 void NotifierList::quietChanged(Notifiee& notifiee) noexcept {
-  quiet_ += notifiee.isQuiet() ? 1 : size_t{0} - 1;
+  quiet_ += notifiee.isQuiet() ? 1U : uint32_t{0} - 1;
   awakeChanged(notifiee);
   if (notifiee.isQuiet()) return;
   for (auto* walk = walk_; walk != nullptr; walk = walk->outerWalk_) {
@@ -190,17 +190,22 @@ size_t NotifierList::next(size_t from, size_t to, bool tellsAll) const noexcept 
     while (from < to && slots_[from] == nullptr) ++from;
     return from;
   }
+  constexpr size_t kFew = 8;
+  const char* const passed = passedSlots_.begin();
+  for (const size_t few = std::min(to, from + kFew); from < few; ++from) {
+    if (passed[from] == 0) return from;
+  }
   if (from >= to) return to;
-  const void* const found = std::memchr(passedSlots_.data() + from, 0, to - from);
-  return found == nullptr
-             ? to
-             : static_cast<size_t>(static_cast<const char*>(found) - passedSlots_.data());
+  const void* const found = std::memchr(passed + from, 0, to - from);
+  return found == nullptr ? to : static_cast<size_t>(static_cast<const char*>(found) - passed);
 }
 
 void NotifierList::hookIs(const std::shared_ptr<NotifierHook>& hook, const Entity& owner) {
   if (hookedSince(*hook) != 0) return;
   hooks_.push_back({hook, Notifiee::now()});
   owner_ = &owner;
+  isHooked_ = true;
+  hasNecessaryHook_ = hasNecessaryHook_ || !hook->isOptional();
 }
 
 uint64_t NotifierList::hookedSince(const NotifierHook& hook) const noexcept {
@@ -210,25 +215,16 @@ uint64_t NotifierList::hookedSince(const NotifierHook& hook) const noexcept {
   return 0;
 }
 
-bool NotifierList::hasNeededHook() const noexcept {
-  return owner_ != nullptr && (TraceFacility::anyBuilds() ||
-                               std::any_of(hooks_.begin(), hooks_.end(), [](const Hooked& hooked) {
-                                 return hooked.hook->isNeeded();
-                               }));
+bool NotifierList::isTraced() noexcept {
+  return TraceFacility::anyBuilds();
 }
 
 void NotifierList::callNeededHooks(AttributeId id, const void* key, bool isRepeat) {
-  const bool isTraced = TraceFacility::anyBuilds();
+  const bool callsAll = isTraced();
   for (size_t i = 0; i < hooks_.size(); ++i) {
     const auto hook = hooks_[i].hook;
-    if (isTraced || hook->isNeeded()) hook->beforeTelling(*owner_, id, key, isRepeat);
+    if (callsAll || hook->isNeeded()) hook->beforeTelling(*owner_, id, key, isRepeat);
   }
-}
-
-uint64_t NotifierList::hooksVersion() const noexcept {
-  uint64_t version = 0;
-  for (const Hooked& hooked : hooks_) version += hooked.hook->version();
-  return version;
 }
 
 void NotifierList::ownerIsGone() noexcept {
@@ -241,6 +237,7 @@ void NotifierList::ownerIsGone() noexcept {
     std::fill(walk->woken_.begin(), walk->woken_.end(), nullptr);
   }
   owner_ = nullptr;
+  isHooked_ = false;
   count_ = 0;
   orphaned_ = true;
   if (walk_ == nullptr) delete this;
@@ -264,8 +261,8 @@ Notifiee* SnapshotIterator::next() {
       if (at_ < end_) notifiee = list_.slots_[at_++];
       continue;
     }
-    if (wokenAt_ == woken_.size() && id_ != 0 && list_.hooksVersion() != hooksVersion_) {
-      hooksVersion_ = list_.hooksVersion();
+    if (wokenAt_ == woken_.size() && id_ != 0 && NotifierHook::version() != hooksVersion_) {
+      hooksVersion_ = NotifierHook::version();
       list_.callHooks(id_, key_, true);
       continue;
     }

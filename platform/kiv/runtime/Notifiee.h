@@ -1,6 +1,7 @@
 // Notifiees, which are told of changes, and the lists in which a notifier keeps them.
 #pragma once
 
+#include <atomic>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -9,7 +10,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/kiv/containers/Export.h"
 #include "platform/kiv/containers/Ptr.h"
+#include "platform/kiv/containers/SmallVector.h"
 #include "platform/kiv/runtime/Activity.h"
 #include "platform/kiv/runtime/Attribute.h"
 
@@ -170,7 +173,9 @@ class NotifieeOf : public Notifiee {
 /// One hook may serve many entities. It must not change an attribute of any entity.
 class NotifierHook {
  public:
-  virtual ~NotifierHook() = default;
+  NotifierHook(const NotifierHook&) = delete;
+  NotifierHook& operator=(const NotifierHook&) = delete;
+  virtual ~NotifierHook() { isNeededIs(false); }
 
   /// `notifier` is going to announce a change of the attribute `id`.
   ///
@@ -182,17 +187,34 @@ class NotifierHook {
   virtual void beforeRegistering(const Entity& /*notifier*/) {}
 
   /// False while beforeTelling() need not be called unless something is traced.
-  bool isNeeded() const noexcept { return isNeeded_; }
-  uint64_t version() const noexcept { return version_; }
+  bool isNeeded() const noexcept { return isNeeded_ || !isOptional_; }
+  bool isOptional() const noexcept { return isOptional_; }
+
+  /// True while some optional hook is needed.
+  static bool anyOptionalIsNeeded() noexcept {
+    return optionalNeeded_.load(std::memory_order_relaxed) != 0;
+  }
+  /// Goes up when beforeTelling() of some hook may concern other notifiees than before.
+  static uint64_t version() noexcept { return version_.load(std::memory_order_relaxed); }
 
  protected:
-  void isNeededIs(bool isNeeded) noexcept { isNeeded_ = isNeeded; }
-  /// beforeTelling() may concern other notifiees from now on.
-  void versionIsNext() noexcept { ++version_; }
+  /// \param isOptional  whether it is needed only now and then: not yet.
+  explicit NotifierHook(bool isOptional) : isOptional_(isOptional) {}
+  /// Of an optional hook.
+  void isNeededIs(bool isNeeded) noexcept {
+    if (isNeeded == isNeeded_) return;
+    isNeeded_ = isNeeded;
+    optionalNeeded_.fetch_add(isNeeded ? 1 : size_t{0} - 1, std::memory_order_relaxed);
+  }
+  static void versionIsNext() noexcept { version_.fetch_add(1, std::memory_order_relaxed); }
 
  private:
-  bool isNeeded_ = true;
-  uint64_t version_ = 0;
+  // Of the whole process, so that an announcement need not look at the hooks of its notifier.
+  KIV_EXPORT static inline constinit std::atomic<size_t> optionalNeeded_{0};
+  KIV_EXPORT static inline constinit std::atomic<uint64_t> version_{0};
+
+  const bool isOptional_;
+  bool isNeeded_ = false;
 };
 
 /// The notifiees of one entity.
@@ -231,7 +253,7 @@ class NotifierList {
     for (const Hooked& hooked : hooks_) visit(*hooked.hook);
   }
   void callHooks(AttributeId id, const void* key, bool isRepeat = false) {
-    if (!hooks_.empty() && hasNeededHook()) [[unlikely]]
+    if (hasNeededHook()) [[unlikely]]
       callNeededHooks(id, key, isRepeat);
   }
 
@@ -253,20 +275,26 @@ class NotifierList {
   bool tellsAll() const noexcept;
   /// The first slot in [from, to) with a notifiee to tell; `to` for none.
   size_t next(size_t from, size_t to, bool tellsAll) const noexcept;
-  bool hasNeededHook() const noexcept;
+  /// True when callNeededHooks() may have something to call.
+  bool hasNeededHook() const noexcept {
+    return isHooked_ && (hasNecessaryHook_ || NotifierHook::anyOptionalIsNeeded() || isTraced());
+  }
+  static bool isTraced() noexcept;
   void callNeededHooks(AttributeId id, const void* key, bool isRepeat);
-  uint64_t hooksVersion() const noexcept;
 
-  std::vector<Notifiee*> slots_;  // null: has left
-  std::vector<char>
-      passedSlots_;  // of each slot: 1 when there is none to tell, unless all are told
-  std::vector<Hooked> hooks_;
-  const Entity* owner_ = nullptr;     // only with hooks
+  // First what each announcement reads: one cache line, or two.
+  [[no_unique_address]] SmallVector<Notifiee*, 2> slots_;  // null: has left
+  uint32_t count_ = 0;
+  // Of each slot: 1 when there is none to tell, unless all are told.
+  [[no_unique_address]] SmallVector<char, 8> passedSlots_;
+  uint32_t quiet_ = 0;
   SnapshotIterator* walk_ = nullptr;  // the innermost one
-  size_t count_ = 0;
-  size_t quiet_ = 0;
-  uint64_t walks_ = 0;  // how many began
+  uint64_t walks_ = 0;                // how many began
   bool orphaned_ = false;
+  bool isHooked_ = false;
+  bool hasNecessaryHook_ = false;  // one that is not optional
+  std::vector<Hooked> hooks_;
+  const Entity* owner_ = nullptr;  // only with hooks
 };
 
 /// Walks the notifiees that a list had when the walk began and still has; those that are quiet all
@@ -283,7 +311,7 @@ class SnapshotIterator {
         tellsAll_(list.tellsAll()),
         began_(Notifiee::lastTime()),
         number_(++list.walks_),
-        hooksVersion_(list.hooksVersion()),
+        hooksVersion_(NotifierHook::version()),
         outerWalk_(std::exchange(list.walk_, this)) {}
   SnapshotIterator(const SnapshotIterator&) = delete;
   SnapshotIterator& operator=(const SnapshotIterator&) = delete;
