@@ -56,8 +56,7 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   /// record can be read.
   bool isFibAdjacency(FecId fecId, const ViaSet& vias) const {
     const uint32_t index = indexOf(fecId);
-    return fibAdjacencies_.users(index) != 0 && fibAdjacencies_.viaSet(index) == vias &&
-           isPublished(index);
+    return fibAdjacencies_.has(index, vias) && isPublished(index);
   }
   /// Drops one reference on a FIB adjacency. A FEC that this helper did not hand out is left alone.
   virtual void doDropRefOnFibAdjacency(FecId fecId);

@@ -34,10 +34,19 @@ class AdjacencyTable {
   /// The set of an entry; an empty one when there is no such entry.
   const ViaSet& viaSet(uint64_t index) const {
     static const ViaSet kNone;
-    return users(index) == 0 ? kNone : entry(index).vias;
+    const Entry* found = find(index);
+    return found == nullptr || found->users == 0 ? kNone : found->vias;
   }
   /// The number of users of an entry; 0 when there is no such entry.
-  uint32_t users(uint64_t index) const { return isThere(index) ? entry(index).users : 0; }
+  uint32_t users(uint64_t index) const {
+    const Entry* found = find(index);
+    return found == nullptr ? 0 : found->users;
+  }
+  /// True when there is an entry of this number, and it has these vias.
+  bool has(uint64_t index, const ViaSet& vias) const {
+    const Entry* found = find(index);
+    return found != nullptr && found->users != 0 && found->vias == vias;
+  }
   /// Prefetches the memory that take() or the last drop() of a set reads, or that the others read
   /// of an entry.
   void prefetch(const ViaSet& vias) const {
@@ -45,10 +54,10 @@ class AdjacencyTable {
     prefetch(uint64_t{next()});
   }
   void prefetch(uint64_t index) const {
-    if (!isThere(index)) return;
-    const Entry& fetched = entry(index);
-    Kiv::prefetch(&fetched);
-    Kiv::prefetch(&fetched.nextFree);  // it may be across a line
+    const Entry* fetched = find(index);
+    if (fetched == nullptr) return;
+    Kiv::prefetch(fetched);
+    Kiv::prefetch(&fetched->nextFree);  // it may be across a line
   }
   size_t size() const noexcept { return numbers_.size(); }
   /// The bytes of memory that the entries take.
@@ -113,9 +122,16 @@ class AdjacencyTable {
         1);
   }
   static size_t sizeOf(size_t chunk) { return firstOf(chunk + 1) - firstOf(chunk); }
-  bool isThere(uint64_t index) const {
-    return index != 0 && index <= count_ && chunks_[chunkOf(index)].entries != nullptr;
+  /// The memory of an entry, also of a free one; null when there is none.
+  Entry* find(uint64_t index) const {
+    const uint64_t at = index - 1;
+    if (at >= count_) return nullptr;
+    const size_t chunk = chunkOf(index);
+    Entry* const entries = chunks_[chunk].entries.get();
+    if (entries == nullptr) return nullptr;
+    return entries + (at >= kChunk ? at % kChunk : index - firstOf(chunk));
   }
+  /// \pre its chunk has memory
   Entry& entry(uint64_t index) const {
     const size_t chunk = chunkOf(index);
     return chunks_[chunk].entries[index - firstOf(chunk)];
@@ -182,8 +198,9 @@ uint32_t AdjacencyTable<ViaSet>::takeNext() {
 
 template <class ViaSet>
 void AdjacencyTable<ViaSet>::drop(uint64_t index) {
-  if (users(index) == 0) return;
-  Entry& dropped = entry(index);
+  Entry* const found = find(index);
+  if (found == nullptr || found->users == 0) return;
+  Entry& dropped = *found;
   if (--dropped.users != 0) return;
   numbers_.erase(dropped.vias.hash(), static_cast<Index>(index));
   const size_t number = chunkOf(index);
