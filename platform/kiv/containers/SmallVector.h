@@ -9,8 +9,8 @@
 
 namespace Kiv {
 
-/// A list of plain values that allocates nothing while it has one element or none: for the many
-/// lists that hardly ever have more.
+/// A list of plain values that allocates no memory for zero or one element. For lists that rarely
+/// have more.
 template <class T>
 class SmallVector {
  public:
