@@ -9,10 +9,9 @@ namespace HostCore {
 /// Writes one receive route and makes the interface its owner, even if another interface owned the
 /// address. Then releases the host adjacency of the replaced route.
 ///
-/// \param adjacency  the id of a host adjacency of the receive table, with a reference for the
-/// route;
-///                   or invalidFecId.
-/// \param changed    gains the address.
+/// \param adjacency  a host adjacency of the receive table, with a reference for the route; or
+///                   invalidFecId.
+/// \param changed    gets the address added.
 template <Family F>
 void writeReceiveRoute(const typename F::Addr& ip, Tovan::Fib::FecId adjacency,
                        typename F::RouteType routeType, const Kiv::String8& intfName,
