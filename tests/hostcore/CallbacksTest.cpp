@@ -78,7 +78,7 @@ TYPED_TEST(CallbacksTest, ARepairReadsTheHostRouteAfterItsFiling) {
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(CallbacksTest, AFecThatMovesDuringAPassCountsForTheRestOfIt) {
+TYPED_TEST(CallbacksTest, AFecThatChangesDuringAPassCountsForTheRestOfThePass) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;

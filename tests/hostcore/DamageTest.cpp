@@ -119,7 +119,7 @@ template <class F>
 class DamageTest : public testing::Test {};
 TYPED_TEST_SUITE(DamageTest, Families);
 
-TYPED_TEST(DamageTest, EveryEventUsesTheRecordsThatCanBeRead) {
+TYPED_TEST(DamageTest, EveryEventUsesTheReadableRecords) {
   for (const Record damaged : {Record::kSubnet, Record::kHostRoute, Record::kFec}) {
     for (const Event event : {Event::kLearned, Event::kAnnounced, Event::kLost, Event::kRewritten,
                               Event::kInitialized, Event::kRibReady}) {

@@ -235,7 +235,7 @@ TYPED_TEST(LifetimeTest, AMachineEndsAlsoWithHandlesToIt) {
   world.changeAll(21);
 }
 
-TYPED_TEST(LifetimeTest, ReactorsThatAMachineRemovedReactToNothing) {
+TYPED_TEST(LifetimeTest, RemovedReactorsReactToNothing) {
   using F = TypeParam;
   Running<F> world;
   auto& machine = world.machine();
@@ -277,7 +277,7 @@ TYPED_TEST(LifetimeTest, ReactorsThatAMachineRemovedReactToNothing) {
   world.changeAll(10);
 }
 
-TYPED_TEST(LifetimeTest, AMachineThatIsHeldMayEndInACallback) {
+TYPED_TEST(LifetimeTest, AMachineWithAHandleMayEndInACallback) {
   using F = TypeParam;
   bool hasEnded = true;
   for (int at = 0; hasEnded; ++at) {

@@ -45,7 +45,7 @@ TYPED_TEST(ShortCutsTest, AReactorIsNotQuietWhileARouteLeavesThroughItsInterface
 }
 
 // What a machine does must not depend on whether somebody has looked at its reactors.
-TYPED_TEST(ShortCutsTest, ReactorsAreMadeWhereTheyAreNeededAndWhenSomebodyLooks) {
+TYPED_TEST(ShortCutsTest, ReactorsAreMadeWhenTheyAreNeededOrRead) {
   auto& red = this->world;
   const auto [first, second] = std::pair(red.ethernet1, red.ethernet2);
   red.learn(second, 4);
@@ -80,7 +80,7 @@ TYPED_TEST(ShortCutsTest, ReactorsAreMadeWhereTheyAreNeededAndWhenSomebodyLooks)
 }
 
 // An announcement within another one must not take the outer one from a machine that is woken.
-TYPED_TEST(ShortCutsTest, AMachineHearsOfAnAnnouncementAroundAnother) {
+TYPED_TEST(ShortCutsTest, AMachineIsNotifiedOfAnAnnouncementAroundAnotherOne) {
   using Fec = typename TypeParam::Fec;
   auto& red = this->world;
   struct Watcher : TypeParam::ForwardingStatus::NotifieeConst, Once {
@@ -140,7 +140,7 @@ TYPED_TEST(ShortCutsTest, InterfacesOfOneLayer3StatusAreAdmittedInTheOrderOfThei
   EXPECT_EQ(red.root->receiveAddrToIntfName(Sample<TypeParam>::addr(9)), "Ethernet9");
 }
 
-TYPED_TEST(ShortCutsTest, NothingIsQuietWhereNotificationsWait) {
+TYPED_TEST(ShortCutsTest, NoReactorIsQuietUnderAQueueingActivity) {
   this->world.activity = Kiv::make<Kiv::QueueingActivity>();
   this->world.table(this->world.ethernet2);
   this->world.startWithSubnet();
@@ -167,7 +167,7 @@ TYPED_TEST(ShortCutsTest, AnotherVrfsVirtualAddressTakesEffectAtTheNextEventOfIt
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(ShortCutsTest, AStepTakenByHandIsMergedByTheNextEvent) {
+TYPED_TEST(ShortCutsTest, TheNextEventMergesChangesOfADirectCall) {
   auto& red = this->world;
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);
@@ -178,7 +178,7 @@ TYPED_TEST(ShortCutsTest, AStepTakenByHandIsMergedByTheNextEvent) {
 }
 
 // Also when other code wrote the route meanwhile.
-TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithItsMerge) {
+TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithAMerge) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -279,7 +279,7 @@ TYPED_TEST(ShortCutsTest, LostDeferredMergesEndTheTrust) {
   }
 }
 
-TYPED_TEST(ShortCutsTest, AReactorMovedByItselfEndsTheTrust) {
+TYPED_TEST(ShortCutsTest, AReactorThatIsBoundElsewhereEndsTheTrust) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -471,7 +471,7 @@ TYPED_TEST(ShortCutsTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(ShortCutsTest, ATableMayGoWhileItsNeighbourIsHandled) {
+TYPED_TEST(ShortCutsTest, ATableMayBeRemovedWhileItsNeighbourIsHandled) {
   auto& red = this->world;
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);

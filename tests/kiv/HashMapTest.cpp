@@ -276,7 +276,7 @@ TEST(HashMapTest, AnIteratorStaysValidAcrossReserve) {
 }
 
 // With the generation of the empty map, an iterator would mistake the empty map for its own.
-TEST(HashMapTest, NoGenerationIsThatOfTheEmptyMap) {
+TEST(HashMapTest, OnlyTheEmptyMapHasGenerationZero) {
   detail::lastHashGeneration = UINT32_MAX - 1;
   HashMap<uint64_t, uint64_t> map;
   for (uint64_t n = 0; n < 3; ++n) {

@@ -58,7 +58,7 @@ TEST_F(NotifieeTest, BindingCatchesUpWithEachNewNotifier) {
 }
 
 // A wrong walk would call a destroyed reactor or skip a registered one.
-TEST_F(NotifieeTest, AnAnnouncementReachesThoseRegisteredBeforeAndStillRegistered) {
+TEST_F(NotifieeTest, AnAnnouncementReachesTheNotifieesRegisteredBeforeItAndStillRegistered) {
   std::vector<BridgeWatcher::Ptr> watchers;
   for (const char* name : {"a ", "b ", "c ", "d "}) watchers.push_back(watcherOf(bridge, name));
   BridgeWatcher::Ptr joined;
@@ -76,7 +76,7 @@ TEST_F(NotifieeTest, AnAnnouncementReachesThoseRegisteredBeforeAndStillRegistere
   EXPECT_EQ(announce(), (Log{"d vlan 1", "e vlan 1"}));
 }
 
-TEST_F(NotifieeTest, TheOrderOfNotifieesSurvivesDepartures) {
+TEST_F(NotifieeTest, TheOrderOfNotifieesSurvivesRemovals) {
   constexpr int kCount = 64;
   std::vector<std::pair<std::string, BridgeWatcher::Ptr>> watchers;
   const auto expected = [&] {
@@ -279,7 +279,7 @@ TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
   EXPECT_EQ(announce(), (Log{"present vlan 1", "last vlan 1", "first vlan 1"}));
 }
 
-TEST_F(NotifieeTest, AQuietNotifieeThatIsAwakeIsToldOnce) {
+TEST_F(NotifieeTest, AWokenQuietNotifieeIsNotifiedOnce) {
   const auto first = watcherOf(bridge, "first ");
   const auto second = watcherOf(bridge, "second ");
   const auto third = watcherOf(bridge, "third ");

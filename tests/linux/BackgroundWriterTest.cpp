@@ -68,7 +68,7 @@ class BackgroundWriterTest : public testing::Test {
   TableId requested = 0, taken = 0;
 };
 
-TEST_F(BackgroundWriterTest, CarriesOutFewRequestsAtOnceAndManyMeanwhile) {
+TEST_F(BackgroundWriterTest, PerformsSmallBatchesAtOnceAndLargeOnesInItsThread) {
   submit(kMostDirect);
   take(writer->finished(), kMostDirect);
   EXPECT_FALSE(isReadable());
@@ -90,7 +90,7 @@ TEST_F(BackgroundWriterTest, CarriesOutFewRequestsAtOnceAndManyMeanwhile) {
   EXPECT_EQ(channel.threads[3], channel.threads[0]);
 }
 
-TEST_F(BackgroundWriterTest, TakesSoManyBatchesAndKeepsTheirOrder) {
+TEST_F(BackgroundWriterTest, LimitsTheNumberOfBatchesAndKeepsTheirOrder) {
   for (int round = 0; round < 20; ++round) {
     for (size_t i = 0; i < BackgroundWriter::kBatches; ++i) submit(3 + i);
     EXPECT_EQ(writer->vacant(), nullptr);
@@ -100,7 +100,7 @@ TEST_F(BackgroundWriterTest, TakesSoManyBatchesAndKeepsTheirOrder) {
   for (TableId i = 0; i < requested; ++i) ASSERT_EQ(channel.performed[i], i + 1);
 }
 
-TEST_F(BackgroundWriterTest, CarriesOutWhatIsUnderWayWhenItEnds) {
+TEST_F(BackgroundWriterTest, PerformsAllSubmittedBatchesBeforeItEnds) {
   for (int i = 0; i < 3; ++i) submit(10);
   channel.permits.release(3);
   writer.reset();

@@ -375,7 +375,7 @@ TEST_F(KernelRoutesTest, AnnouncesRoutesThatTheKernelDroppedWithoutANotification
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, NoticesRoutesThatWentWithTheirPreferredSource) {
+TEST_F(KernelRoutesTest, RestoresRoutesThatTheKernelDroppedWithTheirPreferredSource) {
   const Address source = *Zemit::IpAddr::parse("192.0.2.1");
   const RouteValue sourced{.vias = {{1, {}}}, .metric = 20, .preferredSource = source};
   want(key4(1), sourced);
@@ -407,7 +407,7 @@ TEST_F(KernelRoutesTest, RemovesTheRoutesOfADownInterfaceAndRestoresThem) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, LeavesAnothersRouteAndTakesOverItsOwn) {
+TEST_F(KernelRoutesTest, LeavesRoutesOfOtherProtocolsAndAdoptsItsOwn) {
   // A route of another protocol has the place of one route, and an unknown route of ours that of
   // another.
   kernel.put(key4(1), {false, direct(2)});
@@ -427,7 +427,7 @@ TEST_F(KernelRoutesTest, LeavesAnothersRouteAndTakesOverItsOwn) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, DoesNotMistakeAnothersRouteForItsOwn) {
+TEST_F(KernelRoutesTest, DistinguishesRoutesOfOtherProgramsFromItsOwn) {
   wantNow(key4(1), direct(1));
   wantNow(key4(2), direct(1));
   // The first route is dropped without a notification before another's route comes. The second one
@@ -583,7 +583,7 @@ TEST_F(KernelRoutesTest, DampsAHostThatFlaps) {
   EXPECT_EQ(routes->nextDeadline(), std::nullopt);
 }
 
-TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatAreWantedOtherwiseMeanwhile) {
+TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatHaveChangedSince) {
   for (uint32_t host = 1; host <= 4; ++host) wantNow(key4(host), direct(1));
   told();
   writer->lags = true;
@@ -612,7 +612,7 @@ TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatAreWantedOtherwiseMeanwhile) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, FillsTheWriterNoFurtherThanItTakes) {
+TEST_F(KernelRoutesTest, SubmitsNoMoreBatchesThanTheWriterTakes) {
   writer->lags = true;
   constexpr uint32_t kHosts = 5000;
   for (uint32_t host = 1; host <= kHosts; ++host) want(key4(host), direct(1));
@@ -632,7 +632,7 @@ TEST_F(KernelRoutesTest, FillsTheWriterNoFurtherThanItTakes) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, WritesAheadOnlyWhatNobodyWasToldOf) {
+TEST_F(KernelRoutesTest, AddsOnlyUnannouncedRoutesBeforeTheFlush) {
   wantNow(key4(1), direct(1));
   wantNow(key4(2), direct(1));
   kernel.dropSilently(1);

@@ -104,7 +104,7 @@ TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndRemovesItWithItsLastUser) {
   EXPECT_EQ(walked, sets);
 }
 
-TYPED_TEST(AdjacencyTest, ATableKnowsNothingUnderOtherNumbers) {
+TYPED_TEST(AdjacencyTest, UnusedNumbersHaveNoEntry) {
   Rovel::AdjacencyTable<typename TestFixture::ViaSet> adjacencies;
   const auto index = adjacencies.take(this->vias({1})).first;
   for (const uint64_t other : {uint64_t{0}, uint64_t{index} + 1, uint64_t{1} << 40}) {

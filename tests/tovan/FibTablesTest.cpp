@@ -59,7 +59,7 @@ class FibTablesTest : public Tovan::RouteTablesTest<F> {
 TYPED_TEST_SUITE(FibTablesTest, Tovan::TestFamilies);
 
 // An observer that is not told would keep a route that was lost.
-TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
+TYPED_TEST(FibTablesTest, DamagedRoutesAreDroppedAndAnnounced) {
   using T = FibTablesTest<TypeParam>;
   const auto table = this->template open<typename T::RouteStatus>(Access::Write);
   for (uint32_t n = 1; n <= 40; ++n) table->routeIs(T::route(n));
@@ -91,7 +91,7 @@ TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
   EXPECT_EQ(table->route(T::host(8)).fecId, 9u);
 }
 
-TYPED_TEST(FibTablesTest, AFecThatIsGivenUpAsDamagedIsAnnounced) {
+TYPED_TEST(FibTablesTest, DamagedFecsAreDroppedAndAnnounced) {
   using T = FibTablesTest<TypeParam>;
   const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
   for (uint32_t id = 1; id <= 9; ++id) table->fecIs(T::fec(id, "Ethernet1"));
@@ -177,7 +177,7 @@ TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
 }
 
 // The names that FECs refer to stay, and no number is given twice: readers keep what they know.
-TYPED_TEST(FibTablesTest, NamesThatNoFecRefersToGo) {
+TYPED_TEST(FibTablesTest, UnusedNamesAreRemoved) {
   using T = FibTablesTest<TypeParam>;
   constexpr size_t kMost = 100;
   const auto intf = [](uint64_t n) { return "Ethernet" + std::to_string(n); };
@@ -210,7 +210,7 @@ TYPED_TEST(FibTablesTest, NamesThatNoFecRefersToGo) {
 }
 
 // The writer checks tables that it does not change, and has the names in its own memory.
-TYPED_TEST(FibTablesTest, WhatNobodyWritesIsTended) {
+TYPED_TEST(FibTablesTest, TablesWithoutChangesAreRepaired) {
   using T = FibTablesTest<TypeParam>;
   constexpr uint64_t kFirst = 100;  // not the number of an interface
   const auto routes = this->template open<typename T::RouteStatus>(Access::Write);
@@ -243,7 +243,7 @@ TYPED_TEST(FibTablesTest, WhatNobodyWritesIsTended) {
   }
 }
 
-TYPED_TEST(FibTablesTest, AReaderRefusesWhatChangesNothing) {
+TYPED_TEST(FibTablesTest, AReaderRefusesEvenChangesWithoutEffect) {
   using T = FibTablesTest<TypeParam>;
   const auto routes = this->template open<typename T::RouteStatus>(Access::Write);
   const auto fecs = this->template open<typename T::ForwardingStatus>(Access::Write);

@@ -61,7 +61,7 @@ TYPED_TEST_SUITE(ReaderTest, TestFamilies);
 
 // The ids of FIB adjacencies are used again at once: here each id goes to another route, and then
 // back to the first one with another next hop. Two separate readings give wrong pairs.
-TYPED_TEST(ReaderTest, NextHopsAreTheRoutesOwnWhileIdsAreUsedAgain) {
+TYPED_TEST(ReaderTest, ReturnsTheRoutesOwnNextHopsWhileIdsAreUsedAgain) {
   using F = TypeParam;
   constexpr uint32_t kHosts = 3;
   constexpr auto kAtLeast = 500ms;
@@ -118,7 +118,7 @@ TYPED_TEST(ReaderTest, NextHopsAreTheRoutesOwnWhileIdsAreUsedAgain) {
   EXPECT_EQ(wrong, 0u) << "of " << found;
 }
 
-TYPED_TEST(ReaderTest, ChangesAreToldOfOnceAndARestartIsFollowed) {
+TYPED_TEST(ReaderTest, ReportsChangesOnceAndFollowsARestart) {
   EXPECT_THROW(typename TypeParam::Reader(this->name, "a/b"), OpenException);
   std::optional<typename TestFixture::Owner> owner(this->name);
   owner->set(1, 5);

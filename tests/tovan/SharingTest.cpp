@@ -77,7 +77,7 @@ TEST_F(SharingTest, KilledWriterLeavesEveryCompletedUpdate) {
 
 // A reader must neither wait for ever for an entry that a dead writer was writing, nor return a
 // wrong value. The next writer takes the entry from the journal.
-TEST_F(SharingTest, ReaderIsToldOfAnUpdateThatNobodyEnds) {
+TEST_F(SharingTest, ReaderReportsAnUpdateThatADeadWriterBegan) {
   const SharedWithChildren<std::atomic<bool>> isWriting;
   size_t stuck = 0;
   for (int round = 0; round < 2000 && stuck < 3; ++round) {
@@ -132,7 +132,7 @@ size_t memoryOf(int fd) {
 }
 
 // Entries that stay are found all the time, also by the next writer.
-TEST_F(SharingTest, MemoryIsGivenBackAfterAFlood) {
+TEST_F(SharingTest, GivesMemoryBackWhenManyEntriesAreRemoved) {
   constexpr uint64_t kStay = 100;
   constexpr uint64_t kFlood = 30000;
   auto table = std::make_unique<Map>(config(Access::Write));
@@ -183,7 +183,7 @@ TEST_F(SharingTest, MemoryIsGivenBackAfterAFlood) {
 
 // A page is copied when removed entries fill it. Apart from that, entries that come and go at any
 // size of the table move no other, neither while it grows nor while it shrinks.
-TEST_F(SharingTest, EntriesThatComeAndGoJoinAndSplitNoPages) {
+TEST_F(SharingTest, RepeatedInsertionAndRemovalCausesNoSplitsAndJoins) {
   Map table({.name = "hovering"});
   for (const int step : {1, -1}) {
     for (int64_t size = step > 0 ? 1 : 300; size > 0 && size <= 300; size += step) {
@@ -209,7 +209,7 @@ TEST_F(SharingTest, EntriesThatComeAndGoJoinAndSplitNoPages) {
 
 // Memory that was given back must be reserved before it is used again: without that, a full
 // /dev/shm would end the process.
-TEST_F(SharingTest, MemoryThatIsNotThereAnyMoreIsRefused) {
+TEST_F(SharingTest, ReservesReturnedMemoryBeforeItIsUsedAgain) {
   constexpr int kSkipped = 77;
   constexpr uint64_t kStay = 200;
   const auto body = [&] {
@@ -253,7 +253,7 @@ TEST_F(SharingTest, MemoryThatIsNotThereAnyMoreIsRefused) {
 }
 
 // A reader must not find an unfinished table.
-TEST_F(SharingTest, NothingIsLeftOfATableThatCouldNotBeMade) {
+TEST_F(SharingTest, AFailedCreationLeavesNoFile) {
   for (const rlim_t bytes : {rlim_t{0}, rlim_t{4096}, rlim_t{5000}, rlim_t{4198400 + 4096}}) {
     const Sample::SmallFiles full(bytes);
     EXPECT_THROW(writer(), NoSpaceException) << bytes;

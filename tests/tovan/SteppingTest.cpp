@@ -276,7 +276,7 @@ class SteppingTest : public SharedTable {
   size_t states = 0;
 };
 
-TEST_F(SteppingTest, EachStateOfAChangeIsTheOneBeforeOrAfter) {
+TEST_F(SteppingTest, EachStateOfAChangeHasTheValueBeforeOrAfter) {
   stepThrough({{1, 1}, {2, 2}}, {{Change::Set, 3, 3},
                                  {Change::Set, 1, 4},
                                  {Change::Erase, 2},
@@ -304,7 +304,7 @@ TEST_F(SteppingTest, EachStateOfAGrowingTableHasAllEntries) {
 }
 
 // Pages are joined and the directory is halved.
-TEST_F(SteppingTest, EachStateOfAShrinkingTableHasTheEntriesThatStay) {
+TEST_F(SteppingTest, EachStateOfAShrinkingTableHasTheRemainingEntries) {
   Contents contents;
   std::vector<Change> changes;
   const uint64_t full = isLong() ? kKeys : 75;  // one more page than the 70 that a page takes

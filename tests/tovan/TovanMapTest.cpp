@@ -65,7 +65,7 @@ void compareWithModel(MakeKey makeKey, MakeValue makeValue) {
   EXPECT_FALSE(table.get(model.begin()->first));
 }
 
-TEST(TovanMapTest, HoldsWhatWasPutIn) {
+TEST(TovanMapTest, AgreesWithAModelUnderRandomChanges) {
   compareWithModel<uint64_t, uint64_t>([](uint32_t n) { return uint64_t{n} << 32; },
                                        [](uint64_t n) { return n; });
   compareWithModel<uint32_t, uint16_t>([](uint32_t n) { return n; },
@@ -150,7 +150,7 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
 }
 
 // Pages that are not written are checked only by tend().
-TEST_F(TovanMapDamageTest, IsFoundAtRestOnceInARound) {
+TEST_F(TovanMapDamageTest, IsFoundOnceInARoundWithoutChanges) {
   Map table = writer();
   for (uint64_t i = 0; i < 2000; ++i) table.set(kOdd + i, Repeated(i));
   const uint64_t last = kOdd + 1999;  // no split has copied it, so it is in one place
@@ -223,7 +223,7 @@ TEST_F(FlippedBitTest, BringsNoDeletedEntryBack) {
   }
 }
 
-TEST_F(FlippedBitTest, HidesNoEntryWithoutAWord) {
+TEST_F(FlippedBitTest, HidesNoEntryWithoutAReport) {
   for (const int bits : {1, 2, 4}) {
     {
       Map table = writer();
@@ -251,7 +251,7 @@ TEST_F(FlippedBitTest, HidesNoEntryWithoutAWord) {
 }
 
 // The number of entries has no checksum, so no memory may be reserved for it unchecked.
-TEST_F(FlippedBitTest, MakesNoCountTooLarge) {
+TEST_F(FlippedBitTest, MakesNoReaderReserveTooMuchMemory) {
   Map table = writer();
   for (uint64_t n = 0; n < kEntries; ++n) table.set(key(n), Repeated(n));
   const Map other = reader();
@@ -267,7 +267,7 @@ TEST_F(FlippedBitTest, MakesNoCountTooLarge) {
 }
 
 // A writer treats a damaged entry as absent, and writes it anew.
-TEST_F(TovanMapDamageTest, WriterGoesOnAfterDamage) {
+TEST_F(TovanMapDamageTest, TheWriterContinuesAfterDamage) {
   Map table = writer();
   fill(table, 100);
   damage(7, 20000, 4096);
@@ -309,7 +309,7 @@ TEST_F(TovanMapDamageTest, EveryReportIsCountedAndTraced) {
 }
 
 // The state says that the slot is being written. Only a living writer may complete that.
-TEST_F(TovanMapDamageTest, WhatALivingWriterDoesNotEndIsNoDamage) {
+TEST_F(TovanMapDamageTest, AnUnfinishedUpdateOfALivingWriterIsNoDamage) {
   auto table = std::make_unique<Map>(config(Access::Write));
   table->set(kOdd, Repeated(5));
   const Map other = reader();
@@ -342,7 +342,7 @@ class OpenTovanMapTest : public TovanMapDamageTest {
   }
 };
 
-TEST_F(OpenTovanMapTest, RefusesWhatItCannotTrust) {
+TEST_F(OpenTovanMapTest, RefusesFilesThatAreNoSuchTable) {
   const std::string title = "Tovan table \"" + name + "\" ";
   EXPECT_EQ(refusal(config(Access::Read)), title + "does not exist");
   EXPECT_EQ(refusal({.access = Access::Write, .name = "a/b"}),
@@ -414,7 +414,7 @@ TEST_F(OpenTovanMapTest, TableCutShortInUseIsDamageNotACrash) {
 }
 
 // Until the next change repairs the file, readers report damage and not absent entries.
-TEST_F(OpenTovanMapTest, AFileThatWasEmptiedIsMendedByTheNextChange) {
+TEST_F(OpenTovanMapTest, TheNextChangeRepairsAnEmptiedFile) {
   Map table = writer();
   fill(table, 100);
   Map other = reader();
@@ -435,7 +435,7 @@ TEST_F(OpenTovanMapTest, AFileThatWasEmptiedIsMendedByTheNextChange) {
   EXPECT_EQ(reader().size(), 0u);
 }
 
-TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
+TEST_F(OpenTovanMapTest, ARemovedTableIsMadeAgain) {
   constexpr uint64_t kEntries = 5000;
   Map table = writer();
   fill(table, kEntries);
@@ -487,7 +487,7 @@ TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
 }
 
 // When two writers used one name, the first must not remove the table of the second.
-TEST_F(OpenTovanMapTest, AnothersTableIsNotRemoved) {
+TEST_F(OpenTovanMapTest, TheTableOfAnotherWriterIsNotRemoved) {
   Map table = writer();
   ::shm_unlink(("/hostroute-" + name).c_str());
   int begun[2];

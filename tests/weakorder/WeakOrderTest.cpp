@@ -238,7 +238,7 @@ constexpr Scenario kScenarios[] = {
     {"ids of FECs are used again", idsUsedAgain, 2, 3},
 };
 
-TEST(WeakOrderTest, ReadersSeeWhatStoodThereAtOneMoment) {
+TEST(WeakOrderTest, ReadersSeeTheStateOfOneMoment) {
   for (const Scenario& scenario : kScenarios) {
     const auto start = std::chrono::steady_clock::now();
     const Outcome found = scenario.run(isLong() ? scenario.most : scenario.exceptions);
@@ -265,7 +265,7 @@ std::string complaintOfAny() {
 
 // The model must notice that an order is missing. docs/tables.md explains the orders for which it
 // does not.
-TEST(WeakOrderTest, AMissingOrderIsNoticed) {
+TEST(WeakOrderTest, NoticesAMissingMemoryOrder) {
   const std::set<std::string> noticeable{"write",  "read",     "setState",
                                          "repair", "headerIs", "noteChange"};
   std::set<std::string> known;
