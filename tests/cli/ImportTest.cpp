@@ -110,7 +110,7 @@ TEST(ImportTest, AnInterfaceIsInTheVrfOfItsMasterAndAPortInNone) {
             "route4: warning: table 100 belongs to no VRF: 2 route(s) left out\n");
 }
 
-// The engine knows one primary address, so a second one would take the first one's place.
+// The engine stores one primary address, so a second one would replace the first one.
 TEST(ImportTest, AnInterfaceHasOnePrimaryAddress) {
   const auto result = import({{"addr", R"([{"ifname": "Vlan10", "addr_info": [
     {}, {"local": "127.0.0.1", "prefixlen": 8}, {"local": "::1", "prefixlen": 128},

@@ -35,7 +35,7 @@ class ShellTest : public testing::Test {
   }
 
   Daemon::Switch sw;
-  std::ostringstream printed;  // by lines of a replay
+  std::ostringstream printed;  // the output of the lines of a replay
   std::unique_ptr<Replay::Output> output = Replay::jsonOutput(printed);
   Replay::Player player{sw, *output, {}};
 };

@@ -1,4 +1,4 @@
-// The uniform accessors that a daemon may rely on, of the machines, the roots and their tables.
+// Tests of the accessors of machines, roots and their tables.
 #include <algorithm>
 
 #include "tests/hostcore/World.h"
@@ -190,7 +190,7 @@ TEST(SetFunctionsTest, Ipv6OnesTraceWhenTheyAreCalledByHand) {
                 "Obu::IntfDir::PtrConst, Obu::IntfDir::PtrConst)"}));
 }
 
-/// Sets the hook of the process as long as it lives.
+/// Sets the hook of the process during its lifetime.
 class Hook {
  public:
   explicit Hook(Kiv::Notifiee::AttributeHook hook) {

@@ -95,7 +95,7 @@ TEST_F(ControlTest, OnlyPermittedUsersChangeTheDaemon) {
   EXPECT_EQ(world.resynchronisations, 1);
   world.reloadError = "f.toml:3: no such key";
   EXPECT_EQ(ask(R"("reload")", kAdmin)["error"], world.reloadError);
-  // Asking for the level is no change.
+  // A query of the level is no change.
   EXPECT_EQ(ask(R"("log-level")")["level"], "info");
   EXPECT_EQ(ask(R"("log-level","level":"debug")", kAdmin)["level"], "debug");
   EXPECT_EQ(world.log.level(), LOG_DEBUG);

@@ -225,7 +225,7 @@ TEST_F(NotifieeTest, ANotifieeThatStopsBeingQuietDuringAnAnnouncementReceivesIt)
                              "third vlan 1", "first vlan 1"}));
 }
 
-// A wrong order would number what notifiees make otherwise than if all had been there before.
+// In another order, notifiees would assign other numbers than if all had been registered before.
 TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
   struct Hook final : Kiv::NotifierHook {
     std::function<void(bool isRepeat)> call;
@@ -260,7 +260,7 @@ TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
   hook->isNeededIs(true);
   EXPECT_EQ(announce(), (Log{"first vlan 1", "present vlan 1", "last vlan 1"}));
 
-  // During a walk: in its place if its turn is to come, else afterwards.
+  // During a walk, a late notifiee is notified in its place, or at the end if the place has passed.
   BridgeWatcher::Ptr zeroth;
   present->then = [&] {
     middle = missing("middle ", {between, 0});
@@ -272,7 +272,7 @@ TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
   middle = nullptr;
   zeroth = nullptr;
 
-  // What becomes necessary during a walk is made at its end.
+  // A notifiee that becomes necessary during a walk is made at the end of the walk.
   first = nullptr;
   hook->isNeededIs(false);
   last->then = [&] { hook->isNeededIs(true); };
@@ -288,7 +288,7 @@ TEST_F(NotifieeTest, AWokenQuietNotifieeIsNotifiedOnce) {
   first->wakeOnce();
   second->then = [&] {
     third->wakeOnce();
-    first->wakeOnce();  // its turn is over
+    first->wakeOnce();  // the walk has passed it
   };
   EXPECT_EQ(announce(), (Log{"first vlan 1", "second vlan 1", "third vlan 1"}));
   second->then = nullptr;

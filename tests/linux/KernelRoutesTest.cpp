@@ -159,7 +159,7 @@ class FakeKernel final : public RouteChannel {
   FakeLog& log_;
 };
 
-/// Carries batches out in submit(), or later when it lags.
+/// Performs batches in submit(), or later when it lags.
 class FakeWriter final : public RouteWriter {
  public:
   explicit FakeWriter(RouteChannel& channel) : channel_(channel) {}
@@ -180,7 +180,7 @@ class FakeWriter final : public RouteWriter {
     --performed_;
   }
 
-  /// Carries out a batch, and leaves it unsaid.
+  /// Performs a batch without reporting it.
   void performNext() {
     if (performed_ == underWay_.size()) return;
     auto& batch = *std::next(underWay_.begin(), static_cast<std::ptrdiff_t>(performed_));
@@ -408,8 +408,8 @@ TEST_F(KernelRoutesTest, RemovesTheRoutesOfADownInterfaceAndRestoresThem) {
 }
 
 TEST_F(KernelRoutesTest, LeavesRoutesOfOtherProtocolsAndAdoptsItsOwn) {
-  // A route of another protocol has the place of one route, and an unknown route of ours that of
-  // another.
+  // In place of one wanted route there is a route of another protocol; in place of another one
+  // there is an unknown route with our protocol.
   kernel.put(key4(1), {false, direct(2)});
   kernel.put(key4(2), {true, direct(2)});
   want(key4(1), direct(1));
@@ -430,8 +430,8 @@ TEST_F(KernelRoutesTest, LeavesRoutesOfOtherProtocolsAndAdoptsItsOwn) {
 TEST_F(KernelRoutesTest, DistinguishesRoutesOfOtherProgramsFromItsOwn) {
   wantNow(key4(1), direct(1));
   wantNow(key4(2), direct(1));
-  // The first route is dropped without a notification before another's route comes. The second one
-  // is replaced by another's.
+  // The first route is dropped without a notification before another program adds its route. The
+  // second route is replaced by another program.
   kernel.dropSilently(1);
   kernel.routes[{key4(2), 0}] = {true, direct(1)};
   kernel.put(key4(1), {false, direct(2)});
@@ -591,7 +591,7 @@ TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatHaveChangedSince) {
   wantNow(key4(1), std::nullopt);
   for (uint32_t host = 5; host <= 7; ++host) want(key4(host), direct(1));
   routes->flush();
-  want(key4(1), direct(1));  // as it was before its deletion, which is under way
+  want(key4(1), direct(1));  // as before its deletion, which is in progress
   want(key4(5), direct(2));
   want(key4(7), std::nullopt);
   routes->flush();
@@ -618,7 +618,7 @@ TEST_F(KernelRoutesTest, SubmitsNoMoreBatchesThanTheWriterTakes) {
   for (uint32_t host = 1; host <= kHosts; ++host) want(key4(host), direct(1));
   routes->flush();
   EXPECT_EQ(kernel.requestCount, 0u);
-  // A batch that was carried out makes room for the next.
+  // A performed batch makes room for the next one.
   for (size_t before = 0; before < kHosts; before = kernel.requestCount) {
     writer->finishNext();
     ASSERT_GT(kernel.requestCount, before);
@@ -626,7 +626,7 @@ TEST_F(KernelRoutesTest, SubmitsNoMoreBatchesThanTheWriterTakes) {
   }
   routes->drain();
   expectRight();
-  // Not all of them are under way when all are to go.
+  // Now all routes are removed, but the writer cannot take all requests at once.
   routes->removeAll();
   wanted.clear();
   expectRight();

@@ -1,4 +1,4 @@
-// Via sets, the tables that number them, and the helper that counts their users.
+// Tests of the tables that number via sets, and of the helper that counts their users.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -52,8 +52,7 @@ class AdjacencyTest : public testing::Test {
 using Families = testing::Types<Ipv4, Ipv6>;
 TYPED_TEST_SUITE(AdjacencyTest, Families);
 
-// Compares with a map from sets to users. There are so many that the table takes several blocks of
-// memory.
+// Compares with a map from sets to users. There are enough sets for several blocks of memory.
 TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndRemovesItWithItsLastUser) {
   Rovel::AdjacencyTable<typename TestFixture::ViaSet> adjacencies;
   struct Model {
@@ -63,7 +62,7 @@ TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndRemovesItWithItsLastUser) {
   std::map<uint32_t, Model> model;
   std::mt19937 random(1);
   uint32_t highest = 0;
-  uint32_t taken = 2;  // one of so many changes takes a set
+  uint32_t taken = 2;  // one of this many changes takes a set
   size_t most = 0;
   for (int i = 0; i < 60'000; ++i) {
     if (i == 20'000) {

@@ -58,7 +58,7 @@ class FibTablesTest : public Tovan::RouteTablesTest<F> {
 };
 TYPED_TEST_SUITE(FibTablesTest, Tovan::TestFamilies);
 
-// An observer that is not told would keep a route that was lost.
+// Without the announcement, an observer would keep a lost route.
 TYPED_TEST(FibTablesTest, DamagedRoutesAreDroppedAndAnnounced) {
   using T = FibTablesTest<TypeParam>;
   const auto table = this->template open<typename T::RouteStatus>(Access::Write);
@@ -68,11 +68,11 @@ TYPED_TEST(FibTablesTest, DamagedRoutesAreDroppedAndAnnounced) {
   watcher->toldOfAll = 0;
   ASSERT_EQ(this->damage("route", T::host(5)), 1u);
   ASSERT_EQ(this->damage("route", T::host(6)), 1u);
-  EXPECT_NE(table->routeDel(T::host(5)).key, T::host(5)) << "what it was is not known";
+  EXPECT_NE(table->routeDel(T::host(5)).key, T::host(5)) << "the damaged route is unknown";
   EXPECT_EQ(watcher->told, (std::set{T::host(5), T::host(6)}));
   EXPECT_EQ(watcher->toldOfAll, 1u) << "a key may be damaged, too";
 
-  // Nobody can know which key was damaged.
+  // The original key of a damaged key is unknown.
   watcher->told.clear();
   ASSERT_EQ(this->damage("route", T::host(7), 0), 1u);
   table->routeDel(T::host(7));
@@ -80,7 +80,7 @@ TYPED_TEST(FibTablesTest, DamagedRoutesAreDroppedAndAnnounced) {
   EXPECT_EQ(watcher->toldOfAll, 2u);
   EXPECT_EQ(table->routeCount(), 37u);
 
-  // Writing repairs, too.
+  // A write repairs the table, too.
   watcher->told.clear();
   ASSERT_EQ(this->damage("route", T::host(9)), 1u);
   ASSERT_EQ(this->damage("route", T::host(8), 0), 1u);
@@ -149,7 +149,7 @@ TYPED_TEST(FibTablesTest, AFecThatIsRefusedLeavesNothing) {
   EXPECT_EQ(vias.size(), id * 9);
 }
 
-// A number belongs to one interface as long as anything refers to it.
+// A number belongs to one interface as long as an entry refers to it.
 TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
   using T = FibTablesTest<TypeParam>;
   constexpr uint64_t kFecs = 4;
@@ -176,7 +176,8 @@ TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
   }
 }
 
-// The names that FECs refer to stay, and no number is given twice: readers keep what they know.
+// The names that FECs refer to stay. No number is assigned twice, because readers keep the names
+// that they have read.
 TYPED_TEST(FibTablesTest, UnusedNamesAreRemoved) {
   using T = FibTablesTest<TypeParam>;
   constexpr size_t kMost = 100;
@@ -209,7 +210,7 @@ TYPED_TEST(FibTablesTest, UnusedNamesAreRemoved) {
   EXPECT_EQ(reader->fec(2), wide(30'999));
 }
 
-// The writer checks tables that it does not change, and has the names in its own memory.
+// The writer checks tables that it does not change. It restores names from its own memory.
 TYPED_TEST(FibTablesTest, TablesWithoutChangesAreRepaired) {
   using T = FibTablesTest<TypeParam>;
   constexpr uint64_t kFirst = 100;  // not the number of an interface

@@ -1,4 +1,4 @@
-// The map by itself: contents, growth, damage, refusals.
+// Tests of the map in one process: contents, growth, damage, refusals.
 #include <sys/resource.h>
 
 #include <map>
@@ -80,7 +80,7 @@ TEST(TovanMapTest, AgreesWithAModelUnderRandomChanges) {
       });
 }
 
-// The merge walks the route table and writes what it finds into the same table.
+// The merge walks the route table and writes into the same table.
 TEST(TovanMapTest, WalkSurvivesWritesOfItsBody) {
   Map table({.name = "walked"});
   for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
@@ -153,7 +153,7 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
 TEST_F(TovanMapDamageTest, IsFoundOnceInARoundWithoutChanges) {
   Map table = writer();
   for (uint64_t i = 0; i < 2000; ++i) table.set(kOdd + i, Repeated(i));
-  const uint64_t last = kOdd + 1999;  // no split has copied it, so it is in one place
+  const uint64_t last = kOdd + 1999;  // no split has copied this key, so it is at one place
   const Map other = reader();
   TendRound round;
   round.turnIs(5);
@@ -180,9 +180,9 @@ class FlippedBitTest : public TovanMapDamageTest {
   static constexpr uint64_t kEntries = 100;
   static constexpr uint64_t key(uint64_t n) { return kOdd + n; }
 
-  /// Flips bits of the states of a key's slots; the same again puts them back.
+  /// Flips bits of the states of a key's slots. A second call restores them.
   void flip(uint64_t n, int bits) { ASSERT_GE(Tovan::damage(name, key(n), kState, bits), 1U) << n; }
-  /// The numbers that a walk meets, and whether it was told of damage.
+  /// The numbers that a walk visits, and whether the walk reported damage.
   static std::pair<std::set<uint64_t>, bool> walk(const Map& table) {
     std::set<uint64_t> met;
     bool damaged = false;
@@ -209,7 +209,7 @@ TEST_F(FlippedBitTest, BringsNoDeletedEntryBack) {
       for (uint64_t n = 1; n < kEntries; n += 2) table.erase(key(n));
       for (uint64_t n = 1; n < kEntries; n += 2) flip(n, bits);
       expectGone(table);
-      // The living writer goes on, and counts what is there.
+      // The living writer continues, and its count is right.
       for (uint64_t n = 1; n < kEntries; n += 2) table.set(key(n), Repeated(n));
       EXPECT_EQ(table.size(), kEntries) << "bits " << bits;
       for (uint64_t n = 1; n < kEntries; n += 2) table.erase(key(n));
@@ -236,7 +236,7 @@ TEST_F(FlippedBitTest, HidesNoEntryWithoutAReport) {
       EXPECT_GE(met.size(), kEntries - 1);
       flip(n, bits);
     }
-    // The writer copies some of the pages, and repairs the others; an entry that is whole stays.
+    // The writer copies some of the pages, and repairs the others. Undamaged entries stay.
     Map table = writer();
     for (uint64_t n = 0; n < kEntries; n += 10) flip(n, bits);
     for (uint64_t n = 0; n < kEntries; ++n) table.add(n, Repeated(n));
@@ -263,7 +263,7 @@ TEST_F(FlippedBitTest, MakesNoReaderReserveTooMuchMemory) {
     }
   }
   table.erase(key(0));
-  EXPECT_EQ(other.size(), kEntries - 1) << "the next change puts it right";
+  EXPECT_EQ(other.size(), kEntries - 1) << "the next change corrects it";
 }
 
 // A writer treats a damaged entry as absent, and writes it anew.
@@ -308,7 +308,7 @@ TEST_F(TovanMapDamageTest, EveryReportIsCountedAndTraced) {
   EXPECT_EQ(ours->lastCorruption, table.lastCorruption());
 }
 
-// The state says that the slot is being written. Only a living writer may complete that.
+// According to the state, the slot is being written. Only a living writer may complete that.
 TEST_F(TovanMapDamageTest, AnUnfinishedUpdateOfALivingWriterIsNoDamage) {
   auto table = std::make_unique<Map>(config(Access::Write));
   table->set(kOdd, Repeated(5));
@@ -425,7 +425,7 @@ TEST_F(OpenTovanMapTest, TheNextChangeRepairsAnEmptiedFile) {
   };
   cut();
   table.set(500, Repeated(500));
-  EXPECT_TRUE(table.takeDropped()) << "what was lost has to be announced";
+  EXPECT_TRUE(table.takeDropped()) << "the lost entries must be announced";
   EXPECT_EQ(table.size(), 1u);
   EXPECT_TRUE(other.get(500)) << "the reader maps the file that is whole again";
   EXPECT_FALSE(other.get(1));
@@ -464,10 +464,10 @@ TEST_F(OpenTovanMapTest, ARemovedTableIsMadeAgain) {
   rlimit files{};
   ::getrlimit(RLIMIT_NOFILE, &files);
   const rlimit none{.rlim_cur = 0, .rlim_max = files.rlim_max};
-  ::setrlimit(RLIMIT_NOFILE, &none);  // so no copy can be made, which could not get the name
+  ::setrlimit(RLIMIT_NOFILE, &none);  // so no file can be made again
   for (int i = 0; i < 3; ++i) tend(table);
   ::setrlimit(RLIMIT_NOFILE, &files);
-  EXPECT_EQ(table.corruptions(), 3u) << "that it was removed, and that it cannot be made again";
+  EXPECT_EQ(table.corruptions(), 3u) << "two removals, and one failed new file";
   EXPECT_NE(table.lastCorruption().find("again: another file has its name"), std::string::npos);
   table.set(1, Repeated(7));
   table.cleanup();
@@ -518,7 +518,7 @@ TEST_F(OpenTovanMapTest, MoreThanAThousandTablesAreGuardedWhenCutShort) {
   const rlimit former = limit;
   limit.rlim_cur = limit.rlim_max;
   if (limit.rlim_max < kTables + 100 || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    GTEST_SKIP() << "so many files cannot be open";
+    GTEST_SKIP() << "the limit of open files is too low";
   }
   std::vector<std::unique_ptr<TableMemory>> tables;
   for (size_t i = 0; i < kTables; ++i) {
