@@ -21,7 +21,7 @@ PORTS = '[neighbors]\ninterfaces = ["p*"]\n'
 
 
 class RouterLab(lab.Lab):
-    """A router with two ports: p1 with 10.0.1.1/24 and 2001:db8:1::1/64, p2 with 10.0.2.1 and 2001:db8:2::1."""
+    """A router with two ports: p1 with 10.0.1.1 and 2001:db8:1::1, p2 with 10.0.2.1 and 2001:db8:2::1."""
 
     def setUp(self):
         self.router = self.namespace()
@@ -487,7 +487,8 @@ class BurstTest(RouterLab):
 
     def await_some(self, table=10):
         """Waits until a part of the burst has routes."""
-        self.assertEventually(lambda: len(self.router.host_routes(table=table)) > 500, 'some routes are there')
+        self.assertEventually(lambda: len(self.router.host_routes(table=table)) > 500,
+                              'some routes are there')
 
     def advertised(self, daemon):
         keys = set()
