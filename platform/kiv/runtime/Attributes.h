@@ -164,6 +164,8 @@ class Singleton {
 /// A Singleton whose object is completed at its first use.
 template <class Tag, class T>
 class DeferredSingleton : public Singleton<Tag, T> {
+  using Base = Singleton<Tag, T>;
+
  public:
   /// The first get() calls `*complete`, which must stay valid until then. Null if the object is
   /// complete.
@@ -174,21 +176,21 @@ class DeferredSingleton : public Singleton<Tag, T> {
     return held();
   }
   /// The object without completing it.
-  const Ptr<T>& held() const noexcept { return Singleton<Tag, T>::get(); }
+  const Ptr<T>& held() const noexcept { return Base::get(); }
 
-  bool set(const Entity& owner, Ptr<T> object) {
-    get();
-    return Singleton<Tag, T>::set(owner, std::move(object));
-  }
+  bool set(const Entity& owner, Ptr<T> object) { return completed().set(owner, std::move(object)); }
   template <class... Args>
   Ptr<T> create(const Entity& owner, const Args&... args) {
-    const auto made = make<T>(args...);
-    set(owner, made);
-    return made;
+    return completed().create(owner, args...);
   }
-  bool del(const Entity& owner) { return set(owner, nullptr); }
+  bool del(const Entity& owner) { return completed().del(owner); }
 
  private:
+  Base& completed() {
+    get();
+    return *this;
+  }
+
   mutable const std::function<void()>* complete_ = nullptr;
 };
 
