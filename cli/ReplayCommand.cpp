@@ -109,7 +109,7 @@ void raiseFileLimit() {
 /// Prints damage of the tables and refused memory, a line for each table and kind.
 class TableReports {
  public:
-  /// Prints what is new: each damage, and the first refusal of a table. Returns whether there was
+  /// Prints new faults: each damage, and the first refusal of a table. Returns whether there was
   /// ever any.
   bool print() {
     const auto reports = Tovan::tableReports();
@@ -143,7 +143,7 @@ class TableReports {
 [[noreturn]] void hold(Daemon::Switch& sw, TableReports& reports) {
   const Daemon::FibInputs inputs(sw);
   const auto troubles = [] { return Tovan::corruptionCount() + Tovan::refusalCount(); };
-  // The events are read only once, so what was refused or lost before cannot be set again.
+  // The events are read only once, so entries that were refused or lost before cannot be set again.
   const bool lacksInputs = troubles() != 0;
   sw.setIncomplete(lacksInputs);
   bool isIncomplete = false;
