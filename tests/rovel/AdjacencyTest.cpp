@@ -7,34 +7,22 @@
 #include <random>
 #include <vector>
 
-#include "platform/rovel/AdjacencyHelper.h"
+#include "tests/tovan/RouteTablesTest.h"
 
 namespace {
-
-struct Ipv4 {
-  using Helper = Rovel::AdjacencyHelper;
-  using Forwarding = Tovan::Fib::ForwardingStatus;
-  using Via = Tovan::Fib::Via;
-  static Zemit::IpAddr addr(uint32_t n) { return Zemit::IpAddr(0x0A000000 + n); }
-};
-struct Ipv6 {
-  using Helper = Rovel::Adjacency6Helper;
-  using Forwarding = Tovan::Fib6::ForwardingStatus;
-  using Via = Tovan::Fib6::Via;
-  static Zemit::Ip6Addr addr(uint32_t n) { return {0x20010DB800000000, n}; }
-};
 
 template <class F>
 class AdjacencyTest : public testing::Test {
  protected:
-  using Helper = typename F::Helper;
+  using Forwarding = typename F::ForwardingStatus;
+  using Helper = typename F::AdjacencyHelper;
   using HostTable = typename Helper::HostTable;
   using RouteTable = typename Helper::RouteTable;
   using ViaSet = typename Helper::ViaSet;
   using Route = typename HostTable::Route;
   using Prefix = typename HostTable::Prefix;
 
-  typename F::Via via(uint32_t n) const { return {.hop = F::addr(n), .intf = intf}; }
+  typename Forwarding::Via via(uint32_t n) const { return {.hop = F::addr(n), .intf = intf}; }
   ViaSet vias(std::vector<uint32_t> hops) const {
     ViaSet set;
     for (const uint32_t n : hops) set.newVia(via(n), 1);
@@ -45,12 +33,11 @@ class AdjacencyTest : public testing::Test {
   }
 
   const Zemit::IntfId intf = Zemit::IntfId::of("Ethernet1");
-  typename F::Forwarding::Ptr forwarding = Kiv::make<typename F::Forwarding>("forwarding");
+  typename Forwarding::Ptr forwarding = Kiv::make<Forwarding>("forwarding");
   typename Helper::Ptr helper = Kiv::make<Helper>("helper", forwarding);
   typename HostTable::Ptr table = Kiv::make<HostTable>("table");
 };
-using Families = testing::Types<Ipv4, Ipv6>;
-TYPED_TEST_SUITE(AdjacencyTest, Families);
+TYPED_TEST_SUITE(AdjacencyTest, Tovan::TestFamilies);
 
 // Compares with a map from sets to users. There are enough sets for several blocks of memory.
 TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndRemovesItWithItsLastUser) {
@@ -122,14 +109,14 @@ TYPED_TEST(AdjacencyTest, UnusedNumbersHaveNoEntry) {
 TYPED_TEST(AdjacencyTest, AFibAdjacencyIsPublishedFromItsFirstReferenceToItsLast) {
   const auto vias = this->vias({1, 2});
   const auto id = this->helper->doGetOrCreateFibAdjacency(vias);
-  EXPECT_GE(id, TypeParam::Forwarding::kFirstAdjacency);
+  EXPECT_GE(id, TypeParam::ForwardingStatus::kFirstAdjacency);
   EXPECT_EQ(this->helper->takeFibAdjacency(vias, id), id);
   EXPECT_EQ(this->helper->takeFibAdjacency(vias, id + 1), id) << "a wrong guess";
   EXPECT_EQ(this->forwarding->fec(id).viaCount(), 2u);
   EXPECT_TRUE(this->helper->isFibAdjacency(id, vias));
   EXPECT_FALSE(this->helper->isFibAdjacency(id, this->vias({1})));
 
-  const auto other = Kiv::make<typename TypeParam::Helper>("other", this->forwarding);
+  const auto other = Kiv::make<typename TypeParam::AdjacencyHelper>("other", this->forwarding);
   EXPECT_FALSE(other->isFibAdjacency(id, vias));
   const auto othersId = other->doGetOrCreateFibAdjacency(vias);
   EXPECT_NE(othersId, id) << "two helpers hand out the same id";
