@@ -43,6 +43,24 @@ TYPED_TEST(MergeTest, LeavesAllAsItWasWhenAFecHasTooManyVias) {
   world.expectBalancedReferences();
 }
 
+// A promotion looks up each neighbour of the interface, also outside the route.
+TYPED_TEST(MergeTest, TracesTheErrorsOfAllNeighborsAtLevel0) {
+  using S = Sample<TypeParam>;
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.learn(world.ethernet1, 5);
+  world.routeStatus->routeDel(S::subnet());
+  const TraceLog log(TypeParam::trace(), {0});
+  const auto intfs = Obu::IntfDir::IntfDirIs();
+  intfs->intfIs(world.ethernet1);
+  world.machine().promoteArpEntries(
+      intfs,
+      {.key = TypeParam::Prefix::host(S::addr(6)), .metricPref = {}, .routeType = {}, .fecId = 7});
+  ASSERT_EQ(log.records.size(), 1u);
+  EXPECT_NE(log.records[0].find("a prefix that should have an associated route"),
+            std::string::npos);
+}
+
 TYPED_TEST(MergeTest, KeepsTheReferenceOfAHostRouteThatDoesNotChange) {
   World<TypeParam> world;
   world.startWithSubnet();
