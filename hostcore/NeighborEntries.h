@@ -141,7 +141,7 @@ void NeighborEntries<F>::handleArpEntries() {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
   }
-  // Without the short cut, in sm_.arpIntfStatusKeys().
+  // Without the short cut, this would be sm_.arpIntfStatusKeys().
   for (const Kiv::Name& name : ShortCuts<F>(sm_).relevantTables()) {
     if (const auto* reactor = F::tableReactors(sm_).stored(name)) (*reactor)->handleArpEntry();
   }

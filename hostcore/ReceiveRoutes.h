@@ -42,8 +42,8 @@ void eraseReceiveRoute(const typename F::Addr& ip, typename F::RouteSmRoot& root
   root.receiveAddrToIntfNameDel(ip);
 }
 
-/// Removes the receive routes of an interface that is no longer followed in this VRF. The machine
-/// does not have it, or the IP status does not have it, or has it under another name.
+/// Removes the receive routes of an interface that is no longer followed in this VRF: the machine
+/// or the IP status does not have the interface, or they have it under different names.
 template <Family F>
 void handleIpIntfStatus(typename F::RouteSm& sm, Zemit::IntfId intfId) {
   const auto& followed = sm.vrfIpIntfStatus(intfId);
