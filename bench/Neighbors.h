@@ -52,8 +52,9 @@ class Engine {
       scene_.route(Net<F>::subnet(i), i + 1);
     }
     // As in a daemon: a machine that is not initialized follows every neighbour of the switch.
-    Daemon::forEachFamily(
-        [&](auto family) { scene_.sw.template setInitialized<decltype(family)>(scene_.kVrf, true); });
+    Daemon::forEachFamily([&](auto family) {
+      scene_.sw.template setInitialized<decltype(family)>(scene_.kVrf, true);
+    });
   }
   void learn(size_t host) { scene_.neighbor(plan_.intfOf(host), plan_.host(host)); }
   void update(size_t host) {

@@ -16,21 +16,21 @@ namespace Cli {
 namespace {
 
 constexpr const char* kAnonymizeDescription =
-    R"(Prints a recording with other addresses, MACs and names of interfaces and VRFs, so that it
-can be given to others. It means the same to the machines as before: prefixes keep their lengths and
-nesting, and the same address or name becomes the same other one throughout.)";
+    R"(Prints a recording with other addresses, MAC addresses and names, so that it can be shared.
+Prefixes keep their lengths and nesting. An address or a name is replaced in the same way
+everywhere, so that the machines end in the same state.)";
 
 constexpr const char* kAnonymizeFooter =
-    R"(Loopback, link-local, multicast and reserved prefixes stay, and with them some of the leading
-bits of other addresses; the VRF "default" and the times stay, too. Comments are left out. Without
---key, nobody can tell the former addresses, not even by guessing; with it, who knows the key can.
+    R"(Loopback, link-local, multicast and reserved prefixes stay, and so do some leading bits of
+other addresses, the VRF "default" and the times. Comments are left out. Without --key, the former
+addresses cannot be found, not even by guessing. With --key, the key is enough to find them.
 
 Examples:
   hostroute anonymize incident.jsonl > report.jsonl
-  hostroute anonymize --key SECRET incident.jsonl.1 > report.jsonl.1    as the others of that key
+  hostroute anonymize --key SECRET incident.jsonl.1 > report.jsonl.1    as other files with that key
 
 Exit status: 0 done; 1 the output cannot be written; 2 the command line is malformed, the input
-cannot be read, or a line of it is no event.)";
+cannot be read, or one of its lines is no event.)";
 
 struct AnonymizeOptions {
   std::string file;
@@ -73,7 +73,7 @@ void addAnonymizeCommand(CLI::App& app) {
   command->add_option("file", options->file, "The recording; - for standard input")
       ->type_name("FILE")
       ->required();
-  command->add_option("--key", options->key, "What the mapping is made by; else it is drawn")
+  command->add_option("--key", options->key, "The key of the mapping; random by default")
       ->type_name("TEXT");
   command->footer(kAnonymizeFooter);
   command->callback([options] { anonymize(*options); });

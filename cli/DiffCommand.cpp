@@ -28,13 +28,13 @@ namespace {
 using nlohmann::json;
 
 constexpr const char* kDiffDescription =
-    R"(Compares the host routes of two switches, or of one before and after: by VRF and prefix,
-their types, metrics, preferences and next hops. The numbers of FECs do not count.)";
+    R"(Compares the host routes of two dumps: their types, metrics, preferences and next hops. It
+ignores the numbers of FECs.)";
 
 constexpr const char* kDiffFooter =
-    R"(A dump is what `replay --json`, `replay --json-lines` or `routes --json` printed; - is
-standard input. Of several dumps of one machine in it, the last counts. With --table, the tables
-that a process keeps in shared memory stand for the second dump.
+    R"(A dump is the output of `replay --json`, `replay --json-lines` or `routes --json`; - is
+standard input. If a file has several dumps of one machine, the last one counts. With --table, the
+second dump is the tables that a process keeps in shared memory.
 
 Examples:
   hostroute replay --json before.jsonl > before
@@ -42,7 +42,7 @@ Examples:
   hostroute diff before --table leaf1 --vrf blue
   hostroute diff before after --json            one JSON object for each difference
 
-`-` is before what only the first has, `+` before what only the second has.
+Routes that only the first dump has are marked with `-`, routes that only the second has with `+`.
 
 Exit status: 0 no difference; 1 differences; 2 the command line is malformed, or a dump or a table
 cannot be read.)";

@@ -26,20 +26,20 @@ namespace Cli {
 namespace {
 
 constexpr const char* kDoctorDescription =
-    R"(Looks at this machine and says what will hurt hostrouted, each with what mends it: kernel
-settings, limits, the configuration of FRR or BIRD, tables that others write to, routing rules that
-lead past them, capabilities, the clock. It changes nothing.)";
+    R"(Checks this machine for settings that disturb hostrouted. For each it prints the command that
+corrects it. It checks kernel settings, limits, the configuration of FRR or BIRD, routes of other
+programs in hostrouted's tables, routing rules, capabilities and the clock. It changes nothing.)";
 
 constexpr const char* kDoctorFooter =
-    R"(Tables, protocol and interfaces are those of the running hostrouted. Without one, they are as
-given here; all interfaces are looked at unless some are named.
+    R"(Tables, protocol and interfaces are those of the running hostrouted. If none is running, the
+options give them; by default all interfaces are checked.
 
 Examples:
   hostroute doctor
   hostroute doctor --json | jq -r .mend
   hostroute doctor --interfaces 'swp*' --table 10 --table6 254     before hostrouted is started
 
-Exit status: 0 nothing but notes; 1 the kernel cannot be asked; 2 the command line is malformed;
+Exit status: 0 only notes; 1 the kernel's state cannot be read; 2 the command line is malformed;
 3 errors or warnings were found.)";
 
 constexpr int kFound = 3;
@@ -171,7 +171,8 @@ int examineMachine(const DoctorOptions& options, const std::string& place) {
 void addDoctorCommand(CLI::App& app, int& exitCode) {
   const auto options = std::make_shared<DoctorOptions>();
   auto* command = app.add_subcommand("doctor", kDoctorDescription);
-  command->add_option("--interfaces", options->interfaces, "Whose neighbours count, as patterns")
+  command
+      ->add_option("--interfaces", options->interfaces, "The interfaces of the hosts, as patterns")
       ->type_name("LIST")
       ->delimiter(',');
   command->add_option("--table", options->table4, "The table of IPv4 host routes")->type_name("N");
@@ -181,7 +182,7 @@ void addDoctorCommand(CLI::App& app, int& exitCode) {
       ->check(CLI::Range(1, 255));
   command
       ->add_option("--root", options->root,
-                   "Look at the files of another machine under this directory, without its kernel")
+                   "Check the files of another machine in this directory, without its kernel")
       ->type_name("DIR")
       ->check(CLI::ExistingDirectory);
   command->add_flag("--json", options->json, "Print one JSON object for each finding");

@@ -20,9 +20,9 @@ namespace Cli {
 namespace {
 
 constexpr const char* kExplainDescription =
-    R"(Says why an address has a host route or none: what the machine of its VRF finds, in the order
-in which it decides, which route wins, why each other one loses, and, where there is no route, the
-condition that is missing and what would mend it.)";
+    R"(Explains why an address has a host route or none: the findings of its VRF's machine in the
+order of the decision, the winning route, and the reason why each other route loses. If there is no
+route, it shows the missing condition and the remedy.)";
 
 constexpr const char* kExplainFooter = R"(Examples:
   hostroute explain 10.1.10.11                                in the running hostrouted
@@ -31,8 +31,8 @@ constexpr const char* kExplainFooter = R"(Examples:
   hostroute explain 2001:db8:10::11 --vrf blue --replay leaf.jsonl
   hostroute explain 10.1.10.11 --replay leaf.jsonl --json     for programs
 
-Exit status: 0 the address has a route; 1 it has none, or no daemon answers; 2 the command line is malformed, the input
-cannot be read or is malformed, or there is no such VRF.)";
+Exit status: 0 the address has a route; 1 it has none, or no daemon answers; 2 the command line is
+malformed, the input cannot be read or is malformed, or there is no such VRF.)";
 
 const std::string kExplainPlace = "hostroute explain";
 
@@ -66,7 +66,7 @@ void addExplainCommand(CLI::App& app, int& exitCode, ExplainLive live) {
       ->type_name("ADDRESS")
       ->required();
   addStateOptions(*command, *options, static_cast<bool>(live),
-                  "After this line of them, not at their end");
+                  "The state after this line, not at the end");
   command->add_flag("--json", options->json, "Print one JSON object");
   command->footer(kExplainFooter);
   command->callback([options, live = std::move(live), &exitCode] {

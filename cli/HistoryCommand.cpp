@@ -26,8 +26,8 @@ namespace Cli {
 namespace {
 
 constexpr const char* kHistoryDescription =
-    R"(Tells what became of the host routes at or inside a prefix: each change, with the event that
-caused it.)";
+    R"(Shows the changes of the host routes at or inside a prefix, each with the event that caused
+it.)";
 
 constexpr const char* kHistoryFooter = R"(Examples:
   hostroute history 10.1.10.11                             one host, in the running hostrouted
@@ -36,7 +36,7 @@ constexpr const char* kHistoryFooter = R"(Examples:
   hostroute history ::/0 --vrf blue --last 20 --replay leaf.jsonl
   hostroute history 10.1.10.11 --replay leaf.jsonl --json  one JSON object for each change
 
-Exit status: 0 done, also when nothing changed; 1 a machine failed on an event, or the output cannot
+Exit status: 0 done, also without a change; 1 a machine failed on an event, or the output cannot
 be written; 2 the command line is malformed, or the input cannot be read or is malformed.)";
 
 struct Change {
@@ -101,9 +101,8 @@ void addHistoryCommand(CLI::App& app, int& exitCode, HistoryLive live) {
       ->type_name("PREFIX")
       ->check(refusedAddress)
       ->required();
-  addStateOptions(*command, *options, static_cast<bool>(live),
-                  "Up to this line of them, not to their end");
-  command->add_option("--last", options->last, "Only so many changes, the newest")
+  addStateOptions(*command, *options, static_cast<bool>(live), "Only the changes up to this line");
+  command->add_option("--last", options->last, "Only this number of the newest changes")
       ->type_name("COUNT")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()));
   command->add_flag("--json", options->json, "Print one JSON object for each change");

@@ -47,33 +47,33 @@ struct ImportOptions {
 };
 
 constexpr const char* kImportDescription =
-    R"(Turns what `ip -j` prints about a Linux machine into a replay on standard output.
+    R"(Converts the output of `ip -j` of a Linux machine into a replay on standard output.
 Without an option it runs `ip` in the present network namespace.)";
 
 constexpr const char* kImportFooter = R"(Imported:
-  - every interface with a layer 3 of its own. Ports of a bridge or a bond have none. It is in the
-    VRF of its master of kind vrf (which only `ip -d` tells), else in the VRF "default"; a VRF
-    device is an interface of its own VRF. A VRF device called default is the VRF "linux:default".
-    On interfaces called Management... a switch has no host routes. A name that is not UTF-8 costs
-    the interface.
-  - addresses but for 127.0.0.0/8 and ::1, those that duplicate address detection holds back, and
-    those of interfaces that are down. One IPv4 address of an interface is the primary one, the
-    others are secondary. An address with a peer counts as a host address.
-  - neighbours that are REACHABLE, STALE, DELAY, PROBE or PERMANENT, but no link-local ones
-    (169.254.0.0/16 and fe80::/10), multicast, proxies, nor those that a control plane put there.
-  - unicast routes of the table main (VRF "default") and of the VRFs' tables, host routes among
-    them, each with the FEC of its next hops. Of several to one prefix it is the one with the
-    lowest metric. Blackhole, unreachable and prohibit routes have FEC 0: no host is behind them.
-    An IPv4 route via an IPv6 next hop has the hop "ipv6". A next hop that is tunnelled (encap),
-    dead or without a carrier is left out; a route that has no other keeps its prefix, with FEC 0.
-The kernel's local, broadcast, anycast and multicast routes and its host routes to own IPv6
-addresses follow from the addresses, and link-local prefixes belong to one link; these are left
-out in silence. What else is left out is told on standard error: other tables, throw routes, local
-routes of the administrator's, routes by TOS or source, next hops, their weights, addresses.
+  - Interfaces with a layer 3. Ports of a bridge or a bond have none. An interface is in the VRF of
+    its master of kind vrf (which only `ip -d` shows), else in the VRF "default". A VRF device is an
+    interface of its own VRF. A VRF device with the name default is the VRF "linux:default". A
+    switch has no host routes on interfaces whose names begin with "Management". An interface whose
+    name is not UTF-8 is not imported.
+  - Addresses, except 127.0.0.0/8 and ::1, addresses that duplicate address detection has not yet
+    confirmed, and addresses of interfaces that are down. One IPv4 address of an interface is the
+    primary one, the others are secondary. An address with a peer is a host address.
+  - Neighbours in the states REACHABLE, STALE, DELAY, PROBE or PERMANENT, except link-local
+    (169.254.0.0/16 and fe80::/10) and multicast addresses, proxies and entries of a control plane.
+  - Unicast routes of the table main (VRF "default") and of the VRFs' tables, also host routes, with
+    the FEC of their next hops. Of several routes to one prefix, the one with the lowest metric.
+    Blackhole, unreachable and prohibit routes have FEC 0, because no host is behind them. An IPv4
+    route via an IPv6 next hop has the hop "ipv6". A next hop that is tunnelled (encap), dead or
+    without a carrier is left out. A route without another next hop keeps its prefix, with FEC 0.
+Not imported, without a warning: the kernel's local, broadcast, anycast and multicast routes and its
+host routes to own IPv6 addresses, which follow from the addresses; link-local prefixes. Not
+imported, with a warning on standard error: other tables, throw routes, local routes of the
+administrator, routes by TOS or source, and the mentioned next hops, their weights, and addresses.
 
-Linux takes the lowest address of an IPv4 subnet (10.0.0.0 of 10.0.0.0/24) for a host's since
-5.14. A switch takes it for the subnet's own: where an interface address gives it a receive route,
-a neighbour there gets no host route.
+Since 5.14, Linux allows the lowest address of an IPv4 subnet (10.0.0.0 of 10.0.0.0/24) for a host.
+A switch uses it as the address of the subnet. If an interface address gives it a receive route, a
+neighbour with this address gets no host route.
 
 Route types: connected_ (kernel, no gateway), staticConfig_ (static, boot), ebgp_ (BGP, IPv4),
 bgp_ (BGP, IPv6), ospfIntraArea_ (OSPF, IPv4), ospf_ (OSPF, IPv6), isisL1_, rip_, redirect_,
@@ -81,14 +81,14 @@ kernel_ (the kernel's others, router advertisements), unknown_ (any other protoc
 
 Examples:
   hostroute import | hostroute replay -      the host routes of this machine
-  ip netns exec blue hostroute import        those of a network namespace
+  ip netns exec blue hostroute import        the replay of another network namespace
   hostroute import --dir capture             from files, which these commands make:
     ip -N -d -j link > link.json               ip -N -4 -j route show table all > route4.json
     ip -N -j addr > addr.json                  ip -N -6 -j route show table all > route6.json
     ip -N -j neigh > neigh.json                ip -N -j nexthop > nexthop.json (may be missing)
 
-Exit status: 0 done, warnings or not; 1 the output cannot be written; 2 input that cannot be had or
-is no JSON list.)";
+Exit status: 0 done, also with warnings; 1 the output cannot be written; 2 an input cannot be read
+or is no JSON list.)";
 
 std::string readAll(std::FILE* file) {
   std::string text;
@@ -190,7 +190,7 @@ void addImportCommand(CLI::App& app, int& exitCode) {
     command
         ->add_option(
             kSources[i].option, options->files[i],
-            std::string("What `") + kSources[i].command + "` printed; - for standard input")
+            std::string("The output of `") + kSources[i].command + "`; - for standard input")
         ->type_name("FILE");
   }
   command->footer(kImportFooter);

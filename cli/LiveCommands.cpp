@@ -16,28 +16,28 @@ namespace Cli {
 namespace {
 
 constexpr const char* kNeighborsDescription =
-    R"(Shows the neighbour entries that the kernel has told of: whether each counts for the running
-hostrouted, and whether its address has a route to it.)";
+    R"(Shows the kernel's neighbour entries: whether the running hostrouted uses each, or the reason
+why not, and whether its address has a host route.)";
 
 constexpr const char* kNeighborsFooter = R"(Examples:
   hostroute neighbors
   hostroute neighbors --intf swp3
   hostroute neighbors 10.0.0.5
-  hostroute explain 10.0.0.5            why one that counts has no route
+  hostroute explain 10.0.0.5            why a neighbour has no route
 
-Exit status: 0 done; 1 no daemon answers, or it has damaged tables (what could be read is printed);
+Exit status: 0 done; 1 no daemon answers, or it has damaged tables (the readable part is printed);
 2 the command line is malformed.)";
 
 constexpr const char* kMonitorDescription =
-    R"(Prints each change of a host route as it is made, one on a line, with the event that caused
-it. Ctrl-C ends it.)";
+    R"(Prints each change of a host route as it happens. Each line also has the event that caused
+the change. Ctrl-C ends the command.)";
 
 constexpr const char* kMonitorFooter = R"(Examples:
   hostroute monitor
   hostroute monitor 10.0.0.0/24 --vrf blue
   hostroute monitor --json | jq -r .change.prefix
 
-When changes come faster than they are taken, some are left out, and told as lost.
+If the output is too slow, changes are left out, and their number is shown.
 
 Exit status: 1 the daemon ended or none answers; 2 the command line is malformed.)";
 
@@ -49,7 +49,7 @@ constexpr const char* kDumpFooter = R"(Examples:
   hostroute dump --vrf blue
   hostroute dump --json > before; ...; hostroute dump --json | hostroute diff before -
 
-Exit status: 0 done; 1 no daemon answers, or it has damaged tables (what could be read is printed);
+Exit status: 0 done; 1 no daemon answers, or it has damaged tables (the readable part is printed);
 2 the command line is malformed.)";
 
 struct LiveOptions {

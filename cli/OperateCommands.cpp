@@ -21,26 +21,26 @@ constexpr const char* kLogLevelDescription =
     R"(Shows the level up to which the running hostrouted writes log lines, or sets it until the
 configuration is read again.)";
 constexpr const char* kTraceDescription =
-    R"(Prints what the machines of one VRF say while they handle one address, as it happens. The
-other VRFs go on as fast as before.)";
+    R"(Prints the trace records of one VRF's machines about one address as they happen. It does not
+slow other VRFs.)";
 constexpr const char* kTraceFooter = R"(Examples:
   hostroute trace 10.0.0.5 --for 30s
   hostroute trace 2001:db8::5 --vrf blue --levels all
 
-`hostroute replay --help` says what the levels are. Ctrl-C ends a trace early.)";
+`hostroute replay --help` describes the levels. Ctrl-C ends a trace early.)";
 constexpr const char* kResyncDescription =
-    R"(Has the running hostrouted read all of the kernel's state again. Routes stay meanwhile. It
-does so by itself when the kernel drops notifications.)";
+    R"(Makes the running hostrouted read all of the kernel's state again. The routes stay meanwhile.
+hostrouted does this by itself when the kernel drops notifications.)";
 constexpr const char* kReloadDescription =
-    R"(Has the running hostrouted read its configuration again, and says what is wrong with it, if
-anything. The former one stays in force then.)";
+    R"(Makes the running hostrouted read its configuration again. If there is an error in it, prints
+the error, and the former configuration stays in force.)";
 constexpr const char* kRecordDescription =
-    R"(Records what the engine of the running hostrouted is told: a snapshot, and what follows.)";
+    R"(Records the inputs of the running hostrouted's engine: first a snapshot, then each change.)";
 constexpr const char* kRecordFooter =
-    R"(A FILE without a directory goes to the directory `recordings` in the daemon's state
-directory; only root may choose another one, and the daemon needs to be allowed to write there. A file that has
-become too long is called FILE.1, FILE.2 and so on, and FILE begins anew, with a snapshot: each can
-be replayed by itself.
+    R"(A FILE without a directory is in the directory `recordings` of the daemon's state directory.
+Only root may choose another directory, and the daemon needs the right to write there. A file that
+has become too long is renamed to FILE.1, FILE.2 and so on, and a new FILE is begun with a snapshot.
+So each file can be replayed by itself.
 
 Examples:
   hostroute record start incident.jsonl
@@ -147,11 +147,13 @@ void addRecord(CLI::App& app, const std::shared_ptr<OperateOptions>& options, in
   auto* record = app.add_subcommand("record", kRecordDescription)->require_subcommand(1);
   record->footer(footer(kRecordFooter));
   auto* start = record->add_subcommand("start", "Begin a recording");
-  start->add_option("file", options->file, "Where it goes")->type_name("FILE")->required();
-  start->add_option("--size", options->size, "How long a file becomes, in MiB")
+  start->add_option("file", options->file, "The file of the recording")
+      ->type_name("FILE")
+      ->required();
+  start->add_option("--size", options->size, "The largest size of a file, in MiB")
       ->type_name("MIB")
       ->check(CLI::Range(1, 1 << 20));
-  start->add_option("--files", options->files, "How many files are kept")
+  start->add_option("--files", options->files, "The number of files that are kept")
       ->type_name("N")
       ->check(CLI::Range(1, 1000));
   start->footer(footer(kRecordFooter));
@@ -175,13 +177,13 @@ void addOperateCommands(CLI::App& app, int& exitCode) {
 
   auto* traced = app.add_subcommand("trace", kTraceDescription);
   traced->add_option("address", options->address, "The address")->type_name("ADDRESS")->required();
-  traced->add_option("--vrf", options->vrf, "The VRF, \"default\" unless told")->type_name("VRF");
+  traced->add_option("--vrf", options->vrf, "The VRF; \"default\" by default")->type_name("VRF");
   traced->add_option("--levels", options->levels, "The levels, such as 0,1,2,6,7, or all")
       ->type_name("LEVELS")
       ->check([](const std::string& levels) -> std::string {
         return Replay::parseTraceLevels(levels) ? "" : "levels are 0 to 9, such as 0,1,2,6,7";
       });
-  traced->add_option("--for", options->duration, "How long: 30s, 5m, at most 1h")
+  traced->add_option("--for", options->duration, "The duration: 30s, 5m, at most 1h")
       ->type_name("TIME")
       ->check([](const std::string& text) -> std::string {
         const auto time = parseDuration(text);

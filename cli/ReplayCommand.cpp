@@ -27,8 +27,8 @@ namespace Cli {
 namespace {
 
 constexpr const char* kReplayDescription =
-    R"(Feeds a switch's recorded inputs to the host-route state machines, as the daemon would, and
-prints what came of it: at each `dump` of the input and, of everything, at its end.)";
+    R"(Feeds a switch's recorded inputs to the host-route state machines and prints the resulting
+state: at each `dump` of the input, and completely at its end.)";
 
 constexpr const char* kReplayFooter =
     R"(The input is one JSON object on each line; an example is examples/leaf.jsonl.
@@ -43,14 +43,15 @@ Examples:
   hostroute replay --shared leaf1 --hold switch.jsonl &
   hostroute routes --table leaf1 --wait 10          the same routes, seen by another process
 
-Trace levels: 0 failures, and FIB routes and metrics that changed; 1 no FIB route covers a
-neighbour, or one without a FEC; 2 a merge that waits for `initialized`; 6 what is written and
-removed, and which interfaces are passed over; 7 what is handled, and why it came to nothing; 8 each
-call and step; 3, 4, 5 and 9 nothing. 0,1,2,6,7 show why a host has (no) route.
+Trace levels: 0 failures, and changes of FIB routes and metrics; 1 neighbours whose covering FIB
+route is missing or has no FEC; 2 merges that wait for `initialized`; 6 written and removed routes,
+ignored interfaces; 7 each handled neighbour, route or FEC, and the reason if nothing changes; 8
+each call and step; 3, 4, 5 and 9 nothing. 0,1,2,6,7 show why a host has (no) route.
 
 Exit status: 0 done; 1 a machine failed on an event, the tables cannot be shared, could not grow or
-were found damaged, or the output cannot be written; 2 the command line is malformed, the input cannot be read, or a line of it is no
-event or longer than 16 MiB. Output that was caused by the lines before stands.)";
+were found damaged, or the output cannot be written; 2 the command line is malformed, the input
+cannot be read, or one of its lines is no event or longer than 16 MiB. The output of the lines
+before it is complete.)";
 
 struct ReplayOptions {
   std::string file;
@@ -109,7 +110,7 @@ void raiseFileLimit() {
 /// Prints damage of the tables and refused memory, a line for each table and kind.
 class TableReports {
  public:
-  /// Prints what is new: each damage, and the first refusal of a table. Returns whether there was
+  /// Prints new faults: each damage, and the first refusal of a table. Returns whether there was
   /// ever any.
   bool print() {
     const auto reports = Tovan::tableReports();
@@ -143,7 +144,7 @@ class TableReports {
 [[noreturn]] void hold(Daemon::Switch& sw, TableReports& reports) {
   const Daemon::FibInputs inputs(sw);
   const auto troubles = [] { return Tovan::corruptionCount() + Tovan::refusalCount(); };
-  // The events are read only once, so what was refused or lost before cannot be set again.
+  // The events are read only once, so entries that were refused or lost before cannot be set again.
   const bool lacksInputs = troubles() != 0;
   sw.setIncomplete(lacksInputs);
   bool isIncomplete = false;
@@ -208,7 +209,7 @@ void addReplayCommand(CLI::App& app, int& exitCode) {
   auto* json = command->add_flag("--json", options->json, "Print one JSON object on each line");
   command
       ->add_flag("--json-lines", options->jsonLines,
-                 "The same, but a dump in pieces: one line for each route and each other entry")
+                 "The same, with one line for each route and each other entry of a dump")
       ->excludes(json);
   command
       ->add_option("--trace", options->traceLevels,
@@ -221,7 +222,7 @@ void addReplayCommand(CLI::App& app, int& exitCode) {
   command->add_flag("--echo", options->echoes, "Print the line number of each event");
   command->add_flag("--settle", options->settles,
                     "After each route and FEC, announce the neighbours without a route again");
-  command->add_flag("--no-final-dump", options->noFinalDump, "Print only what the input asks for");
+  command->add_flag("--no-final-dump", options->noFinalDump, "Print only the dumps of the input");
   auto* shared = command
                      ->add_option("--shared", options->sharedName,
                                   "Keep the tables in shared memory under this name while running")
@@ -231,7 +232,9 @@ void addReplayCommand(CLI::App& app, int& exitCode) {
                                   ? ""
                                   : "a name has neither . nor /, and at most 100 bytes";
                      });
-  command->add_flag("--hold", options->holds, "Then keep the tables up until Ctrl-C or SIGTERM")
+  command
+      ->add_flag("--hold", options->holds,
+                 "Keep the tables after the end of the input, until Ctrl-C or SIGTERM")
       ->needs(shared);
   command->footer(kReplayFooter);
   command->callback([options, &exitCode] { exitCode = replay(*options); });

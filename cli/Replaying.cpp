@@ -15,11 +15,11 @@ namespace Cli {
 
 void addStateOptions(CLI::App& command, ReplayedState& state, bool isLive,
                      const std::string& atHelp) {
-  command.add_option("--vrf", state.vrf, "In this VRF, not in \"default\"")->type_name("VRF");
-  auto* replay =
-      command
-          .add_option("--replay", state.recording, "In these recorded inputs; - for standard input")
-          ->type_name("FILE");
+  command.add_option("--vrf", state.vrf, "The VRF; \"default\" by default")->type_name("VRF");
+  auto* replay = command
+                     .add_option("--replay", state.recording,
+                                 "Use these recorded inputs; - for standard input")
+                     ->type_name("FILE");
   if (!isLive) replay->required();
   command.add_option("--at", state.line, atHelp)
       ->type_name("LINE")

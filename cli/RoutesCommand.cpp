@@ -25,40 +25,40 @@ namespace Cli {
 namespace {
 
 constexpr const char* kRoutesDescription =
-    R"(Shows the routes of the running hostrouted as they are now: its FIB routes, the host routes
-derived from them, and how each of these is in the kernel. With --table, or when no hostrouted
-answers, those that a process keeps in shared memory; that process may go on writing meanwhile.)";
+    R"(Shows the present routes of the running hostrouted: its FIB routes, its host routes, and the
+state of these in the kernel. With --table, or if no hostrouted answers, shows the routes that a
+process keeps in shared memory. That process may write meanwhile.)";
 
 constexpr const char* kRoutesFooter = R"(Examples:
-  hostroute routes                                      those of the running hostrouted
-  hostroute routes 10.1.10.11                           what an address matches, longest first
+  hostroute routes                                      the routes of the running hostrouted
+  hostroute routes 10.1.10.11                           the routes to an address, longest first
   hostroute routes --type attached_ --vrf blue          the routes to neighbours in a VRF
   hostroute replay --shared leaf1 --hold switch.jsonl &
   hostroute routes --table leaf1 --wait 10              all VRFs, both families
   hostroute routes --table leaf1 --vrf blue --family 4  one table
-  hostroute routes --table leaf1 10.1.10.11             what an address matches, longest first
+  hostroute routes --table leaf1 10.1.10.11             the routes to an address, longest first
   hostroute routes --table leaf1 --type attached_       the routes to neighbours
-  hostroute routes --table leaf1 --intf Vlan10          what leaves through an interface
-  hostroute routes --table leaf1 --count                how many of each type, and how far it is
+  hostroute routes --table leaf1 --intf Vlan10          the routes through an interface
+  hostroute routes --table leaf1 --count                the number of each type, and the state
   hostroute routes --table leaf1 --json                 one JSON object for each route
 
-When no hostrouted answers and there are shared tables under one name, these are shown, with a
-warning and exit status 3. When there are several names, the error has them; choose with --table.
+If no hostrouted answers and there are shared tables under one name, these are shown, with a
+warning and exit status 3. If there are several names, the error lists them; use --table.
 
-A table is `loading` while its process reads what it starts with, then `not initialized` until its
-host-route machine is, then `initialized`, and `synchronized` when the FIB's own host routes are in
-as well. It is `incomplete` while routes or next hops are missing that its process had no memory
-for, or lost to damage. It is `left behind` when its process has ended without taking it away, and
-`removed` when its process took it away while it was read, as one does that starts again.
+A table is `loading` while its process reads its initial inputs, then `not initialized` until its
+host-route machine is initialized, then `initialized`, and `synchronized` when it also has the FIB's
+own host routes. It is `incomplete` while routes or next hops are missing, because its process
+lacked memory or lost them to damage. It is `left behind` if its process ended without removing it,
+and `removed` if its process removed it while it was read, for instance because it restarted.
 
-A route's KERNEL column says "installed", "damped" (its host flaps), "pending", or the error with
-which the kernel refuses it; routes that do not go to the kernel have none.
+The column KERNEL is "installed", "damped" (the host flaps), "pending", or the error with which the
+kernel refuses the route. Routes that are not written to the kernel have no entry.
 
-Exit status: 0 done; 1 no daemon answers and there are no tables to show, or several to choose from,
-there are no such tables, no route to the address, or a table is damaged (what could be read of it
-is printed); 2 the command line is malformed; 3 what was printed may not be what the switch has: the
+Exit status: 0 done; 1 no daemon answers and there are no shared tables, or several to choose from;
+or there are no such tables, or no route to the address; or a table is damaged (the readable part is
+printed); 2 the command line is malformed; 3 the output may differ from the switch's routes: the
 daemon does not answer or is not ready, a table is left behind, removed, loading, incomplete or not
-initialized, or --wait was in vain.)";
+initialized, or the time of --wait was over.)";
 
 constexpr int kNotReady = 3;
 constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
@@ -471,14 +471,13 @@ void addRoutesCommand(CLI::App& app, int& exitCode) {
   const auto options = std::make_shared<RoutesOptions>();
   command
       ->add_option("address", options->address,
-                   "Only what this address or prefix matches: the route that is used first, and "
-                   "then those around it")
+                   "Only the routes that contain this address or prefix, the longest first")
       ->type_name("ADDRESS")
       ->check(refusedAddress);
   command
       ->add_option("--table", options->table,
-                   "The name under which a process shares its tables; without it, the running "
-                   "hostrouted is asked, and the only shared tables are shown if none runs")
+                   "The name under which a process shares its tables; by default the running "
+                   "hostrouted, or the only shared tables if none runs")
       ->type_name("NAME");
   command->add_option("--vrf", options->vrf, "Only this VRF")->type_name("VRF");
   command->add_option("--family", options->family, "Only IPv4 (4) or IPv6 (6)")
@@ -491,11 +490,11 @@ void addRoutesCommand(CLI::App& app, int& exitCode) {
       ->type_name("INTF");
   command
       ->add_option("--wait", options->waits,
-                   "Wait up to so long until the daemon is ready, or the tables of --table are")
+                   "Wait at most this long until the daemon, or the tables of --table, are ready")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.0, kLongestWait));
   command->add_flag("--count", options->counts,
-                    "Print how many routes each table has, and how far it is");
+                    "Print the number of routes and the state of each table");
   command->add_flag("--json", options->json, "Print one JSON object for each route or table");
   addSocketOption(*command, options->control);
   command->footer(kRoutesFooter);

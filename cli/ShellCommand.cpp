@@ -30,14 +30,14 @@ namespace Cli {
 namespace {
 
 constexpr const char* kShellDescription =
-    R"(Feeds a switch's recorded inputs to the host-route state machines, and then takes commands on
-them: every entity, attribute and method is reached by its name.)";
+    R"(Feeds a switch's recorded inputs to the host-route state machines and then executes commands.
+The commands read and change entities, attributes and methods by their names.)";
 
 constexpr const char* kShellFooter =
-    R"(On a terminal, lines can be edited, recalled and completed with the tab key; Ctrl-C drops
-one, Ctrl-D ends the shell, `help` lists the commands. What was typed is kept for the next time, in
-hostroute/history under $XDG_STATE_HOME or ~/.local/state. From a pipe, each line is one command,
-and one that fails does not keep the rest from running. A line of a replay is a command too.
+    R"(On a terminal, lines can be edited, recalled, and completed with the tab key. Ctrl-C drops a
+line, Ctrl-D ends the shell, `help` lists the commands. The typed lines are stored in
+hostroute/history under $XDG_STATE_HOME or ~/.local/state. From a pipe, each line is one command.
+If a command fails, the next ones are still executed. A line of a replay is a command, too.
 
 Examples:
   hostroute shell examples/leaf.jsonl
@@ -45,8 +45,8 @@ Examples:
   echo 'get /ipv4/default/receiveAddrToIntfName' | hostroute shell examples/leaf.jsonl
   echo 'call /ipv4/default/routeSm doFibLookup 10.1.10.0/24' | hostroute shell examples/leaf.jsonl
 
-Exit status: 0 done; 1 a command failed that was not typed, or the output cannot be written; 2 the
-command line is malformed, or the recorded inputs cannot be read.)";
+Exit status: 0 done; 1 a command from a pipe failed, or the output cannot be written; 2 the command
+line is malformed, or the recorded inputs cannot be read.)";
 
 struct FreeText {
   void operator()(char* text) const { std::free(text); }

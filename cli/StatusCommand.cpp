@@ -19,8 +19,8 @@ namespace Cli {
 namespace {
 
 constexpr const char* kStatusDescription =
-    R"(Shows on one screen how the running hostrouted is: whether it is ready, and why not; how many
-host routes are in the kernel, and which are not as they should be.)";
+    R"(Shows the status of the running hostrouted: whether it is ready, or the reason why not, the
+number of host routes in the kernel, and the host routes with a problem.)";
 
 constexpr const char* kStatusFooter = R"(Examples:
   hostroute status
@@ -30,12 +30,12 @@ constexpr const char* kStatusFooter = R"(Examples:
 Exit status: 0 ready; 1 no daemon answers; 2 the command line is malformed; 3 not ready.)";
 
 constexpr const char* kCountersDescription =
-    R"(Shows all that the running hostrouted counts. Counters grow from its start; what is there
-now may shrink, too.)";
+    R"(Shows the counters of the running hostrouted. Counters increase from its start; gauges are
+present numbers, and may also decrease.)";
 
 constexpr const char* kCountersFooter = R"(Examples:
   hostroute counters
-  hostroute counters --help-texts kernel        those with "kernel" in the name, with their meaning
+  hostroute counters --help-texts kernel      counters with "kernel" in the name, and their meaning
   hostroute counters --json
 
 Exit status: 0 done; 1 no daemon answers, or no counter has such a name; 2 the command line is
@@ -295,16 +295,16 @@ void addStatusCommands(CLI::App& app, int& exitCode) {
                  [options](const std::string& place) { return showStatus(*options, place); });
 
   auto* counters = app.add_subcommand("counters", kCountersDescription);
-  counters->add_option("name", options->pattern, "Only those with this in their names")
+  counters->add_option("name", options->pattern, "Only counters with this text in their names")
       ->type_name("NAME");
-  counters->add_flag("--help-texts", options->helps, "Show what each one means, too");
+  counters->add_flag("--help-texts", options->helps, "Also show the meaning of each counter");
   counters->add_flag("--json", options->json, "Print one JSON object for each name");
   counters->footer(kCountersFooter);
   addLiveCommand(*counters, options->control, exitCode,
                  [options](const std::string& place) { return showCounters(*options, place); });
 
   auto* metrics = app.add_subcommand("metrics", kMetricsDescription);
-  auto* http = metrics->add_flag("--http", options->http, "Read a HTTP request and answer it");
+  auto* http = metrics->add_flag("--http", options->http, "Read an HTTP request and answer it");
   metrics->add_flag("--json", options->json, "Print one JSON object for each name")->excludes(http);
   metrics->footer(kMetricsFooter);
   addLiveCommand(*metrics, options->control, exitCode,

@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* kTypesDescription =
     R"(Lists the types that a plug-in provides, in the order in which it registers them. The file is
-read, not loaded: nothing in it runs, and it may be of another machine.)";
+read and not loaded: none of its code runs, and it may be built for another machine.)";
 
 constexpr const char* kTypesFooter = R"(Examples:
   hostroute types /usr/lib/x86_64-linux-gnu/libhostroute.so

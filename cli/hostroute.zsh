@@ -32,26 +32,26 @@ _hostroute_addresses() {
 _hostroute() {
   local -a commands chosen live
   commands=(
-    'status:how the running hostrouted is'
-    'explain:why an address has, or has not, a host route'
-    'history:the last changes of host routes'
-    'monitor:changes of host routes as they are made'
-    'neighbors:the neighbours of this machine, and which count'
-    'counters:what the running hostrouted counts'
-    'metrics:the same for monitoring systems'
-    'doctor:what on this machine will hurt'
+    'status:show the status of the running hostrouted'
+    'explain:explain why an address has a host route or none'
+    'history:show the last changes of host routes'
+    'monitor:print changes of host routes as they happen'
+    'neighbors:show the neighbours, and why some are ignored'
+    'counters:show the counters of the running hostrouted'
+    'metrics:print the counters for monitoring systems'
+    'doctor:check this machine for settings that disturb hostrouted'
     'log-level:show or set the log level'
-    'trace:what the machines say while they handle an address'
-    'record:record what the engine is told'
-    'resync:read all of the kernel again'
+    'trace:print the trace records about an address'
+    'record:record the inputs of the engine'
+    'resync:read the state of the kernel again'
     'reload:read the configuration again'
-    'dump:the state of the running machines'
-    'anonymize:make a recording fit for others'
+    'dump:print the state of the running machines'
+    'anonymize:replace the addresses and names of a recording'
     'replay:play recorded inputs and print the resulting state'
     'routes:show the routes of the running hostrouted, or tables in shared memory'
     'diff:compare the host routes of two dumps'
-    'import:turn the state of a Linux machine into a recording'
-    'shell:play recorded inputs, then look into the machines'
+    'import:make a recording of the state of a Linux machine'
+    'shell:play recorded inputs, then execute commands'
     'types:list the types that a plug-in provides'
   )
   chosen=(
@@ -78,7 +78,7 @@ _hostroute() {
         '--trace[print the trace records of these levels]:levels:(0,1,2,6,7 all)' \
         '--echo[print the line number of each event]' \
         '--settle[announce neighbours without a route again]' \
-        '--no-final-dump[print only what the input asks for]' \
+        '--no-final-dump[print only the dumps of the input]' \
         '--shared[keep the tables in shared memory]:name:' '--hold[then keep them up]' \
         '--help[print the help]' '1:recording:_files'
       ;;
@@ -98,7 +98,7 @@ _hostroute() {
     counters) _arguments '--help-texts[show the meanings]' $live '1:name:' ;;
     metrics) _arguments '(--json)--http[answer a HTTP request]' $live ;;
     doctor)
-      _arguments '--interfaces[whose neighbours count]:patterns:' '--table[of IPv4 hosts]:table:' \
+      _arguments '--interfaces[the interfaces of the hosts]:patterns:' '--table[of IPv4 hosts]:table:' \
         '--table6[of IPv6 hosts]:table:' '--protocol[of the routes]:number:' \
         '--root[files of another machine]:directory:_files -/' $live
       ;;
@@ -113,7 +113,7 @@ _hostroute() {
         start=('--size[of a file in MiB]:size:' '--files[how many are kept]:number:' '2:file:')
       _arguments $start $live '1:action:(start stop)'
       ;;
-    anonymize) _arguments '--key[what the mapping is made by]:text:' '--help[print the help]' '1:recording:_files' ;;
+    anonymize) _arguments '--key[the key of the mapping]:text:' '--help[print the help]' '1:recording:_files' ;;
     status | resync | reload) _arguments $live ;;
     diff)
       _arguments $chosen '--table[compare with shared tables]:name:_hostroute_tables' \
@@ -122,14 +122,14 @@ _hostroute() {
     explain | history)
       local -a only
       local what=_hostroute_addresses
-      [[ $command == history ]] && only=('--last[only so many changes]:count:') what=_hostroute_prefixes
+      [[ $command == history ]] && only=('--last[the number of changes]:count:') what=_hostroute_prefixes
       _arguments $only '--replay[in these recorded inputs]:recording:_files' \
         '--at[after this line of them]:line:' '--settle[replay as a daemon does]' \
         '--vrf[in this VRF]:VRF:_hostroute_vrfs' $live "1:address or prefix:$what"
       ;;
     import)
       _arguments '--dir[directory of the documents]:directory:_files -/' \
-        '--'{link,addr,neigh,route4,route6,nexthop}'[what ip printed]:file:_files' \
+        '--'{link,addr,neigh,route4,route6,nexthop}'[the output of ip]:file:_files' \
         '--help[print the help]'
       ;;
     shell) _arguments '--help[print the help]' '1:recording:_files' ;;

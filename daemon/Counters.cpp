@@ -17,25 +17,25 @@ using InfoKind = CounterInfo::Kind;
 
 constexpr CounterInfo kEvents{
     "events", "kind", InfoKind::Counter,
-    "Events that reached the machine, by what they were. A neighbour on an interface through which "
-    "no route of the VRF leaves does not reach it."};
+    "Events that reached the machine, by their kind. A neighbour on an interface through which no "
+    "route of the VRF leaves does not reach it."};
 constexpr CounterInfo kRefused{
     "neighbors_refused", "reason", InfoKind::Counter,
-    "Neighbours that got no host route when they were looked up, by the reason. One that is looked "
-    "up again counts again."};
+    "Neighbours whose look-up gave no host route, by the reason. Each look-up counts."};
 constexpr CounterInfo kRepairs{"repairs", "", InfoKind::Counter,
                                "Neighbours that were filed under a FIB route."};
 constexpr CounterInfo kMerges{
     "merges", "", InfoKind::Counter,
-    "Addresses for which it was settled which host route wins. A merge that could change nothing "
-    "is spared, and not counted."};
-constexpr CounterInfo kExceptions{
-    "exceptions", "", InfoKind::Counter,
-    "Events that the machine could not handle to the end. Any but 0 is a fault worth a report."};
+    "Merged addresses: the best host route was selected. A merge that would change nothing is "
+    "skipped, and not counted."};
+constexpr CounterInfo kExceptions{"exceptions", "", InfoKind::Counter,
+                                  "Events that the machine could not complete. A value other than "
+                                  "0 is a fault; please report it."};
 constexpr CounterInfo kHostRoutes{"host_routes", "type", InfoKind::Gauge,
                                   "Host routes in the route table, by their type."};
-constexpr CounterInfo kNeighborRoutes{"neighbor_routes", "", InfoKind::Gauge,
-                                      "Neighbours that have a host route, whether or not it wins."};
+constexpr CounterInfo kNeighborRoutes{
+    "neighbor_routes", "", InfoKind::Gauge,
+    "Neighbours that have a host route, also if another route is preferred."};
 constexpr CounterInfo kOwnAddresses{
     "own_addresses", "", InfoKind::Gauge,
     "Addresses for which receive routes are kept: the router's own, and the network and broadcast "

@@ -1,4 +1,4 @@
-// Any text as an address or prefix: what is accepted must come back from its own text.
+// Reads any text as an address or a prefix. An accepted value must be read back from its own text.
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>

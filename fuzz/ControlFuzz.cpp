@@ -1,4 +1,5 @@
-// Any lines as requests to a daemon's control socket: each gets a reply, whose first line is JSON.
+// Handles any lines as requests to a daemon's control socket. Each request gets a reply that begins
+// with a line of JSON.
 #include <cstdint>
 #include <cstdlib>
 #include <sstream>
@@ -18,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)isSetUp;
   std::istringstream in(std::string(data, data + size));
   for (std::string line; std::getline(in, line);) {
-    // Root's requests do more, but write files where they are told to.
+    // Not as root, because root's requests may write files in any directory.
     const auto reply = world.control.handle(line, {.isRoot = false, .mayChange = true});
     const auto first = nlohmann::json::parse(reply.text, nullptr, false);
     if (!first.is_object() || !first.contains("ok")) std::abort();

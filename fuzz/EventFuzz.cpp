@@ -1,4 +1,4 @@
-// Any bytes as a sequence of valid events: after each, the engine keeps its invariants and agrees
+// Makes valid events of any bytes. After each event, the engine must keep its invariants and agree
 // with the golden model.
 //
 // A few bytes make an event in a universe so small that routes, addresses and neighbours collide.

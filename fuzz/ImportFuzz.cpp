@@ -1,5 +1,5 @@
-// Any bytes as what `ip -j` printed: an import refuses them or writes a replay, and never fails
-// otherwise. The documents are the parts between zero bytes.
+// Imports any bytes as output of `ip -j`. The import refuses them or writes a replay. Zero bytes
+// separate the documents.
 #include <cstdint>
 #include <sstream>
 #include <string>

@@ -1,5 +1,5 @@
-// Any bytes as netlink messages: each is read or refused, and a mirror to which they are applied
-// can be walked, and is empty after a dump that names nothing.
+// Reads any bytes as netlink messages, and applies them to a mirror. Each message is read or
+// refused. The mirror can be walked, and is empty after a dump without objects.
 #include <cstdint>
 #include <cstdlib>
 #include <span>
@@ -10,7 +10,7 @@
 #include "tests/linux/MirrorText.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  Kiv::hashSeedIs({.add = 1, .multiply = 0x9E3779B97F4A7C15});  // one input, one road
+  Kiv::hashSeedIs({.add = 1, .multiply = 0x9E3779B97F4A7C15});  // makes runs repeatable
   return 0;
 }
 
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Linux::Mirror mirror(205);
   try {
     const auto take = [&](const nlmsghdr& header, std::span<const std::byte> message) {
-      // A message that nobody sends stands for the beginning of a dump.
+      // A type that the kernel does not use begins a dump.
       if (header.nlmsg_type == NLMSG_NOOP) mirror.beginDump();
       if (header.nlmsg_type == NLMSG_DONE) mirror.endDump();
       try {

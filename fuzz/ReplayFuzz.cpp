@@ -1,5 +1,5 @@
-// Any lines as a replay: lines that are no events are refused, the others played with all traces
-// on, and whatever state comes of them can be printed.
+// Plays any lines as a replay, with all traces on. Lines that are no events are refused. The
+// resulting state can be printed.
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -11,7 +11,7 @@
 #include "replay/Player.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  Kiv::hashSeedIs(Replay::kHashSeed);  // one input, one road through the code
+  Kiv::hashSeedIs(Replay::kHashSeed);  // makes runs repeatable
   return 0;
 }
 

@@ -1,4 +1,4 @@
-// Any bytes as a shared table: a reader refuses or reads it, and the next writer refuses it or
+// Opens any bytes as a shared table. A reader refuses or reads it. The next writer refuses it, or
 // repairs it and can then use it. A writer repairs changes from outside when it tends the table.
 // (The bytes may have correct checksums, so any value may be read.)
 //

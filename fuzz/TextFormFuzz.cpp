@@ -1,5 +1,5 @@
-// Any text as a value of each type that reflection reads: what is accepted must come back from its
-// own text, and what is refused must be refused by the runtime's exception.
+// Reads any text as a value of each type that reflection reads. An accepted value must be read back
+// from its own text. A refusal must be the runtime's exception.
 #include <cstdint>
 #include <cstdlib>
 #include <string>

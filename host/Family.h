@@ -1,4 +1,4 @@
-// IPv4 as the shared steps of host routing see it.
+// The family IPv4 for the shared steps of host routing.
 #pragma once
 
 #include "host/ReceiveRoutes.h"
@@ -12,7 +12,7 @@ namespace Routing::Host {
 /// The trace facility of the IPv4 half.
 extern Kiv::TraceFacility hostRouteTrace;
 
-/// The types, constants, words and accessors of the IPv4 half.
+/// The types, constants, texts and accessors of the IPv4 half.
 struct Ipv4 {
   using Addr = Zemit::IpAddr;
   using Prefix = Zemit::Prefix;
@@ -78,7 +78,7 @@ struct Ipv4 {
     return type == Fib::ibgp_ || type == Fib::ebgp_ || type == Fib::bgpAggregate_;
   }
 
-  // The neighbours of a table; an IPv4 handler is given the whole entry.
+  // The neighbours of a table. The argument of an IPv4 handler is the whole entry.
   static const Neighbor* findNeighbor(const Arp::ArpIntfStatus& table, const Addr& addr) {
     return table.arpEntryFind(addr);
   }
@@ -99,7 +99,7 @@ struct Ipv4 {
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.arpRouteIfMade(prefix);
   }
-  /// Gives a prefix an entry, whose set is made at the first look-up.
+  /// Makes the entry of a prefix. Its set is made at the first look-up.
   static void neighborSetReserve(RouteSmRoot& root, const Prefix& prefix) {
     root.arpRouteReserve(prefix);
   }
@@ -159,7 +159,7 @@ struct Ipv4 {
 
   /// The entry trace of a look-up of a neighbour's address.
   static void traceCheck(const RouteSm& sm, const Addr& ip);
-  // Traces that one half has, or has in another form.
+  // Traces that only one half has, or that differ between the halves.
   static void traceCoveringRoute(const RouteSm&, const Prefix&, const Prefix&) {}
   static void traceTakenFrom(const RouteSm& sm, const Addr& addr, const Prefix& above);
   static void traceStoredVia(const RouteSm& sm, const Addr& ip, const Via& via);

@@ -19,14 +19,14 @@ KIV_EXPORT void addActiveReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
 
 /// Removes all receive routes that are recorded for an interface, and the record.
 ///
-/// \param status   not consulted; null when the interface is gone.
+/// \param status   not consulted; null when the interface was removed.
 /// \param changed  gains each address that the interface owned.
 KIV_EXPORT void removeReceiveRoutes(const Ip::IpIntfStatus::PtrConst& status,
                                     const Kiv::Name& intfName, const RouteSmRoot::Ptr& root,
                                     const Obu::AddrSet::Ptr& changed);
 
-/// Removes the receive routes of one interface address, whose own record is already gone. Addresses
-/// that another interface owns are left alone.
+/// Removes the receive routes of one interface address. The caller has already removed the record
+/// of the address. Receive routes that another interface owns stay.
 KIV_EXPORT void removeAddrMaskFromReceiveTable(const Zemit::IpAddrWithMask& addrWithMask,
                                                const Kiv::Name& intfName,
                                                const Obu::AddrSet::Ptr& changed,

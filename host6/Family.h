@@ -1,4 +1,4 @@
-// IPv6 as the shared steps of host routing see it.
+// The family IPv6 for the shared steps of host routing.
 #pragma once
 
 #include <ostream>
@@ -38,7 +38,7 @@ class Entry {
   std::tuple<const Argument&...> argument_;
 };
 
-/// The types, constants, words and accessors of the IPv6 half.
+/// The types, constants, texts and accessors of the IPv6 half.
 struct Ipv6 {
   using Addr = Zemit::Ip6Addr;
   using Prefix = Zemit::Ip6Prefix;
@@ -102,7 +102,7 @@ struct Ipv6 {
   static bool isOwnType(RouteType type) { return type == Fib::receive_ || type == Fib::attached_; }
   static bool isBgpType(RouteType type) { return type == Fib::bgp_ || type == Fib::bgpAggregate_; }
 
-  // The neighbours of a table; an IPv6 handler is given the address.
+  // The neighbours of a table. The argument of an IPv6 handler is the address.
   static const Neighbor* findNeighbor(const Arp::ArpIntfStatus& table, const Addr& addr) {
     return table.ip6NeighborEntryFind(addr);
   }
@@ -127,7 +127,7 @@ struct Ipv6 {
   static AddrSet::Ptr neighborSet(const RouteSmRoot& root, const Prefix& prefix) {
     return root.neighRouteIfMade(prefix);
   }
-  /// Gives a prefix an entry, whose set is made at the first look-up.
+  /// Makes the entry of a prefix. Its set is made at the first look-up.
   static void neighborSetReserve(RouteSmRoot& root, const Prefix& prefix) {
     root.neighRouteReserve(prefix);
   }
@@ -184,7 +184,7 @@ struct Ipv6 {
                               const AddrSet::Ptr& addrSet, const AdjacencyHelper::Ptr& adjHelper);
   /// The entry trace of a look-up of a neighbour's address.
   static void traceCheck(const RouteSm& sm, const Addr& ip);
-  // Traces that one half has, or has in another form.
+  // Traces that only one half has, or that differ between the halves.
   static void traceCoveringRoute(const RouteSm& sm, const Prefix& prefix, const Prefix& above);
   static void traceTakenFrom(const RouteSm& sm, const Addr& addr, const Prefix& above);
   static void traceStoredVia(const RouteSm&, const Addr&, const Via&) {}

@@ -33,12 +33,14 @@ struct Ipv6;
 
 /// Watches the inputs of one VRF and keeps the host routes of its root and route table up to date.
 ///
-/// Each reactor watches one input and calls one handler. A handler without a key walks the whole
-/// input, a keyed one handles one entry. Everything runs on the thread of the activity. The maker
-/// of the machine keeps the inputs, the root and the activity alive as long as the machine lives. A
-/// null input reads as an empty table. A callback of a write must not destroy the machine.
+/// Each reactor watches one input and calls one handler. A handler without a key handles the whole
+/// input; a handler with a key handles one entry. All handlers run on the thread of the activity.
+/// The creator of the machine keeps the inputs, the root and the activity alive as long as the
+/// machine exists. A null input counts as an empty table. A callback of a write must not destroy
+/// the machine.
 ///
-/// Until `initialized` is set the machine only records; then it catches up in one pass.
+/// Until `initialized` is set, the machine only records changes. Then it handles all of them in one
+/// pass.
 class KIV_EXPORT RouteSm final : public Kiv::Entity {
  public:
   using Ptr = Kiv::Ptr<RouteSm>;
@@ -130,7 +132,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     using MachineReactor::MachineReactor;
   };
 
-  /// Watches interfaces come and go, in whatever VRF.
+  /// Watches which interfaces exist, in all VRFs.
   class KivIpStatus final : public HostCore::DirectoryReactor<Ip6::Status, RouteSm> {
    public:
     using DirectoryReactor::DirectoryReactor;
@@ -139,7 +141,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     void onIntfkivImmediate() override;
   };
 
-  /// Follows one interface, of any VRF, and admits it while it is in this one.
+  /// Follows one interface of any VRF, and admits it while it is in the VRF of the machine.
   class KivIpIntfStatusFilter final
       : public HostCore::IntfFilterReactor<Ip6::IntfStatus, RouteSm, KivIpIntfStatusFilter> {
    public:
@@ -162,7 +164,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     void handleActiveAddrWithMask();
   };
 
-  /// Watches neighbour tables come and go.
+  /// Watches which neighbour tables exist.
   class KivNeighborDirByIntfName final
       : public HostCore::NeighborDirReactor<Arp::NeighborDir, RouteSm> {
    public:
@@ -178,17 +180,17 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     void onIp6NeighborEntrykivImmediate() override;
     void onIp6NeighborEntryExpected(const Zemit::Ip6Addr& addr) const noexcept override;
 
-    /// Re-derives the host route of one neighbour that appeared, changed or went.
+    /// Derives the host route of one neighbour again, after it was added, changed or removed.
     void handleArpEntry(const Zemit::Ip6Addr& addr);
-    /// Re-derives the host route of every neighbour in the table, then merges them all at once.
+    /// Derives the host routes of all neighbours in the table again, and merges them all at once.
     void handleArpEntry();
-    /// Withdraws the host routes of a table that was deleted with entries in it.
+    /// Withdraws the host routes of a table that was deleted before its entries.
     void handleDel();
     /// The short cuts' cache, or null before its first use; see hostcore/fast/.
     std::shared_ptr<CoverCache>& coverCache() const noexcept { return coverCache_; }
 
    private:
-    mutable std::shared_ptr<CoverCache> coverCache_;  // no state of the reactor
+    mutable std::shared_ptr<CoverCache> coverCache_;  // mutable: a cache is not part of the state
   };
 
   /// Watches the virtual addresses of first-hop redundancy groups.
@@ -218,10 +220,11 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
           const RouteSmRoot::Ptr& root, const L3::VrfName& vrfName);
   explicit RouteSm(const Inputs& inputs);
   ~RouteSm() override;
-  /// Ends the machine, even if others hold a handle to it: its reactors become zombies, and release
-  /// it and the inputs. Nothing is withdrawn. Afterwards all attributes but the VRF's name read as
-  /// empty, a setter raises Kiv::Exception, and a handler that needs the root raises "null
-  /// ValidPtr". Called by the root that drops the machine, and when its last handle is dropped.
+  /// Ends the machine, even if there are further handles to it. Its reactors become zombies, and
+  /// release the machine and the inputs. No route is withdrawn. Afterwards all attributes but the
+  /// name of the VRF are empty, a setter raises Kiv::Exception, and a handler that needs the root
+  /// raises "null ValidPtr". The root calls this when it drops the machine; it is also called when
+  /// the last handle is dropped.
   void retire();
 
   /// The VRF's name.
@@ -234,8 +237,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Moves all reactors to another activity.
   void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activityConfig);
 
-  /// The shared-memory route table: FIB routes shorter than a host prefix are read from it, the
-  /// merged host routes are written into it.
+  /// The shared-memory route table. The machine reads the FIB routes from it that are shorter than
+  /// host prefixes, and writes the merged host routes into it.
   KIV_POINTER_VIEW(258, routeStatus, RouteStatus, Tovan::Fib6::RouteStatus)
   void routeStatusIs(const Kiv::Ptr<Tovan::Fib6::RouteStatus>& routeStatus);
 
@@ -246,7 +249,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
     return HostCore::watchedBy(fwdStatus());
   }
 
-  /// The daemon's FIB host routes; only read.
+  /// The FIB's host routes, which the daemon provides. The machine only reads them.
   KIV_POINTER_VIEW(260, hostStatus, HostStatus, const Status)
   void hostStatusIs(const Kiv::Ptr<const Status>& hostStatus);
 
@@ -263,8 +266,8 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   KIV_SINGLETON(263, ipv6SeqInfo, Ipv6SeqInfo, KivIpv6SeqInfo)
   Kiv::Ptr<KivIpv6SeqInfo> newIpv6SeqInfo(const Rovel::SeqInfo::Ptr& ipv6SeqInfo);
 
-  /// Keeper of the host adjacencies of the root's tables and the FIB adjacencies of the route
-  /// table.
+  /// Assigns the host adjacencies of the root's tables and the FIB adjacencies of the route table,
+  /// and counts their references.
   KIV_POINTER_VIEW(269, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
   void adjHelperIs(const Kiv::Ptr<Rovel::Adjacency6Helper>& adjHelper);
 
@@ -274,7 +277,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// The interfaces that are in this VRF.
   KIV_COLLECTION_VIEW(273, vrfIpIntfStatus, VrfIpIntfStatus, Zemit::IntfId,
                       Ip6::IntfStatus::PtrConst)
-  /// Admits an interface: its receive routes are followed from now on.
+  /// Admits an interface: the machine maintains its receive routes from now on.
   /// \throws Kiv::RangeException when it is null.
   void vrfIpIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
   /// Removes an interface with its receive routes.
@@ -284,10 +287,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// A reactor for each interface of any VRF.
   KIV_DEFERRED_COLLECTION_VIEW(275, ipIntfStatusFilter, IpIntfStatusFilter, Zemit::IntfId,
                                Kiv::Ptr<KivIpIntfStatusFilter>)
-  /// Makes the interface's reactor, or points it at `ipIntfStatus`.
+  /// Makes the interface's reactor if it is missing, and binds it to `ipIntfStatus`.
   /// \throws Kiv::RangeException when it is null.
   void ipIntfStatusFilterIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
-  /// The same with a new reactor in place of one that is there. Returns it.
+  /// The same, but replaces an existing reactor by a new one. Returns the reactor.
   Kiv::Ptr<KivIpIntfStatusFilter> newIpIntfStatusFilter(
       const Ip6::IntfStatus::PtrConst& ipIntfStatus);
   void ipIntfStatusFilterDel(Zemit::IntfId intfId);
@@ -295,10 +298,10 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// A reactor for each interface of this VRF.
   KIV_COLLECTION(276, ipIntfStatus, IpIntfStatus, Zemit::IntfId, Kiv::Ptr<KivIpIntfStatus>)
-  /// Makes the interface's reactor, or points it at `ipIntfStatus`.
+  /// Makes the interface's reactor if it is missing, and binds it to `ipIntfStatus`.
   /// \throws Kiv::RangeException when it is null.
   void ipIntfStatusIs(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
-  /// The same with a new reactor in place of one that is there. Returns it.
+  /// The same, but replaces an existing reactor by a new one. Returns the reactor.
   Kiv::Ptr<KivIpIntfStatus> newIpIntfStatus(const Ip6::IntfStatus::PtrConst& ipIntfStatus);
 
   KIV_SINGLETON(281, neighborDirByIntfName, NeighborDirByIntfName, KivNeighborDirByIntfName)
@@ -313,13 +316,13 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// A reactor for each neighbour table.
   KIV_DEFERRED_COLLECTION_VIEW(282, arpIntfStatus, ArpIntfStatus, Kiv::Name,
                                Kiv::Ptr<KivArpIntfStatus>)
-  /// Makes the table's reactor, or points it at `arpIntfStatus`; entries that only the former table
-  /// had are handled as deleted.
+  /// Makes the table's reactor if it is missing, and binds it to `arpIntfStatus`. Entries that only
+  /// the former table had are handled as deleted.
   /// \throws Kiv::RangeException when it is null.
   void arpIntfStatusIs(const ArpTable& arpIntfStatus);
-  /// The same with a new reactor in place of one that is there. Returns it.
+  /// The same, but replaces an existing reactor by a new one. Returns the reactor.
   Kiv::Ptr<KivArpIntfStatus> newArpIntfStatus(const ArpTable& arpIntfStatus);
-  /// Removes the table's reactor, and the host routes that hang off the table.
+  /// Removes the table's reactor, and withdraws the host routes of the table's entries.
   void arpIntfStatusDel(const Kiv::Name& name);
   KIV_FURTHER_DELETIONS(arpIntfStatus, ArpIntfStatus)
 
@@ -341,34 +344,35 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
 
   /// Set by the daemon when the inputs are complete.
   KIV_SCALAR(295, initialized, Initialized, bool)
-  /// On a change, in either direction, runs the catch-up pass.
+  /// If the value changes, also to false, calls handleInitialized().
   void initializedIs(bool initialized);
 
-  /// The catch-up pass: all FIB routes, all neighbours, the deferred merge, readiness.
+  /// Handles all FIB routes, all neighbours, the merge that was deferred, and readiness.
   void handleInitialized();
 
-  /// Follows one prefix of the route table; host prefixes there are this system's own and ignored.
+  /// Handles a change of one prefix of the route table. Ignores host prefixes, which the machine
+  /// writes itself.
   void handleStatusRoute(const Zemit::Ip6Prefix& prefix);
   void handleStatusRoute();
-  /// Follows one host prefix of the host-route status.
+  /// Handles a change of one host prefix of the host-route status.
   void handleHostStatusRoute(const Zemit::Ip6Prefix& prefix);
   void handleHostStatusRoute();
-  /// Follows a FIB route that appeared, changed, or (when its key is not `prefix`) went.
+  /// Handles a FIB route that was added or changed; or removed, if its key is not `prefix`.
   void handleRoute(const Zemit::Ip6Prefix& prefix, const Tovan::Fib6::Route& fibRoute);
-  /// Finds new cover for the neighbours of a FIB route that went.
+  /// Finds the covering route anew for the neighbours of a FIB route that was removed.
   void handleDeletedRoute(const Tovan::Fib6::Route& oldFibRoute);
 
-  /// Moves the neighbours concerned by a FIB route under the FEC it has now.
+  /// Files the neighbours that a FIB route covers under the route's present FEC.
   void handleAdjacency(const Tovan::Fib6::Route& fibRoute);
-  /// Withdraws the host routes derived through a prefix; returns their addresses.
+  /// Withdraws the host routes that were derived from a FIB route. Returns their addresses.
   Obu::Ip6AddrSet::Ptr handleDeletedAdjacency(const Zemit::Ip6Prefix& oldPrefix);
-  /// Processes again the routes filed under a FEC that changed.
+  /// Handles the FIB routes of a FEC again, after the FEC has changed.
   void handleFec(const Tovan::Fib::FecId& fecId);
   void handleFec();
 
-  /// Stops following an interface that left the VRF or went.
+  /// Removes the receive routes of an interface that left the VRF or was removed.
   void handleIpIntfStatus(Zemit::IntfId intfId);
-  /// Never to be called.
+  /// Must never be called.
   void handleIpIntfStatus();
 
   void handleArpEntries();
@@ -379,7 +383,7 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// True when no receive route is written.
   bool hasNoReceiveRoutes() const;
 
-  /// The FIB route with exactly this prefix, or a record whose key is the null prefix.
+  /// The FIB route with exactly this prefix, or a route whose key is the null prefix.
   Tovan::Fib6::Route doFibLookup(const Zemit::Ip6Prefix& pfx) const;
   /// The longest FIB prefix that covers `ipAddr`, if it leaves through the table's interface; else
   /// the null prefix.
@@ -391,13 +395,14 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   void fixupArpRoute(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute) {
     fixupArpRouteOver(ipAddr, fibRoute, Obu::readFec(forwardingStatus(), fibRoute.fecId));
   }
-  /// The same with the route's FEC, which has just been read.
+  /// The same for a caller that has already read the route's FEC.
   void fixupArpRouteOver(const Zemit::Ip6Addr& ipAddr, const Tovan::Fib6::Route& fibRoute,
                          const Tovan::Fib6::Fec& fec);
-  /// Files under a FIB route every neighbour inside it on `intfs`; returns their addresses.
+  /// Files every neighbour on `intfs` that a FIB route covers under this route. Returns their
+  /// addresses.
   Obu::Ip6AddrSet::Ptr promoteArpEntries(const Obu::IntfDir::Ptr& intfs,
                                          const Tovan::Fib6::Route& fibRoute);
-  /// Settles, for each address, which host route wins, and writes it into the route table.
+  /// Selects the best host route of each address, and writes it into the route table.
   void doMerge(const Obu::Ip6AddrSet::PtrConst& changedIps);
   /// The same for one address.
   void doMerge(const Zemit::Ip6Addr& changedIp);
@@ -407,9 +412,9 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   bool handleVirtualIp6Status(const Routing::Fhrp::VrfIpPair& vrfIpPair);
   void handleVirtualIp6Status();
 
-  /// Reports the machine's own kind of routes ready, once verification has started.
+  /// Reports that the machine's host routes are ready, once verification has started.
   void setHostRouteRibReady();
-  /// Merges the host prefixes of the FIB that are not BGP's, once the RIB is ready.
+  /// Merges the FIB's host routes that are not of BGP, once the RIB is ready.
   void handleRibReady();
 
   bool hasNotificationActive() const noexcept { return hasNotificationActive_; }
@@ -418,19 +423,19 @@ class KIV_EXPORT RouteSm final : public Kiv::Entity {
   /// Puts every reactor into or out of the state in which nothing is delivered.
   void kivDoZombieReactors(bool zombie);
 
-  /// Its counts, its history and its tracing. They decide nothing about a table.
+  /// The counts, the history and the trace levels of the machine. No table depends on them.
   Account& account() const noexcept { return account_; }
   /// The state of the short cuts; see hostcore/fast/.
   FastState& fast() const noexcept { return *fast_; }
 
-  /// Something may have happened without the machine's knowledge, such as a notification that was
-  /// kept from its handler: it takes no short cut from now on.
+  /// Says that the machine may have missed a change, for instance because a notification was kept
+  /// from its handler. The machine takes no short cut from now on.
   void missed();
-  /// Makes the reactors of interfaces and neighbour tables that are missing because no event
-  /// concerns them; see hostcore/fast/Reactors.h.
+  /// Makes the reactors of interfaces and neighbour tables that were not made yet, because no event
+  /// concerned them; see hostcore/fast/Reactors.h.
   void needsReactors();
 
-  /// Traces the exception with which a reactor's callback has just ended.
+  /// Counts and traces the exception that a reactor's callback has just raised.
   void reportException(const Kiv::Notifiee& reactor, Kiv::AttributeId id) noexcept;
 
  private:

@@ -124,7 +124,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   /// The prefixes of the tracked FIB routes. It belongs to the daemon; only the machine writes it.
   KIV_POINTER(261, trie, Trie, Routing6::Trie)
 
-  /// Keeper of the adjacency references.
+  /// Counts the references on adjacencies.
   KIV_POINTER(262, adjHelper, AdjHelper, Rovel::Adjacency6Helper)
 
   /// The data of each tracked prefix, side by side: the next three collections.
@@ -141,11 +141,11 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_LAZY_COLLECTION_ON(263, neighRoute, NeighRoute, Zemit::Ip6Prefix, Obu::Ip6AddrSet,
                          Tracked::Column<Obu::Ip6AddrSet::Ptr>)
 
-  /// The last FIB route seen for each tracked prefix.
+  /// The last known FIB route of each tracked prefix.
   TOVAN_ROUTE_COLLECTION_ON(264, prefixToRoute, PrefixToRoute, Tovan::Fib6::Route,
                             Tracked::Column<Tovan::RouteRecord<Tovan::Fib6::Route>>)
 
-  /// The FEC through which each tracked prefix was last seen to resolve.
+  /// The last known FEC of each tracked prefix.
   KIV_COLLECTION_ON(265, prefixToAdjacency, PrefixToAdjacency, Zemit::Ip6Prefix, Tovan::Fib::FecId,
                     Tracked::Column<Tovan::Fib::FecId>)
   void prefixToAdjacencyIs(const Zemit::Ip6Prefix& prefix, Tovan::Fib::FecId fecId) {
@@ -193,10 +193,10 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
 
   /// The VRF's state machine.
   KIV_SINGLETON_VIEW(271, routeSm, RouteSm, RouteSm)
-  /// Ends the machine, even if others hold a handle to it; see RouteSm::retire().
+  /// Ends the machine, even if there are further handles to it; see RouteSm::retire().
   void routeSmDel();
   /// Makes the state machine over these inputs, each of which may be null and must outlive it; see
-  /// the constructor of RouteSm. Returns it. Any former machine goes first, also when this fails.
+  /// the constructor of RouteSm. Returns it. Ends a former machine first, even if this fails.
   Kiv::Ptr<RouteSm> newRouteSm(const Kiv::ActivityConfig::Ptr& activityConfig,
                                const Tovan::Fib6::RouteStatus::Ptr& routeStatus,
                                const Tovan::Fib6::ForwardingStatus::Ptr& fwdStatus,
@@ -227,7 +227,7 @@ class KIV_EXPORT RouteSmRoot final : public Kiv::NamedEntity {
   KIV_SCALAR(272, initialized, Initialized, bool)
   void initializedIs(bool initialized) { initialized_.set(*this, initialized); }
 
-  /// Makes the tables. Run by the constructor.
+  /// Makes the tables. Called by the constructor.
   void handleInitialized();
 };
 

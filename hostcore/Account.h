@@ -1,4 +1,4 @@
-// What a state machine records for its operators: counts, a history, its own trace levels.
+// The records of a state machine for its operators: counts, a history, its own trace levels.
 #pragma once
 
 #include <array>
@@ -30,7 +30,7 @@ enum class CauseKind : uint8_t {
   Address,          ///< an address of an interface changed
   Interface,        ///< an interface joined or left the VRF
   VirtualIp,        ///< a virtual address of a first-hop redundancy group changed
-  Initialization,   ///< the VRF's inputs are complete, or no longer
+  Initialization,   ///< the VRF was initialized, or is not initialized any more
   RibReady,         ///< the RIB is ready, or readiness is to be verified
   Settling,         ///< a neighbour was announced again after a change of a route or a FEC
 };
@@ -46,7 +46,7 @@ enum class Lack : uint8_t {
   Record,       ///< the covering prefix has no route any more
   Fec,          ///< the covering route has no FEC
   Interface,    ///< the FEC does not leave through the neighbour's interface
-  DirectVia,    ///< the FEC leaves through it to a gateway only
+  DirectVia,    ///< the FEC has only vias with a gateway on that interface
   Skipped,      ///< the interface is a management port
 };
 inline constexpr size_t kLacks = 10;
@@ -71,7 +71,7 @@ struct Counts {
   std::array<Count, kCauseKinds> events{};  ///< by CauseKind
   std::array<Count, kLacks> refused{};      ///< by Lack: neighbours that were looked up
   Count repairs = 0;                        ///< neighbours that were filed under a FIB route
-  Count merges = 0;                         ///< addresses whose winner was settled
+  Count merges = 0;                         ///< addresses that were merged
   Count exceptions = 0;                     ///< callbacks that ended with an exception
   /// The host routes that the machine has in the route table now, by type.
   std::array<Count, 32> hostRoutes{};
@@ -158,8 +158,8 @@ struct Account {
 
   /// The trace levels of this machine, in addition to those that are on for all.
   struct Tracing {
-    uint32_t levels = 0;       ///< a bit for each
-    uint32_t now = 0;          ///< the same, for the address that is being handled
+    uint32_t levels = 0;       ///< as bits
+    uint32_t now = 0;          ///< the levels for the address that is being handled, as bits
     bool isOff = false;        ///< the only traced address is of the other family
     std::optional<Addr> only;  ///< the only address that is traced
   };

@@ -33,7 +33,7 @@ concept FamilyTypes = requires {
   typename F::RouteSm;
   typename F::RouteSm::Inputs;
   typename F::RouteSmRoot;
-  typename F::Intfs;           // the interfaces with the family enabled
+  typename F::Intfs;              // the interfaces with the family enabled
   typename F::IntfsAttribute;     // the attribute that has them
   typename F::NeighborAttribute;  // the attribute of Arp::ArpIntfStatus that has the neighbours
 };

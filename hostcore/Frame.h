@@ -20,8 +20,9 @@ namespace HostCore {
 
 /// A reactor that hands the changes of one `Notifier` to a per-VRF state machine.
 ///
-/// The machine owns the reactor. The reactor's pointer to the machine is null before the machine is
-/// complete, after its teardown has begun, and after it removed or replaced the reactor.
+/// The machine owns the reactor. The reactor's pointer to the machine is null until the machine is
+/// complete, from the start of its teardown on, and when the machine has removed or replaced the
+/// reactor.
 template <class Notifier, class Machine>
 class MachineReactor : public Notifier::NotifieeConst {
  public:
@@ -50,11 +51,11 @@ class MachineReactor : public Notifier::NotifieeConst {
   }
 
  protected:
-  /// True when a callback may run its handler.
+  /// True when a callback may call its handler.
   bool mayAct() const noexcept {
     return this->isLive() && routeSm_ != nullptr && this->notifierRaw() != nullptr;
   }
-  /// The same for the notification of `Attribute`, which a reflective observer is offered first.
+  /// The same for a notification of `Attribute`. A reflective observer may consume it before.
   template <class Attribute>
   bool mayActOn(const void* value) {
     if (!this->kivOnAttribute(Attribute::kInfo.id, value)) return mayAct();
@@ -66,13 +67,14 @@ class MachineReactor : public Notifier::NotifieeConst {
   Machine* routeSm_ = nullptr;
 };
 
-/// A reactor on an input that the machine's short cuts watch as well.
+/// A reactor on an input that the machine's short cuts also watch.
 template <class Notifier, class Machine>
 class InputReactor : public MachineReactor<Notifier, Machine> {
  public:
   using MachineReactor<Notifier, Machine>::MachineReactor;
 
-  /// Watches another input. The machine's short cuts know the former one.
+  /// Watches another input. The short cuts still watch the former one, so they are no longer
+  /// trusted.
   void notifierIs(const Kiv::Ptr<const Notifier>& notifier) {
     if (this->routeSm() != nullptr && notifier.get() != this->notifierRaw()) {
       this->routeSm()->missed();
@@ -107,7 +109,7 @@ class FwdStatusReactor : public InputReactor<ForwardingStatus, Machine> {
   Tovan::Fib::FecId fecId_ = Tovan::Fib::invalidFecId;
 };
 
-/// Watches the daemon's readiness record, and keeps it writable for the answers.
+/// Watches the daemon's readiness record, and keeps a writable handle to it for the answers.
 template <class Machine>
 class RibReadyReactor : public MachineReactor<RovelReady::VrfStatus, Machine> {
  public:
@@ -142,8 +144,8 @@ class RibReadyReactor : public MachineReactor<RovelReady::VrfStatus, Machine> {
   RovelReady::VrfStatus::Ptr status_;
 };
 
-/// A reactor on the directory of tables or interfaces. The machine may lack reactors of some of
-/// these only while it would hear of each one that is added or removed.
+/// A reactor on the directory of tables or interfaces. The machine may omit the reactors of some
+/// tables and interfaces only while it is notified of each one that is added or removed.
 template <class Notifier, class Machine>
 class DirectoryReactor : public MachineReactor<Notifier, Machine> {
  public:
@@ -177,7 +179,7 @@ class DirectoryReactor : public MachineReactor<Notifier, Machine> {
   }
 };
 
-/// Watches neighbour tables come and go.
+/// Watches which neighbour tables exist.
 template <class NeighborDir, class Machine>
 class NeighborDirReactor : public DirectoryReactor<NeighborDir, Machine> {
  public:
@@ -194,7 +196,7 @@ class NeighborDirReactor : public DirectoryReactor<NeighborDir, Machine> {
   }
   void onArpIntfStatuskivImmediate() override {
     if (!this->mayAct()) return;
-    const Kiv::Ptr<const Kiv::Object> alive(this);  // a callback may take the machine's handle
+    const Kiv::Ptr<const Kiv::Object> alive(this);  // a callback may drop the machine's handle
     // In the order of their names: the ids of new adjacencies depend on the order.
     for (const auto& name : sorted(this->notifierRaw()->arpIntfStatusKeys())) onArpIntfStatus(name);
     if (!this->mayAct()) return;
@@ -208,10 +210,11 @@ class NeighborDirReactor : public DirectoryReactor<NeighborDir, Machine> {
   }
 };
 
-/// Follows one interface, of any VRF, and admits it to the machine while it is in its VRF.
+/// Follows one interface of any VRF. The machine follows the interface while it is in the machine's
+/// VRF.
 ///
 /// \tparam IntfStatus  the family's status of an interface.
-/// \tparam Filter      the reactor that derives from this: its handleVrf() is called.
+/// \tparam Filter      the class that derives from this one. Its handleVrf() is called.
 template <class IntfStatus, class Machine, class Filter>
 class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
  public:
@@ -236,7 +239,7 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
     }
 
    private:
-    IntfFilterReactor* filter_;  // not yet a Filter when this is made
+    IntfFilterReactor* filter_;  // no Filter*, because the Filter is not yet constructed
   };
 
   explicit IntfFilterReactor(const Kiv::ActivityConfig::Ptr& activity)
@@ -245,12 +248,12 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
 
   const Kiv::Ptr<KivL3Status>& l3Status() const noexcept { return l3Status_; }
 
-  // The filter hands each call on to the reactor that it owns.
+  // The filter passes each call on to the reactor that it owns.
   void notifierIs(const typename IntfStatus::PtrConst& status) {
     if (status.get() == this->notifierRaw()) return;
     Base::notifierIs(status);
-    // Left first: a new status of the interface is admitted anew, whether or not it comes with
-    // another layer-3 status.
+    // First null, so that the reactor catches up again even if the new status of the interface has
+    // the same layer-3 status.
     l3Status_->notifierIs(nullptr);
     if (status) l3Status_->notifierIs(status->l3Status());
   }
@@ -296,9 +299,9 @@ class IntfFilterReactor : public MachineReactor<IntfStatus, Machine> {
   Kiv::Ptr<KivL3Status> l3Status_;
 };
 
-/// Makes a reactor of `sm` on `input` in `slot`, in place of any other; a null input leaves none
-/// there. It reaches the machine before it catches up with the input, but not while the machine
-/// still stores its inputs.
+/// Replaces the reactor in `slot` by a new one on `input`; a null input removes it. The new reactor
+/// gets its pointer to `sm` before it catches up with the input. It gets none while `sm` still
+/// stores its inputs.
 template <class Slot, class Machine, class Input>
 void bindNew(Slot& slot, Machine& sm, bool inputsStored, const Input& input) {
   if (!input) {
@@ -309,7 +312,7 @@ void bindNew(Slot& slot, Machine& sm, bool inputsStored, const Input& input) {
   reactor->hasNotificationActiveIs(sm.hasNotificationActive());
   if (inputsStored) reactor->routeSmIs(&sm);
   slot.set(sm, reactor);
-  // A callback may have put another in its place.
+  // A callback may have replaced it.
   if (slot.get() == reactor) reactor->notifierIs(input);
 }
 
@@ -319,7 +322,7 @@ auto* watchedBy(const Kiv::Ptr<Reactor>& reactor) {
   return reactor ? reactor->notifierRaw() : nullptr;
 }
 
-/// Makes a reactor of `key`, not yet bound, in place of one that may be there. Returns it.
+/// Makes the reactor of `key`, in place of an existing one, and returns it. It is not yet bound.
 template <class Collection, class Machine, class Key>
 auto newMember(Collection& collection, Machine& sm, const Key& key) {
   const auto reactor = Kiv::make<typename Collection::Map::Value::Element>(sm.kivFwkActivity());
@@ -328,8 +331,8 @@ auto newMember(Collection& collection, Machine& sm, const Key& key) {
   return reactor;
 }
 
-/// Replaces the reactor of `key`, if there is one, by a new one that is not yet bound. The former
-/// one releases the machine and its input. Returns that input, or null.
+/// Replaces the reactor of `key`, if there is one, by a new reactor that is not yet bound. The
+/// former reactor releases the machine and its input. Returns that input, or null.
 template <class Collection, class Machine, class Key>
 auto renewMember(Collection& collection, Machine& sm, const Key& key) {
   const auto former = collection.get(key);
@@ -342,10 +345,10 @@ auto renewMember(Collection& collection, Machine& sm, const Key& key) {
   return input;
 }
 
-/// Points the reactor of `key` at `input`, made first if it is not there. Returns the reactor's
+/// Makes the reactor of `key` if it is missing, and binds it to `input`. Returns the reactor's
 /// former input, or null.
 ///
-/// \param place  is called with the reactor before it is registered with `input`.
+/// \param place  is called with the reactor before it registers with `input`.
 template <class Collection, class Machine, class Key, class Input, class Place>
 Input bindMember(Collection& collection, Machine& sm, const Key& key, const Input& input,
                  Place place) {
@@ -361,7 +364,7 @@ Input bindMember(Collection& collection, Machine& sm, const Key& key, const Inpu
   return former;
 }
 
-/// Traces the exception with which a reactor's callback has just ended, and counts it as a failure.
+/// Counts and traces the exception that a reactor's callback has just raised.
 template <class Machine>
 void reportException(Kiv::TraceFacility& facility, const Machine& sm, const Kiv::Notifiee& reactor,
                      Kiv::AttributeId id) noexcept {

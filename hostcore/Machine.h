@@ -1,4 +1,4 @@
-// The life of a state machine: its inputs and reactors, from the start to the end.
+// The life cycle of a state machine: how it gets, replaces and releases its inputs and reactors.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@
 
 namespace HostCore {
 
-/// The operations of both families' machines on their inputs, reactors and state. The entity, with
-/// all of its attributes, is declared in full in each half.
+/// The operations of a machine on its inputs, reactors and state, for both families. The entity
+/// itself, with all attributes, is declared in host/RouteSm.h and host6/RouteSm.h.
 template <class F>
 class Machine {
  public:
@@ -26,13 +26,13 @@ class Machine {
     try {
       bind(inputs);
     } catch (...) {
-      // There will be no machine for which the reactors act.
+      // The machine will not exist, so its reactors must not refer to it.
       Reactors<F>(sm_).end();
       forEachReactor([](auto& reactor) { reactor.routeSmIs(nullptr); });
       throw;
     }
   }
-  /// True when the machine works on exactly these inputs.
+  /// True when the machine has exactly these inputs.
   bool isOver(const typename RouteSm::Inputs& inputs) const;
   /// See RouteSm::retire().
   void retire();
@@ -43,7 +43,7 @@ class Machine {
                          " has ended");
   }
 
-  /// Calls `visit` with every reactor the machine has, in the order of teardown.
+  /// Calls `visit` with every reactor of the machine, in the order of teardown.
   template <class Visit>
   void forEachReactor(Visit visit);
   void kivFwkActivityIs(const Kiv::ActivityConfig::Ptr& activity);
@@ -54,15 +54,15 @@ class Machine {
     Trust<F>(sm_).handlerFailed();
   }
 
-  /// Sets an input that the machine only refers to.
+  /// Sets an input that has no reactor.
   template <class Attribute, class Input>
   void inputIs(Attribute& attribute, const Input& input) {
     requireNotEnded();
-    // The missing reactors need the former input.
+    // Missing reactors are made while the former input is still set.
     if (attribute.raw() != input.get()) Reactors<F>(sm_).makeAll();
     Trust<F>(sm_).inputSet(attribute.set(sm_, input));
   }
-  /// Makes a reactor of `slot` on an input; a null one leaves no reactor there. Returns it.
+  /// Makes a reactor on `input` in `slot`, and returns it. A null input removes the reactor.
   template <class Slot, class Input>
   auto newReactor(Slot& slot, const Input& input) {
     requireNotEnded();
@@ -70,7 +70,7 @@ class Machine {
     return slot.get();
   }
 
-  /// Points the reactor of an interface at its status, made first if it is not there.
+  /// Makes the reactor of an interface if it is missing, and binds it to `status`.
   template <class Status>
   void ipIntfStatusIs(const Status& status) {
     requireNotEnded();
@@ -86,7 +86,7 @@ class Machine {
     bindMember(sm_.ipIntfStatusFilter_, sm_, status->intfId(), status,
                [&](auto& filter) { reactors.place(filter, status); });
   }
-  /// The same with a new reactor in place of one that is there. Returns it.
+  /// The same, but replaces an existing reactor by a new one. Returns the reactor.
   template <class Status>
   auto newIpIntfStatus(const Status& status) {
     if (status) renewMember(sm_.ipIntfStatus_, sm_, status->intfId());
@@ -137,7 +137,7 @@ void Machine<F>::bind(const typename RouteSm::Inputs& inputs) {
   newReactor(F::virtualIpSlot(sm_), inputs.virtualIps);
   sm_.vrfName_.setQuietly(inputs.vrfName);
   sm_.initialized_.setQuietly(false);
-  // From here on the reactors reach the machine, whose inputs are all stored.
+  // All inputs are stored, so the reactors may now call the machine.
   sm_.inputsStored_ = true;
   forEachReactor([this](auto& reactor) { reactor.routeSmIs(&sm_); });
 
@@ -184,8 +184,8 @@ void Machine<F>::retire() {
   sm_.hostStatus_.setQuietly(nullptr);
   sm_.adjHelper_.setQuietly(nullptr);
   sm_.root_.setQuietly(nullptr);
-  // Without the collections' hooks: nothing is withdrawn at teardown. The reactors release the
-  // inputs here, which may call code of others.
+  // Without the machine's own deletions, because teardown withdraws no route. The reactors release
+  // the inputs here, which may call foreign code.
   sm_.arpIntfStatus_.dropAll();
   sm_.ipIntfStatusFilter_.dropAll();
   sm_.vrfIpIntfStatus_.dropAll();

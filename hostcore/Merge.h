@@ -1,4 +1,4 @@
-// Repairing the host routes of neighbours, and settling which host route wins.
+// Repairs the host routes of neighbours, and selects the best host route of each address.
 #pragma once
 
 #include <algorithm>
@@ -45,7 +45,7 @@ class Merge {
 
   /// The route that wins, whether or not the route table may take it; see givesWay().
   Winner winner(const Addr& ip) const;
-  /// Calls `visit` with each via of the FEC through which `ip` is a neighbour.
+  /// Calls `visit` with each direct via of the FEC on whose interface `ip` is a neighbour.
   template <class Visit>
   void forEachNeighborVia(const Addr& ip, const Fec& fec, Visit visit) const;
   /// True when a via of the FEC leads to a gateway on an interface on which `ip` is a neighbour.
@@ -97,9 +97,8 @@ typename F::AddrSet::Ptr Merge<F>::promoteArpEntries(const Obu::IntfDir::Ptr& in
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return result;
   }
-  // Entries outside the route are looked up only if that would write a trace.
-  const auto& trace = F::trace();
-  const bool lookUpAll = trace.builds(1, sm_) || trace.builds(7, sm_) || trace.builds(8, sm_);
+  // Entries outside the route are looked up only if that may write a trace.
+  const bool lookUpAll = F::trace().builds(0, sm_) || F::trace().buildsAbove(0, sm_);
   for (const Zemit::IntfId intf : *Kiv::validPtr(intfs)) {
     const Kiv::Ptr<const Arp::ArpIntfStatus> table(sm_.neighborTable(intf));
     if (!table || skipInterface(*table)) {

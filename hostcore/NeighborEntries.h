@@ -48,7 +48,8 @@ class NeighborEntries {
   void handleDeletedArpEntry(const Addr& addr, const Shown& shown, const ArpTable& table);
   /// Handles the remaining neighbours of a deleted table as lost.
   void handleDeletedArpIntfStatus(const ArpTable& table);
-  /// The reactor of a table was pointed at another one: neighbours that only `former` has are lost.
+  /// The reactor of table `former` was bound to another table: handles the neighbours that only
+  /// `former` has as lost.
   void handleReplacedArpIntfStatus(const Arp::ArpIntfStatus& former, const ArpTable& table);
 
  private:
@@ -140,7 +141,7 @@ void NeighborEntries<F>::handleArpEntries() {
     KIV_TRACE(F::trace(), 8, sm_, "Not yet initialized");
     return;
   }
-  // Without the short cut, in sm_.arpIntfStatusKeys().
+  // Without the short cut, this would be sm_.arpIntfStatusKeys().
   for (const Kiv::Name& name : ShortCuts<F>(sm_).relevantTables()) {
     if (const auto* reactor = F::tableReactors(sm_).stored(name)) (*reactor)->handleArpEntry();
   }

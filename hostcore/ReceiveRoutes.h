@@ -9,10 +9,9 @@ namespace HostCore {
 /// Writes one receive route and makes the interface its owner, even if another interface owned the
 /// address. Then releases the host adjacency of the replaced route.
 ///
-/// \param adjacency  the id of a host adjacency of the receive table, with a reference for the
-/// route;
-///                   or invalidFecId.
-/// \param changed    gains the address.
+/// \param adjacency  a host adjacency of the receive table, with a reference for the route; or
+///                   invalidFecId.
+/// \param changed    gets the address added.
 template <Family F>
 void writeReceiveRoute(const typename F::Addr& ip, Tovan::Fib::FecId adjacency,
                        typename F::RouteType routeType, const Kiv::String8& intfName,
@@ -43,8 +42,8 @@ void eraseReceiveRoute(const typename F::Addr& ip, typename F::RouteSmRoot& root
   root.receiveAddrToIntfNameDel(ip);
 }
 
-/// Removes the receive routes of an interface that is no longer followed in this VRF. The machine
-/// does not have it, or the IP status does not have it, or has it under another name.
+/// Removes the receive routes of an interface that is no longer followed in this VRF: the machine
+/// or the IP status does not have the interface, or they have it under different names.
 template <Family F>
 void handleIpIntfStatus(typename F::RouteSm& sm, Zemit::IntfId intfId) {
   const auto& followed = sm.vrfIpIntfStatus(intfId);

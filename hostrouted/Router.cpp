@@ -252,7 +252,7 @@ void Router::tendTables() {
   switch_.setIncomplete(isIncomplete_);
 }
 
-/// Adds what the shared tables lost or refused.
+/// Sets the entries again that the shared tables lost or refused.
 void Router::completeTables() {
   isIncomplete_ = false;
   feed_.snapshot([this](const Daemon::Operation& operation) { operate(operation); });
@@ -316,7 +316,7 @@ void Router::endTurn() {
   }
 }
 
-/// Returns free memory to the system whenever half of many routes have gone.
+/// Returns free memory to the system whenever half of many routes were removed.
 void Router::trimHeap() {
   constexpr size_t kManyRoutes = 4096;
   const size_t routes = routes_.installedCount();

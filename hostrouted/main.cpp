@@ -28,22 +28,22 @@ constexpr int kMisused = 2;
 constexpr int kInUse = 3;
 
 constexpr const char* kDescription =
-    R"(Keeps a host route in a kernel table for every host that this router has as a neighbour and
-that belongs where it was seen, so that a routing daemon can advertise it.)";
+    R"(Keeps a host route in a kernel table for every host that is directly attached to this router,
+so that a routing daemon can advertise it.)";
 
 constexpr const char* kFooter =
-    R"(Options override the configuration file. Without --config, /etc/hostroute/hostrouted.toml is read if
-it is there. SIGHUP has the file read again; SIGTERM ends the daemon, and the routes stay unless
-on-exit = "flush" is set.
+    R"(Options override the configuration file. Without --config, /etc/hostroute/hostrouted.toml is
+read if it exists. On SIGHUP the daemon reads the file again. SIGTERM ends the daemon; the routes
+stay unless on-exit = "flush" is set.
 
 Examples:
-  hostrouted --interfaces br0                        try it: the hosts on br0, into table 10
+  hostrouted --interfaces br0                        the hosts on br0, in table 10
   hostrouted --interfaces 'swp*' --dry-run           print the routes that it would write
-  hostrouted --check-config                          is the file all right?
-  ip route show table 10                             what it wrote
+  hostrouted --check-config                          check the configuration file
+  ip route show table 10                             the routes that it wrote
 
-Exit status: 0 ended by a signal; 1 it cannot go on; 2 the command line or the configuration is
-wrong; 3 another hostrouted writes to one of the tables, or uses the directories.)";
+Exit status: 0 ended by a signal; 1 a fatal error; 2 the command line or the configuration is wrong;
+3 another hostrouted writes to one of the tables, or uses the directories.)";
 
 struct Arguments {
   std::string file;
@@ -97,7 +97,7 @@ void addOptions(CLI::App& app, Arguments& arguments) {
       ->type_name("FILE");
   app.add_option(
          "--interfaces", arguments.interfaces,
-         "Whose neighbours count: names and patterns, such as a,b,swp*; !PATTERN takes away")
+         "The interfaces of the hosts: names and patterns, such as a,b,swp*; !PATTERN excludes")
       ->type_name("LIST");
   app.add_option("--table", arguments.table4, "The kernel table of IPv4 host routes; 0 for none")
       ->type_name("N");
@@ -106,8 +106,10 @@ void addOptions(CLI::App& app, Arguments& arguments) {
   app.add_option("--protocol", arguments.protocol, "The protocol number of the routes")
       ->type_name("N")
       ->check(CLI::Range(uint32_t{Config::kFirstProtocol}, 255U));
-  app.add_option("--run-dir", arguments.runDir, "Where the status file is")->type_name("DIR");
-  app.add_option("--state-dir", arguments.stateDir, "Where the list of advertised routes is")
+  app.add_option("--run-dir", arguments.runDir, "The directory of the status file")
+      ->type_name("DIR");
+  app.add_option("--state-dir", arguments.stateDir,
+                 "The directory of the list of advertised routes")
       ->type_name("DIR");
   app.add_option("--shared-tables", arguments.sharedName,
                  "Keep the engine's tables in shared memory, for `hostroute routes --table NAME`")
@@ -120,14 +122,13 @@ void addOptions(CLI::App& app, Arguments& arguments) {
                                                   "info and debug";
       });
   app.add_option("--record", arguments.recordFile,
-                 "Record what the engine is told, for `hostroute replay --settle FILE`")
+                 "Record the inputs of the engine, for `hostroute replay --settle FILE`")
       ->type_name("FILE");
   app.add_flag("--foreground", arguments.foreground,
-               "Stay in the foreground; it always does, and systemd expects that");
-  app.add_flag("--check-config", arguments.checksOnly,
-               "Only say whether the configuration is right");
+               "Stay in the foreground, which the daemon always does");
+  app.add_flag("--check-config", arguments.checksOnly, "Only check the configuration");
   app.add_flag("--dry-run", arguments.isDryRun,
-               "Print what it would write to the kernel, and end; writes nothing");
+               "Print the routes that it would write to the kernel, and end");
   app.footer(kFooter);
 }
 

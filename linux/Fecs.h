@@ -40,7 +40,7 @@ class Fecs {
   explicit Fecs(FecIds& ids) : ids_(ids) {}
 
   /// Counts one more route that uses the FEC of these vias. \return null for a route without vias.
-  /// \param told  receives the operation that creates a new FEC.
+  /// \param told  is called with the operation that creates a new FEC.
   template <class Output>
   Fec* acquire(std::vector<Via> vias, const Output& told) {
     if (vias.empty()) return nullptr;

@@ -72,7 +72,7 @@ std::pair<uint64_t, uint64_t> scattered(const Address& addr) {
   return {bitsReversed(addr6.low()), addr6.high()};
 }
 
-/// What comes before the name in Linux where that means something else in a switch.
+/// The prefix of a Linux name that has a special meaning in a switch.
 constexpr std::string_view kLinux = "linux:";
 
 template <class Addr>
@@ -290,7 +290,7 @@ void Feed::Work::flush(const Output& output, const Expect& expect) {
   empty(routeKeys_);
 }
 
-/// Updates the VRFs from their devices, first those whose device changed or is gone, so that
+/// Updates the VRFs from their devices, first those with a changed or removed device, so that
 /// devices may exchange names or tables.
 void Feed::Work::findVrfs() {
   const auto deviceOf = [&](LinkIndex index) -> const Link* {
@@ -484,7 +484,7 @@ std::optional<Zemit::EthAddr> Feed::Work::wantedMac(const Port& port, LinkIndex 
   return std::nullopt;
 }
 
-/// Withdraws the neighbours that are gone. The marked neighbours that are left are those to tell.
+/// Withdraws the removed neighbours. The remaining marked neighbours must be fed.
 void Feed::Work::withdrawNeighbors(const Output& output) {
   for (const LinkIndex index : markedLinks_) {
     Port& port = ports_[index];

@@ -103,15 +103,15 @@ class Feed::Work final : public Mirror::Observer {
     LinkIndex link = 0;
     Address addr;
     Zemit::EthAddr mac;  ///< derived by the first step that handles it
-    bool isFed = false;  ///< whether it is already known that it counts
+    bool isFed = false;  ///< whether it is certain that the neighbour is fed
   };
   using TextMaker = std::function<std::string()>;
   using RouteKey = std::pair<Vrf*, Prefix>;
   /// A virtual address: its VRF, itself and the length of its subnet.
   using VirtualKey = std::tuple<std::string, Address, uint32_t>;
 
-  // The steps of flush(), in their order. Removals are told in the reverse order of additions:
-  // neighbours while their routes still exist.
+  // The steps of flush(), in their order. Removals are fed in the reverse order of additions, so
+  // that the routes of a removed neighbour still exist.
   void findVrfs();
   void findRoles();
   void findAddresses();
@@ -192,11 +192,11 @@ class Feed::Work final : public Mirror::Observer {
 
   // Within a flush.
   std::map<LinkIndex, std::vector<ToldAddress>> wantedAddresses_;
-  std::set<LinkIndex> renamedLinks_;  // whose routes are marked
-  std::set<Vrf*> changedVrfs_;        // all of whose routes are marked
+  std::set<LinkIndex> renamedLinks_;  // their routes are marked
+  std::set<Vrf*> changedVrfs_;        // all of their routes are marked
   std::vector<RouteKey> routeKeys_;
 
-  std::set<LinkIndex> awaitedLinks_;  // of next hops, which have no layer 3 yet
+  std::set<LinkIndex> awaitedLinks_;  // interfaces of next hops that have no layer 3 yet
   std::map<LinkIndex, Vrf*> vrfByDevice_;
   std::multimap<TableId, Vrf*> vrfsByTable_;
   LinkIndex lastLink_ = 0;  // the last result of port()

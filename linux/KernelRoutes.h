@@ -155,7 +155,7 @@ class KernelRoutes {
     kDirty = 1,        // is in dirty_
     kChanged = 2,      // its wanted value changed since the last flush
     kAdvertised = 4,   // is in the log
-    kUnsure = 8,       // may have gone from the kernel
+    kUnsure = 8,       // the kernel may have dropped it
     kTold = 16,        // the kernel announced its removal
     kMeddled = 32,     // another program changed it
     kClaimed = 64,     // a route is in its place, perhaps one of ours

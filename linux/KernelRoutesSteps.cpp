@@ -1,4 +1,4 @@
-// What to do next for a host route, and what the kernel's answer means.
+// The next step for a host route, and the effect of the kernel's answer.
 #include "linux/KernelRoutes.h"
 #include "linux/RouteErrors.h"
 

@@ -16,7 +16,7 @@
 
 namespace Linux {
 
-/// A message is not what its type says. what() names the type and what is wrong with it.
+/// A message is invalid for its type. what() names the type and the fault.
 class MessageError : public std::runtime_error {
  public:
   using runtime_error::runtime_error;

@@ -19,11 +19,15 @@ namespace Linux {
 /// removed. Notifications that are older than the dump may be applied after it, because later
 /// notifications restore the current state.
 ///
-/// The kernel drops some objects without a notification, or with one about the interface only: IPv4
-/// routes whose interface goes down or loses its last IPv4 address, or whose preferred source goes;
-/// nexthop objects, with their routes, whose interface goes down or loses its carrier; everything
-/// on an interface that is deleted or moved to another namespace. The mirror drops them, too. A
-/// dead or `linkdown` next hop of a multipath route is marked as such.
+/// The kernel drops some objects without a notification, or with a notification about the interface
+/// only. The mirror drops them, too:
+///
+/// - IPv4 routes when their interface goes down or loses its last IPv4 address, or when their
+///   preferred source is removed;
+/// - nexthop objects, with their routes, when their interface goes down or loses its carrier;
+/// - all objects on an interface that is deleted or moved to another namespace.
+///
+/// A dead or `linkdown` next hop of a multipath route is marked as such.
 ///
 /// Some objects are not stored, because the kernel creates them without a notification: neighbour
 /// entries without a usable address (INCOMPLETE, FAILED, NOARP), and the forwarding databases of

@@ -151,7 +151,7 @@ using Object = std::variant<Link, InterfaceAddress, Neighbor, FdbEntry, Route, N
 /// A message of the kernel about one object.
 struct Change {
   Object object;
-  bool present = true;    ///< false when it is gone
+  bool present = true;    ///< false when it was removed
   bool replaces = false;  ///< of a route: it replaced another one (NLM_F_REPLACE)
   bool appends = false;   ///< of a route: it follows others of its metric (NLM_F_APPEND)
   uint32_t sender = 0;    ///< the netlink port that caused it; 0 is the kernel

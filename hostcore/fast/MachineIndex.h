@@ -1,4 +1,4 @@
-// Which machines of a switch a change concerns.
+// An index of a switch's machines, to find those that a change concerns.
 #pragma once
 
 #include <algorithm>
@@ -24,7 +24,7 @@ class Reactors;
 template <Family F>
 class Relevance;
 
-/// Lists of machines by a key. A list that becomes empty goes.
+/// Lists of machines by a key. An empty list is removed.
 template <class Key, class RouteSm>
 class MachineLists {
  public:
@@ -35,7 +35,7 @@ class MachineLists {
     std::erase(*list, &sm);
     if (list->empty()) lists_.erase(key);
   }
-  /// Calls `visit` with each machine that the list has now. It may change the list.
+  /// Calls `visit` with each machine that the list has now. `visit` may change the list.
   template <class Visit>
   void forEach(const Key& key, Visit visit) const {
     const auto* list = lists_.find(key);
@@ -55,7 +55,7 @@ class MachineIndexBase {
   MachineIndexBase& operator=(const MachineIndexBase&) = delete;
   virtual ~MachineIndexBase() = default;
 
-  /// Goes up with each change of a FEC.
+  /// Increases with each change of a FEC.
   uint64_t fecVersion() const noexcept { return fecVersion_; }
 
  protected:
@@ -65,10 +65,9 @@ class MachineIndexBase {
 
 /// The sparse machines over one set of switch-wide inputs, by VRF, interface and FEC; see Reactors.
 ///
-/// Before an input tells its notifiees of a change, the index completes the reactors of the
-/// machines that the change concerns, and wakes those that are quiet. The other machines cost
-/// nothing.
-///
+/// Before an input notifies its notifiees of a change, the index makes the missing reactors of the
+/// machines that the change concerns, and wakes their quiet reactors. The other machines take no
+/// time.
 template <Family F>
 class MachineIndex final : public MachineIndexBase,
                            public std::enable_shared_from_this<MachineIndex<F>> {
@@ -107,8 +106,8 @@ class MachineIndex final : public MachineIndexBase,
   MachineLists<Zemit::IntfId, RouteSm> ofTable;
   MachineLists<Zemit::IntfId, RouteSm> ofFilter;
 
-  /// The place that a machine that began at `began` has among the reactors of a table of the
-  /// directory, or among the filters of an interface.
+  /// The rank of a machine that began at `began` among the reactors of a table of the directory, or
+  /// among the filters of an interface.
   Kiv::Notifiee::Rank rankOnTable(Zemit::IntfId intf, uint64_t began) const {
     return rank(tablesSince_, intf, began);
   }
@@ -117,7 +116,7 @@ class MachineIndex final : public MachineIndexBase,
   }
 
  private:
-  /// On the inputs, and on the layer-3 status of each interface.
+  /// The hook of the inputs, and of the layer-3 status of each interface.
   class InputHook final : public Kiv::NotifierHook {
    public:
     explicit InputHook(MachineIndex& index) : NotifierHook(false), index_(index) {}
@@ -130,7 +129,7 @@ class MachineIndex final : public MachineIndexBase,
    private:
     MachineIndex& index_;
   };
-  /// On each neighbour table.
+  /// The hook of each neighbour table.
   class TableHook final : public Kiv::NotifierHook {
    public:
     explicit TableHook(MachineIndex& index) : NotifierHook(true), index_(index) {}
@@ -148,7 +147,8 @@ class MachineIndex final : public MachineIndexBase,
    private:
     MachineIndex& index_;
   };
-  /// On each sparse machine: who watches it is told of each reactor.
+  /// The hook of each sparse machine. Before a notifiee registers with the machine, makes all
+  /// reactors.
   class MachineHook final : public Kiv::NotifierHook {
    public:
     MachineHook() : NotifierHook(true) {}
@@ -187,6 +187,18 @@ class MachineIndex final : public MachineIndexBase,
     const auto machines = isObserved() ? machines_ : alert_;
     for (RouteSm* sm : machines) visit(*sm);
   }
+  /// Wakes the reactor `kReactor` of the alert machines and of those in the list of `key`; without
+  /// a key, of all machines.
+  template <auto kReactor, class Key>
+  void wake(const Key* key, const MachineLists<Key, RouteSm>& lists) const {
+    const auto wakeOne = [](const RouteSm& sm) { (sm.*kReactor)()->wakeOnce(); };
+    if (key == nullptr) {
+      for (const RouteSm* sm : machines_) wakeOne(*sm);
+    } else {
+      lists.forEach(*key, wakeOne);
+      forEachAlert(wakeOne);
+    }
+  }
   void fecWritten(FecId fecId);
   void inputChanges(const Kiv::Entity& notifier, Kiv::AttributeId id, const void* key);
   void tableChanges(const Table& table);
@@ -195,7 +207,7 @@ class MachineIndex final : public MachineIndexBase,
   void fecsChange(const FecId* fecId);
   void vrfChanges(const L3::Intf::Status& l3Status);
 
-  // Compared, and used while there is a machine, which keeps them alive.
+  // Used only while there is a machine, which keeps them alive. Otherwise only compared.
   const Arp::NeighborDir* dir_;
   const Intfs* intfs_;
   const typename F::ForwardingStatus* forwarding_;
@@ -208,7 +220,7 @@ class MachineIndex final : public MachineIndexBase,
   MachineLists<L3::VrfName, RouteSm> ofVrf_;
   Kiv::HashMap<Zemit::IntfId, const L3::Intf::Status*> l3Statuses_;
   std::unordered_map<const L3::Intf::Status*, std::vector<Zemit::IntfId>> intfsOfL3Status_;
-  // When the directories announced each table and interface that they have.
+  // The times at which the directories announced each of their tables and interfaces.
   Times tablesSince_;
   Times intfsSince_;
   Kiv::Watch<FecId> fecWatch_;
@@ -324,43 +336,31 @@ void MachineIndex<F>::tableChanges(const Table& table) {
 
 template <Family F>
 void MachineIndex<F>::dirChanges(const Kiv::Name* name) {
-  const auto wake = [](RouteSm& sm) { sm.neighborDirByIntfName()->wakeOnce(); };
-  if (name == nullptr) {
-    for (RouteSm* sm : machines_) wake(*sm);
-    return;
+  constexpr auto kReactor = &RouteSm::neighborDirByIntfName;
+  if (name == nullptr) return wake<kReactor, Zemit::IntfId>(nullptr, ofTable);
+  const auto intf = Zemit::IntfId::find(*name).value_or(Zemit::IntfId());
+  if (const auto& table = dir_->arpIntfStatus(*name)) {
+    linkTable(*table);
+  } else {
+    tablesSince_.erase(intf);
   }
-  const auto& table = dir_->arpIntfStatus(*name);
-  if (table) linkTable(*table);
-  if (const auto intf = Zemit::IntfId::find(*name)) {
-    if (!table) tablesSince_.erase(*intf);
-    ofTable.forEach(*intf, wake);
-  }
-  forEachAlert(wake);
+  wake<kReactor>(&intf, ofTable);
 }
 
 template <Family F>
 void MachineIndex<F>::intfsChange(const Zemit::IntfId* intf) {
-  const auto wake = [](RouteSm& sm) { sm.ipStatus()->wakeOnce(); };
-  if (intf == nullptr) {
-    for (RouteSm* sm : machines_) wake(*sm);
-    return;
+  constexpr auto kReactor = &RouteSm::ipStatus;
+  if (intf != nullptr) {
+    linkIntf(*intf);
+    const auto status = F::intfStatus(*intfs_, *intf);
+    if (status && status->l3Status()) wake<kReactor>(&status->l3Status()->vrf(), ofVrf_);
   }
-  linkIntf(*intf);
-  const auto status = F::intfStatus(*intfs_, *intf);
-  if (status && status->l3Status()) ofVrf_.forEach(status->l3Status()->vrf(), wake);
-  ofFilter.forEach(*intf, wake);
-  forEachAlert(wake);
+  wake<kReactor>(intf, ofFilter);
 }
 
 template <Family F>
 void MachineIndex<F>::fecsChange(const FecId* fecId) {
-  const auto wake = [](RouteSm& sm) { sm.fwdStatus()->wakeOnce(); };
-  if (fecId == nullptr) {
-    for (RouteSm* sm : machines_) wake(*sm);
-    return;
-  }
-  ofFec.forEach(*fecId, wake);
-  forEachAlert(wake);
+  wake<&RouteSm::fwdStatus>(fecId, ofFec);
 }
 
 template <Family F>
@@ -369,7 +369,8 @@ void MachineIndex<F>::vrfChanges(const L3::Intf::Status& l3Status) {
   if (machines_.empty() || found == intfsOfL3Status_.end()) return;
   auto intfs = found->second;
   const auto join = [&](RouteSm& sm) {
-    // The order of the filters of one machine: by name those that it found, then as they came.
+    // The order of the filters of one machine: first the interfaces that it found when it began, by
+    // name; then the others, in the order in which they were added.
     const uint64_t began = Reactors<F>(sm).began();
     std::sort(intfs.begin(), intfs.end(), [&](Zemit::IntfId a, Zemit::IntfId b) {
       const auto rankOfA = rankOnIntf(a, began);

@@ -12,13 +12,13 @@ namespace Tovan {
 /// The entries that a table dropped because they were damaged.
 template <class Key>
 struct Dropped {
-  /// What was stored in place of the keys, as far as it may be a key. A key may itself be damaged,
-  /// so the lost entry may have had another key.
+  /// The keys as they were stored, if they are possible keys. A key may itself be damaged: then the
+  /// entry had another key.
   std::vector<Key> keys;
 };
 
 /// Announces the entries that a table of `owner` lost: each key, and the whole collection, because
-/// a key may be damaged. The watches are told first.
+/// a key may be damaged. The watches are called first.
 template <class Attribute, class Owner, class Key>
 void announce(const Owner& owner, const Kiv::WatchList<Key>& watches, const Dropped<Key>& dropped) {
   for (const Key& gone : dropped.keys) watches.written(gone);

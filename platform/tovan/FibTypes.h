@@ -1,4 +1,4 @@
-// What the FIB tables hold: routes, and the FECs with their vias that routes point at.
+// The entries of the FIB tables: routes, and the FECs with vias that routes refer to.
 #pragma once
 
 #include <compare>
@@ -40,8 +40,8 @@ class ViaIndex {
 
 }  // namespace Fib
 
-/// A route as the FIB holds it. A look-up that finds nothing gives one whose key is not the one
-/// asked for.
+/// A route of the FIB. A look-up that finds no route returns a route with another key than the
+/// requested one.
 template <class P, class Type>
 struct BasicRoute {
   static constexpr size_t kMaxText = P::kMaxText + Routing::MetricPref::kMaxText + 42;
@@ -100,7 +100,7 @@ class BasicFec {
   size_t viaCount() const noexcept { return vias_.size(); }
   /// The via at `index`, which must be below viaCount().
   const V& via(Fib::ViaIndex index) const noexcept { return vias_[index.value()]; }
-  /// All vias, also those that no ViaIndex reaches.
+  /// All vias, also those beyond ViaIndex::max.
   const V* begin() const noexcept { return vias_.begin(); }
   const V* end() const noexcept { return vias_.end(); }
   /// Adds a via at the end.

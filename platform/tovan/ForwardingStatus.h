@@ -59,7 +59,7 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   /// \throws CorruptionDetectedException.
   Fec fec(const FecId& id) const;
 
-  /// Prefetches the memory of a FEC that is going to be read, stored or removed.
+  /// Prefetches the memory of a FEC before it is read, stored or removed.
   void prefetch(const FecId& id) const { fecs_.prefetch(id); }
 
   /// Stores a FEC under its id; announces it if it is new or differs.
@@ -192,8 +192,8 @@ BasicForwardingStatus<A>::BasicForwardingStatus(const std::string& name, Access 
   if (access == Access::Write) clearUp();
 }
 
-/// Removes the incomplete updates of a former writer, and leaves its adjacency spaces and change
-/// counts unused.
+/// Removes the incomplete updates of a former writer. Its adjacency spaces and change counts are
+/// not used again.
 template <class A>
 void BasicForwardingStatus<A>::clearUp() {
   for (const auto& item : fecs_) {
@@ -221,7 +221,7 @@ typename BasicForwardingStatus<A>::Fec BasicForwardingStatus<A>::fec(const FecId
     const auto vias = readVias(*record, fec);
     if (vias == Vias::Complete) return fec;
     if (vias == Vias::Missing) continue;
-    // Either the name is lost, or the FEC was removed, and then the name.
+    // Either the name is lost, or the FEC was removed and then its name.
     const auto again = fecs_.get(id);
     if (again && again->change == record->change) return fec;
   }
@@ -367,7 +367,8 @@ bool BasicForwardingStatus<A>::remove(const FecId& id) {
   return true;
 }
 
-/// Removes the further vias of a record that is not stored any more, and what it had of names.
+/// Removes the further vias of a record that is not stored any more, and drops its references to
+/// names.
 template <class A>
 void BasicForwardingStatus<A>::removeVias(const FecId& id, const Record& record) {
   if (record.viaCount != 0) intfs_.drop(record.first.intf);
@@ -397,7 +398,7 @@ namespace Fib6 {
 using ForwardingStatus = BasicForwardingStatus<Zemit::Ip6Addr>;
 }
 
-// Compiled once, in Tables.cpp.
+// Instantiated in Tables.cpp.
 extern template class TovanMap<Fib::FecId, Fib::ForwardingStatus::Record>;
 extern template class TovanMap<Fib::FecId, Fib6::ForwardingStatus::Record>;
 extern template class TovanMap<Fib::ForwardingStatus::ViaKey, Fib::ForwardingStatus::RawVia>;

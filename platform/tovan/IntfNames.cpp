@@ -52,7 +52,7 @@ void IntfNames::drop(uint32_t number) {
 
 void IntfNames::removeUnused() {
   forEachKnown([&](uint32_t number, Known& known) {
-    // The highest number stays, so that the next writer knows which were given.
+    // The highest number stays, so that the next writer knows which numbers were assigned.
     if (known.uses != 0 || number + 1 == next_) return;
     names_.erase(number);
     numbers_[known.intf.value()] = 0;

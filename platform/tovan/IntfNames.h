@@ -15,23 +15,24 @@ namespace Tovan {
 /// Numbers of interfaces that have the same meaning in every process that has a table open, and for
 /// the next writer. Number 0 is "no interface".
 ///
-/// The writer counts the entries that refer to each number. Names without an entry are removed when
-/// there are many: so a host that comes and goes does not publish a name each time. A number is
-/// never given to another name, because readers keep the names that they have read.
+/// The writer counts the entries that refer to each number. Names that no entry refers to are
+/// removed only when there are many of them, so that an entry that is repeatedly added and removed
+/// does not publish a name each time. A number is never assigned to another name, because readers
+/// keep the names that they have read.
 class IntfNames {
  public:
   static constexpr size_t kMaxBytes = 127;
 
   explicit IntfNames(const TableConfig& config);
 
-  /// The interface's number, for one more entry that is going to refer to it. A new interface's
-  /// name is published first.
+  /// Counts one more entry of the interface, and returns the interface's number. Publishes the name
+  /// of a new interface.
   /// \throws Kiv::RangeException when the name is over kMaxBytes; NoSpaceException.
   uint32_t take(Zemit::IntfId intf);
-  /// Counts an entry of a former writer. No new interface gets its number, even if the name of the
-  /// number is lost.
+  /// Counts an entry of a former writer. Its number is not assigned to a new interface, even if the
+  /// number's name is lost.
   void hold(uint32_t number);
-  /// Counts one entry less. The entry must be gone for readers.
+  /// Counts one entry less. Readers must not be able to find the entry any more.
   void drop(uint32_t number);
   /// The interface with this number, or none.
   /// \throws CorruptionDetectedException.
@@ -40,7 +41,7 @@ class IntfNames {
     const Known* known = find(number);
     return known != nullptr ? known->intf : fetch(number);
   }
-  /// How many names there are, with those that no entry refers to any more.
+  /// The number of names, including those that no entry refers to any more.
   size_t size() const { return names_.size(); }
 
   /// See Table.
@@ -71,14 +72,14 @@ class IntfNames {
   static Zemit::IntfId read(const Text& text);
   Known& learn(uint32_t number, Zemit::IntfId intf) const;
   void numberIs(Zemit::IntfId intf, uint32_t number);
-  /// What is known of a number, or null.
+  /// The data of a number, or null if it is unknown.
   Known* find(uint32_t number) const {
     const size_t chunk = number / kChunk;
     if (chunk >= chunks_.size() || chunks_[chunk] == nullptr) return nullptr;
     Known& known = (*chunks_[chunk])[number % kChunk];
     return known.intf == Zemit::IntfId() ? nullptr : &known;
   }
-  /// Calls `visit` with each known number, and what is known of it.
+  /// Calls `visit` with each known number and its data.
   template <class Visit>
   void forEachKnown(Visit visit) const {
     for (size_t chunk = 0; chunk < chunks_.size(); ++chunk) {
@@ -92,7 +93,7 @@ class IntfNames {
   }
 
   TovanMap<uint32_t, Text> names_;
-  uint32_t next_ = 1;                                   // never one that was given before
+  uint32_t next_ = 1;                                   // larger than all assigned numbers
   mutable std::vector<std::unique_ptr<Chunk>> chunks_;  // by number; null if none is known
   std::vector<uint32_t> numbers_;                       // by the value of the interface's id
   size_t unused_ = 0;                                   // known numbers that no entry refers to

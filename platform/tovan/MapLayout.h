@@ -25,8 +25,8 @@ class MapLayout {
   /// The bytes of an entry: the key, then the value, each padded with zeroes to whole words.
   using Words = std::array<Word, kKeyWords + kValueWords>;
 
-  // The low bits of a slot's sequence are its state, the others count its changes. A slot without
-  // any of these bits is free, and ends the search for a key.
+  // The low bits of a slot's sequence are its state; the others count its changes. A slot whose
+  // state is 0 is free, and ends the search for a key.
   static constexpr uint32_t kBusy = 1;  ///< the slot is being written
   static constexpr uint32_t kLive =
       2;  ///< it has an entry; with kBusy, the entry is being replaced

@@ -1,5 +1,5 @@
-// How a TovanMap is read: look-ups, and the walk through all entries. The part of TovanMap.h that
-// every look-up uses. docs/tables.md explains the memory orders.
+// The part of TovanMap that reads: look-ups, and the walk through all entries. docs/tables.md
+// explains the memory orders.
 #pragma once
 
 #include "platform/tovan/TovanMap.h"
@@ -40,7 +40,7 @@ class TovanMap<Key, Value>::Iterator {
   }
 
   const TovanMap* map_;
-  std::vector<Words> items_;  // of the page
+  std::vector<Words> items_;  // the entries of the present page
   size_t at_ = 0;
   uint64_t changes_ = 0;
   uint32_t pattern_ = 0;  // of the next page
@@ -133,9 +133,9 @@ const char* TovanMap<Key, Value>::missFault(PageRef ref, uint64_t hash) const {
   return nullptr;
 }
 
-/// The way a reader finds the page of `hash`. Calls `look` with the directory's entry, and repeats
-/// that while the page is being replaced. If `look` returns true, its result is valid in any case.
-/// Else it found nothing or a fault, which is valid only if the page was not replaced meanwhile.
+/// Finds the page of `hash` for a reader. Calls `look` with the directory's entry, and repeats that
+/// while the page is being replaced. If `look` returns true, its result is valid in any case. Else
+/// it found nothing or a fault, which is valid only if the page was not replaced meanwhile.
 template <class Key, class Value>
 template <class Look>
 void TovanMap<Key, Value>::inPage(uint64_t hash, const Look& look) const {
@@ -185,7 +185,7 @@ void TovanMap<Key, Value>::inMappedPage(uint64_t hash, const Look& look) const {
   }
 }
 
-/// The way the writer finds the page of `hash`. Nothing changes meanwhile.
+/// Finds the page of `hash` for the writer. The table does not change meanwhile.
 template <class Key, class Value>
 auto TovanMap<Key, Value>::refOf(uint64_t hash) const -> PageRef {
   const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));

@@ -1,5 +1,5 @@
-// How a TovanMap is kept sound: its takeover by a new writer, the checks while it is not written,
-// and what is done about damage.
+// The part of TovanMap that checks and repairs: the takeover by a new writer, the checks of tables
+// that do not change, and the repair of damage.
 #pragma once
 
 #include "platform/tovan/TovanMap.h"
@@ -10,8 +10,8 @@ template <class Key, class Value>
 TovanMap<Key, Value>::TovanMap(const TableConfig& config)
     : Table(config, kShape), seed_(header().identity.seed) {
   if (isReadOnly()) return;
-  // The count continues, so that readers who wait for a change see those of this writer. It is
-  // never 0, which missed_ begins with.
+  // The count continues, so that readers that wait for a change notice the changes of this writer.
+  // It is never 0, because missed_ begins with 0.
   changes_ = (header().changes.load(std::memory_order_relaxed) & ~uint64_t{0} >> 1) + 1;
   try {
     repair();

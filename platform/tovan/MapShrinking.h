@@ -1,5 +1,6 @@
-// How a TovanMap shrinks: two pages with few entries become one, the directory is halved, and the
-// memory behind the last used page is given back. docs/tables.md explains what readers see.
+// The part of TovanMap that shrinks the table: it joins two pages with few entries, halves the
+// directory, and gives back the memory behind the last used page. docs/tables.md explains the
+// effects on readers.
 #pragma once
 
 #include "platform/tovan/TovanMap.h"
@@ -13,7 +14,7 @@ void TovanMap<Key, Value>::shrinkAfter(const Slot& gone, uint64_t hash) {
   uint8_t& live = uses_[number].live;
   if (live == 0) return;  // only after damage
   --live;
-  // Not each time, because the other page is in no cache.
+  // Not at each removal, because the other page is usually not in the processor's cache.
   const bool isSmall = live <= kMaxJoined && live % 4 == 0;
   if (!isSmall && !isLoose()) [[likely]]
     return;
@@ -36,7 +37,7 @@ void TovanMap<Key, Value>::join(uint64_t hash) {
     const PageRef other = refOf(otherHash);
     const PageUse otherUse = uses_[other.number()];
     if (otherUse.depth != use.depth || use.live + otherUse.live > kMaxJoined) return;
-    // Damage is left to the checks of tend().
+    // The checks of tend() will report the damage.
     if (headFault(one, hash) != nullptr || headFault(other, otherHash) != nullptr) return;
     if (!joinPages(one, other, hash)) return;
     halve();
@@ -92,11 +93,11 @@ void TovanMap<Key, Value>::joinAll() {
   });
 }
 
-/// Halves the directory while that leaves room for one further split of each page: so a page that
-/// is split and joined in turn does not double and halve it.
+/// Halves the directory while that leaves room for one further split of each page. So a page that
+/// is split and joined in turn does not double and halve the directory each time.
 ///
-/// The count of repairs goes on, because a state of the directory must not return: a reader takes
-/// an entry that it has read twice as unchanged if the state is the same.
+/// The count of repairs increases, because no state of the directory may occur twice: a reader that
+/// reads the same entry twice under the same state concludes that the entry did not change.
 template <class Key, class Value>
 void TovanMap<Key, Value>::halve() {
   while (depth_ > 1 && pagesOfDepth_[depth_] == 0 && pagesOfDepth_[depth_ - 1] == 0) {
@@ -111,7 +112,7 @@ void TovanMap<Key, Value>::halve() {
 /// \pre isLoose()
 template <class Key, class Value>
 bool TovanMap<Key, Value>::tighten() {
-  // A call of the system is worth so many pages, and takes too long with more than so many.
+  // A system call is worth its time from kLeast pages on. With too many pages it takes too long.
   constexpr uint32_t kLeast = 8;
   constexpr uint32_t kMost = 64;
   const auto count = static_cast<uint32_t>(uses_.size());
@@ -129,7 +130,7 @@ bool TovanMap<Key, Value>::tighten() {
   const uint32_t pattern = moved.pattern.load(std::memory_order_relaxed);
   if (pattern >= uint32_t{1} << depth_ || headFault(refOf(pattern), pattern) != nullptr ||
       refOf(pattern).number() != last) {
-    return false;  // left to the checks of tend()
+    return false;  // the checks of tend() will report it
   }
   if (!rewrite(last, false)) recount();
   return true;

@@ -1,7 +1,8 @@
-// How a TovanMap is changed: updates of entries, and the growth of pages and directory.
+// The part of TovanMap that changes the table: updates of entries, and the growth of pages and
+// directory.
 //
-// After each step, repair() can complete or undo the change. An entry is in the table from the
-// store that makes its slot live. docs/tables.md explains the memory orders.
+// After each step, repair() can complete or undo the change. An entry is in the table as soon as
+// its slot is marked live. docs/tables.md explains the memory orders.
 #pragma once
 
 #include "platform/tovan/TovanMap.h"
@@ -80,8 +81,8 @@ std::optional<Value> TovanMap<Key, Value>::erase(const Key& key) {
   return valueOf(words);
 }
 
-/// Writes a slot so that readers see the entry before or after. `state` is kLive when the slot
-/// already has an entry.
+/// Writes a slot. Readers see either the former entry or the new one. `state` is kLive when the
+/// slot already has an entry.
 template <class Key, class Value>
 void TovanMap<Key, Value>::write(Slot& slot, uint32_t state, const Words& words,
                                  uint32_t checksum) {
@@ -161,7 +162,7 @@ bool TovanMap<Key, Value>::rewrite(uint32_t number, bool split) {
   const Page& from = page(number);
   const uint32_t fromDepth = from.depth.load(std::memory_order_relaxed);
   const uint32_t depth = fromDepth + split;
-  // What may fail for lack of memory is done first.
+  // First, because this may fail for lack of memory.
   reservePages(2);
   if (depth > depth_) deepen();
   bool isWhole = true;
@@ -292,7 +293,8 @@ void TovanMap<Key, Value>::freePage(uint32_t number) {
   while (end_ > 0 && uses_[end_ - 1].live == PageUse::kFree) --end_;
 }
 
-/// Makes a page for the empty entries of the directory around `pattern`.
+/// Makes a page for `pattern`, which the directory lacks. The page also gets the empty entries of
+/// the directory around `pattern`, as far as one page may have them.
 template <class Key, class Value>
 void TovanMap<Key, Value>::fillHole(uint32_t pattern) {
   const auto isEmpty = [&](uint32_t depth) {

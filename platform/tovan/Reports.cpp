@@ -1,4 +1,4 @@
-// Damage of the tables of this process, and memory that was refused to them.
+// Reports of damaged tables, and of tables that could not grow.
 #include "platform/tovan/Reports.h"
 
 #include <atomic>
@@ -10,7 +10,7 @@
 namespace Tovan {
 namespace {
 
-// Known by its name from the start.
+// Registers the facility when the process starts, so that it is found by its name.
 [[maybe_unused]] const auto& registered = tableTrace();
 
 struct Reports {

@@ -1,4 +1,4 @@
-// Damage of the tables of this process, and memory that was refused to them.
+// Reports of damaged tables, and of tables that could not grow.
 #pragma once
 
 #include <cstddef>
@@ -13,14 +13,15 @@ class TraceFacility;
 
 namespace Tovan {
 
-/// Damage and refusals of one table since the process started, of all objects that had it open.
+/// The damage and the refusals of memory of one table since the process started. Counts all objects
+/// that had the table open.
 struct TableReport {
   std::string table;
   uint64_t corruptions = 0;  ///< calls of Table::corruptionDetected()
   std::string lastCorruption;
   uint64_t refusals = 0;  ///< how often memory was refused
   std::string lastRefusal;
-  size_t bytes = 0;  ///< how large it was at the last refusal
+  size_t bytes = 0;  ///< size of the table at the last refusal
 };
 
 /// The tables of this process that were ever damaged or could not grow, sorted by name. Any thread

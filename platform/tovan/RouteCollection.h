@@ -13,7 +13,7 @@ namespace Tovan {
 
 /// A Kiv::Collection of routes under their own prefixes that does not store the prefix twice.
 ///
-/// Gives routes by value where a Kiv::Collection refers to what it stores.
+/// Returns routes by value, where a Kiv::Collection returns references.
 ///
 /// \tparam Records  a map from prefixes to RouteRecords.
 template <class Tag, class R, class Records>
@@ -74,7 +74,7 @@ class RouteCollection {
   Route get(const Prefix& prefix) const { return map().find(prefix).value_or(Route()); }
   Map map() const noexcept { return Map(records_.map()); }
 
-  // As those of a Kiv::Collection.
+  // The same as in Kiv::Collection.
   bool set(const Kiv::Entity& owner, const Route& route) {
     return records_.set(owner, route.key, RouteRecord<Route>(route));
   }
@@ -88,9 +88,9 @@ class RouteCollection {
 
 }  // namespace Tovan
 
-/// A collection of routes on the storage given last, a map of RouteRecords: the members of a
-/// KIV_COLLECTION_ON, and attrIs(route), which stores a route under its prefix. attr(prefix) gives
-/// the route or an empty one, attrFind(prefix) perhaps one.
+/// A collection of routes. Its storage, the last argument, is a map of RouteRecords. It has the
+/// members of a KIV_COLLECTION_ON, and attrIs(route), which stores a route under its prefix.
+/// attr(prefix) returns the route or an empty one; attrFind(prefix) returns an optional route.
 #define TOVAN_ROUTE_COLLECTION_ON(id, attr, Attr, Route, ...)                      \
   KIV_KEYED_MEMBERS(id, attr, Attr, decltype(Route::key),                          \
                     ::Tovan::RouteCollection<Attr##Attribute, Route, __VA_ARGS__>) \

@@ -1,11 +1,11 @@
-// A route the way tables store it: without its key and without padding.
+// The form in which tables store a route: without its key and without padding.
 #pragma once
 
 #include <cstdint>
 
 namespace Tovan {
 
-/// What a table keeps of a route of type `Route` beside its prefix.
+/// A route of type `Route` without its prefix.
 template <class Route>
 class RouteRecord {
  public:
@@ -32,8 +32,8 @@ class RouteRecord {
   uint32_t typeAndPreference_ = 0;
 };
 
-/// What a look-up of `asked` gives when it misses: a record with another key. That is the null
-/// prefix, or for a look-up of the null prefix itself 0.0.0.0/0 (::/0).
+/// The result of a look-up of `asked` that finds no route: a route with another key. The key is the
+/// null prefix; for a look-up of the null prefix itself it is 0.0.0.0/0 (::/0).
 template <class Route>
 Route noRoute(const decltype(Route::key)& asked) {
   Route none;

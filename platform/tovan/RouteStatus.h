@@ -13,7 +13,7 @@
 
 namespace Tovan {
 
-/// How far the owner of a route table is.
+/// The progress of the owner of a route table.
 struct RouteTableState {
   bool loading = false;       ///< the owner is still reading its initial inputs
   bool initialized = false;   ///< the host-route machine has its inputs and follows their changes
@@ -74,15 +74,15 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
       : NamedEntity(Kiv::Name(name)),
         map_({.access = access, .name = name + kSuffix, .layout = kLayout}) {}
 
-  /// The route with exactly this prefix, or noRoute(prefix). Under the null prefix nothing is
-  /// found. \throws CorruptionDetectedException.
+  /// The route with exactly this prefix, or noRoute(prefix). The null prefix never has a route.
+  /// \throws CorruptionDetectedException.
   Route route(const Prefix& prefix) const {
     if (isNull(prefix)) [[unlikely]]
       return noRoute<Route>(prefix);
     const auto record = map_.get(prefix);
     return record ? record->withKey(prefix) : noRoute<Route>(prefix);
   }
-  /// Prefetches the memory that route() is going to read.
+  /// Prefetches the memory that route() reads.
   void prefetch(const Prefix& prefix) const { map_.prefetch(prefix); }
   /// The FEC of the route, or invalidFecId. Not checked: good for a prefetch, and no more.
   Fib::FecId peekFecId(const Prefix& prefix) const {
@@ -198,7 +198,7 @@ namespace Fib6 {
 using RouteStatus = BasicRouteStatus<Route>;
 }
 
-// Compiled once, in Tables.cpp.
+// Instantiated in Tables.cpp.
 extern template class TovanMap<Zemit::Prefix, RouteRecord<Fib::Route>>;
 extern template class TovanMap<Zemit::Ip6Prefix, RouteRecord<Fib6::Route>>;
 extern template class BasicRouteStatus<Fib::Route>;

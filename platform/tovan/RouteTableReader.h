@@ -16,17 +16,17 @@
 
 namespace Tovan {
 
-/// The names of the tables that routes are read from, as their owner opened them.
+/// The names of the tables to read. The owner opened the tables under these names.
 struct RouteTableNames {
-  std::string routes;      ///< of the route status
-  std::string forwarding;  ///< of the forwarding status that has the routes' FECs
+  std::string routes;      ///< the route status
+  std::string forwarding;  ///< the forwarding status that has the routes' FECs
 };
 
 /// What happened while a reader waited.
 enum class TableNews {
   None,      ///< nothing
   Changed,   ///< routes, FECs or the state of the tables changed
-  Reopened,  ///< new tables were opened: what was read before is void
+  Reopened,  ///< new tables were opened: earlier results are not valid any more
 };
 
 /// Reads the routes of one VRF and family that another process keeps in shared memory.
@@ -79,8 +79,8 @@ class BasicRouteTableReader {
   /// \throws CorruptionDetectedException, BusyException.
   std::optional<Resolved> match(const decltype(Prefix().addr())& addr) const;
 
-  /// Calls `visit` with each route, in no particular order, as it is at its turn. A route that is
-  /// there all the time is visited once. \throws BusyException.
+  /// Calls `visit` with each route, in no particular order. A route is read when it is visited. A
+  /// route that is there all the time is visited once. \throws BusyException.
   template <class Visit>
   void forEach(Visit visit, const DamageReport& damaged) const;
   /// The prefixes that have a route, in no particular order.
@@ -88,7 +88,7 @@ class BasicRouteTableReader {
   /// How many routes there are.
   size_t size() const { return tables_.routes->routeCount(); }
 
-  /// How far the owner is, and whether routes may be missing.
+  /// The progress of the owner, and whether routes may be missing.
   RouteTableState state() const { return tables_.routes->state(); }
   /// Whether there is a process that keeps the tables up to date.
   bool hasWriter() const { return tables_.routes->hasWriter(); }
@@ -160,7 +160,7 @@ bool BasicRouteTableReader<S, W>::reopen() {
   try {
     tables_ = open(names_);
   } catch (const OpenException&) {
-    return false;  // the owner may just be making them
+    return false;  // the owner may be making them just now
   }
   seen_ = lookAtAll();
   return true;
@@ -173,7 +173,7 @@ template <class S, class W>
 template <class OnFecDamage>
 auto BasicRouteTableReader<S, W>::read(const Prefix& prefix, OnFecDamage onFecDamage) const
     -> std::optional<Resolved> {
-  constexpr int kTries = 1000;  // each but the last means that the route has changed
+  constexpr int kTries = 1000;  // each failed try means that the route has changed
   const auto& map = tables_.routes->map();
   for (int tries = 0; tries < kTries; ++tries) {
     const auto version = map.version(prefix);

@@ -1,4 +1,4 @@
-// What all shared-memory tables have, whatever their entries: header, refusals, reports.
+// The parts of a shared-memory table that do not depend on its entries: header and memory.
 #include "platform/tovan/Table.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace {
 constexpr uint64_t kMagic = 0x6e61'766f'5420'7068;
 constexpr uint64_t kVersion = 4;
 constexpr auto kLongestUpdate = std::chrono::milliseconds(250);
-/// A table is made with so many pages, and grows by as many at least.
+/// The number of pages of a new table, and the least number by which a table grows.
 constexpr size_t kFirstPages = 4;
 constexpr auto kBetweenLooks = std::chrono::microseconds(20);
 
@@ -95,7 +95,7 @@ void Table::create() {
   top.magic.store(kMagic, std::memory_order_release);
 }
 
-/// Waits for a writer that is just making the table.
+/// Waits while a writer makes the table.
 void Table::awaitCreation() const {
   for (Patience patience(memory_);;) {
     memory_.refresh();

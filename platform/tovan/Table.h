@@ -1,4 +1,4 @@
-// What all shared-memory tables have, whatever their entries: header, refusals, reports.
+// The parts of a shared-memory table that do not depend on its entries: header and memory.
 #pragma once
 
 #include <algorithm>
@@ -47,7 +47,7 @@ constexpr bool isSound(uint64_t word) {
   return word == guarded(static_cast<uint32_t>(word));
 }
 
-/// Waits until a writer completes the change in which a reader found an entry.
+/// Waits until a writer has completed its change of an entry.
 class Patience {
  public:
   explicit Patience(const TableMemory& memory) : memory_(memory) {}
@@ -68,8 +68,9 @@ class Patience {
   std::chrono::steady_clock::time_point deadline_;
 };
 
-/// How many pages of a group of tables are checked: all at once, or a few at each turn, which
-/// continues where the last one ended. The same object is passed to all tables of the group.
+/// A round of checks of a group of tables. A round checks each page once, either in one turn or a
+/// few pages at each turn. A turn continues where the last one ended. The same object is passed to
+/// all tables of the group.
 class TendRound {
  public:
   /// A round of one turn.
@@ -102,7 +103,7 @@ class TendRound {
   size_t pagesLeft_ = ~size_t{0};
 };
 
-/// What all tables have, whatever their entries.
+/// The base of all tables. Its members do not depend on the entries of the table.
 class Table {
  public:
   Table(const Table&) = delete;
@@ -110,8 +111,8 @@ class Table {
 
   const std::string& name() const { return name_; }
   bool isReadOnly() const { return !memory_.isWritable(); }
-  /// Bits that the writer publishes about the whole table, with a meaning that writers and readers
-  /// of such tables agree on. A new writer begins with 0. Damaged bits read as 0.
+  /// Bits that the writer publishes about the whole table. Their meaning depends on the kind of the
+  /// table. A new writer begins with 0. Damaged bits read as 0.
   uint32_t status() const {
     const uint64_t word = header().status.load(std::memory_order_acquire);
     return isSound(word) ? static_cast<uint32_t>(word) : 0;
@@ -123,8 +124,8 @@ class Table {
   uint64_t changeCount() const { return header().changes.load(std::memory_order_acquire); }
   /// Whether a process has the table open for writing. If not, it does not change.
   bool hasWriter() const { return !isReadOnly() || memory_.hasOtherWriter(); }
-  /// Whether the name leads to this table: false after it was removed, or replaced by another. Its
-  /// contents are then those that its last writer left.
+  /// Whether the name leads to this table. False after the table was removed, or replaced by
+  /// another one: its contents do not change any more.
   bool isCurrent() const { return memory_.isCurrent(); }
   /// Whether another object, in this process or another, has the table open for writing.
   bool hasOtherWriter() const { return memory_.hasOtherWriter(); }
@@ -184,8 +185,8 @@ class Table {
   [[noreturn]] void raiseUnfinished(const Patience& patience, const char* place, size_t index,
                                     const char* what) const;
 
-  // The writer keeps a copy of the header, word by word, so that it does not rely on memory that
-  // other processes can change. Two of the words are not used.
+  // The writer keeps a copy of the header's words, so that it does not rely on memory that other
+  // processes can change. Two of the words are not used.
   static constexpr size_t kHeaderWords = 12;
   static constexpr bool isUnused(size_t word) { return word == 6 || word == 7; }
   enum HeaderWord : uint8_t { kBytes = 8, kSize = 9, kDirectory = 10, kStatus = 11 };
@@ -194,8 +195,8 @@ class Table {
     headerWord(which).store(word, std::memory_order_release);
   }
   uint64_t left(HeaderWord which) const { return left_[which]; }
-  /// Whether the header is as this writer left it, no repair is incomplete, and the file was not
-  /// cut short as far as is known.
+  /// Whether the header is as this writer left it, no repair is incomplete, and the file is not
+  /// known to have been cut short.
   bool isAsLeft() const {
     uint64_t differing = memory_.isCut() | (left_[kDirectory] >> 8 & 1);
 #pragma GCC unroll 12
@@ -238,16 +239,16 @@ class Table {
 
   /// Makes memory usable. \throws NoSpaceException, changing nothing; the refusal is reported.
   void provide(size_t at, size_t bytes);
-  /// How many pages the memory is long enough for.
+  /// How many pages fit into the memory.
   uint32_t pages() const {
     return pages_;
   }
-  /// Whether the memory is long enough for page `number`, as read from the table.
+  /// Whether page `number`, as read from the table, is within the memory.
   bool isBacked(uint32_t number) const {
     return number < pages_ || isBackedByNow(number);
   }
-  /// How many pages the writer may use. Those behind take no memory, and it must not touch them:
-  /// they were given back, or never written.
+  /// How many pages the writer may use. The writer must not access the pages behind these, which
+  /// take no memory: they were given back, or never written.
   uint32_t reserved() const {
     return reserved_;
   }
@@ -258,7 +259,7 @@ class Table {
   bool addSparePages();
   /// Gives the memory of the pages from `number` on back. \pre no entry of the directory names them
   void giveBackPages(uint32_t number);
-  /// Gives the memory of the directory back that is not needed for so many bits.
+  /// Gives back the memory of the directory that is not needed for `depth` bits.
   void giveBackDirectory(uint32_t depth) {
     const size_t used = sizeof(uint64_t) << depth;
     memory_.giveBack(shape_.topBytes + used, used);

@@ -1,4 +1,4 @@
-// The memory a table lives in: private or named, growing in place.
+// The memory of a table: private or named, growing in place.
 #include "platform/tovan/TableMemory.h"
 
 #include <fcntl.h>
@@ -51,13 +51,13 @@ struct flock wholeFile(short type) {
   return lock;
 }
 
-/// Whether another open file than `file` has it locked for writing.
+/// Whether the file is locked for writing through another open file than `file`.
 bool isLocked(int file) {
   auto lock = wholeFile(F_RDLCK);
   return ::fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-/// A file descriptor that is closed.
+/// Owns a file descriptor.
 class Descriptor {
  public:
   explicit Descriptor(int fd = -1) : fd_(fd) {}
@@ -116,7 +116,7 @@ void onBusError(int signal, siginfo_t* info, void*) {
   if (!isMended) ::sigaction(signal, &formerAction, nullptr);
 }
 
-/// What the tables of this process have in common.
+/// The data that the tables of this process share.
 class Tables {
  public:
   /// Never destroyed: tables may be destroyed after any static object.
@@ -191,7 +191,7 @@ class Tables {
 /// A table's file as it was opened.
 struct OpenFile {
   Descriptor file;     ///< with the lock, if it is for writing
-  Descriptor mapping;  ///< what to map, where that is not the same
+  Descriptor mapping;  ///< the file to map, if it is not `file`
   size_t bytes = 0;
 };
 
@@ -435,7 +435,7 @@ size_t TableMemory::endOfData() const {
 void TableMemory::refresh() {
   struct stat status {};
   if (fd_ < 0) {
-    // A forked child has no descriptor. It finds the length of the parent's table by its name.
+    // A forked child has no descriptor. It reads the length of the parent's table through the name.
     const bool isLeft = !isWritable_;
     const auto path = kSharedMemoryFolder + fileName(name_);
     if (isLeft && ::stat(path.c_str(), &status) == 0) {

@@ -1,4 +1,4 @@
-// The memory a table lives in: private or named, growing in place.
+// The memory of a table: private or named, growing in place.
 #pragma once
 
 #include <array>
@@ -10,25 +10,26 @@
 
 namespace Tovan {
 
-/// Where a table lives, and what its opener may do.
+/// How a table is opened.
 enum class Access {
   Embedded,  ///< a new table in this process's own memory
-  Write,     ///< the named table, created when absent, taken over when its last writer is gone
+  Write,     ///< the named table; created if absent, taken over if its last writer has ended
   Read,      ///< the named table of another process
 };
 
-/// What a table is opened with.
+/// The parameters of opening a table.
 struct TableConfig {
   Access access = Access::Embedded;
-  /// The name that other processes attach by, such as "leaf1.route4"; an embedded table's only
-  /// appears in messages. A table belongs to what stands before its first dot.
+  /// The name under which other processes open the table, such as "leaf1.route4". The name of an
+  /// embedded table appears in messages only. The part before the first dot is the owner's name.
   std::string name = {};
-  /// What key and value are, such as "route4/1": tables of another layout are not opened.
+  /// The name of the layout of key and value, such as "route4/1". Opening a table of another layout
+  /// fails.
   std::string layout = {};
 };
 
-/// The memory of a table. Its addresses never change, because all that it may need is reserved at
-/// the start.
+/// The memory of a table. Its address never changes, because the largest address range that it may
+/// need is reserved at the start.
 ///
 /// A forked child can read the tables of its parent. It cannot write them, and does not hold their
 /// locks.
@@ -55,7 +56,7 @@ class TableMemory {
   /// False for a reader, and in a forked child.
   bool isWritable() const { return isWritable_; }
 
-  /// Makes `bytes` from `at` on usable. New ones are zero.
+  /// Makes `bytes` from `at` on usable. New bytes are zero.
   /// \throws NoSpaceException, changing nothing.
   void provide(size_t at, size_t bytes);
   /// Gives the memory of a part back, which reads as zeroes from then on. The length stays. Whole
@@ -90,7 +91,7 @@ class TableMemory {
   /// Maps the file as it is now, after it was cut short. Returns false when it was not, or is
   /// empty.
   bool remap();
-  /// Closes what a forked child must not share with its parent.
+  /// Closes the descriptors that a forked child must not share with its parent.
   void leaveToParent();
   const std::string& name() const { return name_; }
 
@@ -106,14 +107,15 @@ class TableMemory {
   std::atomic<bool> isCut_ = false;
 };
 
-/// What a table is called in messages.
+/// The form of a table's name in messages.
 std::string titleOf(std::string_view table);
 
 /// The names of all shared tables. \throws OpenException when there is no folder of shared tables.
 std::vector<std::string> allTables();
-/// Those of `owner`: `owner` itself and "owner.anything". \throws as allTables().
+/// The tables of `owner`: `owner` itself, and all names that begin with `owner` and a dot.
+/// \throws as allTables().
 std::vector<std::string> tablesOf(std::string_view owner);
-/// Removes the tables that belong to `owner`, readable or not, and returns how many they were.
+/// Removes the tables of `owner`, readable or not, and returns their number.
 /// Tables that this process opened for writing are removed even if it has no file descriptor left.
 /// A table that another process has open for writing is not removed, nor is a file that replaced a
 /// table of this process.

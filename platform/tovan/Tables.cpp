@@ -1,4 +1,4 @@
-// The tables of both families, compiled once for all who use them.
+// The instantiations of the tables of both families.
 #include "platform/tovan/ForwardingStatus.h"
 #include "platform/tovan/RouteStatus.h"
 

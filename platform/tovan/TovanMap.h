@@ -36,8 +36,8 @@ namespace Tovan {
 /// CorruptionDetectedException. The writer's own set(), add() and erase() repair the table instead,
 /// report to corruptionDetected(), and continue.
 ///
-/// The private part is in MapLayout.h (the memory), MapReading.h and MapWriting.h (the look-ups and
-/// changes), MapShrinking.h (what removals leave), and MapRepair.h (takeover, checks and damage).
+/// The implementation is in MapLayout.h (the memory), MapReading.h (look-ups), MapWriting.h
+/// (changes), MapShrinking.h (the release of memory), and MapRepair.h (takeover, checks, repairs).
 ///
 /// \tparam Key    trivially copyable, without padding: its bytes are its identity.
 /// \tparam Value  trivially copyable, without pointers.
@@ -62,7 +62,7 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   /// \throws CorruptionDetectedException; on a reader BusyException.
   std::optional<Value> get(const Key& key) const;
 
-  /// Prefetches the memory that get() is going to read; useful to the writer only.
+  /// Prefetches the memory that get() reads. Useful to the writer only.
   void prefetch(const Key& key) const;
   /// The value that the memory has for `key`, without a check: good for a prefetch, and no more.
   /// Nothing if there is none, and on a reader.
@@ -93,7 +93,7 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   /// between. A get() before or after a single call may have seen another version.
   std::optional<Version> version(const Key& key) const;
 
-  /// How many entries there are. If the number in the memory is impossible, a reader counts them.
+  /// The number of entries. If the stored number is impossible, a reader counts the entries.
   size_t size() const;
 
   /// Removes all entries. \throws ReadOnlyException.
@@ -230,7 +230,7 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
     size_ = size;
     headerIs(kSize, guarded(static_cast<uint32_t>(size)));
   }
-  /// Counts a completed change. What was known of the entries before may no longer be true.
+  /// Counts a completed change. The key in missed_ may now be present.
   void noteChange() { header().changes.store(++changes_, std::memory_order_release); }
   template <class Step>
   auto repairing(Step step);
@@ -280,38 +280,39 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   bool isInOrder(Page& what) const;
   void recount();
 
-  /// What the writer knows of a page without reading it.
+  /// The writer's own data of a page.
   struct PageUse {
     static constexpr uint8_t kFree = 0xff;
     uint8_t live = kFree;  ///< how many entries it has
     uint8_t depth = 0;
   };
   static_assert(kSlots < PageUse::kFree);
-  /// Two pages become one when they have at most so many entries together. A page is only split
-  /// with more than half of its slots full, so entries that come and go cause neither in turn.
+  /// Two pages are joined when they have at most this many entries together. A page is split only
+  /// when more than half of its slots are full. So entries that are added and removed in turn do
+  /// not cause splits and joins in turn.
   static constexpr uint32_t kMaxJoined = kSlots * 3 / 8;
-  /// So many free pages are kept in any case.
+  /// At least this many free pages are kept.
   static constexpr size_t kSparePages = 16;
 
   Kiv::HashSeed seed_;
-  // In the writer's own memory, where other processes cannot change it.
+  // The writer's own copies, which other processes cannot change.
   uint32_t depth_ = 0;
   uint32_t serial_ = 0;
   uint64_t size_ = 0;
   uint64_t changes_ = 1;
   std::vector<PageUse> uses_;   // of all reserved pages
-  uint32_t freeCount_ = 0;      // how many of them are free
-  std::vector<uint64_t> free_;  // a bit for each of them
-  size_t lowestFree_ = 0;       // the words of free_ before this one are zero
-  uint32_t end_ = 0;            // none from it on is used
-  uint32_t everReserved_ = 0;   // pages below it may have been given back
+  uint32_t freeCount_ = 0;      // the number of free pages among them
+  std::vector<uint64_t> free_;  // a bit for each of them: whether it is free
+  size_t lowestFree_ = 0;       // all words of free_ before this index are zero
+  uint32_t end_ = 0;            // pages from this number on are free
+  uint32_t everReserved_ = 0;   // pages from this number on were never reserved
   std::array<uint32_t, kMaxDepth + 1> pagesOfDepth_{};
   std::optional<Dropped<Key>> dropped_;
   struct {
     uint64_t round = 0;
-    uint32_t next = 0;  ///< the page to look at
+    uint32_t next = 0;  ///< the next page to check
   } inspected_;
-  /// The key that the last look-up did not find, and how many changes there had been by then.
+  /// The key that the last look-up did not find, and the number of changes at that time.
   mutable struct {
     Words key;
     uint64_t changes = 0;

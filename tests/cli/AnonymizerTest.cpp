@@ -49,7 +49,7 @@ struct Samples6 {
 using Families = testing::Types<Samples4, Samples6>;
 TYPED_TEST_SUITE(AnonymousAddressTest, Families);
 
-TYPED_TEST(AnonymousAddressTest, KeepWhatTheyHaveInCommonAndDifferFromTheFormerOnes) {
+TYPED_TEST(AnonymousAddressTest, KeepCommonLeadingBitsAndDifferFromTheOriginals) {
   const Anonymizer anonymizer(Anonymizer::keyOf("key"));
   std::mt19937 random(1);
   std::vector<typename TypeParam::Addr> addrs;
@@ -65,7 +65,7 @@ TYPED_TEST(AnonymousAddressTest, KeepWhatTheyHaveInCommonAndDifferFromTheFormerO
   EXPECT_LE(unchanged, 1U);
 }
 
-TEST(AnonymizerTest, WhatARouterTreatsInItsOwnWayStaysWhatItIs) {
+TEST(AnonymizerTest, SpecialAddressesAndNamesKeepTheirMeaning) {
   Anonymizer anonymizer(Anonymizer::keyOf("key"));
   for (const char* kept : {"0.0.0.0/0", "::/0", "0.0.0.0", "127.0.0.0/8", "169.254.0.0/16",
                            "224.0.0.0/4", "240.0.0.0/4", "255.255.255.255", "192.0.0.8", "::1",
@@ -87,7 +87,7 @@ TEST(AnonymizerTest, WhatARouterTreatsInItsOwnWayStaysWhatItIs) {
   EXPECT_TRUE(anonymizer.interfaceName("Management1").starts_with("Management"));
 }
 
-TEST(AnonymizerTest, WhatIsNotKnownIsRefused) {
+TEST(AnonymizerTest, RefusesUnknownMembersAndValues) {
   const Anonymizer anonymizer(Anonymizer::keyOf("key"));
   for (const char* line :
        {"{", R"({"op":"neighbor","intf":"a","ip":"10.0.0.5","comment":"Anna's desk"})",

@@ -148,17 +148,17 @@ class ControlClientTest : public testing::Test {
   FakeDaemon daemon;
 };
 
-TEST_F(ControlClientTest, ADaemonThatDoesNotAnswerIsGivenUp) {
+TEST_F(ControlClientTest, GivesUpIfTheDaemonDoesNotAnswer) {
   daemon.drip();
   expectGivenUp();
 }
 
-TEST_F(ControlClientTest, ADaemonThatDoesNotAcceptIsGivenUp) {
+TEST_F(ControlClientTest, GivesUpIfTheDaemonDoesNotAccept) {
   daemon.fillQueue();
   expectGivenUp();
 }
 
-TEST_F(ControlClientTest, AnswersOfAnotherFormAreAnErrorThatNamesTheDaemon) {
+TEST_F(ControlClientTest, ReportsMalformedAnswersWithTheDaemonsName) {
   daemon.answer(
       R"({"ok":true,"status":[],"metrics":[{"samples":3}],"explanation":7,"level":{},)"
       R"("file":0})"
@@ -174,7 +174,7 @@ TEST_F(ControlClientTest, AnswersOfAnotherFormAreAnErrorThatNamesTheDaemon) {
   }
 }
 
-TEST_F(ControlClientTest, WhatTheDaemonCouldNotReadIsToldAndFails) {
+TEST_F(ControlClientTest, PrintsTheDaemonsReadErrorsAndFails) {
   daemon.answer(
       "{\"ok\":true}\n{\"error\":\"10.0.0.5/32 is damaged\"}\n{\"text\":\"the rest\"}\n"
       "{\"end\":true}\n");
@@ -185,7 +185,7 @@ TEST_F(ControlClientTest, WhatTheDaemonCouldNotReadIsToldAndFails) {
   EXPECT_EQ(result.status, kFailed);
 }
 
-TEST_F(ControlClientTest, NoAnswerTurnsTheTerminalIntoSomethingElse) {
+TEST_F(ControlClientTest, EscapesControlCharactersInAnswers) {
   daemon.answer(R"({"ok":true,"metrics":[{"name":"a\u001b[2J","type":"gauge","help":"b\u001bc\nd",)"
                 R"("samples":[{"labels":{"l\u001b":"v\u001b"},"value":1}]}]})"
                 "\n{\"text\":\"a\\u001b[31mb\"}\n{\"end\":true}\n");

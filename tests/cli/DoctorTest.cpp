@@ -73,11 +73,11 @@ class DoctorTest : public testing::Test {
   Machine machine;
 };
 
-TEST_F(DoctorTest, AMachineThatIsAllRightIsLeftInPeace) {
+TEST_F(DoctorTest, AHealthyMachineGetsNoAdvice) {
   EXPECT_EQ(examine(machine), std::vector<Advice>());
 }
 
-TEST_F(DoctorTest, ASettingIsJudgedWithThatOfAllInterfacesAndMendedWhereItHurts) {
+TEST_F(DoctorTest, CombinesTheSettingsOfAnInterfaceAndOfAll) {
   set("all", "ipv4", "arp_accept", "0");
   set("swp2", "ipv4", "arp_accept", "0");
   auto advice = only();
@@ -99,7 +99,7 @@ TEST_F(DoctorTest, ASettingIsJudgedWithThatOfAllInterfacesAndMendedWhereItHurts)
   EXPECT_EQ(only().mend, "sysctl -w net/ipv6/conf/swp1/accept_untracked_na=1");
 }
 
-TEST_F(DoctorTest, NeighborLimitsAreJudgedByHowManyThereAre) {
+TEST_F(DoctorTest, ComparesNeighborLimitsWithTheNumberOfNeighbors) {
   machine.neighbors4 = 20000;
   auto advice = only();
   EXPECT_EQ(advice.weight, Advice::Weight::Warning);
@@ -123,7 +123,7 @@ TEST_F(DoctorTest, WithoutTheCapabilityRoutesAreRefusedAndTheBufferIsLimited) {
   EXPECT_EQ(advice[1].subject, "rmem_max");
 }
 
-TEST_F(DoctorTest, TablesAndTheProtocolBelongToNobodyElse) {
+TEST_F(DoctorTest, OtherProgramsMustNotUseTheTablesOrTheProtocol) {
   machine.routes = {route("10.0.0.5/32", 10, 205)};
   EXPECT_EQ(examine(machine), std::vector<Advice>());
   machine.routes.push_back(route("10.9.0.0/16", 10, RTPROT_STATIC));
@@ -140,7 +140,7 @@ TEST_F(DoctorTest, TablesAndTheProtocolBelongToNobodyElse) {
   EXPECT_EQ(examine(machine), std::vector<Advice>());
 }
 
-TEST_F(DoctorTest, RulesLeadPacketsPastTablesOfExportAndToThoseOfHosts) {
+TEST_F(DoctorTest, RulesMustSkipExportTablesAndReachVrfTables) {
   const Linux::Rule local{.priority = 0, .table = RT_TABLE_LOCAL};
   const Linux::Rule main{.priority = 32766, .table = RT_TABLE_MAIN};
   machine.rules = {local, main};
@@ -171,7 +171,7 @@ TEST_F(DoctorTest, RulesLeadPacketsPastTablesOfExportAndToThoseOfHosts) {
   EXPECT_EQ(examine(machine), std::vector<Advice>());
 }
 
-TEST_F(DoctorTest, FrrHasToImportAndRedistributeTheTables) {
+TEST_F(DoctorTest, FrrMustImportAndRedistributeTheTables) {
   write("etc/frr/frr.conf", "! ip import-table 10\nrouter bgp 65001\n");
   machine.frrRuns = false;
   EXPECT_EQ(examine(machine), std::vector<Advice>());
@@ -187,7 +187,7 @@ TEST_F(DoctorTest, FrrHasToImportAndRedistributeTheTables) {
   EXPECT_EQ(examine(machine), std::vector<Advice>());
 }
 
-TEST_F(DoctorTest, BirdHasToLearnTheTablesByTheirProtocol) {
+TEST_F(DoctorTest, BirdMustLearnTheTablesByTheirProtocol) {
   const std::string config =
       "protocol kernel { kernel table 10; learn; ipv4 { import where "
       "krt_source = 205; }; }\n";

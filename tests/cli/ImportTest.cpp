@@ -110,7 +110,7 @@ TEST(ImportTest, AnInterfaceIsInTheVrfOfItsMasterAndAPortInNone) {
             "route4: warning: table 100 belongs to no VRF: 2 route(s) left out\n");
 }
 
-// The engine knows one primary address, so a second one would take the first one's place.
+// The engine stores one primary address, so a second one would replace the first one.
 TEST(ImportTest, AnInterfaceHasOnePrimaryAddress) {
   const auto result = import({{"addr", R"([{"ifname": "Vlan10", "addr_info": [
     {}, {"local": "127.0.0.1", "prefixlen": 8}, {"local": "::1", "prefixlen": 128},
@@ -202,7 +202,7 @@ TEST(ImportTest, TheRouteDocumentsMayOverlap) {
   EXPECT_EQ(result.warnings, "");
 }
 
-TEST(ImportTest, WhatCannotBeImportedIsLeftOutWithTheReason) {
+TEST(ImportTest, WarnsOfEachRouteThatItCannotImport) {
   const std::vector<std::pair<std::string, std::string>> cases{
       {R"("dev": "Ethernet9")", "\"Ethernet9\" is no layer-3 interface here"},
       {R"("dev": 9)", R"("dev": 9 is not a string)"},
@@ -257,7 +257,7 @@ TEST(ImportTest, ARouteIsInTheVrfOfItsTablesNumber) {
 }
 
 // The output of `ip` for a tunnel repeats keys of the route.
-TEST(ImportTest, WhatIsNotDirectlyConnectedKeepsItsPrefix) {
+TEST(ImportTest, KeepsRoutesWithoutUsableNextHops) {
   const auto result = importRoutes(R"([
     {"dst": "10.1.0.0/24", "encap": "ip", "id": 7, "src": "192.0.2.2", "dst": "192.0.2.1",
      "ttl": 0, "tos": 4, "dev": "Ethernet1"},
@@ -283,7 +283,7 @@ TEST(ImportTest, WhatIsNotDirectlyConnectedKeepsItsPrefix) {
             "tunnel (encap)\n");
 }
 
-TEST(ImportTest, WhatWasLostInSilenceIsCarriedOverOrTold) {
+TEST(ImportTest, ImportsOrWarnsOfUnusualEntries) {
   const auto result = import({{"link", R"([
     {"ifname": "Ethernet1", "flags": ["UP"]}, {"ifname": "Ethernet2", "flags": ["BROADCAST"]},
     {"ifname": "gre1", "flags": ["UP", "NOARP"]}])"},
@@ -311,7 +311,7 @@ TEST(ImportTest, WhatWasLostInSilenceIsCarriedOverOrTold) {
 }
 
 // Each bad entry, or part of one, is followed by a good one. The output can be replayed.
-TEST(ImportTest, ABadEntryCostsItselfOnly) {
+TEST(ImportTest, SkipsOnlyTheBadEntries) {
   const auto result = import({{"link",
                                "[7, {\"ifname\": 8}, {\"ifname\": \"b\xFF\x01\"},"
                                R"({"ifname": ""}, {"flags": []},
@@ -355,7 +355,7 @@ TEST(ImportTest, ABadEntryCostsItselfOnly) {
   EXPECT_EQ(errors.str(), "");
 }
 
-TEST(ImportTest, ADocumentThatIsNoListIsAnError) {
+TEST(ImportTest, RefusesDocumentsThatAreNoLists) {
   const std::string kDeep = std::string(100000, '[') + std::string(100000, ']');
   for (const char* text : {"", "{}", "7", "[{\"dst\": ", "[] []", "Object \"nexthop\" is unknown",
                            "[{\"metric\": 4e924967295}]", kDeep.c_str()}) {

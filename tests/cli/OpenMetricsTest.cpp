@@ -6,7 +6,7 @@
 namespace Cli {
 namespace {
 
-TEST(OpenMetricsTest, EachFamilyHasItsTypeItsMeaningAndItsSamples) {
+TEST(OpenMetricsTest, EachFamilyHasATypeAHelpTextAndSamples) {
   const auto metrics = nlohmann::ordered_json::parse(R"([
     {"name":"a","type":"counter","help":"How \"often\".\nOr not.",
      "samples":[{"labels":{"vrf":"b\"l\\ue","family":"ipv4"},"value":18446744073709551615}]},

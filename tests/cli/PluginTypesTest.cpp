@@ -57,7 +57,7 @@ TEST_F(PluginTypesTest, ThePluginListsItsTypesInTheOrderOfTheirRegistration) {
   EXPECT_EQ(pluginTypes(PLUGIN), kTypes);
 }
 
-TEST_F(PluginTypesTest, RefusesWhatIsNoPlugin) {
+TEST_F(PluginTypesTest, RefusesFilesThatAreNoPlugins) {
   const auto names = bytes.find(section);
   const auto name = bytes.rfind(".kiv.type");
   ASSERT_NE(names, bytes.npos);

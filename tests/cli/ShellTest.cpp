@@ -35,12 +35,12 @@ class ShellTest : public testing::Test {
   }
 
   Daemon::Switch sw;
-  std::ostringstream printed;  // by lines of a replay
+  std::ostringstream printed;  // the output of the lines of a replay
   std::unique_ptr<Replay::Output> output = Replay::jsonOutput(printed);
   Replay::Player player{sw, *output, {}};
 };
 
-TEST_F(ShellTest, DrivesAMachineAndLooksIntoIt) {
+TEST_F(ShellTest, SetsReadsAndCallsMembersOfAMachine) {
   EXPECT_EQ(run("get /ipv4/default/arpRoute"), "");
   EXPECT_EQ(run("set /ipv4/default/routeSm/initialized true"), "");
   EXPECT_EQ(run("get /ipv4/default/routeSm/initialized"), "true\n");
@@ -69,7 +69,7 @@ TEST_F(ShellTest, MakesSetsAndDeletesEntries) {
   EXPECT_EQ(run("get /ipv4/default/routeSm"), "null\n");
 }
 
-TEST_F(ShellTest, ListsWhatThereIs) {
+TEST_F(ShellTest, ListsEntitiesAndMembers) {
   EXPECT_EQ(run("ls"), "ipv4/\nipv6/\n");
   EXPECT_EQ(run("ls /ipv6"), "default/\n");
   const auto listed = run("ls /ipv6/default");
@@ -87,7 +87,7 @@ TEST_F(ShellTest, ListsWhatThereIs) {
   EXPECT_EQ(Cli::Shell::completions("get /nowhere/x"), Texts{});
 }
 
-TEST_F(ShellTest, TakesLinesOfAReplay) {
+TEST_F(ShellTest, ExecutesLinesOfAReplay) {
   std::ostringstream os;
   Cli::Shell shell(sw, player, os);
   EXPECT_TRUE(shell.execute(R"({"op":"initialized","vrf":"blue","value":true})"));

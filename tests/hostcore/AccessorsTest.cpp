@@ -1,4 +1,4 @@
-// The uniform accessors that a daemon may rely on, of the machines, the roots and their tables.
+// Tests of the accessors of machines, roots and their tables.
 #include <algorithm>
 
 #include "tests/hostcore/World.h"
@@ -15,7 +15,7 @@ auto routeSmIs(World<F>& world, const char* vrf) {
       [&world](const auto&... inputs) { return world.root->routeSmIs(inputs...); }, vrf);
 }
 
-TYPED_TEST(AccessorsTest, AMachineIsMadeUnlessOneOfTheSameInputsIsThere) {
+TYPED_TEST(AccessorsTest, AMachineWithTheSameInputsIsKept) {
   World<TypeParam> world;
   const auto made = routeSmIs(world, "red");
   ASSERT_TRUE(made);
@@ -29,7 +29,7 @@ TYPED_TEST(AccessorsTest, AMachineIsMadeUnlessOneOfTheSameInputsIsThere) {
   EXPECT_EQ(world.machine().vrfReadiness(), nullptr);
 }
 
-TYPED_TEST(AccessorsTest, NewReplacesAnObjectByTheOneThatItReturns) {
+TYPED_TEST(AccessorsTest, NewReplacesAndReturnsTheObject) {
   using Prefix = typename TypeParam::Prefix;
   World<TypeParam> world;
   auto& root = *world.root;
@@ -62,7 +62,7 @@ TYPED_TEST(AccessorsTest, NewReplacesAnObjectByTheOneThatItReturns) {
 }
 
 // A replaced reactor releases the machine and its input. The new one catches up with the input.
-TYPED_TEST(AccessorsTest, NewReactorsTakeTheirPlacesOver) {
+TYPED_TEST(AccessorsTest, NewReactorsReplaceTheFormerOnes) {
   World<TypeParam> world;
   world.startWithSubnet();
   auto& machine = world.machine();
@@ -190,7 +190,7 @@ TEST(SetFunctionsTest, Ipv6OnesTraceWhenTheyAreCalledByHand) {
                 "Obu::IntfDir::PtrConst, Obu::IntfDir::PtrConst)"}));
 }
 
-/// Sets the hook of the process as long as it lives.
+/// Sets the hook of the process during its lifetime.
 class Hook {
  public:
   explicit Hook(Kiv::Notifiee::AttributeHook hook) {

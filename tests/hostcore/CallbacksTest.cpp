@@ -1,4 +1,4 @@
-// Callbacks that change the engine's inputs before the handler that called them has ended.
+// Tests of callbacks that change the engine's inputs while the handler that called them still runs.
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -36,7 +36,7 @@ struct NeighborWatcher : Arp::ArpIntfStatus::NotifieeConst, Once {
   void onIp6NeighborEntry(const Zemit::Ip6Addr&) override { told(); }
 };
 
-/// Acts when a prefix is filed for the first time.
+/// Calls a function when a prefix is filed for the first time.
 template <class F>
 struct FilingWatcher : F::RouteSmRoot::NotifieeConst, Once {
   void onAdjacencyToPrefix(const Tovan::Fib::FecId&) override { told(); }
@@ -78,7 +78,7 @@ TYPED_TEST(CallbacksTest, ARepairReadsTheHostRouteAfterItsFiling) {
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(CallbacksTest, AFecThatMovesDuringAPassCountsForTheRestOfIt) {
+TYPED_TEST(CallbacksTest, AFecThatChangesDuringAPassCountsForTheRestOfThePass) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -153,7 +153,7 @@ TYPED_TEST(CallbacksTest, ADerivedAdjacencyHelperSeesEveryGetAndEveryDrop) {
   red.root->adjHelperIs(counting);
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);
-  const TraceLog log(F::trace(), {8});  // with which each announcement is merged
+  const TraceLog log(F::trace(), {8});  // with this trace, each announcement is merged
   for (int i = 0; i < 3; ++i) {
     F::neighborNotify(red.table(red.ethernet1), Sample<F>::addr(5));
     EXPECT_EQ(counting->held, 1);

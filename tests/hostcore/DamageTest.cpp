@@ -1,4 +1,4 @@
-// Host routes over damaged tables in shared memory.
+// Tests of host routes with damaged tables in shared memory.
 #include <unistd.h>
 
 #include <set>
@@ -67,7 +67,7 @@ class DamagedWorld : public World<F> {
     }
   }
   void announce(uint32_t n) { F::neighborNotify(this->table(this->ethernet1), S::addr(n)); }
-  /// The daemon programs FEC and subnet again, the latter with another metric each time.
+  /// The daemon writes FEC and subnet again. The subnet gets another metric each time.
   void rewrite() {
     this->forwarding->fecIs(typename F::Fec(7, {{.hop = {}, .intf = this->ethernet1}}));
     this->routeStatus->routeIs({.key = S::subnet(),
@@ -119,7 +119,7 @@ template <class F>
 class DamageTest : public testing::Test {};
 TYPED_TEST_SUITE(DamageTest, Families);
 
-TYPED_TEST(DamageTest, EveryEventUsesTheRecordsThatCanBeRead) {
+TYPED_TEST(DamageTest, EveryEventUsesTheReadableRecords) {
   for (const Record damaged : {Record::kSubnet, Record::kHostRoute, Record::kFec}) {
     for (const Event event : {Event::kLearned, Event::kAnnounced, Event::kLost, Event::kRewritten,
                               Event::kInitialized, Event::kRibReady}) {
@@ -132,7 +132,7 @@ TYPED_TEST(DamageTest, EveryEventUsesTheRecordsThatCanBeRead) {
 
       EXPECT_EQ(world.hostRoutes(), expected(damaged, event));
       Numbers merged = world.mergedRoutes();
-      // The damaged one is back once its address was merged.
+      // The damaged host route is back after a merge of its address.
       const bool mayBeDamaged = damaged == Record::kHostRoute && event != Event::kLost &&
                                 event != Event::kRewritten && event != Event::kInitialized;
       if (mayBeDamaged) merged.insert(5);

@@ -1,4 +1,4 @@
-// The life of a state machine and of its reactors.
+// Tests of the life cycle of a state machine and of its reactors.
 #include <functional>
 #include <string>
 #include <tuple>
@@ -13,8 +13,8 @@ template <class F>
 class FrameTest : public testing::Test {};
 TYPED_TEST_SUITE(FrameTest, Families);
 
-// The two machines take the virtual addresses and the root in another order. A mix-up does not
-// compile.
+// The constructors of the two machines take the virtual addresses and the root in different orders.
+// The wrong order does not compile.
 template <class F>
 constexpr bool kAreDistinct =
     !std::is_convertible_v<typename F::RouteSmRoot::Ptr, typename F::VirtualIpStatus::PtrConst> &&
@@ -48,7 +48,7 @@ void feedAllEvents(World<F>& world) {
   world.root->routeSmDel();
 }
 
-// A null input reads as an empty table. A handler needs only the inputs that it uses.
+// A null input counts as an empty table. A handler needs only the inputs that it uses.
 TYPED_TEST(FrameTest, RunsWithoutAnyOneInput) {
   using W = World<TypeParam>;
   const std::pair<const char*, std::function<void(W&)>> omissions[] = {
@@ -125,7 +125,7 @@ TYPED_TEST(FrameTest, FollowsAnInterfaceThroughVrfsAndNewStatusObjects) {
   world.expectBalancedReferences();
 }
 
-// The order in which interfaces are met at construction must not depend on a hash.
+// The order in which a new machine visits interfaces must not depend on a hash.
 TYPED_TEST(FrameTest, GivesASharedAddressToTheLastInterfaceByName) {
   World<TypeParam> world;
   for (const char* name : {"Ethernet3", "Ethernet1", "Ethernet4", "Ethernet2"}) {
@@ -137,8 +137,8 @@ TYPED_TEST(FrameTest, GivesASharedAddressToTheLastInterfaceByName) {
   world.expectBalancedReferences();
 }
 
-// The same holds for neighbour tables: adjacencies are numbered in the order in which they are
-// made.
+// The same applies to neighbour tables, because adjacencies are numbered in the order of their
+// creation.
 TYPED_TEST(FrameTest, CatchesUpWithNeighborTablesInTheOrderOfTheirNames) {
   using Machine = typename TypeParam::RouteSm;
   struct Watcher final : Machine::NotifieeConst {

@@ -12,7 +12,7 @@ template <class F>
 class LifetimeTest : public testing::Test {};
 TYPED_TEST_SUITE(LifetimeTest, Families);
 
-/// Acts at the next change, and does not keep its notifier alive.
+/// Calls a function at the next change, and does not keep its notifier alive.
 template <class Notifier>
 struct Watching : Notifier::NotifieeConst, Once {
   Watching() : Notifier::NotifieeConst(Kiv::Notifiee::Hold::kWeak) {}
@@ -67,7 +67,7 @@ std::vector<std::string> written(World<F>& world) {
   return routes;
 }
 
-/// Adds to the addresses of an interface.
+/// Adds an address to an interface.
 template <class Status>
 void addAddress(Status& status, uint32_t n) {
   if constexpr (requires { status.activeSecondaryWithMaskCount(); }) {
@@ -184,7 +184,7 @@ TYPED_TEST(LifetimeTest, AMachineEndsAlsoWithHandlesToIt) {
     EXPECT_EQ(answer(setter), "the state machine of VRF red has ended")
         << "setter " << &setter - setters;
   }
-  // A handler finds nothing to do, or lacks the root.
+  // A handler does nothing, or raises because it lacks the root.
   const typename F::Route route{.key = S::subnet(), .routeType = F::kConnected, .fecId = 7};
   const auto addrs = F::AddrSet::AddrSetIs(S::subnet());
   addrs->ipIs(S::addr(5), true);
@@ -235,7 +235,7 @@ TYPED_TEST(LifetimeTest, AMachineEndsAlsoWithHandlesToIt) {
   world.changeAll(21);
 }
 
-TYPED_TEST(LifetimeTest, ReactorsThatAMachineRemovedReactToNothing) {
+TYPED_TEST(LifetimeTest, RemovedReactorsReactToNothing) {
   using F = TypeParam;
   Running<F> world;
   auto& machine = world.machine();
@@ -277,7 +277,7 @@ TYPED_TEST(LifetimeTest, ReactorsThatAMachineRemovedReactToNothing) {
   world.changeAll(10);
 }
 
-TYPED_TEST(LifetimeTest, AMachineThatIsHeldMayEndInACallback) {
+TYPED_TEST(LifetimeTest, AMachineWithAHandleMayEndInACallback) {
   using F = TypeParam;
   bool hasEnded = true;
   for (int at = 0; hasEnded; ++at) {
@@ -394,7 +394,7 @@ TYPED_TEST(LifetimeTest, TheRecordOfAnInterfaceMayBeRemovedWhileItIsMade) {
     EXPECT_EQ(world.root->receiveTable()->routeCount(), 0u);
   }
 
-  // The interface itself goes while its routes are written.
+  // The interface itself is removed while its routes are written.
   const auto received = watcherOf<HostTableWatcher<F>>(
       world.root->receiveTable(), [&] { l3Status->vrfIs(L3::VrfName("blue")); });
   l3Status->vrfIs(L3::VrfName("red"));

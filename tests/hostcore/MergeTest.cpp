@@ -1,4 +1,4 @@
-// Filing neighbours under FIB routes, and merging host routes into the route table.
+// Tests of the filing of neighbours under FIB routes, and of the merge into the route table.
 #include <unistd.h>
 
 #include "tests/hostcore/World.h"
@@ -30,7 +30,7 @@ TYPED_TEST(MergeTest, LeavesAllAsItWasWhenAFecHasTooManyVias) {
   const auto intfs = Obu::IntfDir::IntfDirIs();
   intfs->intfIs(world.ethernet1);
   EXPECT_THROW(world.machine().promoteArpEntries(intfs, route), Kiv::RangeException);
-  route.key = S::wider();  // not tracked: nothing may be made for it either
+  route.key = S::wider();  // not tracked, so no state may be made for it
   EXPECT_THROW(world.machine().fixupArpRoute(S::addr(4), route), Kiv::RangeException);
 
   for (uint32_t n : {4U, 5U, 6U}) {
@@ -41,6 +41,24 @@ TYPED_TEST(MergeTest, LeavesAllAsItWasWhenAFecHasTooManyVias) {
   EXPECT_FALSE(TypeParam::neighborSet(*world.root, S::wider()));
   EXPECT_FALSE(world.root->adjacencyToPrefix(8));
   world.expectBalancedReferences();
+}
+
+// A promotion looks up each neighbour of the interface, also outside the route.
+TYPED_TEST(MergeTest, TracesTheErrorsOfAllNeighborsAtLevel0) {
+  using S = Sample<TypeParam>;
+  World<TypeParam> world;
+  world.startWithSubnet();
+  world.learn(world.ethernet1, 5);
+  world.routeStatus->routeDel(S::subnet());
+  const TraceLog log(TypeParam::trace(), {0});
+  const auto intfs = Obu::IntfDir::IntfDirIs();
+  intfs->intfIs(world.ethernet1);
+  world.machine().promoteArpEntries(
+      intfs,
+      {.key = TypeParam::Prefix::host(S::addr(6)), .metricPref = {}, .routeType = {}, .fecId = 7});
+  ASSERT_EQ(log.records.size(), 1u);
+  EXPECT_NE(log.records[0].find("a prefix that should have an associated route"),
+            std::string::npos);
 }
 
 TYPED_TEST(MergeTest, KeepsTheReferenceOfAHostRouteThatDoesNotChange) {
@@ -68,7 +86,7 @@ TYPED_TEST(MergeTest, KeepsTheReferenceOfAHostRouteThatDoesNotChange) {
   world.expectBalancedReferences();
 }
 
-// The writer would stop the process at a route without a type.
+// The writer stops the process at a route without a type.
 TYPED_TEST(MergeTest, HandlesAFibHostRouteWithoutTypeLikeOneWithoutAdjacency) {
   World<TypeParam> world;
   world.startWithSubnet();
@@ -103,7 +121,7 @@ TYPED_TEST(MergeTest, ReleasesTheAdjacencyOfARouteThatCannotBeWritten) {
   Tovan::removeTablesOf(name);
 }
 
-// Pairs of the other family are in the table too and must match no IPv4 address.
+// The table also has IPv6 addresses, which must match no IPv4 address.
 TEST(VirtualIpTest, AnIpv6AddressInTheIpv4TableMatchesNoIpv4Address) {
   World<Daemon::Ipv4> world;
   world.startWithSubnet();

@@ -1,4 +1,5 @@
-// Null arguments and inputs where an object is needed: "null ValidPtr" is raised, traced or not.
+// Tests that a null argument or input raises "null ValidPtr" if an object is needed, with and
+// without tracing.
 #include <functional>
 #include <utility>
 

@@ -112,8 +112,8 @@ TYPED_TEST(RouteWriterTest, StopsTheProcessUnlessItGetsOneTableAndAType) {
                "routeType != Routing6?::Fib::invalid_ \\(HostRoute6?Sm:");
 }
 
-// The release of another owner's adjacency would remove it in use. Without a release, ours would
-// leak.
+// Releasing an adjacency of another owner would remove it while it is used. Without the release,
+// our own adjacency would leak.
 TYPED_TEST(RouteWriterTest, ReleasesTheAdjacencyOfOurOwnRouteTypesOnly) {
   const auto& table = this->neighborTable();
   typename TypeParam::ViaSet vias;

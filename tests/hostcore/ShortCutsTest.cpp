@@ -1,4 +1,4 @@
-// The short cuts: quiet reactors of neighbour tables, omitted merges, cached covers.
+// Tests of the short cuts: quiet reactors of neighbour tables, omitted merges, cached covers.
 #include "hostcore/fast/State.h"
 #include "tests/hostcore/World.h"
 
@@ -44,8 +44,8 @@ TYPED_TEST(ShortCutsTest, AReactorIsNotQuietWhileARouteLeavesThroughItsInterface
   EXPECT_FALSE(this->isQuiet(second));
 }
 
-// What a machine does must not depend on whether somebody has looked at its reactors.
-TYPED_TEST(ShortCutsTest, ReactorsAreMadeWhereTheyAreNeededAndWhenSomebodyLooks) {
+// The results of a machine must not depend on whether its reactors were read.
+TYPED_TEST(ShortCutsTest, ReactorsAreMadeWhenTheyAreNeededOrRead) {
   auto& red = this->world;
   const auto [first, second] = std::pair(red.ethernet1, red.ethernet2);
   red.learn(second, 4);
@@ -79,15 +79,15 @@ TYPED_TEST(ShortCutsTest, ReactorsAreMadeWhereTheyAreNeededAndWhenSomebodyLooks)
   EXPECT_FALSE(red.hasRoute(red.routeStatus, 5));
 }
 
-// An announcement within another one must not take the outer one from a machine that is woken.
-TYPED_TEST(ShortCutsTest, AMachineHearsOfAnAnnouncementAroundAnother) {
+// A machine that was woken for an announcement must get it despite an announcement within it.
+TYPED_TEST(ShortCutsTest, AMachineIsNotifiedOfAnAnnouncementAroundAnotherOne) {
   using Fec = typename TypeParam::Fec;
   auto& red = this->world;
   struct Watcher : TypeParam::ForwardingStatus::NotifieeConst, Once {
     using TypeParam::ForwardingStatus::NotifieeConst::onFec;
     void onFec(const Tovan::Fib::FecId&) override { told(); }
   };
-  const auto watcher = watcherOf<Watcher>(red.forwarding);  // stands before the machine
+  const auto watcher = watcherOf<Watcher>(red.forwarding);  // notified before the machine
   red.newMachine();
   red.machine().initializedIs(true);
   red.forwarding->fecIs(Fec(7, {{.hop = {}, .intf = red.ethernet1}}));
@@ -101,8 +101,7 @@ TYPED_TEST(ShortCutsTest, AMachineHearsOfAnAnnouncementAroundAnother) {
   EXPECT_NE(red.machine().fast().index, nullptr);
 }
 
-// The inputs of a machine without reactors may go, or stay when the machine and the others have
-// gone.
+// The inputs of a machine without reactors may be destroyed before the machine, or after it.
 TYPED_TEST(ShortCutsTest, MissingReactorsAreMadeForLivingInputsOnly) {
   const auto l3Status = World<TypeParam>::inVrf(this->world.ethernet1, "blue");
   Arp::ArpIntfStatus::Ptr table;
@@ -118,7 +117,7 @@ TYPED_TEST(ShortCutsTest, MissingReactorsAreMadeForLivingInputsOnly) {
     EXPECT_EQ(toMerge->ipCount(), 1u);
     red.root->routeSmDel();
     red.newMachine();
-    EXPECT_EQ(red.machine().fast().index, nullptr);  // other code holds the set
+    EXPECT_EQ(red.machine().fast().index, nullptr);  // other code has a handle to the set
   }
   l3Status->vrfIs(L3::VrfName("red"));
   Kiv::Tracer::sinkIs([](const Kiv::TraceRecord&) {});
@@ -128,7 +127,7 @@ TYPED_TEST(ShortCutsTest, MissingReactorsAreMadeForLivingInputsOnly) {
   Kiv::Tracer::sinkIs({});
 }
 
-// The last interface to write an address that several have owns it.
+// If several interfaces have an address, the last one that writes it owns it.
 TYPED_TEST(ShortCutsTest, InterfacesOfOneLayer3StatusAreAdmittedInTheOrderOfTheirNames) {
   auto& red = this->world;
   const auto l3Status = red.inVrf(red.ethernet1, "blue");
@@ -140,7 +139,7 @@ TYPED_TEST(ShortCutsTest, InterfacesOfOneLayer3StatusAreAdmittedInTheOrderOfThei
   EXPECT_EQ(red.root->receiveAddrToIntfName(Sample<TypeParam>::addr(9)), "Ethernet9");
 }
 
-TYPED_TEST(ShortCutsTest, NothingIsQuietWhereNotificationsWait) {
+TYPED_TEST(ShortCutsTest, NoReactorIsQuietUnderAQueueingActivity) {
   this->world.activity = Kiv::make<Kiv::QueueingActivity>();
   this->world.table(this->world.ethernet2);
   this->world.startWithSubnet();
@@ -153,7 +152,7 @@ TYPED_TEST(ShortCutsTest, AnotherVrfsVirtualAddressTakesEffectAtTheNextEventOfIt
   red.learn(red.ethernet1, 5);
   red.learn(red.ethernet2, 6);
   this->virtualIn("blue", 6, true);
-  EXPECT_TRUE(this->isQuiet(red.ethernet2));  // no host route gives way
+  EXPECT_TRUE(this->isQuiet(red.ethernet2));  // no host route is concerned
 
   this->virtualIn("blue", 5, true);
   EXPECT_EQ(this->merged(5).routeType, TypeParam::kAttached);
@@ -167,7 +166,7 @@ TYPED_TEST(ShortCutsTest, AnotherVrfsVirtualAddressTakesEffectAtTheNextEventOfIt
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(ShortCutsTest, AStepTakenByHandIsMergedByTheNextEvent) {
+TYPED_TEST(ShortCutsTest, TheNextEventMergesChangesOfADirectCall) {
   auto& red = this->world;
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);
@@ -178,7 +177,7 @@ TYPED_TEST(ShortCutsTest, AStepTakenByHandIsMergedByTheNextEvent) {
 }
 
 // Also when other code wrote the route meanwhile.
-TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithItsMerge) {
+TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithAMerge) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -208,7 +207,7 @@ TYPED_TEST(ShortCutsTest, ANeighboursEventEndsWithItsMerge) {
     this->announce(red.ethernet2, 5);
     EXPECT_EQ(this->merged(5), merged);
   }
-  // One of a neighbour that was not stored.
+  // The announcement of a neighbour that was not stored.
   red.routeStatus->routeIs(
       {.key = host(7), .metricPref = {}, .routeType = F::kAttached, .fecId = 7});
   this->announce(red.ethernet2, 7);
@@ -279,7 +278,7 @@ TYPED_TEST(ShortCutsTest, LostDeferredMergesEndTheTrust) {
   }
 }
 
-TYPED_TEST(ShortCutsTest, AReactorMovedByItselfEndsTheTrust) {
+TYPED_TEST(ShortCutsTest, AReactorThatIsBoundElsewhereEndsTheTrust) {
   using F = TypeParam;
   using S = Sample<F>;
   auto& red = this->world;
@@ -304,7 +303,7 @@ TYPED_TEST(ShortCutsTest, AReactorMovedByItselfEndsTheTrust) {
   EXPECT_FALSE(blue.machine().arpIntfStatus("Ethernet2")->isQuiet());
 }
 
-// Each of these alone may mean that an address is not merged.
+// In each of these cases alone, an address may need a merge.
 TYPED_TEST(ShortCutsTest, ANewMachineDoesNotTrustRoutesThatItFinds) {
   using F = TypeParam;
   using S = Sample<F>;
@@ -471,7 +470,7 @@ TYPED_TEST(ShortCutsTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
   red.expectBalancedReferences();
 }
 
-TYPED_TEST(ShortCutsTest, ATableMayGoWhileItsNeighbourIsHandled) {
+TYPED_TEST(ShortCutsTest, ATableMayBeRemovedWhileItsNeighbourIsHandled) {
   auto& red = this->world;
   red.startWithSubnet();
   red.learn(red.ethernet1, 5);

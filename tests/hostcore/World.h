@@ -1,4 +1,4 @@
-// One VRF's state machine of either family, over inputs that a test holds.
+// The state machine of one VRF, of either family, with inputs that a test owns.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -65,7 +65,8 @@ struct Sample {
   }
 };
 
-/// The VRF "red": a root, and the inputs for its machine, which may be nulled before newMachine().
+/// The VRF "red": a root, and the inputs of its machine. A test may reset inputs before
+/// newMachine().
 template <class F>
 struct World {
   using S = Sample<F>;
@@ -134,7 +135,7 @@ struct World {
     }
   }
 
-  /// The IP status' entry of an interface, made if there is none.
+  /// The interface's entry in the IP status; made if it is missing.
   auto interface(Zemit::IntfId intf, const L3::Intf::Status::PtrConst& l3Status) {
     if constexpr (S::kIsIpv4) {
       return ipStatus->newIpIntfStatus(intf, l3Status);
@@ -142,7 +143,7 @@ struct World {
       return ipStatus->newIntf(intf, l3Status);
     }
   }
-  /// A status object that the IP status does not have.
+  /// The status of an interface that is not in the IP status.
   static auto interfaceStatus(Zemit::IntfId intf, const L3::Intf::Status::PtrConst& l3Status) {
     if constexpr (S::kIsIpv4) {
       return Kiv::make<Ip::IpIntfStatus>(intf, l3Status);
@@ -155,7 +156,7 @@ struct World {
     status->vrfIs(L3::VrfName(vrf));
     return status;
   }
-  /// Makes one address the interface's only one.
+  /// Sets the only address of the interface.
   template <class Status>
   static void addressIs(Status& status, uint32_t n) {
     if constexpr (S::kIsIpv4) {
@@ -171,7 +172,7 @@ struct World {
     return table->route(F::Prefix::host(S::addr(n))).key == F::Prefix::host(S::addr(n));
   }
 
-  /// Checks that the references on each adjacency are those of the routes that use it.
+  /// Checks that the references on each adjacency equal the routes that use it.
   void expectBalancedReferences() {
     EXPECT_EQ(users(adjHelper->fibAdjacencies()),
               holders(routeStatus, F::ForwardingStatus::kFirstAdjacency));
@@ -209,7 +210,7 @@ struct World {
   typename F::RouteSmRoot::Ptr root = F::newRoot("red");
 };
 
-/// Acts once, at the next change of which it is notified.
+/// Calls a function once, at its first notification.
 struct Once {
   void told() {
     if (const auto once = std::exchange(act, nullptr)) once();
@@ -217,13 +218,13 @@ struct Once {
   std::function<void()> act;
 };
 
-/// Acts at the next change of a table of routes.
+/// Calls a function at the first change of a table of routes.
 template <class Table>
 struct RouteWatcher : Table::NotifieeConst, Once {
   void onRoute(const typename Table::Prefix&) override { told(); }
 };
 
-/// A watcher of `watched`, which does `act` when it is first notified.
+/// A watcher of `watched` that calls `act` at its first notification.
 template <class Watcher, class Watched>
 Kiv::Ptr<Watcher> watcherOf(const Watched& watched, std::function<void()> act = {}) {
   auto watcher = Kiv::make<Watcher>();
@@ -232,7 +233,7 @@ Kiv::Ptr<Watcher> watcherOf(const Watched& watched, std::function<void()> act = 
   return watcher;
 }
 
-/// The trace records of some levels, as long as it lives.
+/// Collects the trace records of some levels during its lifetime.
 class TraceLog {
  public:
   TraceLog(Kiv::TraceFacility& facility, std::vector<unsigned> levels)

@@ -66,7 +66,7 @@ class ControlSocketTest : public testing::Test {
   std::vector<int> clients;
 };
 
-TEST_F(ControlSocketTest, OnlySoManyLongAnswersAreWrittenAtOnce) {
+TEST_F(ControlSocketTest, LimitsTheLongAnswersInProgress) {
   for (int subnet = 0; subnet < 40; ++subnet) {
     for (int last = 1; last < 251; ++last) {
       world.tell(Linux::neighbor(1, "10.9." + std::to_string(subnet) + "." + std::to_string(last)));

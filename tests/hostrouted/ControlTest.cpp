@@ -95,7 +95,7 @@ TEST_F(ControlTest, OnlyPermittedUsersChangeTheDaemon) {
   EXPECT_EQ(world.resynchronisations, 1);
   world.reloadError = "f.toml:3: no such key";
   EXPECT_EQ(ask(R"("reload")", kAdmin)["error"], world.reloadError);
-  // Asking for the level is no change.
+  // A query of the level is no change.
   EXPECT_EQ(ask(R"("log-level")")["level"], "info");
   EXPECT_EQ(ask(R"("log-level","level":"debug")", kAdmin)["level"], "debug");
   EXPECT_EQ(world.log.level(), LOG_DEBUG);
@@ -285,7 +285,7 @@ class RecordingTest : public testing::Test {
   RouterWorld world{RouterWorld::config(), directory};
 };
 
-TEST_F(RecordingTest, StartedLaterItEndsInTheDaemonsStateAlsoInARotatedFile) {
+TEST_F(RecordingTest, ALateRecordingAlsoEndsInTheDaemonsState) {
   constexpr uint64_t kFileBytes = 65536;
   world.learn("10.0.1.5", 1);
   world.learn("10.0.2.5", 1);
@@ -309,7 +309,7 @@ TEST_F(RecordingTest, StartedLaterItEndsInTheDaemonsStateAlsoInARotatedFile) {
   EXPECT_LT(std::filesystem::file_size(directory + "/r.1"), kFileBytes + 4096);
 }
 
-TEST_F(RecordingTest, ThereIsOneAtATimeAndNoFileIsWrittenOver) {
+TEST_F(RecordingTest, RefusesASecondRecordingAndExistingFiles) {
   const auto started = record(R"("action":"start","file":"r.jsonl")");
   EXPECT_EQ(started["file"], directory + "/r.jsonl");
   EXPECT_EQ(record(R"("action":"start","file":"s.jsonl")")["ok"], false);
@@ -319,7 +319,7 @@ TEST_F(RecordingTest, ThereIsOneAtATimeAndNoFileIsWrittenOver) {
   EXPECT_NE(again["error"].get<std::string>().find("there already"), std::string::npos) << again;
 }
 
-TEST_F(RecordingTest, AFullDiskEndsItAtTheEndOfALineAndItsStopReportsThis) {
+TEST_F(RecordingTest, AFullDiskEndsARecordingAfterAWholeLineWithAnError) {
   const auto file = directory + "/r";
   ASSERT_EQ(record(R"("action":"start","file":"r")")["ok"], true);
   {

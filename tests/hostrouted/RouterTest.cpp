@@ -63,7 +63,7 @@ TEST(RouterTest, ARouteThatIsRemovedAndAddedInOneTurnIsNotWritten) {
   const auto tell = [&](const std::string& addr, Linux::LinkIndex link, bool present = true) {
     world.tell(Linux::neighbor(link, addr), present);
   };
-  // So many new neighbours that routes are written before the turn ends.
+  // With this many new neighbours, routes are written before the turn ends.
   constexpr int kMany = 250;
   for (int last = 2; last < kMany; ++last) tell("10.0.9." + std::to_string(last), 1);
   tell("10.0.1.7", 1, false);

@@ -78,7 +78,7 @@ struct RouterWorld {
     router.endDump();
   }
 
-  /// Tells the router of an interface with the address .1 of a subnet, and of the subnet's route.
+  /// Feeds an interface with the address .1 of a subnet, and the subnet's route.
   void tellPort(const Linux::Link& link, const std::string& subnet,
                 Linux::TableId table = RT_TABLE_MAIN) {
     tell(link);

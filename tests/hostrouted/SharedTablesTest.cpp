@@ -28,7 +28,7 @@ class SharedTablesTest : public testing::Test {
   static Zemit::Prefix host(uint32_t n) {
     return Zemit::Prefix::host(Zemit::IpAddr(0x0A000100 + n));
   }
-  /// A wake-up of the watchdog, and the turns that the router asks for within some seconds.
+  /// Runs a wake-up of the watchdog, and the turns that the router requests within some seconds.
   void idle() {
     EXPECT_FALSE(world.router.nextDeadline()) << "a wake-up with nothing to do";
     world.now += 15;
@@ -84,7 +84,7 @@ TEST_F(SharedTablesTest, ReadersSeeThatRoutesAreMissing) {
   const Tovan::Fib::RouteTableReader reader(name, "default");
   EXPECT_FALSE(reader.state().incomplete);
   {
-    const Sample::SmallFiles full(4210000);  // the size that a table is made with
+    const Sample::SmallFiles full(4210000);  // the size of a new table
     for (const uint32_t link : {1U, 2U}) {
       for (uint32_t n = 2; n < 250; ++n) {
         world.learn("10.0." + std::to_string(link) + "." + std::to_string(n), link);

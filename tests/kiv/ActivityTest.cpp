@@ -74,7 +74,7 @@ TEST_F(ActivityTest, AnnouncementsOfACallbackWaitForTheNextRun) {
   EXPECT_EQ(run(), (Log{"vlan 1", "second vlan 1"}));
 }
 
-TEST_F(ActivityTest, NothingIsDeliveredToAReactorThatLeftTheQueue) {
+TEST_F(ActivityTest, NothingIsDeliveredToAReactorThatUnregistered) {
   const auto zombie = watcherOn(activity, "zombie ");
   const auto off = watcherOn(activity, "off ");
   const auto moved = watcherOn(activity, "moved ");
@@ -126,7 +126,7 @@ TEST_F(ActivityTest, AFailedAllocationLeavesTheQueueUnchanged) {
   EXPECT_EQ(activity->pending(), 0u);
 }
 
-TEST_F(ActivityTest, ExceptionsAreReportedAndTheRunGoesOn) {
+TEST_F(ActivityTest, ExceptionsAreReportedAndTheRunContinues) {
   struct Entered final : BridgeWatcher {
     using BridgeWatcher::BridgeWatcher;
     void handleNotification(Kiv::ActivityConfig& config) override {

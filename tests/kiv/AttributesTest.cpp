@@ -98,7 +98,7 @@ TEST_F(AttributesTest, AbsentValuesReadAsTheEmptyValue) {
 }
 
 // A pointer attribute that owned its object would keep the tables of a deleted VRF alive.
-TEST_F(AttributesTest, OnlyOwnedEntitiesAreHeldAndKnowTheirOwner) {
+TEST_F(AttributesTest, OnlyOwnedEntitiesAreKeptAliveAndKnowTheirOwner) {
   const auto port = Kiv::make<Port>("eth 1/é");
   bridge->uplinkIs(port);
   EXPECT_EQ(port->referenceCount(), 1);

@@ -165,14 +165,15 @@ TEST(HashMapTest, GivesMemoryBackWhenItShrinks) {
   EXPECT_EQ(shared->referenceCount(), 1);
 }
 
-/// Crowds half of the keys in the last quarter of the groups, so that many go on to other groups.
+/// Maps half of the keys to the last quarter of the groups, so that many overflow into other
+/// groups.
 struct UnevenHash {
   uint32_t operator()(uint64_t key) const {
     return hashWord(key) | (key % 2 == 0 ? 0U : 0xc0000000U);
   }
 };
 
-// The pages of a large block are moved to the next one, while elements come and go.
+// The pages of a large block are moved to the next block, while elements are inserted and erased.
 TEST(HashMapTest, KeepsAllElementsWhileALargeBlockIsReplaced) {
   const auto check = [](auto map) {
     constexpr uint64_t kCount = 300'000;
@@ -261,7 +262,7 @@ TEST(HashMapTest, AnIteratorStaysValidAcrossInsertions) {
 TEST(HashMapTest, AnIteratorStaysValidAcrossReserve) {
   HashMap<uint64_t, uint64_t> map;
   size_t bytes = 0;
-  for (uint64_t n = 0; n < 2000 || map.bytes() <= bytes; ++n) {  // the last one made it grow
+  for (uint64_t n = 0; n < 2000 || map.bytes() <= bytes; ++n) {  // until the map grows
     bytes = map.bytes();
     map.tryEmplace(n, n);
   }
@@ -275,8 +276,8 @@ TEST(HashMapTest, AnIteratorStaysValidAcrossReserve) {
   for (const auto& it : walks) ASSERT_EQ(it.value(), it.key());
 }
 
-// With the generation of the empty map, an iterator would mistake the empty map for its own.
-TEST(HashMapTest, NoGenerationIsThatOfTheEmptyMap) {
+// Otherwise an iterator could mistake the empty map for the map that it iterates over.
+TEST(HashMapTest, OnlyTheEmptyMapHasGenerationZero) {
   detail::lastHashGeneration = UINT32_MAX - 1;
   HashMap<uint64_t, uint64_t> map;
   for (uint64_t n = 0; n < 3; ++n) {

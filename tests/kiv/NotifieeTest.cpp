@@ -58,7 +58,7 @@ TEST_F(NotifieeTest, BindingCatchesUpWithEachNewNotifier) {
 }
 
 // A wrong walk would call a destroyed reactor or skip a registered one.
-TEST_F(NotifieeTest, AnAnnouncementReachesThoseRegisteredBeforeAndStillRegistered) {
+TEST_F(NotifieeTest, AnAnnouncementReachesTheNotifieesRegisteredBeforeItAndStillRegistered) {
   std::vector<BridgeWatcher::Ptr> watchers;
   for (const char* name : {"a ", "b ", "c ", "d "}) watchers.push_back(watcherOf(bridge, name));
   BridgeWatcher::Ptr joined;
@@ -76,7 +76,7 @@ TEST_F(NotifieeTest, AnAnnouncementReachesThoseRegisteredBeforeAndStillRegistere
   EXPECT_EQ(announce(), (Log{"d vlan 1", "e vlan 1"}));
 }
 
-TEST_F(NotifieeTest, TheOrderOfNotifieesSurvivesDepartures) {
+TEST_F(NotifieeTest, TheOrderOfNotifieesSurvivesRemovals) {
   constexpr int kCount = 64;
   std::vector<std::pair<std::string, BridgeWatcher::Ptr>> watchers;
   const auto expected = [&] {
@@ -225,7 +225,7 @@ TEST_F(NotifieeTest, ANotifieeThatStopsBeingQuietDuringAnAnnouncementReceivesIt)
                              "third vlan 1", "first vlan 1"}));
 }
 
-// A wrong order would number what notifiees make otherwise than if all had been there before.
+// In another order, notifiees would assign other numbers than if all had been registered before.
 TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
   struct Hook final : Kiv::NotifierHook {
     Hook() : NotifierHook(true) {}
@@ -261,7 +261,7 @@ TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
   hook->isNeededIs(true);
   EXPECT_EQ(announce(), (Log{"first vlan 1", "present vlan 1", "last vlan 1"}));
 
-  // During a walk: in its place if its turn is to come, else afterwards.
+  // During a walk, a late notifiee is notified in its place, or at the end if the place has passed.
   BridgeWatcher::Ptr zeroth;
   present->then = [&] {
     middle = missing("middle ", {between, 0});
@@ -273,14 +273,14 @@ TEST_F(NotifieeTest, AHookRegistersMissingNotifieesInTheirPlaces) {
   middle = nullptr;
   zeroth = nullptr;
 
-  // What becomes necessary during a walk is made at its end.
+  // A notifiee that becomes necessary during a walk is made at the end of the walk.
   first = nullptr;
   hook->isNeededIs(false);
   last->then = [&] { hook->isNeededIs(true); };
   EXPECT_EQ(announce(), (Log{"present vlan 1", "last vlan 1", "first vlan 1"}));
 }
 
-TEST_F(NotifieeTest, AQuietNotifieeThatIsAwakeIsToldOnce) {
+TEST_F(NotifieeTest, AWokenQuietNotifieeIsNotifiedOnce) {
   const auto first = watcherOf(bridge, "first ");
   const auto second = watcherOf(bridge, "second ");
   const auto third = watcherOf(bridge, "third ");
@@ -289,7 +289,7 @@ TEST_F(NotifieeTest, AQuietNotifieeThatIsAwakeIsToldOnce) {
   first->wakeOnce();
   second->then = [&] {
     third->wakeOnce();
-    first->wakeOnce();  // its turn is over
+    first->wakeOnce();  // the walk has passed it
   };
   EXPECT_EQ(announce(), (Log{"first vlan 1", "second vlan 1", "third vlan 1"}));
   second->then = nullptr;

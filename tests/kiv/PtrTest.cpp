@@ -47,7 +47,7 @@ TEST(PtrTest, NullAndInvalidHandlesReferToNothing) {
   EXPECT_THROW(Kiv::validPtr(static_cast<Probe*>(nullptr)), Kiv::Exception);
 }
 
-TEST(PtrTest, TheLastHandleDestroysTheObjectWhateverItsKind) {
+TEST(PtrTest, TheLastHandleOfAnyKindDestroysTheObject) {
   int destroyed = 0;
   auto made = Kiv::make<DerivedProbe>([&](Probe&) { ++destroyed; });
   Kiv::Ptr<const Probe> asConst = made;

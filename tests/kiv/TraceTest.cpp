@@ -71,7 +71,7 @@ TEST_F(TraceTest, EachLevelAndTheFacilityHaveTheirOwnSwitch) {
   EXPECT_THROW(facility.levelIs(10, true), Kiv::RangeException);
 }
 
-TEST_F(TraceTest, AReactorTracesAsWhatItWatchesAndAHelperAsItsHandler) {
+TEST_F(TraceTest, RecordsNameTheNotifierOfAReactorAndTheHandlerOfAHelper) {
   facility.levelIs(5, true);
   const auto watcher = Kiv::make<BridgeWatcher>(log);
   KIV_TRACE_AS(facility, 5, *watcher, "handleFec", "nothing watched");

@@ -16,8 +16,8 @@ namespace {
 
 constexpr size_t kMostDirect = 2;
 
-/// Waits in each batch until it may go on, but for those of the thread that made it. Refuses every
-/// third table.
+/// A channel that waits for a permit before each batch, except on the thread that made it. Refuses
+/// every third table.
 class SlowChannel final : public RouteChannel {
  public:
   void perform(std::span<const RouteRequest> requests, std::span<int> results) override {
@@ -30,7 +30,7 @@ class SlowChannel final : public RouteChannel {
   }
 
   std::counting_semaphore<> permits{0};
-  // To be looked at while no batch is under way.
+  // To be read only while no batch is in progress.
   std::vector<TableId> performed;
   std::vector<std::thread::id> threads;
 
@@ -40,7 +40,7 @@ class SlowChannel final : public RouteChannel {
 
 class BackgroundWriterTest : public testing::Test {
  protected:
-  /// Submits a batch of requests that are numbered on.
+  /// Submits a batch of requests with the next numbers as their tables.
   void submit(size_t requests) {
     auto* const batch = writer->vacant();
     ASSERT_NE(batch, nullptr);
@@ -50,7 +50,7 @@ class BackgroundWriterTest : public testing::Test {
     }
     writer->submit();
   }
-  /// Takes back a batch of so many requests that was carried out.
+  /// Checks the results of a performed batch of `requests` requests, and returns it to the writer.
   void take(RouteBatch* batch, size_t requests) {
     ASSERT_NE(batch, nullptr);
     std::vector<int> expected;
@@ -68,7 +68,7 @@ class BackgroundWriterTest : public testing::Test {
   TableId requested = 0, taken = 0;
 };
 
-TEST_F(BackgroundWriterTest, CarriesOutFewRequestsAtOnceAndManyMeanwhile) {
+TEST_F(BackgroundWriterTest, PerformsSmallBatchesAtOnceAndLargeOnesInItsThread) {
   submit(kMostDirect);
   take(writer->finished(), kMostDirect);
   EXPECT_FALSE(isReadable());
@@ -90,7 +90,7 @@ TEST_F(BackgroundWriterTest, CarriesOutFewRequestsAtOnceAndManyMeanwhile) {
   EXPECT_EQ(channel.threads[3], channel.threads[0]);
 }
 
-TEST_F(BackgroundWriterTest, TakesSoManyBatchesAndKeepsTheirOrder) {
+TEST_F(BackgroundWriterTest, LimitsTheNumberOfBatchesAndKeepsTheirOrder) {
   for (int round = 0; round < 20; ++round) {
     for (size_t i = 0; i < BackgroundWriter::kBatches; ++i) submit(3 + i);
     EXPECT_EQ(writer->vacant(), nullptr);
@@ -100,7 +100,7 @@ TEST_F(BackgroundWriterTest, TakesSoManyBatchesAndKeepsTheirOrder) {
   for (TableId i = 0; i < requested; ++i) ASSERT_EQ(channel.performed[i], i + 1);
 }
 
-TEST_F(BackgroundWriterTest, CarriesOutWhatIsUnderWayWhenItEnds) {
+TEST_F(BackgroundWriterTest, PerformsAllSubmittedBatchesBeforeItEnds) {
   for (int i = 0; i < 3; ++i) submit(10);
   channel.permits.release(3);
   writer.reset();

@@ -159,7 +159,7 @@ class FakeKernel final : public RouteChannel {
   FakeLog& log_;
 };
 
-/// Carries batches out in submit(), or later when it lags.
+/// Performs batches in submit(), or later when it lags.
 class FakeWriter final : public RouteWriter {
  public:
   explicit FakeWriter(RouteChannel& channel) : channel_(channel) {}
@@ -180,7 +180,7 @@ class FakeWriter final : public RouteWriter {
     --performed_;
   }
 
-  /// Carries out a batch, and leaves it unsaid.
+  /// Performs a batch without reporting it.
   void performNext() {
     if (performed_ == underWay_.size()) return;
     auto& batch = *std::next(underWay_.begin(), static_cast<std::ptrdiff_t>(performed_));
@@ -375,7 +375,7 @@ TEST_F(KernelRoutesTest, AnnouncesRoutesThatTheKernelDroppedWithoutANotification
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, NoticesRoutesThatWentWithTheirPreferredSource) {
+TEST_F(KernelRoutesTest, RestoresRoutesThatTheKernelDroppedWithTheirPreferredSource) {
   const Address source = *Zemit::IpAddr::parse("192.0.2.1");
   const RouteValue sourced{.vias = {{1, {}}}, .metric = 20, .preferredSource = source};
   want(key4(1), sourced);
@@ -407,9 +407,9 @@ TEST_F(KernelRoutesTest, RemovesTheRoutesOfADownInterfaceAndRestoresThem) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, LeavesAnothersRouteAndTakesOverItsOwn) {
-  // A route of another protocol has the place of one route, and an unknown route of ours that of
-  // another.
+TEST_F(KernelRoutesTest, LeavesRoutesOfOtherProtocolsAndAdoptsItsOwn) {
+  // In place of one wanted route there is a route of another protocol; in place of another one
+  // there is an unknown route with our protocol.
   kernel.put(key4(1), {false, direct(2)});
   kernel.put(key4(2), {true, direct(2)});
   want(key4(1), direct(1));
@@ -427,11 +427,11 @@ TEST_F(KernelRoutesTest, LeavesAnothersRouteAndTakesOverItsOwn) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, DoesNotMistakeAnothersRouteForItsOwn) {
+TEST_F(KernelRoutesTest, DistinguishesRoutesOfOtherProgramsFromItsOwn) {
   wantNow(key4(1), direct(1));
   wantNow(key4(2), direct(1));
-  // The first route is dropped without a notification before another's route comes. The second one
-  // is replaced by another's.
+  // The first route is dropped without a notification before another program adds its route. The
+  // second route is replaced by another program.
   kernel.dropSilently(1);
   kernel.routes[{key4(2), 0}] = {true, direct(1)};
   kernel.put(key4(1), {false, direct(2)});
@@ -583,7 +583,7 @@ TEST_F(KernelRoutesTest, DampsAHostThatFlaps) {
   EXPECT_EQ(routes->nextDeadline(), std::nullopt);
 }
 
-TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatAreWantedOtherwiseMeanwhile) {
+TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatHaveChangedSince) {
   for (uint32_t host = 1; host <= 4; ++host) wantNow(key4(host), direct(1));
   told();
   writer->lags = true;
@@ -591,7 +591,7 @@ TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatAreWantedOtherwiseMeanwhile) {
   wantNow(key4(1), std::nullopt);
   for (uint32_t host = 5; host <= 7; ++host) want(key4(host), direct(1));
   routes->flush();
-  want(key4(1), direct(1));  // as it was before its deletion, which is under way
+  want(key4(1), direct(1));  // as before its deletion, which is in progress
   want(key4(5), direct(2));
   want(key4(7), std::nullopt);
   routes->flush();
@@ -612,13 +612,13 @@ TEST_F(KernelRoutesTest, MatchesErrorsToRoutesThatAreWantedOtherwiseMeanwhile) {
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, FillsTheWriterNoFurtherThanItTakes) {
+TEST_F(KernelRoutesTest, SubmitsNoMoreBatchesThanTheWriterTakes) {
   writer->lags = true;
   constexpr uint32_t kHosts = 5000;
   for (uint32_t host = 1; host <= kHosts; ++host) want(key4(host), direct(1));
   routes->flush();
   EXPECT_EQ(kernel.requestCount, 0u);
-  // A batch that was carried out makes room for the next.
+  // A performed batch makes room for the next one.
   for (size_t before = 0; before < kHosts; before = kernel.requestCount) {
     writer->finishNext();
     ASSERT_GT(kernel.requestCount, before);
@@ -626,13 +626,13 @@ TEST_F(KernelRoutesTest, FillsTheWriterNoFurtherThanItTakes) {
   }
   routes->drain();
   expectRight();
-  // Not all of them are under way when all are to go.
+  // Now all routes are removed, but the writer cannot take all requests at once.
   routes->removeAll();
   wanted.clear();
   expectRight();
 }
 
-TEST_F(KernelRoutesTest, WritesAheadOnlyWhatNobodyWasToldOf) {
+TEST_F(KernelRoutesTest, AddsOnlyUnannouncedRoutesBeforeTheFlush) {
   wantNow(key4(1), direct(1));
   wantNow(key4(2), direct(1));
   kernel.dropSilently(1);

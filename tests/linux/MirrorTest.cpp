@@ -129,7 +129,7 @@ TEST_F(MirrorTest, AnIndexWithAnotherNameIsAnotherInterface) {
   EXPECT_EQ(told(), (Told{"link 2 gone", "link 2 new", "link 2 new"}));
 }
 
-TEST_F(MirrorTest, KeepsAnIpv6RouteWithoutGatewayThatIsThereTwice) {
+TEST_F(MirrorTest, KeepsBothOfTwoEqualIpv6RoutesWithoutGateway) {
   add(route("2001:db8::/64", {hop(2)}));
   add(route("2001:db8::/64", {hop(3)}));
   // The new route replaces the first one.

@@ -79,8 +79,8 @@ link set br0 up
   Namespace::awaitCarrier("br0");
   inside.ip(contents(SOURCE_DIR "/tests/netns/feed.ip"));
 
-  // For a while the kernel still changes its state: it detects down peers, and adds addresses and
-  // routes. The two outputs are comparable only when nothing changed in between.
+  // The kernel still changes its state for a while: it detects down peers, and adds addresses and
+  // routes. The two outputs are comparable only if there was no change in between.
   std::string told, asNumbers, asNames;
   bool isQuiet = false;
   for (int attempt = 0; attempt < 100 && !isQuiet; ++attempt) {

@@ -202,7 +202,7 @@ TEST(MirrorNetns, ReportsLostNotificationsAndRecovers) {
         neighbors("change", 10000, 30000, "lladdr 02:00:00:00:00:02 nud permanent"),
         neighbors("del", 20000, 40000, "")}) {
     const size_t losses = kept.losses;
-    space.ip(commands);  // nobody reads meanwhile: the buffer overflows
+    space.ip(commands);  // the mirror does not read meanwhile, so the buffer overflows
     kept.read();
     EXPECT_GT(kept.losses, losses);
   }

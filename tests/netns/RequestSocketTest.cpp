@@ -169,7 +169,7 @@ TEST_F(RequestSocketTest, FindsRoutesThatTheKernelDroppedWithoutANotification) {
 }
 
 TEST_F(RequestSocketTest, ProbesExistingNeighbours) {
-  // Nobody answers. The kernel goes on asking.
+  // There is no answer, so the kernel continues to probe.
   for (const char* family : {"ipv4", "ipv6"}) {
     Namespace::setSysctl(std::string(family) + "/neigh/h0/ucast_solicit", "100000");
   }

@@ -21,7 +21,7 @@ PORTS = '[neighbors]\ninterfaces = ["p*"]\n'
 
 
 class RouterLab(lab.Lab):
-    """A router with two ports: p1 with 10.0.1.1/24 and 2001:db8:1::1/64, p2 with the 2s of these."""
+    """A router with two ports: p1 with 10.0.1.1 and 2001:db8:1::1, p2 with 10.0.2.1 and 2001:db8:2::1."""
 
     def setUp(self):
         self.router = self.namespace()
@@ -95,7 +95,7 @@ class HostsTest(RouterLab):
         self.assertRoutes(self.router, {'10.0.1.54': 'p1'})
         self.assertEqual(self.router.host_routes(6), {})
 
-    def test_interfaces_that_are_not_selected_are_left_alone(self):
+    def test_interfaces_that_are_not_selected_get_no_routes(self):
         self.daemon(self.router, '[neighbors]\ninterfaces = ["p*", "!p2"]\n')
         self.neighbor('10.0.2.11', 'p2')
         self.learn_one()
@@ -250,7 +250,7 @@ class InterfacesTest(RouterLab):
 class ProcessTest(RouterLab):
     """Restarts, other writers, signals, lost notifications."""
 
-    def test_a_restart_leaves_unchanged_routes_alone(self):
+    def test_a_restart_does_not_write_unchanged_routes(self):
         first = self.daemon(self.router, PORTS)
         for last in range(10, 40):
             self.neighbor(f'10.0.1.{last}', 'p1', mac=f'02:00:00:00:00:{last}')
@@ -267,7 +267,7 @@ class ProcessTest(RouterLab):
                 self.assertTrue(told)
                 self.assertTrue(all(f'10.0.1.{10 + end} ' in line for line in told), told)
 
-    def test_routes_that_somebody_else_flushes_come_back_at_a_limited_rate(self):
+    def test_flushed_routes_are_restored_at_a_limited_rate(self):
         daemon = self.daemon(self.router, PORTS + '[repair]\ninterval = 0.5\n')
         self.learn_one()
         for _ in range(3):
@@ -275,7 +275,7 @@ class ProcessTest(RouterLab):
             self.assertRoutes(self.router, {'10.0.1.11': 'p1'})
         self.assertGreaterEqual(daemon.fresh_status()['counters']['repaired'], 3)
 
-    def test_another_protocols_route_in_our_place_stays_and_is_shown_until_it_goes(self):
+    def test_a_conflicting_route_of_another_protocol_stays_and_is_shown(self):
         daemon = self.daemon(self.router, PORTS)
         self.neighbor('10.0.1.11', 'p1')
         self.neighbor('2001:db8:1::11', 'p1')
@@ -295,7 +295,7 @@ class ProcessTest(RouterLab):
                 self.assertRoutes(self.router, {route.split('/')[0]: 'p1'}, family)
                 self.assertEventually(lambda: not daemon.fresh_status()['problems'], 'it is over')
 
-    def test_a_route_that_somebody_replaces_is_deleted_and_added_anew(self):
+    def test_a_replaced_route_is_deleted_and_added(self):
         self.daemon(self.router, PORTS)
         self.neighbor('2001:db8:1::11', 'p1')
         self.assertRoutes(self.router, {'2001:db8:1::11': 'p1'}, 6)
@@ -393,7 +393,7 @@ class ProcessTest(RouterLab):
         problems = lambda: [(row['prefix'], row['reason'])
                             for row in daemon.fresh_status()['problems']]
         def flaps():
-            """On a slow machine the quiet may end in between, and the daemon counts anew."""
+            """On a slow machine the quiet time may end meanwhile: the daemon then counts from 0."""
             self.forget('10.0.1.11', 'p1')
             self.assertRoutes(self.router, {})
             self.neighbor('10.0.1.11', 'p1')
@@ -486,8 +486,9 @@ class BurstTest(RouterLab):
         self.all = {address: 'p1' for address in self.addresses}
 
     def await_some(self, table=10):
-        """Until the burst is in the middle."""
-        self.assertEventually(lambda: len(self.router.host_routes(table=table)) > 500, 'some came')
+        """Waits until a part of the burst has routes."""
+        self.assertEventually(lambda: len(self.router.host_routes(table=table)) > 500,
+                              'some routes are there')
 
     def advertised(self, daemon):
         keys = set()
@@ -497,7 +498,7 @@ class BurstTest(RouterLab):
                 (keys.add if verb == '+' else keys.discard)(prefix.removesuffix('/32'))
         return keys
 
-    def test_a_daemon_that_is_ended_in_a_burst_goes_on_with_it_when_it_starts_again(self):
+    def test_a_restart_continues_an_interrupted_burst(self):
         daemon = self.daemon(self.router, PORTS)
         with self.router.started_batch(self.changes('replace', self.addresses)):
             self.await_some()
@@ -529,15 +530,15 @@ class BurstTest(RouterLab):
         with self.router.started_batch(self.changes('replace', self.addresses)):
             self.await_some()
             self.router.ip('link set p1 down')
-        # Entries that came after it went down are in the kernel still.
+        # Entries that were added after it went down are still in the kernel.
         self.router.ip('neigh flush dev p1 nud all', check=False)
         self.assertRoutes(self.router, {})
         self.router.ip('link set p1 up')
         self.router.batch(self.changes('replace', self.addresses))
         self.assertRoutes(self.router, self.all)
-        self.assertEventually(lambda: not daemon.fresh_status()['problems'], 'all is mended')
+        self.assertEventually(lambda: not daemon.fresh_status()['problems'], 'there are no problems')
 
-    def test_kills_in_bursts_end_as_if_there_had_been_none(self):
+    def test_kills_in_bursts_do_not_change_the_result(self):
         random.seed(17)
         daemon = self.daemon(self.router, PORTS)
         there = set()

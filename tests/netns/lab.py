@@ -186,7 +186,7 @@ class Daemon:
         self.wait_for(lambda: self.status().get('phase') == 'ready', 'is ready')
 
     def status(self):
-        """The status that this process wrote last."""
+        """The last status that this process wrote."""
         path = os.path.join(self.directory, 'run', 'status.json')
         try:
             with open(path, encoding='utf-8') as file:

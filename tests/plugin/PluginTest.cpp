@@ -17,7 +17,7 @@ class PluginTest : public testing::Test {};
 TYPED_TEST_SUITE(PluginTest, Families);
 
 // The daemon must be able to tell a refusal from any other failure.
-TYPED_TEST(PluginTest, ARefusalIsCaughtByItsOwnType) {
+TYPED_TEST(PluginTest, ExceptionsAreCaughtByTheirTypes) {
   World<TypeParam> world;
   try {
     world.root->adjacencyToPrefixIs(nullptr);
@@ -38,7 +38,7 @@ TYPED_TEST(PluginTest, AnEntityHasOneTypeOnBothSides) {
 }
 
 // The plug-in's changes must reach the daemon's tables and its notifiees.
-TYPED_TEST(PluginTest, TheMachineReadsTheDaemonsInputsAndTellsItsReactors) {
+TYPED_TEST(PluginTest, TheMachineReadsTheDaemonsInputsAndNotifiesItsReactors) {
   using Prefix = typename TypeParam::Prefix;
   class Watcher final : public TypeParam::RouteSmRoot::NotifieeConst {
    public:

@@ -31,7 +31,7 @@ class Writer:
         self.process.stdin.flush()
 
     def end(self):
-        """As its owner would: the tables go with it."""
+        """Ends the replay, which removes its tables."""
         self.process.stdin.close()
         self.process.wait()
 
@@ -65,7 +65,7 @@ class ReaderTest(unittest.TestCase):
             left.unlink()
 
     def open(self, family=4):
-        """A reader, as soon as there are tables."""
+        """Waits for the tables, and returns a reader."""
         while True:
             try:
                 return RouteTableReader(self.name, "a/b", family)
@@ -73,7 +73,7 @@ class ReaderTest(unittest.TestCase):
                 self.assertIsNone(self.writer.process.poll())
 
     def until(self, reader, holds):
-        """Waits for changes until `holds`. Returns the news that there were."""
+        """Waits for changes until `holds()`. Returns the results of wait()."""
         news = []
         while not holds():
             news.append(reader.wait(PATIENCE))

@@ -19,8 +19,8 @@
 
 namespace {
 
-/// The number of quiet reactors of neighbour tables, or of machines that lack some of these. To
-/// look at the reactors makes those that are missing.
+/// The number of quiet reactors of neighbour tables, plus the number of machines that lack some
+/// reactors. Reading the reactors would make the missing ones.
 size_t quietReactors(const Daemon::Switch& sw, bool looks) {
   size_t quiet = 0;
   for (const auto& entry : sw.vrfs()) {

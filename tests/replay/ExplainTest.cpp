@@ -142,7 +142,7 @@ class VerdictTest : public ExplainTest {
   size_t pending_ = 0;
 };
 
-TEST_P(VerdictTest, IsWhatTheTableHasAfterEveryEvent) {
+TEST_P(VerdictTest, AgreesWithTheTableAfterEveryEvent) {
   play([&](size_t number, const nlohmann::json&) {
     size_t at = 0;
     for (const auto& address : addresses()) {
@@ -341,7 +341,7 @@ class HistoryTest : public ExplainTest {
       told_;
 };
 
-TEST_P(HistoryTest, TellsEachChangeOnceWithItsCause) {
+TEST_P(HistoryTest, HasEachChangeOnceWithItsCause) {
   std::set<CauseKind> seen;
   play([&](size_t, const nlohmann::json& event) {
     const auto allowed = causesOf(event);

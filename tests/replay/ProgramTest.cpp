@@ -81,9 +81,8 @@ class Writer {
 
 class ProgramTest : public testing::Test {
  protected:
-  /// Runs `routes` until its output contains `wanted` and it ends with `status`: 0 when it finds
-  /// nothing wrong with the tables. It reads first whether they are initialized, and then the
-  /// routes.
+  /// Runs `routes` until its output contains `wanted` and it ends with `status`, which is 0 if the
+  /// tables are without fault. It reads first whether they are initialized, and then the routes.
   CommandResult routesOnce(const std::string& wanted, int status = 0) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(2);
     for (;;) {
@@ -264,8 +263,8 @@ TEST_F(ProgramTest, TheTablesOfAKilledWriterStayUntilTheNextOne) {
   EXPECT_EQ(run("routes --table " + name).status, 1);
 }
 
-// The program is stopped when it first asks the kernel for a writer. At that moment it has opened
-// the tables, but has not read them.
+// The program is stopped when it first checks for a writer. At that moment it has opened the
+// tables, but has not read them.
 TEST_F(ProgramTest, TablesThatAreRemovedWhileTheyAreReadAreReported) {
   constexpr int kNotTraced = 126;
   Writer writer(name);

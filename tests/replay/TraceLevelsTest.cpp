@@ -130,7 +130,7 @@ class Observers {
       watch<FecObserver<typename F::ForwardingStatus>>(sw.shared<F>().forwarding);
     });
   }
-  /// Null: calls nothing.
+  /// Null: no function is called.
   void thenIs(std::function<void()> then) { then_ = std::move(then); }
 
  private:
@@ -167,12 +167,12 @@ struct State {
   std::vector<std::string> exactDumps;  ///< with the numbers of adjacencies
 };
 
-/// The observation that is switched on.
+/// The ways in which a switch is observed.
 struct Watching {
   uint32_t levels = 0;     ///< trace levels of all VRFs
   uint32_t ownLevels = 0;  ///< trace levels of one address of the VRF "default"
   bool history = false;
-  bool looks = false;  ///< at all reactors: none is missing
+  bool looks = false;  ///< whether all reactors are read, so that none is missing
 
   friend std::ostream& operator<<(std::ostream& os, const Watching& watching) {
     return os << "levels " << std::hex << watching.levels << ", own " << watching.ownLevels
@@ -180,7 +180,7 @@ struct Watching {
   }
 };
 
-/// Looks at the reactors of all machines.
+/// Reads the reactors of all machines, which makes missing ones.
 void lookAtReactors(const Daemon::Switch& sw) {
   for (const auto& entry : sw.vrfs()) {
     Daemon::forEachFamily([&](auto family) {

@@ -1,4 +1,4 @@
-// Via sets, the tables that number them, and the helper that counts their users.
+// Tests of the tables that number via sets, and of the helper that counts their users.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,34 +7,22 @@
 #include <random>
 #include <vector>
 
-#include "platform/rovel/AdjacencyHelper.h"
+#include "tests/tovan/RouteTablesTest.h"
 
 namespace {
-
-struct Ipv4 {
-  using Helper = Rovel::AdjacencyHelper;
-  using Forwarding = Tovan::Fib::ForwardingStatus;
-  using Via = Tovan::Fib::Via;
-  static Zemit::IpAddr addr(uint32_t n) { return Zemit::IpAddr(0x0A000000 + n); }
-};
-struct Ipv6 {
-  using Helper = Rovel::Adjacency6Helper;
-  using Forwarding = Tovan::Fib6::ForwardingStatus;
-  using Via = Tovan::Fib6::Via;
-  static Zemit::Ip6Addr addr(uint32_t n) { return {0x20010DB800000000, n}; }
-};
 
 template <class F>
 class AdjacencyTest : public testing::Test {
  protected:
-  using Helper = typename F::Helper;
+  using Forwarding = typename F::ForwardingStatus;
+  using Helper = typename F::AdjacencyHelper;
   using HostTable = typename Helper::HostTable;
   using RouteTable = typename Helper::RouteTable;
   using ViaSet = typename Helper::ViaSet;
   using Route = typename HostTable::Route;
   using Prefix = typename HostTable::Prefix;
 
-  typename F::Via via(uint32_t n) const { return {.hop = F::addr(n), .intf = intf}; }
+  typename Forwarding::Via via(uint32_t n) const { return {.hop = F::addr(n), .intf = intf}; }
   ViaSet vias(std::vector<uint32_t> hops) const {
     ViaSet set;
     for (const uint32_t n : hops) set.newVia(via(n), 1);
@@ -45,15 +33,13 @@ class AdjacencyTest : public testing::Test {
   }
 
   const Zemit::IntfId intf = Zemit::IntfId::of("Ethernet1");
-  typename F::Forwarding::Ptr forwarding = Kiv::make<typename F::Forwarding>("forwarding");
+  typename Forwarding::Ptr forwarding = Kiv::make<Forwarding>("forwarding");
   typename Helper::Ptr helper = Kiv::make<Helper>("helper", forwarding);
   typename HostTable::Ptr table = Kiv::make<HostTable>("table");
 };
-using Families = testing::Types<Ipv4, Ipv6>;
-TYPED_TEST_SUITE(AdjacencyTest, Families);
+TYPED_TEST_SUITE(AdjacencyTest, Tovan::TestFamilies);
 
-// Compares with a map from sets to users. There are so many that the table takes several blocks of
-// memory.
+// Compares with a map from sets to users. There are enough sets for several blocks of memory.
 TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndRemovesItWithItsLastUser) {
   Rovel::AdjacencyTable<typename TestFixture::ViaSet> adjacencies;
   struct Model {
@@ -63,7 +49,7 @@ TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndRemovesItWithItsLastUser) {
   std::map<uint32_t, Model> model;
   std::mt19937 random(1);
   uint32_t highest = 0;
-  uint32_t taken = 2;  // one of so many changes takes a set
+  uint32_t taken = 2;  // one of this many changes takes a set
   size_t most = 0;
   for (int i = 0; i < 60'000; ++i) {
     if (i == 20'000) {
@@ -104,7 +90,7 @@ TYPED_TEST(AdjacencyTest, ATableNumbersEachSetOnceAndRemovesItWithItsLastUser) {
   EXPECT_EQ(walked, sets);
 }
 
-TYPED_TEST(AdjacencyTest, ATableKnowsNothingUnderOtherNumbers) {
+TYPED_TEST(AdjacencyTest, UnusedNumbersHaveNoEntry) {
   Rovel::AdjacencyTable<typename TestFixture::ViaSet> adjacencies;
   const auto index = adjacencies.take(this->vias({1})).first;
   for (const uint64_t other : {uint64_t{0}, uint64_t{index} + 1, uint64_t{1} << 40}) {
@@ -123,14 +109,14 @@ TYPED_TEST(AdjacencyTest, ATableKnowsNothingUnderOtherNumbers) {
 TYPED_TEST(AdjacencyTest, AFibAdjacencyIsPublishedFromItsFirstReferenceToItsLast) {
   const auto vias = this->vias({1, 2});
   const auto id = this->helper->doGetOrCreateFibAdjacency(vias);
-  EXPECT_GE(id, TypeParam::Forwarding::kFirstAdjacency);
+  EXPECT_GE(id, TypeParam::ForwardingStatus::kFirstAdjacency);
   EXPECT_EQ(this->helper->takeFibAdjacency(vias, id), id);
   EXPECT_EQ(this->helper->takeFibAdjacency(vias, id + 1), id) << "a wrong guess";
   EXPECT_EQ(this->forwarding->fec(id).viaCount(), 2u);
   EXPECT_TRUE(this->helper->isFibAdjacency(id, vias));
   EXPECT_FALSE(this->helper->isFibAdjacency(id, this->vias({1})));
 
-  const auto other = Kiv::make<typename TypeParam::Helper>("other", this->forwarding);
+  const auto other = Kiv::make<typename TypeParam::AdjacencyHelper>("other", this->forwarding);
   EXPECT_FALSE(other->isFibAdjacency(id, vias));
   const auto othersId = other->doGetOrCreateFibAdjacency(vias);
   EXPECT_NE(othersId, id) << "two helpers hand out the same id";

@@ -19,7 +19,7 @@
 namespace Tovan {
 namespace {
 
-/// How a table is read after a bit was flipped.
+/// Counts of the results of reading a table after a bit was flipped.
 struct Findings {
   size_t flips = 0;
   size_t told = 0;  ///< flips that were reported

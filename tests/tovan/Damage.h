@@ -1,4 +1,4 @@
-// Damage to a shared table, done past the library.
+// Damages a shared table without the library.
 #pragma once
 
 #include <fcntl.h>
@@ -13,10 +13,10 @@
 
 namespace Tovan {
 
-/// Flips bits of one byte at each place in a table's pages where `key` stands, and returns how many
-/// there were.
+/// Flips bits of one byte at each occurrence of `key` in a table's pages. Returns the number of
+/// occurrences.
 ///
-/// \param offset  where the byte is, from the key's first one.
+/// \param offset  the place of the byte, relative to the first byte of the key.
 template <class Key>
 size_t damage(const std::string& table, const Key& key, ptrdiff_t offset, int bits = 1) {
   constexpr size_t kBeforePages = 4096 + (size_t{8} << 19);  // header and directory
@@ -37,7 +37,7 @@ size_t damage(const std::string& table, const Key& key, ptrdiff_t offset, int bi
   return found;
 }
 
-/// Where the value stands that is stored under a Key, and where the state of its slot does.
+/// The offsets of the value of a Key, and of the state of its slot.
 template <class Key>
 inline constexpr ptrdiff_t kValue = (sizeof(Key) + 7) / 8 * 8;
 inline constexpr ptrdiff_t kState = -8;

@@ -58,8 +58,8 @@ class FibTablesTest : public Tovan::RouteTablesTest<F> {
 };
 TYPED_TEST_SUITE(FibTablesTest, Tovan::TestFamilies);
 
-// An observer that is not told would keep a route that was lost.
-TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
+// Without the announcement, an observer would keep a lost route.
+TYPED_TEST(FibTablesTest, DamagedRoutesAreDroppedAndAnnounced) {
   using T = FibTablesTest<TypeParam>;
   const auto table = this->template open<typename T::RouteStatus>(Access::Write);
   for (uint32_t n = 1; n <= 40; ++n) table->routeIs(T::route(n));
@@ -68,11 +68,11 @@ TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
   watcher->toldOfAll = 0;
   ASSERT_EQ(this->damage("route", T::host(5)), 1u);
   ASSERT_EQ(this->damage("route", T::host(6)), 1u);
-  EXPECT_NE(table->routeDel(T::host(5)).key, T::host(5)) << "what it was is not known";
+  EXPECT_NE(table->routeDel(T::host(5)).key, T::host(5)) << "the damaged route is unknown";
   EXPECT_EQ(watcher->told, (std::set{T::host(5), T::host(6)}));
   EXPECT_EQ(watcher->toldOfAll, 1u) << "a key may be damaged, too";
 
-  // Nobody can know which key was damaged.
+  // The original key of a damaged key is unknown.
   watcher->told.clear();
   ASSERT_EQ(this->damage("route", T::host(7), 0), 1u);
   table->routeDel(T::host(7));
@@ -80,7 +80,7 @@ TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
   EXPECT_EQ(watcher->toldOfAll, 2u);
   EXPECT_EQ(table->routeCount(), 37u);
 
-  // Writing repairs, too.
+  // A write repairs the table, too.
   watcher->told.clear();
   ASSERT_EQ(this->damage("route", T::host(9)), 1u);
   ASSERT_EQ(this->damage("route", T::host(8), 0), 1u);
@@ -91,7 +91,7 @@ TYPED_TEST(FibTablesTest, WhatIsGivenUpAsDamagedIsAnnounced) {
   EXPECT_EQ(table->route(T::host(8)).fecId, 9u);
 }
 
-TYPED_TEST(FibTablesTest, AFecThatIsGivenUpAsDamagedIsAnnounced) {
+TYPED_TEST(FibTablesTest, DamagedFecsAreDroppedAndAnnounced) {
   using T = FibTablesTest<TypeParam>;
   const auto table = this->template open<typename T::ForwardingStatus>(Access::Write);
   for (uint32_t id = 1; id <= 9; ++id) table->fecIs(T::fec(id, "Ethernet1"));
@@ -149,7 +149,7 @@ TYPED_TEST(FibTablesTest, AFecThatIsRefusedLeavesNothing) {
   EXPECT_EQ(vias.size(), id * 9);
 }
 
-// A number belongs to one interface as long as anything refers to it.
+// A number belongs to one interface as long as an entry refers to it.
 TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
   using T = FibTablesTest<TypeParam>;
   constexpr uint64_t kFecs = 4;
@@ -176,8 +176,9 @@ TYPED_TEST(FibTablesTest, NoInterfaceGetsTheNumberOfALostName) {
   }
 }
 
-// The names that FECs refer to stay, and no number is given twice: readers keep what they know.
-TYPED_TEST(FibTablesTest, NamesThatNoFecRefersToGo) {
+// The names that FECs refer to stay. No number is assigned twice, because readers keep the names
+// that they have read.
+TYPED_TEST(FibTablesTest, UnusedNamesAreRemoved) {
   using T = FibTablesTest<TypeParam>;
   constexpr size_t kMost = 100;
   const auto intf = [](uint64_t n) { return "Ethernet" + std::to_string(n); };
@@ -209,8 +210,8 @@ TYPED_TEST(FibTablesTest, NamesThatNoFecRefersToGo) {
   EXPECT_EQ(reader->fec(2), wide(30'999));
 }
 
-// The writer checks tables that it does not change, and has the names in its own memory.
-TYPED_TEST(FibTablesTest, WhatNobodyWritesIsTended) {
+// The writer checks tables that it does not change. It restores names from its own memory.
+TYPED_TEST(FibTablesTest, TablesWithoutChangesAreRepaired) {
   using T = FibTablesTest<TypeParam>;
   constexpr uint64_t kFirst = 100;  // not the number of an interface
   const auto routes = this->template open<typename T::RouteStatus>(Access::Write);
@@ -243,7 +244,7 @@ TYPED_TEST(FibTablesTest, WhatNobodyWritesIsTended) {
   }
 }
 
-TYPED_TEST(FibTablesTest, AReaderRefusesWhatChangesNothing) {
+TYPED_TEST(FibTablesTest, AReaderRefusesEvenChangesWithoutEffect) {
   using T = FibTablesTest<TypeParam>;
   const auto routes = this->template open<typename T::RouteStatus>(Access::Write);
   const auto fecs = this->template open<typename T::ForwardingStatus>(Access::Write);

@@ -1,4 +1,4 @@
-// What readers of routes rely on: the next hops are those of the route, and no change is missed.
+// Tests that readers get each route with its own next hops, and miss no change.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,7 +34,7 @@ class ReaderTest : public RouteTablesTest<F> {
                                                     Access::Write)),
           adjacencies(Kiv::make<typename F::AdjacencyHelper>("adjHelper", forwarding)) {}
 
-    /// Gives the route of host `n` the next hop that goes with `metric`.
+    /// Gives the route of host `n` a metric, and the next hop that belongs to the metric.
     void set(uint32_t n, uint32_t metric) {
       const auto former = routes->route(host(n));
       ViaSet vias;
@@ -59,9 +59,9 @@ class ReaderTest : public RouteTablesTest<F> {
 };
 TYPED_TEST_SUITE(ReaderTest, TestFamilies);
 
-// The ids of FIB adjacencies are used again at once: here each id goes to another route, and then
-// back to the first one with another next hop. Two separate readings give wrong pairs.
-TYPED_TEST(ReaderTest, NextHopsAreTheRoutesOwnWhileIdsAreUsedAgain) {
+// The ids of FIB adjacencies are used again at once. Here, another route uses each id, and then the
+// first route uses it again with another next hop. Two separate look-ups give wrong pairs.
+TYPED_TEST(ReaderTest, ReturnsTheRoutesOwnNextHopsWhileIdsAreUsedAgain) {
   using F = TypeParam;
   constexpr uint32_t kHosts = 3;
   constexpr auto kAtLeast = 500ms;
@@ -81,7 +81,7 @@ TYPED_TEST(ReaderTest, NextHopsAreTheRoutesOwnWhileIdsAreUsedAgain) {
     try {
       reader.emplace(this->name, "a/b");
     } catch (const OpenException&) {
-      std::this_thread::yield();  // the owner is just making them
+      std::this_thread::yield();  // the owner is making the tables
     }
   }
   const auto routes =
@@ -113,12 +113,12 @@ TYPED_TEST(ReaderTest, NextHopsAreTheRoutesOwnWhileIdsAreUsedAgain) {
       [](const std::string& damage) { ADD_FAILURE() << damage; });
   ::kill(child, SIGKILL);
   ::waitpid(child, nullptr, 0);
-  EXPECT_GT(wrongOneByOne, 0u) << "the test shows nothing";
+  EXPECT_GT(wrongOneByOne, 0u) << "the test proves nothing";
   EXPECT_GT(found, 1000u);
   EXPECT_EQ(wrong, 0u) << "of " << found;
 }
 
-TYPED_TEST(ReaderTest, ChangesAreToldOfOnceAndARestartIsFollowed) {
+TYPED_TEST(ReaderTest, ReportsChangesOnceAndFollowsARestart) {
   EXPECT_THROW(typename TypeParam::Reader(this->name, "a/b"), OpenException);
   std::optional<typename TestFixture::Owner> owner(this->name);
   owner->set(1, 5);

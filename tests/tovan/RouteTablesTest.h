@@ -1,4 +1,4 @@
-// The fixture of tests of the tables of routes and FECs, for both families.
+// The families of the tests of tables, and the fixture of tests of the tables of routes and FECs.
 #pragma once
 
 #include <gtest/gtest.h>

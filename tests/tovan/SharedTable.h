@@ -1,4 +1,4 @@
-// A table under a name of its own, for tests that open it several times.
+// A table with a unique name, for tests that open it several times.
 #pragma once
 
 #include <fcntl.h>
@@ -15,7 +15,7 @@
 
 namespace Tovan {
 
-/// A value that shows whether it was torn: all its words are the same.
+/// A value of equal words, so that a mixture of two values is detected.
 struct Repeated {
   std::array<uint64_t, 4> words;
 
@@ -37,20 +37,21 @@ class SharedTable : public testing::Test {
   }
   Map writer() const { return Map(config(Access::Write)); }
   Map reader() const { return Map(config(Access::Read)); }
-  /// Looks at all of a table.
+  /// Checks a whole table.
   static void tend(Map& table) {
     TendRound round;
     table.tend(round);
   }
 
-  /// The table's file, opened past the library.
+  /// The table's file, opened without the library.
   int file() const { return ::shm_open(("/hostroute-" + name).c_str(), O_RDWR, 0); }
   void overwrite(size_t offset, uint64_t word) const {
     const int fd = file();
     ASSERT_EQ(::pwrite(fd, &word, sizeof(word), static_cast<off_t>(offset)), 8);
     ::close(fd);
   }
-  /// Changes the file's length to the result of `change` for the present one. Returns the latter.
+  /// Changes the file's length to the result of `change` for the present length. Returns the
+  /// former length.
   template <class Change>
   off_t resize(Change change) const {
     const int fd = file();
@@ -64,7 +65,7 @@ class SharedTable : public testing::Test {
     for (uint64_t key = 0; key < entries; ++key) table.set(key, Repeated(key));
   }
 
-  /// Runs `body` in another process, whose exit status is what it returns.
+  /// Runs `body` in another process. Its result is the exit status of the process.
   template <class Body>
   static pid_t inChild(Body body) {
     const pid_t child = ::fork();

@@ -1,4 +1,5 @@
-// The map between processes: killed writers, memory that is full or given back, forked children.
+// Tests of the map with several processes: killed writers, full memory, memory that is given back,
+// forked children.
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -75,9 +76,9 @@ TEST_F(SharingTest, KilledWriterLeavesEveryCompletedUpdate) {
   }
 }
 
-// A reader must neither wait for ever for an entry that a dead writer was writing, nor return a
-// wrong value. The next writer takes the entry from the journal.
-TEST_F(SharingTest, ReaderIsToldOfAnUpdateThatNobodyEnds) {
+// A reader must not wait for ever for an entry that a dead writer was writing, and must not return
+// a wrong value. The next writer restores the entry from the journal.
+TEST_F(SharingTest, ReaderReportsAnUpdateThatADeadWriterBegan) {
   const SharedWithChildren<std::atomic<bool>> isWriting;
   size_t stuck = 0;
   for (int round = 0; round < 2000 && stuck < 3; ++round) {
@@ -132,7 +133,7 @@ size_t memoryOf(int fd) {
 }
 
 // Entries that stay are found all the time, also by the next writer.
-TEST_F(SharingTest, MemoryIsGivenBackAfterAFlood) {
+TEST_F(SharingTest, GivesMemoryBackWhenManyEntriesAreRemoved) {
   constexpr uint64_t kStay = 100;
   constexpr uint64_t kFlood = 30000;
   auto table = std::make_unique<Map>(config(Access::Write));
@@ -181,9 +182,9 @@ TEST_F(SharingTest, MemoryIsGivenBackAfterAFlood) {
   ::close(again);
 }
 
-// A page is copied when removed entries fill it. Apart from that, entries that come and go at any
-// size of the table move no other, neither while it grows nor while it shrinks.
-TEST_F(SharingTest, EntriesThatComeAndGoJoinAndSplitNoPages) {
+// A page is copied when removed entries fill it. Otherwise, an entry that is repeatedly inserted
+// and removed moves no other entry, at any size of the table.
+TEST_F(SharingTest, RepeatedInsertionAndRemovalCausesNoSplitsAndJoins) {
   Map table({.name = "hovering"});
   for (const int step : {1, -1}) {
     for (int64_t size = step > 0 ? 1 : 300; size > 0 && size <= 300; size += step) {
@@ -209,7 +210,7 @@ TEST_F(SharingTest, EntriesThatComeAndGoJoinAndSplitNoPages) {
 
 // Memory that was given back must be reserved before it is used again: without that, a full
 // /dev/shm would end the process.
-TEST_F(SharingTest, MemoryThatIsNotThereAnyMoreIsRefused) {
+TEST_F(SharingTest, ReservesReturnedMemoryBeforeItIsUsedAgain) {
   constexpr int kSkipped = 77;
   constexpr uint64_t kStay = 200;
   const auto body = [&] {
@@ -253,7 +254,7 @@ TEST_F(SharingTest, MemoryThatIsNotThereAnyMoreIsRefused) {
 }
 
 // A reader must not find an unfinished table.
-TEST_F(SharingTest, NothingIsLeftOfATableThatCouldNotBeMade) {
+TEST_F(SharingTest, AFailedCreationLeavesNoFile) {
   for (const rlim_t bytes : {rlim_t{0}, rlim_t{4096}, rlim_t{5000}, rlim_t{4198400 + 4096}}) {
     const Sample::SmallFiles full(bytes);
     EXPECT_THROW(writer(), NoSpaceException) << bytes;
@@ -261,7 +262,7 @@ TEST_F(SharingTest, NothingIsLeftOfATableThatCouldNotBeMade) {
   }
 }
 
-// A forked process that lives longer, such as a hook, neither writes nor keeps other writers out.
+// A forked process that exists longer, such as a hook, neither writes nor prevents other writers.
 TEST_F(SharingTest, AForkedChildLeavesTheTableToItsParent) {
   constexpr uint64_t kEntries = 2000;
   auto table = std::make_unique<Map>(config(Access::Write));
@@ -274,7 +275,7 @@ TEST_F(SharingTest, AForkedChildLeavesTheTableToItsParent) {
   const pid_t child = inChild([&] {
     ::close(ends[1]);
     if (::write(begun[1], &byte, 1) != 1) return 4;
-    if (::read(ends[0], &byte, 1) != 0) return 1;  // until the parent has let go of the table
+    if (::read(ends[0], &byte, 1) != 0) return 1;  // until the parent has closed the table
     try {
       table->set(2, Repeated(2));
       return 2;

@@ -123,9 +123,9 @@ class SteppingTest : public SharedTable {
     return word == in(before) || word == in(after);
   }
 
-  /// What is wrong with the contents of a table, or "". Each key must have its value from before or
-  /// after the change. A reader may get the exception for an uncompleted change for a key that was
-  /// absent or is being changed; during a repair, for any key.
+  /// The fault of a table's contents, or "". Each key must have its value from before or after the
+  /// change. A look-up may raise the exception for an uncompleted change if the key was absent or
+  /// is being changed; during a repair, for any key.
   std::string faultOf(const Map& table, const Contents& before, const Contents& after) const {
     const bool isReader = table.isReadOnly();
     for (uint64_t key = 1; key <= kKeys; ++key) {
@@ -164,7 +164,7 @@ class SteppingTest : public SharedTable {
     return "";
   }
 
-  /// Gives a state to a reader and to a next writer.
+  /// Checks a state with a reader and with a next writer.
   void check(const std::vector<std::byte>& state, const Contents& before, const Contents& after) {
     ++states;
     copy->set(state);
@@ -208,7 +208,7 @@ class SteppingTest : public SharedTable {
     int status = 0;
     ::waitpid(child, &status, 0);
     if (WIFEXITED(status) && WEXITSTATUS(status) == 77)
-      GTEST_SKIP() << "nothing can be traced here";
+      GTEST_SKIP() << "no process may be traced here";
     ASSERT_TRUE(WIFSTOPPED(status)) << status;
     const Image image(name);
     std::vector<std::byte> last;
@@ -271,12 +271,12 @@ class SteppingTest : public SharedTable {
   static constexpr uint64_t kKeys = 400;
   const std::string copyName = name + "copy";
   std::optional<Image> copy{std::in_place, copyName};
-  bool isRepair = false;  ///< what is stepped through
+  bool isRepair = false;  ///< whether a repair is stepped through
   size_t steps = 0;
   size_t states = 0;
 };
 
-TEST_F(SteppingTest, EachStateOfAChangeIsTheOneBeforeOrAfter) {
+TEST_F(SteppingTest, EachStateOfAChangeHasTheValueBeforeOrAfter) {
   stepThrough({{1, 1}, {2, 2}}, {{Change::Set, 3, 3},
                                  {Change::Set, 1, 4},
                                  {Change::Erase, 2},
@@ -304,7 +304,7 @@ TEST_F(SteppingTest, EachStateOfAGrowingTableHasAllEntries) {
 }
 
 // Pages are joined and the directory is halved.
-TEST_F(SteppingTest, EachStateOfAShrinkingTableHasTheEntriesThatStay) {
+TEST_F(SteppingTest, EachStateOfAShrinkingTableHasTheRemainingEntries) {
   Contents contents;
   std::vector<Change> changes;
   const uint64_t full = isLong() ? kKeys : 75;  // one more page than the 70 that a page takes

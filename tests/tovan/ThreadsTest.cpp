@@ -48,8 +48,8 @@ TEST_F(ThreadsTest, ReadersSeeWholeEntriesWhileTheWriterIsBusy) {
       } while (!ends || last[0] < kRounds);
     });
   }
-  // Meanwhile tables are opened and closed, and damage is reported: all tables of a process share
-  // the data for this.
+  // Meanwhile, other tables are opened and closed, and damage is reported. All tables of a process
+  // share the data of these operations.
   std::thread neighbor([&] {
     for (int i = 0; !ends; ++i) {
       Map private_({.name = "private"});

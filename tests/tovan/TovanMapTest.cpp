@@ -1,4 +1,4 @@
-// The map by itself: contents, growth, damage, refusals.
+// Tests of the map in one process: contents, growth, damage, refusals.
 #include <sys/resource.h>
 
 #include <map>
@@ -65,7 +65,7 @@ void compareWithModel(MakeKey makeKey, MakeValue makeValue) {
   EXPECT_FALSE(table.get(model.begin()->first));
 }
 
-TEST(TovanMapTest, HoldsWhatWasPutIn) {
+TEST(TovanMapTest, AgreesWithAModelUnderRandomChanges) {
   compareWithModel<uint64_t, uint64_t>([](uint32_t n) { return uint64_t{n} << 32; },
                                        [](uint64_t n) { return n; });
   compareWithModel<uint32_t, uint16_t>([](uint32_t n) { return n; },
@@ -80,7 +80,7 @@ TEST(TovanMapTest, HoldsWhatWasPutIn) {
       });
 }
 
-// The merge walks the route table and writes what it finds into the same table.
+// The merge walks the route table and writes into the same table.
 TEST(TovanMapTest, WalkSurvivesWritesOfItsBody) {
   Map table({.name = "walked"});
   for (uint64_t i = 0; i < 5000; ++i) table.set(i, Repeated(i));
@@ -150,10 +150,10 @@ TEST_F(TovanMapDamageTest, RandomDamageIsReportedAndRepaired) {
 }
 
 // Pages that are not written are checked only by tend().
-TEST_F(TovanMapDamageTest, IsFoundAtRestOnceInARound) {
+TEST_F(TovanMapDamageTest, IsFoundOnceInARoundWithoutChanges) {
   Map table = writer();
   for (uint64_t i = 0; i < 2000; ++i) table.set(kOdd + i, Repeated(i));
-  const uint64_t last = kOdd + 1999;  // no split has copied it, so it is in one place
+  const uint64_t last = kOdd + 1999;  // no split has copied this key, so it is at one place
   const Map other = reader();
   TendRound round;
   round.turnIs(5);
@@ -180,9 +180,9 @@ class FlippedBitTest : public TovanMapDamageTest {
   static constexpr uint64_t kEntries = 100;
   static constexpr uint64_t key(uint64_t n) { return kOdd + n; }
 
-  /// Flips bits of the states of a key's slots; the same again puts them back.
+  /// Flips bits of the states of a key's slots. A second call restores them.
   void flip(uint64_t n, int bits) { ASSERT_GE(Tovan::damage(name, key(n), kState, bits), 1U) << n; }
-  /// The numbers that a walk meets, and whether it was told of damage.
+  /// The numbers that a walk visits, and whether the walk reported damage.
   static std::pair<std::set<uint64_t>, bool> walk(const Map& table) {
     std::set<uint64_t> met;
     bool damaged = false;
@@ -209,7 +209,7 @@ TEST_F(FlippedBitTest, BringsNoDeletedEntryBack) {
       for (uint64_t n = 1; n < kEntries; n += 2) table.erase(key(n));
       for (uint64_t n = 1; n < kEntries; n += 2) flip(n, bits);
       expectGone(table);
-      // The living writer goes on, and counts what is there.
+      // The living writer continues, and its count is right.
       for (uint64_t n = 1; n < kEntries; n += 2) table.set(key(n), Repeated(n));
       EXPECT_EQ(table.size(), kEntries) << "bits " << bits;
       for (uint64_t n = 1; n < kEntries; n += 2) table.erase(key(n));
@@ -223,7 +223,7 @@ TEST_F(FlippedBitTest, BringsNoDeletedEntryBack) {
   }
 }
 
-TEST_F(FlippedBitTest, HidesNoEntryWithoutAWord) {
+TEST_F(FlippedBitTest, HidesNoEntryWithoutAReport) {
   for (const int bits : {1, 2, 4}) {
     {
       Map table = writer();
@@ -236,7 +236,7 @@ TEST_F(FlippedBitTest, HidesNoEntryWithoutAWord) {
       EXPECT_GE(met.size(), kEntries - 1);
       flip(n, bits);
     }
-    // The writer copies some of the pages, and repairs the others; an entry that is whole stays.
+    // The writer copies some of the pages, and repairs the others. Undamaged entries stay.
     Map table = writer();
     for (uint64_t n = 0; n < kEntries; n += 10) flip(n, bits);
     for (uint64_t n = 0; n < kEntries; ++n) table.add(n, Repeated(n));
@@ -251,7 +251,7 @@ TEST_F(FlippedBitTest, HidesNoEntryWithoutAWord) {
 }
 
 // The number of entries has no checksum, so no memory may be reserved for it unchecked.
-TEST_F(FlippedBitTest, MakesNoCountTooLarge) {
+TEST_F(FlippedBitTest, MakesNoReaderReserveTooMuchMemory) {
   Map table = writer();
   for (uint64_t n = 0; n < kEntries; ++n) table.set(key(n), Repeated(n));
   const Map other = reader();
@@ -263,11 +263,11 @@ TEST_F(FlippedBitTest, MakesNoCountTooLarge) {
     }
   }
   table.erase(key(0));
-  EXPECT_EQ(other.size(), kEntries - 1) << "the next change puts it right";
+  EXPECT_EQ(other.size(), kEntries - 1) << "the next change corrects it";
 }
 
 // A writer treats a damaged entry as absent, and writes it anew.
-TEST_F(TovanMapDamageTest, WriterGoesOnAfterDamage) {
+TEST_F(TovanMapDamageTest, TheWriterContinuesAfterDamage) {
   Map table = writer();
   fill(table, 100);
   damage(7, 20000, 4096);
@@ -308,8 +308,8 @@ TEST_F(TovanMapDamageTest, EveryReportIsCountedAndTraced) {
   EXPECT_EQ(ours->lastCorruption, table.lastCorruption());
 }
 
-// The state says that the slot is being written. Only a living writer may complete that.
-TEST_F(TovanMapDamageTest, WhatALivingWriterDoesNotEndIsNoDamage) {
+// According to the state, the slot is being written. Only a living writer may complete that.
+TEST_F(TovanMapDamageTest, AnUnfinishedUpdateOfALivingWriterIsNoDamage) {
   auto table = std::make_unique<Map>(config(Access::Write));
   table->set(kOdd, Repeated(5));
   const Map other = reader();
@@ -342,7 +342,7 @@ class OpenTovanMapTest : public TovanMapDamageTest {
   }
 };
 
-TEST_F(OpenTovanMapTest, RefusesWhatItCannotTrust) {
+TEST_F(OpenTovanMapTest, RefusesFilesThatAreNoSuchTable) {
   const std::string title = "Tovan table \"" + name + "\" ";
   EXPECT_EQ(refusal(config(Access::Read)), title + "does not exist");
   EXPECT_EQ(refusal({.access = Access::Write, .name = "a/b"}),
@@ -414,7 +414,7 @@ TEST_F(OpenTovanMapTest, TableCutShortInUseIsDamageNotACrash) {
 }
 
 // Until the next change repairs the file, readers report damage and not absent entries.
-TEST_F(OpenTovanMapTest, AFileThatWasEmptiedIsMendedByTheNextChange) {
+TEST_F(OpenTovanMapTest, TheNextChangeRepairsAnEmptiedFile) {
   Map table = writer();
   fill(table, 100);
   Map other = reader();
@@ -425,7 +425,7 @@ TEST_F(OpenTovanMapTest, AFileThatWasEmptiedIsMendedByTheNextChange) {
   };
   cut();
   table.set(500, Repeated(500));
-  EXPECT_TRUE(table.takeDropped()) << "what was lost has to be announced";
+  EXPECT_TRUE(table.takeDropped()) << "the lost entries must be announced";
   EXPECT_EQ(table.size(), 1u);
   EXPECT_TRUE(other.get(500)) << "the reader maps the file that is whole again";
   EXPECT_FALSE(other.get(1));
@@ -435,7 +435,7 @@ TEST_F(OpenTovanMapTest, AFileThatWasEmptiedIsMendedByTheNextChange) {
   EXPECT_EQ(reader().size(), 0u);
 }
 
-TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
+TEST_F(OpenTovanMapTest, ARemovedTableIsMadeAgain) {
   constexpr uint64_t kEntries = 5000;
   Map table = writer();
   fill(table, kEntries);
@@ -464,10 +464,10 @@ TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
   rlimit files{};
   ::getrlimit(RLIMIT_NOFILE, &files);
   const rlimit none{.rlim_cur = 0, .rlim_max = files.rlim_max};
-  ::setrlimit(RLIMIT_NOFILE, &none);  // so no copy can be made, which could not get the name
+  ::setrlimit(RLIMIT_NOFILE, &none);  // so no file can be made again
   for (int i = 0; i < 3; ++i) tend(table);
   ::setrlimit(RLIMIT_NOFILE, &files);
-  EXPECT_EQ(table.corruptions(), 3u) << "that it was removed, and that it cannot be made again";
+  EXPECT_EQ(table.corruptions(), 3u) << "two removals, and one failed new file";
   EXPECT_NE(table.lastCorruption().find("again: another file has its name"), std::string::npos);
   table.set(1, Repeated(7));
   table.cleanup();
@@ -487,7 +487,7 @@ TEST_F(OpenTovanMapTest, ATableThatWasRemovedIsMadeAgain) {
 }
 
 // When two writers used one name, the first must not remove the table of the second.
-TEST_F(OpenTovanMapTest, AnothersTableIsNotRemoved) {
+TEST_F(OpenTovanMapTest, TheTableOfAnotherWriterIsNotRemoved) {
   Map table = writer();
   ::shm_unlink(("/hostroute-" + name).c_str());
   int begun[2];
@@ -518,7 +518,7 @@ TEST_F(OpenTovanMapTest, MoreThanAThousandTablesAreGuardedWhenCutShort) {
   const rlimit former = limit;
   limit.rlim_cur = limit.rlim_max;
   if (limit.rlim_max < kTables + 100 || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    GTEST_SKIP() << "so many files cannot be open";
+    GTEST_SKIP() << "the limit of open files is too low";
   }
   std::vector<std::unique_ptr<TableMemory>> tables;
   for (size_t i = 0; i < kTables; ++i) {

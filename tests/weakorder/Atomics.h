@@ -2,7 +2,7 @@
 // this first, so that the code of the tables runs in the model.
 #pragma once
 
-// Compiled with the standard atomics: the standard library, and the runtime below the tables.
+// These headers use the standard atomics: the standard library, and the runtime below the tables.
 #include <gtest/gtest.h>
 
 #include <algorithm>

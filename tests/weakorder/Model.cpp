@@ -92,7 +92,7 @@ std::memory_order Model::orderAt(std::memory_order order, const Where& where) {
   return site == weakened_ ? std::memory_order_relaxed : order;
 }
 
-/// The moment as of which a part of the memory is read; kAll if there is no exception for it.
+/// The moment of the log that is read in a part of the memory; kAll if there is no exception.
 size_t Model::momentOf(const Parts& parts, uint64_t part) const {
   const auto found = parts.find(part);
   return found == parts.end() || found->second.run != runs_ ? kAll : found->second.moment;
@@ -111,7 +111,7 @@ uint64_t Model::load(const void* at, uint64_t stands, std::memory_order order, c
     place->run = runs_;
     place->lastRead = place->loads = 0;
   }
-  // A reader that loads repeatedly reads the newest store at last.
+  // A reader that repeats its load finally reads the newest store.
   constexpr size_t kPatience = 20;
   if (++place->loads > kPatience) moment_ = log_.size();
   const size_t oldest = std::max(upTo(acquired_), place->lastRead);
@@ -124,7 +124,7 @@ uint64_t Model::load(const void* at, uint64_t stands, std::memory_order order, c
     const auto valueOf = [&](size_t i) {
       return i == 0 ? place->before : log_[stores[i - 1]].value;
     };
-    // Of older stores of the same value, only the oldest: it restricts the later loads least.
+    // Of the older stores of one value, only the oldest is chosen: it restricts later loads least.
     std::vector<size_t> ways{usual};
     for (size_t i = oldest; i <= stores.size(); ++i) {
       const bool isRepeated = i != oldest && i < usual && valueOf(i) == valueOf(i - 1);

@@ -1,4 +1,4 @@
-// A model of weakly ordered memory with one writer, and of what a reader may see in it.
+// A model of weakly ordered memory with one writer and one reader.
 #pragma once
 
 #include <atomic>
@@ -43,11 +43,11 @@ using Site = std::string;
 /// The memory model of C++ for one thread that stores and another one that only loads.
 ///
 /// The writer runs first, and its stores are logged. The modification order of each place is the
-/// order of the log. A store publishes the beginning of the log: a release store everything before
-/// it, a relaxed store everything before the last release fence. A load of the reader may read the
-/// newest store to its place that the reader already knows, from what it acquired or has read
-/// there, or any later store. The writer reads nothing that readers store, so these are all
-/// executions, whenever the threads run. seq_cst counts as acquire or release.
+/// order of the log. A store publishes the beginning of the log: a release store all stores before
+/// it, a relaxed store all stores before the last release fence. The reader knows the stores that
+/// it has acquired, and those that it has read at the same place. A load may return the newest
+/// known store to its place, or any later store. The writer reads nothing that readers store, so
+/// these are all possible executions. seq_cst counts as acquire or release.
 ///
 /// The reader's code runs once for each choice of the stores that its loads read. To limit the
 /// number of runs, each run begins at one moment of the log, and its loads read the newest store of
@@ -64,7 +64,7 @@ class Model {
   /// Runs the writer, and logs its stores to tables whose names begin with `tables`. All these
   /// tables are open already.
   void record(const std::string& tables, const std::function<void()>& writer);
-  /// Runs the reader for every choice, with at most so many exceptions in a run, until a run
+  /// Runs the reader for every choice, with at most `exceptions` exceptions in a run, until a run
   /// returns a complaint. Returns the complaint, or "".
   std::string explore(size_t exceptions, const std::function<std::string()>& reader);
   /// The number of runs of the last exploration, and the number of stores in the log.
@@ -76,7 +76,7 @@ class Model {
   /// All sites with an order stronger than relaxed that were executed.
   const std::set<Site>& sites() const { return sites_; }
 
-  // For the atomics.
+  // Called by the atomics.
   uint64_t load(const void* at, uint64_t stands, std::memory_order order, const Where& where);
   void store(const void* at, uint64_t former, uint64_t value, std::memory_order order,
              const Where& where);
@@ -85,16 +85,16 @@ class Model {
  private:
   struct Store {
     uint64_t value;
-    size_t publishes;  ///< how many stores of the log a thread knows that acquires this one
+    size_t publishes;  ///< the number of stores that become known when this store is acquired
   };
-  /// The values of one place: the one before, then stores of the log.
+  /// The values of one place: the value before the log, then the stores of the log.
   struct Place {
     uint64_t before;
     uint64_t line;
     uint64_t block;
     std::vector<size_t> stores;
-    size_t run = 0;       ///< the run to which the following belong
-    size_t lastRead = 0;  ///< how many stores there are up to the one that was read last
+    size_t run = 0;       ///< the run to which the following members belong
+    size_t lastRead = 0;  ///< the number of stores up to the last one that was read
     size_t loads = 0;
   };
   struct Choice {
@@ -108,7 +108,7 @@ class Model {
     uint64_t file;
   };
 
-  /// The moment as of which a run reads a part of the memory.
+  /// The moment of the log that a run reads in a part of the memory.
   struct Part {
     size_t run;
     size_t moment;
@@ -125,10 +125,10 @@ class Model {
   std::unordered_map<const void*, Place*> known_;
   std::unordered_map<uint64_t, Place> places_;
   std::vector<Store> log_;
-  size_t fenced_ = 0;  // how much of the log the writer's last release fence publishes
-  // Of the present run.
+  size_t fenced_ = 0;  // the number of stores that the writer's last release fence publishes
+  // The state of the present run.
   size_t acquired_ = 0;
-  size_t seen_ = 0;  // becomes acquired at the next acquire fence
+  size_t seen_ = 0;  // the next acquire fence acquires these stores
   size_t moment_ = 0;
   size_t left_ = 0;
   Parts lines_;   // of 64 bytes

@@ -1,7 +1,7 @@
-// What a reader may read on a machine that orders memory weakly, and whether each memory order in
-// the tables is needed.
+// Tests of the values that a reader may get on a processor with weakly ordered memory, and of the
+// need for each memory order in the tables.
 //
-// By default, only a part is explored. HOSTROUTE_WEAKORDER=long explores all; see
+// By default, only some executions are explored. HOSTROUTE_WEAKORDER=long explores more; see
 // scripts/try-tables.
 #include <unistd.h>
 
@@ -31,7 +31,7 @@ void set(Map& map, uint64_t key, uint64_t value) {
   map.set(key, {value, value});
 }
 
-/// The value of a key, 0 when it is not there, or a complaint.
+/// The value of a key, or 0 if the key is absent, or a complaint.
 struct Got {
   uint64_t value = 0;
   std::string complaint;
@@ -47,15 +47,15 @@ Got get(const Map& map, uint64_t key) {
   }
 }
 
-/// What one scenario found.
+/// The result of one scenario.
 struct Outcome {
   std::string complaint;
   size_t runs = 0;
 };
 
-/// Explores what a reader reads while `change` is made to a table of keys 1 to `count`, each with
-/// itself as value. `complaint` reads, and returns what is wrong, or "". Its arguments are the
-/// table and the count of changes before.
+/// Explores the results of a reader during `change`. The table has the keys 1 to `count`, each with
+/// itself as value. `complaint` reads the table, and returns a complaint or "". Its arguments are
+/// the table and the count of changes before `change`.
 Outcome explore(uint64_t count, const std::function<void(Map&)>& change,
                 const std::function<std::string(const Map&, uint64_t)>& complaint,
                 size_t exceptions) {
@@ -72,7 +72,7 @@ Outcome explore(uint64_t count, const std::function<void(Map&)>& change,
   return outcome;
 }
 
-/// The same where `key` is looked up. `allowed` are its values, 0 for none.
+/// The same with a look-up of `key`. `allowed` are its possible values, 0 for absent.
 Outcome explore(uint64_t count, const std::function<void(Map&)>& change, uint64_t key,
                 const std::vector<uint64_t>& allowed, size_t exceptions) {
   const auto complaint = [&](const Map& reader, uint64_t) -> std::string {
@@ -113,7 +113,7 @@ Outcome removedAndCounted(size_t exceptions) {
       1, [](Map& map) { map.erase(1); }, complaint, exceptions);
 }
 
-/// In a page that is nearly full, so that slots are used again and chains lead past them.
+/// Changes a page that is nearly full, so that slots are used again and searches pass them.
 Outcome comeAndGone(size_t exceptions) {
   constexpr uint64_t kCount = 66;
   const auto change = [](Map& map) {
@@ -123,7 +123,7 @@ Outcome comeAndGone(size_t exceptions) {
     set(map, 5, 205);
   };
   Outcome all;
-  // Where keys stand is another matter in each table.
+  // The places of the keys differ between tables.
   for (int table = 0; table < 6; ++table) {
     for (const uint64_t key : {5, 100, 6, 7, 8, 9, 10, 11, 12, 13}) {
       const std::vector<uint64_t> allowed = key == 5     ? std::vector<uint64_t>{5, 0, 205}
@@ -137,7 +137,7 @@ Outcome comeAndGone(size_t exceptions) {
   return all;
 }
 
-/// Pages are split, and those that become free are filled again; the directory is doubled.
+/// Pages are split, and free pages are filled again. The directory is doubled.
 Outcome splitTwice(size_t exceptions) {
   constexpr uint64_t kCount = 70;
   const auto change = [](Map& map) {
@@ -174,7 +174,7 @@ Outcome repaired(size_t exceptions) {
       3, [](Map& map) { map.validate(); }, 2, {2}, exceptions);
 }
 
-/// A route whose FEC's id goes to another route and back.
+/// The id of a route's FEC is used by another route, and then by the first one again.
 Outcome idsUsedAgain(size_t exceptions) {
   using Zemit::IpAddr;
   using Zemit::Prefix;
@@ -195,7 +195,7 @@ Outcome idsUsedAgain(size_t exceptions) {
   forwarding->adjacencyIs(fec(1));
   routes->routeIs(route(1, 1));
   Fib::RouteTableReader reader(tableName(), "v");
-  reader.find(Prefix::host(IpAddr(1)));  // now it knows the interface's name
+  reader.find(Prefix::host(IpAddr(1)));  // caches the interface's name
   Weak::model.record(tableName(), [&] {
     routes->routeDel(Prefix::host(IpAddr(1)));
     forwarding->adjacencyDel(kFirst);
@@ -225,7 +225,7 @@ struct Scenario {
   const char* name;
   Outcome (*run)(size_t exceptions);
   size_t exceptions;  ///< in the short test
-  size_t most;        ///< in the long one
+  size_t most;        ///< in the long test
 };
 
 constexpr Scenario kScenarios[] = {
@@ -238,12 +238,12 @@ constexpr Scenario kScenarios[] = {
     {"ids of FECs are used again", idsUsedAgain, 2, 3},
 };
 
-TEST(WeakOrderTest, ReadersSeeWhatStoodThereAtOneMoment) {
+TEST(WeakOrderTest, ReadersSeeTheStateOfOneMoment) {
   for (const Scenario& scenario : kScenarios) {
     const auto start = std::chrono::steady_clock::now();
     const Outcome found = scenario.run(isLong() ? scenario.most : scenario.exceptions);
     EXPECT_EQ(found.complaint, "") << scenario.name;
-    EXPECT_GT(found.runs, 5u) << scenario.name;  // an exploration of all there is may be short
+    EXPECT_GT(found.runs, 5u) << scenario.name;  // some explorations have few runs
     std::cout << scenario.name << ": " << found.runs << " runs in "
               << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
               << " s\n";
@@ -254,7 +254,7 @@ std::string functionOf(const Weak::Site& site) {
   return site.substr(site.rfind(' ') + 1);
 }
 
-/// What a scenario complains of, if any does, and which.
+/// The first scenario with a complaint, and the complaint; or "".
 std::string complaintOfAny() {
   for (const Scenario& scenario : kScenarios) {
     const Outcome found = scenario.run(isLong() ? scenario.most : scenario.exceptions);
@@ -263,13 +263,13 @@ std::string complaintOfAny() {
   return "";
 }
 
-// The model must notice that an order is missing. docs/tables.md explains the orders for which it
-// does not.
-TEST(WeakOrderTest, AMissingOrderIsNoticed) {
+// Without a necessary memory order, the model must give a complaint. docs/tables.md explains the
+// orders without which it gives none.
+TEST(WeakOrderTest, NoticesAMissingMemoryOrder) {
   const std::set<std::string> noticeable{"write",  "read",     "setState",
                                          "repair", "headerIs", "noteChange"};
   std::set<std::string> known;
-  for (const Scenario& scenario : kScenarios) scenario.run(1);  // makes the sites known
+  for (const Scenario& scenario : kScenarios) scenario.run(1);  // collects the sites
   for (const Weak::Site& site : Weak::model.sites()) {
     const bool isNoticeable = noticeable.contains(functionOf(site));
     if (!isNoticeable && !isLong()) continue;

@@ -1,4 +1,4 @@
-// The memory of a hash table: where it comes from and how it is given back.
+// The memory of a hash table: its allocation and release.
 #include "platform/kiv/containers/HashBlock.h"
 
 #include <sys/mman.h>
@@ -13,17 +13,18 @@ namespace {
 
 constexpr size_t kPage = 4096;
 constexpr size_t kHugePage = size_t{2} << 20;
-// From this size on memory is mapped. Its pages come zeroed when they are first touched and go a
-// few at a time, so no insertion pays for the whole. They are small while a block is being filled:
-// for a huge one the system may have to move others out of the way, which takes milliseconds.
+// Memory of at least this size is mapped. The kernel provides a zeroed page at its first access,
+// and a few pages are given back at a time, so no single insertion takes long. The pages are small
+// while a block is being filled: for a huge page, the kernel may first have to move other pages
+// away, which takes milliseconds.
 constexpr size_t kMappedBytes = 2 * kHugePage;
 
 constexpr size_t roundUp(size_t bytes, size_t unit) {
   return (bytes + unit - 1) & ~(unit - 1);
 }
 
-/// The control bytes before the slots. Whole groups, so that each is in one cache line when there
-/// are many.
+/// The bytes before the slots, a multiple of the size of a group, so that each group is in one
+/// cache line.
 size_t headBytes(size_t groups) {
   const size_t emptying = groups == 1 ? 0 : sizeof(HashBlock::Emptying);
   return emptying + groups * sizeof(HashGroup) + sizeof(HashBlock);
@@ -33,14 +34,14 @@ size_t blockBytes(size_t groups, size_t slots, size_t slotSize) {
   return bytes < kMappedBytes ? bytes : roundUp(bytes, kPage);
 }
 
-/// The slots of one group that fit what the heap hands out for `elements` of them: multiples of 16
-/// bytes less the 8 it keeps for itself.
+/// How many slots of one group fit into the memory that the heap allocates for `elements` slots.
+/// The heap allocates multiples of 16 bytes, and uses 8 of them itself.
 size_t slotsInHeapBlock(size_t elements, size_t slotSize) {
   const size_t usable = roundUp(blockBytes(1, elements, slotSize) + 8, 16) - 8;
   return std::min<size_t>(HashGroup::kSlots, (usable - headBytes(1)) / slotSize);
 }
 
-/// Where the huge page of `at`, or the next one, begins.
+/// The start of the huge page that contains `at`, or of the next one.
 std::byte* downToHugePage(std::byte* at) {
   return at - reinterpret_cast<uintptr_t>(at) % kHugePage;
 }
@@ -48,7 +49,7 @@ std::byte* upToHugePage(std::byte* at) {
   return downToHugePage(at + kHugePage - 1);
 }
 
-/// Maps memory that begins on a huge page, so that it can be made of them.
+/// Maps memory that is aligned to huge pages, so that the kernel can use them.
 std::byte* map(size_t bytes) {
   const size_t mappedBytes = bytes + kHugePage;
   void* mapped =
@@ -61,10 +62,10 @@ std::byte* map(size_t bytes) {
   return start;
 }
 
-/// Moves pages to the place of others that were never written. Returns false if the kernel refuses.
+/// Moves pages over pages that were never written. Returns false if the kernel refuses.
 bool movePages(std::byte* from, size_t bytes, std::byte* to) noexcept {
   if (mremap(from, bytes, bytes, MREMAP_MAYMOVE | MREMAP_FIXED, to) != MAP_FAILED) return true;
-  // It may have unmapped the others before.
+  // The kernel may have unmapped the pages at `to` before it failed.
   const void* const mapped =
       mmap(to, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
   if (mapped == MAP_FAILED) std::terminate();
@@ -130,7 +131,7 @@ std::byte* HashBlock::moveBehind(size_t groups, size_t slotSize, std::byte* end,
   while (end > unused) {
     std::byte* const piece = downToHugePage(end - 1);
     const auto bytes = static_cast<size_t>(end - piece);
-    // Where huge pages begin, so that the kernel moves whole page tables.
+    // Aligned to huge pages, so that the kernel moves whole page tables.
     std::byte* const target =
         downToHugePage(std::min(reused, to.slots(filled, slotSize))) - kHugePage;
     if (to.isMapped && target >= to.slots(0, slotSize) &&

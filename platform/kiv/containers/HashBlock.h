@@ -1,4 +1,4 @@
-// The memory of a hash table: its blocks, and the control bytes by which slots are found.
+// The memory of a hash table: its blocks, and the control bytes that a search reads.
 #pragma once
 
 #include <algorithm>
@@ -15,9 +15,9 @@
 
 namespace Kiv::detail {
 
-/// The states of the slots of one group, and whether to look for a key beyond it.
+/// The states of the slots of one group, and whether a search continues in another group.
 ///
-/// A control byte is kEmptySlot, kNoSlot or the tag of the key in the slot. Zero means empty, so
+/// A control byte is kEmptySlot, kNoSlot, or the tag of the key in the slot. Zero means empty, so
 /// that fresh pages from the operating system are empty groups.
 struct alignas(16) HashGroup {
   static constexpr uint32_t kSlots = 15;
@@ -26,8 +26,8 @@ struct alignas(16) HashGroup {
   static constexpr uint8_t kFirstTag = 2;
 
   uint8_t control[kSlots];
-  /// The keys that went on to another group because this one was full, one bit for each eighth of
-  /// all hashes. A search that finds the bit of its hash clear is over.
+  /// A bit for each eighth of all hashes. It is set when a key with such a hash was stored in
+  /// another group because this one was full. A search ends here if the bit of its hash is clear.
   uint8_t overflow;
 
   /// The group that a control byte belongs to.
@@ -79,7 +79,7 @@ class WordMatcher {
 };
 
 #ifdef __SSE2__
-/// Does the same for all bytes at once.
+/// The same as WordMatcher, for all bytes at once.
 class Sse2Matcher {
  public:
   static uint32_t matching(const HashGroup& group, uint8_t byte) {
@@ -95,7 +95,8 @@ class Sse2Matcher {
   }
 
  private:
-  // By the low byte of a hash: one load instead of the steps that limit and spread a tag.
+  // The tag, four times, for each low byte of a hash: one load instead of the instructions that
+  // limit and replicate a tag.
   static constexpr auto kFourTags = [] {
     std::array<uint32_t, 256> tags{};
     for (uint32_t low = 0; low < tags.size(); ++low)
@@ -115,14 +116,14 @@ using HashMatcher = Sse2Matcher;
 using HashMatcher = WordMatcher;
 #endif
 
-/// The head of a table's memory. The slots follow it; the groups stand before it, group 0 last. So
-/// both are found from one pointer, whatever their number.
+/// The head of a table's memory. The slots follow it, and the groups precede it, with group 0 last.
+/// So one pointer leads to both, however many there are.
 struct HashBlock {
-  uint32_t size;        ///< the map's elements; in a block that is being emptied, its own
+  uint32_t size;        ///< elements of the map; in a block that is being emptied, of the block
   uint32_t free;        ///< insertions before the table is rebuilt
   uint32_t generation;  ///< see HashMap::generation()
-  uint8_t shift;        ///< by this, a hash becomes the number of its group
-  uint8_t slotsOfOne;   ///< of the group, when it is the only one: slots there is memory for
+  uint8_t shift;        ///< a hash shifted right by this is the number of its group
+  uint8_t slotsOfOne;   ///< if there is only one group: the number of its slots
   bool isMapped;        ///< the memory comes from the operating system, not from the heap
   bool emptiesAnother;  ///< elements of an older block are still to be moved here
 
@@ -130,11 +131,11 @@ struct HashBlock {
   size_t slotCount() const noexcept {
     return groupCount() == 1 ? slotsOfOne : groupCount() * HashGroup::kSlots;
   }
-  /// The elements that fit before searches become long.
+  /// How many elements fit before searches become long.
   size_t capacity() const noexcept {
     return groupCount() == 1 ? slotsOfOne : slotCount() - slotCount() / 8;
   }
-  /// \returns true when `group` is one of its own.
+  /// \returns true when `group` belongs to this block.
   bool holds(const HashGroup* group) noexcept {
     return group <= this->group(0) && group >= this->group(groupCount() - 1);
   }
@@ -150,7 +151,7 @@ struct HashBlock {
   struct alignas(16) Emptying {
     HashBlock* block;
     size_t groups;      ///< the groups still to be emptied
-    std::byte* end;     ///< of the memory that has not been given back or moved yet
+    std::byte* end;     ///< where the memory ends that has not been given back or moved yet
     std::byte* reused;  ///< the lowest page that was moved to this block
   };
   /// \pre emptiesAnother
@@ -165,17 +166,19 @@ struct HashBlock {
   size_t bytes(size_t slotSize) const noexcept;
   /// Where the memory ends.
   std::byte* end(size_t slotSize) noexcept;
-  /// Lets the system put huge pages in place of small ones, in its own time.
+  /// Allows the kernel to replace small pages by huge ones in the background.
   void useHugePages(size_t slotSize) noexcept;
   /// Releases the memory up to `end`; the memory behind it was released before.
   void release(std::byte* end) noexcept;
-  /// Moves the pages of the slots behind the first `groups` groups to another block, or else gives
-  /// them back, when it is worth a call. Moving a page takes a fiftieth of the time of giving it
-  /// back and getting a new one.
+  /// Moves the pages of the slots behind the first `groups` groups to the block `to`, or gives them
+  /// back if that is impossible. Waits until they fill a huge page, so that a system call is worth
+  /// its time. Moving a page takes a fiftieth of the time of giving it back and getting a new one.
   ///
-  /// \param filled  the group from which on the other block has been filled, in descending order.
-  /// \param reused  the lowest page that was moved there.
-  /// \returns where the rest ends.
+  /// \param end     where the memory of this block ends.
+  /// \param filled  the first group of `to` that has been filled; groups are filled in descending
+  ///                order.
+  /// \param reused  the lowest page that was moved to `to`.
+  /// \returns where the memory of this block ends now.
   std::byte* moveBehind(size_t groups, size_t slotSize, std::byte* end, HashBlock& to,
                         size_t filled, std::byte*& reused) noexcept;
   /// Gives back the pages around a slot when no element is left on them. The slots stay usable.
@@ -186,7 +189,7 @@ struct HashBlock {
   bool isUnused(const std::byte* from, const std::byte* to, size_t slotSize) noexcept;
 };
 
-/// The block of a map without memory: it has no slot. Known by its address.
+/// The block of a map without memory. It has no slot; a map recognises it by its address.
 struct NoHashBlock {
   HashGroup group;
   HashBlock block;
@@ -204,8 +207,8 @@ KIV_EXPORT inline constexpr NoHashBlock kNoHashBlock = {
 /// The last number that nextHashGeneration() has given.
 KIV_EXPORT inline constinit thread_local uint32_t lastHashGeneration = 0;
 
-/// Draws a number for HashBlock::generation that no block of this thread has shown before, unless
-/// four billion were drawn since. Zero is the empty map's.
+/// Draws a number for HashBlock::generation that no block of this thread has had before, unless
+/// four billion numbers were drawn since. Zero is reserved for the empty map.
 inline uint32_t nextHashGeneration() noexcept {
   if (++lastHashGeneration == 0) ++lastHashGeneration;
   return lastHashGeneration;

@@ -22,11 +22,11 @@ struct Present {
   friend constexpr bool operator==(Present, Present) = default;
 };
 
-/// Values by key, in no order: two words when empty, one block of memory while small.
+/// Values by key, in no order. An empty map is two words; a small one has one block of memory.
 ///
 /// Open addressing in groups of fifteen slots with a control byte each. Deleting an element moves
-/// no other. A table that is full is not rebuilt at once: a larger one takes its place, and each
-/// insertion moves a few elements over. Pointers to values are good until the next insertion.
+/// no other. A full table is replaced by a larger one, but not rebuilt at once: each insertion
+/// moves a few elements. Pointers to values are valid until the next insertion.
 template <class K, class V, class H = Hash<K>>
 class HashMap {
  public:
@@ -46,7 +46,7 @@ class HashMap {
   using Group = detail::HashGroup;
   using Matcher = detail::HashMatcher;
 
-  /// A slot, or none. As small as it can be, because each search returns one.
+  /// A slot, or none. Two words, because each search returns one.
   struct Place {
     Place() = default;
     Place(Block* block, size_t group, size_t number = 0)
@@ -60,12 +60,12 @@ class HashMap {
     Entry* entry = nullptr;
   };
 
-  /// A place in a walk that may change the map.
+  /// An iterator over a map that may change meanwhile.
   ///
-  /// The walk goes on when the element it stands on, or any other, is deleted. After an insertion
-  /// it finds its place again by key, and ends there if that element is gone; elements may then be
-  /// met twice or not at all, so walk over keys() where each counts. The map must stay where it is
-  /// and outlive its iterators.
+  /// It stays valid when its element, or any other, is deleted. After an insertion it finds its
+  /// element again by key, and is at the end if that element is gone. Elements may then be visited
+  /// twice or not at all: a loop that must visit each element iterates over keys(). The map must
+  /// not be moved, and must outlive its iterators.
   template <class Map, class Value>
   class WalkOf {
    public:
@@ -108,7 +108,7 @@ class HashMap {
     K key_{};
   };
 
-  /// A walk that the map does not change under.
+  /// An iterator over a map that does not change meanwhile.
   class RangeWalk {
    public:
     using iterator_concept = std::input_iterator_tag;
@@ -151,12 +151,12 @@ class HashMap {
 
     Block* block_ = nullptr;
     size_t group_ = 0;
-    Entry* slots_ = nullptr;  // of the group
-    uint32_t full_ = 0;       // slots of the group that are still to come
+    Entry* slots_ = nullptr;  // the slots of the group
+    uint32_t full_ = 0;       // the elements of the group that are still to be visited, as bits
   };
 
  public:
-  /// A hint at the memory of a map's elements. It may outlive the map.
+  /// Where the elements of a map are, for prefetching only. It may outlive the map.
   class PrefetchHint {
    public:
     PrefetchHint() = default;
@@ -190,7 +190,7 @@ class HashMap {
 
   size_t size() const noexcept { return block_->size; }
   bool empty() const noexcept { return size() == 0; }
-  /// The bytes of memory the map holds, beside itself.
+  /// The bytes of memory that the map has allocated.
   size_t bytes() const noexcept {
     size_t bytes = 0;
     for (Block* block = block_; block != nullptr; block = older(block)) {
@@ -198,25 +198,26 @@ class HashMap {
     }
     return bytes;
   }
-  /// A number that changes when elements have been inserted or may have moved, or all have gone.
+  /// A number that changes when an element is inserted, when elements may have moved, and when all
+  /// are deleted.
   uint32_t generation() const noexcept { return block_->generation; }
 
   /// The value of `key`, or null.
   V* find(const K& key) { return valueAt(locate(key)); }
   const V* find(const K& key) const { return valueAt(locate(key)); }
-  /// Prefetches the memory that find() reads, so that several maps are searched in the time of one.
+  /// Prefetches the memory that find() reads, so that searches of several maps overlap.
   /// \returns the hash for find().
   uint32_t prefetch(const K& key) const {
     const uint32_t hash = H()(key);
     prefetchHash(hash);
     return hash;
   }
-  /// The same for a key of this hash.
+  /// The same for a key with this hash.
   void prefetchHash(uint32_t hash) const { prefetchGroup(block_, home(hash), hash); }
-  /// A hint for a later prefetch, also when the map itself is not at hand then.
+  /// A hint for later prefetches, which need not access the map itself.
   PrefetchHint prefetchHint() const { return PrefetchHint(block_, shift_); }
   const V* find(const K& key, uint32_t hash) const { return valueAt(locate(key, hash)); }
-  /// The key that equals `probe`, of another type, whose hash is `hash`; or null.
+  /// The key that equals `probe`, or null. `probe` may be of another type; `hash` is its hash.
   template <class Probe>
   const K* findKey(const Probe& probe, uint32_t hash) const {
     const Place place = locate(probe, hash);
@@ -224,7 +225,7 @@ class HashMap {
   }
   bool contains(const K& key) const { return bool(locate(key)); }
 
-  /// The value of `key`, which is made of `args` if there was none. \returns true when it was made.
+  /// The value of `key`. If there is none, makes it of `args`. \returns true when it was made.
   template <class... Args>
   std::pair<V*, bool> tryEmplace(const K& key, Args&&... args) {
     const uint32_t hash = H()(key);
@@ -233,7 +234,7 @@ class HashMap {
     }
     return {add(key, hash, std::forward<Args>(args)...), true};
   }
-  /// Adds an element, as tryEmplace() does. \pre there is none with this key, whose hash is `hash`
+  /// Adds an element, as tryEmplace() does. \pre `hash` is the hash of `key`, and the key is absent
   template <class... Args>
   V* add(const K& key, uint32_t hash, Args&&... args) {
     if (block_->free == 0 || block_->emptiesAnother) makeRoom();
@@ -255,7 +256,7 @@ class HashMap {
   bool erase(const K& key) {
     return eraseIf(key, [](V&) { return true; });
   }
-  /// The same, if `isOver(value)` says so, which may change the value before.
+  /// The same, but only if `isOver(value)` returns true. It may change the value.
   /// \returns true when the element was deleted.
   template <class Test>
   bool eraseIf(const K& key, Test&& isOver) {
@@ -265,7 +266,7 @@ class HashMap {
     erase(place, hash);
     return true;
   }
-  /// Deletes the element on which `it` stands, if it is still there. `it` may then be advanced.
+  /// Deletes the element of `it`, if it is still there. `it` may then be advanced.
   void erase(Iterator& it) {
     it.findAgain();
     if (!it || *it.place_.control == Group::kEmptySlot) return;
@@ -274,7 +275,7 @@ class HashMap {
   /// Deletes all elements and gives the memory back.
   void clear() noexcept { destroy(blockIs(none())); }
 
-  /// Makes room for `elements` elements in all.
+  /// Makes room for `elements` elements, including the present ones.
   void reserve(size_t elements) {
     if (elements <= size()) return;
     while (block_->emptiesAnother) moveSome();
@@ -283,7 +284,7 @@ class HashMap {
 
   Iterator iterator() { return Iterator(this); }
   IteratorConst iteratorConst() const { return IteratorConst(this); }
-  /// A walk that begins at `key`; at the end when it is not there.
+  /// An iterator at `key`, or at the end when the key is absent.
   IteratorConst iteratorConst(const K& key) const { return IteratorConst(this, locate(key)); }
   /// The keys as they are now.
   std::vector<K> keys() const {
@@ -298,25 +299,27 @@ class HashMap {
     }
     return keys;
   }
-  /// A walk over the entries of a map, or the keys of a set, that must not change meanwhile.
+  /// Iterates over the entries of a map, or the keys of a set. It must not change meanwhile.
   RangeWalk begin() const { return RangeWalk(block_); }
   std::default_sentinel_t end() const { return {}; }
 
  private:
-  // An insertion moves groups until it has moved so many elements or emptied so many groups.
+  // While a block is being emptied, an insertion moves groups until it has moved kElementsMoved
+  // elements or emptied kGroupsEmptied groups.
   static constexpr uint32_t kElementsMoved = 48;
   static constexpr uint32_t kGroupsEmptied = 64;
-  // The groups of the next insertion, whose memory one prefetches.
+  // An insertion prefetches the groups that the next one will move.
   static constexpr size_t kGroupsAhead = 4;
-  // A key whose group is full goes to another group of the block that is being emptied, if one of
-  // so many has room.
+  // For a key that belongs into a full group of the block that is being emptied, an insertion tries
+  // this many other groups of that block.
   static constexpr size_t kStepsInOlder = 16;
-  // A table of so many groups is small enough to be rebuilt at once.
+  // A table with at most this many groups is rebuilt at once.
   static constexpr size_t kGroupsRebuilt = 16;
 
   static Block* none() {
     auto* block = const_cast<Block*>(&detail::kNoHashBlock.block);
-    asm("" : "+r"(block));  // or GCC, knowing the block, warns of the slots that it does not have
+    // Hides the value from GCC, which would otherwise warn that the block has no slots.
+    asm("" : "+r"(block));
     return block;
   }
   static Block* older(Block* block) {
@@ -337,7 +340,7 @@ class HashMap {
     const bool isLast = !block_->group(home)->hasOverflowed(hash) && !block_->emptiesAnother;
     return isLast ? Place() : locateBeyond(key, hash);
   }
-  /// The search in all the other groups the key can be in, in the older block too.
+  /// The search in the other groups that may have the key, also in the block that is being emptied.
   template <class Probe>
   [[gnu::noinline]] Place locateBeyond(const Probe& key, uint32_t hash) const {
     for (Block* block = block_; block != nullptr; block = older(block)) {
@@ -357,7 +360,7 @@ class HashMap {
     uint32_t tagged = Matcher::tagged(*block->group(group), hash);
     if (tagged == 0) return {};
     const Place first(block, group);
-    // A processor that expects a hit fetches the slot while it still waits for the control bytes.
+    // The processor loads the slot while it still waits for the control bytes.
     Kiv::prefetch(first.entry + firstChoice(hash));
     do {
       const size_t slot = slotOf(tagged);
@@ -367,12 +370,12 @@ class HashMap {
     } while ((tagged &= tagged - 1) != 0);
     return {};
   }
-  /// Where to put a key that is not there. \pre the block has an empty slot
+  /// An empty slot for an absent key. \pre the block has an empty slot
   static Place emptyPlace(Block* block, uint32_t hash) {
     size_t group = homeOf(block, hash);
     for (size_t step = 1;; ++step) {
       const Place place(block, group, firstChoice(hash));
-      // One byte, for a processor that has not finished writing the others.
+      // Reads one byte only: a wider load would wait for the bytes that were just written.
       if (*place.control == Group::kEmptySlot) return place;
       const uint32_t empty = Matcher::matching(*block->group(group), Group::kEmptySlot);
       if (empty != 0) [[likely]] {
@@ -382,8 +385,9 @@ class HashMap {
       group = nextGroup(block, group, step);
     }
   }
-  /// The same while another block is emptied. A key whose group there is still to be moved goes
-  /// there, so that the slots of the new block are filled in order; see HashBlock::moveBehind().
+  /// The same while another block is being emptied. If the group of the key in that block has not
+  /// been moved yet, the slot is in that block: so the groups of the new block are filled in order;
+  /// see HashBlock::moveBehind().
   [[gnu::noinline]] Place emptyPlaceInEither(uint32_t hash) {
     auto& [old, groups, end, reused] = block_->emptying();
     size_t group = homeOf(old, hash);
@@ -395,30 +399,30 @@ class HashMap {
     }
     return emptyPlace(block_, hash);
   }
-  /// The group of the new block to which the first element of a group of the old one goes.
+  /// The first group of the new block that gets elements of `group` of the old block.
   size_t firstFilled(const Block& old, size_t group) const {
     return static_cast<size_t>((uint64_t{group} << old.shift) >> block_->shift);
   }
-  /// The slot in which to put a key if it is empty, else one of the next.
+  /// The slot of a group that a key gets if it is empty, or else one of the next slots.
   static size_t firstChoice(uint32_t hash) {
-    // Large slots are spread, so that the one sought can be fetched before its group is read.
-    // Small ones are filled in order: there the use of cache lines counts more.
+    // Keys are spread over large slots, so that a search can prefetch the slot before it reads the
+    // control bytes. Small slots are filled in order, which uses fewer cache lines.
     return sizeof(Entry) > 16 ? hash & 14 : 0;
   }
-  /// Fetches the control bytes of a group, and all slots that a key of this hash is likely to be
-  /// in.
+  /// Prefetches the control bytes of a group, and the slots that are likely for a key with this
+  /// hash.
   static void prefetchGroup(Block* block, size_t group, uint32_t hash) {
     constexpr size_t kLine = 64;
     constexpr size_t kBytes = Group::kSlots * sizeof(Entry);
-    // In a group that is nearly full a key may be in any slot; of large ones, the likely are
-    // fetched.
+    // In a group that is nearly full, a key may be in any slot. If the slots are large, only the
+    // likely ones are prefetched.
     constexpr size_t kFetched = kBytes <= 6 * kLine ? kBytes : 2 * kLine;
     const size_t first = kFetched == kBytes ? 0 : firstChoice(hash);
     const auto* slots = reinterpret_cast<const std::byte*>(slotsOf(block, group) + first);
     Kiv::prefetch(block->group(group));
     for (size_t at = 0; at < kFetched; at += kLine) Kiv::prefetch(slots + at);
   }
-  /// Which of the empty slots of a group to take.
+  /// The empty slot of a group that a key gets. `empty` has a bit for each empty slot.
   static size_t chosenOf(uint32_t empty, uint32_t hash) {
     const uint32_t preferred = empty & (~uint32_t{0} << firstChoice(hash));
     return slotOf(preferred != 0 ? preferred : empty);
@@ -430,7 +434,7 @@ class HashMap {
   }
   static size_t homeOf(const Block* block, uint32_t hash) { return uint64_t{hash} >> block->shift; }
   size_t home(uint32_t hash) const { return uint64_t{hash} >> shift_; }
-  /// Steps of growing length reach every group.
+  /// The next group of a search. Steps of growing length reach every group.
   static size_t nextGroup(const Block* block, size_t group, size_t step) {
     return (group + step) & (block->groupCount() - 1);
   }
@@ -459,7 +463,7 @@ class HashMap {
     if constexpr (std::is_trivially_destructible_v<Entry>) {
       forget(place, hash);
     } else {
-      // The last handle to an object may call back, so the map must be whole again before it goes.
+      // Destroying the value may run code that uses this map, so the map is updated first.
       [[maybe_unused]] const Entry gone = std::move(*place.entry);
       place.entry->~Entry();
       forget(place, hash);
@@ -476,11 +480,11 @@ class HashMap {
       ++block_->free;
       return;
     }
-    // A slot that keys were turned away from is not free: the overflow bits stay, and a table whose
-    // bits are all set must be rebuilt some time, however few its elements are.
+    // An overflow bit stays set, so a slot of such a group is not counted as free. Otherwise a
+    // table with few elements could set all overflow bits and would never be rebuilt.
     if (!place.controls()->hasOverflowed(hash)) ++block_->free;
-    // A table that is nearly empty gets a smaller one at the next insertion. If there is none, the
-    // last deletion would have to give back everything.
+    // The next insertion replaces a table that is nearly empty by a smaller one. If no insertion
+    // follows, the last deletions give the memory back in pieces: all at once would take too long.
     if (block_->size < block_->groupCount() && !block_->emptiesAnother) {
       block_->free = 0;
       if (block_->size < block_->groupCount() / 512)
@@ -499,9 +503,10 @@ class HashMap {
       rebuild(std::max(size() * 4 / 3 + 1, leastCapacity()));
     }
   }
-  /// The smallest table into which this one may be emptied: it is not full before that is done.
+  /// The smallest capacity of a table that may replace this one: a smaller one could be full before
+  /// all elements have been moved.
   size_t leastCapacity() const { return block_->capacity() / 16; }
-  /// Begins to move everything to a block with room for `elements`.
+  /// Begins to move all elements to a new block with room for `elements`.
   void rebuild(size_t elements) {
     Block* const old = blockIs(Block::allocate(elements, sizeof(Entry)));
     block_->generation = detail::nextHashGeneration();
@@ -546,8 +551,8 @@ class HashMap {
     Kiv::prefetch(block->group(first));
   }
   void moveGroup(Block& old, size_t number) {
-    // The empty slots of the groups to which these elements go, for the most part two neighbours.
-    // A processor would have to wait for the control bytes it has just written.
+    // The empty slots of the two groups that most of these elements belong to. Reading them from
+    // the control bytes would be slow, because these were just written byte by byte.
     struct {
       size_t group = SIZE_MAX;
       uint32_t empty = 0;

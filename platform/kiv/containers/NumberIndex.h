@@ -1,4 +1,4 @@
-// Numbered things, found by their keys.
+// An index from keys to numbers that does not store the keys.
 #pragma once
 
 #include <cstddef>
@@ -8,15 +8,15 @@
 
 namespace Kiv {
 
-/// The numbers of things that are kept elsewhere with their keys, by the hashes of these: eight
-/// bytes for each. Grows without looking at the things.
+/// Finds the numbers of objects by the hashes of their keys. The objects and the keys are stored
+/// elsewhere; the index takes eight bytes for each and grows without reading them.
 class NumberIndex {
  public:
   size_t size() const noexcept { return entries_.size(); }
   bool empty() const noexcept { return entries_.empty(); }
 
-  /// The number of which `isSought` is true among those whose keys have this hash, or null. Good
-  /// until a number is added.
+  /// Among the numbers whose keys have this hash, the one for which `isSought` returns true; or
+  /// null. Valid until a number is added.
   template <class Test>
   const uint32_t* find(uint32_t hash, const Test& isSought) const {
     const Entry* found = entries_.findKey(Sought<Test>{hash, isSought}, hash);
@@ -29,7 +29,7 @@ class NumberIndex {
   void add(uint32_t hash, uint32_t number) {
     entries_.add({.hashOfKey = hash, .number = number}, hash);
   }
-  /// Takes out a number, which was added with this hash.
+  /// Removes a number. \pre it was added with this hash
   void erase(uint32_t hash, uint32_t number) {
     entries_.erase({.hashOfKey = hash, .number = number});
   }

@@ -1,4 +1,4 @@
-// A hash map whose keys can also be asked for in order.
+// A hash map that can also list its keys in order.
 #pragma once
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 
 namespace Kiv {
 
-/// Keys in ascending order, in runs of a few hundred: a change moves the keys of one run only.
+/// Keys in ascending order, in runs of a few hundred. A change moves only the keys of one run.
 template <class K>
 class OrderedKeys {
  public:
@@ -26,7 +26,7 @@ class OrderedKeys {
     }
   }
 
-  /// \pre the key is not there \throws std::bad_alloc, then it is of no use any more
+  /// \pre the key is absent \throws std::bad_alloc; the object must then not be used any more
   void insert(const K& key) {
     if (runs_.empty()) {
       firsts_.push_back(key);
@@ -45,7 +45,7 @@ class OrderedKeys {
     firsts_.insert(firsts_.begin() + next, second.front());
     runs_.insert(runs_.begin() + next, std::move(second));
   }
-  /// \pre the key is there
+  /// \pre the key is present
   void erase(const K& key) {
     const size_t at = runOf(key);
     Run& run = runs_[at];
@@ -73,20 +73,20 @@ class OrderedKeys {
   static constexpr size_t kMost = 256;
   static constexpr size_t kFilled = kMost / 4 * 3;
 
-  /// The run in which the key is, if it is there, or belongs.
+  /// The run that has the key, or would have it.
   size_t runOf(const K& key) const {
     const auto behind = std::upper_bound(firsts_.begin(), firsts_.end(), key);
     return static_cast<size_t>(std::max(behind - firsts_.begin(), std::ptrdiff_t{1})) - 1;
   }
 
-  std::vector<K> firsts_;  // of each run, side by side for the search
+  std::vector<K> firsts_;  // the first key of each run, for the search
   std::vector<Run> runs_;  // none is empty
 };
 
-/// A hash map that also gives the keys of a range, at a cost that does not depend on the others.
+/// A hash map that also lists the keys of a range, at a cost that depends only on their number.
 ///
-/// Its order is worked out when a large map is first asked for a range, and kept from then on. The
-/// members that HashMap has too do the same as there.
+/// The keys of a large map are sorted at the first call of keysBetween(), and kept in order from
+/// then on. The other members are as in HashMap.
 template <class K, class V>
 class OrderedHashMap {
   using Map = HashMap<K, V>;
@@ -146,14 +146,14 @@ class OrderedHashMap {
   }
 
  private:
-  /// So few keys are walked sooner than put in order.
+  /// Up to this many keys, a range is found by visiting all keys.
   static constexpr size_t kWalked = 32;
 
   void keepInOrder(const K& key) noexcept {
     try {
       order_->insert(key);
     } catch (const std::bad_alloc&) {
-      order_ = nullptr;  // it may lack the key; the next range has it worked out again
+      order_ = nullptr;  // it may lack the key; the next keysBetween() sorts the keys again
     }
   }
 

@@ -6,10 +6,10 @@
 
 namespace Kiv {
 
-/// `text` with each byte encoded that is not plain.
+/// `text` with every byte encoded for which `isPlain` returns false.
 std::string percentEncoded(std::string_view text, bool (*isPlain)(char));
 
-/// The text that was encoded. A "%" that two hexadecimal digits do not follow stands for itself.
+/// Decodes `text`. A "%" without two hexadecimal digits after it stands for itself.
 std::string percentDecoded(std::string_view text);
 
 }  // namespace Kiv

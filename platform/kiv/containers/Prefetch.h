@@ -1,12 +1,13 @@
-// Fetching memory ahead.
+// Prefetching of memory.
 #pragma once
 
 namespace Kiv {
 
-/// Begins to fetch the cache line of `place`, which may be any address. Reads nothing.
+/// Loads the cache line of `place` in the background. `place` may be any address, also an invalid
+/// one.
 inline void prefetch(const void* place) {
   __builtin_prefetch(place);
-  // GCC takes a function that does nothing but fetch for one without effect, and drops its calls.
+  // GCC considers a function that only prefetches to have no effect, and drops its calls.
   asm volatile("");
 }
 

@@ -14,17 +14,17 @@
 
 namespace Kiv {
 
-/// Base of everything that is held through Kiv::Ptr.
+/// Base of every class that is used through Kiv::Ptr.
 ///
-/// The count starts at one, the reference of the maker (Kiv::make), so that a
-/// handler run by the constructor may take and drop handles. While the object is being destroyed
-/// the count is negative: handles may come and go, and nothing is destroyed twice.
+/// The count starts at one, the reference of the maker (Kiv::make). So a handler that the
+/// constructor calls may make and drop handles. While the object is being destroyed the count is
+/// negative: destructors may make and drop handles, and the object is not destroyed twice.
 class Object {
  public:
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
 
-  /// True from the moment the last handle was dropped.
+  /// True once the last handle was dropped.
   bool isDestructing() const noexcept { return references_.load(std::memory_order_relaxed) < 0; }
   /// The number of handles, or a negative number while the object is being destroyed.
   int32_t referenceCount() const noexcept { return references_.load(std::memory_order_relaxed); }
@@ -38,11 +38,11 @@ class Object {
   Object() = default;
   virtual ~Object() = default;
 
-  /// Called when the last handle has gone, while the object is still whole.
+  /// Called when the last handle was dropped, before any destructor.
   virtual void zeroReferences() noexcept {}
 
  private:
-  // Far from zero on either side, so that handles made and dropped by a destructor never reach it.
+  // So far below zero that a destructor cannot reach zero by making or dropping handles.
   static constexpr int32_t kDestructing = std::numeric_limits<int32_t>::min() / 2;
 
   void destroy() const noexcept {
@@ -56,14 +56,14 @@ class Object {
 };
 
 namespace detail {
-/// A pointer to U is one to T: the same type, a derived one, or one that is less const.
+/// Whether a pointer to U converts to one to T: the same type, a derived type, or T without const.
 template <class U, class T>
 concept PointsTo = std::convertible_to<U*, T*>;
 }  // namespace detail
 
-/// A counted handle to a T, null, or the invalid-reference value (all bits set).
+/// A reference-counted handle: to a T, null, or the invalid-reference value (all bits set).
 ///
-/// Neither the null nor the invalid handle refers to an object: both are false as a condition and
+/// Neither the null nor the invalid handle refers to an object. Both are false as a condition, and
 /// must not be dereferenced.
 template <class T>
 class Ptr {
@@ -72,7 +72,7 @@ class Ptr {
 
   constexpr Ptr() noexcept = default;
   constexpr Ptr(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
-  /// A further handle to an object that is already held by one.
+  /// A further handle to an object that already has one.
   explicit Ptr(T* object) noexcept : object_(object) { retain(); }
   Ptr(const Ptr& other) noexcept : object_(other.object_) { retain(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
@@ -94,13 +94,13 @@ class Ptr {
     if (*this) object_->release();
   }
 
-  /// Takes over the reference that a new object is born with.
+  /// Takes over the reference that a new object starts with.
   static Ptr adopt(T* object) noexcept {
     Ptr handle;
     handle.object_ = object;
     return handle;
   }
-  /// The handle that says "not valid", as opposed to "none".
+  /// The handle that means "not valid"; a null handle means "none".
   static Ptr invalid() noexcept {
     Ptr handle;
     handle.object_ = invalidObject();
@@ -114,7 +114,7 @@ class Ptr {
   T* operator->() const noexcept { return object_; }
   T& operator*() const noexcept { return *object_; }
 
-  /// Gives the reference up without dropping it.
+  /// Becomes null without dropping the reference, and returns the object.
   T* forget() noexcept { return std::exchange(object_, nullptr); }
 
   template <class U>

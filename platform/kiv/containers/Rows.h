@@ -1,4 +1,4 @@
-// Several maps with the same keys, whose entries stand side by side.
+// Several maps with the same keys, whose entries are stored side by side.
 #pragma once
 
 #include <array>
@@ -16,11 +16,11 @@
 
 namespace Kiv {
 
-/// Maps whose keys are for the most part the same: a row for each key that is in one of them, and a
-/// Column for each map, which is told by the type of its values.
+/// Several maps that mostly have the same keys. There is a row for each key that is in any of the
+/// maps, and a Column for each map; the type of its values identifies a column.
 ///
-/// A key is stored once, and its values stand side by side. Rows do not move, and a row
-/// goes with its last entry: pointers to values are good until their own entry is deleted.
+/// A key is stored once, and its values are stored side by side. A row does not move. It is removed
+/// with its last entry. Pointers to values are valid until their own entry is deleted.
 template <class K, class... Values>
 class Rows {
   using Number = uint32_t;
@@ -32,7 +32,7 @@ class Rows {
     std::tuple<Values...> values;
   };
   struct Chunk {
-    /// The rows that have an entry, by column.
+    /// For each column, a bit for each row that has an entry.
     std::array<uint64_t, sizeof...(Values)> present{};
     std::array<Row, kRowsOfChunk> rows{};
 
@@ -44,10 +44,10 @@ class Rows {
     bool isFull() const { return used() == ~uint64_t{0}; }
   };
 
-  /// A place in a walk over a column, which may change it.
+  /// An iterator over a column, which may change meanwhile.
   ///
-  /// An element that is there during the whole walk is met once, whatever comes and goes. The rows
-  /// must stay where they are and outlive their iterators.
+  /// An element that is present from start to end is visited once, even if others are added or
+  /// deleted. The rows must outlive their iterators.
   template <class V, bool kIsConst>
   class WalkOf {
    public:
@@ -90,7 +90,7 @@ class Rows {
   };
 
  public:
-  /// One of the maps, with the members of a HashMap that a collection needs.
+  /// One of the maps, with the members of a HashMap that a collection uses.
   template <class V>
   class Column {
    public:
@@ -99,7 +99,7 @@ class Rows {
     using Iterator = WalkOf<V, false>;
     using IteratorConst = WalkOf<V, true>;
 
-    /// \param rows  of which it is to be the only column with values of this type; must outlive it.
+    /// \param rows  has no other column with values of this type; must outlive the column.
     explicit Column(Rows& rows) : rows_(rows) {}
 
     size_t size() const noexcept { return rows_.sizes_[kColumn<V>]; }
@@ -110,8 +110,7 @@ class Rows {
     /// Prefetches the memory that find() reads first, for all columns.
     void prefetch(const K& key) const { rows_.index_.prefetch(Hash<K>()(key)); }
 
-    /// The value of `key`, which is made of `args` if there was none. \returns true when it was
-    /// made.
+    /// The value of `key`. If there is none, makes it of `args`. \returns true when it was made.
     template <class... Args>
     std::pair<V*, bool> tryEmplace(const K& key, Args&&... args) {
       const uint32_t hash = Hash<K>()(key);
@@ -131,7 +130,7 @@ class Rows {
     }
     /// Deletes all elements.
     void clear() {
-      // The last handle to an object may call back, so all must be whole again before it goes.
+      // Destroying a value may run code that uses this column, so all entries are removed first.
       std::vector<V> gone;
       if constexpr (!std::is_trivially_destructible_v<V>) gone.reserve(size());
       for (Number at = 0; (at = rows_.template firstFrom<V>(at)) != kNone; ++at) {
@@ -144,7 +143,7 @@ class Rows {
     IteratorConst iteratorConst() const {
       return IteratorConst(rows_, rows_.template firstFrom<V>(0));
     }
-    /// A walk that begins at `key`; at the end when it is not there.
+    /// An iterator at `key`, or at the end when the key is absent.
     IteratorConst iteratorConst(const K& key) const {
       const Number number = rows_.locate(key);
       return IteratorConst(rows_, rows_.template has<V>(number) ? number : kNone);
@@ -216,7 +215,7 @@ class Rows {
     return has<V>(number) ? &value<V>(number) : nullptr;
   }
 
-  /// A row for `key`, which is to get an entry.
+  /// Makes a row for `key`. The caller adds an entry to it.
   Number newRow(const K& key, uint32_t hash) {
     if (roomy_.empty()) {
       chunks_.emplace_back();
@@ -242,7 +241,7 @@ class Rows {
     stored = std::move(value);
     return &stored;
   }
-  /// Takes an entry out, and its row when that was the last one.
+  /// Removes an entry, and its row if that was the row's last entry. Returns the value.
   template <class V>
   V take(Number number) {
     auto& chunk = chunkOf(number);
@@ -262,9 +261,9 @@ class Rows {
     return taken;
   }
 
-  NumberIndex index_;                           // by the keys, which stand in the rows alone
-  std::vector<std::unique_ptr<Chunk>> chunks_;  // null for one without rows
-  std::vector<Number> roomy_;                   // the chunks that are not full; the last is filled
+  NumberIndex index_;                           // the rows by key
+  std::vector<std::unique_ptr<Chunk>> chunks_;  // null for a chunk without rows
+  std::vector<Number> roomy_;                   // chunks that are not full; the last is used first
   std::array<size_t, sizeof...(Values)> sizes_{};
 };
 

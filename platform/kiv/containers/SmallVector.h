@@ -9,8 +9,8 @@
 
 namespace Kiv {
 
-/// A list of plain values that allocates nothing while it has `kInPlace` elements or fewer: for the
-/// many lists that hardly ever have more.
+/// A list of plain values that allocates no memory for up to `kInPlace` elements. For lists that
+/// rarely have more.
 template <class T, uint32_t kInPlace = 1>
 class SmallVector {
  public:

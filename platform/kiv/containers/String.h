@@ -17,15 +17,15 @@ namespace Kiv {
 
 /// An immutable byte string whose copies share the bytes.
 ///
-/// A copy costs one atomic increment. Copies of one string are found equal at once, others are
-/// compared by their stored hashes first. May be dropped by any thread.
+/// A copy costs one atomic increment. A comparison of two strings compares their addresses first,
+/// then their stored hashes, then their bytes. Any thread may destroy a copy.
 class StringN {
  public:
-  /// The result of pos() when there is no such place.
+  /// The result of pos() when the string does not contain the part.
   static constexpr size_t kNotFound = static_cast<size_t>(-1);
 
   StringN() noexcept = default;
-  /// Copies `text`; no bytes are allocated for an empty one.
+  /// Copies `text`. An empty string allocates no memory.
   StringN(std::string_view text);  // NOLINT(google-explicit-constructor): a text is a string
   StringN(const char* text) : StringN(std::string_view(text)) {}  // NOLINT
   StringN(const StringN& other) noexcept : bytes_(other.bytes_) { retain(); }
@@ -56,7 +56,7 @@ class StringN {
   friend bool operator==(const StringN& a, const StringN& b) noexcept {
     return a.bytes_ == b.bytes_ || (a.hash() == b.hash() && a.view() == b.view());
   }
-  /// Compares with a text that is no String without making one of it.
+  /// Compares with a text of another type without making a string of it.
   template <std::convertible_to<std::string_view> Text>
   friend bool operator==(const StringN& a, const Text& b) noexcept {
     return a.view() == std::string_view(b);
@@ -66,7 +66,7 @@ class StringN {
   }
 
  private:
-  /// Stands before the text of a non-empty string.
+  /// The head of a non-empty string's memory; the text follows it.
   struct Bytes {
     std::atomic<uint32_t> references;
     uint32_t hash;
@@ -83,9 +83,9 @@ class StringN {
 };
 
 using String = StringN;
-/// The form in which interfaces are named.
+/// The type of an interface's name.
 using String8 = StringN;
-/// The form in which entities are named.
+/// The type of an entity's name.
 using Name = StringN;
 
 inline std::ostream& operator<<(std::ostream& os, const StringN& value) {

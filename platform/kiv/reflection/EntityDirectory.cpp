@@ -24,14 +24,14 @@ std::string_view takeSegment(std::string_view& path) {
   return segment;
 }
 
-/// The one form of a path: each segment with the bytes percent-encoded that it may not hold.
+/// The canonical form of a path: in each segment, bytes that are not allowed are percent-encoded.
 std::string canonical(std::string_view path) {
   std::string text;
   while (!path.empty()) text += '/' + uriSegment(percentDecoded(takeSegment(path)));
   return text;
 }
 
-/// The key that `segment` stands for: a name as it is, of another type its text.
+/// The key that `segment` has the text of. A name is its own text.
 GenericValue keyOf(const AttributeDescriptor& attribute, const std::string& segment) {
   const std::string name = valueToStrep(StringN(std::string_view(segment)));
   try {
@@ -41,8 +41,8 @@ GenericValue keyOf(const AttributeDescriptor& attribute, const std::string& segm
   }
 }
 
-/// The member that the front of `path` names in a collection, by its key; the key is taken from the
-/// path. A key may hold slashes, so the longest one that is there is meant.
+/// The member of a collection whose key is at the front of `path`. Removes the key from the path. A
+/// key may contain slashes, so this chooses the longest one that exists.
 std::optional<std::pair<GenericValue, GenericValue>> takeMember(
     const GenericIf& entity, const AttributeDescriptor& attribute, std::string_view& path) {
   constexpr size_t kMostSegments = 8;
@@ -58,7 +58,7 @@ std::optional<std::pair<GenericValue, GenericValue>> takeMember(
       path.remove_prefix(*end);
       return std::pair(key, std::move(value));
     } catch (const Exception&) {
-      // Not a key, or not one of a member: perhaps a shorter one is.
+      // Not the key of a member. A shorter text may be one.
     }
   }
   return std::nullopt;
@@ -90,7 +90,7 @@ EntityDirectory::Place EntityDirectory::find(std::string_view path, LastKey last
   if (!path.empty() && !path.starts_with('/')) throw nowhere("");
   Place place;
   std::string_view behind;
-  // The longest place that the path begins with.
+  // The longest place at the front of the path.
   for (const auto& [at, handle] : mounted()) {
     std::string_view rest = path;
     for (auto left = std::count(at.begin(), at.end(), '/'); left != 0 && !rest.empty(); --left) {
@@ -157,7 +157,7 @@ std::optional<std::string> EntityDirectory::pathOf(const Entity& entity) {
     if (attribute == nullptr) return std::nullopt;
     path += std::string("/") + attribute->name;
     if (attribute->isCollection()) {
-      // Nothing behind a slash stands for the whole collection.
+      // A path that ends with a slash means the collection, so a member without a name has no path.
       if ((*at)->name().empty()) return std::nullopt;
       path += '/' + uriSegment((*at)->name());
     }

@@ -11,16 +11,16 @@
 
 namespace Kiv {
 
-/// The entities from which paths begin, each in its place, such as "/ipv4/default".
+/// The entities at which paths begin. Each has a place, such as "/ipv4/default".
 ///
-/// A path goes on behind such a place by names of attributes, and by keys where the attribute is a
-/// collection: "/ipv4/default/adjacencyToPrefix/7/prefix". Bytes of a name that a URI path segment
-/// may not hold are percent-encoded (RFC 3986); where they are not, they are taken as they stand. A
-/// "/" inside a key may also stand for itself, and the longest key that is there is taken. No path
-/// leads to a member whose name is empty.
+/// A path continues after the place with the names of attributes, and with a key after the name of
+/// a collection: "/ipv4/default/adjacencyToPrefix/7/prefix". Bytes of a name that are not allowed
+/// in a URI path segment are percent-encoded (RFC 3986); find() also accepts them unencoded. A "/"
+/// in a key may be unencoded, too: of the possible keys, find() chooses the longest one that
+/// exists. No path leads to a member whose name is empty.
 class EntityDirectory {
  public:
-  /// Puts an entity at a place for as long as this object lives.
+  /// An entity is at its place as long as its Mount exists.
   class Mount {
    public:
     /// \throws Kiv::Exception when the place is taken or is not of the form "/NAME/...", or the
@@ -34,30 +34,30 @@ class EntityDirectory {
     std::string place_;
   };
 
-  /// Where a path leads: to an entity, an attribute, or a member of a collection.
+  /// The destination of a path: an entity, an attribute, or a member of a collection.
   struct Place {
     /// The value, or the handle to the entity. None for a method, a whole collection, a null
-    /// handle, and above the entities.
+    /// handle, and for the start of a place such as "/ipv4".
     GenericValue value;
     std::unique_ptr<GenericIf> entity;  ///< the interface to `value`, if that is an entity
-    // The last step of the path. Null or none where a path begins.
-    std::unique_ptr<GenericIf> holder;               ///< of the attribute
-    const AttributeDescriptor* attribute = nullptr;  ///< through which `value` was reached
-    GenericValue key;                                ///< under which it is there
+    // The last step of the path. Null or none for a path that is only a place.
+    std::unique_ptr<GenericIf> holder;               ///< the entity that has the attribute
+    const AttributeDescriptor* attribute = nullptr;  ///< the attribute that has `value`
+    GenericValue key;                                ///< the key of `value` in a collection
     /// True for a collection, as opposed to a member of it.
     bool isWhole() const {
       return attribute != nullptr && attribute->isCollection() && key.isNone();
     }
   };
 
-  /// Whether the last key of a path must be that of a member.
+  /// Whether the last key of a path must be the key of an existing member.
   enum class LastKey { kOfMember, kAny };
-  /// \throws Kiv::Exception that says which part of the path leads nowhere.
+  /// \throws Kiv::Exception that names the part of the path that does not exist.
   static Place find(std::string_view path, LastKey lastKey = LastKey::kOfMember);
-  /// The places there are, percent-encoded, in ascending order.
+  /// All places, percent-encoded, in ascending order.
   static std::vector<std::string> places();
 
-  /// The path of an entity; nothing when none leads to it.
+  /// The path of an entity; nothing if it has no path.
   static std::optional<std::string> pathOf(const Entity& entity);
 };
 

@@ -19,25 +19,25 @@ class CollectionWalk {
   virtual std::unique_ptr<CollectionWalk> clone() const = 0;
 };
 
-/// Told of the changes of an entity by the ids of its attributes.
+/// Is notified of the changes of an entity. The notifications have the ids of the attributes.
 class GenericObserver {
  public:
   virtual ~GenericObserver() = default;
 
-  /// An attribute changed. `key` is that of the entry; none where all of a collection may have
-  /// changed, or where the attribute is no collection.
+  /// An attribute changed. `key` is the key of the entry that changed. It is none if the whole
+  /// collection may have changed, or if the attribute is no collection.
   virtual void onAttribute(AttributeId id, const GenericValue& key) = 0;
   /// onAttribute() has raised; the exception is std::current_exception().
   virtual void onNotificationException(AttributeId id) noexcept = 0;
-  /// The last handle to the entity was dropped. An interface holds the entity, so this comes only
-  /// through an adapter that stands by itself.
+  /// The last handle to the entity was dropped. An interface has a handle to its entity, so only an
+  /// adapter without an interface calls this.
   virtual void onZeroReferences() noexcept = 0;
 };
 
 /// The operations of every reflective interface, and their errors.
 ///
-/// A refused operation raises Kiv::Exception and leaves the entity as it was. What the typed
-/// accessor itself refuses is raised as that does.
+/// A refused operation raises Kiv::Exception and does not change the entity. If the typed accessor
+/// refuses it, the accessor's own exception is raised.
 class GenericIf {
  public:
   enum class Op { kRead, kSet, kDel, kDelAll, kCreate, kCall };
@@ -50,7 +50,7 @@ class GenericIf {
   virtual ~GenericIf() = default;
 
   virtual const TypeInfo& type() const = 0;
-  /// True when it may change the entity.
+  /// True when this interface may change the entity.
   virtual bool isWritable() const = 0;
   /// A second interface to the same entity.
   virtual std::unique_ptr<GenericIf> clone() const = 0;
@@ -60,24 +60,27 @@ class GenericIf {
   /// The name of the attribute or method of this id. \throws Kiv::Exception when there is none.
   const char* attributeString(AttributeId id) const;
 
-  /// Does one operation on one attribute: reads or sets it, deletes it (of a collection, an entry)
-  /// or all entries, makes what it holds, or calls a method.
+  /// Performs one operation on one attribute: reads or sets it, deletes it or an entry of it,
+  /// deletes all entries, creates its object, or calls a method.
   ///
-  /// \param value  the new value; or the arguments of a creation or call, as a list or the only
-  /// one. \param index  the key of a collection's entry; none for another attribute. \returns the
-  /// value that was read or made, or the method's result.
+  /// \param value  the new value; or the arguments of a creation or a call. These are a list, or
+  ///               the only argument.
+  /// \param index  the key of the entry of a collection; none for another attribute.
+  /// \returns the value that was read or made, or the method's result.
   virtual GenericValue attributeOp(AttributeOp op, const GenericValue& value = {},
                                    const GenericValue& index = {}) const = 0;
 
-  /// Tells `observer` of changes from now on, in place of another; null: nobody. It is told of all
-  /// collections at once, and must outlive this interface or be taken back.
-  /// \throws Kiv::Exception where a type tells of no changes, as all but the roots.
+  /// Notifies `observer` of changes from now on, in place of the former observer; null for none.
+  /// All collections are announced at once. Set null before the observer is destroyed, unless this
+  /// interface is destroyed first.
+  /// \throws Kiv::Exception if the type does not announce changes. Only the roots do.
   virtual void observerIs(GenericObserver* observer);
   /// The entity itself, for a caller that knows its type. \throws Kiv::Exception when it is
   /// another, or const.
   virtual void* voidPtrIs(const TypeInfo& type) const = 0;
 
-  /// A walk over a collection from its beginning. The Const ones delete no members.
+  /// A walk over a collection from its beginning. A walk whose name ends in Const cannot delete
+  /// members.
   virtual AttributeIterator attributeIterator(AttributeId id) const = 0;
   virtual AttributeIterator attributeIteratorConst(AttributeId id) const = 0;
   /// A walk that begins at the member with this key. \throws Kiv::Exception when there is none.
@@ -94,23 +97,23 @@ class GenericIf {
   [[noreturn]] static void throwUnknownArgException(const char* method, const std::string& why);
 };
 
-/// A walk over one collection. It keeps the entity, and outlives changes of the collection as the
-/// collection's own iterators do.
+/// A walk over one collection. It has a handle to the entity. It stays valid during changes of the
+/// collection, as the collection's own iterators do.
 class GenericIf::AttributeIterator {
  public:
   AttributeIterator(std::unique_ptr<GenericIf> of, AttributeId id,
                     std::unique_ptr<CollectionWalk> walk)
       : of_(std::move(of)), id_(id), walk_(std::move(walk)) {}
 
-  /// True while it stands on a member, also one that has been deleted since.
+  /// True until the end of the walk. The present member may have been deleted.
   bool nonNull() const { return walk_->nonNull(); }
   /// \pre nonNull()
   GenericValue iterKey() const { return walk_->key(); }
-  /// The member; true for one of a set. \throws Kiv::Exception at the end, or when it was deleted.
+  /// The member; for a set the value true. \throws Kiv::Exception at the end, or if it was deleted.
   GenericValue iterObj() const { return of_->attributeOp({Op::kRead, id_}, {}, keyOfMember()); }
   void iterNext() { walk_->next(); }
   AttributeIterator iterClone() const { return {of_->clone(), id_, walk_->clone()}; }
-  /// Deletes the member on which it stands; then it may be advanced. \throws as iterObj().
+  /// Deletes the present member. The walk may then be advanced. \throws as iterObj().
   void iterDel() { of_->attributeOp({Op::kDel, id_}, {}, keyOfMember()); }
 
  private:
@@ -124,7 +127,7 @@ class GenericIf::AttributeIterator {
   std::unique_ptr<CollectionWalk> walk_;
 };
 
-/// The interface to an entity, by the table of its type.
+/// The interface to an entity, implemented with the description of its type.
 class GenericIfEntity : public GenericIf {
  public:
   const Ptr<const Entity>& entity() const noexcept { return entity_; }
@@ -164,7 +167,7 @@ class GenericIfOf : public GenericIfEntity {
 
   explicit GenericIfOf(const Ptr<T>& entity, bool writable = true)
       : GenericIfEntity(T::_fwkType(), entity, writable) {}
-  /// Refuses everything that would change the entity.
+  /// A read-only interface.
   explicit GenericIfOf(const Ptr<const T>& entity)
       : GenericIfEntity(T::_fwkType(), entity, false) {}
 
@@ -184,7 +187,7 @@ class GenericIfOf : public GenericIfEntity {
     return T::_fwkType().construct(arguments);
   }
 
-  /// The handle that a text stands for; see the functions of the same names.
+  /// The handle with this text; see the functions of the same names.
   static GenericValue strepToValue(std::string_view text) {
     return T::_fwkType().strepToValue(text);
   }
@@ -193,8 +196,9 @@ class GenericIfOf : public GenericIfEntity {
   }
 };
 
-/// The interface to the entity that a handle refers to; writable only if the handle is so too.
-/// \throws Kiv::Exception when it refers to no entity whose type is known.
+/// The interface to the entity that a handle refers to. It is writable only if the handle allows
+/// changes, too.
+/// \throws Kiv::Exception when the handle does not refer to an entity of a known type.
 std::unique_ptr<GenericIf> genericIf(const GenericValue& handle, bool writable);
 
 /// Makes the interface to a T.
@@ -203,11 +207,11 @@ struct EntityType {
   static std::unique_ptr<GenericIf> genericIf(const Ptr<T>& entity, bool writable) {
     return std::make_unique<typename T::GenericIf_>(entity, writable);
   }
-  /// To a const entity, which is never writable.
+  /// The interface to a const entity is never writable.
   static std::unique_ptr<GenericIf> genericIf(const Ptr<const T>& entity, bool /*writable*/) {
     return std::make_unique<typename T::GenericIf_>(entity);
   }
-  /// To the T that `text` stands for. \throws Kiv::Exception when it stands for none.
+  /// The interface to the T with this text. \throws Kiv::Exception when there is none.
   static std::unique_ptr<GenericIf> genericIf(std::string_view text, bool writable) {
     return Kiv::genericIf(T::_fwkType().strepToValue(text), writable);
   }

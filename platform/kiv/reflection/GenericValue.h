@@ -14,13 +14,13 @@ namespace Kiv {
 class TypeInfo;
 struct GenericArgument;
 
-/// The description of T, or of the objects that a handle to T refers to. Types are told apart by
-/// their names: each loaded library may have a description of its own.
+/// The description of T; for a handle, of the type that it refers to. Compare types by their names,
+/// because each loaded library may have its own description of a type.
 template <class T>
 const TypeInfo& typeOf();
 
 /// A value of any type that reflection knows, a handle to an object, a list of arguments, or none.
-/// None also stands for the null handle.
+/// The null handle is none, too.
 class GenericValue {
  public:
   GenericValue() = default;
@@ -50,7 +50,7 @@ class GenericValue {
   }
   /// The type. \pre this is neither none nor a list
   const TypeInfo& type() const noexcept { return *type_; }
-  /// The name of the type, for messages: also of a list or of none.
+  /// The name of the type for messages. A list and none have names, too.
   std::string typeName() const;
 
   /// The value when it is a T (a Ptr<T> or a Ptr<const T> for a handle), else null.
@@ -58,8 +58,8 @@ class GenericValue {
   const T* as() const noexcept {
     return std::any_cast<T>(&value_);
   }
-  /// The text that reads back as this value; "null" for none. An entity without a path is shown
-  /// between < and >, which nothing reads.
+  /// The text of this value, from which it can be read back; "null" for none. The text of an entity
+  /// without a path is in < and >, and cannot be read back.
   std::string text() const;
 
  private:
@@ -70,10 +70,10 @@ class GenericValue {
   std::any value_;
 };
 
-/// An argument of a call: by its place, or by the name it has there.
+/// An argument of a call, identified by its position or by its name.
 struct GenericArgument {
   GenericValue value;
-  std::string name = {};  ///< empty: by its place
+  std::string name = {};  ///< empty: identified by its position
 };
 
 }  // namespace Kiv

@@ -13,8 +13,8 @@
 
 namespace Kiv {
 
-/// The name under which reflection knows a type, such as "Zemit::Prefix": a specialisation for each
-/// type gives it as `kName`.
+/// The name of a type in reflection, such as "Zemit::Prefix". Each type has a specialisation with
+/// the name as `kName`.
 template <class T>
 struct TypeName;
 
@@ -29,9 +29,9 @@ class TextReader {
   std::string_view rest() const noexcept { return text_.substr(at_); }
 
   void skipBlanks() { run(kBlanks); }
-  /// skipBlanks() where there must be at least one. \returns whether there was.
+  /// As skipBlanks(). \returns whether there was at least one blank.
   bool takeBlanks() { return !run(kBlanks).empty(); }
-  /// Takes `literal` if it comes next.
+  /// Takes `literal` if the text continues with it.
   bool take(std::string_view literal);
   /// Takes the longest run of characters of `alphabet`; it may be empty.
   std::string_view run(std::string_view alphabet);
@@ -39,10 +39,10 @@ class TextReader {
   std::string_view word();
   /// Takes the text before the next blank or brace.
   std::string_view path();
-  /// Takes a word, or a text in double quotes: there \x and two hexadecimal digits stand for a
-  /// byte, and \ before another character for that one.
+  /// Takes a word, or a text in double quotes. In quotes, \x and two hexadecimal digits stand for a
+  /// byte, and \ before another character stands for that character.
   std::optional<std::string> string();
-  /// Takes a number: decimal, or hexadecimal behind 0x.
+  /// Takes a number: decimal, or hexadecimal after "0x".
   std::optional<uint64_t> number(uint64_t max);
 
  private:
@@ -55,14 +55,14 @@ class TextReader {
   size_t at_ = 0;
 };
 
-/// How a T is written and read. Each has
+/// The text form of a T. Each specialisation has
 ///
 ///     static void print(std::ostream&, const T&);
-///     static std::optional<T> read(TextReader&);  // takes the text of the value and no more
+///     static std::optional<T> read(TextReader&);  // takes exactly the text of the value
 template <class T>
 struct TextForm;
 
-/// The form of a type that prints itself and is parsed from a run of characters that it chooses.
+/// The form of a type that has an output operator and is parsed from a run of given characters.
 template <class T>
 struct RunForm {
   static void print(std::ostream& os, const T& value) { os << value; }
@@ -83,7 +83,7 @@ struct TextForm<uint64_t> {
   static std::optional<uint64_t> read(TextReader& reader) { return reader.number(UINT64_MAX); }
 };
 
-/// A word, in double quotes where it would not be read back as one.
+/// A word, in double quotes if it could not be read back otherwise.
 template <>
 struct TextForm<StringN> {
   static void print(std::ostream& os, const StringN& value);
@@ -137,8 +137,8 @@ namespace detail {
 [[noreturn]] void refuseJunk(long long column, const char* type);
 }  // namespace detail
 
-/// Reads one value from the front of a text that goes on, such as the arguments of a call.
-/// \throws Kiv::Exception when none begins there.
+/// Reads one value from the front of a longer text, such as the arguments of a call.
+/// \throws Kiv::Exception when there is no value at the front.
 template <class T>
 T sequenceToValue(TextReader& reader) {
   const long long column = reader.column();
@@ -147,8 +147,8 @@ T sequenceToValue(TextReader& reader) {
   return std::move(*value);
 }
 
-/// Reads the one value that `text` is.
-/// \throws Kiv::Exception when it is none, or goes on behind it.
+/// Reads a value whose text is the whole of `text`.
+/// \throws Kiv::Exception when `text` is no value, or continues after the value.
 template <class T>
 T strepToValue(std::string_view text) {
   TextReader reader(text);
@@ -159,7 +159,7 @@ T strepToValue(std::string_view text) {
 
 }  // namespace Kiv
 
-/// Gives a type its name.
+/// Defines the name of a type in reflection.
 #define KIV_TYPE_NAME(...)                             \
   template <>                                          \
   struct Kiv::TypeName<__VA_ARGS__> {                  \

@@ -25,7 +25,7 @@ class KivAttrIntrospectionFlags {
   static constexpr uint32_t kNotifying = 0x02;      ///< its changes are announced
   static constexpr uint32_t kInstantiating = 0x04;  ///< its entity makes and owns its objects
   static constexpr uint32_t kCollection = 0x08;     ///< entries by key
-  static constexpr uint32_t kKey = 0x10;            ///< it names its entity among others
+  static constexpr uint32_t kKey = 0x10;            ///< it identifies its entity among others
   static constexpr uint32_t kMethod = 0x20;         ///< called, not read
 
   /// \throws Kiv::RangeException when there are more than six bits.
@@ -39,26 +39,27 @@ class KivAttrIntrospectionFlags {
   uint32_t value_;
 };
 
-/// A description of a type, made when it is first asked for: types may refer to each other.
+/// Returns the description of a type, which is made at its first use, because types may refer to
+/// each other.
 using TypeRef = const TypeInfo& (*)();
 
 /// An argument of a method or constructor, or the key of a collection.
 struct ArgumentInfo {
   const char* name = "";
   TypeRef type = nullptr;
-  const char* typeName = nullptr;  ///< the type's name here; null: its own name
+  const char* typeName = nullptr;  ///< the name of the type for this argument; null: its own name
 
   const char* shownType() const;
 };
 
-/// An attribute or method of an entity type. An operation that is null is not supported.
+/// An attribute or method of an entity type. A null operation is not supported.
 struct AttributeDescriptor {
   AttributeId id = 0;
   const char* name = nullptr;
   KivAttrIntrospectionFlags flags;
-  TypeRef type = nullptr;          ///< of the value or the result; null for a method without one
-  const char* typeName = nullptr;  ///< that type's name here; null: its own name
-  ArgumentInfo key;                ///< of a collection
+  TypeRef type = nullptr;  ///< type of the value or result; null for a method without result
+  const char* typeName = nullptr;  ///< the type's name for this attribute; null: its own name
+  ArgumentInfo key;                ///< the key of a collection
   std::vector<ArgumentInfo> arguments = {};  ///< of a call, or of the creation of a member
   bool isConst = false;                      ///< a method that changes nothing
 
@@ -73,7 +74,7 @@ struct AttributeDescriptor {
                          std::span<const GenericValue> arguments) = nullptr;
   GenericValue (*call)(const AttributeDescriptor& self, Entity&,
                        std::span<const GenericValue> arguments) = nullptr;
-  /// \param index  where to begin; none: at the first entry.
+  /// \param index  the key at which the walk begins; none: at the first entry.
   std::unique_ptr<CollectionWalk> (*iterate)(const AttributeDescriptor& self, const Entity&,
                                              const GenericValue& index) = nullptr;
 
@@ -83,20 +84,20 @@ struct AttributeDescriptor {
   const char* shownType() const;
 };
 
-/// The description of one type. Made once, and good until its library is unloaded.
+/// The description of one type. Made once, and valid until its library is unloaded.
 class TypeInfo {
  public:
-  /// The operations on the type's values; filled in by the maker of the description.
+  /// The operations on the type's values. The maker of the description sets them.
   struct Operations {
     std::string (*print)(const GenericValue& value) = nullptr;
-    /// Takes the text of the value and no more; nothing when no value begins there.
+    /// Takes exactly the text of a value. Nothing if the text does not begin with a value.
     std::optional<GenericValue> (*read)(TextReader& reader) = nullptr;
     /// The entity a handle refers to; null when it is no entity.
     const Entity* (*entity)(const GenericValue& handle) = nullptr;
     /// The same handle to a const object.
     GenericValue (*constHandle)(const GenericValue& handle) = nullptr;
     bool (*isConst)(const GenericValue& handle) = nullptr;
-    /// Of an entity type: the interface to an entity of it.
+    /// For an entity type: makes the interface to an entity.
     std::unique_ptr<GenericIf> (*wrap)(const Ptr<const Entity>& entity, bool writable) = nullptr;
     GenericValue (*construct)(std::span<const GenericValue> arguments) = nullptr;
   };
@@ -112,7 +113,7 @@ class TypeInfo {
 
   const char* name() const noexcept { return name_; }
   const Operations& operations() const noexcept { return operations_; }
-  /// True for the entity types, whose attributes reflection reaches.
+  /// True for entity types. Reflection has access to their attributes.
   bool isReflected() const noexcept { return operations_.wrap != nullptr; }
   const std::vector<ArgumentInfo>& constructorArguments() const noexcept {
     return constructorArguments_;
@@ -123,8 +124,8 @@ class TypeInfo {
   const AttributeDescriptor* attribute(std::string_view name) const noexcept;
   const AttributeDescriptor* attribute(AttributeId id) const noexcept;
 
-  /// Makes an entity of this type of its constructor's arguments, in their order.
-  /// \throws Kiv::Exception also when the type is not made so.
+  /// Makes an entity of this type. `arguments` are the arguments of the constructor in their order.
+  /// \throws Kiv::Exception also when the type has no such constructor.
   GenericValue construct(std::span<const GenericValue> arguments) const;
 
   /// Reads a value of this type from the front of a text, or all of it; see the functions of the
@@ -143,10 +144,10 @@ class TypeInfo {
   std::vector<AttributeDescriptor> attributes_;
 };
 
-/// The types that this process knows by name, in the order in which they were registered.
+/// The types that were registered in this process, in the order of their registration.
 class TypeRegistry {
  public:
-  /// Registers a type for as long as this object lives. A second one of the same name is not taken.
+  /// A type is registered as long as this object exists. A second type of the same name is ignored.
   class Entry {
    public:
     explicit Entry(const TypeInfo& type);
@@ -170,7 +171,8 @@ inline constexpr bool isHandle = false;
 template <class T>
 inline constexpr bool isHandle<Ptr<T>> = true;
 
-/// Calls `visit` with the object that a handle to a T or a const T refers to; null for another.
+/// Calls `visit` with the object that a handle to a T or a const T refers to. Returns null for
+/// other values.
 template <class T, class Visit>
 auto withHandle(const GenericValue& value, Visit visit) -> decltype(visit(Ptr<const T>())) {
   if (const auto* handle = value.as<Ptr<T>>()) return visit(Ptr<const T>(*handle));
@@ -196,7 +198,8 @@ TypeInfo::Operations handleOperations() {
     return withHandle<T>(handle,
                          [](const Ptr<const T>& object) { return GenericValue::of(object); });
   };
-  // A set is written by its members, and read as a new one. Others are named by their paths.
+  // The text of a set has its members; reading it makes a new set. The text of another entity is
+  // its path.
   if constexpr (requires { sizeof(TextForm<Ptr<T>>); }) {
     operations.print = [](const GenericValue& value) {
       return withHandle<T>(value, [](const Ptr<const T>& set) {

@@ -1,4 +1,4 @@
-// Making the description of an entity type: a row for each attribute and method.
+// Makes the description of an entity type. Each attribute and method is a row.
 #pragma once
 
 #include <array>
@@ -13,7 +13,7 @@ namespace Kiv {
 
 namespace detail {
 
-/// A value as reflection shows it: for a reactor, its notifier.
+/// The form of a value in reflection: for a reactor, its notifier.
 template <class V>
 decltype(auto) shown(const V& value) {
   if constexpr (requires { value->notifier(); }) {
@@ -99,7 +99,7 @@ struct Signature<R (C::*)(A...) const noexcept> : Signature<R (C::*)(A...) const
 template <class Values>
 inline constexpr size_t arity = std::tuple_size_v<Values>;
 
-/// All arguments, each of its type, before anything is done with them.
+/// Converts all arguments to their types, before any of them is used.
 template <class Values>
 Values unpackAll(std::span<const GenericValue> given, const char* method,
                  const std::vector<ArgumentInfo>& wanted) {
@@ -149,7 +149,7 @@ inline constexpr bool isSingleton = requires {
 
 }  // namespace detail
 
-/// The name of an argument, and the name of its type where that is not the type's own.
+/// The name of an argument. Also the name of its type, if it differs from the type's own name.
 struct ArgumentName {
   constexpr ArgumentName(const char* itsName,  // NOLINT(google-explicit-constructor): it will do
                          const char* itsTypeName = nullptr)
@@ -159,7 +159,7 @@ struct ArgumentName {
   const char* typeName;
 };
 
-/// The member function that takes these arguments, among others of its name.
+/// The overload of a member function that takes these arguments.
 template <class... A, class R, class C>
 constexpr auto overloaded(R (C::*method)(A...)) {
   return method;
@@ -167,12 +167,12 @@ constexpr auto overloaded(R (C::*method)(A...)) {
 
 /// Makes the description of the entity type T, row by row in the order of the ids.
 ///
-/// Reading and deletion use the attribute's storage, as its accessors do. An accessor with rules of
-/// its own is named: one that sets, makes or deletes.
+/// Reading and deletion use the attribute's storage. If an accessor that sets, makes or deletes has
+/// rules of its own, the row names the accessor.
 template <class T>
 class TypeTable {
  public:
-  /// \param name  followed by a zero byte, and as long-lived as the program.
+  /// \param name  ends with a zero byte, and is valid as long as the program.
   explicit TypeTable(std::string_view name)
       : name_(name), operations_(detail::handleOperations<T>()) {
     operations_.wrap = [](const Ptr<const Entity>& entity,
@@ -182,7 +182,7 @@ class TypeTable {
     };
   }
 
-  /// The function that makes a T. Given before the rows.
+  /// The function that makes a T. Call this before the rows.
   template <auto Factory, size_t N>
   TypeTable& constructor(const std::array<ArgumentName, N>& names) {
     using Values = typename detail::Signature<decltype(Factory)>::Values;
@@ -204,33 +204,33 @@ class TypeTable {
   template <auto Member>
   TypeTable& attribute();
 
-  // These say more of the attribute of the row before.
+  // The following functions add to the last row.
 
-  /// The name of its keys.
+  /// The name of the collection's keys.
   TypeTable& key(ArgumentName name) {
     row().key.name = name.name;
     row().key.typeName = name.typeName;
     return *this;
   }
-  /// It is set through this accessor: of its value alone, or of a key and its value.
+  /// The accessor that sets the attribute. Its arguments are the value, or a key and the value.
   template <auto Setter>
   TypeTable& setter();
-  /// This accessor makes its objects.
+  /// The accessor that makes the attribute's objects.
   template <auto Creator, size_t N>
   TypeTable& creator(const std::array<ArgumentName, N>& names);
   template <auto Creator>
   TypeTable& creator(const char* name) {
     return creator<Creator>(std::array<ArgumentName, 1>{name});
   }
-  /// It, or an entry of it, can be deleted.
+  /// Says that the attribute, or an entry of it, can be deleted.
   template <auto Member>
   TypeTable& deletable();
-  /// It is deleted through this accessor; of a collection, an entry through one that takes the key,
-  /// and all of them through `DelAll`.
+  /// The accessor that deletes the attribute. For a collection, it takes the key of an entry, and
+  /// `DelAll` deletes all entries.
   template <auto Deleter, auto DelAll = nullptr>
   TypeTable& deleter();
 
-  /// A row for a value that is not stored as an attribute: the result of `Getter`.
+  /// A row for a value that is not stored as an attribute, but returned by `Getter`.
   template <auto Getter>
   TypeTable& computed(ArgumentName name, uint32_t flags = 0) {
     using S = detail::Signature<decltype(Getter)>;
@@ -352,7 +352,7 @@ template <class T>
 template <auto Creator, size_t N>
 TypeTable<T>& TypeTable<T>::creator(const std::array<ArgumentName, N>& names) {
   using Values = typename detail::Signature<decltype(Creator)>::Values;
-  // A member of a set is put in, not made.
+  // A member of a set is set, not made.
   if constexpr (detail::arity<Values> == 1 ||
                 detail::isHandle<typename detail::Signature<decltype(Creator)>::Result>) {
     row().flags =
@@ -370,7 +370,7 @@ TypeTable<T>& TypeTable<T>::creator(const std::array<ArgumentName, N>& names) {
       }
     };
     GenericValue made = detail::applyTo<Values>(make, given, self.name, self.arguments);
-    // An accessor without a result has put the new object into the attribute.
+    // An accessor without a result has stored the new object in the attribute.
     return made.isNone() && !self.isCollection() ? self.read(self, entity, {}) : made;
   };
   return *this;
@@ -407,7 +407,7 @@ TypeTable<T>& TypeTable<T>::deleter() {
     if constexpr (detail::arity<Values> == 0) {
       (object.*Deleter)();
     } else {
-      self.read(self, entity, index);  // refuses a key of another type, and one of no entry
+      self.read(self, entity, index);  // raises if the key has another type, or has no entry
       (object.*Deleter)(detail::unpackKey<std::tuple_element_t<0, Values>>(index, self.name));
     }
   };

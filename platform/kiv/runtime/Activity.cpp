@@ -33,7 +33,7 @@ bool ActivityConfig::deliver(const PendingNotification& notification) {
 }
 
 void QueueingActivity::enqueue(std::unique_ptr<PendingNotification> notification) {
-  // First into the queue: a key whose notification could not be queued would outlive it.
+  // The queue comes first: if it fails, waiting_ must not refer to the notification.
   queue_.push_back(std::move(notification));
   bool isNew = false;
   try {
@@ -58,14 +58,14 @@ std::vector<std::unique_ptr<PendingNotification>> QueueingActivity::withdraw(Not
 
 size_t QueueingActivity::run() {
   if (isDelivering()) return 0;
-  const Ptr alive(this);  // a callback may let go of the last reactor that holds this
+  const Ptr alive(this);  // a callback may drop the last reactor that has a handle to this
   size_t delivered = 0;
   for (size_t left = queue_.size(); left != 0; --left) {
     const auto notification = std::move(queue_.front());
     queue_.pop_front();
     if (notification == nullptr) continue;
-    // Not pending any more while it is delivered: if its callback announces it again, it waits
-    // again.
+    // It does not count as waiting while it is delivered: if its callback announces the same change
+    // again, that is queued again.
     waiting_.erase({notification.get()});
     if (deliver(*notification)) ++delivered;
   }

@@ -16,15 +16,15 @@ namespace Kiv {
 
 class Notifiee;
 
-/// One notification that waits to be delivered: a reactor, an attribute and, for a collection
-/// entry, its key.
+/// A notification that waits to be delivered: a reactor, an attribute and, for an entry of a
+/// collection, its key.
 class PendingNotification {
  public:
   PendingNotification(Notifiee& reactor, AttributeId attribute)
       : reactor_(reactor), attribute_(attribute) {}
   virtual ~PendingNotification() = default;
 
-  /// The reactor. It takes its notifications back when it is destroyed.
+  /// The reactor. It withdraws its notifications when it is destroyed.
   Notifiee& reactor() const noexcept { return reactor_; }
   AttributeId attribute() const noexcept { return attribute_; }
 
@@ -34,7 +34,7 @@ class PendingNotification {
   virtual bool isSame(const PendingNotification& other) const = 0;
 
  protected:
-  /// A hash of the reactor, the attribute and its key, if any.
+  /// A hash of the reactor, the attribute and the key. \param hashOfKey  0 without a key.
   uint32_t hashWith(uint32_t hashOfKey) const noexcept {
     return hashWords(reinterpret_cast<uintptr_t>(&reactor_),
                      (uint64_t{attribute_} << 32) | hashOfKey);
@@ -48,8 +48,8 @@ class PendingNotification {
   AttributeId attribute_;
 };
 
-/// The scheduling context of reactors. This one delivers at once: a callback runs inside the call
-/// that made the change.
+/// The scheduling context of reactors. The base class delivers at once: a callback runs inside the
+/// call that made the change.
 class ActivityConfig : public Object {
  public:
   using Ptr = Kiv::Ptr<ActivityConfig>;
@@ -60,15 +60,16 @@ class ActivityConfig : public Object {
   bool queues() const noexcept { return queues_; }
   /// Delivers `notification`: at once, or when the activity runs if it queues.
   virtual void enqueue(std::unique_ptr<PendingNotification> notification);
-  /// Returns the notifications that wait for `reactor`, in the order of arrival.
+  /// Removes the notifications that wait for `reactor`, and returns them in the order of arrival.
   virtual std::vector<std::unique_ptr<PendingNotification>> withdraw(Notifiee& reactor);
-  /// Calls the callback for which this activity has entered `reactor`'s handleNotification().
+  /// Called by `reactor`'s handleNotification(): calls the callback of the notification that is
+  /// being delivered.
   void deliverCurrent(Notifiee& reactor);
 
  protected:
   explicit ActivityConfig(bool queues) : queues_(queues) {}
 
-  /// Enters the reactor's handleNotification(); an exception is reported to the reactor.
+  /// Calls the reactor's handleNotification(). An exception is reported to the reactor.
   /// \returns false when the reactor accepts no notifications.
   bool deliver(const PendingNotification& notification);
   bool isDelivering() const noexcept { return current_ != nullptr; }
@@ -80,16 +81,16 @@ class ActivityConfig : public Object {
 
 /// An activity that keeps notifications until it is run.
 ///
-/// A notification of the same reactor, attribute and key waits once, at the place of its first
-/// announcement.
+/// If an attribute is announced repeatedly to a reactor under the same key, one notification waits,
+/// at the place of the first announcement.
 class QueueingActivity final : public ActivityConfig {
  public:
   using Ptr = Kiv::Ptr<QueueingActivity>;
 
   QueueingActivity() : ActivityConfig(true) {}
 
-  /// Delivers all notifications that wait now; later ones wait for the next run. A run from
-  /// within a callback delivers nothing.
+  /// Delivers all notifications that wait now; later ones wait for the next run. A call from within
+  /// a callback delivers nothing.
   /// \returns how many notifications were delivered.
   size_t run();
   /// The number of notifications that wait.
@@ -109,7 +110,7 @@ class QueueingActivity final : public ActivityConfig {
     }
   };
 
-  std::deque<std::unique_ptr<PendingNotification>> queue_;  // null: taken back
+  std::deque<std::unique_ptr<PendingNotification>> queue_;  // null: withdrawn
   HashMap<Waiting, Present> waiting_;
 };
 
@@ -127,7 +128,7 @@ class PendingNotificationOf final : public PendingNotification {
   }
 };
 
-/// One of the collection's entry `Key`.
+/// A waiting notification of the entry of a collection under a `Key`.
 template <class Attribute, class Key>
 class PendingNotificationOf<Attribute, Key> final : public PendingNotification {
  public:

@@ -15,8 +15,8 @@ namespace Kiv {
 
 }  // namespace Kiv
 
-/// Stops the process with the expression, the module, the line and the function's full signature
-/// unless `expression` holds.
+/// Unless `expression` holds, reports it with the module, the line and the function's full
+/// signature, and stops the process.
 #define KIV_ASSERT(module, expression) KIV_ASSERT_AS(module, expression, #expression)
 
 /// KIV_ASSERT that shows `text`, which does not depend on the spelling of the expression.

@@ -6,11 +6,12 @@
 
 namespace Kiv {
 
-/// The number by which reflection, queued notifications and exception reports know an attribute.
-/// Unique within its type and stable; a type's own attributes count from kFirstAttributeId.
+/// The number that identifies an attribute in reflection, queued notifications and exception
+/// reports. Unique within its type, and stable. The attributes of a type begin at
+/// kFirstAttributeId.
 using AttributeId = uint32_t;
 
-/// Ids below this one belong to the attributes that every entity has.
+/// Lower ids belong to the attributes that every entity has.
 inline constexpr AttributeId kFirstAttributeId = 257;
 
 /// An attribute's id and name.
@@ -19,8 +20,8 @@ struct AttributeInfo {
   const char* name;
 };
 
-/// True when `capitalised` is `name` with its first letter in upper case. The attribute macros are
-/// given both spellings, because the preprocessor cannot make one from the other.
+/// True when `capitalised` is `name` with its first letter in upper case. The attribute macros have
+/// a parameter for each spelling, because the preprocessor cannot derive one from the other.
 constexpr bool isCapitalised(std::string_view name, std::string_view capitalised) {
   return name.size() == capitalised.size() && !name.empty() && name.front() >= 'a' &&
          name.front() <= 'z' && name.front() - 'a' == capitalised.front() - 'A' &&

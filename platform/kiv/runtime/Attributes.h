@@ -1,12 +1,12 @@
 // The kinds of attributes an entity can have: their storage, change detection and announcement.
 //
-// The templates hold all behaviour. One macro for each kind stamps the members that need the
-// attribute's name: a tag type (the id, the name, and which callback reports a change) and the
-// uniform one-line members. Setters whose arguments or refusals are an attribute's own stand beside
-// it in the class.
+// The templates implement all behaviour. One macro for each kind declares the members that need the
+// attribute's name: a tag type (the id, the name, and the callback that reports a change) and
+// one-line members. A setter with special arguments or checks is declared in the class, next to the
+// attribute.
 //
-// Each macro stands in the public part of a class, after its NotifieeConst, which must declare the
-// attribute's callbacks: on##Attr() for one value, on##Attr(key) and on##Attr##kivImmediate() for a
+// A macro is used in the public part of a class, after its NotifieeConst. This must declare the
+// attribute's callbacks: on##Attr() for one value; on##Attr(key) and on##Attr##kivImmediate() for a
 // collection.
 #pragma once
 
@@ -40,14 +40,15 @@ class Scalar {
     owner.notify<Tag>();
     return true;
   }
-  /// Stores `value` without a notification: for constructors.
+  /// Stores `value` without a notification. For constructors.
   void setQuietly(T value) { value_ = std::move(value); }
 
  private:
   T value_{};
 };
 
-/// A reference to an object of another owner, who keeps the object alive as long as it is set.
+/// A reference to an object that another object owns. The owner keeps it alive while it is set
+/// here.
 template <class Tag, class T>
 class PointerAttribute {
  public:
@@ -57,7 +58,7 @@ class PointerAttribute {
   explicit PointerAttribute(const Ptr<T>& object) : object_(object.get()) {}
 
   Ptr<T> get() const noexcept { return Ptr<T>(object_); }
-  /// The object for the duration of a call, without a change of its reference count.
+  /// The object without a new handle, for the duration of a call.
   T* raw() const noexcept { return object_; }
   bool set(const Entity& owner, const Ptr<T>& object) {
     if (object_ == object.get()) return false;
@@ -78,8 +79,8 @@ inline constexpr bool isEntityHandle = false;
 template <std::derived_from<Entity> T>
 inline constexpr bool isEntityHandle<Ptr<T>> = !std::is_const_v<T>;
 
-/// Sets or clears the owner of an owned entity. Other values, also handles to const entities, have
-/// no owner.
+/// Sets or clears the owner of an owned entity. Other values have no owner, nor have entities that
+/// are referred to as const.
 template <class Tag, class V>
 void adopt(const Entity& owner, const V& value) {
   if constexpr (isEntityHandle<V>) {
@@ -93,8 +94,8 @@ void disown(const V& value) {
   }
 }
 
-/// Handles to objects that end when their owner releases them, even if there are other handles.
-/// These are reactors, and entities that own reactors.
+/// True for handles to objects whose retire() is called when their owner releases them, even if
+/// there are other handles: reactors, and entities that own reactors.
 template <class V>
 inline constexpr bool isRetiring = false;
 template <class T>
@@ -108,7 +109,7 @@ template <class Tag, class V, class... Key>
 void left(const Entity& owner, const V& old, const Key&... key) {
   disown(old);
   if constexpr (isRetiring<V>) {
-    // An object that `old` releases in turn may hold the last handle to the owner.
+    // `old` may drop an object with the last handle to the owner.
     const Ptr<const Entity> alive(&owner);
     if (old) old->retire();
     owner.notify<Tag>(key...);
@@ -139,7 +140,7 @@ class Singleton {
     detail::left<Tag>(owner, old);
     return true;
   }
-  /// Makes an object of `args` and stores it in place of another. Returns it.
+  /// Makes an object of `args`, and stores it in place of the present one. Returns it.
   template <class... Args>
   Ptr<T> create(const Entity& owner, const Args&... args) {
     const auto made = make<T>(args...);
@@ -160,40 +161,42 @@ class Singleton {
   Ptr<T> object_;
 };
 
-/// A Singleton whose object is completed when somebody first looks at it.
+/// A Singleton whose object is completed at its first use.
 template <class Tag, class T>
 class DeferredSingleton : public Singleton<Tag, T> {
+  using Base = Singleton<Tag, T>;
+
  public:
-  /// The first look at the object calls `*complete`, which must stay where it is. Null when the
-  /// object is complete.
+  /// The first get() calls `*complete`, which must stay valid until then. Null if the object is
+  /// complete.
   void completeIs(const std::function<void()>* complete) noexcept { complete_ = complete; }
   const Ptr<T>& get() const {
     if (complete_ != nullptr) [[unlikely]]
       (*std::exchange(complete_, nullptr))();
     return held();
   }
-  /// The object as it is.
-  const Ptr<T>& held() const noexcept { return Singleton<Tag, T>::get(); }
+  /// The object without completing it.
+  const Ptr<T>& held() const noexcept { return Base::get(); }
 
-  bool set(const Entity& owner, Ptr<T> object) {
-    get();
-    return Singleton<Tag, T>::set(owner, std::move(object));
-  }
+  bool set(const Entity& owner, Ptr<T> object) { return completed().set(owner, std::move(object)); }
   template <class... Args>
   Ptr<T> create(const Entity& owner, const Args&... args) {
-    const auto made = make<T>(args...);
-    set(owner, made);
-    return made;
+    return completed().create(owner, args...);
   }
-  bool del(const Entity& owner) { return set(owner, nullptr); }
+  bool del(const Entity& owner) { return completed().del(owner); }
 
  private:
+  Base& completed() {
+    get();
+    return *this;
+  }
+
   mutable const std::function<void()>* complete_ = nullptr;
 };
 
-/// Entries by key: values, or entities (and reactors) that the collection owns.
+/// Entries by key: values, or entities and reactors that the collection owns.
 ///
-/// The body of a walk may change the collection; see HashMap::Iterator.
+/// The collection may change during an iteration; see HashMap::Iterator.
 template <class Tag, class Key, class Value, class Storage = HashMap<Key, Value>>
 class Collection {
  public:
@@ -209,7 +212,7 @@ class Collection {
   Collection& operator=(const Collection&) = delete;
   ~Collection() { disownAll(); }
 
-  /// The entry, or an empty value. Good until the collection changes.
+  /// The entry, or an empty value. Valid until the collection changes.
   const Value& get(const Key& key) const {
     if (const Value* value = map_.find(key)) return *value;
     static const Value kNone{};
@@ -218,7 +221,8 @@ class Collection {
   bool contains(const Key& key) const { return map_.find(key) != nullptr; }
   const Map& map() const noexcept { return map_; }
   Map& map() noexcept { return map_; }
-  /// The entry itself, or null. A lazy storage makes no object for this.
+  /// The stored value, or null without an entry. In a LazyMap, the value is a null handle if the
+  /// object has not been made yet.
   Value* stored(const Key& key) {
     if constexpr (requires { map_.findMade(key); }) {
       return map_.findMade(key);
@@ -237,20 +241,20 @@ class Collection {
     return true;
   }
 
-  /// Stores a new entry that counts as one that was there before: it is not announced.
+  /// Stores a new entry without a notification, as if it had been there before.
   void insertQuietly(const Entity& owner, const Key& key, Value value) {
     detail::adopt<Tag>(owner, *map_.tryEmplace(key).first = std::move(value));
   }
 
-  /// Of owned objects that are made of their keys: makes the one of `key`, in place of another.
-  /// Returns it.
+  /// Makes an object of `key`, and stores it in place of the present one. Returns it. For
+  /// collections of objects that are made from their keys.
   Value create(const Entity& owner, const Key& key) {
     const auto made = make<typename Value::Element>(key);
     set(owner, key, made);
     return made;
   }
 
-  /// Removes an entry and announces its key. The removed value lives until that is done.
+  /// Removes an entry and announces its key. The value is destroyed after the announcement.
   bool del(const Entity& owner, const Key& key) {
     Value* found = stored(key);
     if (found == nullptr) return false;
@@ -260,9 +264,9 @@ class Collection {
     detail::left<Tag>(owner, old, removed);
     return true;
   }
-  /// Removes the entry on which `it` stands; `it` may then be advanced.
+  /// Removes the entry of `it`, which may then be advanced.
   void del(const Entity& owner, const typename Map::Iterator& it) { del(owner, it.key()); }
-  /// Removes all entries, announcing each. Entries that a callback adds stay.
+  /// Removes all entries and announces each. Entries that a callback adds stay.
   void delAll(const Entity& owner) {
     if (!owner.hasNotifiees()) return dropAll();
     const Ptr<const Entity> alive(&owner);  // a callback may drop the last handle
@@ -277,7 +281,7 @@ class Collection {
  private:
   void disownAll() {
     if constexpr (detail::isRetiring<Value>) {
-      // The objects may run other code when they are destroyed. It finds the collection empty.
+      // Destroying the objects may run code that uses this collection, so it is emptied first.
       const Map dropped = std::exchange(map_, Map());
       for (const auto& entry : dropped) {
         if (entry.value) entry.value->retire();
@@ -290,8 +294,8 @@ class Collection {
   Map map_;
 };
 
-/// The storage of a collection of owned objects that are made from their keys alone. Each object is
-/// made at its first look-up, and all objects at the first walk.
+/// The storage of a collection of owned objects that are made from their keys alone. An object is
+/// made at its first look-up; the first iteration makes all objects.
 ///
 /// \tparam Base  a map from keys to handles.
 template <class Tag, class Base>
@@ -302,11 +306,11 @@ class LazyMap : public Base {
   using Base::Base;
   using typename Base::Key;
 
-  /// Gives `key` an entry, whose object is to be made later. \returns true when there was none.
+  /// Adds an entry for `key` whose object is made later. \returns true when there was no entry.
   bool reserve(const Entity& owner, const Key& key) {
     owner_ = &owner;
     const auto [object, isNew] = Base::tryEmplace(key);
-    // A walk that is under way may reach the entry.
+    // An iteration may be under way, and may reach the entry.
     if (isNew && isWalked_) made(key, *object);
     return isNew;
   }
@@ -349,16 +353,16 @@ class LazyMap : public Base {
   mutable bool isWalked_ = false;
 };
 
-/// The storage of a collection some of whose entries are made when somebody first looks at any.
+/// The storage of a collection. Some of its entries are made at the first use of any entry.
 template <class Base>
 class DeferredMap : public Base {
  public:
   using typename Base::Key;
 
-  /// The first look at the entries calls `*makeAll`, which must stay where it is. Null when all
+  /// The first use of the entries calls `*makeAll`, which must stay valid until then. Null if all
   /// entries are there.
   void makeAllIs(const std::function<void()>* makeAll) noexcept { makeAll_ = makeAll; }
-  /// The entries that are there.
+  /// The entries that have been made.
   Base& made() noexcept { return *this; }
   const Base& made() const noexcept { return *this; }
   auto* findMade(const Key& key) { return Base::find(key); }
@@ -384,7 +388,7 @@ class DeferredMap : public Base {
   mutable const std::function<void()>* makeAll_ = nullptr;
 };
 
-/// A set of keys, in the form of a collection from each key to true.
+/// A set of keys, with the members of a Collection.
 template <class Tag, class Key, class Storage = HashMap<Key, Present>>
 class KeySet {
  public:
@@ -445,7 +449,7 @@ class KeySet {
     }                                                                 \
   }
 
-/// A value: attr(), attrNotify(). Its setter stands beside it.
+/// A value: attr(), attrNotify(). The class declares its setter.
 #define KIV_SCALAR(id, attr, Attr, Type)        \
   KIV_VALUE_TAG(id, attr, Attr);                \
   const Type& attr() const noexcept {           \
@@ -467,8 +471,8 @@ class KeySet {
     attr##_.set(*this, value);                    \
   }
 
-/// A reference to an object of another owner: attr(), attrRaw(), attrNotify(). Its setter stands
-/// beside it.
+/// A reference to an object that another object owns: attr(), attrRaw(), attrNotify(). The class
+/// declares its setter.
 #define KIV_POINTER_VIEW(id, attr, Attr, Type)            \
   KIV_VALUE_TAG(id, attr, Attr);                          \
   ::Kiv::Ptr<Type> attr() const noexcept {                \
@@ -511,19 +515,19 @@ class KeySet {
                                                              \
  public:
 
-/// An owned object: adds attrDel(). newAttr(...) or attrIs(...) stands beside it.
+/// An owned object: adds attrDel(). The class declares newAttr(...) or attrIs(...).
 #define KIV_SINGLETON(id, attr, Attr, Type) KIV_SINGLETON_ON(id, attr, Attr, Type, ::Kiv::Singleton)
 
-/// The same in the storage given last, such as Kiv::DeferredSingleton.
+/// The same with storage of the class template `Storage`, such as Kiv::DeferredSingleton.
 #define KIV_SINGLETON_ON(id, attr, Attr, Type, Storage) \
   KIV_SINGLETON_VIEW_ON(id, attr, Attr, Type, Storage)  \
   void attr##Del() {                                    \
     attr##_.del(*this);                                 \
   }
 
-/// The common members of sets and of collections of values or owned entities, over the storage
-/// class given last: attrCount(), attrIterator(), attrIteratorConst(), attrKeys() (a snapshot);
-/// attrNotify(key) and attrNotify() announce an entry or the whole without a change.
+/// The common members of sets and collections: attrCount(), attrIterator(), attrIteratorConst(),
+/// and attrKeys(), a snapshot. attrNotify(key) and attrNotify() announce an entry or the whole
+/// without a change. The last argument is the class that stores the entries.
 #define KIV_KEYED_MEMBERS(id, attr, Attr, Key, ...)           \
   KIV_COLLECTION_TAG(id, attr, Attr, Key);                    \
   using Attr##Iterator = typename __VA_ARGS__::Map::Iterator; \
@@ -563,8 +567,8 @@ class KeySet {
     attr##_.delAll(*this);                   \
   }
 
-/// The further forms of a deletion that stands beside the attribute, attrDel(key), with all that it
-/// does: attrDel(iterator) and attrDelAll().
+/// attrDel(iterator) and attrDelAll() for a class that declares its own attrDel(key). They call
+/// it.
 #define KIV_FURTHER_DELETIONS(attr, Attr)                \
   void attr##Del(const Attr##Iterator& it) {             \
     attr##Del(it.key());                                 \
@@ -574,15 +578,15 @@ class KeySet {
     for (const auto& key : attr##Keys()) attr##Del(key); \
   }
 
-/// A collection that is read by anybody and changed by its entity alone: attr(key), which gives the
-/// entry or an empty value, attrFind(key), which gives null for none, attrPrefetch(key), which
-/// prefetches the memory that these read, and the common members. The members that change it stand
-/// beside it. A result is good until the collection changes.
+/// A collection that is public for reading only. attr(key) returns the entry or an empty value;
+/// attrFind(key) returns null if there is no entry; attrPrefetch(key) prefetches the memory that
+/// these two read. A result is valid until the collection changes. The common members are there,
+/// too. The class declares the members that change the collection.
 #define KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)                                  \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::Collection<Attr##Attribute, Key, Value>) \
   KIV_COLLECTION_READERS(attr, Key)
 
-/// The same on a storage some of whose entries are made when somebody looks; see DeferredMap.
+/// The same in a DeferredMap.
 #define KIV_DEFERRED_COLLECTION_VIEW(id, attr, Attr, Key, Value)                       \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key,                                               \
                     ::Kiv::Collection<Attr##Attribute, Key, Value,                     \
@@ -600,33 +604,33 @@ class KeySet {
     return attr##_.map().find(key);           \
   }
 
-/// A collection: adds the deletions. Its setter stands beside it.
+/// A collection: adds the deletions. The class declares its setter.
 #define KIV_COLLECTION(id, attr, Attr, Key, Value) \
   KIV_COLLECTION_VIEW(id, attr, Attr, Key, Value)  \
   KIV_KEYED_DELETIONS(attr, Attr, Key)
 
-/// Of an ordered collection or set: attrKeysBetween(first, last), the keys of a range in ascending
+/// For an ordered collection or set: attrKeysBetween(first, last), the keys of a range in ascending
 /// order.
 #define KIV_ORDERED_KEYS(attr, Key)                                             \
   std::vector<Key> attr##KeysBetween(const Key& first, const Key& last) const { \
     return attr##_.map().keysBetween(first, last);                              \
   }
 
-/// A collection on the storage given last. That may be a column of the entity's Kiv::Rows: then the
-/// entity's constructor gives attr_ the rows, which stand before it.
+/// A collection with the last argument as its storage. The storage may be a column of a Kiv::Rows
+/// that the entity declares before: then the entity's constructor passes the rows to attr_.
 #define KIV_COLLECTION_ON(id, attr, Attr, Key, Value, ...)                       \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key,                                         \
                     ::Kiv::Collection<Attr##Attribute, Key, Value, __VA_ARGS__>) \
   KIV_COLLECTION_READERS(attr, Key)                                              \
   KIV_KEYED_DELETIONS(attr, Attr, Key)
 
-/// A collection that also gives the keys of a range.
+/// A collection with attrKeysBetween().
 #define KIV_ORDERED_COLLECTION(id, attr, Attr, Key, Value)                         \
   KIV_COLLECTION_ON(id, attr, Attr, Key, Value, ::Kiv::OrderedHashMap<Key, Value>) \
   KIV_ORDERED_KEYS(attr, Key)
 
-/// A set of keys that is read by anybody and changed by its entity alone: attr(key),
-/// attrPrefetchHint(), a prefetch hint, and the common members.
+/// A set of keys that is public for reading only: attr(key), attrPrefetchHint(), and the common
+/// members.
 #define KIV_SET_VIEW(id, attr, Attr, Key)                                     \
   KIV_KEYED_MEMBERS(id, attr, Attr, Key, ::Kiv::KeySet<Attr##Attribute, Key>) \
   KIV_SET_READER(attr, Key)
@@ -639,8 +643,8 @@ class KeySet {
     return attr##_.map().prefetchHint(); \
   }
 
-/// A set of keys: adds attrIs(key, present), newAttr(key, present), which also returns whether it
-/// is a member, and the deletions.
+/// A set of keys: adds the deletions, attrIs(key, present), and newAttr(key, present), which also
+/// returns `present`.
 #define KIV_SET(id, attr, Attr, Key) \
   KIV_SET_VIEW(id, attr, Attr, Key)  \
   KIV_SET_CHANGES(attr, Attr, Key)
@@ -655,7 +659,7 @@ class KeySet {
     return present;                              \
   }
 
-/// A set of keys that also gives those of a range.
+/// A set of keys with attrKeysBetween().
 #define KIV_ORDERED_SET(id, attr, Attr, Key)                                           \
   KIV_KEYED_MEMBERS(                                                                   \
       id, attr, Attr, Key,                                                             \
@@ -664,10 +668,11 @@ class KeySet {
   KIV_SET_CHANGES(attr, Attr, Key)                                                     \
   KIV_ORDERED_KEYS(attr, Key)
 
-/// A collection of objects that are made of their keys, each when it is first looked at, on the
-/// storage given last: adds attrIs(key), which makes an entry unless it is there and gives its
-/// object; newAttr(key), which puts a new object in place of another; attrReserve(key), which
-/// leaves the object to be made; and attrIfMade(key), which gives null for one that is not made.
+/// A collection of objects that are made from their keys, each at its first look-up. The last
+/// argument is its storage. Adds attrIs(key), which makes the entry if it is absent and returns its
+/// object; newAttr(key), which replaces the object by a new one; attrReserve(key), which adds an
+/// entry whose object is made later; and attrIfMade(key), which returns null if the object has not
+/// been made.
 #define KIV_LAZY_COLLECTION_ON(id, attr, Attr, Key, Type, ...)                          \
   KIV_COLLECTION_ON(id, attr, Attr, Key, ::Kiv::Ptr<Type>,                              \
                     ::Kiv::LazyMap<Attr##Attribute, __VA_ARGS__>)                       \

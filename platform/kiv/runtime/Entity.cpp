@@ -9,7 +9,7 @@ namespace Kiv {
 namespace {
 
 // The characters that may stand unencoded in a path segment ("pchar" of RFC 3986, section 3.3),
-// less ":" and "@", which would read as an authority to some.
+// less ":" and "@", which some parsers take for an authority.
 constexpr bool isPlain(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
          std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos;

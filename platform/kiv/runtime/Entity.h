@@ -18,7 +18,7 @@
 
 namespace Kiv {
 
-/// Base of everything that has attributes.
+/// Base of every class that has attributes.
 ///
 /// An owned entity knows its owner and the attribute that holds it. It does not keep the owner
 /// alive.
@@ -35,8 +35,8 @@ class Entity : public Object {
   /// byte that a URI path segment may not hold percent-encoded (RFC 3986).
   std::string uriPath() const;
 
-  /// The levels that are traced for this entity, beside those that a facility has on for all; a bit
-  /// for each. An override must tell the facility; see TraceFacility::ownLevelsAre().
+  /// The trace levels that are on for this entity, as bits, beside those that are on for all
+  /// entities. An override must inform the facility of changes; see TraceFacility::ownLevelsAre().
   virtual uint32_t tracedLevels() const noexcept { return 0; }
 
   const Entity* parent() const noexcept { return parent_; }
@@ -52,8 +52,8 @@ class Entity : public Object {
     parentAttr_ = parent == nullptr ? nullptr : attribute;
   }
 
-  /// The notifiees of this entity. A registration is no change of the entity, so a
-  /// const one has them too.
+  /// The notifiees of this entity. Registration does not change an entity, so the entity may be
+  /// const.
   NotifierList& notifierList() const {
     if (notifiees_ == nullptr) notifiees_ = new NotifierList();
     return *notifiees_;
@@ -72,14 +72,14 @@ class Entity : public Object {
       notifyAll<Attribute>(Key(key)...);
   }
 
-  /// Lets the hooks of this entity register notifiees that are missing, before a change that its
-  /// own notifiees are not told of.
+  /// Lets the hooks of this entity register missing notifiees. Called before a change that is not
+  /// announced by this entity.
   void completeNotifiees() const {
     if (notifiees_ != nullptr) notifiees_->callHooks(0, nullptr);
   }
 
-  /// Calls `visit` with each notifiee that a change would now be delivered to. It must change
-  /// neither them nor the list.
+  /// Calls `visit` with each notifiee that would now be notified of a change. `visit` must change
+  /// neither the notifiees nor the list.
   template <class Visit>
   void forEachNotifiee(Visit visit) const {
     if (!hasNotifiees()) return;
@@ -92,7 +92,7 @@ class Entity : public Object {
   Entity() = default;
   ~Entity() override { dropNotifiees(); }
   void zeroReferences() noexcept override;
-  /// Forgets the notifiees: from here on nothing is announced. For destructors.
+  /// Removes all notifiees. Nothing is announced any more. For destructors.
   void dropNotifiees() noexcept {
     if (notifiees_ != nullptr) std::exchange(notifiees_, nullptr)->ownerIsGone();
   }
@@ -128,7 +128,7 @@ void Entity::notifyAll(const Key&... key) const {
   }
 }
 
-/// `name` as a segment of a URI path: every byte that may not stand there percent-encoded.
+/// `name` as a segment of a URI path. Bytes that are not allowed there are percent-encoded.
 std::string uriSegment(std::string_view name);
 
 /// An entity that keeps its name.
@@ -143,7 +143,7 @@ class NamedEntity : public Entity {
   Name name_;
 };
 
-/// An entity in a trace or a message reads as its name; a null handle as "null".
+/// Writes the name of the entity; for a null handle "null".
 inline std::ostream& operator<<(std::ostream& os, const Entity& entity) {
   return os << entity.name();
 }
@@ -161,8 +161,8 @@ struct EntityType;
 
 }  // namespace Kiv
 
-/// The declarations of a reflected type: its description, made when it is first asked for,
-/// and the interface to its entities. Both stand where the types are registered.
+/// The declarations of a reflected type: its description, which is made at its first use, and the
+/// interface to its entities. Both are defined where the types are registered.
 #define KIV_REFLECTED(Type)                    \
   using _Type = ::Kiv::EntityType<Type>;       \
   using GenericIf_ = ::Kiv::GenericIfOf<Type>; \

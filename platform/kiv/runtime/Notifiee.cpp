@@ -13,7 +13,7 @@ namespace Kiv {
 
 namespace {
 
-/// Shared, so that a hook may put another in its place.
+/// Shared, so that a hook may replace itself while it runs.
 std::shared_ptr<const Notifiee::AttributeHook>& attributeHook() {
   static std::shared_ptr<const Notifiee::AttributeHook> hook;
   return hook;
@@ -91,7 +91,7 @@ void Notifiee::wakeOnce() {
 void Notifiee::notifierEntityIs(const Entity* notifier) {
   if (notifier == notifier_) return;
   const bool holds = hold_ == Hold::kStrong;
-  // Let go of last: the old notifier may be all that holds the new one.
+  // Dropped at the end: the former notifier may have the last handle to the new one.
   const auto former = holds ? Ptr<const Entity>::adopt(notifier_) : nullptr;
   isRegisteredNotifieeIs(false);
   notifier_ = notifier;
@@ -122,7 +122,8 @@ void NotifierList::add(Notifiee& notifiee) {
   } else {
     notifiee.rank_ = {Notifiee::now(), 0};
   }
-  passedSlots_.insert(passedSlots_.end(), 0);  // one too many does no harm if the next line fails
+  // First, because a surplus entry is harmless if the next line fails.
+  passedSlots_.insert(passedSlots_.end(), 0);
   slots_.insert(slots_.begin() + at, &notifiee);
   numberSlots(at);
   notifiee.toldIn_ = 0;
@@ -153,7 +154,7 @@ void NotifierList::remove(Notifiee& notifiee) noexcept {
   if (walk_ == nullptr && count_ <= slots_.size() / 2) closeGaps();
 }
 
-/// Stores in the notifiees from slot `first` on where they stand.
+/// Stores the slots of the notifiees, from slot `first` on.
 void NotifierList::numberSlots(size_t first) noexcept {
   for (size_t slot = first; slot < slots_.size(); ++slot) {
     Notifiee* const notifiee = slots_[slot];
@@ -272,7 +273,7 @@ Notifiee* SnapshotIterator::next() {
   standOn(notifiee);
   if (notifiee == nullptr) return nullptr;
   notifiee->toldIn_ = number_;
-  // A walk within another one leaves it awake for that one.
+  // An inner walk leaves the notifiee awake for the outer walk.
   if (notifiee->isAwake_ && outerWalk_ == nullptr) {
     notifiee->isAwake_ = false;
     list_.awakeChanged(*notifiee);

@@ -1,4 +1,4 @@
-// Notifiees, which are told of changes, and the lists in which a notifier keeps them.
+// Notifiees, which are notified of changes, and the list of the notifiees of an entity.
 #pragma once
 
 #include <atomic>
@@ -22,7 +22,7 @@ class Entity;
 class NotifierList;
 class SnapshotIterator;
 
-/// The base of all reactors: one notifier, an activity, and whether they may act.
+/// The base of all reactors. A reactor has one notifier and one activity.
 ///
 /// A type's own `NotifieeConst` derives from this through NotifieeOf and adds one callback for each
 /// attribute. A callback runs after the change that it reports.
@@ -39,83 +39,84 @@ class Notifiee : public Object {
   bool acceptsNotifications() const noexcept { return registered_ && active_ && isLive(); }
 
   bool hasNotificationActive() const noexcept { return active_; }
-  /// Switches delivery on or off without unregistering. Notifications that come meanwhile are lost.
+  /// Switches delivery on or off without unregistering. Notifications are lost while it is off.
   virtual void hasNotificationActiveIs(bool active) { active_ = active; }
 
   bool isZombie() const noexcept { return zombie_; }
   /// Puts this reactor, and every reactor it owns, into or out of the state in which no callback
   /// is delivered.
   virtual void kivDoZombieReactors(bool zombie) { zombie_ = zombie; }
-  /// Its owner has removed or replaced it, or is going: it becomes a zombie and leaves its
-  /// notifier, so that whoever still holds it holds one that reacts to nothing and keeps no
-  /// notifier alive.
+  /// Called when the owner has removed or replaced this reactor, or is being destroyed. The reactor
+  /// becomes a zombie and leaves its notifier. So if there are further handles to it, it does not
+  /// react to anything and keeps no notifier alive.
   virtual void retire() {
     kivDoZombieReactors(true);
     notifierEntityIs(nullptr);
   }
 
   bool isRegisteredNotifiee() const noexcept { return registered_; }
-  /// Enters this into the notifier's list or takes it out; without a notifier nothing happens. What
-  /// waits to be delivered is dropped on leaving, and one that does not hold its notifier forgets
-  /// it, of whose end it would not be told.
+  /// Adds this to the notifier's list or removes it; does nothing without a notifier. The removal
+  /// drops the notifications that wait. It also resets notifier() of a notifiee that does not keep
+  /// its notifier alive, because such a notifiee would not learn of the notifier's end.
   void isRegisteredNotifieeIs(bool registered);
 
   bool isQuiet() const noexcept { return quiet_; }
-  /// A quiet notifiee is told of changes only while something is traced. For one that knows, for
-  /// the time being, that a change of its notifier, whatever the attribute, would move it to
-  /// nothing but trace statements: where many watch, those whom a change does not concern cost
-  /// nothing. One that ceases to be quiet while others are told is told after them.
+  /// A quiet notifiee is notified of changes only while something is traced. A notifiee may be
+  /// quiet while it would react to a change of any attribute with trace statements only. So of many
+  /// notifiees, those that a change does not concern take no time. A notifiee that stops being
+  /// quiet during a walk is notified after the others.
   void isQuietIs(bool quiet);
-  /// Tells a quiet notifiee of the next change all the same, or of the present one if its turn is
-  /// still to come.
+  /// Notifies a quiet notifiee of the next change all the same. That is the present change if the
+  /// walk has not yet passed the notifiee.
   void wakeOnce();
 
-  /// The place of a notifiee among those of its notifier, which are told in the order of ranks.
+  /// The place of a notifiee in its notifier's list. Notifiees are notified in the order of ranks.
   struct Rank {
     uint64_t time = 0;   ///< of the registration; see now()
-    uint64_t order = 0;  ///< among those of the same time
+    uint64_t order = 0;  ///< among notifiees with the same time
     friend auto operator<=>(const Rank&, const Rank&) = default;
   };
-  /// A time that is later than all that were given before.
+  /// A number that is larger than all that were returned before. It counts registrations.
   static uint64_t now() noexcept;
-  /// The last time that was given.
+  /// The last number that now() returned.
   static uint64_t lastTime() noexcept;
-  /// The next registration is one that was left out earlier, while nothing concerned this notifiee:
-  /// it gets the place that it would have had, and a walk that is under way reaches it.
+  /// Says that the next registration was omitted earlier, because no change concerned this
+  /// notifiee. It gets the place that it would have had, and a walk that is under way visits it.
   void registersLate(const Rank& rank) noexcept {
     rank_ = rank;
     isLate_ = true;
   }
 
-  /// The activity that delivers to this reactor; null means at once.
+  /// The activity that delivers to this reactor. Null: notifications are delivered at once.
   const Ptr<ActivityConfig>& kivFwkActivity() const noexcept { return activity_; }
-  /// Moves to another activity, with the notifications that wait; one that does not queue delivers
-  /// them now. A reactor that owns reactors passes it on to them.
+  /// Moves to another activity, with the notifications that wait. An activity that does not queue
+  /// delivers them now. A reactor passes the activity on to the reactors that it owns.
   virtual void kivFwkActivityIs(const Ptr<ActivityConfig>& activity);
 
   /// Called by an activity that queued a notification for this reactor: delivers it.
   virtual void handleNotification(ActivityConfig& config);
 
-  /// Offered a notification before its handler runs; true means that a reflective observer has
-  /// consumed it. Asks the hook of this process, if there is one.
+  /// Called with a notification before its handler runs. Returns true if a reflective observer has
+  /// consumed the notification. Calls the hook of this process, if there is one.
   ///
   /// \param value  the key or value the notification is about.
   virtual bool kivOnAttribute(AttributeId id, const void* value);
 
-  /// A reflective observer: returns true to keep a notification from the reactor's handler.
+  /// A reflective observer. Returns true to consume a notification: its handler is then not called.
   using AttributeHook =
       std::function<bool(const Notifiee& reactor, AttributeId id, const void* value)>;
-  /// Makes `hook` the one of this process; an empty one takes it away. For the reactors' thread.
+  /// Makes `hook` the hook of this process; an empty one removes it. Call it on the reactors'
+  /// thread.
   static void attributeHookIs(AttributeHook hook);
   static bool hasAttributeHook() noexcept;
 
   /// A callback for attribute `id` has raised; the exception is std::current_exception().
   virtual void onNotificationException(AttributeId /*id*/) noexcept {}
 
-  /// As Entity::tracedLevels(): a reactor has those of the entity for which it acts.
+  /// As Entity::tracedLevels(). A reactor has the levels of the entity for which it acts.
   virtual uint32_t tracedLevels() const noexcept { return 0; }
 
-  /// The last handle to the notifier was dropped. Comes only to a notifiee that does not hold it.
+  /// The last handle to the notifier was dropped. Called only if the notifiee has no handle to it.
   virtual void onZeroReferences() noexcept {}
 
  protected:
@@ -137,14 +138,14 @@ class Notifiee : public Object {
   void notifierIsGone() noexcept;
 
   const Entity* notifier_ = nullptr;
-  SnapshotIterator* walk_ = nullptr;  // the innermost one that stands here
+  SnapshotIterator* walk_ = nullptr;  // the innermost walk whose current() is this
   Ptr<ActivityConfig> activity_;
   Rank rank_;
-  uint32_t slot_ = 0;    // where it stands in the notifier's list, while registered
-  uint64_t toldIn_ = 0;  // the last walk that came here
+  uint32_t slot_ = 0;    // the place in the notifier's list, while registered
+  uint64_t toldIn_ = 0;  // the last walk that visited this
   Hold hold_;
-  bool isLate_ = false;   // until it is registered
-  bool isAwake_ = false;  // though quiet
+  bool isLate_ = false;   // registersLate() was called, and it is not yet registered
+  bool isAwake_ = false;  // wakeOnce() was called, and no change has been announced since
   bool registered_ = false;
   bool active_ = true;
   bool zombie_ = false;
@@ -155,9 +156,9 @@ class Notifiee : public Object {
 template <class T>
 class NotifieeOf : public Notifiee {
  public:
-  /// The object watched, or null.
+  /// The object that this watches, or null.
   Ptr<const T> notifier() const noexcept { return Ptr<const T>(notifierRaw()); }
-  /// notifier() for the length of a call, without touching its count.
+  /// The notifier without a new handle, for the duration of a call.
   const T* notifierRaw() const noexcept { return static_cast<const T*>(notifierEntity()); }
   /// Watches `notifier` in place of the present one, then runs the immediate callbacks. Null is
   /// allowed, and watching the present one again changes nothing.
@@ -167,8 +168,8 @@ class NotifieeOf : public Notifiee {
   using Notifiee::Notifiee;
 };
 
-/// Called before the notifiees of an entity are told of a change. It may register notifiees that
-/// were left out because no change concerned them, and wake quiet ones.
+/// Called before the notifiees of an entity are notified of a change. It may register notifiees
+/// whose registration was omitted because no change concerned them, and wake quiet ones.
 ///
 /// One hook may serve many entities. It must not change an attribute of any entity.
 class NotifierHook {
@@ -179,37 +180,38 @@ class NotifierHook {
 
   /// `notifier` is going to announce a change of the attribute `id`.
   ///
-  /// \param key       of the changed entry of a collection; null for a value or a whole collection.
+  /// \param key       the key of a changed entry; null for a value or a whole collection.
   /// \param isRepeat  true at the end of the walk, if version() has changed meanwhile.
   virtual void beforeTelling(const Entity& notifier, AttributeId id, const void* key,
                              bool isRepeat) = 0;
   /// A notifiee is going to be registered with `notifier`.
   virtual void beforeRegistering(const Entity& /*notifier*/) {}
 
-  /// False while beforeTelling() need not be called unless something is traced.
+  /// If false, beforeTelling() is called only while something is traced.
   bool isNeeded() const noexcept { return isNeeded_ || !isOptional_; }
   bool isOptional() const noexcept { return isOptional_; }
 
-  /// True while some optional hook is needed.
+  /// True while some optional hook of the process is needed.
   static bool anyOptionalIsNeeded() noexcept {
     return optionalNeeded_.load(std::memory_order_relaxed) != 0;
   }
-  /// Goes up when beforeTelling() of some hook may concern other notifiees than before.
+  /// Goes up when beforeTelling() of any hook may register or wake other notifiees than before.
   static uint64_t version() noexcept { return version_.load(std::memory_order_relaxed); }
 
  protected:
-  /// \param isOptional  whether it is needed only now and then: not yet.
+  /// \param isOptional  whether the hook is needed only at times; it is not needed at first.
   explicit NotifierHook(bool isOptional) : isOptional_(isOptional) {}
-  /// Of an optional hook.
+  /// Says whether an optional hook is needed.
   void isNeededIs(bool isNeeded) noexcept {
     if (isNeeded == isNeeded_) return;
     isNeeded_ = isNeeded;
     optionalNeeded_.fetch_add(isNeeded ? 1 : size_t{0} - 1, std::memory_order_relaxed);
   }
+  /// Says that beforeTelling() may now register or wake other notifiees than before.
   static void versionIsNext() noexcept { version_.fetch_add(1, std::memory_order_relaxed); }
 
  private:
-  // Of the whole process, so that an announcement need not look at the hooks of its notifier.
+  // For the whole process, so that an announcement need not read the hooks of its notifier.
   KIV_EXPORT static inline constinit std::atomic<size_t> optionalNeeded_{0};
   KIV_EXPORT static inline constinit std::atomic<uint64_t> version_{0};
 
@@ -219,21 +221,21 @@ class NotifierHook {
 
 /// The notifiees of one entity.
 ///
-/// May be changed while it is walked: notifiees that leave are skipped, new ones wait for the next
-/// walk, unless they register late.
+/// The list may change during a walk. The walk skips notifiees that leave. It does not visit new
+/// notifiees, except those that register late.
 class NotifierList {
  public:
   bool empty() const noexcept { return count_ == 0 && !hasNeededHook(); }
   void add(Notifiee& notifiee);
   /// Takes constant time, averaged over the removals.
   void remove(Notifiee& notifiee) noexcept;
-  /// A notifiee in the list has become quiet, or is so no longer.
+  /// A notifiee in the list has become quiet, or has stopped being quiet.
   void quietChanged(Notifiee& notifiee) noexcept;
-  /// A quiet notifiee in the list is awake for the next change, or has been told of it.
+  /// A quiet notifiee in the list has been woken for the next change, or has been notified of it.
   void awakeChanged(Notifiee& notifiee) noexcept;
   bool isWalked() const noexcept { return walk_ != nullptr; }
-  /// Calls `visit` with each notifiee to tell of a change now. It must change neither them nor the
-  /// list.
+  /// Calls `visit` with each notifiee that a change would now be announced to. `visit` must change
+  /// neither the notifiees nor the list.
   template <class Visit>
   void forEachToTell(Visit visit) const {
     const bool tellsAll = this->tellsAll();
@@ -243,9 +245,9 @@ class NotifierList {
     }
   }
 
-  /// Has `hook` called from now on for changes of `owner`, whose list this is.
+  /// Calls `hook` for changes of `owner` from now on. \pre this is the list of `owner`
   void hookIs(const std::shared_ptr<NotifierHook>& hook, const Entity& owner);
-  /// The time from which this hook is called; 0 if it is not.
+  /// The result of Notifiee::now() when the hook was added; 0 if the list does not have it.
   uint64_t hookedSince(const NotifierHook& hook) const noexcept;
   /// Calls `visit` with each hook.
   template <class Visit>
@@ -257,8 +259,8 @@ class NotifierList {
       callNeededHooks(id, key, isRepeat);
   }
 
-  /// The entity goes: its notifiees lose their notifier. Deletes the list when no walk is under
-  /// way, else the last walk does.
+  /// Called when the entity is destroyed: its notifiees lose their notifier. Deletes the list if no
+  /// walk is under way; else the last walk deletes it.
   void ownerIsGone() noexcept;
 
  private:
@@ -273,35 +275,35 @@ class NotifierList {
   void closeGaps() noexcept;
   void numberSlots(size_t first) noexcept;
   bool tellsAll() const noexcept;
-  /// The first slot in [from, to) with a notifiee to tell; `to` for none.
+  /// The first slot in [from, to) whose notifiee is to be notified; `to` if there is none.
   size_t next(size_t from, size_t to, bool tellsAll) const noexcept;
-  /// True when callNeededHooks() may have something to call.
+  /// False if callNeededHooks() would call no hook.
   bool hasNeededHook() const noexcept {
     return isHooked_ && (hasNecessaryHook_ || NotifierHook::anyOptionalIsNeeded() || isTraced());
   }
   static bool isTraced() noexcept;
   void callNeededHooks(AttributeId id, const void* key, bool isRepeat);
 
-  // First what each announcement reads: one cache line, or two.
-  [[no_unique_address]] SmallVector<Notifiee*, 2> slots_;  // null: has left
+  // First the members that each announcement reads: one cache line, or two.
+  [[no_unique_address]] SmallVector<Notifiee*, 2> slots_;  // null: the notifiee has left
   uint32_t count_ = 0;
-  // Of each slot: 1 when there is none to tell, unless all are told.
+  // For each slot: 1 if a walk that is not traced skips it.
   [[no_unique_address]] SmallVector<char, 8> passedSlots_;
   uint32_t quiet_ = 0;
-  SnapshotIterator* walk_ = nullptr;  // the innermost one
-  uint64_t walks_ = 0;                // how many began
+  SnapshotIterator* walk_ = nullptr;  // the innermost walk
+  uint64_t walks_ = 0;                // the number of walks so far
   bool orphaned_ = false;
   bool isHooked_ = false;
-  bool hasNecessaryHook_ = false;  // one that is not optional
+  bool hasNecessaryHook_ = false;  // a hook that is not optional
   std::vector<Hooked> hooks_;
-  const Entity* owner_ = nullptr;  // only with hooks
+  const Entity* owner_ = nullptr;  // set if there are hooks
 };
 
-/// Walks the notifiees that a list had when the walk began and still has; those that are quiet all
-/// the while only if something is traced.
+/// Visits the notifiees that were in a list when the walk began and have not left it. Visits quiet
+/// notifiees only if something is traced, or if they stop being quiet during the walk.
 class SnapshotIterator {
  public:
-  /// The walk of an announcement of attribute `id`, or of none that hooks concern; see
+  /// Begins the walk of an announcement of attribute `id`. Hooks are not called for id 0; see
   /// NotifierHook.
   explicit SnapshotIterator(NotifierList& list, AttributeId id = 0, const void* key = nullptr)
       : list_(list),
@@ -322,7 +324,7 @@ class SnapshotIterator {
 
   /// The next notifiee, or null at the end.
   Notifiee* next();
-  /// The last result of next(), also if it has left the list; null once it is destroyed.
+  /// The last result of next(), even if it has left the list; null if it was destroyed.
   Notifiee* current() const noexcept { return current_; }
 
  private:
@@ -333,7 +335,8 @@ class SnapshotIterator {
     current_ = notifiee;
     if (current_ != nullptr) outer_ = std::exchange(current_->walk_, this);
   }
-  /// A notifiee is no longer quiet, or has registered late: tells it if its turn is over.
+  /// A notifiee has stopped being quiet, or has registered late. If the walk has already passed it,
+  /// the walk visits it at the end.
   void tellAfterwards(Notifiee& notifiee) {
     if (notifiee.slot_ < at_ && notifiee.toldIn_ < number_) woken_.push_back(&notifiee);
   }
@@ -342,16 +345,16 @@ class SnapshotIterator {
   AttributeId id_;
   const void* key_;
   size_t at_ = 0;
-  size_t end_;  // of those that were there when the walk began
+  size_t end_;  // the end of the slots that existed when the walk began
   const bool tellsAll_;
   const uint64_t began_;
   const uint64_t number_;
   uint64_t hooksVersion_;
-  std::vector<Notifiee*> woken_;  // to be told when all others are; null: has left
+  std::vector<Notifiee*> woken_;  // visited after all others; null: has left
   size_t wokenAt_ = 0;
   Notifiee* current_ = nullptr;
-  SnapshotIterator* outer_ = nullptr;  // another that stands on `current_`, further up the stack
-  SnapshotIterator* const outerWalk_;  // of the same list
+  SnapshotIterator* outer_ = nullptr;  // the walk outside this one with the same `current_`
+  SnapshotIterator* const outerWalk_;  // the walk outside this one of the same list
 };
 
 }  // namespace Kiv

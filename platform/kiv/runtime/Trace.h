@@ -1,4 +1,4 @@
-// Tracing: the handlers' decisions in words, switched on level by level.
+// Tracing: the handlers' decisions as text. Each level has a switch.
 #pragma once
 
 #include <array>
@@ -16,15 +16,15 @@ namespace Kiv {
 
 /// The trace statements of one source module, with its switches.
 ///
-/// A statement is written when the facility is enabled and its level is, for all objects or for the
-/// one that traces; see Entity::tracedLevels(). A disabled one costs one test. The switches may be
-/// turned by any thread. A facility lives as long as the process.
+/// A statement is written if the facility is enabled and the level is on, either for all objects or
+/// for the object that traces; see Entity::tracedLevels(). A disabled statement costs one test. Any
+/// thread may change the switches. A facility exists as long as the process.
 class TraceFacility {
  public:
   static constexpr unsigned kLevels = 10;
 
-  /// \param name          under which the facility is known, such as "HostRoute".
-  /// \param sourceModule  the module that its records name, such as "HostRouteSm".
+  /// \param name          the facility's name, such as "HostRoute".
+  /// \param sourceModule  the module's name in its records, such as "HostRouteSm".
   TraceFacility(const char* name, const char* sourceModule);
   TraceFacility(const TraceFacility&) = delete;
   TraceFacility& operator=(const TraceFacility&) = delete;
@@ -44,16 +44,14 @@ class TraceFacility {
   bool isEnabled(unsigned level) const noexcept {
     return (enabledMask_.load(std::memory_order_relaxed) >> level) & 1;
   }
-  /// Tells the facility that the levels of one object's own were `former`, and are `now`; a bit for
-  /// each.
+  /// Informs the facility that the levels of one object were `former` and are `now`, as bits.
   void ownLevelsAre(uint32_t former, uint32_t now) noexcept;
 
-  /// True when a statement of this level builds its message for some object: it is enabled, or
-  /// coverage is on.
+  /// True when a statement of this level may build its message: for some object, or for coverage.
   bool builds(unsigned level) const noexcept {
     return (someBuildMask_.load(std::memory_order_relaxed) >> level) & 1;
   }
-  /// True when it does for `object`, an entity or a reactor.
+  /// True when a statement of this level builds its message for `object`, an entity or a reactor.
   template <class Traced>
   bool builds(unsigned level, const Traced& object) const noexcept {
     return builds(level) && (levelsBuiltFor(object) >> level & 1) != 0;
@@ -73,7 +71,7 @@ class TraceFacility {
   void refresh() noexcept;
   uint32_t levelsBuiltFor(const Entity& object) const noexcept;
   uint32_t levelsBuiltFor(const Notifiee& object) const noexcept;
-  /// The levels of an object's own that are on.
+  /// Those of an object's levels that are on.
   uint32_t ownLevels(uint32_t levels) const noexcept {
     return levels & ownMask_.load(std::memory_order_relaxed);
   }
@@ -82,7 +80,7 @@ class TraceFacility {
   const char* sourceModule_;
   TraceFacility* next_;
   uint32_t levels_ = 0;
-  std::array<uint32_t, kLevels> owners_{};  // how many objects have each level as their own
+  std::array<uint32_t, kLevels> owners_{};  // for each level: the number of objects that have it
   bool enabled_ = true;
   std::atomic<uint32_t> enabledMask_{0};
   std::atomic<uint32_t> ownMask_{0};
@@ -102,7 +100,7 @@ struct TraceRecord {
   int line;
 };
 
-/// Where trace records go, and the helpers of the trace statement.
+/// The sinks of trace records, and the helpers of the trace statement.
 class Tracer {
  public:
   using Sink = std::function<void(const TraceRecord&)>;
@@ -114,7 +112,7 @@ class Tracer {
   /// trace level. An empty function restores the default, which is no sink. Level 0 does not serve
   /// for this, because it has ordinary messages, too.
   static void failureSinkIs(Sink sink);
-  /// Hands a failure of `object` on to that sink.
+  /// Sends a failure of `object` to that sink.
   static void failed(const TraceFacility& facility, const Entity& object, std::string_view function,
                      std::string_view message);
 
@@ -130,13 +128,13 @@ class Tracer {
 /// A record as one line: facility, level, object, function and message.
 std::ostream& operator<<(std::ostream& os, const TraceRecord& record);
 
-/// Hands one statement's message on: to the sink when `enabled`, and to the coverage stream.
+/// Sends one statement's message to the sink if it is `enabled`, and to the coverage stream.
 void traceHelper(const TraceFacility& handle, const Name& objectName, const std::string& message,
                  unsigned level, bool enabled, const char* sourceModule, int line,
                  const char* functionName);
 
-/// An enabled statement while it is made. All of it is out of line, so that a function that traces
-/// keeps a small frame and its own registers.
+/// Builds the message of an enabled statement. Its members are not inline, so that a function that
+/// traces has a small stack frame and can keep its registers.
 class TraceStatement {
  public:
   TraceStatement(const TraceFacility& facility, unsigned level, int line, const char* function);
@@ -144,9 +142,9 @@ class TraceStatement {
   TraceStatement& operator=(const TraceStatement&) = delete;
   ~TraceStatement();
 
-  /// Where the message is built.
+  /// The stream that the message is written to.
   std::ostream& stream() noexcept;
-  /// Hands the message on as one of `object`.
+  /// Sends the message as a record of `object`.
   void trace(const Entity& object) const;
   void trace(const Notifiee& object) const;
 
@@ -162,7 +160,7 @@ class TraceStatement {
 #define KIV_TRACE(facility, level, object, message) \
   KIV_TRACE_AS(facility, level, object, __func__, message)
 
-/// KIV_TRACE in a helper of a handler: the record names the handler, `function`.
+/// KIV_TRACE in a helper of a handler. The record names the handler, which is `function`.
 #define KIV_TRACE_AS(facility, level, object, function, message)                      \
   do {                                                                                \
     ::Kiv::TraceFacility& kivFacility = (facility);                                   \

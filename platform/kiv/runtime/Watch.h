@@ -1,4 +1,4 @@
-// Knowing of each change of a table before anybody is told of it.
+// Watches: functions that are called at each change of a table before the notifiees.
 #pragma once
 
 #include <algorithm>
@@ -13,8 +13,8 @@ template <class Key>
 class WatchList;
 
 /// A function that is called with the key of each entry that a table stores or removes, before the
-/// notifiees are told. It keeps knowledge that is derived from the table up to date, for a notifiee
-/// may already ask for it. It must change nothing that has notifiees.
+/// notifiees are notified. It updates data that is derived from the table and that a notifiee may
+/// read. It must not change an object that has notifiees.
 template <class Key>
 class Watch {
  public:
@@ -25,7 +25,7 @@ class Watch {
   Watch& operator=(const Watch&) = delete;
   ~Watch() { end(); }
 
-  /// Calls `written` from now on, for the changes of the table that has this list.
+  /// Calls `written` for the changes of the table with this list from now on.
   void begin(const WatchList<Key>& list, Written written);
   void end() {
     if (list_ != nullptr) std::erase(list_->watches_, this);
@@ -39,7 +39,7 @@ class Watch {
   Written written_;
 };
 
-/// The watches of one table, which a const one has too.
+/// The watches of one table. A table that is const can be watched, too.
 template <class Key>
 class WatchList {
  public:
@@ -51,9 +51,9 @@ class WatchList {
   }
 
   bool empty() const noexcept { return watches_.empty(); }
-  /// The entry of `key` is stored or removed.
+  /// Called by the table when the entry of `key` was stored or removed.
   void written(const Key& key) const {
-    // A watch may begin meanwhile.
+    // A watch may add another one.
     for (size_t i = 0; i < watches_.size(); ++i) watches_[i]->written_(key);
   }
 
