@@ -32,9 +32,11 @@ class CoverCache {
   bool isValid(uint64_t version) const noexcept {
     return isEnabled(ShortCut::Cover) && isTrusted_ && version_ == version;
   }
-  void coverIs(const Cover<R, Fec>& cover, uint64_t version) {
+  /// \param row  the address of what the root stores for the cover's prefix, or null.
+  void coverIs(const Cover<R, Fec>& cover, uint64_t version, const void* row) {
     cover_ = cover;
     version_ = isTrusted_ ? version : 0;
+    row_ = row;
   }
   /// Whether covers that are stored from now on may be trusted.
   void isTrustedIs(bool isTrusted) noexcept { isTrusted_ = isTrusted; }
@@ -50,6 +52,7 @@ class CoverCache {
   }
   /// Prefetches the entries of `addr` in set and list.
   void prefetch(const Addr& addr) const {
+    Kiv::prefetch(row_);
     Kiv::prefetch(neighborSet_);
     Kiv::prefetch(prefixList_);
     neighbors_.prefetch(addr);
@@ -61,6 +64,7 @@ class CoverCache {
   bool isTrusted_ = false;
   Cover<R, Fec> cover_;
   // Only for prefetching: the objects may be gone, so nothing dereferences the pointers.
+  const void* row_ = nullptr;
   const void* neighborSet_ = nullptr;
   const void* prefixList_ = nullptr;
   typename Kiv::HashMap<Addr, Kiv::Present>::PrefetchHint neighbors_;
@@ -88,7 +92,11 @@ Lack cachedCover(const typename F::RouteSm& sm, const typename F::Prefix& longes
     return Lack::None;
   }
   const Lack lack = find();
-  if (lack == Lack::None) cache->coverIs(cover, coverVersion(state));
+  if (lack == Lack::None) {
+    const auto* root = sm.rootRaw();
+    cache->coverIs(cover, coverVersion(state),
+                   root == nullptr ? nullptr : root->prefixToRouteAddress(cover.route.key));
+  }
   return lack;
 }
 

@@ -104,11 +104,12 @@ void Prefetch<F>::change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor,
   const auto& adjacencies = routes->adjacencies();
   const Prefix host = hostPrefix<F>(ip);
   const bool exists = hostRoute.key == host;
+  const auto* routeTable = sm_.routeStatusRaw();
   if (exists) {
     adjacencies.prefetch(hostRoute.fecId);
-    if (const auto* routeTable = sm_.routeStatusRaw()) {
-      replacedAdjacency(routeTable->peekFecId(host));
-    }
+    if (routeTable != nullptr) replacedAdjacency(routeTable->peekFecId(host));
+  } else if (routeTable != nullptr) {
+    routeTable->prefetch(host, true);
   }
   if (exists == isNeighbor) return;
   // A neighbour is hardly ever reached through more than one interface.

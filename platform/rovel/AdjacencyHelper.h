@@ -76,7 +76,7 @@ class BasicAdjacencyHelper : public Kiv::NamedEntity {
   /// Prefetches the memory that a new FIB adjacency of `vias` needs.
   void prefetchNew(const ViaSet& vias) const {
     fibAdjacencies_.prefetch(vias);
-    if (fwdStatus_) fwdStatus_->prefetch(space_ | fibAdjacencies_.next());
+    if (fwdStatus_) fwdStatus_->prefetch(space_ | fibAdjacencies_.next(), true);
   }
   /// Prefetches for the removal of the last user of the FIB adjacency of `vias`.
   void prefetchLast(const ViaSet& vias) const { fibAdjacencies_.prefetch(vias); }

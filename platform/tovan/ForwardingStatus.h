@@ -60,7 +60,8 @@ class BasicForwardingStatus final : public Kiv::NamedEntity {
   Fec fec(const FecId& id) const;
 
   /// Prefetches the memory of a FEC before it is read, stored or removed.
-  void prefetch(const FecId& id) const { fecs_.prefetch(id); }
+  /// \param isNew  as for TovanMap::prefetch().
+  void prefetch(const FecId& id, bool isNew = false) const { fecs_.prefetch(id, isNew); }
 
   /// Stores a FEC under its id; announces it if it is new or differs.
   /// \throws Kiv::RangeException when the id is 0 or a FIB adjacency's; NoSpaceException.

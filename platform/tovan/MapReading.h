@@ -304,7 +304,7 @@ auto TovanMap<Key, Value>::version(const Key& key) const -> std::optional<Versio
 }
 
 template <class Key, class Value>
-void TovanMap<Key, Value>::prefetch(const Key& key) const {
+void TovanMap<Key, Value>::prefetch(const Key& key, bool isNew) const {
   if (isReadOnly()) return;
   const uint64_t hash = hashOf(pack(key));
   const PageRef ref(directory(hash, depth_).load(std::memory_order_relaxed));
@@ -313,7 +313,7 @@ void TovanMap<Key, Value>::prefetch(const Key& key) const {
   const Slot* first = &in.slots[home(hash)];
   Kiv::prefetch(first);
   Kiv::prefetch(first + 1);
-  Kiv::prefetch(&in);  // absence is checked with the head
+  if (isNew) Kiv::prefetch(&in);
 }
 
 template <class Key, class Value>

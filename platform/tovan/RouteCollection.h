@@ -54,6 +54,8 @@ class RouteCollection {
       return record == nullptr ? std::nullopt : std::optional(record->withKey(prefix));
     }
     auto prefetch(const Prefix& prefix) const { return records_.prefetch(prefix); }
+    /// The address of the record of `prefix`, or null. Only for a prefetch: it may be outdated.
+    const void* address(const Prefix& prefix) const { return records_.find(prefix); }
     std::vector<Prefix> keys() const { return records_.keys(); }
     Iterator iterator() const { return iteratorConst(); }
     IteratorConst iteratorConst() const { return IteratorConst(records_.iteratorConst()); }
@@ -98,4 +100,7 @@ class RouteCollection {
   KIV_KEYED_DELETIONS(attr, Attr, decltype(Route::key))                            \
   void attr##Is(const Route& route) {                                              \
     attr##_.set(*this, route);                                                     \
+  }                                                                                \
+  const void* attr##Address(const decltype(Route::key)& prefix) const {            \
+    return attr##_.map().address(prefix);                                          \
   }

@@ -83,8 +83,9 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
     return record ? record->withKey(prefix) : noRoute<Route>(prefix);
   }
   /// Prefetches the memory that route() reads.
-  void prefetch(const Prefix& prefix) const { map_.prefetch(prefix); }
-  /// The FEC of the route, or invalidFecId. Not checked: good for a prefetch, and no more.
+  /// \param isNew  as for TovanMap::prefetch().
+  void prefetch(const Prefix& prefix, bool isNew = false) const { map_.prefetch(prefix, isNew); }
+  /// The FEC of the route, or invalidFecId; unchecked, so only for a prefetch.
   Fib::FecId peekFecId(const Prefix& prefix) const {
     const auto record = map_.peek(prefix);
     return record ? record->withKey(prefix).fecId : Fib::invalidFecId;

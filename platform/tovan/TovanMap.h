@@ -62,10 +62,13 @@ class TovanMap : public Table, private MapLayout<Key, Value> {
   /// \throws CorruptionDetectedException; on a reader BusyException.
   std::optional<Value> get(const Key& key) const;
 
-  /// Prefetches the memory that get() reads. Useful to the writer only.
-  void prefetch(const Key& key) const;
-  /// The value that the memory has for `key`, without a check: good for a prefetch, and no more.
-  /// Nothing if there is none, and on a reader.
+  /// Prefetches the memory that get() is going to read; useful to the writer only.
+  ///
+  /// \param isNew  whether the key is probably absent. Absence is checked with the page's head,
+  /// too.
+  void prefetch(const Key& key, bool isNew = false) const;
+  /// The value in the memory of `key`, unchecked: only for a prefetch. Nothing if there is no such
+  /// entry, and on a reader.
   std::optional<Value> peek(const Key& key) const;
 
   /// Stores `value` under `key`. Returns whether the key is new.
