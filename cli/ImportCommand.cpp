@@ -47,8 +47,8 @@ struct ImportOptions {
 };
 
 constexpr const char* kImportDescription =
-    R"(Converts the output of `ip -j` of a Linux machine into a replay on standard output.
-Without an option it runs `ip` in the present network namespace.)";
+    R"(Converts the output of `ip -j` into a replay on standard output. Without an option it runs
+`ip` in the present network namespace.)";
 
 constexpr const char* kImportFooter = R"(Imported:
   - Interfaces with a layer 3. Ports of a bridge or a bond have none. An interface is in the VRF of

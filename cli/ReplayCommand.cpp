@@ -27,8 +27,8 @@ namespace Cli {
 namespace {
 
 constexpr const char* kReplayDescription =
-    R"(Feeds a switch's recorded inputs to the host-route state machines and prints the resulting
-state: at each `dump` of the input, and completely at its end.)";
+    R"(Replays the recorded inputs of a switch and prints the resulting state: at each `dump` of the
+input, and completely at its end.)";
 
 constexpr const char* kReplayFooter =
     R"(The input is one JSON object on each line; an example is examples/leaf.jsonl.

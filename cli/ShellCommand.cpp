@@ -30,8 +30,8 @@ namespace Cli {
 namespace {
 
 constexpr const char* kShellDescription =
-    R"(Feeds a switch's recorded inputs to the host-route state machines and then executes commands.
-The commands read and change entities, attributes and methods by their names.)";
+    R"(Replays the recorded inputs of a switch and then executes commands. The commands read and
+change entities, attributes and methods by their names.)";
 
 constexpr const char* kShellFooter =
     R"(On a terminal, lines can be edited, recalled, and completed with the tab key. Ctrl-C drops a

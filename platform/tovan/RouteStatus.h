@@ -74,7 +74,7 @@ class BasicRouteStatus final : public Kiv::NamedEntity {
       : NamedEntity(Kiv::Name(name)),
         map_({.access = access, .name = name + kSuffix, .layout = kLayout}) {}
 
-  /// The route with exactly this prefix, or noRoute(prefix). The null prefix never has a route.
+  /// The route with exactly this prefix, or noRoute(prefix). Finds nothing under the null prefix.
   /// \throws CorruptionDetectedException.
   Route route(const Prefix& prefix) const {
     if (isNull(prefix)) [[unlikely]]
