@@ -2,12 +2,14 @@
 #include "cli/Doctor.h"
 
 #include <linux/rtnetlink.h>
+#include <regex.h>
 
 #include <algorithm>
 #include <charconv>
 #include <fstream>
+#include <iterator>
 #include <map>
-#include <regex>
+#include <new>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -36,8 +38,17 @@ std::string withoutComments(const std::string& text, std::string_view signs) {
   return result;
 }
 
-bool matches(const std::string& text, const std::string& pattern) {
-  return std::regex_search(text, std::regex(pattern, std::regex::multiline));
+/// Looks for an extended regular expression, as the C library has it, in a text. \returns the text
+/// of the expression's first group, "" if it has no group, none if the text does not match.
+std::optional<std::string> match(const std::string& text, const std::string& pattern) {
+  ::regex_t regex;
+  if (::regcomp(&regex, pattern.c_str(), REG_EXTENDED | REG_NEWLINE) != 0) throw std::bad_alloc();
+  ::regmatch_t found[2] = {};
+  const bool isMatch = ::regexec(&regex, text.c_str(), std::size(found), found, 0) == 0;
+  ::regfree(&regex);
+  if (!isMatch) return std::nullopt;
+  const auto [begin, end] = found[1];
+  return begin < 0 ? "" : text.substr(static_cast<size_t>(begin), static_cast<size_t>(end - begin));
 }
 
 std::string joined(const std::vector<std::string>& names) {
@@ -332,11 +343,11 @@ class Examination {
     const auto config = withoutComments(*text, "!#");
     const auto table = std::to_string(machine_.table4);
     if (machine_.table4 != 0 && machine_.table4 != RT_TABLE_MAIN) {
-      if (!matches(config, "^[ \\t]*ip import-table " + table + "\\b")) {
+      if (!match(config, "^[ \t]*ip import-table " + table + "\\b")) {
         add(Weight::Error, "FRR", "FRR does not import table " + table + ": no host is advertised",
             "vtysh -c 'configure' -c 'ip import-table " + table + "' -c 'end' -c 'write'");
       }
-      if (!matches(config, "^[ \\t]*redistribute table " + table + "\\b")) {
+      if (!match(config, "^[ \t]*redistribute table " + table + "\\b")) {
         add(Weight::Warning, "FRR",
             "no routing protocol of FRR redistributes table " + table + " (IPv4 hosts)",
             "in the router's configuration: redistribute table " + table);
@@ -348,7 +359,7 @@ class Examination {
           "FRR imports no IPv6 table but main, and IPv6 hosts are written to table " +
               std::to_string(machine_.table6),
           "export.table6 = 254 in hostrouted.toml, and redistribute kernel in FRR");
-    } else if (!matches(config, "^[ \\t]*redistribute kernel\\b")) {
+    } else if (!match(config, "^[ \t]*redistribute kernel\\b")) {
       add(Weight::Warning, "FRR",
           "FRR does not redistribute the kernel's routes: no IPv6 host is advertised",
           "in the router's IPv6 configuration: redistribute kernel route-map HOSTS");
@@ -365,22 +376,21 @@ class Examination {
          {std::pair{"IPv4", machine_.table4}, std::pair{"IPv6", machine_.table6}}) {
       if (table == 0 || table == RT_TABLE_MAIN) continue;
       const auto number = std::to_string(table);
-      if (!matches(config, "\\bkernel\\s+table\\s+" + number + "\\s*;")) {
+      if (!match(config, "\\bkernel\\s+table\\s+" + number + "\\s*;")) {
         add(Weight::Error, "BIRD",
             "BIRD does not read table " + number + ": no " + name + " host is advertised",
             "in bird.conf: protocol kernel { kernel table " + number + "; learn; ... }");
       }
     }
-    if (!matches(config, "\\blearn\\s*(all|yes|on)?\\s*;")) {
+    if (!match(config, "\\blearn\\s*(all|yes|on)?\\s*;")) {
       add(Weight::Error, "BIRD",
           "no kernel protocol of BIRD learns routes of others: no host is advertised",
           "in bird.conf, in the protocol kernel of the table: learn;");
     }
-    std::smatch source;
-    if (std::regex_search(config, source, std::regex("krt_source\\s*=\\s*([0-9]+)")) &&
-        source[1] != std::to_string(machine_.protocol)) {
+    const auto source = match(config, "krt_source\\s*=\\s*([0-9]+)");
+    if (source && *source != std::to_string(machine_.protocol)) {
       add(Weight::Error, "BIRD",
-          "BIRD takes routes of protocol " + source[1].str() + ", and hostrouted writes " +
+          "BIRD takes routes of protocol " + *source + ", and hostrouted writes " +
               std::to_string(machine_.protocol),
           "in bird.conf: import where krt_source = " + std::to_string(machine_.protocol) + ";");
     }

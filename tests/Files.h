@@ -7,14 +7,16 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 
 /// The contents of a file. The test fails if the file cannot be read.
 inline std::string contents(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
   EXPECT_TRUE(file) << path;
-  return std::string(std::istreambuf_iterator<char>(file), {});
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
 }
 
 /// The output of a command and its exit status, which is -1 if it did not end by itself.

@@ -15,6 +15,7 @@
 #include "replay/Event.h"
 #include "replay/Output.h"
 #include "replay/Player.h"
+#include "tests/Paths.h"
 #include "tests/replay/JsonLines.h"
 
 namespace Cli {
@@ -130,7 +131,7 @@ json mapped(const Anonymizer& anonymizer, const json& value, const std::string& 
 }
 
 TEST(AnonymizerTest, AnAnonymousRecordingEndsInTheSameTables) {
-  std::ifstream in(SOURCE_DIR "/examples/leaf.jsonl");
+  std::ifstream in(sourcePath("examples/leaf.jsonl"));
   Anonymizer anonymizer(Anonymizer::keyOf("another"));
   std::vector<std::string> lines;
   for (std::string line; std::getline(in, line);) {

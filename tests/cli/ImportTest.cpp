@@ -13,6 +13,7 @@
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "tests/Files.h"
+#include "tests/Paths.h"
 
 namespace Cli {
 namespace {
@@ -61,7 +62,7 @@ Imported importRoutes(const std::string& route4, const std::string& route6 = "[]
 }
 
 TEST(ImportTest, TheExampleGivesItsReplay) {
-  const auto examples = std::filesystem::path(SOURCE_DIR) / "examples";
+  const auto examples = std::filesystem::path(sourcePath("examples"));
   std::map<std::string, std::string> documents;
   for (const char* name : {"link", "addr", "neigh", "route4", "route6", "nexthop"}) {
     documents[name] = contents(examples / "leaf" / (std::string(name) + ".json"));

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "tests/Files.h"
+#include "tests/Paths.h"
 #include "tests/hostcore/World.h"
 
 namespace {
@@ -166,11 +167,11 @@ std::string recordAllEvents() {
 }
 
 TEST(TraceTest, TheIpv4HandlersTraceTheirSteps) {
-  EXPECT_EQ(recordAllEvents<Daemon::Ipv4>(), contents(SOURCE_DIR "/tests/hostcore/traces4.txt"));
+  EXPECT_EQ(recordAllEvents<Daemon::Ipv4>(), contents(sourcePath("tests/hostcore/traces4.txt")));
 }
 
 TEST(TraceTest, TheIpv6HandlersTraceTheirSteps) {
-  EXPECT_EQ(recordAllEvents<Daemon::Ipv6>(), contents(SOURCE_DIR "/tests/hostcore/traces6.txt"));
+  EXPECT_EQ(recordAllEvents<Daemon::Ipv6>(), contents(sourcePath("tests/hostcore/traces6.txt")));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "tests/Files.h"
+#include "tests/Paths.h"
 
 namespace Hostrouted {
 namespace {
@@ -21,7 +22,7 @@ std::string refusal(const std::string& text) {
 
 TEST(ConfigTest, TheExampleHasTheDefaults) {
   const auto example =
-      Config::parse(contents(SOURCE_DIR "/hostrouted/hostrouted.toml"), "hostrouted.toml");
+      Config::parse(contents(sourcePath("hostrouted/hostrouted.toml")), "hostrouted.toml");
   const Config defaults;
   EXPECT_EQ(example.feed, defaults.feed);
   EXPECT_EQ(example.kernelRoutes, defaults.kernelRoutes);

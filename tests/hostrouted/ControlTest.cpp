@@ -19,6 +19,7 @@
 #include "replay/Output.h"
 #include "replay/Player.h"
 #include "tests/Files.h"
+#include "tests/Paths.h"
 #include "tests/hostrouted/RouterWorld.h"
 #include "tests/kiv/SmallFiles.h"
 #include "tests/replay/JsonLines.h"
@@ -141,7 +142,7 @@ TEST_F(ControlTest, CountersCountEvents) {
   EXPECT_EQ(value("neighbors", {{"verdict", "interface not selected"}}), 1);
   EXPECT_EQ(value("ready", json::object()), 1);
 
-  const std::string manual = contents(SOURCE_DIR "/cli/hostroute.1");
+  const std::string manual = contents(sourcePath("cli/hostroute.1"));
   for (const auto& family : metrics) {
     const auto name = family["name"].get<std::string>().substr(std::strlen("hostroute_"));
     EXPECT_NE(manual.find("\n.B " + name), std::string::npos) << name << " is not in the manual";

@@ -16,6 +16,7 @@
 #include <set>
 
 #include "tests/Files.h"
+#include "tests/Paths.h"
 #include "tests/linux/MirrorText.h"
 
 namespace Linux {
@@ -30,7 +31,7 @@ Bytes bytesOf(const void* data, size_t size) {
 
 /// The messages of a capture.
 std::vector<Bytes> captured(const std::string& name) {
-  const std::string text = contents(SOURCE_DIR "/tests/linux/captures/" + name + ".nl");
+  const std::string text = contents(sourcePath("tests/linux/captures/" + name + ".nl"));
   std::vector<Bytes> messages;
   forEachMessage(std::as_bytes(std::span(text)),
                  [&](const nlmsghdr&, std::span<const std::byte> m) {
@@ -122,13 +123,13 @@ Head headOf(uint8_t family) {
   return head;
 }
 
-Made link(int index, std::string_view name) {
+Made linkMessage(int index, std::string_view name) {
   auto head = headOf<ifinfomsg>(AF_UNSPEC);
   head.ifi_index = index;
   return Made(RTM_NEWLINK, head).add(IFLA_IFNAME, std::string(name) + '\0');
 }
 
-Made route(uint8_t family = AF_INET, uint8_t length = 24) {
+Made routeMessage(uint8_t family = AF_INET, uint8_t length = 24) {
   rtmsg head{};
   head.rtm_family = family;
   head.rtm_dst_len = length;
@@ -274,7 +275,7 @@ TEST(Messages, RepeatedAttributesChangeNothing) {
       EXPECT_EQ(readMessage(sized(doubled)), readMessage(message));
     }
   }
-  const auto twice = route().add(RTA_DST, kGateway6, 4).add(RTA_DST, kNet, 4);
+  const auto twice = routeMessage().add(RTA_DST, kGateway6, 4).add(RTA_DST, kNet, 4);
   EXPECT_EQ(toString(read<Route>(twice).prefix), "10.9.0.0/24") << "the last one counts";
 }
 
@@ -303,14 +304,14 @@ TEST(Messages, MessagesWithoutOneAttributeAreReadOrRefused) {
 
 // The kernel of the captures has no VRF and no VLAN interfaces.
 TEST(Messages, ReadsVrfsAndVlans) {
-  const Link vrf = read<Link>(link(9, "red").nest(IFLA_LINKINFO, [](Made& info) {
+  const Link vrf = read<Link>(linkMessage(9, "red").nest(IFLA_LINKINFO, [](Made& info) {
     info.add(IFLA_INFO_KIND, "vrf");
     info.nest(IFLA_INFO_DATA, [](Made& data) { data.add(IFLA_VRF_TABLE, uint32_t{1001}); });
   }));
   EXPECT_EQ(vrf.kind, "vrf");
   EXPECT_EQ(vrf.vrfTable, 1001U);
   const auto vlanMessage =
-      link(10, "e1.7")
+      linkMessage(10, "e1.7")
           .add(IFLA_LINK, uint32_t{3})
           .add(IFLA_MASTER, uint32_t{9})
           .nest(IFLA_LINKINFO | NLA_F_NESTED, [](Made& info) {
@@ -336,18 +337,19 @@ TEST(Messages, ErrorsNameMissingAndWronglySizedAttributes) {
     }
     return "";
   };
-  EXPECT_EQ(error(route().add(RTA_DST, kNet, 3)),
+  EXPECT_EQ(error(routeMessage().add(RTA_DST, kNet, 3)),
             "RTM_NEWROUTE: attribute 1 has 3 bytes instead of 4");
-  EXPECT_EQ(error(route().add(RTA_DST, kNet, 4).add(RTA_OIF, uint16_t{1})),
+  EXPECT_EQ(error(routeMessage().add(RTA_DST, kNet, 4).add(RTA_OIF, uint16_t{1})),
             "RTM_NEWROUTE: attribute 4 has 2 bytes instead of 4");
-  EXPECT_EQ(error(route()), "RTM_NEWROUTE: no destination");
-  EXPECT_EQ(error(route(AF_INET, 33)), "RTM_NEWROUTE: too great a prefix length");
-  EXPECT_EQ(error(route().add(RTA_DST, kNet, 4).add(RTA_MULTIPATH, uint32_t{0})),
+  EXPECT_EQ(error(routeMessage()), "RTM_NEWROUTE: no destination");
+  EXPECT_EQ(error(routeMessage(AF_INET, 33)), "RTM_NEWROUTE: too great a prefix length");
+  EXPECT_EQ(error(routeMessage().add(RTA_DST, kNet, 4).add(RTA_MULTIPATH, uint32_t{0})),
             "RTM_NEWROUTE: RTA_MULTIPATH is cut short");
-  EXPECT_EQ(error(route().add(RTA_DST, kNet, 4).add(RTA_VIA, uint32_t{AF_INET6})),
+  EXPECT_EQ(error(routeMessage().add(RTA_DST, kNet, 4).add(RTA_VIA, uint32_t{AF_INET6})),
             "RTM_NEWROUTE: RTA_VIA has an address of 2 bytes");
-  EXPECT_EQ(error(link(1, "sixteen-bytes-xx")), "RTM_NEWLINK: an interface name of 16 bytes");
-  EXPECT_EQ(error(link(1, "")), "RTM_NEWLINK: an interface name of 0 bytes");
+  EXPECT_EQ(error(linkMessage(1, "sixteen-bytes-xx")),
+            "RTM_NEWLINK: an interface name of 16 bytes");
+  EXPECT_EQ(error(linkMessage(1, "")), "RTM_NEWLINK: an interface name of 0 bytes");
   EXPECT_EQ(error(Made(RTM_NEWADDR, headOf<ifaddrmsg>(AF_INET))), "RTM_NEWADDR: no address");
   EXPECT_EQ(error(Made(RTM_DELNEIGH, headOf<ndmsg>(AF_INET6)).add(NDA_DST, kNet, 4)),
             "RTM_DELNEIGH: attribute 1 has 4 bytes instead of 16");
@@ -368,7 +370,7 @@ TEST(Messages, IrrelevantMessagesAreIgnored) {
 }
 
 TEST(Messages, ReadsTheRelevantHeaderFields) {
-  const auto message = route().add(RTA_DST, kNet, 4).add(RTA_OIF, uint32_t{3});
+  const auto message = routeMessage().add(RTA_DST, kNet, 4).add(RTA_OIF, uint32_t{3});
   const Change change = readMessage(message).value();
   EXPECT_TRUE(change.present && change.replaces && change.appends);
   EXPECT_EQ(change.sender, 7U);
@@ -381,12 +383,12 @@ TEST(Messages, ReadsTheRelevantHeaderFields) {
 
 TEST(Messages, ReadsTunnelledNextHops) {
   const auto encap = uint16_t{LWTUNNEL_ENCAP_MPLS};
-  const auto tunnelled = route().add(RTA_DST, kNet, 4).add(RTA_OIF, uint32_t{3});
+  const auto tunnelled = routeMessage().add(RTA_DST, kNet, 4).add(RTA_OIF, uint32_t{3});
   EXPECT_TRUE(read<Route>(Made(tunnelled).add(RTA_ENCAP_TYPE, encap)).hops.at(0).isTunnelled);
   EXPECT_TRUE(read<Route>(Made(tunnelled).add(RTA_NEWDST, kNet, 4)).hops.at(0).isTunnelled);
   EXPECT_FALSE(read<Route>(tunnelled).hops.at(0).isTunnelled);
   // One of two hops, with a weight and a flag.
-  const Route both = read<Route>(route(AF_INET6, 0).nest(RTA_MULTIPATH, [&](Made& hops) {
+  const Route both = read<Route>(routeMessage(AF_INET6, 0).nest(RTA_MULTIPATH, [&](Made& hops) {
     hops.hop({.rtnh_len = 0, .rtnh_flags = RTNH_F_LINKDOWN, .rtnh_hops = 254, .rtnh_ifindex = 3},
              [&](Made& hop) { hop.add(RTA_ENCAP_TYPE, encap); });
     hops.hop({.rtnh_len = 0, .rtnh_flags = 0, .rtnh_hops = 0, .rtnh_ifindex = 4},

@@ -33,7 +33,7 @@ const std::vector<std::string> kMacs = {"00:00:00:00:00:01", "00:00:00:00:00:02"
 }  // namespace
 
 const Generator::Universe& Generator::universe() {
-  static const Universe kIpv4{
+  static const Universe kUniverse4{
       .family = 4,
       .prefixes = {"0.0.0.0/0", "10.0.0.0/8", "10.1.0.0/16", "10.1.1.0/24", "10.1.1.0/24",
                    "10.1.1.0/30", "10.1.1.2/31", "10.1.1.1/32", "10.1.1.2/32", "10.1.1.9/32",
@@ -47,7 +47,7 @@ const Generator::Universe& Generator::universe() {
       .gateways = {"10.1.1.9", "10.9.9.9"},
       .routeTypes = {"connected_", "connected_", "staticConfig_", "attached_", "receive_",
                      "receiveBcast_", "ibgp_", "ebgp_", "bgpAggregate_"}};
-  static const Universe kIpv6{
+  static const Universe kUniverse6{
       .family = 6,
       .prefixes = {"::/0", "2001:db8::/32", "2001:db8:1::/48", "2001:db8:1:1::/64",
                    "2001:db8:1:1::/64", "2001:db8:1:1::/126", "2001:db8:1:1::1/128",
@@ -61,8 +61,8 @@ const Generator::Universe& Generator::universe() {
       .gateways = {"2001:db8:1:1::9", "2001:db8:9::9"},
       .routeTypes = {"connected_", "connected_", "staticConfig_", "attached_", "receive_", "bgp_",
                      "bgpAggregate_"}};
-  if (weights_.ipv4 && weights_.ipv6) return chance(60) ? kIpv4 : kIpv6;
-  return weights_.ipv4 ? kIpv4 : kIpv6;
+  if (weights_.ipv4 && weights_.ipv6) return chance(60) ? kUniverse4 : kUniverse6;
+  return weights_.ipv4 ? kUniverse4 : kUniverse6;
 }
 
 Generator::Generator(uint64_t seed, const Weights& weights) : random_(seed), weights_(weights) {

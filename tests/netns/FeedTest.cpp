@@ -9,6 +9,7 @@
 #include "linux/Netlink.h"
 #include "replay/Recording.h"
 #include "tests/Files.h"
+#include "tests/Paths.h"
 #include "tests/netns/Namespace.h"
 
 namespace Linux {
@@ -77,7 +78,7 @@ link set br0 up
 )");
   Namespace::awaitCarrier("swp1");
   Namespace::awaitCarrier("br0");
-  inside.ip(contents(SOURCE_DIR "/tests/netns/feed.ip"));
+  inside.ip(contents(sourcePath("tests/netns/feed.ip")));
 
   // The kernel still changes its state for a while: it detects down peers, and adds addresses and
   // routes. The two outputs are comparable only if there was no change in between.

@@ -18,6 +18,7 @@
 #include "linux/Mirror.h"
 #include "linux/Netlink.h"
 #include "tests/Files.h"
+#include "tests/Paths.h"
 #include "tests/linux/MirrorText.h"
 #include "tests/netns/Namespace.h"
 
@@ -99,7 +100,7 @@ void addPorts(const Namespace& space) {
 
 /// A file of commands of `ip` in this folder, in parts that begin with a line "# TITLE".
 std::vector<std::string> partsOf(const char* name) {
-  std::istringstream in(contents(SOURCE_DIR + std::string("/tests/netns/") + name));
+  std::istringstream in(contents(sourcePath(std::string("tests/netns/") + name)));
   std::vector<std::string> parts;
   for (std::string line; std::getline(in, line);) {
     if (line.starts_with("# ") || parts.empty()) parts.emplace_back();
@@ -127,7 +128,7 @@ TEST(MirrorNetns, FollowsRandomCommands) {
   const Namespace space;
   addPorts(space);
   Kept kept;
-  std::istringstream in(contents(SOURCE_DIR "/tests/netns/mirror-commands.ip"));
+  std::istringstream in(contents(sourcePath("tests/netns/mirror-commands.ip")));
   std::vector<std::string> all;
   for (std::string line; std::getline(in, line);) {
     if (!line.starts_with("#")) all.push_back(line + '\n');

@@ -6,6 +6,7 @@
 #include "daemon/Switch.h"
 #include "platform/kiv/reflection/EntityDirectory.h"
 #include "tests/Files.h"
+#include "tests/Paths.h"
 #include "tests/typeinfo/Refusal.h"
 #include "typeinfo/HostRoute6Sm.h"
 #include "typeinfo/HostRouteSm.h"
@@ -47,7 +48,7 @@ TEST(TypesTest, AreRegisteredInOrderWithTheirRows) {
     }
     for (const auto& attribute : type->attributes()) os << shown(attribute) << '\n';
   }
-  EXPECT_EQ(os.str(), contents(SOURCE_DIR "/tests/typeinfo/types.txt"));
+  EXPECT_EQ(os.str(), contents(sourcePath("tests/typeinfo/types.txt")));
   EXPECT_EQ(Kiv::TypeRegistry::find("Routing6::Host::RouteSm"),
             &Routing6::Host::RouteSm::_fwkType());
 }

@@ -125,12 +125,12 @@ uint64_t Model::load(const void* at, uint64_t stands, std::memory_order order, c
       return i == 0 ? place->before : log_[stores[i - 1]].value;
     };
     // Of the older stores of one value, only the oldest is chosen: it restricts later loads least.
-    std::vector<size_t> ways{usual};
+    ways_.assign(1, usual);
     for (size_t i = oldest; i <= stores.size(); ++i) {
       const bool isRepeated = i != oldest && i < usual && valueOf(i) == valueOf(i - 1);
-      if (i != usual && !isRepeated) ways.push_back(i);
+      if (i != usual && !isRepeated) ways_.push_back(i);
     }
-    taken = ways[choose(ways.size())];
+    taken = ways_[choose(ways_.size())];
     if (taken != usual) {
       --left_;
       const bool isOlder = taken < usual;

@@ -135,6 +135,7 @@ class Model {
   Parts blocks_;  // of 4096 bytes
   std::vector<Choice> choices_;
   size_t nextChoice_ = 0;
+  std::vector<size_t> ways_;  // the stores that a load may read; kept, because it runs often
   size_t runs_ = 0;
   Site weakened_;
   std::set<Site> sites_;
