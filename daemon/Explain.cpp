@@ -527,7 +527,7 @@ class Explainer {
   /// An interface of a directly connected via of the route whose neighbours get host routes.
   static std::string directIntfOf(const Neighbor& cover) {
     for (const auto& via : cover.coverVias) {
-      if (via.hop.isZero() && !HostCore::isManagementPort(via.intf)) {
+      if (via.hop.isZero() && !via.intf.isManagementPort()) {
         return std::string(via.intf.name().view());
       }
     }

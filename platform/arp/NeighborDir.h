@@ -33,9 +33,12 @@ class ArpIntfStatus final : public Kiv::Entity {
     }
   };
 
-  explicit ArpIntfStatus(Zemit::IntfId intfId) : intfId_(intfId) {}
+  explicit ArpIntfStatus(Zemit::IntfId intfId)
+      : intfId_(intfId), isOfManagementPort_(intfId.isManagementPort()) {}
 
   Zemit::IntfId intfId() const noexcept { return intfId_; }
+  /// As IntfId::isManagementPort(), without reading the name.
+  bool isOfManagementPort() const noexcept { return isOfManagementPort_; }
   Kiv::Name name() const override { return intfId_.name(); }
 
   /// The IPv4 neighbours.
@@ -66,6 +69,7 @@ class ArpIntfStatus final : public Kiv::Entity {
 
  private:
   Zemit::IntfId intfId_;
+  bool isOfManagementPort_;
 };
 
 /// The neighbour tables by interface name.

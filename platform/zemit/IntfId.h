@@ -38,6 +38,9 @@ class IntfId {
     return chunks_[chunk].load(std::memory_order_acquire)[at];
   }
 
+  /// Whether the interface is a management port, by its name.
+  bool isManagementPort() const { return name().view().starts_with("Management"); }
+
   uint32_t hash() const { return Kiv::hashWord(value_); }
 
   friend constexpr auto operator<=>(const IntfId&, const IntfId&) = default;
