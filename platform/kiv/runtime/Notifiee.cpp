@@ -23,6 +23,9 @@ std::atomic<uint64_t> lastTimeGiven = 0;
 
 }  // namespace
 
+constinit std::atomic<size_t> NotifierHook::optionalNeeded_ = 0;
+constinit std::atomic<uint64_t> NotifierHook::version_ = 0;
+
 Notifiee::~Notifiee() {
   for (auto* walk = walk_; walk != nullptr; walk = walk->outer_) walk->current_ = nullptr;
   notifierEntityIs(nullptr);

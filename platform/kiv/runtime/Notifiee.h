@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/kiv/containers/Export.h"
 #include "platform/kiv/containers/Ptr.h"
 #include "platform/kiv/containers/SmallVector.h"
 #include "platform/kiv/runtime/Activity.h"
@@ -212,8 +211,8 @@ class NotifierHook {
 
  private:
   // For the whole process, so that an announcement need not read the hooks of its notifier.
-  KIV_EXPORT static inline constinit std::atomic<size_t> optionalNeeded_{0};
-  KIV_EXPORT static inline constinit std::atomic<uint64_t> version_{0};
+  static std::atomic<size_t> optionalNeeded_;
+  static std::atomic<uint64_t> version_;
 
   const bool isOptional_;
   bool isNeeded_ = false;
