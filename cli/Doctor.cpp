@@ -44,7 +44,8 @@ std::optional<std::string> match(const std::string& text, const std::string& pat
   ::regex_t regex;
   if (::regcomp(&regex, pattern.c_str(), REG_EXTENDED | REG_NEWLINE) != 0) throw std::bad_alloc();
   ::regmatch_t found[2] = {};
-  const bool isMatch = ::regexec(&regex, text.c_str(), std::size(found), found, 0) == 0;
+  found[0].rm_eo = static_cast<regoff_t>(text.size());  // a null byte does not end the text
+  const bool isMatch = ::regexec(&regex, text.data(), std::size(found), found, REG_STARTEND) == 0;
   ::regfree(&regex);
   if (!isMatch) return std::nullopt;
   const auto [begin, end] = found[1];
