@@ -7,7 +7,7 @@
 
 namespace HostCore {
 
-/// Prefetches memory. Reads only memory that a step would read, too, and changes nothing.
+/// Prefetches memory. Reads only memory that a step may read, too, and changes nothing.
 template <Family F>
 class Prefetch {
  public:
