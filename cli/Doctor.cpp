@@ -255,7 +255,7 @@ class Examination {
     const auto protocol = std::to_string(machine_.protocol);
     for (const auto& [table, count] : elsewhere) {
       add(Weight::Error, "protocol",
-          "somebody else writes routes of protocol " + protocol + ": " + std::to_string(count) +
+          "another program writes routes of protocol " + protocol + ": " + std::to_string(count) +
               " in table " + std::to_string(table) + " that are not hostrouted's",
           "give hostrouted a protocol number of its own (export.protocol), or delete them: "
           "ip route flush table " +
@@ -265,7 +265,7 @@ class Examination {
       add(Weight::Warning, "tables",
           "table " + std::to_string(key.first) + " holds " + std::to_string(count) +
               " routes of protocol " + std::to_string(key.second) +
-              " beside hostrouted's: who imports the table takes them for hosts",
+              " beside hostrouted's: a routing daemon that imports the table takes them for hosts",
           "give hostrouted a table of its own (export.table, export.table6)");
     }
     for (const auto& link : machine_.links) {

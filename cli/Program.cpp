@@ -27,10 +27,10 @@ namespace Cli {
 namespace {
 
 constexpr const char* kProgramFooter = R"(Start with one of these:
-  hostroute status                          how the running hostrouted is
+  hostroute status                          the state of the running hostrouted
   hostroute explain 10.0.0.5                why an address has, or has not, a host route
   hostroute import | hostroute replay -     the host routes of this machine without a hostrouted
-  hostroute replay examples/leaf.jsonl      those of a recorded switch
+  hostroute replay examples/leaf.jsonl      the host routes of a recorded switch
   hostroute COMMAND --help                  the options of a command, with examples
 
 Exit status: 0 done; 1 the engine, a table or the output failed; 2 the command line is malformed, or
@@ -115,7 +115,7 @@ int runCommand(CLI::App& app, int argc, char** argv) {
 }  // namespace
 
 int runProgram(int argc, char** argv, const std::string& version) {
-  CLI::App app("Host routes of a switch: what they are, and why");
+  CLI::App app("Shows and explains the host routes of a switch");
   try {
     app.formatter(std::make_shared<HelpFormatter>());
     app.require_subcommand(1);
