@@ -132,6 +132,8 @@ template <class R, class Fec>
 struct Cover {
   R route{.key = decltype(R::key)::null()};
   Fec fec;
+
+  friend bool operator==(const Cover&, const Cover&) = default;
 };
 template <class F>
 using CoverOf = Cover<typename F::Route, typename F::ForwardingStatus::Fec>;

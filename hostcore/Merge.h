@@ -159,7 +159,9 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   file<F>(sm_, root_, fibRoute.fecId, fibRoute.key, neighbors.get());
   const Route existing = table->route(host);
   const bool exists = existing.key == host;
-  if (exists && table->adjIndexToViaSet(existing.fecId) == vias) return;
+  if (exists && table->adjIndexToViaSet(existing.fecId) == vias) {
+    return ShortCuts<F>(sm_).repaired(ip, *table);
+  }
   // The new adjacency is taken before the old one may lose its last user.
   const auto adjacency = adjHelper.doGetOrCreateHostAdjacency(vias, table);
   try {
@@ -168,6 +170,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
     adjHelper.doDropRefOnHostAdjacency(table, adjacency);
     throw;
   }
+  ShortCuts<F>(sm_).repaired(ip, *table);
   if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
 }
 

@@ -86,9 +86,14 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
     return;
   }
   const auto* entry = F::findNeighbor(*table, addr);
+  if (entry != nullptr && ShortCuts<F>(sm_).isRepeat(reactor, addr)) {
+    const Event<F> event(sm_, kindOf(true, true), table->intfId());
+    ++sm_.account().counts.repairs;
+    return;
+  }
   const Route hostRoute = hostRouteOf(addr);
-  const NeighborScope<F, Reactor> handler(sm_, reactor, addr, entry != nullptr, hostRoute);
   const bool hasRoute = hostRoute.key == hostPrefix<F>(addr);
+  const NeighborScope<F, Reactor> handler(sm_, reactor, addr, entry != nullptr, hostRoute);
   const Event<F> event(sm_, kindOf(entry != nullptr, hasRoute), table->intfId());
   if (entry != nullptr) {
     KIV_TRACE(F::trace(), 7, reactor, F::Text::kHandlingAdded << addr << " for " << table);

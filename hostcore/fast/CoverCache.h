@@ -34,10 +34,15 @@ class CoverCache {
   }
   /// \param row  the address of what the root stores for the cover's prefix, or null.
   void coverIs(const Cover<R, Fec>& cover, uint64_t version, const void* row) {
+    if (cover_ != cover) mark_ = 0;
     cover_ = cover;
     version_ = isTrusted_ ? version : 0;
     row_ = row;
   }
+  /// The mark of the neighbours that were repaired with this cover; 0 if they have none. See
+  /// Repeat.h.
+  uint32_t mark() const noexcept { return mark_; }
+  void markIs(uint32_t mark) noexcept { mark_ = mark; }
   /// Whether covers that are stored from now on may be trusted.
   void isTrustedIs(bool isTrusted) noexcept { isTrusted_ = isTrusted; }
 
@@ -62,6 +67,7 @@ class CoverCache {
  private:
   uint64_t version_ = 0;
   bool isTrusted_ = false;
+  uint32_t mark_ = 0;
   Cover<R, Fec> cover_;
   // Only for prefetching: the objects may be gone, so nothing dereferences the pointers.
   const void* row_ = nullptr;

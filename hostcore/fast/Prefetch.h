@@ -7,6 +7,14 @@
 
 namespace HostCore {
 
+/// The vias of a neighbour that is reached through one interface.
+template <Family F>
+typename F::ViaSet viasOf(const typename F::Addr& ip, Zemit::IntfId intf) {
+  typename F::ViaSet vias;
+  vias.newVia({.hop = ip, .intf = intf}, 1);
+  return vias;
+}
+
 /// Prefetches memory. Reads only memory that a step may read, too, and changes nothing.
 template <Family F>
 class Prefetch {
@@ -54,7 +62,7 @@ class Prefetch {
   }
   /// The memory that a new adjacency of `ip` through `intf` needs.
   void newAdjacency(const Addr& ip, Zemit::IntfId intf) const {
-    if (const auto* routes = neighborRoutes()) routes->adjacencies().prefetch(viasOf(ip, intf));
+    if (const auto* routes = neighborRoutes()) routes->adjacencies().prefetch(viasOf<F>(ip, intf));
   }
   /// The record of `prefix` in the route table.
   void route(const Prefix& prefix) const {
@@ -67,12 +75,6 @@ class Prefetch {
     const auto* root = sm_.rootRaw();
     return root == nullptr ? nullptr : F::neighborTable(*root).get();
   }
-  static typename F::ViaSet viasOf(const Addr& ip, Zemit::IntfId intf) {
-    typename F::ViaSet vias;
-    vias.newVia({.hop = ip, .intf = intf}, 1);
-    return vias;
-  }
-
   const typename F::RouteSm& sm_;
 };
 
@@ -113,7 +115,7 @@ void Prefetch<F>::change(const Addr& ip, Zemit::IntfId intf, bool isNeighbor,
   }
   if (exists == isNeighbor) return;
   // A neighbour is hardly ever reached through more than one interface.
-  const auto vias = viasOf(ip, intf);
+  const auto vias = viasOf<F>(ip, intf);
   adjacencies.prefetch(vias);
   if (const auto* adjHelper = sm_.adjHelperRaw()) {
     isNeighbor ? adjHelper->prefetchNew(vias) : adjHelper->prefetchLast(vias);

@@ -17,6 +17,7 @@
 #include "hostcore/fast/Pipeline.h"
 #include "hostcore/fast/Prefetch.h"
 #include "hostcore/fast/Relevance.h"
+#include "hostcore/fast/Repeat.h"
 #include "hostcore/fast/Trust.h"
 #include "platform/obu/FibLookup.h"
 
@@ -46,6 +47,16 @@ class ShortCuts {
   /// A neighbour was filed in this set, and the prefix of its cover in this list.
   void filed(const typename F::AddrSet& neighbors, const typename F::PrefixList& prefixes) {
     if (auto* cache = sm_.fast().cache) cache->filedIn(neighbors, prefixes);
+  }
+  /// The host route of `ip` as a neighbour was repaired: it is now in `hostTable` as it should be.
+  void repaired(const Addr& ip, typename F::HostTable& hostTable) {
+    Repeat<F>(sm_).repaired(ip, hostTable);
+  }
+  /// True if the event of `ip`, a neighbour in the reactor's table, would only repeat steps.
+  template <class Reactor>
+  bool isRepeat(const Reactor& reactor, const Addr& ip) const {
+    const auto& cache = reactor.coverCache();
+    return cache != nullptr && Repeat<F>(sm_).isRepeat(ip, *reactor.notifierRaw(), *cache);
   }
   /// The deferred merges are about to be made.
   void deferredMergesTaken() {
@@ -91,13 +102,17 @@ class NeighborScope {
         addr_(addr),
         hostRoute_(hostRoute),
         version_(neighborVersion()),
-        former_(std::exchange(sm.fast().cache, &cacheOf(reactor))) {
+        former_(std::exchange(sm.fast().cache, &cacheOf(reactor))),
+        formerBegan_(std::exchange(sm.fast().neighborBegan, sm.fast().handlersBegun)) {
     reactor.coverCache()->isTrustedIs(Trust<F>(sm).holds());
     Prefetch<F>(sm).change(addr, reactor.notifierRaw()->intfId(), isNeighbor, hostRoute);
   }
   NeighborScope(const NeighborScope&) = delete;
   NeighborScope& operator=(const NeighborScope&) = delete;
-  ~NeighborScope() { sm_.fast().cache = former_; }
+  ~NeighborScope() {
+    sm_.fast().cache = former_;
+    sm_.fast().neighborBegan = formerBegan_;
+  }
 
   /// True when the merge of the address would write nothing and trace nothing. The address then
   /// counts as merged.
@@ -129,6 +144,7 @@ class NeighborScope {
   const Route hostRoute_;
   const uint64_t version_;  // of the table with the host route, when that was read
   CoverCache<Route, typename F::ForwardingStatus::Fec>* former_;
+  const uint64_t formerBegan_;
 };
 
 /// True when the route table already has the route that the merge of the address would write.

@@ -58,6 +58,16 @@ struct FastState {
   uint64_t coverVersion = 1;
   /// @}
 
+  /// \name Repeated events, see Repeat.h
+  /// @{
+  /// The number of handlers that have begun so far, and that number when the handler of the
+  /// neighbour with `cache` had begun.
+  uint64_t handlersBegun = 0;
+  uint64_t neighborBegan = 0;
+  /// The mark that was last given to a cover. At its highest value, no cover gets one any more.
+  uint32_t lastMark = 0;
+  /// @}
+
   /// \name Relevance, see Relevance.h
   /// @{
   /// The FECs of the tracked routes.

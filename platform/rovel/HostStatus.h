@@ -43,7 +43,16 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   KIV_COLLECTION_TAG(258, route, Route, Prefix);
 
  private:
-  using Record = Tovan::RouteRecord<Route>;
+  /// A route and its mark, which is no part of it.
+  struct Record : Tovan::RouteRecord<Route> {
+    using Tovan::RouteRecord<Route>::RouteRecord;
+
+    friend bool operator==(const Record& a, const Record& b) {
+      return static_cast<const Tovan::RouteRecord<Route>&>(a) == b;
+    }
+
+    uint32_t mark = 0;
+  };
   using Records = Kiv::HashMap<Prefix, Record>;
 
  public:
@@ -84,6 +93,17 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   void routeDelAll() {
     const Kiv::Ptr<const Kiv::Entity> alive(this);
     for (const Prefix& prefix : routeKeys()) routeDel(prefix);
+  }
+  /// The mark of the prefix's route. It is 0 when there is no route, and for each new or changed
+  /// route.
+  uint32_t mark(const Prefix& prefix) const {
+    const Record* record = route_.map().find(prefix);
+    return record == nullptr ? 0 : record->mark;
+  }
+  /// Marks the prefix's route, if there is one, with a number of which the caller knows the
+  /// meaning. A mark is not announced.
+  void markIs(const Prefix& prefix, uint32_t mark) {
+    if (Record* record = route_.map().find(prefix)) record->mark = mark;
   }
   size_t routeCount() const noexcept { return route_.map().size(); }
   /// A number that changes with each write of a route, and that no other table ever has.

@@ -11,7 +11,8 @@ class RouteRecord {
  public:
   RouteRecord() = default;
   explicit RouteRecord(const Route& route)
-      : fecId_(route.fecId),
+      : fecIdLow_(static_cast<uint32_t>(route.fecId)),
+        fecIdHigh_(static_cast<uint32_t>(route.fecId >> 32)),
         metric_(route.metricPref.metric),
         typeAndPreference_(static_cast<uint32_t>(route.routeType) << 8 |
                            route.metricPref.preference) {}
@@ -21,13 +22,15 @@ class RouteRecord {
         .key = key,
         .metricPref = {.metric = metric_, .preference = static_cast<uint8_t>(typeAndPreference_)},
         .routeType = static_cast<decltype(Route::routeType)>(typeAndPreference_ >> 8),
-        .fecId = fecId_};
+        .fecId = uint64_t{fecIdHigh_} << 32 | fecIdLow_};
   }
 
   friend bool operator==(const RouteRecord&, const RouteRecord&) = default;
 
  private:
-  uint64_t fecId_ = 0;
+  // Halves, so that a record can stand at any multiple of four bytes.
+  uint32_t fecIdLow_ = 0;
+  uint32_t fecIdHigh_ = 0;
   uint32_t metric_ = 0;
   uint32_t typeAndPreference_ = 0;
 };
