@@ -36,7 +36,12 @@ class BasicPrefix {
   /// "No such prefix".
   static constexpr BasicPrefix null() { return {A(), kNullLen}; }
   /// The host prefix of `addr`, a /32 or /128.
-  static constexpr BasicPrefix host(const A& addr) { return {addr, kMaxLen}; }
+  static constexpr BasicPrefix host(const A& addr) {
+    BasicPrefix prefix;
+    prefix.addr_ = addr;
+    prefix.len_ = kMaxLen;
+    return prefix;
+  }
   /// The prefix of length `len`, at most kMaxLen, that contains `addr`.
   static constexpr BasicPrefix enclosing(const A& addr, uint32_t len) {
     return {addr.subnetFirst(len), len};

@@ -12,6 +12,7 @@
 
 #include "platform/kiv/containers/Exception.h"
 
+
 namespace Kiv {
 
 /// Base of every class that is used through Kiv::Ptr.
@@ -143,12 +144,18 @@ Ptr<T> make(Args&&... args) {
   return Ptr<T>::adopt(new T(std::forward<Args>(args)...));
 }
 
+namespace detail {
+/// A function of its own, so that the compiler puts the checks that call it in place.
+/// \throws Kiv::Exception "null ValidPtr".
+[[noreturn]] void raiseNull();
+}  // namespace detail
+
 /// `handle`, which must refer to an object.
 /// \throws Kiv::Exception "null ValidPtr" when it does not.
 template <class T>
 const Ptr<T>& validPtr(const Ptr<T>& handle) {
   if (!handle) [[unlikely]]
-    throw Exception("null ValidPtr");
+    detail::raiseNull();
   return handle;
 }
 /// The object that the pointer points at.
@@ -156,7 +163,7 @@ const Ptr<T>& validPtr(const Ptr<T>& handle) {
 template <class T>
 T& validPtr(T* object) {
   if (object == nullptr) [[unlikely]]
-    throw Exception("null ValidPtr");
+    detail::raiseNull();
   return *object;
 }
 
