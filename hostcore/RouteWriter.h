@@ -63,8 +63,8 @@ class RouteWriter {
   }
   /// \param before  the record that it replaces.
   void write(const Route& route, const Route& before) const;
-  /// \param tracked  the FIB route of the same prefix, or one whose key is the null prefix.
-  Route newRoute(const Prefix& prefix, const Wanted& wanted, const Route& tracked) const;
+  Route newRoute(const Prefix& prefix, const Wanted& wanted) const;
+  /// \param tracked  the FIB route of the same prefix, or one with another key.
   Route changedRoute(const Route& existing, const Wanted& wanted, const Route& tracked) const;
 
   const HostTablePtr& hostTable_;
@@ -107,9 +107,8 @@ void RouteWriter<F>::add(const Wanted& wanted, const typename F::VirtualIpStatus
     Kiv::validPtr(root_.adjHelperRaw()).doDropRefOnFibAdjacency(wanted.fecId);
     return;
   }
-  const Route tracked = root_.prefixToRoute(prefix);
-  if (!exists) return write(newRoute(prefix, wanted, tracked), existing);
-  const Route changed = changedRoute(existing, wanted, tracked);
+  if (!exists) return write(newRoute(prefix, wanted), existing);
+  const Route changed = changedRoute(existing, wanted, root_.prefixToRoute(prefix));
   if (changed != existing) write(changed, existing);
 }
 
@@ -126,16 +125,16 @@ void RouteWriter<F>::write(const Route& route, const Route& before) const {
 }
 
 template <Family F>
-typename F::Route RouteWriter<F>::newRoute(const Prefix& prefix, const Wanted& wanted,
-                                           const Route& tracked) const {
+typename F::Route RouteWriter<F>::newRoute(const Prefix& prefix, const Wanted& wanted) const {
   Route route{.key = prefix,
               .metricPref = {.metric = 0, .preference = 1},
               .routeType = wanted.routeType,
               .fecId = wanted.fecId};
-  if (isToRouteTable() && tracked.key == prefix) {
+  if (!isToRouteTable()) return route;
+  if (const auto tracked = root_.prefixToRouteFind(prefix)) {
     KIV_TRACE_AS(F::trace(), 6, root_, "addRouteToRouteTable",
-                 "Set new route metric to " << tracked.metricPref);
-    route.metricPref = tracked.metricPref;
+                 "Set new route metric to " << tracked->metricPref);
+    route.metricPref = tracked->metricPref;
   }
   return route;
 }

@@ -1,4 +1,4 @@
-// The third short cut: an event that would only repeat steps takes none.
+// The fifth short cut: an event that would only repeat steps takes none.
 #pragma once
 
 #include <cstdint>
