@@ -17,7 +17,7 @@ class HandlerScope {
   explicit HandlerScope(typename F::RouteSm& sm) : sm_(sm) {
     auto& state = sm.fast();
     ++state.handlers;
-    ++state.handlersBegun;
+    ++state.steps;
   }
   /// The handler of a FIB route, which was announced.
   HandlerScope(typename F::RouteSm& sm, const typename F::Prefix& prefix) : HandlerScope(sm) {

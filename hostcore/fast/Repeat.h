@@ -7,6 +7,7 @@
 #include "hostcore/fast/CoverCache.h"
 #include "hostcore/fast/Enabled.h"
 #include "hostcore/fast/Trust.h"
+#include "platform/obu/FibLookup.h"
 
 namespace HostCore {
 
@@ -15,22 +16,42 @@ namespace HostCore {
 ///
 /// When a neighbour's own event has repaired its host route, that route gets the mark of the cover
 /// that the neighbour's interface has then. Each interface and each cover has another mark. The
-/// host route loses its mark when it is withdrawn or changed, and when any other handler repairs
-/// it. So as long as a neighbour's host route has the mark of the present cover, another repair
-/// would write nothing. Nor would the merge, if it is not due and the record in the route table can
-/// be read.
+/// host route loses its mark when it is withdrawn or changed, and a neighbour leaves its set only
+/// after its host route was withdrawn. So as long as a neighbour's host route has the mark of the
+/// present cover, another repair would write nothing. Nor would the merge, if it is not due, the
+/// record in the route table can be read, and the router itself does not have the address.
+///
+/// A callback may take any step, and undo a part of the repair. So no host route gets a mark if
+/// another handler runs, or if another step was taken since the neighbour's handler began.
 template <Family F>
 class Repeat {
  public:
   using Addr = typename F::Addr;
   using Route = typename F::Route;
-  using Cache = CoverCache<Route, typename F::ForwardingStatus::Fec>;
+  using Fec = typename F::ForwardingStatus::Fec;
+  using Cache = CoverCache<Route, Fec>;
 
   explicit Repeat(typename F::RouteSm& sm) : sm_(sm) {}
 
-  /// The host route of `ip` as a neighbour was repaired: it is now in `hostTable` as it should be.
-  void repaired(const Addr& ip, typename F::HostTable& hostTable) {
-    hostTable.markIs(hostPrefix<F>(ip), markOfCover());
+  /// The handler of the neighbour `ip` begins.
+  void begins(const Addr& ip) {
+    auto& state = sm_.fast();
+    if (state.handlers != 1) return;
+    state.neighbor = ip;
+    state.neighborBegan = state.steps;
+  }
+  /// See ShortCuts::repaired().
+  void repaired(const Addr& ip, const Route& fibRoute, const Fec& fec,
+                typename F::HostTable& hostTable, uint32_t writes) {
+    if (!isEnabled(ShortCut::Repeat)) return;
+    const auto& state = sm_.fast();
+    auto* cache = state.cache;
+    if (cache == nullptr || state.handlers != 1 || state.neighbor != ip ||
+        state.steps != state.neighborBegan + writes || fec.viaCount() != 1 ||
+        cache->cover().route != fibRoute || cache->cover().fec != fec) {
+      return;
+    }
+    if (const uint32_t mark = markOf(*cache)) hostTable.markIs(hostPrefix<F>(ip), mark);
   }
   /// True if all steps of the event of `ip`, which is in `table`, would write nothing and trace
   /// nothing.
@@ -39,17 +60,19 @@ class Repeat {
   bool isRepeat(const Addr& ip, const Arp::ArpIntfStatus& table, const Cache& cache) const;
 
  private:
-  /// The mark for a host route that is being repaired, or 0.
-  uint32_t markOfCover() {
-    auto& state = sm_.fast();
-    auto* cache = state.cache;
-    // A callback may have begun another handler, of which this one does not know.
-    if (cache == nullptr || state.handlersBegun != state.neighborBegan ||
-        !cache->isValid(coverVersion(state)) || cache->cover().fec.viaCount() != 1) {
-      return 0;
+  /// The mark of the cover, or 0 when no mark is left.
+  uint32_t markOf(Cache& cache) {
+    auto& last = sm_.fast().lastMark;
+    if (cache.mark() == 0 && last != UINT32_MAX) cache.markIs(++last);
+    return cache.mark();
+  }
+  /// True if the router itself has the address, and it takes part in the merge.
+  static bool isOwnAddress(const typename F::RouteSmRoot& root, const typename F::Prefix& host) {
+    if constexpr (F::kMergesReceiveRoutes) {
+      const auto& receiveTable = root.receiveTable();
+      return !receiveTable || receiveTable->route(host).key == host;
     }
-    if (cache->mark() == 0 && state.lastMark != UINT32_MAX) cache->markIs(++state.lastMark);
-    return cache->mark();
+    return false;
   }
   /// True if the next merge of `ip` may change something.
   bool isDue(const Addr& ip) const {
@@ -72,10 +95,12 @@ bool Repeat<F>::isRepeat(const Addr& ip, const Arp::ArpIntfStatus& table,
   const auto host = hostPrefix<F>(ip);
   if (F::neighborTable(*root)->mark(host) != cache.mark() || !cache.isValid(coverVersion(state)) ||
       root->trieRaw()->longestMatch(host) != cache.cover().route.key ||
+      !Obu::leavesThrough(cache.cover().fec, table.intfId()) ||
       sm_.neighborTable(table.intfId()) != &table) {
     return false;
   }
-  if (!Trust<F>(sm_).holds() || isDue(ip) || F::trace().buildsAbove(0, sm_)) {
+  if (!Trust<F>(sm_).holds() || isDue(ip) || isOwnAddress(*root, host) ||
+      F::trace().buildsAbove(0, sm_)) {
     return false;
   }
   try {

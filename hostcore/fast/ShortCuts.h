@@ -48,9 +48,12 @@ class ShortCuts {
   void filed(const typename F::AddrSet& neighbors, const typename F::PrefixList& prefixes) {
     if (auto* cache = sm_.fast().cache) cache->filedIn(neighbors, prefixes);
   }
-  /// The host route of `ip` as a neighbour was repaired: it is now in `hostTable` as it should be.
-  void repaired(const Addr& ip, typename F::HostTable& hostTable) {
-    Repeat<F>(sm_).repaired(ip, hostTable);
+  /// The host route of `ip` in `hostTable` was repaired under a FIB route and its FEC.
+  ///
+  /// \param writes  how often this repair has written the host route.
+  void repaired(const Addr& ip, const Route& fibRoute, const typename F::ForwardingStatus::Fec& fec,
+                typename F::HostTable& hostTable, uint32_t writes) {
+    Repeat<F>(sm_).repaired(ip, fibRoute, fec, hostTable, writes);
   }
   /// True if the event of `ip`, a neighbour in the reactor's table, would only repeat steps.
   template <class Reactor>
@@ -102,17 +105,14 @@ class NeighborScope {
         addr_(addr),
         hostRoute_(hostRoute),
         version_(neighborVersion()),
-        former_(std::exchange(sm.fast().cache, &cacheOf(reactor))),
-        formerBegan_(std::exchange(sm.fast().neighborBegan, sm.fast().handlersBegun)) {
+        former_(std::exchange(sm.fast().cache, &cacheOf(reactor))) {
+    Repeat<F>(sm).begins(addr);
     reactor.coverCache()->isTrustedIs(Trust<F>(sm).holds());
     Prefetch<F>(sm).change(addr, reactor.notifierRaw()->intfId(), isNeighbor, hostRoute);
   }
   NeighborScope(const NeighborScope&) = delete;
   NeighborScope& operator=(const NeighborScope&) = delete;
-  ~NeighborScope() {
-    sm_.fast().cache = former_;
-    sm_.fast().neighborBegan = formerBegan_;
-  }
+  ~NeighborScope() { sm_.fast().cache = former_; }
 
   /// True when the merge of the address would write nothing and trace nothing. The address then
   /// counts as merged.
@@ -144,7 +144,6 @@ class NeighborScope {
   const Route hostRoute_;
   const uint64_t version_;  // of the table with the host route, when that was read
   CoverCache<Route, typename F::ForwardingStatus::Fec>* former_;
-  const uint64_t formerBegan_;
 };
 
 /// True when the route table already has the route that the merge of the address would write.

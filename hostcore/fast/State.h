@@ -60,9 +60,11 @@ struct FastState {
 
   /// \name Repeated events, see Repeat.h
   /// @{
-  /// The number of handlers that have begun so far, and that number when the handler of the
-  /// neighbour with `cache` had begun.
-  uint64_t handlersBegun = 0;
+  /// The number of handlers that have begun, and of writes of host-route tables by steps.
+  uint64_t steps = 0;
+  /// The neighbour of the last handler that no other handler was around, and `steps` when it had
+  /// begun.
+  Addr neighbor;
   uint64_t neighborBegan = 0;
   /// The mark that was last given to a cover. At its highest value, no cover gets one any more.
   uint32_t lastMark = 0;
