@@ -8,6 +8,7 @@
 #include <cstring>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -16,9 +17,11 @@
 #include "replay/HopText.h"
 
 namespace Cli {
-namespace {
 
 using Json = nlohmann::ordered_json;
+
+namespace {
+
 using Replay::EventError;
 
 /// SipHash-2-4 (Aumasson, Bernstein: SipHash, a fast short-input PRF).
@@ -169,7 +172,7 @@ void replaceIn(Json& object, const std::string& op, const Anonymizer& anonymizer
 
 }  // namespace
 
-Anonymizer::Anonymizer(Key key) : key_(key) {}
+Anonymizer::Anonymizer(Key key) : key_(std::move(key)) {}
 
 Anonymizer::Key Anonymizer::keyOf(std::string_view text) {
   return {sipHash({1, 0}, text), sipHash({2, 0}, text)};

@@ -14,10 +14,9 @@
 #include "replay/Time.h"
 
 namespace Hostrouted {
+namespace {
 
 using Json = nlohmann::ordered_json;
-
-namespace {
 
 Json problemsJson(const Router& router) {
   Json problems = Json::array();

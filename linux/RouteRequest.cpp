@@ -3,6 +3,11 @@
 #include <algorithm>
 
 namespace Linux {
+namespace {
+
+using Verb = RouteRequest::Verb;
+
+}  // namespace
 
 RouteValue normalized(const Prefix& prefix, RouteValue value) {
   if (value.vias.size() > 1) {
@@ -20,7 +25,6 @@ RouteValue normalized(const Prefix& prefix, RouteValue value) {
 
 std::string toString(const RouteRequest& request,
                      const std::function<std::string(LinkIndex)>& nameOf) {
-  using Verb = RouteRequest::Verb;
   const bool adds = request.verb == Verb::Add || request.verb == Verb::AddBlackhole;
   const bool isBlackhole =
       request.verb == Verb::AddBlackhole || request.verb == Verb::DeleteBlackhole;

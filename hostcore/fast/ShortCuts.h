@@ -197,8 +197,8 @@ WriteScope<F> withdrawalScope(typename F::RouteSm& sm, const typename F::Addr& a
 template <Family F>
 class DeferralScope {
  public:
-  DeferralScope(typename F::RouteSm& sm, const typename F::AddrSet::Ptr& waiting)
-      : trust_(sm), waiting_(waiting) {
+  DeferralScope(typename F::RouteSm& sm, typename F::AddrSet::Ptr waiting)
+      : trust_(sm), waiting_(std::move(waiting)) {
     trust_.deferredMergesFound(waiting_.get());
   }
   DeferralScope(const DeferralScope&) = delete;

@@ -9,11 +9,11 @@
 namespace Tovan {
 namespace {
 
-constexpr std::string_view kRefused("%/\0", 3);
+constexpr std::string_view kEncoded("%/\0", 3);
 constexpr std::string_view kSuffixes[] = {".route4", ".route6"};
 
 bool isPlain(char c) {
-  return kRefused.find(c) == std::string_view::npos;
+  return kEncoded.find(c) == std::string_view::npos;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/kiv/containers/Hash.h"
@@ -132,8 +133,8 @@ class PendingNotificationOf final : public PendingNotification {
 template <class Attribute, class Key>
 class PendingNotificationOf<Attribute, Key> final : public PendingNotification {
  public:
-  PendingNotificationOf(Notifiee& reactor, const Key& key)
-      : PendingNotification(reactor, Attribute::kInfo.id), key_(key) {}
+  PendingNotificationOf(Notifiee& reactor, Key key)
+      : PendingNotification(reactor, Attribute::kInfo.id), key_(std::move(key)) {}
 
   void deliver() const override { Attribute::deliver(reactor(), key_); }
   uint32_t hash() const override { return hashWith(Hash<Key>()(key_)); }

@@ -111,6 +111,7 @@ void Notifiee::notifierIsGone() noexcept {
 }
 
 void NotifierList::add(Notifiee& notifiee) {
+  // NOLINTNEXTLINE(modernize-loop-convert): a hook may add another one, which moves the list
   for (size_t i = 0; i < hooks_.size(); ++i) {
     const auto hook = hooks_[i].hook;
     hook->beforeRegistering(*owner_);
@@ -161,7 +162,8 @@ void NotifierList::remove(Notifiee& notifiee) noexcept {
 void NotifierList::numberSlots(size_t first) noexcept {
   for (size_t slot = first; slot < slots_.size(); ++slot) {
     Notifiee* const notifiee = slots_[slot];
-    passedSlots_[slot] = notifiee == nullptr || (notifiee->isQuiet() && !notifiee->isAwake_);
+    const bool isPassed = notifiee == nullptr || (notifiee->isQuiet() && !notifiee->isAwake_);
+    passedSlots_[slot] = isPassed ? 1 : 0;
     if (notifiee != nullptr) notifiee->slot_ = static_cast<uint32_t>(slot);
   }
 }
@@ -182,7 +184,7 @@ void NotifierList::quietChanged(Notifiee& notifiee) noexcept {
 }
 
 void NotifierList::awakeChanged(Notifiee& notifiee) noexcept {
-  passedSlots_[notifiee.slot_] = notifiee.isQuiet() && !notifiee.isAwake_;
+  passedSlots_[notifiee.slot_] = notifiee.isQuiet() && !notifiee.isAwake_ ? 1 : 0;
 }
 
 bool NotifierList::tellsAll() const noexcept {
@@ -225,6 +227,7 @@ bool NotifierList::isTraced() noexcept {
 
 void NotifierList::callNeededHooks(AttributeId id, const void* key, bool isRepeat) {
   const bool callsAll = isTraced();
+  // NOLINTNEXTLINE(modernize-loop-convert): a hook may add another one, which moves the list
   for (size_t i = 0; i < hooks_.size(); ++i) {
     const auto hook = hooks_[i].hook;
     if (callsAll || hook->isNeeded()) hook->beforeTelling(*owner_, id, key, isRepeat);
