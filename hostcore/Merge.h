@@ -160,7 +160,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
   const Route existing = table->route(host);
   const bool exists = existing.key == host;
   if (exists && table->adjIndexToViaSet(existing.fecId) == vias) {
-    return ShortCuts<F>(sm_).repaired(ip, fibRoute, fec, *table, 0);
+    return ShortCuts<F>(sm_).repaired(ip, fec, *table, 0);
   }
   // The new adjacency is taken before the old one may lose its last user.
   const auto adjacency = adjHelper.doGetOrCreateHostAdjacency(vias, table);
@@ -170,7 +170,7 @@ void Merge<F>::fixupArpRoute(const Addr& ip, const Route& fibRoute, const Fec& f
     adjHelper.doDropRefOnHostAdjacency(table, adjacency);
     throw;
   }
-  ShortCuts<F>(sm_).repaired(ip, fibRoute, fec, *table, 1);
+  ShortCuts<F>(sm_).repaired(ip, fec, *table, 1);
   if (exists) adjHelper.doDropRefOnHostAdjacency(table, existing.fecId);
 }
 

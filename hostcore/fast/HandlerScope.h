@@ -14,11 +14,7 @@ namespace HostCore {
 template <Family F>
 class HandlerScope {
  public:
-  explicit HandlerScope(typename F::RouteSm& sm) : sm_(sm) {
-    auto& state = sm.fast();
-    ++state.handlers;
-    ++state.steps;
-  }
+  explicit HandlerScope(typename F::RouteSm& sm) : sm_(sm) { ++sm_.fast().handlers; }
   /// The handler of a FIB route, which was announced.
   HandlerScope(typename F::RouteSm& sm, const typename F::Prefix& prefix) : HandlerScope(sm) {
     ++sm_.fast().coverVersion;

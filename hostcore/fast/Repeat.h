@@ -21,8 +21,9 @@ namespace HostCore {
 /// present cover, another repair would write nothing. Nor would the merge, if it is not due, the
 /// record in the route table can be read, and the router itself does not have the address.
 ///
-/// A callback may take any step, and undo a part of the repair. So no host route gets a mark if
-/// another handler runs, or if another step was taken since the neighbour's handler began.
+/// A callback may take any step, and undo a part of a repair. So no host route gets a mark if the
+/// neighbour's handler is within another one, or if another step has written a host route since the
+/// handler began.
 template <Family F>
 class Repeat {
  public:
@@ -38,17 +39,15 @@ class Repeat {
     auto& state = sm_.fast();
     if (state.handlers != 1) return;
     state.neighbor = ip;
-    state.neighborBegan = state.steps;
+    state.neighborBegan = state.writes;
   }
   /// See ShortCuts::repaired().
-  void repaired(const Addr& ip, const Route& fibRoute, const Fec& fec,
-                typename F::HostTable& hostTable, uint32_t writes) {
-    if (!isEnabled(ShortCut::Repeat)) return;
+  void repaired(const Addr& ip, const Fec& fec, typename F::HostTable& hostTable, uint32_t writes) {
     const auto& state = sm_.fast();
     auto* cache = state.cache;
-    if (cache == nullptr || state.handlers != 1 || state.neighbor != ip ||
-        state.steps != state.neighborBegan + writes || fec.viaCount() != 1 ||
-        cache->cover().route != fibRoute || cache->cover().fec != fec) {
+    if (!isEnabled(ShortCut::Repeat) || cache == nullptr || state.neighbor != ip ||
+        state.writes != state.neighborBegan + writes || fec.viaCount() != 1 ||
+        cache->cover().fec != fec) {
       return;
     }
     if (const uint32_t mark = markOf(*cache)) hostTable.markIs(hostPrefix<F>(ip), mark);
@@ -104,8 +103,8 @@ bool Repeat<F>::isRepeat(const Addr& ip, const Arp::ArpIntfStatus& table,
     return false;
   }
   try {
-    const Route merged = sm_.routeStatusRaw()->route(host);
-    return merged.key == host && merged.routeType == F::kAttached;
+    // A missing route has an invalid type.
+    return sm_.routeStatusRaw()->route(host).routeType == F::kAttached;
   } catch (const Tovan::CorruptionDetectedException&) {
     return false;  // the merge reports it
   }

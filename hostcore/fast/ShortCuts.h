@@ -48,12 +48,12 @@ class ShortCuts {
   void filed(const typename F::AddrSet& neighbors, const typename F::PrefixList& prefixes) {
     if (auto* cache = sm_.fast().cache) cache->filedIn(neighbors, prefixes);
   }
-  /// The host route of `ip` in `hostTable` was repaired under a FIB route and its FEC.
+  /// The host route of `ip` in `hostTable` was repaired under a FIB route with this FEC.
   ///
   /// \param writes  how often this repair has written the host route.
-  void repaired(const Addr& ip, const Route& fibRoute, const typename F::ForwardingStatus::Fec& fec,
+  void repaired(const Addr& ip, const typename F::ForwardingStatus::Fec& fec,
                 typename F::HostTable& hostTable, uint32_t writes) {
-    Repeat<F>(sm_).repaired(ip, fibRoute, fec, hostTable, writes);
+    Repeat<F>(sm_).repaired(ip, fec, hostTable, writes);
   }
   /// True if the event of `ip`, a neighbour in the reactor's table, would only repeat steps.
   template <class Reactor>

@@ -60,10 +60,9 @@ struct FastState {
 
   /// \name Repeated events, see Repeat.h
   /// @{
-  /// The number of handlers that have begun, and of writes of host-route tables by steps.
-  uint64_t steps = 0;
-  /// The neighbour of the last handler that no other handler was around, and `steps` when it had
-  /// begun.
+  /// The number of times that a step has written or removed a host route in a table of the root.
+  uint64_t writes = 0;
+  /// The last neighbour whose handler was not within another one, and `writes` when it began.
   Addr neighbor;
   uint64_t neighborBegan = 0;
   /// The mark that was last given to a cover. At its highest value, no cover gets one any more.

@@ -50,7 +50,7 @@ class Trust {
   /// A step that leaves the merge to its caller was taken. Outside of a handler there may be no
   /// merge.
   void stepTaken() {
-    ++state_.steps;
+    ++state_.writes;
     if (state_.handlers == 0) end();
   }
   /// A route was passed to its handler. If it was not just read from its table, the next event may

@@ -1,4 +1,5 @@
-// Tests of the short cuts: quiet reactors of neighbour tables, omitted merges, cached covers.
+// Tests of the short cuts: quiet reactors of neighbour tables, omitted merges, cached covers,
+// repeated events.
 #include "hostcore/fast/State.h"
 #include "tests/hostcore/World.h"
 
@@ -468,6 +469,210 @@ TYPED_TEST(ShortCutsTest, AnAnnouncedCoverCountsForTheNextNeighbour) {
   red.learn(red.ethernet1, 9);
   EXPECT_FALSE(red.hasRoute(red.neighborTable(), 9));
   red.expectBalancedReferences();
+}
+
+// Takes a neighbour out of its set by hand. Only a step files it again.
+TYPED_TEST(ShortCutsTest, AnEventThatRepeatsStepsTakesNone) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  using W = World<F>;
+  const auto host = F::Prefix::host(S::addr(5));
+  const auto announced = [](W& red, uint32_t n) {
+    F::neighborNotify(red.table(red.ethernet1), S::addr(n));
+  };
+  const auto takesSteps = [&](W& red) {
+    const auto neighbors = F::neighborSetIs(*red.root, S::subnet());
+    neighbors->ipDel(S::addr(5));
+    announced(red, 5);
+    return neighbors->ip(S::addr(5));
+  };
+  const auto virtualIn = [](W& red, const char* vrf) {
+    red.virtualIps->virtualIpIs(S::virtualAddr(vrf, S::addr(5)), true);
+  };
+  const auto metricIs9 = [](W& red) {
+    auto route = red.routeStatus->route(S::subnet());
+    route.metricPref.metric = 9;
+    red.routeStatus->routeIs(route);
+  };
+  const std::function<void(W&)> changes[] = {[](W& red) { red.machine().initializedIs(false); },
+                                             metricIs9,
+                                             [&](W& red) {
+                                               metricIs9(red);
+                                               announced(red, 6);
+                                             },
+                                             [&](W& red) {
+                                               auto wrong = red.routeStatus->route(host);
+                                               wrong.fecId = 7;
+                                               red.routeStatus->routeIs(wrong);
+                                               announced(red, 6);
+                                             },
+                                             [&](W& red) { virtualIn(red, "red"); },
+                                             [&](W& red) {
+                                               virtualIn(red, "blue");
+                                               announced(red, 5);
+                                             }};
+  for (const auto& change : changes) {
+    SCOPED_TRACE(&change - changes);
+    W red;
+    red.startWithSubnet();
+    red.learn(red.ethernet1, 5);
+    red.learn(red.ethernet1, 6);
+    EXPECT_FALSE(takesSteps(red));
+    change(red);
+    EXPECT_TRUE(takesSteps(red));
+  }
+  W red;
+  red.startWithSubnet();
+  red.learn(red.ethernet1, 5);
+  {
+    const TraceLog log(F::trace(), {7});
+    EXPECT_TRUE(takesSteps(red));
+  }
+  EXPECT_FALSE(takesSteps(red));
+  // A FIB host route covers the neighbour.
+  red.hostStatus->routeIs({.key = host, .metricPref = {}, .routeType = F::kAttached, .fecId = 7});
+  red.machine().handleHostStatusRoute(host);
+  red.learn(red.ethernet1, 6);
+  announced(red, 5);
+  ASSERT_TRUE(F::neighborSet(*red.root, host));
+  EXPECT_TRUE(F::neighborSet(*red.root, host)->ip(S::addr(5)));
+}
+
+// A machine whose reactors were changed by hand is not notified of each neighbour.
+TYPED_TEST(ShortCutsTest, ARepeatedEventReadsTheTablesOfTheDirectory) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  World<F> red;
+  const auto [first, second] = std::pair(red.ethernet1, red.ethernet2);
+  red.startWithSubnet();
+  red.machine().needsReactors();
+  red.learn(first, 5);
+  const auto other = Kiv::make<Arp::ArpIntfStatus>(first);
+  F::neighborIs(*other, {.ipAddr = S::addr(5)});
+  red.machine().arpIntfStatusIs(other);
+  red.lose(first, 5);
+  F::neighborNotify(*other, S::addr(5));
+  EXPECT_FALSE(red.hasRoute(red.neighborTable(), 5));
+
+  auto& blue = this->world;
+  blue.startWithSubnet();
+  blue.machine().needsReactors();
+  blue.forwarding->fecIs(
+      typename F::Fec(7, {{.hop = {}, .intf = first}, {.hop = {}, .intf = second}}));
+  blue.learn(first, 5);
+  blue.learn(second, 5);
+  this->announce(first, 5);
+  blue.machine().arpIntfStatusDel(second.name());
+  blue.lose(second, 5);
+  this->announce(first, 5);
+  const auto hostRoute = blue.neighborTable()->route(F::Prefix::host(S::addr(5)));
+  EXPECT_EQ(blue.neighborTable()->adjIndexToViaSet(hostRoute.fecId).size(), 1u);
+
+  blue.forwarding->fecIs(typename F::Fec(7, {{.hop = {}, .intf = first}}));
+  this->announce(first, 5);
+  blue.machine()
+      .arpIntfStatus(first.name())
+      ->notifierIs(blue.neighborDir->arpIntfStatus(second.name()));
+  const auto& counts = blue.machine().account().counts;
+  const auto repairs = uint64_t{counts.repairs};
+  blue.learn(second, 5);
+  EXPECT_EQ(counts.repairs, repairs) << "its route leaves through the first interface";
+}
+
+/// Calls a function at the first change of a set of neighbours.
+template <class F>
+struct SetWatcher : F::AddrSet::NotifieeConst, Once {
+  void onIp(const typename F::Addr&) override { told(); }
+};
+
+// A callback within the event of a neighbour, or around it, may undo a part of the repair.
+TYPED_TEST(ShortCutsTest, AnEventTakesItsStepsAgainAfterACallbackTookOthers) {
+  using F = TypeParam;
+  using S = Sample<F>;
+  using W = World<F>;
+  using Fec = typename F::Fec;
+  const auto host = F::Prefix::host(S::addr(5));
+  const auto subnetOver = [](W& red, Tovan::Fib::FecId fec) {
+    auto route = red.routeStatus->route(S::subnet());
+    route.fecId = fec;
+    red.routeStatus->routeIs(route);  // not announced
+    return route;
+  };
+  const auto viasOf = [&](W& red) {
+    const auto& hosts = red.neighborTable();
+    return hosts->adjIndexToViaSet(hosts->route(host).fecId);
+  };
+  struct Case {
+    std::function<void(W&)> before;
+    uint32_t learned;  ///< the neighbour whose event has the callback
+    std::function<void(W&)> callback;
+    std::function<bool(W&)> isRight;
+  };
+  const Case cases[] = {
+      {{},
+       5,
+       [](W& red) { red.machine().handleDeletedAdjacency(S::subnet()); },
+       [](W& red) { return F::neighborSet(*red.root, S::subnet())->ip(S::addr(5)); }},
+      {[&](W& red) {
+         subnetOver(red, 8);
+         red.machine().handleStatusRoute(S::subnet());
+         red.learn(red.ethernet2, 5);
+         red.learn(red.ethernet1, 5);
+         subnetOver(red, 7);
+       },
+       6,
+       [&](W& red) {
+         red.machine().fixupArpRoute(S::addr(5), red.routeStatus->route(S::subnet()));
+       },
+       [&](W& red) {
+         return red.adjHelper->isFibAdjacency(red.routeStatus->route(host).fecId, viasOf(red));
+       }},
+      {[](W& red) { red.learn(red.ethernet2, 5); }, 5,
+       [&](W& red) {
+         subnetOver(red, 9);
+         const typename F::Neighbor other{.ipAddr = S::addr(4)};
+         red.machine().handleAddedArpEntry(F::argument(other),
+                                           red.neighborDir->arpIntfStatus("Ethernet1"));
+       },
+       [&](W& red) { return viasOf(red).size() == 2; }},
+      {[](W& red) { red.learn(red.ethernet1, 5); }, 6,
+       [](W& red) {
+         using namespace Routing::Host;
+         using namespace Routing6::Host;
+         addRouteToRouteTable(red.root->receiveTable(), nullptr, S::addr(5),
+                              Tovan::Fib::invalidFecId, S::kReceive, nullptr, red.root, {});
+       },
+       [&](W& red) {
+         const auto type = red.routeStatus->route(host).routeType;
+         return type == (F::kMergesReceiveRoutes ? S::kReceive : F::kAttached);
+       }}};
+  for (const auto& [before, learned, callback, isRight] : cases) {
+    SCOPED_TRACE(&isRight);
+    W red;
+    red.startWithSubnet();
+    red.forwarding->fecIs(Fec(8, {{.hop = {}, .intf = red.ethernet2}}));
+    red.forwarding->fecIs(
+        Fec(9, {{.hop = {}, .intf = red.ethernet1}, {.hop = {}, .intf = red.ethernet2}}));
+    red.learn(red.ethernet1, 4);
+    if (before) before(red);
+    const auto watcher =
+        watcherOf<SetWatcher<F>>(F::neighborSetIs(*red.root, S::subnet()), [&] { callback(red); });
+    red.learn(red.ethernet1, learned);
+    ASSERT_FALSE(watcher->act);
+    F::neighborNotify(red.table(red.ethernet1), S::addr(5));
+    EXPECT_TRUE(isRight(red));
+  }
+
+  auto& red = this->world;
+  red.startWithSubnet();
+  red.forwarding->fecIs(Fec(8, {{.hop = {}, .intf = red.ethernet2}}));
+  red.learn(red.ethernet1, 5);
+  const auto watcher = watcherOf<RouteWatcher<typename F::HostTable>>(
+      red.neighborTable(), [&] { this->announce(red.ethernet1, 5); });
+  red.machine().handleAdjacency(
+      {.key = S::longer(), .metricPref = {}, .routeType = F::kConnected, .fecId = 8});
+  this->announce(red.ethernet1, 5);
+  EXPECT_TRUE(F::neighborSet(*red.root, S::subnet())->ip(S::addr(5)));
 }
 
 TYPED_TEST(ShortCutsTest, ATableMayBeRemovedWhileItsNeighbourIsHandled) {
