@@ -104,7 +104,7 @@ void NeighborEntries<F>::handleArpEntry(const Reactor& reactor, const Addr& addr
               "handling a deleted arp entry for " << addr << " for " << table);
     sm_.handleDeletedArpEntry(shown, table);
   }
-  if (!handler.mayOmitMerge()) sm_.doMerge(addr);
+  sm_.doMerge(addr);
 }
 
 template <Family F>

@@ -7,7 +7,6 @@ namespace HostCore {
 enum class ShortCut {
   None,       ///< all short cuts are in use
   Cover,      ///< the cover of an interface's last neighbour is cached
-  Merge,      ///< the merge of an unchanged host route is omitted
   Repeat,     ///< an event that would repeat what the machine has done takes no step
   Relevance,  ///< events that are not relevant for a machine are left out
   Reactors,   ///< reactors without a relevant event are made later

@@ -87,7 +87,7 @@ class ShortCuts {
   typename F::RouteSm& sm_;
 };
 
-/// The scope of one neighbour's handler. It knows whether the merge at the end may be omitted.
+/// The scope of one neighbour's handler: the look-ups of its steps use the cache of its table.
 template <Family F, class Reactor>
 class NeighborScope {
  public:
@@ -102,9 +102,6 @@ class NeighborScope {
       : handler_(sm),
         sm_(sm),
         reactor_(&reactor),
-        addr_(addr),
-        hostRoute_(hostRoute),
-        version_(neighborVersion()),
         former_(std::exchange(sm.fast().cache, &cacheOf(reactor))) {
     Repeat<F>(sm).begins(addr);
     reactor.coverCache()->isTrustedIs(Trust<F>(sm).holds());
@@ -114,70 +111,18 @@ class NeighborScope {
   NeighborScope& operator=(const NeighborScope&) = delete;
   ~NeighborScope() { sm_.fast().cache = former_; }
 
-  /// True when the merge of the address would write nothing and trace nothing. The address then
-  /// counts as merged.
-  bool mayOmitMerge() const {
-    if (!isEnabled(ShortCut::Merge)) return false;
-    if (!sm_.initialized() || F::trace().buildsAbove(0, sm_) || !isMerged()) return false;
-    Relevance<F>(sm_).merged(addr_);
-    return true;
-  }
-
  private:
-  bool isMerged() const;
   static auto& cacheOf(const Reactor& reactor) {
     auto& cache = reactor.coverCache();
     if (cache == nullptr) cache = std::make_shared<typename F::RouteSm::CoverCache>();
     return *cache;
   }
-  /// The version of the table that has the host routes of neighbours.
-  uint64_t neighborVersion() const {
-    const auto* root = sm_.rootRaw();
-    const auto* neighbors = root == nullptr ? nullptr : F::neighborTable(*root).get();
-    return neighbors == nullptr ? 0 : neighbors->version();
-  }
 
   HandlerScope<F> handler_;
   typename F::RouteSm& sm_;
   Kiv::Ptr<const Reactor> reactor_;  // a callback may remove the table, and with it the cache
-  const Addr addr_;
-  const Route hostRoute_;
-  const uint64_t version_;  // of the table with the host route, when that was read
   CoverCache<Route, typename F::ForwardingStatus::Fec>* former_;
 };
-
-/// True when the route table already has the route that the merge of the address would write.
-template <Family F, class Reactor>
-bool NeighborScope<F, Reactor>::isMerged() const {
-  const auto* routeTable = sm_.routeStatusRaw();
-  if (routeTable == nullptr) return true;
-  const auto prefix = hostPrefix<F>(addr_);
-  const auto& root = Kiv::validPtr(sm_.rootRaw());
-  const auto& neighbors = *Kiv::validPtr(F::neighborTable(root));
-  if (neighbors.version() != version_) return false;
-  const auto isIn = [&prefix](const typename F::HostTable* table) {
-    return table != nullptr && table->route(prefix).key == prefix;
-  };
-  // The winner is usually a neighbour. Another winner is merged.
-  if constexpr (F::kMergesReceiveRoutes) {
-    if (isIn(Kiv::validPtr(root.receiveTable()).get())) return false;
-  }
-  if (isIn(sm_.hostStatusRaw())) return false;
-  Route existing;
-  try {
-    existing = routeTable->route(prefix);
-  } catch (const Tovan::CorruptionDetectedException&) {
-    return false;  // the merge reports it
-  }
-  const bool exists = existing.key == prefix;
-  if (hostRoute_.key != prefix) return !exists;
-  const auto* virtualIps = sm_.virtualIps();
-  if (virtualIps != nullptr && virtualIps->isVirtual(addr_)) return false;
-  // The merge would take over the metric of a tracked route.
-  return exists && existing.routeType == F::kAttached && !root.prefixToRouteFind(prefix) &&
-         Kiv::validPtr(sm_.adjHelperRaw())
-             .isFibAdjacency(existing.fecId, neighbors.adjIndexToViaSet(hostRoute_.fecId));
-}
 
 /// The scope in which the route of an address that became virtual is withdrawn. A merge would write
 /// nothing after this, unless the host-route status has a route that was not announced.

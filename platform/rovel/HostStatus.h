@@ -1,7 +1,6 @@
 // Host-route tables.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -74,7 +73,6 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   /// Stores a route under its key. Announces a new or changed route.
   void routeIs(const Route& route) {
     if (!watches_.empty() && this->route(route.key) != route) watches_.written(route.key);
-    ++version_;
     route_.set(*this, route.key, Record(route));
   }
   /// Removes the route, announces the removal and returns the route. Returns noRoute(prefix) when
@@ -84,7 +82,6 @@ class BasicHostStatus final : public Kiv::NamedEntity {
     if (record == nullptr) return Tovan::noRoute<Route>(prefix);
     const Route removed = record->withKey(prefix);
     watches_.written(prefix);
-    ++version_;
     route_.del(*this, prefix);
     return removed;
   }
@@ -106,8 +103,6 @@ class BasicHostStatus final : public Kiv::NamedEntity {
     if (Record* record = route_.map().find(prefix)) record->mark = mark;
   }
   size_t routeCount() const noexcept { return route_.map().size(); }
-  /// A number that changes with each write of a route, and that no other table ever has.
-  uint64_t version() const noexcept { return version_; }
   RouteIterator routeIterator() const { return routeIteratorConst(); }
   RouteIterator routeIteratorConst() const { return RouteIterator(route_.map().iteratorConst()); }
   /// Calls `visit` with each route, in no particular order. `visit` must not write to the table.
@@ -136,8 +131,6 @@ class BasicHostStatus final : public Kiv::NamedEntity {
   Kiv::Collection<RouteAttribute, Prefix, Record, Records> route_;
   Adjacencies adjacencies_;
   Kiv::WatchList<Prefix> watches_;
-  static inline std::atomic<uint64_t> tables_ = 0;
-  uint64_t version_ = tables_++ << 40;
 };
 
 namespace Host {
