@@ -664,7 +664,7 @@ Times the engine under load.
   --json FILE          writes a line for each measurement
   --without SHORT_CUT  runs the engine that was built without a short cut (target `engines`):
       cover      the cover of an interface's last neighbour is cached
-      merge      the merge of an unchanged host route is omitted
+      repeat     an event that would only repeat steps takes none
       relevance  events that are not relevant for a machine are left out
       reactors   reactors without a relevant event are made later
       prefetch   the memory that one event reads is prefetched
