@@ -39,10 +39,10 @@ class Prefetch {
     const auto* root = sm_.rootRaw();
     if (isEnabled(ShortCut::Prefetch) && root != nullptr) root->prefixToRoutePrefetch(prefix);
   }
-  /// The FIB adjacency of a route that is about to be replaced.
+  /// The FIB adjacency of a route that is about to be replaced, if there is one.
   void replacedAdjacency(Tovan::Fib::FecId fecId) const {
-    const auto* adjHelper = sm_.adjHelperRaw();
-    if (isEnabled(ShortCut::Prefetch) && adjHelper != nullptr) adjHelper->prefetch(fecId);
+    if (!isEnabled(ShortCut::Prefetch) || fecId == Tovan::Fib::invalidFecId) return;
+    if (const auto* adjHelper = sm_.adjHelperRaw()) adjHelper->prefetch(fecId);
   }
 
   /// The host route of `ip`; once that has arrived, its adjacency; and then the memory that the
@@ -84,7 +84,7 @@ void Prefetch<F>::neighbor(const Addr& ip, const Cache& cache) const {
   if (!isEnabled(ShortCut::Prefetch) || root == nullptr) return;
   cache.prefetch(ip);
   const Route& cover = cache.cover().route;
-  if (!cache.isValid(sm_.fast().coverVersion)) {
+  if (!cache.isValid(coverVersion(sm_.fast()))) {
     route(cover.key);
     if (const auto* forwarding = sm_.forwardingStatus()) forwarding->prefetch(cover.fecId);
   }
