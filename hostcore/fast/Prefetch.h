@@ -91,7 +91,7 @@ void Prefetch<F>::neighbor(const Addr& ip, const Cache& cache) const {
   root->prefixToRoutePrefetch(cover.key);  // the set of neighbours is in the same row
   root->adjacencyToPrefixPrefetch(cover.fecId);
   hostRoute(ip);
-  // The records that tell whether the merge may be omitted.
+  // The records that the merge reads.
   const Prefix host = hostPrefix<F>(ip);
   root->prefixToRoutePrefetch(host);
   route(host);
