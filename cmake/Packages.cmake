@@ -40,6 +40,8 @@ file(WRITE ${shlibs} "libhostroute ${HOSTROUTE_ABI} ${dependency}\n"
                      "libhostroute_platform ${HOSTROUTE_ABI} ${dependency}\n")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
     ${shlibs} ${PROJECT_SOURCE_DIR}/packaging/triggers)
+# The files of an unpacked archive may be writable for the group.
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libhostroute-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)

@@ -226,10 +226,10 @@ struct RouteWatcher : Table::NotifieeConst, Once {
 
 /// A watcher of `watched` that calls `act` at its first notification.
 template <class Watcher, class Watched>
-Kiv::Ptr<Watcher> watcherOf(const Watched& watched, std::function<void()> act = {}) {
+Kiv::Ptr<Watcher> watcherOf(const Watched& watched, const std::function<void()>& act = {}) {
   auto watcher = Kiv::make<Watcher>();
   watcher->notifierIs(watched);
-  watcher->act = std::move(act);
+  watcher->act = act;
   return watcher;
 }
 
