@@ -12,7 +12,6 @@
 
 #include "platform/kiv/containers/Exception.h"
 
-
 namespace Kiv {
 
 /// Base of every class that is used through Kiv::Ptr.
