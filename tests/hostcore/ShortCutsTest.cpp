@@ -646,21 +646,21 @@ TYPED_TEST(ShortCutsTest, AnEventTakesItsStepsAgainAfterACallbackTookOthers) {
          const auto type = red.routeStatus->route(host).routeType;
          return type == (F::kMergesReceiveRoutes ? S::kReceive : F::kAttached);
        }}};
-  for (const auto& [before, learned, callback, isRight] : cases) {
-    SCOPED_TRACE(&isRight);
+  for (const Case& each : cases) {
+    SCOPED_TRACE(&each - cases);
     W red;
     red.startWithSubnet();
     red.forwarding->fecIs(Fec(8, {{.hop = {}, .intf = red.ethernet2}}));
     red.forwarding->fecIs(
         Fec(9, {{.hop = {}, .intf = red.ethernet1}, {.hop = {}, .intf = red.ethernet2}}));
     red.learn(red.ethernet1, 4);
-    if (before) before(red);
-    const auto watcher =
-        watcherOf<SetWatcher<F>>(F::neighborSetIs(*red.root, S::subnet()), [&] { callback(red); });
-    red.learn(red.ethernet1, learned);
+    if (each.before) each.before(red);
+    const auto watcher = watcherOf<SetWatcher<F>>(F::neighborSetIs(*red.root, S::subnet()),
+                                                  [&] { each.callback(red); });
+    red.learn(red.ethernet1, each.learned);
     ASSERT_FALSE(watcher->act);
     F::neighborNotify(red.table(red.ethernet1), S::addr(5));
-    EXPECT_TRUE(isRight(red));
+    EXPECT_TRUE(each.isRight(red));
   }
 
   auto& red = this->world;
