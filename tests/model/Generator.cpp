@@ -153,6 +153,11 @@ json Generator::addr(const Universe& of) {
 }
 
 json Generator::random() {
+  // Soon enough after it, nothing has changed that concerns the neighbour.
+  if (!lastNeighbor_.is_null() && chance(15)) {
+    lastNeighbor_["mac"] = pick(kMacs);
+    return lastNeighbor_;
+  }
   const Universe& of = universe();
   const std::pair<const char*, unsigned> kinds[] = {
       {"neighbor", weights_.neighbor},
@@ -215,6 +220,8 @@ json Generator::random() {
   if (kRemovable.contains(op) && chance(weights_.removal)) {
     event["present"] = false;
     if (chance(50)) event.erase("vias");
+  } else if (op == "neighbor") {
+    lastNeighbor_ = event;
   }
   return event;
 }

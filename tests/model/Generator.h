@@ -73,6 +73,7 @@ class Generator {
   std::mt19937_64 random_;
   Weights weights_;
   std::deque<nlohmann::json> scene_;
+  nlohmann::json lastNeighbor_;  ///< the last event that set a neighbour, or null
 };
 
 }  // namespace Golden
