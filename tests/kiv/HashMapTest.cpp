@@ -348,7 +348,7 @@ TEST(HashTest, SpreadsKeysAFixedDistanceApart) {
   for (int round = 0; round < 20; ++round) {
     const uint64_t sum = random();
     hashSeedIs({.add = sum, .multiply = random()});
-    for (const unsigned shift : {0, 8, 16, 32, 44}) {
+    for (const unsigned shift : {0U, 8U, 16U, 32U, 44U}) {
       std::array<size_t, kGroups> ofWord{}, ofTwo{}, ofName{};
       for (uint64_t i = 0; i < kKeys; ++i) {
         const uint64_t key = i << shift;

@@ -130,7 +130,7 @@ TEST_F(ProgramTest, ExitStatusShowsTheResult) {
         "replay /",
         "routes --table x --family 5",
         "types",
-        "types " HOSTROUTE_PROGRAM,
+        ("types " HOSTROUTE_PROGRAM),
         "replay --json --json-lines /dev/null",
         "import --route4 /dev/null",
         "diff /dev/null",

@@ -23,7 +23,7 @@ class AdjacencyTest : public testing::Test {
   using Prefix = typename HostTable::Prefix;
 
   typename Forwarding::Via via(uint32_t n) const { return {.hop = F::addr(n), .intf = intf}; }
-  ViaSet vias(std::vector<uint32_t> hops) const {
+  ViaSet vias(const std::vector<uint32_t>& hops) const {
     ViaSet set;
     for (const uint32_t n : hops) set.newVia(via(n), 1);
     return set;

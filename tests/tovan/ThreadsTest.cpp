@@ -52,8 +52,8 @@ TEST_F(ThreadsTest, ReadersSeeWholeEntriesWhileTheWriterIsBusy) {
   // share the data of these operations.
   std::thread neighbor([&] {
     for (int i = 0; !ends; ++i) {
-      Map private_({.name = "private"});
-      private_.set(1, Repeated(1));
+      Map unshared({.name = "private"});
+      unshared.set(1, Repeated(1));
       const auto shared = config(Access::Write);
       Map own({.access = Access::Write, .name = name + ".own", .layout = shared.layout});
       own.corruptionDetected("not really");

@@ -17,17 +17,21 @@ namespace Weak {
 template <class T>
 using RealAtomic = std::atomic<T>;
 
+/// Also of a pointer, which is itself the value of an atomic.
+template <class T>
+constexpr size_t kBytesOf = sizeof(T);  // NOLINT(bugprone-sizeof-expression)
+
 template <class T>
 uint64_t toWord(T value) {
-  static_assert(sizeof(T) <= sizeof(uint64_t));
+  static_assert(kBytesOf<T> <= sizeof(uint64_t));
   uint64_t word = 0;
-  std::memcpy(&word, &value, sizeof(T));
+  std::memcpy(&word, &value, kBytesOf<T>);
   return word;
 }
 template <class T>
 T fromWord(uint64_t word) {
   T value;
-  std::memcpy(&value, &word, sizeof(T));
+  std::memcpy(&value, &word, kBytesOf<T>);
   return value;
 }
 

@@ -125,7 +125,7 @@ Outcome comeAndGone(size_t exceptions) {
   Outcome all;
   // The places of the keys differ between tables.
   for (int table = 0; table < 6; ++table) {
-    for (const uint64_t key : {5, 100, 6, 7, 8, 9, 10, 11, 12, 13}) {
+    for (const uint64_t key : std::initializer_list<uint64_t>{5, 100, 6, 7, 8, 9, 10, 11, 12, 13}) {
       const std::vector<uint64_t> allowed = key == 5     ? std::vector<uint64_t>{5, 0, 205}
                                             : key == 100 ? std::vector<uint64_t>{0, 100}
                                                          : std::vector<uint64_t>{key};
