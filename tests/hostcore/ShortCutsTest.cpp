@@ -1,5 +1,4 @@
-// Tests of the short cuts: quiet reactors of neighbour tables, omitted merges, cached covers,
-// repeated events.
+// Tests of the short cuts: quiet reactors of neighbour tables, cached covers, repeated events.
 #include "hostcore/fast/State.h"
 #include "tests/hostcore/World.h"
 
